@@ -1,0 +1,183 @@
+// JSON value type over RapidJSON, with lenient typed readers and a compact binary form.
+// Values are plain data: not thread-safe to mutate, safe to read from many threads.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace MarlLogger::json {
+
+enum class Type { Null, Bool, Int, UInt, Double, String, Array, Object };
+
+class JSON;
+
+// An object keeps its members in insertion order; lookups are linear, which is what the small
+// objects of logs and records want. Duplicate keys from parsing keep the last value.
+class JSONObject {
+public:
+    JSONObject() = default;
+    JSONObject(const std::map<std::string, JSON>& map);
+    JSONObject(std::initializer_list<std::pair<std::string, JSON>> pairs);
+    JSONObject(std::vector<std::pair<std::string, JSON>> pairs);
+
+    // Null when absent.
+    const JSON* find(std::string_view key) const;
+    JSON* find(std::string_view key);
+    // Replaces an existing member or appends a new one.
+    void set(std::string key, JSON value);
+    bool erase(std::string_view key);
+    size_t size() const { return members_.size(); }
+    bool empty() const { return members_.empty(); }
+    auto begin() const { return members_.begin(); }
+    auto end() const { return members_.end(); }
+    const std::vector<std::pair<std::string, JSON>>& members() const { return members_; }
+    bool operator==(const JSONObject& other) const;
+
+private:
+    std::vector<std::pair<std::string, JSON>> members_;
+};
+
+using JSONArray = std::vector<JSON>;
+
+class JSON {
+public:
+    JSON() = default;  // null
+    JSON(std::nullptr_t) {}
+    JSON(bool value);
+    JSON(int32_t value);
+    JSON(int64_t value);
+    JSON(uint32_t value);
+    JSON(uint64_t value);
+    JSON(long long value) : JSON(static_cast<int64_t>(value)) {}
+    JSON(unsigned long long value) : JSON(static_cast<uint64_t>(value)) {}
+    JSON(double value);
+    JSON(const char* value);
+    JSON(std::string value);
+    JSON(std::string_view value);
+    JSON(JSONArray value);
+    JSON(JSONObject value);
+    JSON(const std::map<std::string, JSON>& value);
+    template <typename T>
+    JSON(const std::vector<T>& values) : JSON(JSONArray(values.begin(), values.end())) {}
+
+    JSON(const JSON& other);
+    JSON(JSON&& other) noexcept;
+    JSON& operator=(const JSON& other);
+    JSON& operator=(JSON&& other) noexcept;
+    ~JSON();
+
+    // Parses JSON text. On failure returns null and, when `error` is given, fills it with the
+    // parser's words and the offset. Nesting deeper than kMaxDepth fails instead of recursing.
+    static JSON parse(std::string_view text, std::string* error = nullptr);
+    // Decodes the binary form. On failure returns null and fills `error`; never crashes.
+    static JSON parseBinary(std::string_view bytes, std::string* error = nullptr);
+    // Compact, length-prefixed (MessagePack layout); strings hold any bytes unescaped.
+    std::string toBinary() const;
+    // Compact JSON text.
+    std::string toString() const;
+
+    static constexpr int kMaxDepth = 512;
+    static const JSON& null();
+
+    Type type() const { return type_; }
+    bool isNull() const { return type_ == Type::Null; }
+    bool isBool() const { return type_ == Type::Bool; }
+    bool isNumber() const { return type_ == Type::Int || type_ == Type::UInt || type_ == Type::Double; }
+    bool isString() const { return type_ == Type::String; }
+    bool isArray() const { return type_ == Type::Array; }
+    bool isObject() const { return type_ == Type::Object; }
+
+    // Object member, or null() when absent or when this is not an object.
+    const JSON& operator[](std::string_view key) const;
+    const JSON& operator[](const char* key) const { return (*this)[std::string_view(key)]; }
+    // Array element, or null() when out of range or when this is not an array.
+    const JSON& operator[](size_t index) const;
+    // Makes this an object (when null) and sets a member.
+    void set(std::string key, JSON value);
+    // Makes this an array (when null) and appends.
+    void push(JSON value);
+    // Number of members or elements; 0 for scalars.
+    size_t size() const;
+
+    // Lenient readers. A number is taken as it is (cut to the result type), true reads 1 and
+    // false 0, a string "", "0" or "false" reads 0, "1" or "true" reads 1, any other string is
+    // parsed as a decimal number (0 when it does not parse), anything else reads 0.
+    bool boolValue() const;
+    int32_t int32Value() const;
+    int64_t int64Value() const;
+    uint32_t uint32Value() const;
+    uint64_t uint64Value() const;
+    double doubleValue() const;
+    // The value read as above when it is a number, bool or string; `fallback` otherwise.
+    double doubleValueOr(double fallback) const;
+    // A string as it is; a number as decimal text; a bool as "true"/"false"; otherwise empty.
+    std::string stringValue() const;
+    // The string itself, or an empty view for any other type.
+    std::string_view stringViewValue() const;
+    // The elements or members, or an empty container for any other type.
+    const JSONArray& arrayValue() const;
+    const JSONObject& objectValue() const;
+
+    bool operator==(const JSON& other) const;
+
+private:
+    void reset();
+
+    Type type_ = Type::Null;
+    union {
+        bool bool_;
+        int64_t int_;
+        uint64_t uint_;
+        double double_;
+        std::string* string_;
+        JSONArray* array_;
+        JSONObject* object_;
+    };
+};
+
+// Streaming writer of compact JSON text.
+class JSONStringer {
+public:
+    JSONStringer();
+    ~JSONStringer();
+    JSONStringer& object();
+    JSONStringer& endObject();
+    JSONStringer& array();
+    JSONStringer& endArray();
+    JSONStringer& key(std::string_view name);
+    JSONStringer& value(std::nullptr_t);
+    JSONStringer& value(bool v);
+    JSONStringer& value(int32_t v);
+    JSONStringer& value(int64_t v);
+    JSONStringer& value(uint32_t v);
+    JSONStringer& value(uint64_t v);
+    JSONStringer& value(long long v) { return value(static_cast<int64_t>(v)); }
+    JSONStringer& value(unsigned long long v) { return value(static_cast<uint64_t>(v)); }
+    JSONStringer& value(double v);
+    JSONStringer& value(std::string_view v);
+    JSONStringer& value(const char* v) { return value(std::string_view(v)); }
+    JSONStringer& value(const std::string& v) { return value(std::string_view(v)); }
+    JSONStringer& value(const JSON& v);
+    // Writes raw, already valid JSON text as the next value.
+    JSONStringer& beforeValue(std::string_view rawJson);
+    // The text so far.
+    std::string result() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// Lenient coercion of text, shared by the readers above and by readers of documents that do not
+// go through JSON values: "" "0" "false" -> 0, "1" "true" -> 1, otherwise a decimal number, 0
+// when it does not parse.
+int64_t coerceInt(std::string_view text);
+uint64_t coerceUInt(std::string_view text);
+double coerceDouble(std::string_view text);
+
+}  // namespace MarlLogger::json
