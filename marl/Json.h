@@ -12,12 +12,15 @@
 
 namespace MarlLogger::json {
 
+// Int holds every integer that fits in int64_t, whatever type it was built from; UInt holds only
+// larger ones.
 enum class Type { Null, Bool, Int, UInt, Double, String, Array, Object };
 
 class JSON;
 
 // An object keeps its members in insertion order; lookups are linear, which is what the small
-// objects of logs and records want. Duplicate keys from parsing keep the last value.
+// objects of logs and records want. Duplicate keys from parsing (or from the list constructors)
+// keep the last value at the position of the first. Equality ignores member order.
 class JSONObject {
 public:
     JSONObject() = default;
@@ -31,8 +34,9 @@ public:
     // Replaces an existing member or appends a new one.
     void set(std::string key, JSON value);
     bool erase(std::string_view key);
-    size_t size() const { return members_.size(); }
-    bool empty() const { return members_.empty(); }
+    // Defined below JSON: the vector's size() and empty() need JSON complete.
+    size_t size() const;
+    bool empty() const;
     auto begin() const { return members_.begin(); }
     auto end() const { return members_.end(); }
     const std::vector<std::pair<std::string, JSON>>& members() const { return members_; }
@@ -75,10 +79,13 @@ public:
     // parser's words and the offset. Nesting deeper than kMaxDepth fails instead of recursing.
     static JSON parse(std::string_view text, std::string* error = nullptr);
     // Decodes the binary form. On failure returns null and fills `error`; never crashes.
+    // Also reads float32 and bin 8/16/32 (as strings); map keys must be strings; trailing bytes
+    // are an error.
     static JSON parseBinary(std::string_view bytes, std::string* error = nullptr);
-    // Compact, length-prefixed (MessagePack layout); strings hold any bytes unescaped.
+    // Compact, length-prefixed (MessagePack layout); strings hold any bytes unescaped. Empty
+    // when a string, array or object is longer than 2^32 - 1, which the layout cannot express.
     std::string toBinary() const;
-    // Compact JSON text.
+    // Compact JSON text. NaN and infinities are written as null.
     std::string toString() const;
 
     static constexpr int kMaxDepth = 512;
@@ -97,9 +104,9 @@ public:
     const JSON& operator[](const char* key) const { return (*this)[std::string_view(key)]; }
     // Array element, or null() when out of range or when this is not an array.
     const JSON& operator[](size_t index) const;
-    // Makes this an object (when null) and sets a member.
+    // Makes this an object (when null) and sets a member; does nothing to other types.
     void set(std::string key, JSON value);
-    // Makes this an array (when null) and appends.
+    // Makes this an array (when null) and appends; does nothing to other types.
     void push(JSON value);
     // Number of members or elements; 0 for scalars.
     size_t size() const;
@@ -107,6 +114,9 @@ public:
     // Lenient readers. A number is taken as it is (cut to the result type), true reads 1 and
     // false 0, a string "", "0" or "false" reads 0, "1" or "true" reads 1, any other string is
     // parsed as a decimal number (0 when it does not parse), anything else reads 0.
+    // Conversions saturate: out-of-range values read as the type's limits, a negative value as
+    // 0 for the unsigned readers, NaN as 0; doubles are cut toward zero. A bool is true for
+    // any non-zero value.
     bool boolValue() const;
     int32_t int32Value() const;
     int64_t int64Value() const;
@@ -114,6 +124,7 @@ public:
     uint64_t uint64Value() const;
     double doubleValue() const;
     // The value read as above when it is a number, bool or string; `fallback` otherwise.
+    // (A string that does not parse reads 0, not the fallback.)
     double doubleValueOr(double fallback) const;
     // A string as it is; a number as decimal text; a bool as "true"/"false"; otherwise empty.
     std::string stringValue() const;
@@ -123,6 +134,8 @@ public:
     const JSONArray& arrayValue() const;
     const JSONObject& objectValue() const;
 
+    // Numbers compare by value across Int, UInt and Double; NaN equals NaN so that a value
+    // equals its decoded copy.
     bool operator==(const JSON& other) const;
 
 private:
@@ -140,7 +153,12 @@ private:
     };
 };
 
-// Streaming writer of compact JSON text.
+inline size_t JSONObject::size() const { return members_.size(); }
+inline bool JSONObject::empty() const { return members_.empty(); }
+
+// Streaming writer of compact JSON text. A call that would make the text invalid (a key outside
+// an object or where a value is due, a value where a key is due, a second root, an unmatched
+// end) is ignored. Not thread-safe.
 class JSONStringer {
 public:
     JSONStringer();
@@ -163,7 +181,8 @@ public:
     JSONStringer& value(const char* v) { return value(std::string_view(v)); }
     JSONStringer& value(const std::string& v) { return value(std::string_view(v)); }
     JSONStringer& value(const JSON& v);
-    // Writes raw, already valid JSON text as the next value.
+    // Writes raw, already valid JSON text as the next value (not checked; empty text writes
+    // null).
     JSONStringer& beforeValue(std::string_view rawJson);
     // The text so far.
     std::string result() const;
@@ -176,6 +195,12 @@ private:
 // Lenient coercion of text, shared by the readers above and by readers of documents that do not
 // go through JSON values: "" "0" "false" -> 0, "1" "true" -> 1, otherwise a decimal number, 0
 // when it does not parse.
+// The number is read from the start of the text and stops at the first character that cannot
+// continue it, as strtoll/strtod do: "12abc" reads 12, and the integer readers read "1.9" and
+// "1e3" as 1. Unlike those functions, leading blanks are not skipped (" 7" reads 0), hex,
+// "inf" and "nan" are not numbers, and the locale plays no part. Integers saturate at their
+// limits, coerceUInt reads a negative number as 0, and coerceDouble reads an overflow as an
+// infinity and an underflow as 0.
 int64_t coerceInt(std::string_view text);
 uint64_t coerceUInt(std::string_view text);
 double coerceDouble(std::string_view text);

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "ferritcore/Error.h"
+
 namespace FerritCore {
 
 enum class FolderKind : uint32_t { Disk = 0, Asset = 1, OnDemand = 2, Packed = 3 };
@@ -48,6 +50,17 @@ public:
     std::string baseName() const;
     // The text used in every message.
     std::string describe() const;
+
+    // Whether the file or directory is there. On-demand files never exist before they are read.
+    bool exists() const;
+    // True for a non-directory; false for OnDemand; otherwise whether nothing but ".DS_Store"
+    // entries lie there (a Disk path that is no directory counts as empty).
+    bool isEmpty() const;
+    // The whole content. A missing file is 1101, any other failure 1102; on failure the result is
+    // empty and `error` says why.
+    static std::string readFile(const Folder& file, Error& error);
+    // Reads and calls `callback(content, error)`, possibly on another thread.
+    static void readFileAsync(const Folder& file, std::function<void(std::string, Error)> callback);
 
     bool operator==(const Folder& other) const { return kind_ == other.kind_ && relative_ == other.relative_; }
     size_t hash() const;

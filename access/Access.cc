@@ -1,0 +1,159 @@
+#include "ferritcore/Access.h"
+
+#include "access/Errors.h"
+#include "access/Http.h"
+#include "access/Matcher.h"
+#include "access/PackPart.h"
+#include "access/Resource.h"
+#include "access/Url.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+#include "runtime/Settings.h"
+
+namespace FerritCore {
+namespace {
+
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONObject;
+
+// {"errorCode": c, "errorMsg": m} for a part with an error, {"name": n} otherwise.
+JSON partInfo(const ResourcePart& part) {
+    if (part.error) return JSONObject{{"errorCode", part.error.code()}, {"errorMsg", part.error.message()}};
+    return JSONObject{{"name", part.name}};
+}
+
+// The "match" event. Its level is known only at the end (a URL that nothing serves is logged at
+// another level), so the fields are gathered only when some level of it can be written, and the
+// entry is built once, at the end.
+class MatchLog {
+public:
+    MatchLog(const Resource& resource, const ResourceRequest& request, int policy)
+        : resource_(resource), request_(request), policy_(policy),
+          active_(MarlLogger::Log::enabled(MarlLogger::MRLLevelInfo) ||
+                  MarlLogger::Log::enabled(MarlLogger::MRLLevelWarning)) {}
+
+    bool active() const { return active_; }
+    void add(std::string_view key, JSON value) {
+        if (active_) extra_.set(std::string(key), std::move(value));
+    }
+    void finish(const char* how, const ResourcePart& part, bool lowerWhenNotServed) {
+        if (!active_) return;
+        const int level = lowerWhenNotServed && Errors::isNotServed(part.error) ? MarlLogger::MRLLevelWarning
+                                                                                : MarlLogger::MRLLevelInfo;
+        MarlLogger::LogBuilder log(level, resource_.logTag);
+        if (!log.active()) return;
+        log.event("match", request_.parentId)
+            .id(resource_.context->traceId)
+            .append("url", request_.url)
+            .append("referrer", request_.referrer)
+            .append("accept", resource_.context->accept());
+        if (policy_ == kPolicyAsync) log.append("policy", "async");
+        if (request_.isUniApp()) log.append("UniApp", request_.packName).append("UniAppVersion", request_.packVersion);
+        for (const auto& [key, value] : extra_) log.append(key, value);
+        log.append("match", how);
+        if (!part.name.empty()) log.append("name", part.name);
+        if (part.error) log.error(part.error);
+        log.append("matchTime", resource_.matchTime);
+    }
+
+private:
+    const Resource& resource_;
+    const ResourceRequest& request_;
+    int policy_;
+    bool active_;
+    JSONObject extra_;
+};
+
+}  // namespace
+
+std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int policy) {
+    auto context = std::make_shared<RequestContext>(request, kRequestTrigger);
+    auto resource = std::make_shared<Resource>(context, request.parentId, request.isUniApp());
+    MatchLog log(*resource, request, policy);
+
+    std::string keyUrl = Url::key(context->url);
+    std::string keyReferrer = Url::key(request.referrer);
+    const std::string& accept = context->accept();
+
+    // Referrer and exact URL.
+    int kind = kMatchNone;
+    std::shared_ptr<PackPart> part;
+    if (std::shared_ptr<PackMatch> found = findByUrl(keyUrl, keyReferrer, &kind)) {
+        part = std::make_shared<PackPart>(context, keyUrl, std::move(found));
+        if (!part->error || !part->isMissing()) {
+            // Served, or the pack knows the URL but cannot serve it: either way this is the answer.
+            resource->addPart(part, kind);
+            log.finish("referrer", *part, false);
+            return resource;
+        }
+        log.add("referrerInfo", partInfo(*part));
+    }
+
+    // Prefix, unless the referrer stage built an SCache claim.
+    if (!part || kind == kMatchNone) {
+        part = std::make_shared<PackPart>(context, keyUrl, findByPrefix(keyUrl, accept));
+        if (!part->error) {
+            resource->addPart(part, kind);
+            log.finish("prefix", *part, false);
+            return resource;
+        }
+    }
+
+    // The remaining stages: aggregate URLs, UniApp and ModuleCache. Their sources are not
+    // attached in this build, so each finds nothing and the prefix stage's answer stands.
+    log.add("prefixInfo", partInfo(*part));
+    const std::shared_ptr<const Settings> settings = Settings::current();
+    if (!settings->moduleCacheEnabledValue()) log.add("ModuleCache", "disabled");
+    if (!settings->uniAppEnabledValue()) log.add("UniApp", "disabled");
+
+    resource->addPart(part, kind);
+    log.finish("prefix", *part, true);
+    return resource;
+}
+
+std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& request) {
+    if (request.url.empty()) return std::make_unique<ResourceResponse>(Errors::notFerritResourceRef());
+    if (Http::isDisabled(request.header())) return std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef());
+    std::shared_ptr<Resource> resource = match(request, kPolicySync);
+    std::string data;
+    if (!resource->error) data = resource->read();
+    return std::make_unique<ResourceResponse>(std::move(resource), std::move(data));
+}
+
+void Access::getResource(const ResourceRequest& request,
+                         std::function<void(std::unique_ptr<ResourceResponse>)> callback) {
+    if (!callback) return;
+    if (request.url.empty()) {
+        callback(std::make_unique<ResourceResponse>(Errors::notFerritResourceRef()));
+        return;
+    }
+    if (Http::isDisabled(request.header())) {
+        callback(std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef()));
+        return;
+    }
+    std::shared_ptr<Resource> resource = match(request, kPolicyAsync);
+    if (resource->error) {
+        callback(std::make_unique<ResourceResponse>(resource, std::string()));
+        return;
+    }
+    std::shared_ptr<Resource> reading = resource;
+    reading->readAsync([resource = std::move(resource), callback = std::move(callback)](const std::string& data,
+                                                                                         const Error& error) {
+        // A failure here takes is404 from the SCache hit, not from the match: the host then
+        // answers 404 for a file that an SCache pack claims but could not deliver.
+        if (error) {
+            callback(std::make_unique<ResourceResponse>(resource, error, resource->isSCacheHit));
+        } else {
+            callback(std::make_unique<ResourceResponse>(resource, data));
+        }
+    });
+}
+
+void Access::prefetch(const std::vector<std::string>& urls) {
+    // The prefetcher is not attached in this build: there is nothing to hand the list to.
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, "Ferrit/Prefetch")
+        .event("prefetch")
+        .append("count", static_cast<uint64_t>(urls.size()));
+}
+
+}  // namespace FerritCore

@@ -1,0 +1,279 @@
+#include "access/PackPart.h"
+
+#include <zlib.h>
+
+#include <cinttypes>
+
+#include "access/Errors.h"
+#include "access/Http.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+#include "runtime/Environment.h"
+#include "runtime/Proxy.h"
+#include "runtime/Settings.h"
+#include "runtime/TaskRunner.h"
+#include "runtime/Telemetry.h"
+#include "storage/Statistics.h"
+#include "update/SCache.h"
+#include "update/UpdateQueue.h"
+
+namespace FerritCore {
+namespace {
+
+constexpr double kVisitUpdateDelayMs = 5000.0;
+
+// Asks for a newer version a little later, so that the read in progress is not slowed.
+void postVisitUpdate(const std::string& packName) {
+    TaskRunner::post([packName] { UpdateQueue::request(packName, kTriggerVisitUpdate); }, kVisitUpdateDelayMs);
+}
+
+// Forgets the installation of a fixed-URL app pack whose files are gone.
+void postForgetInstall(const std::string& packName) {
+    if (!Environment::instance().isMainProcess()) return;
+    TaskRunner::post([packName] {
+        SCache::mutate([&](FConfig& config) {
+            PackPtr old = config.find(packName);
+            if (!old || old->installedSeq == 0) return;
+            auto pack = std::make_shared<Pack>(*old);
+            pack->installedSeq = 0;
+            pack->installedBaseSeq = 0;
+            pack->installedSize = 0;
+            pack->installTime = 0;
+            config.put(std::move(pack));
+        });
+    });
+}
+
+// The folder of resources of a fixed-URL app pack must hold something.
+Error checkResourcesFolder(const Pack& pack) {
+    const Folder resources = pack.resourcesFolder();
+    if (!resources.isEmpty()) return Error();
+    postForgetInstall(pack.name);
+    return Errors::filesNotFound(resources);
+}
+
+bool isOutOfDate(const Pack& pack, const FConfig& config) {
+    const uint32_t type = pack.packType();
+    if (type != kPackTypeFerrit && type != kPackTypeDefault) return false;
+    const double limit = MRLCurrentTime() - Settings::current()->configOutOfDateIntervalValue();
+    return pack.updateTime < limit && config.lastUpdate < limit;
+}
+
+char typeLetter(const Pack& pack) {
+    switch (pack.packType()) {
+        case kPackTypeACache: return 'A';
+        case kPackTypeSCache: return 'S';
+        case kPackTypeFerrit: return 'F';
+        default: return 'D';
+    }
+}
+
+}  // namespace
+
+void postReinstall(const std::string& packName) {
+    if (!Environment::instance().isMainProcess()) return;
+    TaskRunner::post([packName] {
+        SCache::mutate([&](FConfig& config) {
+            PackPtr old = config.find(packName);
+            if (!old) return;
+            auto pack = std::make_shared<Pack>(*old);
+            pack->setStatus(kPackStatusNeedReinstall);
+            if (pack->status != old->status) config.put(std::move(pack));
+        });
+    });
+}
+
+// ---- PackMatch ----
+
+PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
+    : name(packPtr->name), configVersion(config.version), pinned(pinnedMatch), pack(std::move(packPtr)) {
+    const Pack& p = *pack;
+    if (p.installedSeq == 0) {
+        error = p.status == kPackStatusEliminated ? Errors::eliminated(p.name) : Errors::notInstalled(p.name);
+    } else if (p.packType() != kPackTypeSCache && p.subType == 0 && !pinned && p.installedSeq < p.minSeq) {
+        error = Errors::seqTooLow(p.name, p.installedSeq, p.minSeq);
+    } else if (p.minSeq != 0 && isOutOfDate(p, config)) {
+        error = Errors::outOfDate(p.name, p.updateTime);
+    }
+    if (error) {
+        // The pack cannot serve as it is: ask for it now.
+        UpdateQueue::request(p.name, kTriggerVisit);
+        return;
+    }
+    if (p.packType() == kPackTypeACache && p.subType == 2) {
+        error = checkResourcesFolder(p);
+        return;
+    }
+    const bool needsUpdate = p.installedSeq < p.seq;
+    index = ResourceIndexPool::get(p);
+    if (index->error()) {
+        error = index->error();
+        postReinstall(p.name);
+        return;
+    }
+    if (p.packType() == kPackTypeACache) {
+        error = checkResourcesFolder(p);
+        if (error) return;
+    }
+    if (needsUpdate) postVisitUpdate(p.name);
+}
+
+PackMatch::PackMatch(std::string matchName, Error matchError) : name(std::move(matchName)), error(std::move(matchError)) {}
+
+const std::string& PackMatch::info() {
+    if (!info_.empty()) return info_;
+    if (!pack) {
+        info_.reserve(name.size() + 4);
+        info_.append("D:").append(name).append("@0");
+    } else if (pack->subType == 2) {
+        info_ = "H:" + pack->appName();
+    } else {
+        info_.reserve(pack->name.size() + 24);
+        info_.push_back(typeLetter(*pack));
+        info_.push_back(':');
+        info_.append(pack->name);
+        if (pack->subType != 1) {
+            info_.push_back('@');
+            info_.append(std::to_string(pack->installedSeq));
+        }
+    }
+    return info_;
+}
+
+// ---- PackPart ----
+
+PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partUrl, std::shared_ptr<PackMatch> packMatch)
+    : ResourcePart(std::move(contextPtr), std::move(partUrl), packMatch->info()),
+      match(std::move(packMatch)),
+      createTime_(MRLCurrentClock()) {
+    const bool main = Environment::instance().isMainProcess();
+    if (match->error) {
+        error = match->error;
+    } else if (isOnDemand() && !main) {
+        error = Errors::subProcessUpdateDisabled();
+    } else if (match->index) {
+        record = match->index->find(url);
+        if (record) {
+            file = match->pack->installedFolder().childOf(record->path);
+            if (file.kind() != FolderKind::OnDemand && !file.exists()) {
+                error = Errors::packFileNotFound(name, file);
+                postReinstall(match->pack->name);
+            }
+        } else {
+            error = Errors::notFerritPackResource(name);
+            const Pack& p = *match->pack;
+            const uint32_t type = p.packType();
+            if (p.installedSeq < p.seq &&
+                (type == kPackTypeDefault || type == kPackTypeFerrit || (type == kPackTypeACache && p.subType == 0)))
+                postVisitUpdate(p.name);
+        }
+    }
+    if (!match->name.empty()) {
+        const bool versioned = match->pinned && match->pack && match->pack->subType == 0;
+        const std::string key = versioned ? Pack::pinnedName(match->name, match->pack->installedSeq) : match->name;
+        firstVisit = Statistics::addAccess(key, &accessCount_, 1.0);
+    }
+}
+
+PackPart::~PackPart() {
+    if (error.code() == 3001 || !ProxyCalls::hasProxy()) return;
+    PerfRecord record("Ferrit.AppVisit");
+    record.setDimension("appName", match->pack ? match->pack->appName() : match->name);
+    record.setDimension("packSeq", std::to_string(match->pack ? match->pack->installedSeq : 0));
+    record.setDimension("trigger", triggerName(context ? context->trigger : 0));
+    record.setDimension("installed", match->pack && match->pack->isInstalled() ? "true" : "false");
+    record.setDimension("visitType", firstVisit ? "NF" : "N");
+    record.setDimension("configVersion", match->configVersion);
+    if (error) record.setError(error);
+    record.setMeasure("time", MRLCurrentClock() - createTime_);
+    record.setMeasure("matchTime", match->matchTime);
+    record.setMeasure("readFileTime", readFileTime);
+    record.setMeasure("accessCount", accessCount_);
+    sendEvent(record);
+}
+
+bool PackPart::isOnDemand() const {
+    return match->pack && match->pack->isBuiltIn() && match->pack->isOnDemand;
+}
+
+HeaderMap PackPart::header() const {
+    HeaderMap out;
+    if (record) out = record->header;
+    const std::string& contentType = Http::headerName(Http::kContentType);
+    if (Http::headerValue(out, contentType).empty()) {
+        const std::string_view mime = Http::mimeView(url.empty() ? std::string_view(file.relative()) : std::string_view(url));
+        if (!mime.empty()) {
+            std::string value(mime);
+            if (mime.starts_with("text/")) value.append(";charset=UTF-8");
+            out[contentType] = std::move(value);
+        }
+    }
+    if (Environment::instance().inCooldown(name)) {
+        const std::string& allowOrigin = Http::headerName(Http::kAccessControlAllowOrigin);
+        Http::removeHeader(out, allowOrigin);
+        out[allowOrigin] = "*";
+        out[Http::headerName(Http::kAccessControlExposeHeaders)] = "Via, X-Ferrit-Info";
+    }
+    return out;
+}
+
+bool PackPart::readFile() {
+    const double start = MRLCurrentClock();
+    content = Folder::readFile(file, error);
+    readFileTime = MRLCurrentClock() - start;
+    return !error;
+}
+
+ReadStatus PackPart::read() {
+    if (error) return ReadStatus::Failed;
+    if (isOnDemand()) {
+        error = Errors::readAsyncOnly(file);
+        return ReadStatus::NeedAsync;
+    }
+    if (readFile()) return ReadStatus::Done;
+    if (Errors::isFileMissing(error) && match->pack) postReinstall(match->pack->name);
+    return ReadStatus::Failed;
+}
+
+void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) {
+    if (!callback) return;
+    std::shared_ptr<ResourcePart> self = shared_from_this();
+    if (error && !(isOnDemand() && error.code() == 1108)) {
+        callback(self);
+        return;
+    }
+    if (!isOnDemand()) {
+        read();
+        callback(self);
+        return;
+    }
+    // On-demand files are read through the module loader, which may finish on another thread.
+    error.clear();
+    const std::string readId = MRLGenerateID("FT_Read");
+    const double start = MRLCurrentClock();
+    if (Settings::current()->onDemandEnabledValue()) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, "Ferrit/Read")
+            .event("start", context->traceId)
+            .id(readId)
+            .append("type", "OnDemandResource")
+            .append("path", file.describe());
+    }
+    Folder::readFileAsync(file, [self, this, readId, start, callback = std::move(callback)](std::string data, Error e) {
+        readFileTime = MRLCurrentClock() - start;
+        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, "Ferrit/Read");
+        log.event("finish", context->traceId).id(readId).append("path", file.describe()).append("time", readFileTime);
+        if (e) log.error(e);
+        log.done();
+        content = std::move(data);
+        error = std::move(e);
+        callback(self);
+    });
+}
+
+void PackPart::appendTo(std::string& out, unsigned& crc) {
+    crc = static_cast<unsigned>(::crc32(0L, reinterpret_cast<const Bytef*>(content.data()),
+                                        static_cast<uInt>(content.size())));
+    out.append(content);
+}
+
+}  // namespace FerritCore

@@ -1,0 +1,74 @@
+// PackMatch (what a lookup found, and whether that pack may serve) and PackPart (the resource
+// part of a pack match). Built on the thread that matches; a part is then read on that thread or
+// by one completion at a time.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "access/Resource.h"
+#include "access/ResourceIndex.h"
+#include "storage/Folder.h"
+#include "update/FConfig.h"
+
+namespace FerritCore {
+
+class PackMatch {
+public:
+    // A match of `pack` in `config`, with every check of whether it may serve. Asks for updates
+    // and repairs on the way (never waits for them).
+    PackMatch(const FConfig& config, PackPtr pack, bool pinned);
+    // No pack: `name` is the URL or empty, `error` why nothing serves.
+    PackMatch(std::string name, Error error);
+
+    // The match text: "D:name@0" without a pack; "H:" and the URL for a fixed-URL pack;
+    // "<letter>:name" for a fixed-sequence pack; "<letter>:name@installedSeq" otherwise, with the
+    // letter A, S, F or D by the pack's type. Computed on first use.
+    const std::string& info();
+
+    std::string name;
+    std::string configVersion;
+    bool pinned = false;
+    PackPtr pack;
+    double matchTime = 0;
+    ResourceIndexPtr index;
+    Error error;
+
+private:
+    std::string info_;
+};
+
+class PackPart : public ResourcePart {
+public:
+    PackPart(std::shared_ptr<RequestContext> context, std::string url, std::shared_ptr<PackMatch> match);
+    // Sends "Ferrit.AppVisit" unless nothing matched (3001).
+    ~PackPart() override;
+
+    // True exactly when the pack has no record for the URL.
+    bool isMissing() const override { return record == nullptr; }
+    uint64_t size() const override { return content.size(); }
+    std::string md5() const override { return record ? record->md5 : std::string(); }
+    HeaderMap header() const override;
+    ReadStatus read() override;
+    void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override;
+    void appendTo(std::string& out, unsigned& crc) override;
+
+    std::shared_ptr<PackMatch> match;
+    bool firstVisit = false;
+    std::shared_ptr<const ResourceRecord> record;
+    Folder file;
+    double readFileTime = 0;
+    std::string content;
+
+private:
+    bool isOnDemand() const;
+    bool readFile();
+
+    double accessCount_ = 0;
+    double createTime_;
+};
+
+// Posts, on the main process, the task that marks a pack for reinstall.
+void postReinstall(const std::string& packName);
+
+}  // namespace FerritCore

@@ -1,0 +1,257 @@
+#include "access/Resource.h"
+
+#include <zlib.h>
+
+#include "access/Url.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+#include "runtime/Proxy.h"
+#include "runtime/Settings.h"
+#include "runtime/Telemetry.h"
+
+namespace FerritCore {
+
+using MarlLogger::LogBuilder;
+using MarlLogger::MRLLevelInfo;
+
+// ---- RequestContext ----
+
+RequestContext::RequestContext(const ResourceRequest& request, int trigger, std::string_view tracePrefix)
+    : header(request.header()), traceId(MRLGenerateID(tracePrefix)), trigger(trigger), url(request.url) {
+    if (url.starts_with("http://") && Settings::current()->requestForceHttpsValue()) url.insert(4, 1, 's');
+}
+
+RequestContext::RequestContext(int trigger, std::string_view tracePrefix)
+    : traceId(MRLGenerateID(tracePrefix)), trigger(trigger) {}
+
+std::string_view RequestContext::scheme() { return std::string_view(url).substr(0, Url::schemeLength(url)); }
+
+std::string_view RequestContext::origin() { return Url::origin(url); }
+
+const std::string& RequestContext::accept() {
+    if (!accept_) {
+        std::string value(Http::headerValue(header, Http::headerName(Http::kAccept)));
+        for (char& c : value)
+            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        accept_ = std::move(value);
+    }
+    return *accept_;
+}
+
+const std::vector<Http::AcceptType>& RequestContext::acceptTypes() {
+    if (!acceptTypes_) acceptTypes_ = Http::parseAccept(accept());
+    return *acceptTypes_;
+}
+
+// ---- ResourcePart ----
+
+ResourcePart::ResourcePart(std::shared_ptr<RequestContext> context, std::string url, std::string name)
+    : url(std::move(url)), name(std::move(name)), context(std::move(context)) {}
+
+bool ResourcePart::accept(const HeaderMap&, const std::string&, Error&) { return true; }
+
+const std::string& ResourcePart::traceId() {
+    if (traceId_.empty()) traceId_ = MRLGenerateID("FT_Resource");
+    return traceId_;
+}
+
+// ---- Resource ----
+
+Resource::Resource(std::shared_ptr<RequestContext> context, std::string parentId, bool uniApp)
+    : context(std::move(context)),
+      parentId(std::move(parentId)),
+      logTag(uniApp ? "Ferrit/UniApp" : "Ferrit/Access"),
+      startTime(MRLCurrentClock()),
+      lastTime(startTime) {}
+
+Resource::~Resource() {
+    // Without a proxy the record would be dropped; building it would only cost the request.
+    if (!ProxyCalls::hasProxy()) return;
+    PerfRecord record("Ferrit.VisitPerf");
+    record.setDimension("resourceCount", std::to_string(parts.size()));
+    record.setDimension("type", group ? group->type : std::string("sync"));
+    record.setMeasure("matchTime", matchTime);
+    record.setMeasure("readTime", readTime);
+    record.setMeasure("time", lastTime - startTime);
+    sendEvent(record);
+}
+
+void Resource::addPart(std::shared_ptr<ResourcePart> part, int kind) {
+    const double now = MRLCurrentClock();
+    matchTime = now - lastTime;
+    lastTime = now;
+    error = part->error;
+    parts.push_back(std::move(part));
+    isSCacheHit = kind == 2;
+    if (kind != 0 && error && Settings::current()->scache404EnabledValue()) is404 = true;
+}
+
+void Resource::makeGroup() { group = std::make_shared<ReadGroup>(parts, context); }
+
+std::string Resource::read() {
+    std::string data;
+    if (error || parts.empty()) return data;
+    const double start = MRLCurrentClock();
+    unsigned crc = 0;
+    std::vector<unsigned> crcs;
+    if (parts.size() == 1) {
+        ResourcePart& part = *parts.front();
+        if (part.read() != ReadStatus::Done) {
+            error = part.error;
+        } else {
+            part.appendTo(data, crc);
+        }
+    } else {
+        for (const auto& part : parts) {
+            if (part->read() != ReadStatus::Done) {
+                error = part->error;
+                break;
+            }
+        }
+        if (!error) {
+            uint64_t total = 0;
+            for (const auto& part : parts) total += part->size();
+            data.reserve(total);
+            crcs.resize(parts.size());
+            for (size_t i = 0; i < parts.size(); ++i) parts[i]->appendTo(data, crcs[i]);
+        }
+    }
+    if (error) data.clear();
+    const double now = MRLCurrentClock();
+    readTime = now - start;
+    lastTime = now;
+    LogBuilder log(MRLLevelInfo, logTag);
+    if (log.active()) {
+        log.event("read", parentId).id(context->traceId).append("size", static_cast<uint64_t>(data.size()));
+        if (crcs.empty()) {
+            log.append("crc", crc);
+        } else {
+            log.append("crc", crcs);
+        }
+        if (error) log.error(error);
+    }
+    return data;
+}
+
+void Resource::readAsync(std::function<void(const std::string& data, const Error& error)> callback) {
+    if (!callback) return;
+    if (error || parts.empty()) {
+        callback(std::string(), error);
+        return;
+    }
+    const double start = MRLCurrentClock();
+    // The completions hold the Resource: the caller may let go of it before they run.
+    if (group) {
+        std::shared_ptr<ReadGroup> running = group;
+        running->run([this, self = shared_from_this(), start, callback = std::move(callback)](const std::string& data, const Error& e) {
+            const double now = MRLCurrentClock();
+            readTime = now - start;
+            lastTime = now;
+            LogBuilder log(MRLLevelInfo, logTag);
+            if (log.active()) {
+                log.event("read", parentId)
+                    .id(context->traceId)
+                    .append("size", static_cast<uint64_t>(data.size()))
+                    .append("localCount", group->localCount.load())
+                    .append("remoteCount", group->remoteCount.load())
+                    .append("crc", group->crcs);
+                if (e) log.error(e);
+            }
+            callback(data, e);
+        });
+        return;
+    }
+    std::shared_ptr<ResourcePart> only = parts.front();
+    only->readAsync([this, self = shared_from_this(), start, callback = std::move(callback)](std::shared_ptr<ResourcePart> part) {
+        std::string data;
+        unsigned crc = 0;
+        if (!part->error) part->appendTo(data, crc);
+        const double now = MRLCurrentClock();
+        readTime = now - start;
+        lastTime = now;
+        LogBuilder log(MRLLevelInfo, logTag);
+        if (log.active()) {
+            log.event("read", parentId)
+                .id(context->traceId)
+                .append("size", static_cast<uint64_t>(data.size()))
+                .append("crc", crc)
+                .append("localCount", 1);
+            if (part->error) log.error(part->error);
+        }
+        callback(data, part->error);
+    });
+}
+
+// ---- ReadGroup ----
+
+ReadGroup::ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts, std::shared_ptr<RequestContext> context)
+    : parts(std::move(parts)), context(std::move(context)), remaining(static_cast<int32_t>(this->parts.size())) {
+    crcs.resize(this->parts.size());
+}
+
+void ReadGroup::run(Callback callback) {
+    callback_ = std::move(callback);
+    bool wentAsync = false;
+    std::shared_ptr<ReadGroup> self = shared_from_this();
+    auto completion = [self](std::shared_ptr<ResourcePart> part) { self->partFinished(1, part->error); };
+    for (const auto& part : parts) {
+        if (remaining.load() < 1) break;  // a failure already delivered
+        switch (part->read()) {
+            case ReadStatus::Done:
+                localCount.fetch_add(1);
+                remaining.fetch_sub(1);
+                break;
+            case ReadStatus::Failed:
+                partFinished(1, part->error);
+                break;
+            case ReadStatus::NeedAsync:
+                localCount.fetch_add(1);
+                wentAsync = true;
+                part->readAsync(completion);
+                break;
+            case ReadStatus::NeedAggregate:
+            case ReadStatus::NeedFetch:
+                // Aggregate requests are sent only when the context carries a rule for them;
+                // otherwise each part fetches alone.
+                remoteCount.fetch_add(1);
+                wentAsync = true;
+                part->readAsync(completion);
+                break;
+        }
+        if (remaining.load() < 0) break;
+    }
+    if (wentAsync) type = "async";
+    checkFinished();
+}
+
+void ReadGroup::partFinished(int32_t n, const Error& error) {
+    if (remaining.load() < 1) return;
+    if (error) {
+        if (remaining.exchange(-1) >= 1) {
+            Callback callback = std::move(callback_);
+            callback_ = nullptr;
+            if (callback) callback(std::string(), error);
+        }
+        return;
+    }
+    remaining.fetch_sub(n);
+    checkFinished();
+}
+
+void ReadGroup::checkFinished() {
+    int32_t expected = 0;
+    if (!remaining.compare_exchange_strong(expected, -1)) return;
+    Callback callback = std::move(callback_);
+    callback_ = nullptr;
+    if (!callback) return;
+    std::string data;
+    if (parts.size() > 1) {
+        uint64_t total = 0;
+        for (const auto& part : parts) total += part->size();
+        data.reserve(total);
+    }
+    for (size_t i = 0; i < parts.size(); ++i) parts[i]->appendTo(data, crcs[i]);
+    callback(data, Error());
+}
+
+}  // namespace FerritCore

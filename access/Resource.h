@@ -1,0 +1,153 @@
+// The values a request becomes: RequestContext (shared per-request record), ResourcePart (one
+// file-like source), Resource (the result of matching) and ReadGroup (drives several parts).
+// Resource and ResourcePart are shared between the calling thread and read completions; only
+// their reference counts are atomic, and each completion writes the fields of its own part.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "access/Http.h"
+#include "ferritcore/Error.h"
+#include "ferritcore/ResourceRequest.h"
+
+namespace FerritCore {
+
+struct ComboRule;
+
+// Why a request runs, for the shared context of host requests.
+constexpr int kRequestTrigger = 6;
+
+class RequestContext {
+public:
+    // Copies the request's URL and headers and takes a new trace id with `tracePrefix`. An
+    // "http://" URL becomes "https://" when the setting requestForceHttps is on.
+    RequestContext(const ResourceRequest& request, int trigger, std::string_view tracePrefix = "FT_Access");
+    // A context without a request (the shared context of the pack reader).
+    RequestContext(int trigger, std::string_view tracePrefix);
+
+    HeaderMap header;
+    std::string traceId;
+    int trigger = 0;
+    const ComboRule* comboRule = nullptr;
+    std::string url;
+
+    // Computed on first use; used by one thread at a time (the matcher, then one completion).
+    std::string_view scheme();
+    std::string_view origin();
+    // The "Accept" header, lower-cased.
+    const std::string& accept();
+    const std::vector<Http::AcceptType>& acceptTypes();
+
+private:
+    std::optional<std::string> accept_;
+    std::optional<std::vector<Http::AcceptType>> acceptTypes_;
+};
+
+enum class ReadStatus {
+    Done = 0,           // content is in memory
+    Failed = 1,         // `error` is set; the whole Resource fails
+    NeedAsync = 2,      // `error` is 1108; only readAsync can get the content
+    NeedAggregate = 3,  // no valid cached copy; may share one aggregate request
+    NeedFetch = 4,      // the cached copy is out of date; must be fetched alone
+};
+
+class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
+public:
+    ResourcePart(std::shared_ptr<RequestContext> context, std::string url, std::string name);
+    virtual ~ResourcePart() = default;
+
+    // True when no source holds this URL, so the matcher may try the next source.
+    virtual bool isMissing() const { return true; }
+    virtual uint64_t size() const = 0;
+    virtual std::string md5() const { return {}; }
+    virtual HeaderMap header() const { return {}; }
+    // Reads synchronously where it can.
+    virtual ReadStatus read() = 0;
+    // Calls `callback` with this part when it is finished, on whichever thread finished it.
+    virtual void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) = 0;
+    // Takes what the network delivered; false with `error` set when refused.
+    virtual bool accept(const HeaderMap& header, const std::string& content, Error& error);
+    // Appends the content to `out` and stores its CRC-32 in `crc`.
+    virtual void appendTo(std::string& out, unsigned& crc) = 0;
+
+    // Generated on first use with the prefix "FT_Resource".
+    const std::string& traceId();
+
+    std::string url;
+    std::string name;  // the match text
+    std::shared_ptr<RequestContext> context;
+    Error error;
+
+private:
+    std::string traceId_;
+};
+
+class ReadGroup;
+
+class Resource : public std::enable_shared_from_this<Resource> {
+public:
+    Resource(std::shared_ptr<RequestContext> context, std::string parentId, bool uniApp);
+    // Sends "Ferrit.VisitPerf".
+    ~Resource();
+
+    Resource(const Resource&) = delete;
+    Resource& operator=(const Resource&) = delete;
+
+    // Stamps matchTime and lastTime, takes the part's error, appends the part, sets isSCacheHit
+    // for kind 2, and is404 when kind is not 0, there is an error and scache404Enabled is on.
+    void addPart(std::shared_ptr<ResourcePart> part, int kind);
+    // Reads every part on the calling thread; empty on any failure (then `error` is set).
+    std::string read();
+    // `callback(data, error)` runs once, on whichever thread finishes last. The Resource must be
+    // held by a shared pointer; the completion keeps it alive.
+    void readAsync(std::function<void(const std::string& data, const Error& error)> callback);
+    // Creates the group over the current parts.
+    void makeGroup();
+
+    std::shared_ptr<RequestContext> context;
+    std::string parentId;
+    std::string logTag;
+    double startTime;
+    double lastTime;
+    double matchTime = 0;
+    double readTime = 0;
+    Error error;
+    std::vector<std::shared_ptr<ResourcePart>> parts;
+    bool isCombo = false;
+    bool is404 = false;
+    bool isSCacheHit = false;
+    std::shared_ptr<ReadGroup> group;
+};
+
+class ReadGroup : public std::enable_shared_from_this<ReadGroup> {
+public:
+    using Callback = std::function<void(const std::string& data, const Error& error)>;
+
+    ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts, std::shared_ptr<RequestContext> context);
+
+    // Reads every part, synchronously where it can; `callback` runs exactly once, with the data of
+    // every part in order or with the first error.
+    void run(Callback callback);
+
+    std::vector<std::shared_ptr<ResourcePart>> parts;
+    std::vector<unsigned> crcs;
+    std::shared_ptr<RequestContext> context;
+    std::atomic<int32_t> remaining;  // parts still to finish; -1 once delivered or failed
+    std::atomic<int32_t> localCount{0};
+    std::atomic<int32_t> remoteCount{0};
+    std::vector<int32_t> pendingIndices;
+    std::string type = "sync";
+
+private:
+    void partFinished(int32_t n, const Error& error);
+    void checkFinished();
+
+    Callback callback_;
+};
+
+}  // namespace FerritCore

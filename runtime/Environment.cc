@@ -1,0 +1,65 @@
+#include "runtime/Environment.h"
+
+#include "marl/Clock.h"
+#include "runtime/Proxy.h"
+
+namespace FerritCore {
+
+Environment& Environment::instance() {
+    static Environment* environment = new Environment();  // never destroyed
+    return *environment;
+}
+
+std::string Environment::sessionName() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sessionName_;
+}
+
+void Environment::setSessionName(std::string name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sessionName_ = std::move(name);
+}
+
+void Environment::addCooldown(const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    cooldowns_[name] = MRLCurrentClock() + 5000.0;
+    cooldownCount_.store(cooldowns_.size(), std::memory_order_release);
+}
+
+bool Environment::inCooldown(std::string_view name) {
+    if (cooldownCount_.load(std::memory_order_acquire) == 0) return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = cooldowns_.find(std::string(name));
+    if (it == cooldowns_.end()) return false;
+    if (MRLCurrentClock() < it->second) return true;
+    cooldowns_.erase(it);
+    cooldownCount_.store(cooldowns_.size(), std::memory_order_release);
+    return false;
+}
+
+void Environment::resetForTesting() {
+    setProxy(nullptr);
+    setMainProcess(true);
+    setDeveloperDisabled(0);
+    std::lock_guard<std::mutex> lock(mutex_);
+    sessionName_.clear();
+    cooldowns_.clear();
+    cooldownCount_.store(0, std::memory_order_release);
+}
+
+namespace ProxyCalls {
+
+bool verifySignature(const std::string& md5Hex, const std::string& signature) {
+    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
+    return proxy ? proxy->verifySignature(md5Hex, signature) : false;
+}
+
+void sendEvent(const PerfRecord& record) {
+    if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->sendEvent(record);
+}
+
+bool hasProxy() { return Environment::instance().proxy() != nullptr; }
+
+}  // namespace ProxyCalls
+
+}  // namespace FerritCore

@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Sets everything up and runs every test: the unit tests (g++, -Werror), the same tests under
+# ASan+UBSan, a clang build, each libFuzzer target for a bounded time, and a short benchmark
+# pass so that the benchmarks keep building and running.
+#   FUZZ_SECONDS  seconds per fuzz target (default 20)
+#   JOBS          parallel test jobs (default: number of cores)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+
+jobs=${JOBS:-$(nproc)}
+fuzz_seconds=${FUZZ_SECONDS:-20}
+
+echo "== build (g++, -Werror)"
+bash scripts/build.sh build -DFERRIT_BENCH=ON
+echo "== tests"
+ctest --test-dir build --output-on-failure -j "$jobs"
+
+echo "== tests under ASan+UBSan"
+bash scripts/build.sh build-asan -DFERRIT_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== fuzz targets (clang, ${fuzz_seconds}s each)"
+CC=clang CXX=clang++ bash scripts/build.sh build-fuzz -DFERRIT_FUZZ=ON -DFERRIT_TESTS=OFF
+mkdir -p build-fuzz/corpus
+for target in build-fuzz/fuzz/*_fuzz; do
+  name=$(basename "$target")
+  mkdir -p "build-fuzz/corpus/$name"
+  seeds=""
+  [ -d "fuzz/corpus/$name" ] && seeds="fuzz/corpus/$name"
+  "$target" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 -timeout=10 -print_final_stats=0 \
+    "build-fuzz/corpus/$name" $seeds 2>"build-fuzz/$name.log" || { tail -n 40 "build-fuzz/$name.log"; exit 1; }
+  echo "$name: $(grep -Eo 'stat::number_of_executed_units: *[0-9]+|#[0-9]+ *DONE' "build-fuzz/$name.log" | tail -n 1)"
+done
+
+echo "== benchmarks (smoke)"
+for bench in build/bench/*_bench; do
+  "$bench" --benchmark_min_time=0.01 >/dev/null
+done
+
+echo "== all tests again for the record"
+ctest --test-dir build -j "$jobs" | tail -n 3

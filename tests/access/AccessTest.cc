@@ -1,0 +1,416 @@
+#include <gtest/gtest.h>
+
+#include "AccessFixture.h"
+#include "access/Errors.h"
+#include "access/Matcher.h"
+#include "access/PackPart.h"
+#include "ferritcore/Access.h"
+
+namespace FerritTest {
+namespace {
+
+class AccessTest : public AccessFixture {
+protected:
+    // A plain pack "app" installed at `installed` with one file at "res/app.js" for the URL.
+    void installAppPack(uint64_t installed, uint64_t seq) {
+        install({pack("app", kPackTypeFerrit, installed, seq, {"https://h.com/app/"})});
+        serveIndexes({{"app", table({{"res/app.js", "https://h.com/app/app.js"}, {"res/x.css", ""}})}});
+        writeFile("apps/app/" + std::to_string(installed) + "/res/app.js", "console.log(1);");
+        writeFile("apps/app/" + std::to_string(installed) + "/res/x.css", "a{}");
+    }
+};
+
+TEST_F(AccessTest, EmptyUrlGives3001WithoutMatchEventInSyncForm) {
+    auto response = Access::getResource(ResourceRequest("", ""));
+    EXPECT_EQ(response->error.code(), 3001);
+    EXPECT_EQ(response->error.message(), "Not Ferrit resource");
+    EXPECT_EQ(response->resource, nullptr);
+    EXPECT_EQ(logs_->count("match"), 0u);
+}
+
+TEST_F(AccessTest, EmptyUrlGives3001WithoutMatchEventInAsyncForm) {
+    std::unique_ptr<ResourceResponse> got;
+    Access::getResource(ResourceRequest("", ""), [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(got->error.code(), 3001);
+    EXPECT_EQ(logs_->count("match"), 0u);
+}
+
+TEST_F(AccessTest, AsyncWithEmptyCallbackDoesNothing) {
+    Access::getResource(ResourceRequest("https://h.com/app/app.js", ""), nullptr);
+    EXPECT_EQ(logs_->count("match"), 0u);
+}
+
+TEST_F(AccessTest, ControlHeaderDisabledGives3003WithoutResource) {
+    ResourceRequest request("https://h.com/a.js", HeaderMap{{"x-ferrit-control", "disabled"}});
+    auto response = Access::getResource(request);
+    EXPECT_EQ(response->error.code(), 3003);
+    EXPECT_EQ(response->error.message(), "Ferrit disabled by X-Ferrit-Control header");
+    EXPECT_EQ(response->resource, nullptr);
+    EXPECT_EQ(response->header.at("X-Ferrit-Info"), ",0,3003");
+    EXPECT_EQ(logs_->count("match"), 0u);
+
+    std::unique_ptr<ResourceResponse> got;
+    Access::getResource(request, [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(got->error.code(), 3003);
+}
+
+TEST_F(AccessTest, ControlHeaderValueIsCaseSensitive) {
+    auto response = Access::getResource(ResourceRequest("https://h.com/a.js", HeaderMap{{"X-Ferrit-Control", "Disabled"}}));
+    EXPECT_EQ(response->error.code(), 3001);
+    EXPECT_NE(response->resource, nullptr);
+}
+
+TEST_F(AccessTest, UnknownUrlGives3001WithoutIs404AndInfoWithCode) {
+    auto response = Access::getResource(ResourceRequest("https://nowhere.com/x.js", ""));
+    EXPECT_EQ(response->error.code(), 3001);
+    EXPECT_FALSE(response->is404);
+    EXPECT_TRUE(response->data.empty());
+    EXPECT_EQ(response->header.at("X-Ferrit-Info"), "D:@0,3001");
+    EXPECT_FALSE(response->header.at("Date").empty());
+    EXPECT_EQ(response->header.count("Via"), 0u);
+    EXPECT_EQ(response->header.count("Cache-Control"), 0u);
+}
+
+TEST_F(AccessTest, UnmatchedUrlLogsMatchAtLoweredLevelWithPrefixInfo) {
+    Access::getResource(ResourceRequest("https://nowhere.com/x.js", HeaderMap{{"Accept", "Text/HTML"}}));
+    auto entry = logs_->last("match", "Ferrit/Access");
+    ASSERT_EQ(entry.event, "match");
+    EXPECT_EQ(entry.level, 2);
+    EXPECT_EQ(entry.field("match").stringValue(), "prefix");
+    EXPECT_EQ(entry.field("accept").stringValue(), "text/html");
+    EXPECT_EQ(entry.field("url").stringValue(), "https://nowhere.com/x.js");
+    EXPECT_EQ(entry.errorCode, "3001");
+    EXPECT_EQ(entry.field("prefixInfo")["errorCode"].int32Value(), 3001);
+    EXPECT_FALSE(entry.has("policy"));
+    EXPECT_TRUE(entry.has("matchTime"));
+}
+
+TEST_F(AccessTest, AsyncPolicyIsLoggedOnMatchEvent) {
+    installAppPack(3, 3);
+    std::unique_ptr<ResourceResponse> got;
+    Access::getResource(ResourceRequest("https://h.com/app/app.js", ""), [&](std::unique_ptr<ResourceResponse> r) {
+        got = std::move(r);
+    });
+    ASSERT_NE(got, nullptr);
+    EXPECT_FALSE(got->error) << got->error.message();
+    auto entry = logs_->last("match");
+    EXPECT_EQ(entry.field("policy").stringValue(), "async");
+    EXPECT_EQ(entry.level, 3);
+}
+
+TEST_F(AccessTest, PrefixHitServesBytesWithHeaders) {
+    installAppPack(3, 3);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js?v=1", ""));
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "console.log(1);");
+    EXPECT_EQ(response->md5, "0123456789abcdef0123456789abcdef");
+    EXPECT_EQ(response->header.at("Content-Type"), "application/x-javascript");
+    EXPECT_EQ(response->header.at("Cache-Control"), "no-store");
+    EXPECT_EQ(response->header.at("Via"), "Ferrit/" FERRIT_CORE_VERSION ",F:app@3");
+    EXPECT_EQ(response->header.at("X-Ferrit-Info"), "F:app@3,0");
+    auto entry = logs_->last("match");
+    EXPECT_EQ(entry.field("match").stringValue(), "prefix");
+    EXPECT_EQ(entry.field("name").stringValue(), "F:app@3");
+    EXPECT_EQ(logs_->count("read"), 1u);
+}
+
+TEST_F(AccessTest, TextTypesGetCharset) {
+    installAppPack(3, 3);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/x.css", ""));
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "a{}");
+    EXPECT_EQ(response->header.at("Content-Type"), "text/css;charset=UTF-8");
+}
+
+TEST_F(AccessTest, UrlUnknownToPackGives3002) {
+    installAppPack(3, 3);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/none.js", ""));
+    EXPECT_EQ(response->error.code(), 3002);
+    EXPECT_EQ(response->error.message(), "Not Ferrit F:app@3 resource");
+}
+
+TEST_F(AccessTest, OlderInstalledSequencePostsUpdateFiveSecondsLaterWithoutDelayingRead) {
+    installAppPack(3, 4);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "console.log(1);");
+    EXPECT_TRUE(updates.empty());
+    clock_->advance(4999);
+    TaskRunner::runDue();
+    EXPECT_TRUE(updates.empty());
+    clock_->advance(1);
+    TaskRunner::runDue();
+    ASSERT_EQ(updates.size(), 1u);
+    EXPECT_EQ(updates[0].name, "app");
+    EXPECT_EQ(updates[0].trigger, kTriggerVisitUpdate);
+}
+
+TEST_F(AccessTest, MissingOldResourcePullsNewerVersion) {
+    installAppPack(3, 4);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/new.js", ""));
+    EXPECT_EQ(response->error.code(), 3002);
+    clock_->advance(5000);
+    TaskRunner::runDue();
+    ASSERT_FALSE(updates.empty());
+    EXPECT_EQ(updates.back().trigger, kTriggerVisitUpdate);
+}
+
+TEST_F(AccessTest, NotInstalledPackGives3104AndAsksForVisitUpdateAtOnce) {
+    install({pack("app", kPackTypeFerrit, 0, 4, {"https://h.com/app/"})});
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    EXPECT_EQ(response->error.code(), 3104);
+    EXPECT_EQ(response->error.message(), "app not installed");
+    ASSERT_EQ(updates.size(), 1u);
+    EXPECT_EQ(updates[0].trigger, kTriggerVisit);
+}
+
+TEST_F(AccessTest, EliminatedPackGives3105) {
+    auto p = pack("app", kPackTypeFerrit, 0, 4, {"https://h.com/app/"});
+    p->status = kPackStatusEliminated;
+    install({p});
+    EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/a.js", ""))->error.code(), 3105);
+}
+
+TEST_F(AccessTest, InstalledBelowMinimumGives3108) {
+    auto p = pack("app", kPackTypeFerrit, 3, 5, {"https://h.com/app/"});
+    p->minSeq = 4;
+    install({p});
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
+    EXPECT_EQ(response->error.code(), 3108);
+    EXPECT_EQ(response->error.message(), "app 3 less than 4");
+}
+
+TEST_F(AccessTest, OutOfDatePackGives3110) {
+    auto p = pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"});
+    p->minSeq = 1;
+    p->updateTime = MRLCurrentTime() - 129600001.0;
+    install({p}, MRLCurrentTime() - 129600001.0);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
+    EXPECT_EQ(response->error.code(), 3110);
+    EXPECT_EQ(response->error.message().rfind("app out of date: ", 0), 0u);
+}
+
+TEST_F(AccessTest, RecentDocumentKeepsPackInDate) {
+    installAppPack(3, 3);
+    auto p = std::make_shared<Pack>(*SCache::current()->find("app"));
+    p->minSeq = 1;
+    p->updateTime = MRLCurrentTime() - 129600001.0;
+    install({p});  // the document itself was just taken in
+    EXPECT_FALSE(Access::getResource(ResourceRequest("https://h.com/app/app.js", ""))->error);
+}
+
+TEST_F(AccessTest, IndexFailurePostsReinstall) {
+    install({pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
+    EXPECT_EQ(response->error.code(), 3112);
+    TaskRunner::runDue();
+    EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
+}
+
+TEST_F(AccessTest, MissingFileGives3109AndPostsReinstall) {
+    installAppPack(3, 3);
+    std::filesystem::remove(temp_.path() / "apps/app/3/res/app.js");
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    EXPECT_EQ(response->error.code(), 3109);
+    EXPECT_EQ(response->error.message(), "F:app@3 file not found: apps/app/3/res/app.js");
+    EXPECT_FALSE(response->is404);
+    TaskRunner::runDue();
+    EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
+}
+
+TEST_F(AccessTest, SubProcessPostsNoRepairs) {
+    installAppPack(3, 3);
+    Environment::instance().setMainProcess(false);
+    std::filesystem::remove(temp_.path() / "apps/app/3/res/app.js");
+    EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/app.js", ""))->error.code(), 3109);
+    EXPECT_EQ(TaskRunner::pendingCount(), 0u);
+}
+
+TEST_F(AccessTest, ReferrerPackServesUnknownUrlWithKindZero) {
+    install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"})});
+    serveIndexes({{"page", table({{"res/lib.js", "https://cdn.com/lib.js"}})}});
+    writeFile("apps/page/2/res/lib.js", "lib");
+    int kind = -1;
+    auto match = findByUrl(Url::key("https://cdn.com/other.js"), Url::key("https://h.com/index.html"), &kind);
+    ASSERT_NE(match, nullptr);
+    EXPECT_EQ(kind, kMatchNone);
+    EXPECT_EQ(match->name, "page");
+
+    auto response = Access::getResource(ResourceRequest("https://cdn.com/lib.js", "https://h.com/index.html"));
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "lib");
+    EXPECT_EQ(logs_->last("match").field("match").stringValue(), "referrer");
+}
+
+TEST_F(AccessTest, ReferrerMissFallsThroughToPrefixWithReferrerInfo) {
+    install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
+             pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
+    serveIndexes({{"page", table({})}, {"app", table({{"res/app.js", "https://h.com/app/app.js"}})}});
+    writeFile("apps/app/3/res/app.js", "A");
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", "https://h.com/index.html"));
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "A");
+    auto entry = logs_->last("match");
+    EXPECT_EQ(entry.field("match").stringValue(), "prefix");
+    EXPECT_EQ(entry.field("referrerInfo")["errorCode"].int32Value(), 3002);
+}
+
+TEST_F(AccessTest, UrlOwnPackWinsOverReferrerPack) {
+    install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
+             pack("own", kPackTypeFerrit, 1, 1, {}, {"https://h.com/a.js"})});
+    int kind = -1;
+    auto match = findByUrl(Url::key("https://h.com/a.js"), Url::key("https://h.com/index.html"), &kind);
+    ASSERT_NE(match, nullptr);
+    EXPECT_EQ(match->name, "own");
+}
+
+TEST_F(AccessTest, SCacheKindsFromUrlAndReferrer) {
+    install({pack("sc", kPackTypeSCache, 1, 1, {}, {"https://h.com/page.html", "https://h.com/own.png"})});
+    int kind = -1;
+    ASSERT_NE(findByUrl("//h.com/own.png", "", &kind), nullptr);
+    EXPECT_EQ(kind, kMatchUrlSCache);
+    ASSERT_NE(findByUrl("//cdn.com/x.JS", "//h.com/page.html", &kind), nullptr);
+    EXPECT_EQ(kind, kMatchReferrerSCache);
+    ASSERT_NE(findByUrl("//cdn.com/x.png", "//h.com/page.html", &kind), nullptr);
+    EXPECT_EQ(kind, kMatchNone);
+}
+
+TEST_F(AccessTest, SCacheSwitchedOffHidesPack) {
+    install({pack("sc", kPackTypeSCache, 1, 1, {}, {"https://h.com/own.png"})});
+    int kind = -1;
+    Settings::change([](Settings& s) { s.disableSCacheList.insert("sc"); });
+    EXPECT_EQ(findByUrl("//h.com/own.png", "", &kind), nullptr);
+    Settings::change([](Settings& s) {
+        s.disableSCacheList.clear();
+        s.enableSCache = false;
+    });
+    EXPECT_EQ(findByUrl("//h.com/own.png", "", &kind), nullptr);
+    Settings::change([](Settings& s) { s.enableSCache = true; });
+    EXPECT_NE(findByUrl("//h.com/own.png", "", &kind), nullptr);
+}
+
+TEST_F(AccessTest, SCacheFileTypeSettingReplacesDefaults) {
+    Settings::change([](Settings& s) { s.scacheFileType = std::unordered_set<std::string>{"png"}; });
+    const auto settings = Settings::current();
+    EXPECT_TRUE(fileTypeClaimed(*settings, "image.PNG"));
+    EXPECT_FALSE(fileTypeClaimed(*settings, "a.js"));
+    Settings::reset();
+    EXPECT_FALSE(fileTypeClaimed(*Settings::current(), "image.PNG"));
+    EXPECT_TRUE(fileTypeClaimed(*Settings::current(), "//h/a.CSS"));
+    EXPECT_FALSE(fileTypeClaimed(*Settings::current(), "//h/noext"));
+}
+
+TEST_F(AccessTest, SCacheReferrerClaimWithErrorSkipsPrefixAndSets404) {
+    // The referrer's SCache pack claims every script below the page, even one it lacks.
+    install({pack("sc", kPackTypeSCache, 1, 1, {}, {"https://h.com/page.html"}),
+             pack("app", kPackTypeFerrit, 3, 3, {"https://cdn.com/"})});
+    ResourceIndexPool::set("sc", std::make_shared<const ResourceIndex>("sc", table({})));
+    auto response = Access::getResource(ResourceRequest("https://cdn.com/x.js", "https://h.com/page.html"));
+    EXPECT_EQ(response->error.code(), 3002);
+    EXPECT_TRUE(response->is404);
+    EXPECT_EQ(logs_->last("match").field("match").stringValue(), "prefix");
+}
+
+TEST_F(AccessTest, SCache404CanBeSwitchedOff) {
+    install({pack("sc", kPackTypeSCache, 1, 1, {}, {"https://h.com/page.html"})});
+    ResourceIndexPool::set("sc", std::make_shared<const ResourceIndex>("sc", table({})));
+    Settings::change([](Settings& s) { s.scache404Enabled = false; });
+    auto response = Access::getResource(ResourceRequest("https://cdn.com/x.js", "https://h.com/page.html"));
+    EXPECT_EQ(response->error.code(), 3002);
+    EXPECT_FALSE(response->is404);
+}
+
+TEST_F(AccessTest, DeveloperSwitchGives3003FromPrefixStage) {
+    installAppPack(3, 3);
+    Environment::instance().setDeveloperDisabled(1);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    EXPECT_EQ(response->error.code(), 3003);
+    EXPECT_EQ(response->error.message(), "Ferrit disabled by develop tool");
+    EXPECT_EQ(logs_->last("match").level, 2);
+}
+
+TEST_F(AccessTest, HttpUrlIsForcedToHttpsUnlessSwitchedOff) {
+    ResourceRequest request("http://h.com/a.js", "");
+    EXPECT_EQ(RequestContext(request, 6).url, "https://h.com/a.js");
+    Settings::change([](Settings& s) { s.requestForceHttps = false; });
+    EXPECT_EQ(RequestContext(request, 6).url, "http://h.com/a.js");
+}
+
+TEST_F(AccessTest, ProxyReceivesVisitRecords) {
+    installAppPack(3, 3);
+    auto proxy = std::make_shared<RecordingProxy>();
+    Environment::instance().setProxy(proxy);
+    Environment::instance().setSessionName("Ferrit_MAIN_1.0");
+    {
+        auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+        ASSERT_FALSE(response->error);
+    }
+    ASSERT_EQ(proxy->names.size(), 2u);
+    EXPECT_EQ(proxy->names[0], "Ferrit.VisitPerf");
+    EXPECT_EQ(proxy->dimensions[0].at("resourceCount"), "1");
+    EXPECT_EQ(proxy->dimensions[0].at("type"), "sync");
+    EXPECT_EQ(proxy->names[1], "Ferrit.AppVisit");
+    EXPECT_EQ(proxy->dimensions[1].at("visitType"), "NF");
+    EXPECT_EQ(proxy->dimensions[1].at("sessionID"), "Ferrit_MAIN_1.0");
+    EXPECT_EQ(proxy->dimensions[1].at("appName"), "app");
+}
+
+TEST_F(AccessTest, NoAppVisitForUnmatchedUrl) {
+    auto proxy = std::make_shared<RecordingProxy>();
+    Environment::instance().setProxy(proxy);
+    { Access::getResource(ResourceRequest("https://nowhere.com/x.js", "")); }
+    ASSERT_EQ(proxy->names.size(), 1u);
+    EXPECT_EQ(proxy->names[0], "Ferrit.VisitPerf");
+}
+
+TEST_F(AccessTest, SecondVisitIsNotFirst) {
+    installAppPack(3, 3);
+    auto proxy = std::make_shared<RecordingProxy>();
+    Environment::instance().setProxy(proxy);
+    { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }
+    { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }
+    ASSERT_EQ(proxy->dimensions.size(), 4u);
+    EXPECT_EQ(proxy->dimensions[3].at("visitType"), "N");
+}
+
+TEST_F(AccessTest, CooldownOpensCrossOriginHeaders) {
+    installAppPack(3, 3);
+    Environment::instance().addCooldown("F:app@3");
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    EXPECT_EQ(response->header.at("Access-Control-Allow-Origin"), "*");
+    EXPECT_EQ(response->header.at("Access-Control-Expose-Headers"), "Via, X-Ferrit-Info");
+    clock_->advance(5000);
+    response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    EXPECT_EQ(response->header.count("Access-Control-Allow-Origin"), 0u);
+}
+
+TEST_F(AccessTest, SetFinishedLogsFinishWithTraceId) {
+    installAppPack(3, 3);
+    ResourceRequest request("https://h.com/app/app.js", "");
+    request.parentId = "parent-1";
+    auto response = Access::getResource(request);
+    response->setFinished(Error());
+    auto entry = logs_->last("finish");
+    EXPECT_EQ(entry.parentId, "parent-1");
+    EXPECT_EQ(entry.id.rfind("FT_Access_", 0), 0u);
+    EXPECT_FALSE(entry.hasError);
+    response->setFinished(Errors::napiFailed(3));
+    EXPECT_EQ(logs_->last("finish").errorCode, "9995");
+}
+
+TEST_F(AccessTest, HostileUrlsNeverCrash) {
+    installAppPack(3, 3);
+    std::string binary;
+    for (int i = 0; i < 256; ++i) binary.push_back(static_cast<char>(i));
+    for (const std::string& url : {std::string(1 << 20, 'a'), binary, std::string("?"), std::string("#"),
+                                   std::string("//"), std::string("https://"), std::string("::::"),
+                                   std::string("https://h.com/app/"), std::string("https://h.com/app/??a.js,b.js")}) {
+        auto response = Access::getResource(ResourceRequest(url, HeaderMap{{"Accept", binary}, {"Referer", url}}));
+        EXPECT_TRUE(response->error.code() == 3001 || response->error.code() == 3002) << response->error.message();
+    }
+}
+
+}  // namespace
+}  // namespace FerritTest

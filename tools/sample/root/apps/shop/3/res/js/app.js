@@ -1,0 +1,1 @@
+document.querySelector("h1").textContent += " (served from the pack)";

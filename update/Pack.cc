@@ -1,0 +1,82 @@
+#include "update/Pack.h"
+
+namespace FerritCore {
+namespace {
+
+std::string seqFolder(const std::string& name, uint64_t seq) {
+    return name + "/" + std::to_string(seq) + "/";
+}
+
+}  // namespace
+
+const char* packStatusName(uint32_t status) {
+    switch (status) {
+        case kPackStatusNormal: return "Normal";
+        case kPackStatusNeedReinstall: return "NeedReinstall";
+        case kPackStatusEliminated: return "Eliminated";
+        case kPackStatusPreview: return "Preview";
+        case kPackStatusDeleted: return "Deleted";
+        default: return "Unknown";
+    }
+}
+
+std::string Pack::rootName() const {
+    if (subType == 1) {
+        const size_t at = name.find('@');
+        if (at != std::string::npos) return name.substr(0, at);
+    }
+    return name;
+}
+
+std::string Pack::appName() const { return subType == 2 ? zipURL : rootName(); }
+
+std::string Pack::pinnedName(const std::string& name, uint64_t seq) {
+    return name + "@" + std::to_string(seq);
+}
+
+bool Pack::isSupported() const {
+    const uint32_t type = packType();
+    return type == kPackTypeDefault || type == kPackTypeACache || type == kPackTypeFerrit ||
+           type == kPackTypeSCache;
+}
+
+bool Pack::needsConfig() const {
+    return !(seq != 0 && baseSeq != 0) && (packType() != kPackTypeACache || subType == 0);
+}
+
+bool Pack::isResident() const {
+    const uint32_t p = priority();
+    return subType == 0 && (p == 7 || p > 8 || packType() == kPackTypeSCache);
+}
+
+bool Pack::isBuiltIn() const {
+    return packType() == kPackTypeSCache && subType != 1 && status != kPackStatusPreview;
+}
+
+bool Pack::canUpdateIncrementally() const {
+    return packType() == kPackTypeFerrit && status != kPackStatusNeedReinstall &&
+           status != kPackStatusPreview && installedSeq != 0 && installedSeq < seq &&
+           baseSeq == installedBaseSeq;
+}
+
+void Pack::setStatus(uint32_t newStatus) {
+    if (newStatus == kPackStatusNeedReinstall && !(status == kPackStatusNormal && isInstalled())) return;
+    if (newStatus == kPackStatusEliminated && (status == kPackStatusEliminated || status == kPackStatusPreview))
+        return;
+    status = newStatus;
+}
+
+Folder Pack::installedFolder() const {
+    const std::string root = rootName();
+    if (isBuiltIn()) {
+        const std::string relative = "Ferrit_Asset_" + seqFolder(root, installedSeq);
+        if (isOnDemand) return Folder::onDemand("Ferrit_Asset_" + root, relative);
+        return Folder::asset(relative);
+    }
+    if (packType() == kPackTypeACache || !isPacks) return Folder::disk("apps/" + seqFolder(root, installedSeq));
+    return Folder::packed(seqFolder(root, installedSeq));
+}
+
+Folder Pack::resourcesFolder() const { return installedFolder().childOf("res/"); }
+
+}  // namespace FerritCore
