@@ -14,14 +14,18 @@ int viewLength(std::string_view text) {
 }
 
 // An empty view may carry a null pointer, which "%.*s" must not be handed even with length 0.
-const char* viewData(std::string_view text) { return text.data() != nullptr ? text.data() : ""; }
+const char* viewData(std::string_view text) {
+    return text.data() != nullptr ? text.data() : "";
+}
 
 // strerror isn't thread-safe and these functions are called from any thread. Which strerror_r
 // the C library declares depends on feature macros; the overloads accept either.
 [[maybe_unused]] const char* pickStrerror(int result, const char* buffer) {
     return result == 0 ? buffer : "Unknown error";
 }
-[[maybe_unused]] const char* pickStrerror(const char* result, const char*) { return result; }
+[[maybe_unused]] const char* pickStrerror(const char* result, const char*) {
+    return result;
+}
 
 std::string errnoText(int errnum) {
     char buffer[256];
@@ -63,13 +67,27 @@ Error followedBy(int32_t code, const std::string& text, const char* literal) {
 
 }  // namespace
 
-const Error& noErrorRef() { return shared()[kNoError]; }
-const Error& proxyNotInitializedRef() { return shared()[kProxyNotInitialized]; }
-const Error& notFerritResourceRef() { return shared()[kNotFerritResource]; }
-const Error& disabledByDevToolRef() { return shared()[kDisabledByDevTool]; }
-const Error& disabledByHeaderRef() { return shared()[kDisabledByHeader]; }
-const Error& jniFailedRef() { return shared()[kJniFailed]; }
-const Error& napiFailedRef() { return shared()[kNapiFailed]; }
+const Error& noErrorRef() {
+    return shared()[kNoError];
+}
+const Error& proxyNotInitializedRef() {
+    return shared()[kProxyNotInitialized];
+}
+const Error& notFerritResourceRef() {
+    return shared()[kNotFerritResource];
+}
+const Error& disabledByDevToolRef() {
+    return shared()[kDisabledByDevTool];
+}
+const Error& disabledByHeaderRef() {
+    return shared()[kDisabledByHeader];
+}
+const Error& jniFailedRef() {
+    return shared()[kJniFailed];
+}
+const Error& napiFailedRef() {
+    return shared()[kNapiFailed];
+}
 
 // 1xxx: network and storage.
 
@@ -101,13 +119,15 @@ Error requestVerifySignature(const std::string& url, const std::string& md5) {
     return Error(1010, "request \"%s\" verify failed: MD5 is \"%s\"", url.c_str(), md5.c_str());
 }
 
-Error requestVerifyMd5(const std::string& url, const std::string& md5, const std::string& expected) {
+Error requestVerifyMd5(const std::string& url, const std::string& md5,
+                       const std::string& expected) {
     return Error(1010, "request \"%s\" verify failed: MD5 \"%s\" different with expected \"%s\"",
                  url.c_str(), md5.c_str(), expected.c_str());
 }
 
 Error aggregateVerifyCount(int count, int expected) {
-    return Error(1010, "aggregate verify failed: resource count \"%d\" not equal to expected \"%d\"",
+    return Error(1010,
+                 "aggregate verify failed: resource count \"%d\" not equal to expected \"%d\"",
                  count, expected);
 }
 
@@ -250,15 +270,25 @@ Error packUpdateDisabled(const std::string& name) {
     return followedBy(2002, name, " update disabled");
 }
 
-Error updateDisabled() { return Error(2003, std::string("update disabled")); }
+Error updateDisabled() {
+    return Error(2003, std::string("update disabled"));
+}
 
-Error subProcessUpdateDisabled() { return Error(2004, std::string("sub process update disabled")); }
+Error subProcessUpdateDisabled() {
+    return Error(2004, std::string("sub process update disabled"));
+}
 
-Error updateEliminated(const std::string& name) { return followedBy(2101, name, " eliminated"); }
+Error updateEliminated(const std::string& name) {
+    return followedBy(2101, name, " eliminated");
+}
 
-Error packDeleted(const std::string& name) { return followedBy(2102, name, " deleted"); }
+Error packDeleted(const std::string& name) {
+    return followedBy(2102, name, " deleted");
+}
 
-Error tooManyApps() { return Error(2103, std::string("Too many apps installed")); }
+Error tooManyApps() {
+    return Error(2103, std::string("Too many apps installed"));
+}
 
 Error unzipFailed(const std::string& path, const std::string& reason) {
     return Error(2207, "unzip \"%s\" failed: %s", path.c_str(), reason.c_str());
@@ -286,23 +316,33 @@ Error copyFailed(const std::string& what, const std::string& message) {
 
 // 3xxx: access.
 
-Error notFerritResource() { return notFerritResourceRef(); }
+Error notFerritResource() {
+    return notFerritResourceRef();
+}
 
 Error notFerritPackResource(const std::string& matchText) {
     return Error(3002, "Not Ferrit %s resource", matchText.c_str());
 }
 
-Error disabledByDevTool() { return disabledByDevToolRef(); }
+Error disabledByDevTool() {
+    return disabledByDevToolRef();
+}
 
-Error disabledByHeader() { return disabledByHeaderRef(); }
+Error disabledByHeader() {
+    return disabledByHeaderRef();
+}
 
 Error configNotFound(const std::string& name) {
     return followedBy(3101, name, " config not found");
 }
 
-Error notInstalled(const std::string& name) { return followedBy(3104, name, " not installed"); }
+Error notInstalled(const std::string& name) {
+    return followedBy(3104, name, " not installed");
+}
 
-Error eliminated(const std::string& name) { return followedBy(3105, name, " eliminated"); }
+Error eliminated(const std::string& name) {
+    return followedBy(3105, name, " eliminated");
+}
 
 Error seqTooLow(const std::string& name, unsigned long long installed, unsigned long long minimum) {
     return Error(3108, "%s %llu less than %llu", name.c_str(), installed, minimum);
@@ -328,7 +368,9 @@ Error backupNotFound(const std::string& name, const std::string& url) {
     return Error(3113, "%s backup resource %s not found", name.c_str(), url.c_str());
 }
 
-Error outOfMemory(const std::string& name) { return followedBy(3114, name, " out of memory"); }
+Error outOfMemory(const std::string& name) {
+    return followedBy(3114, name, " out of memory");
+}
 
 Error resourceOutOfDate(double expires, double update) {
     return Error(3115, "resource out of date, expires: %f, update: %f", expires, update);
@@ -336,29 +378,43 @@ Error resourceOutOfDate(double expires, double update) {
 
 Error notAcceptable(std::string_view url, std::string_view contentType, std::string_view accept) {
     return Error(3116, "resource %.*s \"%.*s\" can not accepted by %.*s", viewLength(url),
-                 viewData(url), viewLength(contentType), viewData(contentType),
-                 viewLength(accept), viewData(accept));
+                 viewData(url), viewLength(contentType), viewData(contentType), viewLength(accept),
+                 viewData(accept));
 }
 
-Error notFerrit(const std::string& name) { return followedBy(3201, name, " not Ferrit"); }
+Error notFerrit(const std::string& name) {
+    return followedBy(3201, name, " not Ferrit");
+}
 
-Error invalidType(const std::string& name) { return followedBy(3202, name, " invalid type"); }
+Error invalidType(const std::string& name) {
+    return followedBy(3202, name, " invalid type");
+}
 
 // 9xxx: setup.
 
-Error proxyNotInitialized() { return proxyNotInitializedRef(); }
+Error proxyNotInitialized() {
+    return proxyNotInitializedRef();
+}
 
-Error createFolderFailed() { return Error(9992, std::string("Create Ferrit folder failed")); }
+Error createFolderFailed() {
+    return Error(9992, std::string("Create Ferrit folder failed"));
+}
 
 Error createFolderFailed(int errnum) {
     return Error(9992, "Create Ferrit folder failed: %s", errnoText(errnum).c_str());
 }
 
-Error jniFailed() { return jniFailedRef(); }
+Error jniFailed() {
+    return jniFailedRef();
+}
 
-Error napiFailed() { return napiFailedRef(); }
+Error napiFailed() {
+    return napiFailedRef();
+}
 
-Error napiFailed(int status) { return Error(9995, "NAPI failed: %d", status); }
+Error napiFailed(int status) {
+    return Error(9995, "NAPI failed: %d", status);
+}
 
 Error initStorageFailed(const std::string& path, int status) {
     return Error(9997, "Initialize storage \"%s\" failed: %d", path.c_str(), status);

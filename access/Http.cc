@@ -12,7 +12,9 @@
 namespace FerritCore::Http {
 namespace {
 
-char lowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+char lowerAscii(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 // Header names are ASCII tokens; a locale-aware comparison would only add surprises.
 bool equalsIgnoreCase(std::string_view a, std::string_view b) {
@@ -27,7 +29,9 @@ bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
     return text.size() >= prefix.size() && equalsIgnoreCase(text.substr(0, prefix.size()), prefix);
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
@@ -105,39 +109,19 @@ struct MimeEntry {
 };
 
 constexpr MimeEntry kMimeTable[] = {
-    {"apng", "image/apng"},
-    {"css", "text/css"},
-    {"gif", "image/gif"},
-    {"htm", "text/html"},
-    {"html", "text/html"},
-    {"ico", "image/x-icon"},
-    {"icon", "image/x-icon"},
-    {"jpeg", "image/jpeg"},
-    {"jpg", "image/jpeg"},
-    {"m4a", "audio/mp4a-latm"},
-    {"pdf", "application/pdf"},
-    {"svg", "image/svg+xml"},
-    {"tif", "image/tiff"},
-    {"tiff", "image/tiff"},
-    {"wav", "audio/x-wav"},
-    {"xml", "application/xml"},
-    {"mp3", "audio/mpeg"},
-    {"png", "image/png"},
-    {"webp", "image/webp"},
-    {"heic", "image/heic"},
-    {"js", "application/x-javascript"},
-    {"txt", "text/plain"},
-    {"mp4", "video/mp4"},
-    {"woff", "font/woff"},
-    {"heif", "image/heif"},
-    {"json", "application/json"},
-    {"ttf", "font/ttf"},
-    {"mov", "video/quicktime"},
-    {"woff2", "font/woff2"},
-    {"mpeg", "video/mpeg"},
+    {"apng", "image/apng"},     {"css", "text/css"},          {"gif", "image/gif"},
+    {"htm", "text/html"},       {"html", "text/html"},        {"ico", "image/x-icon"},
+    {"icon", "image/x-icon"},   {"jpeg", "image/jpeg"},       {"jpg", "image/jpeg"},
+    {"m4a", "audio/mp4a-latm"}, {"pdf", "application/pdf"},   {"svg", "image/svg+xml"},
+    {"tif", "image/tiff"},      {"tiff", "image/tiff"},       {"wav", "audio/x-wav"},
+    {"xml", "application/xml"}, {"mp3", "audio/mpeg"},        {"png", "image/png"},
+    {"webp", "image/webp"},     {"heic", "image/heic"},       {"js", "application/x-javascript"},
+    {"txt", "text/plain"},      {"mp4", "video/mp4"},         {"woff", "font/woff"},
+    {"heif", "image/heif"},     {"json", "application/json"}, {"ttf", "font/ttf"},
+    {"mov", "video/quicktime"}, {"woff2", "font/woff2"},      {"mpeg", "video/mpeg"},
 };
 
-// Longer than any extension in the table; anything longer can't match and is refused early.
+// The longest extension in the table; a longer one cannot match and is refused early.
 constexpr size_t kMaxExtension = 5;
 
 constexpr const char* kWeekdays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
@@ -150,7 +134,9 @@ constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 constexpr double kFirstSecond = -62167219200.0;
 constexpr double kLastSecond = 253402300799.0;
 
-bool isLeapYear(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
+bool isLeapYear(int year) {
+    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+}
 
 int daysInMonth(int year, int month) {
     static constexpr int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -159,7 +145,7 @@ int daysInMonth(int year, int month) {
 
 // A strict left-to-right reader of one date form; every step checks its bounds.
 class DateReader {
-public:
+  public:
     explicit DateReader(std::string_view text) : text_(text) {}
 
     bool literal(std::string_view expected) {
@@ -201,7 +187,7 @@ public:
 
     bool atEnd() const { return position_ == text_.size(); }
 
-private:
+  private:
     std::string_view text_;
     size_t position_ = 0;
 };
@@ -415,10 +401,10 @@ std::string httpDate(double epochMs) {
     if (gmtime_r(&time, &parts) == nullptr) return {};
     // Names by hand rather than strftime, whose day and month names follow the locale.
     char buffer[128];
-    const int length = std::snprintf(buffer, sizeof(buffer), "%s, %02d %s %04d %02d:%02d:%02d GMT",
-                                     kWeekdays[parts.tm_wday % 7], parts.tm_mday,
-                                     kMonths[parts.tm_mon % 12], parts.tm_year + 1900,
-                                     parts.tm_hour, parts.tm_min, parts.tm_sec);
+    const int length =
+        std::snprintf(buffer, sizeof(buffer), "%s, %02d %s %04d %02d:%02d:%02d GMT",
+                      kWeekdays[parts.tm_wday % 7], parts.tm_mday, kMonths[parts.tm_mon % 12],
+                      parts.tm_year + 1900, parts.tm_hour, parts.tm_min, parts.tm_sec);
     if (length <= 0 || static_cast<size_t>(length) >= sizeof(buffer)) return {};
     return std::string(buffer, static_cast<size_t>(length));
 }
@@ -443,6 +429,9 @@ bool parseHttpDate(std::string_view text, long long* epochSeconds) {
     parts.tm_min = f.minute;
     parts.tm_sec = f.second;
     const time_t seconds = timegm(&parts);
+    // A leap second on the last day of 9999 carries into a year that no date form can print;
+    // refusing it keeps every parsed date printable again.
+    if (static_cast<double>(seconds) > kLastSecond) return false;
     if (epochSeconds != nullptr) *epochSeconds = static_cast<long long>(seconds);
     return true;
 }

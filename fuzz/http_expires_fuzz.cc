@@ -39,7 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                                                 : text.substr(newline + 1));
 
     using FerritCore::HeaderMap;
-    (void)FerritCore::Http::parseExpires(HeaderMap{{"Cache-Control", control}, {"Expires", expires}});
+    (void)FerritCore::Http::parseExpires(
+        HeaderMap{{"Cache-Control", control}, {"Expires", expires}});
     (void)FerritCore::Http::parseExpires(HeaderMap{{"cache-control", control}});
     (void)FerritCore::Http::parseExpires(HeaderMap{{"Expires", expires}});
     (void)FerritCore::Http::parseExpires(HeaderMap{{"EXPIRES", control}});
@@ -47,7 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string raw(reinterpret_cast<const char*>(data), size);
     long long seconds = 0;
     if (FerritCore::Http::parseHttpDate(raw, &seconds)) {
-        const std::string printed = FerritCore::Http::httpDate(static_cast<double>(seconds) * 1000.0);
+        const std::string printed =
+            FerritCore::Http::httpDate(static_cast<double>(seconds) * 1000.0);
         check(!printed.empty());
         long long again = 0;
         check(FerritCore::Http::parseHttpDate(printed, &again));

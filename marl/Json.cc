@@ -1,10 +1,24 @@
 #include "marl/Json.h"
 
+// RapidJSON 1.1.0 computes `nullptr + n` on the first push onto each of its empty internal
+// stacks, which clang's pointer-overflow check reports on every parse and every write although
+// no platform we build for misbehaves. The check is turned off for RapidJSON's own functions
+// only, and RapidJSON is compiled into a namespace of this file so that the linker never mixes
+// these copies with ones another file built with the check.
+#define RAPIDJSON_NAMESPACE ferritJsonRapid
+#define RAPIDJSON_NAMESPACE_BEGIN namespace ferritJsonRapid {
+#define RAPIDJSON_NAMESPACE_END }
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((no_sanitize("pointer-overflow"))), apply_to = function)
+#endif
 #include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
+#if defined(__clang__)
+#pragma clang attribute pop
+#endif
 
 #include <algorithm>
 #include <charconv>
@@ -15,6 +29,8 @@
 
 namespace MarlLogger::json {
 namespace {
+
+namespace rj = ::ferritJsonRapid;
 
 using Members = std::vector<std::pair<std::string, JSON>>;
 
@@ -77,6 +93,56 @@ bool readWord(std::string_view text, int* out) {
 }
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Reads the decimal number at the start of `text` ([+-]digits[.digits][(e|E)[+-]digits]) and
+// rounds it correctly; false when there is no digit. An overflow reads as an infinity and an
+// underflow as 0, as strtod would have it. Scanning by hand keeps out blanks, hex, "inf" and
+// "nan", which from_chars would take, and yields the magnitude that from_chars does not
+// report when it gives up on an out-of-range value.
+bool readDecimal(std::string_view text, double* out) {
+    size_t i = 0;
+    bool negative = false;
+    if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+    const size_t start = i;
+    bool anyDigit = false;
+    bool nonZero = false;
+    int64_t magnitude = 0;  // decimal exponent of the leading non-zero digit, plus one
+    for (; i < text.size() && isDigit(text[i]); ++i) {
+        anyDigit = true;
+        nonZero = nonZero || text[i] != '0';
+        if (nonZero) ++magnitude;
+    }
+    if (i < text.size() && text[i] == '.') {
+        ++i;
+        for (; i < text.size() && isDigit(text[i]); ++i) {
+            anyDigit = true;
+            if (!nonZero && text[i] == '0') --magnitude;
+            nonZero = nonZero || text[i] != '0';
+        }
+    }
+    if (!anyDigit) return false;
+    if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
+        size_t j = i + 1;
+        bool negativeExponent = false;
+        if (j < text.size() && (text[j] == '+' || text[j] == '-')) negativeExponent = text[j++] == '-';
+        if (j < text.size() && isDigit(text[j])) {
+            int64_t exponent = 0;
+            for (; j < text.size() && isDigit(text[j]); ++j)
+                exponent = std::min<int64_t>(exponent * 10 + (text[j] - '0'), 1'000'000'000);
+            magnitude += negativeExponent ? -exponent : exponent;
+            i = j;
+        }
+    }
+    double value = 0;
+    const std::from_chars_result result = std::from_chars(text.data() + start, text.data() + i, value);
+    if (result.ec == std::errc::result_out_of_range) {
+        value = magnitude > 0 ? std::numeric_limits<double>::infinity() : 0.0;
+    } else if (result.ec != std::errc()) {
+        value = 0;
+    }
+    *out = negative ? -value : value;
+    return true;
+}
 
 // Numbers compare by value whatever their stored kind, so that 1 read back from text as an
 // integer equals the 1.0 or unsigned 1 it was written from.
@@ -145,10 +211,10 @@ void dropDuplicateKeys(Members& members) {
 
 // ---- Text -------------------------------------------------------------------------------
 
-using TextWriter = rapidjson::Writer<rapidjson::StringBuffer>;
+using TextWriter = rj::Writer<rj::StringBuffer>;
 
-rapidjson::SizeType sizeOf(std::string_view text) {
-    return static_cast<rapidjson::SizeType>(text.size());
+rj::SizeType sizeOf(std::string_view text) {
+    return static_cast<rj::SizeType>(text.size());
 }
 
 void writeDouble(TextWriter& writer, double d) {
@@ -191,28 +257,47 @@ void writeValue(TextWriter& writer, const JSON& value) {
 
 // Builds values from the parser's events on an explicit stack, so that neither the parser nor
 // the conversion recurses, and refuses to open a container beyond JSON::kMaxDepth.
-class TextBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TextBuilder> {
+class TextBuilder : public rj::BaseReaderHandler<rj::UTF8<>, TextBuilder> {
 public:
+    enum class Failure { None, TooDeep, TooBig };
+
     bool Null() { return add(JSON()); }
     bool Bool(bool b) { return add(JSON(b)); }
-    bool Int(int i) { return add(JSON(static_cast<int64_t>(i))); }
-    bool Uint(unsigned u) { return add(JSON(static_cast<int64_t>(u))); }
-    bool Int64(int64_t i) { return add(JSON(i)); }
-    bool Uint64(uint64_t u) { return add(JSON(u)); }
-    bool Double(double d) { return add(JSON(d)); }
-    bool String(const char* s, rapidjson::SizeType length, bool) {
+    // The parser has checked the grammar of the number; it arrives here as text.
+    bool RawNumber(const char* s, rj::SizeType length, bool) {
+        const std::string_view text(s, length);
+        const char* end = s + length;
+        if (text.find_first_of(".eE") == std::string_view::npos) {
+            if (text[0] == '-') {
+                int64_t i;
+                if (std::from_chars(s, end, i).ec == std::errc()) return add(JSON(i));
+            } else {
+                uint64_t u;
+                if (std::from_chars(s, end, u).ec == std::errc()) return add(JSON(u));
+            }
+        }
+        // Beyond the integer types, or a fraction or an exponent.
+        double d = 0;
+        readDecimal(text, &d);
+        if (std::isinf(d)) {
+            failure_ = Failure::TooBig;
+            return false;
+        }
+        return add(JSON(d));
+    }
+    bool String(const char* s, rj::SizeType length, bool) {
         return add(JSON(std::string(s, length)));
     }
-    bool Key(const char* s, rapidjson::SizeType length, bool) {
+    bool Key(const char* s, rj::SizeType length, bool) {
         frames_.back().key.assign(s, length);
         return true;
     }
     bool StartObject() { return open(true); }
-    bool EndObject(rapidjson::SizeType) { return close(); }
+    bool EndObject(rj::SizeType) { return close(); }
     bool StartArray() { return open(false); }
-    bool EndArray(rapidjson::SizeType) { return close(); }
+    bool EndArray(rj::SizeType) { return close(); }
 
-    bool tooDeep() const { return tooDeep_; }
+    Failure failure() const { return failure_; }
     JSON takeRoot() { return std::move(root_); }
 
 private:
@@ -225,7 +310,7 @@ private:
 
     bool open(bool isObject) {
         if (frames_.size() >= static_cast<size_t>(JSON::kMaxDepth)) {
-            tooDeep_ = true;
+            failure_ = Failure::TooDeep;
             return false;
         }
         frames_.push_back(Frame{isObject, {}, {}, {}});
@@ -253,7 +338,7 @@ private:
 
     std::vector<Frame> frames_;
     JSON root_;
-    bool tooDeep_ = false;
+    Failure failure_ = Failure::None;
 };
 
 // ---- Binary -----------------------------------------------------------------------------
@@ -707,16 +792,27 @@ const JSON& JSON::null() { return nullValue(); }
 
 JSON JSON::parse(std::string_view text, std::string* error) {
     TextBuilder builder;
-    rapidjson::Reader reader;
-    rapidjson::MemoryStream stream(text.data(), text.size());
-    constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag;
-    const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, builder);
+    rj::Reader reader;
+    rj::MemoryStream stream(text.data(), text.size());
+    // Numbers are taken as text and converted here with correct rounding: that is what full
+    // precision asks for, and RapidJSON 1.1.0's own full-precision conversion misreads an
+    // all-zero mantissa with a large exponent ("0e52").
+    constexpr unsigned kFlags = rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag;
+    const rj::ParseResult result = reader.Parse<kFlags>(stream, builder);
     if (result.IsError()) {
         if (error) {
-            const std::string words =
-                builder.tooDeep()
-                    ? "Nesting is deeper than " + std::to_string(kMaxDepth) + " levels."
-                    : std::string(rapidjson::GetParseError_En(result.Code()));
+            std::string words;
+            switch (builder.failure()) {
+                case TextBuilder::Failure::TooDeep:
+                    words = "Nesting is deeper than " + std::to_string(kMaxDepth) + " levels.";
+                    break;
+                case TextBuilder::Failure::TooBig:
+                    words = rj::GetParseError_En(rj::kParseErrorNumberTooBig);
+                    break;
+                case TextBuilder::Failure::None:
+                    words = rj::GetParseError_En(result.Code());
+                    break;
+            }
             *error = words + " at offset " + std::to_string(result.Offset());
         }
         return JSON();
@@ -724,8 +820,8 @@ JSON JSON::parse(std::string_view text, std::string* error) {
     // The stream reads a NUL byte as the end of the text; anything after it is still trailing.
     if (stream.Tell() != text.size()) {
         if (error) {
-            *error = std::string(rapidjson::GetParseError_En(
-                         rapidjson::kParseErrorDocumentRootNotSingular)) +
+            *error = std::string(rj::GetParseError_En(
+                         rj::kParseErrorDocumentRootNotSingular)) +
                      " at offset " + std::to_string(stream.Tell());
         }
         return JSON();
@@ -744,7 +840,7 @@ std::string JSON::toBinary() const {
 }
 
 std::string JSON::toString() const {
-    rapidjson::StringBuffer buffer;
+    rj::StringBuffer buffer;
     TextWriter writer(buffer);
     writeValue(writer, *this);
     return std::string(buffer.GetString(), buffer.GetSize());
@@ -875,7 +971,7 @@ bool JSON::operator==(const JSON& other) const {
 // ---- JSONStringer -----------------------------------------------------------------------
 
 struct JSONStringer::Impl {
-    rapidjson::StringBuffer buffer;
+    rj::StringBuffer buffer;
     TextWriter writer{buffer};
     // What is open, innermost last: true for an object. The writer asserts on misuse; these
     // let the stringer drop a misplaced call instead.
@@ -978,7 +1074,7 @@ JSONStringer& JSONStringer::beforeValue(std::string_view rawJson) {
     if (rawJson.empty()) {
         impl_->writer.Null();
     } else {
-        impl_->writer.RawValue(rawJson.data(), rawJson.size(), rapidjson::kObjectType);
+        impl_->writer.RawValue(rawJson.data(), rawJson.size(), rj::kObjectType);
     }
     impl_->valueWritten();
     return *this;
@@ -1034,50 +1130,8 @@ uint64_t coerceUInt(std::string_view text) {
 double coerceDouble(std::string_view text) {
     int word;
     if (readWord(text, &word)) return word;
-    // Scan the decimal number at the start by hand: from_chars alone would also take "inf",
-    // "nan", and cannot tell an overflow from an underflow.
-    size_t i = 0;
-    bool negative = false;
-    if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-    const size_t start = text[0] == '+' ? 1 : 0;
-    bool anyDigit = false;
-    bool nonZero = false;
-    int64_t magnitude = 0;  // decimal exponent of the leading non-zero digit, roughly
-    for (; i < text.size() && isDigit(text[i]); ++i) {
-        anyDigit = true;
-        nonZero = nonZero || text[i] != '0';
-        if (nonZero) ++magnitude;
-    }
-    if (i < text.size() && text[i] == '.') {
-        ++i;
-        for (; i < text.size() && isDigit(text[i]); ++i) {
-            anyDigit = true;
-            if (!nonZero && text[i] == '0') --magnitude;
-            nonZero = nonZero || text[i] != '0';
-        }
-    }
-    if (!anyDigit) return 0;
-    if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
-        size_t j = i + 1;
-        bool negativeExponent = false;
-        if (j < text.size() && (text[j] == '+' || text[j] == '-')) negativeExponent = text[j++] == '-';
-        if (j < text.size() && isDigit(text[j])) {
-            int64_t exponent = 0;
-            for (; j < text.size() && isDigit(text[j]); ++j)
-                exponent = std::min<int64_t>(exponent * 10 + (text[j] - '0'), 1'000'000'000);
-            magnitude += negativeExponent ? -exponent : exponent;
-            i = j;
-        }
-    }
-    double value = 0;
-    const auto [end, ec] = std::from_chars(text.data() + start, text.data() + i, value);
-    (void)end;
-    if (ec == std::errc::result_out_of_range) {
-        const double limit = magnitude > 0 ? std::numeric_limits<double>::infinity() : 0.0;
-        return negative ? -limit : limit;
-    }
-    if (ec != std::errc()) return 0;
-    return value;
+    double value;
+    return readDecimal(text, &value) ? value : 0;
 }
 
 }  // namespace MarlLogger::json

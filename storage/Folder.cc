@@ -5,7 +5,9 @@
 namespace FerritCore {
 namespace {
 
-bool isSeparator(char c) { return c == '/' || c == '\\'; }
+bool isSeparator(char c) {
+    return c == '/' || c == '\\';
+}
 
 // Set once during setup, before any other thread builds a Folder, and read without a lock
 // afterwards. Never destroyed, so that a Folder built by a late static destructor still finds it.
@@ -55,7 +57,9 @@ std::string normalizePath(std::string_view path) {
     return result;
 }
 
-const std::string& rootPath() { return rootStorage(); }
+const std::string& rootPath() {
+    return rootStorage();
+}
 
 void setRootPath(std::string_view path) {
     std::string& root = rootStorage();
@@ -70,9 +74,13 @@ Folder::Folder(FolderKind kind, std::string_view module, std::string_view relati
     absolute_ = kind_ == FolderKind::Disk ? rootPath() + relative_ : relative_;
 }
 
-Folder Folder::disk(std::string_view relative) { return Folder(FolderKind::Disk, {}, relative); }
+Folder Folder::disk(std::string_view relative) {
+    return Folder(FolderKind::Disk, {}, relative);
+}
 
-Folder Folder::asset(std::string_view relative) { return Folder(FolderKind::Asset, {}, relative); }
+Folder Folder::asset(std::string_view relative) {
+    return Folder(FolderKind::Asset, {}, relative);
+}
 
 Folder Folder::onDemand(std::string_view module, std::string_view relative) {
     return Folder(FolderKind::OnDemand, module, relative);

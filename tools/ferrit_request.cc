@@ -17,6 +17,7 @@
 
 #include "access/ResourceIndex.h"
 #include "ferritcore/Access.h"
+#include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"

@@ -4,6 +4,7 @@
 #include "access/Errors.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
+#include "access/Url.h"
 #include "ferritcore/Access.h"
 
 namespace FerritTest {
@@ -14,7 +15,7 @@ protected:
     // A plain pack "app" installed at `installed` with one file at "res/app.js" for the URL.
     void installAppPack(uint64_t installed, uint64_t seq) {
         install({pack("app", kPackTypeFerrit, installed, seq, {"https://h.com/app/"})});
-        serveIndexes({{"app", table({{"res/app.js", "https://h.com/app/app.js"}, {"res/x.css", ""}})}});
+        serveIndexes({{"app", table({{"res/app.js", "https://h.com/app/app.js"}, {"res/x.css", "https://h.com/app/x.css"}})}});
         writeFile("apps/app/" + std::to_string(installed) + "/res/app.js", "console.log(1);");
         writeFile("apps/app/" + std::to_string(installed) + "/res/x.css", "a{}");
     }

@@ -49,8 +49,7 @@ std::vector<CatalogueCase> catalogue() {
          "read file \"/Packs/pack/3/b.css\" failed: 2, No such file or directory"},
         {"fileReadInvalidType", fileReadInvalidType(onDemand), 1102,
          "read file \"/OnDemand(Ferrit_Asset_m)/Ferrit_Asset_m/1/\" failed: invalid type OnDemand"},
-        {"storageRead", storageRead("cache", "k1", 5), 1102,
-         "Storage read \"cache/k1\" failed: 5"},
+        {"storageRead", storageRead("cache", "k1", 5), 1102, "Storage read \"cache/k1\" failed: 5"},
         {"storeRead", storeRead("pack:", "k1", 5), 1102, "read store \"pack:k1\" failed: 5"},
         {"storeDeserialize", storeDeserialize("pack:", "k1", "truncated"), 1102,
          "deserialize store \"pack:k1\" failed: truncated"},
@@ -118,8 +117,7 @@ std::vector<CatalogueCase> catalogue() {
          "S:p@3 file not found: /Packs/pack/3/b.css"},
         {"outOfDate", outOfDate("a", 1.5), 3110, "a out of date: 1.500000"},
         {"filesNotFound", filesNotFound(packed), 3111, "/Packs/pack/3/b.css files not found"},
-        {"resourceListNotFound", resourceListNotFound("a"), 3112,
-         "a resource list not found"},
+        {"resourceListNotFound", resourceListNotFound("a"), 3112, "a resource list not found"},
         {"backupNotFound", backupNotFound("a", "https://x/y"), 3113,
          "a backup resource https://x/y not found"},
         {"outOfMemory", outOfMemory("a"), 3114, "a out of memory"},
@@ -175,9 +173,11 @@ TEST(ErrorsTest, PrecisionStringArgumentsPrintOnlyTheView) {
               "resource https://x/a.css \"text/css\" can not accepted by image/*");
 
     const std::string_view key = all.substr(10, 5);  // "a.css", followed by more text
-    EXPECT_EQ(Errors::storageNotExists("cache", key).message(), "Storage \"cache/a.css\" not exists");
+    EXPECT_EQ(Errors::storageNotExists("cache", key).message(),
+              "Storage \"cache/a.css\" not exists");
     EXPECT_EQ(Errors::storeNotExists("p:", key).message(), "store \"p:a.css\" not exists");
-    EXPECT_EQ(Errors::storageRead("cache", key, 1).message(), "Storage read \"cache/a.css\" failed: 1");
+    EXPECT_EQ(Errors::storageRead("cache", key, 1).message(),
+              "Storage read \"cache/a.css\" failed: 1");
     EXPECT_EQ(Errors::storeRead("p:", key, 1).message(), "read store \"p:a.css\" failed: 1");
     EXPECT_EQ(Errors::storeDeserialize("p:", key, "r").message(),
               "deserialize store \"p:a.css\" failed: r");
@@ -204,14 +204,15 @@ TEST(ErrorsTest, PrecisionStringArgumentsAcceptEmptyAndLongViews) {
 TEST(ErrorsTest, FollowedByRowsPrintNamesVerbatim) {
     EXPECT_EQ(Errors::configNotFound("a%sb%n").message(), "a%sb%n config not found");
     EXPECT_EQ(Errors::unzipTempPath("/t/%d").message(), "Unzip temp path error: /t/%d");
-    EXPECT_EQ(Errors::filesNotFound(Folder::asset("x%s/")).message(), "/Asset/x%s/ files not found");
+    EXPECT_EQ(Errors::filesNotFound(Folder::asset("x%s/")).message(),
+              "/Asset/x%s/ files not found");
 }
 
 TEST(ErrorsTest, SharedConstantsAreBuiltInTheirOrder) {
     const Error* table[] = {
-        &Errors::noErrorRef(),        &Errors::proxyNotInitializedRef(),
+        &Errors::noErrorRef(),           &Errors::proxyNotInitializedRef(),
         &Errors::notFerritResourceRef(), &Errors::disabledByDevToolRef(),
-        &Errors::disabledByHeaderRef(), &Errors::jniFailedRef(),
+        &Errors::disabledByHeaderRef(),  &Errors::jniFailedRef(),
         &Errors::napiFailedRef(),
     };
     const int32_t codes[] = {0, 9991, 3001, 3003, 3003, 9995, 9995};
@@ -283,7 +284,7 @@ TEST(ErrorsTest, PredicatesLookOnlyAtTheCode) {
     EXPECT_FALSE(Errors::isOutOfDate(Error()));
 }
 
-TEST(ErrorTest, PrintfConstructorKeepsAMessageLongerThanItsFirstBuffer) {
+TEST(ErrorValueTest, PrintfConstructorKeepsAMessageLongerThanItsFirstBuffer) {
     const std::string text(300, 'x');
     const Error error(7, "<%s>", text.c_str());
     EXPECT_EQ(error.code(), 7);
@@ -291,21 +292,21 @@ TEST(ErrorTest, PrintfConstructorKeepsAMessageLongerThanItsFirstBuffer) {
     EXPECT_EQ(error.message(), "<" + text + ">");
 }
 
-TEST(ErrorTest, PrintfConstructorAtTheBufferBoundary) {
+TEST(ErrorValueTest, PrintfConstructorAtTheBufferBoundary) {
     const std::string fits(255, 'a');
     EXPECT_EQ(Error(1, "%s", fits.c_str()).message(), fits);
     const std::string overflows(256, 'b');
     EXPECT_EQ(Error(1, "%s", overflows.c_str()).message(), overflows);
 }
 
-TEST(ErrorTest, DefaultIsNoError) {
+TEST(ErrorValueTest, DefaultIsNoError) {
     const Error error;
     EXPECT_FALSE(static_cast<bool>(error));
     EXPECT_EQ(error.code(), 0);
     EXPECT_TRUE(error.message().empty());
 }
 
-TEST(ErrorTest, NonZeroCodeWithEmptyMessageIsAnError) {
+TEST(ErrorValueTest, NonZeroCodeWithEmptyMessageIsAnError) {
     // The empty format is the point of this check; the compiler's warning about it is not.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-zero-length"
@@ -316,7 +317,7 @@ TEST(ErrorTest, NonZeroCodeWithEmptyMessageIsAnError) {
     EXPECT_TRUE(static_cast<bool>(Error(-1, std::string())));
 }
 
-TEST(ErrorTest, ClearEmptiesCodeAndMessage) {
+TEST(ErrorValueTest, ClearEmptiesCodeAndMessage) {
     Error error = Errors::requestNoData("u");
     ASSERT_TRUE(static_cast<bool>(error));
     error.clear();

@@ -21,11 +21,21 @@ constexpr double kNow = 1.7e12;
 
 TEST(HttpTest, HeaderNamesAreInTheirFixedOrder) {
     const std::vector<std::string> expected = {
-        "Accept",         "Access-Control-Allow-Origin", "Access-Control-Expose-Headers",
-        "Cache-Control",  "Content-MD5",                 "Content-Type",
-        "Date",           "ETag",                        "Expires",
-        "If-Modified-Since", "If-None-Match",            "Last-Modified",
-        "Referer",        "Via",                         "Vary",
+        "Accept",
+        "Access-Control-Allow-Origin",
+        "Access-Control-Expose-Headers",
+        "Cache-Control",
+        "Content-MD5",
+        "Content-Type",
+        "Date",
+        "ETag",
+        "Expires",
+        "If-Modified-Since",
+        "If-None-Match",
+        "Last-Modified",
+        "Referer",
+        "Via",
+        "Vary",
     };
     const auto& names = Http::headerNames();
     ASSERT_EQ(names.size(), expected.size());
@@ -116,8 +126,8 @@ TEST(HttpTest, CacheControlNameAndTokenAreCaseFolded) {
 
 TEST(HttpTest, CacheControlMaxAgeZeroIgnoresExpires) {
     MarlLogger::ScopedManualClock clock(kNow);
-    EXPECT_EQ(Http::parseExpires({{"Cache-Control", "max-age=0"},
-                                  {"Expires", "Sun, 06 Nov 2094 08:49:37 GMT"}}),
+    EXPECT_EQ(Http::parseExpires(
+                  {{"Cache-Control", "max-age=0"}, {"Expires", "Sun, 06 Nov 2094 08:49:37 GMT"}}),
               0u);
 }
 
@@ -175,8 +185,7 @@ TEST(HttpTest, CacheControlMaxAgeFollowsTheClock) {
 }
 
 TEST(HttpTest, ExpiresAloneGivesItsDateInMilliseconds) {
-    EXPECT_EQ(Http::parseExpires({{"expires", "Sun, 06 Nov 1994 08:49:37 GMT"}}),
-              784111777000ull);
+    EXPECT_EQ(Http::parseExpires({{"expires", "Sun, 06 Nov 1994 08:49:37 GMT"}}), 784111777000ull);
 }
 
 TEST(HttpTest, ExpiresUnparsableOrBeforeTheEpochGivesZero) {
@@ -241,7 +250,8 @@ TEST(HttpTest, AcceptBlankInputGivesEmptyList) {
     EXPECT_TRUE(Http::parseAccept(" \t ").empty());
     EXPECT_TRUE(Http::parseAccept(" , ,,").empty());
     EXPECT_TRUE(Http::parseAccept(";q=0.5").empty());
-    EXPECT_EQ(typesOf(Http::parseAccept("a/b,,c/d")), (std::vector<std::string_view>{"a/b", "c/d"}));
+    EXPECT_EQ(typesOf(Http::parseAccept("a/b,,c/d")),
+              (std::vector<std::string_view>{"a/b", "c/d"}));
 }
 
 TEST(HttpTest, AcceptOfOneMebibyte) {
@@ -305,21 +315,36 @@ TEST(HttpTest, AcceptsExactTypeWithoutParameters) {
 
 TEST(HttpTest, MimeForEveryTableRow) {
     const std::pair<const char*, const char*> rows[] = {
-        {"apng", "image/apng"},     {"css", "text/css"},
-        {"gif", "image/gif"},       {"htm", "text/html"},
-        {"html", "text/html"},      {"ico", "image/x-icon"},
-        {"icon", "image/x-icon"},   {"jpeg", "image/jpeg"},
-        {"jpg", "image/jpeg"},      {"m4a", "audio/mp4a-latm"},
-        {"pdf", "application/pdf"}, {"svg", "image/svg+xml"},
-        {"tif", "image/tiff"},      {"tiff", "image/tiff"},
-        {"wav", "audio/x-wav"},     {"xml", "application/xml"},
-        {"mp3", "audio/mpeg"},      {"png", "image/png"},
-        {"webp", "image/webp"},     {"heic", "image/heic"},
-        {"js", "application/x-javascript"}, {"txt", "text/plain"},
-        {"mp4", "video/mp4"},       {"woff", "font/woff"},
-        {"heif", "image/heif"},     {"json", "application/json"},
-        {"ttf", "font/ttf"},        {"mov", "video/quicktime"},
-        {"woff2", "font/woff2"},    {"mpeg", "video/mpeg"},
+        {"apng", "image/apng"},
+        {"css", "text/css"},
+        {"gif", "image/gif"},
+        {"htm", "text/html"},
+        {"html", "text/html"},
+        {"ico", "image/x-icon"},
+        {"icon", "image/x-icon"},
+        {"jpeg", "image/jpeg"},
+        {"jpg", "image/jpeg"},
+        {"m4a", "audio/mp4a-latm"},
+        {"pdf", "application/pdf"},
+        {"svg", "image/svg+xml"},
+        {"tif", "image/tiff"},
+        {"tiff", "image/tiff"},
+        {"wav", "audio/x-wav"},
+        {"xml", "application/xml"},
+        {"mp3", "audio/mpeg"},
+        {"png", "image/png"},
+        {"webp", "image/webp"},
+        {"heic", "image/heic"},
+        {"js", "application/x-javascript"},
+        {"txt", "text/plain"},
+        {"mp4", "video/mp4"},
+        {"woff", "font/woff"},
+        {"heif", "image/heif"},
+        {"json", "application/json"},
+        {"ttf", "font/ttf"},
+        {"mov", "video/quicktime"},
+        {"woff2", "font/woff2"},
+        {"mpeg", "video/mpeg"},
     };
     for (const auto& [extension, type] : rows) {
         SCOPED_TRACE(extension);
@@ -371,8 +396,15 @@ TEST(HttpTest, HttpDateOfNoRepresentableTimeIsEmpty) {
 }
 
 TEST(HttpTest, HttpDateRoundTrips) {
-    const double times[] = {0.0, 1.0, 999.0, 784111777123.0, 1.7e12, 4102444800000.0,
-                            -86400000.0, 253402300799000.0, -62167219200000.0};
+    const double times[] = {0.0,
+                            1.0,
+                            999.0,
+                            784111777123.0,
+                            1.7e12,
+                            4102444800000.0,
+                            -86400000.0,
+                            253402300799000.0,
+                            -62167219200000.0};
     for (double ms : times) {
         SCOPED_TRACE(ms);
         const std::string text = Http::httpDate(ms);
@@ -409,7 +441,7 @@ TEST(HttpTest, ParseHttpDateTwoDigitYearFollowsTheClock) {
     EXPECT_EQ(seconds, 3155760000);  // 2070
     ASSERT_TRUE(Http::parseHttpDate("Thursday, 01-Jan-74 00:00:00 GMT", &seconds));
     EXPECT_EQ(seconds, 126230400);  // 1974
-    clock->setWall(0.0);  // in 1970
+    clock->setWall(0.0);            // in 1970
     ASSERT_TRUE(Http::parseHttpDate("Friday, 01-Jan-70 00:00:00 GMT", &seconds));
     EXPECT_EQ(seconds, 0);
 }
@@ -458,6 +490,16 @@ TEST(HttpTest, ParseHttpDateAcceptsLeapDayAndLeapSecond) {
     EXPECT_EQ(seconds, 951782400);
     ASSERT_TRUE(Http::parseHttpDate("Sat, 31 Dec 2016 23:59:60 GMT", &seconds));
     EXPECT_EQ(seconds, 1483228800);
+}
+
+TEST(HttpTest, ParseHttpDateKeepsToPrintableYears) {
+    long long seconds = 0;
+    ASSERT_TRUE(Http::parseHttpDate("Fri, 31 Dec 9999 23:59:59 GMT", &seconds));
+    EXPECT_EQ(seconds, 253402300799);
+    ASSERT_TRUE(Http::parseHttpDate("Sat, 01 Jan 0000 00:00:00 GMT", &seconds));
+    EXPECT_EQ(seconds, -62167219200);
+    // The leap second would carry into year 10000.
+    EXPECT_FALSE(Http::parseHttpDate("Fri, 31 Dec 9999 23:59:60 GMT", &seconds));
 }
 
 }  // namespace

@@ -345,6 +345,30 @@ TEST(JsonTest, ParseBeyondIntegerRangeGivesDouble) {
     EXPECT_DOUBLE_EQ(value[1].doubleValue(), -9223372036854775808.0);
 }
 
+// Zero mantissas with exponents far from 0 once went through a conversion that miscounted the
+// bits of zero.
+TEST(JsonTest, ParseReadsZeroWithAnyExponent) {
+    for (const char* text : {"0e52", "0e-300", "0.000e100", "-0e300", "0.0E+22", "0e-400"}) {
+        SCOPED_TRACE(text);
+        std::string error;
+        JSON value = JSON::parse(text, &error);
+        ASSERT_TRUE(error.empty()) << error;
+        EXPECT_EQ(value.type(), Type::Double);
+        EXPECT_EQ(value.doubleValue(), 0.0);
+    }
+    EXPECT_TRUE(std::signbit(JSON::parse("-0e300").doubleValue()));
+    EXPECT_EQ(JSON::parse("1e-400").doubleValue(), 0.0);
+    EXPECT_EQ(JSON::parse("4.9e-324").doubleValue(), 4.9e-324);
+    EXPECT_EQ(JSON::parse("0.1").doubleValue(), 0.1);
+    EXPECT_EQ(JSON::parse("-0").type(), Type::Int);
+}
+
+TEST(JsonTest, ParseRejectsNumbersBeyondDouble) {
+    std::string error;
+    EXPECT_TRUE(JSON::parse("[1,1.8e308]", &error).isNull());
+    EXPECT_EQ(error, "Number too big to be stored in double. at offset 3");
+}
+
 TEST(JsonTest, ParseErrorsGiveNullAndWordsWithOffset) {
     struct Case {
         const char* text;

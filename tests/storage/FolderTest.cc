@@ -10,7 +10,7 @@ namespace {
 
 // The root is process-wide: each test sets its own and gives the old one back.
 class FolderTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         saved_ = rootPath();
         setRootPath("/data/app/ferrit/");
@@ -25,7 +25,7 @@ protected:
         }
     }
 
-private:
+  private:
     std::string saved_;
 };
 

@@ -1,0 +1,146 @@
+// Access::match on a synthetic configuration (20 exact URLs and 4 prefixes per pack) against the
+// floor of one unordered_map lookup of the same key string among as many URL keys, for 500, 5,000
+// and 50,000 packs. Only the URLs that are looked up have files on disk.
+#include <benchmark/benchmark.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "FloorReporter.h"
+#include "access/Resource.h"
+#include "access/ResourceIndex.h"
+#include "access/Url.h"
+#include "marl/Clock.h"
+#include "ferritcore/Access.h"
+#include "marl/Log.h"
+#include "runtime/TaskRunner.h"
+#include "storage/Folder.h"
+#include "update/SCache.h"
+
+using namespace FerritCore;
+using MarlLogger::json::JSON;
+
+namespace {
+
+constexpr int kUrlsPerPack = 20;
+constexpr int kPrefixesPerPack = 4;
+constexpr int kProbes = 1024;
+
+struct World {
+    int packs = 0;
+    std::vector<std::string> exactUrls;   // probes that hit an exact URL
+    std::vector<std::string> prefixUrls;  // probes that hit a prefix
+    std::unordered_map<std::string, std::string> floorMap;  // key URL -> pack name
+    std::vector<std::string> floorKeys;
+    std::filesystem::path root;
+};
+
+std::string packName(int i) { return "pack" + std::to_string(i); }
+std::string exactUrl(int p, int u) { return "https://h" + std::to_string(p % 97) + ".example.com/p" + std::to_string(p) + "/page" + std::to_string(u) + ".html"; }
+std::string prefixOf(int p, int k) { return "https://cdn.example.com/p" + std::to_string(p) + "/m" + std::to_string(k) + "/"; }
+
+World& world(int packs) {
+    static std::unique_ptr<World> current;
+    if (current && current->packs == packs) return *current;
+    current = std::make_unique<World>();
+    World& w = *current;
+    w.packs = packs;
+    w.root = std::filesystem::temp_directory_path() / ("ferrit-match-bench-" + std::to_string(packs));
+    std::filesystem::remove_all(w.root);
+    setRootPath(w.root.string());
+
+    auto indexes = std::make_shared<std::unordered_map<std::string, ResourceIndexPtr>>();
+    SCache::mutate([&](FConfig& config) {
+        config.version = "1";
+        config.lastUpdate = MRLCurrentTime();
+        for (int p = 0; p < packs; ++p) {
+            auto pack = std::make_shared<Pack>();
+            pack->name = packName(p);
+            pack->flags = kPackTypeFerrit;
+            pack->seq = pack->installedSeq = 1;
+            pack->updateTime = MRLCurrentTime();
+            JSON table;
+            for (int u = 0; u < kUrlsPerPack; ++u) {
+                pack->referrers.push_back(exactUrl(p, u));
+                JSON entry;
+                entry.set("url", exactUrl(p, u));
+                entry.set("v", "0123456789abcdef0123456789abcdef");
+                table.set("res/page" + std::to_string(u) + ".html", entry);
+            }
+            for (int k = 0; k < kPrefixesPerPack; ++k) {
+                pack->prefixes.push_back(prefixOf(p, k));
+                JSON entry;
+                entry.set("url", prefixOf(p, k) + "a.js");
+                entry.set("v", "0123456789abcdef0123456789abcdef");
+                table.set("res/m" + std::to_string(k) + "/a.js", entry);
+            }
+            (*indexes)[pack->name] = std::make_shared<const ResourceIndex>(pack->name, table);
+            config.put(pack);
+        }
+    });
+    ResourceIndexPool::reset();
+    ResourceIndexPool::setLoader([indexes](const Pack& pack) { return indexes->at(pack.name); });
+
+    std::mt19937 random(42);
+    for (int i = 0; i < kProbes; ++i) {
+        const int p = static_cast<int>(random() % static_cast<unsigned>(packs));
+        const int u = static_cast<int>(random() % kUrlsPerPack);
+        const int k = static_cast<int>(random() % kPrefixesPerPack);
+        w.exactUrls.push_back(exactUrl(p, u));
+        w.prefixUrls.push_back(prefixOf(p, k) + "a.js");
+        for (const std::string& file : {"apps/" + packName(p) + "/1/res/page" + std::to_string(u) + ".html",
+                                        "apps/" + packName(p) + "/1/res/m" + std::to_string(k) + "/a.js"}) {
+            std::filesystem::create_directories((w.root / file).parent_path());
+            std::ofstream(w.root / file) << "x";
+        }
+    }
+    for (int p = 0; p < packs; ++p)
+        for (int u = 0; u < kUrlsPerPack; ++u) w.floorMap.emplace(Url::key(exactUrl(p, u)), packName(p));
+    for (const auto& url : w.exactUrls) w.floorKeys.push_back(Url::key(url));
+    return w;
+}
+
+void runMatch(benchmark::State& state, const std::vector<std::string>& urls) {
+    MarlLogger::Log::setLevel(2);
+    size_t i = 0;
+    std::vector<ResourceRequest> requests;
+    for (const auto& url : urls) requests.emplace_back(url, "");
+    for (auto _ : state) {
+        auto resource = Access::match(requests[i++ % requests.size()], kPolicySync);
+        if (resource->error) state.SkipWithError(resource->error.message().c_str());
+        benchmark::DoNotOptimize(resource);
+    }
+    TaskRunner::clear();
+    state.SetLabel("vs:BM_LookupFloor");
+}
+
+void BM_MatchExact(benchmark::State& state) { runMatch(state, world(static_cast<int>(state.range(0))).exactUrls); }
+void BM_MatchPrefix(benchmark::State& state) { runMatch(state, world(static_cast<int>(state.range(0))).prefixUrls); }
+
+void BM_LookupFloor(benchmark::State& state) {
+    World& w = world(static_cast<int>(state.range(0)));
+    size_t i = 0;
+    for (auto _ : state) {
+        auto it = w.floorMap.find(w.floorKeys[i++ % w.floorKeys.size()]);
+        benchmark::DoNotOptimize(it);
+    }
+}
+
+}  // namespace
+
+// Grouped by size, so that each synthetic world is built once.
+static const bool registered = [] {
+    for (int packs : {500, 5000, 50000}) {
+        benchmark::RegisterBenchmark("BM_LookupFloor", BM_LookupFloor)->Arg(packs);
+        benchmark::RegisterBenchmark("BM_MatchExact", BM_MatchExact)->Arg(packs);
+        benchmark::RegisterBenchmark("BM_MatchPrefix", BM_MatchPrefix)->Arg(packs);
+    }
+    return true;
+}();
+
+FERRIT_BENCHMARK_MAIN();
