@@ -124,7 +124,9 @@ bool readDecimal(std::string_view text, double* out) {
     if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
         size_t j = i + 1;
         bool negativeExponent = false;
-        if (j < text.size() && (text[j] == '+' || text[j] == '-')) negativeExponent = text[j++] == '-';
+        if (j < text.size() && (text[j] == '+' || text[j] == '-')) {
+            negativeExponent = text[j++] == '-';
+        }
         if (j < text.size() && isDigit(text[j])) {
             int64_t exponent = 0;
             for (; j < text.size() && isDigit(text[j]); ++j)
@@ -134,7 +136,8 @@ bool readDecimal(std::string_view text, double* out) {
         }
     }
     double value = 0;
-    const std::from_chars_result result = std::from_chars(text.data() + start, text.data() + i, value);
+    const std::from_chars_result result =
+        std::from_chars(text.data() + start, text.data() + i, value);
     if (result.ec == std::errc::result_out_of_range) {
         value = magnitude > 0 ? std::numeric_limits<double>::infinity() : 0.0;
     } else if (result.ec != std::errc()) {
@@ -411,7 +414,9 @@ bool putString(std::string& out, std::string_view s) {
 bool putValue(std::string& out, const JSON& value) {
     switch (value.type()) {
         case Type::Null: out.push_back(static_cast<char>(0xc0)); return true;
-        case Type::Bool: out.push_back(static_cast<char>(value.boolValue() ? 0xc3 : 0xc2)); return true;
+        case Type::Bool:
+            out.push_back(static_cast<char>(value.boolValue() ? 0xc3 : 0xc2));
+            return true;
         case Type::Int: putSigned(out, value.int64Value()); return true;
         case Type::UInt: putUnsigned(out, value.uint64Value()); return true;
         case Type::Double: {
@@ -648,7 +653,8 @@ JSONObject::JSONObject(std::initializer_list<std::pair<std::string, JSON>> pairs
     dropDuplicateKeys(members_);
 }
 
-JSONObject::JSONObject(std::vector<std::pair<std::string, JSON>> pairs) : members_(std::move(pairs)) {
+JSONObject::JSONObject(std::vector<std::pair<std::string, JSON>> pairs)
+    : members_(std::move(pairs)) {
     dropDuplicateKeys(members_);
 }
 

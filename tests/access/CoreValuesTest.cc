@@ -23,8 +23,9 @@ TEST(ErrorTest, FormatOfExactlyTwoHundredFiftyFiveAndSix) {
 }
 
 TEST(ErrorTest, TruthIsByCodeNotMessage) {
+    // An explicit std::string picks the plain constructor; "" alone would be an empty format.
     EXPECT_FALSE(static_cast<bool>(Error()));
-    EXPECT_TRUE(static_cast<bool>(Error(1, "")));
+    EXPECT_TRUE(static_cast<bool>(Error(1, std::string())));
     EXPECT_FALSE(static_cast<bool>(Error(0, "text")));
 }
 

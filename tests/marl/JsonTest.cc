@@ -40,9 +40,10 @@ JSON sampleValue() {
                                      JSON(int64_t{-2147483648LL}), JSON(int64_t{-2147483649LL}),
                                      JSON(std::numeric_limits<int64_t>::min()),
                                      JSON(std::numeric_limits<int64_t>::max())}));
-    value.set("strings", JSON(JSONArray{JSON(""), JSON(std::string(31, 's')),
-                                        JSON(std::string(32, 's')), JSON(std::string(255, 's')),
-                                        JSON(std::string(256, 's')), JSON(std::string(65536, 's'))}));
+    value.set("strings",
+              JSON(JSONArray{JSON(""), JSON(std::string(31, 's')), JSON(std::string(32, 's')),
+                             JSON(std::string(255, 's')), JSON(std::string(256, 's')),
+                             JSON(std::string(65536, 's'))}));
     value.set("empty", JSON(JSONObject()));
     value.set("none", JSON(JSONArray()));
     value.set("pi", JSON(3.141592653589793));
@@ -558,8 +559,10 @@ TEST(JsonTest, BinaryHugeDeclaredLengthsFailFast) {
         const char* words;
     };
     const Case cases[] = {
-        {bytes({0xdb, 0xff, 0xff, 0xff, 0xff, 'a', 'b', 'c', 'd', 'e'}), "truncated: length 4294967295"},
-        {bytes({0xc6, 0xff, 0xff, 0xff, 0xff, 'a', 'b', 'c', 'd', 'e'}), "truncated: length 4294967295"},
+        {bytes({0xdb, 0xff, 0xff, 0xff, 0xff, 'a', 'b', 'c', 'd', 'e'}),
+         "truncated: length 4294967295"},
+        {bytes({0xc6, 0xff, 0xff, 0xff, 0xff, 'a', 'b', 'c', 'd', 'e'}),
+         "truncated: length 4294967295"},
         {bytes({0xdd, 0xff, 0xff, 0xff, 0xff, 1, 2, 3, 4, 5}), "truncated: length 4294967295"},
         {bytes({0xdf, 0xff, 0xff, 0xff, 0xff, 1, 2, 3, 4, 5}), "truncated: length 4294967295"},
         {bytes({0xdc, 0xff, 0xff}), "truncated: length 65535"},

@@ -167,7 +167,11 @@ TEST(LogTest, MovedBuilderWritesOnce) {
 
 TEST(LogTest, EmptyKeyAddsNothing) {
     ScopedCapture capture;
-    Log::build(MRLLevelInfo, "Tag").event("keys").append("", 1).appendJSON("", "[1]").append("k", 2);
+    Log::build(MRLLevelInfo, "Tag")
+        .event("keys")
+        .append("", 1)
+        .appendJSON("", "[1]")
+        .append("k", 2);
     LogEntry entry = capture->last("keys");
     EXPECT_EQ(entry.fields.size(), 1u);
     EXPECT_FALSE(entry.has(""));
