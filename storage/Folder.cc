@@ -32,7 +32,23 @@ const char* folderKindName(FolderKind kind) {
     return "Unknown";
 }
 
+namespace {
+
+// Already in normal form: no backslash and no run of slashes. Paths built by the system itself
+// nearly always are, so the common case is one scan and one copy.
+bool isNormal(std::string_view path) {
+    for (size_t i = 0; i < path.size(); ++i) {
+        const char c = path[i];
+        if (c == '\\') return false;
+        if (c == '/' && i + 1 < path.size() && path[i + 1] == '/') return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 std::string normalizePath(std::string_view path) {
+    if (isNormal(path)) return std::string(path);
     std::string result;
     result.reserve(path.size() + 1);
     // A leading backslash counts as a leading separator too: after normalisation the two
@@ -90,7 +106,26 @@ Folder Folder::packed(std::string_view relative) {
     return Folder(FolderKind::Packed, {}, relative);
 }
 
+Folder::Folder(FolderKind kind, std::string module, std::string relative, std::string absolute)
+    : kind_(kind), module_(std::move(module)), relative_(std::move(relative)), absolute_(std::move(absolute)) {}
+
 Folder Folder::childOf(std::string_view name) const {
+    // The parent is normal already; a child name in normal form that needs no slash fixing joins
+    // without another pass over the whole path.
+    const bool parentEndsInSlash = relative_.empty() || relative_.back() == '/';
+    if (parentEndsInSlash && !name.empty() && name.front() != '/' && isNormal(name)) {
+        std::string relative;
+        relative.reserve(relative_.size() + name.size());
+        relative.append(relative_).append(name);
+        std::string absolute;
+        if (kind_ == FolderKind::Disk) {
+            absolute.reserve(absolute_.size() + name.size());
+            absolute.append(absolute_).append(name);
+        } else {
+            absolute = relative;
+        }
+        return Folder(kind_, module_, std::move(relative), std::move(absolute));
+    }
     std::string joined = relative_;
     const bool parentSlash = !joined.empty() && joined.back() == '/';
     const bool nameSlash = !name.empty() && name.front() == '/';

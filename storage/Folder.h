@@ -67,6 +67,8 @@ public:
 
 private:
     Folder(FolderKind kind, std::string_view module, std::string_view relative);
+    // From parts already in normal form.
+    Folder(FolderKind kind, std::string module, std::string relative, std::string absolute);
 
     FolderKind kind_ = FolderKind::Disk;
     std::string module_;

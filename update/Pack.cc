@@ -1,10 +1,20 @@
 #include "update/Pack.h"
 
+#include <cstdio>
+#include <string_view>
+
 namespace FerritCore {
 namespace {
 
-std::string seqFolder(const std::string& name, uint64_t seq) {
-    return name + "/" + std::to_string(seq) + "/";
+// "<prefix><name>/<seq>/" in one allocation.
+std::string seqFolder(std::string_view prefix, std::string_view name, uint64_t seq) {
+    char digits[24];
+    const int n = std::snprintf(digits, sizeof(digits), "%llu", static_cast<unsigned long long>(seq));
+    std::string out;
+    out.reserve(prefix.size() + name.size() + static_cast<size_t>(n) + 2);
+    out.append(prefix).append(name).push_back('/');
+    out.append(digits, static_cast<size_t>(n)).push_back('/');
+    return out;
 }
 
 }  // namespace
@@ -20,13 +30,15 @@ const char* packStatusName(uint32_t status) {
     }
 }
 
-std::string Pack::rootName() const {
+std::string_view Pack::rootView() const {
     if (subType == 1) {
         const size_t at = name.find('@');
-        if (at != std::string::npos) return name.substr(0, at);
+        if (at != std::string::npos) return std::string_view(name).substr(0, at);
     }
     return name;
 }
+
+std::string Pack::rootName() const { return std::string(rootView()); }
 
 std::string Pack::appName() const { return subType == 2 ? zipURL : rootName(); }
 
@@ -67,14 +79,14 @@ void Pack::setStatus(uint32_t newStatus) {
 }
 
 Folder Pack::installedFolder() const {
-    const std::string root = rootName();
+    const std::string_view root = rootView();
     if (isBuiltIn()) {
-        const std::string relative = "Ferrit_Asset_" + seqFolder(root, installedSeq);
-        if (isOnDemand) return Folder::onDemand("Ferrit_Asset_" + root, relative);
+        const std::string relative = seqFolder("Ferrit_Asset_", root, installedSeq);
+        if (isOnDemand) return Folder::onDemand("Ferrit_Asset_" + std::string(root), relative);
         return Folder::asset(relative);
     }
-    if (packType() == kPackTypeACache || !isPacks) return Folder::disk("apps/" + seqFolder(root, installedSeq));
-    return Folder::packed(seqFolder(root, installedSeq));
+    if (packType() == kPackTypeACache || !isPacks) return Folder::disk(seqFolder("apps/", root, installedSeq));
+    return Folder::packed(seqFolder("", root, installedSeq));
 }
 
 Folder Pack::resourcesFolder() const { return installedFolder().childOf("res/"); }

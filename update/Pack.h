@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "storage/Folder.h"
@@ -65,6 +66,7 @@ struct Pack {
 
     // Part of `name` before "@" for a fixed-sequence copy (subType 1), else `name`.
     std::string rootName() const;
+    std::string_view rootView() const;
     // `zipURL` for a fixed-URL pack (subType 2), else rootName().
     std::string appName() const;
     // The name of a fixed-sequence copy: `name`, "@", and the sequence in decimal.
