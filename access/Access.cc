@@ -9,6 +9,7 @@
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "runtime/Settings.h"
+#include "runtime/LogTags.h"
 
 namespace FerritCore {
 namespace {
@@ -151,7 +152,7 @@ void Access::getResource(const ResourceRequest& request,
 
 void Access::prefetch(const std::vector<std::string>& urls) {
     // The prefetcher is not attached in this build: there is nothing to hand the list to.
-    MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, "Ferrit/Prefetch")
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kPrefetch)
         .event("prefetch")
         .append("count", static_cast<uint64_t>(urls.size()));
 }

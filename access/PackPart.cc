@@ -16,6 +16,7 @@
 #include "storage/Statistics.h"
 #include "update/SCache.h"
 #include "update/UpdateQueue.h"
+#include "runtime/LogTags.h"
 
 namespace FerritCore {
 namespace {
@@ -249,10 +250,10 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
     }
     // On-demand files are read through the module loader, which may finish on another thread.
     error.clear();
-    const std::string readId = MRLGenerateID("FT_Read");
+    const std::string readId = MRLGenerateID(TracePrefix::kRead);
     const double start = MRLCurrentClock();
     if (Settings::current()->onDemandEnabledValue()) {
-        MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, "Ferrit/Read")
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kRead)
             .event("start", context->traceId)
             .id(readId)
             .append("type", "OnDemandResource")
@@ -260,7 +261,7 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
     }
     Folder::readFileAsync(file, [self, this, readId, start, callback = std::move(callback)](std::string data, Error e) {
         readFileTime = MRLCurrentClock() - start;
-        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, "Ferrit/Read");
+        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
         log.event("finish", context->traceId).id(readId).append("path", file.describe()).append("time", readFileTime);
         if (e) log.error(e);
         log.done();

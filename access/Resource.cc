@@ -8,6 +8,7 @@
 #include "runtime/Proxy.h"
 #include "runtime/Settings.h"
 #include "runtime/Telemetry.h"
+#include "runtime/LogTags.h"
 
 namespace FerritCore {
 
@@ -51,7 +52,7 @@ ResourcePart::ResourcePart(std::shared_ptr<RequestContext> context, std::string 
 bool ResourcePart::accept(const HeaderMap&, const std::string&, Error&) { return true; }
 
 const std::string& ResourcePart::traceId() {
-    if (traceId_.empty()) traceId_ = MRLGenerateID("FT_Resource");
+    if (traceId_.empty()) traceId_ = MRLGenerateID(TracePrefix::kResource);
     return traceId_;
 }
 
@@ -60,7 +61,7 @@ const std::string& ResourcePart::traceId() {
 Resource::Resource(std::shared_ptr<RequestContext> context, std::string parentId, bool uniApp)
     : context(std::move(context)),
       parentId(std::move(parentId)),
-      logTag(uniApp ? "Ferrit/UniApp" : "Ferrit/Access"),
+      logTag(uniApp ? LogTag::kUniApp : LogTag::kAccess),
       startTime(MRLCurrentClock()),
       lastTime(startTime) {}
 

@@ -14,6 +14,7 @@
 #include "access/Http.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
+#include "runtime/LogTags.h"
 
 namespace FerritCore {
 
@@ -26,7 +27,7 @@ class RequestContext {
 public:
     // Copies the request's URL and headers and takes a new trace id with `tracePrefix`. An
     // "http://" URL becomes "https://" when the setting requestForceHttps is on.
-    RequestContext(const ResourceRequest& request, int trigger, std::string_view tracePrefix = "FT_Access");
+    RequestContext(const ResourceRequest& request, int trigger, std::string_view tracePrefix = TracePrefix::kAccess);
     // A context without a request (the shared context of the pack reader).
     RequestContext(int trigger, std::string_view tracePrefix);
 

@@ -31,7 +31,7 @@ for target in build-fuzz/fuzz/*_fuzz; do
   [ -d "fuzz/corpus/$name" ] && seeds="fuzz/corpus/$name"
   "$target" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 -timeout=10 -print_final_stats=0 \
     "build-fuzz/corpus/$name" $seeds 2>"build-fuzz/$name.log" || { tail -n 40 "build-fuzz/$name.log"; exit 1; }
-  echo "$name: $(grep -Eo 'stat::number_of_executed_units: *[0-9]+|#[0-9]+ *DONE' "build-fuzz/$name.log" | tail -n 1)"
+  echo "$name: $(grep -Eo 'Done [0-9]+ runs in [0-9]+ second' "build-fuzz/$name.log" | tail -n 1)"
 done
 
 echo "== benchmarks (smoke)"

@@ -5,6 +5,7 @@
 #include "access/Errors.h"
 #include "marl/Log.h"
 #include "runtime/Telemetry.h"
+#include "runtime/LogTags.h"
 
 namespace FerritCore {
 namespace {
@@ -25,7 +26,7 @@ void UpdateQueue::request(const std::string& name, int trigger, Completion compl
         return;
     }
     Error error = Errors::updateDisabled();
-    MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, "Ferrit/Queue")
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kQueue)
         .event("request")
         .append("name", name)
         .append("trigger", triggerName(trigger))
