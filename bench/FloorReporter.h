@@ -26,10 +26,17 @@ public:
         ConsoleReporter::Finalize();
         std::printf("\nratios to the floor measured in this run:\n");
         for (const auto& [name, floorName] : floors_) {
-            // Same arguments: the part of the name after the first "/".
+            // Same arguments: the part of the name after the first "/", or failing that its first
+            // argument alone (run options such as "/iterations:N" may differ).
             const size_t slash = name.find('/');
-            const std::string floorRun = floorName + (slash == std::string::npos ? "" : name.substr(slash));
+            const std::string args = slash == std::string::npos ? "" : name.substr(slash);
+            std::string floorRun = floorName + args;
             auto floor = times_.find(floorRun);
+            if (floor == times_.end() && !args.empty()) {
+                const size_t next = args.find('/', 1);
+                floorRun = floorName + args.substr(0, next);
+                floor = times_.find(floorRun);
+            }
             if (floor == times_.end() || floor->second <= 0) continue;
             std::printf("  %-40s %8.2fx  (%s)\n", name.c_str(), times_[name] / floor->second, floorRun.c_str());
         }

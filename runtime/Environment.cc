@@ -20,6 +20,40 @@ void Environment::setSessionName(std::string name) {
     sessionName_ = std::move(name);
 }
 
+std::string Environment::appKey() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return appKey_;
+}
+
+std::string Environment::appVersion() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return appVersion_;
+}
+
+std::string Environment::locale() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return locale_;
+}
+
+void Environment::setApp(std::string appKey, std::string appVersion) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    appKey_ = std::move(appKey);
+    appVersion_ = std::move(appVersion);
+}
+
+void Environment::setLocaleValue(std::string locale) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    locale_ = std::move(locale);
+}
+
+bool Environment::setFlag(uint32_t bit) {
+    uint32_t old = flags_.load(std::memory_order_acquire);
+    while ((old & bit) == 0) {
+        if (flags_.compare_exchange_weak(old, old | bit, std::memory_order_acq_rel)) return true;
+    }
+    return false;
+}
+
 void Environment::addCooldown(const std::string& name) {
     std::lock_guard<std::mutex> lock(mutex_);
     cooldowns_[name] = MRLCurrentClock() + 5000.0;
@@ -41,8 +75,14 @@ void Environment::resetForTesting() {
     setProxy(nullptr);
     setMainProcess(true);
     setDeveloperDisabled(0);
+    feature_.store(0, std::memory_order_release);
+    env_.store(2, std::memory_order_relaxed);
+    flags_.store(0, std::memory_order_release);
     std::lock_guard<std::mutex> lock(mutex_);
     sessionName_.clear();
+    appKey_.clear();
+    appVersion_.clear();
+    locale_.clear();
     cooldowns_.clear();
     cooldownCount_.store(0, std::memory_order_release);
 }

@@ -29,6 +29,27 @@ public:
     void setDeveloperDisabled(uint32_t value) { developerDisabled_.store(value, std::memory_order_relaxed); }
     bool isDisabledByDeveloper() const { return developerDisabled() != 0; }
 
+    // Which service environment the process talks to: 0 "Debug", 1 "Daily", 2 "Release".
+    int32_t env() const { return env_.load(std::memory_order_relaxed); }
+    void setEnvValue(int32_t env) { env_.store(env, std::memory_order_relaxed); }
+
+    // The host application, percent-escaped at setup, and its locale.
+    std::string appKey() const;
+    std::string appVersion() const;
+    std::string locale() const;
+    void setApp(std::string appKey, std::string appVersion);
+    void setLocaleValue(std::string locale);
+
+    // SetupFlags: how far start-up has come.
+    uint32_t flags() const { return flags_.load(std::memory_order_acquire); }
+    // Sets `bit`; true when this call was the one that set it, however many threads race.
+    bool setFlag(uint32_t bit);
+
+    // Feature bits shown by the status report: 1 push topics registered, 2 remote settings applied.
+    uint32_t feature() const { return feature_.load(std::memory_order_acquire); }
+    // Sets `bit`; true when this call was the one that set it.
+    bool setFeatureBit(uint32_t bit) { return (feature_.fetch_or(bit, std::memory_order_acq_rel) & bit) == 0; }
+
     // Parent id of start-up events and "sessionID" of every performance record.
     std::string sessionName() const;
     void setSessionName(std::string name);
@@ -47,9 +68,16 @@ private:
     std::atomic<std::shared_ptr<Proxy>> proxy_;
     std::atomic<bool> isMainProcess_{true};
     std::atomic<uint32_t> developerDisabled_{0};
+    std::atomic<int32_t> env_{2};
+    std::atomic<uint32_t> flags_{0};
+
+    std::atomic<uint32_t> feature_{0};
 
     mutable std::mutex mutex_;
     std::string sessionName_;                            // guarded by mutex_
+    std::string appKey_;                                 // guarded by mutex_
+    std::string appVersion_;                             // guarded by mutex_
+    std::string locale_;                                 // guarded by mutex_
     std::unordered_map<std::string, double> cooldowns_;  // guarded by mutex_
     // Lets a read skip the lock while there are no cooldowns, which is nearly always.
     std::atomic<size_t> cooldownCount_{0};

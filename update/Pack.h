@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "marl/Json.h"
 #include "storage/Folder.h"
 
 namespace FerritCore {
@@ -61,6 +62,19 @@ struct Pack {
     // document: it is set by whoever pins a floor on a pack.
     uint64_t minSeq = 0;
 
+    // Reads the fields of a record's JSON object by the lenient rule of coercion (a number as it
+    // is, true 1 and false 0, "" "0" "false" 0, "1" "true" 1, other text as a decimal number).
+    // Unknown keys are ignored. Does not validate.
+    void readJSON(const MarlLogger::json::JSON& object);
+    // Writes the record's object (without its name), leaving out every key equal to its default.
+    void writeJSON(MarlLogger::json::JSONStringer& out) const;
+    // Checks type, gray and status; folds the legacy sub type and the "@" of fixed-sequence
+    // names into `subType`; fills `updateTime` with now when unset. False when the record must be
+    // refused.
+    bool validate();
+    // A copy; an empty `newName` keeps the name.
+    std::shared_ptr<Pack> clone(const std::string& newName = {}) const;
+
     uint32_t priority() const { return static_cast<uint32_t>(flags & 0x0F); }
     uint32_t packType() const { return static_cast<uint32_t>(flags & 0xF0); }
 
@@ -78,6 +92,14 @@ struct Pack {
     bool isResident() const;
     bool isBuiltIn() const;
     bool canUpdateIncrementally() const;
+    // Plain and incremental packs whose record and whose document are both older than
+    // `interval` before now.
+    bool isOutOfDate(double documentLastUpdate, double interval) const;
+    // Bits 16 and 17 of the flags: 1 is the wrapped payload.
+    uint32_t payloadKind() const { return static_cast<uint32_t>((flags >> 16) & 0x3); }
+    bool allowSlowCellular() const { return (flags >> 14) & 1; }
+    bool allowFastCellular() const { return (flags >> 15) & 1; }
+    uint32_t grayState() const { return static_cast<uint32_t>(gray & 0x0F); }
 
     // 1 (reinstall) only takes on an installed pack in status 0; 2 (eliminated) never replaces 2
     // or 3; any other value is stored as it stands.
@@ -90,5 +112,9 @@ struct Pack {
 };
 
 using PackPtr = std::shared_ptr<const Pack>;
+
+// Per trigger: whether an uninstalled pack needs no priority or statistics to qualify, in which
+// case the install also records the trigger. True for "Visit", "Prefetch" and "Preview".
+bool triggerIgnoresPriority(uint32_t trigger);
 
 }  // namespace FerritCore

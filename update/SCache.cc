@@ -3,13 +3,18 @@
 #include <atomic>
 #include <mutex>
 
+#include "marl/Log.h"
+#include "runtime/Environment.h"
+#include "runtime/LogTags.h"
+#include "runtime/TaskRunner.h"
+
 namespace FerritCore {
 namespace {
 
 struct State {
     std::atomic<FConfigPtr> current{std::make_shared<const FConfig>()};
     std::recursive_mutex writers;
-    SCache::CommitHook commit;  // guarded by writers
+    std::atomic<std::shared_ptr<ConfigStorage>> storage;
 };
 
 State& state() {
@@ -24,19 +29,51 @@ FConfigPtr SCache::current() { return state().current.load(std::memory_order_acq
 FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
     State& s = state();
     std::lock_guard<std::recursive_mutex> lock(s.writers);
-    auto copy = std::make_shared<FConfig>(s.current.load(std::memory_order_acquire)->copyForChange());
+    const FConfigPtr previous = s.current.load(std::memory_order_acquire);
+    auto copy = std::make_shared<FConfig>(previous->copyForChange());
     change(*copy);
-    copy->rebuildIndexes();
+    copy->rebuildIndexes(previous.get());
     FConfigPtr published = copy;
-    if ((copy->dirty || !copy->removed.empty()) && s.commit) s.commit(published);
+    if ((copy->dirty || !copy->removed.empty()) && Environment::instance().isMainProcess())
+        TaskRunner::post([published] { commit(*published); });
     s.current.store(published, std::memory_order_release);
     return published;
 }
 
-void SCache::setCommitHook(CommitHook hook) {
+void SCache::publish(std::shared_ptr<FConfig> document) {
+    if (!document) return;
     State& s = state();
     std::lock_guard<std::recursive_mutex> lock(s.writers);
-    s.commit = std::move(hook);
+    document->rebuildIndexes(nullptr);
+    document->dirty = false;
+    document->removed.clear();
+    s.current.store(std::move(document), std::memory_order_release);
+}
+
+void SCache::commit(const FConfig& document) {
+    std::shared_ptr<ConfigStorage> storage = state().storage.load(std::memory_order_acquire);
+    if (!storage) return;
+    if (document.dirty) {
+        const Error error = storage->writeConfig(document.serialize());
+        if (error) {
+            MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kSCache)
+                .event("commit")
+                .append("version", document.version)
+                .error(error);
+        } else {
+            storage->deleteLegacyConfig();
+        }
+    }
+    for (const PackPtr& pack : document.removed) storage->removeFolder(pack->installedFolder());
+}
+
+void SCache::wipeInstalled() {
+    if (std::shared_ptr<ConfigStorage> storage = state().storage.load(std::memory_order_acquire))
+        storage->wipeInstalled();
+}
+
+void SCache::setStorage(std::shared_ptr<ConfigStorage> storage) {
+    state().storage.store(std::move(storage), std::memory_order_release);
 }
 
 void SCache::reset() {

@@ -9,7 +9,10 @@
 #include <string>
 #include <vector>
 
+#include <openssl/evp.h>
+
 #include "TestUtil.h"
+#include "access/Digest.h"
 #include "access/ResourceIndex.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
@@ -19,7 +22,9 @@
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "runtime/Telemetry.h"
+#include "storage/AssetProvider.h"
 #include "storage/Folder.h"
+#include "storage/PackedFiles.h"
 #include "storage/Statistics.h"
 #include "update/SCache.h"
 #include "update/UpdateQueue.h"
@@ -34,15 +39,42 @@ struct UpdateRequest {
     int trigger;
 };
 
-// Records performance records; signatures are accepted or refused as the test says.
+// The test signature scheme: the bytes "signed:" followed by the MD5 text. A real host verifies
+// an asymmetric signature; what matters here is that a signature over other text is refused.
+inline std::string testSignature(const std::string& md5Hex) {
+    return "signed:" + md5Hex;
+}
+
+inline std::string base64(std::string_view bytes) {
+    std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+    const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return out;
+}
+
+// An index file as a pack carries it: the JSON, "||", a token, "|", the base64 signature.
+inline std::string signedIndex(const std::string& json) {
+    return json + "||token|" + base64(testSignature(Digest::md5Hex(json)));
+}
+inline std::string signedIndex(const MarlLogger::json::JSON& table) {
+    return signedIndex(table.isNull() ? std::string("{}") : table.toString());
+}
+
+// Records performance records; signatures are accepted when they follow the test scheme and
+// `accept` is set, so that a test can refuse them all.
 class RecordingProxy : public Proxy {
 public:
-    bool verifySignature(const std::string&, const std::string&) override { return accept; }
+    bool verifySignature(const std::string& md5Hex, const std::string& signature) override {
+        ++verifications;
+        return accept && signature == testSignature(md5Hex);
+    }
     void sendEvent(const PerfRecord& record) override {
         names.push_back(record.name());
         dimensions.push_back(record.dimensions());
     }
     bool accept = true;
+    int verifications = 0;
     std::vector<std::string> names;
     std::vector<std::unordered_map<std::string, std::string>> dimensions;
 };
@@ -57,7 +89,12 @@ protected:
         ResourceIndexPool::setLoader(nullptr);
         Statistics::clear();
         TaskRunner::clear();
+        AssetProvider::set(nullptr);
+        PackedFiles::set(nullptr);
         setRootPath(temp_.root());
+        // Indexes are signed: a proxy that checks the test scheme is there unless a test removes it.
+        proxy_ = std::make_shared<RecordingProxy>();
+        Environment::instance().setProxy(proxy_);
         UpdateQueue::setHandler([this](const std::string& name, int trigger, UpdateQueue::Completion done) {
             updates.push_back({name, trigger});
             if (done) done(Error());
@@ -67,6 +104,8 @@ protected:
         UpdateQueue::setHandler(nullptr);
         ResourceIndexPool::setLoader(nullptr);
         ResourceIndexPool::reset();
+        AssetProvider::set(nullptr);
+        PackedFiles::set(nullptr);
         TaskRunner::clear();
         SCache::reset();
         Settings::reset();
@@ -93,6 +132,7 @@ protected:
             config.lastUpdate = lastUpdate > 0 ? lastUpdate : MRLCurrentTime();
             for (auto& p : packs) config.put(p);
         });
+        TaskRunner::runDue();  // the commit of the transaction
     }
 
     // A resource table {path: {"url", "v", "header"}}.
@@ -107,13 +147,16 @@ protected:
         return t;
     }
 
-    // Serves `tables` by pack name through the pool's folder loader.
+    // Writes each table as the signed full list "app-res.hvc" of the installed folder of the
+    // pack of that name in the current configuration (a Disk pack under "apps/").
     void serveIndexes(std::map<std::string, MarlLogger::json::JSON> tables) {
-        ResourceIndexPool::setLoader([tables = std::move(tables)](const Pack& p) -> ResourceIndexPtr {
-            auto it = tables.find(p.name);
-            if (it == tables.end()) return nullptr;
-            return std::make_shared<const ResourceIndex>(p.name, it->second);
-        });
+        for (const auto& [name, table] : tables) {
+            PackPtr p = SCache::current()->find(name);
+            ASSERT_NE(p, nullptr) << name;
+            const Folder folder = p->installedFolder();
+            ASSERT_EQ(folder.kind(), FolderKind::Disk) << name;
+            writeFile(folder.relative() + "app-res.hvc", signedIndex(table));
+        }
     }
 
     // Writes a file below the root.
@@ -124,6 +167,7 @@ protected:
     }
 
     TempDir temp_;
+    std::shared_ptr<RecordingProxy> proxy_;
     MarlLogger::ScopedManualClock clock_;
     MarlLogger::ScopedCapture logs_;
     std::vector<UpdateRequest> updates;
