@@ -139,6 +139,10 @@ Error fileNotExists(const Folder& file) {
     return Error(1101, "file \"%s\" not exists", file.describe().c_str());
 }
 
+Error assetNotExists() {
+    return Error(1101, std::string("Resource not exists"));
+}
+
 Error storageNotExists(const std::string& storage, std::string_view key) {
     return Error(1101, "Storage \"%s/%.*s\" not exists", storage.c_str(), viewLength(key),
                  viewData(key));
@@ -152,6 +156,10 @@ Error storeNotExists(const std::string& prefix, std::string_view key) {
 Error fileRead(const Folder& file, int errnum) {
     return Error(1102, "read file \"%s\" failed: %d, %s", file.describe().c_str(), errnum,
                  errnoText(errnum).c_str());
+}
+
+Error fileRead(const Folder& file, int code, const std::string& message) {
+    return Error(1102, "read file \"%s\" failed: %d, %s", file.describe().c_str(), code, message.c_str());
 }
 
 Error fileReadInvalidType(const Folder& file) {

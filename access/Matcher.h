@@ -32,4 +32,25 @@ PackPtr packByUrl(const FConfig& config, const Settings& settings, std::string_v
 // Whether the SCache file-type setting claims `k` by its extension.
 bool fileTypeClaimed(const Settings& settings, std::string_view k);
 
+// A pack name with a version, as the pack reader is given one: "<letter>:<name>@<seq>" (the
+// letter A, S, F or D naming the type, as in the match text), or "<name>@<seq>", or "<seq>"
+// alone. A part left out is empty or 0; 0 is the reserved sequence that names no version.
+struct NameWithVersion {
+    bool hasType = false;
+    uint32_t type = kPackTypeDefault;
+    std::string name;
+    uint64_t seq = 0;
+};
+// False when the text is none of those forms.
+bool parseNameWithVersion(std::string_view text, NameWithVersion& out);
+
+// The pack for the pack reader and the installed-state query (not the matcher). A `name` that is
+// an absolute URL is the fixed-URL pack named by the MD5 of its "//" form. Otherwise a non-empty
+// `info` naming an app or asset pack and a sequence asks for that version: the pinned copy
+// "name@seq", or the plain record when that has exactly this version installed. Otherwise the
+// record of `name`. Null when nothing fits, unless `fallback` is given: then a stand-in record
+// is made (a fixed-URL app pack at sequence 1, or a pinned copy at the asked sequence) and
+// `*fallback` is set to true. Pure; any thread.
+PackPtr findByName(const FConfig& config, std::string_view name, std::string_view info, bool* fallback);
+
 }  // namespace FerritCore

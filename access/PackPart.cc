@@ -1,9 +1,8 @@
 #include "access/PackPart.h"
 
-#include <zlib.h>
-
 #include <cinttypes>
 
+#include "access/Digest.h"
 #include "access/Errors.h"
 #include "access/Http.h"
 #include "marl/Clock.h"
@@ -152,11 +151,19 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
         error = match->error;
     } else if (isOnDemand() && !main) {
         error = Errors::subProcessUpdateDisabled();
-    } else if (match->index) {
+    } else if (!match->index) {
+        // A pack served without a resource list (a fixed-URL app) has no record for any URL.
+        error = Errors::notFerritPackResource(name);
+    } else {
         record = match->index->find(url);
         if (record) {
-            file = match->pack->installedFolder().childOf(record->path);
-            if (file.kind() != FolderKind::OnDemand && !file.exists()) {
+            // The index knows the folder it was read from; only an embedded one needs the pack's.
+            const Folder* folder = match->index->folder();
+            file = folder != nullptr ? folder->childOf(record->path)
+                                     : match->pack->installedFolder().childOf(record->path);
+            // A Disk file is opened here and read from that descriptor later: the check and the
+            // read cost one open, as a bare read does.
+            if (file.kind() != FolderKind::OnDemand && !opened_.open(file)) {
                 error = Errors::packFileNotFound(name, file);
                 postReinstall(match->pack->name);
             }
@@ -220,7 +227,7 @@ HeaderMap PackPart::header() const {
 
 bool PackPart::readFile() {
     const double start = MRLCurrentClock();
-    content = Folder::readFile(file, error);
+    content = opened_.read(file, error);
     readFileTime = MRLCurrentClock() - start;
     return !error;
 }
@@ -239,6 +246,7 @@ ReadStatus PackPart::read() {
 void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) {
     if (!callback) return;
     std::shared_ptr<ResourcePart> self = shared_from_this();
+    // A synchronous attempt on an on-demand pack leaves 1108 behind; that is what this call is for.
     if (error && !(isOnDemand() && error.code() == 1108)) {
         callback(self);
         return;
@@ -261,20 +269,74 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
     }
     Folder::readFileAsync(file, [self, this, readId, start, callback = std::move(callback)](std::string data, Error e) {
         readFileTime = MRLCurrentClock() - start;
-        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
-        log.event("finish", context->traceId).id(readId).append("path", file.describe()).append("time", readFileTime);
-        if (e) log.error(e);
-        log.done();
-        content = std::move(data);
+        {
+            MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
+            if (log.active()) {
+                log.event("finish", context->traceId).id(readId).append("path", file.describe()).append("time", readFileTime);
+                if (e) log.error(e);
+            }
+        }
+        if (!e) {
+            content = std::move(data);
+            error.clear();
+            callback(self);
+            return;
+        }
         error = std::move(e);
+        tryBackup(false, callback);
+    });
+}
+
+void PackPart::tryBackup(bool retry, Callback callback) {
+    std::shared_ptr<ResourcePart> self = shared_from_this();
+    const Pack& pack = *match->pack;
+    const std::string backupName = Pack::pinnedName(pack.name, pack.installedSeq);
+    const FConfigPtr config = SCache::current();
+    std::shared_ptr<PackMatch> backup;
+    if (PackPtr backupPack = config->find(backupName)) backup = std::make_shared<PackMatch>(*config, std::move(backupPack), true);
+    if (backup && !backup->error && backup->index) {
+        std::shared_ptr<const ResourceRecord> backupRecord = backup->index->find(url);
+        if (!backupRecord) {
+            error = Errors::backupNotFound(name, url);
+            callback(self);
+            return;
+        }
+        const double start = MRLCurrentClock();
+        content = Folder::readFile(backup->pack->installedFolder().childOf(backupRecord->path), error);
+        readFileTime += MRLCurrentClock() - start;
+        if (error) postReinstall(backup->pack->name);
         callback(self);
+        return;
+    }
+    if (retry) {
+        error = backup && backup->error ? backup->error : Errors::backupNotFound(name, url);
+        callback(self);
+        return;
+    }
+    // No usable copy yet: fetch it, then try once more. The queue may answer on any thread.
+    UpdateQueue::request(backupName, kTriggerVisit, [self, this, callback](const Error& fetchError) {
+        if (fetchError) {
+            error = fetchError;
+            callback(self);
+            return;
+        }
+        tryBackup(true, callback);
     });
 }
 
 void PackPart::appendTo(std::string& out, unsigned& crc) {
-    crc = static_cast<unsigned>(::crc32(0L, reinterpret_cast<const Bytef*>(content.data()),
-                                        static_cast<uInt>(content.size())));
+    crc = Digest::crc32(content);
     out.append(content);
+}
+
+void PackPart::moveTo(std::string& out, unsigned* crc) {
+    if (crc != nullptr) *crc = Digest::crc32(content);
+    if (out.empty()) {
+        out = std::move(content);
+    } else {
+        out.append(content);
+    }
+    content.clear();
 }
 
 }  // namespace FerritCore

@@ -49,9 +49,14 @@ public:
     uint64_t size() const override { return content.size(); }
     std::string md5() const override { return record ? record->md5 : std::string(); }
     HeaderMap header() const override;
+    // An on-demand pack answers NeedAsync with 1108; a missing file (1101) asks for a reinstall.
     ReadStatus read() override;
+    // An on-demand file is read through its module; when that fails, through the backup copy of
+    // the pack (tryBackup), which may first be fetched. `callback` runs once, on the thread that
+    // finished the read.
     void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override;
     void appendTo(std::string& out, unsigned& crc) override;
+    void moveTo(std::string& out, unsigned* crc) override;
 
     std::shared_ptr<PackMatch> match;
     bool firstVisit = false;
@@ -61,11 +66,18 @@ public:
     std::string content;
 
 private:
+    using Callback = std::function<void(std::shared_ptr<ResourcePart>)>;
+
     bool isOnDemand() const;
     bool readFile();
+    // Reads the URL from the pinned copy "name@installedSeq" of the pack. Without a usable copy
+    // and with `retry` false, asks the update queue to fetch that copy and tries once more.
+    void tryBackup(bool retry, Callback callback);
 
     double accessCount_ = 0;
     double createTime_;
+    // The file, opened when the part was built and read once by read().
+    OpenedFile opened_;
 };
 
 // Posts, on the main process, the task that marks a pack for reinstall.

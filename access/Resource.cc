@@ -1,7 +1,5 @@
 #include "access/Resource.h"
 
-#include <zlib.h>
-
 #include "access/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -51,6 +49,12 @@ ResourcePart::ResourcePart(std::shared_ptr<RequestContext> context, std::string 
 
 bool ResourcePart::accept(const HeaderMap&, const std::string&, Error&) { return true; }
 
+void ResourcePart::moveTo(std::string& out, unsigned* crc) {
+    unsigned value = 0;
+    appendTo(out, value);
+    if (crc != nullptr) *crc = value;
+}
+
 const std::string& ResourcePart::traceId() {
     if (traceId_.empty()) traceId_ = MRLGenerateID(TracePrefix::kResource);
     return traceId_;
@@ -93,6 +97,8 @@ std::string Resource::read() {
     std::string data;
     if (error || parts.empty()) return data;
     const double start = MRLCurrentClock();
+    // The CRCs are only logged: they are computed only when the "read" event will be written.
+    const bool logged = MarlLogger::Log::enabled(MRLLevelInfo);
     unsigned crc = 0;
     std::vector<unsigned> crcs;
     if (parts.size() == 1) {
@@ -100,7 +106,8 @@ std::string Resource::read() {
         if (part.read() != ReadStatus::Done) {
             error = part.error;
         } else {
-            part.appendTo(data, crc);
+            // The only part's bytes become the response's: moved, not copied.
+            part.moveTo(data, logged ? &crc : nullptr);
         }
     } else {
         for (const auto& part : parts) {
@@ -121,8 +128,8 @@ std::string Resource::read() {
     const double now = MRLCurrentClock();
     readTime = now - start;
     lastTime = now;
-    LogBuilder log(MRLLevelInfo, logTag);
-    if (log.active()) {
+    if (logged) {
+        LogBuilder log(MRLLevelInfo, logTag);
         log.event("read", parentId).id(context->traceId).append("size", static_cast<uint64_t>(data.size()));
         if (crcs.empty()) {
             log.append("crc", crc);
@@ -166,7 +173,7 @@ void Resource::readAsync(std::function<void(const std::string& data, const Error
     only->readAsync([this, self = shared_from_this(), start, callback = std::move(callback)](std::shared_ptr<ResourcePart> part) {
         std::string data;
         unsigned crc = 0;
-        if (!part->error) part->appendTo(data, crc);
+        if (!part->error) part->moveTo(data, MarlLogger::Log::enabled(MRLLevelInfo) ? &crc : nullptr);
         const double now = MRLCurrentClock();
         readTime = now - start;
         lastTime = now;

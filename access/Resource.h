@@ -75,6 +75,10 @@ public:
     virtual bool accept(const HeaderMap& header, const std::string& content, Error& error);
     // Appends the content to `out` and stores its CRC-32 in `crc`.
     virtual void appendTo(std::string& out, unsigned& crc) = 0;
+    // Hands the content over to `out` when this part is the only one and its content is needed
+    // no more: a part that holds its bytes may move them instead of copying, and computes the
+    // CRC-32 only when `crc` is given. The part may be left without content (size() 0).
+    virtual void moveTo(std::string& out, unsigned* crc);
 
     // Generated on first use with the prefix "FT_Resource".
     const std::string& traceId();

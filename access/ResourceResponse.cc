@@ -1,5 +1,6 @@
 #include "ferritcore/ResourceResponse.h"
 
+#include <cmath>
 #include <set>
 
 #include "access/Http.h"
@@ -10,6 +11,23 @@
 
 namespace FerritCore {
 namespace {
+
+// The "Date" of a response made now. The text changes once a second while a busy host answers
+// thousands of requests in it, so each thread keeps the text of the last second it formatted.
+std::string currentDate() {
+    struct Cached {
+        double second = -1;
+        std::string text;
+    };
+    thread_local Cached cached;
+    const double now = MRLCurrentTime();
+    const double second = std::floor(now / 1000.0);
+    if (second != cached.second) {
+        cached.text = Http::httpDate(now);
+        cached.second = second;
+    }
+    return cached.text;
+}
 
 // "Cache-Control", "Via", "Date" and "X-Ferrit-Info" of a response built from a Resource.
 HeaderMap responseHeader(const Resource& resource) {
@@ -27,7 +45,7 @@ HeaderMap responseHeader(const Resource& resource) {
         }
         header[Http::headerName(Http::kVia)] = std::move(via);
     }
-    header[Http::headerName(Http::kDate)] = Http::httpDate(MRLCurrentTime());
+    header[Http::headerName(Http::kDate)] = currentDate();
     const unsigned code = static_cast<unsigned>(resource.error.code());
     std::string info;
     if (resource.isCombo) {

@@ -1,7 +1,6 @@
 #include "runtime/Environment.h"
 
 #include "marl/Clock.h"
-#include "runtime/Proxy.h"
 
 namespace FerritCore {
 
@@ -46,6 +45,21 @@ void Environment::setLocaleValue(std::string locale) {
     locale_ = std::move(locale);
 }
 
+std::string Environment::referer() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return referer_;
+}
+
+void Environment::setReferer(std::string referer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    referer_ = std::move(referer);
+}
+
+void Environment::setClientActive(bool active) {
+    if (active) activeSince_.store(MRLCurrentTime(), std::memory_order_release);
+    clientActive_.store(active, std::memory_order_release);
+}
+
 bool Environment::setFlag(uint32_t bit) {
     uint32_t old = flags_.load(std::memory_order_acquire);
     while ((old & bit) == 0) {
@@ -78,28 +92,17 @@ void Environment::resetForTesting() {
     feature_.store(0, std::memory_order_release);
     env_.store(2, std::memory_order_relaxed);
     flags_.store(0, std::memory_order_release);
+    clientActive_.store(false, std::memory_order_release);
+    activeSince_.store(0, std::memory_order_release);
     std::lock_guard<std::mutex> lock(mutex_);
     sessionName_.clear();
     appKey_.clear();
     appVersion_.clear();
     locale_.clear();
+    referer_.clear();
     cooldowns_.clear();
     cooldownCount_.store(0, std::memory_order_release);
 }
 
-namespace ProxyCalls {
-
-bool verifySignature(const std::string& md5Hex, const std::string& signature) {
-    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
-    return proxy ? proxy->verifySignature(md5Hex, signature) : false;
-}
-
-void sendEvent(const PerfRecord& record) {
-    if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->sendEvent(record);
-}
-
-bool hasProxy() { return Environment::instance().proxy() != nullptr; }
-
-}  // namespace ProxyCalls
 
 }  // namespace FerritCore

@@ -39,6 +39,9 @@ public:
     std::string locale() const;
     void setApp(std::string appKey, std::string appVersion);
     void setLocaleValue(std::string locale);
+    // The "Referer" of configuration and pack requests, built at setup.
+    std::string referer() const;
+    void setReferer(std::string referer);
 
     // SetupFlags: how far start-up has come.
     uint32_t flags() const { return flags_.load(std::memory_order_acquire); }
@@ -49,6 +52,11 @@ public:
     uint32_t feature() const { return feature_.load(std::memory_order_acquire); }
     // Sets `bit`; true when this call was the one that set it.
     bool setFeatureBit(uint32_t bit) { return (feature_.fetch_or(bit, std::memory_order_acq_rel) & bit) == 0; }
+
+    // The host's foreground state. Setting it true records `activeSince` (wall clock).
+    bool clientActive() const { return clientActive_.load(std::memory_order_acquire); }
+    double activeSince() const { return activeSince_.load(std::memory_order_acquire); }
+    void setClientActive(bool active);
 
     // Parent id of start-up events and "sessionID" of every performance record.
     std::string sessionName() const;
@@ -70,6 +78,8 @@ private:
     std::atomic<uint32_t> developerDisabled_{0};
     std::atomic<int32_t> env_{2};
     std::atomic<uint32_t> flags_{0};
+    std::atomic<bool> clientActive_{false};
+    std::atomic<double> activeSince_{0};
 
     std::atomic<uint32_t> feature_{0};
 
@@ -78,6 +88,7 @@ private:
     std::string appKey_;                                 // guarded by mutex_
     std::string appVersion_;                             // guarded by mutex_
     std::string locale_;                                 // guarded by mutex_
+    std::string referer_;                                // guarded by mutex_
     std::unordered_map<std::string, double> cooldowns_;  // guarded by mutex_
     // Lets a read skip the lock while there are no cooldowns, which is nearly always.
     std::atomic<size_t> cooldownCount_{0};

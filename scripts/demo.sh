@@ -1,16 +1,34 @@
 #!/usr/bin/env bash
-# Sets everything up and runs the main job: serves a few URLs of the sample app from its
-# installed pack and prints what the host would receive.
+# Sets everything up and runs the main job: serves URLs of the sample app (tools/sample/) through
+# the library and prints what the host would receive. The app has one pack installed on the disk
+# under the root ("shop", read through its signed resource list) and two packs shipped in its
+# raw-file folder and named by the built-in configuration "Ferrit_Asset.config": "kit", and
+# "guide", which arrives as an on-demand module and so is only read by the asynchronous form.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 bash scripts/build.sh build
 tool=build/tools/ferrit-request
 sample=tools/sample
-for url in https://shop.example.com/index.html https://shop.example.com/app/js/app.js \
-           "https://shop.example.com/app/css/app.css?v=3" https://shop.example.com/app/missing.js \
-           https://elsewhere.example.org/x.js; do
+# The library empties and creates folders under its root: work on a copy of the sample's.
+root=$(mktemp -d)
+trap 'rm -rf "$root"' EXIT
+cp -R "$sample/root/." "$root/"
+request() {
+  "$tool" --root "$root" --assets "$sample/assets" --public-key "$sample/keys/sample-ed25519.pub.pem" \
+    --config "$sample/config.json" "$@" || true
+}
+
+for url in https://shop.example.com/app/index.html https://shop.example.com/app/js/app.js \
+           "https://shop.example.com/app/css/app.css?v=3" https://cdn.shop.example.com/kit/kit.css \
+           https://cdn.shop.example.com/kit/icons/cart.svg https://shop.example.com/app/missing.js \
+           https://elsewhere.example.org/x.js https://shop.example.com/guide/guide.html; do
   echo "== GET $url"
-  "$tool" --root "$sample/root" --config "$sample/config.json" "$url" || true
+  request "$url"
   echo
 done
+echo "== GET https://shop.example.com/guide/guide.html (asynchronous form)"
+request --async https://shop.example.com/guide/guide.html
+echo
+echo "== verify every installed pack: signed list and files"
+request --check

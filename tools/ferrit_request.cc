@@ -1,13 +1,18 @@
-// ferrit-request: runs one request through Access against a configuration and prints the
-// outcome, the response headers and the body size.
+// ferrit-request: runs one request through Access against a root folder and an app's raw-file
+// folder, and prints the outcome, the response headers and the body size.
 //
-//   ferrit-request [--root DIR] [--config FILE | --config-json TEXT] [--referrer URL]
-//                  [--header NAME:VALUE]... [--async] [--body] [--log-level N] URL
+//   ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--config FILE | --config-json TEXT]
+//                  [--referrer URL] [--header NAME:VALUE]... [--async] [--body] [--events]
+//                  [--log-level N] (URL | --check)
 //
-// The configuration is a document of pack records under "packs" (keys "s", "f", "p", "r",
-// "installedSeq", "subType", "status", "zipURL", "isOnDemand", "isPacks") with each pack's
-// resource table under "resources": {"<pack>": {"<path>": {"url", "v", "header"}}}. Files of a
-// pack are read below the root, in "apps/<name>/<installedSeq>/".
+// Start-up is the library's own: the proxy is set (a file-backed one that verifies index
+// signatures with the Ed25519 public key), the folders under the root are initialised, the
+// raw-file folder becomes the asset provider, and the built-in configuration "Ferrit_Asset.config"
+// is loaded from it. The configuration file adds the records of packs installed under the root:
+// {"v": "<version>", "packs": {"<name>": {"s", "f", "p", "r", "installedSeq", ...}}}. Each such
+// pack is read from "apps/<name>/<installedSeq>/", through its signed "app-res.hvc".
+//
+// --check verifies every installed pack instead: its signed list, then the MD5 of each file.
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -15,13 +20,17 @@
 #include <string>
 #include <vector>
 
+#include "FileProxy.h"
 #include "access/ResourceIndex.h"
 #include "ferritcore/Access.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
+#include "runtime/Environment.h"
 #include "runtime/TaskRunner.h"
+#include "storage/AssetProvider.h"
 #include "storage/Folder.h"
+#include "update/BuiltinConfig.h"
 #include "update/SCache.h"
 
 using namespace FerritCore;
@@ -29,58 +38,33 @@ using MarlLogger::json::JSON;
 
 namespace {
 
-int usage(const char* message) {
+int usage(const std::string& message) {
     std::cerr << "ferrit-request: " << message << "\n"
-              << "usage: ferrit-request [--root DIR] [--config FILE | --config-json TEXT] [--referrer URL]\n"
-              << "                      [--header NAME:VALUE]... [--async] [--body] [--log-level N] URL\n";
+              << "usage: ferrit-request --root DIR [--assets DIR] [--public-key PEM]\n"
+              << "                      [--config FILE | --config-json TEXT] [--referrer URL] [--header NAME:VALUE]...\n"
+              << "                      [--async] [--body] [--events] [--log-level N] (URL | --check)\n";
     return 2;
 }
 
-std::vector<std::string> strings(const JSON& array) {
-    std::vector<std::string> out;
-    for (const JSON& item : array.arrayValue()) out.push_back(item.stringValue());
-    return out;
-}
-
-// Installs the packs of `document` and their resource tables; false with a reason on bad input.
-bool load(const JSON& document, std::string& reason) {
+// Takes the pack records of `document` into the configuration; false with a reason on bad input.
+bool loadRecords(const JSON& document, FConfig& config, std::string& reason) {
     if (!document.isObject()) {
         reason = "the configuration is not a JSON object";
         return false;
     }
-    const JSON& resources = document["resources"];
-    std::map<std::string, ResourceIndexPtr> loaded;
-    SCache::mutate([&](FConfig& config) {
-        config.version = document["v"].stringValue();
-        if (config.version.empty()) config.version = "0";
-        config.lastUpdate = MRLCurrentTime();
-        for (const auto& [name, value] : document["packs"].objectValue()) {
-            auto pack = std::make_shared<Pack>();
-            pack->name = name;
-            pack->seq = value["s"].uint64Value();
-            pack->flags = value["f"].uint64Value();
-            pack->prefixes = strings(value["p"]);
-            pack->referrers = strings(value["r"]);
-            pack->installedSeq = value["installedSeq"].uint64Value();
-            pack->subType = value["subType"].uint32Value();
-            pack->status = value["status"].uint32Value();
-            pack->zipURL = value["zipURL"].stringValue();
-            pack->isOnDemand = value["isOnDemand"].boolValue();
-            pack->isPacks = value["isPacks"].boolValue();
-            pack->updateTime = MRLCurrentTime();
-            auto index = std::make_shared<const ResourceIndex>(name, resources[name]);
-            if (pack->isBuiltIn()) {
-                ResourceIndexPool::set(name, index);
-            } else {
-                loaded[name] = index;
-            }
-            config.put(std::move(pack));
+    config.version = document["v"].stringValue();
+    if (config.version.empty()) config.version = "0";
+    config.lastUpdate = MRLCurrentTime();
+    for (const auto& [name, value] : document["packs"].objectValue()) {
+        auto pack = std::make_shared<Pack>();
+        pack->name = name;
+        pack->readJSON(value);
+        if (!pack->validate()) {
+            reason = "the record of \"" + name + "\" is not valid";
+            return false;
         }
-    });
-    ResourceIndexPool::setLoader([loaded](const Pack& pack) -> ResourceIndexPtr {
-        auto it = loaded.find(pack.name);
-        return it == loaded.end() ? nullptr : it->second;
-    });
+        config.put(std::move(pack));
+    }
     return true;
 }
 
@@ -95,21 +79,50 @@ void print(const ResourceResponse& response, bool body) {
     if (body && !response.data.empty()) std::cout << "\n" << response.data << "\n";
 }
 
+// Verifies the signed list and the files of every installed pack; 0 when all are intact.
+int check() {
+    int failures = 0;
+    const FConfigPtr config = SCache::current();
+    std::map<std::string, PackPtr> packs(config->packs.begin(), config->packs.end());
+    for (const auto& [name, pack] : packs) {
+        if (!pack->isInstalled()) continue;
+        const Folder folder = pack->installedFolder();
+        std::cout << name << "@" << pack->installedSeq << " (" << folderKindName(folder.kind()) << " "
+                  << folder.describe() << "): ";
+        if (folder.kind() == FolderKind::OnDemand) {
+            std::cout << "on demand, read when first asked for\n";
+            continue;
+        }
+        const ResourceIndex index(name, folder);
+        Error error = index.error();
+        if (!error) index.verifyFiles(folder, error);
+        if (error) {
+            ++failures;
+            std::cout << "error " << error.code() << " " << error.message() << "\n";
+        } else {
+            std::cout << "signed list and files verified\n";
+        }
+    }
+    return failures == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string root, configFile, configText, referrer, url;
+    std::string root, assets, publicKey, configFile, configText, referrer, url;
     HeaderMap header;
-    bool async = false, body = false;
+    bool async = false, body = false, events = false, checkPacks = false;
     MarlLogger::Log::setLevel(1);
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
-        if (arg == "--root" || arg == "--config" || arg == "--config-json" || arg == "--referrer" ||
-            arg == "--header" || arg == "--log-level") {
+        if (arg == "--root" || arg == "--assets" || arg == "--public-key" || arg == "--config" ||
+            arg == "--config-json" || arg == "--referrer" || arg == "--header" || arg == "--log-level") {
             const char* value = next();
-            if (value == nullptr) return usage(("missing value after " + arg).c_str());
+            if (value == nullptr) return usage("missing value after " + arg);
             if (arg == "--root") root = value;
+            if (arg == "--assets") assets = value;
+            if (arg == "--public-key") publicKey = value;
             if (arg == "--config") configFile = value;
             if (arg == "--config-json") configText = value;
             if (arg == "--referrer") referrer = value;
@@ -126,36 +139,70 @@ int main(int argc, char** argv) {
             async = true;
         } else if (arg == "--body") {
             body = true;
+        } else if (arg == "--events") {
+            events = true;
+        } else if (arg == "--check") {
+            checkPacks = true;
         } else if (arg == "--help" || arg == "-h") {
             return usage("runs one request through the cache");
         } else if (!arg.empty() && arg[0] == '-') {
-            return usage(("unknown option " + arg).c_str());
+            return usage("unknown option " + arg);
         } else {
             url = arg;
         }
     }
-    if (!root.empty()) setRootPath(root);
+    if (root.empty()) return usage("--root is required");
+    if (url.empty() && !checkPacks) return usage("no URL");
+
+    // Background work (visit updates, the configuration's commit) is not run: one request needs
+    // none of it, and it would write to the root.
+    TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
+
+    if (!publicKey.empty()) {
+        std::string reason;
+        std::shared_ptr<FerritTools::FileProxy> proxy = FerritTools::FileProxy::open(publicKey, reason);
+        if (!proxy) return usage(reason);
+        proxy->setPrintEvents(events);
+        Environment::instance().setProxy(proxy);
+    } else {
+        std::cerr << "ferrit-request: no --public-key: no proxy is set, so no signed list verifies (1106)\n";
+    }
+    initFolders(root);
+    if (!assets.empty()) {
+        AssetProvider::set(std::make_shared<RawFileProvider>(assets));
+        BuiltinConfig::setAssetReader([](const std::string& path, Error& error) { return Assets::readAsset(path, error); });
+    }
+
     if (!configFile.empty()) {
         std::ifstream in(configFile, std::ios::binary);
-        if (!in) return usage(("cannot read " + configFile).c_str());
+        if (!in) return usage("cannot read " + configFile);
         std::stringstream text;
         text << in.rdbuf();
         configText = text.str();
     }
+    JSON document;
     if (!configText.empty()) {
         std::string parseError;
-        JSON document = JSON::parse(configText, &parseError);
-        if (!parseError.empty()) return usage(("configuration: " + parseError).c_str());
-        std::string reason;
-        if (!load(document, reason)) return usage(reason.c_str());
+        document = JSON::parse(configText, &parseError);
+        if (!parseError.empty()) return usage("configuration: " + parseError);
     }
+    std::string reason;
+    Error builtinError;
+    bool recordsLoaded = true;
+    SCache::mutate([&](FConfig& config) {
+        if (!configText.empty()) recordsLoaded = loadRecords(document, config, reason);
+        if (recordsLoaded && !assets.empty()) builtinError = BuiltinConfig::load(config);
+    });
+    if (!recordsLoaded) return usage(reason);
+    if (builtinError) std::cerr << "ferrit-request: built-in configuration: " << builtinError.message() << "\n";
+
+    if (checkPacks) return check();
 
     if (!referrer.empty() && header.find("Referer") == header.end()) header["Referer"] = referrer;
     ResourceRequest request(url, header);
     if (async) {
         std::unique_ptr<ResourceResponse> response;
         Access::getResource(request, [&](std::unique_ptr<ResourceResponse> r) { response = std::move(r); });
-        TaskRunner::runDue();
         if (!response) {
             std::cout << "no answer\n";
             return 1;
@@ -167,6 +214,5 @@ int main(int argc, char** argv) {
     auto response = Access::getResource(request);
     print(*response, body);
     response->setFinished(Error());
-    TaskRunner::runDue();
     return response->error ? 1 : 0;
 }

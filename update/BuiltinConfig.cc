@@ -10,6 +10,7 @@
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "runtime/LogTags.h"
+#include "storage/AssetProvider.h"
 
 namespace FerritCore {
 
@@ -26,11 +27,8 @@ std::string readAsset(const std::string& path, Error& error) {
         std::lock_guard<std::mutex> lock(gReaderMutex);
         reader = gReader;
     }
-    if (!reader) {
-        error = Errors::proxyNotInitialized();
-        return {};
-    }
-    return reader(path, error);  // never under the lock
+    // Without a reader of its own, the app's raw files are read through the asset provider.
+    return reader ? reader(path, error) : Assets::readAsset(path, error);  // never under the lock
 }
 
 void logLoad(const Error& error) {

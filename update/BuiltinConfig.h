@@ -19,7 +19,8 @@ public:
     // Reads an asset of the host app; on failure returns empty and sets `error` (1101 when the
     // asset does not exist).
     using AssetReader = std::function<std::string(const std::string& path, Error& error)>;
-    // Set once at start-up; without one every read fails with 9991.
+    // Replaces how the asset is read (tests); without one it is read through the process's asset
+    // provider, which answers 9991 when there is none.
     static void setAssetReader(AssetReader reader);
 
     // Brings the built-in packs into `config` (a transaction copy): sets scacheVersion, drops the

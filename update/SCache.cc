@@ -60,8 +60,6 @@ void SCache::commit(const FConfig& document) {
                 .event("commit")
                 .append("version", document.version)
                 .error(error);
-        } else {
-            storage->deleteLegacyConfig();
         }
     }
     for (const PackPtr& pack : document.removed) storage->removeFolder(pack->installedFolder());

@@ -17,10 +17,9 @@ namespace FerritCore {
 class ConfigStorage {
 public:
     virtual ~ConfigStorage() = default;
-    // Stores the serialised document under the key "config" of the packs store.
+    // Stores the serialised document under the key "config" of the packs store and, once it is
+    // stored, deletes the older copy "config/fconfig.config", which is never read again.
     virtual Error writeConfig(const std::string& text) = 0;
-    // Deletes the older copy, "config/fconfig.config" under the root.
-    virtual void deleteLegacyConfig() = 0;
     // Deletes an installed pack's folder, best effort.
     virtual void removeFolder(const Folder& folder) = 0;
     // Deletes "apps/" and the content of the packs store (the service environment changed).

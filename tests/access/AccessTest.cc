@@ -205,7 +205,9 @@ TEST_F(AccessTest, RecentDocumentKeepsPackInDate) {
 TEST_F(AccessTest, IndexFailurePostsReinstall) {
     install({pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
-    EXPECT_EQ(response->error.code(), 3112);
+    // The pack folder holds no resource list.
+    EXPECT_EQ(response->error.code(), 1101);
+    EXPECT_EQ(response->error.message(), "file \"apps/app/3/app-res.hvc\" not exists");
     TaskRunner::runDue();
     EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
 }

@@ -20,7 +20,7 @@ TEST_F(SCacheTest, DirtyTransactionCommitsOnTheWorker) {
     TaskRunner::runDue();
     ASSERT_EQ(storage_->writes.size(), 1u);
     EXPECT_NE(storage_->writes[0].find("\"a\":{\"s\":1"), std::string::npos);
-    EXPECT_EQ(storage_->legacyDeletes, 1);
+    EXPECT_EQ(storage_->storedWrites, 1);
 }
 
 TEST_F(SCacheTest, CleanTransactionCommitsNothing) {
@@ -34,11 +34,11 @@ TEST_F(SCacheTest, SubProcessNeverCommits) {
     EXPECT_EQ(TaskRunner::pendingCount(), 0u);
 }
 
-TEST_F(SCacheTest, FailedWriteIsLoggedAndLegacyFileKept) {
+TEST_F(SCacheTest, FailedWriteIsLogged) {
     storage_->failWrites = true;
     SCache::mutate([](FConfig& config) { config.dirty = true; });
     TaskRunner::runDue();
-    EXPECT_EQ(storage_->legacyDeletes, 0);
+    EXPECT_EQ(storage_->storedWrites, 0);
     EXPECT_EQ(logs_->last("commit", "Ferrit/SCache").errorCode, "1104");
 }
 

@@ -27,14 +27,15 @@ class RecordingStorage : public ConfigStorage {
 public:
     Error writeConfig(const std::string& text) override {
         writes.push_back(text);
-        return failWrites ? Error(1104, "write failed") : Error();
+        if (failWrites) return Error(1104, "write failed");
+        ++storedWrites;
+        return Error();
     }
-    void deleteLegacyConfig() override { ++legacyDeletes; }
     void removeFolder(const Folder& folder) override { removedFolders.push_back(folder.relative()); }
     void wipeInstalled() override { ++wipes; }
 
     std::vector<std::string> writes;
-    int legacyDeletes = 0;
+    int storedWrites = 0;
     std::vector<std::string> removedFolders;
     int wipes = 0;
     bool failWrites = false;

@@ -1,0 +1,150 @@
+// Access::getResource (synchronous) of a pack hit, for files of 1 KiB, 16 KiB and 128 KiB, against
+// the floor of a bare open, fstat, read and close of the same files into a string, measured in the
+// same run. The pack is installed under a private root with a signed resource list, and a proxy is
+// set (as on a real host, so that the performance records are built); the list is loaded before
+// timing starts, as it is after a pack's first request.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "FloorReporter.h"
+#include "access/Digest.h"
+#include "access/ResourceIndex.h"
+#include "ferritcore/Access.h"
+#include "marl/Clock.h"
+#include "marl/Json.h"
+#include "marl/Log.h"
+#include "runtime/Environment.h"
+#include "runtime/Proxy.h"
+#include "runtime/TaskRunner.h"
+#include "storage/Folder.h"
+#include "update/SCache.h"
+
+using namespace FerritCore;
+using MarlLogger::json::JSON;
+
+namespace {
+
+constexpr int kFilesPerSize = 64;
+constexpr int kSizesKiB[] = {1, 16, 128};
+
+// Accepts every signature and drops every record, as a host that delivers no telemetry does.
+class BenchProxy : public Proxy {
+public:
+    bool verifySignature(const std::string&, const std::string&) override { return true; }
+    void sendEvent(const PerfRecord&) override {}
+};
+
+struct World {
+    std::filesystem::path root;
+    // By size: the absolute paths (floor) and the requests (ours), of the same files.
+    std::vector<std::string> paths[3];
+    std::vector<ResourceRequest> requests[3];
+};
+
+std::string fileName(int kib, int i) { return "f" + std::to_string(kib) + "k_" + std::to_string(i) + ".js"; }
+
+World& world() {
+    static std::unique_ptr<World> instance = [] {
+        auto w = std::make_unique<World>();
+        // Background tasks (the configuration's commit) stay queued: no worker thread competes.
+        TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
+        w->root = std::filesystem::temp_directory_path() / "ferrit-read-bench";
+        std::filesystem::remove_all(w->root);
+        Environment::instance().setProxy(std::make_shared<BenchProxy>());
+        initFolders(w->root.string());
+        const std::filesystem::path pack = w->root / "apps/app/1";
+        std::filesystem::create_directories(pack / "res");
+        std::mt19937 random(7);
+        JSON table;
+        for (int s = 0; s < 3; ++s) {
+            const int kib = kSizesKiB[s];
+            for (int i = 0; i < kFilesPerSize; ++i) {
+                std::string content(static_cast<size_t>(kib) * 1024, ' ');
+                for (char& c : content) c = static_cast<char>('a' + random() % 26);
+                const std::string name = fileName(kib, i);
+                std::ofstream(pack / "res" / name, std::ios::binary) << content;
+                JSON entry;
+                entry.set("url", "https://bench.example.com/app/" + name);
+                entry.set("v", Digest::md5Hex(content));
+                table.set("res/" + name, entry);
+                w->paths[s].push_back((pack / "res" / name).string());
+                w->requests[s].emplace_back("https://bench.example.com/app/" + name + "?v=1",
+                                            HeaderMap{{"Accept", "*/*"}, {"Referer", "https://bench.example.com/"}});
+            }
+        }
+        std::ofstream(pack / "app-res.hvc", std::ios::binary) << table.toString() << "||bench|c2ln";
+        SCache::mutate([](FConfig& config) {
+            auto p = std::make_shared<Pack>();
+            p->name = "app";
+            p->flags = kPackTypeFerrit;
+            p->seq = p->installedSeq = 1;
+            p->prefixes = {"https://bench.example.com/app/"};
+            p->updateTime = MRLCurrentTime();
+            config.lastUpdate = MRLCurrentTime();
+            config.put(p);
+        });
+        TaskRunner::clear();
+        // The first request loads and verifies the list.
+        auto first = Access::getResource(w->requests[0][0]);
+        if (first->error) std::fprintf(stderr, "read_bench: %s\n", first->error.message().c_str());
+        return w;
+    }();
+    return *instance;
+}
+
+int sizeIndex(int64_t kib) { return kib == 1 ? 0 : kib == 16 ? 1 : 2; }
+
+void BM_ReadFloor(benchmark::State& state) {
+    const std::vector<std::string>& paths = world().paths[sizeIndex(state.range(0))];
+    size_t i = 0;
+    for (auto _ : state) {
+        const std::string& path = paths[i++ % paths.size()];
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat info;
+        ::fstat(fd, &info);
+        std::string content(static_cast<size_t>(info.st_size), '\0');
+        const ssize_t n = ::read(fd, content.data(), content.size());
+        ::close(fd);
+        if (n != info.st_size) state.SkipWithError("short read");
+        benchmark::DoNotOptimize(content);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0) * 1024);
+}
+
+void BM_GetResource(benchmark::State& state) {
+    MarlLogger::Log::setLevel(2);
+    world();
+    if (std::getenv("NOPROXY")) Environment::instance().setProxy(nullptr);
+    const std::vector<ResourceRequest>& requests = world().requests[sizeIndex(state.range(0))];
+    size_t i = 0;
+    for (auto _ : state) {
+        auto response = Access::getResource(requests[i++ % requests.size()]);
+        if (response->error) state.SkipWithError(response->error.message().c_str());
+        benchmark::DoNotOptimize(response->data.data());
+    }
+    // Visits of packs are posted for later; they are not part of a request.
+    TaskRunner::clear();
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0) * 1024);
+    state.SetLabel("vs:BM_ReadFloor");
+}
+
+}  // namespace
+
+static const bool registered = [] {
+    for (int kib : kSizesKiB) {
+        benchmark::RegisterBenchmark("BM_ReadFloor", BM_ReadFloor)->Arg(kib);
+        benchmark::RegisterBenchmark("BM_GetResource", BM_GetResource)->Arg(kib);
+    }
+    return true;
+}();
+
+FERRIT_BENCHMARK_MAIN();

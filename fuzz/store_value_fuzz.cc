@@ -1,0 +1,85 @@
+// Stores arbitrary bytes as a value and reads them back through MetaStore, the path every stored
+// JSON value takes. Whatever decodes must survive a put and a get unchanged; whatever does not
+// must read as the JSON null with error 1102 in the decoder's words, and stay stored.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "marl/Json.h"
+#include "marl/Log.h"
+#include "storage/Folder.h"
+#include "storage/KeyValueStore.h"
+#include "storage/MetaStore.h"
+
+using FerritCore::Error;
+using FerritCore::KeyValueStore;
+using FerritCore::MetaStore;
+using MarlLogger::json::JSON;
+
+namespace {
+
+void check(bool ok) {
+    if (!ok) __builtin_trap();
+}
+
+struct World {
+    std::string root;
+    std::unique_ptr<MetaStore> store;
+    // A second connection that writes the raw bytes, as another process or an older version
+    // of the system might have.
+    std::unique_ptr<KeyValueStore> raw;
+};
+
+World& world() {
+    static World* w = [] {
+        auto* made = new World();
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "ferrit-store-fuzz-XXXXXX").string();
+        check(::mkdtemp(pattern.data()) != nullptr);
+        made->root = pattern + "/";
+        std::atexit([] { std::filesystem::remove_all(world().root); });
+        MarlLogger::Log::setLevel(0);
+        FerritCore::setRootPath(made->root);
+        made->store = std::make_unique<MetaStore>("fuzz/", "Ferrit/Fuzz",
+                                                  KeyValueStore::Options::forConfig());
+        check(made->store->open() == 0);
+        check(KeyValueStore::open(made->store->path(), KeyValueStore::Options::forConfig(),
+                                  &made->raw) == 0);
+        return made;
+    }();
+    return *w;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    World& w = world();
+    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    check(w.raw->insert("value", bytes) == 0);
+
+    Error error;
+    const JSON read = w.store->get("value", error);
+    std::string reason;
+    const JSON expected = JSON::parseBinary(bytes, &reason);
+    if (!reason.empty()) {
+        check(read.isNull());
+        check(error.code() == 1102);
+        check(error.message() == "deserialize store \"fuzz/value\" failed: " + reason);
+        check(w.store->contains("value"));
+        return 0;
+    }
+    check(!error);
+    check(read == expected);
+
+    // What decoded is written back through the store and read again unchanged.
+    check(w.store->put("again", read, error));
+    check(!error);
+    const JSON again = w.store->get("again", error);
+    check(!error);
+    check(again == read);
+    return 0;
+}

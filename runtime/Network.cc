@@ -1,0 +1,162 @@
+#include "runtime/Network.h"
+
+#include <atomic>
+#include <charconv>
+#include <memory>
+
+#include "access/Errors.h"
+#include "access/Http.h"
+#include "runtime/Environment.h"
+#include "runtime/Proxy.h"
+#include "runtime/TaskRunner.h"
+
+namespace FerritCore::Network {
+namespace {
+
+constexpr int32_t kConfigTimeout = 10;
+constexpr int32_t kResourceTimeout = 20;
+constexpr int32_t kPackTimeout = 20;
+
+std::atomic<uint32_t> gNetworkStatus{0};
+
+bool isSuccess(uint16_t status) { return status >= 200 && status <= 299; }
+
+// A header is sent only with a value.
+void addHeader(HeaderMap& header, const char* name, const std::string& value) {
+    if (!value.empty()) header[name] = value;
+}
+
+Error transportFailure(const std::string& url, const Error& inner) {
+    return Errors::requestFailed(url, inner.code(), inner.message());
+}
+
+}  // namespace
+
+void requestConfig(const std::string& url, const std::string& traceId,
+                   std::function<void(std::string content, Error error)> completion) {
+    if (!completion) return;
+    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
+    if (url.empty() || !proxy) {
+        completion(std::string(), url.empty() ? Errors::requestInvalidUrl(url) : Errors::proxyNotInitialized());
+        return;
+    }
+    ProxyRequest request;
+    request.url = url;
+    request.timeout = kConfigTimeout;
+    request.traceId = traceId;
+    addHeader(request.header, "f-refer", kReferConfig);
+    addHeader(request.header, "Referer", Environment::instance().referer());
+    proxy->sendRequest(request, [url, completion = std::move(completion)](ProxyResponse response, Error error) {
+        std::string content;
+        if (error) {
+            error = transportFailure(url, error);
+        } else if (isSuccess(response.statusCode)) {
+            if (response.content.empty()) {
+                error = Errors::requestNoData(url);
+            } else if (response.content == "{}") {
+                // The phase tells a refusal at start-up apart from a refusal later on.
+                error = Errors::serverError(url, static_cast<int>(Environment::instance().flags()));
+            } else {
+                content = std::move(response.content);
+            }
+        } else {
+            error = Errors::requestInvalidStatus(url, response.statusCode);
+        }
+        // Never on the host's thread: the worker takes it from here.
+        TaskRunner::post([completion, content = std::move(content), error = std::move(error)]() mutable {
+            completion(std::move(content), std::move(error));
+        });
+    });
+}
+
+void requestResource(const std::string& url, const std::string& traceId, const HeaderMap& header, bool allow304,
+                     std::function<void(ProxyResponse response, Error error)> completion) {
+    if (!completion) return;
+    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
+    if (url.empty() || !proxy) {
+        completion(ProxyResponse(), url.empty() ? Errors::requestInvalidUrl(url) : Errors::proxyNotInitialized());
+        return;
+    }
+    ProxyRequest request;
+    request.url = url;
+    request.timeout = kResourceTimeout;
+    request.traceId = traceId;
+    request.header = header;
+    request.wantHeaders = true;
+    if (Http::headerValue(request.header, "f-refer").empty()) addHeader(request.header, "f-refer", kReferResource);
+    proxy->sendRequest(request, [url, allow304, completion = std::move(completion)](ProxyResponse response,
+                                                                                   Error error) {
+        if (error) {
+            completion(ProxyResponse(), transportFailure(url, error));
+        } else if (isSuccess(response.statusCode)) {
+            if (response.content.empty()) {
+                completion(ProxyResponse(), Errors::requestNoData(url));
+            } else {
+                completion(std::move(response), Error());
+            }
+        } else if (response.statusCode == 304 && allow304) {
+            completion(std::move(response), Error());
+        } else {
+            completion(ProxyResponse(), Errors::requestInvalidStatus(url, response.statusCode));
+        }
+    });
+}
+
+void requestPack(const std::string& url, const Folder& target, const std::string& traceId, uint32_t progressId,
+                 std::function<void(uint64_t length, Error error)> completion) {
+    if (!completion) return;
+    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
+    if (url.empty() || !proxy) {
+        Error error = url.empty() ? Errors::requestInvalidUrl(url) : Errors::proxyNotInitialized();
+        TaskRunner::post([completion = std::move(completion), error = std::move(error)] { completion(0, error); });
+        return;
+    }
+    ProxyRequest request;
+    request.url = url;
+    request.timeout = kPackTimeout;
+    request.tempFilePath = target.absolute();
+    request.traceId = traceId;
+    request.progressId = progressId;
+    addHeader(request.header, "f-refer", kReferZip);
+    addHeader(request.header, "Referer", Environment::instance().referer());
+    proxy->sendRequest(request, [url, target, completion = std::move(completion)](ProxyResponse response,
+                                                                                 Error error) {
+        uint64_t length = 0;
+        if (error) {
+            error = transportFailure(url, error);
+        } else if (!isSuccess(response.statusCode)) {
+            error = Errors::requestInvalidStatus(url, response.statusCode);
+        } else if (!target.exists()) {
+            error = Errors::requestNoData(url);
+        } else {
+            const std::string_view text = Http::headerValue(response.header, "Content-Length");
+            uint64_t parsed = 0;
+            const auto result = std::from_chars(text.data(), text.data() + text.size(), parsed);
+            if (result.ec == std::errc() && result.ptr == text.data() + text.size()) length = parsed;
+        }
+        TaskRunner::post([completion, length, error = std::move(error)] { completion(length, error); });
+    });
+}
+
+void setNetworkStatus(uint32_t status) { gNetworkStatus.store(status, std::memory_order_relaxed); }
+
+uint32_t networkStatus() { return gNetworkStatus.load(std::memory_order_relaxed); }
+
+bool downloadAllowed(uint64_t packFlags, std::string& reason) {
+    reason.clear();
+    switch (networkStatus()) {
+        case 0: reason = "None"; return false;
+        case 1: return true;
+        case 2:
+            if ((packFlags >> 14) & 1) return true;
+            reason = "Slow cellular";
+            return false;
+        case 3:
+            if ((packFlags >> 15) & 1) return true;
+            reason = "Fast cellular";
+            return false;
+        default: return false;
+    }
+}
+
+}  // namespace FerritCore::Network

@@ -1,0 +1,446 @@
+#include "storage/KeyValueStore.h"
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <system_error>
+
+namespace FerritCore {
+namespace {
+
+// A write-ahead log longer than this is checkpointed into the database by the next commit, and
+// is cut back to this length after a checkpoint: readers scan the log's index on every read
+// transaction, so a short log keeps gets fast, and the file does not stay large after a burst.
+constexpr int64_t kWalBytes = 4 * 1024 * 1024;
+
+// Keys fetched per round of an enumeration: enough to amortise the lock and the statement, few
+// enough that an early stop wastes little.
+constexpr size_t kEnumerateBatch = 256;
+
+// SQLite binds a null pointer as SQL NULL even with length 0; an empty key or value must be a
+// zero-length blob, or it would neither compare nor satisfy NOT NULL.
+const char* blobData(std::string_view bytes) {
+    return bytes.data() != nullptr ? bytes.data() : "";
+}
+
+int bindBlob(sqlite3_stmt* statement, int index, std::string_view bytes) {
+    return sqlite3_bind_blob64(statement, index, blobData(bytes), bytes.size(), SQLITE_STATIC);
+}
+
+// Resets a statement when a scope ends, so that it releases its read transaction at once. The
+// bindings are left: they point into the caller's memory, but every use binds all of them anew
+// before stepping.
+class ResetOnExit {
+  public:
+    explicit ResetOnExit(sqlite3_stmt* statement) : statement_(statement) {}
+    ~ResetOnExit() { sqlite3_reset(statement_); }
+    ResetOnExit(const ResetOnExit&) = delete;
+    ResetOnExit& operator=(const ResetOnExit&) = delete;
+
+  private:
+    sqlite3_stmt* statement_;
+};
+
+// Runs a statement that returns no rows the caller needs.
+int runToEnd(sqlite3_stmt* statement) {
+    int rc;
+    do {
+        rc = sqlite3_step(statement);
+    } while (rc == SQLITE_ROW);
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+int execute(sqlite3* db, const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+}
+
+// One-row pragmas that answer with a value: the first column as text, or an error status.
+int queryText(sqlite3* db, const char* sql, std::string& result) {
+    sqlite3_stmt* statement = nullptr;
+    int rc = sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
+    if (rc != SQLITE_OK) return rc;
+    rc = sqlite3_step(statement);
+    if (rc == SQLITE_ROW) {
+        const unsigned char* text = sqlite3_column_text(statement, 0);
+        result = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+        rc = SQLITE_OK;
+    } else if (rc == SQLITE_DONE) {
+        result.clear();
+        rc = SQLITE_OK;
+    }
+    sqlite3_finalize(statement);
+    return rc;
+}
+
+}  // namespace
+
+bool KeyValueStore::isTransient(int status) {
+    switch (status & 0xFF) {
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+        case SQLITE_NOMEM:
+        case SQLITE_INTERRUPT:
+        case SQLITE_FULL:
+            return true;
+        default:
+            return false;
+    }
+}
+
+KeyValueStore::Options KeyValueStore::Options::forPacks() {
+    Options options;
+    options.cacheBytes = 4194304;
+    options.formatVersion = 2;
+    // Pack files and the configuration document are kilobytes to megabytes. At 4 KiB pages a
+    // 2 KiB value already spills to an overflow page and a get costs 15-17 us; 16 KiB pages
+    // keep such values inline, halve the get, and make the range delete of a removed pack's
+    // files five times faster.
+    options.pageSize = 16384;
+    // Packed files are read on the host's request path, where a memory-mapped read halves the
+    // get again (to ~4 us). The map only reserves address space; the file's pages stay in the
+    // kernel's page cache, shared with every process that opens the store.
+    options.mmapBytes = 256LL * 1024 * 1024;
+    return options;
+}
+
+KeyValueStore::Options KeyValueStore::Options::forConfig() {
+    Options options;
+    options.cacheBytes = 1048576;
+    options.formatVersion = 2;
+    // Statistics, time marks, hot lists and registrations are tens to hundreds of bytes and are
+    // rewritten often. Each commit appends whole pages to the log, so small pages keep every
+    // write small; no value here is large enough to spill.
+    options.pageSize = 4096;
+    // Read when a subsystem loads, not per request: the page cache is enough, and the store
+    // stays free of the SIGBUS exposure that a mapped file has when the disk fails.
+    options.mmapBytes = 0;
+    return options;
+}
+
+KeyValueStore::Options KeyValueStore::Options::forCache() {
+    Options options;
+    options.cacheBytes = 4194304;
+    options.formatVersion = 2;
+    // Resource bodies up to 3 MiB plus their metadata, read per request: the same reasons as
+    // for the packs store, large pages and a memory map.
+    options.pageSize = 16384;
+    options.mmapBytes = 256LL * 1024 * 1024;
+    return options;
+}
+
+struct KeyValueStore::Statements {
+    sqlite3_stmt* get = nullptr;
+    sqlite3_stmt* contains = nullptr;
+    sqlite3_stmt* insert = nullptr;
+    sqlite3_stmt* remove = nullptr;
+    sqlite3_stmt* removeRange = nullptr;
+    sqlite3_stmt* removeFrom = nullptr;
+    sqlite3_stmt* clear = nullptr;
+    // Key enumeration: starting at a bound (inclusive) or after the last key of the previous
+    // batch (exclusive), with an upper bound or running to the end.
+    sqlite3_stmt* keysFrom = nullptr;
+    sqlite3_stmt* keysAfter = nullptr;
+    sqlite3_stmt* keysFromToEnd = nullptr;
+    sqlite3_stmt* keysAfterToEnd = nullptr;
+
+    ~Statements() {
+        for (sqlite3_stmt* statement :
+             {get, contains, insert, remove, removeRange, removeFrom, clear, keysFrom, keysAfter,
+              keysFromToEnd, keysAfterToEnd}) {
+            sqlite3_finalize(statement);
+        }
+    }
+
+    int prepare(sqlite3* db) {
+        const struct {
+            sqlite3_stmt** target;
+            const char* sql;
+        } all[] = {
+            {&get, "SELECT v FROM kv WHERE k = ?1"},
+            {&contains, "SELECT 1 FROM kv WHERE k = ?1"},
+            {&insert, "INSERT OR REPLACE INTO kv(k, v) VALUES(?1, ?2)"},
+            {&remove, "DELETE FROM kv WHERE k = ?1"},
+            {&removeRange, "DELETE FROM kv WHERE k >= ?1 AND k < ?2"},
+            {&removeFrom, "DELETE FROM kv WHERE k >= ?1"},
+            {&clear, "DELETE FROM kv"},
+            {&keysFrom, "SELECT k FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
+            {&keysAfter, "SELECT k FROM kv WHERE k > ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
+            {&keysFromToEnd, "SELECT k FROM kv WHERE k >= ?1 ORDER BY k LIMIT ?3"},
+            {&keysAfterToEnd, "SELECT k FROM kv WHERE k > ?1 ORDER BY k LIMIT ?3"},
+        };
+        for (const auto& one : all) {
+            const int rc =
+                sqlite3_prepare_v3(db, one.sql, -1, SQLITE_PREPARE_PERSISTENT, one.target, nullptr);
+            if (rc != SQLITE_OK) return rc;
+        }
+        return SQLITE_OK;
+    }
+};
+
+KeyValueStore::KeyValueStore(std::string path, sqlite3* db)
+    : path_(std::move(path)), db_(db), statements_(std::make_unique<Statements>()) {}
+
+KeyValueStore::~KeyValueStore() {
+    statements_.reset();
+    // The last connection of all processes checkpoints the log into the database and deletes it.
+    sqlite3_close_v2(db_);
+}
+
+int KeyValueStore::open(const std::string& path, const Options& options,
+                        std::unique_ptr<KeyValueStore>* store) {
+    store->reset();
+    if (path.empty()) return SQLITE_CANTOPEN;
+    std::error_code ignored;
+    std::filesystem::create_directories(path, ignored);
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return SQLITE_CANTOPEN;
+
+    const std::string file = path + "/" + kFileName;
+    sqlite3* db = nullptr;
+    // The store's own mutex serialises every use of the connection, so SQLite's is not needed.
+    // Extended result codes from the start, so that a failed open says why (a directory, say).
+    int rc = sqlite3_open_v2(
+        file.c_str(), &db,
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
+        nullptr);
+    if (rc != SQLITE_OK) {
+        if (db != nullptr) rc = sqlite3_extended_errcode(db);
+        sqlite3_close_v2(db);
+        return rc;
+    }
+    std::unique_ptr<KeyValueStore> opened(new KeyValueStore(path, db));
+    rc = opened->configure(options);
+    if (rc != SQLITE_OK) return rc;
+    *store = std::move(opened);
+    return SQLITE_OK;
+}
+
+int KeyValueStore::openOrReplace(const std::string& path, const Options& options,
+                                 std::unique_ptr<KeyValueStore>* store, int* finalStatus) {
+    const int first = open(path, options, store);
+    int last = first;
+    if (first != SQLITE_OK) {
+        // A lock that another process held past the busy timeout, a full disk or a lack of
+        // memory says nothing about the file, which may hold another live process's data: the
+        // store is tried once more as it is and otherwise stays closed for this run. Anything
+        // else means that the file cannot serve, and it is replaced. The status of the removal
+        // does not matter: if something is left, the second open fails and says so.
+        if (!isTransient(first)) remove(path);
+        last = open(path, options, store);
+    }
+    if (finalStatus != nullptr) *finalStatus = last;
+    return first;
+}
+
+int KeyValueStore::configure(const Options& options) {
+    sqlite3_extended_result_codes(db_, 1);
+    sqlite3_busy_timeout(db_, options.busyTimeoutMs);
+
+    // Page size and incremental vacuum are fixed when the first page is written, which switching
+    // to WAL does, so they come first. Incremental vacuum lets compaction give free pages back
+    // without rewriting the whole file.
+    std::string sql =
+        "PRAGMA page_size=" + std::to_string(options.pageSize) + ";PRAGMA auto_vacuum=INCREMENTAL;";
+    int rc = execute(db_, sql.c_str());
+    if (rc != SQLITE_OK) return rc;
+
+    // WAL: readers never block the writer, a commit is one append, and several processes can
+    // share the store. This is also the first statement that reads the file, so a file that is
+    // not a database fails here.
+    std::string mode;
+    rc = queryText(db_, "PRAGMA journal_mode=WAL", mode);
+    if (rc != SQLITE_OK) return rc;
+
+    // synchronous=NORMAL: in WAL mode a commit is written to the log before it returns, so a
+    // process that dies keeps every commit; only a power cut can roll back the last commits,
+    // and it cannot corrupt the file. FULL would add an fdatasync per commit (milliseconds on
+    // flash) for data that the update cycle fetches again anyway.
+    const int64_t walPages = kWalBytes / (options.pageSize > 0 ? options.pageSize : 4096);
+    sql = "PRAGMA synchronous=NORMAL;PRAGMA cache_size=-" +
+          std::to_string(options.cacheBytes / 1024) +
+          ";PRAGMA mmap_size=" + std::to_string(options.mmapBytes) +
+          ";PRAGMA wal_autocheckpoint=" + std::to_string(walPages) +
+          ";PRAGMA journal_size_limit=" + std::to_string(kWalBytes) + ";";
+    rc = execute(db_, sql.c_str());
+    if (rc != SQLITE_OK) return rc;
+
+    // A damaged file is found at open, where the caller can still replace it, rather than by
+    // some later read on the request path. quick_check reads every page but skips the index
+    // cross-checks of integrity_check, which the one table here does not need.
+    std::string check;
+    rc = queryText(db_, "PRAGMA quick_check(1)", check);
+    if (rc != SQLITE_OK) return rc;
+    if (check != "ok") return SQLITE_CORRUPT;
+
+    // Keys are BLOBs so that they compare with memcmp: unsigned bytes, 0xFF last.
+    rc = execute(db_,
+                 "CREATE TABLE IF NOT EXISTS kv(k BLOB PRIMARY KEY NOT NULL, v BLOB NOT NULL) "
+                 "WITHOUT ROWID");
+    if (rc != SQLITE_OK) return rc;
+
+    std::string version;
+    rc = queryText(db_, "PRAGMA user_version", version);
+    if (rc != SQLITE_OK) return rc;
+    if (version == "0") {
+        sql = "PRAGMA user_version=" + std::to_string(options.formatVersion);
+        rc = execute(db_, sql.c_str());
+        if (rc != SQLITE_OK) return rc;
+    } else if (version != std::to_string(options.formatVersion)) {
+        return SQLITE_FORMAT;
+    }
+
+    std::lock_guard<std::mutex> lock(mutex_);
+    return statements_->prepare(db_);
+}
+
+int KeyValueStore::remove(const std::string& path) {
+    if (path.empty()) return SQLITE_MISUSE;
+    std::error_code error;
+    std::filesystem::remove_all(path, error);
+    if (error) return SQLITE_IOERR;
+    struct stat info;
+    return ::lstat(path.c_str(), &info) == 0 ? SQLITE_IOERR : SQLITE_OK;
+}
+
+uint64_t KeyValueStore::diskSize(const std::string& path) {
+    uint64_t total = 0;
+    std::error_code error;
+    std::filesystem::recursive_directory_iterator it(path, error);
+    for (; !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
+        std::error_code sizeError;
+        if (!it->is_regular_file(sizeError)) continue;
+        const uintmax_t size = it->file_size(sizeError);
+        if (!sizeError) total += size;
+    }
+    return total;
+}
+
+bool KeyValueStore::contains(std::string_view key) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sqlite3_stmt* statement = statements_->contains;
+    ResetOnExit reset(statement);
+    if (bindBlob(statement, 1, key) != SQLITE_OK) return false;
+    return sqlite3_step(statement) == SQLITE_ROW;
+}
+
+int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
+    found = false;
+    value.clear();
+    std::lock_guard<std::mutex> lock(mutex_);
+    sqlite3_stmt* statement = statements_->get;
+    ResetOnExit reset(statement);
+    int rc = bindBlob(statement, 1, key);
+    if (rc != SQLITE_OK) return rc;
+    rc = sqlite3_step(statement);
+    if (rc == SQLITE_DONE) return SQLITE_OK;
+    if (rc != SQLITE_ROW) return rc;
+    // column_blob before column_bytes: the documented order that never converts the value.
+    const void* data = sqlite3_column_blob(statement, 0);
+    const int size = sqlite3_column_bytes(statement, 0);
+    if (data == nullptr && size > 0) return SQLITE_NOMEM;
+    value.assign(size > 0 ? static_cast<const char*>(data) : "", static_cast<size_t>(size));
+    found = true;
+    return SQLITE_OK;
+}
+
+int KeyValueStore::insert(std::string_view key, std::string_view value) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sqlite3_stmt* statement = statements_->insert;
+    ResetOnExit reset(statement);
+    int rc = bindBlob(statement, 1, key);
+    if (rc == SQLITE_OK) rc = bindBlob(statement, 2, value);
+    if (rc != SQLITE_OK) return rc;
+    return runToEnd(statement);
+}
+
+int KeyValueStore::erase(std::string_view key) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sqlite3_stmt* statement = statements_->remove;
+    ResetOnExit reset(statement);
+    const int rc = bindBlob(statement, 1, key);
+    if (rc != SQLITE_OK) return rc;
+    return runToEnd(statement);
+}
+
+int KeyValueStore::eraseRange(Key from, Key to) {
+    if (from.isMax()) return SQLITE_OK;
+    if (!to.isMax() && to.data() <= from.data()) return SQLITE_OK;
+    std::lock_guard<std::mutex> lock(mutex_);
+    sqlite3_stmt* statement = to.isMax() ? statements_->removeFrom : statements_->removeRange;
+    ResetOnExit reset(statement);
+    int rc = bindBlob(statement, 1, from.data());
+    if (rc == SQLITE_OK && !to.isMax()) rc = bindBlob(statement, 2, to.data());
+    if (rc != SQLITE_OK) return rc;
+    return runToEnd(statement);
+}
+
+int KeyValueStore::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sqlite3_stmt* statement = statements_->clear;
+    ResetOnExit reset(statement);
+    return runToEnd(statement);
+}
+
+int KeyValueStore::compact() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int rc = execute(db_, "PRAGMA incremental_vacuum");
+    if (rc != SQLITE_OK) return rc;
+    rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    return rc == SQLITE_OK ? SQLITE_OK : sqlite3_extended_errcode(db_);
+}
+
+int KeyValueStore::fetchKeys(Key from, Key to, const std::string* after, size_t limit,
+                             std::vector<std::string>& keys) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sqlite3_stmt* statement =
+        to.isMax() ? (after ? statements_->keysAfterToEnd : statements_->keysFromToEnd)
+                   : (after ? statements_->keysAfter : statements_->keysFrom);
+    ResetOnExit reset(statement);
+    int rc = bindBlob(statement, 1, after ? std::string_view(*after) : from.data());
+    if (rc == SQLITE_OK && !to.isMax()) rc = bindBlob(statement, 2, to.data());
+    if (rc == SQLITE_OK) rc = sqlite3_bind_int64(statement, 3, static_cast<sqlite3_int64>(limit));
+    if (rc != SQLITE_OK) return rc;
+    while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+        const void* data = sqlite3_column_blob(statement, 0);
+        const int size = sqlite3_column_bytes(statement, 0);
+        keys.emplace_back(size > 0 && data != nullptr ? static_cast<const char*>(data) : "",
+                          size > 0 && data != nullptr ? static_cast<size_t>(size) : 0);
+    }
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+int KeyValueStore::enumerateKeys(Key from, Key to,
+                                 const std::function<bool(std::string_view key)>& visit) {
+    if (!visit || from.isMax()) return SQLITE_OK;
+    if (!to.isMax() && to.data() <= from.data()) return SQLITE_OK;
+    std::vector<std::string> keys;
+    keys.reserve(kEnumerateBatch);
+    std::string last;
+    bool resume = false;
+    for (;;) {
+        keys.clear();
+        const int rc = fetchKeys(from, to, resume ? &last : nullptr, kEnumerateBatch, keys);
+        if (rc != SQLITE_OK) return rc;
+        for (const std::string& key : keys) {
+            if (visit(key)) return SQLITE_OK;
+        }
+        if (keys.size() < kEnumerateBatch) return SQLITE_OK;
+        last = std::move(keys.back());
+        resume = true;
+    }
+}
+
+KeyRange prefixRange(std::string_view prefix) {
+    KeyRange range;
+    range.from.assign(prefix);
+    if (prefix.empty()) {
+        range.toMax = true;
+    } else {
+        range.to.reserve(prefix.size() + 1);
+        range.to.assign(prefix);
+        range.to.push_back('\xFF');
+    }
+    return range;
+}
+
+}  // namespace FerritCore

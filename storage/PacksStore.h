@@ -1,0 +1,46 @@
+// PacksStore: the process-wide SeriesStore in "packs/". It holds the global configuration under
+// "config" and the files of packs that live in the store under "<name>/<seq>/<path>".
+//
+// Created and opened at first use; two first users block until one has finished opening. Never
+// destroyed. Any thread (see SeriesStore).
+#pragma once
+
+#include <string>
+
+#include "ferritcore/Error.h"
+#include "storage/Folder.h"
+#include "storage/SeriesStore.h"
+
+namespace FerritCore {
+
+class PacksStore : public SeriesStore {
+  public:
+    static constexpr const char* kName = "packs";
+    // The key of the global configuration document.
+    static constexpr const char* kConfigKey = "config";
+
+    // The instance, opened under the root that is set at first use. After opening it sends its
+    // open time (and the error 9997 of a failed first open) as the record "FTS_packs" and logs
+    // "load" with "name" and "time" under "Ferrit/Packs".
+    static PacksStore& instance();
+    // Reopens the instance under the current root and reports as at first use. For tests, whose
+    // every case has its own root; nothing else may use the store meanwhile.
+    static void resetForTesting();
+
+    // The file that held the global configuration before the store did.
+    static Folder legacyConfigFile() { return Folder::disk("config/fconfig.config"); }
+
+    // The stored configuration text. When the store has no "config" key (1101), the older file
+    // is read instead and its result stands; any other failure of the store is returned as it
+    // is. On failure the result is empty and `error` says why.
+    std::string readConfig(Error& error) const;
+    // Stores the text under "config"; once it is stored, the older file is deleted, so that it
+    // is never read again. A failed write keeps the file: nothing is lost.
+    bool writeConfig(const std::string& text, Error& error);
+
+  private:
+    PacksStore();
+    void openAndReport();
+};
+
+}  // namespace FerritCore

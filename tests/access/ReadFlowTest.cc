@@ -1,0 +1,568 @@
+// The read flow end to end: a configuration document, packs on the disk and in the app's raw
+// files, signed resource lists, and Access::getResource in both forms; on-demand packs with their
+// backup copies; and what bad input in a pack gives.
+#include <gtest/gtest.h>
+
+#include "AccessFixture.h"
+#include "access/Digest.h"
+#include "access/Errors.h"
+#include "access/PackPart.h"
+#include "access/Resource.h"
+#include "access/Url.h"
+#include "ferritcore/Access.h"
+#include "storage/MemoryPackedFiles.h"
+#include "update/BuiltinConfig.h"
+
+namespace FerritTest {
+namespace {
+
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONObject;
+
+// Loads on-demand modules: at once (with `loadError`), or held until the test releases them.
+class ModuleProxy : public RecordingProxy {
+public:
+    void loadOnDemand(const std::string& tag, std::function<void(const Error&)> completion) override {
+        loads.push_back(tag);
+        if (hold) {
+            held.push_back(std::move(completion));
+            return;
+        }
+        if (completion) completion(loadError);
+    }
+    void releaseAll() {
+        auto pending = std::move(held);
+        held.clear();
+        for (auto& completion : pending)
+            if (completion) completion(loadError);
+    }
+    Error loadError;
+    bool hold = false;
+    std::vector<std::string> loads;
+    std::vector<std::function<void(const Error&)>> held;
+};
+
+class ReadFlowTest : public AccessFixture {
+protected:
+    void SetUp() override {
+        AccessFixture::SetUp();
+        modules_ = std::make_shared<ModuleProxy>();
+        proxy_ = modules_;
+        Environment::instance().setProxy(modules_);
+        AssetProvider::set(std::make_shared<RawFileProvider>(raw_.root()));
+    }
+    void TearDown() override {
+        BuiltinConfig::setAssetReader(nullptr);
+        AccessFixture::TearDown();
+    }
+
+    void writeRaw(const std::string& relative, const std::string& content) {
+        const std::filesystem::path path = raw_.path() / relative;
+        std::filesystem::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << content;
+    }
+
+    // A pack delivered with the app (or, with `onDemand`, as an on-demand module).
+    static std::shared_ptr<Pack> builtIn(const std::string& name, uint64_t seq, std::vector<std::string> prefixes,
+                                         std::vector<std::string> referrers = {}, bool onDemand = false) {
+        auto p = pack(name, kPackTypeSCache, seq, seq, std::move(prefixes), std::move(referrers));
+        p->isOnDemand = onDemand;
+        return p;
+    }
+
+    // {path: {"url", "v"}} whose "v" is the real MD5 of the content.
+    static JSON tableOf(const std::vector<std::tuple<std::string, std::string, std::string>>& pathUrlContent) {
+        JSON t;
+        for (const auto& [path, url, content] : pathUrlContent) {
+            JSON entry;
+            if (!url.empty()) entry.set("url", url);
+            entry.set("v", Digest::md5Hex(content));
+            t.set(path, entry);
+        }
+        return t;
+    }
+
+    // The embedded list of a built-in pack, taken from the signed "app-res.hvc" next to its files.
+    void embedSignedIndex(const std::string& name, uint64_t seq, const JSON& table) {
+        const std::string folder = "Ferrit_Asset_" + name + "/" + std::to_string(seq) + "/";
+        writeRaw(folder + "app-res.hvc", signedIndex(table));
+        auto index = std::make_shared<const ResourceIndex>(name, Folder::asset(folder));
+        ASSERT_FALSE(index->error()) << index->error().message();
+        ResourceIndexPool::set(name, index);
+    }
+
+    std::unique_ptr<ResourceResponse> getAsync(const ResourceRequest& request) {
+        std::unique_ptr<ResourceResponse> got;
+        int calls = 0;
+        Access::getResource(request, [&](std::unique_ptr<ResourceResponse> r) {
+            ++calls;
+            got = std::move(r);
+        });
+        EXPECT_LE(calls, 1);
+        return got;
+    }
+
+    // The app pack "app" installed at 3 below "https://h.com/app/" with the given list.
+    void installApp(const JSON& list, uint64_t installed = 3, uint64_t seq = 3) {
+        install({pack("app", kPackTypeFerrit, installed, seq, {"https://h.com/app/"})});
+        serveIndexes({{"app", list}});
+    }
+
+    TempDir raw_;
+    std::shared_ptr<ModuleProxy> modules_;
+};
+
+const std::string kHtml = "<!doctype html><title>shop</title><script src=app.js></script>";
+const std::string kScript = "document.title = 'from the pack';";
+const std::string kCss = ".kit { color: teal }";
+
+// --- End to end -------------------------------------------------------------------------------
+
+TEST_F(ReadFlowTest, DiskPackAndBuiltInPackServeInBothForms) {
+    install({pack("shop", kPackTypeFerrit, 3, 3, {"https://shop.com/app/"}),
+             builtIn("kit", 2, {"https://cdn.shop.com/kit/"})});
+    serveIndexes({{"shop", tableOf({{"res/index.html", "https://shop.com/app/index.html", kHtml},
+                                    {"res/app.js", "https://shop.com/app/app.js", kScript}})}});
+    writeFile("apps/shop/3/res/index.html", kHtml);
+    writeFile("apps/shop/3/res/app.js", kScript);
+    writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
+    embedSignedIndex("kit", 2, tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}}));
+
+    struct Case {
+        std::string url, body, type, info;
+    };
+    const Case cases[] = {
+        {"https://shop.com/app/index.html?from=home", kHtml, "text/html;charset=UTF-8", "F:shop@3"},
+        {"https://shop.com/app/app.js", kScript, "application/x-javascript", "F:shop@3"},
+        {"https://cdn.shop.com/kit/kit.css#top", kCss, "text/css;charset=UTF-8", "S:kit@2"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.url);
+        const ResourceRequest request(c.url, HeaderMap{{"Accept", "*/*"}});
+        std::unique_ptr<ResourceResponse> responses[] = {Access::getResource(request), getAsync(request)};
+        for (const auto& response : responses) {
+            ASSERT_NE(response, nullptr);
+            ASSERT_FALSE(response->error) << response->error.message();
+            EXPECT_EQ(response->data, c.body);
+            EXPECT_EQ(response->md5, Digest::md5Hex(c.body));
+            EXPECT_FALSE(response->is404);
+            EXPECT_EQ(response->header.at("Content-Type"), c.type);
+            EXPECT_EQ(response->header.at("Cache-Control"), "no-store");
+            EXPECT_EQ(response->header.at("Via"), "Ferrit/" FERRIT_CORE_VERSION "," + c.info);
+            EXPECT_EQ(response->header.at("X-Ferrit-Info"), c.info + ",0");
+            EXPECT_FALSE(response->header.at("Date").empty());
+        }
+    }
+}
+
+TEST_F(ReadFlowTest, BuiltInConfigurationAssetServesItsPack) {
+    JSON kit;
+    kit.set("s", 2);
+    kit.set("f", 96);
+    kit.set("p", JSON(MarlLogger::json::JSONArray{JSON("https://cdn.shop.com/kit/")}));
+    JSON document;
+    document.set("v", "7");
+    document.set("packs", JSON(JSONObject{{"kit", kit}}));
+    document.set("resources", JSON(JSONObject{{"kit", tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}})}}));
+    writeRaw("Ferrit_Asset.config", document.toString());
+    writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
+    BuiltinConfig::setAssetReader([](const std::string& path, Error& error) { return Assets::readAsset(path, error); });
+    Error loadError;
+    SCache::mutate([&](FConfig& config) { loadError = BuiltinConfig::load(config); });
+    ASSERT_FALSE(loadError) << loadError.message();
+
+    auto response = Access::getResource(ResourceRequest("https://cdn.shop.com/kit/kit.css", ""));
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, kCss);
+    EXPECT_EQ(response->header.at("X-Ferrit-Info"), "S:kit@2,0");
+}
+
+TEST_F(ReadFlowTest, ReadEventCarriesSizeAndCrcOfTheContent) {
+    installApp(tableOf({{"res/app.js", "https://h.com/app/app.js", kScript}}));
+    writeFile("apps/app/3/res/app.js", kScript);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    ASSERT_FALSE(response->error) << response->error.message();
+    const auto entry = logs_->last("read", "Ferrit/Access");
+    EXPECT_EQ(entry.field("size").uint64Value(), kScript.size());
+    EXPECT_EQ(entry.field("crc").uint64Value(), Digest::crc32(kScript));
+
+    getAsync(ResourceRequest("https://h.com/app/app.js", ""));
+    const auto async = logs_->last("read", "Ferrit/Access");
+    EXPECT_EQ(async.field("crc").uint64Value(), Digest::crc32(kScript));
+    EXPECT_EQ(async.field("localCount").int32Value(), 1);
+}
+
+TEST_F(ReadFlowTest, OlderInstalledSequencePostsUpdateFiveSecondsAfterAnAsyncRead) {
+    installApp(tableOf({{"res/app.js", "https://h.com/app/app.js", kScript}}), 3, 4);
+    writeFile("apps/app/3/res/app.js", kScript);
+    auto response = getAsync(ResourceRequest("https://h.com/app/app.js", ""));
+    ASSERT_NE(response, nullptr);
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, kScript);
+    EXPECT_TRUE(updates.empty());
+    clock_->advance(4999.0);
+    TaskRunner::runDue();
+    EXPECT_TRUE(updates.empty());
+    clock_->advance(1.0);
+    TaskRunner::runDue();
+    ASSERT_EQ(updates.size(), 1u);
+    EXPECT_EQ(updates[0].name, "app");
+    EXPECT_EQ(updates[0].trigger, kTriggerVisitUpdate);
+}
+
+// --- SCache 404 -------------------------------------------------------------------------------
+
+TEST_F(ReadFlowTest, SCacheUrlWhoseFileIsMissingGives404And3109InSyncForm) {
+    install({builtIn("sc", 1, {}, {"https://h.com/own.png"})});
+    embedSignedIndex("sc", 1, tableOf({{"res/own.png", "https://h.com/own.png", "png"}}));
+    auto response = Access::getResource(ResourceRequest("https://h.com/own.png", ""));
+    EXPECT_EQ(response->error.code(), 3109);
+    EXPECT_EQ(response->error.message(), "S:sc@1 file not found: /Asset/Ferrit_Asset_sc/1/res/own.png");
+    EXPECT_TRUE(response->is404);
+    EXPECT_EQ(response->header.at("X-Ferrit-Info"), "S:sc@1,3109");
+}
+
+TEST_F(ReadFlowTest, SCacheMissingFileGivesNo404WhenSwitchedOff) {
+    install({builtIn("sc", 1, {}, {"https://h.com/own.png"})});
+    embedSignedIndex("sc", 1, tableOf({{"res/own.png", "https://h.com/own.png", "png"}}));
+    Settings::change([](Settings& s) { s.scache404Enabled = false; });
+    auto response = Access::getResource(ResourceRequest("https://h.com/own.png", ""));
+    EXPECT_EQ(response->error.code(), 3109);
+    EXPECT_FALSE(response->is404);
+}
+
+// --- On-demand packs --------------------------------------------------------------------------
+
+class OnDemandTest : public ReadFlowTest {
+protected:
+    void SetUp() override {
+        ReadFlowTest::SetUp();
+        install({builtIn("od", 1, {"https://od.com/"}, {}, true)});
+        ResourceIndexPool::set("od", std::make_shared<const ResourceIndex>(
+                                         "od", tableOf({{"res/a.js", "https://od.com/a.js", kScript}})));
+        writeRaw("Ferrit_Asset_od/1/res/a.js", kScript);
+    }
+    // What the fetch of the backup copy installs: the pinned copy "od@1" under "apps/".
+    void installBackup(const JSON& list, const std::string& content) {
+        auto copy = pack("od@1", kPackTypeSCache, 1, 1);
+        copy->subType = 1;
+        install({copy});
+        writeFile("apps/od/1/app-res.hvc", signedIndex(list));
+        writeFile("apps/od/1/res/a.js", content);
+    }
+};
+
+TEST_F(OnDemandTest, SyncFormGives1108AndAsyncFormSucceeds) {
+    auto sync = Access::getResource(ResourceRequest("https://od.com/a.js", ""));
+    EXPECT_EQ(sync->error.code(), 1108);
+    EXPECT_EQ(sync->error.message(), "file \"/OnDemand(Ferrit_Asset_od)/Ferrit_Asset_od/1/res/a.js\" can only read asynchronous");
+    EXPECT_TRUE(modules_->loads.empty());
+
+    auto async = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(async, nullptr);
+    ASSERT_FALSE(async->error) << async->error.message();
+    EXPECT_EQ(async->data, kScript);
+    EXPECT_EQ(async->header.at("X-Ferrit-Info"), "S:od@1,0");
+    EXPECT_EQ(modules_->loads, std::vector<std::string>{"Ferrit_Asset_od"});
+    EXPECT_EQ(logs_->count("start", "Ferrit/Read"), 1u);
+    EXPECT_EQ(logs_->last("start", "Ferrit/Read").field("type").stringValue(), "OnDemandResource");
+    EXPECT_EQ(logs_->count("finish", "Ferrit/Read"), 1u);
+    EXPECT_NE(std::find(modules_->names.begin(), modules_->names.end(), "Ferrit.OnDemand"), modules_->names.end());
+}
+
+TEST_F(OnDemandTest, AsyncFormCompletesOnTheThreadThatLoadsTheModule) {
+    modules_->hold = true;
+    std::unique_ptr<ResourceResponse> got;
+    Access::getResource(ResourceRequest("https://od.com/a.js", ""), [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
+    EXPECT_EQ(got, nullptr);
+    modules_->releaseAll();
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(got->data, kScript);
+}
+
+TEST_F(OnDemandTest, StartEventIsWrittenOnlyWhenOnDemandIsEnabled) {
+    Settings::change([](Settings& s) { s.onDemandEnabled = false; });
+    auto async = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(async, nullptr);
+    EXPECT_EQ(logs_->count("start", "Ferrit/Read"), 0u);
+    EXPECT_EQ(logs_->count("finish", "Ferrit/Read"), 1u);
+}
+
+TEST_F(OnDemandTest, SubProcessGives2004) {
+    Environment::instance().setMainProcess(false);
+    auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->error.code(), 2004);
+    EXPECT_TRUE(modules_->loads.empty());
+}
+
+TEST_F(OnDemandTest, FailedModuleReadsTheBackupCopyThatIsThere) {
+    modules_->loadError = Error(1003, std::string("no module"));
+    installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "backup bytes"}}), "backup bytes");
+    auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(response, nullptr);
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "backup bytes");
+    EXPECT_TRUE(updates.empty());
+}
+
+TEST_F(OnDemandTest, FailedModuleFetchesTheBackupThenReadsIt) {
+    modules_->loadError = Error(1003, std::string("no module"));
+    UpdateQueue::setHandler([this](const std::string& name, int trigger, UpdateQueue::Completion done) {
+        updates.push_back({name, trigger});
+        installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "fetched"}}), "fetched");
+        if (done) done(Error());
+    });
+    auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(response, nullptr);
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "fetched");
+    ASSERT_EQ(updates.size(), 1u);
+    EXPECT_EQ(updates[0].name, "od@1");
+    EXPECT_EQ(updates[0].trigger, kTriggerVisit);
+}
+
+TEST_F(OnDemandTest, BackupWithoutTheUrlGives3113) {
+    modules_->loadError = Error(1003, std::string("no module"));
+    installBackup(tableOf({{"res/other.js", "https://od.com/other.js", "x"}}), "x");
+    auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->error.code(), 3113);
+    EXPECT_EQ(response->error.message(), "S:od@1 backup resource //od.com/a.js not found");
+    // Not an SCache hit by URL: the host goes to the network.
+    EXPECT_FALSE(response->is404);
+}
+
+TEST_F(OnDemandTest, FailedFetchOfTheBackupPassesItsError) {
+    modules_->loadError = Error(1003, std::string("no module"));
+    UpdateQueue::setHandler([](const std::string&, int, UpdateQueue::Completion done) {
+        if (done) done(Errors::networkNotSupported("od@1", "None"));
+    });
+    auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->error.code(), 2001);
+}
+
+TEST_F(OnDemandTest, FetchThatBringsNoBackupGives3113) {
+    modules_->loadError = Error(1003, std::string("no module"));
+    auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->error.code(), 3113);
+    EXPECT_EQ(updates.size(), 1u);
+}
+
+TEST_F(OnDemandTest, BackupWhoseFileIsGoneGives1101AndAsksForItsReinstall) {
+    modules_->loadError = Error(1003, std::string("no module"));
+    installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "backup bytes"}}), "backup bytes");
+    std::filesystem::remove(temp_.path() / "apps/od/1/res/a.js");
+    auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->error.code(), 1101);
+    EXPECT_EQ(response->error.message(), "file \"apps/od/1/res/a.js\" not exists");
+    TaskRunner::runDue();
+    EXPECT_EQ(SCache::current()->find("od@1")->status, kPackStatusNeedReinstall);
+}
+
+// --- Groups -----------------------------------------------------------------------------------
+
+class GroupFlowTest : public OnDemandTest {
+protected:
+    void SetUp() override {
+        OnDemandTest::SetUp();
+        auto disk = pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"});
+        install({disk});
+        serveIndexes({{"app", tableOf({{"res/gone.js", "https://h.com/app/gone.js", "g"},
+                                       {"res/empty.js", "https://h.com/app/empty.js", ""}})}});
+        writeFile("apps/app/3/res/gone.js", "g");
+        // Matched, then failing when read: an empty file is no data (1103).
+        writeFile("apps/app/3/res/empty.js", "");
+    }
+    std::shared_ptr<PackPart> partFor(const std::string& url, const std::string& packName) {
+        auto match = std::make_shared<PackMatch>(*SCache::current(), SCache::current()->find(packName), false);
+        return std::make_shared<PackPart>(context_, Url::key(url), match);
+    }
+    std::shared_ptr<RequestContext> context_ =
+        std::make_shared<RequestContext>(ResourceRequest("https://h.com/combo", ""), 6);
+};
+
+TEST_F(GroupFlowTest, FailureOfTheFirstPartStopsLaterParts) {
+    auto resource = std::make_shared<Resource>(context_, "", false);
+    resource->addPart(partFor("https://h.com/app/empty.js", "app"), 0);
+    resource->addPart(partFor("https://od.com/a.js", "od"), 0);
+    ASSERT_FALSE(resource->error) << resource->error.message();
+    resource->makeGroup();
+    int calls = 0;
+    Error error;
+    resource->readAsync([&](const std::string& data, const Error& e) {
+        ++calls;
+        error = e;
+        EXPECT_TRUE(data.empty());
+    });
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(error.code(), 1103);
+    // The on-demand part after it was never read.
+    EXPECT_TRUE(modules_->loads.empty());
+}
+
+TEST_F(GroupFlowTest, PartThatFinishesAfterAFailureDoesNothing) {
+    modules_->hold = true;
+    auto resource = std::make_shared<Resource>(context_, "", false);
+    resource->addPart(partFor("https://od.com/a.js", "od"), 0);
+    resource->addPart(partFor("https://h.com/app/empty.js", "app"), 0);
+    resource->makeGroup();
+    int calls = 0;
+    resource->readAsync([&](const std::string&, const Error& e) {
+        ++calls;
+        EXPECT_EQ(e.code(), 1103);
+    });
+    EXPECT_EQ(calls, 1);
+    ASSERT_EQ(modules_->held.size(), 1u);
+    modules_->releaseAll();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(resource->group->remaining.load(), -1);
+}
+
+TEST_F(GroupFlowTest, GroupOfDiskAndOnDemandPartsDeliversBothInOrder) {
+    auto resource = std::make_shared<Resource>(context_, "", false);
+    resource->addPart(partFor("https://h.com/app/gone.js", "app"), 0);
+    resource->addPart(partFor("https://od.com/a.js", "od"), 0);
+    resource->makeGroup();
+    std::string got;
+    resource->readAsync([&](const std::string& data, const Error& e) {
+        EXPECT_FALSE(e) << e.message();
+        got = data;
+    });
+    EXPECT_EQ(got, "g" + kScript);
+    EXPECT_EQ(resource->group->type, "async");
+}
+
+// --- Bad input in a pack ----------------------------------------------------------------------
+
+TEST_F(ReadFlowTest, ZeroByteResourceGives1103) {
+    installApp(tableOf({{"res/empty.js", "https://h.com/app/empty.js", ""}}));
+    writeFile("apps/app/3/res/empty.js", "");
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/empty.js", ""));
+    EXPECT_EQ(response->error.code(), 1103);
+    EXPECT_EQ(response->error.message(), "file \"apps/app/3/res/empty.js\" no data");
+    EXPECT_TRUE(response->data.empty());
+    auto async = getAsync(ResourceRequest("https://h.com/app/empty.js", ""));
+    ASSERT_NE(async, nullptr);
+    EXPECT_EQ(async->error.code(), 1103);
+}
+
+TEST_F(ReadFlowTest, IndexPathThatClimbsOutGives1107AndNothingOutsideIsRead) {
+    writeFile("secret.txt", "root secret");
+    installApp(tableOf({{"../../../secret.txt", "https://h.com/app/s.txt", "root secret"}}));
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/s.txt", ""));
+    EXPECT_EQ(response->error.code(), 1107);
+    EXPECT_NE(response->error.message().find("leaves the pack"), std::string::npos);
+    EXPECT_TRUE(response->data.empty());
+}
+
+TEST_F(ReadFlowTest, AbsolutePathsInTheIndexStayInsideThePack) {
+    writeFile("secret.txt", "root secret");
+    installApp(tableOf({{"/res/abs.js", "https://h.com/app/abs.js", "inside"},
+                        {"//secret.txt", "https://h.com/app/secret.txt", "root secret"}}));
+    writeFile("apps/app/3/res/abs.js", "inside");
+    auto inside = Access::getResource(ResourceRequest("https://h.com/app/abs.js", ""));
+    ASSERT_FALSE(inside->error) << inside->error.message();
+    EXPECT_EQ(inside->data, "inside");
+    auto secret = Access::getResource(ResourceRequest("https://h.com/app/secret.txt", ""));
+    EXPECT_EQ(secret->error.code(), 3109);
+    EXPECT_EQ(secret->error.message(), "F:app@3 file not found: apps/app/3/secret.txt");
+    EXPECT_TRUE(secret->data.empty());
+}
+
+TEST_F(ReadFlowTest, BackslashesInTheIndexAreSeparatorsInsideThePack) {
+    installApp(tableOf({{"res\\win\\w.js", "https://h.com/app/w.js", "windows"}}));
+    writeFile("apps/app/3/res/win/w.js", "windows");
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/w.js", ""));
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "windows");
+}
+
+TEST_F(ReadFlowTest, IndexWithoutSeparatorGives1107) {
+    install({pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
+    writeFile("apps/app/3/app-res.hvc", tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}).toString());
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
+    EXPECT_EQ(response->error.code(), 1107);
+    EXPECT_EQ(response->error.message(), "file \"apps/app/3/app-res.hvc\" deserialization failed: Token || not found");
+}
+
+TEST_F(ReadFlowTest, TruncatedIndexGives1106) {
+    install({pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
+    const std::string whole = signedIndex(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}));
+    writeFile("apps/app/3/app-res.hvc", whole.substr(0, whole.size() - 8));
+    writeFile("apps/app/3/res/a.js", "a");
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
+    EXPECT_EQ(response->error.code(), 1106);
+    TaskRunner::runDue();
+    EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
+}
+
+TEST_F(ReadFlowTest, IndexWithInvalidJsonGives1107) {
+    install({pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
+    writeFile("apps/app/3/app-res.hvc", signedIndex(std::string("{\"res/a.js\": {\"v\": ")));
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
+    EXPECT_EQ(response->error.code(), 1107);
+    EXPECT_EQ(response->error.message(), "file \"apps/app/3/app-res.hvc\" deserialization failed");
+}
+
+TEST_F(ReadFlowTest, IndexRecordWithoutVersionGives1107) {
+    JSON list;
+    list.set("res/a.js", JSON(JSONObject{{"url", "https://h.com/app/a.js"}}));
+    installApp(list);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
+    EXPECT_EQ(response->error.code(), 1107);
+    EXPECT_EQ(response->error.message(),
+              "file \"apps/app/3/app-res.hvc\" deserialization failed: MD5 for \"res/a.js\" not found");
+}
+
+TEST_F(ReadFlowTest, PackedFileRemovedBetweenMatchAndReadGives1101AndAsksForReinstall) {
+    auto store = std::make_shared<MemoryPackedFiles>();
+    PackedFiles::set(store);
+    auto p = pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"});
+    p->isPacks = true;
+    install({p});
+    Error error;
+    ASSERT_TRUE(store->put("app/3/app-res.hvc", signedIndex(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}})), error));
+    ASSERT_TRUE(store->put("app/3/res/a.js", "a", error));
+    auto served = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
+    ASSERT_FALSE(served->error) << served->error.message();
+    EXPECT_EQ(served->data, "a");
+
+    auto resource = Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicySync);
+    ASSERT_FALSE(resource->error) << resource->error.message();
+    store->removeByPrefix("app/3/res/a.js");
+    EXPECT_EQ(resource->read(), "");
+    EXPECT_EQ(resource->error.code(), 1101);
+    TaskRunner::runDue();
+    EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
+}
+
+// A disk file is opened when it is matched: what the match saw is what is read, even when the
+// file is replaced before the read.
+TEST_F(ReadFlowTest, DiskFileIsReadAsItWasWhenMatched) {
+    installApp(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}));
+    writeFile("apps/app/3/res/a.js", "as matched");
+    auto resource = Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicySync);
+    ASSERT_FALSE(resource->error) << resource->error.message();
+    std::filesystem::remove(temp_.path() / "apps/app/3/res/a.js");
+    writeFile("apps/app/3/res/a.js", "replaced");
+    EXPECT_EQ(resource->read(), "as matched");
+    EXPECT_FALSE(resource->error);
+}
+
+TEST_F(ReadFlowTest, MatchOnlyLeavesNoFileOpen) {
+    installApp(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}));
+    writeFile("apps/app/3/res/a.js", "a");
+    const auto openFiles = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+    };
+    const auto before = openFiles();
+    for (int i = 0; i < 50; ++i) Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicyProbe);
+    EXPECT_EQ(openFiles(), before);
+}
+
+}  // namespace
+}  // namespace FerritTest

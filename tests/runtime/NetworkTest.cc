@@ -1,0 +1,226 @@
+#include <gtest/gtest.h>
+
+#include "FakeProxy.h"
+#include "TestUtil.h"
+#include "marl/Clock.h"
+#include "runtime/Environment.h"
+#include "runtime/Network.h"
+#include "runtime/TaskRunner.h"
+
+namespace FerritTest {
+namespace {
+
+using namespace FerritCore;
+
+class NetworkTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Environment::instance().resetForTesting();
+        TaskRunner::clear();
+        setRootPath(temp_.root());
+        proxy_ = std::make_shared<FakeProxy>();
+        Environment::instance().setProxy(proxy_);
+        Environment::instance().setReferer("Ferrit/10.10.0-rc.5_key/1.0");
+    }
+    void TearDown() override {
+        TaskRunner::clear();
+        Environment::instance().resetForTesting();
+        Network::setNetworkStatus(0);
+    }
+    // Runs a configuration request and the worker; returns what the completion got.
+    std::pair<std::string, Error> config(const std::string& url) {
+        std::pair<std::string, Error> got{"unset", Error()};
+        Network::requestConfig(url, "T", [&](std::string content, Error error) { got = {std::move(content), error}; });
+        TaskRunner::runDue();
+        return got;
+    }
+    std::pair<ProxyResponse, Error> resource(const std::string& url, const HeaderMap& header, bool allow304) {
+        std::pair<ProxyResponse, Error> got;
+        got.second = Error(-99, "not called");
+        Network::requestResource(url, "T", header, allow304, [&](ProxyResponse r, Error e) { got = {std::move(r), e}; });
+        return got;
+    }
+    std::pair<uint64_t, Error> pack(const std::string& url, const Folder& target) {
+        std::pair<uint64_t, Error> got{99, Error(-99, "not called")};
+        Network::requestPack(url, target, "T", 3, [&](uint64_t length, Error e) { got = {length, e}; });
+        TaskRunner::runDue();
+        return got;
+    }
+
+    TempDir temp_;
+    MarlLogger::ScopedManualClock clock_;
+    std::shared_ptr<FakeProxy> proxy_;
+};
+
+TEST_F(NetworkTest, ConfigRequestCarriesKindRefererAndTimeout) {
+    proxy_->serve("https://c/f", 200, "{\"v\":\"1\"}");
+    auto [content, error] = config("https://c/f");
+    EXPECT_FALSE(error) << error.message();
+    EXPECT_EQ(content, "{\"v\":\"1\"}");
+    ASSERT_EQ(proxy_->requests.size(), 1u);
+    const ProxyRequest& request = proxy_->requests[0];
+    EXPECT_EQ(request.timeout, 10);
+    EXPECT_EQ(request.header.at("f-refer"), "ferrit_config");
+    EXPECT_EQ(request.header.at("Referer"), "Ferrit/10.10.0-rc.5_key/1.0");
+    EXPECT_TRUE(request.tempFilePath.empty());
+    EXPECT_FALSE(request.wantHeaders);
+}
+
+TEST_F(NetworkTest, ConfigCompletionIsPostedNotInline) {
+    proxy_->serve("https://c/f", 200, "x");
+    bool called = false;
+    Network::requestConfig("https://c/f", "T", [&](std::string, Error) { called = true; });
+    EXPECT_FALSE(called);
+    TaskRunner::runDue();
+    EXPECT_TRUE(called);
+}
+
+TEST_F(NetworkTest, EmptyObjectConfigIsServerErrorNotEmptyDocument) {
+    Environment::instance().setFlag(1);
+    proxy_->serve("https://c/f", 200, "{}");
+    auto [content, error] = config("https://c/f");
+    EXPECT_EQ(error.code(), 1202);
+    EXPECT_EQ(error.message(), "https://c/f server error, phase: 1");
+    EXPECT_TRUE(content.empty());
+}
+
+TEST_F(NetworkTest, ConfigEmptyBodyBadStatusAndTransport) {
+    proxy_->serve("https://c/empty", 200, "");
+    EXPECT_EQ(config("https://c/empty").second.code(), 1006);
+    proxy_->serve("https://c/500", 500, "oops");
+    auto bad = config("https://c/500").second;
+    EXPECT_EQ(bad.code(), 1004);
+    EXPECT_EQ(bad.message(), "request \"https://c/500\" invalid status code 500");
+    EXPECT_EQ(config("https://c/304").second.code(), 1004) << "unknown URL answers 404";
+    FakeProxy::Answer broken;
+    broken.transportError = Error(7, "reset");
+    proxy_->serve("https://c/t", broken);
+    auto transport = config("https://c/t").second;
+    EXPECT_EQ(transport.code(), 1003);
+    EXPECT_EQ(transport.message(), "request \"https://c/t\" failed: 7, reset");
+}
+
+TEST_F(NetworkTest, EmptyUrlAndMissingProxyCompleteAtOnce) {
+    bool called = false;
+    Error got;
+    Network::requestConfig("", "T", [&](std::string, Error e) {
+        called = true;
+        got = e;
+    });
+    EXPECT_TRUE(called);
+    EXPECT_EQ(got.code(), 1001);
+    EXPECT_EQ(got.message(), "request \"\" invalid URL");
+    Environment::instance().setProxy(nullptr);
+    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), 9991);
+    called = false;
+    Network::requestConfig("https://c/f", "T", [&](std::string, Error e) {
+        called = true;
+        got = e;
+    });
+    EXPECT_TRUE(called);
+    EXPECT_EQ(got.code(), 9991);
+}
+
+TEST_F(NetworkTest, ResourceNoContentIs1006) {
+    proxy_->serve("https://r/a", 204, "");
+    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), 1006);
+}
+
+TEST_F(NetworkTest, NotModifiedNeedsAllow304) {
+    proxy_->serve("https://r/a", 304, "");
+    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), 1004);
+    auto [response, error] = resource("https://r/a", {}, true);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(response.statusCode, 304);
+}
+
+TEST_F(NetworkTest, ResourceSuccessKeepsHeadersAndCompletesInline) {
+    FakeProxy::Answer answer;
+    answer.body = "body";
+    answer.header = {{"Content-Type", "text/css"}};
+    proxy_->serve("https://r/a", answer);
+    auto [response, error] = resource("https://r/a", {}, false);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(response.content, "body");
+    EXPECT_EQ(response.header.at("Content-Type"), "text/css");
+    EXPECT_EQ(proxy_->requests[0].timeout, 20);
+    EXPECT_TRUE(proxy_->requests[0].wantHeaders);
+    EXPECT_EQ(proxy_->requests[0].header.at("f-refer"), "ferrit_resource");
+    EXPECT_EQ(proxy_->requests[0].header.count("Referer"), 0u);
+}
+
+TEST_F(NetworkTest, CallersReferHeaderIsKeptNotDoubled) {
+    proxy_->serve("https://r/a", 200, "x");
+    resource("https://r/a", {{"F-Refer", "mine"}}, false);
+    const HeaderMap& sent = proxy_->requests[0].header;
+    EXPECT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent.at("F-Refer"), "mine");
+}
+
+TEST_F(NetworkTest, PackGoesToTheTargetFile) {
+    FakeProxy::Answer answer;
+    answer.body = "zipbytes";
+    answer.header = {{"Content-Length", "8"}};
+    proxy_->serve("https://z/p.zip", answer);
+    const Folder target = Folder::disk("temp/p/p.zip");
+    std::filesystem::create_directories(temp_.path() / "temp/p");
+    auto [length, error] = pack("https://z/p.zip", target);
+    EXPECT_FALSE(error) << error.message();
+    EXPECT_EQ(length, 8u);
+    const ProxyRequest& request = proxy_->requests[0];
+    EXPECT_EQ(request.tempFilePath, target.absolute());
+    EXPECT_EQ(request.header.at("f-refer"), "ferrit_zip");
+    EXPECT_EQ(request.progressId, 3u);
+}
+
+TEST_F(NetworkTest, PackWithoutContentLengthHasLengthZero) {
+    proxy_->serve("https://z/p.zip", 200, "zip");
+    std::filesystem::create_directories(temp_.path() / "temp");
+    auto [length, error] = pack("https://z/p.zip", Folder::disk("temp/p.zip"));
+    EXPECT_FALSE(error);
+    EXPECT_EQ(length, 0u);
+}
+
+TEST_F(NetworkTest, PackWithoutFileIs1006) {
+    FakeProxy::Answer answer;  // 200 with nothing written
+    proxy_->serve("https://z/p.zip", answer);
+    auto [length, error] = pack("https://z/p.zip", Folder::disk("temp/none.zip"));
+    EXPECT_EQ(error.code(), 1006);
+    EXPECT_EQ(length, 0u);
+}
+
+TEST_F(NetworkTest, PackFailuresArePosted) {
+    bool called = false;
+    Network::requestPack("", Folder::disk("temp/x"), "T", 0, [&](uint64_t, Error e) {
+        called = true;
+        EXPECT_EQ(e.code(), 1001);
+    });
+    EXPECT_FALSE(called);
+    TaskRunner::runDue();
+    EXPECT_TRUE(called);
+    proxy_->serve("https://z/p.zip", 403, "");
+    EXPECT_EQ(pack("https://z/p.zip", Folder::disk("temp/x")).second.code(), 1004);
+}
+
+TEST_F(NetworkTest, NetworkStatusGatesDownloads) {
+    std::string reason;
+    Network::setNetworkStatus(0);
+    EXPECT_FALSE(Network::downloadAllowed(0, reason));
+    EXPECT_EQ(reason, "None");
+    Network::setNetworkStatus(1);
+    EXPECT_TRUE(Network::downloadAllowed(0, reason));
+    Network::setNetworkStatus(2);
+    EXPECT_FALSE(Network::downloadAllowed(1u << 15, reason));
+    EXPECT_EQ(reason, "Slow cellular");
+    EXPECT_TRUE(Network::downloadAllowed(1u << 14, reason));
+    Network::setNetworkStatus(3);
+    EXPECT_FALSE(Network::downloadAllowed(1u << 14, reason));
+    EXPECT_EQ(reason, "Fast cellular");
+    EXPECT_TRUE(Network::downloadAllowed(1u << 15, reason));
+    Network::setNetworkStatus(7);
+    EXPECT_FALSE(Network::downloadAllowed(~0ull, reason));
+    EXPECT_TRUE(reason.empty());
+}
+
+}  // namespace
+}  // namespace FerritTest

@@ -1,0 +1,318 @@
+#include "storage/MetaStore.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "StoreFixture.h"
+#include "runtime/LogTags.h"
+#include "storage/ConfigStore.h"
+
+namespace FerritCore {
+namespace {
+
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONObject;
+
+class MetaStoreTest : public FerritTest::StoreFixture {
+  protected:
+    void SetUp() override {
+        StoreFixture::SetUp();
+        store_ = std::make_unique<MetaStore>("meta/", "Ferrit/Meta",
+                                             KeyValueStore::Options::forConfig());
+        ASSERT_EQ(store_->open(), 0);
+    }
+    void TearDown() override {
+        store_.reset();
+        StoreFixture::TearDown();
+    }
+
+    // Stores raw bytes under `key` through a second connection, bypassing the JSON encoder.
+    void putRaw(std::string_view key, std::string_view bytes) {
+        std::unique_ptr<KeyValueStore> raw;
+        ASSERT_EQ(KeyValueStore::open(store_->path(), KeyValueStore::Options::forConfig(), &raw),
+                  0);
+        ASSERT_EQ(raw->insert(key, bytes), 0);
+    }
+
+    std::vector<std::string> keys(std::string_view prefix) {
+        std::vector<std::string> found;
+        store_->enumerate(prefix, [&](std::string_view key) {
+            found.emplace_back(key);
+            return false;
+        });
+        return found;
+    }
+
+    void put(std::string_view key, const JSON& value) {
+        Error error;
+        ASSERT_TRUE(store_->put(key, value, error)) << error.message();
+    }
+
+    std::unique_ptr<MetaStore> store_;
+};
+
+TEST_F(MetaStoreTest, PutThenGetRoundTripsTheJsonValue) {
+    const JSON value(
+        JSONObject{{"c", JSON(3)}, {"p", JSON(1.5)}, {"s", JSON("text")}, {"n", JSON()}});
+    Error error(1, "stale");
+    EXPECT_TRUE(store_->put("statistics/a", value, error));
+    EXPECT_FALSE(error);
+    const JSON read = store_->get("statistics/a", error);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(read, value);
+}
+
+TEST_F(MetaStoreTest, ArbitraryBytesInAStringRoundTripUnescaped) {
+    std::string body(3 * 1024 * 1024, '\0');
+    for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>((i * 7 + i / 251) & 0xFF);
+    put("res/big", JSON(JSONObject{{"b", JSON(body)}}));
+    Error error;
+    const JSON read = store_->get("res/big", error);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(read["b"].stringViewValue(), body);
+}
+
+TEST_F(MetaStoreTest, GetOfMissingKeyIs1101NamingDirectoryAndKey) {
+    Error error;
+    const JSON read = store_->get("a/b", error);
+    EXPECT_TRUE(read.isNull());
+    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.message(), "store \"meta/a/b\" not exists");
+}
+
+// A key present with a value that does not parse gives 1102 with the parser's words, and the
+// value stays in the database until somebody removes it.
+TEST_F(MetaStoreTest, UndecodableValueIs1102WithParserWordsAndStaysStored) {
+    putRaw("bad", "\xc1\xc1\xc1");
+    Error error;
+    const JSON read = store_->get("bad", error);
+    EXPECT_TRUE(read.isNull());
+    EXPECT_EQ(error.code(), 1102);
+    std::string parserWords;
+    JSON::parseBinary("\xc1\xc1\xc1", &parserWords);
+    ASSERT_FALSE(parserWords.empty());
+    EXPECT_EQ(error.message(), "deserialize store \"meta/bad\" failed: " + parserWords);
+    EXPECT_TRUE(store_->contains("bad"));
+    store_->remove("bad");
+    EXPECT_FALSE(store_->contains("bad"));
+}
+
+TEST_F(MetaStoreTest, RemoveByPrefixWithEmptyPrefixClearsTheWholeStore) {
+    for (const char* key : {"", "a", "b/c", "\xFF"}) put(key, JSON(1));
+    store_->removeByPrefix("");
+    EXPECT_TRUE(keys("").empty());
+}
+
+// A key containing the byte 0xFF directly after the prefix lies outside the range.
+TEST_F(MetaStoreTest, KeyWithFFDirectlyAfterThePrefixLiesOutsideTheRange) {
+    for (const char* key : {"p/", "p/a", "p/\xFE", "p/\xFF", "p/\xFFz", "q"}) put(key, JSON(1));
+    EXPECT_EQ(keys("p/"), (std::vector<std::string>{"p/", "p/a", "p/\xFE"}));
+    store_->removeByPrefix("p/");
+    EXPECT_EQ(keys(""), (std::vector<std::string>{"p/\xFF", "p/\xFFz", "q"}));
+}
+
+TEST_F(MetaStoreTest, RemoveByPrefixDeletesKeysThatExtendThePrefix) {
+    for (const char* key : {"a/b", "a/bc", "a/b/d", "a/a", "a/c"}) put(key, JSON(1));
+    store_->removeByPrefix("a/b");
+    EXPECT_EQ(keys(""), (std::vector<std::string>{"a/a", "a/c"}));
+}
+
+TEST_F(MetaStoreTest, EnumerateWithEmptyPrefixWalksEveryKeyInOrder) {
+    for (const char* key : {"b", "a", "c/d"}) put(key, JSON(1));
+    EXPECT_EQ(keys(""), (std::vector<std::string>{"a", "b", "c/d"}));
+}
+
+TEST_F(MetaStoreTest, EnumerateStopsWhenTheCallbackSaysSo) {
+    for (const char* key : {"k/1", "k/2", "k/3"}) put(key, JSON(1));
+    int calls = 0;
+    store_->enumerate("k/", [&](std::string_view) { return ++calls == 2; });
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(MetaStoreTest, EnumerateWithoutKeyFlagHandsOnEmptyKeys) {
+    for (const char* key : {"k/1", "k/2"}) put(key, JSON(1));
+    std::vector<std::string> seen;
+    store_->enumerate(
+        "k/",
+        [&](std::string_view key) {
+            seen.emplace_back(key);
+            return false;
+        },
+        false);
+    EXPECT_EQ(seen, (std::vector<std::string>{"", ""}));
+}
+
+TEST_F(MetaStoreTest, EnumerateCallbackMayReadAndRemoveKeys) {
+    for (int i = 0; i < 300; ++i) put("s/" + std::to_string(i), JSON(i));
+    int read = 0;
+    store_->enumerate("s/", [&](std::string_view key) {
+        Error error;
+        if (!store_->get(key, error).isNull()) ++read;
+        store_->remove(key);
+        return false;
+    });
+    EXPECT_EQ(read, 300);
+    EXPECT_TRUE(keys("s/").empty());
+}
+
+TEST_F(MetaStoreTest, ClearEmptiesTheStoreAndShrinksIt) {
+    for (int i = 0; i < 200; ++i) put("k" + std::to_string(i), JSON(std::string(3000, 'x')));
+    store_->compact();
+    const uint64_t full = store_->diskSize();
+    store_->clear();
+    EXPECT_TRUE(keys("").empty());
+    EXPECT_LT(store_->diskSize(), full / 4);
+}
+
+TEST_F(MetaStoreTest, DiskSizeIsTheSizeOfTheFolder) {
+    put("k", JSON(std::string(5000, 'x')));
+    uint64_t expected = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(store_->path()))
+        expected += entry.file_size();
+    EXPECT_EQ(store_->diskSize(), expected);
+    EXPECT_GT(expected, 5000u);
+}
+
+TEST_F(MetaStoreTest, PathIsTheFolderUnderTheRootWithoutTrailingSlash) {
+    EXPECT_EQ(store_->path(), root() + "meta");
+    EXPECT_TRUE(std::filesystem::is_directory(root() + "meta"));
+    EXPECT_EQ(store_->directory(), "meta/");
+    EXPECT_EQ(store_->tag(), "Ferrit/Meta");
+}
+
+TEST_F(MetaStoreTest, ClosedStoreAnswers9997WithStatusMinusOne) {
+    put("k", JSON(1));
+    store_->close();
+    EXPECT_FALSE(store_->isOpen());
+    EXPECT_EQ(store_->status(), -1);
+    Error error;
+    EXPECT_TRUE(store_->get("k", error).isNull());
+    EXPECT_EQ(error.code(), 9997);
+    EXPECT_EQ(error.message(), "Initialize store \"meta/\" failed: -1");
+    EXPECT_FALSE(store_->put("k", JSON(2), error));
+    EXPECT_EQ(error.code(), 9997);
+    EXPECT_FALSE(store_->contains("k"));
+    store_->remove("k");
+    store_->removeByPrefix("");
+    store_->clear();
+    store_->compact();
+    EXPECT_TRUE(keys("").empty());
+    // Nothing was deleted while closed.
+    ASSERT_EQ(store_->open(), 0);
+    EXPECT_TRUE(store_->contains("k"));
+}
+
+TEST_F(MetaStoreTest, ValuesSurviveReopen) {
+    put("k", JSON("v"));
+    ASSERT_EQ(store_->open(), 0);
+    Error error;
+    EXPECT_EQ(store_->get("k", error), JSON("v"));
+}
+
+TEST_F(MetaStoreTest, StoreDoesNotOpenWhileTheRootIsUnset) {
+    setRootPath("/");
+    MetaStore store("nowhere/", "Ferrit/Meta", KeyValueStore::Options::forConfig());
+    EXPECT_NE(store.open(), 0);
+    EXPECT_FALSE(store.isOpen());
+    EXPECT_EQ(store.path(), "");
+    EXPECT_FALSE(std::filesystem::exists("/nowhere"));
+    Error error;
+    store.get("k", error);
+    EXPECT_EQ(error.code(), 9997);
+}
+
+// Readers on several threads while another closes and reopens the store: every read either
+// finds the value or reports the closed store, and nothing crashes.
+TEST_F(MetaStoreTest, CloseAndReopenWhileOtherThreadsRead) {
+    put("k", JSON(42));
+    std::atomic<bool> stop{false};
+    std::atomic<int> found{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t) {
+        readers.emplace_back([&] {
+            while (!stop.load()) {
+                Error error;
+                const JSON value = store_->get("k", error);
+                if (!error) {
+                    EXPECT_EQ(value, JSON(42));
+                    found.fetch_add(1);
+                } else {
+                    EXPECT_EQ(error.code(), 9997);
+                }
+            }
+        });
+    }
+    for (int i = 0; i < 20; ++i) {
+        store_->close();
+        ASSERT_EQ(store_->open(), 0);
+    }
+    // Let the readers see the open store at least once more before they stop.
+    while (found.load() == 0) std::this_thread::yield();
+    stop.store(true);
+    for (auto& reader : readers) reader.join();
+    EXPECT_GT(found.load(), 0);
+}
+
+// --- ConfigStore ----------------------------------------------------------------------------
+
+class ConfigStoreTest : public FerritTest::StoreFixture {
+  protected:
+    void TearDown() override {
+        ConfigStore::instance().close();
+        StoreFixture::TearDown();
+    }
+};
+
+TEST_F(ConfigStoreTest, OpensConfigV2UnderTheRootAndReportsInit) {
+    MarlLogger::ScopedCapture capture;
+    ConfigStore::resetForTesting();
+    ConfigStore& store = ConfigStore::instance();
+    EXPECT_TRUE(store.isOpen());
+    EXPECT_EQ(store.path(), root() + "config_v2");
+    EXPECT_EQ(store.tag(), "Ferrit/Config");
+    EXPECT_TRUE(std::filesystem::is_regular_file(databaseFile("config_v2")));
+
+    const auto records = proxy_->named("Ferrit.ConfigInit");
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].dimensions.count("errorCode"), 0u);
+    EXPECT_GT(records[0].measures.at("diskSize"), 0.0);
+    EXPECT_EQ(records[0].measures.at("time"), 0.0);  // the manual clock did not move
+    EXPECT_TRUE(proxy_->named("Ferrit.Storage").empty());
+
+    const auto init = capture->last("init", LogTag::kConfig);
+    ASSERT_EQ(init.event, "init");
+    EXPECT_FALSE(init.hasError);
+    EXPECT_TRUE(init.has("diskSize"));
+    EXPECT_TRUE(init.has("time"));
+}
+
+TEST_F(ConfigStoreTest, InstanceIsOneObjectAcrossThreads) {
+    ConfigStore::resetForTesting();
+    std::vector<ConfigStore*> seen(4, nullptr);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < seen.size(); ++i)
+        threads.emplace_back([&, i] { seen[i] = &ConfigStore::instance(); });
+    for (auto& thread : threads) thread.join();
+    for (ConfigStore* store : seen) EXPECT_EQ(store, &ConfigStore::instance());
+}
+
+TEST_F(ConfigStoreTest, ResetForTestingMovesTheStoreToTheNewRoot) {
+    ConfigStore::resetForTesting();
+    Error error;
+    ASSERT_TRUE(ConfigStore::instance().put("marks/a", JSON(1.0), error));
+    FerritTest::TempDir other;
+    setRootPath(other.root());
+    ConfigStore::resetForTesting();
+    EXPECT_FALSE(ConfigStore::instance().contains("marks/a"));
+    EXPECT_EQ(ConfigStore::instance().path(), other.root() + "config_v2");
+    ConfigStore::instance().close();
+}
+
+}  // namespace
+}  // namespace FerritCore

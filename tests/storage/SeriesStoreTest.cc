@@ -1,0 +1,239 @@
+#include "storage/SeriesStore.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "StoreFixture.h"
+#include "storage/PacksStore.h"
+
+namespace FerritCore {
+namespace {
+
+class SeriesStoreTest : public FerritTest::StoreFixture {
+  protected:
+    void SetUp() override {
+        StoreFixture::SetUp();
+        store_ = std::make_unique<SeriesStore>("series", KeyValueStore::Options::forPacks());
+        ASSERT_EQ(store_->open(), 0);
+    }
+    void TearDown() override {
+        store_.reset();
+        StoreFixture::TearDown();
+    }
+
+    void put(std::string_view key, std::string_view value) {
+        Error error;
+        ASSERT_TRUE(store_->put(key, value, error)) << error.message();
+    }
+
+    std::vector<std::string> keys(std::string_view prefix) {
+        std::vector<std::string> found;
+        store_->enumerate(prefix, [&](std::string_view key) {
+            found.emplace_back(key);
+            return false;
+        });
+        return found;
+    }
+
+    std::unique_ptr<SeriesStore> store_;
+};
+
+TEST_F(SeriesStoreTest, NamesTagAndStatisticsEventComeFromTheName) {
+    EXPECT_EQ(store_->name(), "series");
+    EXPECT_EQ(store_->tag(), "Ferrit/Series");
+    EXPECT_EQ(store_->statisticsEvent(), "FTS_series");
+    EXPECT_EQ(store_->folder(), Folder::disk("series/"));
+    EXPECT_TRUE(std::filesystem::is_regular_file(databaseFile("series")));
+}
+
+TEST_F(SeriesStoreTest, PutThenGetReturnsTheStringExactly) {
+    const std::string value("a\0b\xFF", 4);
+    Error error(1, "stale");
+    EXPECT_TRUE(store_->put("app/1/index.html", value, error));
+    EXPECT_FALSE(error);
+    std::string read;
+    EXPECT_TRUE(store_->get("app/1/index.html", read, error));
+    EXPECT_FALSE(error);
+    EXPECT_EQ(read, value);
+}
+
+TEST_F(SeriesStoreTest, GetOfMissingKeyIs1101WithStorageWords) {
+    std::string read = "stale";
+    Error error;
+    EXPECT_FALSE(store_->get("a/b", read, error));
+    EXPECT_TRUE(read.empty());
+    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.message(), "Storage \"series/a/b\" not exists");
+}
+
+TEST_F(SeriesStoreTest, ClosedStoreAnswers9997WithStorageWords) {
+    put("k", "v");
+    store_->close();
+    std::string read;
+    Error error;
+    EXPECT_FALSE(store_->get("k", read, error));
+    EXPECT_EQ(error.code(), 9997);
+    EXPECT_EQ(error.message(), "Initialize storage \"series\" failed: -1");
+    EXPECT_FALSE(store_->put("k", "w", error));
+    EXPECT_EQ(error.code(), 9997);
+    EXPECT_FALSE(store_->contains("k"));
+    store_->remove("k");
+    store_->removeByPrefix("");
+    store_->clear();
+    store_->compact();
+    EXPECT_TRUE(keys("").empty());
+    ASSERT_EQ(store_->reopen(), 0);
+    EXPECT_TRUE(store_->contains("k"));
+}
+
+TEST_F(SeriesStoreTest, RemoveByPrefixTakesEveryKeyThatExtendsThePath) {
+    for (const char* key : {"a/b", "a/bc", "a/b/c", "a/a", "b"}) put(key, "v");
+    store_->removeByPrefix("a/b");
+    EXPECT_EQ(keys(""), (std::vector<std::string>{"a/a", "b"}));
+}
+
+TEST_F(SeriesStoreTest, RemoveByPrefixWithEmptyPrefixClearsEverything) {
+    for (const char* key : {"a", "b", "\xFF"}) put(key, "v");
+    store_->removeByPrefix("");
+    EXPECT_TRUE(keys("").empty());
+}
+
+TEST_F(SeriesStoreTest, KeyWithFFDirectlyAfterThePrefixLiesOutsideTheRange) {
+    for (const char* key : {"n/1/", "n/1/x", "n/1/\xFF", "n/1/\xFFy"}) put(key, "v");
+    EXPECT_EQ(keys("n/1/"), (std::vector<std::string>{"n/1/", "n/1/x"}));
+}
+
+TEST_F(SeriesStoreTest, EnumerateWalksThePrefixInOrderAndStops) {
+    for (const char* key : {"p/3", "p/1", "p/2", "q/1"}) put(key, "v");
+    EXPECT_EQ(keys("p/"), (std::vector<std::string>{"p/1", "p/2", "p/3"}));
+    int calls = 0;
+    store_->enumerate("p/", [&](std::string_view) { return ++calls == 1; });
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(SeriesStoreTest, RemoveDeletesOneKey) {
+    put("a", "1");
+    put("ab", "2");
+    store_->remove("a");
+    EXPECT_FALSE(store_->contains("a"));
+    EXPECT_TRUE(store_->contains("ab"));
+}
+
+TEST_F(SeriesStoreTest, ClearEmptiesTheStoreAndLogsClearWithName) {
+    MarlLogger::ScopedCapture capture;
+    for (int i = 0; i < 40; ++i) put("k" + std::to_string(i), std::string(20000, 'x'));
+    store_->compact();
+    const uint64_t full = store_->diskSize();
+    store_->clear();
+    EXPECT_TRUE(keys("").empty());
+    const auto entry = capture->last("clear", "Ferrit/Series");
+    ASSERT_EQ(entry.event, "clear");
+    EXPECT_EQ(entry.field("name"), MarlLogger::json::JSON("series"));
+    EXPECT_FALSE(entry.hasError);
+    EXPECT_LT(store_->diskSize(), full / 4);
+}
+
+TEST_F(SeriesStoreTest, ReopenKeepsTheValues) {
+    put("k", "v");
+    ASSERT_EQ(store_->reopen(), 0);
+    std::string read;
+    Error error;
+    EXPECT_TRUE(store_->get("k", read, error));
+    EXPECT_EQ(read, "v");
+}
+
+// --- PacksStore -----------------------------------------------------------------------------
+
+class PacksStoreTest : public FerritTest::StoreFixture {
+  protected:
+    void SetUp() override {
+        StoreFixture::SetUp();
+        PacksStore::resetForTesting();
+    }
+    void TearDown() override {
+        PacksStore::instance().close();
+        StoreFixture::TearDown();
+    }
+
+    void writeLegacy(const std::string& text) {
+        std::filesystem::create_directories(root() + "config");
+        std::ofstream(root() + "config/fconfig.config", std::ios::binary) << text;
+    }
+    bool legacyExists() const { return std::filesystem::exists(root() + "config/fconfig.config"); }
+};
+
+TEST_F(PacksStoreTest, OpensPacksUnderTheRootAndReportsLoad) {
+    MarlLogger::ScopedCapture capture;
+    proxy_->clear();
+    PacksStore::resetForTesting();
+    PacksStore& store = PacksStore::instance();
+    EXPECT_TRUE(store.isOpen());
+    EXPECT_EQ(store.tag(), "Ferrit/Packs");
+    EXPECT_TRUE(std::filesystem::is_regular_file(databaseFile("packs")));
+
+    const auto records = proxy_->named("FTS_packs");
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].dimensions.count("errorCode"), 0u);
+    EXPECT_EQ(records[0].measures.at("time"), 0.0);
+    const auto load = capture->last("load", "Ferrit/Packs");
+    ASSERT_EQ(load.event, "load");
+    EXPECT_EQ(load.field("name"), MarlLogger::json::JSON("packs"));
+    EXPECT_TRUE(load.has("time"));
+    EXPECT_FALSE(load.hasError);
+}
+
+TEST_F(PacksStoreTest, ReadConfigPrefersTheStore) {
+    writeLegacy("from file");
+    Error error;
+    ASSERT_TRUE(PacksStore::instance().put("config", "from store", error));
+    EXPECT_EQ(PacksStore::instance().readConfig(error), "from store");
+    EXPECT_FALSE(error);
+}
+
+TEST_F(PacksStoreTest, ReadConfigFallsBackToTheOlderFileWhenTheKeyIsMissing) {
+    writeLegacy("from file");
+    Error error;
+    EXPECT_EQ(PacksStore::instance().readConfig(error), "from file");
+    EXPECT_FALSE(error) << error.message();
+}
+
+TEST_F(PacksStoreTest, ReadConfigWithNeitherIsTheFileError) {
+    Error error;
+    EXPECT_EQ(PacksStore::instance().readConfig(error), "");
+    EXPECT_EQ(error.code(), 1101);
+    EXPECT_NE(error.message().find("config/fconfig.config"), std::string::npos);
+}
+
+TEST_F(PacksStoreTest, ReadConfigOfAClosedStoreIs9997WithoutTheFile) {
+    writeLegacy("from file");
+    PacksStore::instance().close();
+    Error error;
+    EXPECT_EQ(PacksStore::instance().readConfig(error), "");
+    EXPECT_EQ(error.code(), 9997);
+}
+
+TEST_F(PacksStoreTest, WriteConfigStoresTheTextAndDeletesTheOlderFile) {
+    writeLegacy("old");
+    Error error;
+    EXPECT_TRUE(PacksStore::instance().writeConfig("new", error));
+    EXPECT_FALSE(error);
+    EXPECT_FALSE(legacyExists());
+    EXPECT_EQ(PacksStore::instance().readConfig(error), "new");
+}
+
+TEST_F(PacksStoreTest, FailedWriteConfigKeepsTheOlderFile) {
+    writeLegacy("old");
+    PacksStore::instance().close();
+    Error error;
+    EXPECT_FALSE(PacksStore::instance().writeConfig("new", error));
+    EXPECT_EQ(error.code(), 9997);
+    EXPECT_TRUE(legacyExists());
+}
+
+}  // namespace
+}  // namespace FerritCore

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Rebuilds what is derived in the sample app: the signed resource list "app-res.hvc" of each pack
+# folder, and the built-in configuration "Ferrit_Asset.config" that embeds the lists of the packs
+# shipped in the raw-file folder. Run it after changing a file of a pack.
+#   make-sample.sh [PATH-TO-ferrit-sign-index]
+# The key in keys/ signs the sample only; never use it for anything else.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+sign=${1:-$here/../../build/tools/ferrit-sign-index}
+key=$here/keys/sample-ed25519.pem
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# The shop's own pack, installed under the root at sequence 3.
+"$sign" sign --key "$key" --url-prefix https://shop.example.com/app/ \
+  --header "css/app.css=Access-Control-Allow-Origin:https://shop.example.com" \
+  "$here/root/apps/shop/3"
+
+# Two packs shipped with the app: the design kit, and the guide that arrives as an on-demand module.
+"$sign" sign --key "$key" --url-prefix https://cdn.shop.example.com/kit/ --table-out "$work/kit.json" \
+  "$here/assets/Ferrit_Asset_kit/2"
+"$sign" sign --key "$key" --url-prefix https://shop.example.com/guide/ --table-out "$work/guide.json" \
+  "$here/assets/Ferrit_Asset_guide/1"
+
+{
+  printf '{"v":"20241121","packs":{'
+  printf '"kit":{"s":2,"f":96,"p":["https://cdn.shop.example.com/kit/"]},'
+  printf '"guide":{"s":1,"f":96,"p":["https://shop.example.com/guide/"],"isOnDemand":true}},'
+  printf '"resources":{"kit":%s,"guide":%s}}\n' "$(cat "$work/kit.json")" "$(cat "$work/guide.json")"
+} > "$here/assets/Ferrit_Asset.config"
+echo "wrote $here/assets/Ferrit_Asset.config"

@@ -1,0 +1,230 @@
+#include "update/UpdateConfig.h"
+
+#include <random>
+
+#include "access/Errors.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+#include "runtime/Environment.h"
+#include "runtime/LogTags.h"
+#include "runtime/Network.h"
+#include "runtime/Settings.h"
+#include "runtime/TaskRunner.h"
+#include "storage/PacksStore.h"
+#include "update/BuiltinConfig.h"
+#include "update/FConfig.h"
+#include "update/SCache.h"
+
+namespace FerritCore {
+namespace {
+
+constexpr uint32_t kInitialConfigFinished = 1024;
+
+// Spreads the clients that follow one push over its delay.
+double randomFraction() {
+    static std::mutex mutex;
+    static std::mt19937_64 generator{std::random_device{}()};
+    std::lock_guard<std::mutex> lock(mutex);
+    return std::uniform_real_distribution<double>(0.0, 1.0)(generator);
+}
+
+}  // namespace
+
+UpdateConfig& UpdateConfig::instance() {
+    static UpdateConfig* updater = new UpdateConfig();  // lives until the process ends
+    return *updater;
+}
+
+void UpdateConfig::start(int trigger, const std::string& version, Listener listener, double delay) {
+    if (!Environment::instance().isMainProcess()) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kUpdateConfig)
+            .event("start")
+            .append("trigger", triggerName(trigger))
+            .error(Errors::subProcessUpdateDisabled());
+        return;
+    }
+    if (listener) {
+        std::lock_guard<std::recursive_mutex> lock(listenersMutex_);
+        listeners_.push_back(std::move(listener));
+    }
+    const double wait = delay > 0 ? randomFraction() * delay : 0;
+    TaskRunner::post([this, trigger, version] { update(trigger, version); }, wait);
+}
+
+void UpdateConfig::update(int trigger, const std::string& version) {
+    // Checks run only in the foreground; queued listeners wait for the next run.
+    if (busy_ || !Environment::instance().clientActive()) return;
+    const double now = MRLCurrentClock();
+    if (trigger == kTriggerDebugTool || trigger == kTriggerChangeEnv) {
+        lastCheck_ = now;
+    } else {
+        if (lastCheck_ + kThrottleMs > now) return;
+        lastCheck_ = now;
+        // Once pushes arrive, the periodic check falls back to the slower pace.
+        if (trigger == kTriggerPush && timer_) timer_->setInterval(Settings::current()->configBackupUpdateIntervalValue());
+    }
+    const std::string url = checkDue(trigger, version);
+    if (url.empty()) return;
+
+    busy_ = true;
+    url_ = url;
+    perf_.emplace("Ferrit.ConfigUpdate");
+    perf_->setDimension("trigger", triggerName(trigger));
+    perf_->setDimension("originVersion", originVersion_);
+    perf_->setDimension("targetVersion", targetVersion_);
+    perf_->setDimension("configURL", url_);
+    runId_ = MRLGenerateID(TracePrefix::kConfig);
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kUpdateConfig)
+        .event("start", Environment::instance().sessionName())
+        .id(runId_)
+        .append("url", url_)
+        .append("originVersion", originVersion_)
+        .append("targetVersion", targetVersion_)
+        .append("trigger", triggerName(trigger))
+        .append("initial", initial_);
+    const uint64_t run = ++run_;
+    Network::requestConfig(url_, runId_, [this, run](std::string body, Error error) {
+        onResponse(run, std::move(body), std::move(error));
+    });
+}
+
+std::string UpdateConfig::checkDue(int trigger, const std::string& version) {
+    const Environment& environment = Environment::instance();
+    const FConfigPtr config = SCache::current();
+    trigger_ = trigger;
+    targetVersion_ = normalizeVersion(version);
+    originVersion_ = normalizeVersion(config->version);
+    initial_ = trigger == kTriggerStartup && originVersion_ == "0";
+
+    const std::string runningLocale = environment.locale();
+    bool requestFull = false;
+    if (originVersion_ != "0") {
+        if (config->env != static_cast<uint32_t>(environment.env()) || config->locale != runningLocale) {
+            requestFull = true;
+        } else {
+            const double origin = static_cast<double>(versionNumber(originVersion_));
+            const double target =
+                targetVersion_ == "0" ? MRLCurrentTime() : static_cast<double>(versionNumber(targetVersion_));
+            if (origin + kFullRefreshMs <= target) {
+                requestFull = true;
+            } else if (config->lastFullUpdate + kFullRefreshMs < MRLCurrentTime()) {
+                requestFull = true;
+            } else if (origin >= target) {
+                MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kUpdateConfig)
+                    .event("upToDate", environment.sessionName())
+                    .append("originVersion", originVersion_)
+                    .append("targetVersion", targetVersion_)
+                    .append("trigger", triggerName(trigger))
+                    .append("initial", initial_);
+                return {};
+            }
+        }
+    }
+
+    const std::string appVersion = environment.appVersion();
+    std::string url = Settings::current()->configPrefixFor(environment.env());
+    url.append("fconfig/").append(environment.appKey()).append("/").append(appVersion);
+    if (!config->clientVersion.empty() && config->clientVersion != appVersion) url.append("~").append(config->clientVersion);
+    url.append("/").append(targetVersion_).append("~").append(requestFull ? "0" : originVersion_);
+    url.append("/").append(runningLocale).append("~").append(config->locale);
+    return url;
+}
+
+void UpdateConfig::onResponse(uint64_t run, std::string body, Error error) {
+    if (!busy_ || run != run_) return;  // a second or stale answer
+    if (perf_) {
+        perf_->stage("downloaded");
+        perf_->setMeasure("fileSize", static_cast<double>(body.size()));
+    }
+    if (error) {
+        finished("0", error);
+        return;
+    }
+    std::shared_ptr<FConfig> document = FConfig::parse(body, url_, error, true);
+    if (!document) {
+        finished("0", error);
+        return;
+    }
+    SCache::mutate([&](FConfig& config) { config.merge(*document); });
+    lastSuccess_ = MRLCurrentClock();
+    finished(document->version, Error());
+}
+
+void UpdateConfig::finished(const std::string& version, const Error& error) {
+    const double now = MRLCurrentTime();
+    if (timer_) {
+        if (error) {
+            // A failed check is repeated after a fifth of the interval, not after all of it.
+            const double retry = now - 0.8 * timer_->interval();
+            if (retry < timer_->lastRunTime()) timer_->setLastRunTime(retry);
+        } else {
+            timer_->setLastRunTime(now);
+        }
+    }
+    if (initial_) Environment::instance().setFlag(kInitialConfigFinished);
+
+    std::vector<Listener> listeners;
+    {
+        std::lock_guard<std::recursive_mutex> lock(listenersMutex_);
+        listeners.swap(listeners_);
+    }
+    for (const Listener& listener : listeners) listener(error);
+
+    if (!perf_) perf_.emplace("Ferrit.ConfigUpdate");
+    perf_->stage("updated");
+    perf_->setDimension("updatedVersion", version);
+    if (error) perf_->setError(error);
+    MarlLogger::LogBuilder log(error ? MarlLogger::MRLLevelWarning : MarlLogger::MRLLevelInfo, LogTag::kUpdateConfig);
+    log.event("finished", Environment::instance().sessionName()).id(runId_).append("version", version);
+    if (error) log.error(error);
+    log.done();
+    sendEvent(*perf_);
+    perf_.reset();
+    busy_ = false;
+}
+
+void UpdateConfig::startTimer() {
+    if (timer_ || !Environment::instance().isMainProcess()) return;
+    timer_ = TaskRunner::postRepeating([this] { update(kTriggerTimer, "0"); },
+                                       Settings::current()->configUpdateIntervalValue());
+}
+
+void UpdateConfig::loadAtStart() {
+    const double start = MRLCurrentClock();
+    Error error;
+    std::shared_ptr<FConfig> document;
+    const std::string text = PacksStore::instance().readConfig(error);
+    if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
+    if (!document) document = std::make_shared<FConfig>();
+    if (Errors::isFileMissing(error)) error.clear();  // nothing stored yet is not a fault
+    BuiltinConfig::load(*document);
+    SCache::publish(document);
+    MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kLoad);
+    log.event("fconfig", Environment::instance().sessionName()).append("scacheVersion", document->scacheVersion);
+    log.append("time", MRLCurrentClock() - start);
+    if (error) {
+        log.error(error);
+    } else {
+        log.append("version", document->version)
+            .append("env", document->env)
+            .append("locale", document->locale)
+            .append("packCount", static_cast<uint64_t>(document->packs.size()));
+    }
+}
+
+void UpdateConfig::resetForTesting() {
+    lastCheck_ = -1e300;
+    lastSuccess_ = 0;
+    initial_ = false;
+    trigger_ = 0;
+    targetVersion_ = originVersion_ = "0";
+    url_.clear();
+    runId_.clear();
+    busy_ = false;
+    perf_.reset();
+    timer_.reset();
+    std::lock_guard<std::recursive_mutex> lock(listenersMutex_);
+    listeners_.clear();
+}
+
+}  // namespace FerritCore

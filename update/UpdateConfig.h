@@ -1,0 +1,83 @@
+// UpdateConfig: keeps the local configuration document current. It decides whether a check is due,
+// builds the request URL, fetches through the Proxy, verifies the signature, parses, and merges
+// into the process-wide document through a configuration transaction. It never downloads packs.
+//
+// Threading: start() may be called on any thread; update(), the response and finished() run on
+// the task runner's worker alone, so the state of a run needs no lock. The listener list has its
+// own mutex. A process-wide singleton, created at first use; main process only.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ferritcore/Error.h"
+#include "runtime/RepeatingTimer.h"
+#include "runtime/Telemetry.h"
+
+namespace FerritCore {
+
+class UpdateConfig {
+public:
+    using Listener = std::function<void(const Error& error)>;
+
+    // Checks closer together than this are dropped, unless the developer tool or a change of
+    // environment asks.
+    static constexpr double kThrottleMs = 30000.0;
+    // A local document older than this, or a full document older than this, asks for a full one.
+    static constexpr double kFullRefreshMs = 604800000.0;
+
+    static UpdateConfig& instance();
+
+    // The one entry for every caller: adds `listener` (may be empty) and posts update(trigger,
+    // version) after a random part of `delay`. In a sub process it only logs 2004.
+    void start(int trigger, const std::string& version, Listener listener, double delay);
+    // The body of a check; worker only.
+    void update(int trigger, const std::string& version);
+    // Decides whether a check is due and returns its URL; empty when the client is up to date
+    // (then "upToDate" is logged). Stores trigger, targetVersion, originVersion and initial.
+    std::string checkDue(int trigger, const std::string& version);
+    // The end of a run: moves the timer, tells and drops the listeners, reports.
+    void finished(const std::string& version, const Error& error);
+
+    // Creates the periodic check (once): every configUpdateInterval, update(4, "0").
+    void startTimer();
+    std::shared_ptr<RepeatingTimer> timer() const { return timer_; }
+
+    // The load at process start: the stored document (or the older file), else the defaults,
+    // then the built-in configuration; published as the current document. Never fails.
+    static void loadAtStart();
+
+    bool busy() const { return busy_; }
+    bool initial() const { return initial_; }
+    const std::string& url() const { return url_; }
+    // Back to a fresh singleton (tests). Drops listeners without calling them.
+    void resetForTesting();
+
+private:
+    UpdateConfig() = default;
+    void onResponse(uint64_t run, std::string body, Error error);
+
+    // Worker only.
+    double lastCheck_ = -1e300;
+    double lastSuccess_ = 0;
+    bool initial_ = false;
+    int trigger_ = 0;
+    std::string targetVersion_ = "0";
+    std::string originVersion_ = "0";
+    std::string url_;
+    std::string runId_;
+    bool busy_ = false;
+    // Numbers the runs, so that a proxy that answers twice, or late, cannot end a run twice.
+    uint64_t run_ = 0;
+    std::optional<StagedRecord> perf_;
+    std::shared_ptr<RepeatingTimer> timer_;
+
+    std::recursive_mutex listenersMutex_;
+    std::vector<Listener> listeners_;  // guarded by listenersMutex_
+};
+
+}  // namespace FerritCore
