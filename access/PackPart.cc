@@ -178,8 +178,9 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
     }
     if (!match->name.empty()) {
         const bool versioned = match->pinned && match->pack && match->pack->subType == 0;
-        const std::string key = versioned ? Pack::pinnedName(match->name, match->pack->installedSeq) : match->name;
-        firstVisit = Statistics::addAccess(key, &accessCount_, 1.0);
+        firstVisit = versioned
+                         ? Statistics::addAccess(Pack::pinnedName(match->name, match->pack->installedSeq), &accessCount_, 1.0)
+                         : Statistics::addAccess(match->name, &accessCount_, 1.0);
     }
 }
 
@@ -261,11 +262,10 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
     const std::string readId = MRLGenerateID(TracePrefix::kRead);
     const double start = MRLCurrentClock();
     if (Settings::current()->onDemandEnabledValue()) {
-        MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kRead)
-            .event("start", context->traceId)
-            .id(readId)
-            .append("type", "OnDemandResource")
-            .append("path", file.describe());
+        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
+        if (log.active()) {
+            log.event("start", context->traceId).id(readId).append("type", "OnDemandResource").append("path", file.describe());
+        }
     }
     Folder::readFileAsync(file, [self, this, readId, start, callback = std::move(callback)](std::string data, Error e) {
         readFileTime = MRLCurrentClock() - start;

@@ -19,7 +19,13 @@ public:
     static Environment& instance();
 
     std::shared_ptr<Proxy> proxy() const { return proxy_.load(std::memory_order_acquire); }
-    void setProxy(std::shared_ptr<Proxy> proxy) { proxy_.store(std::move(proxy), std::memory_order_release); }
+    void setProxy(std::shared_ptr<Proxy> proxy) {
+        hasProxy_.store(proxy != nullptr, std::memory_order_release);
+        proxy_.store(std::move(proxy), std::memory_order_release);
+    }
+    // Whether a proxy is set, without taking a reference to it: lets the request path skip
+    // building records that would be dropped.
+    bool hasProxy() const { return hasProxy_.load(std::memory_order_acquire); }
 
     bool isMainProcess() const { return isMainProcess_.load(std::memory_order_relaxed); }
     void setMainProcess(bool main) { isMainProcess_.store(main, std::memory_order_relaxed); }
@@ -74,6 +80,7 @@ private:
     Environment() = default;
 
     std::atomic<std::shared_ptr<Proxy>> proxy_;
+    std::atomic<bool> hasProxy_{false};
     std::atomic<bool> isMainProcess_{true};
     std::atomic<uint32_t> developerDisabled_{0};
     std::atomic<int32_t> env_{2};

@@ -47,7 +47,7 @@ void sendEvent(const PerfRecord& record) {
     if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->sendEvent(record);
 }
 
-bool hasProxy() { return Environment::instance().proxy() != nullptr; }
+bool hasProxy() { return Environment::instance().hasProxy(); }
 
 void onQueueFinished(uint32_t count) {
     if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->onQueueFinished(count);

@@ -142,6 +142,11 @@ void Setup::setupSubProcess() {
     environment.setMainProcess(false);
 }
 
+void Setup::reloadConfig() {
+    if (Environment::instance().isMainProcess()) return;
+    UpdateConfig::loadAtStart();
+}
+
 void Setup::configFirstUpdated() {
     Environment& environment = Environment::instance();
     environment.setFlag(kConfigFirstUpdated);
@@ -175,7 +180,7 @@ void Setup::startUpdate() {
     if (!(environment.flags() & kInitialConfigFinished)) UpdateQueue::start(kTriggerStartup);
     compactDatabases();
     Cleanup::arm(kCleanupIntervalMs);
-    const double interval = Settings::current()->configUpdateIntervalValue();
+    const double interval = UpdateConfig::checkInterval();
     auto timer = TaskRunner::postRepeating([] { UpdateQueue::start(kTriggerTimer); }, interval);
     // The first run falls two minutes from now, not one interval.
     timer->setLastRunTime(MRLCurrentTime() - interval + 120000.0);

@@ -42,6 +42,9 @@ public:
     // Main-process setup. Bit 0 of `mode` set: the host calls startUpdate itself.
     static void setup(const std::string& appKey, const std::string& appVersion, int32_t mode);
     static void setupSubProcess();
+    // A sub process reads afresh the configuration that the main process wrote; a main process,
+    // which owns the document, does nothing.
+    static void reloadConfig();
     static void startUpdate();
     static void clientActived();
     static void clientDeactived();

@@ -113,11 +113,14 @@ bool TaskRunner::ensureThread() {
 
 void TaskRunner::enqueue(Task task) {
     if (mode_.load(std::memory_order_acquire) == Mode::Worker) ensureThread();
-    pending_.fetch_add(1, std::memory_order_acq_rel);
+    posted_.fetch_add(1, std::memory_order_acq_rel);
     std::lock_guard<std::recursive_mutex> lock(lock_);
     const bool wasEmpty = incoming_.empty();
     incoming_.push_back(std::move(task));
-    everPosted_.store(1, std::memory_order_seq_cst);
+    // Never cleared, so only the first post needs the full barrier.
+    if (everPosted_.load(std::memory_order_relaxed) == 0) {
+        everPosted_.store(1, std::memory_order_seq_cst);
+    }
     // The worker always takes the whole list, so only the change from empty needs a wake-up.
     if (wasEmpty) wakeSignal_.signal();
 }
@@ -154,17 +157,24 @@ void TaskRunner::postRepeatingTask(Callable callable, std::shared_ptr<RepeatingT
 
 void TaskRunner::cancelTask(TaskId id) {
     if (id == 0) return;
+    // The callable is destroyed after the lock is released: what it owns may post in its
+    // destructor, and the lock covers the list only.
+    Task removed;
     {
         std::lock_guard<std::recursive_mutex> lock(lock_);
         for (auto it = incoming_.begin(); it != incoming_.end(); ++it) {
             if (it->id == id) {
+                removed = std::move(*it);
                 incoming_.erase(it);
-                pending_.fetch_sub(1, std::memory_order_acq_rel);
-                return;
+                break;
             }
             // The list holds ascending ids: nothing further on can match.
             if (it->id > id) break;
         }
+    }
+    if (removed.id != 0) {
+        retired_.fetch_add(1, std::memory_order_acq_rel);
+        return;
     }
     // Only the worker touches the heap, so the removal goes there as a task of its own.
     postTask([this, id] { removeDelayed(id); });
@@ -181,7 +191,7 @@ void TaskRunner::removeDelayed(TaskId id) {
     if (it == delayed_.end()) return;
     delayed_.erase(it);
     std::make_heap(delayed_.begin(), delayed_.end(), Later());
-    pending_.fetch_sub(1, std::memory_order_acq_rel);
+    retired_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 // ---- Running
@@ -222,7 +232,7 @@ void TaskRunner::runTask(Task& task) {
     // A task counts as run, and no longer as pending, from the moment it starts: whoever it
     // signals then sees counts that already include it.
     if (!task.timer) {
-        pending_.fetch_sub(1, std::memory_order_acq_rel);
+        retired_.fetch_add(1, std::memory_order_acq_rel);
         ranCount_.fetch_add(1, std::memory_order_acq_rel);
         task.callable();
         return;
@@ -255,7 +265,7 @@ void TaskRunner::runTask(Task& task) {
     const double due = monotonicDueFor(timer.lastRunTime() + timer.interval());
     Task next{nextId, std::move(task.callable), due, std::move(task.timer)};
     enqueue(std::move(next));
-    pending_.fetch_sub(1, std::memory_order_acq_rel);
+    retired_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void TaskRunner::runTop() {
@@ -344,14 +354,14 @@ size_t TaskRunner::runFence() {
 }
 
 void TaskRunner::dropDelayed() {
-    pending_.fetch_sub(delayed_.size(), std::memory_order_acq_rel);
+    retired_.fetch_add(delayed_.size(), std::memory_order_acq_rel);
     delayed_.clear();
 }
 
 void TaskRunner::dropTasks() {
     {
         std::lock_guard<std::recursive_mutex> lock(lock_);
-        pending_.fetch_sub(incoming_.size(), std::memory_order_acq_rel);
+        retired_.fetch_add(incoming_.size(), std::memory_order_acq_rel);
         incoming_.clear();
     }
     {
@@ -361,7 +371,7 @@ void TaskRunner::dropTasks() {
             !running_.load(std::memory_order_acquire)) {
             // Nobody is running tasks: everything can go now.
             if (readyNext_ < ready_.size()) {
-                pending_.fetch_sub(ready_.size() - readyNext_, std::memory_order_acq_rel);
+                retired_.fetch_add(ready_.size() - readyNext_, std::memory_order_acq_rel);
             }
             ready_.clear();
             readyNext_ = 0;

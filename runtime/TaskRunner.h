@@ -115,7 +115,11 @@ class TaskRunner {
     size_t runDueTasks();
     // Tasks posted and neither run nor dropped nor cancelled: due or not, including the runner's
     // own cancellation tasks and each pending repetition of a repeating task.
-    size_t pendingTasks() const { return pending_.load(std::memory_order_acquire); }
+    size_t pendingTasks() const {
+        // Retired first: a task is posted before it retires, so the difference never goes below 0.
+        const uint64_t retired = retired_.load(std::memory_order_acquire);
+        return static_cast<size_t>(posted_.load(std::memory_order_acquire) - retired);
+    }
     // Drops every waiting task without running it. In Worker mode, tasks that the worker has
     // already taken up still run; the call waits for the worker unless made on it.
     void dropTasks();
@@ -174,7 +178,6 @@ class TaskRunner {
 
     const std::string name_;
     std::atomic<Mode> mode_;
-    std::atomic<TaskId> nextId_{1};
     Semaphore lifecycleSignal_{1, true};  // worker started; worker left its loop
     Semaphore wakeSignal_{1, true};       // work arrived
 
@@ -182,19 +185,23 @@ class TaskRunner {
     pthread_t thread_{};      // guarded by threadMutex_; valid once threadStarted_
     std::atomic<bool> threadStarted_{false};
     std::atomic<std::thread::id> driver_{};
+    std::atomic<bool> running_{false};  // a Manual runDueTasks() is under way
 
+    // What posters write, on a cache line of its own so that the worker's counting does not
+    // bounce it between cores.
+    alignas(64) std::atomic<TaskId> nextId_{1};
+    std::atomic<uint64_t> posted_{0};
+    std::atomic<uint8_t> everPosted_{0};
     mutable std::recursive_mutex lock_;  // guards incoming_ only; recursive so that a task may post
     std::vector<Task> incoming_;         // guarded by lock_; ascending ids, in order of posting
-    std::atomic<uint8_t> everPosted_{0};
 
-    // Touched only by the thread that runs tasks (the worker, or the Manual driver).
-    std::vector<Task> ready_;
+    // Touched only by the thread that runs tasks (the worker, or the Manual driver), apart from
+    // retired_, which a cancel or a drop on another thread also counts.
+    alignas(64) std::vector<Task> ready_;
     size_t readyNext_ = 0;       // ready_[0, readyNext_) have been handled
     std::vector<Task> delayed_;  // binary heap in Later order
     bool stopRequested_ = false;
-    std::atomic<bool> running_{false};  // a Manual runDueTasks() is under way
-
-    std::atomic<size_t> pending_{0};
+    std::atomic<uint64_t> retired_{0};  // run, dropped or cancelled; pending = posted - retired
     std::atomic<uint64_t> ranCount_{0};
     std::atomic<uint64_t> wakeCount_{0};
 };

@@ -3,8 +3,8 @@
 // interface lets Folder read and write `Packed` files without knowing it, and lets tests serve
 // them from memory. Implementations must be safe to call from any thread.
 //
-// The process-wide instance is set once at start-up (current() and set() are any thread); with
-// none set, reads fail with the store's "not initialised" error, writes fail, and queries answer
+// The process-wide instance is set once at start-up (current() and set() are any thread), normally
+// to packsStore(); with none set, reads fail with the store's "not initialised" error, writes fail, and queries answer
 // false or nothing.
 #pragma once
 
@@ -37,6 +37,9 @@ public:
     static std::shared_ptr<PackedFiles> current();
     // Replaces it; null detaches it.
     static void set(std::shared_ptr<PackedFiles> files);
+    // The packed files of the packs store ("packs/" under the root), which setup attaches with
+    // set() once the root is known. The store itself is opened at its first use.
+    static std::shared_ptr<PackedFiles> packsStore();
 };
 
 }  // namespace FerritCore

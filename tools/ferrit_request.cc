@@ -30,6 +30,7 @@
 #include "runtime/TaskRunner.h"
 #include "storage/AssetProvider.h"
 #include "storage/Folder.h"
+#include "storage/PackedFiles.h"
 #include "update/BuiltinConfig.h"
 #include "update/SCache.h"
 
@@ -168,6 +169,8 @@ int main(int argc, char** argv) {
         std::cerr << "ferrit-request: no --public-key: no proxy is set, so no signed list verifies (1106)\n";
     }
     initFolders(root);
+    // Packs kept in the packs store are read from "packs/" under the root.
+    PackedFiles::set(PackedFiles::packsStore());
     if (!assets.empty()) {
         AssetProvider::set(std::make_shared<RawFileProvider>(assets));
         BuiltinConfig::setAssetReader([](const std::string& path, Error& error) { return Assets::readAsset(path, error); });

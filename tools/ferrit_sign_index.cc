@@ -187,7 +187,7 @@ int sign(int argc, char** argv) {
     const fs::path index = fs::path(folder) / "app-res.hvc";
     if (!writeAtomically(index, body + "||" + kToken + "|" + base64(signature))) return usage("cannot write " + index.string());
     if (!tableOut.empty() && !writeAtomically(tableOut, body + "\n")) return usage("cannot write " + tableOut);
-    std::cout << "wrote " << index.string() << ": " << paths.size() << " files\n";
+    std::cout << "wrote " << index.string() << " (" << paths.size() << (paths.size() == 1 ? " file)\n" : " files)\n");
     return 0;
 }
 

@@ -183,10 +183,15 @@ void UpdateConfig::finished(const std::string& version, const Error& error) {
     busy_ = false;
 }
 
+double UpdateConfig::checkInterval() {
+    // A remote value that does not parse reads 0; a timer with no interval would spin the worker.
+    const double interval = Settings::current()->configUpdateIntervalValue();
+    return interval > 0 ? interval : Settings::kDefaultConfigUpdateInterval;
+}
+
 void UpdateConfig::startTimer() {
     if (timer_ || !Environment::instance().isMainProcess()) return;
-    timer_ = TaskRunner::postRepeating([this] { update(kTriggerTimer, "0"); },
-                                       Settings::current()->configUpdateIntervalValue());
+    timer_ = TaskRunner::postRepeating([this] { update(kTriggerTimer, "0"); }, checkInterval());
 }
 
 void UpdateConfig::loadAtStart() {

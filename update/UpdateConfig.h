@@ -46,6 +46,8 @@ public:
     // Creates the periodic check (once): every configUpdateInterval, update(4, "0").
     void startTimer();
     std::shared_ptr<RepeatingTimer> timer() const { return timer_; }
+    // configUpdateInterval, or its default when the setting holds no positive value.
+    static double checkInterval();
 
     // The load at process start: the stored document (or the older file), else the defaults,
     // then the built-in configuration; published as the current document. Never fails.

@@ -246,6 +246,17 @@ TEST_F(SetupTest, SubProcessSetupReportsNoMissingKey) {
     EXPECT_EQ(std::find(codes.begin(), codes.end(), "NO_APPKEY"), codes.end());
 }
 
+TEST_F(SetupTest, SubProcessReloadsWhatTheMainProcessWrote) {
+    Setup::setProxy(proxy_, temp_.root());
+    Error error;
+    ASSERT_TRUE(PacksStore::instance().writeConfig(R"({"v":"77"})", error));
+    Setup::reloadConfig();
+    EXPECT_EQ(SCache::current()->version, "0") << "a main process owns its document";
+    Setup::setupSubProcess();
+    Setup::reloadConfig();
+    EXPECT_EQ(SCache::current()->version, "77");
+}
+
 TEST_F(SetupTest, MissingKeyAndVersionAreReported) {
     Setup::setProxy(proxy_, temp_.root());
     Setup::setup("", "", 1);

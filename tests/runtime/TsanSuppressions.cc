@@ -2,6 +2,7 @@
 // block pointer with relaxed order, so the thread sanitizer cannot see the read of the stored
 // pointer ordered before the next store's write, and reports a race inside the library itself.
 // Settings readers and writers meet exactly there; nothing of ours is hidden by this.
-extern "C" const char* __tsan_default_suppressions() {
+// Visible, so that the sanitizer's runtime finds it in a build that hides symbols by default.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
     return "race:std::_Sp_atomic\n";
 }

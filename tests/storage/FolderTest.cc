@@ -19,6 +19,7 @@
 #include "storage/FileUtil.h"
 #include "storage/MemoryPackedFiles.h"
 #include "storage/PackedFiles.h"
+#include "storage/PacksStore.h"
 
 namespace FerritCore {
 namespace {
@@ -504,6 +505,88 @@ TEST_F(FolderIOTest, RenameOfAnyOtherKindGives1104) {
     EXPECT_EQ(error.message(), "rename from \"/Asset/a\" to \"b\" only support disk file");
 }
 
+// --- OpenedFile -------------------------------------------------------------------------------
+
+size_t openDescriptors() {
+    return static_cast<size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator()));
+}
+
+TEST_F(FolderIOTest, OpenedFileAnswersExistsAndReadsWhatWasOpened) {
+    writeDisk("o/a.js", "opened");
+    const Folder file = Folder::disk("o/a.js");
+    OpenedFile opened;
+    EXPECT_TRUE(opened.open(file));
+    EXPECT_TRUE(opened.isOpen());
+    // Replaced after the open: what was opened is what is read.
+    std::filesystem::remove(root_.path() / "o/a.js");
+    writeDisk("o/a.js", "replaced");
+    Error error(4, "stale");
+    EXPECT_EQ(opened.read(file, error), "opened");
+    EXPECT_FALSE(error);
+    EXPECT_FALSE(opened.isOpen());
+    // Read again, it reads the path.
+    EXPECT_EQ(opened.read(file, error), "replaced");
+}
+
+TEST_F(FolderIOTest, OpenedFileOfMissingFileOrDirectoryIsNotThere) {
+    writeDisk("o/d/x", "x");
+    OpenedFile opened;
+    EXPECT_FALSE(opened.open(Folder::disk("o/none.js")));
+    EXPECT_FALSE(opened.isOpen());
+    EXPECT_FALSE(opened.open(Folder::disk("o/d")));
+    EXPECT_FALSE(opened.open(Folder::disk("o/d/x/")));
+    EXPECT_FALSE(opened.open(Folder::disk("o/d/x/y")));
+    EXPECT_FALSE(opened.isOpen());
+    EXPECT_TRUE(opened.open(Folder::disk("o/d/")));
+}
+
+TEST_F(FolderIOTest, OpenedFileReadsWithTheErrorsOfReadFile) {
+    writeDisk("o/empty.js", "");
+    OpenedFile opened;
+    ASSERT_TRUE(opened.open(Folder::disk("o/empty.js")));
+    Error error;
+    EXPECT_EQ(opened.read(Folder::disk("o/empty.js"), error), "");
+    EXPECT_EQ(error.code(), 1103);
+    // Never opened: the path is read, with its own errors.
+    OpenedFile unopened;
+    unopened.read(Folder::disk("o/none.js"), error);
+    EXPECT_EQ(error.code(), 1101);
+}
+
+TEST_F(FolderIOTest, OpenedFileOfOtherKindsAsksExists) {
+    writeRaw("r.js", "r");
+    putPacked("p/x", "x");
+    OpenedFile opened;
+    EXPECT_TRUE(opened.open(Folder::asset("r.js")));
+    EXPECT_FALSE(opened.isOpen());
+    EXPECT_FALSE(opened.open(Folder::asset("none.js")));
+    EXPECT_TRUE(opened.open(Folder::packed("p/x")));
+    Error error;
+    EXPECT_EQ(opened.read(Folder::packed("p/x"), error), "x");
+}
+
+TEST_F(FolderIOTest, OpenedFileClosesWhatItNeverRead) {
+    writeDisk("o/a.js", "a");
+    const size_t before = openDescriptors();
+    {
+        OpenedFile first;
+        ASSERT_TRUE(first.open(Folder::disk("o/a.js")));
+        EXPECT_EQ(openDescriptors(), before + 1);
+        // Opening again closes the earlier descriptor.
+        ASSERT_TRUE(first.open(Folder::disk("o/a.js")));
+        EXPECT_EQ(openDescriptors(), before + 1);
+        OpenedFile moved(std::move(first));
+        EXPECT_FALSE(first.isOpen());
+        EXPECT_TRUE(moved.isOpen());
+        OpenedFile assigned;
+        ASSERT_TRUE(assigned.open(Folder::disk("o/a.js")));
+        assigned = std::move(moved);
+        EXPECT_EQ(openDescriptors(), before + 1);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
 // --- Layout -----------------------------------------------------------------------------------
 
 TEST_F(FolderIOTest, TempContentFromEarlierRunDoesNotSurviveInitFolders) {
@@ -788,6 +871,23 @@ TEST_F(FolderIOTest, PackedListFilesEnumeratesKeysAndHasNoChildren) {
     EXPECT_TRUE(folder.listChildren().empty());
     EXPECT_FALSE(folder.isEmpty());
     EXPECT_TRUE(Folder::packed("p/3/").isEmpty());
+}
+
+TEST_F(FolderIOTest, PackedFilesLiveInThePacksStore) {
+    PacksStore::resetForTesting();
+    PackedFiles::set(PackedFiles::packsStore());
+    Error error;
+    ASSERT_TRUE(Folder::writeFile(Folder::packed("p/1/res/a.js"), "stored", error)) << error.message();
+    ASSERT_TRUE(Folder::writeFile(Folder::packed("p/1/res/ab.js"), "also", error));
+    EXPECT_TRUE(Folder::packed("p/1/res/a.js").exists());
+    EXPECT_TRUE(Folder::packed("p/1/").exists());
+    EXPECT_EQ(Folder::readFile(Folder::packed("p/1/res/a.js"), error), "stored");
+    EXPECT_EQ(relatives(Folder::packed("p/").listFiles()), (std::vector<std::string>{"p/1/res/a.js", "p/1/res/ab.js"}));
+    Folder::removeFile(Folder::packed("p/1/res/a"), false);
+    EXPECT_FALSE(Folder::packed("p/1/").exists());
+    Folder::readFile(Folder::packed("p/1/res/a.js"), error);
+    EXPECT_EQ(error.code(), 1101);
+    EXPECT_TRUE(std::filesystem::is_directory(root_.path() / "packs"));
 }
 
 TEST_F(FolderIOTest, PackedWithoutStoreFailsWith9997) {

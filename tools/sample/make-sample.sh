@@ -16,7 +16,7 @@ trap 'rm -rf "$work"' EXIT
   --header "css/app.css=Access-Control-Allow-Origin:https://shop.example.com" \
   "$here/root/apps/shop/3"
 
-# Two packs shipped with the app: the design kit, and the guide that arrives as an on-demand module.
+# Two packs shipped with the app: the style kit, and the guide that arrives as an on-demand module.
 "$sign" sign --key "$key" --url-prefix https://cdn.shop.example.com/kit/ --table-out "$work/kit.json" \
   "$here/assets/Ferrit_Asset_kit/2"
 "$sign" sign --key "$key" --url-prefix https://shop.example.com/guide/ --table-out "$work/guide.json" \

@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Checks the sample app end to end through the request tool: every pack's signed list verifies
+# with the sample key, a disk pack and a built-in pack answer, an on-demand pack answers only in
+# the asynchronous form, and a list signed by another key is refused.
+#   check-sample.sh PATH-TO-ferrit-request
+set -euo pipefail
+tool=$1
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(mktemp -d)
+trap 'rm -rf "$root"' EXIT
+cp -R "$here/root/." "$root/"
+run() {
+  "$tool" --root "$root" --assets "$here/assets" --public-key "$here/keys/sample-ed25519.pub.pem" \
+    --config "$here/config.json" "$@"
+}
+expect() {  # expect TEXT OUTPUT
+  if ! grep -qF -- "$1" <<<"$2"; then
+    echo "expected \"$1\" in:"; echo "$2"; exit 1
+  fi
+}
+
+out=$(run --check)
+expect "kit@2 (Asset /Asset/Ferrit_Asset_kit/2/): signed list and files verified" "$out"
+expect "shop@3 (Disk apps/shop/3/): signed list and files verified" "$out"
+
+out=$(run https://shop.example.com/app/index.html)
+expect "X-Ferrit-Info: F:shop@3,0" "$out"
+expect "body: $(wc -c < "$here/root/apps/shop/3/res/index.html" | tr -d ' ') bytes" "$out"
+
+out=$(run https://cdn.shop.example.com/kit/kit.css)
+expect "Content-Type: text/css;charset=UTF-8" "$out"
+expect "X-Ferrit-Info: S:kit@2,0" "$out"
+
+out=$(run https://shop.example.com/guide/guide.html || true)
+expect "error: 1108" "$out"
+out=$(run --async https://shop.example.com/guide/guide.html)
+expect "X-Ferrit-Info: S:guide@1,0" "$out"
+
+# The same list under a key that did not sign it.
+"$(dirname "$tool")/ferrit-sign-index" keygen "$root/other.pem" "$root/other.pub.pem" >/dev/null
+out=$("$tool" --root "$root" --public-key "$root/other.pub.pem" --config "$here/config.json" \
+  https://shop.example.com/app/index.html || true)
+expect "error: 1106" "$out"
+echo "sample app: all answers as expected"
