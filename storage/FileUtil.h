@@ -1,8 +1,8 @@
 // FileUtil: the low-level file primitives beneath Folder. Each returns 0 or an errno value, and
 // -1 for an empty path or a null stream. Every primitive other than rename canonicalises its
 // path first, and every one that touches the disk tries once more, with the path recoded
-// through wide characters, when its first attempt fails; the errno of the last attempt is what
-// is reported. No state and no lock: any thread, the file system is the only arbiter.
+// through wide characters, when its first attempt fails and the recoding gives other, non-empty
+// bytes; the errno of the last attempt is what is reported. No state and no lock: any thread, the file system is the only arbiter.
 #pragma once
 
 #include <cstdint>
