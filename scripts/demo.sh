@@ -4,6 +4,8 @@
 # under the root ("shop", read through its signed resource list) and two packs shipped in its
 # raw-file folder and named by the built-in configuration "Ferrit_Asset.config": "kit", and
 # "guide", which arrives as an on-demand module and so is only read by the asynchronous form.
+# Last, the host's start-up order against the sample configuration endpoint (tools/sample/endpoint),
+# with the status report after each step.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -32,3 +34,11 @@ request --async https://shop.example.com/guide/guide.html
 echo
 echo "== verify every installed pack: signed list and files"
 request --check
+echo
+echo "== start-up as a host drives it: proxy, setup, first configuration from the sample endpoint, startUpdate"
+startroot=$(mktemp -d)
+trap 'rm -rf "$root" "$startroot"' EXIT
+cp -R "$sample/root/." "$startroot/"
+"$tool" --startup --serve "$sample/endpoint" --app-key shop --app-version 1.0 --root "$startroot" \
+  --assets "$sample/assets" --public-key "$sample/keys/sample-ed25519.pub.pem" --config "$sample/config.json" \
+  https://shop.example.com/app/js/app.js || true

@@ -1,7 +1,8 @@
 // FileProxy: the Proxy of the command-line tools. It verifies signatures with an Ed25519 public
 // key read from a PEM file (the scheme of the reference hosts: the signature is over the MD5
 // text), answers on-demand loads at once (the modules' files are taken to be in the raw-file
-// folder already), and keeps or prints performance records. No network: requests fail in
+// folder already), and keeps or prints performance records. It opens no socket: with a served
+// folder it answers requests from files (see serveFolder), and without one every request fails in
 // transport, as the interface's default does. Any thread.
 #pragma once
 
@@ -25,6 +26,16 @@ public:
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
     void sendEvent(const FerritCore::PerfRecord& record) override;
     void loadOnDemand(const std::string& tag, std::function<void(const FerritCore::Error&)> completion) override;
+    // Answers from the served folder: the URL "scheme://host/a/b/c" is looked for as the file
+    // "<folder>/host/a/b/c"; when there is none, the deepest of "<folder>/host/a/b/index",
+    // "<folder>/host/a/index", ... that exists answers, as a static server with a fallback would.
+    // Status 200 with the file's bytes (written to the request's file when it names one), else 404.
+    void sendRequest(const FerritCore::ProxyRequest& request, FerritCore::ProxyCompletion completion) override;
+
+    // Serves requests from files below `folder`; empty turns serving off.
+    void serveFolder(std::string folder) { servedFolder_ = std::move(folder); }
+    // Every URL asked for, in order.
+    std::vector<std::string> requestedUrls() const;
 
     // Prints each performance record to stderr as it arrives.
     void setPrintEvents(bool print) { printEvents_ = print; }
@@ -34,6 +45,9 @@ private:
 
     evp_pkey_st* key_;  // owned; EVP keys may be used from several threads for verification
     bool printEvents_ = false;
+    std::string servedFolder_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> requested_;  // guarded by mutex_
 };
 
 }  // namespace FerritTools

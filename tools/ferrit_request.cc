@@ -4,6 +4,8 @@
 //   ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--config FILE | --config-json TEXT]
 //                  [--referrer URL] [--header NAME:VALUE]... [--async] [--body] [--events]
 //                  [--log-level N] (URL | --check)
+//   ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root DIR
+//                  --public-key PEM [--assets DIR] [--config FILE] [URL]
 //
 // Start-up is the library's own: the proxy is set (a file-backed one that verifies index
 // signatures with the Ed25519 public key), the folders under the root are initialised, the
@@ -13,6 +15,12 @@
 // pack is read from "apps/<name>/<installedSeq>/", through its signed "app-res.hvc".
 //
 // --check verifies every installed pack instead: its signed list, then the MD5 of each file.
+//
+// --startup runs the host's start-up order instead (setProxy, setup with mode 1, the first
+// configuration update, startUpdate) on the library's own worker thread, against a configuration
+// endpoint served from files below --serve (see FileProxy), and prints the status report after each
+// step; then it serves URL, if one is given, from the configuration it fetched. The records of
+// --config then stand for what an earlier run installed.
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -27,6 +35,8 @@
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "runtime/Environment.h"
+#include "runtime/Settings.h"
+#include "runtime/Setup.h"
 #include "runtime/TaskRunner.h"
 #include "storage/AssetProvider.h"
 #include "storage/Folder.h"
@@ -43,7 +53,9 @@ int usage(const std::string& message) {
     std::cerr << "ferrit-request: " << message << "\n"
               << "usage: ferrit-request --root DIR [--assets DIR] [--public-key PEM]\n"
               << "                      [--config FILE | --config-json TEXT] [--referrer URL] [--header NAME:VALUE]...\n"
-              << "                      [--async] [--body] [--events] [--log-level N] (URL | --check)\n";
+              << "                      [--async] [--body] [--events] [--log-level N] (URL | --check)\n"
+              << "       ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root DIR\n"
+              << "                      --public-key PEM [--assets DIR] [--config FILE] [URL]\n";
     return 2;
 }
 
@@ -80,6 +92,10 @@ void print(const ResourceResponse& response, bool body) {
     if (body && !response.data.empty()) std::cout << "\n" << response.data << "\n";
 }
 
+void printStatus(const char* step) {
+    std::cout << "status after " << step << ": " << Setup::statusReport().toString() << "\n";
+}
+
 // Verifies the signed list and the files of every installed pack; 0 when all are intact.
 int check() {
     int failures = 0;
@@ -110,15 +126,16 @@ int check() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string root, assets, publicKey, configFile, configText, referrer, url;
+    std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey, appVersion;
     HeaderMap header;
-    bool async = false, body = false, events = false, checkPacks = false;
+    bool async = false, body = false, events = false, checkPacks = false, startup = false;
     MarlLogger::Log::setLevel(1);
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
         if (arg == "--root" || arg == "--assets" || arg == "--public-key" || arg == "--config" ||
-            arg == "--config-json" || arg == "--referrer" || arg == "--header" || arg == "--log-level") {
+            arg == "--config-json" || arg == "--referrer" || arg == "--header" || arg == "--log-level" ||
+            arg == "--serve" || arg == "--app-key" || arg == "--app-version") {
             const char* value = next();
             if (value == nullptr) return usage("missing value after " + arg);
             if (arg == "--root") root = value;
@@ -127,6 +144,9 @@ int main(int argc, char** argv) {
             if (arg == "--config") configFile = value;
             if (arg == "--config-json") configText = value;
             if (arg == "--referrer") referrer = value;
+            if (arg == "--serve") served = value;
+            if (arg == "--app-key") appKey = value;
+            if (arg == "--app-version") appVersion = value;
             if (arg == "--log-level") MarlLogger::Log::setLevel(std::atoi(value));
             if (arg == "--header") {
                 const std::string h = value;
@@ -144,6 +164,8 @@ int main(int argc, char** argv) {
             events = true;
         } else if (arg == "--check") {
             checkPacks = true;
+        } else if (arg == "--startup") {
+            startup = true;
         } else if (arg == "--help" || arg == "-h") {
             return usage("runs one request through the cache");
         } else if (!arg.empty() && arg[0] == '-') {
@@ -153,22 +175,27 @@ int main(int argc, char** argv) {
         }
     }
     if (root.empty()) return usage("--root is required");
-    if (url.empty() && !checkPacks) return usage("no URL");
+    if (url.empty() && !checkPacks && !startup) return usage("no URL");
+    if (startup && (served.empty() || publicKey.empty())) return usage("--startup needs --serve and --public-key");
 
-    // Background work (visit updates, the configuration's commit) is not run: one request needs
-    // none of it, and it would write to the root.
-    TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
+    // Background work (visit updates, the configuration's commit) is not run for one request: it
+    // needs none of it, and it would write to the root. Start-up runs on the real worker.
+    if (!startup) TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
+    std::shared_ptr<FerritTools::FileProxy> fileProxy;
 
     if (!publicKey.empty()) {
         std::string reason;
         std::shared_ptr<FerritTools::FileProxy> proxy = FerritTools::FileProxy::open(publicKey, reason);
         if (!proxy) return usage(reason);
         proxy->setPrintEvents(events);
-        Environment::instance().setProxy(proxy);
+        proxy->serveFolder(served);
+        fileProxy = proxy;
+        if (!startup) Environment::instance().setProxy(proxy);
     } else {
         std::cerr << "ferrit-request: no --public-key: no proxy is set, so no signed list verifies (1106)\n";
     }
-    initFolders(root);
+    if (startup) printStatus("loading");
+    if (!startup) initFolders(root);
     // Packs kept in the packs store are read from "packs/" under the root.
     PackedFiles::set(PackedFiles::packsStore());
     if (!assets.empty()) {
@@ -189,15 +216,35 @@ int main(int argc, char** argv) {
         document = JSON::parse(configText, &parseError);
         if (!parseError.empty()) return usage("configuration: " + parseError);
     }
+    if (startup) {
+        Setup::setProxy(fileProxy, root);  // folders, then the stored and the built-in configuration
+        printStatus("setProxy");
+    }
     std::string reason;
     Error builtinError;
     bool recordsLoaded = true;
     SCache::mutate([&](FConfig& config) {
         if (!configText.empty()) recordsLoaded = loadRecords(document, config, reason);
-        if (recordsLoaded && !assets.empty()) builtinError = BuiltinConfig::load(config);
+        if (recordsLoaded && !assets.empty() && !startup) builtinError = BuiltinConfig::load(config);
     });
     if (!recordsLoaded) return usage(reason);
     if (builtinError) std::cerr << "ferrit-request: built-in configuration: " << builtinError.message() << "\n";
+
+    if (startup) {
+        // The host's order: setup (it will call startUpdate itself), the first configuration on
+        // the worker, then startUpdate.
+        Setup::setup(appKey, appVersion, 1);
+        printStatus("setup");
+        TaskRunner::runDue();
+        for (const std::string& asked : fileProxy->requestedUrls()) std::cout << "requested " << asked << "\n";
+        std::cout << "configuration version " << SCache::current()->version << " with "
+                  << SCache::current()->packs.size() << " packs\n";
+        printStatus("the first configuration");
+        Setup::startUpdate();
+        TaskRunner::runDue();
+        printStatus("startUpdate");
+        if (url.empty()) return Setup::statusReport()["error"].isNull() ? 0 : 1;
+    }
 
     if (checkPacks) return check();
 

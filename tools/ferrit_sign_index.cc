@@ -4,6 +4,7 @@
 //   ferrit-sign-index keygen PRIVATE.pem PUBLIC.pem
 //   ferrit-sign-index sign --key PRIVATE.pem --url-prefix URL [--header PATH=NAME:VALUE]...
 //                          [--table-out FILE] PACKDIR
+//   ferrit-sign-index sign-document --key PRIVATE.pem JSONFILE OUTFILE
 //
 // `sign` lists every file below PACKDIR/res/ (".DS_Store" left out), in path order, as
 // {"res/<path>": {"url": URL + <path>, "v": <MD5 of the file>, "header": {...}}}, and writes
@@ -11,6 +12,9 @@
 // JSON's lower-case hexadecimal MD5. --table-out also writes the bare JSON, the resource table
 // that a built-in configuration embeds. Ed25519 is deterministic: the same files and key give
 // the same bytes.
+//
+// `sign-document` writes a configuration document as a configuration endpoint serves it: the
+// JSON text, "||", and the base64 Ed25519 signature of the text's lower-case hexadecimal MD5.
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
@@ -191,6 +195,32 @@ int sign(int argc, char** argv) {
     return 0;
 }
 
+int signDocument(int argc, char** argv) {
+    std::string keyPath;
+    std::vector<std::string> files;
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--key" && i + 1 < argc) {
+            keyPath = argv[++i];
+        } else if (!arg.empty() && arg[0] == '-') {
+            return usage("unknown option " + arg);
+        } else {
+            files.push_back(arg);
+        }
+    }
+    if (keyPath.empty() || files.size() != 2) return usage("sign-document needs --key, JSONFILE and OUTFILE");
+    std::string body;
+    if (!readAll(files[0], body)) return usage("cannot read " + files[0]);
+    while (!body.empty() && (body.back() == '\n' || body.back() == '\r')) body.pop_back();
+    std::string parseError;
+    if (JSON::parse(body, &parseError).isNull() || !parseError.empty()) return usage(files[0] + ": " + parseError);
+    std::string signature, error;
+    if (!signText(keyPath, FerritCore::Digest::md5Hex(body), signature, error)) return usage(error);
+    if (!writeAtomically(files[1], body + "||" + base64(signature))) return usage("cannot write " + files[1]);
+    std::cout << "wrote " << files[1] << "\n";
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -201,5 +231,6 @@ int main(int argc, char** argv) {
         return keygen(argv[2], argv[3]);
     }
     if (command == "sign") return sign(argc, argv);
+    if (command == "sign-document") return signDocument(argc, argv);
     return usage("unknown command " + command);
 }

@@ -41,4 +41,17 @@ expect "X-Ferrit-Info: S:guide@1,0" "$out"
 out=$("$tool" --root "$root" --public-key "$root/other.pub.pem" --config "$here/config.json" \
   https://shop.example.com/app/index.html || true)
 expect "error: 1106" "$out"
+# Start-up as a host drives it, against the sample configuration endpoint: the signed document is
+# fetched and merged, the report loses its codes one step at a time, and the pack still serves.
+startroot=$(mktemp -d)
+cp -R "$here/root/." "$startroot/"
+out=$("$tool" --startup --serve "$here/endpoint" --app-key shop --app-version 1.0 --root "$startroot" \
+  --assets "$here/assets" --public-key "$here/keys/sample-ed25519.pub.pem" --config "$here/config.json" \
+  https://shop.example.com/app/js/app.js)
+rm -rf "$startroot"
+expect 'status after setProxy: {"version":"10.10.0-rc.5","process":"main","feature":0,"error":["NOT_SETUP","NOT_UPDATE_CONFIG","NOT_START_UPDATE"]}' "$out"
+expect "requested https://config.example.com/ferrit/fconfig/shop/1.0/0~0/~" "$out"
+expect "configuration version 1732200000000 with 4 packs" "$out"
+expect 'status after startUpdate: {"version":"10.10.0-rc.5","process":"main","feature":0}' "$out"
+expect "X-Ferrit-Info: F:shop@3,0" "$out"
 echo "sample app: all answers as expected"

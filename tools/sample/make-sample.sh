@@ -29,3 +29,8 @@ trap 'rm -rf "$work"' EXIT
   printf '"resources":{"kit":%s,"guide":%s}}\n' "$(cat "$work/kit.json")" "$(cat "$work/guide.json")"
 } > "$here/assets/Ferrit_Asset.config"
 echo "wrote $here/assets/Ferrit_Asset.config"
+
+# The configuration document that the sample's configuration endpoint serves, signed as such an
+# endpoint signs it. The request tool serves it from endpoint/ (see --startup).
+"$sign" sign-document --key "$key" "$here/fconfig.json" \
+  "$here/endpoint/config.example.com/ferrit/fconfig/shop/index"
