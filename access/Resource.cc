@@ -125,20 +125,27 @@ std::string Resource::read() {
         }
     }
     if (error) data.clear();
-    const double now = MRLCurrentClock();
-    readTime = now - start;
-    lastTime = now;
-    if (logged) {
-        LogBuilder log(MRLLevelInfo, logTag);
-        log.event("read", parentId).id(context->traceId).append("size", static_cast<uint64_t>(data.size()));
+    LogBuilder log = finishRead(start, data.size(), error);
+    if (log.active()) {
         if (crcs.empty()) {
             log.append("crc", crc);
         } else {
             log.append("crc", crcs);
         }
-        if (error) log.error(error);
     }
     return data;
+}
+
+MarlLogger::LogBuilder Resource::finishRead(double start, size_t size, const Error& readError) {
+    const double now = MRLCurrentClock();
+    readTime = now - start;
+    lastTime = now;
+    LogBuilder log(MRLLevelInfo, logTag);
+    if (log.active()) {
+        log.event("read", parentId).id(context->traceId).append("size", static_cast<uint64_t>(size));
+        if (readError) log.error(readError);
+    }
+    return log;
 }
 
 void Resource::readAsync(std::function<void(const std::string& data, const Error& error)> callback) {
@@ -152,19 +159,12 @@ void Resource::readAsync(std::function<void(const std::string& data, const Error
     if (group) {
         std::shared_ptr<ReadGroup> running = group;
         running->run([this, self = shared_from_this(), start, callback = std::move(callback)](const std::string& data, const Error& e) {
-            const double now = MRLCurrentClock();
-            readTime = now - start;
-            lastTime = now;
-            LogBuilder log(MRLLevelInfo, logTag);
-            if (log.active()) {
-                log.event("read", parentId)
-                    .id(context->traceId)
-                    .append("size", static_cast<uint64_t>(data.size()))
-                    .append("localCount", group->localCount.load())
+            LogBuilder log = finishRead(start, data.size(), e);
+            if (log.active())
+                log.append("localCount", group->localCount.load())
                     .append("remoteCount", group->remoteCount.load())
                     .append("crc", group->crcs);
-                if (e) log.error(e);
-            }
+            log.done();
             callback(data, e);
         });
         return;
@@ -174,18 +174,9 @@ void Resource::readAsync(std::function<void(const std::string& data, const Error
         std::string data;
         unsigned crc = 0;
         if (!part->error) part->moveTo(data, MarlLogger::Log::enabled(MRLLevelInfo) ? &crc : nullptr);
-        const double now = MRLCurrentClock();
-        readTime = now - start;
-        lastTime = now;
-        LogBuilder log(MRLLevelInfo, logTag);
-        if (log.active()) {
-            log.event("read", parentId)
-                .id(context->traceId)
-                .append("size", static_cast<uint64_t>(data.size()))
-                .append("crc", crc)
-                .append("localCount", 1);
-            if (part->error) log.error(part->error);
-        }
+        LogBuilder log = finishRead(start, data.size(), part->error);
+        if (log.active()) log.append("crc", crc).append("localCount", 1);
+        log.done();
         callback(data, part->error);
     });
 }

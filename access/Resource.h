@@ -14,6 +14,7 @@
 #include "access/Http.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
+#include "marl/Log.h"
 #include "runtime/LogTags.h"
 
 namespace FerritCore {
@@ -113,6 +114,9 @@ public:
     void readAsync(std::function<void(const std::string& data, const Error& error)> callback);
     // Creates the group over the current parts.
     void makeGroup();
+    // Stamps readTime and lastTime at the end of a read and begins its "read" event with "size"
+    // and the error; the caller adds its own fields and ends it.
+    MarlLogger::LogBuilder finishRead(double start, size_t size, const Error& readError);
 
     std::shared_ptr<RequestContext> context;
     std::string parentId;

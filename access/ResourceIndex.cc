@@ -6,27 +6,12 @@
 #include "access/Digest.h"
 #include "access/Errors.h"
 #include "access/Url.h"
+#include "storage/FileUtil.h"
 #include "runtime/Proxy.h"
 
 namespace FerritCore {
 
 using MarlLogger::json::JSON;
-
-namespace {
-
-// A path with a ".." piece could name a file outside the pack folder once joined to it.
-bool climbsOut(std::string_view path) {
-    size_t start = 0;
-    for (size_t i = 0; i <= path.size(); ++i) {
-        if (i == path.size() || path[i] == '/' || path[i] == '\\') {
-            if (path.substr(start, i - start) == "..") return true;
-            start = i + 1;
-        }
-    }
-    return false;
-}
-
-}  // namespace
 
 ResourceIndex::ResourceIndex(std::string name, Error error) : name_(std::move(name)), error_(std::move(error)) {}
 

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "access/ResourceIndex.h"
+#include "storage/FileUtil.h"
 #include "runtime/Environment.h"
 #include "runtime/Proxy.h"
 
@@ -34,17 +35,6 @@ FuzzProxy& proxy() {
     return *instance;
 }
 
-bool climbs(std::string_view path) {
-    size_t start = 0;
-    for (size_t i = 0; i <= path.size(); ++i) {
-        if (i == path.size() || path[i] == '/' || path[i] == '\\') {
-            if (path.substr(start, i - start) == "..") return true;
-            start = i + 1;
-        }
-    }
-    return false;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -68,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             for (const auto& [key, record] : table.objectValue()) {
                 std::string path = key;
                 if (path.size() > 1 && path[0] == '/' && path[1] != '/') path.erase(0, 1);
-                if (climbs(path)) __builtin_trap();
+                if (FerritCore::climbsOut(path)) __builtin_trap();
                 (void)index.find(path);
                 (void)index.find("/" + path);
             }

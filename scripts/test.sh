@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Sets everything up and runs every test: the unit tests (g++, -Werror), the same tests under
-# ASan+UBSan, a clang build, each libFuzzer target for a bounded time, and a short benchmark
-# pass so that the benchmarks keep building and running.
+# ASan+UBSan, the threaded tests under TSan, a clang build, each libFuzzer target for a bounded
+# time, and a short benchmark pass so that the benchmarks keep building and running.
 #   FUZZ_SECONDS  seconds per fuzz target (default 20)
 #   JOBS          parallel test jobs (default: number of cores)
 set -euo pipefail
@@ -20,6 +20,11 @@ echo "== tests under ASan+UBSan"
 bash scripts/build.sh build-asan -DFERRIT_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== threaded tests under TSan"
+bash scripts/build.sh build-tsan -DFERRIT_TSAN=ON -DCMAKE_BUILD_TYPE=Debug -DFERRIT_BENCH=OFF
+TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j "$jobs" \
+  -R 'TaskRunner|RepeatingTimer|Semaphore|SCacheTest|Setup|UpdateConfig|Network'
 
 echo "== fuzz targets (clang, ${fuzz_seconds}s each)"
 CC=clang CXX=clang++ bash scripts/build.sh build-fuzz -DFERRIT_FUZZ=ON -DFERRIT_TESTS=OFF

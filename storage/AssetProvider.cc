@@ -1,5 +1,7 @@
 #include "storage/AssetProvider.h"
 
+#include "storage/FileUtil.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -22,29 +24,8 @@ std::atomic<std::shared_ptr<AssetProvider>>& slot() {
     return *instance;
 }
 
-template <typename F>
-auto retryOnInterrupt(F call) {
-    decltype(call()) result;
-    do {
-        result = call();
-    } while (result < 0 && errno == EINTR);
-    return result;
-}
-
 bool isDirectoryPath(const std::string& path) {
     return path.empty() || path.back() == '/';
-}
-
-// A ".." piece could climb out of the raw-file folder; such a path names nothing.
-bool climbsOut(std::string_view path) {
-    size_t start = 0;
-    for (size_t i = 0; i <= path.size(); ++i) {
-        if (i == path.size() || path[i] == '/' || path[i] == '\\') {
-            if (path.substr(start, i - start) == "..") return true;
-            start = i + 1;
-        }
-    }
-    return false;
 }
 
 // An open regular file, or -1.

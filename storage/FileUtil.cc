@@ -17,16 +17,6 @@ bool isSeparator(char c) {
     return c == '/' || c == '\\';
 }
 
-// Retries a system call interrupted by a signal.
-template <typename F>
-auto retryOnInterrupt(F call) {
-    decltype(call()) result;
-    do {
-        result = call();
-    } while (result < 0 && errno == EINTR);
-    return result;
-}
-
 // errno of the call that just failed; never 0, so that a failure is never read as success.
 int lastError() {
     return errno != 0 ? errno : EIO;
@@ -147,6 +137,17 @@ int statPath(const std::string& path, struct stat& info) {
 }
 
 }  // namespace
+
+bool climbsOut(std::string_view path) {
+    size_t start = 0;
+    for (size_t i = 0; i <= path.size(); ++i) {
+        if (i == path.size() || path[i] == '/' || path[i] == '\\') {
+            if (path.substr(start, i - start) == "..") return true;
+            start = i + 1;
+        }
+    }
+    return false;
+}
 
 std::string FileUtil::canonicalize(std::string_view path) {
     if (isCanonical(path)) return std::string(path);

@@ -5,6 +5,7 @@
 // bytes; the errno of the last attempt is what is reported. No state and no lock: any thread, the file system is the only arbiter.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -13,6 +14,20 @@
 #include <vector>
 
 namespace FerritCore {
+
+// Retries a system call that a signal interrupted.
+template <typename F>
+auto retryOnInterrupt(F call) {
+    decltype(call()) result;
+    do {
+        result = call();
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+// Whether `path` has a ".." piece (either separator), which could name something outside the
+// folder it is joined to.
+bool climbsOut(std::string_view path);
 
 class FileUtil {
 public:
