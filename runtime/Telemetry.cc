@@ -15,14 +15,12 @@ const char* triggerName(int trigger) {
 }
 
 PerfRecord::PerfRecord(std::string name) : name_(std::move(name)) {
-    dimensions_.reserve(8);
-    measures_.reserve(16);
-    dimensions_["sessionID"] = Environment::instance().sessionName();
+    dimensions_.set("sessionID", Environment::instance().sessionName());
 }
 
 void PerfRecord::setError(const Error& error) {
-    dimensions_["errorCode"] = std::to_string(error.code());
-    dimensions_["errorMsg"] = error.message();
+    dimensions_.set("errorCode", std::to_string(error.code()));
+    dimensions_.set("errorMsg", error.message());
 }
 
 StagedRecord::StagedRecord(std::string name) : PerfRecord(std::move(name)), lastTime_(MRLCurrentClock()) {}
@@ -37,11 +35,9 @@ void sendEvent(const PerfRecord& record) { ProxyCalls::sendEvent(record); }
 
 void logRecord(const PerfRecord& record, MarlLogger::LogBuilder& builder) {
     const auto& dimensions = record.dimensions();
-    auto code = dimensions.find("errorCode");
-    if (code != dimensions.end()) {
-        auto message = dimensions.find("errorMsg");
-        builder.error(std::string_view(code->second),
-                      message == dimensions.end() ? std::string_view() : std::string_view(message->second));
+    if (const std::string* code = dimensions.find("errorCode")) {
+        const std::string* message = dimensions.find("errorMsg");
+        builder.error(std::string_view(*code), message ? std::string_view(*message) : std::string_view());
     }
     for (const auto& [key, value] : dimensions) {
         if (key == "sessionID" || key == "errorCode" || key == "errorMsg") continue;
