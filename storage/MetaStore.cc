@@ -41,50 +41,19 @@ void sendStorageFailure(const std::string& path, int status) {
 }
 
 MetaStore::MetaStore(std::string directory, std::string tag, KeyValueStore::Options options)
-    : directory_(std::move(directory)), tag_(std::move(tag)), options_(options) {}
+    : directory_(std::move(directory)), tag_(std::move(tag)), connection_(options) {}
 
 MetaStore::~MetaStore() = default;
 
-int MetaStore::open() {
-    close();
-    const std::string folder = path();
-    std::unique_ptr<KeyValueStore> opened;
-    int last = SQLITE_CANTOPEN;
-    const int first = folder.empty()
-                          ? SQLITE_CANTOPEN
-                          : KeyValueStore::openOrReplace(folder, options_, &opened, &last);
-    if (first != 0) sendStorageFailure(folder, first);
-    std::lock_guard<std::mutex> lock(mutex_);
-    db_ = std::move(opened);
-    status_ = db_ ? 0 : last;
-    return first;
-}
+int MetaStore::open() { return connection_.open(path()); }
 
-void MetaStore::close() {
-    std::shared_ptr<KeyValueStore> old;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        old.swap(db_);
-        status_ = -1;
-    }
-    // The connection closes when the last call still using it returns, outside the lock.
-}
+void MetaStore::close() { connection_.close(); }
 
-std::shared_ptr<KeyValueStore> MetaStore::handle(int* status) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (status != nullptr) *status = status_;
-    return db_;
-}
+std::shared_ptr<KeyValueStore> MetaStore::handle(int* status) const { return connection_.handle(status); }
 
-int MetaStore::status() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return status_;
-}
+int MetaStore::status() const { return connection_.status(); }
 
-bool MetaStore::isOpen() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return db_ != nullptr;
-}
+bool MetaStore::isOpen() const { return connection_.isOpen(); }
 
 std::string MetaStore::path() const {
     return storeFolderPath(directory_);

@@ -20,6 +20,7 @@
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
 #include "storage/KeyValueStore.h"
+#include "storage/StoreConnection.h"
 
 namespace FerritCore {
 
@@ -80,11 +81,8 @@ class MetaStore {
 
     const std::string directory_;
     const std::string tag_;
-    const KeyValueStore::Options options_;
 
-    mutable std::mutex mutex_;
-    int status_ = -1;                    // guarded by mutex_
-    std::shared_ptr<KeyValueStore> db_;  // guarded by mutex_; null while closed
+    StoreConnection connection_;
 };
 
 // The absolute path of a store folder named `directory` ("packs/" or "packs") under the current

@@ -22,51 +22,26 @@ SeriesStore::SeriesStore(std::string name, KeyValueStore::Options options)
     : name_(std::move(name)),
       tag_(std::string(LogTag::kRoot) + "/" + capitalised(name_)),
       statisticsEvent_("FTS_" + name_),
-      options_(options),
+      connection_(options),
       folder_(Folder::disk(name_ + "/")) {}
 
 SeriesStore::~SeriesStore() = default;
 
 int SeriesStore::open() {
-    close();
-    const Folder folder = Folder::disk(name_ + "/");
-    const std::string path = storeFolderPath(name_);
-    std::unique_ptr<KeyValueStore> opened;
-    int last = SQLITE_CANTOPEN;
-    const int first = path.empty() ? SQLITE_CANTOPEN
-                                   : KeyValueStore::openOrReplace(path, options_, &opened, &last);
-    if (first != 0) sendStorageFailure(path, first);
-    std::lock_guard<std::mutex> lock(mutex_);
-    folder_ = folder;
-    db_ = std::move(opened);
-    status_ = db_ ? 0 : last;
-    return first;
-}
-
-void SeriesStore::close() {
-    std::shared_ptr<KeyValueStore> old;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        old.swap(db_);
-        status_ = -1;
+        folder_ = Folder::disk(name_ + "/");
     }
+    return connection_.open(storeFolderPath(name_));
 }
 
-std::shared_ptr<KeyValueStore> SeriesStore::handle(int* status) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (status != nullptr) *status = status_;
-    return db_;
-}
+void SeriesStore::close() { connection_.close(); }
 
-int SeriesStore::status() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return status_;
-}
+std::shared_ptr<KeyValueStore> SeriesStore::handle(int* status) const { return connection_.handle(status); }
 
-bool SeriesStore::isOpen() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return db_ != nullptr;
-}
+int SeriesStore::status() const { return connection_.status(); }
+
+bool SeriesStore::isOpen() const { return connection_.isOpen(); }
 
 Folder SeriesStore::folder() const {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -19,6 +19,7 @@
 #include "ferritcore/Error.h"
 #include "storage/Folder.h"
 #include "storage/KeyValueStore.h"
+#include "storage/StoreConnection.h"
 
 namespace FerritCore {
 
@@ -77,12 +78,10 @@ class SeriesStore {
     const std::string name_;
     const std::string tag_;
     const std::string statisticsEvent_;
-    const KeyValueStore::Options options_;
+    StoreConnection connection_;
 
     mutable std::mutex mutex_;
-    Folder folder_;                      // guarded by mutex_
-    int status_ = -1;                    // guarded by mutex_
-    std::shared_ptr<KeyValueStore> db_;  // guarded by mutex_; null while closed
+    Folder folder_;  // guarded by mutex_
 };
 
 }  // namespace FerritCore
