@@ -52,13 +52,6 @@ Error checkResourcesFolder(const Pack& pack) {
     return Errors::filesNotFound(resources);
 }
 
-bool isOutOfDate(const Pack& pack, const FConfig& config) {
-    const uint32_t type = pack.packType();
-    if (type != kPackTypeFerrit && type != kPackTypeDefault) return false;
-    const double limit = MRLCurrentTime() - Settings::current()->configOutOfDateIntervalValue();
-    return pack.updateTime < limit && config.lastUpdate < limit;
-}
-
 char typeLetter(const Pack& pack) {
     switch (pack.packType()) {
         case kPackTypeACache: return 'A';
@@ -92,7 +85,7 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
         error = p.status == kPackStatusEliminated ? Errors::eliminated(p.name) : Errors::notInstalled(p.name);
     } else if (p.packType() != kPackTypeSCache && p.subType == 0 && !pinned && p.installedSeq < p.minSeq) {
         error = Errors::seqTooLow(p.name, p.installedSeq, p.minSeq);
-    } else if (p.minSeq != 0 && isOutOfDate(p, config)) {
+    } else if (p.minSeq != 0 && p.isOutOfDate(config.lastUpdate, Settings::current()->configOutOfDateIntervalValue())) {
         error = Errors::outOfDate(p.name, p.updateTime);
     }
     if (error) {
