@@ -130,6 +130,37 @@ int withRetry(const std::string& path, F attempt) {
     return attempt(recoded);
 }
 
+// Visits each entry of a directory but "." and "..", with its path joined to the one that opened
+// and whether it is a directory (a link is never followed). `opened` receives that path, ending in
+// "/". Returns 0, or the errno of opening the directory.
+template <typename F>
+int forEachEntry(const std::string& path, std::string& opened, F visit) {
+    DIR* dir = nullptr;
+    const int status = withRetry(path, [&](const std::string& p) {
+        dir = ::opendir(p.c_str());
+        if (dir == nullptr) return lastError();
+        opened = p;
+        return 0;
+    });
+    if (status != 0) return status;
+    if (opened.back() != '/') opened.push_back('/');
+    while (dirent* entry = ::readdir(dir)) {
+        const std::string_view name(entry->d_name);
+        if (name == "." || name == "..") continue;
+        std::string child = opened;
+        child.append(name);
+        bool directory = entry->d_type == DT_DIR;
+        if (entry->d_type == DT_UNKNOWN) {
+            // Some file systems do not fill the type in.
+            struct stat info;
+            directory = ::lstat(child.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+        }
+        visit(std::move(child), directory);
+    }
+    ::closedir(dir);
+    return 0;
+}
+
 int statPath(const std::string& path, struct stat& info) {
     return withRetry(path, [&](const std::string& p) {
         return ::stat(p.c_str(), &info) == 0 ? 0 : lastError();
@@ -342,65 +373,26 @@ int FileUtil::removeDirectory(const std::string& path) {
 }
 
 int FileUtil::removeTree(const std::string& path) {
-    DIR* dir = nullptr;
     std::string base;
-    const int opened = withRetry(path, [&](const std::string& p) {
-        dir = ::opendir(p.c_str());
-        if (dir == nullptr) return lastError();
-        base = p;
-        return 0;
-    });
-    if (opened != 0) return opened;
-    if (base.back() != '/') base.push_back('/');
-    while (dirent* entry = ::readdir(dir)) {
-        const std::string_view name(entry->d_name);
-        if (name == "." || name == "..") continue;
-        std::string child = base;
-        child.append(name);
-        bool directory = entry->d_type == DT_DIR;
-        if (entry->d_type == DT_UNKNOWN) {
-            // Some file systems do not fill the type; a link is never followed.
-            struct stat info;
-            directory = ::lstat(child.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-        }
+    const int opened = forEachEntry(path, base, [](std::string child, bool directory) {
         if (directory) {
             removeTree(child);
         } else {
             std::remove(child.c_str());
         }
-    }
-    ::closedir(dir);
+    });
+    if (opened != 0) return opened;
     ::rmdir(base.c_str());
     return 0;
 }
 
 int FileUtil::listDirectory(const std::string& path, std::vector<std::string>& names) {
     names.clear();
-    DIR* dir = nullptr;
     std::string base;
-    const int opened = withRetry(path, [&](const std::string& p) {
-        dir = ::opendir(p.c_str());
-        if (dir == nullptr) return lastError();
-        base = p;
-        return 0;
-    });
-    if (opened != 0) return opened;
-    if (base.back() != '/') base.push_back('/');
-    while (dirent* entry = ::readdir(dir)) {
-        const std::string_view name(entry->d_name);
-        if (name == "." || name == "..") continue;
-        std::string child = base;
-        child.append(name);
-        bool directory = entry->d_type == DT_DIR;
-        if (entry->d_type == DT_UNKNOWN) {
-            struct stat info;
-            directory = ::lstat(child.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-        }
+    return forEachEntry(path, base, [&](std::string child, bool directory) {
         if (directory) child.push_back('/');
         names.push_back(std::move(child));
-    }
-    ::closedir(dir);
-    return 0;
+    });
 }
 
 FileUtil::ScopedRecoder::ScopedRecoder(std::function<std::string(const std::string&)> replacement)

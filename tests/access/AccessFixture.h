@@ -7,6 +7,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <openssl/evp.h>
@@ -142,6 +143,19 @@ protected:
             MarlLogger::json::JSON entry;
             if (!url.empty()) entry.set("url", url);
             entry.set("v", "0123456789abcdef0123456789abcdef");
+            t.set(path, entry);
+        }
+        return t;
+    }
+
+    // {path: {"url", "v"}} whose "v" is the real MD5 of the content, for verified reads.
+    static MarlLogger::json::JSON tableOf(
+        const std::vector<std::tuple<std::string, std::string, std::string>>& pathUrlContent) {
+        MarlLogger::json::JSON t;
+        for (const auto& [path, url, content] : pathUrlContent) {
+            MarlLogger::json::JSON entry;
+            if (!url.empty()) entry.set("url", url);
+            entry.set("v", Digest::md5Hex(content));
             t.set(path, entry);
         }
         return t;

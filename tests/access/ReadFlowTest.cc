@@ -70,17 +70,6 @@ protected:
         return p;
     }
 
-    // {path: {"url", "v"}} whose "v" is the real MD5 of the content.
-    static JSON tableOf(const std::vector<std::tuple<std::string, std::string, std::string>>& pathUrlContent) {
-        JSON t;
-        for (const auto& [path, url, content] : pathUrlContent) {
-            JSON entry;
-            if (!url.empty()) entry.set("url", url);
-            entry.set("v", Digest::md5Hex(content));
-            t.set(path, entry);
-        }
-        return t;
-    }
 
     // The embedded list of a built-in pack, taken from the signed "app-res.hvc" next to its files.
     void embedSignedIndex(const std::string& name, uint64_t seq, const JSON& table) {

@@ -14,17 +14,6 @@ using MarlLogger::json::JSON;
 
 class ResourceIndexTest : public AccessFixture {
 protected:
-    // {path: {"url", "v"}} with real MD5s of `contents`, for verifyFiles.
-    static JSON tableOf(const std::vector<std::tuple<std::string, std::string, std::string>>& pathUrlContent) {
-        JSON t;
-        for (const auto& [path, url, content] : pathUrlContent) {
-            JSON entry;
-            if (!url.empty()) entry.set("url", url);
-            entry.set("v", Digest::md5Hex(content));
-            t.set(path, entry);
-        }
-        return t;
-    }
     static JSON removal(const std::string& path) {
         JSON t;
         t.set(path, JSON(MarlLogger::json::JSONObject{{"url", "https://h.com/" + path}}));
