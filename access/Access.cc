@@ -1,15 +1,15 @@
 #include "ferritcore/Access.h"
 
-#include "access/Errors.h"
-#include "access/Http.h"
+#include "base/Errors.h"
+#include "base/Http.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
-#include "access/Url.h"
+#include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "runtime/Settings.h"
-#include "runtime/LogTags.h"
+#include "base/LogTags.h"
 
 namespace FerritCore {
 namespace {

@@ -2,12 +2,12 @@
 
 #include <cstdint>
 
-#include "access/Digest.h"
-#include "access/Errors.h"
-#include "access/Url.h"
+#include "base/Digest.h"
+#include "base/Errors.h"
+#include "base/Url.h"
 #include "marl/Clock.h"
-#include "runtime/Environment.h"
-#include "update/SCache.h"
+#include "base/Environment.h"
+#include "model/SCache.h"
 
 namespace FerritCore {
 

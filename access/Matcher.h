@@ -8,7 +8,7 @@
 
 #include "access/PackPart.h"
 #include "runtime/Settings.h"
-#include "update/FConfig.h"
+#include "model/FConfig.h"
 
 namespace FerritCore {
 

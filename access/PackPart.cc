@@ -2,20 +2,20 @@
 
 #include <cinttypes>
 
-#include "access/Digest.h"
-#include "access/Errors.h"
-#include "access/Http.h"
+#include "base/Digest.h"
+#include "base/Errors.h"
+#include "base/Http.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/Environment.h"
-#include "runtime/Proxy.h"
+#include "base/Environment.h"
+#include "base/Proxy.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
-#include "runtime/Telemetry.h"
+#include "base/Telemetry.h"
 #include "storage/Statistics.h"
-#include "update/SCache.h"
-#include "update/UpdateQueue.h"
-#include "runtime/LogTags.h"
+#include "model/SCache.h"
+#include "access/UpdateRequester.h"
+#include "base/LogTags.h"
 
 namespace FerritCore {
 namespace {
@@ -24,7 +24,7 @@ constexpr double kVisitUpdateDelayMs = 5000.0;
 
 // Asks for a newer version a little later, so that the read in progress is not slowed.
 void postVisitUpdate(const std::string& packName) {
-    TaskRunner::post([packName] { UpdateQueue::request(packName, kTriggerVisitUpdate); }, kVisitUpdateDelayMs);
+    TaskRunner::post([packName] { requestUpdate(packName, kTriggerVisitUpdate); }, kVisitUpdateDelayMs);
 }
 
 // Forgets the installation of a fixed-URL app pack whose files are gone.
@@ -90,7 +90,7 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
     }
     if (error) {
         // The pack cannot serve as it is: ask for it now.
-        UpdateQueue::request(p.name, kTriggerVisit);
+        requestUpdate(p.name, kTriggerVisit);
         return;
     }
     if (p.packType() == kPackTypeACache && p.subType == 2) {
@@ -307,7 +307,7 @@ void PackPart::tryBackup(bool retry, Callback callback) {
         return;
     }
     // No usable copy yet: fetch it, then try once more. The queue may answer on any thread.
-    UpdateQueue::request(backupName, kTriggerVisit, [self, this, callback](const Error& fetchError) {
+    requestUpdate(backupName, kTriggerVisit, [self, this, callback](const Error& fetchError) {
         if (fetchError) {
             error = fetchError;
             callback(self);

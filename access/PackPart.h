@@ -7,9 +7,9 @@
 #include <string>
 
 #include "access/Resource.h"
-#include "access/ResourceIndex.h"
-#include "storage/Folder.h"
-#include "update/FConfig.h"
+#include "model/ResourceIndex.h"
+#include "base/Folder.h"
+#include "model/FConfig.h"
 
 namespace FerritCore {
 

@@ -1,15 +1,15 @@
 #include "access/Reader.h"
 
-#include "access/Errors.h"
+#include "base/Errors.h"
 #include "access/Matcher.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/LogTags.h"
-#include "runtime/Proxy.h"
-#include "runtime/Telemetry.h"
+#include "base/LogTags.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
 #include "storage/Statistics.h"
-#include "update/SCache.h"
-#include "update/UpdateQueue.h"
+#include "model/SCache.h"
+#include "access/UpdateRequester.h"
 
 namespace FerritCore {
 namespace {
@@ -80,7 +80,7 @@ void Reader::load(const ReaderParams& params, Callback callback) {
         .error(match->error);
     // The pack cannot serve as it is: ask for it, and look once more when that ends.
     const std::string packName = match->pack ? match->pack->name : params.name;
-    UpdateQueue::request(packName, kTriggerVisit, [params, id, callback](const Error& updateError) {
+    requestUpdate(packName, kTriggerVisit, [params, id, callback](const Error& updateError) {
         if (updateError) {
             callback(nullptr, updateError);
             return;

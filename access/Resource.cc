@@ -1,12 +1,12 @@
 #include "access/Resource.h"
 
-#include "access/Url.h"
+#include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/Proxy.h"
+#include "base/Proxy.h"
 #include "runtime/Settings.h"
-#include "runtime/Telemetry.h"
-#include "runtime/LogTags.h"
+#include "base/Telemetry.h"
+#include "base/LogTags.h"
 
 namespace FerritCore {
 

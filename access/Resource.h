@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "access/Http.h"
+#include "base/Http.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
 #include "marl/Log.h"
-#include "runtime/LogTags.h"
+#include "base/LogTags.h"
 
 namespace FerritCore {
 

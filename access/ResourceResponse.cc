@@ -3,7 +3,7 @@
 #include <cmath>
 #include <set>
 
-#include "access/Http.h"
+#include "base/Http.h"
 #include "access/Resource.h"
 #include "ferritcore/ResourceRequest.h"
 #include "marl/Clock.h"

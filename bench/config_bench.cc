@@ -10,8 +10,8 @@
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
-#include "update/FConfig.h"
-#include "update/SCache.h"
+#include "model/FConfig.h"
+#include "model/SCache.h"
 
 using namespace FerritCore;
 
@@ -45,7 +45,6 @@ void BM_ParseAndMerge(benchmark::State& state) {
     MarlLogger::Log::setLevel(1);
     const int packs = static_cast<int>(state.range(0));
     Error error;
-    SCache::reset();
     SCache::publish(FConfig::parse(document(packs, 0), "base", error, false));
     const std::string text = document(packs, 1);
     for (auto _ : state) {
@@ -62,7 +61,6 @@ void BM_ParseAndMerge(benchmark::State& state) {
 void BM_MutateOneRecord(benchmark::State& state) {
     MarlLogger::Log::setLevel(1);
     Error error;
-    SCache::reset();
     SCache::publish(FConfig::parse(document(static_cast<int>(state.range(0)), 0), "base", error, false));
     uint32_t status = 0;
     state.SetLabel("vs:BM_MapCopyFloor");

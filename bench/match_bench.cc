@@ -13,14 +13,14 @@
 
 #include "FloorReporter.h"
 #include "access/Resource.h"
-#include "access/ResourceIndex.h"
-#include "access/Url.h"
+#include "model/ResourceIndex.h"
+#include "base/Url.h"
 #include "marl/Clock.h"
 #include "ferritcore/Access.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
-#include "storage/Folder.h"
-#include "update/SCache.h"
+#include "base/Folder.h"
+#include "model/SCache.h"
 
 using namespace FerritCore;
 using MarlLogger::json::JSON;
@@ -84,7 +84,7 @@ World& world(int packs) {
             config.put(pack);
         }
     });
-    ResourceIndexPool::reset();
+    ResourceIndexPool::clear();
     ResourceIndexPool::setLoader([indexes](const Pack& pack) { return indexes->at(pack.name); });
 
     std::mt19937 random(42);

@@ -16,17 +16,17 @@
 #include <vector>
 
 #include "FloorReporter.h"
-#include "access/Digest.h"
-#include "access/ResourceIndex.h"
+#include "base/Digest.h"
+#include "model/ResourceIndex.h"
 #include "ferritcore/Access.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "runtime/Environment.h"
-#include "runtime/Proxy.h"
+#include "base/Environment.h"
+#include "base/Proxy.h"
 #include "runtime/TaskRunner.h"
-#include "storage/Folder.h"
-#include "update/SCache.h"
+#include "base/Folder.h"
+#include "model/SCache.h"
 
 using namespace FerritCore;
 using MarlLogger::json::JSON;

@@ -14,7 +14,7 @@
 #include "FloorReporter.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "storage/Folder.h"
+#include "base/Folder.h"
 #include "storage/KeyValueStore.h"
 #include "storage/MetaStore.h"
 

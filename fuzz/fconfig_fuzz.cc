@@ -5,7 +5,7 @@
 #include <string>
 
 #include "marl/Log.h"
-#include "update/FConfig.h"
+#include "model/FConfig.h"
 
 using namespace FerritCore;
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "access/Http.h"
+#include "base/Http.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "access/Http.h"
+#include "base/Http.h"
 #include "marl/Clock.h"
 
 namespace {

@@ -15,10 +15,10 @@
 #include <string>
 #include <string_view>
 
-#include "access/ResourceIndex.h"
-#include "runtime/Environment.h"
-#include "runtime/Proxy.h"
-#include "storage/PackedFiles.h"
+#include "model/ResourceIndex.h"
+#include "base/Environment.h"
+#include "base/Proxy.h"
+#include "base/PackedFiles.h"
 
 using namespace FerritCore;
 

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "access/Matcher.h"
-#include "storage/FileUtil.h"
+#include "base/FileUtil.h"
 
 using namespace FerritCore;
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "access/ResourceIndex.h"
-#include "storage/FileUtil.h"
-#include "runtime/Environment.h"
-#include "runtime/Proxy.h"
+#include "model/ResourceIndex.h"
+#include "base/FileUtil.h"
+#include "base/Environment.h"
+#include "base/Proxy.h"
 
 using namespace FerritCore;
 

@@ -11,7 +11,7 @@
 
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "storage/Folder.h"
+#include "base/Folder.h"
 #include "storage/KeyValueStore.h"
 #include "storage/MetaStore.h"
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "access/PrefixTree.h"
-#include "access/Url.h"
+#include "base/PrefixTree.h"
+#include "base/Url.h"
 
 using namespace FerritCore;
 

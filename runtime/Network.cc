@@ -4,10 +4,10 @@
 #include <charconv>
 #include <memory>
 
-#include "access/Errors.h"
-#include "access/Http.h"
-#include "runtime/Environment.h"
-#include "runtime/Proxy.h"
+#include "base/Errors.h"
+#include "base/Http.h"
+#include "base/Environment.h"
+#include "base/Proxy.h"
 #include "runtime/TaskRunner.h"
 
 namespace FerritCore::Network {
@@ -17,7 +17,6 @@ constexpr int32_t kConfigTimeout = 10;
 constexpr int32_t kResourceTimeout = 20;
 constexpr int32_t kPackTimeout = 20;
 
-std::atomic<uint32_t> gNetworkStatus{0};
 
 bool isSuccess(uint16_t status) { return status >= 200 && status <= 299; }
 
@@ -138,13 +137,9 @@ void requestPack(const std::string& url, const Folder& target, const std::string
     });
 }
 
-void setNetworkStatus(uint32_t status) { gNetworkStatus.store(status, std::memory_order_relaxed); }
-
-uint32_t networkStatus() { return gNetworkStatus.load(std::memory_order_relaxed); }
-
 bool downloadAllowed(uint64_t packFlags, std::string& reason) {
     reason.clear();
-    switch (networkStatus()) {
+    switch (Environment::instance().networkStatus()) {
         case 0: reason = "None"; return false;
         case 1: return true;
         case 2:

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "ferritcore/Error.h"
-#include "runtime/ProxyRequest.h"
-#include "storage/Folder.h"
+#include "base/ProxyRequest.h"
+#include "base/Folder.h"
 
 namespace FerritCore::Network {
 
@@ -29,9 +29,6 @@ void requestResource(const std::string& url, const std::string& traceId, const H
 void requestPack(const std::string& url, const Folder& target, const std::string& traceId, uint32_t progressId,
                  std::function<void(uint64_t length, Error error)> completion);
 
-// The host's network status: 0 none, 1 unrestricted, 2 slow mobile, 3 fast mobile.
-void setNetworkStatus(uint32_t status);
-uint32_t networkStatus();
 // Whether a pack with these update flags may download now. False with the reason ("None",
 // "Slow cellular", "Fast cellular") or, for an unknown status, an empty reason.
 bool downloadAllowed(uint64_t packFlags, std::string& reason);

@@ -9,9 +9,10 @@
 #include <random>
 #include <variant>
 
-#include "access/Url.h"
+#include "base/ProcessState.h"
+#include "base/Url.h"
 #include "marl/Clock.h"
-#include "runtime/Environment.h"
+#include "base/Environment.h"
 
 // Deployment endpoints. The build replaces them (see the FERRIT_*_PREFIX cache variables); these
 // defaults lead nowhere harmful.
@@ -41,7 +42,6 @@ using MarlLogger::json::JSON;
 namespace {
 
 constexpr double kDefaultPeriodJitter = 300000;
-constexpr uint32_t kFeatureRemoteSettings = 2;
 
 // An endpoint is a prefix that paths are appended to.
 std::string withTrailingSlash(std::string value) {
@@ -266,7 +266,11 @@ struct Store {
 };
 
 Store& store() {
-    static Store* instance = new Store();  // lives until the process ends
+    static Store* const instance = ProcessState::create<Store>([](Store& s) {
+        std::lock_guard<std::recursive_mutex> lock(s.writers);
+        s.listener = nullptr;
+        s.current.store(std::make_shared<const Settings>(), std::memory_order_release);
+    });
     return *instance;
 }
 
@@ -501,13 +505,6 @@ void Settings::setListener(std::function<void(const Settings&)> listener) {
     Store& s = store();
     std::lock_guard<std::recursive_mutex> lock(s.writers);
     s.listener = std::move(listener);
-}
-
-void Settings::reset() {
-    Store& s = store();
-    std::lock_guard<std::recursive_mutex> lock(s.writers);
-    s.listener = nullptr;
-    s.current.store(std::make_shared<const Settings>(), std::memory_order_release);
 }
 
 }  // namespace FerritCore

@@ -197,8 +197,6 @@ struct Settings {
     // Called, under the writers' mutex, with each new record before it is published; null removes
     // it. Nothing of the system installs one.
     static void setListener(std::function<void(const Settings&)> listener);
-    // Back to the built-in values, without a listener (tests).
-    static void reset();
 };
 
 }  // namespace FerritCore

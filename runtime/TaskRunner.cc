@@ -4,9 +4,10 @@
 #include <cmath>
 #include <limits>
 
+#include "base/ProcessState.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/LogTags.h"
+#include "base/LogTags.h"
 #include "runtime/TimeMarks.h"
 
 namespace FerritCore {
@@ -56,7 +57,11 @@ TaskRunner::~TaskRunner() {
 }
 
 TaskRunner& TaskRunner::shared() {
-    static TaskRunner* runner = new TaskRunner(kSharedName, Mode::Worker);  // never destroyed
+    static TaskRunner* const runner = [] {
+        auto* made = new TaskRunner(kSharedName, Mode::Worker);  // never destroyed
+        ProcessState::onReset([made] { made->dropTasks(); });
+        return made;
+    }();
     return *runner;
 }
 

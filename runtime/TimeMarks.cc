@@ -3,51 +3,61 @@
 #include <atomic>
 #include <cmath>
 #include <mutex>
+#include <unordered_map>
 
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "runtime/LogTags.h"
-#include "storage/ConfigStore.h"
+#include "base/LogTags.h"
+#include "base/ProcessState.h"
+#include "base/ServiceSlot.h"
 
 namespace FerritCore {
 namespace {
 
 using MarlLogger::json::JSON;
 
-// Marks live in the shared configuration store, so that they outlive the process. A store that
-// cannot be read answers 0, which makes the mark count as absent; a failed write is logged and the
-// timer keeps its rhythm in memory until the next write.
-class ConfigStoreMarks : public MarkStore {
+// Before a store is installed (the composition root installs the shared configuration store),
+// marks live in memory for the life of the process.
+class MemoryMarks : public MarkStore {
   public:
     double load(const std::string& key) override {
-        Error error;
-        const JSON value = ConfigStore::instance().get(key, error);
-        return error ? 0 : value.doubleValue();
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = marks_.find(key);
+        return it == marks_.end() ? 0 : it->second;
     }
     void store(const std::string& key, double value) override {
-        Error error;
-        if (ConfigStore::instance().put(key, JSON(value), error)) return;
-        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kTask)
-            .event("writeMark")
-            .append("key", key)
-            .error(error);
+        std::lock_guard<std::mutex> lock(mutex_);
+        marks_[key] = value;
     }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        marks_.clear();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::unordered_map<std::string, double> marks_;  // guarded by mutex_
 };
 
-std::shared_ptr<MarkStore> makeDefaultStore() {
-    return std::make_shared<ConfigStoreMarks>();
-}
-
 struct State {
-    std::atomic<std::shared_ptr<MarkStore>> store{makeDefaultStore()};
+    std::shared_ptr<MemoryMarks> memory = std::make_shared<MemoryMarks>();
     // Serialises the read-then-write operations so that two threads exchanging one mark each
     // see a different previous value.
     std::mutex exchange;
+
+    std::shared_ptr<MarkStore> store() const {
+        std::shared_ptr<MarkStore> installed = ServiceSlot<MarkStore>::instance().get();
+        return installed ? installed : memory;
+    }
 };
 
 State& state() {
-    static State* instance = new State();  // lives until the process ends
+    static State* const instance = [] {
+        auto* made = new State();  // lives until the process ends
+        ProcessState::onReset([made] { made->memory->clear(); });
+        return made;
+    }();
     return *instance;
 }
 
@@ -68,7 +78,7 @@ double TimeMarks::readMark(std::string_view name, double now) {
     State& s = state();
     const std::string key = keyFor(name);
     std::lock_guard<std::mutex> lock(s.exchange);
-    std::shared_ptr<MarkStore> marks = s.store.load(std::memory_order_acquire);
+    std::shared_ptr<MarkStore> marks = s.store();
     const double value = marks->load(key);
     if (isUsable(value)) return value;
     marks->store(key, now);
@@ -79,7 +89,7 @@ double TimeMarks::exchangeMark(std::string_view name, double now) {
     State& s = state();
     const std::string key = keyFor(name);
     std::lock_guard<std::mutex> lock(s.exchange);
-    std::shared_ptr<MarkStore> marks = s.store.load(std::memory_order_acquire);
+    std::shared_ptr<MarkStore> marks = s.store();
     const double value = marks->load(key);
     marks->store(key, now);
     return isUsable(value) ? value : now;
@@ -89,15 +99,13 @@ void TimeMarks::writeMark(std::string_view name, double value) {
     State& s = state();
     const std::string key = keyFor(name);
     std::lock_guard<std::mutex> lock(s.exchange);
-    s.store.load(std::memory_order_acquire)->store(key, value);
+    s.store()->store(key, value);
 }
 
 void TimeMarks::setStore(std::shared_ptr<MarkStore> store) {
-    state().store.store(store ? std::move(store) : makeDefaultStore(), std::memory_order_release);
+    ServiceSlot<MarkStore>::instance().set(std::move(store));
 }
 
-std::shared_ptr<MarkStore> TimeMarks::store() {
-    return state().store.load(std::memory_order_acquire);
-}
+std::shared_ptr<MarkStore> TimeMarks::store() { return state().store(); }
 
 }  // namespace FerritCore

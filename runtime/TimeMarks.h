@@ -11,8 +11,9 @@
 
 namespace FerritCore {
 
-// Where marks are kept. The default keeps them in ConfigStore, as JSON numbers; tests install
-// their own. Implementations must be safe to call from any thread.
+// Where marks are kept: the composition root installs the shared configuration store (see
+// ConfigStore::marks), tests their own; without one they live in memory. Implementations must be
+// safe to call from any thread.
 class MarkStore {
   public:
     virtual ~MarkStore() = default;
@@ -33,9 +34,10 @@ class TimeMarks {
     // Stores `value`.
     static void writeMark(std::string_view name, double value);
 
-    // Replaces where marks are kept; null restores the default. The store is shared with every
+    // Replaces where marks are kept; null keeps them in memory. The store is shared with every
     // later caller until it is replaced.
     static void setStore(std::shared_ptr<MarkStore> store);
+    // The installed store, or the one in memory.
     static std::shared_ptr<MarkStore> store();
 };
 

@@ -1,41 +1,45 @@
 #include "storage/ConfigStore.h"
 
-#include <atomic>
-
-#include "access/Errors.h"
+#include "base/Errors.h"
+#include "storage/StoreInstance.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/LogTags.h"
-#include "runtime/Telemetry.h"
+#include "base/LogTags.h"
+#include "base/Telemetry.h"
 
 namespace FerritCore {
 
 ConfigStore::ConfigStore()
     : MetaStore(kDirectory, std::string(LogTag::kConfig), KeyValueStore::Options::forConfig()) {}
 
+ConfigStore& ConfigStore::instance() { return StoreInstance<ConfigStore>::get(); }
+
 namespace {
-// Set once the instance exists, so that resetForTesting can tell a first use of its own, which
-// has just opened and reported, from a reset of an instance made earlier.
-std::atomic<bool> created{false};
+
+using MarlLogger::json::JSON;
+
+// A store that cannot be read answers 0, which makes the mark count as absent; a failed write is
+// logged and the timer keeps its rhythm in memory until the next write.
+class ConfigStoreMarks : public MarkStore {
+public:
+    double load(const std::string& key) override {
+        Error error;
+        const JSON value = ConfigStore::instance().get(key, error);
+        return error ? 0 : value.doubleValue();
+    }
+    void store(const std::string& key, double value) override {
+        Error error;
+        if (ConfigStore::instance().put(key, JSON(value), error)) return;
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kTask)
+            .event("writeMark")
+            .append("key", key)
+            .error(error);
+    }
+};
+
 }  // namespace
 
-ConfigStore& ConfigStore::instance() {
-    static ConfigStore* const store = [] {
-        auto* made = new ConfigStore();
-        made->openAndReport();
-        created.store(true);
-        return made;
-    }();
-    return *store;
-}
-
-void ConfigStore::resetForTesting() {
-    const bool existed = created.load();
-    ConfigStore& store = instance();
-    if (!existed) return;
-    store.close();
-    store.openAndReport();
-}
+std::shared_ptr<MarkStore> ConfigStore::marks() { return std::make_shared<ConfigStoreMarks>(); }
 
 void ConfigStore::openAndReport() {
     const double start = MRLCurrentClock();

@@ -1,12 +1,15 @@
 // ConfigStore: the process-wide MetaStore in "config_v2/" that keeps the small shared state:
 // statistics, time marks, hot lists, variant registrations, preload records.
 //
-// Created and opened at first use; two first users block until one has finished opening, which
-// may take as long as replacing a damaged database. Never destroyed, so that the worker and
-// host threads can use it until the process ends. Any thread (see MetaStore).
+// Created and opened at first use (see StoreInstance); two first users block until one has finished
+// opening, which may take as long as replacing a damaged database. Any thread (see MetaStore).
 #pragma once
 
+#include <memory>
+
+#include "runtime/TimeMarks.h"
 #include "storage/MetaStore.h"
+#include "storage/StoreInstance.h"
 
 namespace FerritCore {
 
@@ -18,11 +21,11 @@ class ConfigStore : public MetaStore {
     // "Ferrit.ConfigInit" (the error 9997 of a failed first open, "diskSize", "time") and logs
     // "init" under "Ferrit/Config".
     static ConfigStore& instance();
-    // Reopens the instance under the current root and reports as at first use. For tests, whose
-    // every case has its own root; nothing else may use the store meanwhile.
-    static void resetForTesting();
+    // The time marks of timers, kept in this store as numbers under "marks/<name>".
+    static std::shared_ptr<MarkStore> marks();
 
   private:
+    friend class StoreInstance<ConfigStore>;
     ConfigStore();
     void openAndReport();
 };

@@ -1,9 +1,9 @@
 #include "storage/MetaStore.h"
 
-#include "access/Errors.h"
+#include "base/Errors.h"
 #include "marl/Log.h"
-#include "runtime/Telemetry.h"
-#include "storage/Folder.h"
+#include "base/Telemetry.h"
+#include "base/Folder.h"
 
 namespace FerritCore {
 

@@ -1,39 +1,16 @@
 #include "storage/PacksStore.h"
 
-#include <atomic>
-
-#include "access/Errors.h"
+#include "base/Errors.h"
+#include "storage/StoreInstance.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/Telemetry.h"
+#include "base/Telemetry.h"
 
 namespace FerritCore {
 
 PacksStore::PacksStore() : SeriesStore(kName, KeyValueStore::Options::forPacks()) {}
 
-namespace {
-// Set once the instance exists, so that resetForTesting can tell a first use of its own, which
-// has just opened and reported, from a reset of an instance made earlier.
-std::atomic<bool> created{false};
-}  // namespace
-
-PacksStore& PacksStore::instance() {
-    static PacksStore* const store = [] {
-        auto* made = new PacksStore();
-        made->openAndReport();
-        created.store(true);
-        return made;
-    }();
-    return *store;
-}
-
-void PacksStore::resetForTesting() {
-    const bool existed = created.load();
-    PacksStore& store = instance();
-    if (!existed) return;
-    store.close();
-    store.openAndReport();
-}
+PacksStore& PacksStore::instance() { return StoreInstance<PacksStore>::get(); }
 
 void PacksStore::openAndReport() {
     const double start = MRLCurrentClock();
@@ -51,6 +28,28 @@ void PacksStore::openAndReport() {
     log.event("load").append("name", name()).append("time", elapsed);
     if (first != 0) log.error(Errors::initStorageFailed(name(), first));
 }
+
+namespace {
+
+// The files live in the packs store under their relative paths, beside its "config" key.
+class PacksStoreFiles : public PackedFiles {
+public:
+    bool get(std::string_view key, std::string& value, Error& error) override {
+        return PacksStore::instance().get(key, value, error);
+    }
+    bool put(std::string_view key, std::string_view value, Error& error) override {
+        return PacksStore::instance().put(key, value, error);
+    }
+    bool contains(std::string_view key) override { return PacksStore::instance().contains(key); }
+    void removeByPrefix(std::string_view prefix) override { PacksStore::instance().removeByPrefix(prefix); }
+    void enumerate(std::string_view prefix, const std::function<bool(std::string_view key)>& visit) override {
+        PacksStore::instance().enumerate(prefix, visit);
+    }
+};
+
+}  // namespace
+
+std::shared_ptr<PackedFiles> PacksStore::files() { return std::make_shared<PacksStoreFiles>(); }
 
 std::string PacksStore::readConfig(Error& error) const {
     std::string text;

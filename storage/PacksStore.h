@@ -1,15 +1,18 @@
 // PacksStore: the process-wide SeriesStore in "packs/". It holds the global configuration under
 // "config" and the files of packs that live in the store under "<name>/<seq>/<path>".
 //
-// Created and opened at first use; two first users block until one has finished opening. Never
-// destroyed. Any thread (see SeriesStore).
+// Created and opened at first use (see StoreInstance); two first users block until one has finished
+// opening. Any thread (see SeriesStore).
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "ferritcore/Error.h"
-#include "storage/Folder.h"
+#include "base/Folder.h"
+#include "base/PackedFiles.h"
 #include "storage/SeriesStore.h"
+#include "storage/StoreInstance.h"
 
 namespace FerritCore {
 
@@ -23,9 +26,9 @@ class PacksStore : public SeriesStore {
     // open time (and the error 9997 of a failed first open) as the record "FTS_packs" and logs
     // "load" with "name" and "time" under "Ferrit/Packs".
     static PacksStore& instance();
-    // Reopens the instance under the current root and reports as at first use. For tests, whose
-    // every case has its own root; nothing else may use the store meanwhile.
-    static void resetForTesting();
+    // The files of packs kept in this store, under their relative paths beside "config": what
+    // the `Packed` kind of Folder reads and writes.
+    static std::shared_ptr<PackedFiles> files();
 
     // The file that held the global configuration before the store did.
     static Folder legacyConfigFile() { return Folder::disk("config/fconfig.config"); }
@@ -39,6 +42,7 @@ class PacksStore : public SeriesStore {
     bool writeConfig(const std::string& text, Error& error);
 
   private:
+    friend class StoreInstance<PacksStore>;
     PacksStore();
     void openAndReport();
 };

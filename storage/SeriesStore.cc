@@ -2,9 +2,9 @@
 
 #include <cctype>
 
-#include "access/Errors.h"
+#include "base/Errors.h"
 #include "marl/Log.h"
-#include "runtime/LogTags.h"
+#include "base/LogTags.h"
 #include "storage/MetaStore.h"
 
 namespace FerritCore {

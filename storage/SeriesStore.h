@@ -17,7 +17,7 @@
 #include <string_view>
 
 #include "ferritcore/Error.h"
-#include "storage/Folder.h"
+#include "base/Folder.h"
 #include "storage/KeyValueStore.h"
 #include "storage/StoreConnection.h"
 

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "base/ProcessState.h"
 #include "marl/Clock.h"
 
 namespace FerritCore {
@@ -22,7 +23,10 @@ struct Table {
 };
 
 Table& table() {
-    static Table* instance = new Table();  // lives until the process ends
+    static Table* const instance = ProcessState::create<Table>([](Table& t) {
+        std::lock_guard<std::mutex> guard(t.lock);
+        t.entries.clear();
+    });
     return *instance;
 }
 
@@ -56,12 +60,6 @@ bool Statistics::hasEntry(const std::string& name) {
     Table& t = table();
     std::lock_guard<std::mutex> guard(t.lock);
     return t.entries.count(name) != 0;
-}
-
-void Statistics::clear() {
-    Table& t = table();
-    std::lock_guard<std::mutex> guard(t.lock);
-    t.entries.clear();
 }
 
 }  // namespace FerritCore

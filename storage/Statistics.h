@@ -18,8 +18,6 @@ public:
     // The weighted count, 0.0 when unknown.
     static double accessValue(const std::string& name);
     static bool hasEntry(const std::string& name);
-    // Forgets everything (tests).
-    static void clear();
 };
 
 }  // namespace FerritCore

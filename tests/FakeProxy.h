@@ -1,19 +1,26 @@
-// A Proxy for tests: serves answers from memory by URL, records every request, can fail, hold
-// answers back until released, answer any status or answer twice, and signs and verifies with a
-// test key (the signature of an MD5 is "test-key:" followed by it).
+// The one Proxy of the tests: serves answers from memory by URL and records every request, can fail,
+// hold answers back until released, answer any status or answer twice; signs and verifies with a
+// test key (the signature of an MD5 is "test-key:" followed by it); records every performance
+// record; answers on-demand loads at once; serves raw files from memory. Thread-safe where the
+// system calls it; the test reads the recorded values once the calls are done.
 #pragma once
 
+#include <openssl/evp.h>
+
 #include <deque>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <tuple>
+#include <unordered_map>
 #include <vector>
 
-#include "access/Digest.h"
-#include "runtime/Proxy.h"
-#include "runtime/Telemetry.h"
+#include "base/Digest.h"
+#include "base/Errors.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
 
 namespace FerritTest {
 
@@ -28,6 +35,35 @@ public:
         bool never = false;                // never answered
         bool twice = false;                // answered two times
     };
+    // A performance record as it was sent.
+    struct Record {
+        std::string name;
+        std::unordered_map<std::string, std::string> dimensions;
+        std::unordered_map<std::string, double> measures;
+    };
+
+    // ---- The test key.
+
+    // What the test key signs for an MD5 text.
+    static std::string signatureOf(const std::string& md5Hex) { return "test-key:" + md5Hex; }
+    static std::string base64(std::string_view bytes) {
+        std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+        const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                      reinterpret_cast<const unsigned char*>(bytes.data()),
+                                      static_cast<int>(bytes.size()));
+        out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        return out;
+    }
+    // A signed document as a configuration endpoint delivers it: "<json>||<base64 signature>".
+    static std::string sign(const std::string& json) {
+        return json + "||" + base64(signatureOf(FerritCore::Digest::md5Hex(json)));
+    }
+    // A signed resource list as a pack carries it: "<json>||<token>|<base64 signature>".
+    static std::string signIndex(const std::string& json) {
+        return json + "||token|" + base64(signatureOf(FerritCore::Digest::md5Hex(json)));
+    }
+
+    // ---- Requests.
 
     // The answer for a URL; requests to unknown URLs get 404.
     void serve(const std::string& url, Answer answer) {
@@ -39,26 +75,6 @@ public:
         answer.status = status;
         answer.body = std::move(body);
         serve(url, std::move(answer));
-    }
-
-    // A signed document as a configuration endpoint delivers it: "<json>||<base64 signature>".
-    static std::string sign(const std::string& json) {
-        const std::string signature = "test-key:" + FerritCore::Digest::md5Hex(json);
-        return json + "||" + base64(signature);
-    }
-    static std::string base64(const std::string& bytes) {
-        static const char* kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-        std::string out;
-        for (size_t i = 0; i < bytes.size(); i += 3) {
-            uint32_t n = static_cast<uint32_t>(static_cast<uint8_t>(bytes[i])) << 16;
-            if (i + 1 < bytes.size()) n |= static_cast<uint32_t>(static_cast<uint8_t>(bytes[i + 1])) << 8;
-            if (i + 2 < bytes.size()) n |= static_cast<uint8_t>(bytes[i + 2]);
-            out += kAlphabet[(n >> 18) & 63];
-            out += kAlphabet[(n >> 12) & 63];
-            out += i + 1 < bytes.size() ? kAlphabet[(n >> 6) & 63] : '=';
-            out += i + 2 < bytes.size() ? kAlphabet[n & 63] : '=';
-        }
-        return out;
     }
 
     void sendRequest(const FerritCore::ProxyRequest& request, FerritCore::ProxyCompletion completion) override {
@@ -92,14 +108,31 @@ public:
         return held.size();
     }
 
+    // ---- Signatures, records, push, modules.
+
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override {
         std::lock_guard<std::mutex> lock(mutex_);
         verified.push_back(md5Hex);
-        return signature == "test-key:" + md5Hex;
+        return acceptSignatures && signature == signatureOf(md5Hex);
     }
     void sendEvent(const FerritCore::PerfRecord& record) override {
         std::lock_guard<std::mutex> lock(mutex_);
         events.push_back(record.name());
+        records.push_back({record.name(), record.dimensions(), record.measures()});
+    }
+    // The records of one name, in the order they were sent.
+    std::vector<Record> named(const std::string& name) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<Record> found;
+        for (const Record& record : records) {
+            if (record.name == name) found.push_back(record);
+        }
+        return found;
+    }
+    void clearRecords() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events.clear();
+        records.clear();
     }
     bool registerPushTopic(const std::string& topic, std::function<void(const std::string&)> handler) override {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -107,14 +140,78 @@ public:
         if (pushSupported) pushHandlers[topic] = std::move(handler);
         return pushSupported;
     }
+    void loadOnDemand(const std::string& tag, std::function<void(const FerritCore::Error&)> completion) override {
+        FerritCore::Error error;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            loads.push_back(tag);
+            if (holdLoads) {
+                heldLoads_.push_back(std::move(completion));
+                return;
+            }
+            error = loadError;
+        }
+        if (completion) completion(error);
+    }
+    // Completes every held load with `loadError`; returns how many.
+    size_t releaseLoads() {
+        std::vector<std::function<void(const FerritCore::Error&)>> held;
+        FerritCore::Error error;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            held.swap(heldLoads_);
+            error = loadError;
+        }
+        for (auto& completion : held) {
+            if (completion) completion(error);
+        }
+        return held.size();
+    }
 
+    // ---- Raw files, from `assets` (path -> content); a path ending in "/" is a directory that
+    // exists when some asset lies below it.
+
+    bool assetExists(const std::string& path) override {
+        if (!path.empty() && path.back() == '/') return !assetList(path).empty();
+        return assets.count(path) != 0;
+    }
+    std::vector<std::string> assetList(const std::string& path) override {
+        std::vector<std::string> names;
+        for (const auto& [asset, content] : assets) {
+            if (!asset.starts_with(path) || asset.size() == path.size()) continue;
+            const std::string rest = asset.substr(path.size());
+            const size_t slash = rest.find('/');
+            const std::string name = slash == std::string::npos ? rest : rest.substr(0, slash + 1);
+            if (names.empty() || names.back() != name) names.push_back(name);
+        }
+        return names;
+    }
+    uint64_t assetSize(const std::string& path) override {
+        auto it = assets.find(path);
+        return it == assets.end() ? 0 : it->second.size();
+    }
+    std::string assetRead(const std::string& path, FerritCore::Error& error) override {
+        auto it = assets.find(path);
+        if (it == assets.end()) return Proxy::assetRead(path, error);
+        error.clear();
+        return it->second;
+    }
+
+    // Settings of the fake.
+    bool acceptSignatures = true;
     bool pushSupported = true;
+    FerritCore::Error loadError;  // what every on-demand load completes with
+    bool holdLoads = false;       // keep on-demand loads until releaseLoads()
+    std::map<std::string, std::string> assets;
+
+    // What the system did.
+    std::vector<FerritCore::ProxyRequest> requests;
+    std::vector<std::string> verified;  // the MD5 of every signature check, in order
+    std::vector<std::string> events;    // the name of every record, in order
+    std::vector<Record> records;
     std::vector<std::string> topics;
     std::map<std::string, std::function<void(const std::string&)>> pushHandlers;
-
-    std::vector<FerritCore::ProxyRequest> requests;
-    std::vector<std::string> verified;
-    std::vector<std::string> events;
+    std::vector<std::string> loads;
 
 private:
     static void deliver(const FerritCore::ProxyRequest& request, const Answer& answer,
@@ -132,9 +229,10 @@ private:
         }
     }
 
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::map<std::string, Answer> answers_;  // guarded by mutex_
     std::deque<std::tuple<FerritCore::ProxyRequest, Answer, FerritCore::ProxyCompletion>> held_;  // guarded by mutex_
+    std::vector<std::function<void(const FerritCore::Error&)>> heldLoads_;  // guarded by mutex_
 };
 
 }  // namespace FerritTest

@@ -1,4 +1,5 @@
-// Helpers shared by tests: a private temporary root per test.
+// Helpers shared by tests: a private temporary root per test, and the fixture that gives every
+// test a fresh process's state.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,6 +7,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+
+#include "base/Folder.h"
+#include "base/ProcessState.h"
 
 namespace FerritTest {
 
@@ -28,6 +32,19 @@ public:
 
 private:
     std::filesystem::path path_;
+};
+
+// Each test begins and ends with the process-wide state of a fresh process (one reset puts back
+// every singleton and every slot the composition root fills), with its own temporary root.
+class ProcessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        FerritCore::ProcessState::resetForTesting();
+        FerritCore::setRootPath(temp_.root());
+    }
+    void TearDown() override { FerritCore::ProcessState::resetForTesting(); }
+
+    TempDir temp_;
 };
 
 }  // namespace FerritTest

@@ -9,7 +9,7 @@
 #include <iostream>
 #include <sstream>
 
-#include "runtime/Telemetry.h"
+#include "base/Telemetry.h"
 
 namespace FerritTools {
 

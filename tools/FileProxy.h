@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime/Proxy.h"
+#include "base/Proxy.h"
 
 struct evp_pkey_st;
 

@@ -29,20 +29,19 @@
 #include <vector>
 
 #include "FileProxy.h"
-#include "access/ResourceIndex.h"
+#include "model/ResourceIndex.h"
 #include "ferritcore/Access.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "runtime/Environment.h"
+#include "base/Environment.h"
 #include "runtime/Settings.h"
-#include "runtime/Setup.h"
+#include "lifecycle/Services.h"
+#include "lifecycle/Setup.h"
 #include "runtime/TaskRunner.h"
-#include "storage/AssetProvider.h"
-#include "storage/Folder.h"
-#include "storage/PackedFiles.h"
-#include "update/BuiltinConfig.h"
-#include "update/SCache.h"
+#include "base/Folder.h"
+#include "model/BuiltinConfig.h"
+#include "model/SCache.h"
 
 using namespace FerritCore;
 using MarlLogger::json::JSON;
@@ -195,12 +194,12 @@ int main(int argc, char** argv) {
         std::cerr << "ferrit-request: no --public-key: no proxy is set, so no signed list verifies (1106)\n";
     }
     if (startup) printStatus("loading");
-    if (!startup) initFolders(root);
-    // Packs kept in the packs store are read from "packs/" under the root.
-    PackedFiles::set(PackedFiles::packsStore());
-    if (!assets.empty()) {
-        AssetProvider::set(std::make_shared<RawFileProvider>(assets));
-        BuiltinConfig::setAssetReader([](const std::string& path, Error& error) { return Assets::readAsset(path, error); });
+    if (!startup) {
+        // The library's own wiring, as setProxy does it, without the stored configuration: the
+        // records come from --config.
+        initFolders(root);
+        Services::wire();
+        if (!assets.empty()) Services::attachAssets(assets);
     }
 
     if (!configFile.empty()) {
@@ -217,7 +216,7 @@ int main(int argc, char** argv) {
         if (!parseError.empty()) return usage("configuration: " + parseError);
     }
     if (startup) {
-        Setup::setProxy(fileProxy, root);  // folders, then the stored and the built-in configuration
+        Setup::setProxy(fileProxy, root, assets);  // folders, then the stored and the built-in configuration
         printStatus("setProxy");
     }
     std::string reason;

@@ -28,7 +28,7 @@
 #include <string>
 #include <vector>
 
-#include "access/Digest.h"
+#include "base/Digest.h"
 #include "marl/Json.h"
 
 using MarlLogger::json::JSON;

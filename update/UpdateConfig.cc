@@ -2,23 +2,22 @@
 
 #include <random>
 
-#include "access/Errors.h"
+#include "base/Errors.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/Environment.h"
-#include "runtime/LogTags.h"
+#include "base/Environment.h"
+#include "base/LogTags.h"
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
-#include "update/BuiltinConfig.h"
-#include "update/FConfig.h"
-#include "update/SCache.h"
+#include "model/BuiltinConfig.h"
+#include "model/FConfig.h"
+#include "model/SCache.h"
 
 namespace FerritCore {
 namespace {
 
-constexpr uint32_t kInitialConfigFinished = 1024;
 
 // Spreads the clients that follow one push over its delay.
 double randomFraction() {
@@ -31,7 +30,7 @@ double randomFraction() {
 }  // namespace
 
 UpdateConfig& UpdateConfig::instance() {
-    static UpdateConfig* updater = new UpdateConfig();  // lives until the process ends
+    static UpdateConfig* const updater = ProcessState::create<UpdateConfig>([](UpdateConfig& u) { u.reset(); });
     return *updater;
 }
 
@@ -217,7 +216,7 @@ void UpdateConfig::loadAtStart() {
     }
 }
 
-void UpdateConfig::resetForTesting() {
+void UpdateConfig::reset() {
     lastCheck_ = -1e300;
     lastSuccess_ = 0;
     initial_ = false;

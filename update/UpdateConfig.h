@@ -15,8 +15,9 @@
 #include <vector>
 
 #include "ferritcore/Error.h"
+#include "base/ProcessState.h"
 #include "runtime/RepeatingTimer.h"
-#include "runtime/Telemetry.h"
+#include "base/Telemetry.h"
 
 namespace FerritCore {
 
@@ -56,11 +57,12 @@ public:
     bool busy() const { return busy_; }
     bool initial() const { return initial_; }
     const std::string& url() const { return url_; }
-    // Back to a fresh singleton (tests). Drops listeners without calling them.
-    void resetForTesting();
-
 private:
+    friend UpdateConfig* ProcessState::create<UpdateConfig>(void (*)(UpdateConfig&));
     UpdateConfig() = default;
+    // Back to a fresh singleton (ProcessState::resetForTesting). Drops listeners without calling
+    // them.
+    void reset();
     void onResponse(uint64_t run, std::string body, Error error);
 
     // Worker only.

@@ -2,21 +2,31 @@
 
 #include <mutex>
 
-#include "access/Errors.h"
+#include "base/Errors.h"
+#include "base/ProcessState.h"
 #include "marl/Log.h"
-#include "runtime/Telemetry.h"
-#include "runtime/LogTags.h"
+#include "base/Telemetry.h"
+#include "base/LogTags.h"
 
 namespace FerritCore {
 namespace {
 
-std::mutex gMutex;
-UpdateQueue::Handler gHandler;    // guarded by gMutex
-UpdateQueue::Controls gControls;  // guarded by gMutex
+struct State {
+    std::mutex mutex;
+    UpdateQueue::Controls controls;  // guarded by mutex
+};
+
+State& state() {
+    static State* const instance = ProcessState::create<State>([](State& s) {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.controls = {};
+    });
+    return *instance;
+}
 
 UpdateQueue::Controls controls() {
-    std::lock_guard<std::mutex> lock(gMutex);
-    return gControls;
+    std::lock_guard<std::mutex> lock(state().mutex);
+    return state().controls;
 }
 
 void logControl(const char* what, int trigger) {
@@ -28,15 +38,6 @@ void logControl(const char* what, int trigger) {
 }  // namespace
 
 void UpdateQueue::request(const std::string& name, int trigger, Completion completion) {
-    Handler handler;
-    {
-        std::lock_guard<std::mutex> lock(gMutex);
-        handler = gHandler;
-    }
-    if (handler) {
-        handler(name, trigger, std::move(completion));  // never under the lock
-        return;
-    }
     Error error = Errors::updateDisabled();
     MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kQueue)
         .event("request")
@@ -44,11 +45,6 @@ void UpdateQueue::request(const std::string& name, int trigger, Completion compl
         .append("trigger", triggerName(trigger))
         .error(error);
     if (completion) completion(error);
-}
-
-void UpdateQueue::setHandler(Handler handler) {
-    std::lock_guard<std::mutex> lock(gMutex);
-    gHandler = std::move(handler);
 }
 
 }  // namespace FerritCore
@@ -71,8 +67,8 @@ void UpdateQueue::resume() {
 }
 
 void UpdateQueue::setControls(Controls newControls) {
-    std::lock_guard<std::mutex> lock(gMutex);
-    gControls = std::move(newControls);
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().controls = std::move(newControls);
 }
 
 }  // namespace FerritCore

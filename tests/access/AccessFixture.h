@@ -1,5 +1,5 @@
-// A clean process-wide state for each access test: empty configuration, default settings, no
-// proxy, an empty index pool and task queue, a manual clock, captured logs and a private root.
+// A fresh process for each access test, with a private root, the test proxy, a recording update
+// requester, a manual clock and captured logs.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,25 +10,24 @@
 #include <tuple>
 #include <vector>
 
-#include <openssl/evp.h>
-
-#include "TestUtil.h"
-#include "access/Digest.h"
-#include "access/ResourceIndex.h"
+#include "base/Digest.h"
+#include "model/ResourceIndex.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "runtime/Environment.h"
-#include "runtime/Proxy.h"
+#include "base/Environment.h"
+#include "base/Proxy.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
-#include "runtime/Telemetry.h"
-#include "storage/AssetProvider.h"
-#include "storage/Folder.h"
-#include "storage/PackedFiles.h"
+#include "base/Telemetry.h"
+#include "base/AssetProvider.h"
+#include "base/Folder.h"
+#include "base/PackedFiles.h"
 #include "storage/Statistics.h"
-#include "update/SCache.h"
-#include "update/UpdateQueue.h"
+#include "model/SCache.h"
+#include "access/UpdateRequester.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
 
 namespace FerritTest {
 
@@ -40,77 +39,36 @@ struct UpdateRequest {
     int trigger;
 };
 
-// The test signature scheme: the bytes "signed:" followed by the MD5 text. A real host verifies
-// an asymmetric signature; what matters here is that a signature over other text is refused.
-inline std::string testSignature(const std::string& md5Hex) {
-    return "signed:" + md5Hex;
-}
-
-inline std::string base64(std::string_view bytes) {
-    std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-    const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
-    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    return out;
-}
-
-// An index file as a pack carries it: the JSON, "||", a token, "|", the base64 signature.
-inline std::string signedIndex(const std::string& json) {
-    return json + "||token|" + base64(testSignature(Digest::md5Hex(json)));
-}
+// An index file as a pack carries it, signed with the test key.
+inline std::string signedIndex(const std::string& json) { return FakeProxy::signIndex(json); }
 inline std::string signedIndex(const MarlLogger::json::JSON& table) {
     return signedIndex(table.isNull() ? std::string("{}") : table.toString());
 }
 
-// Records performance records; signatures are accepted when they follow the test scheme and
-// `accept` is set, so that a test can refuse them all.
-class RecordingProxy : public Proxy {
+// Records the read path's update requests and answers each at once: through `answer` when a test
+// sets it (to do what the update would do), else with success.
+class RecordingRequester : public UpdateRequester {
 public:
-    bool verifySignature(const std::string& md5Hex, const std::string& signature) override {
-        ++verifications;
-        return accept && signature == testSignature(md5Hex);
+    void request(const std::string& name, int trigger, Completion completion) override {
+        requests.push_back({name, trigger});
+        if (answer) {
+            answer(name, std::move(completion));
+        } else if (completion) {
+            completion(Error());
+        }
     }
-    void sendEvent(const PerfRecord& record) override {
-        names.push_back(record.name());
-        dimensions.push_back(record.dimensions());
-    }
-    bool accept = true;
-    int verifications = 0;
-    std::vector<std::string> names;
-    std::vector<std::unordered_map<std::string, std::string>> dimensions;
+    std::vector<UpdateRequest> requests;
+    std::function<void(const std::string& name, Completion completion)> answer;
 };
 
-class AccessFixture : public ::testing::Test {
+class AccessFixture : public ProcessTest {
 protected:
     void SetUp() override {
-        SCache::reset();
-        Settings::reset();
-        Environment::instance().resetForTesting();
-        ResourceIndexPool::reset();
-        ResourceIndexPool::setLoader(nullptr);
-        Statistics::clear();
-        TaskRunner::clear();
-        AssetProvider::set(nullptr);
-        PackedFiles::set(nullptr);
-        setRootPath(temp_.root());
-        // Indexes are signed: a proxy that checks the test scheme is there unless a test removes it.
-        proxy_ = std::make_shared<RecordingProxy>();
+        ProcessTest::SetUp();
+        // Indexes are signed: a proxy that checks the test key is there unless a test removes it.
+        proxy_ = std::make_shared<FakeProxy>();
         Environment::instance().setProxy(proxy_);
-        UpdateQueue::setHandler([this](const std::string& name, int trigger, UpdateQueue::Completion done) {
-            updates.push_back({name, trigger});
-            if (done) done(Error());
-        });
-    }
-    void TearDown() override {
-        UpdateQueue::setHandler(nullptr);
-        ResourceIndexPool::setLoader(nullptr);
-        ResourceIndexPool::reset();
-        AssetProvider::set(nullptr);
-        PackedFiles::set(nullptr);
-        TaskRunner::clear();
-        SCache::reset();
-        Settings::reset();
-        Environment::instance().resetForTesting();
+        UpdateRequester::set(requester_);
     }
 
     // A record; type is one of the PackType values.
@@ -180,11 +138,11 @@ protected:
         std::ofstream(path, std::ios::binary) << content;
     }
 
-    TempDir temp_;
-    std::shared_ptr<RecordingProxy> proxy_;
+    std::shared_ptr<FakeProxy> proxy_;
+    std::shared_ptr<RecordingRequester> requester_ = std::make_shared<RecordingRequester>();
+    std::vector<UpdateRequest>& updates = requester_->requests;
     MarlLogger::ScopedManualClock clock_;
     MarlLogger::ScopedCapture logs_;
-    std::vector<UpdateRequest> updates;
 };
 
 }  // namespace FerritTest

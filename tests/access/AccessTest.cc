@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "AccessFixture.h"
-#include "access/Errors.h"
+#include "tests/access/AccessFixture.h"
+#include "base/Errors.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
-#include "access/Url.h"
+#include "base/Url.h"
 #include "ferritcore/Access.h"
 
 namespace FerritTest {
@@ -299,7 +299,7 @@ TEST_F(AccessTest, SCacheFileTypeSettingReplacesDefaults) {
     const auto settings = Settings::current();
     EXPECT_TRUE(fileTypeClaimed(*settings, "image.PNG"));
     EXPECT_FALSE(fileTypeClaimed(*settings, "a.js"));
-    Settings::reset();
+    Settings::change([](Settings& s) { s.scacheFileType.clear(); });
     EXPECT_FALSE(fileTypeClaimed(*Settings::current(), "image.PNG"));
     EXPECT_TRUE(fileTypeClaimed(*Settings::current(), "//h/a.CSS"));
     EXPECT_FALSE(fileTypeClaimed(*Settings::current(), "//h/noext"));
@@ -343,39 +343,39 @@ TEST_F(AccessTest, HttpUrlIsForcedToHttpsUnlessSwitchedOff) {
 
 TEST_F(AccessTest, ProxyReceivesVisitRecords) {
     installAppPack(3, 3);
-    auto proxy = std::make_shared<RecordingProxy>();
+    auto proxy = std::make_shared<FakeProxy>();
     Environment::instance().setProxy(proxy);
     Environment::instance().setSessionName("Ferrit_MAIN_1.0");
     {
         auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
         ASSERT_FALSE(response->error);
     }
-    ASSERT_EQ(proxy->names.size(), 2u);
-    EXPECT_EQ(proxy->names[0], "Ferrit.VisitPerf");
-    EXPECT_EQ(proxy->dimensions[0].at("resourceCount"), "1");
-    EXPECT_EQ(proxy->dimensions[0].at("type"), "sync");
-    EXPECT_EQ(proxy->names[1], "Ferrit.AppVisit");
-    EXPECT_EQ(proxy->dimensions[1].at("visitType"), "NF");
-    EXPECT_EQ(proxy->dimensions[1].at("sessionID"), "Ferrit_MAIN_1.0");
-    EXPECT_EQ(proxy->dimensions[1].at("appName"), "app");
+    ASSERT_EQ(proxy->events.size(), 2u);
+    EXPECT_EQ(proxy->events[0], "Ferrit.VisitPerf");
+    EXPECT_EQ(proxy->records[0].dimensions.at("resourceCount"), "1");
+    EXPECT_EQ(proxy->records[0].dimensions.at("type"), "sync");
+    EXPECT_EQ(proxy->events[1], "Ferrit.AppVisit");
+    EXPECT_EQ(proxy->records[1].dimensions.at("visitType"), "NF");
+    EXPECT_EQ(proxy->records[1].dimensions.at("sessionID"), "Ferrit_MAIN_1.0");
+    EXPECT_EQ(proxy->records[1].dimensions.at("appName"), "app");
 }
 
 TEST_F(AccessTest, NoAppVisitForUnmatchedUrl) {
-    auto proxy = std::make_shared<RecordingProxy>();
+    auto proxy = std::make_shared<FakeProxy>();
     Environment::instance().setProxy(proxy);
     { Access::getResource(ResourceRequest("https://nowhere.com/x.js", "")); }
-    ASSERT_EQ(proxy->names.size(), 1u);
-    EXPECT_EQ(proxy->names[0], "Ferrit.VisitPerf");
+    ASSERT_EQ(proxy->events.size(), 1u);
+    EXPECT_EQ(proxy->events[0], "Ferrit.VisitPerf");
 }
 
 TEST_F(AccessTest, SecondVisitIsNotFirst) {
     installAppPack(3, 3);
-    auto proxy = std::make_shared<RecordingProxy>();
+    auto proxy = std::make_shared<FakeProxy>();
     Environment::instance().setProxy(proxy);
     { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }
     { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }
-    ASSERT_EQ(proxy->dimensions.size(), 4u);
-    EXPECT_EQ(proxy->dimensions[3].at("visitType"), "N");
+    ASSERT_EQ(proxy->records.size(), 4u);
+    EXPECT_EQ(proxy->records[3].dimensions.at("visitType"), "N");
 }
 
 TEST_F(AccessTest, CooldownOpensCrossOriginHeaders) {

@@ -3,15 +3,15 @@
 // backup copies; and what bad input in a pack gives.
 #include <gtest/gtest.h>
 
-#include "AccessFixture.h"
-#include "access/Digest.h"
-#include "access/Errors.h"
+#include "tests/access/AccessFixture.h"
+#include "base/Digest.h"
+#include "base/Errors.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
-#include "access/Url.h"
+#include "base/Url.h"
 #include "ferritcore/Access.h"
-#include "storage/MemoryPackedFiles.h"
-#include "update/BuiltinConfig.h"
+#include "tests/MemoryPackedFiles.h"
+#include "model/BuiltinConfig.h"
 
 namespace FerritTest {
 namespace {
@@ -19,41 +19,11 @@ namespace {
 using MarlLogger::json::JSON;
 using MarlLogger::json::JSONObject;
 
-// Loads on-demand modules: at once (with `loadError`), or held until the test releases them.
-class ModuleProxy : public RecordingProxy {
-public:
-    void loadOnDemand(const std::string& tag, std::function<void(const Error&)> completion) override {
-        loads.push_back(tag);
-        if (hold) {
-            held.push_back(std::move(completion));
-            return;
-        }
-        if (completion) completion(loadError);
-    }
-    void releaseAll() {
-        auto pending = std::move(held);
-        held.clear();
-        for (auto& completion : pending)
-            if (completion) completion(loadError);
-    }
-    Error loadError;
-    bool hold = false;
-    std::vector<std::string> loads;
-    std::vector<std::function<void(const Error&)>> held;
-};
-
 class ReadFlowTest : public AccessFixture {
 protected:
     void SetUp() override {
         AccessFixture::SetUp();
-        modules_ = std::make_shared<ModuleProxy>();
-        proxy_ = modules_;
-        Environment::instance().setProxy(modules_);
         AssetProvider::set(std::make_shared<RawFileProvider>(raw_.root()));
-    }
-    void TearDown() override {
-        BuiltinConfig::setAssetReader(nullptr);
-        AccessFixture::TearDown();
     }
 
     void writeRaw(const std::string& relative, const std::string& content) {
@@ -98,7 +68,6 @@ protected:
     }
 
     TempDir raw_;
-    std::shared_ptr<ModuleProxy> modules_;
 };
 
 const std::string kHtml = "<!doctype html><title>shop</title><script src=app.js></script>";
@@ -155,7 +124,6 @@ TEST_F(ReadFlowTest, BuiltInConfigurationAssetServesItsPack) {
     document.set("resources", JSON(JSONObject{{"kit", tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}})}}));
     writeRaw("Ferrit_Asset.config", document.toString());
     writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
-    BuiltinConfig::setAssetReader([](const std::string& path, Error& error) { return Assets::readAsset(path, error); });
     Error loadError;
     SCache::mutate([&](FConfig& config) { loadError = BuiltinConfig::load(config); });
     ASSERT_FALSE(loadError) << loadError.message();
@@ -245,26 +213,26 @@ TEST_F(OnDemandTest, SyncFormGives1108AndAsyncFormSucceeds) {
     auto sync = Access::getResource(ResourceRequest("https://od.com/a.js", ""));
     EXPECT_EQ(sync->error.code(), 1108);
     EXPECT_EQ(sync->error.message(), "file \"/OnDemand(Ferrit_Asset_od)/Ferrit_Asset_od/1/res/a.js\" can only read asynchronous");
-    EXPECT_TRUE(modules_->loads.empty());
+    EXPECT_TRUE(proxy_->loads.empty());
 
     auto async = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(async, nullptr);
     ASSERT_FALSE(async->error) << async->error.message();
     EXPECT_EQ(async->data, kScript);
     EXPECT_EQ(async->header.at("X-Ferrit-Info"), "S:od@1,0");
-    EXPECT_EQ(modules_->loads, std::vector<std::string>{"Ferrit_Asset_od"});
+    EXPECT_EQ(proxy_->loads, std::vector<std::string>{"Ferrit_Asset_od"});
     EXPECT_EQ(logs_->count("start", "Ferrit/Read"), 1u);
     EXPECT_EQ(logs_->last("start", "Ferrit/Read").field("type").stringValue(), "OnDemandResource");
     EXPECT_EQ(logs_->count("finish", "Ferrit/Read"), 1u);
-    EXPECT_NE(std::find(modules_->names.begin(), modules_->names.end(), "Ferrit.OnDemand"), modules_->names.end());
+    EXPECT_NE(std::find(proxy_->events.begin(), proxy_->events.end(), "Ferrit.OnDemand"), proxy_->events.end());
 }
 
 TEST_F(OnDemandTest, AsyncFormCompletesOnTheThreadThatLoadsTheModule) {
-    modules_->hold = true;
+    proxy_->holdLoads = true;
     std::unique_ptr<ResourceResponse> got;
     Access::getResource(ResourceRequest("https://od.com/a.js", ""), [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
     EXPECT_EQ(got, nullptr);
-    modules_->releaseAll();
+    proxy_->releaseLoads();
     ASSERT_NE(got, nullptr);
     EXPECT_EQ(got->data, kScript);
 }
@@ -282,11 +250,11 @@ TEST_F(OnDemandTest, SubProcessGives2004) {
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
     EXPECT_EQ(response->error.code(), 2004);
-    EXPECT_TRUE(modules_->loads.empty());
+    EXPECT_TRUE(proxy_->loads.empty());
 }
 
 TEST_F(OnDemandTest, FailedModuleReadsTheBackupCopyThatIsThere) {
-    modules_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(1003, std::string("no module"));
     installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "backup bytes"}}), "backup bytes");
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
@@ -296,12 +264,11 @@ TEST_F(OnDemandTest, FailedModuleReadsTheBackupCopyThatIsThere) {
 }
 
 TEST_F(OnDemandTest, FailedModuleFetchesTheBackupThenReadsIt) {
-    modules_->loadError = Error(1003, std::string("no module"));
-    UpdateQueue::setHandler([this](const std::string& name, int trigger, UpdateQueue::Completion done) {
-        updates.push_back({name, trigger});
+    proxy_->loadError = Error(1003, std::string("no module"));
+    requester_->answer = [this](const std::string&, UpdateRequester::Completion done) {
         installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "fetched"}}), "fetched");
         if (done) done(Error());
-    });
+    };
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
     ASSERT_FALSE(response->error) << response->error.message();
@@ -312,7 +279,7 @@ TEST_F(OnDemandTest, FailedModuleFetchesTheBackupThenReadsIt) {
 }
 
 TEST_F(OnDemandTest, BackupWithoutTheUrlGives3113) {
-    modules_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(1003, std::string("no module"));
     installBackup(tableOf({{"res/other.js", "https://od.com/other.js", "x"}}), "x");
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
@@ -323,17 +290,17 @@ TEST_F(OnDemandTest, BackupWithoutTheUrlGives3113) {
 }
 
 TEST_F(OnDemandTest, FailedFetchOfTheBackupPassesItsError) {
-    modules_->loadError = Error(1003, std::string("no module"));
-    UpdateQueue::setHandler([](const std::string&, int, UpdateQueue::Completion done) {
+    proxy_->loadError = Error(1003, std::string("no module"));
+    requester_->answer = [](const std::string&, UpdateRequester::Completion done) {
         if (done) done(Errors::networkNotSupported("od@1", "None"));
-    });
+    };
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
     EXPECT_EQ(response->error.code(), 2001);
 }
 
 TEST_F(OnDemandTest, FetchThatBringsNoBackupGives3113) {
-    modules_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(1003, std::string("no module"));
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
     EXPECT_EQ(response->error.code(), 3113);
@@ -341,7 +308,7 @@ TEST_F(OnDemandTest, FetchThatBringsNoBackupGives3113) {
 }
 
 TEST_F(OnDemandTest, BackupWhoseFileIsGoneGives1101AndAsksForItsReinstall) {
-    modules_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(1003, std::string("no module"));
     installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "backup bytes"}}), "backup bytes");
     std::filesystem::remove(temp_.path() / "apps/od/1/res/a.js");
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
@@ -390,11 +357,11 @@ TEST_F(GroupFlowTest, FailureOfTheFirstPartStopsLaterParts) {
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(error.code(), 1103);
     // The on-demand part after it was never read.
-    EXPECT_TRUE(modules_->loads.empty());
+    EXPECT_TRUE(proxy_->loads.empty());
 }
 
 TEST_F(GroupFlowTest, PartThatFinishesAfterAFailureDoesNothing) {
-    modules_->hold = true;
+    proxy_->holdLoads = true;
     auto resource = std::make_shared<Resource>(context_, "", false);
     resource->addPart(partFor("https://od.com/a.js", "od"), 0);
     resource->addPart(partFor("https://h.com/app/empty.js", "app"), 0);
@@ -405,8 +372,7 @@ TEST_F(GroupFlowTest, PartThatFinishesAfterAFailureDoesNothing) {
         EXPECT_EQ(e.code(), 1103);
     });
     EXPECT_EQ(calls, 1);
-    ASSERT_EQ(modules_->held.size(), 1u);
-    modules_->releaseAll();
+    ASSERT_EQ(proxy_->releaseLoads(), 1u);
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(resource->group->remaining.load(), -1);
 }

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "AccessFixture.h"
+#include "tests/access/AccessFixture.h"
 #include "access/Resource.h"
 
 namespace FerritTest {

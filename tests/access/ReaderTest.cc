@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include "AccessFixture.h"
-#include "access/Digest.h"
-#include "access/Errors.h"
+#include "tests/access/AccessFixture.h"
+#include "base/Digest.h"
+#include "base/Errors.h"
 #include "access/Matcher.h"
-#include "access/Url.h"
+#include "base/Url.h"
 
 namespace FerritTest {
 namespace {
@@ -149,8 +149,7 @@ TEST_F(ReaderTest, LoadSendsAppVisitFirstRcfThenRc) {
     load("shop");
     load("shop");
     std::vector<std::string> visits;
-    for (size_t i = 0; i < proxy_->names.size(); ++i)
-        if (proxy_->names[i] == "Ferrit.AppVisit") visits.push_back(proxy_->dimensions[i].at("visitType"));
+    for (const FakeProxy::Record& record : proxy_->named("Ferrit.AppVisit")) visits.push_back(record.dimensions.at("visitType"));
     EXPECT_EQ(visits, (std::vector<std::string>{"RCF", "RC"}));
 }
 
@@ -168,9 +167,9 @@ TEST_F(ReaderTest, LoadOfUnknownPackAsksForItAndGives3101WhenStillUnknown) {
 }
 
 TEST_F(ReaderTest, LoadPassesTheErrorOfTheUpdateOn) {
-    UpdateQueue::setHandler([](const std::string&, int, UpdateQueue::Completion done) {
+    requester_->answer = [](const std::string&, UpdateRequester::Completion done) {
         done(Errors::networkNotSupported("shop", "None"));
-    });
+    };
     auto [reader, error] = load("shop");
     EXPECT_EQ(reader, nullptr);
     EXPECT_EQ(error.code(), 2001);
@@ -178,12 +177,11 @@ TEST_F(ReaderTest, LoadPassesTheErrorOfTheUpdateOn) {
 
 TEST_F(ReaderTest, LoadRetriesTheMatchOnceTheUpdateHasInstalledThePack) {
     install({pack("shop", kPackTypeACache, 0, 3)});
-    UpdateQueue::setHandler([this](const std::string& name, int trigger, UpdateQueue::Completion done) {
-        updates.push_back({name, trigger});
+    requester_->answer = [this](const std::string&, UpdateRequester::Completion done) {
         if (!done) return;
         installShop();  // what the update would have done
         done(Error());
-    });
+    };
     auto [reader, error] = load("shop");
     ASSERT_NE(reader, nullptr) << error.message();
     Error readError;

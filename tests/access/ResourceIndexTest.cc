@@ -1,11 +1,11 @@
-#include "access/ResourceIndex.h"
+#include "model/ResourceIndex.h"
 
 #include <gtest/gtest.h>
 
-#include "AccessFixture.h"
-#include "access/Digest.h"
-#include "access/Errors.h"
-#include "storage/MemoryPackedFiles.h"
+#include "tests/access/AccessFixture.h"
+#include "base/Digest.h"
+#include "base/Errors.h"
+#include "tests/MemoryPackedFiles.h"
 
 namespace FerritTest {
 namespace {
@@ -50,14 +50,14 @@ TEST_F(ResourceIndexTest, SignatureIsCheckedOverTheMd5OfTheBody) {
     EXPECT_FALSE(error);
     EXPECT_EQ(table["res/a.js"]["v"].stringValue(), "00");
     // An empty token is a token as well.
-    ASSERT_TRUE(ResourceIndex::parseSigned(folder(), body + "|||" + base64(testSignature(Digest::md5Hex(body))), table, error));
+    ASSERT_TRUE(ResourceIndex::parseSigned(folder(), body + "|||" + FakeProxy::base64(FakeProxy::signatureOf(Digest::md5Hex(body))), table, error));
 }
 
 TEST_F(ResourceIndexTest, RefusedSignatureGives1106WithTheMd5) {
     const std::string body = "{}";
     JSON table;
     Error error;
-    EXPECT_FALSE(ResourceIndex::parseSigned(folder(), body + "||t|" + base64(testSignature(Digest::md5Hex("other"))), table, error));
+    EXPECT_FALSE(ResourceIndex::parseSigned(folder(), body + "||t|" + FakeProxy::base64(FakeProxy::signatureOf(Digest::md5Hex("other"))), table, error));
     EXPECT_EQ(error.code(), 1106);
     EXPECT_EQ(error.message(), "file \"apps/p/1/\" verify failed: MD5 is \"" + Digest::md5Hex(body) + "\"");
 }
@@ -189,7 +189,7 @@ TEST_F(ResourceIndexTest, FullListRecordWithoutMd5FailsTheWholeIndex) {
 }
 
 TEST_F(ResourceIndexTest, IncrementThatDoesNotVerifyFailsTheIndex) {
-    writeFile("apps/p/1/app-res-incr.hvc", "{}||t|" + base64("forged"));
+    writeFile("apps/p/1/app-res-incr.hvc", "{}||t|" + FakeProxy::base64("forged"));
     writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/a.js", ""}})));
     ResourceIndex index("p", folder());
     EXPECT_EQ(index.error().code(), 1106);
@@ -322,16 +322,16 @@ TEST_F(ResourceIndexTest, PoolLoadsAPackFromItsFolderOnce) {
     const PackPtr p = SCache::current()->find("app");
     ResourceIndexPtr first = ResourceIndexPool::get(*p);
     ASSERT_FALSE(first->error()) << first->error().message();
-    EXPECT_EQ(proxy_->verifications, 1);
+    EXPECT_EQ(proxy_->verified.size(), 1u);
     EXPECT_EQ(ResourceIndexPool::get(*p), first);
-    EXPECT_EQ(proxy_->verifications, 1);
+    EXPECT_EQ(proxy_->verified.size(), 1u);
     // After an install the pack is read again.
     ResourceIndexPool::remove("app");
     EXPECT_NE(ResourceIndexPool::get(*p), first);
-    EXPECT_EQ(proxy_->verifications, 2);
+    EXPECT_EQ(proxy_->verified.size(), 2u);
     ResourceIndexPool::clear();
     ResourceIndexPool::get(*p);
-    EXPECT_EQ(proxy_->verifications, 3);
+    EXPECT_EQ(proxy_->verified.size(), 3u);
 }
 
 TEST_F(ResourceIndexTest, PoolStoresAFailedLoad) {
@@ -385,7 +385,7 @@ TEST_F(ResourceIndexTest, PoolLoaderReplacesFolderReading) {
     auto built = std::make_shared<const ResourceIndex>("app", table({{"res/x.js", ""}}));
     ResourceIndexPool::setLoader([&](const Pack&) { return built; });
     EXPECT_EQ(ResourceIndexPool::get(*SCache::current()->find("app")), built);
-    ResourceIndexPool::reset();
+    ResourceIndexPool::clear();
     ResourceIndexPool::setLoader([](const Pack&) { return ResourceIndexPtr(); });
     EXPECT_EQ(ResourceIndexPool::get(*SCache::current()->find("app"))->error().code(), 3112);
 }

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "FakeProxy.h"
-#include "TestUtil.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
 #include "marl/Clock.h"
-#include "runtime/Environment.h"
+#include "base/Environment.h"
 #include "runtime/Network.h"
 #include "runtime/TaskRunner.h"
 
@@ -12,20 +12,13 @@ namespace {
 
 using namespace FerritCore;
 
-class NetworkTest : public ::testing::Test {
+class NetworkTest : public ProcessTest {
 protected:
     void SetUp() override {
-        Environment::instance().resetForTesting();
-        TaskRunner::clear();
-        setRootPath(temp_.root());
+        ProcessTest::SetUp();
         proxy_ = std::make_shared<FakeProxy>();
         Environment::instance().setProxy(proxy_);
         Environment::instance().setReferer("Ferrit/10.10.0-rc.5_key/1.0");
-    }
-    void TearDown() override {
-        TaskRunner::clear();
-        Environment::instance().resetForTesting();
-        Network::setNetworkStatus(0);
     }
     // Runs a configuration request and the worker; returns what the completion got.
     std::pair<std::string, Error> config(const std::string& url) {
@@ -47,7 +40,6 @@ protected:
         return got;
     }
 
-    TempDir temp_;
     MarlLogger::ScopedManualClock clock_;
     std::shared_ptr<FakeProxy> proxy_;
 };
@@ -204,20 +196,20 @@ TEST_F(NetworkTest, PackFailuresArePosted) {
 
 TEST_F(NetworkTest, NetworkStatusGatesDownloads) {
     std::string reason;
-    Network::setNetworkStatus(0);
+    Environment::instance().setNetworkStatusValue(0);
     EXPECT_FALSE(Network::downloadAllowed(0, reason));
     EXPECT_EQ(reason, "None");
-    Network::setNetworkStatus(1);
+    Environment::instance().setNetworkStatusValue(1);
     EXPECT_TRUE(Network::downloadAllowed(0, reason));
-    Network::setNetworkStatus(2);
+    Environment::instance().setNetworkStatusValue(2);
     EXPECT_FALSE(Network::downloadAllowed(1u << 15, reason));
     EXPECT_EQ(reason, "Slow cellular");
     EXPECT_TRUE(Network::downloadAllowed(1u << 14, reason));
-    Network::setNetworkStatus(3);
+    Environment::instance().setNetworkStatusValue(3);
     EXPECT_FALSE(Network::downloadAllowed(1u << 14, reason));
     EXPECT_EQ(reason, "Fast cellular");
     EXPECT_TRUE(Network::downloadAllowed(1u << 15, reason));
-    Network::setNetworkStatus(7);
+    Environment::instance().setNetworkStatusValue(7);
     EXPECT_FALSE(Network::downloadAllowed(~0ull, reason));
     EXPECT_TRUE(reason.empty());
 }

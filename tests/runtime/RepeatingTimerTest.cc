@@ -8,7 +8,7 @@
 #include "marl/Clock.h"
 #include "runtime/TaskRunner.h"
 #include "runtime/TimeMarks.h"
-#include "tests/runtime/FakeMarkStore.h"
+#include "tests/FakeMarkStore.h"
 
 namespace FerritCore {
 namespace {

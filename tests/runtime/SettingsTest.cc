@@ -7,23 +7,16 @@
 #include <vector>
 
 #include "marl/Clock.h"
-#include "runtime/Environment.h"
+#include "tests/TestUtil.h"
+#include "base/Environment.h"
 
 namespace FerritCore {
 namespace {
 
 using MarlLogger::json::JSON;
 
-class SettingsTest : public ::testing::Test {
+class SettingsTest : public FerritTest::ProcessTest {
   protected:
-    void SetUp() override {
-        Settings::reset();
-        Environment::instance().resetForTesting();
-    }
-    void TearDown() override {
-        Settings::reset();
-        Environment::instance().resetForTesting();
-    }
     static std::shared_ptr<const Settings> now() { return Settings::current(); }
 
     MarlLogger::ScopedManualClock clock_;

@@ -7,18 +7,19 @@
 
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "storage/ConfigStore.h"
-#include "storage/Folder.h"
+#include "base/Folder.h"
 #include "tests/TestUtil.h"
-#include "tests/runtime/FakeMarkStore.h"
+#include "tests/FakeMarkStore.h"
 
 namespace FerritCore {
 namespace {
 
-class TimeMarksTest : public ::testing::Test {
+class TimeMarksTest : public FerritTest::ProcessTest {
   protected:
-    void SetUp() override { TimeMarks::setStore(marks_); }
-    void TearDown() override { TimeMarks::setStore(nullptr); }
+    void SetUp() override {
+        ProcessTest::SetUp();
+        TimeMarks::setStore(marks_);
+    }
     std::shared_ptr<FakeMarkStore> marks_ = std::make_shared<FakeMarkStore>();
 };
 
@@ -56,52 +57,17 @@ TEST_F(TimeMarksTest, WriteMarkStoresValueUnderMarksPrefix) {
     EXPECT_EQ(marks_->writes(), 1u);
 }
 
-// The marks of the process live in the shared configuration store.
-class TimeMarksStoreTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        savedRoot_ = rootPath();
-        setRootPath(temp_.root());
-        ConfigStore::resetForTesting();
-        TimeMarks::setStore(nullptr);
-    }
-    void TearDown() override {
-        ConfigStore::instance().close();
-        setRootPath(savedRoot_.empty() ? "/" : savedRoot_);
-    }
+// Before the composition root installs a store, marks live in memory, for the process's life.
+class TimeMarksWithoutStoreTest : public FerritTest::ProcessTest {};
 
-    FerritTest::TempDir temp_;
-    MarlLogger::ScopedManualClock clock_;
-    std::string savedRoot_;
-};
-
-TEST_F(TimeMarksStoreTest, MarkIsStoredAsNumberUnderMarksKey) {
-    TimeMarks::writeMark("cleanup", 1234.5);
-    Error error;
-    const MarlLogger::json::JSON stored = ConfigStore::instance().get("marks/cleanup", error);
-    ASSERT_FALSE(error) << error.message();
-    EXPECT_EQ(stored.doubleValue(), 1234.5);
-}
-
-TEST_F(TimeMarksStoreTest, MarkOutlivesReopeningOfStore) {
+TEST_F(TimeMarksWithoutStoreTest, MarksLiveInMemoryUntilAStoreIsInstalled) {
     EXPECT_EQ(TimeMarks::readMark("cleanup", 1000), 1000);
-    ConfigStore::resetForTesting();  // as a new process would open it
     EXPECT_EQ(TimeMarks::readMark("cleanup", 5000), 1000);
     EXPECT_EQ(TimeMarks::exchangeMark("cleanup", 6000), 1000);
-    ConfigStore::resetForTesting();
     EXPECT_EQ(TimeMarks::readMark("cleanup", 7000), 6000);
-}
-
-TEST_F(TimeMarksStoreTest, StoreThatCannotOpenGivesNowAndLogsFailedWrite) {
-    setRootPath("");
-    ConfigStore::resetForTesting();
-    MarlLogger::ScopedCapture logs;
-    EXPECT_EQ(TimeMarks::readMark("cleanup", 1000), 1000);
-    EXPECT_EQ(TimeMarks::readMark("cleanup", 2000), 2000);  // nothing was kept
-    const MarlLogger::LogEntry entry = logs->last("writeMark", "Ferrit/Task");
-    ASSERT_EQ(entry.event, "writeMark");
-    EXPECT_EQ(entry.errorCode, "9997");
-    EXPECT_EQ(entry.field("key").stringValue(), "marks/cleanup");
+    auto installed = std::make_shared<FakeMarkStore>();
+    TimeMarks::setStore(installed);
+    EXPECT_EQ(TimeMarks::readMark("cleanup", 8000), 8000) << "the installed store knew no mark";
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "StoreFixture.h"
+#include "tests/storage/StoreFixture.h"
 
 namespace FerritCore {
 namespace {

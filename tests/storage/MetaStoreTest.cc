@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "StoreFixture.h"
-#include "runtime/LogTags.h"
+#include "tests/storage/StoreFixture.h"
+#include "base/LogTags.h"
 #include "storage/ConfigStore.h"
 
 namespace FerritCore {
@@ -261,17 +261,10 @@ TEST_F(MetaStoreTest, CloseAndReopenWhileOtherThreadsRead) {
 
 // --- ConfigStore ----------------------------------------------------------------------------
 
-class ConfigStoreTest : public FerritTest::StoreFixture {
-  protected:
-    void TearDown() override {
-        ConfigStore::instance().close();
-        StoreFixture::TearDown();
-    }
-};
+class ConfigStoreTest : public FerritTest::StoreFixture {};
 
 TEST_F(ConfigStoreTest, OpensConfigV2UnderTheRootAndReportsInit) {
     MarlLogger::ScopedCapture capture;
-    ConfigStore::resetForTesting();
     ConfigStore& store = ConfigStore::instance();
     EXPECT_TRUE(store.isOpen());
     EXPECT_EQ(store.path(), root() + "config_v2");
@@ -293,7 +286,6 @@ TEST_F(ConfigStoreTest, OpensConfigV2UnderTheRootAndReportsInit) {
 }
 
 TEST_F(ConfigStoreTest, InstanceIsOneObjectAcrossThreads) {
-    ConfigStore::resetForTesting();
     std::vector<ConfigStore*> seen(4, nullptr);
     std::vector<std::thread> threads;
     for (size_t i = 0; i < seen.size(); ++i)
@@ -302,13 +294,12 @@ TEST_F(ConfigStoreTest, InstanceIsOneObjectAcrossThreads) {
     for (ConfigStore* store : seen) EXPECT_EQ(store, &ConfigStore::instance());
 }
 
-TEST_F(ConfigStoreTest, ResetForTestingMovesTheStoreToTheNewRoot) {
-    ConfigStore::resetForTesting();
+TEST_F(ConfigStoreTest, RestartOpensTheStoreUnderTheRootOfTheNewProcess) {
     Error error;
     ASSERT_TRUE(ConfigStore::instance().put("marks/a", JSON(1.0), error));
     FerritTest::TempDir other;
+    restart();
     setRootPath(other.root());
-    ConfigStore::resetForTesting();
     EXPECT_FALSE(ConfigStore::instance().contains("marks/a"));
     EXPECT_EQ(ConfigStore::instance().path(), other.root() + "config_v2");
     ConfigStore::instance().close();

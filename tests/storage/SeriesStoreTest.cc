@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "StoreFixture.h"
+#include "tests/storage/StoreFixture.h"
+#include "base/PackedFiles.h"
 #include "storage/PacksStore.h"
 
 namespace FerritCore {
@@ -151,14 +152,6 @@ TEST_F(SeriesStoreTest, ReopenKeepsTheValues) {
 
 class PacksStoreTest : public FerritTest::StoreFixture {
   protected:
-    void SetUp() override {
-        StoreFixture::SetUp();
-        PacksStore::resetForTesting();
-    }
-    void TearDown() override {
-        PacksStore::instance().close();
-        StoreFixture::TearDown();
-    }
 
     void writeLegacy(const std::string& text) {
         std::filesystem::create_directories(root() + "config");
@@ -169,8 +162,6 @@ class PacksStoreTest : public FerritTest::StoreFixture {
 
 TEST_F(PacksStoreTest, OpensPacksUnderTheRootAndReportsLoad) {
     MarlLogger::ScopedCapture capture;
-    proxy_->clear();
-    PacksStore::resetForTesting();
     PacksStore& store = PacksStore::instance();
     EXPECT_TRUE(store.isOpen());
     EXPECT_EQ(store.tag(), "Ferrit/Packs");
@@ -233,6 +224,24 @@ TEST_F(PacksStoreTest, FailedWriteConfigKeepsTheOlderFile) {
     EXPECT_FALSE(PacksStore::instance().writeConfig("new", error));
     EXPECT_EQ(error.code(), 9997);
     EXPECT_TRUE(legacyExists());
+}
+
+TEST_F(PacksStoreTest, PackedFolderFilesLiveInTheStore) {
+    PackedFiles::set(PacksStore::files());
+    Error error;
+    ASSERT_TRUE(Folder::writeFile(Folder::packed("p/1/res/a.js"), "stored", error)) << error.message();
+    ASSERT_TRUE(Folder::writeFile(Folder::packed("p/1/res/ab.js"), "also", error));
+    EXPECT_TRUE(Folder::packed("p/1/res/a.js").exists());
+    EXPECT_TRUE(Folder::packed("p/1/").exists());
+    EXPECT_EQ(Folder::readFile(Folder::packed("p/1/res/a.js"), error), "stored");
+    std::vector<std::string> listed;
+    for (const Folder& file : Folder::packed("p/").listFiles()) listed.push_back(file.relative());
+    EXPECT_EQ(listed, (std::vector<std::string>{"p/1/res/a.js", "p/1/res/ab.js"}));
+    Folder::removeFile(Folder::packed("p/1/res/a"), false);
+    EXPECT_FALSE(Folder::packed("p/1/").exists());
+    Folder::readFile(Folder::packed("p/1/res/a.js"), error);
+    EXPECT_EQ(error.code(), 1101);
+    EXPECT_TRUE(std::filesystem::is_directory(temp_.path() / "packs"));
 }
 
 }  // namespace

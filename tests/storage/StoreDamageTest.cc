@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "StoreFixture.h"
-#include "runtime/LogTags.h"
+#include "tests/storage/StoreFixture.h"
+#include "base/LogTags.h"
 #include "storage/ConfigStore.h"
 #include "storage/MetaStore.h"
 #include "storage/PacksStore.h"
@@ -26,12 +26,6 @@ using MarlLogger::json::JSONObject;
 
 class StoreDamageTest : public FerritTest::StoreFixture {
   protected:
-    void TearDown() override {
-        if (usedConfigStore_) ConfigStore::instance().close();
-        if (usedPacksStore_) PacksStore::instance().close();
-        StoreFixture::TearDown();
-    }
-
     static std::string garbage(size_t size, unsigned seed) {
         std::mt19937 random(seed);
         std::string bytes(size, '\0');
@@ -46,8 +40,6 @@ class StoreDamageTest : public FerritTest::StoreFixture {
     // Fills the shared store with values and closes it cleanly, so that its whole content lies
     // in the database file.
     void fillConfigStore(int count) {
-        ConfigStore::resetForTesting();
-        usedConfigStore_ = true;
         for (int i = 0; i < count; ++i) {
             Error error;
             ASSERT_TRUE(ConfigStore::instance().put("k/" + std::to_string(i),
@@ -61,9 +53,8 @@ class StoreDamageTest : public FerritTest::StoreFixture {
     // with the first status, that the store came back empty, and that it works.
     void expectConfigStoreRecoveredFrom(int firstStatus) {
         MarlLogger::ScopedCapture capture;
-        proxy_->clear();
-        ConfigStore::resetForTesting();
-        usedConfigStore_ = true;
+        restart();
+        proxy_->clearRecords();
         ConfigStore& store = ConfigStore::instance();
 
         const std::string words =
@@ -95,8 +86,6 @@ class StoreDamageTest : public FerritTest::StoreFixture {
         EXPECT_FALSE(error);
     }
 
-    bool usedConfigStore_ = false;
-    bool usedPacksStore_ = false;
 };
 
 // A damaged database at start: the first open fails, the folder is removed, the second open
@@ -137,9 +126,9 @@ TEST_F(StoreDamageTest, StoreFolderThatIsAFileOpensEmptyAndWorks) {
 TEST_F(StoreDamageTest, DamagedPacksStoreReportsStorageWordsAndWorks) {
     writeFile(databaseFile("packs"), garbage(20000, 7));
     MarlLogger::ScopedCapture capture;
-    proxy_->clear();
-    PacksStore::resetForTesting();
-    usedPacksStore_ = true;
+    restart();
+    proxy_->clearRecords();
+    PacksStore::instance();
     const std::string words =
         "Initialize storage \"packs\" failed: " + std::to_string(SQLITE_NOTADB);
     const auto records = proxy_->named("FTS_packs");
@@ -162,9 +151,7 @@ TEST_F(StoreDamageTest, TwoFailuresInARowAnswerEveryOperationWith9997) {
     writeFile(root() + "blocker", "file");
     setRootPath(root() + "blocker/");
     MarlLogger::ScopedCapture capture;
-    proxy_->clear();
-    ConfigStore::resetForTesting();
-    usedConfigStore_ = true;
+    proxy_->clearRecords();
     ConfigStore& store = ConfigStore::instance();
     EXPECT_FALSE(store.isOpen());
     EXPECT_EQ(store.status(), SQLITE_CANTOPEN);
@@ -189,8 +176,6 @@ TEST_F(StoreDamageTest, TwoFailuresInARowAnswerEveryOperationWith9997) {
     EXPECT_FALSE(called);
     EXPECT_EQ(store.diskSize(), 0u);
 
-    PacksStore::resetForTesting();
-    usedPacksStore_ = true;
     std::string value;
     EXPECT_FALSE(PacksStore::instance().get("config", value, error));
     EXPECT_EQ(error.code(), 9997);

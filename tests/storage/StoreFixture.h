@@ -1,5 +1,5 @@
-// Shared by the store tests: a private root per test, a manual clock, a proxy that records the
-// performance records it is sent, and raw access to a store's database file.
+// Shared by the store tests: a fresh process per test with a private root, a manual clock, the test
+// proxy that records the performance records it is sent, and raw access to a store's database file.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,60 +11,31 @@
 #include <unordered_map>
 #include <vector>
 
-#include "TestUtil.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/Environment.h"
-#include "runtime/Proxy.h"
-#include "runtime/Telemetry.h"
-#include "storage/Folder.h"
+#include "base/Environment.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
+#include "base/Folder.h"
 #include "storage/KeyValueStore.h"
 
 namespace FerritTest {
 
-struct SentRecord {
-    std::string name;
-    std::unordered_map<std::string, std::string> dimensions;
-    std::unordered_map<std::string, double> measures;
-};
-
-class RecordingProxy : public FerritCore::Proxy {
-  public:
-    bool verifySignature(const std::string&, const std::string&) override { return false; }
-    void sendEvent(const FerritCore::PerfRecord& record) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        records_.push_back({record.name(), record.dimensions(), record.measures()});
-    }
-    std::vector<SentRecord> named(const std::string& name) const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<SentRecord> found;
-        for (const SentRecord& record : records_) {
-            if (record.name == name) found.push_back(record);
-        }
-        return found;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        records_.clear();
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<SentRecord> records_;  // guarded by mutex_
-};
-
-// Sets a private root and a recording proxy for the test, and gives both back afterwards.
-class StoreFixture : public ::testing::Test {
+// A fresh process with a private root and the test proxy, which records what the stores report.
+class StoreFixture : public ProcessTest {
   protected:
     void SetUp() override {
-        savedRoot_ = FerritCore::rootPath();
-        FerritCore::setRootPath(temp_.root());
-        proxy_ = std::make_shared<RecordingProxy>();
+        ProcessTest::SetUp();
         FerritCore::Environment::instance().setProxy(proxy_);
     }
-    void TearDown() override {
-        FerritCore::Environment::instance().setProxy(nullptr);
-        FerritCore::setRootPath(savedRoot_.empty() ? "/" : savedRoot_);
+
+    // What a new process finds: everything process-wide reset, the same root and proxy.
+    void restart() {
+        FerritCore::ProcessState::resetForTesting();
+        FerritCore::setRootPath(temp_.root());
+        FerritCore::Environment::instance().setProxy(proxy_);
     }
 
     std::string root() const { return temp_.root(); }
@@ -73,12 +44,8 @@ class StoreFixture : public ::testing::Test {
         return temp_.root() + name + "/" + FerritCore::KeyValueStore::kFileName;
     }
 
-    TempDir temp_;
     MarlLogger::ScopedManualClock clock_;
-    std::shared_ptr<RecordingProxy> proxy_;
-
-  private:
-    std::string savedRoot_;
+    std::shared_ptr<FakeProxy> proxy_ = std::make_shared<FakeProxy>();
 };
 
 // Runs one statement on a database file through a connection of its own and returns the first

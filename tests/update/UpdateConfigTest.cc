@@ -2,9 +2,9 @@
 
 #include <fstream>
 
-#include "FakeProxy.h"
-#include "TestUtil.h"
-#include "UpdateFixture.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
+#include "tests/model/UpdateFixture.h"
 #include "runtime/Network.h"
 #include "storage/PacksStore.h"
 #include "update/UpdateConfig.h"
@@ -27,15 +27,9 @@ protected:
         HostDefaults defaults;
         defaults.configPrefix = "https://cfg.test/";
         Settings::setDefaults(defaults);
-        SCache::reset();  // a document made with the running locale and version
+        SCache::publish(std::make_shared<FConfig>());  // a document made with the running locale and version
         proxy_ = std::make_shared<FakeProxy>();
         environment.setProxy(proxy_);
-        UpdateConfig::instance().resetForTesting();
-    }
-    void TearDown() override {
-        UpdateConfig::instance().resetForTesting();
-        Settings::reset();
-        UpdateFixture::TearDown();
     }
 
     UpdateConfig& updater() { return UpdateConfig::instance(); }
@@ -238,7 +232,7 @@ TEST_F(UpdateConfigTest, HostileResponsesLeaveTheDocumentUntouched) {
     };
     for (const Hostile& c : cases) {
         SCOPED_TRACE(c.name);
-        UpdateConfig::instance().resetForTesting();
+        SetUp();  // a fresh process for each case
         const FConfigPtr before = SCache::current();
         proxy_->serve(url, c.answer);
         Error got;
@@ -314,12 +308,6 @@ TEST_F(UpdateConfigTest, TimerTicksCheckEveryInterval) {
 
 class LoadAtStartTest : public UpdateFixture {
 protected:
-    void SetUp() override {
-        UpdateFixture::SetUp();
-        setRootPath(temp_.root());
-        PacksStore::resetForTesting();
-    }
-    TempDir temp_;
 };
 
 TEST_F(LoadAtStartTest, StoredDocumentIsLoaded) {

@@ -1,0 +1,114 @@
+#include "base/Environment.h"
+
+#include "base/ProcessState.h"
+#include "marl/Clock.h"
+
+namespace FerritCore {
+
+Environment& Environment::instance() {
+    static Environment* const environment = [] {
+        auto* made = new Environment();  // never destroyed
+        ProcessState::onReset([made] { made->reset(); });
+        return made;
+    }();
+    return *environment;
+}
+
+std::string Environment::sessionName() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sessionName_;
+}
+
+void Environment::setSessionName(std::string name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sessionName_ = std::move(name);
+}
+
+std::string Environment::appKey() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return appKey_;
+}
+
+std::string Environment::appVersion() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return appVersion_;
+}
+
+std::string Environment::locale() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return locale_;
+}
+
+void Environment::setApp(std::string appKey, std::string appVersion) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    appKey_ = std::move(appKey);
+    appVersion_ = std::move(appVersion);
+}
+
+void Environment::setLocaleValue(std::string locale) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    locale_ = std::move(locale);
+}
+
+std::string Environment::referer() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return referer_;
+}
+
+void Environment::setReferer(std::string referer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    referer_ = std::move(referer);
+}
+
+void Environment::setClientActive(bool active) {
+    if (active) activeSince_.store(MRLCurrentTime(), std::memory_order_release);
+    clientActive_.store(active, std::memory_order_release);
+}
+
+bool Environment::setFlag(uint32_t bit) {
+    uint32_t old = flags_.load(std::memory_order_acquire);
+    while ((old & bit) == 0) {
+        if (flags_.compare_exchange_weak(old, old | bit, std::memory_order_acq_rel)) return true;
+    }
+    return false;
+}
+
+void Environment::addCooldown(const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    cooldowns_[name] = MRLCurrentClock() + 5000.0;
+    cooldownCount_.store(cooldowns_.size(), std::memory_order_release);
+}
+
+bool Environment::inCooldown(std::string_view name) {
+    if (cooldownCount_.load(std::memory_order_acquire) == 0) return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = cooldowns_.find(std::string(name));
+    if (it == cooldowns_.end()) return false;
+    if (MRLCurrentClock() < it->second) return true;
+    cooldowns_.erase(it);
+    cooldownCount_.store(cooldowns_.size(), std::memory_order_release);
+    return false;
+}
+
+void Environment::reset() {
+    setProxy(nullptr);
+    setMainProcess(true);
+    setDeveloperDisabled(0);
+    feature_.store(0, std::memory_order_release);
+    env_.store(2, std::memory_order_relaxed);
+    networkStatus_.store(0, std::memory_order_relaxed);
+    flags_.store(0, std::memory_order_release);
+    clientActive_.store(false, std::memory_order_release);
+    activeSince_.store(0, std::memory_order_release);
+    std::lock_guard<std::mutex> lock(mutex_);
+    sessionName_.clear();
+    appKey_.clear();
+    appVersion_.clear();
+    locale_.clear();
+    referer_.clear();
+    cooldowns_.clear();
+    cooldownCount_.store(0, std::memory_order_release);
+}
+
+
+}  // namespace FerritCore

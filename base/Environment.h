@@ -1,0 +1,123 @@
+// Environment: the process-wide state every other part asks "may I do this yet?". A singleton
+// created at first use and never destroyed. Every accessor is safe from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace FerritCore {
+
+class Proxy;
+
+// SetupFlags: how far start-up has come. Each bit is set once, by whichever call wins.
+enum SetupFlag : uint32_t {
+    kSetupDone = 1,                // the first effective setup
+    kConfigFirstUpdated = 2,       // the first finished configuration update of the process
+    kAutoStartAllowed = 4,         // setup was told that the host will not call startUpdate
+    kUpdateStarted = 8,            // startUpdate ran
+    kInitialConfigFinished = 1024, // a configuration update that was the initial one finished
+};
+
+// Feature bits of the status report.
+enum FeatureBit : uint32_t {
+    kFeaturePushRegistered = 1,    // the push topics are registered
+    kFeatureRemoteSettings = 2,    // a remote settings map was applied
+};
+
+class Environment {
+public:
+    static Environment& instance();
+
+    std::shared_ptr<Proxy> proxy() const { return proxy_.load(std::memory_order_acquire); }
+    void setProxy(std::shared_ptr<Proxy> proxy) {
+        hasProxy_.store(proxy != nullptr, std::memory_order_release);
+        proxy_.store(std::move(proxy), std::memory_order_release);
+    }
+    // Whether a proxy is set, without taking a reference to it: lets the request path skip
+    // building records that would be dropped.
+    bool hasProxy() const { return hasProxy_.load(std::memory_order_acquire); }
+
+    bool isMainProcess() const { return isMainProcess_.load(std::memory_order_relaxed); }
+    void setMainProcess(bool main) { isMainProcess_.store(main, std::memory_order_relaxed); }
+
+    // Set by the developer tool; a non-zero value switches the whole cache off.
+    uint32_t developerDisabled() const { return developerDisabled_.load(std::memory_order_relaxed); }
+    void setDeveloperDisabled(uint32_t value) { developerDisabled_.store(value, std::memory_order_relaxed); }
+    bool isDisabledByDeveloper() const { return developerDisabled() != 0; }
+
+    // The host's network status: 0 none, 1 unrestricted, 2 slow mobile, 3 fast mobile.
+    uint32_t networkStatus() const { return networkStatus_.load(std::memory_order_relaxed); }
+    void setNetworkStatusValue(uint32_t status) { networkStatus_.store(status, std::memory_order_relaxed); }
+
+    // Which service environment the process talks to: 0 "Debug", 1 "Daily", 2 "Release".
+    int32_t env() const { return env_.load(std::memory_order_relaxed); }
+    void setEnvValue(int32_t env) { env_.store(env, std::memory_order_relaxed); }
+
+    // The host application, percent-escaped at setup, and its locale.
+    std::string appKey() const;
+    std::string appVersion() const;
+    std::string locale() const;
+    void setApp(std::string appKey, std::string appVersion);
+    void setLocaleValue(std::string locale);
+    // The "Referer" of configuration and pack requests, built at setup.
+    std::string referer() const;
+    void setReferer(std::string referer);
+
+    // SetupFlags: how far start-up has come.
+    uint32_t flags() const { return flags_.load(std::memory_order_acquire); }
+    // Sets `bit`; true when this call was the one that set it, however many threads race.
+    bool setFlag(uint32_t bit);
+
+    // Feature bits shown by the status report: 1 push topics registered, 2 remote settings applied.
+    uint32_t feature() const { return feature_.load(std::memory_order_acquire); }
+    // Sets `bit`; true when this call was the one that set it.
+    bool setFeatureBit(uint32_t bit) { return (feature_.fetch_or(bit, std::memory_order_acq_rel) & bit) == 0; }
+
+    // The host's foreground state. Setting it true records `activeSince` (wall clock).
+    bool clientActive() const { return clientActive_.load(std::memory_order_acquire); }
+    double activeSince() const { return activeSince_.load(std::memory_order_acquire); }
+    void setClientActive(bool active);
+
+    // Parent id of start-up events and "sessionID" of every performance record.
+    std::string sessionName() const;
+    void setSessionName(std::string name);
+
+    // Until-times of aggregate requests: a write holds the name for 5000 ms of the clock; a read
+    // answers true while that time has not passed and forgets the entry once it has.
+    void addCooldown(const std::string& name);
+    bool inCooldown(std::string_view name);
+
+private:
+    Environment() = default;
+    // Back to the initial state (ProcessState::resetForTesting).
+    void reset();
+
+    std::atomic<std::shared_ptr<Proxy>> proxy_;
+    std::atomic<bool> hasProxy_{false};
+    std::atomic<bool> isMainProcess_{true};
+    std::atomic<uint32_t> developerDisabled_{0};
+    std::atomic<int32_t> env_{2};
+    std::atomic<uint32_t> networkStatus_{0};
+    std::atomic<uint32_t> flags_{0};
+    std::atomic<bool> clientActive_{false};
+    std::atomic<double> activeSince_{0};
+
+    std::atomic<uint32_t> feature_{0};
+
+    mutable std::mutex mutex_;
+    std::string sessionName_;                            // guarded by mutex_
+    std::string appKey_;                                 // guarded by mutex_
+    std::string appVersion_;                             // guarded by mutex_
+    std::string locale_;                                 // guarded by mutex_
+    std::string referer_;                                // guarded by mutex_
+    std::unordered_map<std::string, double> cooldowns_;  // guarded by mutex_
+    // Lets a read skip the lock while there are no cooldowns, which is nearly always.
+    std::atomic<size_t> cooldownCount_{0};
+};
+
+}  // namespace FerritCore

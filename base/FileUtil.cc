@@ -1,0 +1,407 @@
+#include "base/FileUtil.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cwchar>
+
+namespace FerritCore {
+namespace {
+
+bool isSeparator(char c) {
+    return c == '/' || c == '\\';
+}
+
+// errno of the call that just failed; never 0, so that a failure is never read as success.
+int lastError() {
+    return errno != 0 ? errno : EIO;
+}
+
+// Whether canonicalize would give the path back unchanged: no backslash, and no piece between
+// two separators that is empty, "." or "..". The first piece and the text after the last
+// separator never change. Paths built by Folder nearly always pass, so the hot path neither
+// allocates nor copies.
+bool isCanonical(std::string_view path) {
+    size_t previous = std::string_view::npos;
+    for (size_t i = 0; i < path.size(); ++i) {
+        const char c = path[i];
+        if (c == '\\') return false;
+        if (c != '/') continue;
+        if (previous != std::string_view::npos) {
+            const std::string_view piece = path.substr(previous + 1, i - previous - 1);
+            if (piece.empty() || piece == "." || piece == "..") return false;
+        }
+        previous = i;
+    }
+    return true;
+}
+
+std::string canonicalizeSlow(std::string_view path) {
+    std::vector<std::string_view> pieces;
+    size_t start = 0;
+    for (size_t i = 0; i <= path.size(); ++i) {
+        if (i == path.size() || isSeparator(path[i])) {
+            pieces.push_back(path.substr(start, i - start));
+            start = i + 1;
+        }
+    }
+    const bool leading = !path.empty() && isSeparator(path.front());
+    std::vector<std::string_view> kept;
+    kept.reserve(pieces.size());
+    kept.push_back(leading ? std::string_view("/") : pieces.front());
+    for (size_t i = 1; i + 1 < pieces.size(); ++i) {
+        const std::string_view piece = pieces[i];
+        if (piece.empty() || piece == ".") continue;
+        if (piece == ".." && kept.size() >= 2 && kept.back() != "..") {
+            kept.pop_back();
+            continue;
+        }
+        kept.push_back(piece);
+    }
+    if (pieces.size() >= 2) kept.push_back(pieces.back());
+    std::string result;
+    result.reserve(path.size());
+    for (size_t i = 0; i < kept.size(); ++i) {
+        // The leading "/" is a piece of its own: the next piece follows it without another one.
+        if (i > 0 && !(i == 1 && leading)) result.push_back('/');
+        result.append(kept[i]);
+    }
+    return result;
+}
+
+// The canonical form of a path, without a copy when it is canonical already.
+class CanonicalPath {
+public:
+    explicit CanonicalPath(const std::string& path) : path_(&path) {
+        if (!isCanonical(path)) {
+            owned_ = canonicalizeSlow(path);
+            path_ = &owned_;
+        }
+    }
+    const std::string& str() const { return *path_; }
+
+private:
+    const std::string* path_;
+    std::string owned_;
+};
+
+std::string wideRoundTrip(const std::string& path) {
+    std::mbstate_t state{};
+    const char* source = path.c_str();
+    const size_t wideLength = std::mbsrtowcs(nullptr, &source, 0, &state);
+    if (wideLength == static_cast<size_t>(-1)) return {};
+    std::wstring wide(wideLength, L'\0');
+    state = std::mbstate_t{};
+    source = path.c_str();
+    if (std::mbsrtowcs(wide.data(), &source, wide.size(), &state) != wideLength) return {};
+    state = std::mbstate_t{};
+    const wchar_t* wideSource = wide.c_str();
+    const size_t narrowLength = std::wcsrtombs(nullptr, &wideSource, 0, &state);
+    if (narrowLength == static_cast<size_t>(-1)) return {};
+    std::string narrow(narrowLength, '\0');
+    state = std::mbstate_t{};
+    wideSource = wide.c_str();
+    if (std::wcsrtombs(narrow.data(), &wideSource, narrow.size(), &state) != narrowLength) return {};
+    return narrow;
+}
+
+// Replaced only by ScopedRecoder, before other threads run.
+std::function<std::string(const std::string&)>& recoder() {
+    static auto* current = new std::function<std::string(const std::string&)>(wideRoundTrip);
+    return *current;
+}
+
+// Runs `attempt` on the canonical path and, when that fails, once more on the recoded path. A
+// recoding that gives the same bytes back is not tried again: the second attempt could only
+// repeat the first.
+template <typename F>
+int withRetry(const std::string& path, F attempt) {
+    if (path.empty()) return -1;
+    const CanonicalPath canonical(path);
+    const int result = attempt(canonical.str());
+    if (result == 0) return 0;
+    const std::string recoded = recoder()(canonical.str());
+    if (recoded.empty() || recoded == canonical.str()) return result;
+    return attempt(recoded);
+}
+
+// Visits each entry of a directory but "." and "..", with its path joined to the one that opened
+// and whether it is a directory (a link is never followed). `opened` receives that path, ending in
+// "/". Returns 0, or the errno of opening the directory.
+template <typename F>
+int forEachEntry(const std::string& path, std::string& opened, F visit) {
+    DIR* dir = nullptr;
+    const int status = withRetry(path, [&](const std::string& p) {
+        dir = ::opendir(p.c_str());
+        if (dir == nullptr) return lastError();
+        opened = p;
+        return 0;
+    });
+    if (status != 0) return status;
+    if (opened.back() != '/') opened.push_back('/');
+    while (dirent* entry = ::readdir(dir)) {
+        const std::string_view name(entry->d_name);
+        if (name == "." || name == "..") continue;
+        std::string child = opened;
+        child.append(name);
+        bool directory = entry->d_type == DT_DIR;
+        if (entry->d_type == DT_UNKNOWN) {
+            // Some file systems do not fill the type in.
+            struct stat info;
+            directory = ::lstat(child.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+        }
+        visit(std::move(child), directory);
+    }
+    ::closedir(dir);
+    return 0;
+}
+
+int statPath(const std::string& path, struct stat& info) {
+    return withRetry(path, [&](const std::string& p) {
+        return ::stat(p.c_str(), &info) == 0 ? 0 : lastError();
+    });
+}
+
+}  // namespace
+
+bool climbsOut(std::string_view path) {
+    size_t start = 0;
+    for (size_t i = 0; i <= path.size(); ++i) {
+        if (i == path.size() || path[i] == '/' || path[i] == '\\') {
+            if (path.substr(start, i - start) == "..") return true;
+            start = i + 1;
+        }
+    }
+    return false;
+}
+
+std::string FileUtil::canonicalize(std::string_view path) {
+    if (isCanonical(path)) return std::string(path);
+    return canonicalizeSlow(path);
+}
+
+std::string FileUtil::recode(const std::string& path) {
+    return recoder()(path);
+}
+
+int FileUtil::open(const std::string& path, const char* mode, FILE** file) {
+    if (file == nullptr) return -1;
+    *file = nullptr;
+    if (mode == nullptr) return EINVAL;
+    return withRetry(path, [&](const std::string& p) {
+        *file = std::fopen(p.c_str(), mode);
+        return *file != nullptr ? 0 : lastError();
+    });
+}
+
+int FileUtil::readAll(FILE* file, std::string& out) {
+    if (file == nullptr) return -1;
+    char block[256];
+    for (;;) {
+        const size_t n = std::fread(block, 1, sizeof(block), file);
+        out.append(block, n);
+        if (n < sizeof(block)) break;
+    }
+    return std::ferror(file) ? lastError() : 0;
+}
+
+int FileUtil::readSize(FILE* file, size_t size, std::string& out) {
+    if (file == nullptr) return -1;
+    const size_t before = out.size();
+    out.resize(before + size);
+    const size_t n = std::fread(out.data() + before, 1, size, file);
+    out.resize(before + n);
+    return n < size && std::ferror(file) ? lastError() : 0;
+}
+
+int FileUtil::write(FILE* file, std::string_view data) {
+    if (file == nullptr || data.empty()) return -1;
+    const size_t n = std::fwrite(data.data(), 1, data.size(), file);
+    return n == data.size() ? 0 : lastError();
+}
+
+int FileUtil::fileSize(const std::string& path, uint64_t& size) {
+    struct stat info;
+    const int result = statPath(path, info);
+    if (result == 0) size = static_cast<uint64_t>(info.st_size);
+    return result;
+}
+
+int FileUtil::readFile(const std::string& path, std::string& out) {
+    FILE* file = nullptr;
+    int result = open(path, "rb", &file);
+    if (result != 0) return result;
+    result = readAll(file, out);
+    std::fclose(file);
+    return result;
+}
+
+int FileUtil::readWhole(const std::string& path, std::string& out) {
+    OpenFile file;
+    const int opened = openForRead(path, file);
+    if (opened != 0) return opened;
+    return readOpened(file, out);
+}
+
+int FileUtil::openForRead(const std::string& path, OpenFile& file) {
+    file = OpenFile();
+    int fd = -1;
+    const int opened = withRetry(path, [&](const std::string& p) {
+        fd = retryOnInterrupt([&] { return ::open(p.c_str(), O_RDONLY | O_CLOEXEC); });
+        return fd >= 0 ? 0 : lastError();
+    });
+    if (opened != 0) return opened;
+    struct stat info;
+    if (::fstat(fd, &info) != 0) {
+        const int result = lastError();
+        ::close(fd);
+        return result;
+    }
+    file.fd = fd;
+    file.size = info.st_size > 0 ? static_cast<uint64_t>(info.st_size) : 0;
+    file.directory = S_ISDIR(info.st_mode);
+    return 0;
+}
+
+void FileUtil::closeOpened(OpenFile& file) {
+    if (file.fd >= 0) ::close(file.fd);
+    file.fd = -1;
+}
+
+int FileUtil::readOpened(OpenFile& file, std::string& out) {
+    if (file.fd < 0) return -1;
+    const int fd = file.fd;
+    file.fd = -1;
+    if (file.directory) {
+        ::close(fd);
+        return EISDIR;
+    }
+    // Installed files do not change, so the size from fstat is read in one call, and a short
+    // read at end of file is success. Files that report no size are read to their end.
+    const size_t before = out.size();
+    const size_t expected = static_cast<size_t>(file.size);
+    out.resize(before + (expected > 0 ? expected : 4096));
+    size_t used = before;
+    for (;;) {
+        if (used == out.size()) {
+            // The size was read whole: one more read only when the file reported no size.
+            if (expected > 0) break;
+            out.resize(out.size() * 2);
+        }
+        const ssize_t n = retryOnInterrupt([&] { return ::read(fd, out.data() + used, out.size() - used); });
+        if (n < 0) {
+            const int result = lastError();
+            ::close(fd);
+            out.resize(before);
+            return result;
+        }
+        if (n == 0) break;
+        used += static_cast<size_t>(n);
+    }
+    ::close(fd);
+    out.resize(used);
+    return 0;
+}
+
+int FileUtil::writeFile(const std::string& path, std::string_view data) {
+    FILE* file = nullptr;
+    int result = open(path, "wb+", &file);
+    if (result != 0) return result;
+    result = write(file, data);
+    if (std::fclose(file) != 0 && result == 0) result = lastError();
+    return result;
+}
+
+int FileUtil::appendFile(const std::string& path, std::string_view data) {
+    FILE* file = nullptr;
+    int result = open(path, "ab+", &file);
+    if (result != 0) return result;
+    result = write(file, data);
+    if (std::fclose(file) != 0 && result == 0) result = lastError();
+    return result;
+}
+
+bool FileUtil::isFile(const std::string& path) {
+    struct stat info;
+    return statPath(path, info) == 0 && !S_ISDIR(info.st_mode);
+}
+
+bool FileUtil::isDirectory(const std::string& path) {
+    struct stat info;
+    return statPath(path, info) == 0 && S_ISDIR(info.st_mode);
+}
+
+int FileUtil::remove(const std::string& path) {
+    return withRetry(path, [](const std::string& p) { return std::remove(p.c_str()) == 0 ? 0 : lastError(); });
+}
+
+int FileUtil::rename(const std::string& from, const std::string& to) {
+    if (from.empty() || to.empty()) return -1;
+    if (std::rename(from.c_str(), to.c_str()) == 0) return 0;
+    const int result = lastError();
+    const std::string recodedFrom = recoder()(from);
+    const std::string recodedTo = recoder()(to);
+    if (recodedFrom.empty() || recodedTo.empty() || (recodedFrom == from && recodedTo == to)) return result;
+    return std::rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError();
+}
+
+int FileUtil::makeDirectory(const std::string& path) {
+    return withRetry(path, [](const std::string& p) { return ::mkdir(p.c_str(), 0700) == 0 ? 0 : lastError(); });
+}
+
+int FileUtil::makeDirectories(const std::string& path) {
+    if (path.empty()) return -1;
+    const CanonicalPath canonical(path);
+    const std::string& p = canonical.str();
+    for (size_t i = 1; i < p.size(); ++i) {
+        if (!isSeparator(p[i])) continue;
+        const std::string prefix = p.substr(0, i);
+        if (isDirectory(prefix)) continue;
+        const int result = makeDirectory(prefix);
+        if (result != 0) return result;
+    }
+    return 0;
+}
+
+int FileUtil::removeDirectory(const std::string& path) {
+    return withRetry(path, [](const std::string& p) { return ::rmdir(p.c_str()) == 0 ? 0 : lastError(); });
+}
+
+int FileUtil::removeTree(const std::string& path) {
+    std::string base;
+    const int opened = forEachEntry(path, base, [](std::string child, bool directory) {
+        if (directory) {
+            removeTree(child);
+        } else {
+            std::remove(child.c_str());
+        }
+    });
+    if (opened != 0) return opened;
+    ::rmdir(base.c_str());
+    return 0;
+}
+
+int FileUtil::listDirectory(const std::string& path, std::vector<std::string>& names) {
+    names.clear();
+    std::string base;
+    return forEachEntry(path, base, [&](std::string child, bool directory) {
+        if (directory) child.push_back('/');
+        names.push_back(std::move(child));
+    });
+}
+
+FileUtil::ScopedRecoder::ScopedRecoder(std::function<std::string(const std::string&)> replacement)
+    : previous_(std::move(recoder())) {
+    recoder() = std::move(replacement);
+}
+
+FileUtil::ScopedRecoder::~ScopedRecoder() {
+    recoder() = std::move(previous_);
+}
+
+}  // namespace FerritCore

@@ -1,0 +1,42 @@
+// PackedFiles: what Folder needs of the store that holds the files of packs kept in the packs
+// database, one value per file under its relative path. The store itself lives elsewhere; this
+// interface lets Folder read and write `Packed` files without knowing it, and lets tests serve
+// them from memory. Implementations must be safe to call from any thread.
+//
+// The process-wide instance is installed by the composition root, normally over the packs store
+// (current() and set() are any thread); with none set, reads fail with the store's "not
+// initialised" error, writes fail, and queries answer false or nothing.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "ferritcore/Error.h"
+
+namespace FerritCore {
+
+class PackedFiles {
+public:
+    virtual ~PackedFiles() = default;
+
+    // The value of `key`. False with `error` set (the store's own error) when there is none or it
+    // cannot be read; `value` is then unspecified.
+    virtual bool get(std::string_view key, std::string& value, Error& error) = 0;
+    // Stores `value` under `key`. False with `error` set on failure; success clears `error`.
+    virtual bool put(std::string_view key, std::string_view value, Error& error) = 0;
+    virtual bool contains(std::string_view key) = 0;
+    // Deletes every key from `prefix` to `prefix` followed by one byte 0xFF; an empty prefix
+    // deletes everything.
+    virtual void removeByPrefix(std::string_view prefix) = 0;
+    // Calls `visit` with each key of that range, in key order, until it returns true.
+    virtual void enumerate(std::string_view prefix, const std::function<bool(std::string_view key)>& visit) = 0;
+
+    // The process-wide store of packed files, or null.
+    static std::shared_ptr<PackedFiles> current();
+    // Replaces it; null detaches it.
+    static void set(std::shared_ptr<PackedFiles> files);
+};
+
+}  // namespace FerritCore

@@ -1,0 +1,80 @@
+// Proxy: everything the system needs from the outside world goes through this interface, which
+// the host provides. Implementations must be thread-safe: calls come from any thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ferritcore/Error.h"
+#include "base/ProxyRequest.h"
+
+namespace FerritCore {
+
+class PerfRecord;
+
+class Proxy {
+public:
+    virtual ~Proxy() = default;
+    // Sends an HTTP request; must return at once and call `completion` exactly once, later, on
+    // any thread. The default is a host without network access: every request fails in transport.
+    virtual void sendRequest(const ProxyRequest& request, ProxyCompletion completion);
+    // Whether `signature` (raw bytes) signs the lower-case hexadecimal MD5 `md5Hex`.
+    virtual bool verifySignature(const std::string& md5Hex, const std::string& signature) = 0;
+    // Delivers a performance record; the host decides where to.
+    virtual void sendEvent(const PerfRecord& record) = 0;
+    // The update queue ran dry after `count` packs. The default does nothing.
+    virtual void onQueueFinished(uint32_t count);
+    // A pack was installed. The default does nothing.
+    virtual void onPackUpdated(const std::string& name);
+    // Subscribes `handler` to the push messages of `topic`; false when the host cannot. The
+    // default is a host without push delivery.
+    virtual bool registerPushTopic(const std::string& topic, std::function<void(const std::string& message)> handler);
+
+    // The host application's raw files. A path ending in "/" names a directory. The defaults
+    // answer as a host without any: nothing exists, nothing is listed, nothing can be read.
+    virtual bool assetExists(const std::string& path);
+    // Names of the entries of a directory, each directory with a trailing "/".
+    virtual std::vector<std::string> assetList(const std::string& path);
+    // 0 when the file cannot be opened.
+    virtual uint64_t assetSize(const std::string& path);
+    // The whole file; on failure empty, with `error` set (1101 when it does not exist).
+    // Success clears `error`.
+    virtual std::string assetRead(const std::string& path, Error& error);
+    // Makes the on-demand module `tag` available, then calls `completion` exactly once, on any
+    // thread. The default completes at once with success, as a host without on-demand delivery
+    // does: its assets are there already.
+    virtual void loadOnDemand(const std::string& tag, std::function<void(const Error&)> completion);
+};
+
+// Each free function copies the proxy out of Environment first, so that a concurrent setProxy
+// cannot destroy it during the call, and answers as documented when there is none.
+namespace ProxyCalls {
+// False without a proxy.
+bool verifySignature(const std::string& md5Hex, const std::string& signature);
+// Nothing without a proxy.
+void sendEvent(const PerfRecord& record);
+// Whether a proxy is set (lets callers skip building what would be dropped).
+bool hasProxy();
+// Nothing without a proxy.
+void onQueueFinished(uint32_t count);
+// Nothing without a proxy.
+void onPackUpdated(const std::string& name);
+// False without a proxy.
+bool registerPushTopic(const std::string& topic, std::function<void(const std::string& message)> handler);
+// False without a proxy.
+bool assetExists(const std::string& path);
+// Empty without a proxy.
+std::vector<std::string> assetList(const std::string& path);
+// 0 without a proxy.
+uint64_t assetSize(const std::string& path);
+// 9991 without a proxy.
+std::string assetRead(const std::string& path, Error& error);
+// Without a proxy `completion` runs at once, on the calling thread, with 9991. An empty
+// completion is allowed: the module is loaded and nobody is told.
+void loadOnDemand(const std::string& tag, std::function<void(const Error&)> completion);
+}  // namespace ProxyCalls
+
+}  // namespace FerritCore

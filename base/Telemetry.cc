@@ -1,0 +1,49 @@
+#include "base/Telemetry.h"
+
+#include "marl/Clock.h"
+#include "base/Environment.h"
+#include "base/Proxy.h"
+
+namespace FerritCore {
+
+const char* triggerName(int trigger) {
+    static const char* const kNames[] = {"Unknown",  "Startup",     "Unknown",  "Active",
+                                         "Timer",    "Push",        "Visit",    "VisitUpdate",
+                                         "Prefetch", "Preview",     "DebugTool", "ChangeEnv"};
+    if (trigger < 1 || trigger > 11) return "Unknown";
+    return kNames[trigger];
+}
+
+PerfRecord::PerfRecord(std::string name) : name_(std::move(name)) {
+    dimensions_.set("sessionID", Environment::instance().sessionName());
+}
+
+void PerfRecord::setError(const Error& error) {
+    dimensions_.set("errorCode", std::to_string(error.code()));
+    dimensions_.set("errorMsg", error.message());
+}
+
+StagedRecord::StagedRecord(std::string name) : PerfRecord(std::move(name)), lastTime_(MRLCurrentClock()) {}
+
+void StagedRecord::stage(const std::string& name) {
+    const double now = MRLCurrentClock();
+    setMeasure(name, now - lastTime_);
+    lastTime_ = now;
+}
+
+void sendEvent(const PerfRecord& record) { ProxyCalls::sendEvent(record); }
+
+void logRecord(const PerfRecord& record, MarlLogger::LogBuilder& builder) {
+    const auto& dimensions = record.dimensions();
+    if (const std::string* code = dimensions.find("errorCode")) {
+        const std::string* message = dimensions.find("errorMsg");
+        builder.error(std::string_view(*code), message ? std::string_view(*message) : std::string_view());
+    }
+    for (const auto& [key, value] : dimensions) {
+        if (key == "sessionID" || key == "errorCode" || key == "errorMsg") continue;
+        builder.append(key, value);
+    }
+    for (const auto& [key, value] : record.measures()) builder.append(key, value);
+}
+
+}  // namespace FerritCore

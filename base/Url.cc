@@ -1,0 +1,108 @@
+#include "base/Url.h"
+
+#include <cstring>
+
+namespace FerritCore::Url {
+namespace {
+
+// Position of the first of ":/?#", or npos.
+size_t firstDelimiter(std::string_view s) {
+    for (size_t i = 0; i < s.size(); ++i) {
+        const char c = s[i];
+        if (c == ':' || c == '/' || c == '?' || c == '#') return i;
+    }
+    return std::string_view::npos;
+}
+
+char lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+}  // namespace
+
+bool isAbsolute(std::string_view s) {
+    return s.starts_with("//") || s.starts_with("http://") || s.starts_with("https://");
+}
+
+size_t schemeLength(std::string_view s) {
+    if (s.starts_with("//")) return 2;
+    const size_t colon = firstDelimiter(s);
+    if (colon == std::string_view::npos || colon == 0 || s[colon] != ':') return 0;
+    if (s.substr(colon + 1, 2) == "//") return colon + 3;
+    return colon + 1;
+}
+
+size_t terminator(std::string_view s) {
+    const size_t n = s.size();
+    for (size_t i = 0; i < n; ++i) {
+        const char c = s[i];
+        if (c == '#') return i;
+        if (c == '?') {
+            if (i + 1 < n && s[i + 1] == '?') {
+                ++i;  // "??" belongs to the path of an aggregate URL
+                continue;
+            }
+            return i;
+        }
+    }
+    return n;
+}
+
+std::string_view bare(std::string_view s) {
+    const size_t start = schemeLength(s);
+    std::string_view rest = s.substr(start);
+    return rest.substr(0, terminator(rest));
+}
+
+void keyInto(std::string_view s, std::string& out) {
+    out.clear();
+    s = s.substr(0, terminator(s));
+    if (s.empty()) return;
+    if (s.starts_with("//")) {
+        out.assign(s);
+        return;
+    }
+    const size_t delimiter = firstDelimiter(s);
+    if (delimiter != std::string_view::npos && delimiter > 0 && s[delimiter] == ':') {
+        // "https://a/b" -> "//a/b"; "host:8080/x" -> "8080/x", as every index key was made.
+        out.assign(s.substr(delimiter + 1));
+        return;
+    }
+    out.reserve(s.size() + 2);
+    out.append("//");
+    out.append(s);
+}
+
+std::string key(std::string_view s) {
+    std::string out;
+    keyInto(s, out);
+    return out;
+}
+
+size_t authorityEnd(std::string_view s) {
+    const size_t start = schemeLength(s);
+    for (size_t i = start; i < s.size(); ++i) {
+        if (s[i] == '/' || s[i] == '?') return i;
+    }
+    return s.size();
+}
+
+std::string_view origin(std::string_view s) { return s.substr(0, authorityEnd(s)); }
+
+std::string_view pathPart(std::string_view s) { return s.substr(authorityEnd(s)); }
+
+std::string extension(std::string_view s) {
+    const size_t dot = s.rfind('.');
+    if (dot == std::string_view::npos) return {};
+    std::string out(s.substr(dot + 1));
+    for (char& c : out) c = lower(c);
+    return out;
+}
+
+void trimLeadingSlash(std::string& s) {
+    if (!s.empty() && s[0] == '/' && !(s.size() > 1 && s[1] == '/')) s.erase(0, 1);
+}
+
+void ensureTrailingSlash(std::string& s) {
+    if (!s.empty() && s.back() != '/') s.push_back('/');
+}
+
+}  // namespace FerritCore::Url

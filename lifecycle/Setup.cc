@@ -1,0 +1,280 @@
+#include "lifecycle/Setup.h"
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+
+#include "base/Errors.h"
+#include "base/ProcessState.h"
+#include "lifecycle/Services.h"
+#include "marl/Clock.h"
+#include "marl/Inspector.h"
+#include "marl/Log.h"
+#include "base/Environment.h"
+#include "base/LogTags.h"
+#include "runtime/Network.h"
+#include "base/Proxy.h"
+#include "runtime/Settings.h"
+#include "runtime/TaskRunner.h"
+#include "base/Telemetry.h"
+#include "update/Cleanup.h"
+#include "storage/ConfigStore.h"
+#include "base/Folder.h"
+#include "storage/PacksStore.h"
+#include "model/SCache.h"
+#include "update/UpdateConfig.h"
+#include "update/UpdateQueue.h"
+
+namespace FerritCore {
+namespace {
+
+using MarlLogger::json::JSON;
+
+struct State {
+    std::mutex mutex;
+    double lastCompaction = 0;                   // guarded by mutex; clock, 0 before the first
+    std::shared_ptr<RepeatingTimer> queueTimer;  // guarded by mutex
+};
+
+State& state() {
+    static State* const instance = ProcessState::create<State>([](State& s) {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.lastCompaction = 0;
+        s.queueTimer.reset();
+        MarlLogger::Inspector::clear();
+    });
+    return *instance;
+}
+
+std::string formatSession(const char* prefix, double since) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof(buffer), "%s%f", prefix, since);
+    return buffer;
+}
+
+void logSetup(MarlLogger::MRLLevel level, const char* event, std::initializer_list<std::pair<const char*, std::string>> fields = {}) {
+    MarlLogger::LogBuilder log(level, LogTag::kSetup);
+    log.event(event, Environment::instance().sessionName());
+    for (const auto& [key, value] : fields) log.append(key, value);
+}
+
+// Push messages reach the push handling, which owns what a message means.
+void onPushMessage(const std::string& topic, const std::string& message) {
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kPush)
+        .event("message", Environment::instance().sessionName())
+        .append("topic", topic)
+        .append("size", static_cast<uint64_t>(message.size()));
+}
+
+}  // namespace
+
+std::string Setup::escape(std::string_view text) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        if ((u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == '-' || u == '.' ||
+            u == '~' || u == '_') {
+            out.push_back(c);
+        } else if (u == ' ') {
+            out.push_back('+');
+        } else {
+            out.push_back('%');
+            out.push_back(kHex[u >> 4]);
+            out.push_back(kHex[u & 0xF]);
+        }
+    }
+    return out;
+}
+
+void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath, const std::string& rawFileFolder) {
+    Environment::instance().setProxy(proxy);
+    if (!proxy) return;
+    Services::wire();
+    Services::attachAssets(rawFileFolder);
+    if (rootPath.empty()) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kSetup)
+            .event("initFolder")
+            .error(Errors::createFolderFailed());
+        return;
+    }
+    initFolders(rootPath);
+    UpdateConfig::loadAtStart();
+}
+
+void Setup::setup(const std::string& appKey, const std::string& appVersion, int32_t mode) {
+    Environment& environment = Environment::instance();
+    // Stored on every call, before anything is checked, so that a later call can change them.
+    const std::string key = escape(appKey);
+    const std::string version = escape(appVersion);
+    environment.setApp(key, version);
+    environment.setReferer("Ferrit/" + std::string(kCoreVersion) + "_" + key + "/" + version);
+    if (!environment.proxy()) return;
+
+    const bool hostStartsUpdate = (mode & 1) != 0;
+    if (!environment.setFlag(kSetupDone)) {
+        // A repeated setup can still hand the start of updating to the system.
+        if (!hostStartsUpdate) {
+            environment.setFlag(kAutoStartAllowed);
+            if (environment.flags() & kConfigFirstUpdated) startUpdate();
+        }
+        return;
+    }
+    environment.setClientActive(true);
+    environment.setSessionName(formatSession("Ferrit_MAIN_", environment.activeSince()));
+    environment.setMainProcess(true);
+    logSetup(MarlLogger::MRLLevelInfo, "setup", {{"process", "main"}, {"appKey", key}, {"appVersion", version}});
+    // The first post is also what starts the worker.
+    TaskRunner::post([] { logSetup(MarlLogger::MRLLevelInfo, "startThread"); }, 0);
+    if (!hostStartsUpdate) environment.setFlag(kAutoStartAllowed);
+    UpdateConfig::instance().startTimer();
+    UpdateConfig::instance().start(kTriggerStartup, "0", [](const Error&) { configFirstUpdated(); }, 0);
+    MarlLogger::Inspector::registerAgent("Ferrit", [](const std::string& command, const JSON&) {
+        return command == "info" ? statusReport() : JSON();
+    });
+    MarlLogger::Inspector::registerInfo("FerritInfo", "Ferrit/" + std::string(kCoreVersion));
+    // Folders of earlier layouts, never recreated.
+    for (const char* old : {"meta/", "storage/", "module/", "UniCache_T/"}) Folder::removeFile(Folder::disk(old), false);
+}
+
+void Setup::setupSubProcess() {
+    Environment& environment = Environment::instance();
+    if (!environment.proxy() || (environment.flags() & kSetupDone)) return;
+    logSetup(MarlLogger::MRLLevelInfo, "setup", {{"process", "sub"}});
+    environment.setClientActive(true);
+    environment.setSessionName(formatSession("Ferrit_SUB_", environment.activeSince()));
+    environment.setMainProcess(false);
+}
+
+void Setup::reloadConfig() {
+    if (Environment::instance().isMainProcess()) return;
+    UpdateConfig::loadAtStart();
+}
+
+void Setup::configFirstUpdated() {
+    Environment& environment = Environment::instance();
+    environment.setFlag(kConfigFirstUpdated);
+    logSetup(MarlLogger::MRLLevelInfo, "configFirstUpdated");
+    if (ProxyCalls::registerPushTopic("wpb.fconfig", [](const std::string& m) { onPushMessage("wpb.fconfig", m); })) {
+        ProxyCalls::registerPushTopic("wpb.packconfig", [](const std::string& m) { onPushMessage("wpb.packconfig", m); });
+        environment.setFeatureBit(kFeaturePushRegistered);
+    }
+    if (environment.flags() & kAutoStartAllowed) {
+        startUpdate();
+    } else {
+        TaskRunner::post(autoStartUpdate, kAutoStartDelayMs);
+    }
+}
+
+void Setup::autoStartUpdate() {
+    if (Environment::instance().flags() & kUpdateStarted) return;
+    logSetup(MarlLogger::MRLLevelError, "autoStartUpdate");
+    startUpdate();
+    PerfRecord record("Ferrit.Init");
+    record.setDimension("errorCode", "9998");
+    record.setDimension("errorMsg", "startUpdate not called");
+    sendEvent(record);
+}
+
+void Setup::startUpdate() {
+    Environment& environment = Environment::instance();
+    if (!environment.setFlag(kUpdateStarted)) return;
+    logSetup(MarlLogger::MRLLevelInfo, "startUpdate");
+    // After an initial run the queue waits for its timer.
+    if (!(environment.flags() & kInitialConfigFinished)) UpdateQueue::start(kTriggerStartup);
+    compactDatabases();
+    Cleanup::arm(kCleanupIntervalMs);
+    const double interval = UpdateConfig::checkInterval();
+    auto timer = TaskRunner::postRepeating([] { UpdateQueue::start(kTriggerTimer); }, interval);
+    // The first run falls two minutes from now, not one interval.
+    timer->setLastRunTime(MRLCurrentTime() - interval + 120000.0);
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().queueTimer = std::move(timer);
+}
+
+void Setup::compactDatabases() {
+    const double now = MRLCurrentClock();
+    {
+        std::lock_guard<std::mutex> lock(state().mutex);
+        if (state().lastCompaction != 0 && now - state().lastCompaction < kCompactionIntervalMs) return;
+        state().lastCompaction = now;
+    }
+    PacksStore::instance().compact();
+    ConfigStore::instance().compact();
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kSetup)
+        .event("compactDatabases")
+        .append("time", MRLCurrentClock() - now);
+}
+
+void Setup::clientActived() {
+    Environment& environment = Environment::instance();
+    if (environment.clientActive()) return;
+    environment.setClientActive(true);
+    UpdateQueue::resume();
+    UpdateConfig::instance().start(kTriggerActive, "0", nullptr, 0);
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent).event("clientActived", environment.sessionName());
+}
+
+void Setup::clientDeactived() {
+    const double start = MRLCurrentClock();
+    UpdateQueue::pause();
+    Environment::instance().setClientActive(false);
+    compactDatabases();
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent)
+        .event("clientDeactived", Environment::instance().sessionName())
+        .append("time", MRLCurrentClock() - start);
+}
+
+void Setup::setEnv(int32_t env) {
+    Environment& environment = Environment::instance();
+    if (environment.env() == env) return;
+    environment.setEnvValue(env);
+    // Before the first update, the new environment simply takes effect in that update.
+    if (environment.flags() & kConfigFirstUpdated) UpdateConfig::instance().start(kTriggerChangeEnv, "0", nullptr, 0);
+}
+
+void Setup::setLocale(const std::string& locale) { Environment::instance().setLocaleValue(locale); }
+
+void Setup::setNetworkStatus(uint32_t status) {
+    Environment& environment = Environment::instance();
+    if (environment.networkStatus() == status) return;
+    environment.setNetworkStatusValue(status);
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent)
+        .event("networkStatus", Environment::instance().sessionName())
+        .append("status", status);
+}
+
+JSON Setup::statusReport() {
+    const Environment& environment = Environment::instance();
+    JSON report;
+    report.set("version", std::string(kCoreVersion));
+    report.set("process", environment.isMainProcess() ? "main" : "sub");
+    report.set("feature", environment.feature());
+    JSON errors;
+    if (!environment.proxy()) {
+        errors.push("NO_PROXY");
+    } else {
+        struct stat info;
+        const std::string& root = rootPath();
+        if (root.size() <= 1 || ::stat(root.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) errors.push("ROOT_NOT_EXIST");
+    }
+    const uint32_t flags = environment.flags();
+    if (!(flags & kSetupDone)) {
+        errors.push("NOT_SETUP");
+    } else if (environment.isMainProcess()) {
+        if (environment.appKey().empty()) {
+            errors.push("NO_APPKEY");
+        } else if (environment.appVersion().empty()) {
+            errors.push("NO_APPVERSION");
+        }
+    }
+    if (!(flags & kConfigFirstUpdated)) errors.push("NOT_UPDATE_CONFIG");
+    if (!(flags & kUpdateStarted)) errors.push("NOT_START_UPDATE");
+    if (errors.size() > 0) report.set("error", std::move(errors));
+    return report;
+}
+
+}  // namespace FerritCore

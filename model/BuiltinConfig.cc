@@ -1,0 +1,97 @@
+#include "model/BuiltinConfig.h"
+
+#include <mutex>
+#include <unordered_set>
+#include <vector>
+
+#include "base/Errors.h"
+#include "model/ResourceIndex.h"
+#include "marl/Clock.h"
+#include "marl/Json.h"
+#include "marl/Log.h"
+#include "base/LogTags.h"
+#include "base/AssetProvider.h"
+
+namespace FerritCore {
+
+using MarlLogger::json::JSON;
+
+namespace {
+
+void logLoad(const Error& error) {
+    // A host without built-in packs simply has no such asset: that is worth an info line only.
+    const MarlLogger::MRLLevel level =
+        Errors::isFileMissing(error) ? MarlLogger::MRLLevelInfo : MarlLogger::MRLLevelWarning;
+    MarlLogger::LogBuilder(level, LogTag::kSCache).event("load").error(error);
+}
+
+}  // namespace
+
+Error BuiltinConfig::load(FConfig& config) {
+    const double start = MRLCurrentClock();
+    const Folder file = Folder::asset(kAssetPath);
+    Error error;
+    const std::string text = Assets::readAsset(kAssetPath, error);
+    if (error) {
+        logLoad(error);
+        return error;
+    }
+    std::string reason;
+    const JSON document = JSON::parse(text, &reason);
+    if (!reason.empty() || !document.isObject()) {
+        error = Errors::fileDeserialization(file);
+        logLoad(error);
+        return error;
+    }
+    StringMap<PackPtr> builtin;
+    FConfig::readPacks(document["packs"], builtin);
+    const JSON& resources = document["resources"];
+    for (const auto& [name, record] : document["packs"].objectValue()) {
+        if (resources[name].isNull()) {
+            error = Errors::fileDeserialization(file, "pack \"" + name + "\" resources not found");
+            logLoad(error);
+            return error;
+        }
+    }
+
+    config.scacheVersion = document["v"].stringValue();
+    std::unordered_set<std::string> previews;
+    std::vector<std::string> replaced, stale;
+    for (const auto& [name, pack] : config.packs) {
+        if (pack->packType() != kPackTypeSCache) continue;
+        if (pack->status == kPackStatusPreview) {
+            previews.insert(name);
+        } else if (pack->subType != 1) {
+            replaced.push_back(name);  // comes back from the file below
+        } else {
+            auto listed = builtin.find(pack->rootName());
+            if (listed == builtin.end() || listed->second->seq != pack->installedSeq) stale.push_back(name);
+        }
+    }
+    for (const auto& name : replaced) config.packs.erase(name);
+    for (const auto& name : stale) config.remove(name);
+
+    const double now = MRLCurrentTime();
+    size_t count = 0;
+    for (const auto& [name, pack] : builtin) {
+        if (previews.count(name) != 0 || !pack->isSupported() || pack->status == kPackStatusDeleted) continue;
+        auto installed = pack->clone();
+        installed->updateTime = now;
+        installed->installedSeq = pack->seq;
+        installed->installedBaseSeq = pack->baseSeq;
+        config.put(std::move(installed));
+        ResourceIndexPool::set(name, std::make_shared<const ResourceIndex>(name, resources[name]));
+        ++count;
+    }
+    config.rebuildIndexes();
+
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kSCache)
+        .event("load")
+        .append("version", config.scacheVersion)
+        .append("packs", static_cast<uint64_t>(count))
+        .append("previewPacks", static_cast<uint64_t>(previews.size()))
+        .append("time", MRLCurrentClock() - start);
+    return Error();
+}
+
+}  // namespace FerritCore

@@ -1,0 +1,417 @@
+#include "model/FConfig.h"
+
+#include <algorithm>
+#include <charconv>
+#include <tuple>
+#include <vector>
+
+#include "base/Digest.h"
+#include "base/Errors.h"
+#include "base/Url.h"
+#include "marl/Clock.h"
+#include "marl/Json.h"
+#include "marl/Log.h"
+#include "base/Environment.h"
+#include "base/LogTags.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
+#include "storage/Statistics.h"
+#include "model/BuiltinConfig.h"
+#include "model/SCache.h"
+
+namespace FerritCore {
+
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONStringer;
+
+namespace {
+
+// A gray release younger than this survives a full document that no longer lists it, so that a
+// device in the gray group keeps what it installed while the release is judged.
+constexpr double kGrayGraceMs = 86400000.0;
+
+const std::shared_ptr<const MatchTables>& emptyTables() {
+    static const auto* tables = new std::shared_ptr<const MatchTables>(std::make_shared<const MatchTables>());
+    return *tables;
+}
+
+void logRemove(MarlLogger::MRLLevel level, const std::string& name, const char* reason) {
+    MarlLogger::LogBuilder(level, LogTag::kFConfig).event("remove").append("name", name).append("reason", reason);
+}
+
+// A record that must not be kept: say what it was, so that the server side can be fixed.
+void reportBadRecord(const std::string& name, const JSON& value) {
+    PerfRecord record("Ferrit.ConfigDiskError");
+    record.setDimension("packName", name);
+    record.setDimension("configContent", value.toString());
+    MarlLogger::LogBuilder log(MarlLogger::MRLLevelWarning, LogTag::kFConfig);
+    if (log.active()) {
+        log.event("invalidPack");
+        logRecord(record, log);
+    }
+    sendEvent(record);
+}
+
+// Whether no record's prefixes or referrers differ between two maps of records.
+bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b) {
+    if (a.size() != b.size()) return false;
+    for (const auto& [name, pack] : a) {
+        auto other = b.find(name);
+        if (other == b.end()) return false;
+        const Pack& x = *pack;
+        const Pack& y = *other->second;
+        if (&x == &y) continue;
+        if (x.prefixes != y.prefixes || x.referrers != y.referrers || x.packType() != y.packType() ||
+            x.subType != y.subType)
+            return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string normalizeVersion(std::string_view version) {
+    const size_t dot = version.find('.');
+    if (dot != std::string_view::npos) version = version.substr(0, dot);
+    return version.empty() ? std::string("0") : std::string(version);
+}
+
+uint64_t versionNumber(std::string_view version) {
+    uint64_t value = 0;
+    const auto result = std::from_chars(version.data(), version.data() + version.size(), value);
+    return result.ec == std::errc() ? value : 0;
+}
+
+FConfig::FConfig() : tables_(emptyTables()) {
+    const Environment& environment = Environment::instance();
+    env = static_cast<uint32_t>(environment.env());
+    clientVersion = environment.appVersion();
+    locale = environment.locale();
+}
+
+FConfig FConfig::copyForChange() const {
+    FConfig copy;
+    copy.version = version;
+    copy.fullMark = fullMark;
+    copy.scacheVersion = scacheVersion;
+    copy.delay = delay;
+    copy.env = env;
+    copy.clientVersion = clientVersion;
+    copy.locale = locale;
+    copy.lastUpdate = lastUpdate;
+    copy.lastFullUpdate = lastFullUpdate;
+    copy.packs = packs;
+    copy.tables_ = tables_;
+    return copy;
+}
+
+bool FConfig::verifySignature(std::string_view& body, const std::string& origin, Error& error) {
+    const size_t separator = body.rfind("||");
+    if (separator == std::string_view::npos) {
+        error = Errors::requestDeserialization(origin, "no signature");
+        return false;
+    }
+    std::string signature;
+    const bool decoded = Digest::base64Decode(body.substr(separator + 2), signature);
+    body = body.substr(0, separator);
+    const std::string md5 = Digest::md5Hex(body);
+    if (!decoded || !ProxyCalls::verifySignature(md5, signature)) {
+        error = Errors::requestVerifySignature(origin, md5);
+        return false;
+    }
+    return true;
+}
+
+bool FConfig::read(std::string_view text, std::string& reason) {
+    JSON document = JSON::parse(text, &reason);
+    if (!reason.empty()) return false;
+    if (!document.isObject()) {
+        reason = "not an object";
+        return false;
+    }
+    for (const auto& [key, value] : document.objectValue()) {
+        const std::string_view k = key;
+        if (k == "v") version = value.stringValue();
+        else if (k == "i") fullMark = value.uint32Value();
+        else if (k == "scacheVersion") scacheVersion = value.stringValue();
+        else if (k == "delay") delay = value.doubleValue();
+        else if (k == "env") env = value.uint32Value();
+        else if (k == "clientVersion") clientVersion = value.stringValue();
+        else if (k == "locale") locale = value.stringValue();
+        else if (k == "lastUpdate") lastUpdate = value.doubleValue();
+        else if (k == "lastFullUpdate") lastFullUpdate = value.doubleValue();
+        else if (k == "packs") readPacks(value, packs);
+    }
+    return true;
+}
+
+void FConfig::readPacks(const JSON& object, StringMap<PackPtr>& out) {
+    out.reserve(out.size() + object.size());
+    for (const auto& [name, record] : object.objectValue()) {
+        auto pack = std::make_shared<Pack>();
+        pack->name = name;
+        if (record.isObject() && record.size() > 0) {
+            pack->readJSON(record);
+            if (!pack->validate()) {
+                reportBadRecord(name, record);
+                continue;
+            }
+        } else {
+            // null, {} or a scalar: the server says this pack is to go.
+            pack->status = kPackStatusDeleted;
+        }
+        out[name] = std::move(pack);
+    }
+}
+
+std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string& origin, Error& error,
+                                        bool checkSignature) {
+    auto config = std::make_shared<FConfig>();
+    if (checkSignature && !verifySignature(text, origin, error)) return nullptr;
+    std::string reason;
+    if (!config->read(text, reason)) {
+        error = Errors::requestDeserialization(origin);
+        return nullptr;
+    }
+    if (config->version.empty()) {
+        error = Errors::serverError(origin, static_cast<int>(Environment::instance().flags()));
+        return nullptr;
+    }
+    config->version = normalizeVersion(config->version);
+    if (config->lastUpdate == 0) config->lastUpdate = MRLCurrentTime();
+    if (config->isFull() && config->lastFullUpdate == 0) config->lastFullUpdate = config->lastUpdate;
+    // The matcher's tables are built when a document is published (SCache::publish or a
+    // transaction): a fetched document that is only merged never needs its own.
+    error.clear();
+    return config;
+}
+
+std::string FConfig::serialize() const {
+    JSONStringer out;
+    out.object();
+    if (version != "0") out.key("v").value(version);
+    if (fullMark != 0) out.key("i").value(fullMark);
+    if (scacheVersion != "0") out.key("scacheVersion").value(scacheVersion);
+    if (delay != 60000.0) out.key("delay").value(delay);
+    // The defaults of these three are the running values, which may differ at the next start: a
+    // stored document always says what it was fetched for.
+    out.key("env").value(env);
+    if (!clientVersion.empty()) out.key("clientVersion").value(clientVersion);
+    if (!locale.empty()) out.key("locale").value(locale);
+    if (lastUpdate != 0) out.key("lastUpdate").value(lastUpdate);
+    if (lastFullUpdate != 0) out.key("lastFullUpdate").value(lastFullUpdate);
+    if (!packs.empty()) {
+        std::vector<const Pack*> sorted;
+        sorted.reserve(packs.size());
+        for (const auto& [name, pack] : packs) sorted.push_back(pack.get());
+        std::sort(sorted.begin(), sorted.end(), [](const Pack* a, const Pack* b) { return a->name < b->name; });
+        out.key("packs").object();
+        for (const Pack* pack : sorted) {
+            out.key(pack->name);
+            pack->writeJSON(out);
+        }
+        out.endObject();
+    }
+    out.endObject();
+    return out.result();
+}
+
+void FConfig::merge(const FConfig& document) {
+    const Environment& environment = Environment::instance();
+    if (env != static_cast<uint32_t>(environment.env())) {
+        // Everything installed belongs to another service environment: start again from nothing.
+        packs.clear();
+        removed.clear();
+        version = "0";
+        fullMark = 0;
+        delay = 60000.0;
+        lastUpdate = 0;
+        lastFullUpdate = 0;
+        scacheVersion = "0";
+        env = static_cast<uint32_t>(environment.env());
+        SCache::wipeInstalled();
+        BuiltinConfig::load(*this);
+        dirty = true;
+    }
+    if (env != document.env || clientVersion != document.clientVersion || locale != document.locale ||
+        lastUpdate != document.lastUpdate || fullMark != document.fullMark)
+        dirty = true;
+    env = document.env;
+    clientVersion = document.clientVersion;
+    locale = document.locale;
+    lastUpdate = document.lastUpdate;
+    fullMark = document.fullMark;
+
+    if (versionNumber(document.version) >= versionNumber(version)) {
+        if (version != document.version) dirty = true;
+        version = document.version;
+        if (document.isFull()) {
+            if (lastFullUpdate != document.lastFullUpdate) dirty = true;
+            lastFullUpdate = document.lastFullUpdate;
+        }
+    }
+
+    if (document.isFull()) {
+        const double now = MRLCurrentTime();
+        std::vector<std::string> gone;
+        for (const auto& [name, pack] : packs) {
+            if (document.packs.count(name) != 0) continue;
+            const uint32_t type = pack->packType();
+            if (type == kPackTypeACache || type == kPackTypeSCache || pack->status == kPackStatusPreview) continue;
+            if (pack->grayState() == 2 && pack->publishTime >= now - kGrayGraceMs) continue;
+            gone.push_back(name);
+        }
+        for (const auto& name : gone) {
+            logRemove(MarlLogger::MRLLevelWarning, name, "Not in full fconfig");
+            remove(name);
+        }
+    }
+
+    for (const auto& [name, pack] : document.packs) mergePack(pack);
+}
+
+void FConfig::mergePack(const PackPtr& p) {
+    const bool supported = p->status == kPackStatusDeleted ? false : p->isSupported();
+    PackPtr old = find(p->name);
+    if (!old) {
+        if (supported) put(p);
+        return;
+    }
+    if (!supported) {
+        logRemove(MarlLogger::MRLLevelInfo, p->name, p->isSupported() ? "Deleted" : "PackType not supported");
+        remove(p->name);
+        return;
+    }
+    const bool newer = p->seq > old->seq || (p->seq == old->seq && old->baseSeq == 0);
+    const bool rollback = p->grayState() == 1 && old->grayState() == 2;
+    if (!newer && !rollback && p->status != kPackStatusPreview) {
+        if (p->updateTime > old->updateTime) {
+            auto touched = old->clone();
+            touched->updateTime = p->updateTime;
+            put(std::move(touched));
+        }
+        return;
+    }
+    if (rollback && p->seq == 0) {
+        logRemove(MarlLogger::MRLLevelInfo, p->name, "Rollback first gray");
+        remove(p->name);
+        return;
+    }
+    auto n = p->clone();
+    if (rollback) {
+        // The gray version's files go; the pack downloads again at the released sequence.
+        logRemove(MarlLogger::MRLLevelInfo, p->name, "Rollback gray");
+        removed.insert(old);
+    } else {
+        n->installedSeq = old->installedSeq;
+        n->installedBaseSeq = old->installedBaseSeq;
+        n->installedSize = old->installedSize;
+        n->isPacks = old->isPacks;
+        n->installTime = old->installTime;
+    }
+    // Damage and eviction outlive a new configuration; eviction of a resident pack does not.
+    if ((n->status != kPackStatusPreview && old->status == kPackStatusNeedReinstall) ||
+        (old->status == kPackStatusEliminated && !n->isResident()))
+        n->setStatus(old->status);
+    n->trigger = old->trigger;
+    if (p->prefixes.empty()) n->prefixes = old->prefixes;
+    put(std::move(n));
+}
+
+PackPtr FConfig::find(std::string_view name) const {
+    auto it = packs.find(name);
+    return it == packs.end() ? nullptr : it->second;
+}
+
+void FConfig::put(PackPtr pack) {
+    if (!pack) return;
+    packs[pack->name] = std::move(pack);
+    dirty = true;
+}
+
+bool FConfig::remove(std::string_view name) {
+    auto it = packs.find(name);
+    if (it == packs.end()) return false;
+    removed.insert(it->second);
+    packs.erase(it);
+    dirty = true;
+    return true;
+}
+
+void FConfig::setStatus(std::string_view name, uint32_t status) {
+    PackPtr old = find(name);
+    if (!old) return;
+    auto pack = old->clone();
+    pack->setStatus(status);
+    if (pack->status != old->status) put(std::move(pack));
+}
+
+void FConfig::setInstalled(std::string_view name, uint32_t trigger, uint64_t seq, uint64_t baseSeq, uint64_t size,
+                           bool isPacks) {
+    PackPtr old = find(name);
+    if (!old) return;
+    auto pack = old->clone();
+    // A first install earns the credit that keeps a fresh pack from being evicted at once.
+    if (pack->installedSeq == 0) Statistics::addAccess(pack->name, nullptr, 0.6931471805599453);
+    if (triggerIgnoresPriority(trigger)) pack->trigger = trigger;
+    pack->installedSeq = seq;
+    pack->installedBaseSeq = baseSeq;
+    pack->installedSize = size;
+    pack->installTime = MRLCurrentTime();
+    pack->isPacks = (pack->isBuiltIn() || pack->packType() == kPackTypeACache) ? false : isPacks;
+    if (pack->status == kPackStatusNeedReinstall || pack->status == kPackStatusEliminated)
+        pack->status = kPackStatusNormal;
+    put(std::move(pack));
+}
+
+void FConfig::rebuildIndexes(const FConfig* previous) {
+    if (previous != nullptr && previous->tables_ && sameRouting(packs, previous->packs)) {
+        tables_ = previous->tables_;
+        return;
+    }
+    auto tables = std::make_shared<MatchTables>();
+    // (prefix key, accept type, pack name), sorted so that the result does not depend on the order
+    // of the map: the smallest name wins where two packs claim the same thing.
+    std::vector<std::tuple<std::string, std::string, std::string_view>> prefixes;
+    std::string keyBuffer;
+    for (const auto& [name, pack] : packs) {
+        if (pack->packType() == kPackTypeSCache && pack->subType == 1) continue;
+        for (const auto& prefix : pack->prefixes) {
+            // A prefix may name, after a "#", the content type it serves: the fragment never
+            // reaches a server, so it is free to carry this.
+            const size_t hash = prefix.find('#');
+            Url::keyInto(std::string_view(prefix).substr(0, hash), keyBuffer);
+            if (keyBuffer.empty()) continue;
+            std::string accept;
+            if (hash != std::string::npos) {
+                accept = prefix.substr(hash + 1);
+                for (char& c : accept)
+                    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+            }
+            prefixes.emplace_back(keyBuffer, std::move(accept), name);
+        }
+        for (const auto& referrer : pack->referrers) {
+            Url::keyInto(referrer, keyBuffer);
+            if (keyBuffer.empty()) continue;
+            auto [it, inserted] = tables->urlIndex.emplace(keyBuffer, name);
+            if (!inserted && name < it->second) it->second = name;
+        }
+    }
+    std::sort(prefixes.begin(), prefixes.end());
+    for (size_t i = 0; i < prefixes.size();) {
+        const std::string& key = std::get<0>(prefixes[i]);
+        PrefixValue value;
+        for (; i < prefixes.size() && std::get<0>(prefixes[i]) == key; ++i) {
+            const auto& [prefix, accept, name] = prefixes[i];
+            if (accept.empty()) {
+                if (value.packName.empty()) value.packName = name;
+            } else {
+                value.acceptPacks.emplace(accept, name);
+            }
+        }
+        tables->prefixTree.add(key, std::move(value));
+    }
+    tables_ = std::move(tables);
+}
+
+}  // namespace FerritCore

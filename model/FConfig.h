@@ -1,0 +1,120 @@
+// FConfig: the process-wide configuration document: which packs exist, at which sequence, which
+// URLs they serve, and what this device has installed. Published snapshots are immutable and read
+// without a lock (SCache::current()); a change goes through SCache::mutate on a private copy.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "base/PrefixTree.h"
+#include "ferritcore/Error.h"
+#include "marl/Json.h"
+#include "model/Pack.h"
+
+namespace FerritCore {
+
+// Hash and equality that accept std::string_view, so that lookups need not build a string key.
+struct StringHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+struct StringEqual {
+    using is_transparent = void;
+    bool operator()(std::string_view a, std::string_view b) const { return a == b; }
+};
+template <typename V>
+using StringMap = std::unordered_map<std::string, V, StringHash, StringEqual>;
+
+// The two indexes the matcher reads, derived from the records' referrers and prefixes.
+struct MatchTables {
+    StringMap<std::string> urlIndex;  // referrer index: "//" form of a URL -> pack name
+    PrefixTree prefixTree;            // prefix index
+};
+
+// "fullMark" of a document that lists every pack.
+constexpr uint32_t kFullMark = 4294967295u;
+
+class FConfig {
+public:
+    // A document with the defaults; env, clientVersion and locale are the running ones.
+    FConfig();
+    // A copy for a transaction: document fields and the map of (shared) records. `dirty` starts
+    // false, `removed` empty; the indexes are rebuilt when the transaction ends.
+    FConfig copyForChange() const;
+
+    // Parses a document. With `checkSignature` the text is "<json>||<base64 signature>" and the
+    // signature must verify. `origin` (a URL, "local", "Push Message") names the source in
+    // messages. Null with `error` set on failure; a bad record is left out, not a failure. The
+    // matcher's tables are empty until the document is published or rebuildIndexes() is called.
+    static std::shared_ptr<FConfig> parse(std::string_view text, const std::string& origin, Error& error,
+                                          bool checkSignature);
+    // Splits "<json>||<signature>" at the last "||" and checks the signature of the MD5 of the
+    // JSON through the proxy. On success `body` holds the JSON alone.
+    static bool verifySignature(std::string_view& body, const std::string& origin, Error& error);
+    // Reads the member "packs" of a document: a non-empty object is a record, which must
+    // validate (a refused one is reported and left out); anything else marks the pack deleted.
+    static void readPacks(const MarlLogger::json::JSON& object, StringMap<PackPtr>& out);
+    // The document as JSON, keys equal to their defaults left out, packs in name order.
+    std::string serialize() const;
+
+    // Takes in a fetched document (see the merge rules in FConfig.cc). Call on a transaction copy.
+    void merge(const FConfig& document);
+    // Takes in one record: sequence, gray and rollback rules.
+    void mergePack(const PackPtr& pack);
+
+    // The record, or null.
+    PackPtr find(std::string_view name) const;
+    // Stores a record under its name and marks the document dirty.
+    void put(PackPtr pack);
+    // Moves the record to `removed` (its folder goes at commit); false when there is none.
+    bool remove(std::string_view name);
+    // Applies Pack::setStatus to a clone; stores it when the status changed.
+    void setStatus(std::string_view name, uint32_t status);
+    // Records a finished install of `seq`.
+    void setInstalled(std::string_view name, uint32_t trigger, uint64_t seq, uint64_t baseSeq, uint64_t size,
+                      bool isPacks);
+
+    // Rebuilds the matcher's tables; shares those of `previous` when no record's routing changed,
+    // so that a transaction that touches no prefix or referrer costs no index rebuild.
+    void rebuildIndexes(const FConfig* previous = nullptr);
+    const StringMap<std::string>& urlIndex() const { return tables_->urlIndex; }
+    const PrefixTree& prefixTree() const { return tables_->prefixTree; }
+
+    // Document fields.
+    std::string version = "0";
+    uint32_t fullMark = 0;
+    std::string scacheVersion = "0";
+    double delay = 60000.0;
+    uint32_t env = 2;
+    std::string clientVersion;
+    std::string locale;
+    double lastUpdate = 0;
+    double lastFullUpdate = 0;
+    StringMap<PackPtr> packs;
+
+    // Transaction state, never serialised.
+    bool dirty = false;
+    std::unordered_set<PackPtr> removed;
+
+    bool isFull() const { return fullMark == kFullMark; }
+
+private:
+    // Reads the document's members; false when `text` is not a JSON object.
+    bool read(std::string_view text, std::string& reason);
+
+    std::shared_ptr<const MatchTables> tables_;
+};
+
+using FConfigPtr = std::shared_ptr<const FConfig>;
+
+// "0" for empty, and anything from the first "." on cut off.
+std::string normalizeVersion(std::string_view version);
+// A version read as an unsigned integer; 0 when it does not parse.
+uint64_t versionNumber(std::string_view version);
+
+}  // namespace FerritCore

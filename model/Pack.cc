@@ -1,0 +1,210 @@
+#include "model/Pack.h"
+
+#include <cstdio>
+#include <string_view>
+
+#include "marl/Clock.h"
+
+namespace FerritCore {
+namespace {
+
+// "<prefix><name>/<seq>/" in one allocation.
+std::string seqFolder(std::string_view prefix, std::string_view name, uint64_t seq) {
+    char digits[24];
+    const int n = std::snprintf(digits, sizeof(digits), "%llu", static_cast<unsigned long long>(seq));
+    std::string out;
+    out.reserve(prefix.size() + name.size() + static_cast<size_t>(n) + 2);
+    out.append(prefix).append(name).push_back('/');
+    out.append(digits, static_cast<size_t>(n)).push_back('/');
+    return out;
+}
+
+}  // namespace
+
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONStringer;
+
+namespace {
+
+std::vector<std::string> readStrings(const JSON& value) {
+    std::vector<std::string> out;
+    out.reserve(value.size());
+    for (const JSON& item : value.arrayValue()) out.push_back(item.stringValue());
+    return out;
+}
+
+}  // namespace
+
+const char* packStatusName(uint32_t status) {
+    switch (status) {
+        case kPackStatusNormal: return "Normal";
+        case kPackStatusNeedReinstall: return "NeedReinstall";
+        case kPackStatusEliminated: return "Eliminated";
+        case kPackStatusPreview: return "Preview";
+        case kPackStatusDeleted: return "Deleted";
+        default: return "Unknown";
+    }
+}
+
+void Pack::readJSON(const JSON& object) {
+    // One pass over the members; the keys are few and short, so comparing them in turn is
+    // cheaper than a lookup per field.
+    for (const auto& [key, value] : object.objectValue()) {
+        const std::string_view k = key;
+        if (k == "s") seq = value.uint64Value();
+        else if (k == "f") flags = value.uint64Value();
+        else if (k == "b") baseSeq = value.uint64Value();
+        else if (k == "t") publishTime = value.doubleValue();
+        else if (k == "m") marker = value.uint64Value();
+        else if (k == "c") md5 = value.stringValue();
+        else if (k == "ci") incrMd5 = value.stringValue();
+        else if (k == "p") prefixes = readStrings(value);
+        else if (k == "r") referrers = readStrings(value);
+        else if (k == "g") gray = value.uint64Value();
+        else if (k == "updateTime") updateTime = value.doubleValue();
+        else if (k == "installedSeq") installedSeq = value.uint64Value();
+        else if (k == "installedBaseSeq") installedBaseSeq = value.uint64Value();
+        else if (k == "installedSize") installedSize = value.uint64Value();
+        else if (k == "installTime") installTime = value.doubleValue();
+        else if (k == "trigger") trigger = value.uint32Value();
+        else if (k == "subType") subType = value.uint32Value();
+        else if (k == "ACacheType") legacySubType = value.uint32Value();
+        else if (k == "zipURL") zipURL = value.stringValue();
+        else if (k == "status") status = value.uint32Value();
+        else if (k == "isOnDemand") isOnDemand = value.boolValue();
+        else if (k == "isPacks") isPacks = value.boolValue();
+    }
+}
+
+void Pack::writeJSON(JSONStringer& out) const {
+    out.object();
+    if (seq != 0) out.key("s").value(seq);
+    if (flags != 0) out.key("f").value(flags);
+    if (baseSeq != 0) out.key("b").value(baseSeq);
+    if (publishTime != 0) out.key("t").value(publishTime);
+    if (marker != 0) out.key("m").value(marker);
+    if (!md5.empty()) out.key("c").value(md5);
+    if (!incrMd5.empty()) out.key("ci").value(incrMd5);
+    if (!prefixes.empty()) {
+        out.key("p").array();
+        for (const auto& prefix : prefixes) out.value(prefix);
+        out.endArray();
+    }
+    if (!referrers.empty()) {
+        out.key("r").array();
+        for (const auto& referrer : referrers) out.value(referrer);
+        out.endArray();
+    }
+    if (gray != 0) out.key("g").value(gray);
+    if (updateTime != 0) out.key("updateTime").value(updateTime);
+    if (installedSeq != 0) out.key("installedSeq").value(installedSeq);
+    if (installedBaseSeq != 0) out.key("installedBaseSeq").value(installedBaseSeq);
+    if (installedSize != 0) out.key("installedSize").value(installedSize);
+    if (installTime != 0) out.key("installTime").value(installTime);
+    if (trigger != 0) out.key("trigger").value(trigger);
+    if (subType != 0) out.key("subType").value(subType);
+    if (legacySubType != 0) out.key("ACacheType").value(legacySubType);
+    if (!zipURL.empty()) out.key("zipURL").value(zipURL);
+    if (status != 0) out.key("status").value(status);
+    if (isOnDemand) out.key("isOnDemand").value(true);
+    if (isPacks) out.key("isPacks").value(true);
+    out.endObject();
+}
+
+bool Pack::validate() {
+    if (!isSupported() || grayState() > 2 || status > kPackStatusDeleted) return false;
+    if (subType == 2 && zipURL.empty()) return false;
+    if (subType == 1 && name.find('@') == std::string::npos) subType = 0;
+    if (subType == 0) {
+        if (legacySubType == 1 || legacySubType == 2) {
+            subType = legacySubType;
+            if (subType == 2 && zipURL.empty()) return false;
+        } else if (name.find('@') != std::string::npos) {
+            subType = 1;
+        }
+    } else if (subType != 1 && subType != 2) {
+        return false;
+    }
+    if (status == kPackStatusPreview && zipURL.empty()) status = kPackStatusNormal;
+    if (updateTime <= 0) updateTime = MRLCurrentTime();
+    legacySubType = 0;
+    return true;
+}
+
+std::shared_ptr<Pack> Pack::clone(const std::string& newName) const {
+    auto copy = std::make_shared<Pack>(*this);
+    if (!newName.empty()) copy->name = newName;
+    return copy;
+}
+
+bool Pack::isOutOfDate(double documentLastUpdate, double interval) const {
+    const uint32_t type = packType();
+    if (type != kPackTypeDefault && type != kPackTypeFerrit) return false;
+    const double limit = MRLCurrentTime() - interval;
+    return updateTime < limit && documentLastUpdate < limit;
+}
+
+bool triggerIgnoresPriority(uint32_t trigger) { return trigger == 6 || trigger == 8 || trigger == 9; }
+
+std::string_view Pack::rootView() const {
+    if (subType == 1) {
+        const size_t at = name.find('@');
+        if (at != std::string::npos) return std::string_view(name).substr(0, at);
+    }
+    return name;
+}
+
+std::string Pack::rootName() const { return std::string(rootView()); }
+
+std::string Pack::appName() const { return subType == 2 ? zipURL : rootName(); }
+
+std::string Pack::pinnedName(const std::string& name, uint64_t seq) {
+    return name + "@" + std::to_string(seq);
+}
+
+bool Pack::isSupported() const {
+    const uint32_t type = packType();
+    return type == kPackTypeDefault || type == kPackTypeACache || type == kPackTypeFerrit ||
+           type == kPackTypeSCache;
+}
+
+bool Pack::needsConfig() const {
+    return !(seq != 0 && baseSeq != 0) && (packType() != kPackTypeACache || subType == 0);
+}
+
+bool Pack::isResident() const {
+    const uint32_t p = priority();
+    return subType == 0 && (p == 7 || p > 8 || packType() == kPackTypeSCache);
+}
+
+bool Pack::isBuiltIn() const {
+    return packType() == kPackTypeSCache && subType != 1 && status != kPackStatusPreview;
+}
+
+bool Pack::canUpdateIncrementally() const {
+    return packType() == kPackTypeFerrit && status != kPackStatusNeedReinstall &&
+           status != kPackStatusPreview && installedSeq != 0 && installedSeq < seq &&
+           baseSeq == installedBaseSeq;
+}
+
+void Pack::setStatus(uint32_t newStatus) {
+    if (newStatus == kPackStatusNeedReinstall && !(status == kPackStatusNormal && isInstalled())) return;
+    if (newStatus == kPackStatusEliminated && (status == kPackStatusEliminated || status == kPackStatusPreview))
+        return;
+    status = newStatus;
+}
+
+Folder Pack::installedFolder() const {
+    const std::string_view root = rootView();
+    if (isBuiltIn()) {
+        const std::string relative = seqFolder("Ferrit_Asset_", root, installedSeq);
+        if (isOnDemand) return Folder::onDemand("Ferrit_Asset_" + std::string(root), relative);
+        return Folder::asset(relative);
+    }
+    if (packType() == kPackTypeACache || !isPacks) return Folder::disk(seqFolder("apps/", root, installedSeq));
+    return Folder::packed(seqFolder("", root, installedSeq));
+}
+
+Folder Pack::resourcesFolder() const { return installedFolder().childOf("res/"); }
+
+}  // namespace FerritCore

@@ -1,0 +1,20 @@
+#include "model/PacksConfigStorage.h"
+
+#include "storage/PacksStore.h"
+
+namespace FerritCore {
+
+Error PacksConfigStorage::writeConfig(const std::string& text) {
+    Error error;
+    PacksStore::instance().writeConfig(text, error);
+    return error;
+}
+
+void PacksConfigStorage::removeFolder(const Folder& folder) { Folder::removeFile(folder, false); }
+
+void PacksConfigStorage::wipeInstalled() {
+    Folder::removeFile(Folder::disk("apps/"), true);
+    PacksStore::instance().clear();
+}
+
+}  // namespace FerritCore

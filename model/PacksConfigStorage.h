@@ -1,0 +1,16 @@
+// Where committed configuration documents go in a running process: the packs store, and the
+// folders under the root. Runs on the worker.
+#pragma once
+
+#include "model/SCache.h"
+
+namespace FerritCore {
+
+class PacksConfigStorage : public ConfigStorage {
+public:
+    Error writeConfig(const std::string& text) override;
+    void removeFolder(const Folder& folder) override;
+    void wipeInstalled() override;
+};
+
+}  // namespace FerritCore

@@ -1,0 +1,242 @@
+#include "model/ResourceIndex.h"
+
+#include <mutex>
+#include <unordered_map>
+
+#include "base/ProcessState.h"
+#include "base/Digest.h"
+#include "base/Errors.h"
+#include "base/Url.h"
+#include "base/FileUtil.h"
+#include "base/Proxy.h"
+
+namespace FerritCore {
+
+using MarlLogger::json::JSON;
+
+ResourceIndex::ResourceIndex(std::string name, Error error) : name_(std::move(name)), error_(std::move(error)) {}
+
+ResourceIndex::ResourceIndex(std::string name, const Folder& folder)
+    : name_(std::move(name)), hasFolder_(true), folder_(folder) {
+    // The increment goes in first, so that the full list never brings back what it removed.
+    if (!loadFile(folder.childOf(kIncrementIndexFileName), true)) return;
+    loadFile(folder.childOf(kIndexFileName), false);
+}
+
+ResourceIndex::ResourceIndex(std::string name, const EntryReader& zip, bool allowMissingMd5) : name_(std::move(name)) {
+    const Folder source = Folder::disk(name_ + ".zip/" + std::string(kIndexFileName));
+    if (!zip) {
+        fail(Errors::fileNotExists(source));
+        return;
+    }
+    Error error;
+    const std::string text = zip(std::string(kIndexFileName), error);
+    if (error) {
+        fail(std::move(error));
+        return;
+    }
+    JSON table;
+    if (!parseSigned(source, text, table, error)) {
+        fail(std::move(error));
+        return;
+    }
+    addEntries(table, allowMissingMd5, source);
+}
+
+ResourceIndex::ResourceIndex(std::string name, const JSON& table) : name_(std::move(name)) {
+    const Folder source = Folder::disk("SCacheConfig/" + name_ + "/" + std::string(kIndexFileName));
+    if (!table.isObject() && !table.isNull()) {
+        fail(Errors::fileDeserialization(source));
+        return;
+    }
+    addEntries(table, false, source);
+}
+
+bool ResourceIndex::parseSigned(const Folder& folder, std::string_view text, JSON& table, Error& error) {
+    table = JSON();
+    const size_t separator = text.find("||");
+    if (separator == std::string_view::npos) {
+        error = Errors::fileDeserialization(folder, "Token || not found");
+        return false;
+    }
+    const std::string_view body = text.substr(0, separator);
+    const size_t bar = text.find('|', separator + 2);
+    if (bar == std::string_view::npos) {
+        error = Errors::fileDeserialization(folder, "Token | not found");
+        return false;
+    }
+    // Text that does not decode gives no signature bytes; the proxy refuses those.
+    std::string signature;
+    if (!Digest::base64Decode(text.substr(bar + 1), signature)) signature.clear();
+    const std::string md5 = Digest::md5Hex(body);
+    if (!ProxyCalls::verifySignature(md5, signature)) {
+        error = Errors::fileVerifySignature(folder, md5);
+        return false;
+    }
+    JSON parsed = JSON::parse(body);
+    if (!parsed.isObject()) {
+        error = Errors::fileDeserialization(folder);
+        return false;
+    }
+    table = std::move(parsed);
+    error.clear();
+    return true;
+}
+
+void ResourceIndex::fail(Error error) {
+    error_ = std::move(error);
+    records_.clear();
+    removed_.clear();
+}
+
+bool ResourceIndex::loadFile(const Folder& file, bool increment) {
+    Error error;
+    const std::string text = Folder::readFile(file, error);
+    if (error) {
+        // A pack that was never updated incrementally has no increment.
+        if (increment) return true;
+        fail(std::move(error));
+        return false;
+    }
+    JSON table;
+    if (!parseSigned(file, text, table, error)) {
+        fail(std::move(error));
+        return false;
+    }
+    return addEntries(table, increment, file);
+}
+
+bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Folder& source) {
+    std::string keyBuffer;
+    records_.reserve(records_.size() + 2 * table.size());
+    for (const auto& [path, entry] : table.objectValue()) {
+        auto record = std::make_shared<ResourceRecord>();
+        record->path = path;
+        Url::trimLeadingSlash(record->path);
+        if (climbsOut(record->path)) {
+            fail(Errors::fileDeserialization(source, "path \"" + record->path + "\" leaves the pack"));
+            return false;
+        }
+        record->md5 = entry["v"].stringValue();
+        if (record->md5.empty()) {
+            if (!allowMissingMd5) {
+                fail(Errors::fileDeserialization(source, "MD5 for \"" + record->path + "\" not found"));
+                return false;
+            }
+            removed_.insert(record->path);
+            continue;
+        }
+        if (removed_.count(record->path) != 0) continue;
+        record->url = entry["url"].stringValue();
+        for (const auto& [headerName, headerValue] : entry["header"].objectValue())
+            record->header.emplace(headerName, headerValue.stringValue());
+        // By URL, or by the path without its "res/" folder when the record names no URL.
+        if (!record->url.empty()) {
+            Url::keyInto(record->url, keyBuffer);
+        } else {
+            Url::keyInto(record->path.size() > 4 ? std::string_view(record->path).substr(4) : std::string_view(),
+                         keyBuffer);
+        }
+        std::shared_ptr<const ResourceRecord> shared = record;
+        if (!keyBuffer.empty()) records_.emplace(keyBuffer, shared);
+        records_.emplace(record->path, std::move(shared));
+    }
+    return true;
+}
+
+std::shared_ptr<const ResourceRecord> ResourceIndex::find(std::string_view url) const {
+    if (url.size() >= 1 && url[0] == '/' && !(url.size() > 1 && url[1] == '/')) url.remove_prefix(1);
+    auto it = records_.find(url);
+    return it == records_.end() ? nullptr : it->second;
+}
+
+bool ResourceIndex::verifyFiles(const Folder& folder, Error& error) const {
+    if (error_) {
+        error = error_;
+        return false;
+    }
+    for (const auto& [key, record] : records_) {
+        // Each record is entered twice; its path entry is the one that names a file.
+        if (key != record->path) continue;
+        const Folder file = folder.childOf(record->path);
+        std::string content = Folder::readFile(file, error);
+        if (error) return false;
+        const std::string md5 = Digest::md5Hex(content);
+        if (md5 != record->md5) {
+            error = Errors::fileVerifyMd5(file, md5, record->md5);
+            return false;
+        }
+    }
+    error.clear();
+    return true;
+}
+
+namespace {
+
+struct Pool {
+    std::recursive_mutex mutex;
+    std::unordered_map<std::string, ResourceIndexPtr> loaded;    // guarded by mutex
+    std::unordered_map<std::string, ResourceIndexPtr> embedded;  // guarded by mutex
+    ResourceIndexPool::Loader loader;                            // guarded by mutex
+};
+
+Pool& pool() {
+    static Pool* const instance = ProcessState::create<Pool>([](Pool& p) {
+        std::lock_guard<std::recursive_mutex> lock(p.mutex);
+        p.loaded.clear();
+        p.embedded.clear();
+        p.loader = nullptr;
+    });
+    return *instance;
+}
+
+}  // namespace
+
+ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
+    Pool& p = pool();
+    // Held throughout, loading included, so that one index is loaded once.
+    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    if (pack.packType() == kPackTypeSCache && pack.subType != 1 && pack.status != kPackStatusPreview) {
+        auto it = p.embedded.find(pack.name);
+        if (it != p.embedded.end()) return it->second;
+        return std::make_shared<const ResourceIndex>(pack.name, Errors::resourceListNotFound(pack.name));
+    }
+    auto it = p.loaded.find(pack.name);
+    if (it != p.loaded.end()) return it->second;
+    ResourceIndexPtr index;
+    if (p.loader) {
+        index = p.loader(pack);
+        if (!index) index = std::make_shared<const ResourceIndex>(pack.name, Errors::resourceListNotFound(pack.name));
+    } else {
+        index = std::make_shared<const ResourceIndex>(pack.name, pack.installedFolder());
+    }
+    p.loaded.emplace(pack.name, index);
+    return index;
+}
+
+void ResourceIndexPool::set(const std::string& name, ResourceIndexPtr index) {
+    if (name.empty() || !index) return;
+    Pool& p = pool();
+    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    p.embedded[name] = std::move(index);
+}
+
+void ResourceIndexPool::remove(const std::string& name) {
+    Pool& p = pool();
+    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    p.loaded.erase(name);
+}
+
+void ResourceIndexPool::clear() {
+    Pool& p = pool();
+    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    p.loaded.clear();
+}
+
+void ResourceIndexPool::setLoader(Loader loader) {
+    Pool& p = pool();
+    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    p.loader = std::move(loader);
+}
+
+}  // namespace FerritCore

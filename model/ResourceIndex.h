@@ -1,0 +1,113 @@
+// ResourceIndex: the signed list of one pack's files, loaded once and shared by every match of
+// the pack. Immutable after construction, so readers need no lock. ResourceIndexPool keeps one per
+// pack and is safe from any thread (a recursive mutex guards its maps; an index is loaded once).
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+#include "ferritcore/Error.h"
+#include "ferritcore/ResourceRequest.h"
+#include "marl/Json.h"
+#include "base/Folder.h"
+#include "model/FConfig.h"
+#include "model/Pack.h"
+
+namespace FerritCore {
+
+// The full list of a pack folder, and the increment that a later sequence installed.
+inline constexpr std::string_view kIndexFileName = "app-res.hvc";
+inline constexpr std::string_view kIncrementIndexFileName = "app-res-incr.hvc";
+
+struct ResourceRecord {
+    std::string url;   // may be empty
+    std::string md5;
+    std::string path;  // the key in the index, leading "/" trimmed
+    HeaderMap header;
+};
+
+class ResourceIndex {
+public:
+    // Reads one entry of a pack zip by name; empty with `error` set on failure.
+    using EntryReader = std::function<std::string(const std::string& entryName, Error& error)>;
+
+    // A failed index.
+    ResourceIndex(std::string name, Error error);
+    // Loads the increment, then the full list, of an installed pack's folder. A missing or empty
+    // increment is no failure; a missing full list is, and so is any file that does not verify
+    // or parse. Reads only the two index files.
+    ResourceIndex(std::string name, const Folder& folder);
+    // The full list read as the entry "app-res.hvc" of a pack zip; messages name it
+    // "<name>.zip/app-res.hvc". `allowMissingMd5` for an incremental zip, whose records without
+    // "v" mark removed paths.
+    ResourceIndex(std::string name, const EntryReader& zip, bool allowMissingMd5);
+    // From a table already parsed from an embedded configuration: an object from path to
+    // {"url", "v", "header"}. Messages name it "SCacheConfig/<name>/app-res.hvc".
+    ResourceIndex(std::string name, const MarlLogger::json::JSON& table);
+
+    // Verifies and parses one signed index file: "<json>||<token>|<base64 signature>", the
+    // signature over the lower-case hexadecimal MD5 of the JSON, checked by the Proxy. A missing
+    // separator is 1107, a refused signature (or no proxy) 1106, a body that is not a JSON object
+    // 1107; `folder` names the file in messages. On failure `table` is null; success clears
+    // `error`.
+    static bool parseSigned(const Folder& folder, std::string_view text, MarlLogger::json::JSON& table,
+                            Error& error);
+
+    const std::string& name() const { return name_; }
+    const Error& error() const { return error_; }
+    // The folder the index was read from, whose files its paths name; null for an index that
+    // was not read from a pack folder (embedded, from a zip, or failed before reading).
+    const Folder* folder() const { return hasFolder_ ? &folder_ : nullptr; }
+    // Trims one leading "/" and looks the rest up, by "//" URL form or by path. Null when absent.
+    std::shared_ptr<const ResourceRecord> find(std::string_view url) const;
+    // Lookup entries: each record is entered under its URL form and under its path.
+    size_t size() const { return records_.size(); }
+    // Paths that an increment removed.
+    const std::unordered_set<std::string>& removed() const { return removed_; }
+    // Reads every file of the index below `folder` and compares its MD5 with the record. The first
+    // failure stops: false with `error` set (the read error, or 1106 for a different MD5).
+    bool verifyFiles(const Folder& folder, Error& error) const;
+
+private:
+    // Adds the entries of a parsed table. A record without "v" hides its path when
+    // `allowMissingMd5` (an increment), and otherwise fails the whole index with 1107; so does a
+    // path with a ".." piece, which could name a file outside the pack.
+    bool addEntries(const MarlLogger::json::JSON& table, bool allowMissingMd5, const Folder& source);
+    // Reads, verifies and adds one index file; false when the index failed.
+    bool loadFile(const Folder& file, bool increment);
+    void fail(Error error);
+
+    std::string name_;
+    Error error_;
+    bool hasFolder_ = false;
+    Folder folder_;
+    StringMap<std::shared_ptr<const ResourceRecord>> records_;
+    std::unordered_set<std::string> removed_;
+};
+
+using ResourceIndexPtr = std::shared_ptr<const ResourceIndex>;
+
+class ResourceIndexPool {
+public:
+    // Builds the index of an installed pack instead of reading its folder.
+    using Loader = std::function<ResourceIndexPtr(const Pack& pack)>;
+
+    // Asset packs that are not fixed-sequence copies or previews come from `embedded` (a missing
+    // one gives a failed index with 3112, not stored). Every other pack is looked up in `loaded`
+    // and, on a miss, loaded from its installed folder and stored, even when the load failed.
+    static ResourceIndexPtr get(const Pack& pack);
+    // Stores an embedded index; nothing for an empty name or a null index.
+    static void set(const std::string& name, ResourceIndexPtr index);
+    // Drops a pack from `loaded` (after an install).
+    static void remove(const std::string& name);
+    // Empties `loaded`.
+    static void clear();
+    // Replaces the reading of pack folders, for benchmarks and tools that build indexes in memory.
+    // Null, the default, reads each pack's folder. A loader that returns null gives 3112.
+    static void setLoader(Loader loader);
+};
+
+}  // namespace FerritCore

@@ -1,0 +1,82 @@
+#include "model/SCache.h"
+
+#include <atomic>
+#include <mutex>
+
+#include "base/ProcessState.h"
+#include "marl/Log.h"
+#include "base/Environment.h"
+#include "base/LogTags.h"
+#include "runtime/TaskRunner.h"
+
+namespace FerritCore {
+namespace {
+
+struct State {
+    std::atomic<FConfigPtr> current{std::make_shared<const FConfig>()};
+    std::recursive_mutex writers;
+    std::atomic<std::shared_ptr<ConfigStorage>> storage;
+};
+
+State& state() {
+    static State* const instance = ProcessState::create<State>([](State& s) {
+        std::lock_guard<std::recursive_mutex> lock(s.writers);
+        s.current.store(std::make_shared<const FConfig>(), std::memory_order_release);
+        s.storage.store(nullptr, std::memory_order_release);
+    });
+    return *instance;
+}
+
+}  // namespace
+
+FConfigPtr SCache::current() { return state().current.load(std::memory_order_acquire); }
+
+FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
+    State& s = state();
+    std::lock_guard<std::recursive_mutex> lock(s.writers);
+    const FConfigPtr previous = s.current.load(std::memory_order_acquire);
+    auto copy = std::make_shared<FConfig>(previous->copyForChange());
+    change(*copy);
+    copy->rebuildIndexes(previous.get());
+    FConfigPtr published = copy;
+    if ((copy->dirty || !copy->removed.empty()) && Environment::instance().isMainProcess())
+        TaskRunner::post([published] { commit(*published); });
+    s.current.store(published, std::memory_order_release);
+    return published;
+}
+
+void SCache::publish(std::shared_ptr<FConfig> document) {
+    if (!document) return;
+    State& s = state();
+    std::lock_guard<std::recursive_mutex> lock(s.writers);
+    document->rebuildIndexes(nullptr);
+    document->dirty = false;
+    document->removed.clear();
+    s.current.store(std::move(document), std::memory_order_release);
+}
+
+void SCache::commit(const FConfig& document) {
+    std::shared_ptr<ConfigStorage> storage = state().storage.load(std::memory_order_acquire);
+    if (!storage) return;
+    if (document.dirty) {
+        const Error error = storage->writeConfig(document.serialize());
+        if (error) {
+            MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kSCache)
+                .event("commit")
+                .append("version", document.version)
+                .error(error);
+        }
+    }
+    for (const PackPtr& pack : document.removed) storage->removeFolder(pack->installedFolder());
+}
+
+void SCache::wipeInstalled() {
+    if (std::shared_ptr<ConfigStorage> storage = state().storage.load(std::memory_order_acquire))
+        storage->wipeInstalled();
+}
+
+void SCache::setStorage(std::shared_ptr<ConfigStorage> storage) {
+    state().storage.store(std::move(storage), std::memory_order_release);
+}
+
+}  // namespace FerritCore

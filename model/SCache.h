@@ -1,0 +1,51 @@
+// SCache: owner of the current configuration snapshot and of the transaction through which every
+// change to it passes. current() is lock-free apart from the atomic snapshot load and may be
+// called on any thread; mutate() may run on any thread and is serialised by a recursive mutex.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "ferritcore/Error.h"
+#include "base/Folder.h"
+#include "model/FConfig.h"
+
+namespace FerritCore {
+
+// Where committed documents and removed packs go. Runs on the worker.
+class ConfigStorage {
+public:
+    virtual ~ConfigStorage() = default;
+    // Stores the serialised document under the key "config" of the packs store and, once it is
+    // stored, deletes the older copy "config/fconfig.config", which is never read again.
+    virtual Error writeConfig(const std::string& text) = 0;
+    // Deletes an installed pack's folder, best effort.
+    virtual void removeFolder(const Folder& folder) = 0;
+    // Deletes "apps/" and the content of the packs store (the service environment changed).
+    virtual void wipeInstalled() = 0;
+};
+
+class SCache {
+public:
+    // The present document; never null (an empty document before anything was loaded).
+    static FConfigPtr current();
+    // Copies the current document, lets `change` edit the copy, rebuilds the indexes and swaps
+    // the copy in atomically. In the main process, a change that set `dirty` or removed records
+    // posts the commit to the task runner. Returns the new document. `change` must not block on
+    // the network.
+    static FConfigPtr mutate(const std::function<void(FConfig&)>& change);
+    // Publishes `document` as it is (the load at start-up), indexes rebuilt.
+    static void publish(std::shared_ptr<FConfig> document);
+
+    // Writes a committed document and deletes the folders of its removed records: what the posted
+    // commit task runs. Failures are logged; the document stays in memory and the next dirty
+    // commit writes it again.
+    static void commit(const FConfig& document);
+    // Asks the storage to delete everything installed (see ConfigStorage::wipeInstalled).
+    static void wipeInstalled();
+    // Set once at start-up; without one, commits are only kept in memory.
+    static void setStorage(std::shared_ptr<ConfigStorage> storage);
+};
+
+}  // namespace FerritCore

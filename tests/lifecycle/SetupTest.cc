@@ -1,0 +1,270 @@
+#include <gtest/gtest.h>
+
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
+#include "marl/Clock.h"
+#include "marl/Inspector.h"
+#include "marl/Log.h"
+#include "base/Environment.h"
+#include "runtime/Network.h"
+#include "runtime/Settings.h"
+#include "lifecycle/Setup.h"
+#include "runtime/TaskRunner.h"
+#include "update/Cleanup.h"
+#include "storage/ConfigStore.h"
+#include "storage/PacksStore.h"
+#include "model/SCache.h"
+#include "update/UpdateConfig.h"
+#include "update/UpdateQueue.h"
+
+namespace FerritTest {
+namespace {
+
+using namespace FerritCore;
+using MarlLogger::json::JSON;
+
+const char* kFirstUrl = "https://cfg.test/fconfig/key/1.0/0~0/~";
+
+class SetupTest : public ProcessTest {
+protected:
+    void SetUp() override {
+        ProcessTest::SetUp();
+        HostDefaults defaults;
+        defaults.configPrefix = "https://cfg.test/";
+        Settings::setDefaults(defaults);
+        proxy_ = std::make_shared<FakeProxy>();
+        proxy_->serve(kFirstUrl, 200, FakeProxy::sign(R"({"v":"1700000000000","i":4294967295})"));
+        UpdateQueue::setControls({[this](int trigger) { queueStarts.push_back(trigger); }, [this] { ++pauses; },
+                                  [this] { ++resumes; }});
+    }
+
+    std::vector<std::string> errors() {
+        std::vector<std::string> out;
+        const JSON report = Setup::statusReport();
+        for (const JSON& code : report["error"].arrayValue()) out.push_back(code.stringValue());
+        return out;
+    }
+    uint32_t flags() { return Environment::instance().flags(); }
+
+    MarlLogger::ScopedManualClock clock_;
+    MarlLogger::ScopedCapture logs_;
+    std::shared_ptr<FakeProxy> proxy_;
+    std::vector<int> queueStarts;
+    int pauses = 0;
+    int resumes = 0;
+};
+
+TEST_F(SetupTest, LifecycleInTheHostsOrder) {
+    EXPECT_EQ(errors(), (std::vector<std::string>{"NO_PROXY", "NOT_SETUP", "NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
+    Setup::setProxy(proxy_, temp_.root());
+    EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_SETUP", "NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
+    Setup::setup("key", "1.0", 1);  // the host will call startUpdate itself
+    EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
+    EXPECT_EQ(MarlLogger::Inspector::info("FerritInfo"), "Ferrit/10.10.0-rc.5");
+    TaskRunner::runDue();  // the worker starts and the first configuration arrives
+    ASSERT_EQ(proxy_->requests.size(), 1u);
+    EXPECT_EQ(proxy_->requests[0].url, kFirstUrl);
+    EXPECT_EQ(proxy_->requests[0].header.at("Referer"), "Ferrit/10.10.0-rc.5_key/1.0");
+    EXPECT_EQ(SCache::current()->version, "1700000000000");
+    EXPECT_EQ(proxy_->topics, (std::vector<std::string>{"wpb.fconfig", "wpb.packconfig"}));
+    EXPECT_EQ(Environment::instance().feature() & 1, 1u);
+    EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_START_UPDATE"}));
+    EXPECT_EQ(logs_->count("configFirstUpdated"), 1u);
+
+    Setup::startUpdate();
+    const JSON report = Setup::statusReport();
+    EXPECT_TRUE(report["error"].isNull());
+    EXPECT_EQ(report["version"].stringValue(), "10.10.0-rc.5");
+    EXPECT_TRUE(queueStarts.empty()) << "after an initial run the queue waits for its timer";
+    EXPECT_EQ(logs_->count("compactDatabases"), 1u);
+    // The queue timer's first tick is two minutes after the start of updating.
+    clock_->advance(119000);
+    TaskRunner::runDue();
+    EXPECT_TRUE(queueStarts.empty());
+    clock_->advance(2000);
+    TaskRunner::runDue();
+    EXPECT_EQ(queueStarts, (std::vector<int>{kTriggerTimer}));
+    // The stored document survives in the packs store.
+    Error error;
+    EXPECT_NE(PacksStore::instance().readConfig(error).find("1700000000000"), std::string::npos) << error.message();
+}
+
+TEST_F(SetupTest, ModeZeroStartsUpdatingAfterFirstConfiguration) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 0);
+    TaskRunner::runDue();
+    EXPECT_TRUE(flags() & kUpdateStarted);
+    EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(SetupTest, SetupBeforeProxyStoresKeyAndCanBeRepeated) {
+    Setup::setup("a b/c", "1.0", 0);
+    EXPECT_EQ(Environment::instance().appKey(), "a+b%2Fc");
+    EXPECT_EQ(flags(), 0u);
+    EXPECT_EQ(TaskRunner::pendingCount(), 0u);
+    EXPECT_TRUE(proxy_->requests.empty());
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 0);
+    TaskRunner::runDue();
+    EXPECT_EQ(proxy_->requests.size(), 1u);
+    EXPECT_TRUE(flags() & kSetupDone);
+}
+
+TEST_F(SetupTest, EscapeKeepsUnreservedAndEncodesTheRest) {
+    EXPECT_EQ(Setup::escape("a b/c"), "a+b%2Fc");
+    EXPECT_EQ(Setup::escape("Az09-._~"), "Az09-._~");
+    EXPECT_EQ(Setup::escape("\xff%"), "%FF%25");
+}
+
+TEST_F(SetupTest, SecondSetupWithBitZeroClearStartsUpdating) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 1);
+    TaskRunner::runDue();
+    EXPECT_FALSE(flags() & kUpdateStarted);
+    Setup::setup("key", "1.0", 1);
+    EXPECT_FALSE(flags() & kUpdateStarted) << "bit 0 set: still the host's call";
+    Setup::setup("key", "1.0", 0);
+    EXPECT_TRUE(flags() & kUpdateStarted);
+}
+
+TEST_F(SetupTest, StartUpdateBeforeSetupLeavesAutoStartNothingToDo) {
+    Setup::startUpdate();
+    EXPECT_TRUE(flags() & kUpdateStarted);
+    EXPECT_EQ(queueStarts, (std::vector<int>{kTriggerStartup}));
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 1);
+    TaskRunner::runDue();
+    clock_->advance(Setup::kAutoStartDelayMs);
+    TaskRunner::runDue();
+    EXPECT_EQ(logs_->count("autoStartUpdate"), 0u);
+    EXPECT_TRUE(proxy_->events.empty() || std::find(proxy_->events.begin(), proxy_->events.end(), "Ferrit.Init") ==
+                                              proxy_->events.end());
+}
+
+TEST_F(SetupTest, HostThatNeverStartsGetsAutoStartAfterFiveMinutes) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 1);
+    TaskRunner::runDue();
+    clock_->advance(Setup::kAutoStartDelayMs - 1);
+    TaskRunner::runDue();
+    EXPECT_FALSE(flags() & kUpdateStarted);
+    clock_->advance(1);
+    TaskRunner::runDue();
+    EXPECT_TRUE(flags() & kUpdateStarted);
+    auto entry = logs_->last("autoStartUpdate", "Ferrit/Setup");
+    EXPECT_EQ(entry.level, 1);
+    EXPECT_NE(std::find(proxy_->events.begin(), proxy_->events.end(), "Ferrit.Init"), proxy_->events.end());
+}
+
+TEST_F(SetupTest, StartUpdateTwiceHasTheEffectOfOnce) {
+    Setup::startUpdate();
+    Setup::startUpdate();
+    EXPECT_EQ(queueStarts.size(), 1u);
+    EXPECT_EQ(logs_->count("startUpdate", "Ferrit/Setup"), 1u);
+}
+
+TEST_F(SetupTest, DeactivationTwiceWithinTenMinutesCompactsOnce) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::clientDeactived();
+    clock_->advance(599999);
+    Setup::clientDeactived();
+    EXPECT_EQ(logs_->count("compactDatabases"), 1u);
+    EXPECT_EQ(pauses, 2);
+    clock_->advance(1);
+    Setup::clientDeactived();
+    EXPECT_EQ(logs_->count("compactDatabases"), 2u);
+    EXPECT_TRUE(logs_->last("clientDeactived", "Ferrit/Event").has("time"));
+}
+
+TEST_F(SetupTest, SameEnvironmentRequestsNoUpdate) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 0);
+    TaskRunner::runDue();
+    const size_t before = proxy_->requests.size();
+    Setup::setEnv(2);
+    TaskRunner::runDue();
+    EXPECT_EQ(proxy_->requests.size(), before);
+    Setup::setEnv(1);
+    TaskRunner::runDue();
+    EXPECT_EQ(proxy_->requests.size(), before + 1) << "a change after the first update checks at once";
+}
+
+TEST_F(SetupTest, EnvironmentSetBeforeFirstUpdateOnlyTakesEffect) {
+    Setup::setEnv(1);
+    EXPECT_EQ(Environment::instance().env(), 1);
+    EXPECT_EQ(TaskRunner::pendingCount(), 0u);
+}
+
+TEST_F(SetupTest, ActivationWhenActiveRequestsNoUpdate) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 0);
+    TaskRunner::runDue();
+    const size_t before = proxy_->requests.size();
+    clock_->advance(60000);
+    Setup::clientActived();
+    TaskRunner::runDue();
+    EXPECT_EQ(proxy_->requests.size(), before);
+    EXPECT_EQ(resumes, 0);
+    Setup::clientDeactived();
+    Setup::clientActived();
+    TaskRunner::runDue();
+    EXPECT_EQ(resumes, 1);
+    EXPECT_EQ(proxy_->requests.size(), before + 1);
+}
+
+TEST_F(SetupTest, SubProcessSetupReportsNoMissingKey) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setupSubProcess();
+    EXPECT_FALSE(Environment::instance().isMainProcess());
+    EXPECT_EQ(Environment::instance().sessionName().rfind("Ferrit_SUB_", 0), 0u);
+    EXPECT_EQ(Setup::statusReport()["process"].stringValue(), "sub");
+    auto codes = errors();
+    EXPECT_EQ(std::find(codes.begin(), codes.end(), "NO_APPKEY"), codes.end());
+}
+
+TEST_F(SetupTest, SubProcessReloadsWhatTheMainProcessWrote) {
+    Setup::setProxy(proxy_, temp_.root());
+    Error error;
+    ASSERT_TRUE(PacksStore::instance().writeConfig(R"({"v":"77"})", error));
+    Setup::reloadConfig();
+    EXPECT_EQ(SCache::current()->version, "0") << "a main process owns its document";
+    Setup::setupSubProcess();
+    Setup::reloadConfig();
+    EXPECT_EQ(SCache::current()->version, "77");
+}
+
+TEST_F(SetupTest, MissingKeyAndVersionAreReported) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("", "", 1);
+    auto codes = errors();
+    EXPECT_EQ(codes[0], "NO_APPKEY");
+    Setup::setup("k", "", 1);
+    EXPECT_EQ(errors()[0], "NO_APPVERSION");
+}
+
+TEST_F(SetupTest, EmptyRootIsReportedAndLogged) {
+    Setup::setProxy(proxy_, "");
+    setRootPath("/nonexistent-ferrit-root/");
+    EXPECT_EQ(errors()[0], "ROOT_NOT_EXIST");
+    auto entry = logs_->last("initFolder", "Ferrit/Setup");
+    EXPECT_EQ(entry.level, 1);
+    EXPECT_EQ(entry.errorCode, "9992");
+}
+
+TEST_F(SetupTest, NetworkStatusIsLoggedOnChangeOnly) {
+    Setup::setNetworkStatus(1);
+    Setup::setNetworkStatus(1);
+    EXPECT_EQ(logs_->count("networkStatus", "Ferrit/Event"), 1u);
+    EXPECT_EQ(Environment::instance().networkStatus(), 1u);
+}
+
+TEST_F(SetupTest, InspectorAgentAnswersInfo) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 1);
+    JSON info = MarlLogger::Inspector::call("Ferrit", "info", JSON());
+    EXPECT_EQ(info["version"].stringValue(), "10.10.0-rc.5");
+    EXPECT_EQ(info["process"].stringValue(), "main");
+}
+
+}  // namespace
+}  // namespace FerritTest

@@ -1,0 +1,57 @@
+#include "update/Cleanup.h"
+
+#include <memory>
+#include <mutex>
+
+#include "base/ProcessState.h"
+#include "marl/Log.h"
+#include "base/LogTags.h"
+#include "runtime/TaskRunner.h"
+#include "base/Telemetry.h"
+
+namespace FerritCore {
+namespace {
+
+struct State {
+    std::mutex mutex;
+    std::shared_ptr<RepeatingTimer> timer;      // guarded by mutex
+    std::function<void(int trigger)> runner;  // guarded by mutex
+};
+
+State& state() {
+    static State* const instance = ProcessState::create<State>([](State& s) {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.timer.reset();
+        s.runner = nullptr;
+    });
+    return *instance;
+}
+
+void tick() {
+    std::function<void(int)> runner;
+    {
+        std::lock_guard<std::mutex> lock(state().mutex);
+        runner = state().runner;
+    }
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kRoot).event("cleanupDue");
+    if (runner) runner(kTriggerTimer);
+}
+
+}  // namespace
+
+void Cleanup::arm(double intervalMs) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.timer) {
+        s.timer->setInterval(intervalMs);
+        return;
+    }
+    s.timer = TaskRunner::postRepeating(tick, intervalMs, "cleanup");
+}
+
+void Cleanup::setRunner(std::function<void(int trigger)> runner) {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().runner = std::move(runner);
+}
+
+}  // namespace FerritCore
