@@ -1,15 +1,15 @@
 #include "ferritcore/Access.h"
 
-#include "base/Errors.h"
-#include "base/Http.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
+#include "base/Errors.h"
+#include "base/Http.h"
+#include "base/LogTags.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "runtime/Settings.h"
-#include "base/LogTags.h"
 
 namespace FerritCore {
 namespace {
@@ -19,7 +19,8 @@ using MarlLogger::json::JSONObject;
 
 // {"errorCode": c, "errorMsg": m} for a part with an error, {"name": n} otherwise.
 JSON partInfo(const ResourcePart& part) {
-    if (part.error) return JSONObject{{"errorCode", part.error.code()}, {"errorMsg", part.error.message()}};
+    if (part.error)
+        return JSONObject{{"errorCode", part.error.code()}, {"errorMsg", part.error.message()}};
     return JSONObject{{"name", part.name}};
 }
 
@@ -27,9 +28,11 @@ JSON partInfo(const ResourcePart& part) {
 // another level), so the fields are gathered only when some level of it can be written, and the
 // entry is built once, at the end.
 class MatchLog {
-public:
+  public:
     MatchLog(const Resource& resource, const ResourceRequest& request, int policy)
-        : resource_(resource), request_(request), policy_(policy),
+        : resource_(resource),
+          request_(request),
+          policy_(policy),
           active_(MarlLogger::Log::enabled(MarlLogger::MRLLevelInfo) ||
                   MarlLogger::Log::enabled(MarlLogger::MRLLevelWarning)) {}
 
@@ -39,8 +42,9 @@ public:
     }
     void finish(const char* how, const ResourcePart& part, bool lowerWhenNotServed) {
         if (!active_) return;
-        const int level = lowerWhenNotServed && Errors::isNotServed(part.error) ? MarlLogger::MRLLevelWarning
-                                                                                : MarlLogger::MRLLevelInfo;
+        const int level = lowerWhenNotServed && Errors::isNotServed(part.error)
+                              ? MarlLogger::MRLLevelWarning
+                              : MarlLogger::MRLLevelInfo;
         MarlLogger::LogBuilder log(level, resource_.logTag);
         if (!log.active()) return;
         log.event("match", request_.parentId)
@@ -49,7 +53,8 @@ public:
             .append("referrer", request_.referrer)
             .append("accept", resource_.context->accept());
         if (policy_ == kPolicyAsync) log.append("policy", "async");
-        if (request_.isUniApp()) log.append("UniApp", request_.packName).append("UniAppVersion", request_.packVersion);
+        if (request_.isUniApp())
+            log.append("UniApp", request_.packName).append("UniAppVersion", request_.packVersion);
         for (const auto& [key, value] : extra_) log.append(key, value);
         log.append("match", how);
         if (!part.name.empty()) log.append("name", part.name);
@@ -57,7 +62,7 @@ public:
         log.append("matchTime", resource_.matchTime);
     }
 
-private:
+  private:
     const Resource& resource_;
     const ResourceRequest& request_;
     int policy_;
@@ -113,8 +118,10 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
 }
 
 std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& request) {
-    if (request.url.empty()) return std::make_unique<ResourceResponse>(Errors::notFerritResourceRef());
-    if (Http::isDisabled(request.header())) return std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef());
+    if (request.url.empty())
+        return std::make_unique<ResourceResponse>(Errors::notFerritResourceRef());
+    if (Http::isDisabled(request.header()))
+        return std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef());
     std::shared_ptr<Resource> resource = match(request, kPolicySync);
     std::string data;
     if (!resource->error) data = resource->read();
@@ -138,8 +145,8 @@ void Access::getResource(const ResourceRequest& request,
         return;
     }
     std::shared_ptr<Resource> reading = resource;
-    reading->readAsync([resource = std::move(resource), callback = std::move(callback)](const std::string& data,
-                                                                                         const Error& error) {
+    reading->readAsync([resource = std::move(resource), callback = std::move(callback)](
+                           const std::string& data, const Error& error) {
         // A failure here takes is404 from the SCache hit, not from the match: the host then
         // answers 404 for a file that an SCache pack claims but could not deliver.
         if (error) {

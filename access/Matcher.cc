@@ -3,10 +3,10 @@
 #include <cstdint>
 
 #include "base/Digest.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
-#include "base/Environment.h"
 #include "model/SCache.h"
 
 namespace FerritCore {
@@ -16,13 +16,17 @@ PackPtr packByUrl(const FConfig& config, const Settings& settings, std::string_v
     auto entry = config.urlIndex().find(k);
     if (entry == config.urlIndex().end()) return nullptr;
     PackPtr pack = config.find(entry->second);
-    if (pack && pack->packType() == kPackTypeSCache && !settings.isSCacheEnabled(pack->name)) return nullptr;
+    if (pack && pack->packType() == kPackTypeSCache && !settings.isSCacheEnabled(pack->name))
+        return nullptr;
     return pack;
 }
 
-bool fileTypeClaimed(const Settings& settings, std::string_view k) { return settings.isSCacheFileType(k); }
+bool fileTypeClaimed(const Settings& settings, std::string_view k) {
+    return settings.isSCacheFileType(k);
+}
 
-std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view keyReferrer, int* kind) {
+std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view keyReferrer,
+                                     int* kind) {
     if (Environment::instance().isDisabledByDeveloper()) return nullptr;
     *kind = kMatchNone;
     const double start = MRLCurrentClock();
@@ -35,7 +39,8 @@ std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view k
     } else {
         pack = packByUrl(*config, *settings, keyReferrer);
         if (!pack) return nullptr;
-        if (pack->packType() == kPackTypeSCache && fileTypeClaimed(*settings, keyUrl)) *kind = kMatchReferrerSCache;
+        if (pack->packType() == kPackTypeSCache && fileTypeClaimed(*settings, keyUrl))
+            *kind = kMatchReferrerSCache;
     }
     auto match = std::make_shared<PackMatch>(*config, std::move(pack), false);
     match->matchTime = MRLCurrentClock() - start;
@@ -59,11 +64,20 @@ bool parseNameWithVersion(std::string_view text, NameWithVersion& out) {
     out = NameWithVersion();
     if (text.size() >= 2 && text[1] == ':') {
         switch (text[0]) {
-            case 'A': out.type = kPackTypeACache; break;
-            case 'S': out.type = kPackTypeSCache; break;
-            case 'F': out.type = kPackTypeFerrit; break;
-            case 'D': out.type = kPackTypeDefault; break;
-            default: return false;
+            case 'A':
+                out.type = kPackTypeACache;
+                break;
+            case 'S':
+                out.type = kPackTypeSCache;
+                break;
+            case 'F':
+                out.type = kPackTypeFerrit;
+                break;
+            case 'D':
+                out.type = kPackTypeDefault;
+                break;
+            default:
+                return false;
         }
         out.hasType = true;
         text.remove_prefix(2);
@@ -90,7 +104,8 @@ bool parseNameWithVersion(std::string_view text, NameWithVersion& out) {
     return true;
 }
 
-PackPtr findByName(const FConfig& config, std::string_view name, std::string_view info, bool* fallback) {
+PackPtr findByName(const FConfig& config, std::string_view name, std::string_view info,
+                   bool* fallback) {
     const bool mayMakeUp = fallback != nullptr;
     if (fallback != nullptr) *fallback = false;
     if (Url::isAbsolute(name)) {
@@ -111,13 +126,15 @@ PackPtr findByName(const FConfig& config, std::string_view name, std::string_vie
     if (!info.empty() && parseNameWithVersion(info, wanted)) {
         if (wanted.name.empty()) wanted.name = std::string(name);
         PackPtr plain = config.find(wanted.name);
-        const uint32_t type = wanted.hasType ? wanted.type : (plain ? plain->packType() : kPackTypeDefault);
+        const uint32_t type =
+            wanted.hasType ? wanted.type : (plain ? plain->packType() : kPackTypeDefault);
         if ((type == kPackTypeACache || type == kPackTypeSCache) && wanted.seq != 0) {
             const std::string pinned = Pack::pinnedName(wanted.name, wanted.seq);
             if (PackPtr pack = config.find(pinned)) return pack;
             if (plain && plain->installedSeq == wanted.seq) return plain;
             if (!mayMakeUp) return nullptr;
-            std::shared_ptr<Pack> made = plain ? std::make_shared<Pack>(*plain) : std::make_shared<Pack>();
+            std::shared_ptr<Pack> made =
+                plain ? std::make_shared<Pack>(*plain) : std::make_shared<Pack>();
             made->name = pinned;
             made->flags = (made->flags & ~static_cast<uint64_t>(0xF0)) | type;
             made->subType = 1;

@@ -7,21 +7,22 @@
 #include <string_view>
 
 #include "access/PackPart.h"
-#include "runtime/Settings.h"
 #include "model/FConfig.h"
+#include "runtime/Settings.h"
 
 namespace FerritCore {
 
 // How a URL match relates to the SCache packs.
 enum MatchKind : int {
-    kMatchNone = 0,          // not an SCache claim
+    kMatchNone = 0,            // not an SCache claim
     kMatchReferrerSCache = 1,  // the referrer's pack is an SCache pack that claims this file type
-    kMatchUrlSCache = 2,     // the URL itself is in an SCache pack
+    kMatchUrlSCache = 2,       // the URL itself is in an SCache pack
 };
 
 // The pack named for `keyUrl`, else for `keyReferrer`, in `urlIndex`; null when neither is known
 // or the developer tool switched the cache off. `kind` receives the MatchKind.
-std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view keyReferrer, int* kind);
+std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view keyReferrer,
+                                     int* kind);
 // The pack of the longest matching prefix; never null: 3001 when nothing matches, 3003 when the
 // developer tool switched the cache off.
 std::shared_ptr<PackMatch> findByPrefix(std::string_view keyUrl, std::string_view accept);
@@ -51,6 +52,7 @@ bool parseNameWithVersion(std::string_view text, NameWithVersion& out);
 // record of `name`. Null when nothing fits, unless `fallback` is given: then a stand-in record
 // is made (a fixed-URL app pack at sequence 1, or a pinned copy at the asked sequence) and
 // `*fallback` is set to true. Pure; any thread.
-PackPtr findByName(const FConfig& config, std::string_view name, std::string_view info, bool* fallback);
+PackPtr findByName(const FConfig& config, std::string_view name, std::string_view info,
+                   bool* fallback);
 
 }  // namespace FerritCore

@@ -2,20 +2,20 @@
 
 #include <cinttypes>
 
+#include "access/UpdateRequester.h"
 #include "base/Digest.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Http.h"
+#include "base/LogTags.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "base/Environment.h"
-#include "base/Proxy.h"
+#include "model/SCache.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
-#include "base/Telemetry.h"
 #include "storage/Statistics.h"
-#include "model/SCache.h"
-#include "access/UpdateRequester.h"
-#include "base/LogTags.h"
 
 namespace FerritCore {
 namespace {
@@ -24,7 +24,8 @@ constexpr double kVisitUpdateDelayMs = 5000.0;
 
 // Asks for a newer version a little later, so that the read in progress is not slowed.
 void postVisitUpdate(const std::string& packName) {
-    TaskRunner::post([packName] { requestUpdate(packName, kTriggerVisitUpdate); }, kVisitUpdateDelayMs);
+    TaskRunner::post([packName] { requestUpdate(packName, kTriggerVisitUpdate); },
+                     kVisitUpdateDelayMs);
 }
 
 // Forgets the installation of a fixed-URL app pack whose files are gone.
@@ -54,10 +55,14 @@ Error checkResourcesFolder(const Pack& pack) {
 
 char typeLetter(const Pack& pack) {
     switch (pack.packType()) {
-        case kPackTypeACache: return 'A';
-        case kPackTypeSCache: return 'S';
-        case kPackTypeFerrit: return 'F';
-        default: return 'D';
+        case kPackTypeACache:
+            return 'A';
+        case kPackTypeSCache:
+            return 'S';
+        case kPackTypeFerrit:
+            return 'F';
+        default:
+            return 'D';
     }
 }
 
@@ -79,13 +84,20 @@ void postReinstall(const std::string& packName) {
 // ---- PackMatch ----
 
 PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
-    : name(packPtr->name), configVersion(config.version), pinned(pinnedMatch), pack(std::move(packPtr)) {
+    : name(packPtr->name),
+      configVersion(config.version),
+      pinned(pinnedMatch),
+      pack(std::move(packPtr)) {
     const Pack& p = *pack;
     if (p.installedSeq == 0) {
-        error = p.status == kPackStatusEliminated ? Errors::eliminated(p.name) : Errors::notInstalled(p.name);
-    } else if (p.packType() != kPackTypeSCache && p.subType == 0 && !pinned && p.installedSeq < p.minSeq) {
+        error = p.status == kPackStatusEliminated ? Errors::eliminated(p.name)
+                                                  : Errors::notInstalled(p.name);
+    } else if (p.packType() != kPackTypeSCache && p.subType == 0 && !pinned &&
+               p.installedSeq < p.minSeq) {
         error = Errors::seqTooLow(p.name, p.installedSeq, p.minSeq);
-    } else if (p.minSeq != 0 && p.isOutOfDate(config.lastUpdate, Settings::current()->configOutOfDateIntervalValue())) {
+    } else if (p.minSeq != 0 &&
+               p.isOutOfDate(config.lastUpdate,
+                             Settings::current()->configOutOfDateIntervalValue())) {
         error = Errors::outOfDate(p.name, p.updateTime);
     }
     if (error) {
@@ -111,7 +123,8 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
     if (needsUpdate) postVisitUpdate(p.name);
 }
 
-PackMatch::PackMatch(std::string matchName, Error matchError) : name(std::move(matchName)), error(std::move(matchError)) {}
+PackMatch::PackMatch(std::string matchName, Error matchError)
+    : name(std::move(matchName)), error(std::move(matchError)) {}
 
 const std::string& PackMatch::info() {
     if (!info_.empty()) return info_;
@@ -135,7 +148,8 @@ const std::string& PackMatch::info() {
 
 // ---- PackPart ----
 
-PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partUrl, std::shared_ptr<PackMatch> packMatch)
+PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partUrl,
+                   std::shared_ptr<PackMatch> packMatch)
     : ResourcePart(std::move(contextPtr), std::move(partUrl), packMatch->info()),
       match(std::move(packMatch)),
       createTime_(MRLCurrentClock()) {
@@ -164,16 +178,17 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
             error = Errors::notFerritPackResource(name);
             const Pack& p = *match->pack;
             const uint32_t type = p.packType();
-            if (p.installedSeq < p.seq &&
-                (type == kPackTypeDefault || type == kPackTypeFerrit || (type == kPackTypeACache && p.subType == 0)))
+            if (p.installedSeq < p.seq && (type == kPackTypeDefault || type == kPackTypeFerrit ||
+                                           (type == kPackTypeACache && p.subType == 0)))
                 postVisitUpdate(p.name);
         }
     }
     if (!match->name.empty()) {
         const bool versioned = match->pinned && match->pack && match->pack->subType == 0;
-        firstVisit = versioned
-                         ? Statistics::addAccess(Pack::pinnedName(match->name, match->pack->installedSeq), &accessCount_, 1.0)
-                         : Statistics::addAccess(match->name, &accessCount_, 1.0);
+        firstVisit = versioned ? Statistics::addAccess(
+                                     Pack::pinnedName(match->name, match->pack->installedSeq),
+                                     &accessCount_, 1.0)
+                               : Statistics::addAccess(match->name, &accessCount_, 1.0);
     }
 }
 
@@ -203,7 +218,8 @@ HeaderMap PackPart::header() const {
     if (record) out = record->header;
     const std::string& contentType = Http::headerName(Http::kContentType);
     if (Http::headerValue(out, contentType).empty()) {
-        const std::string_view mime = Http::mimeView(url.empty() ? std::string_view(file.relative()) : std::string_view(url));
+        const std::string_view mime =
+            Http::mimeView(url.empty() ? std::string_view(file.relative()) : std::string_view(url));
         if (!mime.empty()) {
             std::string value(mime);
             if (mime.starts_with("text/")) value.append(";charset=UTF-8");
@@ -257,15 +273,22 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
     if (Settings::current()->onDemandEnabledValue()) {
         MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
         if (log.active()) {
-            log.event("start", context->traceId).id(readId).append("type", "OnDemandResource").append("path", file.describe());
+            log.event("start", context->traceId)
+                .id(readId)
+                .append("type", "OnDemandResource")
+                .append("path", file.describe());
         }
     }
-    Folder::readFileAsync(file, [self, this, readId, start, callback = std::move(callback)](std::string data, Error e) {
+    Folder::readFileAsync(file, [self, this, readId, start, callback = std::move(callback)](
+                                    std::string data, Error e) {
         readFileTime = MRLCurrentClock() - start;
         {
             MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
             if (log.active()) {
-                log.event("finish", context->traceId).id(readId).append("path", file.describe()).append("time", readFileTime);
+                log.event("finish", context->traceId)
+                    .id(readId)
+                    .append("path", file.describe())
+                    .append("time", readFileTime);
                 if (e) log.error(e);
             }
         }
@@ -286,7 +309,8 @@ void PackPart::tryBackup(bool retry, Callback callback) {
     const std::string backupName = Pack::pinnedName(pack.name, pack.installedSeq);
     const FConfigPtr config = SCache::current();
     std::shared_ptr<PackMatch> backup;
-    if (PackPtr backupPack = config->find(backupName)) backup = std::make_shared<PackMatch>(*config, std::move(backupPack), true);
+    if (PackPtr backupPack = config->find(backupName))
+        backup = std::make_shared<PackMatch>(*config, std::move(backupPack), true);
     if (backup && !backup->error && backup->index) {
         std::shared_ptr<const ResourceRecord> backupRecord = backup->index->find(url);
         if (!backupRecord) {
@@ -295,7 +319,8 @@ void PackPart::tryBackup(bool retry, Callback callback) {
             return;
         }
         const double start = MRLCurrentClock();
-        content = Folder::readFile(backup->pack->installedFolder().childOf(backupRecord->path), error);
+        content =
+            Folder::readFile(backup->pack->installedFolder().childOf(backupRecord->path), error);
         readFileTime += MRLCurrentClock() - start;
         if (error) postReinstall(backup->pack->name);
         callback(self);

@@ -7,14 +7,14 @@
 #include <string>
 
 #include "access/Resource.h"
-#include "model/ResourceIndex.h"
 #include "base/Folder.h"
 #include "model/FConfig.h"
+#include "model/ResourceIndex.h"
 
 namespace FerritCore {
 
 class PackMatch {
-public:
+  public:
     // A match of `pack` in `config`, with every check of whether it may serve. Asks for updates
     // and repairs on the way (never waits for them).
     PackMatch(const FConfig& config, PackPtr pack, bool pinned);
@@ -34,13 +34,14 @@ public:
     ResourceIndexPtr index;
     Error error;
 
-private:
+  private:
     std::string info_;
 };
 
 class PackPart : public ResourcePart {
-public:
-    PackPart(std::shared_ptr<RequestContext> context, std::string url, std::shared_ptr<PackMatch> match);
+  public:
+    PackPart(std::shared_ptr<RequestContext> context, std::string url,
+             std::shared_ptr<PackMatch> match);
     // Sends "Ferrit.AppVisit" unless nothing matched (3001).
     ~PackPart() override;
 
@@ -65,7 +66,7 @@ public:
     double readFileTime = 0;
     std::string content;
 
-private:
+  private:
     using Callback = std::function<void(std::shared_ptr<ResourcePart>)>;
 
     bool isOnDemand() const;

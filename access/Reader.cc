@@ -1,23 +1,23 @@
 #include "access/Reader.h"
 
-#include "base/Errors.h"
 #include "access/Matcher.h"
-#include "marl/Clock.h"
-#include "marl/Log.h"
+#include "access/UpdateRequester.h"
+#include "base/Errors.h"
 #include "base/LogTags.h"
 #include "base/Proxy.h"
 #include "base/Telemetry.h"
-#include "storage/Statistics.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
 #include "model/SCache.h"
-#include "access/UpdateRequester.h"
+#include "storage/Statistics.h"
 
 namespace FerritCore {
 namespace {
 
 // Every read through a Reader shares one context: it runs for no request of the host.
 const std::shared_ptr<RequestContext>& sharedContext() {
-    static auto* context =
-        new std::shared_ptr<RequestContext>(std::make_shared<RequestContext>(0, TracePrefix::kReader));
+    static auto* context = new std::shared_ptr<RequestContext>(
+        std::make_shared<RequestContext>(0, TracePrefix::kReader));
     return *context;
 }
 
@@ -37,7 +37,8 @@ std::shared_ptr<PackMatch> matchByName(const ReaderParams& params) {
 void sendVisit(PackMatch& match, double start) {
     if (match.name.empty()) return;
     const bool versioned = match.pinned && match.pack && match.pack->subType == 0;
-    const std::string key = versioned ? Pack::pinnedName(match.name, match.pack->installedSeq) : match.name;
+    const std::string key =
+        versioned ? Pack::pinnedName(match.name, match.pack->installedSeq) : match.name;
     double accessCount = 0;
     const bool first = Statistics::addAccess(key, &accessCount, 1.0);
     if (!ProxyCalls::hasProxy()) return;

@@ -22,7 +22,7 @@ struct ReaderParams {
 };
 
 class Reader {
-public:
+  public:
     using Callback = std::function<void(std::shared_ptr<Reader> reader, const Error& error)>;
 
     // Finds the pack by name (a non-empty `info` pins the version) and calls back with a Reader,
@@ -45,7 +45,7 @@ public:
     const std::shared_ptr<PackMatch>& match() const { return match_; }
     const std::string& name() const { return name_; }
 
-private:
+  private:
     // "//..." stays, "/..." gets one more "/", anything else gets "//".
     static std::string absolutePath(const std::string& path);
 

@@ -1,12 +1,12 @@
 #include "access/Resource.h"
 
+#include "base/LogTags.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "base/Proxy.h"
 #include "runtime/Settings.h"
-#include "base/Telemetry.h"
-#include "base/LogTags.h"
 
 namespace FerritCore {
 
@@ -15,17 +15,26 @@ using MarlLogger::MRLLevelInfo;
 
 // ---- RequestContext ----
 
-RequestContext::RequestContext(const ResourceRequest& request, int trigger, std::string_view tracePrefix)
-    : header(request.header()), traceId(MRLGenerateID(tracePrefix)), trigger(trigger), url(request.url) {
-    if (url.starts_with("http://") && Settings::current()->requestForceHttpsValue()) url.insert(4, 1, 's');
+RequestContext::RequestContext(const ResourceRequest& request, int trigger,
+                               std::string_view tracePrefix)
+    : header(request.header()),
+      traceId(MRLGenerateID(tracePrefix)),
+      trigger(trigger),
+      url(request.url) {
+    if (url.starts_with("http://") && Settings::current()->requestForceHttpsValue())
+        url.insert(4, 1, 's');
 }
 
 RequestContext::RequestContext(int trigger, std::string_view tracePrefix)
     : traceId(MRLGenerateID(tracePrefix)), trigger(trigger) {}
 
-std::string_view RequestContext::scheme() { return std::string_view(url).substr(0, Url::schemeLength(url)); }
+std::string_view RequestContext::scheme() {
+    return std::string_view(url).substr(0, Url::schemeLength(url));
+}
 
-std::string_view RequestContext::origin() { return Url::origin(url); }
+std::string_view RequestContext::origin() {
+    return Url::origin(url);
+}
 
 const std::string& RequestContext::accept() {
     if (!accept_) {
@@ -44,10 +53,13 @@ const std::vector<Http::AcceptType>& RequestContext::acceptTypes() {
 
 // ---- ResourcePart ----
 
-ResourcePart::ResourcePart(std::shared_ptr<RequestContext> context, std::string url, std::string name)
+ResourcePart::ResourcePart(std::shared_ptr<RequestContext> context, std::string url,
+                           std::string name)
     : url(std::move(url)), name(std::move(name)), context(std::move(context)) {}
 
-bool ResourcePart::accept(const HeaderMap&, const std::string&, Error&) { return true; }
+bool ResourcePart::accept(const HeaderMap&, const std::string&, Error&) {
+    return true;
+}
 
 void ResourcePart::moveTo(std::string& out, unsigned* crc) {
     unsigned value = 0;
@@ -91,7 +103,9 @@ void Resource::addPart(std::shared_ptr<ResourcePart> part, int kind) {
     if (kind != 0 && error && Settings::current()->scache404EnabledValue()) is404 = true;
 }
 
-void Resource::makeGroup() { group = std::make_shared<ReadGroup>(parts, context); }
+void Resource::makeGroup() {
+    group = std::make_shared<ReadGroup>(parts, context);
+}
 
 std::string Resource::read() {
     std::string data;
@@ -142,13 +156,16 @@ MarlLogger::LogBuilder Resource::finishRead(double start, size_t size, const Err
     lastTime = now;
     LogBuilder log(MRLLevelInfo, logTag);
     if (log.active()) {
-        log.event("read", parentId).id(context->traceId).append("size", static_cast<uint64_t>(size));
+        log.event("read", parentId)
+            .id(context->traceId)
+            .append("size", static_cast<uint64_t>(size));
         if (readError) log.error(readError);
     }
     return log;
 }
 
-void Resource::readAsync(std::function<void(const std::string& data, const Error& error)> callback) {
+void Resource::readAsync(
+    std::function<void(const std::string& data, const Error& error)> callback) {
     if (!callback) return;
     if (error || parts.empty()) {
         callback(std::string(), error);
@@ -158,7 +175,8 @@ void Resource::readAsync(std::function<void(const std::string& data, const Error
     // The completions hold the Resource: the caller may let go of it before they run.
     if (group) {
         std::shared_ptr<ReadGroup> running = group;
-        running->run([this, self = shared_from_this(), start, callback = std::move(callback)](const std::string& data, const Error& e) {
+        running->run([this, self = shared_from_this(), start, callback = std::move(callback)](
+                         const std::string& data, const Error& e) {
             LogBuilder log = finishRead(start, data.size(), e);
             if (log.active())
                 log.append("localCount", group->localCount.load())
@@ -170,10 +188,12 @@ void Resource::readAsync(std::function<void(const std::string& data, const Error
         return;
     }
     std::shared_ptr<ResourcePart> only = parts.front();
-    only->readAsync([this, self = shared_from_this(), start, callback = std::move(callback)](std::shared_ptr<ResourcePart> part) {
+    only->readAsync([this, self = shared_from_this(), start,
+                     callback = std::move(callback)](std::shared_ptr<ResourcePart> part) {
         std::string data;
         unsigned crc = 0;
-        if (!part->error) part->moveTo(data, MarlLogger::Log::enabled(MRLLevelInfo) ? &crc : nullptr);
+        if (!part->error)
+            part->moveTo(data, MarlLogger::Log::enabled(MRLLevelInfo) ? &crc : nullptr);
         LogBuilder log = finishRead(start, data.size(), part->error);
         if (log.active()) log.append("crc", crc).append("localCount", 1);
         log.done();
@@ -183,8 +203,11 @@ void Resource::readAsync(std::function<void(const std::string& data, const Error
 
 // ---- ReadGroup ----
 
-ReadGroup::ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts, std::shared_ptr<RequestContext> context)
-    : parts(std::move(parts)), context(std::move(context)), remaining(static_cast<int32_t>(this->parts.size())) {
+ReadGroup::ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts,
+                     std::shared_ptr<RequestContext> context)
+    : parts(std::move(parts)),
+      context(std::move(context)),
+      remaining(static_cast<int32_t>(this->parts.size())) {
     crcs.resize(this->parts.size());
 }
 
@@ -192,7 +215,9 @@ void ReadGroup::run(Callback callback) {
     callback_ = std::move(callback);
     bool wentAsync = false;
     std::shared_ptr<ReadGroup> self = shared_from_this();
-    auto completion = [self](std::shared_ptr<ResourcePart> part) { self->partFinished(1, part->error); };
+    auto completion = [self](std::shared_ptr<ResourcePart> part) {
+        self->partFinished(1, part->error);
+    };
     for (const auto& part : parts) {
         if (remaining.load() < 1) break;  // a failure already delivered
         switch (part->read()) {

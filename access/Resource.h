@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "base/Http.h"
+#include "base/LogTags.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
 #include "marl/Log.h"
-#include "base/LogTags.h"
 
 namespace FerritCore {
 
@@ -25,10 +25,11 @@ struct ComboRule;
 constexpr int kRequestTrigger = 6;
 
 class RequestContext {
-public:
+  public:
     // Copies the request's URL and headers and takes a new trace id with `tracePrefix`. An
     // "http://" URL becomes "https://" when the setting requestForceHttps is on.
-    RequestContext(const ResourceRequest& request, int trigger, std::string_view tracePrefix = TracePrefix::kAccess);
+    RequestContext(const ResourceRequest& request, int trigger,
+                   std::string_view tracePrefix = TracePrefix::kAccess);
     // A context without a request (the shared context of the pack reader).
     RequestContext(int trigger, std::string_view tracePrefix);
 
@@ -45,7 +46,7 @@ public:
     const std::string& accept();
     const std::vector<Http::AcceptType>& acceptTypes();
 
-private:
+  private:
     std::optional<std::string> accept_;
     std::optional<std::vector<Http::AcceptType>> acceptTypes_;
 };
@@ -59,7 +60,7 @@ enum class ReadStatus {
 };
 
 class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
-public:
+  public:
     ResourcePart(std::shared_ptr<RequestContext> context, std::string url, std::string name);
     virtual ~ResourcePart() = default;
 
@@ -89,14 +90,14 @@ public:
     std::shared_ptr<RequestContext> context;
     Error error;
 
-private:
+  private:
     std::string traceId_;
 };
 
 class ReadGroup;
 
 class Resource : public std::enable_shared_from_this<Resource> {
-public:
+  public:
     Resource(std::shared_ptr<RequestContext> context, std::string parentId, bool uniApp);
     // Sends "Ferrit.VisitPerf".
     ~Resource();
@@ -134,10 +135,11 @@ public:
 };
 
 class ReadGroup : public std::enable_shared_from_this<ReadGroup> {
-public:
+  public:
     using Callback = std::function<void(const std::string& data, const Error& error)>;
 
-    ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts, std::shared_ptr<RequestContext> context);
+    ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts,
+              std::shared_ptr<RequestContext> context);
 
     // Reads every part, synchronously where it can; `callback` runs exactly once, with the data of
     // every part in order or with the first error.
@@ -152,7 +154,7 @@ public:
     std::vector<int32_t> pendingIndices;
     std::string type = "sync";
 
-private:
+  private:
     void partFinished(int32_t n, const Error& error);
     void checkFinished();
 

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <set>
 
-#include "base/Http.h"
 #include "access/Resource.h"
+#include "base/Http.h"
 #include "ferritcore/ResourceRequest.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -51,7 +51,8 @@ HeaderMap responseHeader(const Resource& resource) {
     if (resource.isCombo) {
         info = "COMBO@" + std::to_string(resource.parts.size()) + "," + std::to_string(code);
     } else {
-        const std::string& first = resource.parts.empty() ? std::string() : resource.parts.front()->name;
+        const std::string& first =
+            resource.parts.empty() ? std::string() : resource.parts.front()->name;
         info.reserve(first.size() + 12);
         info.append(first).append(",").append(std::to_string(code));
     }
@@ -67,10 +68,13 @@ std::string singleMd5(const Resource& resource) {
 
 // ---- ResourceRequest ----
 
-ResourceRequest::ResourceRequest(const std::string& url, const std::string& referrer) : url(url), referrer(referrer) {}
+ResourceRequest::ResourceRequest(const std::string& url, const std::string& referrer)
+    : url(url), referrer(referrer) {}
 
 ResourceRequest::ResourceRequest(const std::string& url, const HeaderMap& header)
-    : url(url), referrer(Http::headerValue(header, Http::headerName(Http::kReferer))), header_(header) {
+    : url(url),
+      referrer(Http::headerValue(header, Http::headerName(Http::kReferer))),
+      header_(header) {
     // Validators of a cached copy make no sense for content served from a pack.
     Http::removeHeader(header_, Http::headerName(Http::kETag));
     Http::removeHeader(header_, Http::headerName(Http::kLastModified));
@@ -82,7 +86,8 @@ bool ResourceRequest::isUniApp() const {
 
 // ---- ResourceResponse ----
 
-ResourceResponse::ResourceResponse(std::shared_ptr<Resource> resourcePtr, const std::string& content)
+ResourceResponse::ResourceResponse(std::shared_ptr<Resource> resourcePtr,
+                                   const std::string& content)
     : ResourceResponse(std::move(resourcePtr), std::string(content)) {}
 
 ResourceResponse::ResourceResponse(std::shared_ptr<Resource> resourcePtr, std::string&& content)
@@ -94,7 +99,8 @@ ResourceResponse::ResourceResponse(std::shared_ptr<Resource> resourcePtr, std::s
     is404 = resource->is404;
 }
 
-ResourceResponse::ResourceResponse(std::shared_ptr<Resource> resourcePtr, Error failure, bool notFound)
+ResourceResponse::ResourceResponse(std::shared_ptr<Resource> resourcePtr, Error failure,
+                                   bool notFound)
     : error(std::move(failure)), is404(notFound), resource(std::move(resourcePtr)) {
     if (!resource) return;
     md5 = singleMd5(*resource);

@@ -13,7 +13,7 @@
 namespace FerritCore {
 
 class UpdateRequester {
-public:
+  public:
     using Completion = std::function<void(const Error&)>;
 
     virtual ~UpdateRequester() = default;
@@ -27,6 +27,7 @@ public:
 };
 
 // Hands the request to the installed requester, or answers 2003.
-void requestUpdate(const std::string& name, int trigger, UpdateRequester::Completion completion = {});
+void requestUpdate(const std::string& name, int trigger,
+                   UpdateRequester::Completion completion = {});
 
 }  // namespace FerritCore

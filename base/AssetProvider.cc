@@ -12,8 +12,8 @@
 #include <string_view>
 
 #include "base/Errors.h"
-#include "base/Proxy.h"
 #include "base/Folder.h"
+#include "base/Proxy.h"
 #include "base/ServiceSlot.h"
 
 namespace FerritCore {
@@ -47,7 +47,8 @@ void AssetProvider::set(std::shared_ptr<AssetProvider> provider) {
 // ---- RawFileProvider ----
 
 RawFileProvider::RawFileProvider(std::string folder)
-    : folder_(folder.empty() || folder.back() == '/' ? std::move(folder) : std::move(folder) + "/") {}
+    : folder_(folder.empty() || folder.back() == '/' ? std::move(folder)
+                                                     : std::move(folder) + "/") {}
 
 std::string RawFileProvider::resolve(const std::string& path) const {
     if (folder_.empty() || climbsOut(path)) return {};
@@ -124,7 +125,8 @@ std::string RawFileProvider::readAsset(const std::string& path, Error& error) {
     content.resize(static_cast<size_t>(info.st_size));
     size_t used = 0;
     while (used < content.size()) {
-        const ssize_t n = retryOnInterrupt([&] { return ::read(fd, content.data() + used, content.size() - used); });
+        const ssize_t n = retryOnInterrupt(
+            [&] { return ::read(fd, content.data() + used, content.size() - used); });
         if (n < 0) {
             error = Errors::fileRead(Folder::asset(path), errno);
             ::close(fd);

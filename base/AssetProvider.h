@@ -21,7 +21,7 @@
 namespace FerritCore {
 
 class AssetProvider {
-public:
+  public:
     using LoadCallback = std::function<void(const Error&)>;
 
     virtual ~AssetProvider() = default;
@@ -49,7 +49,7 @@ public:
 // Proxy::loadOnDemand. Paths are relative to that folder; one with a ".." piece, and one that
 // would name the folder's parent, is refused (not found), so nothing outside is ever read.
 class RawFileProvider : public AssetProvider {
-public:
+  public:
     // `folder` is the raw-file folder; a trailing "/" is added when missing. An empty folder
     // serves nothing, as a missing resource manager does.
     explicit RawFileProvider(std::string folder);
@@ -62,7 +62,7 @@ public:
 
     const std::string& folder() const { return folder_; }
 
-private:
+  private:
     // The absolute path of `path`, or empty when it is refused.
     std::string resolve(const std::string& path) const;
 
@@ -71,7 +71,7 @@ private:
 
 // Serves raw files through the host's Proxy asset operations, for a host that reads them itself.
 class ProxyAssetProvider : public AssetProvider {
-public:
+  public:
     bool hasAsset(const std::string& path) override;
     std::vector<std::string> listAsset(const std::string& path) override;
     uint64_t assetSize(const std::string& path) override;

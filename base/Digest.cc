@@ -30,7 +30,8 @@ bool base64Decode(std::string_view text, std::string& out) {
     if (clean.size() % 4 != 0) return false;
     out.resize(clean.size() / 4 * 3);
     const int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                  reinterpret_cast<const unsigned char*>(clean.data()), static_cast<int>(clean.size()));
+                                  reinterpret_cast<const unsigned char*>(clean.data()),
+                                  static_cast<int>(clean.size()));
     if (n < 0) {
         out.clear();
         return false;

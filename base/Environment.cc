@@ -110,5 +110,4 @@ void Environment::reset() {
     cooldownCount_.store(0, std::memory_order_release);
 }
 
-
 }  // namespace FerritCore

@@ -16,21 +16,21 @@ class Proxy;
 
 // SetupFlags: how far start-up has come. Each bit is set once, by whichever call wins.
 enum SetupFlag : uint32_t {
-    kSetupDone = 1,                // the first effective setup
-    kConfigFirstUpdated = 2,       // the first finished configuration update of the process
-    kAutoStartAllowed = 4,         // setup was told that the host will not call startUpdate
-    kUpdateStarted = 8,            // startUpdate ran
-    kInitialConfigFinished = 1024, // a configuration update that was the initial one finished
+    kSetupDone = 1,                 // the first effective setup
+    kConfigFirstUpdated = 2,        // the first finished configuration update of the process
+    kAutoStartAllowed = 4,          // setup was told that the host will not call startUpdate
+    kUpdateStarted = 8,             // startUpdate ran
+    kInitialConfigFinished = 1024,  // a configuration update that was the initial one finished
 };
 
 // Feature bits of the status report.
 enum FeatureBit : uint32_t {
-    kFeaturePushRegistered = 1,    // the push topics are registered
-    kFeatureRemoteSettings = 2,    // a remote settings map was applied
+    kFeaturePushRegistered = 1,  // the push topics are registered
+    kFeatureRemoteSettings = 2,  // a remote settings map was applied
 };
 
 class Environment {
-public:
+  public:
     static Environment& instance();
 
     std::shared_ptr<Proxy> proxy() const { return proxy_.load(std::memory_order_acquire); }
@@ -46,13 +46,19 @@ public:
     void setMainProcess(bool main) { isMainProcess_.store(main, std::memory_order_relaxed); }
 
     // Set by the developer tool; a non-zero value switches the whole cache off.
-    uint32_t developerDisabled() const { return developerDisabled_.load(std::memory_order_relaxed); }
-    void setDeveloperDisabled(uint32_t value) { developerDisabled_.store(value, std::memory_order_relaxed); }
+    uint32_t developerDisabled() const {
+        return developerDisabled_.load(std::memory_order_relaxed);
+    }
+    void setDeveloperDisabled(uint32_t value) {
+        developerDisabled_.store(value, std::memory_order_relaxed);
+    }
     bool isDisabledByDeveloper() const { return developerDisabled() != 0; }
 
     // The host's network status: 0 none, 1 unrestricted, 2 slow mobile, 3 fast mobile.
     uint32_t networkStatus() const { return networkStatus_.load(std::memory_order_relaxed); }
-    void setNetworkStatusValue(uint32_t status) { networkStatus_.store(status, std::memory_order_relaxed); }
+    void setNetworkStatusValue(uint32_t status) {
+        networkStatus_.store(status, std::memory_order_relaxed);
+    }
 
     // Which service environment the process talks to: 0 "Debug", 1 "Daily", 2 "Release".
     int32_t env() const { return env_.load(std::memory_order_relaxed); }
@@ -76,7 +82,9 @@ public:
     // Feature bits shown by the status report: 1 push topics registered, 2 remote settings applied.
     uint32_t feature() const { return feature_.load(std::memory_order_acquire); }
     // Sets `bit`; true when this call was the one that set it.
-    bool setFeatureBit(uint32_t bit) { return (feature_.fetch_or(bit, std::memory_order_acq_rel) & bit) == 0; }
+    bool setFeatureBit(uint32_t bit) {
+        return (feature_.fetch_or(bit, std::memory_order_acq_rel) & bit) == 0;
+    }
 
     // The host's foreground state. Setting it true records `activeSince` (wall clock).
     bool clientActive() const { return clientActive_.load(std::memory_order_acquire); }
@@ -92,7 +100,7 @@ public:
     void addCooldown(const std::string& name);
     bool inCooldown(std::string_view name);
 
-private:
+  private:
     Environment() = default;
     // Back to the initial state (ProcessState::resetForTesting).
     void reset();

@@ -159,7 +159,8 @@ Error fileRead(const Folder& file, int errnum) {
 }
 
 Error fileRead(const Folder& file, int code, const std::string& message) {
-    return Error(1102, "read file \"%s\" failed: %d, %s", file.describe().c_str(), code, message.c_str());
+    return Error(1102, "read file \"%s\" failed: %d, %s", file.describe().c_str(), code,
+                 message.c_str());
 }
 
 Error fileReadInvalidType(const Folder& file) {

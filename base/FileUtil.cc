@@ -76,7 +76,7 @@ std::string canonicalizeSlow(std::string_view path) {
 
 // The canonical form of a path, without a copy when it is canonical already.
 class CanonicalPath {
-public:
+  public:
     explicit CanonicalPath(const std::string& path) : path_(&path) {
         if (!isCanonical(path)) {
             owned_ = canonicalizeSlow(path);
@@ -85,7 +85,7 @@ public:
     }
     const std::string& str() const { return *path_; }
 
-private:
+  private:
     const std::string* path_;
     std::string owned_;
 };
@@ -106,7 +106,8 @@ std::string wideRoundTrip(const std::string& path) {
     std::string narrow(narrowLength, '\0');
     state = std::mbstate_t{};
     wideSource = wide.c_str();
-    if (std::wcsrtombs(narrow.data(), &wideSource, narrow.size(), &state) != narrowLength) return {};
+    if (std::wcsrtombs(narrow.data(), &wideSource, narrow.size(), &state) != narrowLength)
+        return {};
     return narrow;
 }
 
@@ -293,7 +294,8 @@ int FileUtil::readOpened(OpenFile& file, std::string& out) {
             if (expected > 0) break;
             out.resize(out.size() * 2);
         }
-        const ssize_t n = retryOnInterrupt([&] { return ::read(fd, out.data() + used, out.size() - used); });
+        const ssize_t n =
+            retryOnInterrupt([&] { return ::read(fd, out.data() + used, out.size() - used); });
         if (n < 0) {
             const int result = lastError();
             ::close(fd);
@@ -337,7 +339,8 @@ bool FileUtil::isDirectory(const std::string& path) {
 }
 
 int FileUtil::remove(const std::string& path) {
-    return withRetry(path, [](const std::string& p) { return std::remove(p.c_str()) == 0 ? 0 : lastError(); });
+    return withRetry(
+        path, [](const std::string& p) { return std::remove(p.c_str()) == 0 ? 0 : lastError(); });
 }
 
 int FileUtil::rename(const std::string& from, const std::string& to) {
@@ -346,12 +349,14 @@ int FileUtil::rename(const std::string& from, const std::string& to) {
     const int result = lastError();
     const std::string recodedFrom = recoder()(from);
     const std::string recodedTo = recoder()(to);
-    if (recodedFrom.empty() || recodedTo.empty() || (recodedFrom == from && recodedTo == to)) return result;
+    if (recodedFrom.empty() || recodedTo.empty() || (recodedFrom == from && recodedTo == to))
+        return result;
     return std::rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError();
 }
 
 int FileUtil::makeDirectory(const std::string& path) {
-    return withRetry(path, [](const std::string& p) { return ::mkdir(p.c_str(), 0700) == 0 ? 0 : lastError(); });
+    return withRetry(
+        path, [](const std::string& p) { return ::mkdir(p.c_str(), 0700) == 0 ? 0 : lastError(); });
 }
 
 int FileUtil::makeDirectories(const std::string& path) {
@@ -369,7 +374,8 @@ int FileUtil::makeDirectories(const std::string& path) {
 }
 
 int FileUtil::removeDirectory(const std::string& path) {
-    return withRetry(path, [](const std::string& p) { return ::rmdir(p.c_str()) == 0 ? 0 : lastError(); });
+    return withRetry(
+        path, [](const std::string& p) { return ::rmdir(p.c_str()) == 0 ? 0 : lastError(); });
 }
 
 int FileUtil::removeTree(const std::string& path) {

@@ -2,7 +2,8 @@
 // -1 for an empty path or a null stream. Every primitive other than rename canonicalises its
 // path first, and every one that touches the disk tries once more, with the path recoded
 // through wide characters, when its first attempt fails and the recoding gives other, non-empty
-// bytes; the errno of the last attempt is what is reported. No state and no lock: any thread, the file system is the only arbiter.
+// bytes; the errno of the last attempt is what is reported. No state and no lock: any thread, the
+// file system is the only arbiter.
 #pragma once
 
 #include <cerrno>
@@ -30,7 +31,7 @@ auto retryOnInterrupt(F call) {
 bool climbsOut(std::string_view path);
 
 class FileUtil {
-public:
+  public:
     // Splits at "/" and "\\" (a leading separator is kept as a first piece "/"); the first piece
     // and the text after the last separator pass untouched; of the others, empty pieces and "."
     // are dropped, and ".." removes the piece before it when at least two pieces are kept and
@@ -97,11 +98,11 @@ public:
     // Replaces the wide-character recoding for the lifetime of the object, so that tests can
     // exercise the second attempt. Not thread-safe: install before any other thread runs.
     class ScopedRecoder {
-    public:
+      public:
         explicit ScopedRecoder(std::function<std::string(const std::string&)> recoder);
         ~ScopedRecoder();
 
-    private:
+      private:
         std::function<std::string(const std::string&)> previous_;
     };
 };

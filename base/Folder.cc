@@ -14,7 +14,8 @@ bool isSeparator(char c) {
 // Set once during setup, before any other thread builds a Folder, and read without a lock
 // afterwards. Never destroyed, so that a Folder built by a late static destructor still finds it.
 std::string& rootStorage() {
-    static std::string* const root = ProcessState::create<std::string>([](std::string& r) { r.clear(); });
+    static std::string* const root =
+        ProcessState::create<std::string>([](std::string& r) { r.clear(); });
     return *root;
 }
 
@@ -109,7 +110,10 @@ Folder Folder::packed(std::string_view relative) {
 }
 
 Folder::Folder(FolderKind kind, std::string module, std::string relative, std::string absolute)
-    : kind_(kind), module_(std::move(module)), relative_(std::move(relative)), absolute_(std::move(absolute)) {}
+    : kind_(kind),
+      module_(std::move(module)),
+      relative_(std::move(relative)),
+      absolute_(std::move(absolute)) {}
 
 Folder Folder::childOf(std::string_view name) const {
     // The parent is normal already; a child name in normal form that needs no slash fixing joins

@@ -10,8 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "ferritcore/Error.h"
 #include "base/FileUtil.h"
+#include "ferritcore/Error.h"
 
 namespace FerritCore {
 
@@ -40,7 +40,7 @@ void initFolders(std::string_view root);
 void initFolder(const Folder& folder);
 
 class Folder {
-public:
+  public:
     Folder() = default;
     static Folder disk(std::string_view relative);
     static Folder asset(std::string_view relative);
@@ -93,7 +93,8 @@ public:
     static void readFileAsync(const Folder& file, std::function<void(std::string, Error)> callback);
     // As listFiles; for OnDemand the module is loaded first and the files of its asset folder
     // are given as OnDemand folders. No callback, no work.
-    static void listFilesAsync(const Folder& folder, std::function<void(std::forward_list<Folder>)> callback);
+    static void listFilesAsync(const Folder& folder,
+                               std::function<void(std::forward_list<Folder>)> callback);
     // Asset and OnDemand: 1105. Packed: into the store. Disk: the file is truncated and written;
     // failure is 1104 (empty content fails with -1 and leaves an empty file). Creates no
     // directory: the caller runs ensureParent. Success clears `error`.
@@ -106,10 +107,12 @@ public:
     // brings a directory back empty. Failures are not reported.
     static void removeFile(const Folder& folder, bool recreate);
 
-    bool operator==(const Folder& other) const { return kind_ == other.kind_ && relative_ == other.relative_; }
+    bool operator==(const Folder& other) const {
+        return kind_ == other.kind_ && relative_ == other.relative_;
+    }
     size_t hash() const;
 
-private:
+  private:
     Folder(FolderKind kind, std::string_view module, std::string_view relative);
     // From parts already in normal form.
     Folder(FolderKind kind, std::string module, std::string relative, std::string absolute);
@@ -124,7 +127,7 @@ private:
 // one open, as a bare read does: what the read of a pack file uses between its match and its
 // read. Move-only; closes a file that was never read. Belongs to one thread at a time.
 class OpenedFile {
-public:
+  public:
     OpenedFile() = default;
     ~OpenedFile();
     OpenedFile(OpenedFile&& other) noexcept;
@@ -142,7 +145,7 @@ public:
     // there is one (it is closed then).
     std::string read(const Folder& file, Error& error);
 
-private:
+  private:
     FileUtil::OpenFile file_;
 };
 

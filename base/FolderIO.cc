@@ -5,16 +5,16 @@
 
 #include <cerrno>
 
-#include "base/Errors.h"
-#include "marl/Clock.h"
-#include "marl/Log.h"
-#include "base/LogTags.h"
-#include "base/Proxy.h"
-#include "base/Telemetry.h"
 #include "base/AssetProvider.h"
+#include "base/Errors.h"
 #include "base/FileUtil.h"
 #include "base/Folder.h"
+#include "base/LogTags.h"
 #include "base/PackedFiles.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
 
 namespace FerritCore {
 namespace {
@@ -300,29 +300,32 @@ void Folder::readFileAsync(const Folder& file, std::function<void(std::string, E
     }
     // The module's files are raw files once it is loaded.
     const double start = MRLCurrentClock();
-    Assets::loadModule(file.module(), [file, start, callback = std::move(callback)](const Error& loadError) {
-        Error error = loadError;
-        std::string content;
-        if (!error) content = readFile(Folder::asset(file.relative()), error);
-        if (ProxyCalls::hasProxy()) {
-            PerfRecord record("Ferrit.OnDemand");
-            record.setDimension("tag", file.module());
-            record.setDimension("path", file.relative());
-            if (loadError) record.setError(loadError);
-            record.setMeasure("time", MRLCurrentClock() - start);
-            sendEvent(record);
-        }
-        callback(std::move(content), std::move(error));
-    });
+    Assets::loadModule(file.module(),
+                       [file, start, callback = std::move(callback)](const Error& loadError) {
+                           Error error = loadError;
+                           std::string content;
+                           if (!error) content = readFile(Folder::asset(file.relative()), error);
+                           if (ProxyCalls::hasProxy()) {
+                               PerfRecord record("Ferrit.OnDemand");
+                               record.setDimension("tag", file.module());
+                               record.setDimension("path", file.relative());
+                               if (loadError) record.setError(loadError);
+                               record.setMeasure("time", MRLCurrentClock() - start);
+                               sendEvent(record);
+                           }
+                           callback(std::move(content), std::move(error));
+                       });
 }
 
-void Folder::listFilesAsync(const Folder& folder, std::function<void(std::forward_list<Folder>)> callback) {
+void Folder::listFilesAsync(const Folder& folder,
+                            std::function<void(std::forward_list<Folder>)> callback) {
     if (!callback) return;
     if (folder.kind() != FolderKind::OnDemand) {
         callback(folder.listFiles());
         return;
     }
-    Assets::loadModule(folder.module(), [folder, callback = std::move(callback)](const Error& error) {
+    Assets::loadModule(folder.module(), [folder,
+                                         callback = std::move(callback)](const Error& error) {
         std::forward_list<Folder> files;
         if (!error && folder.isDirectory()) {
             auto tail = files.before_begin();
@@ -380,7 +383,8 @@ void Folder::removeFile(const Folder& folder, bool recreate) {
             return;
         case FolderKind::Packed:
             // By key range: a file goes with every key that has its path as a prefix.
-            if (std::shared_ptr<PackedFiles> store = PackedFiles::current()) store->removeByPrefix(folder.relative());
+            if (std::shared_ptr<PackedFiles> store = PackedFiles::current())
+                store->removeByPrefix(folder.relative());
             return;
         case FolderKind::Disk:
             break;

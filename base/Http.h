@@ -31,7 +31,9 @@ enum HeaderId {
     kHeaderCount,
 };
 const std::array<std::string, kHeaderCount>& headerNames();
-inline const std::string& headerName(HeaderId id) { return headerNames()[id]; }
+inline const std::string& headerName(HeaderId id) {
+    return headerNames()[id];
+}
 
 inline constexpr std::string_view kFerritControl = "X-Ferrit-Control";
 inline constexpr std::string_view kFerritInfo = "X-Ferrit-Info";
@@ -63,7 +65,9 @@ bool accepts(const std::vector<AcceptType>& acceptTypes, std::string_view conten
 
 // The content type for the text after the last "/" or "."; empty when unknown.
 std::string_view mimeView(std::string_view path);
-inline std::string mimeFor(std::string_view path) { return std::string(mimeView(path)); }
+inline std::string mimeFor(std::string_view path) {
+    return std::string(mimeView(path));
+}
 
 // IMF-fixdate, e.g. "Sun, 06 Nov 1994 08:49:37 GMT", of a wall time in milliseconds.
 std::string httpDate(double epochMs);

@@ -18,7 +18,7 @@
 namespace FerritCore {
 
 class PackedFiles {
-public:
+  public:
     virtual ~PackedFiles() = default;
 
     // The value of `key`. False with `error` set (the store's own error) when there is none or it
@@ -31,7 +31,8 @@ public:
     // deletes everything.
     virtual void removeByPrefix(std::string_view prefix) = 0;
     // Calls `visit` with each key of that range, in key order, until it returns true.
-    virtual void enumerate(std::string_view prefix, const std::function<bool(std::string_view key)>& visit) = 0;
+    virtual void enumerate(std::string_view prefix,
+                           const std::function<bool(std::string_view key)>& visit) = 0;
 
     // The process-wide store of packed files, or null.
     static std::shared_ptr<PackedFiles> current();

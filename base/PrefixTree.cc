@@ -30,7 +30,8 @@ void PrefixTree::add(std::string_view prefix, PrefixValue value) {
         }
         // Length of the common run of the edge text and the rest of the prefix.
         size_t common = 0;
-        while (common < next->text.size() && common < rest.size() && next->text[common] == rest[common])
+        while (common < next->text.size() && common < rest.size() &&
+               next->text[common] == rest[common])
             ++common;
         if (common < next->text.size()) {
             // Split the edge: `next` keeps the tail below a new node holding the common run.
@@ -69,7 +70,8 @@ std::string_view PrefixTree::lookup(std::string_view url, std::string_view accep
         const PrefixNode* next = node->child(url[pos]);
         if (next == nullptr) break;
         const std::string_view rest = url.substr(pos + 1);
-        if (rest.size() < next->text.size() || rest.compare(0, next->text.size(), next->text) != 0) break;
+        if (rest.size() < next->text.size() || rest.compare(0, next->text.size(), next->text) != 0)
+            break;
         pos += 1 + next->text.size();
         node = next;
         if (!node->values.empty() && (url[pos - 1] == '/' || pos == url.size())) {

@@ -27,7 +27,7 @@ struct PrefixNode {
 };
 
 class PrefixTree {
-public:
+  public:
     PrefixTree() : root_(std::make_unique<PrefixNode>()) {}
     PrefixTree(PrefixTree&&) noexcept = default;
     PrefixTree& operator=(PrefixTree&&) noexcept = default;
@@ -43,7 +43,7 @@ public:
     bool empty() const { return root_->children.empty() && root_->values.empty(); }
     size_t size() const { return size_; }
 
-private:
+  private:
     std::unique_ptr<PrefixNode> root_;
     size_t size_ = 0;
 };

@@ -1,7 +1,7 @@
 #include "base/Proxy.h"
 
-#include "base/Errors.h"
 #include "base/Environment.h"
+#include "base/Errors.h"
 
 namespace FerritCore {
 
@@ -13,7 +13,9 @@ void Proxy::onQueueFinished(uint32_t) {}
 
 void Proxy::onPackUpdated(const std::string&) {}
 
-bool Proxy::registerPushTopic(const std::string&, std::function<void(const std::string&)>) { return false; }
+bool Proxy::registerPushTopic(const std::string&, std::function<void(const std::string&)>) {
+    return false;
+}
 
 bool Proxy::assetExists(const std::string&) {
     return false;
@@ -47,17 +49,21 @@ void sendEvent(const PerfRecord& record) {
     if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->sendEvent(record);
 }
 
-bool hasProxy() { return Environment::instance().hasProxy(); }
+bool hasProxy() {
+    return Environment::instance().hasProxy();
+}
 
 void onQueueFinished(uint32_t count) {
-    if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->onQueueFinished(count);
+    if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy())
+        proxy->onQueueFinished(count);
 }
 
 void onPackUpdated(const std::string& name) {
     if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->onPackUpdated(name);
 }
 
-bool registerPushTopic(const std::string& topic, std::function<void(const std::string& message)> handler) {
+bool registerPushTopic(const std::string& topic,
+                       std::function<void(const std::string& message)> handler) {
     std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
     return proxy ? proxy->registerPushTopic(topic, std::move(handler)) : false;
 }

@@ -8,15 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "ferritcore/Error.h"
 #include "base/ProxyRequest.h"
+#include "ferritcore/Error.h"
 
 namespace FerritCore {
 
 class PerfRecord;
 
 class Proxy {
-public:
+  public:
     virtual ~Proxy() = default;
     // Sends an HTTP request; must return at once and call `completion` exactly once, later, on
     // any thread. The default is a host without network access: every request fails in transport.
@@ -31,7 +31,8 @@ public:
     virtual void onPackUpdated(const std::string& name);
     // Subscribes `handler` to the push messages of `topic`; false when the host cannot. The
     // default is a host without push delivery.
-    virtual bool registerPushTopic(const std::string& topic, std::function<void(const std::string& message)> handler);
+    virtual bool registerPushTopic(const std::string& topic,
+                                   std::function<void(const std::string& message)> handler);
 
     // The host application's raw files. A path ending in "/" names a directory. The defaults
     // answer as a host without any: nothing exists, nothing is listed, nothing can be read.
@@ -63,7 +64,8 @@ void onQueueFinished(uint32_t count);
 // Nothing without a proxy.
 void onPackUpdated(const std::string& name);
 // False without a proxy.
-bool registerPushTopic(const std::string& topic, std::function<void(const std::string& message)> handler);
+bool registerPushTopic(const std::string& topic,
+                       std::function<void(const std::string& message)> handler);
 // False without a proxy.
 bool assetExists(const std::string& path);
 // Empty without a proxy.

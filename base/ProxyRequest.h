@@ -16,7 +16,7 @@ struct ProxyRequest {
     std::string tempFilePath;  // where the body goes; empty: it comes back in memory
     HeaderMap header;
     std::string traceId;
-    uint32_t progressId = 0;  // 0: no progress channel
+    uint32_t progressId = 0;   // 0: no progress channel
     bool wantHeaders = false;  // the caller needs every response header
 };
 

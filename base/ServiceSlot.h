@@ -13,7 +13,7 @@ namespace FerritCore {
 
 template <typename Service>
 class ServiceSlot {
-public:
+  public:
     // Created at first use and never destroyed, so that a late reader during process exit still
     // finds it; ProcessState::resetForTesting empties it.
     static ServiceSlot& instance() {
@@ -27,9 +27,11 @@ public:
 
     // The service, or null while none is installed.
     std::shared_ptr<Service> get() const { return service_.load(std::memory_order_acquire); }
-    void set(std::shared_ptr<Service> service) { service_.store(std::move(service), std::memory_order_release); }
+    void set(std::shared_ptr<Service> service) {
+        service_.store(std::move(service), std::memory_order_release);
+    }
 
-private:
+  private:
     ServiceSlot() = default;
     std::atomic<std::shared_ptr<Service>> service_;
 };

@@ -1,15 +1,15 @@
 #include "base/Telemetry.h"
 
-#include "marl/Clock.h"
 #include "base/Environment.h"
 #include "base/Proxy.h"
+#include "marl/Clock.h"
 
 namespace FerritCore {
 
 const char* triggerName(int trigger) {
-    static const char* const kNames[] = {"Unknown",  "Startup",     "Unknown",  "Active",
-                                         "Timer",    "Push",        "Visit",    "VisitUpdate",
-                                         "Prefetch", "Preview",     "DebugTool", "ChangeEnv"};
+    static const char* const kNames[] = {"Unknown",  "Startup", "Unknown",   "Active",
+                                         "Timer",    "Push",    "Visit",     "VisitUpdate",
+                                         "Prefetch", "Preview", "DebugTool", "ChangeEnv"};
     if (trigger < 1 || trigger > 11) return "Unknown";
     return kNames[trigger];
 }
@@ -23,7 +23,8 @@ void PerfRecord::setError(const Error& error) {
     dimensions_.set("errorMsg", error.message());
 }
 
-StagedRecord::StagedRecord(std::string name) : PerfRecord(std::move(name)), lastTime_(MRLCurrentClock()) {}
+StagedRecord::StagedRecord(std::string name)
+    : PerfRecord(std::move(name)), lastTime_(MRLCurrentClock()) {}
 
 void StagedRecord::stage(const std::string& name) {
     const double now = MRLCurrentClock();
@@ -31,13 +32,16 @@ void StagedRecord::stage(const std::string& name) {
     lastTime_ = now;
 }
 
-void sendEvent(const PerfRecord& record) { ProxyCalls::sendEvent(record); }
+void sendEvent(const PerfRecord& record) {
+    ProxyCalls::sendEvent(record);
+}
 
 void logRecord(const PerfRecord& record, MarlLogger::LogBuilder& builder) {
     const auto& dimensions = record.dimensions();
     if (const std::string* code = dimensions.find("errorCode")) {
         const std::string* message = dimensions.find("errorMsg");
-        builder.error(std::string_view(*code), message ? std::string_view(*message) : std::string_view());
+        builder.error(std::string_view(*code),
+                      message ? std::string_view(*message) : std::string_view());
     }
     for (const auto& [key, value] : dimensions) {
         if (key == "sessionID" || key == "errorCode" || key == "errorMsg") continue;

@@ -35,7 +35,7 @@ enum UpdateTrigger : int {
 // better than a node-based hash map.
 template <typename V>
 class RecordFields {
-public:
+  public:
     explicit RecordFields(size_t capacity) { entries_.reserve(capacity); }
     void set(const std::string& key, V value) {
         for (auto& entry : entries_) {
@@ -62,14 +62,16 @@ public:
     size_t size() const { return entries_.size(); }
     auto begin() const { return entries_.begin(); }
     auto end() const { return entries_.end(); }
-    operator std::unordered_map<std::string, V>() const { return {entries_.begin(), entries_.end()}; }
+    operator std::unordered_map<std::string, V>() const {
+        return {entries_.begin(), entries_.end()};
+    }
 
-private:
+  private:
     std::vector<std::pair<std::string, V>> entries_;
 };
 
 class PerfRecord {
-public:
+  public:
     // Takes "sessionID" from the environment's session name (empty before setup).
     explicit PerfRecord(std::string name);
     virtual ~PerfRecord() = default;
@@ -78,12 +80,14 @@ public:
     const RecordFields<std::string>& dimensions() const { return dimensions_; }
     const RecordFields<double>& measures() const { return measures_; }
 
-    void setDimension(const std::string& key, std::string value) { dimensions_.set(key, std::move(value)); }
+    void setDimension(const std::string& key, std::string value) {
+        dimensions_.set(key, std::move(value));
+    }
     void setMeasure(const std::string& key, double value) { measures_.set(key, value); }
     // "errorCode" (the number as text) and "errorMsg".
     void setError(const Error& error);
 
-private:
+  private:
     std::string name_;
     RecordFields<std::string> dimensions_{8};
     RecordFields<double> measures_{16};
@@ -92,12 +96,12 @@ private:
 // A record measured in stages: each mark stores the time since the previous mark (or since
 // construction) under the stage's name.
 class StagedRecord : public PerfRecord {
-public:
+  public:
     explicit StagedRecord(std::string name);
     void stage(const std::string& name);
     double lastTime() const { return lastTime_; }
 
-private:
+  private:
     double lastTime_;
 };
 

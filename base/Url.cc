@@ -14,7 +14,9 @@ size_t firstDelimiter(std::string_view s) {
     return std::string_view::npos;
 }
 
-char lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+char lower(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 }  // namespace
 
@@ -85,9 +87,13 @@ size_t authorityEnd(std::string_view s) {
     return s.size();
 }
 
-std::string_view origin(std::string_view s) { return s.substr(0, authorityEnd(s)); }
+std::string_view origin(std::string_view s) {
+    return s.substr(0, authorityEnd(s));
+}
 
-std::string_view pathPart(std::string_view s) { return s.substr(authorityEnd(s)); }
+std::string_view pathPart(std::string_view s) {
+    return s.substr(authorityEnd(s));
+}
 
 std::string extension(std::string_view s) {
     const size_t dot = s.rfind('.');

@@ -12,7 +12,7 @@
 namespace FerritBench {
 
 class FloorReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
@@ -38,23 +38,24 @@ public:
                 floor = times_.find(floorRun);
             }
             if (floor == times_.end() || floor->second <= 0) continue;
-            std::printf("  %-40s %8.2fx  (%s)\n", name.c_str(), times_[name] / floor->second, floorRun.c_str());
+            std::printf("  %-40s %8.2fx  (%s)\n", name.c_str(), times_[name] / floor->second,
+                        floorRun.c_str());
         }
     }
 
-private:
+  private:
     std::map<std::string, double> times_;
     std::map<std::string, std::string> floors_;
 };
 
 }  // namespace FerritBench
 
-#define FERRIT_BENCHMARK_MAIN()                                         \
-    int main(int argc, char** argv) {                                   \
-        benchmark::Initialize(&argc, argv);                             \
+#define FERRIT_BENCHMARK_MAIN()                                           \
+    int main(int argc, char** argv) {                                     \
+        benchmark::Initialize(&argc, argv);                               \
         if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1; \
-        FerritBench::FloorReporter reporter;                            \
-        benchmark::RunSpecifiedBenchmarks(&reporter);                   \
-        benchmark::Shutdown();                                          \
-        return 0;                                                       \
+        FerritBench::FloorReporter reporter;                              \
+        benchmark::RunSpecifiedBenchmarks(&reporter);                     \
+        benchmark::Shutdown();                                            \
+        return 0;                                                         \
     }

@@ -9,23 +9,26 @@
 #include "FloorReporter.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "runtime/TaskRunner.h"
 #include "model/FConfig.h"
 #include "model/SCache.h"
+#include "runtime/TaskRunner.h"
 
 using namespace FerritCore;
 
 namespace {
 
 std::string document(int packs, int version) {
-    std::string text = "{\"v\":\"" + std::to_string(1700000000000LL + version) + "\",\"i\":4294967295,\"packs\":{";
+    std::string text =
+        "{\"v\":\"" + std::to_string(1700000000000LL + version) + "\",\"i\":4294967295,\"packs\":{";
     for (int p = 0; p < packs; ++p) {
         if (p) text += ",";
         const std::string n = std::to_string(p);
-        text += "\"pack" + n + "\":{\"s\":" + std::to_string(10 + version) + ",\"f\":" + std::to_string(80 + p % 10) +
-                ",\"b\":" + std::to_string(9 + version) + ",\"t\":1700000000000,\"c\":\"0123456789abcdef0123456789abcdef\"," +
-                "\"ci\":\"fedcba9876543210fedcba9876543210\",\"p\":[\"https://cdn.example.com/p" + n + "/a/\",\"https://cdn.example.com/p" +
-                n + "/b/\",\"https://cdn.example.com/p" + n + "/c/\",\"https://cdn.example.com/p" + n + "/d/\"]," +
+        text += "\"pack" + n + "\":{\"s\":" + std::to_string(10 + version) +
+                ",\"f\":" + std::to_string(80 + p % 10) + ",\"b\":" + std::to_string(9 + version) +
+                ",\"t\":1700000000000,\"c\":\"0123456789abcdef0123456789abcdef\"," +
+                "\"ci\":\"fedcba9876543210fedcba9876543210\",\"p\":[\"https://cdn.example.com/p" +
+                n + "/a/\",\"https://cdn.example.com/p" + n + "/b/\",\"https://cdn.example.com/p" +
+                n + "/c/\",\"https://cdn.example.com/p" + n + "/d/\"]," +
                 "\"r\":[\"https://www.example.com/p" + n + "/index.html\"],\"g\":0}";
     }
     return text + "}}";
@@ -61,7 +64,8 @@ void BM_ParseAndMerge(benchmark::State& state) {
 void BM_MutateOneRecord(benchmark::State& state) {
     MarlLogger::Log::setLevel(1);
     Error error;
-    SCache::publish(FConfig::parse(document(static_cast<int>(state.range(0)), 0), "base", error, false));
+    SCache::publish(
+        FConfig::parse(document(static_cast<int>(state.range(0)), 0), "base", error, false));
     uint32_t status = 0;
     state.SetLabel("vs:BM_MapCopyFloor");
     for (auto _ : state) {
@@ -75,7 +79,8 @@ void BM_MutateOneRecord(benchmark::State& state) {
 
 void BM_MapCopyFloor(benchmark::State& state) {
     Error error;
-    auto config = FConfig::parse(document(static_cast<int>(state.range(0)), 0), "base", error, false);
+    auto config =
+        FConfig::parse(document(static_cast<int>(state.range(0)), 0), "base", error, false);
     for (auto _ : state) {
         StringMap<PackPtr> copy = config->packs;
         benchmark::DoNotOptimize(copy.size());
@@ -87,6 +92,11 @@ void BM_MapCopyFloor(benchmark::State& state) {
 BENCHMARK(BM_RapidJsonParseFloor)->Arg(5000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ParseAndMerge)->Arg(5000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MapCopyFloor)->Arg(500)->Arg(5000)->Arg(50000)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_MutateOneRecord)->Arg(500)->Arg(5000)->Arg(50000)->Unit(benchmark::kMicrosecond)->Iterations(200);
+BENCHMARK(BM_MutateOneRecord)
+    ->Arg(500)
+    ->Arg(5000)
+    ->Arg(50000)
+    ->Unit(benchmark::kMicrosecond)
+    ->Iterations(200);
 
 FERRIT_BENCHMARK_MAIN();

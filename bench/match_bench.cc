@@ -13,14 +13,14 @@
 
 #include "FloorReporter.h"
 #include "access/Resource.h"
-#include "model/ResourceIndex.h"
-#include "base/Url.h"
-#include "marl/Clock.h"
-#include "ferritcore/Access.h"
-#include "marl/Log.h"
-#include "runtime/TaskRunner.h"
 #include "base/Folder.h"
+#include "base/Url.h"
+#include "ferritcore/Access.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+#include "model/ResourceIndex.h"
 #include "model/SCache.h"
+#include "runtime/TaskRunner.h"
 
 using namespace FerritCore;
 using MarlLogger::json::JSON;
@@ -34,16 +34,23 @@ constexpr int kProbes = 16384;
 
 struct World {
     int packs = 0;
-    std::vector<std::string> exactUrls;   // probes that hit an exact URL
-    std::vector<std::string> prefixUrls;  // probes that hit a prefix
+    std::vector<std::string> exactUrls;                     // probes that hit an exact URL
+    std::vector<std::string> prefixUrls;                    // probes that hit a prefix
     std::unordered_map<std::string, std::string> floorMap;  // key URL -> pack name
     std::vector<std::string> floorKeys;
     std::filesystem::path root;
 };
 
-std::string packName(int i) { return "pack" + std::to_string(i); }
-std::string exactUrl(int p, int u) { return "https://h" + std::to_string(p % 97) + ".example.com/p" + std::to_string(p) + "/page" + std::to_string(u) + ".html"; }
-std::string prefixOf(int p, int k) { return "https://cdn.example.com/p" + std::to_string(p) + "/m" + std::to_string(k) + "/"; }
+std::string packName(int i) {
+    return "pack" + std::to_string(i);
+}
+std::string exactUrl(int p, int u) {
+    return "https://h" + std::to_string(p % 97) + ".example.com/p" + std::to_string(p) + "/page" +
+           std::to_string(u) + ".html";
+}
+std::string prefixOf(int p, int k) {
+    return "https://cdn.example.com/p" + std::to_string(p) + "/m" + std::to_string(k) + "/";
+}
 
 World& world(int packs) {
     static std::unique_ptr<World> current;
@@ -51,7 +58,8 @@ World& world(int packs) {
     current = std::make_unique<World>();
     World& w = *current;
     w.packs = packs;
-    w.root = std::filesystem::temp_directory_path() / ("ferrit-match-bench-" + std::to_string(packs));
+    w.root =
+        std::filesystem::temp_directory_path() / ("ferrit-match-bench-" + std::to_string(packs));
     std::filesystem::remove_all(w.root);
     setRootPath(w.root.string());
 
@@ -94,14 +102,16 @@ World& world(int packs) {
         const int k = static_cast<int>(random() % kPrefixesPerPack);
         w.exactUrls.push_back(exactUrl(p, u));
         w.prefixUrls.push_back(prefixOf(p, k) + "a.js");
-        for (const std::string& file : {"apps/" + packName(p) + "/1/res/page" + std::to_string(u) + ".html",
-                                        "apps/" + packName(p) + "/1/res/m" + std::to_string(k) + "/a.js"}) {
+        for (const std::string& file :
+             {"apps/" + packName(p) + "/1/res/page" + std::to_string(u) + ".html",
+              "apps/" + packName(p) + "/1/res/m" + std::to_string(k) + "/a.js"}) {
             std::filesystem::create_directories((w.root / file).parent_path());
             std::ofstream(w.root / file) << "x";
         }
     }
     for (int p = 0; p < packs; ++p)
-        for (int u = 0; u < kUrlsPerPack; ++u) w.floorMap.emplace(Url::key(exactUrl(p, u)), packName(p));
+        for (int u = 0; u < kUrlsPerPack; ++u)
+            w.floorMap.emplace(Url::key(exactUrl(p, u)), packName(p));
     for (const auto& url : w.exactUrls) w.floorKeys.push_back(Url::key(url));
     return w;
 }
@@ -120,8 +130,12 @@ void runMatch(benchmark::State& state, const std::vector<std::string>& urls) {
     state.SetLabel("vs:BM_LookupFloor");
 }
 
-void BM_MatchExact(benchmark::State& state) { runMatch(state, world(static_cast<int>(state.range(0))).exactUrls); }
-void BM_MatchPrefix(benchmark::State& state) { runMatch(state, world(static_cast<int>(state.range(0))).prefixUrls); }
+void BM_MatchExact(benchmark::State& state) {
+    runMatch(state, world(static_cast<int>(state.range(0))).exactUrls);
+}
+void BM_MatchPrefix(benchmark::State& state) {
+    runMatch(state, world(static_cast<int>(state.range(0))).prefixUrls);
+}
 
 void BM_LookupFloor(benchmark::State& state) {
     World& w = world(static_cast<int>(state.range(0)));

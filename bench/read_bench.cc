@@ -17,16 +17,16 @@
 
 #include "FloorReporter.h"
 #include "base/Digest.h"
-#include "model/ResourceIndex.h"
+#include "base/Environment.h"
+#include "base/Folder.h"
+#include "base/Proxy.h"
 #include "ferritcore/Access.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "base/Environment.h"
-#include "base/Proxy.h"
-#include "runtime/TaskRunner.h"
-#include "base/Folder.h"
+#include "model/ResourceIndex.h"
 #include "model/SCache.h"
+#include "runtime/TaskRunner.h"
 
 using namespace FerritCore;
 using MarlLogger::json::JSON;
@@ -38,7 +38,7 @@ constexpr int kSizesKiB[] = {1, 16, 128};
 
 // Accepts every signature and drops every record, as a host that delivers no telemetry does.
 class BenchProxy : public Proxy {
-public:
+  public:
     bool verifySignature(const std::string&, const std::string&) override { return true; }
     void sendEvent(const PerfRecord&) override {}
 };
@@ -50,7 +50,9 @@ struct World {
     std::vector<ResourceRequest> requests[3];
 };
 
-std::string fileName(int kib, int i) { return "f" + std::to_string(kib) + "k_" + std::to_string(i) + ".js"; }
+std::string fileName(int kib, int i) {
+    return "f" + std::to_string(kib) + "k_" + std::to_string(i) + ".js";
+}
 
 World& world() {
     static std::unique_ptr<World> instance = [] {
@@ -77,8 +79,9 @@ World& world() {
                 entry.set("v", Digest::md5Hex(content));
                 table.set("res/" + name, entry);
                 w->paths[s].push_back((pack / "res" / name).string());
-                w->requests[s].emplace_back("https://bench.example.com/app/" + name + "?v=1",
-                                            HeaderMap{{"Accept", "*/*"}, {"Referer", "https://bench.example.com/"}});
+                w->requests[s].emplace_back(
+                    "https://bench.example.com/app/" + name + "?v=1",
+                    HeaderMap{{"Accept", "*/*"}, {"Referer", "https://bench.example.com/"}});
             }
         }
         std::ofstream(pack / "app-res.hvc", std::ios::binary) << table.toString() << "||bench|c2ln";
@@ -101,7 +104,9 @@ World& world() {
     return *instance;
 }
 
-int sizeIndex(int64_t kib) { return kib == 1 ? 0 : kib == 16 ? 1 : 2; }
+int sizeIndex(int64_t kib) {
+    return kib == 1 ? 0 : kib == 16 ? 1 : 2;
+}
 
 void BM_ReadFloor(benchmark::State& state) {
     const std::vector<std::string>& paths = world().paths[sizeIndex(state.range(0))];
@@ -135,7 +140,9 @@ void runGetResource(benchmark::State& state) {
     state.SetLabel("vs:BM_ReadFloor");
 }
 
-void BM_GetResource(benchmark::State& state) { runGetResource(state); }
+void BM_GetResource(benchmark::State& state) {
+    runGetResource(state);
+}
 
 // The same without a proxy: the two performance records of each request ("Ferrit.AppVisit" and
 // "Ferrit.VisitPerf") are then not built, which shows what they cost.

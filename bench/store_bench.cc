@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "FloorReporter.h"
+#include "base/Folder.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "base/Folder.h"
 #include "storage/KeyValueStore.h"
 #include "storage/MetaStore.h"
 

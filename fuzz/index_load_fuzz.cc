@@ -15,17 +15,17 @@
 #include <string>
 #include <string_view>
 
-#include "model/ResourceIndex.h"
 #include "base/Environment.h"
-#include "base/Proxy.h"
 #include "base/PackedFiles.h"
+#include "base/Proxy.h"
+#include "model/ResourceIndex.h"
 
 using namespace FerritCore;
 
 namespace {
 
 class FuzzProxy : public Proxy {
-public:
+  public:
     bool verifySignature(const std::string&, const std::string&) override { return accept; }
     void sendEvent(const PerfRecord&) override {}
     bool accept = true;
@@ -33,7 +33,7 @@ public:
 
 // Every key read is recorded, so that a read outside the pack's folder is caught.
 class MapFiles : public PackedFiles {
-public:
+  public:
     bool get(std::string_view key, std::string& value, Error& error) override {
         if (!std::string_view(key).starts_with("p/1/")) __builtin_trap();
         auto it = values.find(std::string(key));

@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (parsed.name.size() > text.size()) __builtin_trap();
         // The sequence, written back after the name, parses to the same value.
         NameWithVersion again;
-        const std::string rebuilt = (parsed.name.empty() ? std::string() : parsed.name + "@") + std::to_string(parsed.seq);
+        const std::string rebuilt =
+            (parsed.name.empty() ? std::string() : parsed.name + "@") + std::to_string(parsed.seq);
         if (parseNameWithVersion(rebuilt, again) && again.seq != parsed.seq) __builtin_trap();
     }
 

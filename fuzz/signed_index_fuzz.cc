@@ -8,17 +8,17 @@
 #include <string>
 #include <string_view>
 
-#include "model/ResourceIndex.h"
-#include "base/FileUtil.h"
 #include "base/Environment.h"
+#include "base/FileUtil.h"
 #include "base/Proxy.h"
+#include "model/ResourceIndex.h"
 
 using namespace FerritCore;
 
 namespace {
 
 class FuzzProxy : public Proxy {
-public:
+  public:
     bool verifySignature(const std::string& md5Hex, const std::string&) override {
         return accept && md5Hex.size() == 32;
     }
@@ -44,7 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     MarlLogger::json::JSON table;
     Error error;
-    const bool parsed = ResourceIndex::parseSigned(Folder::disk("p/1/app-res.hvc"), text, table, error);
+    const bool parsed =
+        ResourceIndex::parseSigned(Folder::disk("p/1/app-res.hvc"), text, table, error);
     if (parsed != !error) __builtin_trap();
     if (parsed && !table.isObject()) __builtin_trap();
     if (!parsed && !table.isNull()) __builtin_trap();
@@ -52,7 +53,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     for (const bool increment : {false, true}) {
         const ResourceIndex index(
-            "p", [&](const std::string&, Error& e) { e.clear(); return text; }, increment);
+            "p",
+            [&](const std::string&, Error& e) {
+                e.clear();
+                return text;
+            },
+            increment);
         if (index.error() && index.size() != 0) __builtin_trap();
         if (!index.error()) {
             for (const auto& [key, record] : table.objectValue()) {

@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
+#include "base/Folder.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "base/Folder.h"
 #include "storage/KeyValueStore.h"
 #include "storage/MetaStore.h"
 

@@ -17,7 +17,7 @@ namespace {
 
 // The read path's requests go to the update queue.
 class QueueRequester : public UpdateRequester {
-public:
+  public:
     void request(const std::string& name, int trigger, Completion completion) override {
         UpdateQueue::request(name, trigger, std::move(completion));
     }

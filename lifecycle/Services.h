@@ -19,7 +19,7 @@
 namespace FerritCore {
 
 class Services {
-public:
+  public:
     // Fills every slot but the asset provider's. Idempotent.
     static void wire();
     // The app's raw files: the folder on the disk when one is given, else the host's Proxy.

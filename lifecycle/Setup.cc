@@ -6,24 +6,24 @@
 #include <cstdio>
 #include <mutex>
 
+#include "base/Environment.h"
 #include "base/Errors.h"
+#include "base/Folder.h"
+#include "base/LogTags.h"
 #include "base/ProcessState.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
 #include "lifecycle/Services.h"
 #include "marl/Clock.h"
 #include "marl/Inspector.h"
 #include "marl/Log.h"
-#include "base/Environment.h"
-#include "base/LogTags.h"
+#include "model/SCache.h"
 #include "runtime/Network.h"
-#include "base/Proxy.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
-#include "base/Telemetry.h"
-#include "update/Cleanup.h"
 #include "storage/ConfigStore.h"
-#include "base/Folder.h"
 #include "storage/PacksStore.h"
-#include "model/SCache.h"
+#include "update/Cleanup.h"
 #include "update/UpdateConfig.h"
 #include "update/UpdateQueue.h"
 
@@ -54,7 +54,8 @@ std::string formatSession(const char* prefix, double since) {
     return buffer;
 }
 
-void logSetup(MarlLogger::MRLLevel level, const char* event, std::initializer_list<std::pair<const char*, std::string>> fields = {}) {
+void logSetup(MarlLogger::MRLLevel level, const char* event,
+              std::initializer_list<std::pair<const char*, std::string>> fields = {}) {
     MarlLogger::LogBuilder log(level, LogTag::kSetup);
     log.event(event, Environment::instance().sessionName());
     for (const auto& [key, value] : fields) log.append(key, value);
@@ -76,8 +77,8 @@ std::string Setup::escape(std::string_view text) {
     out.reserve(text.size());
     for (const char c : text) {
         const unsigned char u = static_cast<unsigned char>(c);
-        if ((u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == '-' || u == '.' ||
-            u == '~' || u == '_') {
+        if ((u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
+            u == '-' || u == '.' || u == '~' || u == '_') {
             out.push_back(c);
         } else if (u == ' ') {
             out.push_back('+');
@@ -90,7 +91,8 @@ std::string Setup::escape(std::string_view text) {
     return out;
 }
 
-void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath, const std::string& rawFileFolder) {
+void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath,
+                     const std::string& rawFileFolder) {
     Environment::instance().setProxy(proxy);
     if (!proxy) return;
     Services::wire();
@@ -126,18 +128,21 @@ void Setup::setup(const std::string& appKey, const std::string& appVersion, int3
     environment.setClientActive(true);
     environment.setSessionName(formatSession("Ferrit_MAIN_", environment.activeSince()));
     environment.setMainProcess(true);
-    logSetup(MarlLogger::MRLLevelInfo, "setup", {{"process", "main"}, {"appKey", key}, {"appVersion", version}});
+    logSetup(MarlLogger::MRLLevelInfo, "setup",
+             {{"process", "main"}, {"appKey", key}, {"appVersion", version}});
     // The first post is also what starts the worker.
     TaskRunner::post([] { logSetup(MarlLogger::MRLLevelInfo, "startThread"); }, 0);
     if (!hostStartsUpdate) environment.setFlag(kAutoStartAllowed);
     UpdateConfig::instance().startTimer();
-    UpdateConfig::instance().start(kTriggerStartup, "0", [](const Error&) { configFirstUpdated(); }, 0);
+    UpdateConfig::instance().start(
+        kTriggerStartup, "0", [](const Error&) { configFirstUpdated(); }, 0);
     MarlLogger::Inspector::registerAgent("Ferrit", [](const std::string& command, const JSON&) {
         return command == "info" ? statusReport() : JSON();
     });
     MarlLogger::Inspector::registerInfo("FerritInfo", "Ferrit/" + std::string(kCoreVersion));
     // Folders of earlier layouts, never recreated.
-    for (const char* old : {"meta/", "storage/", "module/", "UniCache_T/"}) Folder::removeFile(Folder::disk(old), false);
+    for (const char* old : {"meta/", "storage/", "module/", "UniCache_T/"})
+        Folder::removeFile(Folder::disk(old), false);
 }
 
 void Setup::setupSubProcess() {
@@ -158,8 +163,10 @@ void Setup::configFirstUpdated() {
     Environment& environment = Environment::instance();
     environment.setFlag(kConfigFirstUpdated);
     logSetup(MarlLogger::MRLLevelInfo, "configFirstUpdated");
-    if (ProxyCalls::registerPushTopic("wpb.fconfig", [](const std::string& m) { onPushMessage("wpb.fconfig", m); })) {
-        ProxyCalls::registerPushTopic("wpb.packconfig", [](const std::string& m) { onPushMessage("wpb.packconfig", m); });
+    if (ProxyCalls::registerPushTopic(
+            "wpb.fconfig", [](const std::string& m) { onPushMessage("wpb.fconfig", m); })) {
+        ProxyCalls::registerPushTopic(
+            "wpb.packconfig", [](const std::string& m) { onPushMessage("wpb.packconfig", m); });
         environment.setFeatureBit(kFeaturePushRegistered);
     }
     if (environment.flags() & kAutoStartAllowed) {
@@ -199,7 +206,8 @@ void Setup::compactDatabases() {
     const double now = MRLCurrentClock();
     {
         std::lock_guard<std::mutex> lock(state().mutex);
-        if (state().lastCompaction != 0 && now - state().lastCompaction < kCompactionIntervalMs) return;
+        if (state().lastCompaction != 0 && now - state().lastCompaction < kCompactionIntervalMs)
+            return;
         state().lastCompaction = now;
     }
     PacksStore::instance().compact();
@@ -215,7 +223,8 @@ void Setup::clientActived() {
     environment.setClientActive(true);
     UpdateQueue::resume();
     UpdateConfig::instance().start(kTriggerActive, "0", nullptr, 0);
-    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent).event("clientActived", environment.sessionName());
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent)
+        .event("clientActived", environment.sessionName());
 }
 
 void Setup::clientDeactived() {
@@ -233,10 +242,13 @@ void Setup::setEnv(int32_t env) {
     if (environment.env() == env) return;
     environment.setEnvValue(env);
     // Before the first update, the new environment simply takes effect in that update.
-    if (environment.flags() & kConfigFirstUpdated) UpdateConfig::instance().start(kTriggerChangeEnv, "0", nullptr, 0);
+    if (environment.flags() & kConfigFirstUpdated)
+        UpdateConfig::instance().start(kTriggerChangeEnv, "0", nullptr, 0);
 }
 
-void Setup::setLocale(const std::string& locale) { Environment::instance().setLocaleValue(locale); }
+void Setup::setLocale(const std::string& locale) {
+    Environment::instance().setLocaleValue(locale);
+}
 
 void Setup::setNetworkStatus(uint32_t status) {
     Environment& environment = Environment::instance();
@@ -259,7 +271,8 @@ JSON Setup::statusReport() {
     } else {
         struct stat info;
         const std::string& root = rootPath();
-        if (root.size() <= 1 || ::stat(root.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) errors.push("ROOT_NOT_EXIST");
+        if (root.size() <= 1 || ::stat(root.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+            errors.push("ROOT_NOT_EXIST");
     }
     const uint32_t flags = environment.flags();
     if (!(flags & kSetupDone)) {

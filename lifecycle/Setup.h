@@ -19,7 +19,7 @@ namespace FerritCore {
 class Proxy;
 
 class Setup {
-public:
+  public:
     // Delay of the late start when the host never calls startUpdate.
     static constexpr double kAutoStartDelayMs = 300000.0;
     // Stores are compacted at most this often.

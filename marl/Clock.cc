@@ -12,7 +12,9 @@ std::atomic<TimeSource*> gSource{nullptr};
 
 }  // namespace
 
-void setTimeSource(TimeSource* source) { gSource.store(source, std::memory_order_release); }
+void setTimeSource(TimeSource* source) {
+    gSource.store(source, std::memory_order_release);
+}
 
 void ManualClock::advance(double ms) {
     wall_.store(wall_.load(std::memory_order_relaxed) + ms, std::memory_order_relaxed);
@@ -28,7 +30,8 @@ double MRLCurrentTime() {
 }
 
 double MRLCurrentClock() {
-    if (auto* source = MarlLogger::gSource.load(std::memory_order_acquire)) return source->clockMs();
+    if (auto* source = MarlLogger::gSource.load(std::memory_order_acquire))
+        return source->clockMs();
     using namespace std::chrono;
     return duration<double, std::milli>(steady_clock::now().time_since_epoch()).count();
 }
@@ -38,7 +41,8 @@ std::string MRLGenerateID(std::string_view prefix) {
     // one process apart. Formatting by hand keeps this off the cost of a stream or printf.
     static const uint64_t stem = [] {
         std::random_device device;
-        return (static_cast<uint64_t>(device()) << 32 ^ device() ^ static_cast<uint64_t>(getpid())) &
+        return (static_cast<uint64_t>(device()) << 32 ^ device() ^
+                static_cast<uint64_t>(getpid())) &
                0xFFFFFFFFFFull;
     }();
     static std::atomic<uint64_t> counter{0};

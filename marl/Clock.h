@@ -9,7 +9,7 @@
 namespace MarlLogger {
 
 class TimeSource {
-public:
+  public:
     virtual ~TimeSource() = default;
     // Wall clock, milliseconds since the epoch.
     virtual double wallMs() = 0;
@@ -23,7 +23,7 @@ void setTimeSource(TimeSource* source);
 
 // A clock that moves only when told to. Starts at the given wall time and at clock 1000.
 class ManualClock : public TimeSource {
-public:
+  public:
     explicit ManualClock(double wallMs = 1.7e12) : wall_(wallMs), clock_(1000.0) {}
     double wallMs() override { return wall_.load(std::memory_order_relaxed); }
     double clockMs() override { return clock_.load(std::memory_order_relaxed); }
@@ -31,20 +31,20 @@ public:
     void advance(double ms);
     void setWall(double ms) { wall_.store(ms, std::memory_order_relaxed); }
 
-private:
+  private:
     std::atomic<double> wall_;
     std::atomic<double> clock_;
 };
 
 // Installs a ManualClock for the lifetime of this object (tests).
 class ScopedManualClock {
-public:
+  public:
     explicit ScopedManualClock(double wallMs = 1.7e12) : clock_(wallMs) { setTimeSource(&clock_); }
     ~ScopedManualClock() { setTimeSource(nullptr); }
     ManualClock& operator*() { return clock_; }
     ManualClock* operator->() { return &clock_; }
 
-private:
+  private:
     ManualClock clock_;
 };
 

@@ -46,7 +46,8 @@ std::vector<std::string> Inspector::agents() {
     return names;
 }
 
-json::JSON Inspector::call(const std::string& agentName, const std::string& command, const json::JSON& arguments) {
+json::JSON Inspector::call(const std::string& agentName, const std::string& command,
+                           const json::JSON& arguments) {
     Agent agent;
     {
         Registry& r = registry();

@@ -11,9 +11,10 @@
 namespace MarlLogger {
 
 class Inspector {
-public:
+  public:
     // Answers a command with its arguments; the result goes back to the tool.
-    using Agent = std::function<json::JSON(const std::string& command, const json::JSON& arguments)>;
+    using Agent =
+        std::function<json::JSON(const std::string& command, const json::JSON& arguments)>;
 
     // Registers (or replaces) the agent `name`.
     static void registerAgent(const std::string& name, Agent agent);
@@ -23,7 +24,8 @@ public:
     static std::string info(const std::string& name);
     static std::vector<std::string> agents();
     // Sends a command to an agent; null when there is no such agent.
-    static json::JSON call(const std::string& agent, const std::string& command, const json::JSON& arguments);
+    static json::JSON call(const std::string& agent, const std::string& command,
+                           const json::JSON& arguments);
     // Forgets everything (tests).
     static void clear();
 };

@@ -92,7 +92,9 @@ bool readWord(std::string_view text, int* out) {
     return false;
 }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 // Reads the decimal number at the start of `text` ([+-]digits[.digits][(e|E)[+-]digits]) and
 // rounds it correctly; false when there is no digit. An overflow reads as an infinity and an
@@ -185,9 +187,8 @@ void dropDuplicateKeys(Members& members) {
     }
     std::vector<uint32_t> order(n);
     std::iota(order.begin(), order.end(), 0u);
-    std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-        return members[a].first < members[b].first;
-    });
+    std::stable_sort(order.begin(), order.end(),
+                     [&](uint32_t a, uint32_t b) { return members[a].first < members[b].first; });
     std::vector<bool> drop(n, false);
     bool any = false;
     for (size_t start = 0; start < n;) {
@@ -232,11 +233,21 @@ void writeDouble(TextWriter& writer, double d) {
 
 void writeValue(TextWriter& writer, const JSON& value) {
     switch (value.type()) {
-        case Type::Null: writer.Null(); break;
-        case Type::Bool: writer.Bool(value.boolValue()); break;
-        case Type::Int: writer.Int64(value.int64Value()); break;
-        case Type::UInt: writer.Uint64(value.uint64Value()); break;
-        case Type::Double: writeDouble(writer, value.doubleValue()); break;
+        case Type::Null:
+            writer.Null();
+            break;
+        case Type::Bool:
+            writer.Bool(value.boolValue());
+            break;
+        case Type::Int:
+            writer.Int64(value.int64Value());
+            break;
+        case Type::UInt:
+            writer.Uint64(value.uint64Value());
+            break;
+        case Type::Double:
+            writeDouble(writer, value.doubleValue());
+            break;
         case Type::String: {
             const std::string_view s = value.stringViewValue();
             writer.String(s.data(), sizeOf(s));
@@ -261,7 +272,7 @@ void writeValue(TextWriter& writer, const JSON& value) {
 // Builds values from the parser's events on an explicit stack, so that neither the parser nor
 // the conversion recurses, and refuses to open a container beyond JSON::kMaxDepth.
 class TextBuilder : public rj::BaseReaderHandler<rj::UTF8<>, TextBuilder> {
-public:
+  public:
     enum class Failure { None, TooDeep, TooBig };
 
     bool Null() { return add(JSON()); }
@@ -303,7 +314,7 @@ public:
     Failure failure() const { return failure_; }
     JSON takeRoot() { return std::move(root_); }
 
-private:
+  private:
     struct Frame {
         bool isObject;
         JSONArray elements;
@@ -413,12 +424,18 @@ bool putString(std::string& out, std::string_view s) {
 
 bool putValue(std::string& out, const JSON& value) {
     switch (value.type()) {
-        case Type::Null: out.push_back(static_cast<char>(0xc0)); return true;
+        case Type::Null:
+            out.push_back(static_cast<char>(0xc0));
+            return true;
         case Type::Bool:
             out.push_back(static_cast<char>(value.boolValue() ? 0xc3 : 0xc2));
             return true;
-        case Type::Int: putSigned(out, value.int64Value()); return true;
-        case Type::UInt: putUnsigned(out, value.uint64Value()); return true;
+        case Type::Int:
+            putSigned(out, value.int64Value());
+            return true;
+        case Type::UInt:
+            putUnsigned(out, value.uint64Value());
+            return true;
         case Type::Double: {
             uint64_t bits;
             const double d = value.doubleValue();
@@ -426,7 +443,8 @@ bool putValue(std::string& out, const JSON& value) {
             putHead(out, 0xcb, bits, 8);
             return true;
         }
-        case Type::String: return putString(out, value.stringViewValue());
+        case Type::String:
+            return putString(out, value.stringViewValue());
         case Type::Array: {
             const JSONArray& elements = value.arrayValue();
             if (!putLength(out, elements.size(), 0x90, 16, 0xdc, 0xdd)) return false;
@@ -449,7 +467,7 @@ bool putValue(std::string& out, const JSON& value) {
 // bytes left before anything is allocated, and reservations are capped, so that memory follows
 // the input actually present rather than what a header claims.
 class BinaryReader {
-public:
+  public:
     explicit BinaryReader(std::string_view bytes) : bytes_(bytes) {}
 
     JSON read(std::string* error) {
@@ -461,7 +479,7 @@ public:
         return result;
     }
 
-private:
+  private:
     // Containers larger than this grow as their elements actually arrive.
     static constexpr size_t kMaxReserve = 1024;
 
@@ -545,15 +563,24 @@ private:
         if (tag >= 0x90 && tag <= 0x9f) return openContainer(false, tag & 0x0f, at, out, opened);
         if (tag >= 0x80 && tag <= 0x8f) return openContainer(true, tag & 0x0f, at, out, opened);
         switch (tag) {
-            case 0xc0: *out = JSON(); return true;
-            case 0xc2: *out = JSON(false); return true;
-            case 0xc3: *out = JSON(true); return true;
+            case 0xc0:
+                *out = JSON();
+                return true;
+            case 0xc2:
+                *out = JSON(false);
+                return true;
+            case 0xc3:
+                *out = JSON(true);
+                return true;
             case 0xc4:
-            case 0xd9: return take(1, &v) && readString(v, at, out);
+            case 0xd9:
+                return take(1, &v) && readString(v, at, out);
             case 0xc5:
-            case 0xda: return take(2, &v) && readString(v, at, out);
+            case 0xda:
+                return take(2, &v) && readString(v, at, out);
             case 0xc6:
-            case 0xdb: return take(4, &v) && readString(v, at, out);
+            case 0xdb:
+                return take(4, &v) && readString(v, at, out);
             case 0xca: {
                 if (!take(4, &v)) return false;
                 const uint32_t bits = static_cast<uint32_t>(v);
@@ -569,19 +596,32 @@ private:
                 *out = JSON(d);
                 return true;
             }
-            case 0xcc: return take(1, &v) && (*out = JSON(v), true);
-            case 0xcd: return take(2, &v) && (*out = JSON(v), true);
-            case 0xce: return take(4, &v) && (*out = JSON(v), true);
-            case 0xcf: return take(8, &v) && (*out = JSON(v), true);
-            case 0xd0: return take(1, &v) && (*out = JSON(int64_t{static_cast<int8_t>(v)}), true);
-            case 0xd1: return take(2, &v) && (*out = JSON(int64_t{static_cast<int16_t>(v)}), true);
-            case 0xd2: return take(4, &v) && (*out = JSON(int64_t{static_cast<int32_t>(v)}), true);
-            case 0xd3: return take(8, &v) && (*out = JSON(static_cast<int64_t>(v)), true);
-            case 0xdc: return take(2, &v) && openContainer(false, v, at, out, opened);
-            case 0xdd: return take(4, &v) && openContainer(false, v, at, out, opened);
-            case 0xde: return take(2, &v) && openContainer(true, v, at, out, opened);
-            case 0xdf: return take(4, &v) && openContainer(true, v, at, out, opened);
-            default: break;
+            case 0xcc:
+                return take(1, &v) && (*out = JSON(v), true);
+            case 0xcd:
+                return take(2, &v) && (*out = JSON(v), true);
+            case 0xce:
+                return take(4, &v) && (*out = JSON(v), true);
+            case 0xcf:
+                return take(8, &v) && (*out = JSON(v), true);
+            case 0xd0:
+                return take(1, &v) && (*out = JSON(int64_t{static_cast<int8_t>(v)}), true);
+            case 0xd1:
+                return take(2, &v) && (*out = JSON(int64_t{static_cast<int16_t>(v)}), true);
+            case 0xd2:
+                return take(4, &v) && (*out = JSON(int64_t{static_cast<int32_t>(v)}), true);
+            case 0xd3:
+                return take(8, &v) && (*out = JSON(static_cast<int64_t>(v)), true);
+            case 0xdc:
+                return take(2, &v) && openContainer(false, v, at, out, opened);
+            case 0xdd:
+                return take(4, &v) && openContainer(false, v, at, out, opened);
+            case 0xde:
+                return take(2, &v) && openContainer(true, v, at, out, opened);
+            case 0xdf:
+                return take(4, &v) && openContainer(true, v, at, out, opened);
+            default:
+                break;
         }
         static constexpr char kHex[] = "0123456789abcdef";
         const char name[] = {'0', 'x', kHex[tag >> 4], kHex[tag & 0xf], '\0'};
@@ -747,14 +787,29 @@ JSON::JSON(const std::map<std::string, JSON>& value)
 
 JSON::JSON(const JSON& other) : type_(other.type_) {
     switch (type_) {
-        case Type::Null: break;
-        case Type::Bool: bool_ = other.bool_; break;
-        case Type::Int: int_ = other.int_; break;
-        case Type::UInt: uint_ = other.uint_; break;
-        case Type::Double: double_ = other.double_; break;
-        case Type::String: string_ = new std::string(*other.string_); break;
-        case Type::Array: array_ = new JSONArray(*other.array_); break;
-        case Type::Object: object_ = new JSONObject(*other.object_); break;
+        case Type::Null:
+            break;
+        case Type::Bool:
+            bool_ = other.bool_;
+            break;
+        case Type::Int:
+            int_ = other.int_;
+            break;
+        case Type::UInt:
+            uint_ = other.uint_;
+            break;
+        case Type::Double:
+            double_ = other.double_;
+            break;
+        case Type::String:
+            string_ = new std::string(*other.string_);
+            break;
+        case Type::Array:
+            array_ = new JSONArray(*other.array_);
+            break;
+        case Type::Object:
+            object_ = new JSONObject(*other.object_);
+            break;
     }
 }
 
@@ -782,19 +837,30 @@ JSON& JSON::operator=(JSON&& other) noexcept {
     return *this;
 }
 
-JSON::~JSON() { reset(); }
+JSON::~JSON() {
+    reset();
+}
 
 void JSON::reset() {
     switch (type_) {
-        case Type::String: delete string_; break;
-        case Type::Array: delete array_; break;
-        case Type::Object: delete object_; break;
-        default: break;
+        case Type::String:
+            delete string_;
+            break;
+        case Type::Array:
+            delete array_;
+            break;
+        case Type::Object:
+            delete object_;
+            break;
+        default:
+            break;
     }
     type_ = Type::Null;
 }
 
-const JSON& JSON::null() { return nullValue(); }
+const JSON& JSON::null() {
+    return nullValue();
+}
 
 JSON JSON::parse(std::string_view text, std::string* error) {
     TextBuilder builder;
@@ -826,8 +892,7 @@ JSON JSON::parse(std::string_view text, std::string* error) {
     // The stream reads a NUL byte as the end of the text; anything after it is still trailing.
     if (stream.Tell() != text.size()) {
         if (error) {
-            *error = std::string(rj::GetParseError_En(
-                         rj::kParseErrorDocumentRootNotSingular)) +
+            *error = std::string(rj::GetParseError_En(rj::kParseErrorDocumentRootNotSingular)) +
                      " at offset " + std::to_string(stream.Tell());
         }
         return JSON();
@@ -887,49 +952,77 @@ size_t JSON::size() const {
 
 bool JSON::boolValue() const {
     switch (type_) {
-        case Type::Bool: return bool_;
-        case Type::Int: return int_ != 0;
-        case Type::UInt: return uint_ != 0;
-        case Type::Double: return double_ != 0 && !std::isnan(double_);
-        case Type::String: return coerceDouble(*string_) != 0;
-        default: return false;
+        case Type::Bool:
+            return bool_;
+        case Type::Int:
+            return int_ != 0;
+        case Type::UInt:
+            return uint_ != 0;
+        case Type::Double:
+            return double_ != 0 && !std::isnan(double_);
+        case Type::String:
+            return coerceDouble(*string_) != 0;
+        default:
+            return false;
     }
 }
 
 int64_t JSON::int64Value() const {
     switch (type_) {
-        case Type::Bool: return bool_ ? 1 : 0;
-        case Type::Int: return int_;
-        case Type::UInt: return kInt64Max;  // UInt holds only values above the int64 range
-        case Type::Double: return doubleToInt64(double_);
-        case Type::String: return coerceInt(*string_);
-        default: return 0;
+        case Type::Bool:
+            return bool_ ? 1 : 0;
+        case Type::Int:
+            return int_;
+        case Type::UInt:
+            return kInt64Max;  // UInt holds only values above the int64 range
+        case Type::Double:
+            return doubleToInt64(double_);
+        case Type::String:
+            return coerceInt(*string_);
+        default:
+            return 0;
     }
 }
 
 uint64_t JSON::uint64Value() const {
     switch (type_) {
-        case Type::Bool: return bool_ ? 1 : 0;
-        case Type::Int: return int_ < 0 ? 0 : static_cast<uint64_t>(int_);
-        case Type::UInt: return uint_;
-        case Type::Double: return doubleToUInt64(double_);
-        case Type::String: return coerceUInt(*string_);
-        default: return 0;
+        case Type::Bool:
+            return bool_ ? 1 : 0;
+        case Type::Int:
+            return int_ < 0 ? 0 : static_cast<uint64_t>(int_);
+        case Type::UInt:
+            return uint_;
+        case Type::Double:
+            return doubleToUInt64(double_);
+        case Type::String:
+            return coerceUInt(*string_);
+        default:
+            return 0;
     }
 }
 
-int32_t JSON::int32Value() const { return clampInt32(int64Value()); }
+int32_t JSON::int32Value() const {
+    return clampInt32(int64Value());
+}
 
-uint32_t JSON::uint32Value() const { return clampUInt32(uint64Value()); }
+uint32_t JSON::uint32Value() const {
+    return clampUInt32(uint64Value());
+}
 
 double JSON::doubleValue() const {
     switch (type_) {
-        case Type::Bool: return bool_ ? 1 : 0;
-        case Type::Int: return static_cast<double>(int_);
-        case Type::UInt: return static_cast<double>(uint_);
-        case Type::Double: return double_;
-        case Type::String: return coerceDouble(*string_);
-        default: return 0;
+        case Type::Bool:
+            return bool_ ? 1 : 0;
+        case Type::Int:
+            return static_cast<double>(int_);
+        case Type::UInt:
+            return static_cast<double>(uint_);
+        case Type::Double:
+            return double_;
+        case Type::String:
+            return coerceDouble(*string_);
+        default:
+            return 0;
     }
 }
 
@@ -941,12 +1034,21 @@ std::string JSON::stringValue() const {
     char buffer[32];
     std::to_chars_result end{};
     switch (type_) {
-        case Type::String: return *string_;
-        case Type::Bool: return bool_ ? "true" : "false";
-        case Type::Int: end = std::to_chars(buffer, buffer + sizeof buffer, int_); break;
-        case Type::UInt: end = std::to_chars(buffer, buffer + sizeof buffer, uint_); break;
-        case Type::Double: end = std::to_chars(buffer, buffer + sizeof buffer, double_); break;
-        default: return std::string();
+        case Type::String:
+            return *string_;
+        case Type::Bool:
+            return bool_ ? "true" : "false";
+        case Type::Int:
+            end = std::to_chars(buffer, buffer + sizeof buffer, int_);
+            break;
+        case Type::UInt:
+            end = std::to_chars(buffer, buffer + sizeof buffer, uint_);
+            break;
+        case Type::Double:
+            end = std::to_chars(buffer, buffer + sizeof buffer, double_);
+            break;
+        default:
+            return std::string();
     }
     return std::string(buffer, end.ptr);
 }
@@ -955,7 +1057,9 @@ std::string_view JSON::stringViewValue() const {
     return type_ == Type::String ? std::string_view(*string_) : std::string_view();
 }
 
-const JSONArray& JSON::arrayValue() const { return type_ == Type::Array ? *array_ : emptyArray(); }
+const JSONArray& JSON::arrayValue() const {
+    return type_ == Type::Array ? *array_ : emptyArray();
+}
 
 const JSONObject& JSON::objectValue() const {
     return type_ == Type::Object ? *object_ : emptyObject();
@@ -965,12 +1069,18 @@ bool JSON::operator==(const JSON& other) const {
     if (isNumber() && other.isNumber()) return numbersEqual(*this, other);
     if (type_ != other.type_) return false;
     switch (type_) {
-        case Type::Null: return true;
-        case Type::Bool: return bool_ == other.bool_;
-        case Type::String: return *string_ == *other.string_;
-        case Type::Array: return *array_ == *other.array_;
-        case Type::Object: return *object_ == *other.object_;
-        default: return false;
+        case Type::Null:
+            return true;
+        case Type::Bool:
+            return bool_ == other.bool_;
+        case Type::String:
+            return *string_ == *other.string_;
+        case Type::Array:
+            return *array_ == *other.array_;
+        case Type::Object:
+            return *object_ == *other.object_;
+        default:
+            return false;
     }
 }
 
@@ -1050,13 +1160,27 @@ JSONStringer& JSONStringer::key(std::string_view name) {
     return *this;
 }
 
-JSONStringer& JSONStringer::value(std::nullptr_t) { return value(JSON::null()); }
-JSONStringer& JSONStringer::value(bool v) { return value(JSON(v)); }
-JSONStringer& JSONStringer::value(int32_t v) { return value(JSON(v)); }
-JSONStringer& JSONStringer::value(int64_t v) { return value(JSON(v)); }
-JSONStringer& JSONStringer::value(uint32_t v) { return value(JSON(v)); }
-JSONStringer& JSONStringer::value(uint64_t v) { return value(JSON(v)); }
-JSONStringer& JSONStringer::value(double v) { return value(JSON(v)); }
+JSONStringer& JSONStringer::value(std::nullptr_t) {
+    return value(JSON::null());
+}
+JSONStringer& JSONStringer::value(bool v) {
+    return value(JSON(v));
+}
+JSONStringer& JSONStringer::value(int32_t v) {
+    return value(JSON(v));
+}
+JSONStringer& JSONStringer::value(int64_t v) {
+    return value(JSON(v));
+}
+JSONStringer& JSONStringer::value(uint32_t v) {
+    return value(JSON(v));
+}
+JSONStringer& JSONStringer::value(uint64_t v) {
+    return value(JSON(v));
+}
+JSONStringer& JSONStringer::value(double v) {
+    return value(JSON(v));
+}
 
 JSONStringer& JSONStringer::value(std::string_view v) {
     if (impl_->valueAllowed()) {

@@ -22,7 +22,7 @@ class JSON;
 // objects of logs and records want. Duplicate keys from parsing (or from the list constructors)
 // keep the last value at the position of the first. Equality ignores member order.
 class JSONObject {
-public:
+  public:
     JSONObject() = default;
     JSONObject(const std::map<std::string, JSON>& map);
     JSONObject(std::initializer_list<std::pair<std::string, JSON>> pairs);
@@ -42,14 +42,14 @@ public:
     const std::vector<std::pair<std::string, JSON>>& members() const { return members_; }
     bool operator==(const JSONObject& other) const;
 
-private:
+  private:
     std::vector<std::pair<std::string, JSON>> members_;
 };
 
 using JSONArray = std::vector<JSON>;
 
 class JSON {
-public:
+  public:
     JSON() = default;  // null
     JSON(std::nullptr_t) {}
     JSON(bool value);
@@ -94,7 +94,9 @@ public:
     Type type() const { return type_; }
     bool isNull() const { return type_ == Type::Null; }
     bool isBool() const { return type_ == Type::Bool; }
-    bool isNumber() const { return type_ == Type::Int || type_ == Type::UInt || type_ == Type::Double; }
+    bool isNumber() const {
+        return type_ == Type::Int || type_ == Type::UInt || type_ == Type::Double;
+    }
     bool isString() const { return type_ == Type::String; }
     bool isArray() const { return type_ == Type::Array; }
     bool isObject() const { return type_ == Type::Object; }
@@ -138,7 +140,7 @@ public:
     // equals its decoded copy.
     bool operator==(const JSON& other) const;
 
-private:
+  private:
     void reset();
 
     Type type_ = Type::Null;
@@ -153,14 +155,18 @@ private:
     };
 };
 
-inline size_t JSONObject::size() const { return members_.size(); }
-inline bool JSONObject::empty() const { return members_.empty(); }
+inline size_t JSONObject::size() const {
+    return members_.size();
+}
+inline bool JSONObject::empty() const {
+    return members_.empty();
+}
 
 // Streaming writer of compact JSON text. A call that would make the text invalid (a key outside
 // an object or where a value is due, a value where a key is due, a second root, an unmatched
 // end) is ignored. Not thread-safe.
 class JSONStringer {
-public:
+  public:
     JSONStringer();
     ~JSONStringer();
     JSONStringer& object();
@@ -187,7 +193,7 @@ public:
     // The text so far.
     std::string result() const;
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -90,11 +90,17 @@ void Log::setSink(std::shared_ptr<LogSink> sink) {
     sinkSlot().store(std::move(sink));
 }
 
-std::shared_ptr<LogSink> Log::sink() { return sinkSlot().load(); }
+std::shared_ptr<LogSink> Log::sink() {
+    return sinkSlot().load();
+}
 
-void Log::setLevel(MRLLevel level) { activeLevel_.store(level, std::memory_order_relaxed); }
+void Log::setLevel(MRLLevel level) {
+    activeLevel_.store(level, std::memory_order_relaxed);
+}
 
-LogBuilder Log::build(MRLLevel level, std::string_view tag) { return LogBuilder(level, tag); }
+LogBuilder Log::build(MRLLevel level, std::string_view tag) {
+    return LogBuilder(level, tag);
+}
 
 LogBuilder::LogBuilder(MRLLevel level, std::string_view tag) {
     if (!Log::enabled(level)) return;
@@ -103,7 +109,9 @@ LogBuilder::LogBuilder(MRLLevel level, std::string_view tag) {
     entry_->tag = tag;
 }
 
-LogBuilder::~LogBuilder() { done(); }
+LogBuilder::~LogBuilder() {
+    done();
+}
 
 LogBuilder& LogBuilder::level(MRLLevel level) {
     if (entry_) entry_->level = level;
@@ -156,7 +164,9 @@ void LogBuilder::done() {
 }
 
 ScopedCapture::ScopedCapture(MRLLevel level)
-    : sink_(std::make_shared<CapturingSink>()), previousSink_(Log::sink()), previousLevel_(Log::level()) {
+    : sink_(std::make_shared<CapturingSink>()),
+      previousSink_(Log::sink()),
+      previousLevel_(Log::level()) {
     Log::setSink(sink_);
     Log::setLevel(level);
 }

@@ -40,7 +40,7 @@ struct LogEntry {
 };
 
 class LogSink {
-public:
+  public:
     virtual ~LogSink() = default;
     // Called on the thread that ends the builder; must be thread-safe.
     virtual void write(const LogEntry& entry) = 0;
@@ -48,13 +48,13 @@ public:
 
 // JSON lines on stderr.
 class StderrSink : public LogSink {
-public:
+  public:
     void write(const LogEntry& entry) override;
 };
 
 // Keeps every entry in memory, for tests.
 class CapturingSink : public LogSink {
-public:
+  public:
     void write(const LogEntry& entry) override;
     std::vector<LogEntry> entries() const;
     // Entries with this event name (and tag, when given), in order.
@@ -64,7 +64,7 @@ public:
     size_t count(std::string_view event, std::string_view tag = {}) const;
     void clear();
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<LogEntry> entries_;  // guarded by mutex_
 };
@@ -72,7 +72,7 @@ private:
 class LogBuilder;
 
 class Log {
-public:
+  public:
     // Null restores the stderr sink.
     static void setSink(std::shared_ptr<LogSink> sink);
     static std::shared_ptr<LogSink> sink();
@@ -83,12 +83,12 @@ public:
     static bool enabled(MRLLevel level) { return level <= Log::level(); }
     static LogBuilder build(MRLLevel level, std::string_view tag);
 
-private:
+  private:
     static std::atomic<int> activeLevel_;
 };
 
 class LogBuilder {
-public:
+  public:
     LogBuilder(MRLLevel level, std::string_view tag);
     LogBuilder(LogBuilder&& other) noexcept = default;
     LogBuilder& operator=(LogBuilder&&) = delete;
@@ -105,7 +105,8 @@ public:
     // An empty key adds nothing.
     template <typename T>
     LogBuilder& append(std::string_view key, T&& value) {
-        if (entry_ && !key.empty()) entry_->fields.set(std::string(key), json::JSON(std::forward<T>(value)));
+        if (entry_ && !key.empty())
+            entry_->fields.set(std::string(key), json::JSON(std::forward<T>(value)));
         return *this;
     }
     // Adds raw JSON text as a field (kept as a string when it does not parse).
@@ -120,19 +121,19 @@ public:
     // Writes the entry now; later calls do nothing.
     void done();
 
-private:
+  private:
     std::unique_ptr<LogEntry> entry_;  // null when filtered or done
 };
 
 // Installs a CapturingSink at the most verbose level for its lifetime (tests).
 class ScopedCapture {
-public:
+  public:
     explicit ScopedCapture(MRLLevel level = MRLLevelVerbose);
     ~ScopedCapture();
     CapturingSink& sink() { return *sink_; }
     CapturingSink* operator->() { return sink_.get(); }
 
-private:
+  private:
     std::shared_ptr<CapturingSink> sink_;
     std::shared_ptr<LogSink> previousSink_;
     MRLLevel previousLevel_;

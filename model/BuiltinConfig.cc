@@ -4,13 +4,13 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/AssetProvider.h"
 #include "base/Errors.h"
-#include "model/ResourceIndex.h"
+#include "base/LogTags.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "base/LogTags.h"
-#include "base/AssetProvider.h"
+#include "model/ResourceIndex.h"
 
 namespace FerritCore {
 
@@ -65,7 +65,8 @@ Error BuiltinConfig::load(FConfig& config) {
             replaced.push_back(name);  // comes back from the file below
         } else {
             auto listed = builtin.find(pack->rootName());
-            if (listed == builtin.end() || listed->second->seq != pack->installedSeq) stale.push_back(name);
+            if (listed == builtin.end() || listed->second->seq != pack->installedSeq)
+                stale.push_back(name);
         }
     }
     for (const auto& name : replaced) config.packs.erase(name);
@@ -74,7 +75,8 @@ Error BuiltinConfig::load(FConfig& config) {
     const double now = MRLCurrentTime();
     size_t count = 0;
     for (const auto& [name, pack] : builtin) {
-        if (previews.count(name) != 0 || !pack->isSupported() || pack->status == kPackStatusDeleted) continue;
+        if (previews.count(name) != 0 || !pack->isSupported() || pack->status == kPackStatusDeleted)
+            continue;
         auto installed = pack->clone();
         installed->updateTime = now;
         installed->installedSeq = pack->seq;

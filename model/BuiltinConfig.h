@@ -12,7 +12,7 @@
 namespace FerritCore {
 
 class BuiltinConfig {
-public:
+  public:
     // The asset's path within the app's raw files.
     static constexpr const char* kAssetPath = "Ferrit_Asset.config";
 

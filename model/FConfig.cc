@@ -6,18 +6,18 @@
 #include <vector>
 
 #include "base/Digest.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
+#include "base/LogTags.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "base/Environment.h"
-#include "base/LogTags.h"
-#include "base/Proxy.h"
-#include "base/Telemetry.h"
-#include "storage/Statistics.h"
 #include "model/BuiltinConfig.h"
 #include "model/SCache.h"
+#include "storage/Statistics.h"
 
 namespace FerritCore {
 
@@ -31,12 +31,16 @@ namespace {
 constexpr double kGrayGraceMs = 86400000.0;
 
 const std::shared_ptr<const MatchTables>& emptyTables() {
-    static const auto* tables = new std::shared_ptr<const MatchTables>(std::make_shared<const MatchTables>());
+    static const auto* tables =
+        new std::shared_ptr<const MatchTables>(std::make_shared<const MatchTables>());
     return *tables;
 }
 
 void logRemove(MarlLogger::MRLLevel level, const std::string& name, const char* reason) {
-    MarlLogger::LogBuilder(level, LogTag::kFConfig).event("remove").append("name", name).append("reason", reason);
+    MarlLogger::LogBuilder(level, LogTag::kFConfig)
+        .event("remove")
+        .append("name", name)
+        .append("reason", reason);
 }
 
 // A record that must not be kept: say what it was, so that the server side can be fixed.
@@ -61,8 +65,8 @@ bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b) {
         const Pack& x = *pack;
         const Pack& y = *other->second;
         if (&x == &y) continue;
-        if (x.prefixes != y.prefixes || x.referrers != y.referrers || x.packType() != y.packType() ||
-            x.subType != y.subType)
+        if (x.prefixes != y.prefixes || x.referrers != y.referrers ||
+            x.packType() != y.packType() || x.subType != y.subType)
             return false;
     }
     return true;
@@ -131,16 +135,26 @@ bool FConfig::read(std::string_view text, std::string& reason) {
     }
     for (const auto& [key, value] : document.objectValue()) {
         const std::string_view k = key;
-        if (k == "v") version = value.stringValue();
-        else if (k == "i") fullMark = value.uint32Value();
-        else if (k == "scacheVersion") scacheVersion = value.stringValue();
-        else if (k == "delay") delay = value.doubleValue();
-        else if (k == "env") env = value.uint32Value();
-        else if (k == "clientVersion") clientVersion = value.stringValue();
-        else if (k == "locale") locale = value.stringValue();
-        else if (k == "lastUpdate") lastUpdate = value.doubleValue();
-        else if (k == "lastFullUpdate") lastFullUpdate = value.doubleValue();
-        else if (k == "packs") readPacks(value, packs);
+        if (k == "v")
+            version = value.stringValue();
+        else if (k == "i")
+            fullMark = value.uint32Value();
+        else if (k == "scacheVersion")
+            scacheVersion = value.stringValue();
+        else if (k == "delay")
+            delay = value.doubleValue();
+        else if (k == "env")
+            env = value.uint32Value();
+        else if (k == "clientVersion")
+            clientVersion = value.stringValue();
+        else if (k == "locale")
+            locale = value.stringValue();
+        else if (k == "lastUpdate")
+            lastUpdate = value.doubleValue();
+        else if (k == "lastFullUpdate")
+            lastFullUpdate = value.doubleValue();
+        else if (k == "packs")
+            readPacks(value, packs);
     }
     return true;
 }
@@ -164,8 +178,8 @@ void FConfig::readPacks(const JSON& object, StringMap<PackPtr>& out) {
     }
 }
 
-std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string& origin, Error& error,
-                                        bool checkSignature) {
+std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string& origin,
+                                        Error& error, bool checkSignature) {
     auto config = std::make_shared<FConfig>();
     if (checkSignature && !verifySignature(text, origin, error)) return nullptr;
     std::string reason;
@@ -179,7 +193,8 @@ std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string
     }
     config->version = normalizeVersion(config->version);
     if (config->lastUpdate == 0) config->lastUpdate = MRLCurrentTime();
-    if (config->isFull() && config->lastFullUpdate == 0) config->lastFullUpdate = config->lastUpdate;
+    if (config->isFull() && config->lastFullUpdate == 0)
+        config->lastFullUpdate = config->lastUpdate;
     // The matcher's tables are built when a document is published (SCache::publish or a
     // transaction): a fetched document that is only merged never needs its own.
     error.clear();
@@ -204,7 +219,8 @@ std::string FConfig::serialize() const {
         std::vector<const Pack*> sorted;
         sorted.reserve(packs.size());
         for (const auto& [name, pack] : packs) sorted.push_back(pack.get());
-        std::sort(sorted.begin(), sorted.end(), [](const Pack* a, const Pack* b) { return a->name < b->name; });
+        std::sort(sorted.begin(), sorted.end(),
+                  [](const Pack* a, const Pack* b) { return a->name < b->name; });
         out.key("packs").object();
         for (const Pack* pack : sorted) {
             out.key(pack->name);
@@ -233,8 +249,9 @@ void FConfig::merge(const FConfig& document) {
         BuiltinConfig::load(*this);
         dirty = true;
     }
-    if (env != document.env || clientVersion != document.clientVersion || locale != document.locale ||
-        lastUpdate != document.lastUpdate || fullMark != document.fullMark)
+    if (env != document.env || clientVersion != document.clientVersion ||
+        locale != document.locale || lastUpdate != document.lastUpdate ||
+        fullMark != document.fullMark)
         dirty = true;
     env = document.env;
     clientVersion = document.clientVersion;
@@ -257,7 +274,9 @@ void FConfig::merge(const FConfig& document) {
         for (const auto& [name, pack] : packs) {
             if (document.packs.count(name) != 0) continue;
             const uint32_t type = pack->packType();
-            if (type == kPackTypeACache || type == kPackTypeSCache || pack->status == kPackStatusPreview) continue;
+            if (type == kPackTypeACache || type == kPackTypeSCache ||
+                pack->status == kPackStatusPreview)
+                continue;
             if (pack->grayState() == 2 && pack->publishTime >= now - kGrayGraceMs) continue;
             gone.push_back(name);
         }
@@ -278,7 +297,8 @@ void FConfig::mergePack(const PackPtr& p) {
         return;
     }
     if (!supported) {
-        logRemove(MarlLogger::MRLLevelInfo, p->name, p->isSupported() ? "Deleted" : "PackType not supported");
+        logRemove(MarlLogger::MRLLevelInfo, p->name,
+                  p->isSupported() ? "Deleted" : "PackType not supported");
         remove(p->name);
         return;
     }
@@ -346,8 +366,8 @@ void FConfig::setStatus(std::string_view name, uint32_t status) {
     if (pack->status != old->status) put(std::move(pack));
 }
 
-void FConfig::setInstalled(std::string_view name, uint32_t trigger, uint64_t seq, uint64_t baseSeq, uint64_t size,
-                           bool isPacks) {
+void FConfig::setInstalled(std::string_view name, uint32_t trigger, uint64_t seq, uint64_t baseSeq,
+                           uint64_t size, bool isPacks) {
     PackPtr old = find(name);
     if (!old) return;
     auto pack = old->clone();

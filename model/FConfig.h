@@ -40,7 +40,7 @@ struct MatchTables {
 constexpr uint32_t kFullMark = 4294967295u;
 
 class FConfig {
-public:
+  public:
     // A document with the defaults; env, clientVersion and locale are the running ones.
     FConfig();
     // A copy for a transaction: document fields and the map of (shared) records. `dirty` starts
@@ -51,8 +51,8 @@ public:
     // signature must verify. `origin` (a URL, "local", "Push Message") names the source in
     // messages. Null with `error` set on failure; a bad record is left out, not a failure. The
     // matcher's tables are empty until the document is published or rebuildIndexes() is called.
-    static std::shared_ptr<FConfig> parse(std::string_view text, const std::string& origin, Error& error,
-                                          bool checkSignature);
+    static std::shared_ptr<FConfig> parse(std::string_view text, const std::string& origin,
+                                          Error& error, bool checkSignature);
     // Splits "<json>||<signature>" at the last "||" and checks the signature of the MD5 of the
     // JSON through the proxy. On success `body` holds the JSON alone.
     static bool verifySignature(std::string_view& body, const std::string& origin, Error& error);
@@ -76,8 +76,8 @@ public:
     // Applies Pack::setStatus to a clone; stores it when the status changed.
     void setStatus(std::string_view name, uint32_t status);
     // Records a finished install of `seq`.
-    void setInstalled(std::string_view name, uint32_t trigger, uint64_t seq, uint64_t baseSeq, uint64_t size,
-                      bool isPacks);
+    void setInstalled(std::string_view name, uint32_t trigger, uint64_t seq, uint64_t baseSeq,
+                      uint64_t size, bool isPacks);
 
     // Rebuilds the matcher's tables; shares those of `previous` when no record's routing changed,
     // so that a transaction that touches no prefix or referrer costs no index rebuild.
@@ -103,7 +103,7 @@ public:
 
     bool isFull() const { return fullMark == kFullMark; }
 
-private:
+  private:
     // Reads the document's members; false when `text` is not a JSON object.
     bool read(std::string_view text, std::string& reason);
 

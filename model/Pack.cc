@@ -11,7 +11,8 @@ namespace {
 // "<prefix><name>/<seq>/" in one allocation.
 std::string seqFolder(std::string_view prefix, std::string_view name, uint64_t seq) {
     char digits[24];
-    const int n = std::snprintf(digits, sizeof(digits), "%llu", static_cast<unsigned long long>(seq));
+    const int n =
+        std::snprintf(digits, sizeof(digits), "%llu", static_cast<unsigned long long>(seq));
     std::string out;
     out.reserve(prefix.size() + name.size() + static_cast<size_t>(n) + 2);
     out.append(prefix).append(name).push_back('/');
@@ -37,12 +38,18 @@ std::vector<std::string> readStrings(const JSON& value) {
 
 const char* packStatusName(uint32_t status) {
     switch (status) {
-        case kPackStatusNormal: return "Normal";
-        case kPackStatusNeedReinstall: return "NeedReinstall";
-        case kPackStatusEliminated: return "Eliminated";
-        case kPackStatusPreview: return "Preview";
-        case kPackStatusDeleted: return "Deleted";
-        default: return "Unknown";
+        case kPackStatusNormal:
+            return "Normal";
+        case kPackStatusNeedReinstall:
+            return "NeedReinstall";
+        case kPackStatusEliminated:
+            return "Eliminated";
+        case kPackStatusPreview:
+            return "Preview";
+        case kPackStatusDeleted:
+            return "Deleted";
+        default:
+            return "Unknown";
     }
 }
 
@@ -51,28 +58,50 @@ void Pack::readJSON(const JSON& object) {
     // cheaper than a lookup per field.
     for (const auto& [key, value] : object.objectValue()) {
         const std::string_view k = key;
-        if (k == "s") seq = value.uint64Value();
-        else if (k == "f") flags = value.uint64Value();
-        else if (k == "b") baseSeq = value.uint64Value();
-        else if (k == "t") publishTime = value.doubleValue();
-        else if (k == "m") marker = value.uint64Value();
-        else if (k == "c") md5 = value.stringValue();
-        else if (k == "ci") incrMd5 = value.stringValue();
-        else if (k == "p") prefixes = readStrings(value);
-        else if (k == "r") referrers = readStrings(value);
-        else if (k == "g") gray = value.uint64Value();
-        else if (k == "updateTime") updateTime = value.doubleValue();
-        else if (k == "installedSeq") installedSeq = value.uint64Value();
-        else if (k == "installedBaseSeq") installedBaseSeq = value.uint64Value();
-        else if (k == "installedSize") installedSize = value.uint64Value();
-        else if (k == "installTime") installTime = value.doubleValue();
-        else if (k == "trigger") trigger = value.uint32Value();
-        else if (k == "subType") subType = value.uint32Value();
-        else if (k == "ACacheType") legacySubType = value.uint32Value();
-        else if (k == "zipURL") zipURL = value.stringValue();
-        else if (k == "status") status = value.uint32Value();
-        else if (k == "isOnDemand") isOnDemand = value.boolValue();
-        else if (k == "isPacks") isPacks = value.boolValue();
+        if (k == "s")
+            seq = value.uint64Value();
+        else if (k == "f")
+            flags = value.uint64Value();
+        else if (k == "b")
+            baseSeq = value.uint64Value();
+        else if (k == "t")
+            publishTime = value.doubleValue();
+        else if (k == "m")
+            marker = value.uint64Value();
+        else if (k == "c")
+            md5 = value.stringValue();
+        else if (k == "ci")
+            incrMd5 = value.stringValue();
+        else if (k == "p")
+            prefixes = readStrings(value);
+        else if (k == "r")
+            referrers = readStrings(value);
+        else if (k == "g")
+            gray = value.uint64Value();
+        else if (k == "updateTime")
+            updateTime = value.doubleValue();
+        else if (k == "installedSeq")
+            installedSeq = value.uint64Value();
+        else if (k == "installedBaseSeq")
+            installedBaseSeq = value.uint64Value();
+        else if (k == "installedSize")
+            installedSize = value.uint64Value();
+        else if (k == "installTime")
+            installTime = value.doubleValue();
+        else if (k == "trigger")
+            trigger = value.uint32Value();
+        else if (k == "subType")
+            subType = value.uint32Value();
+        else if (k == "ACacheType")
+            legacySubType = value.uint32Value();
+        else if (k == "zipURL")
+            zipURL = value.stringValue();
+        else if (k == "status")
+            status = value.uint32Value();
+        else if (k == "isOnDemand")
+            isOnDemand = value.boolValue();
+        else if (k == "isPacks")
+            isPacks = value.boolValue();
     }
 }
 
@@ -144,7 +173,9 @@ bool Pack::isOutOfDate(double documentLastUpdate, double interval) const {
     return updateTime < limit && documentLastUpdate < limit;
 }
 
-bool triggerIgnoresPriority(uint32_t trigger) { return trigger == 6 || trigger == 8 || trigger == 9; }
+bool triggerIgnoresPriority(uint32_t trigger) {
+    return trigger == 6 || trigger == 8 || trigger == 9;
+}
 
 std::string_view Pack::rootView() const {
     if (subType == 1) {
@@ -154,9 +185,13 @@ std::string_view Pack::rootView() const {
     return name;
 }
 
-std::string Pack::rootName() const { return std::string(rootView()); }
+std::string Pack::rootName() const {
+    return std::string(rootView());
+}
 
-std::string Pack::appName() const { return subType == 2 ? zipURL : rootName(); }
+std::string Pack::appName() const {
+    return subType == 2 ? zipURL : rootName();
+}
 
 std::string Pack::pinnedName(const std::string& name, uint64_t seq) {
     return name + "@" + std::to_string(seq);
@@ -188,8 +223,10 @@ bool Pack::canUpdateIncrementally() const {
 }
 
 void Pack::setStatus(uint32_t newStatus) {
-    if (newStatus == kPackStatusNeedReinstall && !(status == kPackStatusNormal && isInstalled())) return;
-    if (newStatus == kPackStatusEliminated && (status == kPackStatusEliminated || status == kPackStatusPreview))
+    if (newStatus == kPackStatusNeedReinstall && !(status == kPackStatusNormal && isInstalled()))
+        return;
+    if (newStatus == kPackStatusEliminated &&
+        (status == kPackStatusEliminated || status == kPackStatusPreview))
         return;
     status = newStatus;
 }
@@ -201,10 +238,13 @@ Folder Pack::installedFolder() const {
         if (isOnDemand) return Folder::onDemand("Ferrit_Asset_" + std::string(root), relative);
         return Folder::asset(relative);
     }
-    if (packType() == kPackTypeACache || !isPacks) return Folder::disk(seqFolder("apps/", root, installedSeq));
+    if (packType() == kPackTypeACache || !isPacks)
+        return Folder::disk(seqFolder("apps/", root, installedSeq));
     return Folder::packed(seqFolder("", root, installedSeq));
 }
 
-Folder Pack::resourcesFolder() const { return installedFolder().childOf("res/"); }
+Folder Pack::resourcesFolder() const {
+    return installedFolder().childOf("res/");
+}
 
 }  // namespace FerritCore

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "marl/Json.h"
 #include "base/Folder.h"
+#include "marl/Json.h"
 
 namespace FerritCore {
 

@@ -10,7 +10,9 @@ Error PacksConfigStorage::writeConfig(const std::string& text) {
     return error;
 }
 
-void PacksConfigStorage::removeFolder(const Folder& folder) { Folder::removeFile(folder, false); }
+void PacksConfigStorage::removeFolder(const Folder& folder) {
+    Folder::removeFile(folder, false);
+}
 
 void PacksConfigStorage::wipeInstalled() {
     Folder::removeFile(Folder::disk("apps/"), true);

@@ -7,7 +7,7 @@
 namespace FerritCore {
 
 class PacksConfigStorage : public ConfigStorage {
-public:
+  public:
     Error writeConfig(const std::string& text) override;
     void removeFolder(const Folder& folder) override;
     void wipeInstalled() override;

@@ -3,18 +3,19 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "base/ProcessState.h"
 #include "base/Digest.h"
 #include "base/Errors.h"
-#include "base/Url.h"
 #include "base/FileUtil.h"
+#include "base/ProcessState.h"
 #include "base/Proxy.h"
+#include "base/Url.h"
 
 namespace FerritCore {
 
 using MarlLogger::json::JSON;
 
-ResourceIndex::ResourceIndex(std::string name, Error error) : name_(std::move(name)), error_(std::move(error)) {}
+ResourceIndex::ResourceIndex(std::string name, Error error)
+    : name_(std::move(name)), error_(std::move(error)) {}
 
 ResourceIndex::ResourceIndex(std::string name, const Folder& folder)
     : name_(std::move(name)), hasFolder_(true), folder_(folder) {
@@ -23,7 +24,8 @@ ResourceIndex::ResourceIndex(std::string name, const Folder& folder)
     loadFile(folder.childOf(kIndexFileName), false);
 }
 
-ResourceIndex::ResourceIndex(std::string name, const EntryReader& zip, bool allowMissingMd5) : name_(std::move(name)) {
+ResourceIndex::ResourceIndex(std::string name, const EntryReader& zip, bool allowMissingMd5)
+    : name_(std::move(name)) {
     const Folder source = Folder::disk(name_ + ".zip/" + std::string(kIndexFileName));
     if (!zip) {
         fail(Errors::fileNotExists(source));
@@ -52,7 +54,8 @@ ResourceIndex::ResourceIndex(std::string name, const JSON& table) : name_(std::m
     addEntries(table, false, source);
 }
 
-bool ResourceIndex::parseSigned(const Folder& folder, std::string_view text, JSON& table, Error& error) {
+bool ResourceIndex::parseSigned(const Folder& folder, std::string_view text, JSON& table,
+                                Error& error) {
     table = JSON();
     const size_t separator = text.find("||");
     if (separator == std::string_view::npos) {
@@ -114,13 +117,15 @@ bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Fo
         record->path = path;
         Url::trimLeadingSlash(record->path);
         if (climbsOut(record->path)) {
-            fail(Errors::fileDeserialization(source, "path \"" + record->path + "\" leaves the pack"));
+            fail(Errors::fileDeserialization(source,
+                                             "path \"" + record->path + "\" leaves the pack"));
             return false;
         }
         record->md5 = entry["v"].stringValue();
         if (record->md5.empty()) {
             if (!allowMissingMd5) {
-                fail(Errors::fileDeserialization(source, "MD5 for \"" + record->path + "\" not found"));
+                fail(Errors::fileDeserialization(source,
+                                                 "MD5 for \"" + record->path + "\" not found"));
                 return false;
             }
             removed_.insert(record->path);
@@ -134,7 +139,8 @@ bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Fo
         if (!record->url.empty()) {
             Url::keyInto(record->url, keyBuffer);
         } else {
-            Url::keyInto(record->path.size() > 4 ? std::string_view(record->path).substr(4) : std::string_view(),
+            Url::keyInto(record->path.size() > 4 ? std::string_view(record->path).substr(4)
+                                                 : std::string_view(),
                          keyBuffer);
         }
         std::shared_ptr<const ResourceRecord> shared = record;
@@ -145,7 +151,8 @@ bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Fo
 }
 
 std::shared_ptr<const ResourceRecord> ResourceIndex::find(std::string_view url) const {
-    if (url.size() >= 1 && url[0] == '/' && !(url.size() > 1 && url[1] == '/')) url.remove_prefix(1);
+    if (url.size() >= 1 && url[0] == '/' && !(url.size() > 1 && url[1] == '/'))
+        url.remove_prefix(1);
     auto it = records_.find(url);
     return it == records_.end() ? nullptr : it->second;
 }
@@ -196,17 +203,21 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     Pool& p = pool();
     // Held throughout, loading included, so that one index is loaded once.
     std::lock_guard<std::recursive_mutex> lock(p.mutex);
-    if (pack.packType() == kPackTypeSCache && pack.subType != 1 && pack.status != kPackStatusPreview) {
+    if (pack.packType() == kPackTypeSCache && pack.subType != 1 &&
+        pack.status != kPackStatusPreview) {
         auto it = p.embedded.find(pack.name);
         if (it != p.embedded.end()) return it->second;
-        return std::make_shared<const ResourceIndex>(pack.name, Errors::resourceListNotFound(pack.name));
+        return std::make_shared<const ResourceIndex>(pack.name,
+                                                     Errors::resourceListNotFound(pack.name));
     }
     auto it = p.loaded.find(pack.name);
     if (it != p.loaded.end()) return it->second;
     ResourceIndexPtr index;
     if (p.loader) {
         index = p.loader(pack);
-        if (!index) index = std::make_shared<const ResourceIndex>(pack.name, Errors::resourceListNotFound(pack.name));
+        if (!index)
+            index = std::make_shared<const ResourceIndex>(pack.name,
+                                                          Errors::resourceListNotFound(pack.name));
     } else {
         index = std::make_shared<const ResourceIndex>(pack.name, pack.installedFolder());
     }

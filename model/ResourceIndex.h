@@ -9,10 +9,10 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "base/Folder.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
 #include "marl/Json.h"
-#include "base/Folder.h"
 #include "model/FConfig.h"
 #include "model/Pack.h"
 
@@ -23,14 +23,14 @@ inline constexpr std::string_view kIndexFileName = "app-res.hvc";
 inline constexpr std::string_view kIncrementIndexFileName = "app-res-incr.hvc";
 
 struct ResourceRecord {
-    std::string url;   // may be empty
+    std::string url;  // may be empty
     std::string md5;
     std::string path;  // the key in the index, leading "/" trimmed
     HeaderMap header;
 };
 
 class ResourceIndex {
-public:
+  public:
     // Reads one entry of a pack zip by name; empty with `error` set on failure.
     using EntryReader = std::function<std::string(const std::string& entryName, Error& error)>;
 
@@ -53,8 +53,8 @@ public:
     // separator is 1107, a refused signature (or no proxy) 1106, a body that is not a JSON object
     // 1107; `folder` names the file in messages. On failure `table` is null; success clears
     // `error`.
-    static bool parseSigned(const Folder& folder, std::string_view text, MarlLogger::json::JSON& table,
-                            Error& error);
+    static bool parseSigned(const Folder& folder, std::string_view text,
+                            MarlLogger::json::JSON& table, Error& error);
 
     const std::string& name() const { return name_; }
     const Error& error() const { return error_; }
@@ -71,11 +71,12 @@ public:
     // failure stops: false with `error` set (the read error, or 1106 for a different MD5).
     bool verifyFiles(const Folder& folder, Error& error) const;
 
-private:
+  private:
     // Adds the entries of a parsed table. A record without "v" hides its path when
     // `allowMissingMd5` (an increment), and otherwise fails the whole index with 1107; so does a
     // path with a ".." piece, which could name a file outside the pack.
-    bool addEntries(const MarlLogger::json::JSON& table, bool allowMissingMd5, const Folder& source);
+    bool addEntries(const MarlLogger::json::JSON& table, bool allowMissingMd5,
+                    const Folder& source);
     // Reads, verifies and adds one index file; false when the index failed.
     bool loadFile(const Folder& file, bool increment);
     void fail(Error error);
@@ -91,7 +92,7 @@ private:
 using ResourceIndexPtr = std::shared_ptr<const ResourceIndex>;
 
 class ResourceIndexPool {
-public:
+  public:
     // Builds the index of an installed pack instead of reading its folder.
     using Loader = std::function<ResourceIndexPtr(const Pack& pack)>;
 

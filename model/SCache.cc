@@ -3,10 +3,10 @@
 #include <atomic>
 #include <mutex>
 
-#include "base/ProcessState.h"
-#include "marl/Log.h"
 #include "base/Environment.h"
 #include "base/LogTags.h"
+#include "base/ProcessState.h"
+#include "marl/Log.h"
 #include "runtime/TaskRunner.h"
 
 namespace FerritCore {
@@ -29,7 +29,9 @@ State& state() {
 
 }  // namespace
 
-FConfigPtr SCache::current() { return state().current.load(std::memory_order_acquire); }
+FConfigPtr SCache::current() {
+    return state().current.load(std::memory_order_acquire);
+}
 
 FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
     State& s = state();

@@ -7,15 +7,15 @@
 #include <memory>
 #include <string>
 
-#include "ferritcore/Error.h"
 #include "base/Folder.h"
+#include "ferritcore/Error.h"
 #include "model/FConfig.h"
 
 namespace FerritCore {
 
 // Where committed documents and removed packs go. Runs on the worker.
 class ConfigStorage {
-public:
+  public:
     virtual ~ConfigStorage() = default;
     // Stores the serialised document under the key "config" of the packs store and, once it is
     // stored, deletes the older copy "config/fconfig.config", which is never read again.
@@ -27,7 +27,7 @@ public:
 };
 
 class SCache {
-public:
+  public:
     // The present document; never null (an empty document before anything was loaded).
     static FConfigPtr current();
     // Copies the current document, lets `change` edit the copy, rebuilds the indexes and swaps

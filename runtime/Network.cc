@@ -4,9 +4,9 @@
 #include <charconv>
 #include <memory>
 
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Http.h"
-#include "base/Environment.h"
 #include "base/Proxy.h"
 #include "runtime/TaskRunner.h"
 
@@ -17,8 +17,9 @@ constexpr int32_t kConfigTimeout = 10;
 constexpr int32_t kResourceTimeout = 20;
 constexpr int32_t kPackTimeout = 20;
 
-
-bool isSuccess(uint16_t status) { return status >= 200 && status <= 299; }
+bool isSuccess(uint16_t status) {
+    return status >= 200 && status <= 299;
+}
 
 // A header is sent only with a value.
 void addHeader(HeaderMap& header, const char* name, const std::string& value) {
@@ -36,7 +37,8 @@ void requestConfig(const std::string& url, const std::string& traceId,
     if (!completion) return;
     std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
     if (url.empty() || !proxy) {
-        completion(std::string(), url.empty() ? Errors::requestInvalidUrl(url) : Errors::proxyNotInitialized());
+        completion(std::string(),
+                   url.empty() ? Errors::requestInvalidUrl(url) : Errors::proxyNotInitialized());
         return;
     }
     ProxyRequest request;
@@ -45,7 +47,8 @@ void requestConfig(const std::string& url, const std::string& traceId,
     request.traceId = traceId;
     addHeader(request.header, "f-refer", kReferConfig);
     addHeader(request.header, "Referer", Environment::instance().referer());
-    proxy->sendRequest(request, [url, completion = std::move(completion)](ProxyResponse response, Error error) {
+    proxy->sendRequest(request, [url, completion = std::move(completion)](ProxyResponse response,
+                                                                          Error error) {
         std::string content;
         if (error) {
             error = transportFailure(url, error);
@@ -62,18 +65,21 @@ void requestConfig(const std::string& url, const std::string& traceId,
             error = Errors::requestInvalidStatus(url, response.statusCode);
         }
         // Never on the host's thread: the worker takes it from here.
-        TaskRunner::post([completion, content = std::move(content), error = std::move(error)]() mutable {
-            completion(std::move(content), std::move(error));
-        });
+        TaskRunner::post(
+            [completion, content = std::move(content), error = std::move(error)]() mutable {
+                completion(std::move(content), std::move(error));
+            });
     });
 }
 
-void requestResource(const std::string& url, const std::string& traceId, const HeaderMap& header, bool allow304,
+void requestResource(const std::string& url, const std::string& traceId, const HeaderMap& header,
+                     bool allow304,
                      std::function<void(ProxyResponse response, Error error)> completion) {
     if (!completion) return;
     std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
     if (url.empty() || !proxy) {
-        completion(ProxyResponse(), url.empty() ? Errors::requestInvalidUrl(url) : Errors::proxyNotInitialized());
+        completion(ProxyResponse(),
+                   url.empty() ? Errors::requestInvalidUrl(url) : Errors::proxyNotInitialized());
         return;
     }
     ProxyRequest request;
@@ -82,9 +88,10 @@ void requestResource(const std::string& url, const std::string& traceId, const H
     request.traceId = traceId;
     request.header = header;
     request.wantHeaders = true;
-    if (Http::headerValue(request.header, "f-refer").empty()) addHeader(request.header, "f-refer", kReferResource);
-    proxy->sendRequest(request, [url, allow304, completion = std::move(completion)](ProxyResponse response,
-                                                                                   Error error) {
+    if (Http::headerValue(request.header, "f-refer").empty())
+        addHeader(request.header, "f-refer", kReferResource);
+    proxy->sendRequest(request, [url, allow304, completion = std::move(completion)](
+                                    ProxyResponse response, Error error) {
         if (error) {
             completion(ProxyResponse(), transportFailure(url, error));
         } else if (isSuccess(response.statusCode)) {
@@ -101,13 +108,16 @@ void requestResource(const std::string& url, const std::string& traceId, const H
     });
 }
 
-void requestPack(const std::string& url, const Folder& target, const std::string& traceId, uint32_t progressId,
+void requestPack(const std::string& url, const Folder& target, const std::string& traceId,
+                 uint32_t progressId,
                  std::function<void(uint64_t length, Error error)> completion) {
     if (!completion) return;
     std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
     if (url.empty() || !proxy) {
         Error error = url.empty() ? Errors::requestInvalidUrl(url) : Errors::proxyNotInitialized();
-        TaskRunner::post([completion = std::move(completion), error = std::move(error)] { completion(0, error); });
+        TaskRunner::post([completion = std::move(completion), error = std::move(error)] {
+            completion(0, error);
+        });
         return;
     }
     ProxyRequest request;
@@ -118,8 +128,8 @@ void requestPack(const std::string& url, const Folder& target, const std::string
     request.progressId = progressId;
     addHeader(request.header, "f-refer", kReferZip);
     addHeader(request.header, "Referer", Environment::instance().referer());
-    proxy->sendRequest(request, [url, target, completion = std::move(completion)](ProxyResponse response,
-                                                                                 Error error) {
+    proxy->sendRequest(request, [url, target, completion = std::move(completion)](
+                                    ProxyResponse response, Error error) {
         uint64_t length = 0;
         if (error) {
             error = transportFailure(url, error);
@@ -131,17 +141,22 @@ void requestPack(const std::string& url, const Folder& target, const std::string
             const std::string_view text = Http::headerValue(response.header, "Content-Length");
             uint64_t parsed = 0;
             const auto result = std::from_chars(text.data(), text.data() + text.size(), parsed);
-            if (result.ec == std::errc() && result.ptr == text.data() + text.size()) length = parsed;
+            if (result.ec == std::errc() && result.ptr == text.data() + text.size())
+                length = parsed;
         }
-        TaskRunner::post([completion, length, error = std::move(error)] { completion(length, error); });
+        TaskRunner::post(
+            [completion, length, error = std::move(error)] { completion(length, error); });
     });
 }
 
 bool downloadAllowed(uint64_t packFlags, std::string& reason) {
     reason.clear();
     switch (Environment::instance().networkStatus()) {
-        case 0: reason = "None"; return false;
-        case 1: return true;
+        case 0:
+            reason = "None";
+            return false;
+        case 1:
+            return true;
         case 2:
             if ((packFlags >> 14) & 1) return true;
             reason = "Slow cellular";
@@ -150,7 +165,8 @@ bool downloadAllowed(uint64_t packFlags, std::string& reason) {
             if ((packFlags >> 15) & 1) return true;
             reason = "Fast cellular";
             return false;
-        default: return false;
+        default:
+            return false;
     }
 }
 

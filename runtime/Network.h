@@ -6,9 +6,9 @@
 #include <functional>
 #include <string>
 
-#include "ferritcore/Error.h"
-#include "base/ProxyRequest.h"
 #include "base/Folder.h"
+#include "base/ProxyRequest.h"
+#include "ferritcore/Error.h"
 
 namespace FerritCore::Network {
 
@@ -21,13 +21,14 @@ void requestConfig(const std::string& url, const std::string& traceId,
 // A resource, in memory, with every response header. Completes on whatever thread the proxy
 // answered on: 1003, 1006 (2xx without a body), 1004 (any other status; 304 only with
 // `allow304`). An empty URL (1001) or no proxy (9991) completes at once.
-void requestResource(const std::string& url, const std::string& traceId, const HeaderMap& header, bool allow304,
+void requestResource(const std::string& url, const std::string& traceId, const HeaderMap& header,
+                     bool allow304,
                      std::function<void(ProxyResponse response, Error error)> completion);
 
 // A pack, written by the proxy to `target`, which the caller owns before and after. The completion
 // is posted to the worker with the "Content-Length" (0 when absent) or: 1003, 1004, 1006 (no file).
-void requestPack(const std::string& url, const Folder& target, const std::string& traceId, uint32_t progressId,
-                 std::function<void(uint64_t length, Error error)> completion);
+void requestPack(const std::string& url, const Folder& target, const std::string& traceId,
+                 uint32_t progressId, std::function<void(uint64_t length, Error error)> completion);
 
 // Whether a pack with these update flags may download now. False with the reason ("None",
 // "Slow cellular", "Fast cellular") or, for an unknown status, an empty reason.

@@ -9,10 +9,10 @@
 #include <random>
 #include <variant>
 
+#include "base/Environment.h"
 #include "base/ProcessState.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
-#include "base/Environment.h"
 
 // Deployment endpoints. The build replaces them (see the FERRIT_*_PREFIX cache variables); these
 // defaults lead nowhere harmful.

@@ -4,10 +4,10 @@
 #include <cmath>
 #include <limits>
 
+#include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "base/LogTags.h"
 #include "runtime/TimeMarks.h"
 
 namespace FerritCore {

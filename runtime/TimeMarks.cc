@@ -5,12 +5,12 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "ferritcore/Error.h"
-#include "marl/Json.h"
-#include "marl/Log.h"
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "base/ServiceSlot.h"
+#include "ferritcore/Error.h"
+#include "marl/Json.h"
+#include "marl/Log.h"
 
 namespace FerritCore {
 namespace {
@@ -106,6 +106,8 @@ void TimeMarks::setStore(std::shared_ptr<MarkStore> store) {
     ServiceSlot<MarkStore>::instance().set(std::move(store));
 }
 
-std::shared_ptr<MarkStore> TimeMarks::store() { return state().store(); }
+std::shared_ptr<MarkStore> TimeMarks::store() {
+    return state().store();
+}
 
 }  // namespace FerritCore

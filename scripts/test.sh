@@ -11,6 +11,9 @@ bash scripts/setup.sh
 jobs=${JOBS:-$(nproc)}
 fuzz_seconds=${FUZZ_SECONDS:-20}
 
+echo "== formatting (.clang-format)"
+bash scripts/check-format.sh
+
 echo "== build (g++, -Werror)"
 bash scripts/build.sh build -DFERRIT_BENCH=ON
 echo "== tests"

@@ -1,18 +1,20 @@
 #include "storage/ConfigStore.h"
 
 #include "base/Errors.h"
-#include "storage/StoreInstance.h"
-#include "marl/Clock.h"
-#include "marl/Log.h"
 #include "base/LogTags.h"
 #include "base/Telemetry.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+#include "storage/StoreInstance.h"
 
 namespace FerritCore {
 
 ConfigStore::ConfigStore()
     : MetaStore(kDirectory, std::string(LogTag::kConfig), KeyValueStore::Options::forConfig()) {}
 
-ConfigStore& ConfigStore::instance() { return StoreInstance<ConfigStore>::get(); }
+ConfigStore& ConfigStore::instance() {
+    return StoreInstance<ConfigStore>::get();
+}
 
 namespace {
 
@@ -21,7 +23,7 @@ using MarlLogger::json::JSON;
 // A store that cannot be read answers 0, which makes the mark count as absent; a failed write is
 // logged and the timer keeps its rhythm in memory until the next write.
 class ConfigStoreMarks : public MarkStore {
-public:
+  public:
     double load(const std::string& key) override {
         Error error;
         const JSON value = ConfigStore::instance().get(key, error);
@@ -39,7 +41,9 @@ public:
 
 }  // namespace
 
-std::shared_ptr<MarkStore> ConfigStore::marks() { return std::make_shared<ConfigStoreMarks>(); }
+std::shared_ptr<MarkStore> ConfigStore::marks() {
+    return std::make_shared<ConfigStoreMarks>();
+}
 
 void ConfigStore::openAndReport() {
     const double start = MRLCurrentClock();

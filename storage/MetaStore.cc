@@ -1,9 +1,9 @@
 #include "storage/MetaStore.h"
 
 #include "base/Errors.h"
-#include "marl/Log.h"
-#include "base/Telemetry.h"
 #include "base/Folder.h"
+#include "base/Telemetry.h"
+#include "marl/Log.h"
 
 namespace FerritCore {
 
@@ -45,15 +45,25 @@ MetaStore::MetaStore(std::string directory, std::string tag, KeyValueStore::Opti
 
 MetaStore::~MetaStore() = default;
 
-int MetaStore::open() { return connection_.open(path()); }
+int MetaStore::open() {
+    return connection_.open(path());
+}
 
-void MetaStore::close() { connection_.close(); }
+void MetaStore::close() {
+    connection_.close();
+}
 
-std::shared_ptr<KeyValueStore> MetaStore::handle(int* status) const { return connection_.handle(status); }
+std::shared_ptr<KeyValueStore> MetaStore::handle(int* status) const {
+    return connection_.handle(status);
+}
 
-int MetaStore::status() const { return connection_.status(); }
+int MetaStore::status() const {
+    return connection_.status();
+}
 
-bool MetaStore::isOpen() const { return connection_.isOpen(); }
+bool MetaStore::isOpen() const {
+    return connection_.isOpen();
+}
 
 std::string MetaStore::path() const {
     return storeFolderPath(directory_);

@@ -1,16 +1,18 @@
 #include "storage/PacksStore.h"
 
 #include "base/Errors.h"
-#include "storage/StoreInstance.h"
+#include "base/Telemetry.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "base/Telemetry.h"
+#include "storage/StoreInstance.h"
 
 namespace FerritCore {
 
 PacksStore::PacksStore() : SeriesStore(kName, KeyValueStore::Options::forPacks()) {}
 
-PacksStore& PacksStore::instance() { return StoreInstance<PacksStore>::get(); }
+PacksStore& PacksStore::instance() {
+    return StoreInstance<PacksStore>::get();
+}
 
 void PacksStore::openAndReport() {
     const double start = MRLCurrentClock();
@@ -33,7 +35,7 @@ namespace {
 
 // The files live in the packs store under their relative paths, beside its "config" key.
 class PacksStoreFiles : public PackedFiles {
-public:
+  public:
     bool get(std::string_view key, std::string& value, Error& error) override {
         return PacksStore::instance().get(key, value, error);
     }
@@ -41,15 +43,20 @@ public:
         return PacksStore::instance().put(key, value, error);
     }
     bool contains(std::string_view key) override { return PacksStore::instance().contains(key); }
-    void removeByPrefix(std::string_view prefix) override { PacksStore::instance().removeByPrefix(prefix); }
-    void enumerate(std::string_view prefix, const std::function<bool(std::string_view key)>& visit) override {
+    void removeByPrefix(std::string_view prefix) override {
+        PacksStore::instance().removeByPrefix(prefix);
+    }
+    void enumerate(std::string_view prefix,
+                   const std::function<bool(std::string_view key)>& visit) override {
         PacksStore::instance().enumerate(prefix, visit);
     }
 };
 
 }  // namespace
 
-std::shared_ptr<PackedFiles> PacksStore::files() { return std::make_shared<PacksStoreFiles>(); }
+std::shared_ptr<PackedFiles> PacksStore::files() {
+    return std::make_shared<PacksStoreFiles>();
+}
 
 std::string PacksStore::readConfig(Error& error) const {
     std::string text;

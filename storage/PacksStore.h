@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-#include "ferritcore/Error.h"
 #include "base/Folder.h"
 #include "base/PackedFiles.h"
+#include "ferritcore/Error.h"
 #include "storage/SeriesStore.h"
 #include "storage/StoreInstance.h"
 

@@ -3,8 +3,8 @@
 #include <cctype>
 
 #include "base/Errors.h"
-#include "marl/Log.h"
 #include "base/LogTags.h"
+#include "marl/Log.h"
 #include "storage/MetaStore.h"
 
 namespace FerritCore {
@@ -35,13 +35,21 @@ int SeriesStore::open() {
     return connection_.open(storeFolderPath(name_));
 }
 
-void SeriesStore::close() { connection_.close(); }
+void SeriesStore::close() {
+    connection_.close();
+}
 
-std::shared_ptr<KeyValueStore> SeriesStore::handle(int* status) const { return connection_.handle(status); }
+std::shared_ptr<KeyValueStore> SeriesStore::handle(int* status) const {
+    return connection_.handle(status);
+}
 
-int SeriesStore::status() const { return connection_.status(); }
+int SeriesStore::status() const {
+    return connection_.status();
+}
 
-bool SeriesStore::isOpen() const { return connection_.isOpen(); }
+bool SeriesStore::isOpen() const {
+    return connection_.isOpen();
+}
 
 Folder SeriesStore::folder() const {
     std::lock_guard<std::mutex> lock(mutex_);

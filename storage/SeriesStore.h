@@ -16,8 +16,8 @@
 #include <string>
 #include <string_view>
 
-#include "ferritcore/Error.h"
 #include "base/Folder.h"
+#include "ferritcore/Error.h"
 #include "storage/KeyValueStore.h"
 #include "storage/StoreConnection.h"
 

@@ -7,7 +7,7 @@
 namespace FerritCore {
 
 class Statistics {
-public:
+  public:
     // Repeated accesses within this many milliseconds of the clock count once.
     static constexpr double kRepeatWindowMs = 3000.0;
 

@@ -10,7 +10,9 @@ int StoreConnection::open(const std::string& folder) {
     close();
     std::unique_ptr<KeyValueStore> opened;
     int last = SQLITE_CANTOPEN;
-    const int first = folder.empty() ? SQLITE_CANTOPEN : KeyValueStore::openOrReplace(folder, options_, &opened, &last);
+    const int first = folder.empty()
+                          ? SQLITE_CANTOPEN
+                          : KeyValueStore::openOrReplace(folder, options_, &opened, &last);
     if (first != 0) sendStorageFailure(folder, first);
     std::lock_guard<std::mutex> lock(mutex_);
     db_ = std::move(opened);

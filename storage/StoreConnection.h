@@ -12,7 +12,7 @@
 namespace FerritCore {
 
 class StoreConnection {
-public:
+  public:
     explicit StoreConnection(KeyValueStore::Options options) : options_(options) {}
 
     // Opens the database in `folder` (an empty folder cannot open), removing and reopening it when
@@ -25,7 +25,7 @@ public:
     int status() const;
     bool isOpen() const;
 
-private:
+  private:
     const KeyValueStore::Options options_;
     mutable std::mutex mutex_;
     int status_ = -1;                    // guarded by mutex_

@@ -16,7 +16,7 @@ namespace FerritCore {
 // openAndReport(), which opens under the current root and sends the store's init record.
 template <typename Store>
 class StoreInstance {
-public:
+  public:
     static Store& get() {
         static StoreInstance* const holder = [] {
             auto* made = new StoreInstance();
@@ -26,7 +26,7 @@ public:
         return holder->opened();
     }
 
-private:
+  private:
     Store& opened() {
         // One acquire load on every use; the lock only while the store is not open.
         if (!open_.load(std::memory_order_acquire)) {

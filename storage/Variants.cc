@@ -2,9 +2,9 @@
 
 #include <vector>
 
+#include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "marl/Log.h"
-#include "base/LogTags.h"
 #include "storage/ConfigStore.h"
 
 namespace FerritCore {

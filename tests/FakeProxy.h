@@ -1,8 +1,8 @@
-// The one Proxy of the tests: serves answers from memory by URL and records every request, can fail,
-// hold answers back until released, answer any status or answer twice; signs and verifies with a
-// test key (the signature of an MD5 is "test-key:" followed by it); records every performance
-// record; answers on-demand loads at once; serves raw files from memory. Thread-safe where the
-// system calls it; the test reads the recorded values once the calls are done.
+// The one Proxy of the tests: serves answers from memory by URL and records every request, can
+// fail, hold answers back until released, answer any status or answer twice; signs and verifies
+// with a test key (the signature of an MD5 is "test-key:" followed by it); records every
+// performance record; answers on-demand loads at once; serves raw files from memory. Thread-safe
+// where the system calls it; the test reads the recorded values once the calls are done.
 #pragma once
 
 #include <openssl/evp.h>
@@ -25,7 +25,7 @@
 namespace FerritTest {
 
 class FakeProxy : public FerritCore::Proxy {
-public:
+  public:
     struct Answer {
         uint16_t status = 200;
         std::string body;
@@ -77,7 +77,8 @@ public:
         serve(url, std::move(answer));
     }
 
-    void sendRequest(const FerritCore::ProxyRequest& request, FerritCore::ProxyCompletion completion) override {
+    void sendRequest(const FerritCore::ProxyRequest& request,
+                     FerritCore::ProxyCompletion completion) override {
         Answer answer;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -134,13 +135,15 @@ public:
         events.clear();
         records.clear();
     }
-    bool registerPushTopic(const std::string& topic, std::function<void(const std::string&)> handler) override {
+    bool registerPushTopic(const std::string& topic,
+                           std::function<void(const std::string&)> handler) override {
         std::lock_guard<std::mutex> lock(mutex_);
         topics.push_back(topic);
         if (pushSupported) pushHandlers[topic] = std::move(handler);
         return pushSupported;
     }
-    void loadOnDemand(const std::string& tag, std::function<void(const FerritCore::Error&)> completion) override {
+    void loadOnDemand(const std::string& tag,
+                      std::function<void(const FerritCore::Error&)> completion) override {
         FerritCore::Error error;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -213,7 +216,7 @@ public:
     std::map<std::string, std::function<void(const std::string&)>> pushHandlers;
     std::vector<std::string> loads;
 
-private:
+  private:
     static void deliver(const FerritCore::ProxyRequest& request, const Answer& answer,
                         const FerritCore::ProxyCompletion& completion) {
         for (int i = 0; i < (answer.twice ? 2 : 1); ++i) {
@@ -222,7 +225,8 @@ private:
             response.header = answer.header;
             if (request.tempFilePath.empty()) {
                 response.content = answer.body;
-            } else if (!answer.transportError && answer.status >= 200 && answer.status <= 299 && !answer.body.empty()) {
+            } else if (!answer.transportError && answer.status >= 200 && answer.status <= 299 &&
+                       !answer.body.empty()) {
                 std::ofstream(request.tempFilePath, std::ios::binary) << answer.body;
             }
             completion(std::move(response), answer.transportError);
@@ -231,7 +235,8 @@ private:
 
     mutable std::mutex mutex_;
     std::map<std::string, Answer> answers_;  // guarded by mutex_
-    std::deque<std::tuple<FerritCore::ProxyRequest, Answer, FerritCore::ProxyCompletion>> held_;  // guarded by mutex_
+    std::deque<std::tuple<FerritCore::ProxyRequest, Answer, FerritCore::ProxyCompletion>>
+        held_;                                                              // guarded by mutex_
     std::vector<std::function<void(const FerritCore::Error&)>> heldLoads_;  // guarded by mutex_
 };
 

@@ -13,7 +13,7 @@
 namespace FerritTest {
 
 class MemoryPackedFiles : public FerritCore::PackedFiles {
-public:
+  public:
     bool get(std::string_view key, std::string& value, FerritCore::Error& error) override {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = values_.find(std::string(key));
@@ -47,7 +47,8 @@ public:
         }
         values_.erase(values_.lower_bound(std::string(prefix)), values_.upper_bound(limit(prefix)));
     }
-    void enumerate(std::string_view prefix, const std::function<bool(std::string_view)>& visit) override {
+    void enumerate(std::string_view prefix,
+                   const std::function<bool(std::string_view)>& visit) override {
         std::map<std::string, std::string> copy;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -65,7 +66,7 @@ public:
 
     bool failWrites = false;
 
-private:
+  private:
     static std::string limit(std::string_view prefix) { return std::string(prefix) + '\xff'; }
 
     std::mutex mutex_;

@@ -15,9 +15,10 @@ namespace FerritTest {
 
 // A fresh directory under the system temp folder, removed at destruction.
 class TempDir {
-public:
+  public:
     TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "ferrit-test-XXXXXX").string();
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "ferrit-test-XXXXXX").string();
         char* made = ::mkdtemp(pattern.data());
         EXPECT_NE(made, nullptr);
         path_ = pattern;
@@ -30,14 +31,14 @@ public:
     // The path with a trailing "/".
     std::string root() const { return path_.string() + "/"; }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
 // Each test begins and ends with the process-wide state of a fresh process (one reset puts back
 // every singleton and every slot the composition root fills), with its own temporary root.
 class ProcessTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         FerritCore::ProcessState::resetForTesting();
         FerritCore::setRootPath(temp_.root());

@@ -37,9 +37,11 @@ bool FileProxy::verifySignature(const std::string& md5Hex, const std::string& si
     EVP_MD_CTX* context = EVP_MD_CTX_new();
     if (context == nullptr) return false;
     // Ed25519 signs the message itself: no digest is named.
-    bool valid = EVP_DigestVerifyInit(context, nullptr, nullptr, nullptr, key_) == 1 &&
-                 EVP_DigestVerify(context, reinterpret_cast<const unsigned char*>(signature.data()), signature.size(),
-                                  reinterpret_cast<const unsigned char*>(md5Hex.data()), md5Hex.size()) == 1;
+    bool valid =
+        EVP_DigestVerifyInit(context, nullptr, nullptr, nullptr, key_) == 1 &&
+        EVP_DigestVerify(context, reinterpret_cast<const unsigned char*>(signature.data()),
+                         signature.size(), reinterpret_cast<const unsigned char*>(md5Hex.data()),
+                         md5Hex.size()) == 1;
     EVP_MD_CTX_free(context);
     return valid;
 }
@@ -52,11 +54,13 @@ void FileProxy::sendEvent(const FerritCore::PerfRecord& record) {
     std::cerr << "\n";
 }
 
-void FileProxy::loadOnDemand(const std::string&, std::function<void(const FerritCore::Error&)> completion) {
+void FileProxy::loadOnDemand(const std::string&,
+                             std::function<void(const FerritCore::Error&)> completion) {
     if (completion) completion(FerritCore::Error());
 }
 
-void FileProxy::sendRequest(const FerritCore::ProxyRequest& request, FerritCore::ProxyCompletion completion) {
+void FileProxy::sendRequest(const FerritCore::ProxyRequest& request,
+                            FerritCore::ProxyCompletion completion) {
     if (!completion) return;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -82,7 +86,8 @@ void FileProxy::sendRequest(const FerritCore::ProxyRequest& request, FerritCore:
     if (fs::is_regular_file(fs::path(servedFolder_) / relative, ignored)) {
         found = fs::path(servedFolder_) / relative;
     } else {
-        for (fs::path parent = relative.parent_path(); !parent.empty(); parent = parent.parent_path()) {
+        for (fs::path parent = relative.parent_path(); !parent.empty();
+             parent = parent.parent_path()) {
             if (fs::is_regular_file(fs::path(servedFolder_) / parent / "index", ignored)) {
                 found = fs::path(servedFolder_) / parent / "index";
                 break;

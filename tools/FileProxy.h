@@ -18,19 +18,21 @@ struct evp_pkey_st;
 namespace FerritTools {
 
 class FileProxy : public FerritCore::Proxy {
-public:
+  public:
     // Loads the public key; `error` says why when the result is null.
     static std::shared_ptr<FileProxy> open(const std::string& publicKeyPem, std::string& error);
     ~FileProxy() override;
 
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
     void sendEvent(const FerritCore::PerfRecord& record) override;
-    void loadOnDemand(const std::string& tag, std::function<void(const FerritCore::Error&)> completion) override;
+    void loadOnDemand(const std::string& tag,
+                      std::function<void(const FerritCore::Error&)> completion) override;
     // Answers from the served folder: the URL "scheme://host/a/b/c" is looked for as the file
     // "<folder>/host/a/b/c"; when there is none, the deepest of "<folder>/host/a/b/index",
     // "<folder>/host/a/index", ... that exists answers, as a static server with a fallback would.
     // Status 200 with the file's bytes (written to the request's file when it names one), else 404.
-    void sendRequest(const FerritCore::ProxyRequest& request, FerritCore::ProxyCompletion completion) override;
+    void sendRequest(const FerritCore::ProxyRequest& request,
+                     FerritCore::ProxyCompletion completion) override;
 
     // Serves requests from files below `folder`; empty turns serving off.
     void serveFolder(std::string folder) { servedFolder_ = std::move(folder); }
@@ -40,7 +42,7 @@ public:
     // Prints each performance record to stderr as it arrives.
     void setPrintEvents(bool print) { printEvents_ = print; }
 
-private:
+  private:
     explicit FileProxy(evp_pkey_st* key) : key_(key) {}
 
     evp_pkey_st* key_;  // owned; EVP keys may be used from several threads for verification

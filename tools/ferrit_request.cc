@@ -1,7 +1,8 @@
 // ferrit-request: runs one request through Access against a root folder and an app's raw-file
 // folder, and prints the outcome, the response headers and the body size.
 //
-//   ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--config FILE | --config-json TEXT]
+//   ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--config FILE | --config-json
+//   TEXT]
 //                  [--referrer URL] [--header NAME:VALUE]... [--async] [--body] [--events]
 //                  [--log-level N] (URL | --check)
 //   ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root DIR
@@ -29,19 +30,19 @@
 #include <vector>
 
 #include "FileProxy.h"
-#include "model/ResourceIndex.h"
+#include "base/Environment.h"
+#include "base/Folder.h"
 #include "ferritcore/Access.h"
+#include "lifecycle/Services.h"
+#include "lifecycle/Setup.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "base/Environment.h"
-#include "runtime/Settings.h"
-#include "lifecycle/Services.h"
-#include "lifecycle/Setup.h"
-#include "runtime/TaskRunner.h"
-#include "base/Folder.h"
 #include "model/BuiltinConfig.h"
+#include "model/ResourceIndex.h"
 #include "model/SCache.h"
+#include "runtime/Settings.h"
+#include "runtime/TaskRunner.h"
 
 using namespace FerritCore;
 using MarlLogger::json::JSON;
@@ -49,12 +50,15 @@ using MarlLogger::json::JSON;
 namespace {
 
 int usage(const std::string& message) {
-    std::cerr << "ferrit-request: " << message << "\n"
-              << "usage: ferrit-request --root DIR [--assets DIR] [--public-key PEM]\n"
-              << "                      [--config FILE | --config-json TEXT] [--referrer URL] [--header NAME:VALUE]...\n"
-              << "                      [--async] [--body] [--events] [--log-level N] (URL | --check)\n"
-              << "       ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root DIR\n"
-              << "                      --public-key PEM [--assets DIR] [--config FILE] [URL]\n";
+    std::cerr
+        << "ferrit-request: " << message << "\n"
+        << "usage: ferrit-request --root DIR [--assets DIR] [--public-key PEM]\n"
+        << "                      [--config FILE | --config-json TEXT] [--referrer URL] [--header "
+           "NAME:VALUE]...\n"
+        << "                      [--async] [--body] [--events] [--log-level N] (URL | --check)\n"
+        << "       ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root "
+           "DIR\n"
+        << "                      --public-key PEM [--assets DIR] [--config FILE] [URL]\n";
     return 2;
 }
 
@@ -103,8 +107,8 @@ int check() {
     for (const auto& [name, pack] : packs) {
         if (!pack->isInstalled()) continue;
         const Folder folder = pack->installedFolder();
-        std::cout << name << "@" << pack->installedSeq << " (" << folderKindName(folder.kind()) << " "
-                  << folder.describe() << "): ";
+        std::cout << name << "@" << pack->installedSeq << " (" << folderKindName(folder.kind())
+                  << " " << folder.describe() << "): ";
         if (folder.kind() == FolderKind::OnDemand) {
             std::cout << "on demand, read when first asked for\n";
             continue;
@@ -125,7 +129,8 @@ int check() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey, appVersion;
+    std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
+        appVersion;
     HeaderMap header;
     bool async = false, body = false, events = false, checkPacks = false, startup = false;
     MarlLogger::Log::setLevel(1);
@@ -133,8 +138,9 @@ int main(int argc, char** argv) {
         const std::string arg = argv[i];
         auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
         if (arg == "--root" || arg == "--assets" || arg == "--public-key" || arg == "--config" ||
-            arg == "--config-json" || arg == "--referrer" || arg == "--header" || arg == "--log-level" ||
-            arg == "--serve" || arg == "--app-key" || arg == "--app-version") {
+            arg == "--config-json" || arg == "--referrer" || arg == "--header" ||
+            arg == "--log-level" || arg == "--serve" || arg == "--app-key" ||
+            arg == "--app-version") {
             const char* value = next();
             if (value == nullptr) return usage("missing value after " + arg);
             if (arg == "--root") root = value;
@@ -175,7 +181,8 @@ int main(int argc, char** argv) {
     }
     if (root.empty()) return usage("--root is required");
     if (url.empty() && !checkPacks && !startup) return usage("no URL");
-    if (startup && (served.empty() || publicKey.empty())) return usage("--startup needs --serve and --public-key");
+    if (startup && (served.empty() || publicKey.empty()))
+        return usage("--startup needs --serve and --public-key");
 
     // Background work (visit updates, the configuration's commit) is not run for one request: it
     // needs none of it, and it would write to the root. Start-up runs on the real worker.
@@ -184,14 +191,16 @@ int main(int argc, char** argv) {
 
     if (!publicKey.empty()) {
         std::string reason;
-        std::shared_ptr<FerritTools::FileProxy> proxy = FerritTools::FileProxy::open(publicKey, reason);
+        std::shared_ptr<FerritTools::FileProxy> proxy =
+            FerritTools::FileProxy::open(publicKey, reason);
         if (!proxy) return usage(reason);
         proxy->setPrintEvents(events);
         proxy->serveFolder(served);
         fileProxy = proxy;
         if (!startup) Environment::instance().setProxy(proxy);
     } else {
-        std::cerr << "ferrit-request: no --public-key: no proxy is set, so no signed list verifies (1106)\n";
+        std::cerr << "ferrit-request: no --public-key: no proxy is set, so no signed list verifies "
+                     "(1106)\n";
     }
     if (startup) printStatus("loading");
     if (!startup) {
@@ -216,7 +225,8 @@ int main(int argc, char** argv) {
         if (!parseError.empty()) return usage("configuration: " + parseError);
     }
     if (startup) {
-        Setup::setProxy(fileProxy, root, assets);  // folders, then the stored and the built-in configuration
+        Setup::setProxy(fileProxy, root,
+                        assets);  // folders, then the stored and the built-in configuration
         printStatus("setProxy");
     }
     std::string reason;
@@ -224,10 +234,12 @@ int main(int argc, char** argv) {
     bool recordsLoaded = true;
     SCache::mutate([&](FConfig& config) {
         if (!configText.empty()) recordsLoaded = loadRecords(document, config, reason);
-        if (recordsLoaded && !assets.empty() && !startup) builtinError = BuiltinConfig::load(config);
+        if (recordsLoaded && !assets.empty() && !startup)
+            builtinError = BuiltinConfig::load(config);
     });
     if (!recordsLoaded) return usage(reason);
-    if (builtinError) std::cerr << "ferrit-request: built-in configuration: " << builtinError.message() << "\n";
+    if (builtinError)
+        std::cerr << "ferrit-request: built-in configuration: " << builtinError.message() << "\n";
 
     if (startup) {
         // The host's order: setup (it will call startUpdate itself), the first configuration on
@@ -235,7 +247,8 @@ int main(int argc, char** argv) {
         Setup::setup(appKey, appVersion, 1);
         printStatus("setup");
         TaskRunner::runDue();
-        for (const std::string& asked : fileProxy->requestedUrls()) std::cout << "requested " << asked << "\n";
+        for (const std::string& asked : fileProxy->requestedUrls())
+            std::cout << "requested " << asked << "\n";
         std::cout << "configuration version " << SCache::current()->version << " with "
                   << SCache::current()->packs.size() << " packs\n";
         printStatus("the first configuration");
@@ -251,7 +264,8 @@ int main(int argc, char** argv) {
     ResourceRequest request(url, header);
     if (async) {
         std::unique_ptr<ResourceResponse> response;
-        Access::getResource(request, [&](std::unique_ptr<ResourceResponse> r) { response = std::move(r); });
+        Access::getResource(request,
+                            [&](std::unique_ptr<ResourceResponse> r) { response = std::move(r); });
         if (!response) {
             std::cout << "no answer\n";
             return 1;

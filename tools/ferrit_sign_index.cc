@@ -43,7 +43,8 @@ constexpr const char* kToken = "ed25519";
 int usage(const std::string& message) {
     std::cerr << "ferrit-sign-index: " << message << "\n"
               << "usage: ferrit-sign-index keygen PRIVATE.pem PUBLIC.pem\n"
-              << "       ferrit-sign-index sign --key PRIVATE.pem --url-prefix URL [--header PATH=NAME:VALUE]...\n"
+              << "       ferrit-sign-index sign --key PRIVATE.pem --url-prefix URL [--header "
+                 "PATH=NAME:VALUE]...\n"
               << "                              [--table-out FILE] PACKDIR\n";
     return 2;
 }
@@ -74,7 +75,8 @@ bool writeAtomically(const fs::path& path, const std::string& content) {
 std::string base64(const std::string& bytes) {
     std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
     const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+                                  reinterpret_cast<const unsigned char*>(bytes.data()),
+                                  static_cast<int>(bytes.size()));
     out.resize(n > 0 ? static_cast<size_t>(n) : 0);
     return out;
 }
@@ -82,7 +84,8 @@ std::string base64(const std::string& bytes) {
 int keygen(const std::string& privatePath, const std::string& publicPath) {
     EVP_PKEY* key = nullptr;
     EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_id(EVP_PKEY_ED25519, nullptr);
-    const bool made = context != nullptr && EVP_PKEY_keygen_init(context) == 1 && EVP_PKEY_keygen(context, &key) == 1;
+    const bool made = context != nullptr && EVP_PKEY_keygen_init(context) == 1 &&
+                      EVP_PKEY_keygen(context, &key) == 1;
     EVP_PKEY_CTX_free(context);
     if (!made) return usage("key generation failed");
     bool written = false;
@@ -102,7 +105,8 @@ int keygen(const std::string& privatePath, const std::string& publicPath) {
     return 0;
 }
 
-bool signText(const std::string& privatePath, const std::string& message, std::string& signature, std::string& error) {
+bool signText(const std::string& privatePath, const std::string& message, std::string& signature,
+              std::string& error) {
     FILE* in = std::fopen(privatePath.c_str(), "rb");
     if (in == nullptr) {
         error = "cannot read " + privatePath;
@@ -117,13 +121,15 @@ bool signText(const std::string& privatePath, const std::string& message, std::s
     }
     EVP_MD_CTX* context = EVP_MD_CTX_new();
     size_t length = 0;
-    bool signedOk = context != nullptr && EVP_DigestSignInit(context, nullptr, nullptr, nullptr, key) == 1 &&
-                    EVP_DigestSign(context, nullptr, &length, reinterpret_cast<const unsigned char*>(message.data()),
-                                   message.size()) == 1;
+    bool signedOk =
+        context != nullptr && EVP_DigestSignInit(context, nullptr, nullptr, nullptr, key) == 1 &&
+        EVP_DigestSign(context, nullptr, &length,
+                       reinterpret_cast<const unsigned char*>(message.data()), message.size()) == 1;
     if (signedOk) {
         signature.resize(length);
-        signedOk = EVP_DigestSign(context, reinterpret_cast<unsigned char*>(signature.data()), &length,
-                                  reinterpret_cast<const unsigned char*>(message.data()), message.size()) == 1;
+        signedOk = EVP_DigestSign(context, reinterpret_cast<unsigned char*>(signature.data()),
+                                  &length, reinterpret_cast<const unsigned char*>(message.data()),
+                                  message.size()) == 1;
         signature.resize(length);
     }
     EVP_MD_CTX_free(context);
@@ -148,10 +154,12 @@ int sign(int argc, char** argv) {
                 const std::string h = v;
                 const size_t equals = h.find('=');
                 const size_t colon = h.find(':', equals == std::string::npos ? 0 : equals);
-                if (equals == std::string::npos || colon == std::string::npos) return usage("a header is PATH=NAME:VALUE");
+                if (equals == std::string::npos || colon == std::string::npos)
+                    return usage("a header is PATH=NAME:VALUE");
                 size_t start = colon + 1;
                 while (start < h.size() && h[start] == ' ') ++start;
-                headers[h.substr(0, equals)].emplace_back(h.substr(equals + 1, colon - equals - 1), h.substr(start));
+                headers[h.substr(0, equals)].emplace_back(h.substr(equals + 1, colon - equals - 1),
+                                                          h.substr(start));
             }
         } else if (!arg.empty() && arg[0] == '-') {
             return usage("unknown option " + arg);
@@ -159,7 +167,8 @@ int sign(int argc, char** argv) {
             folder = arg;
         }
     }
-    if (keyPath.empty() || urlPrefix.empty() || folder.empty()) return usage("sign needs --key, --url-prefix and PACKDIR");
+    if (keyPath.empty() || urlPrefix.empty() || folder.empty())
+        return usage("sign needs --key, --url-prefix and PACKDIR");
     const fs::path resources = fs::path(folder) / "res";
     if (!fs::is_directory(resources)) return usage(resources.string() + " is no directory");
 
@@ -172,7 +181,8 @@ int sign(int argc, char** argv) {
     JSONObject table;
     for (const std::string& path : paths) {
         std::string content;
-        if (!readAll(resources / path, content)) return usage("cannot read " + (resources / path).string());
+        if (!readAll(resources / path, content))
+            return usage("cannot read " + (resources / path).string());
         JSONObject record{{"url", urlPrefix + path}, {"v", FerritCore::Digest::md5Hex(content)}};
         auto extra = headers.find(path);
         if (extra != headers.end()) {
@@ -183,15 +193,19 @@ int sign(int argc, char** argv) {
         table.set("res/" + path, JSON(record));
     }
     for (const auto& [path, unused] : headers)
-        if (std::find(paths.begin(), paths.end(), path) == paths.end()) return usage("--header names no file: " + path);
+        if (std::find(paths.begin(), paths.end(), path) == paths.end())
+            return usage("--header names no file: " + path);
 
     const std::string body = JSON(table).toString();
     std::string signature, error;
     if (!signText(keyPath, FerritCore::Digest::md5Hex(body), signature, error)) return usage(error);
     const fs::path index = fs::path(folder) / "app-res.hvc";
-    if (!writeAtomically(index, body + "||" + kToken + "|" + base64(signature))) return usage("cannot write " + index.string());
-    if (!tableOut.empty() && !writeAtomically(tableOut, body + "\n")) return usage("cannot write " + tableOut);
-    std::cout << "wrote " << index.string() << " (" << paths.size() << (paths.size() == 1 ? " file)\n" : " files)\n");
+    if (!writeAtomically(index, body + "||" + kToken + "|" + base64(signature)))
+        return usage("cannot write " + index.string());
+    if (!tableOut.empty() && !writeAtomically(tableOut, body + "\n"))
+        return usage("cannot write " + tableOut);
+    std::cout << "wrote " << index.string() << " (" << paths.size()
+              << (paths.size() == 1 ? " file)\n" : " files)\n");
     return 0;
 }
 
@@ -208,15 +222,18 @@ int signDocument(int argc, char** argv) {
             files.push_back(arg);
         }
     }
-    if (keyPath.empty() || files.size() != 2) return usage("sign-document needs --key, JSONFILE and OUTFILE");
+    if (keyPath.empty() || files.size() != 2)
+        return usage("sign-document needs --key, JSONFILE and OUTFILE");
     std::string body;
     if (!readAll(files[0], body)) return usage("cannot read " + files[0]);
     while (!body.empty() && (body.back() == '\n' || body.back() == '\r')) body.pop_back();
     std::string parseError;
-    if (JSON::parse(body, &parseError).isNull() || !parseError.empty()) return usage(files[0] + ": " + parseError);
+    if (JSON::parse(body, &parseError).isNull() || !parseError.empty())
+        return usage(files[0] + ": " + parseError);
     std::string signature, error;
     if (!signText(keyPath, FerritCore::Digest::md5Hex(body), signature, error)) return usage(error);
-    if (!writeAtomically(files[1], body + "||" + base64(signature))) return usage("cannot write " + files[1]);
+    if (!writeAtomically(files[1], body + "||" + base64(signature)))
+        return usage("cannot write " + files[1]);
     std::cout << "wrote " << files[1] << "\n";
     return 0;
 }

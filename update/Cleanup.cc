@@ -3,18 +3,18 @@
 #include <memory>
 #include <mutex>
 
-#include "base/ProcessState.h"
-#include "marl/Log.h"
 #include "base/LogTags.h"
-#include "runtime/TaskRunner.h"
+#include "base/ProcessState.h"
 #include "base/Telemetry.h"
+#include "marl/Log.h"
+#include "runtime/TaskRunner.h"
 
 namespace FerritCore {
 namespace {
 
 struct State {
     std::mutex mutex;
-    std::shared_ptr<RepeatingTimer> timer;      // guarded by mutex
+    std::shared_ptr<RepeatingTimer> timer;    // guarded by mutex
     std::function<void(int trigger)> runner;  // guarded by mutex
 };
 

@@ -7,7 +7,7 @@
 namespace FerritCore {
 
 class Cleanup {
-public:
+  public:
     // Creates the timer at the first call; a later call only changes its interval.
     static void arm(double intervalMs);
     // What a tick runs. Until the eviction pass is attached, a tick is only logged.

@@ -2,22 +2,21 @@
 
 #include <random>
 
+#include "base/Environment.h"
 #include "base/Errors.h"
+#include "base/LogTags.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "base/Environment.h"
-#include "base/LogTags.h"
+#include "model/BuiltinConfig.h"
+#include "model/FConfig.h"
+#include "model/SCache.h"
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
-#include "model/BuiltinConfig.h"
-#include "model/FConfig.h"
-#include "model/SCache.h"
 
 namespace FerritCore {
 namespace {
-
 
 // Spreads the clients that follow one push over its delay.
 double randomFraction() {
@@ -30,7 +29,8 @@ double randomFraction() {
 }  // namespace
 
 UpdateConfig& UpdateConfig::instance() {
-    static UpdateConfig* const updater = ProcessState::create<UpdateConfig>([](UpdateConfig& u) { u.reset(); });
+    static UpdateConfig* const updater =
+        ProcessState::create<UpdateConfig>([](UpdateConfig& u) { u.reset(); });
     return *updater;
 }
 
@@ -60,7 +60,8 @@ void UpdateConfig::update(int trigger, const std::string& version) {
         if (lastCheck_ + kThrottleMs > now) return;
         lastCheck_ = now;
         // Once pushes arrive, the periodic check falls back to the slower pace.
-        if (trigger == kTriggerPush && timer_) timer_->setInterval(Settings::current()->configBackupUpdateIntervalValue());
+        if (trigger == kTriggerPush && timer_)
+            timer_->setInterval(Settings::current()->configBackupUpdateIntervalValue());
     }
     const std::string url = checkDue(trigger, version);
     if (url.empty()) return;
@@ -98,12 +99,14 @@ std::string UpdateConfig::checkDue(int trigger, const std::string& version) {
     const std::string runningLocale = environment.locale();
     bool requestFull = false;
     if (originVersion_ != "0") {
-        if (config->env != static_cast<uint32_t>(environment.env()) || config->locale != runningLocale) {
+        if (config->env != static_cast<uint32_t>(environment.env()) ||
+            config->locale != runningLocale) {
             requestFull = true;
         } else {
             const double origin = static_cast<double>(versionNumber(originVersion_));
-            const double target =
-                targetVersion_ == "0" ? MRLCurrentTime() : static_cast<double>(versionNumber(targetVersion_));
+            const double target = targetVersion_ == "0"
+                                      ? MRLCurrentTime()
+                                      : static_cast<double>(versionNumber(targetVersion_));
             if (origin + kFullRefreshMs <= target) {
                 requestFull = true;
             } else if (config->lastFullUpdate + kFullRefreshMs < MRLCurrentTime()) {
@@ -123,7 +126,8 @@ std::string UpdateConfig::checkDue(int trigger, const std::string& version) {
     const std::string appVersion = environment.appVersion();
     std::string url = Settings::current()->configPrefixFor(environment.env());
     url.append("fconfig/").append(environment.appKey()).append("/").append(appVersion);
-    if (!config->clientVersion.empty() && config->clientVersion != appVersion) url.append("~").append(config->clientVersion);
+    if (!config->clientVersion.empty() && config->clientVersion != appVersion)
+        url.append("~").append(config->clientVersion);
     url.append("/").append(targetVersion_).append("~").append(requestFull ? "0" : originVersion_);
     url.append("/").append(runningLocale).append("~").append(config->locale);
     return url;
@@ -173,8 +177,11 @@ void UpdateConfig::finished(const std::string& version, const Error& error) {
     perf_->stage("updated");
     perf_->setDimension("updatedVersion", version);
     if (error) perf_->setError(error);
-    MarlLogger::LogBuilder log(error ? MarlLogger::MRLLevelWarning : MarlLogger::MRLLevelInfo, LogTag::kUpdateConfig);
-    log.event("finished", Environment::instance().sessionName()).id(runId_).append("version", version);
+    MarlLogger::LogBuilder log(error ? MarlLogger::MRLLevelWarning : MarlLogger::MRLLevelInfo,
+                               LogTag::kUpdateConfig);
+    log.event("finished", Environment::instance().sessionName())
+        .id(runId_)
+        .append("version", version);
     if (error) log.error(error);
     log.done();
     sendEvent(*perf_);
@@ -204,7 +211,8 @@ void UpdateConfig::loadAtStart() {
     BuiltinConfig::load(*document);
     SCache::publish(document);
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kLoad);
-    log.event("fconfig", Environment::instance().sessionName()).append("scacheVersion", document->scacheVersion);
+    log.event("fconfig", Environment::instance().sessionName())
+        .append("scacheVersion", document->scacheVersion);
     log.append("time", MRLCurrentClock() - start);
     if (error) {
         log.error(error);

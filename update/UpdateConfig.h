@@ -14,15 +14,15 @@
 #include <string>
 #include <vector>
 
-#include "ferritcore/Error.h"
 #include "base/ProcessState.h"
-#include "runtime/RepeatingTimer.h"
 #include "base/Telemetry.h"
+#include "ferritcore/Error.h"
+#include "runtime/RepeatingTimer.h"
 
 namespace FerritCore {
 
 class UpdateConfig {
-public:
+  public:
     using Listener = std::function<void(const Error& error)>;
 
     // Checks closer together than this are dropped, unless the developer tool or a change of
@@ -57,7 +57,8 @@ public:
     bool busy() const { return busy_; }
     bool initial() const { return initial_; }
     const std::string& url() const { return url_; }
-private:
+
+  private:
     friend UpdateConfig* ProcessState::create<UpdateConfig>(void (*)(UpdateConfig&));
     UpdateConfig() = default;
     // Back to a fresh singleton (ProcessState::resetForTesting). Drops listeners without calling

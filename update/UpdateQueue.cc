@@ -3,10 +3,10 @@
 #include <mutex>
 
 #include "base/Errors.h"
-#include "base/ProcessState.h"
-#include "marl/Log.h"
-#include "base/Telemetry.h"
 #include "base/LogTags.h"
+#include "base/ProcessState.h"
+#include "base/Telemetry.h"
+#include "marl/Log.h"
 
 namespace FerritCore {
 namespace {

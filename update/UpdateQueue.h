@@ -11,7 +11,7 @@
 namespace FerritCore {
 
 class UpdateQueue {
-public:
+  public:
     using Completion = std::function<void(const Error&)>;
 
     // Asks for an update of `name` with `trigger`; `completion` (may be empty) learns the outcome.

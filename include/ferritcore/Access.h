@@ -23,7 +23,7 @@ enum ResourcePolicy : int {
 };
 
 class FERRIT_EXPORT Access {
-public:
+  public:
     // Synchronous: never waits on the network. A pack that can only be read asynchronously
     // fails with 1108 and the host retries through the asynchronous form.
     static std::unique_ptr<ResourceResponse> getResource(const ResourceRequest& request);

@@ -10,7 +10,7 @@
 namespace FerritCore {
 
 class FERRIT_EXPORT Error {
-public:
+  public:
     // No error: code 0, empty message.
     Error() = default;
     Error(int32_t code, const std::string& message) : code_(code), message_(message) {}
@@ -37,7 +37,7 @@ public:
     // Errors compare by code only: two errors of one code differ only in wording.
     bool operator==(const Error& other) const { return code_ == other.code_; }
 
-private:
+  private:
     int32_t code_ = 0;
     std::string message_;
 };

@@ -15,7 +15,7 @@ using HeaderMap = std::unordered_map<std::string, std::string>;
 constexpr int32_t kResourceTypeUniApp = 1;
 
 class FERRIT_EXPORT ResourceRequest {
-public:
+  public:
     ResourceRequest(const std::string& url, const std::string& referrer);
     // `referrer` is the "Referer" header (name compared without case). The entries "ETag" and
     // "Last-Modified" are dropped from the copy of `header`; nothing downstream may rely on them.
@@ -32,7 +32,7 @@ public:
     std::string packName;
     std::string packVersion;
 
-private:
+  private:
     HeaderMap header_;
 };
 

@@ -14,7 +14,7 @@ namespace FerritCore {
 class Resource;
 
 class FERRIT_EXPORT ResourceResponse {
-public:
+  public:
     // Success, and also the form used when the read already failed: the error and is404 are
     // the resource's.
     ResourceResponse(std::shared_ptr<Resource> resource, const std::string& data);

@@ -10,22 +10,22 @@
 #include <tuple>
 #include <vector>
 
+#include "access/UpdateRequester.h"
+#include "base/AssetProvider.h"
 #include "base/Digest.h"
-#include "model/ResourceIndex.h"
+#include "base/Environment.h"
+#include "base/Folder.h"
+#include "base/PackedFiles.h"
+#include "base/Proxy.h"
+#include "base/Telemetry.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
-#include "base/Environment.h"
-#include "base/Proxy.h"
+#include "model/ResourceIndex.h"
+#include "model/SCache.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
-#include "base/Telemetry.h"
-#include "base/AssetProvider.h"
-#include "base/Folder.h"
-#include "base/PackedFiles.h"
 #include "storage/Statistics.h"
-#include "model/SCache.h"
-#include "access/UpdateRequester.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
 
@@ -40,7 +40,9 @@ struct UpdateRequest {
 };
 
 // An index file as a pack carries it, signed with the test key.
-inline std::string signedIndex(const std::string& json) { return FakeProxy::signIndex(json); }
+inline std::string signedIndex(const std::string& json) {
+    return FakeProxy::signIndex(json);
+}
 inline std::string signedIndex(const MarlLogger::json::JSON& table) {
     return signedIndex(table.isNull() ? std::string("{}") : table.toString());
 }
@@ -48,7 +50,7 @@ inline std::string signedIndex(const MarlLogger::json::JSON& table) {
 // Records the read path's update requests and answers each at once: through `answer` when a test
 // sets it (to do what the update would do), else with success.
 class RecordingRequester : public UpdateRequester {
-public:
+  public:
     void request(const std::string& name, int trigger, Completion completion) override {
         requests.push_back({name, trigger});
         if (answer) {
@@ -62,7 +64,7 @@ public:
 };
 
 class AccessFixture : public ProcessTest {
-protected:
+  protected:
     void SetUp() override {
         ProcessTest::SetUp();
         // Indexes are signed: a proxy that checks the test key is there unless a test removes it.
@@ -72,8 +74,9 @@ protected:
     }
 
     // A record; type is one of the PackType values.
-    static std::shared_ptr<Pack> pack(const std::string& name, uint32_t type, uint64_t installedSeq, uint64_t seq,
-                                      std::vector<std::string> prefixes = {}, std::vector<std::string> referrers = {}) {
+    static std::shared_ptr<Pack> pack(const std::string& name, uint32_t type, uint64_t installedSeq,
+                                      uint64_t seq, std::vector<std::string> prefixes = {},
+                                      std::vector<std::string> referrers = {}) {
         auto p = std::make_shared<Pack>();
         p->name = name;
         p->flags = type;
@@ -95,7 +98,8 @@ protected:
     }
 
     // A resource table {path: {"url", "v", "header"}}.
-    static MarlLogger::json::JSON table(std::vector<std::pair<std::string, std::string>> pathsAndUrls) {
+    static MarlLogger::json::JSON table(
+        std::vector<std::pair<std::string, std::string>> pathsAndUrls) {
         MarlLogger::json::JSON t;
         for (auto& [path, url] : pathsAndUrls) {
             MarlLogger::json::JSON entry;

@@ -1,21 +1,22 @@
 #include <gtest/gtest.h>
 
-#include "tests/access/AccessFixture.h"
-#include "base/Errors.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
+#include "base/Errors.h"
 #include "base/Url.h"
 #include "ferritcore/Access.h"
+#include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
 namespace {
 
 class AccessTest : public AccessFixture {
-protected:
+  protected:
     // A plain pack "app" installed at `installed` with one file at "res/app.js" for the URL.
     void installAppPack(uint64_t installed, uint64_t seq) {
         install({pack("app", kPackTypeFerrit, installed, seq, {"https://h.com/app/"})});
-        serveIndexes({{"app", table({{"res/app.js", "https://h.com/app/app.js"}, {"res/x.css", "https://h.com/app/x.css"}})}});
+        serveIndexes({{"app", table({{"res/app.js", "https://h.com/app/app.js"},
+                                     {"res/x.css", "https://h.com/app/x.css"}})}});
         writeFile("apps/app/" + std::to_string(installed) + "/res/app.js", "console.log(1);");
         writeFile("apps/app/" + std::to_string(installed) + "/res/x.css", "a{}");
     }
@@ -31,7 +32,8 @@ TEST_F(AccessTest, EmptyUrlGives3001WithoutMatchEventInSyncForm) {
 
 TEST_F(AccessTest, EmptyUrlGives3001WithoutMatchEventInAsyncForm) {
     std::unique_ptr<ResourceResponse> got;
-    Access::getResource(ResourceRequest("", ""), [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
+    Access::getResource(ResourceRequest("", ""),
+                        [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
     ASSERT_NE(got, nullptr);
     EXPECT_EQ(got->error.code(), 3001);
     EXPECT_EQ(logs_->count("match"), 0u);
@@ -58,7 +60,8 @@ TEST_F(AccessTest, ControlHeaderDisabledGives3003WithoutResource) {
 }
 
 TEST_F(AccessTest, ControlHeaderValueIsCaseSensitive) {
-    auto response = Access::getResource(ResourceRequest("https://h.com/a.js", HeaderMap{{"X-Ferrit-Control", "Disabled"}}));
+    auto response = Access::getResource(
+        ResourceRequest("https://h.com/a.js", HeaderMap{{"X-Ferrit-Control", "Disabled"}}));
     EXPECT_EQ(response->error.code(), 3001);
     EXPECT_NE(response->resource, nullptr);
 }
@@ -75,7 +78,8 @@ TEST_F(AccessTest, UnknownUrlGives3001WithoutIs404AndInfoWithCode) {
 }
 
 TEST_F(AccessTest, UnmatchedUrlLogsMatchAtLoweredLevelWithPrefixInfo) {
-    Access::getResource(ResourceRequest("https://nowhere.com/x.js", HeaderMap{{"Accept", "Text/HTML"}}));
+    Access::getResource(
+        ResourceRequest("https://nowhere.com/x.js", HeaderMap{{"Accept", "Text/HTML"}}));
     auto entry = logs_->last("match", "Ferrit/Access");
     ASSERT_EQ(entry.event, "match");
     EXPECT_EQ(entry.level, 2);
@@ -91,9 +95,8 @@ TEST_F(AccessTest, UnmatchedUrlLogsMatchAtLoweredLevelWithPrefixInfo) {
 TEST_F(AccessTest, AsyncPolicyIsLoggedOnMatchEvent) {
     installAppPack(3, 3);
     std::unique_ptr<ResourceResponse> got;
-    Access::getResource(ResourceRequest("https://h.com/app/app.js", ""), [&](std::unique_ptr<ResourceResponse> r) {
-        got = std::move(r);
-    });
+    Access::getResource(ResourceRequest("https://h.com/app/app.js", ""),
+                        [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
     ASSERT_NE(got, nullptr);
     EXPECT_FALSE(got->error) << got->error.message();
     auto entry = logs_->last("match");
@@ -171,7 +174,8 @@ TEST_F(AccessTest, EliminatedPackGives3105) {
     auto p = pack("app", kPackTypeFerrit, 0, 4, {"https://h.com/app/"});
     p->status = kPackStatusEliminated;
     install({p});
-    EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/a.js", ""))->error.code(), 3105);
+    EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/a.js", ""))->error.code(),
+              3105);
 }
 
 TEST_F(AccessTest, InstalledBelowMinimumGives3108) {
@@ -227,7 +231,8 @@ TEST_F(AccessTest, SubProcessPostsNoRepairs) {
     installAppPack(3, 3);
     Environment::instance().setMainProcess(false);
     std::filesystem::remove(temp_.path() / "apps/app/3/res/app.js");
-    EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/app.js", ""))->error.code(), 3109);
+    EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/app.js", ""))->error.code(),
+              3109);
     EXPECT_EQ(TaskRunner::pendingCount(), 0u);
 }
 
@@ -236,12 +241,14 @@ TEST_F(AccessTest, ReferrerPackServesUnknownUrlWithKindZero) {
     serveIndexes({{"page", table({{"res/lib.js", "https://cdn.com/lib.js"}})}});
     writeFile("apps/page/2/res/lib.js", "lib");
     int kind = -1;
-    auto match = findByUrl(Url::key("https://cdn.com/other.js"), Url::key("https://h.com/index.html"), &kind);
+    auto match = findByUrl(Url::key("https://cdn.com/other.js"),
+                           Url::key("https://h.com/index.html"), &kind);
     ASSERT_NE(match, nullptr);
     EXPECT_EQ(kind, kMatchNone);
     EXPECT_EQ(match->name, "page");
 
-    auto response = Access::getResource(ResourceRequest("https://cdn.com/lib.js", "https://h.com/index.html"));
+    auto response =
+        Access::getResource(ResourceRequest("https://cdn.com/lib.js", "https://h.com/index.html"));
     ASSERT_FALSE(response->error) << response->error.message();
     EXPECT_EQ(response->data, "lib");
     EXPECT_EQ(logs_->last("match").field("match").stringValue(), "referrer");
@@ -250,9 +257,11 @@ TEST_F(AccessTest, ReferrerPackServesUnknownUrlWithKindZero) {
 TEST_F(AccessTest, ReferrerMissFallsThroughToPrefixWithReferrerInfo) {
     install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
              pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
-    serveIndexes({{"page", table({})}, {"app", table({{"res/app.js", "https://h.com/app/app.js"}})}});
+    serveIndexes(
+        {{"page", table({})}, {"app", table({{"res/app.js", "https://h.com/app/app.js"}})}});
     writeFile("apps/app/3/res/app.js", "A");
-    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", "https://h.com/index.html"));
+    auto response = Access::getResource(
+        ResourceRequest("https://h.com/app/app.js", "https://h.com/index.html"));
     ASSERT_FALSE(response->error) << response->error.message();
     EXPECT_EQ(response->data, "A");
     auto entry = logs_->last("match");
@@ -264,13 +273,15 @@ TEST_F(AccessTest, UrlOwnPackWinsOverReferrerPack) {
     install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
              pack("own", kPackTypeFerrit, 1, 1, {}, {"https://h.com/a.js"})});
     int kind = -1;
-    auto match = findByUrl(Url::key("https://h.com/a.js"), Url::key("https://h.com/index.html"), &kind);
+    auto match =
+        findByUrl(Url::key("https://h.com/a.js"), Url::key("https://h.com/index.html"), &kind);
     ASSERT_NE(match, nullptr);
     EXPECT_EQ(match->name, "own");
 }
 
 TEST_F(AccessTest, SCacheKindsFromUrlAndReferrer) {
-    install({pack("sc", kPackTypeSCache, 1, 1, {}, {"https://h.com/page.html", "https://h.com/own.png"})});
+    install({pack("sc", kPackTypeSCache, 1, 1, {},
+                  {"https://h.com/page.html", "https://h.com/own.png"})});
     int kind = -1;
     ASSERT_NE(findByUrl("//h.com/own.png", "", &kind), nullptr);
     EXPECT_EQ(kind, kMatchUrlSCache);
@@ -295,7 +306,8 @@ TEST_F(AccessTest, SCacheSwitchedOffHidesPack) {
 }
 
 TEST_F(AccessTest, SCacheFileTypeSettingReplacesDefaults) {
-    Settings::change([](Settings& s) { s.scacheFileType = std::unordered_set<std::string>{"png"}; });
+    Settings::change(
+        [](Settings& s) { s.scacheFileType = std::unordered_set<std::string>{"png"}; });
     const auto settings = Settings::current();
     EXPECT_TRUE(fileTypeClaimed(*settings, "image.PNG"));
     EXPECT_FALSE(fileTypeClaimed(*settings, "a.js"));
@@ -310,7 +322,8 @@ TEST_F(AccessTest, SCacheReferrerClaimWithErrorSkipsPrefixAndSets404) {
     install({pack("sc", kPackTypeSCache, 1, 1, {}, {"https://h.com/page.html"}),
              pack("app", kPackTypeFerrit, 3, 3, {"https://cdn.com/"})});
     ResourceIndexPool::set("sc", std::make_shared<const ResourceIndex>("sc", table({})));
-    auto response = Access::getResource(ResourceRequest("https://cdn.com/x.js", "https://h.com/page.html"));
+    auto response =
+        Access::getResource(ResourceRequest("https://cdn.com/x.js", "https://h.com/page.html"));
     EXPECT_EQ(response->error.code(), 3002);
     EXPECT_TRUE(response->is404);
     EXPECT_EQ(logs_->last("match").field("match").stringValue(), "prefix");
@@ -320,7 +333,8 @@ TEST_F(AccessTest, SCache404CanBeSwitchedOff) {
     install({pack("sc", kPackTypeSCache, 1, 1, {}, {"https://h.com/page.html"})});
     ResourceIndexPool::set("sc", std::make_shared<const ResourceIndex>("sc", table({})));
     Settings::change([](Settings& s) { s.scache404Enabled = false; });
-    auto response = Access::getResource(ResourceRequest("https://cdn.com/x.js", "https://h.com/page.html"));
+    auto response =
+        Access::getResource(ResourceRequest("https://cdn.com/x.js", "https://h.com/page.html"));
     EXPECT_EQ(response->error.code(), 3002);
     EXPECT_FALSE(response->is404);
 }
@@ -407,11 +421,14 @@ TEST_F(AccessTest, HostileUrlsNeverCrash) {
     installAppPack(3, 3);
     std::string binary;
     for (int i = 0; i < 256; ++i) binary.push_back(static_cast<char>(i));
-    for (const std::string& url : {std::string(1 << 20, 'a'), binary, std::string("?"), std::string("#"),
-                                   std::string("//"), std::string("https://"), std::string("::::"),
-                                   std::string("https://h.com/app/"), std::string("https://h.com/app/??a.js,b.js")}) {
-        auto response = Access::getResource(ResourceRequest(url, HeaderMap{{"Accept", binary}, {"Referer", url}}));
-        EXPECT_TRUE(response->error.code() == 3001 || response->error.code() == 3002) << response->error.message();
+    for (const std::string& url :
+         {std::string(1 << 20, 'a'), binary, std::string("?"), std::string("#"), std::string("//"),
+          std::string("https://"), std::string("::::"), std::string("https://h.com/app/"),
+          std::string("https://h.com/app/??a.js,b.js")}) {
+        auto response = Access::getResource(
+            ResourceRequest(url, HeaderMap{{"Accept", binary}, {"Referer", url}}));
+        EXPECT_TRUE(response->error.code() == 3001 || response->error.code() == 3002)
+            << response->error.message();
     }
 }
 

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "tests/access/AccessFixture.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
 #include "ferritcore/ResourceResponse.h"
+#include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
 namespace {
@@ -58,8 +58,10 @@ TEST(ResourceRequestTest, LowerCaseRefererHeaderIsReferrer) {
 }
 
 TEST(ResourceRequestTest, ValidatorHeadersAreDroppedButConditionalsStay) {
-    ResourceRequest request("https://a/b", HeaderMap{{"ETag", "1"}, {"Last-Modified", "x"}, {"If-None-Match", "1"},
-                                                     {"Accept", "*/*"}});
+    ResourceRequest request(
+        "https://a/b",
+        HeaderMap{
+            {"ETag", "1"}, {"Last-Modified", "x"}, {"If-None-Match", "1"}, {"Accept", "*/*"}});
     EXPECT_EQ(request.header().count("ETag"), 0u);
     EXPECT_EQ(request.header().count("Last-Modified"), 0u);
     EXPECT_EQ(request.header().at("If-None-Match"), "1");
@@ -88,19 +90,24 @@ TEST(ResourceRequestTest, UniAppNeedsTypeNameAndVersion) {
 
 // A part with fixed content, for responses and groups.
 class FixedPart : public ResourcePart {
-public:
-    FixedPart(std::shared_ptr<RequestContext> context, std::string content, std::string md5Value = "m")
-        : ResourcePart(std::move(context), "//h/x.js", "F:x@1"), content_(std::move(content)), md5_(std::move(md5Value)) {}
+  public:
+    FixedPart(std::shared_ptr<RequestContext> context, std::string content,
+              std::string md5Value = "m")
+        : ResourcePart(std::move(context), "//h/x.js", "F:x@1"),
+          content_(std::move(content)),
+          md5_(std::move(md5Value)) {}
     uint64_t size() const override { return content_.size(); }
     std::string md5() const override { return md5_; }
     ReadStatus read() override { return ReadStatus::Done; }
-    void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override { callback(shared_from_this()); }
+    void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override {
+        callback(shared_from_this());
+    }
     void appendTo(std::string& out, unsigned& crc) override {
         crc = 1;
         out.append(content_);
     }
 
-private:
+  private:
     std::string content_;
     std::string md5_;
 };
@@ -152,7 +159,8 @@ TEST_F(ResponseTest, ExplicitErrorFormKeepsArguments) {
 }
 
 TEST_F(ResponseTest, RequestContextTakesTraceAndAccept) {
-    RequestContext context(ResourceRequest("https://h.com/a", HeaderMap{{"ACCEPT", "Image/WEBP, */*;q=0.1"}}), 6);
+    RequestContext context(
+        ResourceRequest("https://h.com/a", HeaderMap{{"ACCEPT", "Image/WEBP, */*;q=0.1"}}), 6);
     EXPECT_EQ(context.traceId.rfind("FT_Access_", 0), 0u);
     EXPECT_EQ(context.trigger, 6);
     EXPECT_EQ(context.accept(), "image/webp, */*;q=0.1");

@@ -10,18 +10,19 @@ namespace FerritTest {
 namespace {
 
 class MatcherTest : public UpdateFixture {
-protected:
+  protected:
     // Installs `text` as the current document.
     static void seed(const std::string& text) { SCache::publish(doc(text)); }
 };
 
 TEST_F(MatcherTest, MatchFromParsedDocument) {
-    seed(R"({"v":"1","packs":{)"
-         R"("site":{"s":1,"installedSeq":1,"f":80,"p":["https://h.com/","https://h.com/app/"],"r":["https://h.com/index.html"]},)"
-         R"("deep":{"s":1,"installedSeq":1,"p":["https://h.com/app/deep/"]},)"
-         R"("webp":{"s":1,"installedSeq":1,"p":["https://img.com/i/#image/webp"]},)"
-         R"("png":{"s":1,"installedSeq":1,"p":["https://img.com/i/"]},)"
-         R"("sc":{"s":1,"installedSeq":1,"f":96,"r":["https://h.com/page.html","https://h.com/logo.svg"]}}})");
+    seed(
+        R"({"v":"1","packs":{)"
+        R"("site":{"s":1,"installedSeq":1,"f":80,"p":["https://h.com/","https://h.com/app/"],"r":["https://h.com/index.html"]},)"
+        R"("deep":{"s":1,"installedSeq":1,"p":["https://h.com/app/deep/"]},)"
+        R"("webp":{"s":1,"installedSeq":1,"p":["https://img.com/i/#image/webp"]},)"
+        R"("png":{"s":1,"installedSeq":1,"p":["https://img.com/i/"]},)"
+        R"("sc":{"s":1,"installedSeq":1,"f":96,"r":["https://h.com/page.html","https://h.com/logo.svg"]}}})");
     const FConfigPtr config = SCache::current();
     int kind = -1;
     // exact URL in an SCache pack
@@ -43,7 +44,8 @@ TEST_F(MatcherTest, MatchFromParsedDocument) {
     EXPECT_EQ(config->prefixTree().lookup(Url::key("https://h.com/app/x.js"), ""), "site");
     EXPECT_EQ(config->prefixTree().lookup(Url::key("https://h.com/x.js"), ""), "site");
     // accept types within a prefix
-    EXPECT_EQ(findByPrefix(Url::key("https://img.com/i/a"), "image/webp,image/*;q=0.8")->name, "webp");
+    EXPECT_EQ(findByPrefix(Url::key("https://img.com/i/a"), "image/webp,image/*;q=0.8")->name,
+              "webp");
     EXPECT_EQ(findByPrefix(Url::key("https://img.com/i/a"), "image/png")->name, "png");
 }
 

@@ -3,15 +3,15 @@
 // backup copies; and what bad input in a pack gives.
 #include <gtest/gtest.h>
 
-#include "tests/access/AccessFixture.h"
-#include "base/Digest.h"
-#include "base/Errors.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
+#include "base/Digest.h"
+#include "base/Errors.h"
 #include "base/Url.h"
 #include "ferritcore/Access.h"
-#include "tests/MemoryPackedFiles.h"
 #include "model/BuiltinConfig.h"
+#include "tests/MemoryPackedFiles.h"
+#include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
 namespace {
@@ -20,7 +20,7 @@ using MarlLogger::json::JSON;
 using MarlLogger::json::JSONObject;
 
 class ReadFlowTest : public AccessFixture {
-protected:
+  protected:
     void SetUp() override {
         AccessFixture::SetUp();
         AssetProvider::set(std::make_shared<RawFileProvider>(raw_.root()));
@@ -33,13 +33,14 @@ protected:
     }
 
     // A pack delivered with the app (or, with `onDemand`, as an on-demand module).
-    static std::shared_ptr<Pack> builtIn(const std::string& name, uint64_t seq, std::vector<std::string> prefixes,
-                                         std::vector<std::string> referrers = {}, bool onDemand = false) {
+    static std::shared_ptr<Pack> builtIn(const std::string& name, uint64_t seq,
+                                         std::vector<std::string> prefixes,
+                                         std::vector<std::string> referrers = {},
+                                         bool onDemand = false) {
         auto p = pack(name, kPackTypeSCache, seq, seq, std::move(prefixes), std::move(referrers));
         p->isOnDemand = onDemand;
         return p;
     }
-
 
     // The embedded list of a built-in pack, taken from the signed "app-res.hvc" next to its files.
     void embedSignedIndex(const std::string& name, uint64_t seq, const JSON& table) {
@@ -84,7 +85,8 @@ TEST_F(ReadFlowTest, DiskPackAndBuiltInPackServeInBothForms) {
     writeFile("apps/shop/3/res/index.html", kHtml);
     writeFile("apps/shop/3/res/app.js", kScript);
     writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
-    embedSignedIndex("kit", 2, tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}}));
+    embedSignedIndex("kit", 2,
+                     tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}}));
 
     struct Case {
         std::string url, body, type, info;
@@ -97,7 +99,8 @@ TEST_F(ReadFlowTest, DiskPackAndBuiltInPackServeInBothForms) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.url);
         const ResourceRequest request(c.url, HeaderMap{{"Accept", "*/*"}});
-        std::unique_ptr<ResourceResponse> responses[] = {Access::getResource(request), getAsync(request)};
+        std::unique_ptr<ResourceResponse> responses[] = {Access::getResource(request),
+                                                         getAsync(request)};
         for (const auto& response : responses) {
             ASSERT_NE(response, nullptr);
             ASSERT_FALSE(response->error) << response->error.message();
@@ -121,7 +124,10 @@ TEST_F(ReadFlowTest, BuiltInConfigurationAssetServesItsPack) {
     JSON document;
     document.set("v", "7");
     document.set("packs", JSON(JSONObject{{"kit", kit}}));
-    document.set("resources", JSON(JSONObject{{"kit", tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}})}}));
+    document.set(
+        "resources",
+        JSON(JSONObject{
+            {"kit", tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}})}}));
     writeRaw("Ferrit_Asset.config", document.toString());
     writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
     Error loadError;
@@ -174,7 +180,8 @@ TEST_F(ReadFlowTest, SCacheUrlWhoseFileIsMissingGives404And3109InSyncForm) {
     embedSignedIndex("sc", 1, tableOf({{"res/own.png", "https://h.com/own.png", "png"}}));
     auto response = Access::getResource(ResourceRequest("https://h.com/own.png", ""));
     EXPECT_EQ(response->error.code(), 3109);
-    EXPECT_EQ(response->error.message(), "S:sc@1 file not found: /Asset/Ferrit_Asset_sc/1/res/own.png");
+    EXPECT_EQ(response->error.message(),
+              "S:sc@1 file not found: /Asset/Ferrit_Asset_sc/1/res/own.png");
     EXPECT_TRUE(response->is404);
     EXPECT_EQ(response->header.at("X-Ferrit-Info"), "S:sc@1,3109");
 }
@@ -191,12 +198,13 @@ TEST_F(ReadFlowTest, SCacheMissingFileGivesNo404WhenSwitchedOff) {
 // --- On-demand packs --------------------------------------------------------------------------
 
 class OnDemandTest : public ReadFlowTest {
-protected:
+  protected:
     void SetUp() override {
         ReadFlowTest::SetUp();
         install({builtIn("od", 1, {"https://od.com/"}, {}, true)});
-        ResourceIndexPool::set("od", std::make_shared<const ResourceIndex>(
-                                         "od", tableOf({{"res/a.js", "https://od.com/a.js", kScript}})));
+        ResourceIndexPool::set("od",
+                               std::make_shared<const ResourceIndex>(
+                                   "od", tableOf({{"res/a.js", "https://od.com/a.js", kScript}})));
         writeRaw("Ferrit_Asset_od/1/res/a.js", kScript);
     }
     // What the fetch of the backup copy installs: the pinned copy "od@1" under "apps/".
@@ -212,7 +220,9 @@ protected:
 TEST_F(OnDemandTest, SyncFormGives1108AndAsyncFormSucceeds) {
     auto sync = Access::getResource(ResourceRequest("https://od.com/a.js", ""));
     EXPECT_EQ(sync->error.code(), 1108);
-    EXPECT_EQ(sync->error.message(), "file \"/OnDemand(Ferrit_Asset_od)/Ferrit_Asset_od/1/res/a.js\" can only read asynchronous");
+    EXPECT_EQ(sync->error.message(),
+              "file \"/OnDemand(Ferrit_Asset_od)/Ferrit_Asset_od/1/res/a.js\" can only read "
+              "asynchronous");
     EXPECT_TRUE(proxy_->loads.empty());
 
     auto async = getAsync(ResourceRequest("https://od.com/a.js", ""));
@@ -224,13 +234,15 @@ TEST_F(OnDemandTest, SyncFormGives1108AndAsyncFormSucceeds) {
     EXPECT_EQ(logs_->count("start", "Ferrit/Read"), 1u);
     EXPECT_EQ(logs_->last("start", "Ferrit/Read").field("type").stringValue(), "OnDemandResource");
     EXPECT_EQ(logs_->count("finish", "Ferrit/Read"), 1u);
-    EXPECT_NE(std::find(proxy_->events.begin(), proxy_->events.end(), "Ferrit.OnDemand"), proxy_->events.end());
+    EXPECT_NE(std::find(proxy_->events.begin(), proxy_->events.end(), "Ferrit.OnDemand"),
+              proxy_->events.end());
 }
 
 TEST_F(OnDemandTest, AsyncFormCompletesOnTheThreadThatLoadsTheModule) {
     proxy_->holdLoads = true;
     std::unique_ptr<ResourceResponse> got;
-    Access::getResource(ResourceRequest("https://od.com/a.js", ""), [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
+    Access::getResource(ResourceRequest("https://od.com/a.js", ""),
+                        [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
     EXPECT_EQ(got, nullptr);
     proxy_->releaseLoads();
     ASSERT_NE(got, nullptr);
@@ -322,7 +334,7 @@ TEST_F(OnDemandTest, BackupWhoseFileIsGoneGives1101AndAsksForItsReinstall) {
 // --- Groups -----------------------------------------------------------------------------------
 
 class GroupFlowTest : public OnDemandTest {
-protected:
+  protected:
     void SetUp() override {
         OnDemandTest::SetUp();
         auto disk = pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"});
@@ -334,7 +346,8 @@ protected:
         writeFile("apps/app/3/res/empty.js", "");
     }
     std::shared_ptr<PackPart> partFor(const std::string& url, const std::string& packName) {
-        auto match = std::make_shared<PackMatch>(*SCache::current(), SCache::current()->find(packName), false);
+        auto match = std::make_shared<PackMatch>(*SCache::current(),
+                                                 SCache::current()->find(packName), false);
         return std::make_shared<PackPart>(context_, Url::key(url), match);
     }
     std::shared_ptr<RequestContext> context_ =
@@ -438,10 +451,12 @@ TEST_F(ReadFlowTest, BackslashesInTheIndexAreSeparatorsInsideThePack) {
 
 TEST_F(ReadFlowTest, IndexWithoutSeparatorGives1107) {
     install({pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
-    writeFile("apps/app/3/app-res.hvc", tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}).toString());
+    writeFile("apps/app/3/app-res.hvc",
+              tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}).toString());
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
     EXPECT_EQ(response->error.code(), 1107);
-    EXPECT_EQ(response->error.message(), "file \"apps/app/3/app-res.hvc\" deserialization failed: Token || not found");
+    EXPECT_EQ(response->error.message(),
+              "file \"apps/app/3/app-res.hvc\" deserialization failed: Token || not found");
 }
 
 TEST_F(ReadFlowTest, TruncatedIndexGives1106) {
@@ -469,8 +484,9 @@ TEST_F(ReadFlowTest, IndexRecordWithoutVersionGives1107) {
     installApp(list);
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
     EXPECT_EQ(response->error.code(), 1107);
-    EXPECT_EQ(response->error.message(),
-              "file \"apps/app/3/app-res.hvc\" deserialization failed: MD5 for \"res/a.js\" not found");
+    EXPECT_EQ(
+        response->error.message(),
+        "file \"apps/app/3/app-res.hvc\" deserialization failed: MD5 for \"res/a.js\" not found");
 }
 
 TEST_F(ReadFlowTest, PackedFileRemovedBetweenMatchAndReadGives1101AndAsksForReinstall) {
@@ -480,7 +496,9 @@ TEST_F(ReadFlowTest, PackedFileRemovedBetweenMatchAndReadGives1101AndAsksForRein
     p->isPacks = true;
     install({p});
     Error error;
-    ASSERT_TRUE(store->put("app/3/app-res.hvc", signedIndex(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}})), error));
+    ASSERT_TRUE(store->put("app/3/app-res.hvc",
+                           signedIndex(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}})),
+                           error));
     ASSERT_TRUE(store->put("app/3/res/a.js", "a", error));
     auto served = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
     ASSERT_FALSE(served->error) << served->error.message();
@@ -512,10 +530,12 @@ TEST_F(ReadFlowTest, MatchOnlyLeavesNoFileOpen) {
     installApp(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}));
     writeFile("apps/app/3/res/a.js", "a");
     const auto openFiles = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator());
     };
     const auto before = openFiles();
-    for (int i = 0; i < 50; ++i) Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicyProbe);
+    for (int i = 0; i < 50; ++i)
+        Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicyProbe);
     EXPECT_EQ(openFiles(), before);
 }
 

@@ -1,16 +1,20 @@
 #include <gtest/gtest.h>
 
-#include "tests/access/AccessFixture.h"
 #include "access/Resource.h"
+#include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
 namespace {
 
 // A part whose read outcome the test decides; asynchronous completions are held until released.
 class ScriptedPart : public ResourcePart {
-public:
-    ScriptedPart(std::shared_ptr<RequestContext> context, std::string content, ReadStatus status, int* reads)
-        : ResourcePart(std::move(context), "//h/p", "S:p"), content_(std::move(content)), status_(status), reads_(reads) {}
+  public:
+    ScriptedPart(std::shared_ptr<RequestContext> context, std::string content, ReadStatus status,
+                 int* reads)
+        : ResourcePart(std::move(context), "//h/p", "S:p"),
+          content_(std::move(content)),
+          status_(status),
+          reads_(reads) {}
 
     uint64_t size() const override { return content_.size(); }
     ReadStatus read() override {
@@ -18,7 +22,9 @@ public:
         if (status_ == ReadStatus::Failed) error = Error(1102, "scripted failure");
         return status_;
     }
-    void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override { pending_ = std::move(callback); }
+    void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override {
+        pending_ = std::move(callback);
+    }
     void appendTo(std::string& out, unsigned& crc) override {
         crc = static_cast<unsigned>(content_.size());
         out.append(content_);
@@ -30,7 +36,7 @@ public:
         if (callback) callback(shared_from_this());
     }
 
-private:
+  private:
     std::string content_;
     ReadStatus status_;
     int* reads_;
@@ -38,7 +44,7 @@ private:
 };
 
 class ReadGroupTest : public AccessFixture {
-protected:
+  protected:
     std::shared_ptr<ScriptedPart> part(std::string content, ReadStatus status) {
         return std::make_shared<ScriptedPart>(context_, std::move(content), status, &reads_);
     }
@@ -49,7 +55,9 @@ protected:
 
 TEST_F(ReadGroupTest, AllDoneDeliversInOrderOnce) {
     auto group = std::make_shared<ReadGroup>(
-        std::vector<std::shared_ptr<ResourcePart>>{part("a", ReadStatus::Done), part("bc", ReadStatus::Done)}, context_);
+        std::vector<std::shared_ptr<ResourcePart>>{part("a", ReadStatus::Done),
+                                                   part("bc", ReadStatus::Done)},
+        context_);
     int calls = 0;
     std::string got;
     group->run([&](const std::string& data, const Error& e) {
@@ -68,7 +76,8 @@ TEST_F(ReadGroupTest, AllDoneDeliversInOrderOnce) {
 TEST_F(ReadGroupTest, FirstPartFailureStopsLaterReads) {
     auto first = part("a", ReadStatus::Failed);
     auto second = part("b", ReadStatus::Done);
-    auto group = std::make_shared<ReadGroup>(std::vector<std::shared_ptr<ResourcePart>>{first, second}, context_);
+    auto group = std::make_shared<ReadGroup>(
+        std::vector<std::shared_ptr<ResourcePart>>{first, second}, context_);
     int calls = 0;
     Error got;
     group->run([&](const std::string& data, const Error& e) {
@@ -85,7 +94,8 @@ TEST_F(ReadGroupTest, FirstPartFailureStopsLaterReads) {
 TEST_F(ReadGroupTest, LateFinishAfterFailureDoesNothing) {
     auto slow = part("a", ReadStatus::NeedFetch);
     auto failing = part("b", ReadStatus::Failed);
-    auto group = std::make_shared<ReadGroup>(std::vector<std::shared_ptr<ResourcePart>>{slow, failing}, context_);
+    auto group = std::make_shared<ReadGroup>(
+        std::vector<std::shared_ptr<ResourcePart>>{slow, failing}, context_);
     int calls = 0;
     group->run([&](const std::string&, const Error& e) {
         ++calls;
@@ -102,8 +112,8 @@ TEST_F(ReadGroupTest, AsynchronousPartsCompleteTheGroup) {
     auto local = part("a", ReadStatus::Done);
     auto remote = part("b", ReadStatus::NeedAggregate);
     auto onDemand = part("c", ReadStatus::NeedAsync);
-    auto group = std::make_shared<ReadGroup>(std::vector<std::shared_ptr<ResourcePart>>{local, remote, onDemand},
-                                             context_);
+    auto group = std::make_shared<ReadGroup>(
+        std::vector<std::shared_ptr<ResourcePart>>{local, remote, onDemand}, context_);
     int calls = 0;
     std::string got;
     group->run([&](const std::string& data, const Error&) {

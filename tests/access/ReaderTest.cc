@@ -2,33 +2,36 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/access/AccessFixture.h"
+#include "access/Matcher.h"
 #include "base/Digest.h"
 #include "base/Errors.h"
-#include "access/Matcher.h"
 #include "base/Url.h"
+#include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
 namespace {
 
 class ReaderTest : public AccessFixture {
-protected:
+  protected:
     // The app pack "shop" installed at 3: "res/a.js" with a URL, "res/css/b.css" without one.
     void installShop(uint64_t installed = 3) {
         install({pack("shop", kPackTypeACache, installed, installed, {"https://shop.com/"})});
-        serveIndexes({{"shop", table({{"res/a.js", "https://shop.com/a.js"}, {"res/css/b.css", ""}})}});
+        serveIndexes(
+            {{"shop", table({{"res/a.js", "https://shop.com/a.js"}, {"res/css/b.css", ""}})}});
         writeFile("apps/shop/" + std::to_string(installed) + "/res/a.js", "shop-a");
         writeFile("apps/shop/" + std::to_string(installed) + "/res/css/b.css", "shop-b");
     }
 
     // Loads and returns what the callback got; fails the test when it was not called exactly once.
-    std::pair<std::shared_ptr<Reader>, Error> load(const std::string& name, const std::string& info = {}) {
+    std::pair<std::shared_ptr<Reader>, Error> load(const std::string& name,
+                                                   const std::string& info = {}) {
         std::pair<std::shared_ptr<Reader>, Error> got;
         int calls = 0;
-        Reader::load({name, info, "parent-7"}, [&](std::shared_ptr<Reader> reader, const Error& error) {
-            ++calls;
-            got = {std::move(reader), error};
-        });
+        Reader::load({name, info, "parent-7"},
+                     [&](std::shared_ptr<Reader> reader, const Error& error) {
+                         ++calls;
+                         got = {std::move(reader), error};
+                     });
         EXPECT_EQ(calls, 1);
         return got;
     }
@@ -149,7 +152,8 @@ TEST_F(ReaderTest, LoadSendsAppVisitFirstRcfThenRc) {
     load("shop");
     load("shop");
     std::vector<std::string> visits;
-    for (const FakeProxy::Record& record : proxy_->named("Ferrit.AppVisit")) visits.push_back(record.dimensions.at("visitType"));
+    for (const FakeProxy::Record& record : proxy_->named("Ferrit.AppVisit"))
+        visits.push_back(record.dimensions.at("visitType"));
     EXPECT_EQ(visits, (std::vector<std::string>{"RCF", "RC"}));
 }
 
@@ -193,7 +197,8 @@ TEST_F(ReaderTest, LoadWithVersionPinsTheMatch) {
     auto pinned = pack("shop@2", kPackTypeACache, 2, 2);
     pinned->subType = 1;
     install({pinned});
-    writeFile("apps/shop/2/app-res.hvc", signedIndex(table({{"res/a.js", "https://shop.com/a.js"}})));
+    writeFile("apps/shop/2/app-res.hvc",
+              signedIndex(table({{"res/a.js", "https://shop.com/a.js"}})));
     writeFile("apps/shop/2/res/a.js", "shop-a-v2");
     auto [reader, error] = load("shop", "A:shop@2");
     ASSERT_NE(reader, nullptr) << error.message();
@@ -204,7 +209,8 @@ TEST_F(ReaderTest, LoadWithVersionPinsTheMatch) {
 
 TEST_F(ReaderTest, LoadWithVersionServesAnOlderCopyLeftOnDisk) {
     installShop(3);
-    writeFile("apps/shop/2/app-res.hvc", signedIndex(table({{"res/a.js", "https://shop.com/a.js"}})));
+    writeFile("apps/shop/2/app-res.hvc",
+              signedIndex(table({{"res/a.js", "https://shop.com/a.js"}})));
     writeFile("apps/shop/2/res/a.js", "shop-a-v2");
     auto [reader, error] = load("shop", "A:shop@2");
     ASSERT_NE(reader, nullptr) << error.message();

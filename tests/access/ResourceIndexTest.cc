@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/access/AccessFixture.h"
 #include "base/Digest.h"
 #include "base/Errors.h"
 #include "tests/MemoryPackedFiles.h"
+#include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
 namespace {
@@ -13,7 +13,7 @@ namespace {
 using MarlLogger::json::JSON;
 
 class ResourceIndexTest : public AccessFixture {
-protected:
+  protected:
     static JSON removal(const std::string& path) {
         JSON t;
         t.set(path, JSON(MarlLogger::json::JSONObject{{"url", "https://h.com/" + path}}));
@@ -28,7 +28,8 @@ protected:
 TEST_F(ResourceIndexTest, FileWithoutDoubleBarGives1107TokenNotFound) {
     JSON table;
     Error error;
-    EXPECT_FALSE(ResourceIndex::parseSigned(Folder::disk("x/app-res.hvc"), "{\"a\":{}}|sig", table, error));
+    EXPECT_FALSE(
+        ResourceIndex::parseSigned(Folder::disk("x/app-res.hvc"), "{\"a\":{}}|sig", table, error));
     EXPECT_EQ(error.code(), 1107);
     EXPECT_EQ(error.message(), "file \"x/app-res.hvc\" deserialization failed: Token || not found");
     EXPECT_TRUE(table.isNull());
@@ -37,7 +38,8 @@ TEST_F(ResourceIndexTest, FileWithoutDoubleBarGives1107TokenNotFound) {
 TEST_F(ResourceIndexTest, FileWithDoubleBarButNoLaterBarGives1107) {
     JSON table;
     Error error;
-    EXPECT_FALSE(ResourceIndex::parseSigned(Folder::disk("x/app-res.hvc"), "{}||token-and-no-bar", table, error));
+    EXPECT_FALSE(ResourceIndex::parseSigned(Folder::disk("x/app-res.hvc"), "{}||token-and-no-bar",
+                                            table, error));
     EXPECT_EQ(error.code(), 1107);
     EXPECT_EQ(error.message(), "file \"x/app-res.hvc\" deserialization failed: Token | not found");
 }
@@ -46,20 +48,27 @@ TEST_F(ResourceIndexTest, SignatureIsCheckedOverTheMd5OfTheBody) {
     const std::string body = "{\"res/a.js\":{\"v\":\"00\"}}";
     JSON table;
     Error error(3, "stale");
-    ASSERT_TRUE(ResourceIndex::parseSigned(folder(), signedIndex(body), table, error)) << error.message();
+    ASSERT_TRUE(ResourceIndex::parseSigned(folder(), signedIndex(body), table, error))
+        << error.message();
     EXPECT_FALSE(error);
     EXPECT_EQ(table["res/a.js"]["v"].stringValue(), "00");
     // An empty token is a token as well.
-    ASSERT_TRUE(ResourceIndex::parseSigned(folder(), body + "|||" + FakeProxy::base64(FakeProxy::signatureOf(Digest::md5Hex(body))), table, error));
+    ASSERT_TRUE(ResourceIndex::parseSigned(
+        folder(), body + "|||" + FakeProxy::base64(FakeProxy::signatureOf(Digest::md5Hex(body))),
+        table, error));
 }
 
 TEST_F(ResourceIndexTest, RefusedSignatureGives1106WithTheMd5) {
     const std::string body = "{}";
     JSON table;
     Error error;
-    EXPECT_FALSE(ResourceIndex::parseSigned(folder(), body + "||t|" + FakeProxy::base64(FakeProxy::signatureOf(Digest::md5Hex("other"))), table, error));
+    EXPECT_FALSE(ResourceIndex::parseSigned(
+        folder(),
+        body + "||t|" + FakeProxy::base64(FakeProxy::signatureOf(Digest::md5Hex("other"))), table,
+        error));
     EXPECT_EQ(error.code(), 1106);
-    EXPECT_EQ(error.message(), "file \"apps/p/1/\" verify failed: MD5 is \"" + Digest::md5Hex(body) + "\"");
+    EXPECT_EQ(error.message(),
+              "file \"apps/p/1/\" verify failed: MD5 is \"" + Digest::md5Hex(body) + "\"");
 }
 
 TEST_F(ResourceIndexTest, SignatureThatIsNotBase64IsRefused) {
@@ -72,10 +81,12 @@ TEST_F(ResourceIndexTest, SignatureThatIsNotBase64IsRefused) {
 TEST_F(ResourceIndexTest, SignedBodyThatIsNotJsonGives1107) {
     JSON table;
     Error error;
-    EXPECT_FALSE(ResourceIndex::parseSigned(folder(), signedIndex(std::string("{\"a\":")), table, error));
+    EXPECT_FALSE(
+        ResourceIndex::parseSigned(folder(), signedIndex(std::string("{\"a\":")), table, error));
     EXPECT_EQ(error.code(), 1107);
     EXPECT_EQ(error.message(), "file \"apps/p/1/\" deserialization failed");
-    EXPECT_FALSE(ResourceIndex::parseSigned(folder(), signedIndex(std::string("[1,2]")), table, error));
+    EXPECT_FALSE(
+        ResourceIndex::parseSigned(folder(), signedIndex(std::string("[1,2]")), table, error));
     EXPECT_EQ(error.code(), 1107);
     EXPECT_TRUE(table.isNull());
 }
@@ -86,14 +97,16 @@ TEST_F(ResourceIndexTest, NoProxyMakesEveryIndexFailWith1106) {
     ResourceIndex index("p", folder());
     EXPECT_EQ(index.error().code(), 1106);
     EXPECT_EQ(index.size(), 0u);
-    ResourceIndex zipped("p", [](const std::string&, Error&) { return signedIndex(std::string("{}")); }, false);
+    ResourceIndex zipped(
+        "p", [](const std::string&, Error&) { return signedIndex(std::string("{}")); }, false);
     EXPECT_EQ(zipped.error().code(), 1106);
 }
 
 // --- Loading from a folder --------------------------------------------------------------------
 
 TEST_F(ResourceIndexTest, LoadsTheFullListOfAFolder) {
-    writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/a.js", "https://h.com/a.js"}, {"res/css/b.css", ""}})));
+    writeFile("apps/p/1/app-res.hvc",
+              signedIndex(table({{"res/a.js", "https://h.com/a.js"}, {"res/css/b.css", ""}})));
     ResourceIndex index("p", folder());
     ASSERT_FALSE(index.error()) << index.error().message();
     EXPECT_EQ(index.name(), "p");
@@ -155,7 +168,8 @@ TEST_F(ResourceIndexTest, ZeroByteIncrementIsIgnoredAndZeroByteFullListGives1103
 
 TEST_F(ResourceIndexTest, IncrementRecordWithoutMd5HidesThePathInTheFullList) {
     writeFile("apps/p/1/app-res-incr.hvc", signedIndex(removal("res/old.js")));
-    writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/old.js", "https://h.com/old.js"}, {"res/new.js", ""}})));
+    writeFile("apps/p/1/app-res.hvc",
+              signedIndex(table({{"res/old.js", "https://h.com/old.js"}, {"res/new.js", ""}})));
     ResourceIndex index("p", folder());
     ASSERT_FALSE(index.error()) << index.error().message();
     EXPECT_EQ(index.find("res/old.js"), nullptr);
@@ -166,9 +180,11 @@ TEST_F(ResourceIndexTest, IncrementRecordWithoutMd5HidesThePathInTheFullList) {
 
 TEST_F(ResourceIndexTest, IncrementRecordWinsOverTheFullList) {
     JSON incr;
-    incr.set("res/a.js", JSON(MarlLogger::json::JSONObject{{"url", "https://h.com/a.js"}, {"v", "new-md5"}}));
+    incr.set("res/a.js",
+             JSON(MarlLogger::json::JSONObject{{"url", "https://h.com/a.js"}, {"v", "new-md5"}}));
     JSON full;
-    full.set("res/a.js", JSON(MarlLogger::json::JSONObject{{"url", "https://h.com/a.js"}, {"v", "old-md5"}}));
+    full.set("res/a.js",
+             JSON(MarlLogger::json::JSONObject{{"url", "https://h.com/a.js"}, {"v", "old-md5"}}));
     writeFile("apps/p/1/app-res-incr.hvc", signedIndex(incr));
     writeFile("apps/p/1/app-res.hvc", signedIndex(full));
     ResourceIndex index("p", folder());
@@ -183,7 +199,9 @@ TEST_F(ResourceIndexTest, FullListRecordWithoutMd5FailsTheWholeIndex) {
     writeFile("apps/p/1/app-res.hvc", signedIndex(t));
     ResourceIndex index("p", folder());
     EXPECT_EQ(index.error().code(), 1107);
-    EXPECT_EQ(index.error().message(), "file \"apps/p/1/app-res.hvc\" deserialization failed: MD5 for \"res/b.js\" not found");
+    EXPECT_EQ(
+        index.error().message(),
+        "file \"apps/p/1/app-res.hvc\" deserialization failed: MD5 for \"res/b.js\" not found");
     EXPECT_EQ(index.size(), 0u);
     EXPECT_EQ(index.find("res/a.js"), nullptr);
 }
@@ -208,29 +226,35 @@ TEST_F(ResourceIndexTest, TruncatedIndexFilesGiveTheirDocumentedErrors) {
     EXPECT_NE(cut.error().message().find("Token || not found"), std::string::npos);
     // Cut right after the separator: no "|" after the token.
     writeFile("apps/p/1/app-res.hvc", whole.substr(0, whole.find("||") + 4));
-    EXPECT_NE(ResourceIndex("p", folder()).error().message().find("Token | not found"), std::string::npos);
+    EXPECT_NE(ResourceIndex("p", folder()).error().message().find("Token | not found"),
+              std::string::npos);
 }
 
 TEST_F(ResourceIndexTest, PathsThatLeaveThePackFailTheIndex) {
-    for (const char* path : {"../../../secret.txt", "res/../../x.js", "res\\..\\..\\x.js", "/../x", ".."}) {
+    for (const char* path :
+         {"../../../secret.txt", "res/../../x.js", "res\\..\\..\\x.js", "/../x", ".."}) {
         SCOPED_TRACE(path);
-        writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/ok.js", ""}, {path, "https://h.com/x.js"}})));
+        writeFile("apps/p/1/app-res.hvc",
+                  signedIndex(table({{"res/ok.js", ""}, {path, "https://h.com/x.js"}})));
         const ResourceIndex index("p", folder());
         EXPECT_EQ(index.error().code(), 1107);
-        EXPECT_NE(index.error().message().find("leaves the pack"), std::string::npos) << index.error().message();
+        EXPECT_NE(index.error().message().find("leaves the pack"), std::string::npos)
+            << index.error().message();
         EXPECT_EQ(index.size(), 0u);
     }
 }
 
 TEST_F(ResourceIndexTest, DotsInsideNamesAreNoClimb) {
-    writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/a..b.js", ""}, {"res/..hidden/c.js", ""}})));
+    writeFile("apps/p/1/app-res.hvc",
+              signedIndex(table({{"res/a..b.js", ""}, {"res/..hidden/c.js", ""}})));
     EXPECT_FALSE(ResourceIndex("p", folder()).error());
 }
 
 TEST_F(ResourceIndexTest, AnAssetFolderIsReadThroughTheProvider) {
     const std::filesystem::path raw = temp_.path() / "raw";
     std::filesystem::create_directories(raw / "Ferrit_Asset_kit/2");
-    std::ofstream(raw / "Ferrit_Asset_kit/2/app-res.hvc", std::ios::binary) << signedIndex(table({{"res/k.js", ""}}));
+    std::ofstream(raw / "Ferrit_Asset_kit/2/app-res.hvc", std::ios::binary)
+        << signedIndex(table({{"res/k.js", ""}}));
     AssetProvider::set(std::make_shared<RawFileProvider>(raw.string()));
     ResourceIndex index("kit", Folder::asset("Ferrit_Asset_kit/2/"));
     ASSERT_FALSE(index.error()) << index.error().message();
@@ -264,8 +288,11 @@ TEST_F(ResourceIndexTest, ZipIndexReadsTheEntryAndNamesTheZipInMessages) {
     EXPECT_EQ(index.removed().count("res/gone.js"), 1u);
 
     ResourceIndex strict(
-        "p", [&](const std::string&, Error&) { return signedIndex(removal("res/gone.js")); }, false);
-    EXPECT_EQ(strict.error().message(), "file \"p.zip/app-res.hvc\" deserialization failed: MD5 for \"res/gone.js\" not found");
+        "p", [&](const std::string&, Error&) { return signedIndex(removal("res/gone.js")); },
+        false);
+    EXPECT_EQ(
+        strict.error().message(),
+        "file \"p.zip/app-res.hvc\" deserialization failed: MD5 for \"res/gone.js\" not found");
 
     ResourceIndex failing(
         "p",
@@ -281,7 +308,9 @@ TEST_F(ResourceIndexTest, EmbeddedTableIsNamedAfterTheOlderLayout) {
     JSON t;
     t.set("res/a.js", JSON(MarlLogger::json::JSONObject{{"url", "https://h.com/a.js"}}));
     ResourceIndex index("sc", t);
-    EXPECT_EQ(index.error().message(), "file \"SCacheConfig/sc/app-res.hvc\" deserialization failed: MD5 for \"res/a.js\" not found");
+    EXPECT_EQ(index.error().message(),
+              "file \"SCacheConfig/sc/app-res.hvc\" deserialization failed: MD5 for \"res/a.js\" "
+              "not found");
     EXPECT_EQ(ResourceIndex("sc", JSON(3)).error().code(), 1107);
 }
 
@@ -294,7 +323,9 @@ TEST_F(ResourceIndexTest, FailedIndexCarriesItsError) {
 // --- verifyFiles ------------------------------------------------------------------------------
 
 TEST_F(ResourceIndexTest, VerifyFilesComparesEachFileWithItsRecord) {
-    writeFile("apps/p/1/app-res.hvc", signedIndex(tableOf({{"res/a.js", "https://h.com/a.js", "alpha"}, {"res/b.css", "", "beta"}})));
+    writeFile("apps/p/1/app-res.hvc",
+              signedIndex(tableOf(
+                  {{"res/a.js", "https://h.com/a.js", "alpha"}, {"res/b.css", "", "beta"}})));
     writeFile("apps/p/1/res/a.js", "alpha");
     writeFile("apps/p/1/res/b.css", "beta");
     ResourceIndex index("p", folder());
@@ -306,8 +337,9 @@ TEST_F(ResourceIndexTest, VerifyFilesComparesEachFileWithItsRecord) {
     writeFile("apps/p/1/res/b.css", "tampered");
     EXPECT_FALSE(index.verifyFiles(folder(), error));
     EXPECT_EQ(error.code(), 1106);
-    EXPECT_EQ(error.message(), "file \"apps/p/1/res/b.css\" verify failed: MD5 \"" + Digest::md5Hex("tampered") +
-                                   "\" different with expectation \"" + Digest::md5Hex("beta") + "\"");
+    EXPECT_EQ(error.message(), "file \"apps/p/1/res/b.css\" verify failed: MD5 \"" +
+                                   Digest::md5Hex("tampered") + "\" different with expectation \"" +
+                                   Digest::md5Hex("beta") + "\"");
 
     std::filesystem::remove(temp_.path() / "apps/p/1/res/b.css");
     EXPECT_FALSE(index.verifyFiles(folder(), error));

@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/FakeProxy.h"
-#include "tests/TestUtil.h"
 #include "base/Environment.h"
 #include "base/Proxy.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
 
 namespace FerritCore {
 namespace {
@@ -25,13 +25,13 @@ std::shared_ptr<FerritTest::FakeProxy> assetProxy() {
 
 // Overrides nothing but the two required operations: the asset defaults of the interface.
 class BareProxy : public Proxy {
-public:
+  public:
     bool verifySignature(const std::string&, const std::string&) override { return true; }
     void sendEvent(const PerfRecord&) override {}
 };
 
 class AssetProviderTest : public FerritTest::ProcessTest {
-protected:
+  protected:
     void writeRaw(const std::string& relative, const std::string& content) {
         const std::filesystem::path path = raw_.path() / "raw" / relative;
         std::filesystem::create_directories(path.parent_path());

@@ -16,7 +16,7 @@ namespace {
 using FerritTest::TempDir;
 
 class FileUtilTest : public ::testing::Test {
-protected:
+  protected:
     std::string path(const std::string& relative) const { return temp_.root() + relative; }
     void write(const std::string& relative, const std::string& content) {
         std::filesystem::create_directories(std::filesystem::path(path(relative)).parent_path());

@@ -9,17 +9,17 @@
 #include <unordered_set>
 #include <vector>
 
-#include "tests/FakeProxy.h"
-#include "tests/TestUtil.h"
-#include "marl/Clock.h"
-#include "marl/Log.h"
+#include "base/AssetProvider.h"
 #include "base/Environment.h"
+#include "base/FileUtil.h"
+#include "base/PackedFiles.h"
 #include "base/Proxy.h"
 #include "base/Telemetry.h"
-#include "base/AssetProvider.h"
-#include "base/FileUtil.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+#include "tests/FakeProxy.h"
 #include "tests/MemoryPackedFiles.h"
-#include "base/PackedFiles.h"
+#include "tests/TestUtil.h"
 
 namespace FerritCore {
 namespace {
@@ -249,7 +249,7 @@ using FerritTest::MemoryPackedFiles;
 using FerritTest::TempDir;
 
 class FolderIOTest : public FerritTest::ProcessTest {
-protected:
+  protected:
     void SetUp() override {
         ProcessTest::SetUp();
         AssetProvider::set(std::make_shared<RawFileProvider>(raw_.root()));
@@ -260,8 +260,12 @@ protected:
         std::filesystem::create_directories(path.parent_path());
         std::ofstream(path, std::ios::binary) << content;
     }
-    void writeDisk(const std::string& relative, const std::string& content) { writeAt(root_.path() / relative, content); }
-    void writeRaw(const std::string& relative, const std::string& content) { writeAt(raw_.path() / relative, content); }
+    void writeDisk(const std::string& relative, const std::string& content) {
+        writeAt(root_.path() / relative, content);
+    }
+    void writeRaw(const std::string& relative, const std::string& content) {
+        writeAt(raw_.path() / relative, content);
+    }
     void putPacked(const std::string& key, const std::string& value) {
         Error error;
         ASSERT_TRUE(store_->put(key, value, error)) << error.message();
@@ -397,7 +401,8 @@ TEST_F(FolderIOTest, ListChildrenGivesTheReverseOfTheListing) {
     std::vector<std::string> listing;
     ASSERT_EQ(FileUtil::listDirectory(root_.root() + "l/", listing), 0);
     std::vector<std::string> expected;
-    for (const std::string& entry : listing) expected.push_back("l/" + entry.substr(root_.root().size() + 2));
+    for (const std::string& entry : listing)
+        expected.push_back("l/" + entry.substr(root_.root().size() + 2));
     std::reverse(expected.begin(), expected.end());
     EXPECT_EQ(relatives(Folder::disk("l/").listChildren()), expected);
     EXPECT_EQ(sorted(expected), (std::vector<std::string>{"l/a.js", "l/b.js", "l/c/"}));
@@ -464,8 +469,8 @@ TEST_F(FolderIOTest, RenameOfAnyOtherKindGives1104) {
 // --- OpenedFile -------------------------------------------------------------------------------
 
 size_t openDescriptors() {
-    return static_cast<size_t>(
-        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator()));
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                             std::filesystem::directory_iterator()));
 }
 
 TEST_F(FolderIOTest, OpenedFileAnswersExistsAndReadsWhatWasOpened) {
@@ -623,7 +628,8 @@ TEST_F(FolderIOTest, AssetReadFailureCarriesTheProviderCodeAndMessage) {
     Error error;
     Folder::readFile(Folder::asset("a/b.css"), error);
     EXPECT_EQ(error.code(), 1102);
-    EXPECT_EQ(error.message(), "read file \"/Asset/a/b.css\" failed: 9991, Ferrit proxy not initialized");
+    EXPECT_EQ(error.message(),
+              "read file \"/Asset/a/b.css\" failed: 9991, Ferrit proxy not initialized");
 }
 
 TEST_F(FolderIOTest, ZeroLengthAssetReadsAsEmptyContent) {
@@ -673,7 +679,9 @@ TEST_F(FolderIOTest, OnDemandSyncReadGives1108) {
     Error error;
     Folder::readFile(Folder::onDemand("Ferrit_Asset_od", "Ferrit_Asset_od/1/res/a.js"), error);
     EXPECT_EQ(error.code(), 1108);
-    EXPECT_EQ(error.message(), "file \"/OnDemand(Ferrit_Asset_od)/Ferrit_Asset_od/1/res/a.js\" can only read asynchronous");
+    EXPECT_EQ(error.message(),
+              "file \"/OnDemand(Ferrit_Asset_od)/Ferrit_Asset_od/1/res/a.js\" can only read "
+              "asynchronous");
 }
 
 TEST_F(FolderIOTest, OnDemandAsyncReadLoadsTheModuleThenReadsItsAssetAndReports) {
@@ -682,11 +690,12 @@ TEST_F(FolderIOTest, OnDemandAsyncReadLoadsTheModuleThenReadsItsAssetAndReports)
     std::string got;
     Error error(1, "unset");
     int calls = 0;
-    Folder::readFileAsync(Folder::onDemand("Ferrit_Asset_od", "Ferrit_Asset_od/1/res/a.js"), [&](std::string content, Error e) {
-        ++calls;
-        got = std::move(content);
-        error = std::move(e);
-    });
+    Folder::readFileAsync(Folder::onDemand("Ferrit_Asset_od", "Ferrit_Asset_od/1/res/a.js"),
+                          [&](std::string content, Error e) {
+                              ++calls;
+                              got = std::move(content);
+                              error = std::move(e);
+                          });
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(got, "od-bytes");
     EXPECT_FALSE(error);
@@ -704,10 +713,11 @@ TEST_F(FolderIOTest, OnDemandAsyncReadWithFailedLoadReportsTheLoadError) {
     writeRaw("Ferrit_Asset_od/1/res/a.js", "never read");
     std::string got = "unset";
     Error error;
-    Folder::readFileAsync(Folder::onDemand("Ferrit_Asset_od", "Ferrit_Asset_od/1/res/a.js"), [&](std::string content, Error e) {
-        got = std::move(content);
-        error = std::move(e);
-    });
+    Folder::readFileAsync(Folder::onDemand("Ferrit_Asset_od", "Ferrit_Asset_od/1/res/a.js"),
+                          [&](std::string content, Error e) {
+                              got = std::move(content);
+                              error = std::move(e);
+                          });
     EXPECT_EQ(got, "");
     EXPECT_EQ(error.code(), 1003);
     ASSERT_EQ(proxy->records.size(), 1u);
@@ -717,7 +727,8 @@ TEST_F(FolderIOTest, OnDemandAsyncReadWithFailedLoadReportsTheLoadError) {
 
 TEST_F(FolderIOTest, OnDemandAsyncReadWithoutProxyGives9991) {
     Error error;
-    Folder::readFileAsync(Folder::onDemand("m", "m/a.js"), [&](std::string, Error e) { error = std::move(e); });
+    Folder::readFileAsync(Folder::onDemand("m", "m/a.js"),
+                          [&](std::string, Error e) { error = std::move(e); });
     EXPECT_EQ(error.code(), 9991);
 }
 
@@ -730,7 +741,8 @@ TEST_F(FolderIOTest, ReadFileAsyncWithoutCallbackDoesNothing) {
 TEST_F(FolderIOTest, ReadFileAsyncOfOtherKindsCallsBackAtOnce) {
     writeDisk("x.txt", "disk");
     std::string got;
-    Folder::readFileAsync(Folder::disk("x.txt"), [&](std::string content, Error) { got = std::move(content); });
+    Folder::readFileAsync(Folder::disk("x.txt"),
+                          [&](std::string content, Error) { got = std::move(content); });
     EXPECT_EQ(got, "disk");
 }
 
@@ -823,7 +835,8 @@ TEST_F(FolderIOTest, PackedListFilesEnumeratesKeysAndHasNoChildren) {
     putPacked("p/1/res/sub/b.js", "b");
     putPacked("p/2/res/c.js", "c");
     const Folder folder = Folder::packed("p/1/");
-    EXPECT_EQ(relatives(folder.listFiles()), (std::vector<std::string>{"p/1/res/a.js", "p/1/res/sub/b.js"}));
+    EXPECT_EQ(relatives(folder.listFiles()),
+              (std::vector<std::string>{"p/1/res/a.js", "p/1/res/sub/b.js"}));
     EXPECT_TRUE(folder.listChildren().empty());
     EXPECT_FALSE(folder.isEmpty());
     EXPECT_TRUE(Folder::packed("p/3/").isEmpty());

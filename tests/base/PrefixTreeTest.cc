@@ -11,7 +11,8 @@ PrefixValue named(const std::string& name) {
     return v;
 }
 
-PrefixValue byAccept(std::unordered_map<std::string, std::string> types, const std::string& fallback = {}) {
+PrefixValue byAccept(std::unordered_map<std::string, std::string> types,
+                     const std::string& fallback = {}) {
     PrefixValue v;
     v.packName = fallback;
     v.acceptPacks = std::move(types);

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "marl/Clock.h"
-#include "marl/Log.h"
 #include "base/Environment.h"
 #include "base/Telemetry.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
 
@@ -11,7 +11,7 @@ namespace FerritCore {
 namespace {
 
 class TelemetryTest : public FerritTest::ProcessTest {
-protected:
+  protected:
     MarlLogger::ScopedManualClock clock_;
 };
 

@@ -7,7 +7,9 @@
 namespace FerritCore::Url {
 namespace {
 
-TEST(UrlTest, KeyDropsSchemeQueryAndFragment) { EXPECT_EQ(key("https://a.b/c?x=1#f"), "//a.b/c"); }
+TEST(UrlTest, KeyDropsSchemeQueryAndFragment) {
+    EXPECT_EQ(key("https://a.b/c?x=1#f"), "//a.b/c");
+}
 
 TEST(UrlTest, KeyKeepsSlashFormAndPrependsToBareHost) {
     EXPECT_EQ(key("//a.b/c"), "//a.b/c");
@@ -20,14 +22,18 @@ TEST(UrlTest, KeyOfEmptyIsEmpty) {
     EXPECT_EQ(key("#f"), "");
 }
 
-TEST(UrlTest, KeyOfHostWithPortLosesHost) { EXPECT_EQ(key("host:8080/x"), "8080/x"); }
+TEST(UrlTest, KeyOfHostWithPortLosesHost) {
+    EXPECT_EQ(key("host:8080/x"), "8080/x");
+}
 
 TEST(UrlTest, KeyOfHttpUrlIsSlashForm) {
     EXPECT_EQ(key("http://a/b"), "//a/b");
     EXPECT_EQ(key("https:a/b"), "a/b");
 }
 
-TEST(UrlTest, BareKeepsAggregatePart) { EXPECT_EQ(bare("https://a.b/c??d.js,e.js"), "a.b/c??d.js,e.js"); }
+TEST(UrlTest, BareKeepsAggregatePart) {
+    EXPECT_EQ(bare("https://a.b/c??d.js,e.js"), "a.b/c??d.js,e.js");
+}
 
 TEST(UrlTest, BareCutsAtQuery) {
     EXPECT_EQ(bare("https://a.b/c?x"), "a.b/c");

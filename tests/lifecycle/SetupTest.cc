@@ -1,19 +1,19 @@
 #include <gtest/gtest.h>
 
-#include "tests/FakeProxy.h"
-#include "tests/TestUtil.h"
+#include "base/Environment.h"
+#include "lifecycle/Setup.h"
 #include "marl/Clock.h"
 #include "marl/Inspector.h"
 #include "marl/Log.h"
-#include "base/Environment.h"
+#include "model/SCache.h"
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
-#include "lifecycle/Setup.h"
 #include "runtime/TaskRunner.h"
-#include "update/Cleanup.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
-#include "model/SCache.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
+#include "update/Cleanup.h"
 #include "update/UpdateConfig.h"
 #include "update/UpdateQueue.h"
 
@@ -26,7 +26,7 @@ using MarlLogger::json::JSON;
 const char* kFirstUrl = "https://cfg.test/fconfig/key/1.0/0~0/~";
 
 class SetupTest : public ProcessTest {
-protected:
+  protected:
     void SetUp() override {
         ProcessTest::SetUp();
         HostDefaults defaults;
@@ -34,8 +34,8 @@ protected:
         Settings::setDefaults(defaults);
         proxy_ = std::make_shared<FakeProxy>();
         proxy_->serve(kFirstUrl, 200, FakeProxy::sign(R"({"v":"1700000000000","i":4294967295})"));
-        UpdateQueue::setControls({[this](int trigger) { queueStarts.push_back(trigger); }, [this] { ++pauses; },
-                                  [this] { ++resumes; }});
+        UpdateQueue::setControls({[this](int trigger) { queueStarts.push_back(trigger); },
+                                  [this] { ++pauses; }, [this] { ++resumes; }});
     }
 
     std::vector<std::string> errors() {
@@ -55,9 +55,11 @@ protected:
 };
 
 TEST_F(SetupTest, LifecycleInTheHostsOrder) {
-    EXPECT_EQ(errors(), (std::vector<std::string>{"NO_PROXY", "NOT_SETUP", "NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
+    EXPECT_EQ(errors(), (std::vector<std::string>{"NO_PROXY", "NOT_SETUP", "NOT_UPDATE_CONFIG",
+                                                  "NOT_START_UPDATE"}));
     Setup::setProxy(proxy_, temp_.root());
-    EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_SETUP", "NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
+    EXPECT_EQ(errors(),
+              (std::vector<std::string>{"NOT_SETUP", "NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
     Setup::setup("key", "1.0", 1);  // the host will call startUpdate itself
     EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
     EXPECT_EQ(MarlLogger::Inspector::info("FerritInfo"), "Ferrit/10.10.0-rc.5");
@@ -86,7 +88,8 @@ TEST_F(SetupTest, LifecycleInTheHostsOrder) {
     EXPECT_EQ(queueStarts, (std::vector<int>{kTriggerTimer}));
     // The stored document survives in the packs store.
     Error error;
-    EXPECT_NE(PacksStore::instance().readConfig(error).find("1700000000000"), std::string::npos) << error.message();
+    EXPECT_NE(PacksStore::instance().readConfig(error).find("1700000000000"), std::string::npos)
+        << error.message();
 }
 
 TEST_F(SetupTest, ModeZeroStartsUpdatingAfterFirstConfiguration) {
@@ -137,8 +140,8 @@ TEST_F(SetupTest, StartUpdateBeforeSetupLeavesAutoStartNothingToDo) {
     clock_->advance(Setup::kAutoStartDelayMs);
     TaskRunner::runDue();
     EXPECT_EQ(logs_->count("autoStartUpdate"), 0u);
-    EXPECT_TRUE(proxy_->events.empty() || std::find(proxy_->events.begin(), proxy_->events.end(), "Ferrit.Init") ==
-                                              proxy_->events.end());
+    EXPECT_TRUE(proxy_->events.empty() || std::find(proxy_->events.begin(), proxy_->events.end(),
+                                                    "Ferrit.Init") == proxy_->events.end());
 }
 
 TEST_F(SetupTest, HostThatNeverStartsGetsAutoStartAfterFiveMinutes) {
@@ -153,7 +156,8 @@ TEST_F(SetupTest, HostThatNeverStartsGetsAutoStartAfterFiveMinutes) {
     EXPECT_TRUE(flags() & kUpdateStarted);
     auto entry = logs_->last("autoStartUpdate", "Ferrit/Setup");
     EXPECT_EQ(entry.level, 1);
-    EXPECT_NE(std::find(proxy_->events.begin(), proxy_->events.end(), "Ferrit.Init"), proxy_->events.end());
+    EXPECT_NE(std::find(proxy_->events.begin(), proxy_->events.end(), "Ferrit.Init"),
+              proxy_->events.end());
 }
 
 TEST_F(SetupTest, StartUpdateTwiceHasTheEffectOfOnce) {
@@ -186,7 +190,8 @@ TEST_F(SetupTest, SameEnvironmentRequestsNoUpdate) {
     EXPECT_EQ(proxy_->requests.size(), before);
     Setup::setEnv(1);
     TaskRunner::runDue();
-    EXPECT_EQ(proxy_->requests.size(), before + 1) << "a change after the first update checks at once";
+    EXPECT_EQ(proxy_->requests.size(), before + 1)
+        << "a change after the first update checks at once";
 }
 
 TEST_F(SetupTest, EnvironmentSetBeforeFirstUpdateOnlyTakesEffect) {

@@ -85,7 +85,7 @@ TEST(ClockTest, MonotonicClockNeverGoesBack) {
 
 // A fake that overrides only what a test needs, installed directly.
 class FixedSource : public TimeSource {
-public:
+  public:
     double wallMs() override { return 11.0; }
     double clockMs() override { return 22.0; }
 };

@@ -33,13 +33,13 @@ JSON sampleValue() {
     value.set("zeta", JSON(int64_t{-200}));
     value.set("alpha", JSON(uint64_t{18446744073709551615ull}));
     value.set("mid", inner);
-    value.set("ints", JSON(JSONArray{JSON(0), JSON(127), JSON(128), JSON(255), JSON(256),
-                                     JSON(65535), JSON(65536), JSON(int64_t{4294967295}),
-                                     JSON(int64_t{4294967296}), JSON(-32), JSON(-33), JSON(-128),
-                                     JSON(-129), JSON(-32768), JSON(-32769),
-                                     JSON(int64_t{-2147483648LL}), JSON(int64_t{-2147483649LL}),
-                                     JSON(std::numeric_limits<int64_t>::min()),
-                                     JSON(std::numeric_limits<int64_t>::max())}));
+    value.set("ints",
+              JSON(JSONArray{
+                  JSON(0), JSON(127), JSON(128), JSON(255), JSON(256), JSON(65535), JSON(65536),
+                  JSON(int64_t{4294967295}), JSON(int64_t{4294967296}), JSON(-32), JSON(-33),
+                  JSON(-128), JSON(-129), JSON(-32768), JSON(-32769), JSON(int64_t{-2147483648LL}),
+                  JSON(int64_t{-2147483649LL}), JSON(std::numeric_limits<int64_t>::min()),
+                  JSON(std::numeric_limits<int64_t>::max())}));
     value.set("strings",
               JSON(JSONArray{JSON(""), JSON(std::string(31, 's')), JSON(std::string(32, 's')),
                              JSON(std::string(255, 's')), JSON(std::string(256, 's')),
@@ -375,14 +375,13 @@ TEST(JsonTest, ParseErrorsGiveNullAndWordsWithOffset) {
         const char* text;
         const char* words;
     };
-    for (const Case& c : {Case{"", "The document is empty. at offset 0"},
-                          Case{"   ", "The document is empty. at offset 3"},
-                          Case{"[1,2", "at offset 4"},
-                          Case{"{\"a\" 1}", "Missing a colon after a name of object member."},
-                          Case{"[1] 2", "The document root must not be followed by other values."},
-                          Case{"tru", "Invalid value."},
-                          Case{"1e999", "Number too big to be stored in double."},
-                          Case{"\"abc", "Missing a closing quotation mark in string."}}) {
+    for (const Case& c :
+         {Case{"", "The document is empty. at offset 0"},
+          Case{"   ", "The document is empty. at offset 3"}, Case{"[1,2", "at offset 4"},
+          Case{"{\"a\" 1}", "Missing a colon after a name of object member."},
+          Case{"[1] 2", "The document root must not be followed by other values."},
+          Case{"tru", "Invalid value."}, Case{"1e999", "Number too big to be stored in double."},
+          Case{"\"abc", "Missing a closing quotation mark in string."}}) {
         SCOPED_TRACE(c.text);
         std::string error;
         JSON value = JSON::parse(c.text, &error);
@@ -665,17 +664,31 @@ TEST(JsonTest, BinaryDuplicateKeysKeepLast) {
 TEST(JsonTest, StringerWritesCompactText) {
     JSONStringer out;
     out.object()
-        .key("s").value("a\"b")
-        .key("i").value(-3)
-        .key("u").value(uint64_t{18446744073709551615ull})
-        .key("d").value(0.5)
-        .key("nan").value(kNaN)
-        .key("b").value(true)
-        .key("n").value(nullptr)
-        .key("a").array().value(1).value(std::string("x")).endArray()
-        .key("j").value(JSON(JSONObject{{"k", JSON(JSONArray{JSON(1)})}}))
-        .key("raw").beforeValue(R"({"pre":[1,2]})")
-        .key("empty").beforeValue("")
+        .key("s")
+        .value("a\"b")
+        .key("i")
+        .value(-3)
+        .key("u")
+        .value(uint64_t{18446744073709551615ull})
+        .key("d")
+        .value(0.5)
+        .key("nan")
+        .value(kNaN)
+        .key("b")
+        .value(true)
+        .key("n")
+        .value(nullptr)
+        .key("a")
+        .array()
+        .value(1)
+        .value(std::string("x"))
+        .endArray()
+        .key("j")
+        .value(JSON(JSONObject{{"k", JSON(JSONArray{JSON(1)})}}))
+        .key("raw")
+        .beforeValue(R"({"pre":[1,2]})")
+        .key("empty")
+        .beforeValue("")
         .endObject();
     const std::string expected =
         R"({"s":"a\"b","i":-3,"u":18446744073709551615,"d":0.5,"nan":null,"b":true,"n":null,)"
@@ -692,12 +705,12 @@ TEST(JsonTest, StringerRawValuesInArrays) {
 
 TEST(JsonTest, StringerIgnoresMisplacedCalls) {
     JSONStringer out;
-    out.key("outside");                  // no object open
-    out.object().value(1);               // a key is due
-    out.key("a").key("b");               // a value is due
-    out.endArray();                      // nothing to close of that kind
+    out.key("outside");     // no object open
+    out.object().value(1);  // a key is due
+    out.key("a").key("b");  // a value is due
+    out.endArray();         // nothing to close of that kind
     out.value(2).endObject();
-    out.value(3);                        // a second root
+    out.value(3);  // a second root
     out.endObject();
     EXPECT_EQ(out.result(), R"({"a":2})");
 }

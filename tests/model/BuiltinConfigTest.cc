@@ -2,16 +2,16 @@
 
 #include <map>
 
-#include "tests/model/UpdateFixture.h"
-#include "base/Errors.h"
 #include "base/AssetProvider.h"
+#include "base/Errors.h"
 #include "model/BuiltinConfig.h"
+#include "tests/model/UpdateFixture.h"
 
 namespace FerritTest {
 namespace {
 
 class BuiltinConfigTest : public UpdateFixture {
-protected:
+  protected:
     // The app's raw files come from the test proxy's memory.
     void SetUp() override {
         UpdateFixture::SetUp();
@@ -27,9 +27,10 @@ protected:
     std::map<std::string, std::string>& assets_ = proxy_->assets;
 };
 
-const char* kAsset = R"({"v":"77","packs":{"kit":{"s":5,"b":4,"f":96,"installedSize":300,"r":["https://h/kit.html"]},)"
-                     R"("odd":{"s":1,"f":48}},)"
-                     R"("resources":{"kit":{"res/kit.html":{"url":"https://h/kit.html","v":"abc"}},"odd":{}}})";
+const char* kAsset =
+    R"({"v":"77","packs":{"kit":{"s":5,"b":4,"f":96,"installedSize":300,"r":["https://h/kit.html"]},)"
+    R"("odd":{"s":1,"f":48}},)"
+    R"("resources":{"kit":{"res/kit.html":{"url":"https://h/kit.html","v":"abc"}},"odd":{}}})";
 
 TEST_F(BuiltinConfigTest, MissingAssetIsInfoAndChangesNothing) {
     EXPECT_EQ(load().code(), 1101);
@@ -57,7 +58,8 @@ TEST_F(BuiltinConfigTest, PackWithoutResourcesEndsTheLoad) {
     const Error error = load();
     EXPECT_EQ(error.code(), 1107);
     EXPECT_EQ(error.message(),
-              "file \"/Asset/Ferrit_Asset.config\" deserialization failed: pack \"kit\" resources not found");
+              "file \"/Asset/Ferrit_Asset.config\" deserialization failed: pack \"kit\" resources "
+              "not found");
     EXPECT_EQ(SCache::current()->find("kit"), nullptr);
 }
 
@@ -85,11 +87,13 @@ TEST_F(BuiltinConfigTest, LoadInstallsPacksAtTheirOwnSequence) {
 }
 
 TEST_F(BuiltinConfigTest, ExistingAssetRecordsAreReplacedAndPreviewsKept) {
-    SCache::publish(doc(R"({"v":"1","packs":{"kit":{"s":3,"f":96,"installedSeq":3},)"
-                        R"("kit@5":{"s":5,"f":96,"installedSeq":5},"kit@4":{"s":4,"f":96,"installedSeq":4},)"
-                        R"("prev":{"f":96,"status":3,"zipURL":"https://z","installedSeq":2},"web":{"s":1}}})"));
-    assets_["Ferrit_Asset.config"] = R"({"v":"2","packs":{"kit":{"s":5,"f":96},"prev":{"s":9,"f":96}},)"
-                                     R"("resources":{"kit":{},"prev":{}}})";
+    SCache::publish(
+        doc(R"({"v":"1","packs":{"kit":{"s":3,"f":96,"installedSeq":3},)"
+            R"("kit@5":{"s":5,"f":96,"installedSeq":5},"kit@4":{"s":4,"f":96,"installedSeq":4},)"
+            R"("prev":{"f":96,"status":3,"zipURL":"https://z","installedSeq":2},"web":{"s":1}}})"));
+    assets_["Ferrit_Asset.config"] =
+        R"({"v":"2","packs":{"kit":{"s":5,"f":96},"prev":{"s":9,"f":96}},)"
+        R"("resources":{"kit":{},"prev":{}}})";
     ASSERT_FALSE(load());
     const FConfigPtr config = SCache::current();
     EXPECT_EQ(config->find("kit")->installedSeq, 5u);

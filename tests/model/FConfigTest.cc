@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "tests/model/UpdateFixture.h"
 #include "base/Digest.h"
 #include "base/Url.h"
 #include "model/FConfig.h"
+#include "tests/model/UpdateFixture.h"
 
 namespace FerritTest {
 namespace {
@@ -11,7 +11,7 @@ namespace {
 constexpr double kHour = 3600000.0;
 
 class FConfigTest : public UpdateFixture {
-protected:
+  protected:
     // Installs `text` as the current document.
     static void seed(const std::string& text) { SCache::publish(doc(text)); }
     static PackPtr pack(const std::string& name) { return SCache::current()->find(name); }
@@ -98,7 +98,8 @@ TEST_F(FConfigTest, MemberWithAtBecomesFixedSequence) {
 }
 
 TEST_F(FConfigTest, LegacyACacheTypeIsRead) {
-    auto p = doc(R"({"v":"1","packs":{"a":{"f":64,"ACacheType":2,"zipURL":"https://z"}}})")->find("a");
+    auto p =
+        doc(R"({"v":"1","packs":{"a":{"f":64,"ACacheType":2,"zipURL":"https://z"}}})")->find("a");
     EXPECT_EQ(p->subType, 2u);
     EXPECT_EQ(p->legacySubType, 0u);
 }
@@ -110,7 +111,8 @@ TEST_F(FConfigTest, PreviewWithoutZipUrlReadsNormal) {
 TEST_F(FConfigTest, GarbageAndDeepNestingGive1007) {
     Error error;
     std::string garbage(10 << 20, '\0');
-    for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = static_cast<char>((i * 2654435761u) >> 13);
+    for (size_t i = 0; i < garbage.size(); ++i)
+        garbage[i] = static_cast<char>((i * 2654435761u) >> 13);
     EXPECT_EQ(FConfig::parse(garbage, "g", error, false), nullptr);
     EXPECT_EQ(error.code(), 1007);
     EXPECT_EQ(error.message(), "request \"g\" deserialization failed");
@@ -152,7 +154,8 @@ TEST_F(FConfigTest, SignedDocumentVerifiesThroughProxy) {
 
     EXPECT_EQ(FConfig::parse(body + "||" + "AAAA", "u", error, true), nullptr);
     EXPECT_EQ(error.code(), 1010);
-    EXPECT_EQ(error.message(), "request \"u\" verify failed: MD5 is \"" + Digest::md5Hex(body) + "\"");
+    EXPECT_EQ(error.message(),
+              "request \"u\" verify failed: MD5 is \"" + Digest::md5Hex(body) + "\"");
 }
 
 TEST_F(FConfigTest, MissingSeparatorIs1007NoSignature) {
@@ -209,14 +212,18 @@ TEST_F(FConfigTest, OlderUpdateTimeChangesNothing) {
     seed(R"({"v":"1","packs":{"a":{"s":3,"b":2,"updateTime":3000}}})");
     const PackPtr before = pack("a");
     auto document = doc(R"({"v":"1","packs":{"a":{"s":2,"b":1,"updateTime":2000}}})");
-    SCache::mutate([&](FConfig& config) { config.mergePack(document->find("a")); EXPECT_FALSE(config.dirty); });
+    SCache::mutate([&](FConfig& config) {
+        config.mergePack(document->find("a"));
+        EXPECT_FALSE(config.dirty);
+    });
     EXPECT_EQ(pack("a"), before);
 }
 
 TEST_F(FConfigTest, FullDocumentKeepsRecentGrayAndDropsOldGray) {
     const double now = MRLCurrentTime();
     seed(R"({"v":"1","packs":{"recent":{"s":1,"g":2,"t":)" + std::to_string(now - 2 * kHour) +
-         R"(},"old":{"s":1,"g":2,"t":)" + std::to_string(now - 25 * kHour) + R"(},"plain":{"s":1}}})");
+         R"(},"old":{"s":1,"g":2,"t":)" + std::to_string(now - 25 * kHour) +
+         R"(},"plain":{"s":1}}})");
     mergeText(R"({"v":"2","i":4294967295,"packs":{}})");
     EXPECT_NE(pack("recent"), nullptr);
     EXPECT_EQ(pack("old"), nullptr);
@@ -228,7 +235,8 @@ TEST_F(FConfigTest, FullDocumentKeepsRecentGrayAndDropsOldGray) {
 }
 
 TEST_F(FConfigTest, FullDocumentKeepsAppAssetAndPreviewPacks) {
-    seed(R"({"v":"1","packs":{"app":{"f":64},"asset":{"f":96},"preview":{"status":3,"zipURL":"https://z"}}})");
+    seed(
+        R"({"v":"1","packs":{"app":{"f":64},"asset":{"f":96},"preview":{"status":3,"zipURL":"https://z"}}})");
     mergeText(R"({"v":"2","i":4294967295})");
     EXPECT_NE(pack("app"), nullptr);
     EXPECT_NE(pack("asset"), nullptr);
@@ -287,9 +295,11 @@ TEST_F(FConfigTest, RollbackGrayDropsInstalledFilesAndKeepsReleasedRecord) {
 }
 
 TEST_F(FConfigTest, DamageAndEvictionOutliveNewConfiguration) {
-    seed(R"({"v":"1","packs":{"damaged":{"s":1,"installedSeq":1,"status":1},"evicted":{"s":1,"status":2},)"
-         R"("resident":{"s":1,"f":9,"status":2}}})");
-    mergeText(R"({"v":"2","packs":{"damaged":{"s":2},"evicted":{"s":2},"resident":{"s":2,"f":9}}})");
+    seed(
+        R"({"v":"1","packs":{"damaged":{"s":1,"installedSeq":1,"status":1},"evicted":{"s":1,"status":2},)"
+        R"("resident":{"s":1,"f":9,"status":2}}})");
+    mergeText(
+        R"({"v":"2","packs":{"damaged":{"s":2},"evicted":{"s":2},"resident":{"s":2,"f":9}}})");
     EXPECT_EQ(pack("damaged")->status, 1u);
     EXPECT_EQ(pack("evicted")->status, 2u);
     EXPECT_EQ(pack("resident")->status, 0u);
@@ -366,7 +376,8 @@ TEST_F(FConfigTest, FixedSequenceAssetCopiesAreNotIndexed) {
 }
 
 TEST_F(FConfigTest, SameClaimGoesToSmallestName) {
-    seed(R"({"v":"1","packs":{"b":{"p":["https://a/"],"r":["https://a/i"]},"a":{"p":["https://a/"],"r":["https://a/i"]}}})");
+    seed(
+        R"({"v":"1","packs":{"b":{"p":["https://a/"],"r":["https://a/i"]},"a":{"p":["https://a/"],"r":["https://a/i"]}}})");
     EXPECT_EQ(SCache::current()->urlIndex().at("//a/i"), "a");
     EXPECT_EQ(SCache::current()->prefixTree().lookup("//a/x", ""), "a");
 }

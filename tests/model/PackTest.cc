@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "tests/model/UpdateFixture.h"
 #include "model/Pack.h"
+#include "tests/model/UpdateFixture.h"
 
 namespace FerritTest {
 namespace {
@@ -9,7 +9,7 @@ namespace {
 using MarlLogger::json::JSON;
 
 class PackTest : public UpdateFixture {
-protected:
+  protected:
     static Pack read(const std::string& name, const std::string& json) {
         Pack pack;
         pack.name = name;
@@ -24,7 +24,8 @@ protected:
 };
 
 TEST_F(PackTest, NumbersFollowTheRuleOfCoercion) {
-    Pack p = read("a", R"({"s": "12", "f": true, "b": "true", "m": "false", "g": "", "installedSeq": "x7",
+    Pack p = read(
+        "a", R"({"s": "12", "f": true, "b": "true", "m": "false", "g": "", "installedSeq": "x7",
                           "installedBaseSeq": 3.9, "trigger": "1", "status": [1], "installedSize": {"a": 1}})");
     EXPECT_EQ(p.seq, 12u);
     EXPECT_EQ(p.flags, 1u);
@@ -39,7 +40,9 @@ TEST_F(PackTest, NumbersFollowTheRuleOfCoercion) {
 }
 
 TEST_F(PackTest, NumbersOutOfRangeDoNotCrash) {
-    Pack p = read("a", R"({"s": 1e300, "f": -5, "t": -1e300, "trigger": 99999999999999, "g": "99999999999999999999999"})");
+    Pack p = read(
+        "a",
+        R"({"s": 1e300, "f": -5, "t": -1e300, "trigger": 99999999999999, "g": "99999999999999999999999"})");
     EXPECT_EQ(p.flags, 0u);
     EXPECT_EQ(p.trigger, 4294967295u);
     EXPECT_TRUE(p.seq > 0);

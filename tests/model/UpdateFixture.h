@@ -5,18 +5,18 @@
 
 #include <string>
 
-#include "model/ResourceIndex.h"
-#include "marl/Clock.h"
-#include "marl/Log.h"
 #include "base/Environment.h"
 #include "base/Proxy.h"
-#include "runtime/Settings.h"
 #include "base/Telemetry.h"
-#include "runtime/TaskRunner.h"
-#include "storage/Statistics.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
 #include "model/BuiltinConfig.h"
 #include "model/FConfig.h"
+#include "model/ResourceIndex.h"
 #include "model/SCache.h"
+#include "runtime/Settings.h"
+#include "runtime/TaskRunner.h"
+#include "storage/Statistics.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
 
@@ -26,14 +26,16 @@ using namespace FerritCore;
 
 // Records what a commit writes and deletes.
 class RecordingStorage : public ConfigStorage {
-public:
+  public:
     Error writeConfig(const std::string& text) override {
         writes.push_back(text);
         if (failWrites) return Error(1104, "write failed");
         ++storedWrites;
         return Error();
     }
-    void removeFolder(const Folder& folder) override { removedFolders.push_back(folder.relative()); }
+    void removeFolder(const Folder& folder) override {
+        removedFolders.push_back(folder.relative());
+    }
     void wipeInstalled() override { ++wipes; }
 
     std::vector<std::string> writes;
@@ -45,7 +47,7 @@ public:
 
 // A fresh process with a private root, whose configuration commits go to a recording storage.
 class UpdateFixture : public ProcessTest {
-protected:
+  protected:
     void SetUp() override {
         ProcessTest::SetUp();
         SCache::setStorage(storage_);

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "tests/FakeProxy.h"
-#include "tests/TestUtil.h"
-#include "marl/Clock.h"
 #include "base/Environment.h"
+#include "marl/Clock.h"
 #include "runtime/Network.h"
 #include "runtime/TaskRunner.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
 
 namespace FerritTest {
 namespace {
@@ -13,7 +13,7 @@ namespace {
 using namespace FerritCore;
 
 class NetworkTest : public ProcessTest {
-protected:
+  protected:
     void SetUp() override {
         ProcessTest::SetUp();
         proxy_ = std::make_shared<FakeProxy>();
@@ -23,19 +23,26 @@ protected:
     // Runs a configuration request and the worker; returns what the completion got.
     std::pair<std::string, Error> config(const std::string& url) {
         std::pair<std::string, Error> got{"unset", Error()};
-        Network::requestConfig(url, "T", [&](std::string content, Error error) { got = {std::move(content), error}; });
+        Network::requestConfig(url, "T", [&](std::string content, Error error) {
+            got = {std::move(content), error};
+        });
         TaskRunner::runDue();
         return got;
     }
-    std::pair<ProxyResponse, Error> resource(const std::string& url, const HeaderMap& header, bool allow304) {
+    std::pair<ProxyResponse, Error> resource(const std::string& url, const HeaderMap& header,
+                                             bool allow304) {
         std::pair<ProxyResponse, Error> got;
         got.second = Error(-99, "not called");
-        Network::requestResource(url, "T", header, allow304, [&](ProxyResponse r, Error e) { got = {std::move(r), e}; });
+        Network::requestResource(url, "T", header, allow304, [&](ProxyResponse r, Error e) {
+            got = {std::move(r), e};
+        });
         return got;
     }
     std::pair<uint64_t, Error> pack(const std::string& url, const Folder& target) {
         std::pair<uint64_t, Error> got{99, Error(-99, "not called")};
-        Network::requestPack(url, target, "T", 3, [&](uint64_t length, Error e) { got = {length, e}; });
+        Network::requestPack(url, target, "T", 3, [&](uint64_t length, Error e) {
+            got = {length, e};
+        });
         TaskRunner::runDue();
         return got;
     }

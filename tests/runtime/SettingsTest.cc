@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/Environment.h"
 #include "marl/Clock.h"
 #include "tests/TestUtil.h"
-#include "base/Environment.h"
 
 namespace FerritCore {
 namespace {

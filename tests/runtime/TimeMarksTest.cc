@@ -5,11 +5,11 @@
 #include <map>
 #include <mutex>
 
+#include "base/Folder.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
-#include "base/Folder.h"
-#include "tests/TestUtil.h"
 #include "tests/FakeMarkStore.h"
+#include "tests/TestUtil.h"
 
 namespace FerritCore {
 namespace {

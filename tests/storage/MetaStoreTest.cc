@@ -9,9 +9,9 @@
 #include <thread>
 #include <vector>
 
-#include "tests/storage/StoreFixture.h"
 #include "base/LogTags.h"
 #include "storage/ConfigStore.h"
+#include "tests/storage/StoreFixture.h"
 
 namespace FerritCore {
 namespace {

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/storage/StoreFixture.h"
 #include "base/PackedFiles.h"
 #include "storage/PacksStore.h"
+#include "tests/storage/StoreFixture.h"
 
 namespace FerritCore {
 namespace {
@@ -152,7 +152,6 @@ TEST_F(SeriesStoreTest, ReopenKeepsTheValues) {
 
 class PacksStoreTest : public FerritTest::StoreFixture {
   protected:
-
     void writeLegacy(const std::string& text) {
         std::filesystem::create_directories(root() + "config");
         std::ofstream(root() + "config/fconfig.config", std::ios::binary) << text;
@@ -229,7 +228,8 @@ TEST_F(PacksStoreTest, FailedWriteConfigKeepsTheOlderFile) {
 TEST_F(PacksStoreTest, PackedFolderFilesLiveInTheStore) {
     PackedFiles::set(PacksStore::files());
     Error error;
-    ASSERT_TRUE(Folder::writeFile(Folder::packed("p/1/res/a.js"), "stored", error)) << error.message();
+    ASSERT_TRUE(Folder::writeFile(Folder::packed("p/1/res/a.js"), "stored", error))
+        << error.message();
     ASSERT_TRUE(Folder::writeFile(Folder::packed("p/1/res/ab.js"), "also", error));
     EXPECT_TRUE(Folder::packed("p/1/res/a.js").exists());
     EXPECT_TRUE(Folder::packed("p/1/").exists());

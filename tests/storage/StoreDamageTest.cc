@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "tests/storage/StoreFixture.h"
 #include "base/LogTags.h"
 #include "storage/ConfigStore.h"
 #include "storage/MetaStore.h"
 #include "storage/PacksStore.h"
+#include "tests/storage/StoreFixture.h"
 
 namespace FerritCore {
 namespace {
@@ -85,7 +85,6 @@ class StoreDamageTest : public FerritTest::StoreFixture {
         EXPECT_EQ(store.get("after", error)["c"], JSON(1));
         EXPECT_FALSE(error);
     }
-
 };
 
 // A damaged database at start: the first open fails, the folder is removed, the second open

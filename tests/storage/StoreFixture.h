@@ -11,15 +11,15 @@
 #include <unordered_map>
 #include <vector>
 
-#include "tests/FakeProxy.h"
-#include "tests/TestUtil.h"
-#include "marl/Clock.h"
-#include "marl/Log.h"
 #include "base/Environment.h"
+#include "base/Folder.h"
 #include "base/Proxy.h"
 #include "base/Telemetry.h"
-#include "base/Folder.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
 #include "storage/KeyValueStore.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
 
 namespace FerritTest {
 

@@ -2,11 +2,11 @@
 
 #include <fstream>
 
+#include "runtime/Network.h"
+#include "storage/PacksStore.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
 #include "tests/model/UpdateFixture.h"
-#include "runtime/Network.h"
-#include "storage/PacksStore.h"
 #include "update/UpdateConfig.h"
 
 namespace FerritTest {
@@ -16,7 +16,7 @@ constexpr double kDay = 86400000.0;
 constexpr double kNow = 1.7e12;
 
 class UpdateConfigTest : public UpdateFixture {
-protected:
+  protected:
     void SetUp() override {
         UpdateFixture::SetUp();
         clock_->setWall(kNow);
@@ -27,15 +27,16 @@ protected:
         HostDefaults defaults;
         defaults.configPrefix = "https://cfg.test/";
         Settings::setDefaults(defaults);
-        SCache::publish(std::make_shared<FConfig>());  // a document made with the running locale and version
+        SCache::publish(
+            std::make_shared<FConfig>());  // a document made with the running locale and version
         proxy_ = std::make_shared<FakeProxy>();
         environment.setProxy(proxy_);
     }
 
     UpdateConfig& updater() { return UpdateConfig::instance(); }
     // The current document with these fields.
-    void seed(const std::string& version, double lastFullUpdate, const std::string& locale = "zh_CN",
-              const std::string& clientVersion = "1.0") {
+    void seed(const std::string& version, double lastFullUpdate,
+              const std::string& locale = "zh_CN", const std::string& clientVersion = "1.0") {
         auto config = std::make_shared<FConfig>();
         config->version = version;
         config->lastUpdate = kNow;
@@ -57,30 +58,35 @@ protected:
 // ---- the request URL, byte for byte ----
 
 TEST_F(UpdateConfigTest, FirstCheckAsksFromZero) {
-    EXPECT_EQ(updater().checkDue(kTriggerStartup, ""), "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN");
+    EXPECT_EQ(updater().checkDue(kTriggerStartup, ""),
+              "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN");
     EXPECT_TRUE(updater().initial());
 }
 
 TEST_F(UpdateConfigTest, RecentPartialCheckNamesBothVersions) {
     seed(v(kNow - 3600000), kNow - 3600000);
     EXPECT_EQ(updater().checkDue(kTriggerPush, v(kNow - 1000)),
-              "https://cfg.test/fconfig/key/1.0/" + v(kNow - 1000) + "~" + v(kNow - 3600000) + "/zh_CN~zh_CN");
+              "https://cfg.test/fconfig/key/1.0/" + v(kNow - 1000) + "~" + v(kNow - 3600000) +
+                  "/zh_CN~zh_CN");
     EXPECT_FALSE(updater().initial());
 }
 
 TEST_F(UpdateConfigTest, LocalVersionOlderThanSevenDaysAsksForFullDocument) {
     seed(v(kNow - 8 * kDay), kNow - kDay);
-    EXPECT_EQ(updater().checkDue(kTriggerTimer, "0"), "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN");
+    EXPECT_EQ(updater().checkDue(kTriggerTimer, "0"),
+              "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN");
 }
 
 TEST_F(UpdateConfigTest, OldFullUpdateAsksForFullDocument) {
     seed(v(kNow - kDay), kNow - 8 * kDay);
-    EXPECT_EQ(updater().checkDue(kTriggerActive, "0"), "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN");
+    EXPECT_EQ(updater().checkDue(kTriggerActive, "0"),
+              "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN");
 }
 
 TEST_F(UpdateConfigTest, DocumentForAnotherLocaleAsksForFullDocument) {
     seed(v(kNow - kDay), kNow - kDay, "en");
-    EXPECT_EQ(updater().checkDue(kTriggerTimer, "0"), "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~en");
+    EXPECT_EQ(updater().checkDue(kTriggerTimer, "0"),
+              "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~en");
 }
 
 TEST_F(UpdateConfigTest, DocumentForAnotherEnvironmentAsksForFullDocument) {
@@ -118,7 +124,9 @@ TEST_F(UpdateConfigTest, TargetWithFractionIsCut) {
 
 TEST_F(UpdateConfigTest, SignedDocumentIsMergedAndReported) {
     const std::string url = "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN";
-    proxy_->serve(url, 200, FakeProxy::sign(R"({"v":"1700000000000.5","i":4294967295,"packs":{"a":{"s":2}}})"));
+    proxy_->serve(
+        url, 200,
+        FakeProxy::sign(R"({"v":"1700000000000.5","i":4294967295,"packs":{"a":{"s":2}}})"));
     Error got(-1, "not called");
     check(kTriggerStartup, "", [&](const Error& e) { got = e; });
     EXPECT_FALSE(got) << got.message();
@@ -128,7 +136,8 @@ TEST_F(UpdateConfigTest, SignedDocumentIsMergedAndReported) {
     EXPECT_FALSE(updater().busy());
     ASSERT_EQ(proxy_->events.size(), 1u);
     EXPECT_EQ(proxy_->events[0], "Ferrit.ConfigUpdate");
-    EXPECT_EQ(logs_->last("finished", "Ferrit/UpdateConfig").field("version").stringValue(), "1700000000000");
+    EXPECT_EQ(logs_->last("finished", "Ferrit/UpdateConfig").field("version").stringValue(),
+              "1700000000000");
     EXPECT_EQ(logs_->last("start", "Ferrit/UpdateConfig").field("url").stringValue(), url);
     EXPECT_EQ(proxy_->requests[0].header.at("f-refer"), "ferrit_config");
 }
@@ -282,7 +291,8 @@ TEST_F(UpdateConfigTest, FailedCheckIsRetriedAfterAFifthOfTheInterval) {
 TEST_F(UpdateConfigTest, SuccessfulCheckRestartsTheInterval) {
     updater().startTimer();
     auto timer = updater().timer();
-    proxy_->serve("https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN", 200, FakeProxy::sign(R"({"v":"5"})"));
+    proxy_->serve("https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN", 200,
+                  FakeProxy::sign(R"({"v":"5"})"));
     clock_->advance(1000);
     check(kTriggerActive, "0");
     EXPECT_DOUBLE_EQ(timer->lastRunTime(), MRLCurrentTime());
@@ -307,12 +317,13 @@ TEST_F(UpdateConfigTest, TimerTicksCheckEveryInterval) {
 // ---- the load at process start ----
 
 class LoadAtStartTest : public UpdateFixture {
-protected:
+  protected:
 };
 
 TEST_F(LoadAtStartTest, StoredDocumentIsLoaded) {
     Error error;
-    ASSERT_TRUE(PacksStore::instance().writeConfig(R"({"v":"42","packs":{"a":{"s":1}}})", error)) << error.message();
+    ASSERT_TRUE(PacksStore::instance().writeConfig(R"({"v":"42","packs":{"a":{"s":1}}})", error))
+        << error.message();
     UpdateConfig::loadAtStart();
     EXPECT_EQ(SCache::current()->version, "42");
     auto entry = logs_->last("fconfig", "Ferrit/Load");
