@@ -6,6 +6,7 @@
 #include "base/Errors.h"
 #include "base/Http.h"
 #include "base/LogTags.h"
+#include "base/Telemetry.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -73,7 +74,7 @@ class MatchLog {
 }  // namespace
 
 std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int policy) {
-    auto context = std::make_shared<RequestContext>(request, kRequestTrigger);
+    auto context = std::make_shared<RequestContext>(request, kTriggerVisit);
     auto resource = std::make_shared<Resource>(context, request.parentId, request.isUniApp());
     MatchLog log(*resource, request, policy);
 

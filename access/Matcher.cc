@@ -115,7 +115,7 @@ PackPtr findByName(const FConfig& config, std::string_view name, std::string_vie
         auto made = std::make_shared<Pack>();
         made->name = packName;
         made->flags = kPackTypeACache;
-        made->subType = 2;
+        made->subType = kSubTypeFixedUrl;
         made->seq = 1;
         made->installedSeq = 1;
         made->zipURL = std::string(name);
@@ -137,7 +137,7 @@ PackPtr findByName(const FConfig& config, std::string_view name, std::string_vie
                 plain ? std::make_shared<Pack>(*plain) : std::make_shared<Pack>();
             made->name = pinned;
             made->flags = (made->flags & ~static_cast<uint64_t>(0xF0)) | type;
-            made->subType = 1;
+            made->subType = kSubTypeFixedSeq;
             made->status = kPackStatusNormal;
             made->seq = wanted.seq;
             made->installedSeq = wanted.seq;

@@ -92,7 +92,7 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
     if (p.installedSeq == 0) {
         error = p.status == kPackStatusEliminated ? Errors::eliminated(p.name)
                                                   : Errors::notInstalled(p.name);
-    } else if (p.packType() != kPackTypeSCache && p.subType == 0 && !pinned &&
+    } else if (p.packType() != kPackTypeSCache && p.subType == kSubTypePlain && !pinned &&
                p.installedSeq < p.minSeq) {
         error = Errors::seqTooLow(p.name, p.installedSeq, p.minSeq);
     } else if (p.minSeq != 0 &&
@@ -105,7 +105,7 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
         requestUpdate(p.name, kTriggerVisit);
         return;
     }
-    if (p.packType() == kPackTypeACache && p.subType == 2) {
+    if (p.packType() == kPackTypeACache && p.subType == kSubTypeFixedUrl) {
         error = checkResourcesFolder(p);
         return;
     }
@@ -131,14 +131,14 @@ const std::string& PackMatch::info() {
     if (!pack) {
         info_.reserve(name.size() + 4);
         info_.append("D:").append(name).append("@0");
-    } else if (pack->subType == 2) {
+    } else if (pack->subType == kSubTypeFixedUrl) {
         info_ = "H:" + pack->appName();
     } else {
         info_.reserve(pack->name.size() + 24);
         info_.push_back(typeLetter(*pack));
         info_.push_back(':');
         info_.append(pack->name);
-        if (pack->subType != 1) {
+        if (pack->subType != kSubTypeFixedSeq) {
             info_.push_back('@');
             info_.append(std::to_string(pack->installedSeq));
         }
@@ -179,12 +179,13 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
             const Pack& p = *match->pack;
             const uint32_t type = p.packType();
             if (p.installedSeq < p.seq && (type == kPackTypeDefault || type == kPackTypeFerrit ||
-                                           (type == kPackTypeACache && p.subType == 0)))
+                                           (type == kPackTypeACache && p.subType == kSubTypePlain)))
                 postVisitUpdate(p.name);
         }
     }
     if (!match->name.empty()) {
-        const bool versioned = match->pinned && match->pack && match->pack->subType == 0;
+        const bool versioned =
+            match->pinned && match->pack && match->pack->subType == kSubTypePlain;
         firstVisit = versioned ? Statistics::addAccess(
                                      Pack::pinnedName(match->name, match->pack->installedSeq),
                                      &accessCount_, 1.0)
@@ -193,7 +194,7 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
 }
 
 PackPart::~PackPart() {
-    if (error.code() == 3001 || !ProxyCalls::hasProxy()) return;
+    if (Errors::isNotFerritResource(error) || !ProxyCalls::hasProxy()) return;
     PerfRecord record("Ferrit.AppVisit");
     record.setDimension("appName", match->pack ? match->pack->appName() : match->name);
     record.setDimension("packSeq", std::to_string(match->pack ? match->pack->installedSeq : 0));
@@ -257,7 +258,7 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
     if (!callback) return;
     std::shared_ptr<ResourcePart> self = shared_from_this();
     // A synchronous attempt on an on-demand pack leaves 1108 behind; that is what this call is for.
-    if (error && !(isOnDemand() && error.code() == 1108)) {
+    if (error && !(isOnDemand() && Errors::isReadAsyncOnly(error))) {
         callback(self);
         return;
     }

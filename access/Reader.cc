@@ -17,7 +17,7 @@ namespace {
 // Every read through a Reader shares one context: it runs for no request of the host.
 const std::shared_ptr<RequestContext>& sharedContext() {
     static auto* context = new std::shared_ptr<RequestContext>(
-        std::make_shared<RequestContext>(0, TracePrefix::kReader));
+        std::make_shared<RequestContext>(kTriggerNone, TracePrefix::kReader));
     return *context;
 }
 
@@ -36,7 +36,7 @@ std::shared_ptr<PackMatch> matchByName(const ReaderParams& params) {
 // "Ferrit.AppVisit" of a reader: "RCF" on the first visit of the pack in this process, "RC" after.
 void sendVisit(PackMatch& match, double start) {
     if (match.name.empty()) return;
-    const bool versioned = match.pinned && match.pack && match.pack->subType == 0;
+    const bool versioned = match.pinned && match.pack && match.pack->subType == kSubTypePlain;
     const std::string key =
         versioned ? Pack::pinnedName(match.name, match.pack->installedSeq) : match.name;
     double accessCount = 0;
@@ -45,7 +45,7 @@ void sendVisit(PackMatch& match, double start) {
     PerfRecord record("Ferrit.AppVisit");
     record.setDimension("appName", match.pack ? match.pack->appName() : match.name);
     record.setDimension("packSeq", std::to_string(match.pack ? match.pack->installedSeq : 0));
-    record.setDimension("trigger", triggerName(0));
+    record.setDimension("trigger", triggerName(kTriggerNone));
     record.setDimension("installed", match.pack && match.pack->isInstalled() ? "true" : "false");
     record.setDimension("visitType", first ? "RCF" : "RC");
     record.setDimension("configVersion", match.configVersion);

@@ -21,9 +21,6 @@ namespace FerritCore {
 
 struct ComboRule;
 
-// Why a request runs, for the shared context of host requests.
-constexpr int kRequestTrigger = 6;
-
 class RequestContext {
   public:
     // Copies the request's URL and headers and takes a new trace id with `tracePrefix`. An
@@ -56,7 +53,7 @@ enum class ReadStatus {
     Failed = 1,         // `error` is set; the whole Resource fails
     NeedAsync = 2,      // `error` is 1108; only readAsync can get the content
     NeedAggregate = 3,  // no valid cached copy; may share one aggregate request
-    NeedFetch = 4,      // the cached copy is out of date; must be fetched alone
+    NeedFetch = 4,      // the cached copy has expired; must be fetched alone
 };
 
 class ResourcePart : public std::enable_shared_from_this<ResourcePart> {

@@ -34,13 +34,13 @@ std::string errnoText(int errnum) {
 }
 
 enum SharedIndex {
-    kNoError,
-    kProxyNotInitialized,
-    kNotFerritResource,
-    kDisabledByDevTool,
-    kDisabledByHeader,
-    kJniFailed,
-    kNapiFailed,
+    kSharedNoError,
+    kSharedProxyNotInitialized,
+    kSharedNotFerritResource,
+    kSharedDisabledByDevTool,
+    kSharedDisabledByHeader,
+    kSharedJniFailed,
+    kSharedNapiFailed,
     kSharedCount,
 };
 
@@ -68,25 +68,25 @@ Error followedBy(int32_t code, const std::string& text, const char* literal) {
 }  // namespace
 
 const Error& noErrorRef() {
-    return shared()[kNoError];
+    return shared()[kSharedNoError];
 }
 const Error& proxyNotInitializedRef() {
-    return shared()[kProxyNotInitialized];
+    return shared()[kSharedProxyNotInitialized];
 }
 const Error& notFerritResourceRef() {
-    return shared()[kNotFerritResource];
+    return shared()[kSharedNotFerritResource];
 }
 const Error& disabledByDevToolRef() {
-    return shared()[kDisabledByDevTool];
+    return shared()[kSharedDisabledByDevTool];
 }
 const Error& disabledByHeaderRef() {
-    return shared()[kDisabledByHeader];
+    return shared()[kSharedDisabledByHeader];
 }
 const Error& jniFailedRef() {
-    return shared()[kJniFailed];
+    return shared()[kSharedJniFailed];
 }
 const Error& napiFailedRef() {
-    return shared()[kNapiFailed];
+    return shared()[kSharedNapiFailed];
 }
 
 // 1xxx: network and storage.
@@ -381,7 +381,7 @@ Error outOfMemory(const std::string& name) {
     return followedBy(3114, name, " out of memory");
 }
 
-Error resourceOutOfDate(double expires, double update) {
+Error resourceExpired(double expires, double update) {
     return Error(3115, "resource out of date, expires: %f, update: %f", expires, update);
 }
 

@@ -95,7 +95,7 @@ Error filesNotFound(const Folder& folder);                                 // 31
 Error resourceListNotFound(const std::string& name);                       // 3112
 Error backupNotFound(const std::string& name, const std::string& url);     // 3113
 Error outOfMemory(const std::string& name);                                // 3114
-Error resourceOutOfDate(double expires, double update);                    // 3115
+Error resourceExpired(double expires, double update);                      // 3115
 Error notAcceptable(std::string_view url, std::string_view contentType,
                     std::string_view accept);  // 3116
 Error notFerrit(const std::string& name);      // 3201
@@ -111,15 +111,32 @@ Error napiFailed(int status);                                  // 9995
 Error initStorageFailed(const std::string& path, int status);  // 9997
 Error initStoreFailed(const std::string& path, int status);    // 9997
 
+// The codes that callers tell apart; every other code is only reported.
+enum Code : int32_t {
+    kFileNotExists = 1101,
+    kReadAsyncOnly = 1108,
+    kNotFerritResource = 3001,
+    kDisabled = 3003,
+    kResourceExpired = 3115,
+};
+
 // Predicates.
 inline bool isFileMissing(const Error& e) {
-    return e.code() == 1101;
+    return e.code() == kFileNotExists;
 }
+// Nothing serves this URL, so the matcher logs it at a lower level.
 inline bool isNotServed(const Error& e) {
-    return e.code() >= 3001 && e.code() <= 3003;
+    return e.code() >= kNotFerritResource && e.code() <= kDisabled;
 }
+// A cached copy whose expiry has passed (3115).
 inline bool isOutOfDate(const Error& e) {
-    return e.code() == 3115;
+    return e.code() == kResourceExpired;
+}
+inline bool isNotFerritResource(const Error& e) {
+    return e.code() == kNotFerritResource;
+}
+inline bool isReadAsyncOnly(const Error& e) {
+    return e.code() == kReadAsyncOnly;
 }
 
 }  // namespace FerritCore::Errors

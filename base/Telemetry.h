@@ -18,6 +18,7 @@ namespace FerritCore {
 const char* triggerName(int trigger);
 
 enum UpdateTrigger : int {
+    kTriggerNone = 0,  // work that no trigger started, such as the pack reader's reads
     kTriggerStartup = 1,
     kTriggerActive = 3,
     kTriggerTimer = 4,

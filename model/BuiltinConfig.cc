@@ -61,7 +61,7 @@ Error BuiltinConfig::load(FConfig& config) {
         if (pack->packType() != kPackTypeSCache) continue;
         if (pack->status == kPackStatusPreview) {
             previews.insert(name);
-        } else if (pack->subType != 1) {
+        } else if (pack->subType != kSubTypeFixedSeq) {
             replaced.push_back(name);  // comes back from the file below
         } else {
             auto listed = builtin.find(pack->rootName());

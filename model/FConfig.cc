@@ -246,7 +246,8 @@ void FConfig::merge(const FConfig& document) {
         scacheVersion = "0";
         env = static_cast<uint32_t>(environment.env());
         SCache::wipeInstalled();
-        BuiltinConfig::load(*this);
+        // A failed load logs itself; the document then goes on without built-in packs.
+        static_cast<void>(BuiltinConfig::load(*this));
         dirty = true;
     }
     if (env != document.env || clientVersion != document.clientVersion ||
@@ -395,7 +396,7 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
     std::vector<std::tuple<std::string, std::string, std::string_view>> prefixes;
     std::string keyBuffer;
     for (const auto& [name, pack] : packs) {
-        if (pack->packType() == kPackTypeSCache && pack->subType == 1) continue;
+        if (pack->packType() == kPackTypeSCache && pack->subType == kSubTypeFixedSeq) continue;
         for (const auto& prefix : pack->prefixes) {
             // A prefix may name, after a "#", the content type it serves: the fragment never
             // reaches a server, so it is free to carry this.

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "base/Telemetry.h"
 #include "marl/Clock.h"
 
 namespace FerritCore {
@@ -131,7 +132,7 @@ void Pack::writeJSON(JSONStringer& out) const {
     if (installedSize != 0) out.key("installedSize").value(installedSize);
     if (installTime != 0) out.key("installTime").value(installTime);
     if (trigger != 0) out.key("trigger").value(trigger);
-    if (subType != 0) out.key("subType").value(subType);
+    if (subType != kSubTypePlain) out.key("subType").value(subType);
     if (legacySubType != 0) out.key("ACacheType").value(legacySubType);
     if (!zipURL.empty()) out.key("zipURL").value(zipURL);
     if (status != 0) out.key("status").value(status);
@@ -142,16 +143,16 @@ void Pack::writeJSON(JSONStringer& out) const {
 
 bool Pack::validate() {
     if (!isSupported() || grayState() > 2 || status > kPackStatusDeleted) return false;
-    if (subType == 2 && zipURL.empty()) return false;
-    if (subType == 1 && name.find('@') == std::string::npos) subType = 0;
-    if (subType == 0) {
-        if (legacySubType == 1 || legacySubType == 2) {
+    if (subType == kSubTypeFixedUrl && zipURL.empty()) return false;
+    if (subType == kSubTypeFixedSeq && name.find('@') == std::string::npos) subType = kSubTypePlain;
+    if (subType == kSubTypePlain) {
+        if (legacySubType == kSubTypeFixedSeq || legacySubType == kSubTypeFixedUrl) {
             subType = legacySubType;
-            if (subType == 2 && zipURL.empty()) return false;
+            if (subType == kSubTypeFixedUrl && zipURL.empty()) return false;
         } else if (name.find('@') != std::string::npos) {
-            subType = 1;
+            subType = kSubTypeFixedSeq;
         }
-    } else if (subType != 1 && subType != 2) {
+    } else if (subType != kSubTypeFixedSeq && subType != kSubTypeFixedUrl) {
         return false;
     }
     if (status == kPackStatusPreview && zipURL.empty()) status = kPackStatusNormal;
@@ -174,11 +175,11 @@ bool Pack::isOutOfDate(double documentLastUpdate, double interval) const {
 }
 
 bool triggerIgnoresPriority(uint32_t trigger) {
-    return trigger == 6 || trigger == 8 || trigger == 9;
+    return trigger == kTriggerVisit || trigger == kTriggerPrefetch || trigger == kTriggerPreview;
 }
 
 std::string_view Pack::rootView() const {
-    if (subType == 1) {
+    if (subType == kSubTypeFixedSeq) {
         const size_t at = name.find('@');
         if (at != std::string::npos) return std::string_view(name).substr(0, at);
     }
@@ -190,7 +191,7 @@ std::string Pack::rootName() const {
 }
 
 std::string Pack::appName() const {
-    return subType == 2 ? zipURL : rootName();
+    return subType == kSubTypeFixedUrl ? zipURL : rootName();
 }
 
 std::string Pack::pinnedName(const std::string& name, uint64_t seq) {
@@ -204,16 +205,19 @@ bool Pack::isSupported() const {
 }
 
 bool Pack::needsConfig() const {
-    return !(seq != 0 && baseSeq != 0) && (packType() != kPackTypeACache || subType == 0);
+    return !(seq != 0 && baseSeq != 0) &&
+           (packType() != kPackTypeACache || subType == kSubTypePlain);
 }
 
 bool Pack::isResident() const {
     const uint32_t p = priority();
-    return subType == 0 && (p == 7 || p > 8 || packType() == kPackTypeSCache);
+    return subType == kSubTypePlain &&
+           (p == kPriorityResident || p >= kPriorityStartup || packType() == kPackTypeSCache);
 }
 
 bool Pack::isBuiltIn() const {
-    return packType() == kPackTypeSCache && subType != 1 && status != kPackStatusPreview;
+    return packType() == kPackTypeSCache && subType != kSubTypeFixedSeq &&
+           status != kPackStatusPreview;
 }
 
 bool Pack::canUpdateIncrementally() const {

@@ -30,6 +30,21 @@ enum PackStatus : uint32_t {
     kPackStatusDeleted = 4,
 };
 
+// How a record names its version.
+enum PackSubType : uint32_t {
+    kSubTypePlain = 0,     // follows the configured sequence
+    kSubTypeFixedSeq = 1,  // one fixed sequence, named "pack@seq"
+    kSubTypeFixedUrl = 2,  // a whole app fetched from `zipURL`
+};
+
+// Priorities (the low four bits of `flags`) that mean something of their own.
+constexpr uint32_t kPriorityResident = 7;     // spared by eviction, like kPriorityStartup and up
+constexpr uint32_t kPriorityAutoInstall = 8;  // bit 3: installed without a visit
+constexpr uint32_t kPriorityStartup = 9;      // and up: also installed by a "Startup" run
+
+// Bits 16 and 17 of `flags`: how the download is packed. 1 is the wrapped payload.
+constexpr uint32_t kPayloadWrapped = 1;
+
 // "Normal", "NeedReinstall", "Eliminated", "Preview", "Deleted", or "Unknown".
 const char* packStatusName(uint32_t status);
 
@@ -52,7 +67,7 @@ struct Pack {
     uint64_t installedSize = 0;
     double installTime = 0;
     uint32_t trigger = 0;
-    uint32_t subType = 0;
+    uint32_t subType = kSubTypePlain;
     uint32_t legacySubType = 0;
     std::string zipURL;
     uint32_t status = 0;

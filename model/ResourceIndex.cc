@@ -203,7 +203,7 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     Pool& p = pool();
     // Held throughout, loading included, so that one index is loaded once.
     std::lock_guard<std::recursive_mutex> lock(p.mutex);
-    if (pack.packType() == kPackTypeSCache && pack.subType != 1 &&
+    if (pack.packType() == kPackTypeSCache && pack.subType != kSubTypeFixedSeq &&
         pack.status != kPackStatusPreview) {
         auto it = p.embedded.find(pack.name);
         if (it != p.embedded.end()) return it->second;

@@ -208,7 +208,8 @@ void UpdateConfig::loadAtStart() {
     if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
     if (!document) document = std::make_shared<FConfig>();
     if (Errors::isFileMissing(error)) error.clear();  // nothing stored yet is not a fault
-    BuiltinConfig::load(*document);
+    // A failed load logs itself; the document then goes on without built-in packs.
+    static_cast<void>(BuiltinConfig::load(*document));
     SCache::publish(document);
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kLoad);
     log.event("fconfig", Environment::instance().sessionName())

@@ -9,7 +9,9 @@
 
 namespace FerritCore {
 
-class FERRIT_EXPORT Error {
+// [[nodiscard]]: an error that is made and dropped is a bug; a caller that means to ignore one says
+// so with a cast to void.
+class [[nodiscard]] FERRIT_EXPORT Error {
   public:
     // No error: code 0, empty message.
     Error() = default;

@@ -1,4 +1,4 @@
 // Symbol export for libferritcore.so. Everything else in the library is hidden.
 #pragma once
 
-#define FERRIT_EXPORT __attribute__((visibility("default")))
+#define FERRIT_EXPORT [[gnu::visibility("default")]]

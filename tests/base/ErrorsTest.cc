@@ -121,7 +121,7 @@ std::vector<CatalogueCase> catalogue() {
         {"backupNotFound", backupNotFound("a", "https://x/y"), 3113,
          "a backup resource https://x/y not found"},
         {"outOfMemory", outOfMemory("a"), 3114, "a out of memory"},
-        {"resourceOutOfDate", resourceOutOfDate(1.0, 2.5), 3115,
+        {"resourceExpired", resourceExpired(1.0, 2.5), 3115,
          "resource out of date, expires: 1.000000, update: 2.500000"},
         {"notAcceptable", notAcceptable("https://x/a.css", "text/css", "image/*"), 3116,
          "resource https://x/a.css \"text/css\" can not accepted by image/*"},
@@ -279,7 +279,7 @@ TEST(ErrorsTest, PredicatesLookOnlyAtTheCode) {
     EXPECT_FALSE(Errors::isNotServed(Error(3004, std::string("x"))));
     EXPECT_FALSE(Errors::isNotServed(Error()));
 
-    EXPECT_TRUE(Errors::isOutOfDate(Errors::resourceOutOfDate(1, 2)));
+    EXPECT_TRUE(Errors::isOutOfDate(Errors::resourceExpired(1, 2)));
     EXPECT_FALSE(Errors::isOutOfDate(Errors::outOfDate("a", 1)));
     EXPECT_FALSE(Errors::isOutOfDate(Error()));
 }
