@@ -2,6 +2,7 @@
 
 #include "base/ProcessState.h"
 #include "marl/Clock.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -15,48 +16,48 @@ Environment& Environment::instance() {
 }
 
 std::string Environment::sessionName() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return sessionName_;
 }
 
 void Environment::setSessionName(std::string name) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sessionName_ = std::move(name);
 }
 
 std::string Environment::appKey() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return appKey_;
 }
 
 std::string Environment::appVersion() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return appVersion_;
 }
 
 std::string Environment::locale() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return locale_;
 }
 
 void Environment::setApp(std::string appKey, std::string appVersion) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     appKey_ = std::move(appKey);
     appVersion_ = std::move(appVersion);
 }
 
 void Environment::setLocaleValue(std::string locale) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     locale_ = std::move(locale);
 }
 
 std::string Environment::referer() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return referer_;
 }
 
 void Environment::setReferer(std::string referer) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     referer_ = std::move(referer);
 }
 
@@ -74,14 +75,14 @@ bool Environment::setFlag(uint32_t bit) {
 }
 
 void Environment::addCooldown(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     cooldowns_[name] = MRLCurrentClock() + 5000.0;
     cooldownCount_.store(cooldowns_.size(), std::memory_order_release);
 }
 
 bool Environment::inCooldown(std::string_view name) {
     if (cooldownCount_.load(std::memory_order_acquire) == 0) return false;
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = cooldowns_.find(std::string(name));
     if (it == cooldowns_.end()) return false;
     if (MRLCurrentClock() < it->second) return true;
@@ -100,7 +101,7 @@ void Environment::reset() {
     flags_.store(0, std::memory_order_release);
     clientActive_.store(false, std::memory_order_release);
     activeSince_.store(0, std::memory_order_release);
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sessionName_.clear();
     appKey_.clear();
     appVersion_.clear();

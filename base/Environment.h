@@ -10,6 +10,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "support/Mutex.h"
+
 namespace FerritCore {
 
 class Proxy;
@@ -117,13 +119,13 @@ class Environment {
 
     std::atomic<uint32_t> feature_{0};
 
-    mutable std::mutex mutex_;
-    std::string sessionName_;                            // guarded by mutex_
-    std::string appKey_;                                 // guarded by mutex_
-    std::string appVersion_;                             // guarded by mutex_
-    std::string locale_;                                 // guarded by mutex_
-    std::string referer_;                                // guarded by mutex_
-    std::unordered_map<std::string, double> cooldowns_;  // guarded by mutex_
+    mutable Mutex mutex_;
+    std::string sessionName_ GUARDED_BY(mutex_);
+    std::string appKey_ GUARDED_BY(mutex_);
+    std::string appVersion_ GUARDED_BY(mutex_);
+    std::string locale_ GUARDED_BY(mutex_);
+    std::string referer_ GUARDED_BY(mutex_);
+    std::unordered_map<std::string, double> cooldowns_ GUARDED_BY(mutex_);
     // Lets a read skip the lock while there are no cooldowns, which is nearly always.
     std::atomic<size_t> cooldownCount_{0};
 };

@@ -3,12 +3,14 @@
 #include <mutex>
 #include <vector>
 
+#include "support/Mutex.h"
+
 namespace FerritCore::ProcessState {
 namespace {
 
 struct Registry {
-    std::mutex mutex;
-    std::vector<std::function<void()>> resets;  // guarded by mutex
+    Mutex mutex;
+    std::vector<std::function<void()>> resets GUARDED_BY(mutex);
 };
 
 Registry& registry() {
@@ -20,7 +22,7 @@ Registry& registry() {
 
 void onReset(std::function<void()> reset) {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    MutexLock lock(r.mutex);
     r.resets.push_back(std::move(reset));
 }
 
@@ -28,7 +30,7 @@ void resetForTesting() {
     Registry& r = registry();
     std::vector<std::function<void()>> resets;
     {
-        std::lock_guard<std::mutex> lock(r.mutex);
+        MutexLock lock(r.mutex);
         resets = r.resets;
     }
     // Outside the lock: a reset may create (and so register) a piece it depends on.

@@ -23,6 +23,7 @@
 #include "runtime/TaskRunner.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
+#include "support/Mutex.h"
 #include "update/Cleanup.h"
 #include "update/UpdateConfig.h"
 #include "update/UpdateQueue.h"
@@ -33,14 +34,14 @@ namespace {
 using MarlLogger::json::JSON;
 
 struct State {
-    std::mutex mutex;
-    double lastCompaction = 0;                   // guarded by mutex; clock, 0 before the first
-    std::shared_ptr<RepeatingTimer> queueTimer;  // guarded by mutex
+    Mutex mutex;
+    double lastCompaction GUARDED_BY(mutex) = 0;  // clock, 0 before the first
+    std::shared_ptr<RepeatingTimer> queueTimer GUARDED_BY(mutex);
 };
 
 State& state() {
     static State* const instance = ProcessState::create<State>([](State& s) {
-        std::lock_guard<std::mutex> lock(s.mutex);
+        MutexLock lock(s.mutex);
         s.lastCompaction = 0;
         s.queueTimer.reset();
         MarlLogger::Inspector::clear();
@@ -198,14 +199,14 @@ void Setup::startUpdate() {
     auto timer = TaskRunner::postRepeating([] { UpdateQueue::start(kTriggerTimer); }, interval);
     // The first run falls two minutes from now, not one interval.
     timer->setLastRunTime(MRLCurrentTime() - interval + 120000.0);
-    std::lock_guard<std::mutex> lock(state().mutex);
+    MutexLock lock(state().mutex);
     state().queueTimer = std::move(timer);
 }
 
 void Setup::compactDatabases() {
     const double now = MRLCurrentClock();
     {
-        std::lock_guard<std::mutex> lock(state().mutex);
+        MutexLock lock(state().mutex);
         if (state().lastCompaction != 0 && now - state().lastCompaction < kCompactionIntervalMs)
             return;
         state().lastCompaction = now;

@@ -3,13 +3,15 @@
 #include <map>
 #include <mutex>
 
+#include "support/Mutex.h"
+
 namespace MarlLogger {
 namespace {
 
 struct Registry {
-    std::mutex mutex;
-    std::map<std::string, Inspector::Agent> agents;  // guarded by mutex
-    std::map<std::string, std::string> infos;        // guarded by mutex
+    FerritCore::Mutex mutex;
+    std::map<std::string, Inspector::Agent> agents GUARDED_BY(mutex);
+    std::map<std::string, std::string> infos GUARDED_BY(mutex);
 };
 
 Registry& registry() {
@@ -21,26 +23,26 @@ Registry& registry() {
 
 void Inspector::registerAgent(const std::string& name, Agent agent) {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    FerritCore::MutexLock lock(r.mutex);
     r.agents[name] = std::move(agent);
 }
 
 void Inspector::registerInfo(const std::string& name, const std::string& value) {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    FerritCore::MutexLock lock(r.mutex);
     r.infos[name] = value;
 }
 
 std::string Inspector::info(const std::string& name) {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    FerritCore::MutexLock lock(r.mutex);
     auto it = r.infos.find(name);
     return it == r.infos.end() ? std::string() : it->second;
 }
 
 std::vector<std::string> Inspector::agents() {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    FerritCore::MutexLock lock(r.mutex);
     std::vector<std::string> names;
     for (const auto& [name, agent] : r.agents) names.push_back(name);
     return names;
@@ -51,7 +53,7 @@ json::JSON Inspector::call(const std::string& agentName, const std::string& comm
     Agent agent;
     {
         Registry& r = registry();
-        std::lock_guard<std::mutex> lock(r.mutex);
+        FerritCore::MutexLock lock(r.mutex);
         auto it = r.agents.find(agentName);
         if (it == r.agents.end()) return json::JSON();
         agent = it->second;
@@ -61,7 +63,7 @@ json::JSON Inspector::call(const std::string& agentName, const std::string& comm
 
 void Inspector::clear() {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    FerritCore::MutexLock lock(r.mutex);
     r.agents.clear();
     r.infos.clear();
 }

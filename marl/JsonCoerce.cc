@@ -85,8 +85,8 @@ bool internal::readDecimal(std::string_view text, double* out) {
         constexpr uint64_t kExponentLimit = 1'000'000'000;
         bool negativeExponent;
         uint64_t exponent = 0;
-        const size_t length = readDigits(text.substr(i + 1), &negativeExponent, kExponentLimit,
-                                         &exponent);
+        const size_t length =
+            readDigits(text.substr(i + 1), &negativeExponent, kExponentLimit, &exponent);
         if (length != 0) {
             const int64_t e = static_cast<int64_t>(exponent);
             magnitude += negativeExponent ? -e : e;

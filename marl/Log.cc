@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "support/Mutex.h"
+
 namespace MarlLogger {
 namespace {
 
@@ -49,17 +51,17 @@ void StderrSink::write(const LogEntry& entry) {
 }
 
 void CapturingSink::write(const LogEntry& entry) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    FerritCore::MutexLock lock(mutex_);
     entries_.push_back(entry);
 }
 
 std::vector<LogEntry> CapturingSink::entries() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    FerritCore::MutexLock lock(mutex_);
     return entries_;
 }
 
 std::vector<LogEntry> CapturingSink::all(std::string_view event, std::string_view tag) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    FerritCore::MutexLock lock(mutex_);
     std::vector<LogEntry> out;
     for (const auto& entry : entries_)
         if (matches(entry, event, tag)) out.push_back(entry);
@@ -67,21 +69,21 @@ std::vector<LogEntry> CapturingSink::all(std::string_view event, std::string_vie
 }
 
 LogEntry CapturingSink::last(std::string_view event, std::string_view tag) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    FerritCore::MutexLock lock(mutex_);
     for (auto it = entries_.rbegin(); it != entries_.rend(); ++it)
         if (matches(*it, event, tag)) return *it;
     return LogEntry{};
 }
 
 size_t CapturingSink::count(std::string_view event, std::string_view tag) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    FerritCore::MutexLock lock(mutex_);
     size_t n = 0;
     for (const auto& entry : entries_) n += matches(entry, event, tag) ? 1 : 0;
     return n;
 }
 
 void CapturingSink::clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    FerritCore::MutexLock lock(mutex_);
     entries_.clear();
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "marl/Json.h"
+#include "support/Mutex.h"
 
 namespace MarlLogger {
 
@@ -65,8 +66,8 @@ class CapturingSink : public LogSink {
     void clear();
 
   private:
-    mutable std::mutex mutex_;
-    std::vector<LogEntry> entries_;  // guarded by mutex_
+    mutable FerritCore::Mutex mutex_;
+    std::vector<LogEntry> entries_ GUARDED_BY(mutex_);
 };
 
 class LogBuilder;

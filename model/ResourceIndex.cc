@@ -9,6 +9,7 @@
 #include "base/ProcessState.h"
 #include "base/Proxy.h"
 #include "base/Url.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -181,15 +182,15 @@ bool ResourceIndex::verifyFiles(const Folder& folder, Error& error) const {
 namespace {
 
 struct Pool {
-    std::recursive_mutex mutex;
-    std::unordered_map<std::string, ResourceIndexPtr> loaded;    // guarded by mutex
-    std::unordered_map<std::string, ResourceIndexPtr> embedded;  // guarded by mutex
-    ResourceIndexPool::Loader loader;                            // guarded by mutex
+    RecursiveMutex mutex;
+    std::unordered_map<std::string, ResourceIndexPtr> loaded GUARDED_BY(mutex);
+    std::unordered_map<std::string, ResourceIndexPtr> embedded GUARDED_BY(mutex);
+    ResourceIndexPool::Loader loader GUARDED_BY(mutex);
 };
 
 Pool& pool() {
     static Pool* const instance = ProcessState::create<Pool>([](Pool& p) {
-        std::lock_guard<std::recursive_mutex> lock(p.mutex);
+        RecursiveLock lock(p.mutex);
         p.loaded.clear();
         p.embedded.clear();
         p.loader = nullptr;
@@ -202,7 +203,7 @@ Pool& pool() {
 ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     Pool& p = pool();
     // Held throughout, loading included, so that one index is loaded once.
-    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    RecursiveLock lock(p.mutex);
     if (pack.packType() == kPackTypeSCache && pack.subType != kSubTypeFixedSeq &&
         pack.status != kPackStatusPreview) {
         auto it = p.embedded.find(pack.name);
@@ -228,25 +229,25 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
 void ResourceIndexPool::set(const std::string& name, ResourceIndexPtr index) {
     if (name.empty() || !index) return;
     Pool& p = pool();
-    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    RecursiveLock lock(p.mutex);
     p.embedded[name] = std::move(index);
 }
 
 void ResourceIndexPool::remove(const std::string& name) {
     Pool& p = pool();
-    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    RecursiveLock lock(p.mutex);
     p.loaded.erase(name);
 }
 
 void ResourceIndexPool::clear() {
     Pool& p = pool();
-    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    RecursiveLock lock(p.mutex);
     p.loaded.clear();
 }
 
 void ResourceIndexPool::setLoader(Loader loader) {
     Pool& p = pool();
-    std::lock_guard<std::recursive_mutex> lock(p.mutex);
+    RecursiveLock lock(p.mutex);
     p.loader = std::move(loader);
 }
 

@@ -8,19 +8,20 @@
 #include "base/ProcessState.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
 
 struct State {
     std::atomic<FConfigPtr> current{std::make_shared<const FConfig>()};
-    std::recursive_mutex writers;
+    RecursiveMutex writers;
     std::atomic<std::shared_ptr<ConfigStorage>> storage;
 };
 
 State& state() {
     static State* const instance = ProcessState::create<State>([](State& s) {
-        std::lock_guard<std::recursive_mutex> lock(s.writers);
+        RecursiveLock lock(s.writers);
         s.current.store(std::make_shared<const FConfig>(), std::memory_order_release);
         s.storage.store(nullptr, std::memory_order_release);
     });
@@ -35,7 +36,7 @@ FConfigPtr SCache::current() {
 
 FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
     State& s = state();
-    std::lock_guard<std::recursive_mutex> lock(s.writers);
+    RecursiveLock lock(s.writers);
     const FConfigPtr previous = s.current.load(std::memory_order_acquire);
     auto copy = std::make_shared<FConfig>(previous->copyForChange());
     change(*copy);
@@ -50,7 +51,7 @@ FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
 void SCache::publish(std::shared_ptr<FConfig> document) {
     if (!document) return;
     State& s = state();
-    std::lock_guard<std::recursive_mutex> lock(s.writers);
+    RecursiveLock lock(s.writers);
     document->rebuildIndexes(nullptr);
     document->dirty = false;
     document->removed.clear();

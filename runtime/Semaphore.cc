@@ -3,27 +3,31 @@
 #include <chrono>
 #include <limits>
 
+#include "support/Mutex.h"
+
 namespace FerritCore {
 
 void Semaphore::signal() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     // Saturates: a latch that is signalled four billion times without a wait must still release
     // the next wait rather than wrap to 0.
     if (count_ != std::numeric_limits<uint32_t>::max()) ++count_;
-    changed_.notify_one();
+    changed_.signal();
 }
 
 void Semaphore::wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return count_ >= target_; });
+    MutexLock lock(mutex_);
+    while (count_ < target_) changed_.wait(mutex_);
     consume();
 }
 
 bool Semaphore::wait(uint32_t milliseconds) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    if (!changed_.wait_until(lock, deadline, [this] { return count_ >= target_; })) return false;
+    while (count_ < target_) {
+        if (!changed_.waitUntil(mutex_, deadline) && count_ < target_) return false;
+    }
     consume();
     return true;
 }
@@ -34,25 +38,25 @@ void Semaphore::consume() {
     } else {
         // The count stays reached, so the next waiter may go too: pass the wake-up on, since a
         // signal wakes only one.
-        changed_.notify_one();
+        changed_.signal();
     }
 }
 
 void Semaphore::reset() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     count_ = 0;
 }
 
 void Semaphore::reset(uint32_t target) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     target_ = target;
     count_ = 0;
     // A target of 0 is met at once: let the waiters see it.
-    changed_.notify_all();
+    changed_.signalAll();
 }
 
 uint32_t Semaphore::count() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return count_;
 }
 

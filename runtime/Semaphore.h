@@ -6,9 +6,10 @@
 // Any thread may call any operation. The object must outlive every waiter.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <mutex>
+
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -35,13 +36,13 @@ class Semaphore {
     uint32_t count() const;
 
   private:
-    // After a wait has been satisfied, with mutex_ held.
-    void consume();
+    // After a wait has been satisfied.
+    void consume() REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    uint32_t target_;     // guarded by mutex_
-    uint32_t count_ = 0;  // guarded by mutex_
+    mutable Mutex mutex_;
+    CondVar changed_;
+    uint32_t target_ GUARDED_BY(mutex_);
+    uint32_t count_ GUARDED_BY(mutex_) = 0;
     const bool autoReset_;
 };
 

@@ -13,6 +13,7 @@
 #include "base/ProcessState.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
+#include "support/Mutex.h"
 
 // Deployment endpoints. The build replaces them (see the FERRIT_*_PREFIX cache variables); these
 // defaults lead nowhere harmful.
@@ -261,13 +262,13 @@ uint64_t randomStretch(uint64_t maxInclusive) {
 
 struct Store {
     std::atomic<std::shared_ptr<const Settings>> current{std::make_shared<const Settings>()};
-    std::recursive_mutex writers;
-    std::function<void(const Settings&)> listener;  // guarded by writers
+    RecursiveMutex writers;
+    std::function<void(const Settings&)> listener GUARDED_BY(writers);
 };
 
 Store& store() {
     static Store* const instance = ProcessState::create<Store>([](Store& s) {
-        std::lock_guard<std::recursive_mutex> lock(s.writers);
+        RecursiveLock lock(s.writers);
         s.listener = nullptr;
         s.current.store(std::make_shared<const Settings>(), std::memory_order_release);
     });
@@ -454,7 +455,7 @@ std::shared_ptr<const Settings> Settings::current() {
 
 void Settings::change(const std::function<void(Settings&)>& change) {
     Store& s = store();
-    std::lock_guard<std::recursive_mutex> lock(s.writers);
+    RecursiveLock lock(s.writers);
     auto copy = std::make_shared<Settings>(*s.current.load(std::memory_order_acquire));
     change(*copy);
     if (s.listener) s.listener(*copy);
@@ -503,7 +504,7 @@ void Settings::updateSwitches(const StringMap& switches) {
 
 void Settings::setListener(std::function<void(const Settings&)> listener) {
     Store& s = store();
-    std::lock_guard<std::recursive_mutex> lock(s.writers);
+    RecursiveLock lock(s.writers);
     s.listener = std::move(listener);
 }
 

@@ -9,6 +9,7 @@
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "runtime/TimeMarks.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
@@ -52,7 +53,7 @@ TaskRunner::~TaskRunner() {
     }
     delayed_.clear();
     ready_.clear();
-    std::lock_guard<std::recursive_mutex> lock(lock_);
+    RecursiveLock lock(lock_);
     incoming_.clear();
 }
 
@@ -67,7 +68,7 @@ TaskRunner& TaskRunner::shared() {
 
 bool TaskRunner::setSharedMode(Mode mode) {
     TaskRunner& runner = shared();
-    std::lock_guard<std::mutex> lock(runner.threadMutex_);
+    MutexLock lock(runner.threadMutex_);
     if (runner.threadStarted_.load(std::memory_order_acquire)) return mode == Mode::Worker;
     runner.mode_.store(mode, std::memory_order_release);
     return true;
@@ -94,7 +95,7 @@ void* TaskRunner::threadEntry(void* self) {
 
 bool TaskRunner::ensureThread() {
     if (threadStarted_.load(std::memory_order_acquire)) return true;
-    std::lock_guard<std::mutex> lock(threadMutex_);
+    MutexLock lock(threadMutex_);
     if (threadStarted_.load(std::memory_order_relaxed)) return true;
     if (mode_.load(std::memory_order_acquire) != Mode::Worker) return false;
     const int status =
@@ -119,7 +120,7 @@ bool TaskRunner::ensureThread() {
 void TaskRunner::enqueue(Task task) {
     if (mode_.load(std::memory_order_acquire) == Mode::Worker) ensureThread();
     posted_.fetch_add(1, std::memory_order_acq_rel);
-    std::lock_guard<std::recursive_mutex> lock(lock_);
+    RecursiveLock lock(lock_);
     const bool wasEmpty = incoming_.empty();
     incoming_.push_back(std::move(task));
     // Never cleared, so only the first post needs the full barrier.
@@ -166,7 +167,7 @@ void TaskRunner::cancelTask(TaskId id) {
     // destructor, and the lock covers the list only.
     Task removed;
     {
-        std::lock_guard<std::recursive_mutex> lock(lock_);
+        RecursiveLock lock(lock_);
         for (auto it = incoming_.begin(); it != incoming_.end(); ++it) {
             if (it->id == id) {
                 removed = std::move(*it);
@@ -211,7 +212,7 @@ bool TaskRunner::drain() {
         // Lets the worker skip the lock while nothing has ever been posted.
         if (everPosted_.load(std::memory_order_acquire) == 0) return false;
         {
-            std::lock_guard<std::recursive_mutex> lock(lock_);
+            RecursiveLock lock(lock_);
             ready_.swap(incoming_);
         }
         readyNext_ = 0;
@@ -365,13 +366,13 @@ void TaskRunner::dropDelayed() {
 
 void TaskRunner::dropTasks() {
     {
-        std::lock_guard<std::recursive_mutex> lock(lock_);
+        RecursiveLock lock(lock_);
         retired_.fetch_add(incoming_.size(), std::memory_order_acq_rel);
         incoming_.clear();
     }
     {
         // Holding the thread mutex keeps a worker from starting while the lists are cleared.
-        std::lock_guard<std::mutex> lock(threadMutex_);
+        MutexLock lock(threadMutex_);
         if (!threadStarted_.load(std::memory_order_acquire) &&
             !running_.load(std::memory_order_acquire)) {
             // Nobody is running tasks: everything can go now.
@@ -402,7 +403,7 @@ std::vector<double> TaskRunner::pendingDueTimes() const {
     std::vector<double> times;
     if (mode() != Mode::Manual) return times;
     {
-        std::lock_guard<std::recursive_mutex> lock(lock_);
+        RecursiveLock lock(lock_);
         for (const Task& task : incoming_) times.push_back(task.dueTime);
     }
     for (size_t i = readyNext_; i < ready_.size(); ++i) times.push_back(ready_[i].dueTime);

@@ -33,6 +33,7 @@
 
 #include "runtime/RepeatingTimer.h"
 #include "runtime/Semaphore.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -181,8 +182,8 @@ class TaskRunner {
     Semaphore lifecycleSignal_{1, true};  // worker started; worker left its loop
     Semaphore wakeSignal_{1, true};       // work arrived
 
-    std::mutex threadMutex_;  // serialises starting the worker and changing the mode
-    pthread_t thread_{};      // guarded by threadMutex_; valid once threadStarted_
+    Mutex threadMutex_;  // serialises starting the worker and changing the mode
+    pthread_t thread_ GUARDED_BY(threadMutex_){};  // valid once threadStarted_
     std::atomic<bool> threadStarted_{false};
     std::atomic<std::thread::id> driver_{};
     std::atomic<bool> running_{false};  // a Manual runDueTasks() is under way
@@ -192,8 +193,8 @@ class TaskRunner {
     alignas(64) std::atomic<TaskId> nextId_{1};
     std::atomic<uint64_t> posted_{0};
     std::atomic<uint8_t> everPosted_{0};
-    mutable std::recursive_mutex lock_;  // guards incoming_ only; recursive so that a task may post
-    std::vector<Task> incoming_;         // guarded by lock_; ascending ids, in order of posting
+    mutable RecursiveMutex lock_;  // guards incoming_ only; recursive so that a task may post
+    std::vector<Task> incoming_ GUARDED_BY(lock_);  // ascending ids, in order of posting
 
     // Touched only by the thread that runs tasks (the worker, or the Manual driver), apart from
     // retired_, which a cancel or a drop on another thread also counts.

@@ -11,6 +11,7 @@
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
@@ -22,29 +23,29 @@ using MarlLogger::json::JSON;
 class MemoryMarks : public MarkStore {
   public:
     double load(const std::string& key) override {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         auto it = marks_.find(key);
         return it == marks_.end() ? 0 : it->second;
     }
     void store(const std::string& key, double value) override {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         marks_[key] = value;
     }
     void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         marks_.clear();
     }
 
   private:
-    std::mutex mutex_;
-    std::unordered_map<std::string, double> marks_;  // guarded by mutex_
+    Mutex mutex_;
+    std::unordered_map<std::string, double> marks_ GUARDED_BY(mutex_);
 };
 
 struct State {
     std::shared_ptr<MemoryMarks> memory = std::make_shared<MemoryMarks>();
     // Serialises the read-then-write operations so that two threads exchanging one mark each
     // see a different previous value.
-    std::mutex exchange;
+    Mutex exchange;
 
     std::shared_ptr<MarkStore> store() const {
         std::shared_ptr<MarkStore> installed = ServiceSlot<MarkStore>::instance().get();
@@ -77,7 +78,7 @@ bool isUsable(double value) {
 double TimeMarks::readMark(std::string_view name, double now) {
     State& s = state();
     const std::string key = keyFor(name);
-    std::lock_guard<std::mutex> lock(s.exchange);
+    MutexLock lock(s.exchange);
     std::shared_ptr<MarkStore> marks = s.store();
     const double value = marks->load(key);
     if (isUsable(value)) return value;
@@ -88,7 +89,7 @@ double TimeMarks::readMark(std::string_view name, double now) {
 double TimeMarks::exchangeMark(std::string_view name, double now) {
     State& s = state();
     const std::string key = keyFor(name);
-    std::lock_guard<std::mutex> lock(s.exchange);
+    MutexLock lock(s.exchange);
     std::shared_ptr<MarkStore> marks = s.store();
     const double value = marks->load(key);
     marks->store(key, now);
@@ -98,7 +99,7 @@ double TimeMarks::exchangeMark(std::string_view name, double now) {
 void TimeMarks::writeMark(std::string_view name, double value) {
     State& s = state();
     const std::string key = keyFor(name);
-    std::lock_guard<std::mutex> lock(s.exchange);
+    MutexLock lock(s.exchange);
     s.store()->store(key, value);
 }
 

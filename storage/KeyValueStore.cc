@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "support/Mutex.h"
+
 namespace FerritCore {
 namespace {
 
@@ -289,7 +291,7 @@ int KeyValueStore::configure(const Options& options) {
         return SQLITE_FORMAT;
     }
 
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return statements_->prepare(db_);
 }
 
@@ -316,7 +318,7 @@ uint64_t KeyValueStore::diskSize(const std::string& path) {
 }
 
 bool KeyValueStore::contains(std::string_view key) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_stmt* statement = statements_->contains;
     ResetOnExit reset(statement);
     if (bindBlob(statement, 1, key) != SQLITE_OK) return false;
@@ -326,7 +328,7 @@ bool KeyValueStore::contains(std::string_view key) {
 int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
     found = false;
     value.clear();
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_stmt* statement = statements_->get;
     ResetOnExit reset(statement);
     int rc = bindBlob(statement, 1, key);
@@ -344,7 +346,7 @@ int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
 }
 
 int KeyValueStore::insert(std::string_view key, std::string_view value) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_stmt* statement = statements_->insert;
     ResetOnExit reset(statement);
     int rc = bindBlob(statement, 1, key);
@@ -354,7 +356,7 @@ int KeyValueStore::insert(std::string_view key, std::string_view value) {
 }
 
 int KeyValueStore::erase(std::string_view key) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_stmt* statement = statements_->remove;
     ResetOnExit reset(statement);
     const int rc = bindBlob(statement, 1, key);
@@ -365,7 +367,7 @@ int KeyValueStore::erase(std::string_view key) {
 int KeyValueStore::eraseRange(Key from, Key to) {
     if (from.isMax()) return SQLITE_OK;
     if (!to.isMax() && to.data() <= from.data()) return SQLITE_OK;
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_stmt* statement = to.isMax() ? statements_->removeFrom : statements_->removeRange;
     ResetOnExit reset(statement);
     int rc = bindBlob(statement, 1, from.data());
@@ -375,14 +377,14 @@ int KeyValueStore::eraseRange(Key from, Key to) {
 }
 
 int KeyValueStore::clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_stmt* statement = statements_->clear;
     ResetOnExit reset(statement);
     return runToEnd(statement);
 }
 
 int KeyValueStore::compact() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     int rc = execute(db_, "PRAGMA incremental_vacuum");
     if (rc != SQLITE_OK) return rc;
     rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
@@ -391,7 +393,7 @@ int KeyValueStore::compact() {
 
 int KeyValueStore::fetchKeys(Key from, Key to, const std::string* after, size_t limit,
                              std::vector<std::string>& keys) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     sqlite3_stmt* statement =
         to.isMax() ? (after ? statements_->keysAfterToEnd : statements_->keysFromToEnd)
                    : (after ? statements_->keysAfter : statements_->keysFrom);

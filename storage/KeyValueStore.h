@@ -22,6 +22,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/Mutex.h"
+
 namespace FerritCore {
 
 class KeyValueStore {
@@ -141,9 +143,9 @@ class KeyValueStore {
                   std::vector<std::string>& keys);
 
     const std::string path_;
-    std::mutex mutex_;
-    sqlite3* const db_;                       // used under mutex_ only
-    std::unique_ptr<Statements> statements_;  // guarded by mutex_
+    Mutex mutex_;
+    sqlite3* const db_ PT_GUARDED_BY(mutex_);
+    std::unique_ptr<Statements> statements_ GUARDED_BY(mutex_);
 };
 
 // A key range that owns its bounds, so that it can outlive the text it was made from.

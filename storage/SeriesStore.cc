@@ -6,6 +6,7 @@
 #include "base/LogTags.h"
 #include "marl/Log.h"
 #include "storage/MetaStore.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
@@ -29,7 +30,7 @@ SeriesStore::~SeriesStore() = default;
 
 int SeriesStore::open() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         folder_ = Folder::disk(name_ + "/");
     }
     return connection_.open(storeFolderPath(name_));
@@ -52,7 +53,7 @@ bool SeriesStore::isOpen() const {
 }
 
 Folder SeriesStore::folder() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return folder_;
 }
 

@@ -20,6 +20,7 @@
 #include "ferritcore/Error.h"
 #include "storage/KeyValueStore.h"
 #include "storage/StoreConnection.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -80,8 +81,8 @@ class SeriesStore {
     const std::string statisticsEvent_;
     StoreConnection connection_;
 
-    mutable std::mutex mutex_;
-    Folder folder_;  // guarded by mutex_
+    mutable Mutex mutex_;
+    Folder folder_ GUARDED_BY(mutex_);
 };
 
 }  // namespace FerritCore

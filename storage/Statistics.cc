@@ -7,6 +7,7 @@
 
 #include "base/ProcessState.h"
 #include "marl/Clock.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
@@ -18,13 +19,13 @@ struct PackStat {
 };
 
 struct Table {
-    std::mutex lock;
-    std::unordered_map<std::string, std::unique_ptr<PackStat>> entries;  // guarded by lock
+    Mutex lock;
+    std::unordered_map<std::string, std::unique_ptr<PackStat>> entries GUARDED_BY(lock);
 };
 
 Table& table() {
     static Table* const instance = ProcessState::create<Table>([](Table& t) {
-        std::lock_guard<std::mutex> guard(t.lock);
+        MutexLock guard(t.lock);
         t.entries.clear();
     });
     return *instance;
@@ -35,7 +36,7 @@ Table& table() {
 bool Statistics::addAccess(const std::string& name, double* accessCount, double weight) {
     Table& t = table();
     const double now = MRLCurrentClock();
-    std::lock_guard<std::mutex> guard(t.lock);
+    MutexLock guard(t.lock);
     auto& entry = t.entries[name];
     if (!entry) entry = std::make_unique<PackStat>();
     const double last = entry->lastTime.load(std::memory_order_relaxed);
@@ -51,14 +52,14 @@ bool Statistics::addAccess(const std::string& name, double* accessCount, double 
 
 double Statistics::accessValue(const std::string& name) {
     Table& t = table();
-    std::lock_guard<std::mutex> guard(t.lock);
+    MutexLock guard(t.lock);
     auto it = t.entries.find(name);
     return it == t.entries.end() ? 0.0 : it->second->accessCount.load(std::memory_order_relaxed);
 }
 
 bool Statistics::hasEntry(const std::string& name) {
     Table& t = table();
-    std::lock_guard<std::mutex> guard(t.lock);
+    MutexLock guard(t.lock);
     return t.entries.count(name) != 0;
 }
 

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include "storage/MetaStore.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -14,7 +15,7 @@ int StoreConnection::open(const std::string& folder) {
                           ? SQLITE_CANTOPEN
                           : KeyValueStore::openOrReplace(folder, options_, &opened, &last);
     if (first != 0) sendStorageFailure(folder, first);
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     db_ = std::move(opened);
     status_ = db_ ? 0 : last;
     return first;
@@ -23,7 +24,7 @@ int StoreConnection::open(const std::string& folder) {
 void StoreConnection::close() {
     std::shared_ptr<KeyValueStore> old;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         old.swap(db_);
         status_ = -1;
     }
@@ -31,18 +32,18 @@ void StoreConnection::close() {
 }
 
 std::shared_ptr<KeyValueStore> StoreConnection::handle(int* status) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (status != nullptr) *status = status_;
     return db_;
 }
 
 int StoreConnection::status() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return status_;
 }
 
 bool StoreConnection::isOpen() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return db_ != nullptr;
 }
 

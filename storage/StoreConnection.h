@@ -8,6 +8,7 @@
 #include <string>
 
 #include "storage/KeyValueStore.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -27,9 +28,9 @@ class StoreConnection {
 
   private:
     const KeyValueStore::Options options_;
-    mutable std::mutex mutex_;
-    int status_ = -1;                    // guarded by mutex_
-    std::shared_ptr<KeyValueStore> db_;  // guarded by mutex_; null while closed
+    mutable Mutex mutex_;
+    int status_ GUARDED_BY(mutex_) = -1;
+    std::shared_ptr<KeyValueStore> db_ GUARDED_BY(mutex_);  // null while closed
 };
 
 }  // namespace FerritCore

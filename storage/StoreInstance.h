@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "base/ProcessState.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -30,7 +31,7 @@ class StoreInstance {
     Store& opened() {
         // One acquire load on every use; the lock only while the store is not open.
         if (!open_.load(std::memory_order_acquire)) {
-            std::lock_guard<std::mutex> lock(mutex_);
+            MutexLock lock(mutex_);
             if (!open_.load(std::memory_order_relaxed)) {
                 store_.openAndReport();
                 open_.store(true, std::memory_order_release);
@@ -39,13 +40,13 @@ class StoreInstance {
         return store_;
     }
     void close() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock lock(mutex_);
         store_.close();
         open_.store(false, std::memory_order_release);
     }
 
     Store store_;
-    std::mutex mutex_;
+    Mutex mutex_;
     std::atomic<bool> open_{false};
 };
 

@@ -6,6 +6,7 @@
 #include "base/ProcessState.h"
 #include "marl/Log.h"
 #include "storage/ConfigStore.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -83,23 +84,23 @@ void Variants::load() {
             .append("variants", std::vector<std::string>(values.begin(), values.end()))
             .append("accept", accept);
     }
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     values_.swap(values);
     accept_.swap(accept);
 }
 
 bool Variants::accepts(std::string_view value) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return values_.find(value) != values_.end();
 }
 
 std::set<std::string> Variants::list() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return std::set<std::string>(values_.begin(), values_.end());
 }
 
 std::string Variants::accept() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     return accept_;
 }
 

@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include "support/Mutex.h"
+
 namespace FerritCore {
 
 class Variants {
@@ -45,9 +47,9 @@ class Variants {
 
     std::atomic<bool> stale_{false};  // set by a reset: the next instance() loads afresh
 
-    mutable std::mutex mutex_;
-    std::set<std::string, std::less<>> values_;  // guarded by mutex_
-    std::string accept_;                         // guarded by mutex_
+    mutable Mutex mutex_;
+    std::set<std::string, std::less<>> values_ GUARDED_BY(mutex_);
+    std::string accept_ GUARDED_BY(mutex_);
 };
 
 }  // namespace FerritCore

@@ -8,19 +8,20 @@
 #include "base/Telemetry.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
 
 struct State {
-    std::mutex mutex;
-    std::shared_ptr<RepeatingTimer> timer;    // guarded by mutex
-    std::function<void(int trigger)> runner;  // guarded by mutex
+    Mutex mutex;
+    std::shared_ptr<RepeatingTimer> timer GUARDED_BY(mutex);
+    std::function<void(int trigger)> runner GUARDED_BY(mutex);
 };
 
 State& state() {
     static State* const instance = ProcessState::create<State>([](State& s) {
-        std::lock_guard<std::mutex> lock(s.mutex);
+        MutexLock lock(s.mutex);
         s.timer.reset();
         s.runner = nullptr;
     });
@@ -30,7 +31,7 @@ State& state() {
 void tick() {
     std::function<void(int)> runner;
     {
-        std::lock_guard<std::mutex> lock(state().mutex);
+        MutexLock lock(state().mutex);
         runner = state().runner;
     }
     MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kRoot).event("cleanupDue");
@@ -41,7 +42,7 @@ void tick() {
 
 void Cleanup::arm(double intervalMs) {
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    MutexLock lock(s.mutex);
     if (s.timer) {
         s.timer->setInterval(intervalMs);
         return;
@@ -50,7 +51,7 @@ void Cleanup::arm(double intervalMs) {
 }
 
 void Cleanup::setRunner(std::function<void(int trigger)> runner) {
-    std::lock_guard<std::mutex> lock(state().mutex);
+    MutexLock lock(state().mutex);
     state().runner = std::move(runner);
 }
 

@@ -14,15 +14,16 @@
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
 
 // Spreads the clients that follow one push over its delay.
 double randomFraction() {
-    static std::mutex mutex;
+    static Mutex mutex;
     static std::mt19937_64 generator{std::random_device{}()};
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return std::uniform_real_distribution<double>(0.0, 1.0)(generator);
 }
 
@@ -43,7 +44,7 @@ void UpdateConfig::start(int trigger, const std::string& version, Listener liste
         return;
     }
     if (listener) {
-        std::lock_guard<std::recursive_mutex> lock(listenersMutex_);
+        RecursiveLock lock(listenersMutex_);
         listeners_.push_back(std::move(listener));
     }
     const double wait = delay > 0 ? randomFraction() * delay : 0;
@@ -168,7 +169,7 @@ void UpdateConfig::finished(const std::string& version, const Error& error) {
 
     std::vector<Listener> listeners;
     {
-        std::lock_guard<std::recursive_mutex> lock(listenersMutex_);
+        RecursiveLock lock(listenersMutex_);
         listeners.swap(listeners_);
     }
     for (const Listener& listener : listeners) listener(error);
@@ -236,7 +237,7 @@ void UpdateConfig::reset() {
     busy_ = false;
     perf_.reset();
     timer_.reset();
-    std::lock_guard<std::recursive_mutex> lock(listenersMutex_);
+    RecursiveLock lock(listenersMutex_);
     listeners_.clear();
 }
 

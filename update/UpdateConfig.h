@@ -18,6 +18,7 @@
 #include "base/Telemetry.h"
 #include "ferritcore/Error.h"
 #include "runtime/RepeatingTimer.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 
@@ -81,8 +82,8 @@ class UpdateConfig {
     std::optional<StagedRecord> perf_;
     std::shared_ptr<RepeatingTimer> timer_;
 
-    std::recursive_mutex listenersMutex_;
-    std::vector<Listener> listeners_;  // guarded by listenersMutex_
+    RecursiveMutex listenersMutex_;
+    std::vector<Listener> listeners_ GUARDED_BY(listenersMutex_);
 };
 
 }  // namespace FerritCore

@@ -7,25 +7,26 @@
 #include "base/ProcessState.h"
 #include "base/Telemetry.h"
 #include "marl/Log.h"
+#include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
 
 struct State {
-    std::mutex mutex;
-    UpdateQueue::Controls controls;  // guarded by mutex
+    Mutex mutex;
+    UpdateQueue::Controls controls GUARDED_BY(mutex);
 };
 
 State& state() {
     static State* const instance = ProcessState::create<State>([](State& s) {
-        std::lock_guard<std::mutex> lock(s.mutex);
+        MutexLock lock(s.mutex);
         s.controls = {};
     });
     return *instance;
 }
 
 UpdateQueue::Controls controls() {
-    std::lock_guard<std::mutex> lock(state().mutex);
+    MutexLock lock(state().mutex);
     return state().controls;
 }
 
@@ -67,7 +68,7 @@ void UpdateQueue::resume() {
 }
 
 void UpdateQueue::setControls(Controls newControls) {
-    std::lock_guard<std::mutex> lock(state().mutex);
+    MutexLock lock(state().mutex);
     state().controls = std::move(newControls);
 }
 
