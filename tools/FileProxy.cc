@@ -1,8 +1,5 @@
 #include "FileProxy.h"
 
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -10,40 +7,22 @@
 #include <sstream>
 
 #include "base/Telemetry.h"
+#include "tools/common/Ed25519Key.h"
 
 namespace FerritTools {
 
 std::shared_ptr<FileProxy> FileProxy::open(const std::string& publicKeyPem, std::string& error) {
-    FILE* file = std::fopen(publicKeyPem.c_str(), "rb");
-    if (file == nullptr) {
-        error = "cannot read the public key " + publicKeyPem;
-        return nullptr;
-    }
-    EVP_PKEY* key = PEM_read_PUBKEY(file, nullptr, nullptr, nullptr);
-    std::fclose(file);
-    if (key == nullptr || EVP_PKEY_get_id(key) != EVP_PKEY_ED25519) {
-        EVP_PKEY_free(key);
-        error = publicKeyPem + " holds no Ed25519 public key";
-        return nullptr;
-    }
-    return std::shared_ptr<FileProxy>(new FileProxy(key));
+    std::unique_ptr<Ed25519Key> key = Ed25519Key::loadPublic(publicKeyPem, error);
+    if (!key) return nullptr;
+    return std::shared_ptr<FileProxy>(new FileProxy(std::move(key)));
 }
 
-FileProxy::~FileProxy() {
-    EVP_PKEY_free(key_);
-}
+FileProxy::FileProxy(std::unique_ptr<Ed25519Key> key) : key_(std::move(key)) {}
+
+FileProxy::~FileProxy() = default;
 
 bool FileProxy::verifySignature(const std::string& md5Hex, const std::string& signature) {
-    EVP_MD_CTX* context = EVP_MD_CTX_new();
-    if (context == nullptr) return false;
-    // Ed25519 signs the message itself: no digest is named.
-    bool valid =
-        EVP_DigestVerifyInit(context, nullptr, nullptr, nullptr, key_) == 1 &&
-        EVP_DigestVerify(context, reinterpret_cast<const unsigned char*>(signature.data()),
-                         signature.size(), reinterpret_cast<const unsigned char*>(md5Hex.data()),
-                         md5Hex.size()) == 1;
-    EVP_MD_CTX_free(context);
-    return valid;
+    return key_->verify(md5Hex, signature);
 }
 
 void FileProxy::sendEvent(const FerritCore::PerfRecord& record) {

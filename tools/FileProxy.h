@@ -13,9 +13,9 @@
 
 #include "base/Proxy.h"
 
-struct evp_pkey_st;
-
 namespace FerritTools {
+
+class Ed25519Key;
 
 class FileProxy : public FerritCore::Proxy {
   public:
@@ -43,9 +43,9 @@ class FileProxy : public FerritCore::Proxy {
     void setPrintEvents(bool print) { printEvents_ = print; }
 
   private:
-    explicit FileProxy(evp_pkey_st* key) : key_(key) {}
+    explicit FileProxy(std::unique_ptr<Ed25519Key> key);
 
-    evp_pkey_st* key_;  // owned; EVP keys may be used from several threads for verification
+    std::unique_ptr<Ed25519Key> key_;  // immutable: verification may run on several threads
     bool printEvents_ = false;
     std::string servedFolder_;
     mutable std::mutex mutex_;

@@ -1,0 +1,449 @@
+#include "storage/ZipFile.h"
+
+#include <minizip/unzip.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <unordered_set>
+
+#include "base/Errors.h"
+
+namespace FerritCore {
+
+namespace {
+
+// ---- Memory as a file -------------------------------------------------------------------------
+
+struct MemoryStream {
+    unsigned char* base;
+    uint64_t size;
+    uint64_t highWater;  // end of what the stream holds: size when reading, written bytes else
+    uint64_t position;
+};
+
+voidpf ZCALLBACK memoryOpen(voidpf, const void* filename, int mode) {
+    if (filename == nullptr) return nullptr;
+    const char* name = static_cast<const char*>(filename);
+    void* base = nullptr;
+    unsigned long size = 0;
+    int consumed = 0;
+    // The whole name must be the form nameOf writes; anything else names no memory.
+    if (std::sscanf(name, "%p+%lu%n", &base, &size, &consumed) != 2 ||
+        static_cast<size_t>(consumed) != std::strlen(name) || (base == nullptr && size != 0)) {
+        return nullptr;
+    }
+    const uint64_t highWater = (mode & ZLIB_FILEFUNC_MODE_CREATE) != 0 ? 0 : size;
+    return new (std::nothrow) MemoryStream{static_cast<unsigned char*>(base), size, highWater, 0};
+}
+
+uLong ZCALLBACK memoryRead(voidpf, voidpf stream, void* buffer, uLong size) {
+    auto* s = static_cast<MemoryStream*>(stream);
+    const uint64_t left = s->position < s->highWater ? s->highWater - s->position : 0;
+    const uint64_t count = size < left ? size : left;
+    if (count != 0) std::memcpy(buffer, s->base + s->position, count);
+    s->position += count;
+    return static_cast<uLong>(count);
+}
+
+uLong ZCALLBACK memoryWrite(voidpf, voidpf stream, const void* buffer, uLong size) {
+    auto* s = static_cast<MemoryStream*>(stream);
+    const uint64_t left = s->position < s->size ? s->size - s->position : 0;
+    const uint64_t count = size < left ? size : left;
+    if (count != 0) std::memcpy(s->base + s->position, buffer, count);
+    s->position += count;
+    if (s->position > s->highWater) s->highWater = s->position;
+    return static_cast<uLong>(count);
+}
+
+ZPOS64_T ZCALLBACK memoryTell(voidpf, voidpf stream) {
+    return static_cast<MemoryStream*>(stream)->position;
+}
+
+long ZCALLBACK memorySeek(voidpf, voidpf stream, ZPOS64_T offset, int origin) {
+    auto* s = static_cast<MemoryStream*>(stream);
+    uint64_t start = 0;
+    switch (origin) {
+        case ZLIB_FILEFUNC_SEEK_SET:
+            start = 0;
+            break;
+        case ZLIB_FILEFUNC_SEEK_CUR:
+            start = s->position;
+            break;
+        case ZLIB_FILEFUNC_SEEK_END:
+            start = s->highWater;
+            break;
+        default:
+            return -1;
+    }
+    // position and highWater never pass size, so the subtraction cannot wrap.
+    if (offset > s->size - start) return 1;
+    const uint64_t target = start + offset;
+    if (target > s->highWater) {
+        std::memset(s->base + s->highWater, 0, target - s->highWater);
+        s->highWater = target;
+    }
+    s->position = target;
+    return 0;
+}
+
+int ZCALLBACK memoryClose(voidpf, voidpf stream) {
+    delete static_cast<MemoryStream*>(stream);
+    return 0;
+}
+
+int ZCALLBACK memoryError(voidpf, voidpf) {
+    return 0;
+}
+
+// ---- Entry checks -----------------------------------------------------------------------------
+
+std::string formatText(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string formatText(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    const int needed = std::vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    std::string text;
+    if (needed > 0) {
+        text.resize(static_cast<size_t>(needed) + 1);
+        std::vsnprintf(text.data(), text.size(), format, again);
+        text.resize(static_cast<size_t>(needed));
+    }
+    va_end(again);
+    return text;
+}
+
+unsigned long long ull(uint64_t value) {
+    return static_cast<unsigned long long>(value);
+}
+
+// Left out of every walk: what archivers of one desktop system add beside the real content.
+bool isSkipped(std::string_view name) {
+    return name.starts_with("__MACOSX/") || name.ends_with(".DS_Store");
+}
+
+// Why a name could not be written below a target folder; empty when it can.
+std::string nameProblem(const std::string& name) {
+    if (name.empty()) return "Entry name is empty";
+    if (name.find('\0') != std::string::npos)
+        return formatText("Entry name \"%s\" holds a NUL byte", name.c_str());
+    if (name.find('\\') != std::string::npos)
+        return formatText("Entry name \"%s\" holds a backslash", name.c_str());
+    if (name.front() == '/') return formatText("Entry name \"%s\" is absolute", name.c_str());
+    size_t start = 0;
+    while (start <= name.size()) {
+        size_t end = name.find('/', start);
+        if (end == std::string::npos) end = name.size();
+        if (std::string_view(name).substr(start, end - start) == "..")
+            return formatText("Entry name \"%s\" climbs out of its folder", name.c_str());
+        start = end + 1;
+    }
+    return {};
+}
+
+// Unix file types in the high half of the external attributes.
+constexpr uint32_t kUnixTypeMask = 0170000;
+constexpr uint32_t kUnixRegular = 0100000;
+constexpr uint32_t kUnixDirectory = 0040000;
+constexpr uint32_t kUnixSymlink = 0120000;
+
+std::string typeProblem(const unz_file_info64& info, const std::string& name) {
+    const uint32_t type = static_cast<uint32_t>(info.external_fa >> 16) & kUnixTypeMask;
+    if (type == kUnixSymlink) return formatText("Entry \"%s\" is a symbolic link", name.c_str());
+    // No type at all is what archivers of systems without Unix modes write.
+    if (type != 0 && type != kUnixRegular && type != kUnixDirectory)
+        return formatText("Entry \"%s\" is a special file", name.c_str());
+    if ((info.flag & 1) != 0) return formatText("Entry \"%s\" is encrypted", name.c_str());
+    return {};
+}
+
+// Whether the recorded sizes can be believed before a byte is allocated for the content.
+std::string sizeProblem(const unz_file_info64& info, const std::string& name,
+                        uint64_t archiveSize) {
+    const uint64_t compressed = info.compressed_size;
+    const uint64_t size = info.uncompressed_size;
+    if (compressed > archiveSize) {
+        return formatText("Entry \"%s\" declares %llu compressed bytes in an archive of %llu",
+                          name.c_str(), ull(compressed), ull(archiveSize));
+    }
+    if (info.compression_method == 0) {
+        if (size != compressed) {
+            return formatText("Entry \"%s\" is stored with %llu bytes but declares %llu",
+                              name.c_str(), ull(compressed), ull(size));
+        }
+    } else if (info.compression_method == Z_DEFLATED) {
+        if (size > compressed * ZipFile::kMaxDeflateRatio + ZipFile::kDeflateSlack) {
+            return formatText("Entry \"%s\" declares %llu bytes from %llu compressed", name.c_str(),
+                              ull(size), ull(compressed));
+        }
+    } else {
+        return formatText("Entry \"%s\" uses compression method %lu", name.c_str(),
+                          static_cast<unsigned long>(info.compression_method));
+    }
+    if (size > ZipFile::kMaxEntrySize) {
+        return formatText("Entry \"%s\" declares %llu bytes, above the limit of %llu", name.c_str(),
+                          ull(size), ull(ZipFile::kMaxEntrySize));
+    }
+    return {};
+}
+
+// The current entry's information and name: once for the sizes, then with a name buffer of the
+// reported length plus one.
+int currentInfo(unzFile handle, unz_file_info64& info, std::string& name) {
+    int status = unzGetCurrentFileInfo64(handle, &info, nullptr, 0, nullptr, 0, nullptr, 0);
+    if (status != UNZ_OK) return status;
+    name.assign(info.size_filename + 1, '\0');
+    status = unzGetCurrentFileInfo64(handle, &info, name.data(), info.size_filename + 1, nullptr, 0,
+                                     nullptr, 0);
+    name.resize(status == UNZ_OK ? info.size_filename : 0);
+    return status;
+}
+
+}  // namespace
+
+// ---- ZipMemoryIo ------------------------------------------------------------------------------
+
+namespace ZipMemoryIo {
+
+std::string nameOf(const void* base, unsigned long size) {
+    char name[64];
+    std::snprintf(name, sizeof(name), "%p+%lu", base, size);
+    return name;
+}
+
+void fill(zlib_filefunc64_def_s& table) {
+    table.zopen64_file = memoryOpen;
+    table.zread_file = memoryRead;
+    table.zwrite_file = memoryWrite;
+    table.ztell64_file = memoryTell;
+    table.zseek64_file = memorySeek;
+    table.zclose_file = memoryClose;
+    table.zerror_file = memoryError;
+    table.opaque = nullptr;
+}
+
+}  // namespace ZipMemoryIo
+
+// ---- ZipFile ----------------------------------------------------------------------------------
+
+ZipFile::~ZipFile() {
+    if (handle_ != nullptr) unzClose(handle_);
+}
+
+ZipFile::ZipFile(ZipFile&& other) noexcept
+    : source_(std::move(other.source_)), handle_(other.handle_), archiveSize_(other.archiveSize_) {
+    other.handle_ = nullptr;
+}
+
+ZipFile& ZipFile::operator=(ZipFile&& other) noexcept {
+    if (this != &other) {
+        if (handle_ != nullptr) unzClose(handle_);
+        source_ = std::move(other.source_);
+        handle_ = other.handle_;
+        archiveSize_ = other.archiveSize_;
+        other.handle_ = nullptr;
+    }
+    return *this;
+}
+
+Error ZipFile::failure(const std::string& reason) const {
+    return Errors::unzipFailed(source_.describe(), reason);
+}
+
+ZipFile ZipFile::open(const Folder& source, std::string_view archive, Error& error) {
+    ZipFile zip;
+    zip.source_ = source;
+    zlib_filefunc64_def table;
+    ZipMemoryIo::fill(table);
+    const std::string name =
+        ZipMemoryIo::nameOf(archive.data(), static_cast<unsigned long>(archive.size()));
+    // minizip reports no status for a failed open: whatever it could not find, the bytes are no
+    // zip archive it can read.
+    zip.handle_ = archive.empty() ? nullptr : unzOpen2_64(name.c_str(), &table);
+    if (zip.handle_ == nullptr) {
+        error = zip.failure(formatText("Open zip file failed: %d", UNZ_BADZIPFILE));
+        return zip;
+    }
+    zip.archiveSize_ = archive.size();
+    error.clear();
+    return zip;
+}
+
+uint64_t ZipFile::unpackFile(const Folder& archive, const Folder& target, Error& error) {
+    const std::string bytes = Folder::readFile(archive, error);
+    if (error) return 0;
+    ZipFile zip = open(archive, bytes, error);
+    if (!zip) return 0;
+    return zip.extractTo(target, error);
+}
+
+bool ZipFile::readCurrent(const std::string& name, uint64_t size, std::string& content,
+                          Error& error) {
+    try {
+        content.resize(size);
+    } catch (const std::bad_alloc&) {
+        unzCloseCurrentFile(handle_);
+        error = failure(formatText("std::bad_alloc, reserve: %llu", ull(size)));
+        return false;
+    }
+    // The read never inflates past the recorded size: minizip stops there whatever the stream
+    // holds, and a stream that ends early gives a short count.
+    const int read =
+        size == 0 ? 0 : unzReadCurrentFile(handle_, content.data(), static_cast<unsigned>(size));
+    if (read < 0) {
+        unzCloseCurrentFile(handle_);
+        error = failure(formatText("Read zip file \"%s\" failed: %d", name.c_str(), read));
+        return false;
+    }
+    if (static_cast<uint64_t>(read) != size) {
+        unzCloseCurrentFile(handle_);
+        error = failure(formatText("Read zip file \"%s\" failed: %d of %llu bytes", name.c_str(),
+                                   read, ull(size)));
+        return false;
+    }
+    // Closing compares the CRC-32 of what was read with the recorded one.
+    const int closed = unzCloseCurrentFile(handle_);
+    if (closed != UNZ_OK) {
+        error = failure(formatText("Read zip file \"%s\" failed: %d", name.c_str(), closed));
+        return false;
+    }
+    return true;
+}
+
+std::string ZipFile::readEntry(const std::string& name, Error& error) {
+    std::string content;
+    if (handle_ == nullptr) {
+        error = failure(formatText("Open zip file failed: %d", UNZ_PARAMERROR));
+        return content;
+    }
+    int status = unzLocateFile(handle_, name.c_str(), 1);
+    if (status == UNZ_OK) status = unzOpenCurrentFile(handle_);
+    if (status != UNZ_OK) {
+        error = failure(formatText("Open zip file failed: %d", status));
+        return content;
+    }
+    unz_file_info64 info;
+    status = unzGetCurrentFileInfo64(handle_, &info, nullptr, 0, nullptr, 0, nullptr, 0);
+    if (status != UNZ_OK) {
+        unzCloseCurrentFile(handle_);
+        error = failure(formatText("Read zip file info: %d", status));
+        return content;
+    }
+    std::string problem = typeProblem(info, name);
+    if (problem.empty()) problem = sizeProblem(info, name, archiveSize_);
+    if (!problem.empty()) {
+        unzCloseCurrentFile(handle_);
+        error = failure(problem);
+        return content;
+    }
+    if (!readCurrent(name, info.uncompressed_size, content, error)) {
+        content.clear();
+        content.shrink_to_fit();
+        return content;
+    }
+    error.clear();
+    return content;
+}
+
+bool ZipFile::checkEntries(Error& error) {
+    int status = unzGoToFirstFile(handle_);
+    if (status != UNZ_OK) {
+        error = failure(formatText("Enum first zip file failed: %d", status));
+        return false;
+    }
+    std::unordered_set<std::string> seen;
+    unz_file_info64 info;
+    std::string name;
+    for (;;) {
+        status = currentInfo(handle_, info, name);
+        if (status != UNZ_OK) {
+            error = failure(formatText("Read zip file info: %d", status));
+            return false;
+        }
+        // Skipped entries are never read nor written, so their names cannot do harm.
+        if (!isSkipped(name)) {
+            std::string problem = nameProblem(name);
+            if (problem.empty()) problem = typeProblem(info, name);
+            if (problem.empty()) problem = sizeProblem(info, name, archiveSize_);
+            // Names that differ only in separators land on one file.
+            if (problem.empty() && !seen.insert(normalizePath(name)).second)
+                problem = formatText("Duplicate entry \"%s\"", name.c_str());
+            if (!problem.empty()) {
+                error = failure(problem);
+                return false;
+            }
+        }
+        status = unzGoToNextFile(handle_);
+        if (status == UNZ_END_OF_LIST_OF_FILE) return true;
+        if (status != UNZ_OK) {
+            error = failure(formatText("Enum next zip file failed: %d", status));
+            return false;
+        }
+    }
+}
+
+bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
+    if (!callback) return false;
+    if (handle_ == nullptr) {
+        error = failure(formatText("Open zip file failed: %d", UNZ_PARAMERROR));
+        return false;
+    }
+    // The whole directory is checked first, so that a refused archive delivers nothing at all.
+    if (!checkEntries(error)) return false;
+    int status = unzGoToFirstFile(handle_);
+    if (status != UNZ_OK) {
+        error = failure(formatText("Enum first zip file failed: %d", status));
+        return false;
+    }
+    error.clear();
+    unz_file_info64 info;
+    std::string name;
+    for (;;) {
+        status = unzOpenCurrentFile(handle_);
+        if (status != UNZ_OK) {
+            error = failure(formatText("Open zip file failed: %d", status));
+            return false;
+        }
+        status = currentInfo(handle_, info, name);
+        if (status != UNZ_OK) {
+            unzCloseCurrentFile(handle_);
+            error = failure(formatText("Read zip file info: %d", status));
+            return false;
+        }
+        if (isSkipped(name)) {
+            unzCloseCurrentFile(handle_);
+        } else {
+            // The entry is closed (and its CRC checked) before the callback sees the content.
+            std::string content;
+            if (!readCurrent(name, info.uncompressed_size, content, error)) return false;
+            if (!callback(name, std::move(content))) return true;
+        }
+        if (unzGoToNextFile(handle_) != UNZ_OK) return true;
+    }
+}
+
+uint64_t ZipFile::extractTo(const Folder& target, Error& error) {
+    uint64_t total = 0;
+    Error writeError;
+    const bool walked = forEachEntry(
+        [&](const std::string& name, std::string content) {
+            total += content.size();
+            const Folder child = target.childOf(name);
+            child.ensureParent();
+            if (child.isDirectory()) return true;
+            return Folder::writeFile(child, content, writeError);
+        },
+        error);
+    if (!walked || error) return 0;
+    if (writeError) {
+        error = std::move(writeError);
+        return 0;
+    }
+    return total;
+}
+
+}  // namespace FerritCore

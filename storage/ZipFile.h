@@ -1,0 +1,104 @@
+// ZipFile: reads one zip archive held in memory, by entry name or entry by entry, and unpacks it
+// into a folder. Not thread-safe: the archive handle has one cursor, so an object belongs to one
+// thread at a time; different objects may be used on different threads.
+//
+// Archives come from the network, so every entry is checked before anything is inflated: an entry
+// name that could leave the target folder (absolute, a ".." piece, a backslash, a NUL byte), a
+// symbolic link or other special file, an encrypted entry, a name given twice, and a recorded
+// size that the compressed bytes cannot produce or that passes kMaxEntrySize are refused with
+// 2207, and no entry of such an archive reaches a callback. Content is never inflated past its
+// recorded size, and its CRC-32 is checked before it is handed on.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "base/Folder.h"
+#include "ferritcore/Error.h"
+
+struct zlib_filefunc64_def_s;
+
+namespace FerritCore {
+
+// The table of file functions through which minizip reads memory instead of a file. Its file name
+// is "%p+%lu", the buffer's address and length, which the open function parses back. The state
+// behind each opened stream is four words: base, size, high-water mark and position.
+//   open:  parses the name; create mode (ZLIB_FILEFUNC_MODE_CREATE, 8) starts the high-water mark
+//          at 0, any other mode at size. An unparsable name opens nothing.
+//   read:  copies at most the bytes left below the high-water mark (all of size when reading).
+//   write: copies at most the bytes left below size and raises the high-water mark; only create
+//          mode over a writable buffer may write.
+//   seek:  origin 0 (start), 1 (current) or 2 (end, that is the high-water mark); a target beyond
+//          size returns 1 and moves nothing; a target beyond the high-water mark zero-fills the
+//          gap (a writable buffer again); any other origin returns -1.
+//   tell:  the position. close: frees the state.
+namespace ZipMemoryIo {
+// The file name that stands for `size` bytes at `base`.
+std::string nameOf(const void* base, unsigned long size);
+// Fills every function of `table`, opaque pointer null.
+void fill(zlib_filefunc64_def_s& table);
+}  // namespace ZipMemoryIo
+
+class ZipFile {
+  public:
+    // Called with each entry's name and whole content; false ends the walk at once.
+    using EntryCallback = std::function<bool(const std::string& name, std::string content)>;
+
+    // The largest content one entry may have: far beyond any resource of a web pack, and within
+    // the int count that one minizip read returns.
+    static constexpr uint64_t kMaxEntrySize = 512ull << 20;
+    // Deflate produces at most 1032 bytes per compressed byte (a 258-byte match in two bits); a
+    // recorded size above that, plus kDeflateSlack for the stream's own framing, is a lie.
+    static constexpr uint64_t kMaxDeflateRatio = 1032;
+    static constexpr uint64_t kDeflateSlack = 1024;
+
+    // A closed archive; every operation on it fails with 2207.
+    ZipFile() = default;
+    ~ZipFile();
+    ZipFile(ZipFile&& other) noexcept;
+    ZipFile& operator=(ZipFile&& other) noexcept;
+    ZipFile(const ZipFile&) = delete;
+    ZipFile& operator=(const ZipFile&) = delete;
+
+    // Opens the archive in `archive`, which the caller keeps alive and unchanged for the life of
+    // the result. `source` names the archive in messages only. On failure the result is closed
+    // and `error` is 2207 "Open zip file failed: %d"; success clears `error`.
+    static ZipFile open(const Folder& source, std::string_view archive, Error& error);
+    // Reads the archive file, opens it and extracts it into `target`: the total of extractTo, or
+    // 0 with `error` set (the read's own 11xx error when the file cannot be read).
+    static uint64_t unpackFile(const Folder& archive, const Folder& target, Error& error);
+
+    bool isOpen() const { return handle_ != nullptr; }
+    explicit operator bool() const { return isOpen(); }
+    const Folder& source() const { return source_; }
+
+    // The content of the entry named exactly `name` (case counts), or empty with `error` set
+    // (2207). Success clears `error`.
+    std::string readEntry(const std::string& name, Error& error);
+    // Checks every entry, then calls `callback` for each in the archive's order, skipping those
+    // whose name begins with "__MACOSX/" or ends with ".DS_Store" unread. False without a
+    // callback (nothing else done), or with `error` set (2207) when an entry is refused or fails
+    // to read; true when the walk ended, at the end of the list or by the callback's false.
+    bool forEachEntry(const EntryCallback& callback, Error& error);
+    // Writes every entry below `target`: directories are made, files written after their parent
+    // directory is made. Returns the total of the content lengths (directories count 0), or 0
+    // with `error` set: 2207 for the archive, or the write's own error (an empty file entry is
+    // such an error: a file is never written empty). What was written before a failure stays;
+    // the caller discards the target.
+    uint64_t extractTo(const Folder& target, Error& error);
+
+  private:
+    // Reads the open entry whole and closes it: false with `error` set on any failure.
+    bool readCurrent(const std::string& name, uint64_t size, std::string& content, Error& error);
+    // Walks the whole central directory and refuses the archive if any delivered entry is unsafe.
+    bool checkEntries(Error& error);
+    Error failure(const std::string& reason) const;
+
+    Folder source_;
+    void* handle_ = nullptr;  // the minizip handle; closed by the destructor
+    uint64_t archiveSize_ = 0;
+};
+
+}  // namespace FerritCore

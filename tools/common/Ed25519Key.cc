@@ -1,0 +1,129 @@
+#include "tools/common/Ed25519Key.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <cstdio>
+
+namespace FerritTools {
+
+namespace {
+
+const unsigned char* bytesOf(std::string_view text) {
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+}  // namespace
+
+std::unique_ptr<Ed25519Key> Ed25519Key::generate(std::string& error) {
+    EVP_PKEY* key = nullptr;
+    EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_id(EVP_PKEY_ED25519, nullptr);
+    const bool made = context != nullptr && EVP_PKEY_keygen_init(context) == 1 &&
+                      EVP_PKEY_keygen(context, &key) == 1;
+    EVP_PKEY_CTX_free(context);
+    if (!made) {
+        EVP_PKEY_free(key);
+        error = "key generation failed";
+        return nullptr;
+    }
+    return std::unique_ptr<Ed25519Key>(new Ed25519Key(key, true));
+}
+
+std::unique_ptr<Ed25519Key> Ed25519Key::loadPrivate(const std::string& pemPath,
+                                                    std::string& error) {
+    FILE* in = std::fopen(pemPath.c_str(), "rb");
+    if (in == nullptr) {
+        error = "cannot read the private key " + pemPath;
+        return nullptr;
+    }
+    EVP_PKEY* key = PEM_read_PrivateKey(in, nullptr, nullptr, nullptr);
+    std::fclose(in);
+    if (key == nullptr || EVP_PKEY_get_id(key) != EVP_PKEY_ED25519) {
+        EVP_PKEY_free(key);
+        error = pemPath + " holds no Ed25519 private key";
+        return nullptr;
+    }
+    return std::unique_ptr<Ed25519Key>(new Ed25519Key(key, true));
+}
+
+std::unique_ptr<Ed25519Key> Ed25519Key::loadPublic(const std::string& pemPath, std::string& error) {
+    FILE* in = std::fopen(pemPath.c_str(), "rb");
+    if (in == nullptr) {
+        error = "cannot read the public key " + pemPath;
+        return nullptr;
+    }
+    EVP_PKEY* key = PEM_read_PUBKEY(in, nullptr, nullptr, nullptr);
+    std::fclose(in);
+    if (key == nullptr || EVP_PKEY_get_id(key) != EVP_PKEY_ED25519) {
+        EVP_PKEY_free(key);
+        error = pemPath + " holds no Ed25519 public key";
+        return nullptr;
+    }
+    return std::unique_ptr<Ed25519Key>(new Ed25519Key(key, false));
+}
+
+Ed25519Key::~Ed25519Key() {
+    EVP_PKEY_free(key_);
+}
+
+bool Ed25519Key::sign(std::string_view message, std::string& signature, std::string& error) const {
+    if (!hasPrivate_) {
+        error = "a public key cannot sign";
+        return false;
+    }
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    size_t length = 0;
+    bool signedOk =
+        context != nullptr && EVP_DigestSignInit(context, nullptr, nullptr, nullptr, key_) == 1 &&
+        EVP_DigestSign(context, nullptr, &length, bytesOf(message), message.size()) == 1;
+    if (signedOk) {
+        signature.resize(length);
+        signedOk = EVP_DigestSign(context, reinterpret_cast<unsigned char*>(signature.data()),
+                                  &length, bytesOf(message), message.size()) == 1;
+        signature.resize(length);
+    }
+    EVP_MD_CTX_free(context);
+    if (!signedOk) error = "signing failed";
+    return signedOk;
+}
+
+bool Ed25519Key::verify(std::string_view message, std::string_view signature) const {
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    if (context == nullptr) return false;
+    // Ed25519 signs the message itself: no digest is named.
+    const bool valid = EVP_DigestVerifyInit(context, nullptr, nullptr, nullptr, key_) == 1 &&
+                       EVP_DigestVerify(context, bytesOf(signature), signature.size(),
+                                        bytesOf(message), message.size()) == 1;
+    EVP_MD_CTX_free(context);
+    return valid;
+}
+
+bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error) const {
+    bool written = false;
+    if (FILE* out = hasPrivate_ ? std::fopen(path.c_str(), "wb") : nullptr) {
+        written = PEM_write_PrivateKey(out, key_, nullptr, nullptr, 0, nullptr, nullptr) == 1;
+        written = std::fclose(out) == 0 && written;
+    }
+    if (!written) error = "cannot write the private key " + path;
+    return written;
+}
+
+bool Ed25519Key::writePublicPem(const std::string& path, std::string& error) const {
+    bool written = false;
+    if (FILE* out = std::fopen(path.c_str(), "wb")) {
+        written = PEM_write_PUBKEY(out, key_) == 1;
+        written = std::fclose(out) == 0 && written;
+    }
+    if (!written) error = "cannot write the public key " + path;
+    return written;
+}
+
+std::string base64Encode(std::string_view bytes) {
+    std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+    const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), bytesOf(bytes),
+                                  static_cast<int>(bytes.size()));
+    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return out;
+}
+
+}  // namespace FerritTools

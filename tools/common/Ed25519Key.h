@@ -1,0 +1,48 @@
+// Ed25519Key: the key pair of the reference hosts' signature scheme, as the command-line tools
+// make, read, write and use it: a signature is the Ed25519 signature of an MD5 text, carried in
+// base 64. A key is immutable once made, so sign and verify may run on any thread; loading and
+// writing touch only the named files.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+struct evp_pkey_st;
+
+namespace FerritTools {
+
+class Ed25519Key {
+  public:
+    // A fresh key pair; null with `error` set on failure.
+    static std::unique_ptr<Ed25519Key> generate(std::string& error);
+    // The private key of a PEM file (which also gives the public half); null with `error` set
+    // when the file cannot be read or holds no Ed25519 private key.
+    static std::unique_ptr<Ed25519Key> loadPrivate(const std::string& pemPath, std::string& error);
+    // The public key of a PEM file; null with `error` set likewise.
+    static std::unique_ptr<Ed25519Key> loadPublic(const std::string& pemPath, std::string& error);
+    ~Ed25519Key();
+    Ed25519Key(const Ed25519Key&) = delete;
+    Ed25519Key& operator=(const Ed25519Key&) = delete;
+
+    bool hasPrivate() const { return hasPrivate_; }
+    // Signs `message` itself (Ed25519 names no digest): the 64 raw signature bytes. Deterministic:
+    // the same key and message give the same bytes. False with `error` set without a private key.
+    bool sign(std::string_view message, std::string& signature, std::string& error) const;
+    // Whether `signature` (raw bytes) is this key's signature of `message`.
+    bool verify(std::string_view message, std::string_view signature) const;
+    // PEM files: PKCS#8 private key, SubjectPublicKeyInfo public key.
+    bool writePrivatePem(const std::string& path, std::string& error) const;
+    bool writePublicPem(const std::string& path, std::string& error) const;
+
+  private:
+    Ed25519Key(evp_pkey_st* key, bool hasPrivate) : key_(key), hasPrivate_(hasPrivate) {}
+
+    evp_pkey_st* key_;  // owned
+    bool hasPrivate_;
+};
+
+// Standard base 64 with padding, on one line: the form in which signed files carry signatures.
+std::string base64Encode(std::string_view bytes);
+
+}  // namespace FerritTools

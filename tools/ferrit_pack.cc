@@ -1,0 +1,423 @@
+// ferrit-pack: makes what a pack server publishes: pack zips, incremental zips, their wrapped
+// image form and the signed pack configuration document. `ferrit-pack help` and
+// `ferrit-pack COMMAND --help` describe each command.
+#include <cerrno>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Digest.h"
+#include "tools/common/Ed25519Key.h"
+#include "tools/common/ToolFiles.h"
+#include "tools/pack/PackBuilder.h"
+
+using namespace FerritTools;
+
+namespace {
+
+// Exit statuses.
+constexpr int kSuccess = 0;
+constexpr int kFailure = 1;  // the work failed: a file could not be read, signed or written
+constexpr int kUsage = 2;    // the command line was wrong
+
+const char* const kOverview = R"(NAME
+    ferrit-pack - build the packs, increments and configuration documents that clients download
+
+SYNOPSIS
+    ferrit-pack build  --key PEM --url-prefix URL [OPTIONS] FOLDER OUT.zip
+    ferrit-pack diff   --key PEM --url-prefix URL [OPTIONS] OLD NEW OUT.zip
+    ferrit-pack wrap   --seq N IN.zip OUT.png
+    ferrit-pack config --key PEM --version V --pack NAME [PACK OPTIONS]... OUT
+    ferrit-pack help [COMMAND]
+    ferrit-pack COMMAND --help
+
+DESCRIPTION
+    A pack is a zip of web resources under "res/" with a signed list of them, "app-res.hvc".
+    build makes the full zip of one version, diff the incremental zip from one version to the
+    next, wrap hides a zip inside a PNG image for servers that must serve images, and config
+    writes the signed document that tells clients which version to fetch and the MD5 of each
+    zip. Every output is deterministic: the same input and key give the same bytes.
+
+    Signatures are Ed25519 over the lower-case hexadecimal MD5 of the signed text, in base 64.
+    ferrit-sign-index keygen makes a key pair.
+
+EXIT STATUS
+    0 on success, 1 when the work failed (a file could not be read, signed or written), 2 on a
+    wrong command line.
+)";
+
+const char* const kBuildHelp = R"(NAME
+    ferrit-pack build - write the full zip of one version of a pack
+
+SYNOPSIS
+    ferrit-pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... [--token TEXT]
+                      FOLDER OUT.zip
+
+DESCRIPTION
+    Every regular file below FOLDER becomes the entry "res/<path>" of OUT.zip, in path order
+    (".DS_Store" files and "__MACOSX" folders are left out). The first entry, "app-res.hvc",
+    lists each as {"res/<path>": {"url": URL + <path>, "v": <MD5>, "header": {...}}}, followed by
+    "||", the token, "|" and the signature. Entries are deflated and carry a fixed time, so the
+    same FOLDER and key always give the same bytes. Prints the zip's MD5, which the pack
+    configuration names as "c".
+
+OPTIONS
+    --key PEM             Ed25519 private key (PEM) that signs the list.
+    --url-prefix URL      prefix of every resource URL, normally ending in "/".
+    --header PATH=NAME:VALUE
+                          a response header of the file PATH (relative to FOLDER); repeatable.
+    --token TEXT          the text between the list's separators (default "ed25519"); no "|".
+    --help                this text.
+
+EXAMPLES
+    ferrit-pack build --key keys/pack.pem --url-prefix https://shop.example.com/app/ \
+        --header css/app.css=Access-Control-Allow-Origin:* site/ shop-3.zip
+
+EXIT STATUS
+    0 on success, 1 when the work failed, 2 on a wrong command line.
+)";
+
+const char* const kDiffHelp = R"(NAME
+    ferrit-pack diff - write the incremental zip from one version of a pack to the next
+
+SYNOPSIS
+    ferrit-pack diff --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... [--token TEXT]
+                     OLD NEW OUT.zip
+
+DESCRIPTION
+    OLD and NEW are the folders of two versions, as build takes them. OUT.zip holds the files of
+    NEW that are new or whose content changed, as "res/<path>", and an "app-res.hvc" that lists
+    every file of NEW and, for each file of OLD that NEW no longer has, a record without "v":
+    the client then drops that path while it copies the unchanged files from its installed
+    version. Prints what changed, was added and was removed, and the zip's MD5, which the pack
+    configuration names as "ci".
+
+OPTIONS
+    --key PEM             Ed25519 private key (PEM) that signs the list.
+    --url-prefix URL      prefix of every resource URL.
+    --header PATH=NAME:VALUE
+                          a response header of the file PATH of NEW; repeatable.
+    --token TEXT          the text between the list's separators (default "ed25519").
+    --help                this text.
+
+EXAMPLES
+    ferrit-pack diff --key keys/pack.pem --url-prefix https://shop.example.com/app/ \
+        site-3/ site-4/ shop-i-4.zip
+
+EXIT STATUS
+    0 on success, 1 when the work failed, 2 on a wrong command line.
+)";
+
+const char* const kWrapHelp = R"(NAME
+    ferrit-pack wrap - hide a zip inside a PNG image
+
+SYNOPSIS
+    ferrit-pack wrap --seq N IN.zip OUT.png
+
+DESCRIPTION
+    Writes a valid 1x1 PNG image whose IEND chunk carries the 16 raw bytes of the zip's MD5 and
+    then the zip, each byte combined by exclusive-or with the low 8 bits of N, with the chunk's
+    correct CRC-32. N must be the sequence number of the version the zip holds: clients undo the
+    combination with it. With N a multiple of 256 the zip is stored as it is. Prints the zip's
+    MD5, which the client computes after unwrapping.
+
+OPTIONS
+    --seq N               the pack's sequence number (decimal).
+    --help                this text.
+
+EXAMPLES
+    ferrit-pack wrap --seq 4 shop-4.zip shop-4.png
+
+EXIT STATUS
+    0 on success, 1 when the work failed, 2 on a wrong command line.
+)";
+
+const char* const kConfigHelp = R"(NAME
+    ferrit-pack config - write a signed pack configuration document
+
+SYNOPSIS
+    ferrit-pack config --key PEM --version V --pack NAME [--seq N] [--base-seq N] [--flags N]
+                       [--zip FILE | --md5 HEX] [--incr FILE | --incr-md5 HEX] [--prefix URL]...
+                       [--publish-time MS] [--pack NAME ...]... OUT
+
+DESCRIPTION
+    Writes {"v": V, "packs": {NAME: {"s", "f", "b", "t", "c", "ci", "p"}}} followed by "||" and
+    the signature, the form in which a configuration endpoint serves documents. The options
+    after each --pack describe that pack; members equal to 0 or empty are left out, and a pack
+    with none is written as {}, which clients read as deleted. "c" is the MD5 of the full zip
+    and "ci" that of the incremental zip; --zip and --incr compute them from the files (give the
+    plain zip, not its wrapped image). Packs appear in the order given.
+
+OPTIONS
+    --key PEM             Ed25519 private key (PEM) that signs the document.
+    --version V           the document's version, a decimal number such as a time in ms.
+    --pack NAME           starts the description of the pack NAME.
+    --seq N               "s", the sequence number of the current version.
+    --base-seq N          "b", the version an incremental zip builds on.
+    --flags N             "f", the pack's flags (priority, type, payload kind 65536 for images).
+    --zip FILE            "c" from the MD5 of FILE.
+    --md5 HEX             "c" as given.
+    --incr FILE           "ci" from the MD5 of FILE.
+    --incr-md5 HEX        "ci" as given.
+    --prefix URL          an entry of "p", a URL prefix the pack serves; repeatable.
+    --publish-time MS     "t", milliseconds since the epoch.
+    --help                this text.
+
+EXAMPLES
+    ferrit-pack config --key keys/pack.pem --version 1700000000000 --pack shop --seq 4 \
+        --base-seq 3 --flags 88 --zip shop-4.zip --incr shop-i-4.zip \
+        --prefix https://shop.example.com/app/ shop-config
+
+EXIT STATUS
+    0 on success, 1 when the work failed, 2 on a wrong command line.
+)";
+
+int usage(const std::string& command, const std::string& message) {
+    std::cerr << "ferrit-pack: " << message << "\n"
+              << "see: ferrit-pack " << (command.empty() ? "help" : command + " --help") << "\n";
+    return kUsage;
+}
+
+int failure(const std::string& message) {
+    std::cerr << "ferrit-pack: " << message << "\n";
+    return kFailure;
+}
+
+bool wantsHelp(int argc, char** argv) {
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") return true;
+    }
+    return false;
+}
+
+// A decimal unsigned number, whole.
+bool parseNumber(const std::string& text, uint64_t& value) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    errno = 0;
+    value = std::strtoull(text.c_str(), nullptr, 10);
+    return errno == 0;
+}
+
+// What build and diff share: the key, the prefix, headers and token, then positional arguments.
+struct PackArguments {
+    std::string keyPath;
+    PackOptions options;
+    std::map<std::string, HeaderFields> headers;
+    std::vector<std::string> positional;
+};
+
+int parsePackArguments(const std::string& command, int argc, char** argv, PackArguments& out) {
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--key" || arg == "--url-prefix" || arg == "--header" || arg == "--token") {
+            if (i + 1 >= argc) return usage(command, "missing value after " + arg);
+            const std::string value = argv[++i];
+            if (arg == "--key") out.keyPath = value;
+            if (arg == "--url-prefix") out.options.urlPrefix = value;
+            if (arg == "--token") out.options.token = value;
+            if (arg == "--header") {
+                const size_t equals = value.find('=');
+                const size_t colon =
+                    equals == std::string::npos ? std::string::npos : value.find(':', equals);
+                if (colon == std::string::npos || colon == equals + 1)
+                    return usage(command, "a header is PATH=NAME:VALUE");
+                size_t start = colon + 1;
+                while (start < value.size() && value[start] == ' ') ++start;
+                out.headers[value.substr(0, equals)][value.substr(equals + 1, colon - equals - 1)] =
+                    value.substr(start);
+            }
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return usage(command, "unknown option " + arg);
+        } else {
+            out.positional.push_back(arg);
+        }
+    }
+    if (out.keyPath.empty()) return usage(command, command + " needs --key");
+    if (out.options.urlPrefix.empty()) return usage(command, command + " needs --url-prefix");
+    std::string error;
+    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(out.keyPath, error);
+    if (!key) return failure(error);
+    out.options.signer = ed25519Signer(std::move(key));
+    return kSuccess;
+}
+
+int build(int argc, char** argv) {
+    PackArguments arguments;
+    if (const int status = parsePackArguments("build", argc, argv, arguments)) return status;
+    if (arguments.positional.size() != 2) return usage("build", "build takes FOLDER and OUT.zip");
+    PackContent content;
+    content.headers = arguments.headers;
+    std::string error, zip;
+    if (!readFolder(arguments.positional[0], content.files, error)) return failure(error);
+    if (!buildPack(content, arguments.options, zip, error)) return failure(error);
+    if (!writeFileAtomically(arguments.positional[1], zip))
+        return failure("cannot write " + arguments.positional[1]);
+    std::cout << "wrote " << arguments.positional[1] << " (" << content.files.size()
+              << (content.files.size() == 1 ? " file" : " files") << ", md5 "
+              << FerritCore::Digest::md5Hex(zip) << ")\n";
+    return kSuccess;
+}
+
+int diff(int argc, char** argv) {
+    PackArguments arguments;
+    if (const int status = parsePackArguments("diff", argc, argv, arguments)) return status;
+    if (arguments.positional.size() != 3) return usage("diff", "diff takes OLD, NEW and OUT.zip");
+    PackContent previous, current;
+    current.headers = arguments.headers;
+    std::string error, zip;
+    if (!readFolder(arguments.positional[0], previous.files, error)) return failure(error);
+    if (!readFolder(arguments.positional[1], current.files, error)) return failure(error);
+    IncrementSummary summary;
+    if (!buildIncrement(previous, current, arguments.options, zip, error, &summary))
+        return failure(error);
+    if (!writeFileAtomically(arguments.positional[2], zip))
+        return failure("cannot write " + arguments.positional[2]);
+    auto list = [](const char* what, const std::vector<std::string>& paths) {
+        for (const std::string& path : paths) std::cout << what << " " << path << "\n";
+    };
+    list("changed", summary.changed);
+    list("added", summary.added);
+    list("removed", summary.removed);
+    std::cout << "wrote " << arguments.positional[2] << " ("
+              << summary.changed.size() + summary.added.size() << " files, "
+              << summary.removed.size() << " removed, md5 " << FerritCore::Digest::md5Hex(zip)
+              << ")\n";
+    return kSuccess;
+}
+
+int wrap(int argc, char** argv) {
+    uint64_t seq = 0;
+    bool hasSeq = false;
+    std::vector<std::string> positional;
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--seq") {
+            if (i + 1 >= argc || !parseNumber(argv[i + 1], seq))
+                return usage("wrap", "--seq takes a decimal number");
+            hasSeq = true;
+            ++i;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return usage("wrap", "unknown option " + arg);
+        } else {
+            positional.push_back(arg);
+        }
+    }
+    if (!hasSeq) return usage("wrap", "wrap needs --seq");
+    if (positional.size() != 2) return usage("wrap", "wrap takes IN.zip and OUT.png");
+    std::string zip, png, error;
+    if (!readWholeFile(positional[0], zip)) return failure("cannot read " + positional[0]);
+    if (!wrapPayload(zip, seq, png, error)) return failure(error);
+    if (!writeFileAtomically(positional[1], png)) return failure("cannot write " + positional[1]);
+    std::cout << "wrote " << positional[1] << " (key byte " << (seq & 0xFF) << ", zip md5 "
+              << FerritCore::Digest::md5Hex(zip) << ")\n";
+    return kSuccess;
+}
+
+int config(int argc, char** argv) {
+    std::string keyPath, version;
+    std::vector<ConfigPack> packs;
+    std::vector<std::string> positional;
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg.size() <= 1 || arg[0] != '-') {
+            positional.push_back(arg);
+            continue;
+        }
+        if (i + 1 >= argc) return usage("config", "missing value after " + arg);
+        const std::string value = argv[++i];
+        if (arg == "--key") {
+            keyPath = value;
+            continue;
+        }
+        if (arg == "--version") {
+            version = value;
+            continue;
+        }
+        if (arg == "--pack") {
+            packs.emplace_back();
+            packs.back().name = value;
+            continue;
+        }
+        if (packs.empty()) return usage("config", arg + " comes before any --pack");
+        ConfigPack& pack = packs.back();
+        uint64_t number = 0;
+        if (arg == "--seq" || arg == "--base-seq" || arg == "--flags" || arg == "--publish-time") {
+            if (!parseNumber(value, number))
+                return usage("config", arg + " takes a decimal number");
+            if (arg == "--seq") pack.seq = number;
+            if (arg == "--base-seq") pack.baseSeq = number;
+            if (arg == "--flags") pack.flags = number;
+            if (arg == "--publish-time") pack.publishTime = static_cast<double>(number);
+        } else if (arg == "--zip" || arg == "--incr") {
+            std::string zip;
+            if (!readWholeFile(value, zip)) return failure("cannot read " + value);
+            (arg == "--zip" ? pack.md5 : pack.incrMd5) = FerritCore::Digest::md5Hex(zip);
+        } else if (arg == "--md5" || arg == "--incr-md5") {
+            if (value.size() != 32 ||
+                value.find_first_not_of("0123456789abcdef") != std::string::npos)
+                return usage("config", arg + " takes 32 lower-case hexadecimal digits");
+            (arg == "--md5" ? pack.md5 : pack.incrMd5) = value;
+        } else if (arg == "--prefix") {
+            pack.prefixes.push_back(value);
+        } else {
+            return usage("config", "unknown option " + arg);
+        }
+    }
+    if (keyPath.empty()) return usage("config", "config needs --key");
+    if (version.empty()) return usage("config", "config needs --version");
+    if (packs.empty()) return usage("config", "config needs at least one --pack");
+    if (positional.size() != 1) return usage("config", "config takes one OUT");
+    std::string error, document;
+    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(keyPath, error);
+    if (!key) return failure(error);
+    if (!buildConfig(version, packs, ed25519Signer(std::move(key)), document, error))
+        return failure(error);
+    if (!writeFileAtomically(positional[0], document))
+        return failure("cannot write " + positional[0]);
+    std::cout << "wrote " << positional[0] << " (" << packs.size()
+              << (packs.size() == 1 ? " pack)\n" : " packs)\n");
+    return kSuccess;
+}
+
+struct Command {
+    int (*run)(int, char**);
+    const char* help;
+};
+
+const std::map<std::string, Command>& commands() {
+    static const std::map<std::string, Command> table{
+        {"build", {build, kBuildHelp}},
+        {"diff", {diff, kDiffHelp}},
+        {"wrap", {wrap, kWrapHelp}},
+        {"config", {config, kConfigHelp}},
+    };
+    return table;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) return usage("", "no command");
+    const std::string name = argv[1];
+    if (name == "help" || name == "--help" || name == "-h") {
+        if (argc > 2 && name == "help") {
+            const auto it = commands().find(argv[2]);
+            if (it == commands().end()) return usage("", std::string("unknown command ") + argv[2]);
+            std::cout << it->second.help;
+            return kSuccess;
+        }
+        std::cout << kOverview;
+        return kSuccess;
+    }
+    const auto it = commands().find(name);
+    if (it == commands().end()) return usage("", "unknown command " + name);
+    if (wantsHelp(argc, argv)) {
+        std::cout << it->second.help;
+        return kSuccess;
+    }
+    return it->second.run(argc, argv);
+}

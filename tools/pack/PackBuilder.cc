@@ -1,0 +1,288 @@
+#include "tools/pack/PackBuilder.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "base/Digest.h"
+#include "marl/Json.h"
+#include "tools/common/Ed25519Key.h"
+#include "tools/common/ToolFiles.h"
+#include "tools/pack/ZipWriter.h"
+
+namespace FerritTools {
+
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONArray;
+using MarlLogger::json::JSONObject;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Left out of a pack: what archivers and file browsers of one desktop system leave behind.
+bool isLeftOut(const fs::path& relative) {
+    for (const auto& piece : relative)
+        if (piece == "__MACOSX") return true;
+    return relative.filename() == ".DS_Store";
+}
+
+std::string rawMd5(std::string_view data) {
+    const std::string hex = FerritCore::Digest::md5Hex(data);
+    std::string raw(hex.size() / 2, '\0');
+    auto nibble = [](char c) { return c <= '9' ? c - '0' : c - 'a' + 10; };
+    for (size_t i = 0; i < raw.size(); ++i)
+        raw[i] = static_cast<char>((nibble(hex[2 * i]) << 4) | nibble(hex[2 * i + 1]));
+    return raw;
+}
+
+void appendBigEndian32(std::string& out, uint32_t value) {
+    out.push_back(static_cast<char>(value >> 24));
+    out.push_back(static_cast<char>(value >> 16));
+    out.push_back(static_cast<char>(value >> 8));
+    out.push_back(static_cast<char>(value));
+}
+
+// One PNG chunk: length, type, data, and the CRC-32 of type and data.
+void appendChunk(std::string& out, std::string_view type, std::string_view data) {
+    appendBigEndian32(out, static_cast<uint32_t>(data.size()));
+    std::string typed(type);
+    typed.append(data);
+    out.append(typed);
+    appendBigEndian32(out, FerritCore::Digest::crc32(typed));
+}
+
+// Signature, header and image data of a 1x1 grey image: everything but its IEND chunk.
+std::string pngImage() {
+    std::string png("\x89PNG\r\n\x1a\n", 8);
+    std::string header;
+    appendBigEndian32(header, 1);  // width
+    appendBigEndian32(header, 1);  // height
+    header.append(
+        std::string("\x08\x00\x00\x00\x00", 5));  // depth 8, grey, deflate, no filter, no interlace
+    appendChunk(png, "IHDR", header);
+    // One scanline: filter byte 0 and one black pixel.
+    const unsigned char scanline[2] = {0, 0};
+    unsigned char compressed[64];
+    uLongf length = sizeof(compressed);
+    compress2(compressed, &length, scanline, sizeof(scanline), 9);
+    appendChunk(png, "IDAT", std::string_view(reinterpret_cast<char*>(compressed), length));
+    return png;
+}
+
+bool writeZip(const std::string& index, const PackContent& content,
+              const std::vector<std::string>& paths, int level, std::string& zip,
+              std::string& error) {
+    ZipWriter writer;
+    ZipWriter::Entry entry;
+    entry.level = level;
+    entry.name = std::string(kIndexEntry);
+    entry.content = index;
+    if (!writer.add(entry, error)) return false;
+    for (const std::string& path : paths) {
+        entry.name = std::string(kResourcePrefix) + path;
+        entry.content = content.files.at(path);
+        if (!writer.add(entry, error)) return false;
+    }
+    return writer.finish(zip, error);
+}
+
+bool signedIndexOf(const PackContent& content, const PackOptions& options,
+                   const std::vector<std::string>& removed, std::string& index,
+                   std::string& error) {
+    std::string json;
+    return indexJson(content, options.urlPrefix, removed, json, error) &&
+           signIndex(json, options.token, options.signer, index, error);
+}
+
+}  // namespace
+
+Signer ed25519Signer(std::shared_ptr<const Ed25519Key> key) {
+    return [key = std::move(key)](const std::string& md5Hex, std::string& signature,
+                                  std::string& error) {
+        if (!key) {
+            error = "no key";
+            return false;
+        }
+        return key->sign(md5Hex, signature, error);
+    };
+}
+
+bool readFolder(const std::string& folder, PackFiles& files, std::string& error) {
+    std::error_code code;
+    if (!fs::is_directory(folder, code)) {
+        error = folder + " is no directory";
+        return false;
+    }
+    files.clear();
+    fs::recursive_directory_iterator it(folder, code), end;
+    for (; !code && it != end; it.increment(code)) {
+        if (!it->is_regular_file(code)) continue;
+        const fs::path relative = fs::relative(it->path(), folder, code);
+        if (code || isLeftOut(relative)) continue;
+        std::string content;
+        if (!readWholeFile(it->path().string(), content)) {
+            error = "cannot read " + it->path().string();
+            return false;
+        }
+        files[relative.generic_string()] = std::move(content);
+    }
+    if (code) {
+        error = "cannot list " + folder + ": " + code.message();
+        return false;
+    }
+    return true;
+}
+
+bool indexJson(const PackContent& content, const std::string& urlPrefix,
+               const std::vector<std::string>& removed, std::string& json, std::string& error) {
+    for (const auto& [path, unused] : content.headers) {
+        if (content.files.count(path) == 0) {
+            error = "a header names no file: " + path;
+            return false;
+        }
+    }
+    JSONObject table;
+    for (const auto& [path, data] : content.files) {
+        JSONObject record{{"url", urlPrefix + path}, {"v", FerritCore::Digest::md5Hex(data)}};
+        const auto headers = content.headers.find(path);
+        if (headers != content.headers.end() && !headers->second.empty()) {
+            JSONObject header;
+            for (const auto& [name, value] : headers->second) header.set(name, value);
+            record.set("header", JSON(std::move(header)));
+        }
+        table.set(std::string(kResourcePrefix) + path, JSON(std::move(record)));
+    }
+    for (const std::string& path : removed) {
+        if (content.files.count(path) != 0) {
+            error = "a removed path is still a file: " + path;
+            return false;
+        }
+        table.set(std::string(kResourcePrefix) + path, JSON(JSONObject{{"url", urlPrefix + path}}));
+    }
+    json = JSON(std::move(table)).toString();
+    return true;
+}
+
+bool signIndex(const std::string& json, const std::string& token, const Signer& signer,
+               std::string& signedIndex, std::string& error) {
+    if (token.find('|') != std::string::npos) {
+        error = "the token may not hold \"|\"";
+        return false;
+    }
+    std::string signature;
+    if (!signer) {
+        error = "no signer";
+        return false;
+    }
+    if (!signer(FerritCore::Digest::md5Hex(json), signature, error)) return false;
+    signedIndex = json + "||" + token + "|" + base64Encode(signature);
+    return true;
+}
+
+bool signDocument(const std::string& json, const Signer& signer, std::string& signedDocument,
+                  std::string& error) {
+    std::string signature;
+    if (!signer) {
+        error = "no signer";
+        return false;
+    }
+    if (!signer(FerritCore::Digest::md5Hex(json), signature, error)) return false;
+    signedDocument = json + "||" + base64Encode(signature);
+    return true;
+}
+
+bool buildPack(const PackContent& content, const PackOptions& options, std::string& zip,
+               std::string& error) {
+    std::string index;
+    if (!signedIndexOf(content, options, {}, index, error)) return false;
+    std::vector<std::string> paths;
+    for (const auto& [path, unused] : content.files) paths.push_back(path);
+    return writeZip(index, content, paths, options.level, zip, error);
+}
+
+bool buildIncrement(const PackContent& previous, const PackContent& current,
+                    const PackOptions& options, std::string& zip, std::string& error,
+                    IncrementSummary* summary) {
+    IncrementSummary found;
+    std::vector<std::string> paths;
+    for (const auto& [path, data] : current.files) {
+        const auto old = previous.files.find(path);
+        if (old == previous.files.end()) {
+            found.added.push_back(path);
+        } else if (old->second != data) {
+            found.changed.push_back(path);
+        } else {
+            continue;
+        }
+        paths.push_back(path);
+    }
+    for (const auto& [path, unused] : previous.files)
+        if (current.files.count(path) == 0) found.removed.push_back(path);
+
+    std::string index;
+    if (!signedIndexOf(current, options, found.removed, index, error)) return false;
+    if (!writeZip(index, current, paths, options.level, zip, error)) return false;
+    if (summary != nullptr) *summary = std::move(found);
+    return true;
+}
+
+bool wrapPayload(std::string_view zip, uint64_t seq, std::string& png, std::string& error) {
+    // A PNG chunk's length is at most 2^31 - 1, and the MD5 comes first.
+    if (zip.size() > 0x7FFFFFFFu - 16) {
+        error = "the zip is too large for one PNG chunk";
+        return false;
+    }
+    std::string out = pngImage();
+    // Readers take the first "IEND" of the file as the chunk; the image must not hold one.
+    if (out.find("IEND") != std::string::npos) {
+        error = "the image holds the bytes \"IEND\"";
+        return false;
+    }
+    const auto key = static_cast<char>(seq & 0xFF);
+    std::string data = rawMd5(zip);
+    data.reserve(16 + zip.size());
+    for (char c : zip) data.push_back(static_cast<char>(c ^ key));
+    appendChunk(out, "IEND", data);
+    png = std::move(out);
+    return true;
+}
+
+std::string plainPng() {
+    std::string png = pngImage();
+    appendChunk(png, "IEND", {});
+    return png;
+}
+
+bool buildConfig(const std::string& version, const std::vector<ConfigPack>& packs,
+                 const Signer& signer, std::string& document, std::string& error) {
+    if (version.empty()) {
+        error = "a configuration document needs a version";
+        return false;
+    }
+    JSONObject members;
+    for (const ConfigPack& pack : packs) {
+        if (pack.name.empty()) {
+            error = "a pack needs a name";
+            return false;
+        }
+        if (members.find(pack.name) != nullptr) {
+            error = "pack " + pack.name + " is named twice";
+            return false;
+        }
+        JSONObject record;
+        if (pack.seq != 0) record.set("s", JSON(pack.seq));
+        if (pack.flags != 0) record.set("f", JSON(pack.flags));
+        if (pack.baseSeq != 0) record.set("b", JSON(pack.baseSeq));
+        if (pack.publishTime != 0) record.set("t", JSON(pack.publishTime));
+        if (!pack.md5.empty()) record.set("c", JSON(pack.md5));
+        if (!pack.incrMd5.empty()) record.set("ci", JSON(pack.incrMd5));
+        if (!pack.prefixes.empty()) record.set("p", JSON(pack.prefixes));
+        members.set(pack.name, JSON(std::move(record)));
+    }
+    const std::string json =
+        JSON(JSONObject{{"v", JSON(version)}, {"packs", JSON(std::move(members))}}).toString();
+    return signDocument(json, signer, document, error);
+}
+
+}  // namespace FerritTools

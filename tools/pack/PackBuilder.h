@@ -1,0 +1,107 @@
+// The pack kit: what the publishing side makes for the library to download, from folders of
+// files: a pack zip with its signed resource list, the incremental zip between two versions, the
+// wrapped image form of a zip, and the signed pack configuration document. Every output is
+// deterministic: the same input (and key) gives the same bytes. Plain functions; any thread, as
+// long as the signer may be called from it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace FerritTools {
+
+class Ed25519Key;
+
+// Produces the raw signature bytes of an MD5 text; false with `error` set when it cannot.
+using Signer =
+    std::function<bool(const std::string& md5Hex, std::string& signature, std::string& error)>;
+// A signer with the Ed25519 key (which must hold its private half).
+Signer ed25519Signer(std::shared_ptr<const Ed25519Key> key);
+
+// Relative path below the resources ("css/app.css", no "res/") to content; ordered by path.
+using PackFiles = std::map<std::string, std::string>;
+// Response headers of one resource, by name.
+using HeaderFields = std::map<std::string, std::string>;
+
+struct PackContent {
+    PackFiles files;
+    // Headers for some paths of `files`; a path that names no file is an error.
+    std::map<std::string, HeaderFields> headers;
+};
+
+struct PackOptions {
+    // Each resource's URL is the prefix followed by its path.
+    std::string urlPrefix;
+    // What the index carries between its two separators; readers skip it.
+    std::string token = "ed25519";
+    Signer signer;
+    int level = 9;  // deflate level of every entry
+};
+
+// What an incremental zip holds, by path.
+struct IncrementSummary {
+    std::vector<std::string> changed;  // in both versions, with different content
+    std::vector<std::string> added;
+    std::vector<std::string> removed;
+};
+
+// Where a pack zip puts its files and its resource list.
+inline constexpr std::string_view kResourcePrefix = "res/";
+inline constexpr std::string_view kIndexEntry = "app-res.hvc";
+
+// Every regular file below `folder`, by path relative to it with "/" separators; ".DS_Store"
+// files and "__MACOSX" folders are left out. False with `error` set when the folder or a file
+// cannot be read.
+bool readFolder(const std::string& folder, PackFiles& files, std::string& error);
+
+// The resource list's JSON: {"res/<path>": {"url": prefix + path, "v": MD5, "header": {...}}} for
+// each file in path order, then {"res/<path>": {"url": prefix + path}} for each removed path: a
+// record without "v" hides that path.
+bool indexJson(const PackContent& content, const std::string& urlPrefix,
+               const std::vector<std::string>& removed, std::string& json, std::string& error);
+// A signed resource list: json, "||", token, "|", base 64 signature of the JSON's MD5 text.
+bool signIndex(const std::string& json, const std::string& token, const Signer& signer,
+               std::string& signedIndex, std::string& error);
+// A signed configuration document: json, "||", base 64 signature of the JSON's MD5 text.
+bool signDocument(const std::string& json, const Signer& signer, std::string& signedDocument,
+                  std::string& error);
+
+// The full pack zip: "app-res.hvc" first, then every file as "res/<path>" in path order.
+bool buildPack(const PackContent& content, const PackOptions& options, std::string& zip,
+               std::string& error);
+// The incremental zip from `previous` to `current`: its "app-res.hvc" lists every file of
+// `current` and a record without "v" for each path that `current` no longer has, so that it
+// describes the new version whole; its entries are only the changed and added files.
+bool buildIncrement(const PackContent& previous, const PackContent& current,
+                    const PackOptions& options, std::string& zip, std::string& error,
+                    IncrementSummary* summary = nullptr);
+
+// A valid 1x1 grey PNG image whose IEND chunk carries the zip: its raw MD5, the zip with every
+// byte combined by exclusive-or with the low 8 bits of `seq`, and the chunk's CRC-32. False when
+// the zip is too large for one PNG chunk.
+bool wrapPayload(std::string_view zip, uint64_t seq, std::string& png, std::string& error);
+// The same image with an empty IEND chunk: an ordinary PNG.
+std::string plainPng();
+
+// One pack of a configuration document; members equal to their default are left out.
+struct ConfigPack {
+    std::string name;
+    uint64_t seq = 0;                   // "s"
+    uint64_t flags = 0;                 // "f"
+    uint64_t baseSeq = 0;               // "b"
+    double publishTime = 0;             // "t", milliseconds since the epoch
+    std::string md5;                    // "c": MD5 of the full zip
+    std::string incrMd5;                // "ci": MD5 of the incremental zip
+    std::vector<std::string> prefixes;  // "p"
+};
+// The signed document {"v": version, "packs": {name: {...}}} with the packs in the given order.
+// A version is required (a document without one is refused by the reader).
+bool buildConfig(const std::string& version, const std::vector<ConfigPack>& packs,
+                 const Signer& signer, std::string& document, std::string& error);
+
+}  // namespace FerritTools

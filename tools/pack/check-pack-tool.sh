@@ -1,0 +1,86 @@
+#!/usr/bin/env bash
+# Checks the pack tool from the outside: every command's manual page, the same bytes from the same
+# input, what a diff lists, the wrapped image's signature, the signed configuration, and the exit
+# statuses of a wrong command line (2) and of failed work (1).
+#   check-pack-tool.sh PATH-TO-ferrit-pack PRIVATE-KEY.pem
+set -euo pipefail
+tool=$1
+key=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "check-pack-tool: $*" >&2; exit 1; }
+expect() {  # expect TEXT OUTPUT
+  grep -qF -- "$1" <<<"$2" || fail "expected \"$1\" in: $2"
+}
+status() {  # status EXPECTED COMMAND...
+  local want=$1; shift
+  set +e; "$@" >/dev/null 2>&1; local got=$?; set -e
+  [ "$got" -eq "$want" ] || fail "exit status $got, not $want: $*"
+}
+
+for command in build diff wrap config; do
+  page=$("$tool" "$command" --help)
+  for section in NAME SYNOPSIS DESCRIPTION OPTIONS EXAMPLES "EXIT STATUS"; do
+    expect "$section" "$page"
+  done
+  expect "ferrit-pack $command" "$page"
+done
+expect "SYNOPSIS" "$("$tool" help)"
+
+mkdir -p "$work/v1/css" "$work/v2/css"
+printf '<html>one</html>' > "$work/v1/index.html"
+printf 'body{}' > "$work/v1/css/app.css"
+printf 'old' > "$work/v1/gone.js"
+printf '<html>two</html>' > "$work/v2/index.html"
+printf 'body{}' > "$work/v2/css/app.css"
+printf 'new' > "$work/v2/new.js"
+
+prefix=https://shop.example.com/app/
+out=$("$tool" build --key "$key" --url-prefix "$prefix" \
+  --header "css/app.css=Access-Control-Allow-Origin:*" "$work/v1" "$work/a.zip")
+expect "(3 files, md5 " "$out"
+"$tool" build --key "$key" --url-prefix "$prefix" \
+  --header "css/app.css=Access-Control-Allow-Origin:*" "$work/v1" "$work/b.zip" >/dev/null
+cmp -s "$work/a.zip" "$work/b.zip" || fail "two builds of the same folder differ"
+if command -v unzip >/dev/null; then
+  entries=$(unzip -Z1 "$work/a.zip" | tr '\n' ' ')
+  [ "$entries" = "app-res.hvc res/css/app.css res/gone.js res/index.html " ] ||
+    fail "unexpected entries: $entries"
+  index=$(unzip -p "$work/a.zip" app-res.hvc)
+  expect '"res/css/app.css":{"url":"https://shop.example.com/app/css/app.css","v":"' "$index"
+  expect '"header":{"Access-Control-Allow-Origin":"*"}' "$index"
+  expect '||ed25519|' "$index"
+fi
+
+out=$("$tool" diff --key "$key" --url-prefix "$prefix" "$work/v1" "$work/v2" "$work/i.zip")
+expect "changed index.html" "$out"
+expect "added new.js" "$out"
+expect "removed gone.js" "$out"
+expect "(2 files, 1 removed, md5 " "$out"
+if command -v unzip >/dev/null; then
+  entries=$(unzip -Z1 "$work/i.zip" | tr '\n' ' ')
+  [ "$entries" = "app-res.hvc res/index.html res/new.js " ] || fail "unexpected entries: $entries"
+  expect '"res/gone.js":{"url":"https://shop.example.com/app/gone.js"}' \
+    "$(unzip -p "$work/i.zip" app-res.hvc)"
+fi
+
+out=$("$tool" wrap --seq 4 "$work/a.zip" "$work/a.png")
+expect "key byte 4, zip md5 $(md5sum < "$work/a.zip" | cut -d' ' -f1)" "$out"
+printf '\211PNG\r\n\032\n' | cmp -s -n 8 - "$work/a.png" || fail "no PNG signature"
+[ "$(wc -c < "$work/a.png")" -gt "$(wc -c < "$work/a.zip")" ] || fail "the image lost the zip"
+
+"$tool" config --key "$key" --version 1700000000000 --pack shop --seq 2 --base-seq 1 \
+  --flags 80 --zip "$work/a.zip" --incr "$work/i.zip" --prefix "$prefix" "$work/config" >/dev/null
+document=$(cat "$work/config")
+expect "{\"v\":\"1700000000000\",\"packs\":{\"shop\":{\"s\":2,\"f\":80,\"b\":1,\"c\":\"$(md5sum < "$work/a.zip" | cut -d' ' -f1)\",\"ci\":\"$(md5sum < "$work/i.zip" | cut -d' ' -f1)\",\"p\":[\"$prefix\"]}}}||" "$document"
+
+status 2 "$tool"
+status 2 "$tool" frobnicate
+status 2 "$tool" build --url-prefix "$prefix" "$work/v1" "$work/c.zip"
+status 2 "$tool" wrap --seq four "$work/a.zip" "$work/c.png"
+status 2 "$tool" config --key "$key" --version 1 --seq 2 "$work/c"
+status 1 "$tool" build --key "$work/no-such.pem" --url-prefix "$prefix" "$work/v1" "$work/c.zip"
+status 1 "$tool" build --key "$key" --url-prefix "$prefix" "$work/no-such-folder" "$work/c.zip"
+status 1 "$tool" wrap --seq 1 "$work/no-such.zip" "$work/c.png"
+[ ! -e "$work/c.zip" ] || fail "a failed build left its output"
+echo "pack tool: all checks passed"
