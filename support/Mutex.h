@@ -13,7 +13,7 @@
 namespace FerritCore {
 
 class CAPABILITY("mutex") Mutex {
-public:
+  public:
     Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
@@ -21,14 +21,14 @@ public:
     void lock() ACQUIRE() { mutex_.lock(); }
     void unlock() RELEASE() { mutex_.unlock(); }
 
-private:
+  private:
     friend class CondVar;
     std::mutex mutex_;
 };
 
 // A task that posts from inside a task, or a transaction that runs another, takes its lock again.
 class CAPABILITY("mutex") RecursiveMutex {
-public:
+  public:
     RecursiveMutex() = default;
     RecursiveMutex(const RecursiveMutex&) = delete;
     RecursiveMutex& operator=(const RecursiveMutex&) = delete;
@@ -36,20 +36,20 @@ public:
     void lock() ACQUIRE() { mutex_.lock(); }
     void unlock() RELEASE() { mutex_.unlock(); }
 
-private:
+  private:
     std::recursive_mutex mutex_;
 };
 
 // Holds the lock for its scope.
 template <typename M>
 class SCOPED_CAPABILITY ScopedLock {
-public:
+  public:
     explicit ScopedLock(M& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
     ~ScopedLock() RELEASE() { mutex_.unlock(); }
     ScopedLock(const ScopedLock&) = delete;
     ScopedLock& operator=(const ScopedLock&) = delete;
 
-private:
+  private:
     M& mutex_;
 };
 
@@ -58,7 +58,7 @@ using RecursiveLock = ScopedLock<RecursiveMutex>;
 
 // A condition variable for waits under a Mutex, which the caller holds and names at every wait.
 class CondVar {
-public:
+  public:
     CondVar() = default;
     CondVar(const CondVar&) = delete;
     CondVar& operator=(const CondVar&) = delete;
@@ -79,7 +79,7 @@ public:
     void signal() { changed_.notify_one(); }
     void signalAll() { changed_.notify_all(); }
 
-private:
+  private:
     std::condition_variable changed_;
 };
 

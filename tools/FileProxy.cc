@@ -1,4 +1,5 @@
 #include "FileProxy.h"
+#include "support/Mutex.h"
 
 #include <cstdio>
 #include <filesystem>
@@ -42,7 +43,7 @@ void FileProxy::sendRequest(const FerritCore::ProxyRequest& request,
                             FerritCore::ProxyCompletion completion) {
     if (!completion) return;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        FerritCore::MutexLock lock(mutex_);
         requested_.push_back(request.url);
     }
     if (servedFolder_.empty()) {
@@ -92,7 +93,7 @@ void FileProxy::sendRequest(const FerritCore::ProxyRequest& request,
 }
 
 std::vector<std::string> FileProxy::requestedUrls() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    FerritCore::MutexLock lock(mutex_);
     return requested_;
 }
 

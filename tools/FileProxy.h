@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/Proxy.h"
+#include "support/Mutex.h"
 
 namespace FerritTools {
 
@@ -48,8 +49,8 @@ class FileProxy : public FerritCore::Proxy {
     std::unique_ptr<Ed25519Key> key_;  // immutable: verification may run on several threads
     bool printEvents_ = false;
     std::string servedFolder_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> requested_;  // guarded by mutex_
+    mutable FerritCore::Mutex mutex_;
+    std::vector<std::string> requested_ GUARDED_BY(mutex_);
 };
 
 }  // namespace FerritTools
