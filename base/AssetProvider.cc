@@ -172,27 +172,22 @@ void ProxyAssetProvider::loadModule(const std::string& module, LoadCallback call
 namespace Assets {
 
 bool hasAsset(const std::string& path) {
-    std::shared_ptr<AssetProvider> provider = AssetProvider::current();
-    return provider ? provider->hasAsset(path) : false;
+    return callOr(AssetProvider::current(), &AssetProvider::hasAsset, false, path);
 }
 
 std::vector<std::string> listAsset(const std::string& path) {
-    std::shared_ptr<AssetProvider> provider = AssetProvider::current();
-    return provider ? provider->listAsset(path) : std::vector<std::string>();
+    return callOr(AssetProvider::current(), &AssetProvider::listAsset, std::vector<std::string>(),
+                  path);
 }
 
 uint64_t assetSize(const std::string& path) {
-    std::shared_ptr<AssetProvider> provider = AssetProvider::current();
-    return provider ? provider->assetSize(path) : 0;
+    return callOr(AssetProvider::current(), &AssetProvider::assetSize, uint64_t{0}, path);
 }
 
 std::string readAsset(const std::string& path, Error& error) {
     std::shared_ptr<AssetProvider> provider = AssetProvider::current();
-    if (!provider) {
-        error = Errors::proxyNotInitialized();
-        return {};
-    }
-    return provider->readAsset(path, error);
+    if (!provider) error = Errors::proxyNotInitialized();
+    return callOr(provider, &AssetProvider::readAsset, std::string(), path, error);
 }
 
 void loadModule(const std::string& module, AssetProvider::LoadCallback callback) {

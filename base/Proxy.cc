@@ -2,6 +2,7 @@
 
 #include "base/Environment.h"
 #include "base/Errors.h"
+#include "base/ServiceSlot.h"
 
 namespace FerritCore {
 
@@ -39,14 +40,21 @@ void Proxy::loadOnDemand(const std::string&, std::function<void(const Error&)> c
 }
 
 namespace ProxyCalls {
+namespace {
+
+// A copy of the proxy, so that a concurrent setProxy cannot destroy it during a call.
+std::shared_ptr<Proxy> proxy() {
+    return Environment::instance().proxy();
+}
+
+}  // namespace
 
 bool verifySignature(const std::string& md5Hex, const std::string& signature) {
-    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
-    return proxy ? proxy->verifySignature(md5Hex, signature) : false;
+    return callOr(proxy(), &Proxy::verifySignature, false, md5Hex, signature);
 }
 
 void sendEvent(const PerfRecord& record) {
-    if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->sendEvent(record);
+    callIfAny(proxy(), &Proxy::sendEvent, record);
 }
 
 bool hasProxy() {
@@ -54,51 +62,43 @@ bool hasProxy() {
 }
 
 void onQueueFinished(uint32_t count) {
-    if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy())
-        proxy->onQueueFinished(count);
+    callIfAny(proxy(), &Proxy::onQueueFinished, count);
 }
 
 void onPackUpdated(const std::string& name) {
-    if (std::shared_ptr<Proxy> proxy = Environment::instance().proxy()) proxy->onPackUpdated(name);
+    callIfAny(proxy(), &Proxy::onPackUpdated, name);
 }
 
 bool registerPushTopic(const std::string& topic,
                        std::function<void(const std::string& message)> handler) {
-    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
-    return proxy ? proxy->registerPushTopic(topic, std::move(handler)) : false;
+    return callOr(proxy(), &Proxy::registerPushTopic, false, topic, std::move(handler));
 }
 
 bool assetExists(const std::string& path) {
-    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
-    return proxy ? proxy->assetExists(path) : false;
+    return callOr(proxy(), &Proxy::assetExists, false, path);
 }
 
 std::vector<std::string> assetList(const std::string& path) {
-    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
-    return proxy ? proxy->assetList(path) : std::vector<std::string>();
+    return callOr(proxy(), &Proxy::assetList, std::vector<std::string>(), path);
 }
 
 uint64_t assetSize(const std::string& path) {
-    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
-    return proxy ? proxy->assetSize(path) : 0;
+    return callOr(proxy(), &Proxy::assetSize, uint64_t{0}, path);
 }
 
 std::string assetRead(const std::string& path, Error& error) {
-    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
-    if (!proxy) {
-        error = Errors::proxyNotInitialized();
-        return {};
-    }
-    return proxy->assetRead(path, error);
+    std::shared_ptr<Proxy> held = proxy();
+    if (!held) error = Errors::proxyNotInitialized();
+    return callOr(held, &Proxy::assetRead, std::string(), path, error);
 }
 
 void loadOnDemand(const std::string& tag, std::function<void(const Error&)> completion) {
-    std::shared_ptr<Proxy> proxy = Environment::instance().proxy();
-    if (!proxy) {
+    std::shared_ptr<Proxy> held = proxy();
+    if (!held) {
         if (completion) completion(Errors::proxyNotInitialized());
         return;
     }
-    proxy->loadOnDemand(tag, std::move(completion));
+    held->loadOnDemand(tag, std::move(completion));
 }
 
 }  // namespace ProxyCalls

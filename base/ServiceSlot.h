@@ -36,4 +36,18 @@ class ServiceSlot {
     std::atomic<std::shared_ptr<Service>> service_;
 };
 
+// Calls `method` on `service` with `args`, or answers `fallback` when there is no service: what
+// every forwarder over a replaceable service does, with the caller's reference keeping the service
+// alive for the whole call.
+template <typename Service, typename R, typename... Params, typename... Args>
+R callOr(const std::shared_ptr<Service>& service, R (Service::*method)(Params...), R fallback,
+         Args&&... args) {
+    return service ? ((*service).*method)(std::forward<Args>(args)...) : std::move(fallback);
+}
+template <typename Service, typename... Params, typename... Args>
+void callIfAny(const std::shared_ptr<Service>& service, void (Service::*method)(Params...),
+               Args&&... args) {
+    if (service) ((*service).*method)(std::forward<Args>(args)...);
+}
+
 }  // namespace FerritCore

@@ -120,14 +120,9 @@ KeyValueStore::Options KeyValueStore::Options::forConfig() {
 }
 
 KeyValueStore::Options KeyValueStore::Options::forCache() {
-    Options options;
-    options.cacheBytes = 4194304;
-    options.formatVersion = 2;
-    // Resource bodies up to 3 MiB plus their metadata, read per request: the same reasons as
-    // for the packs store, large pages and a memory map.
-    options.pageSize = 16384;
-    options.mmapBytes = 256LL * 1024 * 1024;
-    return options;
+    // Resource bodies up to 3 MiB plus their metadata, read per request: the values and the
+    // reads of the packs store, so its layout and tuning.
+    return forPacks();
 }
 
 struct KeyValueStore::Statements {
