@@ -64,9 +64,9 @@ Error BuiltinConfig::load(FConfig& config) {
         } else if (pack->subType != kSubTypeFixedSeq) {
             replaced.push_back(name);  // comes back from the file below
         } else {
+            // A fixed-sequence copy stays while the file still lists its pack at that sequence.
             auto listed = builtin.find(pack->rootName());
-            if (listed == builtin.end() || listed->second->seq != pack->installedSeq)
-                stale.push_back(name);
+            if (listed == builtin.end() || listed->second->seq != pack->seq) stale.push_back(name);
         }
     }
     for (const auto& name : replaced) config.packs.erase(name);

@@ -17,21 +17,20 @@ namespace {
 // Linux refuses a thread name longer than 15 bytes; keep what fits rather than none.
 constexpr size_t kThreadNameMax = 15;
 
-// A delay of 0 means "at once"; a positive one is measured from now on the monotonic clock; a
-// negative one stays as it is, a due time long past. NaN would break the heap's order, and a caller
-// who passes it meant no delay.
+// Due times are absolute times of the wall clock, the clock that the timers' marks are kept in.
+// A delay of 0 means "at once"; a positive one is measured from now; a negative one stays as it is,
+// a due time long past. NaN would break the heap's order, and a caller who passes it meant no
+// delay.
 double dueTimeFor(double delayMs) {
     if (std::isnan(delayMs)) return 0;
-    return delayMs > 0 ? MRLCurrentClock() + delayMs : delayMs;
+    return delayMs > 0 ? MRLCurrentTime() + delayMs : delayMs;
 }
 
-// The next repetition is due at a wall-clock time; the heap keeps monotonic times, so the distance
-// from now carries over. A NaN (from a NaN interval) would break the heap's order: such a timer
-// stops instead.
-double monotonicDueFor(double wallDue) {
-    if (std::isnan(wallDue)) return std::numeric_limits<double>::infinity();
-    const double due = MRLCurrentClock() + (wallDue - MRLCurrentTime());
-    // 0 would mean "at once" and skip the heap; the smallest positive time keeps the order.
+// A time at which a task goes through the heap. A NaN (from a NaN interval) would break the heap's
+// order: such a timer stops instead; 0 would mean "at once" and skip the heap, so the smallest
+// positive time keeps the order.
+double heapDueFor(double due) {
+    if (std::isnan(due)) return std::numeric_limits<double>::infinity();
     return due == 0 ? std::numeric_limits<double>::denorm_min() : due;
 }
 
@@ -268,7 +267,7 @@ void TaskRunner::runTask(Task& task) {
     // The repetition's id is the counter after its increment; it may equal the next plain post's,
     // which the heap's order tolerates.
     const TaskId nextId = nextId_.fetch_add(1, std::memory_order_relaxed) + 1;
-    const double due = monotonicDueFor(timer.lastRunTime() + timer.interval());
+    const double due = heapDueFor(timer.lastRunTime() + timer.interval());
     Task next{nextId, std::move(task.callable), due, std::move(task.timer)};
     enqueue(std::move(next));
     retired_.fetch_add(1, std::memory_order_acq_rel);
@@ -290,23 +289,31 @@ uint32_t TaskRunner::waitMillis(double dueTime, double now) {
                               : static_cast<uint32_t>(difference);
 }
 
+void TaskRunner::beginWait(uint32_t millis) {
+    lastWaitMillis_.store(millis, std::memory_order_release);
+    waitCount_.fetch_add(1, std::memory_order_acq_rel);
+}
+
 void TaskRunner::mainLoop() {
     for (;;) {
         while (drain() && !stopRequested_) {
         }
         // One reading for the whole batch: new posts are taken up only once nothing in the heap
         // is due at this time.
-        const double now = MRLCurrentClock();
+        const double now = MRLCurrentTime();
         for (;;) {
             if (stopRequested_) return;
             if (delayed_.empty()) {
+                beginWait(kWaitForever);
                 wakeSignal_.wait();
                 wakeCount_.fetch_add(1, std::memory_order_acq_rel);
                 break;
             }
             const Task& top = delayed_.front();
             if (top.dueTime > now) {
-                wakeSignal_.wait(waitMillis(top.dueTime, now));
+                const uint32_t millis = waitMillis(top.dueTime, now);
+                beginWait(millis);
+                wakeSignal_.wait(millis);
                 wakeCount_.fetch_add(1, std::memory_order_acq_rel);
                 break;
             }
@@ -333,7 +340,7 @@ size_t TaskRunner::runManual() {
         const uint64_t passStart = ranCount_.load(std::memory_order_acquire);
         while (drain()) {
         }
-        const double now = MRLCurrentClock();
+        const double now = MRLCurrentTime();
         while (!delayed_.empty() && !(delayed_.front().dueTime > now)) runTop();
         if (ranCount_.load(std::memory_order_acquire) == passStart) break;
     }
@@ -351,7 +358,7 @@ size_t TaskRunner::runFence() {
         // due by now, not before it.
         Semaphore reached;
         enqueue(Task{nextId_.fetch_add(1, std::memory_order_relaxed),
-                     [&reached] { reached.signal(); }, monotonicDueFor(MRLCurrentTime()), nullptr});
+                     [&reached] { reached.signal(); }, heapDueFor(MRLCurrentTime()), nullptr});
         reached.wait();
         const uint64_t ran = ranCount_.load(std::memory_order_acquire) - before - 1;
         total += static_cast<size_t>(ran);

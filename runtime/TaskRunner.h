@@ -14,9 +14,9 @@
 // has no thread: its tasks run only inside runDue(), on the calling thread, under whatever clock is
 // installed, which is how tests drive background work deterministically.
 //
-// Delays are milliseconds of the monotonic clock (MRLCurrentClock), so that setting the wall clock
-// does not stretch or skip them. Repeating timers keep their rhythm on the wall clock
-// (MRLCurrentTime), which is what their marks outlive restarts with.
+// A delayed task is due at an absolute time of the wall clock (MRLCurrentTime), and so is each
+// repetition of a repeating timer: the clock whose readings the timers' marks keep across restarts.
+// A wall clock set forward therefore brings delayed work forward, and one set back holds it back.
 #pragma once
 
 #include <pthread.h>
@@ -25,6 +25,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -124,7 +125,7 @@ class TaskRunner {
     // Drops every waiting task without running it. In Worker mode, tasks that the worker has
     // already taken up still run; the call waits for the worker unless made on it.
     void dropTasks();
-    // Manual mode, on the thread that drives the runner: the due times (monotonic milliseconds; 0
+    // Manual mode, on the thread that drives the runner: the due times (wall-clock milliseconds; 0
     // for "at once") of the waiting tasks, not yet taken up first, then the delayed ones in order.
     // Empty in Worker mode.
     std::vector<double> pendingDueTimes() const;
@@ -138,6 +139,12 @@ class TaskRunner {
     // How many times the worker has come back from waiting (diagnostics: it has no periodic
     // wake-up).
     uint64_t wakeCount() const { return wakeCount_.load(std::memory_order_acquire); }
+    // How many waits the worker has begun; one more than wakeCount() while it is waiting.
+    uint64_t waitCount() const { return waitCount_.load(std::memory_order_acquire); }
+    // The milliseconds the last wait was given: the distance to the heap's top, or kWaitForever
+    // with an empty heap (diagnostics).
+    uint32_t lastWaitMillis() const { return lastWaitMillis_.load(std::memory_order_acquire); }
+    static constexpr uint32_t kWaitForever = std::numeric_limits<uint32_t>::max();
 
     // Creates a worker thread as pthread_create does (0 or an error number). Replaceable so that
     // tests can make the creation fail; null restores pthread_create.
@@ -152,7 +159,7 @@ class TaskRunner {
     struct Task {
         TaskId id = 0;
         Callable callable;
-        // Monotonic milliseconds; 0 means run at once.
+        // Wall-clock milliseconds; 0 means run at once.
         double dueTime = 0;
         // Set for a repeating task.
         std::shared_ptr<RepeatingTimer> timer;
@@ -167,6 +174,7 @@ class TaskRunner {
     static void* threadEntry(void* self);
     bool ensureThread();
     void mainLoop();
+    void beginWait(uint32_t millis);
     void enqueue(Task task);
     bool drain();
     void runTask(Task& task);
@@ -205,6 +213,8 @@ class TaskRunner {
     std::atomic<uint64_t> retired_{0};  // run, dropped or cancelled; pending = posted - retired
     std::atomic<uint64_t> ranCount_{0};
     std::atomic<uint64_t> wakeCount_{0};
+    std::atomic<uint64_t> waitCount_{0};
+    std::atomic<uint32_t> lastWaitMillis_{0};
 };
 
 }  // namespace FerritCore

@@ -62,11 +62,12 @@ TEST_F(SetupTest, LifecycleInTheHostsOrder) {
               (std::vector<std::string>{"NOT_SETUP", "NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
     Setup::setup("key", "1.0", 1);  // the host will call startUpdate itself
     EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
-    EXPECT_EQ(MarlLogger::Inspector::info("FerritInfo"), "Ferrit/10.10.0-rc.5");
+    EXPECT_EQ(MarlLogger::Inspector::info("FerritInfo"), "Ferrit/" + std::string(kCoreVersion));
     TaskRunner::runDue();  // the worker starts and the first configuration arrives
     ASSERT_EQ(proxy_->requests.size(), 1u);
     EXPECT_EQ(proxy_->requests[0].url, kFirstUrl);
-    EXPECT_EQ(proxy_->requests[0].header.at("Referer"), "Ferrit/10.10.0-rc.5_key/1.0");
+    EXPECT_EQ(proxy_->requests[0].header.at("Referer"),
+              "Ferrit/" + std::string(kCoreVersion) + "_key/1.0");
     EXPECT_EQ(SCache::current()->version, "1700000000000");
     EXPECT_EQ(proxy_->topics, (std::vector<std::string>{"wpb.fconfig", "wpb.packconfig"}));
     EXPECT_EQ(Environment::instance().feature() & 1, 1u);
@@ -76,7 +77,7 @@ TEST_F(SetupTest, LifecycleInTheHostsOrder) {
     Setup::startUpdate();
     const JSON report = Setup::statusReport();
     EXPECT_TRUE(report["error"].isNull());
-    EXPECT_EQ(report["version"].stringValue(), "10.10.0-rc.5");
+    EXPECT_EQ(report["version"].stringValue(), kCoreVersion);
     EXPECT_TRUE(queueStarts.empty()) << "after an initial run the queue waits for its timer";
     EXPECT_EQ(logs_->count("compactDatabases"), 1u);
     // The queue timer's first tick is two minutes after the start of updating.
@@ -267,7 +268,7 @@ TEST_F(SetupTest, InspectorAgentAnswersInfo) {
     Setup::setProxy(proxy_, temp_.root());
     Setup::setup("key", "1.0", 1);
     JSON info = MarlLogger::Inspector::call("Ferrit", "info", JSON());
-    EXPECT_EQ(info["version"].stringValue(), "10.10.0-rc.5");
+    EXPECT_EQ(info["version"].stringValue(), kCoreVersion);
     EXPECT_EQ(info["process"].stringValue(), "main");
 }
 

@@ -104,5 +104,17 @@ TEST_F(BuiltinConfigTest, ExistingAssetRecordsAreReplacedAndPreviewsKept) {
     EXPECT_EQ(logs_->last("load", "Ferrit/SCache").field("previewPacks").int32Value(), 1);
 }
 
+// A fixed-sequence copy is kept when the file lists its pack with the copy's configured sequence,
+// whatever sequence the copy has installed.
+TEST_F(BuiltinConfigTest, FixedSequenceCopyIsKeptByItsConfiguredSequence) {
+    SCache::publish(doc(R"({"v":"1","packs":{"kit@5":{"s":5,"f":96,"installedSeq":4},)"
+                        R"("kit@6":{"s":6,"f":96,"installedSeq":5}}})"));
+    assets_["Ferrit_Asset.config"] =
+        R"({"v":"2","packs":{"kit":{"s":5,"f":96}},"resources":{"kit":{}}})";
+    ASSERT_FALSE(load());
+    EXPECT_NE(SCache::current()->find("kit@5"), nullptr) << "listed at its sequence 5";
+    EXPECT_EQ(SCache::current()->find("kit@6"), nullptr) << "installed 5, but configured for 6";
+}
+
 }  // namespace
 }  // namespace FerritTest

@@ -71,6 +71,24 @@ TEST_F(FConfigTest, RoundTripWithEveryKeySet) {
     EXPECT_EQ(second->find("b@3")->subType, 1u);
 }
 
+// A stored document says which environment, client version and locale it was fetched for, even
+// when they equal the running values: read back after the host changed them, it must not pass for
+// a document of the new ones.
+TEST_F(FConfigTest, StoredDocumentKeepsWhatItWasFetchedFor) {
+    Environment::instance().setApp("key", "1.0");
+    Environment::instance().setLocaleValue("zh_CN");
+    auto fetched = std::make_shared<FConfig>();
+    fetched->version = "9";
+    const std::string stored = fetched->serialize();
+    Environment::instance().setEnvValue(1);
+    Environment::instance().setApp("key", "2.0");
+    Environment::instance().setLocaleValue("en_US");
+    auto loaded = doc(stored);
+    EXPECT_EQ(loaded->env, 2u);
+    EXPECT_EQ(loaded->clientVersion, "1.0");
+    EXPECT_EQ(loaded->locale, "zh_CN");
+}
+
 TEST_F(FConfigTest, NullEmptyObjectAndNumberRecordsAreDeletions) {
     auto config = doc(R"({"v":"1","packs":{"a":null,"b":{},"c":5,"d":"x","e":[1]}})");
     for (const char* name : {"a", "b", "c", "d", "e"}) {

@@ -3,6 +3,7 @@
 #include "base/Environment.h"
 #include "marl/Clock.h"
 #include "runtime/Network.h"
+#include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
@@ -18,7 +19,7 @@ class NetworkTest : public ProcessTest {
         ProcessTest::SetUp();
         proxy_ = std::make_shared<FakeProxy>();
         Environment::instance().setProxy(proxy_);
-        Environment::instance().setReferer("Ferrit/10.10.0-rc.5_key/1.0");
+        Environment::instance().setReferer("Ferrit/" + std::string(kCoreVersion) + "_key/1.0");
     }
     // Runs a configuration request and the worker; returns what the completion got.
     std::pair<std::string, Error> config(const std::string& url) {
@@ -60,7 +61,7 @@ TEST_F(NetworkTest, ConfigRequestCarriesKindRefererAndTimeout) {
     const ProxyRequest& request = proxy_->requests[0];
     EXPECT_EQ(request.timeout, 10);
     EXPECT_EQ(request.header.at("f-refer"), "ferrit_config");
-    EXPECT_EQ(request.header.at("Referer"), "Ferrit/10.10.0-rc.5_key/1.0");
+    EXPECT_EQ(request.header.at("Referer"), "Ferrit/" + std::string(kCoreVersion) + "_key/1.0");
     EXPECT_TRUE(request.tempFilePath.empty());
     EXPECT_FALSE(request.wantHeaders);
 }

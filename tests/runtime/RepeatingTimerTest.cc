@@ -54,7 +54,7 @@ TEST_F(RepeatingTimerTest, ZeroIntervalTimerWhoseLastRunIsNowIsNotDueAndComesStr
     auto timer = start(0);
     runner_.runDueTasks();  // first appearance: lastRun becomes now
     EXPECT_EQ(runs_, 0);
-    const double now = MRLCurrentClock();
+    const double now = MRLCurrentTime();
     EXPECT_EQ(runner_.pendingDueTimes(), (std::vector<double>{now}));
     // Seen again at the same instant: not due, and back with the same due time.
     runner_.runDueTasks();

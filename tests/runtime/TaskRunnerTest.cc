@@ -52,6 +52,17 @@ class TaskRunnerTest : public ::testing::Test {
 // A runner with its own thread, on the real clocks.
 class TaskRunnerWorkerTest : public ::testing::Test {
   protected:
+    // True once the worker is inside a wait, having run everything it was given. Spins on the
+    // worker's counters (no sleep), for at most kPatienceMs of the steady clock.
+    bool waitUntilWaiting() {
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
+        while (runner_.waitCount() <= runner_.wakeCount()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
     TaskRunner runner_{"test-worker", TaskRunner::Mode::Worker};
     Order order_;
 };
@@ -363,6 +374,38 @@ TEST_F(TaskRunnerTest, ProcessRunnerOperationsReachOneInstance) {
     EXPECT_EQ(TaskRunner::pendingCount(), 0u);
 }
 
+// ---- Due times on the wall clock
+
+// A delayed task is due at an absolute time of the wall clock: the time its delay was posted at,
+// plus the delay. Setting the wall clock forward makes it due although no time passed.
+TEST_F(TaskRunnerTest, DelayedTaskIsDueAtAnAbsoluteTimeOfTheWallClock) {
+    const double posted = MRLCurrentTime();
+    runner_.postTask(record("later"), 1000);
+    EXPECT_EQ(runner_.pendingDueTimes(), (std::vector<double>{posted + 1000}));
+    runner_.runDueTasks();  // takes it up into the heap
+    EXPECT_TRUE(order_.get().empty());
+    clock_->setWall(posted + 999);
+    runner_.runDueTasks();
+    EXPECT_TRUE(order_.get().empty());
+    clock_->setWall(posted + 1000);
+    runner_.runDueTasks();
+    EXPECT_EQ(order_.get(), std::vector<std::string>{"later"});
+}
+
+// A repetition is due at the timer's last run plus its interval, on the wall clock.
+TEST_F(TaskRunnerTest, RepetitionIsDueAtLastRunPlusIntervalOfTheWallClock) {
+    int runs = 0;
+    auto timer = runner_.postRepeatingTask([&] { ++runs; }, 500);
+    timer->setLastRunTime(MRLCurrentTime() - 200);
+    runner_.runDueTasks();
+    EXPECT_EQ(runs, 0);
+    EXPECT_EQ(runner_.pendingDueTimes(), (std::vector<double>{timer->lastRunTime() + 500}));
+    clock_->setWall(timer->lastRunTime() + 501);
+    runner_.runDueTasks();
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(runner_.pendingDueTimes(), (std::vector<double>{MRLCurrentTime() + 500}));
+}
+
 // ---- The wait
 
 TEST_F(TaskRunnerTest, WaitIsDifferenceCutToWholeMilliseconds) {
@@ -422,19 +465,22 @@ TEST_F(TaskRunnerWorkerTest, ShorterDelayPostWakesWorkerWhichRecomputesItsWait) 
     EXPECT_TRUE(order_.get().empty());
 }
 
-// Between bursts the worker sleeps on its wake signal with no periodic wake-up.
+// Between bursts the worker sleeps on its wake signal with no periodic wake-up: an idle worker
+// waits for the whole distance to its next due task, or without limit when none is due.
 TEST_F(TaskRunnerWorkerTest, IdleWorkerDoesNotWakeUp) {
+    MarlLogger::ScopedManualClock clock;  // no time passes: the wait is the whole distance
     Semaphore settled;
-    runner_.postTask([] {}, 3600000);
     runner_.postTask([&] { settled.signal(); });
     ASSERT_TRUE(settled.wait(kPatienceMs));
-    // A post that raced with the worker's last swap may leave one spare wake-up behind; give it
-    // time to pass, then watch.
-    Semaphore never;
-    EXPECT_FALSE(never.wait(100));
-    const uint64_t wakes = runner_.wakeCount();
-    EXPECT_FALSE(never.wait(200));
-    EXPECT_EQ(runner_.wakeCount(), wakes);
+    ASSERT_TRUE(waitUntilWaiting());
+    EXPECT_EQ(runner_.lastWaitMillis(), TaskRunner::kWaitForever);
+
+    Semaphore again;
+    runner_.postTask([] {}, 3600000);
+    runner_.postTask([&] { again.signal(); });
+    ASSERT_TRUE(again.wait(kPatienceMs));
+    ASSERT_TRUE(waitUntilWaiting());
+    EXPECT_EQ(runner_.lastWaitMillis(), 3600000u);
 }
 
 TEST_F(TaskRunnerWorkerTest, CancelOfDelayedTaskTakesEffectOnWorker) {
