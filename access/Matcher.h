@@ -12,13 +12,6 @@
 
 namespace FerritCore {
 
-// How a URL match relates to the SCache packs.
-enum MatchKind : int {
-    kMatchNone = 0,            // not an SCache claim
-    kMatchReferrerSCache = 1,  // the referrer's pack is an SCache pack that claims this file type
-    kMatchUrlSCache = 2,       // the URL itself is in an SCache pack
-};
-
 // The pack named for `keyUrl`, else for `keyReferrer`, in `urlIndex`; null when neither is known
 // or the developer tool switched the cache off. `kind` receives the MatchKind.
 std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view keyReferrer,

@@ -99,8 +99,8 @@ void Resource::addPart(std::shared_ptr<ResourcePart> part, int kind) {
     lastTime = now;
     error = part->error;
     parts.push_back(std::move(part));
-    isSCacheHit = kind == 2;
-    if (kind != 0 && error && Settings::current()->scache404EnabledValue()) is404 = true;
+    isSCacheHit = kind == kMatchUrlSCache;
+    if (kind != kMatchNone && error && Settings::current()->scache404EnabledValue()) is404 = true;
 }
 
 void Resource::makeGroup() {

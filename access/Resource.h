@@ -21,6 +21,13 @@ namespace FerritCore {
 
 struct ComboRule;
 
+// How a URL match relates to the SCache packs.
+enum MatchKind : int {
+    kMatchNone = 0,            // not an SCache claim
+    kMatchReferrerSCache = 1,  // the referrer's pack is an SCache pack that claims this file type
+    kMatchUrlSCache = 2,       // the URL itself is in an SCache pack
+};
+
 class RequestContext {
   public:
     // Copies the request's URL and headers and takes a new trace id with `tracePrefix`. An
