@@ -49,7 +49,7 @@ class MatchLog {
         MarlLogger::LogBuilder log(level, resource_.logTag);
         if (!log.active()) return;
         log.event("match", request_.parentId)
-            .id(resource_.context->traceId)
+            .id(resource_.context->traceId())
             .append("url", request_.url)
             .append("referrer", request_.referrer)
             .append("accept", resource_.context->accept());
@@ -77,9 +77,17 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
     auto context = std::make_shared<RequestContext>(request, kTriggerVisit);
     auto resource = std::make_shared<Resource>(context, request.parentId, request.isUniApp());
     MatchLog log(*resource, request, policy);
+    // The request may go once the match is made.
+    struct Detach {
+        RequestContext& context;
+        ~Detach() { context.detach(); }
+    } detach{*context};
 
+    // The URL's key becomes the part's URL; the referrer's is only looked up, in a buffer that
+    // the thread keeps.
     std::string keyUrl = Url::key(context->url);
-    std::string keyReferrer = Url::key(request.referrer);
+    thread_local std::string keyReferrer;
+    Url::keyInto(request.referrer, keyReferrer);
     const std::string& accept = context->accept();
 
     // Referrer and exact URL.
@@ -98,7 +106,8 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
 
     // Prefix, unless the referrer stage built an SCache claim.
     if (!part || kind == kMatchNone) {
-        part = std::make_shared<PackPart>(context, keyUrl, findByPrefix(keyUrl, accept));
+        std::shared_ptr<PackMatch> found = findByPrefix(keyUrl, accept);
+        part = std::make_shared<PackPart>(context, std::move(keyUrl), std::move(found));
         if (!part->error) {
             resource->addPart(part, kind);
             log.finish("prefix", *part, false);

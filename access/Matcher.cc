@@ -30,8 +30,8 @@ std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view k
     if (Environment::instance().isDisabledByDeveloper()) return nullptr;
     *kind = kMatchNone;
     const double start = MRLCurrentClock();
-    const FConfigPtr config = SCache::current();
-    const std::shared_ptr<const Settings> settings = Settings::current();
+    const SCache::Snapshot config;
+    const Settings::Snapshot settings;
     // A URL's own pack wins over its referrer's, whatever their types.
     PackPtr pack = packByUrl(*config, *settings, keyUrl);
     if (pack) {
@@ -51,7 +51,7 @@ std::shared_ptr<PackMatch> findByPrefix(std::string_view keyUrl, std::string_vie
     if (Environment::instance().isDisabledByDeveloper())
         return std::make_shared<PackMatch>(std::string(), Errors::disabledByDevToolRef());
     const double start = MRLCurrentClock();
-    const FConfigPtr config = SCache::current();
+    const SCache::Snapshot config;
     const std::string_view name = config->prefixTree().lookup(keyUrl, accept);
     PackPtr pack = name.empty() ? nullptr : config->find(name);
     if (!pack) return std::make_shared<PackMatch>(std::string(), Errors::notFerritResourceRef());

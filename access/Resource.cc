@@ -17,16 +17,25 @@ using MarlLogger::MRLLevelInfo;
 
 RequestContext::RequestContext(const ResourceRequest& request, int trigger,
                                std::string_view tracePrefix)
-    : header(request.header()),
-      traceId(MRLGenerateID(tracePrefix)),
-      trigger(trigger),
-      url(request.url) {
+    : trigger(trigger), url(request.url), request_(&request.header()), tracePrefix_(tracePrefix) {
     if (url.starts_with("http://") && Settings::current()->requestForceHttpsValue())
         url.insert(4, 1, 's');
 }
 
 RequestContext::RequestContext(int trigger, std::string_view tracePrefix)
-    : traceId(MRLGenerateID(tracePrefix)), trigger(trigger) {}
+    : trigger(trigger), tracePrefix_(tracePrefix) {}
+
+void RequestContext::detach() {
+    if (request_ == nullptr) return;
+    accept();  // answered from the request while it is there
+    if (keepHeader_) header_ = *request_;
+    request_ = nullptr;
+}
+
+const std::string& RequestContext::traceId() {
+    if (traceId_.empty()) traceId_ = MRLGenerateID(tracePrefix_);
+    return traceId_;
+}
 
 std::string_view RequestContext::scheme() {
     return std::string_view(url).substr(0, Url::schemeLength(url));
@@ -38,7 +47,7 @@ std::string_view RequestContext::origin() {
 
 const std::string& RequestContext::accept() {
     if (!accept_) {
-        std::string value(Http::headerValue(header, Http::headerName(Http::kAccept)));
+        std::string value(Http::headerValue(header(), Http::headerName(Http::kAccept)));
         for (char& c : value)
             if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
         accept_ = std::move(value);
@@ -157,7 +166,7 @@ MarlLogger::LogBuilder Resource::finishRead(double start, size_t size, const Err
     LogBuilder log(MRLLevelInfo, logTag);
     if (log.active()) {
         log.event("read", parentId)
-            .id(context->traceId)
+            .id(context->traceId())
             .append("size", static_cast<uint64_t>(size));
         if (readError) log.error(readError);
     }

@@ -30,15 +30,26 @@ enum MatchKind : int {
 
 class RequestContext {
   public:
-    // Copies the request's URL and headers and takes a new trace id with `tracePrefix`. An
-    // "http://" URL becomes "https://" when the setting requestForceHttps is on.
+    // Copies the request's URL; the trace id takes `tracePrefix`. An "http://" URL becomes
+    // "https://" when the setting requestForceHttps is on. The request's headers are read where
+    // they are until detach(): the request must outlive the match.
     RequestContext(const ResourceRequest& request, int trigger,
                    std::string_view tracePrefix = TracePrefix::kAccess);
     // A context without a request (the shared context of the pack reader).
     RequestContext(int trigger, std::string_view tracePrefix);
 
-    HeaderMap header;
-    std::string traceId;
+    // The end of the match: the request may go. A context whose parts read its headers later
+    // (keepHeader() was asked for) holds a copy; any other has answered all that it was asked.
+    void detach();
+    // Asks for a copy of the request's headers to outlive the request (a part read later needs
+    // them); call it during the match.
+    void keepHeader() { keepHeader_ = true; }
+
+    // The request's headers; after detach(), the copy, or none.
+    const HeaderMap& header() const { return request_ != nullptr ? *request_ : header_; }
+    // The trace id, made on first use: a request that is never logged or reported never needs one.
+    const std::string& traceId();
+
     int trigger = 0;
     const ComboRule* comboRule = nullptr;
     std::string url;
@@ -51,6 +62,11 @@ class RequestContext {
     const std::vector<Http::AcceptType>& acceptTypes();
 
   private:
+    const HeaderMap* request_ = nullptr;  // the request's headers, until detach()
+    HeaderMap header_;
+    bool keepHeader_ = false;
+    std::string_view tracePrefix_;
+    std::string traceId_;
     std::optional<std::string> accept_;
     std::optional<std::vector<Http::AcceptType>> acceptTypes_;
 };

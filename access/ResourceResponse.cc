@@ -118,7 +118,7 @@ void ResourceResponse::setFinished(Error finishError) {
     resource->lastTime = MRLCurrentClock();
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource->logTag);
     if (!log.active()) return;
-    log.event("finish", resource->parentId).id(resource->context->traceId);
+    log.event("finish", resource->parentId).id(resource->context->traceId());
     if (finishError) log.error(finishError);
 }
 

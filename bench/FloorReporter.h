@@ -1,5 +1,7 @@
 // A console reporter that also prints, for every benchmark labelled "vs:<floor>", the ratio of
-// its time to the time of the floor benchmark with the same arguments, measured in the same run.
+// its time to the time of the floor benchmark with the same arguments, measured in the same run;
+// and for every benchmark labelled "scale:<run>", the ratio of its counter "rate" to the rate of
+// that run (how many times the work one thread gets done, with more threads).
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -19,7 +21,11 @@ class FloorReporter : public benchmark::ConsoleReporter {
             if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
             const std::string name = run.benchmark_name();
             times_[name] = run.GetAdjustedRealTime();
+            auto rate = run.counters.find("rate");
+            if (rate != run.counters.end()) rates_[name] = rate->second.value;
             if (run.report_label.rfind("vs:", 0) == 0) floors_[name] = run.report_label.substr(3);
+            if (run.report_label.rfind("scale:", 0) == 0)
+                scales_[name] = run.report_label.substr(6);
         }
     }
     void Finalize() override {
@@ -41,11 +47,20 @@ class FloorReporter : public benchmark::ConsoleReporter {
             std::printf("  %-40s %8.2fx  (%s)\n", name.c_str(), times_[name] / floor->second,
                         floorRun.c_str());
         }
+        for (const auto& [name, baseName] : scales_) {
+            auto base = rates_.find(baseName);
+            auto rate = rates_.find(name);
+            if (base == rates_.end() || rate == rates_.end() || base->second <= 0) continue;
+            std::printf("  %-40s %8.2fx the rate of %s\n", name.c_str(),
+                        rate->second / base->second, baseName.c_str());
+        }
     }
 
   private:
     std::map<std::string, double> times_;
     std::map<std::string, std::string> floors_;
+    std::map<std::string, double> rates_;
+    std::map<std::string, std::string> scales_;
 };
 
 }  // namespace FerritBench

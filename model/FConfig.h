@@ -12,23 +12,12 @@
 #include <unordered_set>
 
 #include "base/PrefixTree.h"
+#include "base/StringMap.h"
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
 #include "model/Pack.h"
 
 namespace FerritCore {
-
-// Hash and equality that accept std::string_view, so that lookups need not build a string key.
-struct StringHash {
-    using is_transparent = void;
-    size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
-};
-struct StringEqual {
-    using is_transparent = void;
-    bool operator()(std::string_view a, std::string_view b) const { return a == b; }
-};
-template <typename V>
-using StringMap = std::unordered_map<std::string, V, StringHash, StringEqual>;
 
 // The two indexes the matcher reads, derived from the records' referrers and prefixes.
 struct MatchTables {
