@@ -5,6 +5,7 @@
 #include "base/Digest.h"
 #include "base/Environment.h"
 #include "base/Errors.h"
+#include "base/Recycled.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
 #include "model/SCache.h"
@@ -42,8 +43,9 @@ std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view k
         if (pack->packType() == kPackTypeSCache && fileTypeClaimed(*settings, keyUrl))
             *kind = kMatchReferrerSCache;
     }
-    auto match = std::make_shared<PackMatch>(*config, std::move(pack), false);
-    match->matchTime = MRLCurrentClock() - start;
+    auto match = makeRecycled<PackMatch>(*config, std::move(pack), false);
+    match->readyTime = MRLCurrentClock();
+    match->matchTime = match->readyTime - start;
     return match;
 }
 
@@ -55,8 +57,9 @@ std::shared_ptr<PackMatch> findByPrefix(std::string_view keyUrl, std::string_vie
     const std::string_view name = config->prefixTree().lookup(keyUrl, accept);
     PackPtr pack = name.empty() ? nullptr : config->find(name);
     if (!pack) return std::make_shared<PackMatch>(std::string(), Errors::notFerritResourceRef());
-    auto match = std::make_shared<PackMatch>(*config, std::move(pack), false);
-    match->matchTime = MRLCurrentClock() - start;
+    auto match = makeRecycled<PackMatch>(*config, std::move(pack), false);
+    match->readyTime = MRLCurrentClock();
+    match->matchTime = match->readyTime - start;
     return match;
 }
 

@@ -150,7 +150,7 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
                    std::shared_ptr<PackMatch> packMatch)
     : ResourcePart(std::move(contextPtr), std::move(partUrl), packMatch->info()),
       match(std::move(packMatch)),
-      createTime_(MRLCurrentClock()) {
+      createTime_(match->readyTime > 0 ? match->readyTime : MRLCurrentClock()) {
     const bool main = Environment::instance().isMainProcess();
     if (match->error) {
         error = match->error;
@@ -184,8 +184,8 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
             match->pinned && match->pack && match->pack->subType == kSubTypePlain;
         firstVisit = versioned ? Statistics::addAccess(
                                      Pack::pinnedName(match->name, match->pack->installedSeq),
-                                     &accessCount_, 1.0)
-                               : Statistics::addAccess(match->name, &accessCount_, 1.0);
+                                     &accessCount_, 1.0, createTime_)
+                               : Statistics::addAccess(match->name, &accessCount_, 1.0, createTime_);
     }
 }
 

@@ -32,6 +32,9 @@ class PackMatch {
     bool pinned = false;
     PackPtr pack;
     double matchTime = 0;
+    // The clock when the lookup ended (0 for a match made without one): the time from which its
+    // part counts, so that the clock is read once at that boundary.
+    double readyTime = 0;
     ResourceIndexPtr index;
     Error error;
 

@@ -17,9 +17,12 @@ using MarlLogger::MRLLevelInfo;
 
 RequestContext::RequestContext(const ResourceRequest& request, int trigger,
                                std::string_view tracePrefix)
-    : trigger(trigger), url(request.url), request_(&request.header()), tracePrefix_(tracePrefix) {
-    if (url.starts_with("http://") && Settings::current()->requestForceHttpsValue())
-        url.insert(4, 1, 's');
+    : trigger(trigger), request_(&request), tracePrefix_(tracePrefix) {
+    if (request.url.starts_with("http://") && Settings::Snapshot()->requestForceHttpsValue()) {
+        url_ = request.url;
+        url_.insert(4, 1, 's');
+        rewritten_ = true;
+    }
 }
 
 RequestContext::RequestContext(int trigger, std::string_view tracePrefix)
@@ -28,7 +31,10 @@ RequestContext::RequestContext(int trigger, std::string_view tracePrefix)
 void RequestContext::detach() {
     if (request_ == nullptr) return;
     accept();  // answered from the request while it is there
-    if (keepHeader_) header_ = *request_;
+    if (keep_) {
+        if (!rewritten_) url_ = request_->url;
+        header_ = request_->header();
+    }
     request_ = nullptr;
 }
 
@@ -38,11 +44,11 @@ const std::string& RequestContext::traceId() {
 }
 
 std::string_view RequestContext::scheme() {
-    return std::string_view(url).substr(0, Url::schemeLength(url));
+    return url().substr(0, Url::schemeLength(url()));
 }
 
 std::string_view RequestContext::origin() {
-    return Url::origin(url);
+    return Url::origin(url());
 }
 
 const std::string& RequestContext::accept() {
@@ -119,7 +125,8 @@ void Resource::makeGroup() {
 std::string Resource::read() {
     std::string data;
     if (error || parts.empty()) return data;
-    const double start = MRLCurrentClock();
+    // The read begins where the match ended: the clock of that boundary is read once.
+    const double start = lastTime;
     // The CRCs are only logged: they are computed only when the "read" event will be written.
     const bool logged = MarlLogger::Log::enabled(MRLLevelInfo);
     unsigned crc = 0;

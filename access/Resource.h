@@ -30,29 +30,31 @@ enum MatchKind : int {
 
 class RequestContext {
   public:
-    // Copies the request's URL; the trace id takes `tracePrefix`. An "http://" URL becomes
-    // "https://" when the setting requestForceHttps is on. The request's headers are read where
-    // they are until detach(): the request must outlive the match.
+    // The request's URL and headers are read where they are until detach(): the request must
+    // outlive the match. An "http://" URL becomes "https://" when the setting requestForceHttps
+    // is on. The trace id takes `tracePrefix`.
     RequestContext(const ResourceRequest& request, int trigger,
                    std::string_view tracePrefix = TracePrefix::kAccess);
     // A context without a request (the shared context of the pack reader).
     RequestContext(int trigger, std::string_view tracePrefix);
 
-    // The end of the match: the request may go. A context whose parts read its headers later
-    // (keepHeader() was asked for) holds a copy; any other has answered all that it was asked.
+    // The end of the match: the request may go. A context whose parts read its URL or headers
+    // later (keep() was asked for) holds copies; any other has answered all it was asked.
     void detach();
-    // Asks for a copy of the request's headers to outlive the request (a part read later needs
-    // them); call it during the match.
-    void keepHeader() { keepHeader_ = true; }
+    // Asks for copies of the request's URL and headers to outlive the request (a part read later
+    // needs them); call it during the match.
+    void keep() { keep_ = true; }
 
+    // The request's URL, as the match reads it (see the constructor); empty after detach() when
+    // nothing kept it.
+    std::string_view url() const { return request_ != nullptr && !rewritten_ ? request_->url : url_; }
     // The request's headers; after detach(), the copy, or none.
-    const HeaderMap& header() const { return request_ != nullptr ? *request_ : header_; }
+    const HeaderMap& header() const { return request_ != nullptr ? request_->header() : header_; }
     // The trace id, made on first use: a request that is never logged or reported never needs one.
     const std::string& traceId();
 
     int trigger = 0;
     const ComboRule* comboRule = nullptr;
-    std::string url;
 
     // Computed on first use; used by one thread at a time (the matcher, then one completion).
     std::string_view scheme();
@@ -62,9 +64,11 @@ class RequestContext {
     const std::vector<Http::AcceptType>& acceptTypes();
 
   private:
-    const HeaderMap* request_ = nullptr;  // the request's headers, until detach()
+    const ResourceRequest* request_ = nullptr;  // until detach()
+    bool rewritten_ = false;  // `url_` holds the URL made "https://"
+    std::string url_;
     HeaderMap header_;
-    bool keepHeader_ = false;
+    bool keep_ = false;
     std::string_view tracePrefix_;
     std::string traceId_;
     std::optional<std::string> accept_;

@@ -185,6 +185,15 @@ bool ResourceIndex::verifyFiles(const Folder& folder, Error& error) const {
 
 namespace {
 
+// What this thread found in the pool, by pack name, while the pool's generation stays the same:
+// a request finds its pack's index without taking the pool's lock. A thread lets go of indexes the
+// pool dropped at its next lookup.
+struct ThreadIndexes {
+    uint64_t generation = 0;
+    StringMap<ResourceIndexPtr> found;
+};
+thread_local ThreadIndexes threadIndexes;
+
 struct Pool {
     RecursiveMutex mutex;
     StringMap<ResourceIndexPtr> loaded GUARDED_BY(mutex);
@@ -203,16 +212,11 @@ Pool& pool() {
         p.embedded.clear();
         p.loader = nullptr;
         p.changed();
+        threadIndexes.found.clear();  // the resetting thread's, at once
     });
     return *instance;
 }
 
-// What this thread found in the pool, by pack name, while the pool's generation stays the same:
-// a request finds its pack's index without taking the pool's lock.
-struct ThreadIndexes {
-    uint64_t generation = 0;
-    StringMap<ResourceIndexPtr> found;
-};
 
 ResourceIndexPtr getLocked(Pool& p, const Pack& pack);
 
@@ -220,7 +224,7 @@ ResourceIndexPtr getLocked(Pool& p, const Pack& pack);
 
 ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     Pool& p = pool();
-    thread_local ThreadIndexes mine;
+    ThreadIndexes& mine = threadIndexes;
     const uint64_t generation = p.generation.load(std::memory_order_acquire);
     if (mine.generation == generation) {
         auto it = mine.found.find(std::string_view(pack.name));

@@ -71,8 +71,12 @@ void addTo(std::atomic<double>& counter, double weight) {
 }  // namespace
 
 bool Statistics::addAccess(const std::string& name, double* accessCount, double weight) {
+    return addAccess(name, accessCount, weight, MRLCurrentClock());
+}
+
+bool Statistics::addAccess(const std::string& name, double* accessCount, double weight,
+                           double now) {
     Table& t = table();
-    const double now = MRLCurrentClock();
     PackStat& stat = entryOf(t, name);
     // The one access of the window that moves its start counts; racing accesses lose the
     // exchange and count nothing. Inside the window nothing is written, so threads that read one

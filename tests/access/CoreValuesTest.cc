@@ -180,12 +180,14 @@ TEST_F(ResponseTest, DetachedContextKeepsTheHeadersOnlyWhenAskedTo) {
         const ResourceRequest request("https://h.com/a", HeaderMap{{"Accept", "Text/CSS"}});
         plain.emplace(request, 6);
         kept.emplace(request, 6);
-        kept->keepHeader();
+        kept->keep();
         plain->detach();
         kept->detach();
     }
     EXPECT_EQ(plain->accept(), "text/css");
     EXPECT_TRUE(plain->header().empty());
+    EXPECT_TRUE(plain->url().empty());
+    EXPECT_EQ(kept->url(), "https://h.com/a");
     EXPECT_EQ(kept->accept(), "text/css");
     EXPECT_EQ(Http::headerValue(kept->header(), "Accept"), "Text/CSS");
 }
