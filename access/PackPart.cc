@@ -182,10 +182,11 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
     if (!match->name.empty()) {
         const bool versioned =
             match->pinned && match->pack && match->pack->subType == kSubTypePlain;
-        firstVisit = versioned ? Statistics::addAccess(
-                                     Pack::pinnedName(match->name, match->pack->installedSeq),
-                                     &accessCount_, 1.0, createTime_)
-                               : Statistics::addAccess(match->name, &accessCount_, 1.0, createTime_);
+        firstVisit =
+            versioned
+                ? Statistics::addAccess(Pack::pinnedName(match->name, match->pack->installedSeq),
+                                        &accessCount_, 1.0, createTime_)
+                : Statistics::addAccess(match->name, &accessCount_, 1.0, createTime_);
     }
 }
 
@@ -256,7 +257,7 @@ bool PackPart::fileExists() const {
 }
 
 bool PackPart::readFile() {
-    const double start = MRLCurrentClock();
+    const double start = readStart > 0 ? readStart : MRLCurrentClock();
     // What the match opened is read, unless the file lost its last link since (it was removed
     // or replaced): the file is read as it is when it is read. Any failure, that one included,
     // reads the whole path again, which gives each failure its own error.
@@ -265,7 +266,8 @@ bool PackPart::readFile() {
     } else {
         error.clear();
     }
-    readFileTime = MRLCurrentClock() - start;
+    readEnd = MRLCurrentClock();
+    readFileTime = readEnd - start;
     return !error;
 }
 

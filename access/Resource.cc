@@ -131,9 +131,13 @@ std::string Resource::read() {
     const bool logged = MarlLogger::Log::enabled(MRLLevelInfo);
     unsigned crc = 0;
     std::vector<unsigned> crcs;
+    double end = 0;
     if (parts.size() == 1) {
         ResourcePart& part = *parts.front();
-        if (part.read() != ReadStatus::Done) {
+        part.readStart = start;
+        const ReadStatus status = part.read();
+        end = part.readEnd;
+        if (status != ReadStatus::Done) {
             error = part.error;
         } else {
             // The only part's bytes become the response's: moved, not copied.
@@ -155,7 +159,7 @@ std::string Resource::read() {
         }
     }
     if (error) data.clear();
-    LogBuilder log = finishRead(start, data.size(), error);
+    LogBuilder log = finishRead(start, data.size(), error, end);
     if (log.active()) {
         if (crcs.empty()) {
             log.append("crc", crc);
@@ -166,8 +170,9 @@ std::string Resource::read() {
     return data;
 }
 
-MarlLogger::LogBuilder Resource::finishRead(double start, size_t size, const Error& readError) {
-    const double now = MRLCurrentClock();
+MarlLogger::LogBuilder Resource::finishRead(double start, size_t size, const Error& readError,
+                                            double end) {
+    const double now = end > 0 ? end : MRLCurrentClock();
     readTime = now - start;
     lastTime = now;
     LogBuilder log(MRLLevelInfo, logTag);

@@ -47,7 +47,9 @@ class RequestContext {
 
     // The request's URL, as the match reads it (see the constructor); empty after detach() when
     // nothing kept it.
-    std::string_view url() const { return request_ != nullptr && !rewritten_ ? request_->url : url_; }
+    std::string_view url() const {
+        return request_ != nullptr && !rewritten_ ? request_->url : url_;
+    }
     // The request's headers; after detach(), the copy, or none.
     const HeaderMap& header() const { return request_ != nullptr ? request_->header() : header_; }
     // The trace id, made on first use: a request that is never logged or reported never needs one.
@@ -65,7 +67,7 @@ class RequestContext {
 
   private:
     const ResourceRequest* request_ = nullptr;  // until detach()
-    bool rewritten_ = false;  // `url_` holds the URL made "https://"
+    bool rewritten_ = false;                    // `url_` holds the URL made "https://"
     std::string url_;
     HeaderMap header_;
     bool keep_ = false;
@@ -109,6 +111,11 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
     // Generated on first use with the prefix "FT_Resource".
     const std::string& traceId();
 
+    // The clock when a synchronous read of this part began and when it ended, for a reader that
+    // times the same span (0 when unknown): each boundary's clock is read once.
+    double readStart = 0;
+    double readEnd = 0;
+
     std::string url;
     std::string name;  // the match text
     std::shared_ptr<RequestContext> context;
@@ -141,7 +148,9 @@ class Resource : public std::enable_shared_from_this<Resource> {
     void makeGroup();
     // Stamps readTime and lastTime at the end of a read and begins its "read" event with "size"
     // and the error; the caller adds its own fields and ends it.
-    MarlLogger::LogBuilder finishRead(double start, size_t size, const Error& readError);
+    // `end`, when not 0, is the clock at the end of the read, already read.
+    MarlLogger::LogBuilder finishRead(double start, size_t size, const Error& readError,
+                                      double end = 0);
 
     std::shared_ptr<RequestContext> context;
     std::string parentId;

@@ -264,14 +264,29 @@ int FileUtil::readDescriptor(int fd, std::string& out, bool linkedOnly) {
     // read at end of file is success. Files that report no size are read to their end.
     const size_t before = out.size();
     const size_t expected = info.st_size > 0 ? static_cast<size_t>(info.st_size) : 0;
-    out.resize(before + (expected > 0 ? expected : 4096));
+    if (expected > 0) {
+        // The read fills the buffer: it is not filled with zeros first.
+        int result = 0;
+        out.resize_and_overwrite(before + expected, [&](char* buffer, size_t size) {
+            size_t used = before;
+            while (used < size) {
+                const ssize_t n =
+                    retryOnInterrupt([&] { return ::read(fd, buffer + used, size - used); });
+                if (n < 0) {
+                    result = lastError();
+                    return before;
+                }
+                if (n == 0) break;
+                used += static_cast<size_t>(n);
+            }
+            return used;
+        });
+        return result;
+    }
+    out.resize(before + 4096);
     size_t used = before;
     for (;;) {
-        if (used == out.size()) {
-            // The size was read whole: one more read only when the file reported no size.
-            if (expected > 0) break;
-            out.resize(out.size() * 2);
-        }
+        if (used == out.size()) out.resize(out.size() * 2);
         const ssize_t n =
             retryOnInterrupt([&] { return ::read(fd, out.data() + used, out.size() - used); });
         if (n < 0) {

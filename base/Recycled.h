@@ -32,7 +32,7 @@ inline constexpr int kKeptBlocks = 16;
 // The freed blocks of one size on the calling thread; given back when the thread ends.
 template <size_t Size, size_t Align>
 class FreeBlocks {
-public:
+  public:
     static void* take() {
         Blocks& blocks = mine();
         if (blocks.head == nullptr) return nullptr;
@@ -51,7 +51,7 @@ public:
         return true;
     }
 
-private:
+  private:
     struct Node {
         Node* next;
     };
@@ -82,7 +82,8 @@ struct Allocator {
 
     T* allocate(size_t n) {
         if (kRecycle && n == 1) {
-            if (void* block = FreeBlocks<sizeof(T), alignof(T)>::take()) return static_cast<T*>(block);
+            if (void* block = FreeBlocks<sizeof(T), alignof(T)>::take())
+                return static_cast<T*>(block);
         }
         return static_cast<T*>(::operator new(n * sizeof(T)));
     }

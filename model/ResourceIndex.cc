@@ -217,7 +217,6 @@ Pool& pool() {
     return *instance;
 }
 
-
 ResourceIndexPtr getLocked(Pool& p, const Pack& pack);
 
 }  // namespace

@@ -15,7 +15,7 @@ namespace FerritCore {
 namespace {
 
 struct State {
-    Published<FConfig> current{std::make_shared<const FConfig>()};
+    Published<const FConfig> current{std::make_shared<const FConfig>()};
     RecursiveMutex writers;
     std::atomic<std::shared_ptr<ConfigStorage>> storage;
 };
@@ -35,7 +35,7 @@ FConfigPtr SCache::current() {
     return state().current.load();
 }
 
-SCache::Snapshot::Snapshot() : Published<FConfig>::Reader(state().current) {}
+SCache::Snapshot::Snapshot() : Published<const FConfig>::Reader(state().current) {}
 
 FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
     State& s = state();

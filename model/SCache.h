@@ -34,7 +34,7 @@ class SCache {
     // A read of the present document that stays the same for as long as it lives, and that
     // writes nothing that other threads read (see Published): what the request path reads
     // through. Belongs to the thread that made it.
-    class Snapshot : public Published<FConfig>::Reader {
+    class Snapshot : public Published<const FConfig>::Reader {
       public:
         Snapshot();
     };

@@ -262,7 +262,7 @@ uint64_t randomStretch(uint64_t maxInclusive) {
 // ---- The process's record.
 
 struct Store {
-    Published<Settings> current{std::make_shared<const Settings>()};
+    Published<const Settings> current{std::make_shared<const Settings>()};
     RecursiveMutex writers;
     std::function<void(const Settings&)> listener GUARDED_BY(writers);
 };
@@ -454,7 +454,7 @@ std::shared_ptr<const Settings> Settings::current() {
     return store().current.load();
 }
 
-Settings::Snapshot::Snapshot() : Published<Settings>::Reader(store().current) {}
+Settings::Snapshot::Snapshot() : Published<const Settings>::Reader(store().current) {}
 
 void Settings::change(const std::function<void(Settings&)>& change) {
     Store& s = store();

@@ -187,7 +187,7 @@ struct Settings {
     // A read of the current snapshot that stays the same for as long as it lives, and that writes
     // nothing that other threads read (see Published): what the request path reads through.
     // Belongs to the thread that made it.
-    class Snapshot : public Published<Settings>::Reader {
+    class Snapshot : public Published<const Settings>::Reader {
       public:
         Snapshot();
     };

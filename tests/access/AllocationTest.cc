@@ -54,7 +54,7 @@ namespace {
 
 // Counts the allocations of the calling thread while it lives.
 class AllocationCount {
-public:
+  public:
     AllocationCount() {
         gAllocations = 0;
         gCounting = true;
@@ -64,7 +64,7 @@ public:
 };
 
 class AllocationTest : public AccessFixture {
-protected:
+  protected:
     void SetUp() override {
         AccessFixture::SetUp();
         MarlLogger::Log::setLevel(MarlLogger::MRLLevelWarning);  // a host's usual level
@@ -91,7 +91,7 @@ TEST_F(AllocationTest, SyncHitOfSixteenKiBWithWarmIndexAllocatesLittle) {
     TaskRunner::runDue();
     // A host that receives the records; what it does with them is its own cost.
     class DroppingProxy : public FakeProxy {
-    public:
+      public:
         void sendEvent(const PerfRecord&) override {}
     };
     Environment::instance().setProxy(std::make_shared<DroppingProxy>());
