@@ -43,19 +43,6 @@ void logRemove(MarlLogger::MRLLevel level, const std::string& name, const char* 
         .append("reason", reason);
 }
 
-// A record that must not be kept: say what it was, so that the server side can be fixed.
-void reportBadRecord(const std::string& name, const JSON& value) {
-    PerfRecord record("Ferrit.ConfigDiskError");
-    record.setDimension("packName", name);
-    record.setDimension("configContent", value.toString());
-    MarlLogger::LogBuilder log(MarlLogger::MRLLevelWarning, LogTag::kFConfig);
-    if (log.active()) {
-        log.event("invalidPack");
-        logRecord(record, log);
-    }
-    sendEvent(record);
-}
-
 // Whether no record's prefixes or referrers differ between two maps of records.
 bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b) {
     if (a.size() != b.size()) return false;
@@ -126,37 +113,16 @@ bool FConfig::verifySignature(std::string_view& body, const std::string& origin,
     return true;
 }
 
-bool FConfig::read(std::string_view text, std::string& reason) {
-    JSON document = JSON::parse(text, &reason);
-    if (!reason.empty()) return false;
-    if (!document.isObject()) {
-        reason = "not an object";
-        return false;
+void FConfig::reportRefused(const std::string& name, const JSON& value) {
+    PerfRecord record("Ferrit.ConfigDiskError");
+    record.setDimension("packName", name);
+    record.setDimension("configContent", value.toString());
+    MarlLogger::LogBuilder log(MarlLogger::MRLLevelWarning, LogTag::kFConfig);
+    if (log.active()) {
+        log.event("invalidPack");
+        logRecord(record, log);
     }
-    for (const auto& [key, value] : document.objectValue()) {
-        const std::string_view k = key;
-        if (k == "v")
-            version = value.stringValue();
-        else if (k == "i")
-            fullMark = value.uint32Value();
-        else if (k == "scacheVersion")
-            scacheVersion = value.stringValue();
-        else if (k == "delay")
-            delay = value.doubleValue();
-        else if (k == "env")
-            env = value.uint32Value();
-        else if (k == "clientVersion")
-            clientVersion = value.stringValue();
-        else if (k == "locale")
-            locale = value.stringValue();
-        else if (k == "lastUpdate")
-            lastUpdate = value.doubleValue();
-        else if (k == "lastFullUpdate")
-            lastFullUpdate = value.doubleValue();
-        else if (k == "packs")
-            readPacks(value, packs);
-    }
-    return true;
+    sendEvent(record);
 }
 
 void FConfig::readPacks(const JSON& object, StringMap<PackPtr>& out) {
@@ -167,7 +133,7 @@ void FConfig::readPacks(const JSON& object, StringMap<PackPtr>& out) {
         if (record.isObject() && record.size() > 0) {
             pack->readJSON(record);
             if (!pack->validate()) {
-                reportBadRecord(name, record);
+                reportRefused(name, record);
                 continue;
             }
         } else {
@@ -233,6 +199,19 @@ std::string FConfig::serialize() const {
 }
 
 void FConfig::merge(const FConfig& document) {
+    mergeFields(document);
+    for (const auto& [name, pack] : document.packs) mergePack(pack);
+}
+
+void FConfig::merge(FConfig&& document) {
+    mergeFields(document);
+    // Each record goes over with the document's reference only, so mergePack edits it in place
+    // instead of copying it.
+    for (auto& [name, pack] : document.packs) mergePack(std::move(pack));
+    document.packs.clear();
+}
+
+void FConfig::mergeFields(const FConfig& document) {
     const Environment& environment = Environment::instance();
     if (env != static_cast<uint32_t>(environment.env())) {
         // Everything installed belongs to another service environment: start again from nothing.
@@ -286,15 +265,13 @@ void FConfig::merge(const FConfig& document) {
             remove(name);
         }
     }
-
-    for (const auto& [name, pack] : document.packs) mergePack(pack);
 }
 
-void FConfig::mergePack(const PackPtr& p) {
+void FConfig::mergePack(PackPtr p) {
     const bool supported = p->status == kPackStatusDeleted ? false : p->isSupported();
     PackPtr old = find(p->name);
     if (!old) {
-        if (supported) put(p);
+        if (supported) put(std::move(p));
         return;
     }
     if (!supported) {
@@ -318,10 +295,14 @@ void FConfig::mergePack(const PackPtr& p) {
         remove(p->name);
         return;
     }
-    auto n = p->clone();
+    const bool keepPrefixes = p->prefixes.empty();
+    // A record that nobody else holds (one taken from a document being consumed) is edited in
+    // place: it was made mutable and has never been published.
+    std::shared_ptr<Pack> n =
+        p.use_count() == 1 ? std::const_pointer_cast<Pack>(std::move(p)) : p->clone();
     if (rollback) {
         // The gray version's files go; the pack downloads again at the released sequence.
-        logRemove(MarlLogger::MRLLevelInfo, p->name, "Rollback gray");
+        logRemove(MarlLogger::MRLLevelInfo, n->name, "Rollback gray");
         removed.insert(old);
     } else {
         n->installedSeq = old->installedSeq;
@@ -335,7 +316,7 @@ void FConfig::mergePack(const PackPtr& p) {
         (old->status == kPackStatusEliminated && !n->isResident()))
         n->setStatus(old->status);
     n->trigger = old->trigger;
-    if (p->prefixes.empty()) n->prefixes = old->prefixes;
+    if (keepPrefixes) n->prefixes = old->prefixes;
     put(std::move(n));
 }
 

@@ -53,8 +53,12 @@ class FConfig {
 
     // Takes in a fetched document (see the merge rules in FConfig.cc). Call on a transaction copy.
     void merge(const FConfig& document);
-    // Takes in one record: sequence, gray and rollback rules.
-    void mergePack(const PackPtr& pack);
+    // The same, taking the document's records instead of copying them; the document is left
+    // without records.
+    void merge(FConfig&& document);
+    // Takes in one record: sequence, gray and rollback rules. A record held by no one else is
+    // taken as it is and may be edited.
+    void mergePack(PackPtr pack);
 
     // The record, or null.
     PackPtr find(std::string_view name) const;
@@ -93,8 +97,14 @@ class FConfig {
     bool isFull() const { return fullMark == kFullMark; }
 
   private:
-    // Reads the document's members; false when `text` is not a JSON object.
+    // The document fields and, for a full document, the removal of records it no longer lists.
+    void mergeFields(const FConfig& document);
+    // Reads the document's members straight from the parser (FConfigReader.cc); false when
+    // `text` is not a JSON object.
     bool read(std::string_view text, std::string& reason);
+    // Reports a record that must not be kept, as the server sent it, so that the server side can
+    // be fixed.
+    static void reportRefused(const std::string& name, const MarlLogger::json::JSON& record);
 
     std::shared_ptr<const MatchTables> tables_;
 };
