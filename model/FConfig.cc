@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <tuple>
 #include <vector>
 
 #include "base/Digest.h"
@@ -372,10 +371,14 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
         return;
     }
     auto tables = std::make_shared<MatchTables>();
-    // (prefix key, accept type, pack name), sorted so that the result does not depend on the order
-    // of the map: the smallest name wins where two packs claim the same thing.
-    std::vector<std::tuple<std::string, std::string, std::string_view>> prefixes;
+    tables->urlIndex.reserve(packs.size());
+    // Where two packs claim the same prefix (for the same type) or the same referrer, the
+    // smallest name wins, so that the tables do not depend on the order of the map.
+    auto claim = [](std::string& holder, std::string_view name) {
+        if (holder.empty() || name < holder) holder.assign(name);
+    };
     std::string keyBuffer;
+    std::string accept;
     for (const auto& [name, pack] : packs) {
         if (pack->packType() == kPackTypeSCache && pack->subType == kSubTypeFixedSeq) continue;
         for (const auto& prefix : pack->prefixes) {
@@ -384,34 +387,21 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
             const size_t hash = prefix.find('#');
             Url::keyInto(std::string_view(prefix).substr(0, hash), keyBuffer);
             if (keyBuffer.empty()) continue;
-            std::string accept;
-            if (hash != std::string::npos) {
-                accept = prefix.substr(hash + 1);
-                for (char& c : accept)
-                    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+            PrefixValue& value = tables->prefixTree.value(keyBuffer);
+            if (hash == std::string::npos || hash + 1 == prefix.size()) {
+                claim(value.packName, name);
+                continue;
             }
-            prefixes.emplace_back(keyBuffer, std::move(accept), name);
+            accept.assign(prefix, hash + 1);
+            for (char& c : accept)
+                if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+            claim(value.acceptPacks[accept], name);
         }
         for (const auto& referrer : pack->referrers) {
             Url::keyInto(referrer, keyBuffer);
             if (keyBuffer.empty()) continue;
-            auto [it, inserted] = tables->urlIndex.emplace(keyBuffer, name);
-            if (!inserted && name < it->second) it->second = name;
+            claim(tables->urlIndex[keyBuffer], name);
         }
-    }
-    std::sort(prefixes.begin(), prefixes.end());
-    for (size_t i = 0; i < prefixes.size();) {
-        const std::string& key = std::get<0>(prefixes[i]);
-        PrefixValue value;
-        for (; i < prefixes.size() && std::get<0>(prefixes[i]) == key; ++i) {
-            const auto& [prefix, accept, name] = prefixes[i];
-            if (accept.empty()) {
-                if (value.packName.empty()) value.packName = name;
-            } else {
-                value.acceptPacks.emplace(accept, name);
-            }
-        }
-        tables->prefixTree.add(key, std::move(value));
     }
     tables_ = std::move(tables);
 }

@@ -23,8 +23,8 @@ class FConfigReaderTest : public UpdateFixture {
         Error error;
         auto parsed = FConfig::parse(text, "test", error, false);
         EXPECT_TRUE(agreesWithTree(parsed.get(), text))
-            << text << "\n parsed: " << (parsed ? parsed->serialize() : "null")
-            << "\n tree:   " << (readThroughTree(text) ? readThroughTree(text)->serialize() : "null");
+            << text << "\n parsed: " << (parsed ? parsed->serialize() : "null") << "\n tree:   "
+            << (readThroughTree(text) ? readThroughTree(text)->serialize() : "null");
     }
 };
 
@@ -90,8 +90,9 @@ TEST_F(FConfigReaderTest, RootThatIsNotAnObjectFails) {
 }
 
 TEST_F(FConfigReaderTest, BrokenTextFailsWithoutKeepingWhatWasRead) {
-    for (const char* text : {R"({"v":"1","packs":{"a":{"s":1}})", R"({"v":"1","packs":{"a":{"s":1e999}}})",
-                             R"({"v":"1"} x)", R"({"v":"1","packs":{"a":{"s":1,}}})"}) {
+    for (const char* text :
+         {R"({"v":"1","packs":{"a":{"s":1}})", R"({"v":"1","packs":{"a":{"s":1e999}}})",
+          R"({"v":"1"} x)", R"({"v":"1","packs":{"a":{"s":1,}}})"}) {
         Error error;
         EXPECT_EQ(FConfig::parse(text, "test", error, false), nullptr) << text;
         EXPECT_TRUE(error) << text;
