@@ -117,7 +117,8 @@ World& world() {
         if (!PacksStore::instance().writeConfig(w->storedDocument, error))
             std::fprintf(stderr, "startup_bench: %s\n", error.message().c_str());
         w->request = std::make_unique<ResourceRequest>(
-            base + "m100.js", HeaderMap{{"Accept", "*/*"}, {"Referer", "https://www.example.com/"}});
+            base + "m100.js",
+            HeaderMap{{"Accept", "*/*"}, {"Referer", "https://www.example.com/"}});
         freshProcess();
         return w;
     }();
