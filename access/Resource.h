@@ -35,6 +35,9 @@ class RequestContext {
     // is on. The trace id takes `tracePrefix`.
     RequestContext(const ResourceRequest& request, int trigger,
                    std::string_view tracePrefix = TracePrefix::kAccess);
+    // A temporary request would be gone before the match reads it.
+    RequestContext(ResourceRequest&& request, int trigger,
+                   std::string_view tracePrefix = TracePrefix::kAccess) = delete;
     // A context without a request (the shared context of the pack reader).
     RequestContext(int trigger, std::string_view tracePrefix);
 

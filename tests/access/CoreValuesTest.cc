@@ -114,7 +114,11 @@ class FixedPart : public ResourcePart {
     std::string md5_;
 };
 
-class ResponseTest : public AccessFixture {};
+class ResponseTest : public AccessFixture {
+  protected:
+    // The context reads its request until the match ends, so the request lives as long as the test.
+    const ResourceRequest request_{"https://h/x.js", HeaderMap{}};
+};
 
 TEST_F(ResponseTest, SetFinishedWithoutResourceWritesNoLog) {
     ResourceResponse response(Error(3001, "Not Ferrit resource"));
@@ -127,7 +131,7 @@ TEST_F(ResponseTest, SetFinishedWithoutResourceWritesNoLog) {
 }
 
 TEST_F(ResponseTest, TwoPartsGiveEmptyMd5AndSortedVia) {
-    auto context = std::make_shared<RequestContext>(ResourceRequest("https://h/x.js", ""), 6);
+    auto context = std::make_shared<RequestContext>(request_, 6);
     auto resource = std::make_shared<Resource>(context, "", false);
     auto b = std::make_shared<FixedPart>(context, "b");
     b->name = "F:b@1";
@@ -143,7 +147,7 @@ TEST_F(ResponseTest, TwoPartsGiveEmptyMd5AndSortedVia) {
 }
 
 TEST_F(ResponseTest, OnePartGivesItsMd5) {
-    auto context = std::make_shared<RequestContext>(ResourceRequest("https://h/x.js", ""), 6);
+    auto context = std::make_shared<RequestContext>(request_, 6);
     auto resource = std::make_shared<Resource>(context, "", false);
     resource->addPart(std::make_shared<FixedPart>(context, "a", "abc"), 0);
     ResourceResponse response(resource, "a");
@@ -151,7 +155,7 @@ TEST_F(ResponseTest, OnePartGivesItsMd5) {
 }
 
 TEST_F(ResponseTest, ExplicitErrorFormKeepsArguments) {
-    auto context = std::make_shared<RequestContext>(ResourceRequest("https://h/x.js", ""), 6);
+    auto context = std::make_shared<RequestContext>(request_, 6);
     auto resource = std::make_shared<Resource>(context, "", false);
     resource->addPart(std::make_shared<FixedPart>(context, "a"), 0);
     ResourceResponse response(resource, Error(1108, "x"), true);
@@ -193,7 +197,7 @@ TEST_F(ResponseTest, DetachedContextKeepsTheHeadersOnlyWhenAskedTo) {
 }
 
 TEST_F(ResponseTest, PartTraceIdIsMadeOnceOnFirstUse) {
-    auto context = std::make_shared<RequestContext>(ResourceRequest("https://h/x.js", ""), 6);
+    auto context = std::make_shared<RequestContext>(request_, 6);
     FixedPart part(context, "a");
     const std::string first = part.traceId();
     EXPECT_EQ(first.rfind("FT_Resource_", 0), 0u);

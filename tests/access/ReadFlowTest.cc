@@ -350,8 +350,8 @@ class GroupFlowTest : public OnDemandTest {
                                                  SCache::current()->find(packName), false);
         return std::make_shared<PackPart>(context_, Url::key(url), match);
     }
-    std::shared_ptr<RequestContext> context_ =
-        std::make_shared<RequestContext>(ResourceRequest("https://h.com/combo", ""), 6);
+    const ResourceRequest request_{"https://h.com/combo", HeaderMap{}};  // read by the context
+    std::shared_ptr<RequestContext> context_ = std::make_shared<RequestContext>(request_, 6);
 };
 
 TEST_F(GroupFlowTest, FailureOfTheFirstPartStopsLaterParts) {

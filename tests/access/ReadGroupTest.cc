@@ -48,8 +48,8 @@ class ReadGroupTest : public AccessFixture {
     std::shared_ptr<ScriptedPart> part(std::string content, ReadStatus status) {
         return std::make_shared<ScriptedPart>(context_, std::move(content), status, &reads_);
     }
-    std::shared_ptr<RequestContext> context_ =
-        std::make_shared<RequestContext>(ResourceRequest("https://h/x", ""), 6);
+    const ResourceRequest request_{"https://h/x", HeaderMap{}};  // read by the context
+    std::shared_ptr<RequestContext> context_ = std::make_shared<RequestContext>(request_, 6);
     int reads_ = 0;
 };
 
