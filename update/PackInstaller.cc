@@ -112,8 +112,9 @@ bool PackInstaller::flush(Error& error) {
     return stored;
 }
 
-bool PackInstaller::copyUnchanged(const Folder& from, const std::unordered_set<std::string>& excluded,
-                                  uint64_t& bytes, Error& error) {
+bool PackInstaller::copyUnchanged(const Folder& from,
+                                  const std::unordered_set<std::string>& excluded, uint64_t& bytes,
+                                  Error& error) {
     if (!from.exists()) {
         error = Errors::fileNotExists(from);
         return false;

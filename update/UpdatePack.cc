@@ -1,6 +1,7 @@
 #include "update/UpdatePack.h"
 
 #include <array>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <new>
@@ -14,6 +15,7 @@
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "base/Proxy.h"
+#include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "model/ResourceIndex.h"
@@ -144,10 +146,6 @@ std::string decimal(uint64_t value) {
     return std::to_string(value);
 }
 
-bool isUrl(const std::string& name) {
-    return name.find("://") != std::string::npos;
-}
-
 // A pack name becomes a folder name under "temp/" and "apps/": it must stay one piece.
 bool isFolderSafe(const std::string& name) {
     return !name.empty() && name.find('/') == std::string::npos &&
@@ -236,8 +234,9 @@ double UpdatePack::packScore(const Pack& pack) {
 }
 
 bool UpdatePack::isHot(const Pack& pack) {
-    const std::string key =
-        pack.subType == kSubTypeFixedSeq ? pack.name : Pack::pinnedName(pack.name, pack.installedSeq);
+    const std::string key = pack.subType == kSubTypeFixedSeq
+                                ? pack.name
+                                : Pack::pinnedName(pack.name, pack.installedSeq);
     return Statistics::accessValue(key) > kHotScore;
 }
 
@@ -296,9 +295,10 @@ UpdatePack::~UpdatePack() = default;
 
 void UpdatePack::resolve(const JSON& info) {
     const FConfigPtr config = SCache::current();
-    if (isUrl(requestedName_)) {
-        // A whole app fetched from its URL is known by the URL's MD5.
-        const std::string key = Digest::md5Hex(requestedName_);
+    if (Url::isAbsolute(requestedName_)) {
+        // A whole app fetched from its URL is known by the MD5 of the URL's key form, the name
+        // under which a reader looks it up.
+        const std::string key = Digest::md5Hex(Url::key(requestedName_));
         pack_ = config->find(key);
         if (!pack_) {
             auto clone = std::make_shared<Pack>();
@@ -573,14 +573,28 @@ void UpdatePack::requestConfig() {
         .append("url", url_);
     awaiting_ = Awaiting::Config;
     std::shared_ptr<UpdatePack> self = shared_from_this();
+    watchAnswer(++request_);
     Network::requestConfig(url_, runId_, [self](std::string body, Error error) {
         self->onConfig(std::move(body), std::move(error));
     });
 }
 
+void UpdatePack::watchAnswer(int stage) {
+    std::weak_ptr<UpdatePack> weak = shared_from_this();
+    deadline_ = TaskRunner::post(
+        [weak, stage] {
+            std::shared_ptr<UpdatePack> self = weak.lock();
+            if (!self || self->request_ != stage || self->awaiting_ == Awaiting::Nothing) return;
+            self->awaiting_ = Awaiting::Nothing;
+            self->fail(Errors::requestFailed(self->url_, ETIMEDOUT, "no answer"));
+        },
+        kAnswerDeadlineMs);
+}
+
 void UpdatePack::onConfig(std::string body, Error error) {
     if (awaiting_ != Awaiting::Config) return;  // a second answer
     awaiting_ = Awaiting::Nothing;
+    TaskRunner::cancel(deadline_);
     if (error) {
         fail(std::move(error));
         return;
@@ -641,7 +655,8 @@ bool UpdatePack::capacityAllows() {
         if ((other->packType() == kPackTypeACache) == app) total += other->installedSize;
     }
     const std::shared_ptr<const Settings> settings = Settings::current();
-    const uint64_t limit = app ? settings->acacheSizeLimitValue() : settings->ferritSizeLimitValue();
+    const uint64_t limit =
+        app ? settings->acacheSizeLimitValue() : settings->ferritSizeLimitValue();
     if (total < limit) return true;
     // A read is waiting for this pack: others make room for it.
     if (trigger_ == kTriggerVisit || trigger_ == kTriggerVisitUpdate)
@@ -703,6 +718,7 @@ void UpdatePack::requestResource() {
     zipFile_ = tempFolder_.childOf(kDownloadName);
     awaiting_ = Awaiting::Zip;
     std::shared_ptr<UpdatePack> self = shared_from_this();
+    watchAnswer(++request_);
     Network::requestPack(url_, zipFile_, runId_, 0, [self](uint64_t length, Error error) {
         self->onZip(length, std::move(error));
     });
@@ -711,6 +727,7 @@ void UpdatePack::requestResource() {
 void UpdatePack::onZip(uint64_t expectedSize, Error error) {
     if (awaiting_ != Awaiting::Zip) return;  // a second answer
     awaiting_ = Awaiting::Nothing;
+    TaskRunner::cancel(deadline_);
     perf_.stage("fileLoaded");
     const uint64_t size = zipFile_.diskSize();
     perf_.setMeasure("fileSize", static_cast<double>(size));
@@ -736,8 +753,7 @@ void UpdatePack::installRaw() {
     PackInstaller installer(newVersionFolder(), tempFolder_);
     installer.begin();
     Error error;
-    installedSize_ =
-        ZipFile::unpackFile(zipFile_, installer.writeRoot().childOf("res/"), error);
+    installedSize_ = ZipFile::unpackFile(zipFile_, installer.writeRoot().childOf("res/"), error);
     perf_.stage("unzipped");
     perf_.setMeasure("resSize", static_cast<double>(installedSize_));
     if (error || !installer.publish(error)) {
@@ -887,8 +903,8 @@ FConfigPtr UpdatePack::persist() {
             PackPtr plain;
             if (pack_->packType() == kPackTypeACache && pack_->subType == kSubTypeFixedSeq)
                 plain = config.find(requestedName_);
-            if (plain && (!plain->isInstalled() ||
-                          (plain->installedSeq < pack_->seq && !isHot(*plain)))) {
+            if (plain &&
+                (!plain->isInstalled() || (plain->installedSeq < pack_->seq && !isHot(*plain)))) {
                 // The fixed version takes the place of the plain record, with its configured
                 // fields; the record replaces the plain one whole, as a merge would refuse an
                 // older sequence.
@@ -900,7 +916,8 @@ FConfigPtr UpdatePack::persist() {
                 clone->marker = pack_->marker;
                 clone->md5 = pack_->md5;
                 clone->incrMd5 = pack_->incrMd5;
-                clone->prefixes = pack_->prefixes;
+                // As a merge does: a record that carries no prefixes leaves them unchanged.
+                if (!pack_->prefixes.empty()) clone->prefixes = pack_->prefixes;
                 clone->referrers = pack_->referrers;
                 clone->gray = pack_->gray;
                 if (pack_->updateTime > clone->updateTime) clone->updateTime = pack_->updateTime;
@@ -968,8 +985,7 @@ void UpdatePack::finished() {
         // Posted after the commit of the swap, which the configuration transaction posted
         // first: the old files go only once the store names the new version.
         Folder retired = *retiredFolder_;
-        TaskRunner::post([retired] { Folder::removeFile(retired, false); },
-                         kRetiredFolderDelayMs);
+        TaskRunner::post([retired] { Folder::removeFile(retired, false); }, kRetiredFolderDelayMs);
     }
     retiredFolder_.reset();
 
@@ -980,8 +996,7 @@ void UpdatePack::finished() {
         const double notified = pack_->updateTime;
         // From publication to the device being told, from that to the version being online.
         const double online = publish > 0 && now > publish ? now - publish : 0;
-        const double notification =
-            publish > 0 && notified > publish ? notified - publish : 0;
+        const double notification = publish > 0 && notified > publish ? notified - publish : 0;
         const double toOnline = notified > 0 && now > notified ? now - notified : 0;
         perf_.setDimension("online", decimal(static_cast<uint64_t>(online)));
         perf_.setMeasure("notificationTime", notification);

@@ -78,6 +78,9 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     static constexpr uint32_t kDefaultRequestPriority = 0;
     // The access score above which a pack counts as hot: ln 2, the credit of a first install.
     static constexpr double kHotScore = 0.6931471805599453;
+    // A request that the host has not answered this long after it was sent (its own timeout of
+    // 20 seconds and a margin) ends the task with 1003, so that the next trigger can run.
+    static constexpr double kAnswerDeadlineMs = 30000.0;
     // Milliseconds after the swap at which a replaced version's folder is deleted: a read that
     // took the old resource list just before the swap finishes on the old files.
     static constexpr double kRetiredFolderDelayMs = 1000.0;
@@ -168,6 +171,8 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // the listeners.
     void finished();
     void fail(Error error);
+    // Ends the run with 1003 unless the answer to `stage` came within kAnswerDeadlineMs.
+    void watchAnswer(int stage);
     void tellListeners();
     // The folder that the new version is written to: "apps/<root>/<seq>/" for an app, the
     // packed store's "<root>/<seq>/" for the rest.
@@ -203,6 +208,10 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // What the run waits for; an answer for another stage (a proxy that answers twice) is dropped.
     enum class Awaiting { Nothing, Config, Zip };
     Awaiting awaiting_ = Awaiting::Nothing;
+    // Numbers the requests of the run, so that a deadline ends only the request it watches.
+    int request_ = 0;
+    // The task that ends the run when the answer does not come; 0 when none waits.
+    uint64_t deadline_ = 0;
     // The replaced version's folder, deleted kRetiredFolderDelayMs after the swap.
     std::optional<Folder> retiredFolder_;
     // Set by persist(): the document that holds the new version.

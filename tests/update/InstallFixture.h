@@ -107,8 +107,7 @@ class InstallFixture : public ProcessTest {
         content.files = files;
         std::string json, signedIndex, error;
         EXPECT_TRUE(FerritTools::indexJson(content, urlPrefix, removed, json, error)) << error;
-        EXPECT_TRUE(FerritTools::signIndex(json, "ed25519", signer(), signedIndex, error))
-            << error;
+        EXPECT_TRUE(FerritTools::signIndex(json, "ed25519", signer(), signedIndex, error)) << error;
         return signedIndex;
     }
 
@@ -158,9 +157,29 @@ class InstallFixture : public ProcessTest {
                    const char* prefix = kZipPrefix) {
         proxy_->serve(std::string(prefix) + name + "/" + std::to_string(seq) + ".zip", 200, zip);
     }
+    // An answer that never comes.
+    static FakeProxy::Answer silent() {
+        FakeProxy::Answer answer;
+        answer.never = true;
+        return answer;
+    }
     void serveIncrement(const std::string& name, uint64_t seq, const std::string& zip) {
         proxy_->serve(std::string(kZipPrefix) + name + "/i/" + std::to_string(seq) + ".zip", 200,
                       zip);
+    }
+
+    // Writes a version's folder as an install leaves it: the signed list and "res/<path>" files,
+    // on the disk for a Disk folder, as keys for a Packed one.
+    void writeVersion(const Folder& folder, const PackFiles& files) {
+        std::vector<std::pair<std::string, std::string>> entries;
+        entries.emplace_back("app-res.hvc", indexOf(files));
+        for (const auto& [path, content] : files) entries.emplace_back("res/" + path, content);
+        for (const auto& [path, content] : entries) {
+            const Folder file = folder.childOf(path);
+            file.ensureParent();
+            Error error;
+            ASSERT_TRUE(Folder::writeFile(file, content, error)) << error.message();
+        }
     }
 
     // ---- Running.
