@@ -49,7 +49,8 @@ class HostileArchiveTest : public InstallFixture {
     static std::string raw(const std::vector<ZipWriter::Entry>& entries) {
         ZipWriter writer;
         std::string error, zip;
-        for (const ZipWriter::Entry& entry : entries) EXPECT_TRUE(writer.add(entry, error)) << error;
+        for (const ZipWriter::Entry& entry : entries)
+            EXPECT_TRUE(writer.add(entry, error)) << error;
         EXPECT_TRUE(writer.finish(zip, error)) << error;
         return zip;
     }
@@ -178,8 +179,7 @@ TEST_F(HostileArchiveTest, TruncatedCentralDirectoryIsRefused) {
     const std::string zip = archive({});
     const size_t directory = zip.find(std::string("PK\x01\x02", 4));
     ASSERT_NE(directory, std::string::npos);
-    expectRefused(zip.substr(0, directory + 30), 2207,
-                  unzipFailed("Open zip file failed: -103"));
+    expectRefused(zip.substr(0, directory + 30), 2207, unzipFailed("Open zip file failed: -103"));
 }
 
 TEST_F(HostileArchiveTest, EmptyZipIsRefused) {
@@ -187,8 +187,7 @@ TEST_F(HostileArchiveTest, EmptyZipIsRefused) {
 }
 
 TEST_F(HostileArchiveTest, ZipWithoutTheListIsRefused) {
-    expectRefused(archive({}, version2(), false), 2207,
-                  unzipFailed("Open zip file failed: -100"));
+    expectRefused(archive({}, version2(), false), 2207, unzipFailed("Open zip file failed: -100"));
 }
 
 TEST_F(HostileArchiveTest, UnsignedListIsRefused) {
@@ -236,8 +235,8 @@ TEST_F(HostileArchiveTest, EmptyFileIsRefusedWithNoData) {
 }
 
 TEST_F(HostileArchiveTest, ListThatNamesAPathOutsideThePackIsRefused) {
-    const std::string json = R"({"../../escape.txt":{"v":")" +
-                             FerritCore::Digest::md5Hex("x") + R"("}})";
+    const std::string json =
+        R"({"../../escape.txt":{"v":")" + FerritCore::Digest::md5Hex("x") + R"("}})";
     std::vector<ZipWriter::Entry> entries;
     entries.push_back(file("app-res.hvc", FakeProxy::signIndex(json)));
     expectRefused(raw(entries), 1107);
