@@ -28,7 +28,8 @@ class ReadUpdateTest : public InstallFixture {
     void installShop(uint64_t seq, const PackFiles& files) {
         const std::string zip = zipOf(files);
         PackPtr old = find("shop");
-        auto p = old ? old->clone() : record("shop", kPackTypeFerrit, seq, seq, kPriorityAutoInstall);
+        auto p =
+            old ? old->clone() : record("shop", kPackTypeFerrit, seq, seq, kPriorityAutoInstall);
         p->seq = seq;
         p->baseSeq = seq;
         p->md5 = Digest::md5Hex(zip);
