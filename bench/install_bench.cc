@@ -231,8 +231,7 @@ void BM_MinizipLoopFloor(benchmark::State& state) {
         std::string content, entry(1024, '\0');
         for (int status = unzGoToFirstFile(zip); status == UNZ_OK; status = unzGoToNextFile(zip)) {
             unz_file_info64 info;
-            unzGetCurrentFileInfo64(zip, &info, entry.data(), entry.size(), nullptr, 0, nullptr,
-                                    0);
+            unzGetCurrentFileInfo64(zip, &info, entry.data(), entry.size(), nullptr, 0, nullptr, 0);
             const std::string path = target + entry.c_str();
             unzOpenCurrentFile(zip);
             content.resize(info.uncompressed_size);

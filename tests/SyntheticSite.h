@@ -75,7 +75,8 @@ inline SiteFiles make(int count, size_t totalBytes, uint64_t seed) {
     std::mt19937_64 random(seed);
     const int images = (count + kImageEvery - 1) / kImageEvery;
     const int texts = count - images;
-    const size_t imageMean = images > 0 ? static_cast<size_t>(totalBytes * kImageShare) / images : 0;
+    const size_t imageMean =
+        images > 0 ? static_cast<size_t>(totalBytes * kImageShare) / images : 0;
     const size_t textMean =
         texts > 0 ? static_cast<size_t>(totalBytes * (1 - kImageShare)) / texts : 0;
     SiteFiles files;

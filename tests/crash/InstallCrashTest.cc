@@ -33,9 +33,9 @@
 #include <map>
 #include <memory>
 #include <set>
-#include <unordered_set>
 #include <sstream>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "base/Digest.h"
