@@ -9,23 +9,28 @@
 //
 // Where the kills land: the child counts every step that changes what lies on the disk (each
 // file created and each written, each folder made, renamed or removed, each batch written to and
-// each copy or removal in the packed store, each write of the configuration, and the download)
-// and kills itself just before the Nth. A calibration run without a kill counts the steps of the
-// whole install, and the points are spread evenly over that count. Counting steps rather than
-// timing kills makes every point land in the same place on every run and on any machine, however
-// loaded; the step hooks sit exactly where a real crash would cut the install short.
+// each copy or removal in the packed store, each write of the configuration, the download, and
+// below those every write, truncation and deletion that the database makes in its files, so that
+// kills land inside its transactions too) and kills itself just before the Nth. A calibration run
+// without a kill counts the steps of the whole install, and the points are spread evenly over that
+// count. Counting steps rather than timing kills makes every point land in the same place on every
+// run and on any machine, however loaded; the step hooks sit exactly where a real crash would cut
+// the install short.
 //
 //   install_crash_test                      the CI run: FERRIT_CRASH_POINTS points (default 200)
 //                                           for each of the two kinds of pack
 //   FERRIT_CRASH_POINTS=1000 install_crash_test   the longer run (tests/crash/run-crash-test.sh)
+//   FERRIT_CRASH_JOBS=N                     points run side by side (default 2)
 //
 // The children are this program again, with "--child" and a command.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -68,13 +73,15 @@ namespace {
 
 constexpr const char* kPointsVariable = "FERRIT_CRASH_POINTS";
 constexpr int kDefaultPoints = 200;
+constexpr const char* kJobsVariable = "FERRIT_CRASH_JOBS";
+constexpr int kDefaultJobs = 2;
 constexpr const char* kSite = "https://shop.test/app/";
 constexpr const char* kZipPrefix = "https://dl.test/";
 constexpr const char* kAppZipPrefix = "https://app.test/";
 constexpr uint32_t kNetworkUnrestricted = 1;
 // The two versions: enough files for many distinct kill points, small enough for a quick run.
-constexpr int kFiles = 240;
-constexpr size_t kSiteBytes = 600 * 1024;
+constexpr int kFiles = 160;
+constexpr size_t kSiteBytes = 400 * 1024;
 constexpr uint64_t kSeed = 20240611;
 constexpr double kChangedFraction = 0.3;
 
@@ -195,6 +202,96 @@ class StepPackedFiles : public PackedFiles {
   private:
     std::shared_ptr<PackedFiles> real_;
 };
+
+// The database's own file system, with a step before each change of a file: a kill then lands
+// between any two pages that a commit writes to the log, as a crash would. Registered as the
+// default before any store opens; every call is handed to the real one.
+struct StepFile {
+    sqlite3_file base;
+    sqlite3_file* real;  // lies right behind this header, in the space the database allocates
+};
+
+sqlite3_vfs* realVfs = nullptr;
+sqlite3_vfs stepVfs;
+sqlite3_io_methods stepMethods;
+
+sqlite3_file* realOf(sqlite3_file* file) {
+    return reinterpret_cast<StepFile*>(file)->real;
+}
+
+int stepOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* outFlags) {
+    auto* own = reinterpret_cast<StepFile*>(file);
+    own->real = reinterpret_cast<sqlite3_file*>(own + 1);
+    const int rc = realVfs->xOpen(realVfs, name, own->real, flags, outFlags);
+    own->base.pMethods = own->real->pMethods != nullptr ? &stepMethods : nullptr;
+    return rc;
+}
+
+int stepDelete(sqlite3_vfs*, const char* name, int syncDirectory) {
+    step();
+    return realVfs->xDelete(realVfs, name, syncDirectory);
+}
+
+void installStepVfs() {
+    realVfs = sqlite3_vfs_find(nullptr);
+    stepVfs = *realVfs;
+    stepVfs.zName = "ferrit-crash-step";
+    stepVfs.szOsFile = static_cast<int>(sizeof(StepFile)) + realVfs->szOsFile;
+    stepVfs.xOpen = stepOpen;
+    stepVfs.xDelete = stepDelete;
+    stepVfs.pNext = nullptr;
+    stepMethods = sqlite3_io_methods{
+        3,
+        [](sqlite3_file* f) {
+            sqlite3_file* real = realOf(f);
+            const int rc = real->pMethods->xClose(real);
+            f->pMethods = nullptr;
+            return rc;
+        },
+        [](sqlite3_file* f, void* out, int amount, sqlite3_int64 offset) {
+            return realOf(f)->pMethods->xRead(realOf(f), out, amount, offset);
+        },
+        [](sqlite3_file* f, const void* in, int amount, sqlite3_int64 offset) {
+            step();
+            return realOf(f)->pMethods->xWrite(realOf(f), in, amount, offset);
+        },
+        [](sqlite3_file* f, sqlite3_int64 size) {
+            step();
+            return realOf(f)->pMethods->xTruncate(realOf(f), size);
+        },
+        [](sqlite3_file* f, int flags) { return realOf(f)->pMethods->xSync(realOf(f), flags); },
+        [](sqlite3_file* f, sqlite3_int64* size) {
+            return realOf(f)->pMethods->xFileSize(realOf(f), size);
+        },
+        [](sqlite3_file* f, int lock) { return realOf(f)->pMethods->xLock(realOf(f), lock); },
+        [](sqlite3_file* f, int lock) { return realOf(f)->pMethods->xUnlock(realOf(f), lock); },
+        [](sqlite3_file* f, int* out) {
+            return realOf(f)->pMethods->xCheckReservedLock(realOf(f), out);
+        },
+        [](sqlite3_file* f, int op, void* arg) {
+            return realOf(f)->pMethods->xFileControl(realOf(f), op, arg);
+        },
+        [](sqlite3_file* f) { return realOf(f)->pMethods->xSectorSize(realOf(f)); },
+        [](sqlite3_file* f) { return realOf(f)->pMethods->xDeviceCharacteristics(realOf(f)); },
+        [](sqlite3_file* f, int region, int size, int extend, void volatile** out) {
+            return realOf(f)->pMethods->xShmMap(realOf(f), region, size, extend, out);
+        },
+        [](sqlite3_file* f, int offset, int n, int flags) {
+            return realOf(f)->pMethods->xShmLock(realOf(f), offset, n, flags);
+        },
+        [](sqlite3_file* f) { realOf(f)->pMethods->xShmBarrier(realOf(f)); },
+        [](sqlite3_file* f, int deleteFlag) {
+            return realOf(f)->pMethods->xShmUnmap(realOf(f), deleteFlag);
+        },
+        [](sqlite3_file* f, sqlite3_int64 offset, int amount, void** out) {
+            return realOf(f)->pMethods->xFetch(realOf(f), offset, amount, out);
+        },
+        [](sqlite3_file* f, sqlite3_int64 offset, void* pointer) {
+            return realOf(f)->pMethods->xUnfetch(realOf(f), offset, pointer);
+        },
+    };
+    sqlite3_vfs_register(&stepVfs, 1);
+}
 
 // The configuration's commits, with a step before each write.
 class StepConfigStorage : public PacksConfigStorage {
@@ -383,6 +480,7 @@ int childVerify(const std::string& root, const fs::path& fixtures, const Variant
 int runChild(int argc, char** argv) {
     MarlLogger::Log::setLevel(0);
     TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
+    installStepVfs();
     if (argc < 6) return 2;
     const std::string command = argv[2];
     const std::string root = argv[3];
@@ -421,10 +519,16 @@ struct ChildResult {
     }
 };
 
-ChildResult runSelf(const std::vector<std::string>& args) {
-    ChildResult result;
+// A child started and not yet waited for: its pid and the read end of its output.
+struct RunningChild {
+    pid_t pid = -1;
+    int output = -1;
+};
+
+RunningChild spawnSelf(const std::vector<std::string>& args) {
+    RunningChild running;
     int pipe[2];
-    if (::pipe(pipe) != 0) return result;
+    if (::pipe(pipe) != 0) return running;
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::dup2(pipe[1], STDOUT_FILENO);
@@ -439,12 +543,33 @@ ChildResult runSelf(const std::vector<std::string>& args) {
         ::_exit(127);
     }
     ::close(pipe[1]);
+    running.pid = pid;
+    running.output = pipe[0];
+    return running;
+}
+
+// Reads the child's output to its end and waits for it.
+ChildResult collect(const RunningChild& running) {
+    ChildResult result;
+    if (running.pid < 0) return result;
     char buffer[4096];
-    for (ssize_t n; (n = ::read(pipe[0], buffer, sizeof(buffer))) > 0;)
+    for (ssize_t n; (n = ::read(running.output, buffer, sizeof(buffer))) > 0;)
         result.output.append(buffer, static_cast<size_t>(n));
-    ::close(pipe[0]);
-    ::waitpid(pid, &result.status, 0);
+    ::close(running.output);
+    ::waitpid(running.pid, &result.status, 0);
     return result;
+}
+
+ChildResult runSelf(const std::vector<std::string>& args) {
+    return collect(spawnSelf(args));
+}
+
+// How many points run side by side: each has its own root, so they share nothing but the
+// fixtures, which no child writes. The children mostly wait on the disk, so two per core pays.
+int jobsToRun() {
+    const char* text = std::getenv(kJobsVariable);
+    const int jobs = text != nullptr ? std::atoi(text) : kDefaultJobs;
+    return jobs > 0 ? jobs : kDefaultJobs;
 }
 
 int pointsToRun() {
@@ -463,16 +588,20 @@ class InstallCrashTest : public ::testing::TestWithParam<const Variant*> {
     }
     void TearDown() override { fs::remove_all(base_); }
 
-    ChildResult child(const std::string& command, const fs::path& root,
-                      const std::string& extra = {}) {
+    std::vector<std::string> childArgs(const std::string& command, const fs::path& root,
+                                       const std::string& extra = {}) {
         std::vector<std::string> args{"--child", command, root.string() + "/",
                                       (base_ / "fixtures").string(), GetParam()->label};
         if (!extra.empty()) args.push_back(extra);
-        return runSelf(args);
+        return args;
     }
-    // A fresh copy of the prepared root.
-    fs::path freshRoot() {
-        const fs::path root = base_ / "root";
+    ChildResult child(const std::string& command, const fs::path& root,
+                      const std::string& extra = {}) {
+        return runSelf(childArgs(command, root, extra));
+    }
+    // A fresh copy of the prepared root, one for each job.
+    fs::path freshRoot(int job = 0) {
+        const fs::path root = base_ / ("root-" + std::to_string(job));
         fs::remove_all(root);
         fs::copy(base_ / "template", root, fs::copy_options::recursive);
         return root;
@@ -492,38 +621,52 @@ TEST_P(InstallCrashTest, KilledAnywhereTheInstallLeavesTheOldOrTheNewVersion) {
     ASSERT_TRUE(calibration.succeeded()) << calibration.output;
     const long long total = calibration.number("STEPS");
     ASSERT_GT(total, 0);
-    const ChildResult clean = child("verify", base_ / "root");
+    const ChildResult clean = child("verify", base_ / "root-0");
     ASSERT_EQ(clean.line("VERSION"), std::vector<std::string>{"new"}) << clean.output;
 
     const int points = pointsToRun();
     std::set<long long> distinct;
     int killed = 0, oldVersion = 0, newVersion = 0, mixed = 0, badAnswers = 0, reinstalls = 0,
         leftovers = 0, recovered = 0;
-    for (int i = 0; i < points; ++i) {
-        // Evenly spread over steps 1..total.
-        const long long at = 1 + static_cast<long long>(i) * total / points;
-        distinct.insert(at);
-        const fs::path root = freshRoot();
-        const ChildResult install = child("install", root, std::to_string(at));
-        EXPECT_TRUE(install.killed()) << "step " << at << ": " << install.output;
-        if (install.killed()) ++killed;
-        const ChildResult verify = child("verify", root);
-        ASSERT_TRUE(verify.succeeded()) << "step " << at << ": " << verify.output;
-        const std::string state = verify.line("VERSION").empty() ? "" : verify.line("VERSION")[0];
-        if (state == "old") ++oldVersion;
-        if (state == "new") ++newVersion;
-        if (state == "mixed") ++mixed;
-        EXPECT_NE(state, "mixed") << "step " << at << ": " << verify.output;
-        const long long bad = verify.number("READ", 2);
-        EXPECT_EQ(verify.number("VERIFY"), 0) << "step " << at << ": " << verify.output;
-        badAnswers += static_cast<int>(bad);
-        EXPECT_EQ(bad, 0) << "step " << at << ": " << verify.output;
-        if (verify.number("TEMP", 0) > 0) ++leftovers;
-        if (verify.number("TEMP", 0) > 0 && verify.number("TEMP", 1) == 0) ++recovered;
-        EXPECT_EQ(verify.number("TEMP", 1), 0) << "step " << at;
-        EXPECT_EQ(verify.number("REINSTALL"), 0) << "step " << at << ": " << verify.output;
-        EXPECT_EQ(verify.number("AFTER", 1), 0) << "step " << at << ": " << verify.output;
-        if (verify.number("REINSTALL") == 0 && verify.number("AFTER", 1) == 0) ++reinstalls;
+    const int jobs = jobsToRun();
+    for (int first = 0; first < points; first += jobs) {
+        const int count = std::min(jobs, points - first);
+        std::vector<long long> at(static_cast<size_t>(count));
+        std::vector<fs::path> roots(static_cast<size_t>(count));
+        std::vector<RunningChild> running(static_cast<size_t>(count));
+        for (int j = 0; j < count; ++j) {
+            // Evenly spread over steps 1..total.
+            at[j] = 1 + static_cast<long long>(first + j) * total / points;
+            distinct.insert(at[j]);
+            roots[j] = freshRoot(j);
+            running[j] = spawnSelf(childArgs("install", roots[j], std::to_string(at[j])));
+        }
+        for (int j = 0; j < count; ++j) {
+            const ChildResult install = collect(running[j]);
+            EXPECT_TRUE(install.killed()) << "step " << at[j] << ": " << install.output;
+            if (install.killed()) ++killed;
+        }
+        for (int j = 0; j < count; ++j) running[j] = spawnSelf(childArgs("verify", roots[j]));
+        for (int j = 0; j < count; ++j) {
+            const ChildResult verify = collect(running[j]);
+            ASSERT_TRUE(verify.succeeded()) << "step " << at[j] << ": " << verify.output;
+            const std::string state =
+                verify.line("VERSION").empty() ? "" : verify.line("VERSION")[0];
+            if (state == "old") ++oldVersion;
+            if (state == "new") ++newVersion;
+            if (state == "mixed") ++mixed;
+            EXPECT_NE(state, "mixed") << "step " << at[j] << ": " << verify.output;
+            const long long bad = verify.number("READ", 2);
+            EXPECT_EQ(verify.number("VERIFY"), 0) << "step " << at[j] << ": " << verify.output;
+            badAnswers += static_cast<int>(bad);
+            EXPECT_EQ(bad, 0) << "step " << at[j] << ": " << verify.output;
+            if (verify.number("TEMP", 0) > 0) ++leftovers;
+            if (verify.number("TEMP", 0) > 0 && verify.number("TEMP", 1) == 0) ++recovered;
+            EXPECT_EQ(verify.number("TEMP", 1), 0) << "step " << at[j];
+            EXPECT_EQ(verify.number("REINSTALL"), 0) << "step " << at[j] << ": " << verify.output;
+            EXPECT_EQ(verify.number("AFTER", 1), 0) << "step " << at[j] << ": " << verify.output;
+            if (verify.number("REINSTALL") == 0 && verify.number("AFTER", 1) == 0) ++reinstalls;
+        }
     }
     std::printf(
         "[ crash    ] %s: %d kill points (%zu distinct) over %lld steps of the install; %d killed; "
