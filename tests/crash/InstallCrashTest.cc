@@ -20,6 +20,7 @@
 //   install_crash_test                      the CI run: FERRIT_CRASH_POINTS points (default 200)
 //                                           for each of the two kinds of pack
 //   FERRIT_CRASH_POINTS=1000 install_crash_test   the longer run (tests/crash/run-crash-test.sh)
+//   FERRIT_CRASH_FILES=N                    files in each version of the pack (default 160)
 //   FERRIT_CRASH_JOBS=N                     points run side by side (default 2)
 //
 // The children are this program again, with "--child" and a command.
@@ -81,7 +82,10 @@ constexpr const char* kAppZipPrefix = "https://app.test/";
 constexpr uint32_t kNetworkUnrestricted = 1;
 // The two versions: enough files for many distinct kill points, small enough for a quick run.
 constexpr int kFiles = 160;
-constexpr size_t kSiteBytes = 400 * 1024;
+constexpr size_t kBytesPerFile = 2560;
+// A longer run wants more distinct steps than the CI pack has: FERRIT_CRASH_FILES makes a larger
+// one (the parent and its children read the same environment, so they agree on the pack).
+constexpr const char* kFilesVariable = "FERRIT_CRASH_FILES";
 constexpr uint64_t kSeed = 20240611;
 constexpr double kChangedFraction = 0.3;
 
@@ -104,7 +108,10 @@ const Variant& variantNamed(const std::string& label) {
 }
 
 FerritTest::SiteFiles version(int which) {
-    const FerritTest::SiteFiles first = FerritTest::SyntheticSite::make(kFiles, kSiteBytes, kSeed);
+    const char* text = std::getenv(kFilesVariable);
+    const int files = text != nullptr && std::atoi(text) > 0 ? std::atoi(text) : kFiles;
+    const FerritTest::SiteFiles first =
+        FerritTest::SyntheticSite::make(files, static_cast<size_t>(files) * kBytesPerFile, kSeed);
     return which == 1 ? first
                       : FerritTest::SyntheticSite::nextVersion(first, kChangedFraction, kSeed + 1);
 }
