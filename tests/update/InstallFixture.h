@@ -116,7 +116,7 @@ class InstallFixture : public ProcessTest {
         return {{"index.html", "<!doctype html><title>v1</title>"},
                 {"js/app.js", "console.log('v1');"},
                 {"css/app.css", "body{color:red}"},
-                {"img/logo.png", std::string("\x89PNG\r\n\x1a\n\0\0v1", 14)},
+                {"img/logo.png", std::string("\x89PNG\r\n\x1a\n\0\0v1", 12)},
                 {"old.txt", "going away"}};
     }
     static PackFiles version2() {
