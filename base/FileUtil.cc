@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -118,6 +119,13 @@ std::function<std::string(const std::string&)>& recoder() {
     return *current;
 }
 
+// Set by crash tests only, before other threads run.
+FileUtil::StepHook stepHook = nullptr;
+
+inline void step() {
+    if (stepHook != nullptr) stepHook();
+}
+
 // Runs `attempt` on the canonical path and, when that fails, once more on the recoded path. A
 // recoding that gives the same bytes back is not tried again: the second attempt could only
 // repeat the first.
@@ -223,6 +231,7 @@ int FileUtil::readSize(FILE* file, size_t size, std::string& out) {
 
 int FileUtil::write(FILE* file, std::string_view data) {
     if (file == nullptr || data.empty()) return -1;
+    step();
     const size_t n = std::fwrite(data.data(), 1, data.size(), file);
     return n == data.size() ? 0 : lastError();
 }
@@ -302,6 +311,7 @@ int FileUtil::readDescriptor(int fd, std::string& out, bool linkedOnly) {
 }
 
 int FileUtil::writeFile(const std::string& path, std::string_view data) {
+    step();
     FILE* file = nullptr;
     int result = open(path, "wb+", &file);
     if (result != 0) return result;
@@ -311,6 +321,7 @@ int FileUtil::writeFile(const std::string& path, std::string_view data) {
 }
 
 int FileUtil::appendFile(const std::string& path, std::string_view data) {
+    step();
     FILE* file = nullptr;
     int result = open(path, "ab+", &file);
     if (result != 0) return result;
@@ -330,12 +341,14 @@ bool FileUtil::isDirectory(const std::string& path) {
 }
 
 int FileUtil::remove(const std::string& path) {
+    step();
     return withRetry(
         path, [](const std::string& p) { return std::remove(p.c_str()) == 0 ? 0 : lastError(); });
 }
 
 int FileUtil::rename(const std::string& from, const std::string& to) {
     if (from.empty() || to.empty()) return -1;
+    step();
     if (std::rename(from.c_str(), to.c_str()) == 0) return 0;
     const int result = lastError();
     const std::string recodedFrom = recoder()(from);
@@ -345,7 +358,22 @@ int FileUtil::rename(const std::string& from, const std::string& to) {
     return std::rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError();
 }
 
+int FileUtil::link(const std::string& from, const std::string& to) {
+    if (from.empty() || to.empty()) return -1;
+    step();
+    return ::link(from.c_str(), to.c_str()) == 0 ? 0 : lastError();
+}
+
+int FileUtil::exchange(const std::string& a, const std::string& b) {
+    if (a.empty() || b.empty()) return -1;
+    step();
+    return ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0
+               ? 0
+               : lastError();
+}
+
 int FileUtil::makeDirectory(const std::string& path) {
+    step();
     return withRetry(
         path, [](const std::string& p) { return ::mkdir(p.c_str(), 0700) == 0 ? 0 : lastError(); });
 }
@@ -365,6 +393,7 @@ int FileUtil::makeDirectories(const std::string& path) {
 }
 
 int FileUtil::removeDirectory(const std::string& path) {
+    step();
     return withRetry(
         path, [](const std::string& p) { return ::rmdir(p.c_str()) == 0 ? 0 : lastError(); });
 }
@@ -375,10 +404,12 @@ int FileUtil::removeTree(const std::string& path) {
         if (directory) {
             removeTree(child);
         } else {
+            step();
             std::remove(child.c_str());
         }
     });
     if (opened != 0) return opened;
+    step();
     ::rmdir(base.c_str());
     return 0;
 }
@@ -390,6 +421,10 @@ int FileUtil::listDirectory(const std::string& path, std::vector<std::string>& n
         if (directory) child.push_back('/');
         names.push_back(std::move(child));
     });
+}
+
+void FileUtil::setStepHook(StepHook hook) {
+    stepHook = hook;
 }
 
 FileUtil::ScopedRecoder::ScopedRecoder(std::function<std::string(const std::string&)> replacement)

@@ -73,6 +73,12 @@ class FileUtil {
     static int remove(const std::string& path);
     // Not canonicalised: both names are taken as given.
     static int rename(const std::string& from, const std::string& to);
+    // A second name for a file (a hard link); both names are taken as given, as for rename.
+    static int link(const std::string& from, const std::string& to);
+    // Swaps two existing paths in one atomic step (renameat2 with RENAME_EXCHANGE), so that a
+    // reader finds one or the other at each name, never neither. Both names are taken as given.
+    // EINVAL or ENOSYS when the file system cannot.
+    static int exchange(const std::string& a, const std::string& b);
     // mkdir with mode 0700.
     static int makeDirectory(const std::string& path);
     // At each "/" or "\\" creates the prefix up to it when that is not a directory; stops at the
@@ -86,6 +92,13 @@ class FileUtil {
     // Entries joined to `path` (with one "/" between), "." and ".." left out, directories with a
     // trailing "/". `names` is cleared first.
     static int listDirectory(const std::string& path, std::vector<std::string>& names);
+
+    // Crash tests end the process between any two changes of the file system. The hook runs just
+    // before each one: a file created or truncated, its bytes written, a rename, an exchange, a
+    // link, a directory made or removed, a file removed (also inside removeTree). Null, the
+    // default, runs nothing. Not thread-safe: install before any other thread runs.
+    using StepHook = void (*)();
+    static void setStepHook(StepHook hook);
 
     // Replaces the wide-character recoding for the lifetime of the object, so that tests can
     // exercise the second attempt. Not thread-safe: install before any other thread runs.

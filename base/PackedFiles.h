@@ -12,6 +12,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "ferritcore/Error.h"
 
@@ -26,6 +29,16 @@ class PackedFiles {
     virtual bool get(std::string_view key, std::string& value, Error& error) = 0;
     // Stores `value` under `key`. False with `error` set on failure; success clears `error`.
     virtual bool put(std::string_view key, std::string_view value, Error& error) = 0;
+    // Stores every pair as one write: all of them or, on failure, none. The default stores them
+    // one by one, so that a failure there keeps those before it. False with `error` set.
+    virtual bool putAll(const std::vector<std::pair<std::string, std::string>>& entries,
+                        Error& error);
+    // Copies every key below `fromPrefix` to the same rest below `toPrefix`, unless the new key
+    // is there already or `skip` names the rest; `bytes` receives the total length copied. The
+    // prefixes must not overlap. The default copies through get, contains and put, one by one.
+    virtual bool copyPrefix(std::string_view fromPrefix, std::string_view toPrefix,
+                            const std::unordered_set<std::string>& skip, uint64_t& bytes,
+                            Error& error);
     virtual bool contains(std::string_view key) = 0;
     // Deletes every key from `prefix` to `prefix` followed by one byte 0xFF; an empty prefix
     // deletes everything.

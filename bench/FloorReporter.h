@@ -1,9 +1,9 @@
-// A console reporter that also prints, for every benchmark labelled "vs:<floor>", the ratio of
-// its time to the time of the floor benchmark with the same arguments, measured in the same run;
-// "vs:<floor>|minus:<other>" also prints the ratio of its time less the time of <other> (a part of
-// its work measured alone) to the floor's; and for every benchmark labelled "scale:<run>", the
-// ratio of its counter "rate" to the rate of that run (how many times the work one thread gets
-// done, with more threads).
+// A console reporter that also prints, for every benchmark labelled "vs:<floor>" (or
+// "vs:<floor>,<floor>,..."), the ratio of its time to the time of each floor benchmark with the
+// same arguments, measured in the same run; "vs:<floor>|minus:<other>" also prints the ratio of
+// its time less the time of <other> (a part of its work measured alone) to the floor's; and for
+// every benchmark labelled "scale:<run>", the ratio of its counter "rate" to the rate of that run
+// (how many times the work one thread gets done, with more threads).
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -28,7 +28,15 @@ class FloorReporter : public benchmark::ConsoleReporter {
             if (run.report_label.rfind("vs:", 0) == 0) {
                 const std::string label = run.report_label.substr(3);
                 const size_t minus = label.find("|minus:");
-                floors_[name] = label.substr(0, minus);
+                const std::string list = label.substr(0, minus);
+                std::vector<std::string>& floors = floors_[name];
+                floors.clear();
+                for (size_t start = 0; start <= list.size();) {
+                    size_t end = list.find(',', start);
+                    if (end == std::string::npos) end = list.size();
+                    if (end > start) floors.push_back(list.substr(start, end - start));
+                    start = end + 1;
+                }
                 if (minus != std::string::npos) less_[name] = label.substr(minus + 7);
             }
             if (run.report_label.rfind("scale:", 0) == 0)
@@ -38,28 +46,34 @@ class FloorReporter : public benchmark::ConsoleReporter {
     void Finalize() override {
         ConsoleReporter::Finalize();
         std::printf("\nratios to the floor measured in this run:\n");
-        for (const auto& [name, floorName] : floors_) {
-            // Same arguments: the part of the name after the first "/", or failing that its first
-            // argument alone (run options such as "/iterations:N" may differ).
-            const size_t slash = name.find('/');
-            const std::string args = slash == std::string::npos ? "" : name.substr(slash);
-            std::string floorRun = floorName + args;
-            auto floor = times_.find(floorRun);
-            if (floor == times_.end() && !args.empty()) {
-                const size_t next = args.find('/', 1);
-                floorRun = floorName + args.substr(0, next);
-                floor = times_.find(floorRun);
+        for (const auto& [name, floorNames] : floors_) {
+            for (const std::string& floorName : floorNames) {
+                // Same arguments: the part of the name after the first "/", or failing that its
+                // first argument alone (run options such as "/iterations:N" may differ), or none.
+                const size_t slash = name.find('/');
+                const std::string args = slash == std::string::npos ? "" : name.substr(slash);
+                std::string floorRun = floorName + args;
+                auto floor = times_.find(floorRun);
+                if (floor == times_.end() && !args.empty()) {
+                    const size_t next = args.find('/', 1);
+                    floorRun = floorName + args.substr(0, next);
+                    floor = times_.find(floorRun);
+                }
+                if (floor == times_.end() && !args.empty()) {
+                    floorRun = floorName;
+                    floor = times_.find(floorRun);
+                }
+                if (floor == times_.end() || floor->second <= 0) continue;
+                std::printf("  %-40s %8.2fx  (%s)\n", name.c_str(), times_[name] / floor->second,
+                            floorRun.c_str());
+                auto less = less_.find(name);
+                if (less == less_.end()) continue;
+                auto part = times_.find(less->second + floorRun.substr(floorName.size()));
+                if (part == times_.end()) continue;
+                std::printf("  %-40s %8.2fx  (%s, without %s)\n", name.c_str(),
+                            (times_[name] - part->second) / floor->second, floorRun.c_str(),
+                            part->first.c_str());
             }
-            if (floor == times_.end() || floor->second <= 0) continue;
-            std::printf("  %-40s %8.2fx  (%s)\n", name.c_str(), times_[name] / floor->second,
-                        floorRun.c_str());
-            auto less = less_.find(name);
-            if (less == less_.end()) continue;
-            auto part = times_.find(less->second + floorRun.substr(floorName.size()));
-            if (part == times_.end()) continue;
-            std::printf("  %-40s %8.2fx  (%s, without %s)\n", name.c_str(),
-                        (times_[name] - part->second) / floor->second, floorRun.c_str(),
-                        part->first.c_str());
         }
         for (const auto& [name, baseName] : scales_) {
             auto base = rates_.find(baseName);
@@ -72,7 +86,7 @@ class FloorReporter : public benchmark::ConsoleReporter {
 
   private:
     std::map<std::string, double> times_;
-    std::map<std::string, std::string> floors_;
+    std::map<std::string, std::vector<std::string>> floors_;
     std::map<std::string, std::string> less_;
     std::map<std::string, double> rates_;
     std::map<std::string, std::string> scales_;

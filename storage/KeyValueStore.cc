@@ -133,6 +133,8 @@ struct KeyValueStore::Statements {
     sqlite3_stmt* removeRange = nullptr;
     sqlite3_stmt* removeFrom = nullptr;
     sqlite3_stmt* clear = nullptr;
+    sqlite3_stmt* insertIfAbsent = nullptr;
+    sqlite3_stmt* rowsFrom = nullptr;
     // Key enumeration: starting at a bound (inclusive) or after the last key of the previous
     // batch (exclusive), with an upper bound or running to the end.
     sqlite3_stmt* keysFrom = nullptr;
@@ -142,8 +144,8 @@ struct KeyValueStore::Statements {
 
     ~Statements() {
         for (sqlite3_stmt* statement :
-             {get, contains, insert, remove, removeRange, removeFrom, clear, keysFrom, keysAfter,
-              keysFromToEnd, keysAfterToEnd}) {
+             {get, contains, insert, remove, removeRange, removeFrom, clear, insertIfAbsent,
+              rowsFrom, keysFrom, keysAfter, keysFromToEnd, keysAfterToEnd}) {
             sqlite3_finalize(statement);
         }
     }
@@ -160,6 +162,8 @@ struct KeyValueStore::Statements {
             {&removeRange, "DELETE FROM kv WHERE k >= ?1 AND k < ?2"},
             {&removeFrom, "DELETE FROM kv WHERE k >= ?1"},
             {&clear, "DELETE FROM kv"},
+            {&insertIfAbsent, "INSERT OR IGNORE INTO kv(k, v) VALUES(?1, ?2)"},
+            {&rowsFrom, "SELECT k, v FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k"},
             {&keysFrom, "SELECT k FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
             {&keysAfter, "SELECT k FROM kv WHERE k > ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
             {&keysFromToEnd, "SELECT k FROM kv WHERE k >= ?1 ORDER BY k LIMIT ?3"},
@@ -348,6 +352,96 @@ int KeyValueStore::insert(std::string_view key, std::string_view value) {
     if (rc == SQLITE_OK) rc = bindBlob(statement, 2, value);
     if (rc != SQLITE_OK) return rc;
     return runToEnd(statement);
+}
+
+namespace {
+
+// One write transaction, rolled back unless committed. IMMEDIATE takes the write lock at the
+// start, so that a busy store fails before anything is done rather than at the commit.
+class WriteTransaction {
+  public:
+    explicit WriteTransaction(sqlite3* db) : db_(db), status_(execute(db, "BEGIN IMMEDIATE")) {}
+    ~WriteTransaction() {
+        if (status_ == SQLITE_OK && !committed_) execute(db_, "ROLLBACK");
+    }
+    WriteTransaction(const WriteTransaction&) = delete;
+    WriteTransaction& operator=(const WriteTransaction&) = delete;
+    int status() const { return status_; }
+    int commit() {
+        const int rc = execute(db_, "COMMIT");
+        committed_ = rc == SQLITE_OK;
+        return rc;
+    }
+
+  private:
+    sqlite3* db_;
+    int status_;
+    bool committed_ = false;
+};
+
+}  // namespace
+
+int KeyValueStore::insertAll(const std::vector<std::pair<std::string, std::string>>& entries) {
+    if (entries.empty()) return SQLITE_OK;
+    MutexLock lock(mutex_);
+    WriteTransaction transaction(db_);
+    if (transaction.status() != SQLITE_OK) return transaction.status();
+    sqlite3_stmt* statement = statements_->insert;
+    for (const auto& [key, value] : entries) {
+        ResetOnExit reset(statement);
+        int rc = bindBlob(statement, 1, key);
+        if (rc == SQLITE_OK) rc = bindBlob(statement, 2, value);
+        if (rc == SQLITE_OK) rc = runToEnd(statement);
+        if (rc != SQLITE_OK) return rc;
+    }
+    return transaction.commit();
+}
+
+int KeyValueStore::copyPrefix(std::string_view from, std::string_view to,
+                              const std::unordered_set<std::string>& skip, uint64_t& bytes) {
+    bytes = 0;
+    if (from.empty() || to.empty() || from == to) return SQLITE_MISUSE;
+    // Overlapping prefixes would let the walk meet the keys it writes.
+    if (from.starts_with(to) || to.starts_with(from)) return SQLITE_MISUSE;
+    const KeyRange range = prefixRange(from);
+    MutexLock lock(mutex_);
+    WriteTransaction transaction(db_);
+    if (transaction.status() != SQLITE_OK) return transaction.status();
+    sqlite3_stmt* rows = statements_->rowsFrom;
+    sqlite3_stmt* insert = statements_->insertIfAbsent;
+    ResetOnExit resetRows(rows);
+    int rc = bindBlob(rows, 1, range.from);
+    if (rc == SQLITE_OK) rc = bindBlob(rows, 2, range.to);
+    if (rc != SQLITE_OK) return rc;
+    uint64_t copied = 0;
+    std::string key;
+    while ((rc = sqlite3_step(rows)) == SQLITE_ROW) {
+        const void* keyData = sqlite3_column_blob(rows, 0);
+        const int keySize = sqlite3_column_bytes(rows, 0);
+        const std::string_view oldKey(keyData != nullptr ? static_cast<const char*>(keyData) : "",
+                                      keyData != nullptr ? static_cast<size_t>(keySize) : 0);
+        const std::string rest(oldKey.substr(from.size()));
+        if (skip.count(rest) != 0) continue;
+        key.assign(to).append(rest);
+        // The value is bound where the walk holds it: valid until the walk steps again, and the
+        // insert is done by then.
+        const void* value = sqlite3_column_blob(rows, 1);
+        const int valueSize = sqlite3_column_bytes(rows, 1);
+        if (value == nullptr && valueSize > 0) return SQLITE_NOMEM;
+        ResetOnExit resetInsert(insert);
+        rc = bindBlob(insert, 1, key);
+        if (rc == SQLITE_OK)
+            rc = bindBlob(insert, 2,
+                          std::string_view(value != nullptr ? static_cast<const char*>(value) : "",
+                                           static_cast<size_t>(valueSize)));
+        if (rc == SQLITE_OK) rc = runToEnd(insert);
+        if (rc != SQLITE_OK) return rc;
+        if (sqlite3_changes(db_) > 0) copied += static_cast<uint64_t>(valueSize);
+    }
+    if (rc != SQLITE_DONE) return rc;
+    rc = transaction.commit();
+    if (rc == SQLITE_OK) bytes = copied;
+    return rc;
 }
 
 int KeyValueStore::erase(std::string_view key) {

@@ -20,6 +20,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "support/Mutex.h"
@@ -117,6 +119,14 @@ class KeyValueStore {
     int get(std::string_view key, std::string& value, bool& found);
     // Inserts or replaces.
     int insert(std::string_view key, std::string_view value);
+    // Inserts or replaces every pair in one transaction: all of them or, on failure, none.
+    int insertAll(const std::vector<std::pair<std::string, std::string>>& entries);
+    // In one transaction: for every key that starts with `from`, inserts its value under the key
+    // with `to` in place of that prefix, unless a value is there already or `skip` holds the rest
+    // of the key (what follows the prefix). `bytes` receives the total length of the values
+    // copied. The prefixes must not overlap. On failure nothing is copied.
+    int copyPrefix(std::string_view from, std::string_view to,
+                   const std::unordered_set<std::string>& skip, uint64_t& bytes);
     // Deleting a missing key is success.
     int erase(std::string_view key);
     // Deletes every key in [from, to), in one statement.

@@ -42,6 +42,15 @@ class PacksStoreFiles : public PackedFiles {
     bool put(std::string_view key, std::string_view value, Error& error) override {
         return PacksStore::instance().put(key, value, error);
     }
+    bool putAll(const std::vector<std::pair<std::string, std::string>>& entries,
+                Error& error) override {
+        return PacksStore::instance().putAll(entries, error);
+    }
+    bool copyPrefix(std::string_view fromPrefix, std::string_view toPrefix,
+                    const std::unordered_set<std::string>& skip, uint64_t& bytes,
+                    Error& error) override {
+        return PacksStore::instance().copyPrefix(fromPrefix, toPrefix, skip, bytes, error);
+    }
     bool contains(std::string_view key) override { return PacksStore::instance().contains(key); }
     void removeByPrefix(std::string_view prefix) override {
         PacksStore::instance().removeByPrefix(prefix);

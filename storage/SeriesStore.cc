@@ -76,6 +76,43 @@ bool SeriesStore::put(std::string_view key, std::string_view value, Error& error
     return true;
 }
 
+bool SeriesStore::putAll(const std::vector<std::pair<std::string, std::string>>& entries,
+                         Error& error) {
+    int status = 0;
+    const std::shared_ptr<KeyValueStore> db = handle(&status);
+    if (!db) {
+        error = Errors::initStorageFailed(name_, status);
+        return false;
+    }
+    const int rc = db->insertAll(entries);
+    if (rc != 0) {
+        error = Errors::storageWrite(name_, entries.empty() ? std::string_view() : entries[0].first,
+                                     rc);
+        return false;
+    }
+    error.clear();
+    return true;
+}
+
+bool SeriesStore::copyPrefix(std::string_view from, std::string_view to,
+                             const std::unordered_set<std::string>& skip, uint64_t& bytes,
+                             Error& error) {
+    bytes = 0;
+    int status = 0;
+    const std::shared_ptr<KeyValueStore> db = handle(&status);
+    if (!db) {
+        error = Errors::initStorageFailed(name_, status);
+        return false;
+    }
+    const int rc = db->copyPrefix(from, to, skip, bytes);
+    if (rc != 0) {
+        error = Errors::storageWrite(name_, to, rc);
+        return false;
+    }
+    error.clear();
+    return true;
+}
+
 void SeriesStore::clear() {
     if (!isOpen()) return;
     const int rc = eraseAll();

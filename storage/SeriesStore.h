@@ -8,6 +8,9 @@
 
 #include <string>
 #include <string_view>
+#include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "base/Folder.h"
 #include "ferritcore/Error.h"
@@ -34,6 +37,14 @@ class SeriesStore : public Store {
     bool get(std::string_view key, std::string& value, Error& error) const;
     // True, and `error` cleared, once the value is stored; otherwise false with 9997 or 1104.
     bool put(std::string_view key, std::string_view value, Error& error);
+    // Stores every pair in one transaction: all of them, or none with 9997 or 1104 (about the
+    // first key).
+    bool putAll(const std::vector<std::pair<std::string, std::string>>& entries, Error& error);
+    // Copies, in one transaction, every key below `from` to the same rest below `to`, unless the
+    // new key is there already or `skip` names the rest; `bytes` receives the length copied.
+    // False with 9997 or 1104 (about `to`), and then nothing is copied.
+    bool copyPrefix(std::string_view from, std::string_view to,
+                    const std::unordered_set<std::string>& skip, uint64_t& bytes, Error& error);
     // Deletes everything, compacts, and logs "clear" with "name".
     void clear();
 

@@ -1,7 +1,8 @@
 // The one Proxy of the tests: serves answers from memory by URL and records every request, can
 // fail, hold answers back until released, answer any status or answer twice; signs and verifies
 // with a test key (the signature of an MD5 is "test-key:" followed by it); records every
-// performance record; answers on-demand loads at once; serves raw files from memory. Thread-safe
+// performance record and every pack the host is told was updated; answers on-demand loads at once;
+// serves raw files from memory. Thread-safe
 // where the system calls it; the test reads the recorded values once the calls are done.
 #pragma once
 
@@ -135,6 +136,10 @@ class FakeProxy : public FerritCore::Proxy {
         events.clear();
         records.clear();
     }
+    void onPackUpdated(const std::string& name) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        updatedPacks.push_back(name);
+    }
     bool registerPushTopic(const std::string& topic,
                            std::function<void(const std::string&)> handler) override {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -215,6 +220,7 @@ class FakeProxy : public FerritCore::Proxy {
     std::vector<std::string> topics;
     std::map<std::string, std::function<void(const std::string&)>> pushHandlers;
     std::vector<std::string> loads;
+    std::vector<std::string> updatedPacks;  // every onPackUpdated, in order
 
   private:
     static void deliver(const FerritCore::ProxyRequest& request, const Answer& answer,

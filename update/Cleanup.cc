@@ -17,6 +17,7 @@ struct State {
     Mutex mutex;
     std::shared_ptr<RepeatingTimer> timer GUARDED_BY(mutex);
     std::function<void(int trigger)> runner GUARDED_BY(mutex);
+    std::function<bool(int cleanupTrigger)> evictor GUARDED_BY(mutex);
 };
 
 State& state() {
@@ -24,6 +25,7 @@ State& state() {
         MutexLock lock(s.mutex);
         s.timer.reset();
         s.runner = nullptr;
+        s.evictor = nullptr;
     });
     return *instance;
 }
@@ -53,6 +55,29 @@ void Cleanup::arm(double intervalMs) {
 void Cleanup::setRunner(std::function<void(int trigger)> runner) {
     MutexLock lock(state().mutex);
     state().runner = std::move(runner);
+}
+
+}  // namespace FerritCore
+
+namespace FerritCore {
+
+bool Cleanup::evictForInstall(int cleanupTrigger) {
+    std::function<bool(int)> evictor;
+    {
+        MutexLock lock(state().mutex);
+        evictor = state().evictor;
+    }
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kTask)
+        .event("evictForInstall")
+        .append("trigger", cleanupTrigger)
+        .append("attached", static_cast<bool>(evictor));
+    // Run outside the lock: eviction changes the configuration and deletes folders.
+    return evictor ? evictor(cleanupTrigger) : false;
+}
+
+void Cleanup::setEvictor(std::function<bool(int cleanupTrigger)> evictor) {
+    MutexLock lock(state().mutex);
+    state().evictor = std::move(evictor);
 }
 
 }  // namespace FerritCore

@@ -271,3 +271,68 @@ TEST_F(FileUtilTest, WideRoundTripKeepsAsciiPaths) {
 
 }  // namespace
 }  // namespace FerritCore
+
+namespace FerritCore {
+namespace {
+
+// --- Links, exchange and the step hook ---------------------------------------------------------
+
+class FileUtilStepTest : public ::testing::Test {
+  protected:
+    void TearDown() override { FileUtil::setStepHook(nullptr); }
+    std::string path(const std::string& relative) const { return temp_.root() + relative; }
+    static int steps;
+    FerritTest::TempDir temp_;
+};
+int FileUtilStepTest::steps = 0;
+
+TEST_F(FileUtilStepTest, LinkGivesASecondNameToTheSameFile) {
+    ASSERT_EQ(FileUtil::writeFile(path("a.txt"), "shared"), 0);
+    ASSERT_EQ(FileUtil::link(path("a.txt"), path("b.txt")), 0);
+    ASSERT_EQ(FileUtil::remove(path("a.txt")), 0);
+    std::string content;
+    EXPECT_EQ(FileUtil::readFile(path("b.txt"), content), 0);
+    EXPECT_EQ(content, "shared");
+    EXPECT_EQ(FileUtil::link(path("missing"), path("c.txt")), ENOENT);
+    EXPECT_EQ(FileUtil::link("", path("c.txt")), -1);
+}
+
+TEST_F(FileUtilStepTest, ExchangeSwapsTwoFoldersInOneStep) {
+    ASSERT_EQ(FileUtil::makeDirectories(path("old/")), 0);
+    ASSERT_EQ(FileUtil::makeDirectories(path("new/")), 0);
+    ASSERT_EQ(FileUtil::writeFile(path("old/f"), "old"), 0);
+    ASSERT_EQ(FileUtil::writeFile(path("new/f"), "new"), 0);
+    const int result = FileUtil::exchange(path("new"), path("old"));
+    if (result == EINVAL || result == ENOSYS) GTEST_SKIP() << "no exchange on this file system";
+    ASSERT_EQ(result, 0);
+    std::string content;
+    EXPECT_EQ(FileUtil::readFile(path("old/f"), content), 0);
+    EXPECT_EQ(content, "new");
+    content.clear();
+    EXPECT_EQ(FileUtil::readFile(path("new/f"), content), 0);
+    EXPECT_EQ(content, "old");
+    EXPECT_EQ(FileUtil::exchange(path("new"), path("absent")), ENOENT);
+}
+
+TEST_F(FileUtilStepTest, HookRunsBeforeEveryChangeOfTheFileSystem) {
+    steps = 0;
+    FileUtil::setStepHook([] { ++steps; });
+    ASSERT_EQ(FileUtil::makeDirectory(path("d")), 0);
+    EXPECT_EQ(steps, 1);
+    ASSERT_EQ(FileUtil::writeFile(path("d/f"), "x"), 0);
+    EXPECT_EQ(steps, 3);  // created, then written
+    ASSERT_EQ(FileUtil::link(path("d/f"), path("d/g")), 0);
+    ASSERT_EQ(FileUtil::rename(path("d/g"), path("d/h")), 0);
+    EXPECT_EQ(steps, 5);
+    std::string content;
+    ASSERT_EQ(FileUtil::readFile(path("d/f"), content), 0);
+    EXPECT_EQ(steps, 5);  // reads change nothing
+    ASSERT_EQ(FileUtil::removeTree(path("d")), 0);
+    EXPECT_EQ(steps, 8);  // two files, then the folder
+    FileUtil::setStepHook(nullptr);
+    ASSERT_EQ(FileUtil::writeFile(path("e"), "x"), 0);
+    EXPECT_EQ(steps, 8);
+}
+
+}  // namespace
+}  // namespace FerritCore

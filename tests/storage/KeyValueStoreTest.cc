@@ -359,3 +359,85 @@ TEST_F(KeyValueStoreTest, ConcurrentThreadsReadAndWriteConsistently) {
 
 }  // namespace
 }  // namespace FerritCore
+
+namespace FerritCore {
+namespace {
+
+class KeyValueBatchTest : public FerritTest::StoreFixture {
+  protected:
+    void SetUp() override {
+        FerritTest::StoreFixture::SetUp();
+        ASSERT_EQ(KeyValueStore::open((temp_.path() / "kv").string(),
+                                      KeyValueStore::Options::forPacks(), &store_),
+                  0);
+    }
+    std::string valueOf(std::string_view key) {
+        std::string value;
+        bool found = false;
+        EXPECT_EQ(store_->get(key, value, found), 0);
+        return found ? value : "<missing>";
+    }
+    std::unique_ptr<KeyValueStore> store_;
+};
+
+TEST_F(KeyValueBatchTest, InsertAllStoresEveryPair) {
+    ASSERT_EQ(store_->insertAll({{"p/1/a", "alpha"}, {"p/1/b", "beta"}, {"p/1/a", "again"}}), 0);
+    EXPECT_EQ(valueOf("p/1/a"), "again");
+    EXPECT_EQ(valueOf("p/1/b"), "beta");
+    EXPECT_EQ(store_->insertAll({}), 0);
+}
+
+TEST_F(KeyValueBatchTest, InsertAllThatFailsStoresNothing) {
+    // Another connection holds the write lock past the busy timeout: the batch fails whole.
+    KeyValueStore::Options quick = KeyValueStore::Options::forPacks();
+    quick.busyTimeoutMs = 1;
+    std::unique_ptr<KeyValueStore> other;
+    ASSERT_EQ(KeyValueStore::open((temp_.path() / "kv").string(), quick, &other), 0);
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open((temp_.path() / "kv" / KeyValueStore::kFileName).c_str(), &raw),
+              SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    EXPECT_NE(other->insertAll({{"x/1", "one"}, {"x/2", "two"}}), 0);
+    ASSERT_EQ(sqlite3_exec(raw, "ROLLBACK", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(raw);
+    EXPECT_EQ(valueOf("x/1"), "<missing>");
+    EXPECT_EQ(valueOf("x/2"), "<missing>");
+}
+
+TEST_F(KeyValueBatchTest, CopyPrefixCopiesWhatIsNeitherThereNorSkipped) {
+    ASSERT_EQ(store_->insertAll({{"p/1/a", "alpha"},
+                                 {"p/1/b", "beta"},
+                                 {"p/1/gone", "old"},
+                                 {"p/2/b", "new beta"},
+                                 {"p/10/z", "other version"}}),
+              0);
+    uint64_t bytes = 0;
+    ASSERT_EQ(store_->copyPrefix("p/1/", "p/2/", {"gone"}, bytes), 0);
+    EXPECT_EQ(valueOf("p/2/a"), "alpha");
+    EXPECT_EQ(valueOf("p/2/b"), "new beta");  // already there: kept
+    EXPECT_EQ(valueOf("p/2/gone"), "<missing>");
+    EXPECT_EQ(valueOf("p/2/z"), "<missing>");  // "p/10/" is another prefix
+    EXPECT_EQ(bytes, 5u);
+    EXPECT_EQ(valueOf("p/1/a"), "alpha");  // the source stays
+}
+
+TEST_F(KeyValueBatchTest, CopyPrefixRefusesOverlappingPrefixes) {
+    uint64_t bytes = 7;
+    EXPECT_EQ(store_->copyPrefix("p/", "p/1/", {}, bytes), SQLITE_MISUSE);
+    EXPECT_EQ(store_->copyPrefix("p/1/", "p/1/", {}, bytes), SQLITE_MISUSE);
+    EXPECT_EQ(store_->copyPrefix("", "p/1/", {}, bytes), SQLITE_MISUSE);
+    EXPECT_EQ(bytes, 0u);
+}
+
+TEST_F(KeyValueBatchTest, CopyPrefixKeepsBinaryKeysAndValuesByteForByte) {
+    const std::string key("p/1/\x01\xFE\x00z", 8);
+    const std::string value("\x00\xFF\x80 binary", 10);
+    ASSERT_EQ(store_->insert(key, value), 0);
+    uint64_t bytes = 0;
+    ASSERT_EQ(store_->copyPrefix("p/1/", "q/9/", {}, bytes), 0);
+    EXPECT_EQ(valueOf(std::string("q/9/\x01\xFE\x00z", 8)), value);
+    EXPECT_EQ(bytes, value.size());
+}
+
+}  // namespace
+}  // namespace FerritCore

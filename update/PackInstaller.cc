@@ -1,0 +1,194 @@
+#include "update/PackInstaller.h"
+
+#include <cerrno>
+#include <memory>
+
+#include "base/Errors.h"
+#include "base/FileUtil.h"
+#include "base/PackedFiles.h"
+
+namespace FerritCore {
+namespace {
+
+constexpr std::string_view kStagingName = "new/";
+// Where the earlier folder of the version goes when the file system cannot exchange two folders.
+constexpr std::string_view kReplacedName = "replaced/";
+
+// The absolute path of a directory without its trailing "/", as rename wants it.
+std::string withoutSlash(const Folder& folder) {
+    std::string path = folder.absolute();
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// The directory part of a relative file path, with its "/"; empty at the top.
+std::string parentOf(const std::string& path) {
+    const size_t slash = path.rfind('/', path.size() > 1 ? path.size() - 2 : 0);
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+}
+
+// Why a file could not be linked: the file system has no links, or not between these two places.
+bool linkUnsupported(int result) {
+    return result == EXDEV || result == EPERM || result == EMLINK || result == ENOTSUP ||
+           result == ENOSYS;
+}
+
+}  // namespace
+
+PackInstaller::PackInstaller(Folder target, Folder work)
+    : target_(std::move(target)), work_(std::move(work)) {
+    writeRoot_ = isPacked() ? target_ : work_.childOf(kStagingName);
+}
+
+void PackInstaller::begin() {
+    written_.clear();
+    madeDirectories_.clear();
+    batch_.clear();
+    batchBytes_ = 0;
+    // An interrupted run may have left keys of this version; the staging folder is fresh in a
+    // fresh work folder, but a retried run in the same one must not keep a file of the last.
+    Folder::removeFile(writeRoot_, !isPacked());
+    if (!isPacked()) madeDirectories_.insert(std::string());
+}
+
+bool PackInstaller::ensureParents(const Folder& file, Error& error) {
+    const std::string relative = file.relative().substr(writeRoot_.relative().size());
+    const std::string parent = parentOf(relative);
+    if (madeDirectories_.count(parent) != 0) return true;
+    const Folder directory = writeRoot_.childOf(parent);
+    const int result = FileUtil::makeDirectories(directory.absolute());
+    if (result != 0) {
+        error = Errors::fileWrite(directory, result);
+        return false;
+    }
+    // Every directory on the way is there now.
+    for (std::string piece = parent; !piece.empty(); piece = parentOf(piece)) {
+        if (!madeDirectories_.insert(piece).second) break;
+    }
+    return true;
+}
+
+bool PackInstaller::makeDirectory(const std::string& path, Error& error) {
+    if (isPacked()) return true;  // the store has keys, not directories
+    const Folder directory = writeRoot_.childOf(path.ends_with('/') ? path : path + "/");
+    if (!ensureParents(directory.childOf("x"), error)) return false;
+    error.clear();
+    return true;
+}
+
+bool PackInstaller::writeFile(const std::string& path, std::string_view content, Error& error) {
+    const Folder file = writeRoot_.childOf(path);
+    if (isPacked()) {
+        batch_.emplace_back(file.relative(), std::string(content));
+        batchBytes_ += content.size();
+        written_.insert(path);
+        if (batch_.size() >= kPackedBatchFiles || batchBytes_ >= kPackedBatchBytes)
+            return flush(error);
+        error.clear();
+        return true;
+    }
+    if (!ensureParents(file, error)) return false;
+    const int result = FileUtil::writeFile(file.absolute(), content);
+    if (result != 0) {
+        error = Errors::fileWrite(file, result);
+        return false;
+    }
+    written_.insert(path);
+    error.clear();
+    return true;
+}
+
+bool PackInstaller::flush(Error& error) {
+    error.clear();
+    if (batch_.empty()) return true;
+    std::shared_ptr<PackedFiles> store = PackedFiles::current();
+    if (!store) {
+        error = Errors::initStorageFailed("packs", -1);
+        return false;
+    }
+    const bool stored = store->putAll(batch_, error);
+    batch_.clear();
+    batchBytes_ = 0;
+    return stored;
+}
+
+bool PackInstaller::copyUnchanged(const Folder& from,
+                                  const std::unordered_set<std::string>& excluded, uint64_t& bytes,
+                                  Error& error) {
+    if (!from.exists()) {
+        error = Errors::fileNotExists(from);
+        return false;
+    }
+    // Within the store one transaction copies the values without them leaving it.
+    if (isPacked() && from.kind() == FolderKind::Packed) {
+        if (!flush(error)) return false;
+        std::shared_ptr<PackedFiles> store = PackedFiles::current();
+        if (!store) {
+            error = Errors::initStorageFailed("packs", -1);
+            return false;
+        }
+        std::unordered_set<std::string> skip = excluded;
+        skip.insert(written_.begin(), written_.end());
+        uint64_t copied = 0;
+        if (!store->copyPrefix(from.relative(), target_.relative(), skip, copied, error))
+            return false;
+        bytes += copied;
+        return true;
+    }
+    const size_t prefix = from.relative().size();
+    for (const Folder& file : from.listFiles()) {
+        const std::string path = file.relative().substr(prefix);
+        if (excluded.count(path) != 0 || written_.count(path) != 0) continue;
+        if (!isPacked() && from.kind() == FolderKind::Disk) {
+            const Folder copy = writeRoot_.childOf(path);
+            if (!ensureParents(copy, error)) return false;
+            const int result = FileUtil::link(file.absolute(), copy.absolute());
+            if (result == 0) {
+                bytes += file.diskSize();
+                written_.insert(path);
+                continue;
+            }
+            if (!linkUnsupported(result)) {
+                error = Errors::copyFailed(file.describe(), result);
+                return false;
+            }
+        }
+        std::string content = Folder::readFile(file, error);
+        if (error) return false;
+        bytes += content.size();
+        if (!writeFile(path, content, error)) return false;
+    }
+    error.clear();
+    return true;
+}
+
+bool PackInstaller::publish(Error& error) {
+    if (isPacked()) return flush(error);
+    error.clear();
+    const std::string staged = withoutSlash(writeRoot_);
+    const std::string target = withoutSlash(target_);
+    // The parent of the version folder ("apps/<root>/"): the version itself must not be made.
+    const int made = FileUtil::makeDirectories(target.substr(0, target.rfind('/') + 1));
+    if (made != 0) {
+        error = Errors::fileWrite(target_, made);
+        return false;
+    }
+    if (!FileUtil::isDirectory(target)) {
+        const int result = FileUtil::rename(staged, target);
+        if (result != 0) error = Errors::fileWrite(target_, result);
+        return result == 0;
+    }
+    // A folder of this version is there (a reinstall, or a run that died after its rename but
+    // before its commit). Readers may be using it: the swap is one step, and the earlier folder
+    // ends up in the work folder, deleted with it.
+    int result = FileUtil::exchange(staged, target);
+    if (result == EINVAL || result == ENOSYS) {
+        const std::string replaced = withoutSlash(work_.childOf(kReplacedName));
+        result = FileUtil::rename(target, replaced);
+        if (result == 0) result = FileUtil::rename(staged, target);
+    }
+    if (result != 0) error = Errors::fileWrite(target_, result);
+    return result == 0;
+}
+
+}  // namespace FerritCore

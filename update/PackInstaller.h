@@ -1,0 +1,85 @@
+// PackInstaller: writes the files of one new pack version and makes them the version's folder.
+// Not thread-safe: one installer belongs to one task on the worker.
+//
+// A version on the disk ("apps/<root>/<seq>/") is staged in the run's own folder under "temp/"
+// and moved into place by one rename (or, when a folder of that version is there already, by one
+// atomic exchange), so that no reader and no restart ever finds half a version under "apps/": a
+// process that dies while installing leaves its work under "temp/", which the next start empties.
+// Unchanged files of an incremental update are hard links to the installed version's files: an
+// installed file is never rewritten in place, so the two versions may share it.
+//
+// A version in the packed store ("<root>/<seq>/" keys) is written in place, in batches that are
+// each one transaction; readers never look there before the configuration names the version,
+// and a run that finds keys of its version left by an interrupted one deletes them first.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "base/Folder.h"
+#include "ferritcore/Error.h"
+
+namespace FerritCore {
+
+class PackInstaller {
+  public:
+    // Files of the packed store are written this many at a time, each batch one transaction.
+    static constexpr size_t kPackedBatchFiles = 64;
+    static constexpr size_t kPackedBatchBytes = 4u << 20;
+
+    // `target` is the new version's folder (a Disk or Packed directory); `work` the run's own Disk
+    // directory under "temp/", inside which a Disk version is staged as "new/".
+    PackInstaller(Folder target, Folder work);
+
+    // Empties what the version is written to: the staging folder, or the target's range of the
+    // packed store.
+    void begin();
+
+    bool isPacked() const { return target_.kind() == FolderKind::Packed; }
+    const Folder& target() const { return target_; }
+    // Where this run writes: the staging folder for the disk, the target itself for the store.
+    const Folder& writeRoot() const { return writeRoot_; }
+    // What a run that ends before publish() must delete besides its work folder: the target's
+    // range of the packed store; nothing (an empty relative path of kind Disk is never returned:
+    // the result's `isPacked` tells) for a staged version, which lies inside the work folder.
+    bool hasPendingTarget() const { return isPacked(); }
+
+    // `path` is relative to the version folder ("res/a/b.js", "res/a/"). A directory is made
+    // (Disk) or ignored (Packed); a file is written whole. False with `error` set (1104, or the
+    // store's error).
+    bool makeDirectory(const std::string& path, Error& error);
+    bool writeFile(const std::string& path, std::string_view content, Error& error);
+    // Whether this run has written `path`.
+    bool wrote(const std::string& path) const { return written_.count(path) != 0; }
+
+    // Copies every file of `from` (an installed version's folder) that this run has not written
+    // and whose path `excluded` does not name; `bytes` grows by the size of each. False with
+    // `error` set on the first failure: 1101 when `from` is no folder at all.
+    bool copyUnchanged(const Folder& from, const std::unordered_set<std::string>& excluded,
+                       uint64_t& bytes, Error& error);
+
+    // Writes out what is still batched and makes the written version the target folder. For
+    // the disk: the staging folder is renamed to the target, or exchanged with a folder already
+    // there, which then lies in the work folder and goes with it. False with `error` set (1104).
+    bool publish(Error& error);
+
+  private:
+    // Makes the Disk directories that `file` needs below the staging folder, remembering them.
+    bool ensureParents(const Folder& file, Error& error);
+    bool flush(Error& error);
+
+    Folder target_;
+    Folder work_;
+    Folder writeRoot_;
+    std::unordered_set<std::string> written_;
+    std::unordered_set<std::string> madeDirectories_;
+    // Files of the packed store waiting for their batch: key, content.
+    std::vector<std::pair<std::string, std::string>> batch_;
+    size_t batchBytes_ = 0;
+};
+
+}  // namespace FerritCore

@@ -1,0 +1,231 @@
+// UpdatePack: one task that takes one pack from being named in the configuration to being
+// readable. It decides whether the pack needs work at all (evaluate), completes the record from
+// the pack configuration when it lacks its sequence numbers, downloads the zip into "temp/",
+// verifies and unpacks it into the folder of the new version (PackInstaller), publishes the new
+// installed version in one configuration transaction (persist), and deletes what it no longer
+// needs (finished). From the swap on, readers find the new installed sequence and its folder.
+//
+// Threading: construction and evaluate() may run on any thread; start() and every later stage
+// run on the task runner's worker (the network's completions are posted there), so the state of
+// a run needs no lock. Listeners have their own mutex and may be added from any thread; they are
+// called on the worker, or at once on the adding thread when the task has already ended.
+//
+// Failure: every failure ends the task in finished() with `error` set. The record stays as it
+// was, installed sequence included, so readers go on with the old version; the temporary folder
+// and a half-written new version are deleted. Only two things outlast a failure: status 1 after
+// a lost old folder, and a merged pack configuration, which is correct in itself.
+//
+// Ownership: tasks are shared. create() and createSeq() take their memory from a lock-free free
+// list that keeps up to kMaxSpareTasks spares, and the last reference gives it back.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Folder.h"
+#include "base/Telemetry.h"
+#include "ferritcore/Error.h"
+#include "marl/Json.h"
+#include "model/FConfig.h"
+#include "model/Pack.h"
+#include "support/Mutex.h"
+
+namespace FerritCore {
+
+// Where a task stands; reports print the names.
+enum class UpdateState : uint32_t {
+    Invalid = 0,         // do nothing; `error` says why
+    NeedUpdate = 1,      // runnable
+    UpToDate = 2,        // nothing to do
+    UpdateFinished = 3,  // ended, successfully or not
+};
+// "Invalid", "NeedUpdate", "UpToDate", "UpdateFinished".
+const char* updateStateName(UpdateState state);
+
+// What a trigger may skip, picked once when a task is made.
+struct UpdatePolicy {
+    bool ignorePriority = false;         // an uninstalled pack needs no priority to qualify
+    bool ignoreEliminated = false;       // an evicted pack may come back
+    bool ignoreNetwork = false;          // the network status is not consulted
+    bool ignoreDisabledPeriods = false;  // "disableInstallPeriods" is not consulted
+    bool verifyInstalled = false;        // an up-to-date pack is opened to see that it works
+    bool fast = false;                   // goes to the queue's fast lane
+    bool boostScore = false;             // adds kBoostScore to the score
+
+    // "Visit" and "Preview": everything but boostScore; "Prefetch": ignorePriority and
+    // boostScore; every other trigger: nothing.
+    static const UpdatePolicy& forTrigger(int trigger);
+};
+
+class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
+  public:
+    using Listener = std::function<void(const Error& error)>;
+
+    // Spare task objects kept for reuse.
+    static constexpr size_t kMaxSpareTasks = 30;
+    // Added to the score of a prefetch, and of a read's fixed-sequence fetch.
+    static constexpr double kBoostScore = 1000.0;
+    static constexpr double kFixedSeqScore = 2000.0;
+    // A pack of this priority or above jumps the queue.
+    static constexpr double kStartupPriorityScore = 1000.0;
+    // The zip request of every task; a queue that runs tasks side by side may rank them.
+    static constexpr uint32_t kDefaultRequestPriority = 0;
+    // The access score above which a pack counts as hot: ln 2, the credit of a first install.
+    static constexpr double kHotScore = 0.6931471805599453;
+    // A request that the host has not answered this long after it was sent (its own timeout of
+    // 20 seconds and a margin) ends the task with 1003, so that the next trigger can run.
+    static constexpr double kAnswerDeadlineMs = 30000.0;
+    // Milliseconds after the swap at which a replaced version's folder is deleted: a read that
+    // took the old resource list just before the swap finishes on the old files.
+    static constexpr double kRetiredFolderDelayMs = 1000.0;
+
+    // The usual task: `name` is a pack name or the URL of a fixed-URL app; `info`, a JSON pack
+    // record or null, describes the version wanted. Resolves the record and evaluates.
+    static std::shared_ptr<UpdatePack> create(const std::string& name,
+                                              const MarlLogger::json::JSON& info, int trigger);
+    // A fixed version of `name`, for a read that needs it: trigger "Visit", kept as "name@seq".
+    static std::shared_ptr<UpdatePack> createSeq(const std::string& name, uint64_t seq);
+
+    // Prefer create() and createSeq(), whose objects come from the free list.
+    UpdatePack(const std::string& name, const MarlLogger::json::JSON& info, int trigger);
+    UpdatePack(const std::string& name, uint64_t seq);
+    virtual ~UpdatePack();
+    UpdatePack(const UpdatePack&) = delete;
+    UpdatePack& operator=(const UpdatePack&) = delete;
+
+    // Runs the task (worker): evaluates once more, then fetches and installs. Ends in finished()
+    // in every case but "up to date" and "invalid", which only tell the listeners.
+    virtual void start();
+
+    // Sets `state` and `error` from the record in the configuration, the policy, the network,
+    // the disabled periods and what is installed.
+    void evaluate();
+    // Calls `listener` with `error` once the task ends; at once (on this thread) when `error` is
+    // already set or the task has ended.
+    void addListener(Listener listener);
+
+    double score() const { return score_; }
+    const std::string& name() const { return name_; }
+    const std::string& requestedName() const { return requestedName_; }
+    int trigger() const { return trigger_; }
+    bool concurrent() const { return concurrent_; }
+    const std::string& parentId() const { return parentId_; }
+    void setParentId(std::string parentId) { parentId_ = std::move(parentId); }
+    uint32_t requestPriority() const { return requestPriority_; }
+    void setRequestPriority(uint32_t priority) { requestPriority_ = priority; }
+    const UpdatePolicy& policy() const { return *policy_; }
+    const std::string& runId() const { return runId_; }
+    uint64_t oldSeq() const { return oldSeq_; }
+    const PackPtr& pack() const { return pack_; }
+    UpdateState state() const { return state_; }
+    bool runnable() const { return runnable_; }
+    const Error& error() const { return error_; }
+    const std::string& url() const { return url_; }
+    const Folder& tempFolder() const { return tempFolder_; }
+    const Folder& zipFile() const { return zipFile_; }
+    bool persistOld() const { return persistOld_; }
+    bool isPacks() const { return isPacks_; }
+    uint64_t installedSize() const { return installedSize_; }
+    // Whether this run fetched the incremental zip.
+    bool incremental() const { return incremental_; }
+    const StagedRecord& perf() const { return perf_; }
+
+    // The pack's queue score: (1 + 0.2 p) s + 0.1 p with p the priority and s the access score,
+    // plus kStartupPriorityScore from priority 9 on.
+    static double packScore(const Pack& pack);
+    // The access score that tells whether the installed version of `pack` is hot.
+    static bool isHot(const Pack& pack);
+
+    // The stretch of disabled periods: a uniform whole number from 0 to `maxInclusive`. Null
+    // restores the default, a generator seeded at random. Tests install a fixed seed.
+    using RandomSource = std::function<uint64_t(uint64_t maxInclusive)>;
+    static void setRandomSource(RandomSource source);
+    // Task objects waiting in the free list.
+    static size_t spareCount();
+
+  private:
+    // The record of `name` (after resolving), or null; the private clone when one was made.
+    void resolve(const MarlLogger::json::JSON& info);
+    void resolveSeq(uint64_t seq);
+    // The score and "packType" of a runnable task.
+    void rate(const char* suffix, double bonus);
+    // Network status and disabled periods; false with `error_` set when the task may not go on.
+    bool networkAllows(const Pack& pack);
+    bool capacityAllows();
+    // Stages of the run, each ending in the next or in finished().
+    void requestConfig();
+    void onConfig(std::string body, Error error);
+    void requestResource();
+    void onZip(uint64_t expectedSize, Error error);
+    void install();
+    void installRaw();
+    // The configuration transaction that publishes the new version; the new document.
+    FConfigPtr persist();
+    // Makes the published swap durable, deletes what the run leaves behind, reports, and tells
+    // the listeners.
+    void finished();
+    void fail(Error error);
+    // Ends the run with 1003 unless the answer to `stage` came within kAnswerDeadlineMs.
+    void watchAnswer(int stage);
+    void tellListeners();
+    // The folder that the new version is written to: "apps/<root>/<seq>/" for an app, the
+    // packed store's "<root>/<seq>/" for the rest.
+    Folder newVersionFolder() const;
+
+    double score_ = 0;
+    std::string name_;
+    std::string requestedName_;
+    int trigger_ = 0;
+    bool concurrent_ = false;
+    std::string parentId_;
+    uint32_t requestPriority_ = kDefaultRequestPriority;
+    const UpdatePolicy* policy_;
+    StagedRecord perf_;
+    std::string runId_;
+    uint64_t oldSeq_ = 0;
+    // A fixed-sequence copy of an app compares its installed sequence with this.
+    std::optional<uint64_t> fixedSeq_;
+    PackPtr pack_;
+    UpdateState state_ = UpdateState::Invalid;
+    bool runnable_ = false;
+    Error error_;
+    // Everything to delete when the run ends, in the order it was added; no duplicates.
+    std::vector<Folder> tempPaths_;
+    Folder tempFolder_;
+    Folder zipFile_;
+    std::string url_;
+    bool persistOld_ = false;
+    bool isPacks_ = false;
+    uint64_t installedSize_ = 0;
+    bool incremental_ = false;
+    uint32_t payloadKind_ = 0;
+    // What the run waits for; an answer for another stage (a proxy that answers twice) is dropped.
+    enum class Awaiting { Nothing, Config, Zip };
+    Awaiting awaiting_ = Awaiting::Nothing;
+    // Numbers the requests of the run, so that a deadline ends only the request it watches.
+    int request_ = 0;
+    // The task that ends the run when the answer does not come; 0 when none waits.
+    uint64_t deadline_ = 0;
+    // The replaced version's folder, deleted kRetiredFolderDelayMs after the swap.
+    std::optional<Folder> retiredFolder_;
+    // Set by persist(): the document that holds the new version.
+    FConfigPtr published_;
+    // The new version is published; a run can end without an error and without this (a network
+    // status that the host should not send).
+    bool installed_ = false;
+
+    RecursiveMutex listenersMutex_;
+    std::vector<Listener> listeners_ GUARDED_BY(listenersMutex_);
+    // Set once the task has ended, so that a late listener is called at once.
+    bool ended_ GUARDED_BY(listenersMutex_) = false;
+};
+
+using UpdatePackPtr = std::shared_ptr<UpdatePack>;
+
+}  // namespace FerritCore
