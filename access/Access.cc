@@ -7,6 +7,7 @@
 #include "base/Errors.h"
 #include "base/Http.h"
 #include "base/LogTags.h"
+#include "base/Recycled.h"
 #include "base/Telemetry.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
@@ -50,7 +51,7 @@ class MatchLog {
         MarlLogger::LogBuilder log(level, resource_.logTag);
         if (!log.active()) return;
         log.event("match", request_.parentId)
-            .id(resource_.context->traceId)
+            .id(resource_.context->traceId())
             .append("url", request_.url)
             .append("referrer", request_.referrer)
             .append("accept", resource_.context->accept());
@@ -69,7 +70,7 @@ class MatchLog {
         MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource_.logTag);
         if (!log.active()) return;
         log.event("match", request_.parentId)
-            .id(resource_.context->traceId)
+            .id(resource_.context->traceId())
             .append("url", request_.url)
             .append("referrer", request_.referrer)
             .append("accept", resource_.context->accept());
@@ -91,19 +92,27 @@ class MatchLog {
 }  // namespace
 
 std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int policy) {
-    auto context = std::make_shared<RequestContext>(request, kTriggerVisit);
-    auto resource = std::make_shared<Resource>(context, request.parentId, request.isUniApp());
+    auto context = makeRecycled<RequestContext>(request, kTriggerVisit);
+    auto resource = makeRecycled<Resource>(context, request.parentId, request.isUniApp());
     MatchLog log(*resource, request, policy);
+    // The request may go once the match is made.
+    struct Detach {
+        RequestContext& context;
+        ~Detach() { context.detach(); }
+    } detach{*context};
 
-    std::string keyUrl = Url::key(context->url);
-    std::string keyReferrer = Url::key(request.referrer);
+    // The URL's key becomes the part's URL; the referrer's is only looked up, in a buffer that
+    // the thread keeps.
+    std::string keyUrl = Url::key(context->url());
+    thread_local std::string keyReferrer;
+    Url::keyInto(request.referrer, keyReferrer);
     const std::string& accept = context->accept();
 
     // Referrer and exact URL.
     int kind = kMatchNone;
     std::shared_ptr<PackPart> part;
     if (std::shared_ptr<PackMatch> found = findByUrl(keyUrl, keyReferrer, &kind)) {
-        part = std::make_shared<PackPart>(context, keyUrl, std::move(found));
+        part = makeRecycled<PackPart>(context, keyUrl, std::move(found));
         if (!part->error || !part->isMissing()) {
             // Served, or the pack knows the URL but cannot serve it: either way this is the answer.
             resource->addPart(part, kind);
@@ -115,7 +124,8 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
 
     // Prefix, unless the referrer stage built an SCache claim.
     if (!part || kind == kMatchNone) {
-        part = std::make_shared<PackPart>(context, keyUrl, findByPrefix(keyUrl, accept));
+        std::shared_ptr<PackMatch> found = findByPrefix(keyUrl, accept);
+        part = makeRecycled<PackPart>(context, std::move(keyUrl), std::move(found));
         if (!part->error) {
             resource->addPart(part, kind);
             log.finish("prefix", *part, false);

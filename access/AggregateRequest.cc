@@ -28,7 +28,9 @@ MarlLogger::json::JSON headerJSON(const HeaderMap& header) {
 }  // namespace
 
 AggregateRequest::AggregateRequest(const ComboRule& rule, std::string parentId)
-    : rule_(rule), parentId_(std::move(parentId)), crc_(static_cast<uint32_t>(::crc32(0L, Z_NULL, 0))) {}
+    : rule_(rule),
+      parentId_(std::move(parentId)),
+      crc_(static_cast<uint32_t>(::crc32(0L, Z_NULL, 0))) {}
 
 bool AggregateRequest::add(std::string url) {
     crc_ = static_cast<uint32_t>(
@@ -81,7 +83,7 @@ void AggregateRequest::send(std::string_view origin, Callback callback) {
     Network::requestResource(
         url_, parentId_, HeaderMap(), false,
         [url = url_, count = urls_.size(), callback = std::move(callback)](ProxyResponse response,
-                                                                          Error error) {
+                                                                           Error error) {
             if (error) {
                 callback(HeaderMap(), {}, std::move(error));
                 return;

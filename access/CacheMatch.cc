@@ -123,8 +123,9 @@ const char* matchCacheStages(Resource& resource, const ResourceRequest& request,
 
     if (context.comboRule != nullptr && settings.moduleCacheEnabledValue() &&
         ModuleCache::instance().contains(bareUrl)) {
-        resource.addPart(std::make_shared<ModuleCacheResource>(resource.context, std::string(bareUrl)),
-                         kMatchNone);
+        resource.addPart(
+            std::make_shared<ModuleCacheResource>(resource.context, std::string(bareUrl)),
+            kMatchNone);
         resource.makeGroup();
         return "ModuleCache";
     }

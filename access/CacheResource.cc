@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
-#include "base/Environment.h"
 #include "base/Digest.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Http.h"
 #include "base/Telemetry.h"
@@ -27,7 +27,8 @@ std::vector<std::string> varyNames(std::string_view vary) {
     while (!vary.empty()) {
         const size_t comma = vary.find(',');
         std::string_view name = vary.substr(0, comma);
-        while (!name.empty() && (name.front() == ' ' || name.front() == '\t')) name.remove_prefix(1);
+        while (!name.empty() && (name.front() == ' ' || name.front() == '\t'))
+            name.remove_prefix(1);
         while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
         if (!name.empty()) names.emplace_back(name);
         if (comma == std::string_view::npos) break;
@@ -70,7 +71,11 @@ std::string md5HexOf(std::string_view contentMd5) {
 
 CacheResource::CacheResource(std::shared_ptr<RequestContext> context, std::string url,
                              std::string name, std::string label)
-    : ResourcePart(std::move(context), std::move(url), std::move(name)), label(std::move(label)) {}
+    : ResourcePart(std::move(context), std::move(url), std::move(name)), label(std::move(label)) {
+    // The part reads the request's scheme and headers after the match, when it fetches or judges
+    // a copy by "Vary": the context must keep them past the request.
+    this->context->keep();
+}
 
 std::shared_ptr<const CachedResource> CacheResource::cached() const {
     MutexLock lock(lock_);
@@ -199,7 +204,7 @@ bool CacheResource::take(const HeaderMap& header, const std::string& content, Er
     for (const std::string& name :
          varyNames(Http::headerValue(record->headers, Http::headerName(Http::kVary)))) {
         if (isKeptName(name)) continue;
-        Http::setHeader(record->headers, name, Http::headerValue(context->header, name));
+        Http::setHeader(record->headers, name, Http::headerValue(context->header(), name));
     }
     // Stored before it is published: the subclass may still adjust the record.
     storeResponse(header, *record, failure);
@@ -213,13 +218,14 @@ void CacheResource::fetch(bool revalidate, Callback callback) {
     std::shared_ptr<const CachedResource> current = cached();
     HeaderMap validators;
     if (revalidate && current && Settings::current()->cacheValidationEnabledValue()) {
-        const std::string_view etag = Http::headerValue(current->headers, Http::headerName(Http::kETag));
+        const std::string_view etag =
+            Http::headerValue(current->headers, Http::headerName(Http::kETag));
         if (!etag.empty()) {
             Http::setHeader(validators, Http::headerName(Http::kIfNoneMatch), etag);
         } else {
-            Http::setHeader(validators, Http::headerName(Http::kIfModifiedSince),
-                            Http::headerValue(current->headers,
-                                              Http::headerName(Http::kLastModified)));
+            Http::setHeader(
+                validators, Http::headerName(Http::kIfModifiedSince),
+                Http::headerValue(current->headers, Http::headerName(Http::kLastModified)));
         }
     }
     const bool allowNotModified = !validators.empty();
@@ -272,8 +278,7 @@ void CacheResource::validateLater() {
                                          return;
                                      }
                                      Error refusal;
-                                     self->take(response.header, response.content, refusal,
-                                                false);
+                                     self->take(response.header, response.content, refusal, false);
                                  });
     });
 }

@@ -129,12 +129,10 @@ PackMatch::PackMatch(std::string matchName, Error matchError)
 const std::string& PackMatch::info() {
     if (!info_.empty()) return info_;
     if (!pack) {
-        info_.reserve(name.size() + 4);
         info_.append("D:").append(name).append("@0");
     } else if (pack->subType == kSubTypeFixedUrl) {
         info_ = "H:" + pack->appName();
     } else {
-        info_.reserve(pack->name.size() + 24);
         info_.push_back(typeLetter(*pack));
         info_.push_back(':');
         info_.append(pack->name);
@@ -152,7 +150,7 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
                    std::shared_ptr<PackMatch> packMatch)
     : ResourcePart(std::move(contextPtr), std::move(partUrl), packMatch->info()),
       match(std::move(packMatch)),
-      createTime_(MRLCurrentClock()) {
+      createTime_(match->readyTime > 0 ? match->readyTime : MRLCurrentClock()) {
     const bool main = Environment::instance().isMainProcess();
     if (match->error) {
         error = match->error;
@@ -164,14 +162,12 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
     } else {
         record = match->index->find(url);
         if (record) {
-            // The index knows the folder it was read from; only an embedded one needs the pack's.
-            const Folder* folder = match->index->folder();
-            file = folder != nullptr ? folder->childOf(record->path)
-                                     : match->pack->installedFolder().childOf(record->path);
-            // A Disk file is opened here and read from that descriptor later: the check and the
-            // read cost one open, as a bare read does.
-            if (file.kind() != FolderKind::OnDemand && !opened_.open(file)) {
-                error = Errors::packFileNotFound(name, file);
+            // An on-demand file is never there before its module is loaded. A file of a folder
+            // that the index holds open is checked by opening it, and read from that open.
+            const OpenDirectory* directory = match->index->directory();
+            if (directory != nullptr) opened_ = HeldFile(directory->openFile(record->path));
+            if (!isOnDemand() && !opened_.isOpen() && !file().exists()) {
+                error = Errors::packFileNotFound(name, file());
                 postReinstall(match->pack->name);
             }
         } else {
@@ -186,10 +182,11 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
     if (!match->name.empty()) {
         const bool versioned =
             match->pinned && match->pack && match->pack->subType == kSubTypePlain;
-        firstVisit = versioned ? Statistics::addAccess(
-                                     Pack::pinnedName(match->name, match->pack->installedSeq),
-                                     &accessCount_, 1.0)
-                               : Statistics::addAccess(match->name, &accessCount_, 1.0);
+        firstVisit =
+            versioned
+                ? Statistics::addAccess(Pack::pinnedName(match->name, match->pack->installedSeq),
+                                        &accessCount_, 1.0, createTime_)
+                : Statistics::addAccess(match->name, &accessCount_, 1.0, createTime_);
     }
 }
 
@@ -216,11 +213,13 @@ bool PackPart::isOnDemand() const {
 
 HeaderMap PackPart::header() const {
     HeaderMap out;
-    if (record) out = record->header;
+    // Room for what the response adds too, so that the map's buckets are made once.
+    out.reserve((record ? record->header.size() : 0) + 6);
+    if (record) out.insert(record->header.begin(), record->header.end());
     const std::string& contentType = Http::headerName(Http::kContentType);
     if (Http::headerValue(out, contentType).empty()) {
-        const std::string_view mime =
-            Http::mimeView(url.empty() ? std::string_view(file.relative()) : std::string_view(url));
+        const std::string_view mime = Http::mimeView(
+            url.empty() ? std::string_view(file().relative()) : std::string_view(url));
         if (!mime.empty()) {
             std::string value(mime);
             if (mime.starts_with("text/")) value.append(";charset=UTF-8");
@@ -236,17 +235,46 @@ HeaderMap PackPart::header() const {
     return out;
 }
 
+const Folder& PackPart::file() const {
+    if (!file_) {
+        if (!record) {
+            file_.emplace();
+        } else if (const Folder* folder = match->index ? match->index->folder() : nullptr) {
+            file_ = folder->childOf(record->path);
+        } else {
+            // Only an index that was not read from a folder (an embedded one) needs the pack's.
+            file_ = match->pack->installedFolder().childOf(record->path);
+        }
+    }
+    return *file_;
+}
+
+bool PackPart::fileExists() const {
+    if (!record) return false;
+    const OpenDirectory* directory = match->index ? match->index->directory() : nullptr;
+    if (directory != nullptr && directory->hasFile(record->path)) return true;
+    return file().exists();
+}
+
 bool PackPart::readFile() {
-    const double start = MRLCurrentClock();
-    content = opened_.read(file, error);
-    readFileTime = MRLCurrentClock() - start;
+    const double start = readStart > 0 ? readStart : MRLCurrentClock();
+    // What the match opened is read, unless the file lost its last link since (it was removed
+    // or replaced): the file is read as it is when it is read. Any failure, that one included,
+    // reads the whole path again, which gives each failure its own error.
+    if (opened_.readAndClose(content) != 0 || content.empty()) {
+        content = Folder::readFile(file(), error);
+    } else {
+        error.clear();
+    }
+    readEnd = MRLCurrentClock();
+    readFileTime = readEnd - start;
     return !error;
 }
 
 ReadStatus PackPart::read() {
     if (error) return ReadStatus::Failed;
     if (isOnDemand()) {
-        error = Errors::readAsyncOnly(file);
+        error = Errors::readAsyncOnly(file());
         return ReadStatus::NeedAsync;
     }
     if (readFile()) return ReadStatus::Done;
@@ -274,21 +302,21 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
     if (Settings::current()->onDemandEnabledValue()) {
         MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
         if (log.active()) {
-            log.event("start", context->traceId)
+            log.event("start", context->traceId())
                 .id(readId)
                 .append("type", "OnDemandResource")
-                .append("path", file.describe());
+                .append("path", file().describe());
         }
     }
-    Folder::readFileAsync(file, [self, this, readId, start, callback = std::move(callback)](
-                                    std::string data, Error e) {
+    Folder::readFileAsync(file(), [self, this, readId, start, callback = std::move(callback)](
+                                      std::string data, Error e) {
         readFileTime = MRLCurrentClock() - start;
         {
             MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
             if (log.active()) {
-                log.event("finish", context->traceId)
+                log.event("finish", context->traceId())
                     .id(readId)
-                    .append("path", file.describe())
+                    .append("path", file().describe())
                     .append("time", readFileTime);
                 if (e) log.error(e);
             }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "access/Resource.h"
@@ -31,6 +32,9 @@ class PackMatch {
     bool pinned = false;
     PackPtr pack;
     double matchTime = 0;
+    // The clock when the lookup ended (0 for a match made without one): the time from which its
+    // part counts, so that the clock is read once at that boundary.
+    double readyTime = 0;
     ResourceIndexPtr index;
     Error error;
 
@@ -62,7 +66,12 @@ class PackPart : public ResourcePart {
     std::shared_ptr<PackMatch> match;
     bool firstVisit = false;
     std::shared_ptr<const ResourceRecord> record;
-    Folder file;
+    // The file of the record: the pack's folder joined with the record's path. Made on first use:
+    // a hit finds and reads the file relative to the folder that its index holds open.
+    const Folder& file() const;
+    // Whether the record's file is there, asked of the folder that the index holds open, and of
+    // the file's whole path when that says no (or there is no such folder).
+    bool fileExists() const;
     double readFileTime = 0;
     std::string content;
 
@@ -77,8 +86,10 @@ class PackPart : public ResourcePart {
 
     double accessCount_ = 0;
     double createTime_;
-    // The file, opened when the part was built and read once by read().
-    OpenedFile opened_;
+    mutable std::optional<Folder> file_;
+    // The file, opened by the match's check of it (relative to the folder that the index holds
+    // open) and read by read().
+    HeldFile opened_;
 };
 
 // Posts, on the main process, the task that marks a pack for reinstall.

@@ -29,7 +29,7 @@ void ReadGroup::run(Callback callback) {
     // them; otherwise each part fetches alone.
     const ComboRule* rule = context->comboRule;
     auto newBatch = [&] {
-        return rule != nullptr ? std::make_unique<AggregateRequest>(*rule, context->traceId)
+        return rule != nullptr ? std::make_unique<AggregateRequest>(*rule, context->traceId())
                                : nullptr;
     };
     std::unique_ptr<AggregateRequest> batch = newBatch();
@@ -113,7 +113,7 @@ void ReadGroup::deliver(const std::string& url, const std::vector<int32_t>& indi
     }
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kAggregateRequest);
     if (log.active()) {
-        log.event("response", context->traceId)
+        log.event("response", context->traceId())
             .append("url", url)
             .append("count", indices.size())
             .append("refused", refused)

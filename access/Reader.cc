@@ -108,7 +108,7 @@ std::string Reader::absolutePath(const std::string& path) {
 
 bool Reader::exists(const std::string& path) {
     auto part = std::make_shared<PackPart>(sharedContext(), absolutePath(path), match_);
-    const bool found = !part->error && part->file.exists();
+    const bool found = !part->error && part->fileExists();
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kReader);
     if (log.active()) {
         log.event("exists", parentId_).append("path", path).append("exists", found);

@@ -18,28 +18,43 @@ using MarlLogger::MRLLevelInfo;
 
 RequestContext::RequestContext(const ResourceRequest& request, int trigger,
                                std::string_view tracePrefix)
-    : header(request.header()),
-      traceId(MRLGenerateID(tracePrefix)),
-      trigger(trigger),
-      url(request.url) {
-    if (url.starts_with("http://") && Settings::current()->requestForceHttpsValue())
-        url.insert(4, 1, 's');
+    : trigger(trigger), request_(&request), tracePrefix_(tracePrefix) {
+    if (request.url.starts_with("http://") && Settings::Snapshot()->requestForceHttpsValue()) {
+        url_ = request.url;
+        url_.insert(4, 1, 's');
+        rewritten_ = true;
+    }
 }
 
 RequestContext::RequestContext(int trigger, std::string_view tracePrefix)
-    : traceId(MRLGenerateID(tracePrefix)), trigger(trigger) {}
+    : trigger(trigger), tracePrefix_(tracePrefix) {}
+
+void RequestContext::detach() {
+    if (request_ == nullptr) return;
+    accept();  // answered from the request while it is there
+    if (keep_) {
+        if (!rewritten_) url_ = request_->url;
+        header_ = request_->header();
+    }
+    request_ = nullptr;
+}
+
+const std::string& RequestContext::traceId() {
+    if (traceId_.empty()) traceId_ = MRLGenerateID(tracePrefix_);
+    return traceId_;
+}
 
 std::string_view RequestContext::scheme() {
-    return std::string_view(url).substr(0, Url::schemeLength(url));
+    return url().substr(0, Url::schemeLength(url()));
 }
 
 std::string_view RequestContext::origin() {
-    return Url::origin(url);
+    return Url::origin(url());
 }
 
 const std::string& RequestContext::accept() {
     if (!accept_) {
-        std::string value(Http::headerValue(header, Http::headerName(Http::kAccept)));
+        std::string value(Http::headerValue(header(), Http::headerName(Http::kAccept)));
         for (char& c : value)
             if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
         accept_ = std::move(value);
@@ -111,14 +126,19 @@ void Resource::makeGroup() {
 std::string Resource::read() {
     std::string data;
     if (error || parts.empty()) return data;
-    const double start = MRLCurrentClock();
+    // The read begins where the match ended: the clock of that boundary is read once.
+    const double start = lastTime;
     // The CRCs are only logged: they are computed only when the "read" event will be written.
     const bool logged = MarlLogger::Log::enabled(MRLLevelInfo);
     unsigned crc = 0;
     std::vector<unsigned> crcs;
+    double end = 0;
     if (parts.size() == 1) {
         ResourcePart& part = *parts.front();
-        if (part.read() != ReadStatus::Done) {
+        part.readStart = start;
+        const ReadStatus status = part.read();
+        end = part.readEnd;
+        if (status != ReadStatus::Done) {
             error = part.error;
         } else {
             // The only part's bytes become the response's: moved, not copied.
@@ -140,7 +160,7 @@ std::string Resource::read() {
         }
     }
     if (error) data.clear();
-    LogBuilder log = finishRead(start, data.size(), error);
+    LogBuilder log = finishRead(start, data.size(), error, end);
     if (log.active()) {
         if (crcs.empty()) {
             log.append("crc", crc);
@@ -151,14 +171,15 @@ std::string Resource::read() {
     return data;
 }
 
-MarlLogger::LogBuilder Resource::finishRead(double start, size_t size, const Error& readError) {
-    const double now = MRLCurrentClock();
+MarlLogger::LogBuilder Resource::finishRead(double start, size_t size, const Error& readError,
+                                            double end) {
+    const double now = end > 0 ? end : MRLCurrentClock();
     readTime = now - start;
     lastTime = now;
     LogBuilder log(MRLLevelInfo, logTag);
     if (log.active()) {
         log.event("read", parentId)
-            .id(context->traceId)
+            .id(context->traceId())
             .append("size", static_cast<uint64_t>(size));
         if (readError) log.error(readError);
     }

@@ -31,18 +31,33 @@ enum MatchKind : int {
 
 class RequestContext {
   public:
-    // Copies the request's URL and headers and takes a new trace id with `tracePrefix`. An
-    // "http://" URL becomes "https://" when the setting requestForceHttps is on.
+    // The request's URL and headers are read where they are until detach(): the request must
+    // outlive the match. An "http://" URL becomes "https://" when the setting requestForceHttps
+    // is on. The trace id takes `tracePrefix`.
     RequestContext(const ResourceRequest& request, int trigger,
                    std::string_view tracePrefix = TracePrefix::kAccess);
     // A context without a request (the shared context of the pack reader).
     RequestContext(int trigger, std::string_view tracePrefix);
 
-    HeaderMap header;
-    std::string traceId;
+    // The end of the match: the request may go. A context whose parts read its URL or headers
+    // later (keep() was asked for) holds copies; any other has answered all it was asked.
+    void detach();
+    // Asks for copies of the request's URL and headers to outlive the request (a part read later
+    // needs them); call it during the match.
+    void keep() { keep_ = true; }
+
+    // The request's URL, as the match reads it (see the constructor); empty after detach() when
+    // nothing kept it.
+    std::string_view url() const {
+        return request_ != nullptr && !rewritten_ ? request_->url : url_;
+    }
+    // The request's headers; after detach(), the copy, or none.
+    const HeaderMap& header() const { return request_ != nullptr ? request_->header() : header_; }
+    // The trace id, made on first use: a request that is never logged or reported never needs one.
+    const std::string& traceId();
+
     int trigger = 0;
     const ComboRule* comboRule = nullptr;
-    std::string url;
 
     // Computed on first use; used by one thread at a time (the matcher, then one completion).
     std::string_view scheme();
@@ -52,6 +67,13 @@ class RequestContext {
     const std::vector<Http::AcceptType>& acceptTypes();
 
   private:
+    const ResourceRequest* request_ = nullptr;  // until detach()
+    bool rewritten_ = false;                    // `url_` holds the URL made "https://"
+    std::string url_;
+    HeaderMap header_;
+    bool keep_ = false;
+    std::string_view tracePrefix_;
+    std::string traceId_;
     std::optional<std::string> accept_;
     std::optional<std::vector<Http::AcceptType>> acceptTypes_;
 };
@@ -90,6 +112,11 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
     // Generated on first use with the prefix "FT_Resource".
     const std::string& traceId();
 
+    // The clock when a synchronous read of this part began and when it ended, for a reader that
+    // times the same span (0 when unknown): each boundary's clock is read once.
+    double readStart = 0;
+    double readEnd = 0;
+
     std::string url;
     std::string name;  // the match text
     std::shared_ptr<RequestContext> context;
@@ -122,7 +149,9 @@ class Resource : public std::enable_shared_from_this<Resource> {
     void makeGroup();
     // Stamps readTime and lastTime at the end of a read and begins its "read" event with "size"
     // and the error; the caller adds its own fields and ends it.
-    MarlLogger::LogBuilder finishRead(double start, size_t size, const Error& readError);
+    // `end`, when not 0, is the clock at the end of the read, already read.
+    MarlLogger::LogBuilder finishRead(double start, size_t size, const Error& readError,
+                                      double end = 0);
 
     std::shared_ptr<RequestContext> context;
     std::string parentId;

@@ -35,10 +35,15 @@ HeaderMap responseHeader(const Resource& resource) {
     if (!resource.error && !resource.parts.empty()) {
         header = resource.parts.front()->header();
         header[Http::headerName(Http::kCacheControl)] = "no-store";
-        std::string via = "Ferrit/" FERRIT_CORE_VERSION;
+        static constexpr std::string_view kViaPrefix = "Ferrit/" FERRIT_CORE_VERSION ",";
+        std::string via;
         if (resource.parts.size() == 1) {
-            via.append(",").append(resource.parts.front()->name);
+            // Sized once: the usual answer names one part.
+            const std::string& name = resource.parts.front()->name;
+            via.reserve(kViaPrefix.size() + name.size());
+            via.append(kViaPrefix).append(name);
         } else {
+            via = kViaPrefix.substr(0, kViaPrefix.size() - 1);
             std::set<std::string_view> names;
             for (const auto& part : resource.parts) names.insert(part->name);
             for (std::string_view name : names) via.append(",").append(name);
@@ -53,7 +58,6 @@ HeaderMap responseHeader(const Resource& resource) {
     } else {
         const std::string& first =
             resource.parts.empty() ? std::string() : resource.parts.front()->name;
-        info.reserve(first.size() + 12);
         info.append(first).append(",").append(std::to_string(code));
     }
     header[std::string(Http::kFerritInfo)] = std::move(info);
@@ -118,7 +122,7 @@ void ResourceResponse::setFinished(Error finishError) {
     resource->lastTime = MRLCurrentClock();
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource->logTag);
     if (!log.active()) return;
-    log.event("finish", resource->parentId).id(resource->context->traceId);
+    log.event("finish", resource->parentId).id(resource->context->traceId());
     if (finishError) log.error(finishError);
 }
 

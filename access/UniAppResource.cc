@@ -29,7 +29,7 @@ bool UniAppResource::acceptable(const CachedResource& resource, Error& failure) 
         while (!name.empty() && name.back() == ' ') name.remove_suffix(1);
         if (!name.empty()) {
             const std::string_view kept = Http::headerValue(resource.headers, name);
-            const std::string_view asked = Http::headerValue(context->header, name);
+            const std::string_view asked = Http::headerValue(context->header(), name);
             if (kept != asked) {
                 failure = Errors::notAcceptable(url, kept, asked);
                 return false;

@@ -16,13 +16,12 @@ Environment& Environment::instance() {
 }
 
 std::string Environment::sessionName() const {
-    MutexLock lock(mutex_);
-    return sessionName_;
+    // Read by every performance record: through the per-thread snapshot, without the lock.
+    return *Published<const std::string>::Reader(sessionName_);
 }
 
 void Environment::setSessionName(std::string name) {
-    MutexLock lock(mutex_);
-    sessionName_ = std::move(name);
+    sessionName_.store(std::make_shared<const std::string>(std::move(name)));
 }
 
 std::string Environment::appKey() const {
@@ -102,7 +101,7 @@ void Environment::reset() {
     clientActive_.store(false, std::memory_order_release);
     activeSince_.store(0, std::memory_order_release);
     MutexLock lock(mutex_);
-    sessionName_.clear();
+    sessionName_.store(std::make_shared<const std::string>());
     appKey_.clear();
     appVersion_.clear();
     locale_.clear();

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "base/Published.h"
+
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -35,10 +37,12 @@ class Environment {
   public:
     static Environment& instance();
 
-    std::shared_ptr<Proxy> proxy() const { return proxy_.load(std::memory_order_acquire); }
+    std::shared_ptr<Proxy> proxy() const { return proxy_.load(); }
+    // The proxy as the calling thread reads it on the request path (see Published).
+    const Published<Proxy>& publishedProxy() const { return proxy_; }
     void setProxy(std::shared_ptr<Proxy> proxy) {
         hasProxy_.store(proxy != nullptr, std::memory_order_release);
-        proxy_.store(std::move(proxy), std::memory_order_release);
+        proxy_.store(std::move(proxy));
     }
     // Whether a proxy is set, without taking a reference to it: lets the request path skip
     // building records that would be dropped.
@@ -107,7 +111,7 @@ class Environment {
     // Back to the initial state (ProcessState::resetForTesting).
     void reset();
 
-    std::atomic<std::shared_ptr<Proxy>> proxy_;
+    Published<Proxy> proxy_{nullptr};
     std::atomic<bool> hasProxy_{false};
     std::atomic<bool> isMainProcess_{true};
     std::atomic<uint32_t> developerDisabled_{0};
@@ -120,7 +124,7 @@ class Environment {
     std::atomic<uint32_t> feature_{0};
 
     mutable Mutex mutex_;
-    std::string sessionName_ GUARDED_BY(mutex_);
+    Published<const std::string> sessionName_{std::make_shared<const std::string>()};
     std::string appKey_ GUARDED_BY(mutex_);
     std::string appVersion_ GUARDED_BY(mutex_);
     std::string locale_ GUARDED_BY(mutex_);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -243,69 +244,59 @@ int FileUtil::readFile(const std::string& path, std::string& out) {
 }
 
 int FileUtil::readWhole(const std::string& path, std::string& out) {
-    OpenFile file;
-    const int opened = openForRead(path, file);
-    if (opened != 0) return opened;
-    return readOpened(file, out);
-}
-
-int FileUtil::openForRead(const std::string& path, OpenFile& file) {
-    file = OpenFile();
     int fd = -1;
     const int opened = withRetry(path, [&](const std::string& p) {
         fd = retryOnInterrupt([&] { return ::open(p.c_str(), O_RDONLY | O_CLOEXEC); });
         return fd >= 0 ? 0 : lastError();
     });
     if (opened != 0) return opened;
+    const int result = readDescriptor(fd, out);
+    ::close(fd);
+    return result;
+}
+
+int FileUtil::readDescriptor(int fd, std::string& out, bool linkedOnly) {
     struct stat info;
-    if (::fstat(fd, &info) != 0) {
-        const int result = lastError();
-        ::close(fd);
-        return result;
-    }
-    file.fd = fd;
-    file.size = info.st_size > 0 ? static_cast<uint64_t>(info.st_size) : 0;
-    file.directory = S_ISDIR(info.st_mode);
-    return 0;
-}
-
-void FileUtil::closeOpened(OpenFile& file) {
-    if (file.fd >= 0) ::close(file.fd);
-    file.fd = -1;
-}
-
-int FileUtil::readOpened(OpenFile& file, std::string& out) {
-    if (file.fd < 0) return -1;
-    const int fd = file.fd;
-    file.fd = -1;
-    if (file.directory) {
-        ::close(fd);
-        return EISDIR;
-    }
+    if (::fstat(fd, &info) != 0) return lastError();
+    if (S_ISDIR(info.st_mode)) return EISDIR;
+    if (linkedOnly && info.st_nlink == 0) return ESTALE;
     // Installed files do not change, so the size from fstat is read in one call, and a short
     // read at end of file is success. Files that report no size are read to their end.
     const size_t before = out.size();
-    const size_t expected = static_cast<size_t>(file.size);
-    out.resize(before + (expected > 0 ? expected : 4096));
+    const size_t expected = info.st_size > 0 ? static_cast<size_t>(info.st_size) : 0;
+    if (expected > 0) {
+        // The read fills the buffer: it is not filled with zeros first.
+        int result = 0;
+        out.resize_and_overwrite(before + expected, [&](char* buffer, size_t size) {
+            size_t used = before;
+            while (used < size) {
+                const ssize_t n =
+                    retryOnInterrupt([&] { return ::read(fd, buffer + used, size - used); });
+                if (n < 0) {
+                    result = lastError();
+                    return before;
+                }
+                if (n == 0) break;
+                used += static_cast<size_t>(n);
+            }
+            return used;
+        });
+        return result;
+    }
+    out.resize(before + 4096);
     size_t used = before;
     for (;;) {
-        if (used == out.size()) {
-            // The size was read whole: one more read only when the file reported no size.
-            if (expected > 0) break;
-            out.resize(out.size() * 2);
-        }
+        if (used == out.size()) out.resize(out.size() * 2);
         const ssize_t n =
             retryOnInterrupt([&] { return ::read(fd, out.data() + used, out.size() - used); });
         if (n < 0) {
             const int result = lastError();
-            ::close(fd);
             out.resize(before);
             return result;
         }
         if (n == 0) break;
         used += static_cast<size_t>(n);
     }
-    ::close(fd);
     out.resize(used);
     return 0;
 }
@@ -408,6 +399,77 @@ FileUtil::ScopedRecoder::ScopedRecoder(std::function<std::string(const std::stri
 
 FileUtil::ScopedRecoder::~ScopedRecoder() {
     recoder() = std::move(previous_);
+}
+
+// ---- OpenDirectory ----
+
+namespace {
+std::atomic<int> heldDirectories{0};
+}  // namespace
+
+std::unique_ptr<OpenDirectory> OpenDirectory::open(const std::string& path) {
+    if (path.empty()) return nullptr;
+    // Taken before the open, so that racing openers never hold more than the limit.
+    if (heldDirectories.fetch_add(1, std::memory_order_acq_rel) >= kMaxHeld) {
+        heldDirectories.fetch_sub(1, std::memory_order_acq_rel);
+        return nullptr;
+    }
+    const int fd =
+        retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+    if (fd < 0) {
+        heldDirectories.fetch_sub(1, std::memory_order_acq_rel);
+        return nullptr;
+    }
+    return std::unique_ptr<OpenDirectory>(new OpenDirectory(fd));
+}
+
+OpenDirectory::~OpenDirectory() {
+    ::close(fd_);
+    heldDirectories.fetch_sub(1, std::memory_order_acq_rel);
+}
+
+int OpenDirectory::heldCount() {
+    return heldDirectories.load(std::memory_order_acquire);
+}
+
+bool OpenDirectory::hasFile(const std::string& relative) const {
+    struct stat info;
+    return ::fstatat(fd_, relative.c_str(), &info, 0) == 0 && !S_ISDIR(info.st_mode);
+}
+
+int OpenDirectory::openFile(const std::string& relative) const {
+    return retryOnInterrupt([&] { return ::openat(fd_, relative.c_str(), O_RDONLY | O_CLOEXEC); });
+}
+
+int OpenDirectory::readFile(const std::string& relative, std::string& out) const {
+    const int fd = openFile(relative);
+    if (fd < 0) return lastError();
+    const int result = FileUtil::readDescriptor(fd, out);
+    ::close(fd);
+    return result;
+}
+
+// ---- HeldFile ----
+
+HeldFile& HeldFile::operator=(HeldFile&& other) noexcept {
+    if (this != &other) {
+        close();
+        fd_ = other.fd_;
+        other.fd_ = -1;
+    }
+    return *this;
+}
+
+int HeldFile::readAndClose(std::string& out) {
+    if (fd_ < 0) return EBADF;
+    const int result = FileUtil::readDescriptor(fd_, out, true);
+    close();
+    return result;
+}
+
+void HeldFile::close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
 }
 
 }  // namespace FerritCore

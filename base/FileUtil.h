@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -57,21 +58,12 @@ class FileUtil {
     // readFile; a file whose size fstat does not report is read to its end. `out` is appended
     // to, and left as it was on failure.
     static int readWhole(const std::string& path, std::string& out);
-    // readWhole in two halves, for a reader that asks whether a file is there long before it
-    // reads it: the open tells both, so that the pair costs what one read does. `file` holds the
-    // descriptor (or -1), the size and whether it is a directory; the caller either passes it to
-    // readOpened or closes it.
-    struct OpenFile {
-        int fd = -1;
-        uint64_t size = 0;
-        bool directory = false;
-    };
-    static int openForRead(const std::string& path, OpenFile& file);
-    // Reads the file to its end (the size that the open found, in one call when it is known) and
-    // closes it, whatever happens; `file.fd` is -1 afterwards. A directory gives EISDIR.
-    static int readOpened(OpenFile& file, std::string& out);
-    // Closes a file that will not be read; nothing for -1.
-    static void closeOpened(OpenFile& file);
+    // Reads an open descriptor to its end after fstat: the size it reports in one call (a
+    // short read at end of file is success), or, when it reports none, until end of file. A
+    // directory gives EISDIR; with `linkedOnly`, a file that has no link left (removed or replaced
+    // since it was opened) gives ESTALE and nothing is read. The descriptor stays open. `out` is
+    // appended to, and left as it was on failure.
+    static int readDescriptor(int fd, std::string& out, bool linkedOnly = false);
     // Mode "wb+": truncates, then writes. A failed write leaves the truncated file.
     static int writeFile(const std::string& path, std::string_view data);
     // Mode "ab+".
@@ -105,6 +97,58 @@ class FileUtil {
       private:
         std::function<std::string(const std::string&)> previous_;
     };
+};
+
+// A file opened ahead of its read: asking whether a file is there and reading it then cost one
+// open, as a bare read does. Move-only; closes a file that was never read. One thread at a time.
+class HeldFile {
+  public:
+    HeldFile() = default;
+    explicit HeldFile(int fd) : fd_(fd) {}
+    ~HeldFile() { close(); }
+    HeldFile(HeldFile&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    HeldFile& operator=(HeldFile&& other) noexcept;
+    HeldFile(const HeldFile&) = delete;
+    HeldFile& operator=(const HeldFile&) = delete;
+
+    bool isOpen() const { return fd_ >= 0; }
+    // Reads the file whole and closes it (readDescriptor, linked files only: one removed or
+    // replaced since it was opened gives ESTALE, so that the caller reads the path as it is now).
+    int readAndClose(std::string& out);
+    void close();
+
+  private:
+    int fd_ = -1;
+};
+
+// A directory held open, so that the files below it are found and read relative to it: one path
+// walk from the directory rather than from the root, and the directory that was opened for as long
+// as it is held, whatever happens to its path meanwhile. Immutable once opened: any thread.
+class OpenDirectory {
+  public:
+    // How many directories the process holds open at most. Descriptors are the host's resource as
+    // much as ours; past the limit, callers name files by their whole paths.
+    static constexpr int kMaxHeld = 256;
+
+    // The directory at `path`, or null when it cannot be opened or kMaxHeld are held already.
+    static std::unique_ptr<OpenDirectory> open(const std::string& path);
+    ~OpenDirectory();
+    OpenDirectory(const OpenDirectory&) = delete;
+    OpenDirectory& operator=(const OpenDirectory&) = delete;
+
+    // Whether `relative` names something below the directory that is no directory.
+    bool hasFile(const std::string& relative) const;
+    // Opens `relative` below the directory and reads it whole (readDescriptor). 0 or an errno.
+    int readFile(const std::string& relative, std::string& out) const;
+    // Opens `relative` below the directory for reading: a descriptor, or -1 with errno set.
+    int openFile(const std::string& relative) const;
+
+    // Directories held open by the process now.
+    static int heldCount();
+
+  private:
+    explicit OpenDirectory(int fd) : fd_(fd) {}
+    const int fd_;
 };
 
 }  // namespace FerritCore

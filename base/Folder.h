@@ -123,32 +123,6 @@ class Folder {
     std::string absolute_;
 };
 
-// A Disk file opened ahead of its read, so that asking whether it is there and reading it cost
-// one open, as a bare read does: what the read of a pack file uses between its match and its
-// read. Move-only; closes a file that was never read. Belongs to one thread at a time.
-class OpenedFile {
-  public:
-    OpenedFile() = default;
-    ~OpenedFile();
-    OpenedFile(OpenedFile&& other) noexcept;
-    OpenedFile& operator=(OpenedFile&& other) noexcept;
-    OpenedFile(const OpenedFile&) = delete;
-    OpenedFile& operator=(const OpenedFile&) = delete;
-
-    // Opens a Disk file and answers Folder::exists() for it: true when it opened and is no
-    // directory. When the open failed for another reason than absence (no descriptor left, no
-    // permission), the answer is stat's, as exists() gives it, and nothing stays open. Any other
-    // kind is only asked exists().
-    bool open(const Folder& file);
-    bool isOpen() const { return file_.fd >= 0; }
-    // Folder::readFile of `file`, with the same results and errors, from the opened file when
-    // there is one (it is closed then).
-    std::string read(const Folder& file, Error& error);
-
-  private:
-    FileUtil::OpenFile file_;
-};
-
 }  // namespace FerritCore
 
 template <>

@@ -252,44 +252,6 @@ std::string Folder::readFile(const Folder& file, Error& error) {
     return noEmptyFile(file, std::move(content), error);
 }
 
-bool OpenedFile::open(const Folder& file) {
-    FileUtil::closeOpened(file_);
-    if (file.kind() != FolderKind::Disk) return file.exists();
-    const int result = FileUtil::openForRead(file.absolute(), file_);
-    if (result == ENOENT || result == ENOTDIR) return false;
-    if (result != 0) return file.exists();
-    // A file named as a directory, or a directory named as a file, is not there.
-    if (file_.directory != file.isDirectory()) {
-        FileUtil::closeOpened(file_);
-        return false;
-    }
-    return true;
-}
-
-std::string OpenedFile::read(const Folder& file, Error& error) {
-    if (!isOpen()) return Folder::readFile(file, error);
-    std::string content;
-    const int result = FileUtil::readOpened(file_, content);
-    return diskResult(file, result, std::move(content), error);
-}
-
-OpenedFile::~OpenedFile() {
-    FileUtil::closeOpened(file_);
-}
-
-OpenedFile::OpenedFile(OpenedFile&& other) noexcept : file_(other.file_) {
-    other.file_.fd = -1;
-}
-
-OpenedFile& OpenedFile::operator=(OpenedFile&& other) noexcept {
-    if (this != &other) {
-        FileUtil::closeOpened(file_);
-        file_ = other.file_;
-        other.file_.fd = -1;
-    }
-    return *this;
-}
-
 void Folder::readFileAsync(const Folder& file, std::function<void(std::string, Error)> callback) {
     if (!callback) return;
     if (file.kind() != FolderKind::OnDemand) {

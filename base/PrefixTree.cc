@@ -13,6 +13,20 @@ PrefixNode* PrefixNode::child(char c) const {
 }
 
 void PrefixTree::add(std::string_view prefix, PrefixValue value) {
+    nodeFor(prefix)->values.push_back(std::move(value));
+    ++size_;
+}
+
+PrefixValue& PrefixTree::value(std::string_view prefix) {
+    PrefixNode* node = nodeFor(prefix);
+    if (node->values.empty()) {
+        node->values.emplace_back();
+        ++size_;
+    }
+    return node->values.front();
+}
+
+PrefixNode* PrefixTree::nodeFor(std::string_view prefix) {
     PrefixNode* node = root_.get();
     size_t pos = 0;
     while (pos < prefix.size()) {
@@ -51,8 +65,7 @@ void PrefixTree::add(std::string_view prefix, PrefixValue value) {
         node = next;
         pos += 1 + common;
     }
-    node->values.push_back(std::make_unique<PrefixValue>(std::move(value)));
-    ++size_;
+    return node;
 }
 
 std::string_view PrefixTree::lookup(std::string_view url, std::string_view accept) const {
@@ -86,17 +99,17 @@ std::string_view PrefixTree::lookup(std::string_view url, std::string_view accep
     std::optional<std::vector<Http::AcceptType>> acceptTypes;
     while (count > 0) {
         const PrefixNode* candidate = candidates[--count];
-        for (const auto& value : candidate->values) {
-            if (value->acceptPacks.empty()) {
-                if (!value->packName.empty()) return value->packName;
+        for (const PrefixValue& value : candidate->values) {
+            if (value.acceptPacks.empty()) {
+                if (!value.packName.empty()) return value.packName;
                 continue;
             }
             if (!acceptTypes) acceptTypes = Http::parseAccept(accept);
             for (const auto& type : *acceptTypes) {
-                auto hit = value->acceptPacks.find(std::string(type.type));
-                if (hit != value->acceptPacks.end()) return hit->second;
+                auto hit = value.acceptPacks.find(std::string(type.type));
+                if (hit != value.acceptPacks.end()) return hit->second;
             }
-            if (!value->packName.empty()) return value->packName;
+            if (!value.packName.empty()) return value.packName;
         }
     }
     return {};

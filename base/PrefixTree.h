@@ -21,7 +21,7 @@ struct PrefixNode {
     // The first character of each child's edge, and the child. Few per node, so a flat vector
     // searched linearly beats a hash map here.
     std::vector<std::pair<char, std::unique_ptr<PrefixNode>>> children;
-    std::vector<std::unique_ptr<PrefixValue>> values;  // none: a pure branch
+    std::vector<PrefixValue> values;  // none: a pure branch
 
     PrefixNode* child(char c) const;
 };
@@ -34,6 +34,9 @@ class PrefixTree {
 
     // Adds a value under `prefix` (already in "//" form). Values of one prefix keep their order.
     void add(std::string_view prefix, PrefixValue value);
+    // The first value under `prefix`, added empty when there is none, for a builder that fills a
+    // prefix's value from several sources. Valid until the tree next changes.
+    PrefixValue& value(std::string_view prefix);
     // The pack that serves `url`: the longest prefix wins; within a prefix the accept types decide,
     // by quality; a prefix that neither a type nor a default answers gives way to a shorter one.
     // A prefix matches only at a "/" boundary or as the whole URL. Empty when nothing matches.
@@ -44,6 +47,9 @@ class PrefixTree {
     size_t size() const { return size_; }
 
   private:
+    // The node that ends `prefix`, made (and edges split) as needed.
+    PrefixNode* nodeFor(std::string_view prefix);
+
     std::unique_ptr<PrefixNode> root_;
     size_t size_ = 0;
 };

@@ -54,7 +54,10 @@ bool verifySignature(const std::string& md5Hex, const std::string& signature) {
 }
 
 void sendEvent(const PerfRecord& record) {
-    callIfAny(proxy(), &Proxy::sendEvent, record);
+    // Every request that the host sees sends records: the proxy is read through the thread's
+    // snapshot, which writes nothing that other threads read.
+    const Published<Proxy>::Reader held(Environment::instance().publishedProxy());
+    if (held) held->sendEvent(record);
 }
 
 bool hasProxy() {

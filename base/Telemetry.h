@@ -32,24 +32,46 @@ enum UpdateTrigger : int {
 };
 
 // The few named values of a record, in insertion order, each key once. Records are built on every
-// request that a proxy will see, so a flat vector (one allocation, no per-entry node) serves them
-// better than a node-based hash map.
-template <typename V>
+// request that a proxy will see: the first `Inline` entries live in the record itself (no
+// allocation, no per-entry node); a record with more moves them all to a vector.
+template <typename V, size_t Inline>
 class RecordFields {
   public:
-    explicit RecordFields(size_t capacity) { entries_.reserve(capacity); }
-    void set(const std::string& key, V value) {
-        for (auto& entry : entries_) {
+    using Entry = std::pair<std::string, V>;
+
+    RecordFields() = default;
+    RecordFields(const RecordFields& other) { *this = other; }
+    RecordFields& operator=(const RecordFields& other) {
+        if (this == &other) return *this;
+        count_ = 0;
+        spilled_.clear();
+        for (const Entry& entry : other) set(entry.first, entry.second);
+        return *this;
+    }
+
+    void set(std::string_view key, V value) {
+        for (Entry& entry : *this) {
             if (entry.first == key) {
                 entry.second = std::move(value);
                 return;
             }
         }
-        entries_.emplace_back(key, std::move(value));
+        if (spilled_.empty() && count_ < Inline) {
+            inline_[count_].first.assign(key);
+            inline_[count_].second = std::move(value);
+            ++count_;
+            return;
+        }
+        if (spilled_.empty()) {
+            spilled_.reserve(2 * Inline);
+            for (size_t i = 0; i < count_; ++i) spilled_.push_back(std::move(inline_[i]));
+            count_ = 0;
+        }
+        spilled_.emplace_back(std::string(key), std::move(value));
     }
     // Null when absent.
     const V* find(std::string_view key) const {
-        for (const auto& entry : entries_)
+        for (const Entry& entry : *this)
             if (entry.first == key) return &entry.second;
         return nullptr;
     }
@@ -60,15 +82,17 @@ class RecordFields {
         const V* value = find(key);
         return value ? *value : absent;
     }
-    size_t size() const { return entries_.size(); }
-    auto begin() const { return entries_.begin(); }
-    auto end() const { return entries_.end(); }
-    operator std::unordered_map<std::string, V>() const {
-        return {entries_.begin(), entries_.end()};
-    }
+    size_t size() const { return spilled_.empty() ? count_ : spilled_.size(); }
+    const Entry* begin() const { return spilled_.empty() ? inline_ : spilled_.data(); }
+    const Entry* end() const { return begin() + size(); }
+    Entry* begin() { return spilled_.empty() ? inline_ : spilled_.data(); }
+    Entry* end() { return begin() + size(); }
+    operator std::unordered_map<std::string, V>() const { return {begin(), end()}; }
 
   private:
-    std::vector<std::pair<std::string, V>> entries_;
+    Entry inline_[Inline];
+    size_t count_ = 0;
+    std::vector<Entry> spilled_;  // all entries, once there were more than Inline
 };
 
 class PerfRecord {
@@ -78,20 +102,22 @@ class PerfRecord {
     virtual ~PerfRecord() = default;
 
     const std::string& name() const { return name_; }
-    const RecordFields<std::string>& dimensions() const { return dimensions_; }
-    const RecordFields<double>& measures() const { return measures_; }
+    using Dimensions = RecordFields<std::string, 10>;
+    using Measures = RecordFields<double, 8>;
+    const Dimensions& dimensions() const { return dimensions_; }
+    const Measures& measures() const { return measures_; }
 
-    void setDimension(const std::string& key, std::string value) {
+    void setDimension(std::string_view key, std::string value) {
         dimensions_.set(key, std::move(value));
     }
-    void setMeasure(const std::string& key, double value) { measures_.set(key, value); }
+    void setMeasure(std::string_view key, double value) { measures_.set(key, value); }
     // "errorCode" (the number as text) and "errorMsg".
     void setError(const Error& error);
 
   private:
     std::string name_;
-    RecordFields<std::string> dimensions_{8};
-    RecordFields<double> measures_{16};
+    Dimensions dimensions_;
+    Measures measures_;
 };
 
 // A record measured in stages: each mark stores the time since the previous mark (or since

@@ -53,11 +53,36 @@ void BM_ParseAndMerge(benchmark::State& state) {
     for (auto _ : state) {
         auto parsed = FConfig::parse(text, "bench", error, false);
         FConfig copy = SCache::current()->copyForChange();
-        copy.merge(*parsed);
+        copy.merge(std::move(*parsed));
         copy.rebuildIndexes(SCache::current().get());
         benchmark::DoNotOptimize(copy.packs.size());
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+    state.SetLabel("vs:BM_RapidJsonParseFloor");
+}
+
+void BM_ParseOnly(benchmark::State& state) {
+    MarlLogger::Log::setLevel(1);
+    Error error;
+    const std::string text = document(static_cast<int>(state.range(0)), 1);
+    for (auto _ : state) {
+        auto parsed = FConfig::parse(text, "bench", error, false);
+        benchmark::DoNotOptimize(parsed->packs.size());
+    }
+    state.SetLabel("vs:BM_RapidJsonParseFloor");
+}
+
+void BM_MergeOnly(benchmark::State& state) {
+    MarlLogger::Log::setLevel(1);
+    const int packs = static_cast<int>(state.range(0));
+    Error error;
+    SCache::publish(FConfig::parse(document(packs, 0), "base", error, false));
+    auto parsed = FConfig::parse(document(packs, 1), "bench", error, false);
+    for (auto _ : state) {
+        FConfig copy = SCache::current()->copyForChange();
+        copy.merge(*parsed);
+        benchmark::DoNotOptimize(copy.packs.size());
+    }
     state.SetLabel("vs:BM_RapidJsonParseFloor");
 }
 
@@ -91,6 +116,8 @@ void BM_MapCopyFloor(benchmark::State& state) {
 
 BENCHMARK(BM_RapidJsonParseFloor)->Arg(5000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ParseAndMerge)->Arg(5000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ParseOnly)->Arg(5000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MergeOnly)->Arg(5000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MapCopyFloor)->Arg(500)->Arg(5000)->Arg(50000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_MutateOneRecord)
     ->Arg(500)

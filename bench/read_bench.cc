@@ -154,6 +154,44 @@ void BM_GetResourceNoProxy(benchmark::State& state) {
     Environment::instance().setProxy(proxy);
 }
 
+// The floor of the threaded runs: bare reads of the same files, each thread its own.
+void BM_ReadFloorThreads(benchmark::State& state) {
+    const std::vector<std::string>& paths = world().paths[1];
+    const size_t share = paths.size() / static_cast<size_t>(state.threads());
+    size_t i = static_cast<size_t>(state.thread_index()) * share;
+    for (auto _ : state) {
+        const std::string& path = paths[i++ % paths.size()];
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat info;
+        ::fstat(fd, &info);
+        std::string content(static_cast<size_t>(info.st_size), '\0');
+        const ssize_t n = ::read(fd, content.data(), content.size());
+        ::close(fd);
+        if (n != info.st_size) state.SkipWithError("short read");
+        benchmark::DoNotOptimize(content);
+    }
+    state.counters["rate"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    if (state.threads() > 1) state.SetLabel("scale:BM_ReadFloorThreads/real_time/threads:1");
+}
+
+// Threads of the host read different resources at once: each thread its own files of 16 KiB. The
+// counter "rate" is the requests per second of all threads together.
+void BM_GetResourceThreads(benchmark::State& state) {
+    MarlLogger::Log::setLevel(2);
+    const std::vector<ResourceRequest>& requests = world().requests[1];
+    const size_t share = requests.size() / static_cast<size_t>(state.threads());
+    size_t i = static_cast<size_t>(state.thread_index()) * share;
+    for (auto _ : state) {
+        auto response = Access::getResource(requests[i++ % requests.size()]);
+        if (response->error) state.SkipWithError(response->error.message().c_str());
+        benchmark::DoNotOptimize(response->data.data());
+    }
+    state.counters["rate"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    if (state.threads() > 1) state.SetLabel("scale:BM_GetResourceThreads/real_time/threads:1");
+}
+
 }  // namespace
 
 static const bool registered = [] {
@@ -162,6 +200,14 @@ static const bool registered = [] {
         benchmark::RegisterBenchmark("BM_GetResource", BM_GetResource)->Arg(kib);
         benchmark::RegisterBenchmark("BM_GetResourceNoProxy", BM_GetResourceNoProxy)->Arg(kib);
     }
+    benchmark::RegisterBenchmark("BM_ReadFloorThreads", BM_ReadFloorThreads)
+        ->Threads(1)
+        ->Threads(2)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark("BM_GetResourceThreads", BM_GetResourceThreads)
+        ->Threads(1)
+        ->Threads(2)
+        ->UseRealTime();
     return true;
 }();
 

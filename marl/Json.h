@@ -17,6 +17,7 @@ namespace MarlLogger::json {
 enum class Type { Null, Bool, Int, UInt, Double, String, Array, Object };
 
 class JSON;
+class JSONEvents;
 
 // An object keeps its members in insertion order; lookups are linear, which is what the small
 // objects of logs and records want. Duplicate keys from parsing (or from the list constructors)
@@ -78,6 +79,11 @@ class JSON {
     // Parses JSON text. On failure returns null and, when `error` is given, fills it with the
     // parser's words and the offset. Nesting deeper than kMaxDepth fails instead of recursing.
     static JSON parse(std::string_view text, std::string* error = nullptr);
+    // Parses JSON text without building values: `events` receives each token in order, with the
+    // same checks and number conversion as parse(). Stops when a handler returns false. False
+    // on any failure, with `error` filled as parse() fills it; tokens already delivered stand.
+    static bool parseEvents(std::string_view text, JSONEvents& events,
+                            std::string* error = nullptr);
     // Decodes the binary form. On failure returns null and fills `error`; never crashes.
     // Also reads float32 and bin 8/16/32 (as strings); map keys must be strings; trailing bytes
     // are an error.
@@ -161,6 +167,22 @@ inline size_t JSONObject::size() const {
 inline bool JSONObject::empty() const {
     return members_.empty();
 }
+
+// Receives the tokens of JSON text from JSON::parseEvents, on the parsing thread. A handler
+// that returns false stops the parse, which then fails.
+class JSONEvents {
+  public:
+    virtual ~JSONEvents() = default;
+    virtual bool startObject() = 0;
+    virtual bool key(std::string_view key) = 0;
+    virtual bool endObject() = 0;
+    virtual bool startArray() = 0;
+    virtual bool endArray() = 0;
+    // Null, a bool or a number, as parse() would hold it.
+    virtual bool scalar(const JSON& value) = 0;
+    // A string, unescaped; the view lasts for the call only.
+    virtual bool string(std::string_view value) = 0;
+};
 
 // Streaming writer of compact JSON text. A call that would make the text invalid (a key outside
 // an object or where a value is due, a value where a key is due, a second root, an unmatched

@@ -30,35 +30,50 @@ void writeDouble(TextWriter& writer, double d) {
     }
 }
 
+enum class Failure { None, TooDeep, TooBig };
+
+// The parser has checked the grammar of a number; it arrives as text and is held as an Int or
+// UInt when it is an integer that fits, else as a correctly rounded double. False when it is too
+// big for a double.
+bool readNumber(const char* s, rj::SizeType length, JSON& out) {
+    const std::string_view text(s, length);
+    const char* end = s + length;
+    if (text.find_first_of(".eE") == std::string_view::npos) {
+        if (text[0] == '-') {
+            int64_t i;
+            if (std::from_chars(s, end, i).ec == std::errc()) {
+                out = JSON(i);
+                return true;
+            }
+        } else {
+            uint64_t u;
+            if (std::from_chars(s, end, u).ec == std::errc()) {
+                out = JSON(u);
+                return true;
+            }
+        }
+    }
+    // Beyond the integer types, or a fraction or an exponent.
+    double d = 0;
+    internal::readDecimal(text, &d);
+    if (std::isinf(d)) return false;
+    out = JSON(d);
+    return true;
+}
+
 // Builds values from the parser's events on an explicit stack, so that neither the parser nor
 // the conversion recurses, and refuses to open a container beyond JSON::kMaxDepth.
 class TextBuilder : public rj::BaseReaderHandler<rj::UTF8<>, TextBuilder> {
   public:
-    enum class Failure { None, TooDeep, TooBig };
-
     bool Null() { return add(JSON()); }
     bool Bool(bool b) { return add(JSON(b)); }
-    // The parser has checked the grammar of the number; it arrives here as text.
     bool RawNumber(const char* s, rj::SizeType length, bool) {
-        const std::string_view text(s, length);
-        const char* end = s + length;
-        if (text.find_first_of(".eE") == std::string_view::npos) {
-            if (text[0] == '-') {
-                int64_t i;
-                if (std::from_chars(s, end, i).ec == std::errc()) return add(JSON(i));
-            } else {
-                uint64_t u;
-                if (std::from_chars(s, end, u).ec == std::errc()) return add(JSON(u));
-            }
-        }
-        // Beyond the integer types, or a fraction or an exponent.
-        double d = 0;
-        internal::readDecimal(text, &d);
-        if (std::isinf(d)) {
+        JSON number;
+        if (!readNumber(s, length, number)) {
             failure_ = Failure::TooBig;
             return false;
         }
-        return add(JSON(d));
+        return add(std::move(number));
     }
     bool String(const char* s, rj::SizeType length, bool) {
         return add(JSON(std::string(s, length)));
@@ -105,6 +120,97 @@ class TextBuilder : public rj::BaseReaderHandler<rj::UTF8<>, TextBuilder> {
     Failure failure_ = Failure::None;
 };
 
+// Hands the parser's events on as they come, with the depth limit and number conversion of
+// TextBuilder, so that both forms of parsing accept exactly the same texts.
+class EventRelay : public rj::BaseReaderHandler<rj::UTF8<>, EventRelay> {
+  public:
+    explicit EventRelay(JSONEvents& events) : events_(events) {}
+
+    bool Null() { return events_.scalar(JSON::null()); }
+    bool Bool(bool b) { return events_.scalar(JSON(b)); }
+    bool RawNumber(const char* s, rj::SizeType length, bool) {
+        JSON number;
+        if (!readNumber(s, length, number)) {
+            failure_ = Failure::TooBig;
+            return false;
+        }
+        return events_.scalar(number);
+    }
+    bool String(const char* s, rj::SizeType length, bool) {
+        return events_.string(std::string_view(s, length));
+    }
+    bool Key(const char* s, rj::SizeType length, bool) {
+        return events_.key(std::string_view(s, length));
+    }
+    bool StartObject() { return open() && events_.startObject(); }
+    bool EndObject(rj::SizeType) {
+        --depth_;
+        return events_.endObject();
+    }
+    bool StartArray() { return open() && events_.startArray(); }
+    bool EndArray(rj::SizeType) {
+        --depth_;
+        return events_.endArray();
+    }
+
+    Failure failure() const { return failure_; }
+
+  private:
+    bool open() {
+        if (depth_ >= JSON::kMaxDepth) {
+            failure_ = Failure::TooDeep;
+            return false;
+        }
+        ++depth_;
+        return true;
+    }
+
+    JSONEvents& events_;
+    int depth_ = 0;
+    Failure failure_ = Failure::None;
+};
+
+// Runs RapidJSON's reader over the whole text with `handler`; on failure fills `error` with the
+// parser's words (or the handler's reason) and the offset.
+template <typename Handler>
+bool readText(std::string_view text, Handler& handler, std::string* error) {
+    rj::Reader reader;
+    rj::MemoryStream stream(text.data(), text.size());
+    // Numbers are taken as text and converted here with correct rounding: that is what full
+    // precision asks for, and RapidJSON 1.1.0's own full-precision conversion misreads an
+    // all-zero mantissa with a large exponent ("0e52").
+    constexpr unsigned kFlags = rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag;
+    const rj::ParseResult result = reader.Parse<kFlags>(stream, handler);
+    if (result.IsError()) {
+        if (error) {
+            std::string words;
+            switch (handler.failure()) {
+                case Failure::TooDeep:
+                    words =
+                        "Nesting is deeper than " + std::to_string(JSON::kMaxDepth) + " levels.";
+                    break;
+                case Failure::TooBig:
+                    words = rj::GetParseError_En(rj::kParseErrorNumberTooBig);
+                    break;
+                case Failure::None:
+                    words = rj::GetParseError_En(result.Code());
+                    break;
+            }
+            *error = words + " at offset " + std::to_string(result.Offset());
+        }
+        return false;
+    }
+    // The stream reads a NUL byte as the end of the text; anything after it is still trailing.
+    if (stream.Tell() != text.size()) {
+        if (error) {
+            *error = std::string(rj::GetParseError_En(rj::kParseErrorDocumentRootNotSingular)) +
+                     " at offset " + std::to_string(stream.Tell());
+        }
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 void internal::writeValue(TextWriter& writer, const JSON& value) {
@@ -147,40 +253,13 @@ void internal::writeValue(TextWriter& writer, const JSON& value) {
 
 JSON JSON::parse(std::string_view text, std::string* error) {
     TextBuilder builder;
-    rj::Reader reader;
-    rj::MemoryStream stream(text.data(), text.size());
-    // Numbers are taken as text and converted here with correct rounding: that is what full
-    // precision asks for, and RapidJSON 1.1.0's own full-precision conversion misreads an
-    // all-zero mantissa with a large exponent ("0e52").
-    constexpr unsigned kFlags = rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag;
-    const rj::ParseResult result = reader.Parse<kFlags>(stream, builder);
-    if (result.IsError()) {
-        if (error) {
-            std::string words;
-            switch (builder.failure()) {
-                case TextBuilder::Failure::TooDeep:
-                    words = "Nesting is deeper than " + std::to_string(kMaxDepth) + " levels.";
-                    break;
-                case TextBuilder::Failure::TooBig:
-                    words = rj::GetParseError_En(rj::kParseErrorNumberTooBig);
-                    break;
-                case TextBuilder::Failure::None:
-                    words = rj::GetParseError_En(result.Code());
-                    break;
-            }
-            *error = words + " at offset " + std::to_string(result.Offset());
-        }
-        return JSON();
-    }
-    // The stream reads a NUL byte as the end of the text; anything after it is still trailing.
-    if (stream.Tell() != text.size()) {
-        if (error) {
-            *error = std::string(rj::GetParseError_En(rj::kParseErrorDocumentRootNotSingular)) +
-                     " at offset " + std::to_string(stream.Tell());
-        }
-        return JSON();
-    }
+    if (!readText(text, builder, error)) return JSON();
     return builder.takeRoot();
+}
+
+bool JSON::parseEvents(std::string_view text, JSONEvents& events, std::string* error) {
+    EventRelay relay(events);
+    return readText(text, relay, error);
 }
 
 std::string JSON::toString() const {

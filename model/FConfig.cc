@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <tuple>
 #include <vector>
 
 #include "base/Digest.h"
@@ -41,19 +40,6 @@ void logRemove(MarlLogger::MRLLevel level, const std::string& name, const char* 
         .event("remove")
         .append("name", name)
         .append("reason", reason);
-}
-
-// A record that must not be kept: say what it was, so that the server side can be fixed.
-void reportBadRecord(const std::string& name, const JSON& value) {
-    PerfRecord record("Ferrit.ConfigDiskError");
-    record.setDimension("packName", name);
-    record.setDimension("configContent", value.toString());
-    MarlLogger::LogBuilder log(MarlLogger::MRLLevelWarning, LogTag::kFConfig);
-    if (log.active()) {
-        log.event("invalidPack");
-        logRecord(record, log);
-    }
-    sendEvent(record);
 }
 
 // Whether no record's prefixes or referrers differ between two maps of records.
@@ -126,37 +112,16 @@ bool FConfig::verifySignature(std::string_view& body, const std::string& origin,
     return true;
 }
 
-bool FConfig::read(std::string_view text, std::string& reason) {
-    JSON document = JSON::parse(text, &reason);
-    if (!reason.empty()) return false;
-    if (!document.isObject()) {
-        reason = "not an object";
-        return false;
+void FConfig::reportRefused(const std::string& name, const JSON& value) {
+    PerfRecord record("Ferrit.ConfigDiskError");
+    record.setDimension("packName", name);
+    record.setDimension("configContent", value.toString());
+    MarlLogger::LogBuilder log(MarlLogger::MRLLevelWarning, LogTag::kFConfig);
+    if (log.active()) {
+        log.event("invalidPack");
+        logRecord(record, log);
     }
-    for (const auto& [key, value] : document.objectValue()) {
-        const std::string_view k = key;
-        if (k == "v")
-            version = value.stringValue();
-        else if (k == "i")
-            fullMark = value.uint32Value();
-        else if (k == "scacheVersion")
-            scacheVersion = value.stringValue();
-        else if (k == "delay")
-            delay = value.doubleValue();
-        else if (k == "env")
-            env = value.uint32Value();
-        else if (k == "clientVersion")
-            clientVersion = value.stringValue();
-        else if (k == "locale")
-            locale = value.stringValue();
-        else if (k == "lastUpdate")
-            lastUpdate = value.doubleValue();
-        else if (k == "lastFullUpdate")
-            lastFullUpdate = value.doubleValue();
-        else if (k == "packs")
-            readPacks(value, packs);
-    }
-    return true;
+    sendEvent(record);
 }
 
 void FConfig::readPacks(const JSON& object, StringMap<PackPtr>& out) {
@@ -167,7 +132,7 @@ void FConfig::readPacks(const JSON& object, StringMap<PackPtr>& out) {
         if (record.isObject() && record.size() > 0) {
             pack->readJSON(record);
             if (!pack->validate()) {
-                reportBadRecord(name, record);
+                reportRefused(name, record);
                 continue;
             }
         } else {
@@ -233,6 +198,19 @@ std::string FConfig::serialize() const {
 }
 
 void FConfig::merge(const FConfig& document) {
+    mergeFields(document);
+    for (const auto& [name, pack] : document.packs) mergePack(pack);
+}
+
+void FConfig::merge(FConfig&& document) {
+    mergeFields(document);
+    // Each record goes over with the document's reference only, so mergePack edits it in place
+    // instead of copying it.
+    for (auto& [name, pack] : document.packs) mergePack(std::move(pack));
+    document.packs.clear();
+}
+
+void FConfig::mergeFields(const FConfig& document) {
     const Environment& environment = Environment::instance();
     if (env != static_cast<uint32_t>(environment.env())) {
         // Everything installed belongs to another service environment: start again from nothing.
@@ -286,15 +264,13 @@ void FConfig::merge(const FConfig& document) {
             remove(name);
         }
     }
-
-    for (const auto& [name, pack] : document.packs) mergePack(pack);
 }
 
-void FConfig::mergePack(const PackPtr& p) {
+void FConfig::mergePack(PackPtr p) {
     const bool supported = p->status == kPackStatusDeleted ? false : p->isSupported();
     PackPtr old = find(p->name);
     if (!old) {
-        if (supported) put(p);
+        if (supported) put(std::move(p));
         return;
     }
     if (!supported) {
@@ -318,10 +294,14 @@ void FConfig::mergePack(const PackPtr& p) {
         remove(p->name);
         return;
     }
-    auto n = p->clone();
+    const bool keepPrefixes = p->prefixes.empty();
+    // A record that nobody else holds (one taken from a document being consumed) is edited in
+    // place: it was made mutable and has never been published.
+    std::shared_ptr<Pack> n =
+        p.use_count() == 1 ? std::const_pointer_cast<Pack>(std::move(p)) : p->clone();
     if (rollback) {
         // The gray version's files go; the pack downloads again at the released sequence.
-        logRemove(MarlLogger::MRLLevelInfo, p->name, "Rollback gray");
+        logRemove(MarlLogger::MRLLevelInfo, n->name, "Rollback gray");
         removed.insert(old);
     } else {
         n->installedSeq = old->installedSeq;
@@ -335,7 +315,7 @@ void FConfig::mergePack(const PackPtr& p) {
         (old->status == kPackStatusEliminated && !n->isResident()))
         n->setStatus(old->status);
     n->trigger = old->trigger;
-    if (p->prefixes.empty()) n->prefixes = old->prefixes;
+    if (keepPrefixes) n->prefixes = old->prefixes;
     put(std::move(n));
 }
 
@@ -391,10 +371,14 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
         return;
     }
     auto tables = std::make_shared<MatchTables>();
-    // (prefix key, accept type, pack name), sorted so that the result does not depend on the order
-    // of the map: the smallest name wins where two packs claim the same thing.
-    std::vector<std::tuple<std::string, std::string, std::string_view>> prefixes;
+    tables->urlIndex.reserve(packs.size());
+    // Where two packs claim the same prefix (for the same type) or the same referrer, the
+    // smallest name wins, so that the tables do not depend on the order of the map.
+    auto claim = [](std::string& holder, std::string_view name) {
+        if (holder.empty() || name < holder) holder.assign(name);
+    };
     std::string keyBuffer;
+    std::string accept;
     for (const auto& [name, pack] : packs) {
         if (pack->packType() == kPackTypeSCache && pack->subType == kSubTypeFixedSeq) continue;
         for (const auto& prefix : pack->prefixes) {
@@ -403,34 +387,21 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
             const size_t hash = prefix.find('#');
             Url::keyInto(std::string_view(prefix).substr(0, hash), keyBuffer);
             if (keyBuffer.empty()) continue;
-            std::string accept;
-            if (hash != std::string::npos) {
-                accept = prefix.substr(hash + 1);
-                for (char& c : accept)
-                    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+            PrefixValue& value = tables->prefixTree.value(keyBuffer);
+            if (hash == std::string::npos || hash + 1 == prefix.size()) {
+                claim(value.packName, name);
+                continue;
             }
-            prefixes.emplace_back(keyBuffer, std::move(accept), name);
+            accept.assign(prefix, hash + 1);
+            for (char& c : accept)
+                if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+            claim(value.acceptPacks[accept], name);
         }
         for (const auto& referrer : pack->referrers) {
             Url::keyInto(referrer, keyBuffer);
             if (keyBuffer.empty()) continue;
-            auto [it, inserted] = tables->urlIndex.emplace(keyBuffer, name);
-            if (!inserted && name < it->second) it->second = name;
+            claim(tables->urlIndex[keyBuffer], name);
         }
-    }
-    std::sort(prefixes.begin(), prefixes.end());
-    for (size_t i = 0; i < prefixes.size();) {
-        const std::string& key = std::get<0>(prefixes[i]);
-        PrefixValue value;
-        for (; i < prefixes.size() && std::get<0>(prefixes[i]) == key; ++i) {
-            const auto& [prefix, accept, name] = prefixes[i];
-            if (accept.empty()) {
-                if (value.packName.empty()) value.packName = name;
-            } else {
-                value.acceptPacks.emplace(accept, name);
-            }
-        }
-        tables->prefixTree.add(key, std::move(value));
     }
     tables_ = std::move(tables);
 }

@@ -12,23 +12,12 @@
 #include <unordered_set>
 
 #include "base/PrefixTree.h"
+#include "base/StringMap.h"
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
 #include "model/Pack.h"
 
 namespace FerritCore {
-
-// Hash and equality that accept std::string_view, so that lookups need not build a string key.
-struct StringHash {
-    using is_transparent = void;
-    size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
-};
-struct StringEqual {
-    using is_transparent = void;
-    bool operator()(std::string_view a, std::string_view b) const { return a == b; }
-};
-template <typename V>
-using StringMap = std::unordered_map<std::string, V, StringHash, StringEqual>;
 
 // The two indexes the matcher reads, derived from the records' referrers and prefixes.
 struct MatchTables {
@@ -64,8 +53,12 @@ class FConfig {
 
     // Takes in a fetched document (see the merge rules in FConfig.cc). Call on a transaction copy.
     void merge(const FConfig& document);
-    // Takes in one record: sequence, gray and rollback rules.
-    void mergePack(const PackPtr& pack);
+    // The same, taking the document's records instead of copying them; the document is left
+    // without records.
+    void merge(FConfig&& document);
+    // Takes in one record: sequence, gray and rollback rules. A record held by no one else is
+    // taken as it is and may be edited.
+    void mergePack(PackPtr pack);
 
     // The record, or null.
     PackPtr find(std::string_view name) const;
@@ -104,8 +97,14 @@ class FConfig {
     bool isFull() const { return fullMark == kFullMark; }
 
   private:
-    // Reads the document's members; false when `text` is not a JSON object.
+    // The document fields and, for a full document, the removal of records it no longer lists.
+    void mergeFields(const FConfig& document);
+    // Reads the document's members straight from the parser (FConfigReader.cc); false when
+    // `text` is not a JSON object.
     bool read(std::string_view text, std::string& reason);
+    // Reports a record that must not be kept, as the server sent it, so that the server side can
+    // be fixed.
+    static void reportRefused(const std::string& name, const MarlLogger::json::JSON& record);
 
     std::shared_ptr<const MatchTables> tables_;
 };

@@ -55,55 +55,68 @@ const char* packStatusName(uint32_t status) {
 }
 
 void Pack::readJSON(const JSON& object) {
-    // One pass over the members; the keys are few and short, so comparing them in turn is
-    // cheaper than a lookup per field.
     for (const auto& [key, value] : object.objectValue()) {
-        const std::string_view k = key;
-        if (k == "s")
-            seq = value.uint64Value();
-        else if (k == "f")
-            flags = value.uint64Value();
-        else if (k == "b")
-            baseSeq = value.uint64Value();
-        else if (k == "t")
-            publishTime = value.doubleValue();
-        else if (k == "m")
-            marker = value.uint64Value();
-        else if (k == "c")
-            md5 = value.stringValue();
-        else if (k == "ci")
-            incrMd5 = value.stringValue();
-        else if (k == "p")
-            prefixes = readStrings(value);
-        else if (k == "r")
-            referrers = readStrings(value);
-        else if (k == "g")
-            gray = value.uint64Value();
-        else if (k == "updateTime")
-            updateTime = value.doubleValue();
-        else if (k == "installedSeq")
-            installedSeq = value.uint64Value();
-        else if (k == "installedBaseSeq")
-            installedBaseSeq = value.uint64Value();
-        else if (k == "installedSize")
-            installedSize = value.uint64Value();
-        else if (k == "installTime")
-            installTime = value.doubleValue();
-        else if (k == "trigger")
-            trigger = value.uint32Value();
-        else if (k == "subType")
-            subType = value.uint32Value();
-        else if (k == "ACacheType")
-            legacySubType = value.uint32Value();
-        else if (k == "zipURL")
-            zipURL = value.stringValue();
-        else if (k == "status")
-            status = value.uint32Value();
-        else if (k == "isOnDemand")
-            isOnDemand = value.boolValue();
-        else if (k == "isPacks")
-            isPacks = value.boolValue();
+        if (std::vector<std::string>* list = listField(key)) {
+            *list = readStrings(value);
+        } else {
+            readField(key, value);
+        }
     }
+}
+
+std::vector<std::string>* Pack::listField(std::string_view key) {
+    if (key == "p") return &prefixes;
+    if (key == "r") return &referrers;
+    return nullptr;
+}
+
+std::string* Pack::textField(std::string_view key) {
+    if (key == "c") return &md5;
+    if (key == "ci") return &incrMd5;
+    if (key == "zipURL") return &zipURL;
+    return nullptr;
+}
+
+void Pack::readField(std::string_view k, const JSON& value) {
+    // The keys are few and short, so comparing them in turn is cheaper than a lookup per field.
+    if (k == "s")
+        seq = value.uint64Value();
+    else if (k == "f")
+        flags = value.uint64Value();
+    else if (k == "b")
+        baseSeq = value.uint64Value();
+    else if (k == "t")
+        publishTime = value.doubleValue();
+    else if (k == "m")
+        marker = value.uint64Value();
+    else if (k == "g")
+        gray = value.uint64Value();
+    else if (k == "updateTime")
+        updateTime = value.doubleValue();
+    else if (k == "installedSeq")
+        installedSeq = value.uint64Value();
+    else if (k == "installedBaseSeq")
+        installedBaseSeq = value.uint64Value();
+    else if (k == "installedSize")
+        installedSize = value.uint64Value();
+    else if (k == "installTime")
+        installTime = value.doubleValue();
+    else if (k == "trigger")
+        trigger = value.uint32Value();
+    else if (k == "subType")
+        subType = value.uint32Value();
+    else if (k == "ACacheType")
+        legacySubType = value.uint32Value();
+    else if (k == "status")
+        status = value.uint32Value();
+    else if (k == "isOnDemand")
+        isOnDemand = value.boolValue();
+    else if (k == "isPacks")
+        isPacks = value.boolValue();
+    else if (std::string* text = textField(k))
+        *text = value.stringValue();
+    else if (std::vector<std::string>* list = listField(k))
+        *list = readStrings(value);
 }
 
 void Pack::writeJSON(JSONStringer& out) const {

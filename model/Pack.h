@@ -81,6 +81,12 @@ struct Pack {
     // is, true 1 and false 0, "" "0" "false" 0, "1" "true" 1, other text as a decimal number).
     // Unknown keys are ignored. Does not validate.
     void readJSON(const MarlLogger::json::JSON& object);
+    // One member of a record's object, by the same rule; unknown keys are ignored.
+    void readField(std::string_view key, const MarlLogger::json::JSON& value);
+    // The field a key names when it holds text ("c", "ci", "zipURL") or a list of text ("p",
+    // "r"), for readers that fill them straight from the parser; null for other keys.
+    std::string* textField(std::string_view key);
+    std::vector<std::string>* listField(std::string_view key);
     // Writes the record's object (without its name), leaving out every key equal to its default.
     void writeJSON(MarlLogger::json::JSONStringer& out) const;
     // Checks type, gray and status; folds the legacy sub type and the "@" of fixed-sequence

@@ -1,13 +1,14 @@
 #include "model/ResourceIndex.h"
 
+#include <atomic>
 #include <mutex>
-#include <unordered_map>
 
 #include "base/Digest.h"
 #include "base/Errors.h"
 #include "base/FileUtil.h"
 #include "base/ProcessState.h"
 #include "base/Proxy.h"
+#include "base/StringMap.h"
 #include "base/Url.h"
 #include "support/Mutex.h"
 
@@ -22,7 +23,10 @@ ResourceIndex::ResourceIndex(std::string name, const Folder& folder)
     : name_(std::move(name)), hasFolder_(true), folder_(folder) {
     // The increment goes in first, so that the full list never brings back what it removed.
     if (!loadFile(folder.childOf(kIncrementIndexFileName), true)) return;
-    loadFile(folder.childOf(kIndexFileName), false);
+    if (!loadFile(folder.childOf(kIndexFileName), false)) return;
+    // Files of the pack are then found and read relative to its folder, held open for as long as
+    // the index lives.
+    if (folder.kind() == FolderKind::Disk) directory_ = OpenDirectory::open(folder.absolute());
 }
 
 ResourceIndex::ResourceIndex(std::string name, const EntryReader& zip, bool allowMissingMd5)
@@ -181,11 +185,24 @@ bool ResourceIndex::verifyFiles(const Folder& folder, Error& error) const {
 
 namespace {
 
+// What this thread found in the pool, by pack name, while the pool's generation stays the same:
+// a request finds its pack's index without taking the pool's lock. A thread lets go of indexes the
+// pool dropped at its next lookup.
+struct ThreadIndexes {
+    uint64_t generation = 0;
+    StringMap<ResourceIndexPtr> found;
+};
+thread_local ThreadIndexes threadIndexes;
+
 struct Pool {
     RecursiveMutex mutex;
-    std::unordered_map<std::string, ResourceIndexPtr> loaded GUARDED_BY(mutex);
-    std::unordered_map<std::string, ResourceIndexPtr> embedded GUARDED_BY(mutex);
+    StringMap<ResourceIndexPtr> loaded GUARDED_BY(mutex);
+    StringMap<ResourceIndexPtr> embedded GUARDED_BY(mutex);
     ResourceIndexPool::Loader loader GUARDED_BY(mutex);
+    // Moves on with every change of the maps: what a thread found before is then looked up again.
+    std::atomic<uint64_t> generation{1};
+
+    void changed() { generation.fetch_add(1, std::memory_order_acq_rel); }
 };
 
 Pool& pool() {
@@ -194,14 +211,35 @@ Pool& pool() {
         p.loaded.clear();
         p.embedded.clear();
         p.loader = nullptr;
+        p.changed();
+        threadIndexes.found.clear();  // the resetting thread's, at once
     });
     return *instance;
 }
+
+ResourceIndexPtr getLocked(Pool& p, const Pack& pack);
 
 }  // namespace
 
 ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     Pool& p = pool();
+    ThreadIndexes& mine = threadIndexes;
+    const uint64_t generation = p.generation.load(std::memory_order_acquire);
+    if (mine.generation == generation) {
+        auto it = mine.found.find(std::string_view(pack.name));
+        if (it != mine.found.end()) return it->second;
+    } else {
+        mine.found.clear();
+        mine.generation = generation;
+    }
+    ResourceIndexPtr index = getLocked(p, pack);
+    mine.found.emplace(pack.name, index);
+    return index;
+}
+
+namespace {
+
+ResourceIndexPtr getLocked(Pool& p, const Pack& pack) {
     // Held throughout, loading included, so that one index is loaded once.
     RecursiveLock lock(p.mutex);
     if (pack.packType() == kPackTypeSCache && pack.subType != kSubTypeFixedSeq &&
@@ -226,29 +264,35 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     return index;
 }
 
+}  // namespace
+
 void ResourceIndexPool::set(const std::string& name, ResourceIndexPtr index) {
     if (name.empty() || !index) return;
     Pool& p = pool();
     RecursiveLock lock(p.mutex);
     p.embedded[name] = std::move(index);
+    p.changed();
 }
 
 void ResourceIndexPool::remove(const std::string& name) {
     Pool& p = pool();
     RecursiveLock lock(p.mutex);
     p.loaded.erase(name);
+    p.changed();
 }
 
 void ResourceIndexPool::clear() {
     Pool& p = pool();
     RecursiveLock lock(p.mutex);
     p.loaded.clear();
+    p.changed();
 }
 
 void ResourceIndexPool::setLoader(Loader loader) {
     Pool& p = pool();
     RecursiveLock lock(p.mutex);
     p.loader = std::move(loader);
+    p.changed();
 }
 
 }  // namespace FerritCore

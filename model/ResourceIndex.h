@@ -9,6 +9,7 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "base/FileUtil.h"
 #include "base/Folder.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
@@ -61,6 +62,10 @@ class ResourceIndex {
     // The folder the index was read from, whose files its paths name; null for an index that
     // was not read from a pack folder (embedded, from a zip, or failed before reading).
     const Folder* folder() const { return hasFolder_ ? &folder_ : nullptr; }
+    // The pack's folder on the disk held open, through which a record's path is found and read
+    // without walking from the root; null for any other index, or when the process holds as many
+    // directories as it may (callers then use the folder's paths).
+    const OpenDirectory* directory() const { return directory_.get(); }
     // Trims one leading "/" and looks the rest up, by "//" URL form or by path. Null when absent.
     std::shared_ptr<const ResourceRecord> find(std::string_view url) const;
     // Lookup entries: each record is entered under its URL form and under its path.
@@ -85,6 +90,7 @@ class ResourceIndex {
     Error error_;
     bool hasFolder_ = false;
     Folder folder_;
+    std::unique_ptr<OpenDirectory> directory_;
     StringMap<std::shared_ptr<const ResourceRecord>> records_;
     std::unordered_set<std::string> removed_;
 };

@@ -6,6 +6,7 @@
 #include "base/Environment.h"
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
+#include "base/Published.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
 #include "support/Mutex.h"
@@ -14,7 +15,7 @@ namespace FerritCore {
 namespace {
 
 struct State {
-    std::atomic<FConfigPtr> current{std::make_shared<const FConfig>()};
+    Published<const FConfig> current{std::make_shared<const FConfig>()};
     RecursiveMutex writers;
     std::atomic<std::shared_ptr<ConfigStorage>> storage;
 };
@@ -22,7 +23,7 @@ struct State {
 State& state() {
     static State* const instance = ProcessState::create<State>([](State& s) {
         RecursiveLock lock(s.writers);
-        s.current.store(std::make_shared<const FConfig>(), std::memory_order_release);
+        s.current.store(std::make_shared<const FConfig>());
         s.storage.store(nullptr, std::memory_order_release);
     });
     return *instance;
@@ -31,20 +32,22 @@ State& state() {
 }  // namespace
 
 FConfigPtr SCache::current() {
-    return state().current.load(std::memory_order_acquire);
+    return state().current.load();
 }
+
+SCache::Snapshot::Snapshot() : Published<const FConfig>::Reader(state().current) {}
 
 FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
     State& s = state();
     RecursiveLock lock(s.writers);
-    const FConfigPtr previous = s.current.load(std::memory_order_acquire);
+    const FConfigPtr previous = s.current.load();
     auto copy = std::make_shared<FConfig>(previous->copyForChange());
     change(*copy);
     copy->rebuildIndexes(previous.get());
     FConfigPtr published = copy;
     if ((copy->dirty || !copy->removed.empty()) && Environment::instance().isMainProcess())
         TaskRunner::post([published] { commit(*published); });
-    s.current.store(published, std::memory_order_release);
+    s.current.store(published);
     return published;
 }
 
@@ -55,7 +58,7 @@ void SCache::publish(std::shared_ptr<FConfig> document) {
     document->rebuildIndexes(nullptr);
     document->dirty = false;
     document->removed.clear();
-    s.current.store(std::move(document), std::memory_order_release);
+    s.current.store(std::move(document));
 }
 
 void SCache::commit(const FConfig& document) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/Folder.h"
+#include "base/Published.h"
 #include "ferritcore/Error.h"
 #include "model/FConfig.h"
 
@@ -30,6 +31,13 @@ class SCache {
   public:
     // The present document; never null (an empty document before anything was loaded).
     static FConfigPtr current();
+    // A read of the present document that stays the same for as long as it lives, and that
+    // writes nothing that other threads read (see Published): what the request path reads
+    // through. Belongs to the thread that made it.
+    class Snapshot : public Published<const FConfig>::Reader {
+      public:
+        Snapshot();
+    };
     // Copies the current document, lets `change` edit the copy, rebuilds the indexes and swaps
     // the copy in atomically. In the main process, a change that set `dirty` or removed records
     // posts the commit to the task runner. Returns the new document. `change` must not block on

@@ -11,6 +11,7 @@
 
 #include "base/Environment.h"
 #include "base/ProcessState.h"
+#include "base/Published.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
 #include "support/Mutex.h"
@@ -261,7 +262,7 @@ uint64_t randomStretch(uint64_t maxInclusive) {
 // ---- The process's record.
 
 struct Store {
-    std::atomic<std::shared_ptr<const Settings>> current{std::make_shared<const Settings>()};
+    Published<const Settings> current{std::make_shared<const Settings>()};
     RecursiveMutex writers;
     std::function<void(const Settings&)> listener GUARDED_BY(writers);
 };
@@ -270,7 +271,7 @@ Store& store() {
     static Store* const instance = ProcessState::create<Store>([](Store& s) {
         RecursiveLock lock(s.writers);
         s.listener = nullptr;
-        s.current.store(std::make_shared<const Settings>(), std::memory_order_release);
+        s.current.store(std::make_shared<const Settings>());
     });
     return *instance;
 }
@@ -450,16 +451,18 @@ HostDefaults HostDefaults::fromJSON(const JSON& object) {
 // ---- Writers
 
 std::shared_ptr<const Settings> Settings::current() {
-    return store().current.load(std::memory_order_acquire);
+    return store().current.load();
 }
+
+Settings::Snapshot::Snapshot() : Published<const Settings>::Reader(store().current) {}
 
 void Settings::change(const std::function<void(Settings&)>& change) {
     Store& s = store();
     RecursiveLock lock(s.writers);
-    auto copy = std::make_shared<Settings>(*s.current.load(std::memory_order_acquire));
+    auto copy = std::make_shared<Settings>(*s.current.load());
     change(*copy);
     if (s.listener) s.listener(*copy);
-    s.current.store(std::move(copy), std::memory_order_release);
+    s.current.store(std::move(copy));
 }
 
 void Settings::setDefaults(const HostDefaults& defaults) {

@@ -18,6 +18,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/Published.h"
 #include "marl/Json.h"
 
 namespace FerritCore {
@@ -183,6 +184,13 @@ struct Settings {
 
     // The current snapshot; never null.
     static std::shared_ptr<const Settings> current();
+    // A read of the current snapshot that stays the same for as long as it lives, and that writes
+    // nothing that other threads read (see Published): what the request path reads through.
+    // Belongs to the thread that made it.
+    class Snapshot : public Published<const Settings>::Reader {
+      public:
+        Snapshot();
+    };
     // Copies the current record, applies `change`, hands the copy to the listener, publishes it.
     static void change(const std::function<void(Settings&)>& change);
     // Replaces the host layer: an endpoint that is empty restores the built-in one, any other gets

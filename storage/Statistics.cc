@@ -3,9 +3,9 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
 
 #include "base/ProcessState.h"
+#include "base/StringMap.h"
 #include "marl/Clock.h"
 #include "support/Mutex.h"
 
@@ -20,47 +20,91 @@ struct PackStat {
 
 struct Table {
     Mutex lock;
-    std::unordered_map<std::string, std::unique_ptr<PackStat>> entries GUARDED_BY(lock);
+    // An entry, once made, stays where it is until the table is emptied.
+    StringMap<std::unique_ptr<PackStat>> entries GUARDED_BY(lock);
+    // Moves on when entries go: what a thread found before is then looked up again.
+    std::atomic<uint64_t> generation{1};
 };
 
 Table& table() {
     static Table* const instance = ProcessState::create<Table>([](Table& t) {
         MutexLock guard(t.lock);
         t.entries.clear();
+        t.generation.fetch_add(1, std::memory_order_acq_rel);
     });
     return *instance;
+}
+
+// The entry of `name`, made when there is none. A thread remembers what it found, so that counting
+// a pack it counted before takes no lock.
+PackStat& entryOf(Table& t, const std::string& name) {
+    struct Found {
+        uint64_t generation = 0;
+        StringMap<PackStat*> entries;
+    };
+    thread_local Found mine;
+    const uint64_t generation = t.generation.load(std::memory_order_acquire);
+    if (mine.generation == generation) {
+        auto it = mine.entries.find(std::string_view(name));
+        if (it != mine.entries.end()) return *it->second;
+    } else {
+        mine.entries.clear();
+        mine.generation = generation;
+    }
+    PackStat* stat;
+    {
+        MutexLock guard(t.lock);
+        auto& entry = t.entries[name];
+        if (!entry) entry = std::make_unique<PackStat>();
+        stat = entry.get();
+    }
+    mine.entries.emplace(name, stat);
+    return *stat;
+}
+
+void addTo(std::atomic<double>& counter, double weight) {
+    double value = counter.load(std::memory_order_relaxed);
+    while (!counter.compare_exchange_weak(value, value + weight, std::memory_order_relaxed)) {
+    }
 }
 
 }  // namespace
 
 bool Statistics::addAccess(const std::string& name, double* accessCount, double weight) {
+    return addAccess(name, accessCount, weight, MRLCurrentClock());
+}
+
+bool Statistics::addAccess(const std::string& name, double* accessCount, double weight,
+                           double now) {
     Table& t = table();
-    const double now = MRLCurrentClock();
-    MutexLock guard(t.lock);
-    auto& entry = t.entries[name];
-    if (!entry) entry = std::make_unique<PackStat>();
-    const double last = entry->lastTime.load(std::memory_order_relaxed);
-    const bool first = last == 0.0;
-    if (first || now - last >= kRepeatWindowMs) {
-        entry->accessCount.store(entry->accessCount.load(std::memory_order_relaxed) + weight,
-                                 std::memory_order_relaxed);
-        entry->lastTime.store(now, std::memory_order_relaxed);
+    PackStat& stat = entryOf(t, name);
+    // The one access of the window that moves its start counts; racing accesses lose the
+    // exchange and count nothing. Inside the window nothing is written, so threads that read one
+    // pack at once share its entry's cache line without bouncing it.
+    double last = stat.lastTime.load(std::memory_order_acquire);
+    bool first = false;
+    while (last == 0.0 || now - last >= kRepeatWindowMs) {
+        if (stat.lastTime.compare_exchange_weak(last, now, std::memory_order_acq_rel)) {
+            first = last == 0.0;
+            addTo(stat.accessCount, weight);
+            break;
+        }
     }
-    if (accessCount != nullptr) *accessCount = entry->accessCount.load(std::memory_order_relaxed);
+    if (accessCount != nullptr) *accessCount = stat.accessCount.load(std::memory_order_relaxed);
     return first;
 }
 
 double Statistics::accessValue(const std::string& name) {
     Table& t = table();
     MutexLock guard(t.lock);
-    auto it = t.entries.find(name);
+    auto it = t.entries.find(std::string_view(name));
     return it == t.entries.end() ? 0.0 : it->second->accessCount.load(std::memory_order_relaxed);
 }
 
 bool Statistics::hasEntry(const std::string& name) {
     Table& t = table();
     MutexLock guard(t.lock);
-    return t.entries.count(name) != 0;
+    return t.entries.find(std::string_view(name)) != t.entries.end();
 }
 
 }  // namespace FerritCore

@@ -15,6 +15,8 @@ class Statistics {
     // counted less than kRepeatWindowMs ago. Stores the resulting count in `accessCount` when
     // given. True when this was the first counted access of the name in this process.
     static bool addAccess(const std::string& name, double* accessCount, double weight);
+    // As above at `now` (MRLCurrentClock), for a caller that has just read the clock.
+    static bool addAccess(const std::string& name, double* accessCount, double weight, double now);
     // The weighted count, 0.0 when unknown.
     static double accessValue(const std::string& name);
     static bool hasEntry(const std::string& name);

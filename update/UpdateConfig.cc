@@ -149,9 +149,10 @@ void UpdateConfig::onResponse(uint64_t run, std::string body, Error error) {
         finished("0", error);
         return;
     }
-    SCache::mutate([&](FConfig& config) { config.merge(*document); });
+    const std::string version = document->version;
+    SCache::mutate([&](FConfig& config) { config.merge(std::move(*document)); });
     lastSuccess_ = MRLCurrentClock();
-    finished(document->version, Error());
+    finished(version, Error());
 }
 
 void UpdateConfig::finished(const std::string& version, const Error& error) {

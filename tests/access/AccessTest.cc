@@ -350,9 +350,9 @@ TEST_F(AccessTest, DeveloperSwitchGives3003FromPrefixStage) {
 
 TEST_F(AccessTest, HttpUrlIsForcedToHttpsUnlessSwitchedOff) {
     ResourceRequest request("http://h.com/a.js", "");
-    EXPECT_EQ(RequestContext(request, 6).url, "https://h.com/a.js");
+    EXPECT_EQ(RequestContext(request, 6).url(), "https://h.com/a.js");
     Settings::change([](Settings& s) { s.requestForceHttps = false; });
-    EXPECT_EQ(RequestContext(request, 6).url, "http://h.com/a.js");
+    EXPECT_EQ(RequestContext(request, 6).url(), "http://h.com/a.js");
 }
 
 TEST_F(AccessTest, ProxyReceivesVisitRecords) {

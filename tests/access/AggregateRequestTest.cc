@@ -1,5 +1,5 @@
-// Aggregate requests: filling a batch, the URL it fetches, and the split of its answer; and the read
-// group that hands each part its piece.
+// Aggregate requests: filling a batch, the URL it fetches, and the split of its answer; and the
+// read group that hands each part its piece.
 #include <gtest/gtest.h>
 
 #include <zlib.h>
@@ -61,7 +61,8 @@ class AggregateRequestTest : public AccessFixture {
 
 TEST_F(AggregateRequestTest, The25thUrlFillsTheBatch) {
     AggregateRequest batch(rule(), "trace");
-    for (int i = 0; i < 24; ++i) EXPECT_FALSE(batch.add(host() + "/m/" + std::to_string(i) + ".js"));
+    for (int i = 0; i < 24; ++i)
+        EXPECT_FALSE(batch.add(host() + "/m/" + std::to_string(i) + ".js"));
     EXPECT_TRUE(batch.add(host() + "/m/24.js"));
     EXPECT_EQ(batch.size(), 25u);
 }
@@ -79,12 +80,14 @@ TEST_F(AggregateRequestTest, BatchOfSeveralEndsWithTheGuardFileOfItsCrc) {
     batch.add(a);
     batch.add(b);
     const std::string both = a + b;
-    const uLong crc = ::crc32(0L, reinterpret_cast<const Bytef*>(both.data()),
-                              static_cast<uInt>(both.size()));
+    const uLong crc =
+        ::crc32(0L, reinterpret_cast<const Bytef*>(both.data()), static_cast<uInt>(both.size()));
     EXPECT_EQ(batch.crc(), static_cast<uint32_t>(crc));
     const char letter = static_cast<char>('a' + crc % 23);
-    EXPECT_EQ(batch.requestUrl(origin()),
-              origin() + "?" "?/lib/a.js,/lib/b.js,/ferrit/s/" + std::string(1, letter) + ".js");
+    EXPECT_EQ(batch.requestUrl(origin()), origin() +
+                                              "?"
+                                              "?/lib/a.js,/lib/b.js,/ferrit/s/" +
+                                              std::string(1, letter) + ".js");
     // Built so, the URL is never split again.
     std::vector<std::string> urls;
     EXPECT_FALSE(splitCombo(batch.requestUrl(origin()), &rule(), urls));
@@ -118,12 +121,11 @@ TEST_F(AggregateRequestTest, SendRequestsTheBatchAndSplitsTheAnswer) {
     AggregateRequest batch(rule(), "FT_Access_parent");
     batch.add(host() + "/a.js");
     batch.add(host() + "/b.js");
-    proxy_->serve(batch.requestUrl(origin()),
-                  answerOf(joined({"A();", "B();", "/* guard */"}),
-                           {{"Content-Type", "application/javascript"},
-                            {"Content-MD5", "of-the-whole"},
-                            {"ETag", "\"whole\""},
-                            {"Cache-Control", "max-age=600"}}));
+    proxy_->serve(batch.requestUrl(origin()), answerOf(joined({"A();", "B();", "/* guard */"}),
+                                                       {{"Content-Type", "application/javascript"},
+                                                        {"Content-MD5", "of-the-whole"},
+                                                        {"ETag", "\"whole\""},
+                                                        {"Cache-Control", "max-age=600"}}));
     const Answer answer = sendAndWait(batch);
     EXPECT_EQ(answer.calls, 1);
     ASSERT_FALSE(answer.error) << answer.error.message();
@@ -244,18 +246,20 @@ class AggregateGroupTest : public AggregateRequestTest {
   protected:
     void SetUp() override {
         AggregateRequestTest::SetUp();
-        context_ = std::make_shared<RequestContext>(
-            ResourceRequest(origin() + "/??" + "x.js", ""), kTriggerVisit);
+        // The context reads the request where it is: the request lives as long as the test.
+        request_ = std::make_unique<ResourceRequest>(origin() + "/??" + "x.js", "");
+        context_ = std::make_shared<RequestContext>(*request_, kTriggerVisit);
         context_->comboRule = &rule();
     }
     std::shared_ptr<NetworkPart> remote(const std::string& file) {
-        auto part = std::make_shared<NetworkPart>(context_, host() + "/" + file,
-                                                  ReadStatus::NeedAggregate);
+        auto part =
+            std::make_shared<NetworkPart>(context_, host() + "/" + file, ReadStatus::NeedAggregate);
         part->error = Error(1101, "not cached");
         return part;
     }
     std::shared_ptr<NetworkPart> local(const std::string& content) {
-        return std::make_shared<NetworkPart>(context_, host() + "/local", ReadStatus::Done, content);
+        return std::make_shared<NetworkPart>(context_, host() + "/local", ReadStatus::Done,
+                                             content);
     }
     // Runs the group and returns what it delivered.
     std::pair<int, std::pair<std::string, Error>> run(
@@ -274,6 +278,7 @@ class AggregateGroupTest : public AggregateRequestTest {
         return {calls, {data, error}};
     }
 
+    std::unique_ptr<ResourceRequest> request_;
     std::shared_ptr<RequestContext> context_;
 };
 

@@ -188,13 +188,14 @@ TEST_F(CacheResourceTest, DigestThatDiffersRefusesTheBody) {
 }
 
 TEST_F(CacheResourceTest, DigestThatIsNotBase64OrNot16BytesIsADifference) {
-    for (const std::string& bad : {std::string("***not base64***"), FakeProxy::base64("fifteen bytes!!"),
-                                   FakeProxy::base64(std::string(17, 'x'))}) {
+    for (const std::string& bad :
+         {std::string("***not base64***"), FakeProxy::base64("fifteen bytes!!"),
+          FakeProxy::base64(std::string(17, 'x'))}) {
         SCOPED_TRACE(bad);
         auto part = modulePart("/m/c.js");
         ASSERT_EQ(part->read(), ReadStatus::NeedAggregate);
-        proxy_->serve(full("/m/c.js"), answerOf("C();", {{"Content-MD5", bad},
-                                                         {"Cache-Control", "max-age=60"}}));
+        proxy_->serve(full("/m/c.js"),
+                      answerOf("C();", {{"Content-MD5", bad}, {"Cache-Control", "max-age=60"}}));
         readAsync(*part);
         EXPECT_EQ(part->error.code(), 1010);
         EXPECT_EQ(contentOf(*part), "");
@@ -243,8 +244,8 @@ TEST_F(CacheResourceTest, UnvalidatedCopyIsServedAndValidatedInTheBackground) {
     // Nothing goes out on the request's path.
     EXPECT_TRUE(proxy_->requests.empty());
     EXPECT_EQ(TaskRunner::pendingCount(), 1u);
-    proxy_->serve(full("/m/u.js"),
-                  answerOf("U();", {{"Content-MD5", contentMd5("U();")}, {"Cache-Control", "max-age=60"}}));
+    proxy_->serve(full("/m/u.js"), answerOf("U();", {{"Content-MD5", contentMd5("U();")},
+                                                     {"Cache-Control", "max-age=60"}}));
     TaskRunner::runDue();
     ASSERT_EQ(proxy_->requests.size(), 1u);
     EXPECT_TRUE(Cache::instance().metaJson(bare("/m/u.js"))["v"].boolValue());
@@ -315,8 +316,8 @@ TEST_F(CacheResourceTest, UniAppCopyThatSuitsIsRead) {
 TEST_F(CacheResourceTest, UniAppCopyIsJudgedByTheRequestHeadersItVariesBy) {
     auto first = uniAppPart("/u/text", {{"Accept-Language", "en"}});
     ASSERT_EQ(first->read(), ReadStatus::NeedAggregate);
-    proxy_->serve(full("/u/text"), answerOf("hello", {{"Content-Type", "text/plain"},
-                                                      {"Vary", "Accept-Language"}}));
+    proxy_->serve(full("/u/text"),
+                  answerOf("hello", {{"Content-Type", "text/plain"}, {"Vary", "Accept-Language"}}));
     readAsync(*first);
     ASSERT_FALSE(first->error) << first->error.message();
     // The request's value is kept to judge by, and is no header of the response.

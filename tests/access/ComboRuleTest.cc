@@ -55,7 +55,8 @@ TEST_F(ComboRuleTest, EmptyPiecesAreSkippedAndOneLeadingSlashIsRemoved) {
 }
 
 TEST_F(ComboRuleTest, SchemeIsDroppedAndAMissingSlashIsAddedToThePrefix) {
-    EXPECT_EQ(split("https://a.com/lib??x.js,y/z.js"), (Urls{"a.com/lib/x.js", "a.com/lib/y/z.js"}));
+    EXPECT_EQ(split("https://a.com/lib??x.js,y/z.js"),
+              (Urls{"a.com/lib/x.js", "a.com/lib/y/z.js"}));
     EXPECT_EQ(split("//a.com/??x.js"), (Urls{"a.com/x.js"}));
 }
 
@@ -68,9 +69,14 @@ TEST_F(ComboRuleTest, UrlOfTheOriginAndTheRulePathIsNotSplit) {
     const ComboRule* rule = comboRuleFor(host() + "/??a.js,b.js");
     ASSERT_NE(rule, nullptr);
     EXPECT_FALSE(splits("https://" + host() + "/ferrit/s/a.js", rule));
-    EXPECT_FALSE(splits("https://" + host() + "?" "?/a.js,/b.js,/ferrit/s/q.js", rule));
+    EXPECT_FALSE(splits("https://" + host() +
+                            "?"
+                            "?/a.js,/b.js,/ferrit/s/q.js",
+                        rule));
     // Without a rule the same text is split like any other.
-    EXPECT_TRUE(splits("https://" + host() + "?" "?/a.js,/b.js,/ferrit/s/q.js"));
+    EXPECT_TRUE(splits("https://" + host() +
+                       "?"
+                       "?/a.js,/b.js,/ferrit/s/q.js"));
 }
 
 TEST_F(ComboRuleTest, UrlWithoutQuestionMarksIsNotSplit) {
@@ -93,11 +99,14 @@ TEST_F(ComboRuleTest, QuestionMarksOnlyAfterTheFragmentAreNotAnAggregate) {
 
 TEST_F(ComboRuleTest, NestedQuestionMarksStayInsideTheirPiece) {
     // Only the first "??" splits; a later one is text of its piece, which names a file of its own.
-    EXPECT_EQ(split("a.com/??b.js,c??d.js,e.js"), (Urls{"a.com/b.js", "a.com/c??d.js", "a.com/e.js"}));
+    EXPECT_EQ(split("a.com/??b.js,c??d.js,e.js"),
+              (Urls{"a.com/b.js", "a.com/c??d.js", "a.com/e.js"}));
 }
 
 TEST_F(ComboRuleTest, PieceOfOneSlashNamesThePrefix) {
-    EXPECT_EQ(split("a.com/m/?" "?/,b.js"), (Urls{"a.com/m/", "a.com/m/b.js"}));
+    EXPECT_EQ(split("a.com/m/?"
+                    "?/,b.js"),
+              (Urls{"a.com/m/", "a.com/m/b.js"}));
 }
 
 TEST_F(ComboRuleTest, TenThousandPiecesSplitInOrder) {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "access/PackPart.h"
 #include "access/Resource.h"
 #include "ferritcore/Error.h"
@@ -159,15 +161,35 @@ TEST_F(ResponseTest, ExplicitErrorFormKeepsArguments) {
 }
 
 TEST_F(ResponseTest, RequestContextTakesTraceAndAccept) {
-    RequestContext context(
-        ResourceRequest("https://h.com/a", HeaderMap{{"ACCEPT", "Image/WEBP, */*;q=0.1"}}), 6);
-    EXPECT_EQ(context.traceId.rfind("FT_Access_", 0), 0u);
+    const ResourceRequest request("https://h.com/a",
+                                  HeaderMap{{"ACCEPT", "Image/WEBP, */*;q=0.1"}});
+    RequestContext context(request, 6);
+    EXPECT_EQ(context.traceId().rfind("FT_Access_", 0), 0u);
     EXPECT_EQ(context.trigger, 6);
     EXPECT_EQ(context.accept(), "image/webp, */*;q=0.1");
     ASSERT_EQ(context.acceptTypes().size(), 2u);
     EXPECT_EQ(context.acceptTypes()[0].type, "image/webp");
     EXPECT_EQ(context.scheme(), "https://");
     EXPECT_EQ(context.origin(), "https://h.com");
+}
+
+// After the match the request may go: the context answers from what it kept.
+TEST_F(ResponseTest, DetachedContextKeepsTheHeadersOnlyWhenAskedTo) {
+    std::optional<RequestContext> plain, kept;
+    {
+        const ResourceRequest request("https://h.com/a", HeaderMap{{"Accept", "Text/CSS"}});
+        plain.emplace(request, 6);
+        kept.emplace(request, 6);
+        kept->keep();
+        plain->detach();
+        kept->detach();
+    }
+    EXPECT_EQ(plain->accept(), "text/css");
+    EXPECT_TRUE(plain->header().empty());
+    EXPECT_TRUE(plain->url().empty());
+    EXPECT_EQ(kept->url(), "https://h.com/a");
+    EXPECT_EQ(kept->accept(), "text/css");
+    EXPECT_EQ(Http::headerValue(kept->header(), "Accept"), "Text/CSS");
 }
 
 TEST_F(ResponseTest, PartTraceIdIsMadeOnceOnFirstUse) {

@@ -514,19 +514,34 @@ TEST_F(ReadFlowTest, PackedFileRemovedBetweenMatchAndReadGives1101AndAsksForRein
     EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
 }
 
-// A disk file is opened when it is matched: what the match saw is what is read, even when the
-// file is replaced before the read.
-TEST_F(ReadFlowTest, DiskFileIsReadAsItWasWhenMatched) {
+// The part reads its file when it is read: a file removed after the match and before the read
+// fails with 1101, and on the main process the pack is marked for reinstall.
+TEST_F(ReadFlowTest, FileRemovedBetweenMatchAndReadGives1101AndAsksForReinstall) {
+    installApp(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}));
+    writeFile("apps/app/3/res/a.js", "as matched");
+    auto resource = Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicySync);
+    ASSERT_FALSE(resource->error) << resource->error.message();
+    std::filesystem::remove(temp_.path() / "apps/app/3/res/a.js");
+    EXPECT_EQ(resource->read(), "");
+    EXPECT_EQ(resource->error.code(), 1101);
+    EXPECT_EQ(resource->error.message(), "file \"apps/app/3/res/a.js\" not exists");
+    TaskRunner::runDue();
+    EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
+}
+
+// A file replaced after the match and before the read is read as it is at the read.
+TEST_F(ReadFlowTest, FileReplacedBetweenMatchAndReadGivesTheNewBytes) {
     installApp(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}));
     writeFile("apps/app/3/res/a.js", "as matched");
     auto resource = Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicySync);
     ASSERT_FALSE(resource->error) << resource->error.message();
     std::filesystem::remove(temp_.path() / "apps/app/3/res/a.js");
     writeFile("apps/app/3/res/a.js", "replaced");
-    EXPECT_EQ(resource->read(), "as matched");
+    EXPECT_EQ(resource->read(), "replaced");
     EXPECT_FALSE(resource->error);
 }
 
+// A match opens no file: the pack's folder is held open once, with its index, and nothing more.
 TEST_F(ReadFlowTest, MatchOnlyLeavesNoFileOpen) {
     installApp(tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}));
     writeFile("apps/app/3/res/a.js", "a");
@@ -535,9 +550,11 @@ TEST_F(ReadFlowTest, MatchOnlyLeavesNoFileOpen) {
                              std::filesystem::directory_iterator());
     };
     const auto before = openFiles();
+    Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicyProbe);
+    EXPECT_EQ(openFiles(), before + 1) << "the pack's folder, held by its index";
     for (int i = 0; i < 50; ++i)
         Access::match(ResourceRequest("https://h.com/app/a.js", ""), kPolicyProbe);
-    EXPECT_EQ(openFiles(), before);
+    EXPECT_EQ(openFiles(), before + 1);
 }
 
 }  // namespace

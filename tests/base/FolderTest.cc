@@ -466,86 +466,65 @@ TEST_F(FolderIOTest, RenameOfAnyOtherKindGives1104) {
     EXPECT_EQ(error.message(), "rename from \"/Asset/a\" to \"b\" only support disk file");
 }
 
-// --- OpenedFile -------------------------------------------------------------------------------
+// --- OpenDirectory ------------------------------------------------------------------------------
 
 size_t openDescriptors() {
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                                              std::filesystem::directory_iterator()));
 }
 
-TEST_F(FolderIOTest, OpenedFileAnswersExistsAndReadsWhatWasOpened) {
-    writeDisk("o/a.js", "opened");
-    const Folder file = Folder::disk("o/a.js");
-    OpenedFile opened;
-    EXPECT_TRUE(opened.open(file));
-    EXPECT_TRUE(opened.isOpen());
-    // Replaced after the open: what was opened is what is read.
+TEST_F(FolderIOTest, OpenDirectoryFindsAndReadsFilesBelowIt) {
+    writeDisk("o/res/a.js", "opened");
+    writeDisk("o/res/d/x", "x");
+    auto directory = OpenDirectory::open(root_.root() + "o");
+    ASSERT_NE(directory, nullptr);
+    EXPECT_TRUE(directory->hasFile("res/a.js"));
+    EXPECT_FALSE(directory->hasFile("res/none.js"));
+    EXPECT_FALSE(directory->hasFile("res/d"));
+    std::string out = "kept:";
+    EXPECT_EQ(directory->readFile("res/a.js", out), 0);
+    EXPECT_EQ(out, "kept:opened");
+    EXPECT_EQ(directory->readFile("res/none.js", out), ENOENT);
+    EXPECT_EQ(directory->readFile("res/d", out), EISDIR);
+    EXPECT_EQ(out, "kept:opened") << "a failed read appends nothing";
+}
+
+// A file is read as it is when it is read: replaced, its new bytes; removed, not there.
+TEST_F(FolderIOTest, OpenDirectoryReadsEachFileAtTheTimeOfTheRead) {
+    writeDisk("o/a.js", "first");
+    auto directory = OpenDirectory::open(root_.root() + "o");
+    ASSERT_NE(directory, nullptr);
     std::filesystem::remove(root_.path() / "o/a.js");
     writeDisk("o/a.js", "replaced");
-    Error error(4, "stale");
-    EXPECT_EQ(opened.read(file, error), "opened");
-    EXPECT_FALSE(error);
-    EXPECT_FALSE(opened.isOpen());
-    // Read again, it reads the path.
-    EXPECT_EQ(opened.read(file, error), "replaced");
+    std::string out;
+    EXPECT_EQ(directory->readFile("a.js", out), 0);
+    EXPECT_EQ(out, "replaced");
+    std::filesystem::remove(root_.path() / "o/a.js");
+    EXPECT_FALSE(directory->hasFile("a.js"));
 }
 
-TEST_F(FolderIOTest, OpenedFileOfMissingFileOrDirectoryIsNotThere) {
-    writeDisk("o/d/x", "x");
-    OpenedFile opened;
-    EXPECT_FALSE(opened.open(Folder::disk("o/none.js")));
-    EXPECT_FALSE(opened.isOpen());
-    EXPECT_FALSE(opened.open(Folder::disk("o/d")));
-    EXPECT_FALSE(opened.open(Folder::disk("o/d/x/")));
-    EXPECT_FALSE(opened.open(Folder::disk("o/d/x/y")));
-    EXPECT_FALSE(opened.isOpen());
-    EXPECT_TRUE(opened.open(Folder::disk("o/d/")));
-}
-
-TEST_F(FolderIOTest, OpenedFileReadsWithTheErrorsOfReadFile) {
-    writeDisk("o/empty.js", "");
-    OpenedFile opened;
-    ASSERT_TRUE(opened.open(Folder::disk("o/empty.js")));
-    Error error;
-    EXPECT_EQ(opened.read(Folder::disk("o/empty.js"), error), "");
-    EXPECT_EQ(error.code(), 1103);
-    // Never opened: the path is read, with its own errors.
-    OpenedFile unopened;
-    unopened.read(Folder::disk("o/none.js"), error);
-    EXPECT_EQ(error.code(), 1101);
-}
-
-TEST_F(FolderIOTest, OpenedFileOfOtherKindsAsksExists) {
-    writeRaw("r.js", "r");
-    putPacked("p/x", "x");
-    OpenedFile opened;
-    EXPECT_TRUE(opened.open(Folder::asset("r.js")));
-    EXPECT_FALSE(opened.isOpen());
-    EXPECT_FALSE(opened.open(Folder::asset("none.js")));
-    EXPECT_TRUE(opened.open(Folder::packed("p/x")));
-    Error error;
-    EXPECT_EQ(opened.read(Folder::packed("p/x"), error), "x");
-}
-
-TEST_F(FolderIOTest, OpenedFileClosesWhatItNeverRead) {
+TEST_F(FolderIOTest, OpenDirectoryHoldsOneDescriptorAndAtMostTheLimit) {
     writeDisk("o/a.js", "a");
     const size_t before = openDescriptors();
+    const int held = OpenDirectory::heldCount();
     {
-        OpenedFile first;
-        ASSERT_TRUE(first.open(Folder::disk("o/a.js")));
+        auto directory = OpenDirectory::open(root_.root() + "o");
+        ASSERT_NE(directory, nullptr);
         EXPECT_EQ(openDescriptors(), before + 1);
-        // Opening again closes the earlier descriptor.
-        ASSERT_TRUE(first.open(Folder::disk("o/a.js")));
-        EXPECT_EQ(openDescriptors(), before + 1);
-        OpenedFile moved(std::move(first));
-        EXPECT_FALSE(first.isOpen());
-        EXPECT_TRUE(moved.isOpen());
-        OpenedFile assigned;
-        ASSERT_TRUE(assigned.open(Folder::disk("o/a.js")));
-        assigned = std::move(moved);
-        EXPECT_EQ(openDescriptors(), before + 1);
+        EXPECT_EQ(OpenDirectory::heldCount(), held + 1);
+        std::string out;
+        ASSERT_EQ(directory->readFile("a.js", out), 0);
+        EXPECT_EQ(openDescriptors(), before + 1) << "the file's own descriptor is closed";
     }
     EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(OpenDirectory::heldCount(), held);
+    EXPECT_EQ(OpenDirectory::open(root_.root() + "o/a.js"), nullptr) << "a file is no directory";
+    EXPECT_EQ(OpenDirectory::open(root_.root() + "none"), nullptr);
+    std::vector<std::unique_ptr<OpenDirectory>> many;
+    while (auto next = OpenDirectory::open(root_.root() + "o")) many.push_back(std::move(next));
+    EXPECT_EQ(OpenDirectory::heldCount(), OpenDirectory::kMaxHeld);
+    many.clear();
+    EXPECT_EQ(OpenDirectory::heldCount(), held);
 }
 
 // --- Layout -----------------------------------------------------------------------------------

@@ -722,5 +722,71 @@ TEST(JsonTest, StringerResultSoFar) {
     EXPECT_EQ(out.result(), "[1");
 }
 
+// Writes back every token it receives, so that a text read as events can be compared with the
+// same text read as a value.
+class EchoEvents : public JSONEvents {
+  public:
+    bool startObject() override { return write(&JSONStringer::object); }
+    bool key(std::string_view key) override {
+        out_.key(key);
+        return true;
+    }
+    bool endObject() override { return write(&JSONStringer::endObject); }
+    bool startArray() override { return write(&JSONStringer::array); }
+    bool endArray() override { return write(&JSONStringer::endArray); }
+    bool scalar(const JSON& value) override {
+        out_.value(value);
+        return ++scalars_ != stopAfter;
+    }
+    bool string(std::string_view value) override {
+        out_.value(value);
+        return true;
+    }
+    std::string text() const { return out_.result(); }
+    int stopAfter = -1;
+
+  private:
+    bool write(JSONStringer& (JSONStringer::*token)()) {
+        (out_.*token)();
+        return true;
+    }
+    JSONStringer out_;
+    int scalars_ = 0;
+};
+
+TEST(JsonTest, ParseEventsDeliversTheTokensOfWhatParseReads) {
+    for (const char* text :
+         {R"({"a":[1,-2,3.5,1e3,18446744073709551615,true,null,"x\u00e9"],"b":{"c":{}}})",
+          R"([[],{},"",0])", "7", R"("only")"}) {
+        EchoEvents events;
+        std::string error;
+        ASSERT_TRUE(JSON::parseEvents(text, events, &error)) << text << error;
+        EXPECT_EQ(events.text(), JSON::parse(text).toString()) << text;
+    }
+}
+
+TEST(JsonTest, ParseEventsFailsWhereParseFails) {
+    std::string tooDeep(JSON::kMaxDepth + 1, '[');
+    tooDeep.append(JSON::kMaxDepth + 1, ']');
+    for (const std::string& text : {std::string(R"({"a":1)"), std::string(R"({"a":1e999})"),
+                                    std::string("[1] 2"), std::string("[1,]"), tooDeep}) {
+        EchoEvents events;
+        std::string eventsError;
+        std::string parseError;
+        EXPECT_FALSE(JSON::parseEvents(text, events, &eventsError)) << text;
+        JSON::parse(text, &parseError);
+        EXPECT_EQ(eventsError, parseError) << text;
+    }
+}
+
+TEST(JsonTest, ParseEventsStopsWhenAHandlerSaysSo) {
+    EchoEvents events;
+    events.stopAfter = 2;
+    std::string error;
+    EXPECT_FALSE(JSON::parseEvents("[1,2,3]", events, &error));
+    EXPECT_FALSE(error.empty());
+    EXPECT_EQ(events.text(), "[1,2");
+}
+
 }  // namespace
 }  // namespace MarlLogger::json

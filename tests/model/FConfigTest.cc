@@ -400,5 +400,15 @@ TEST_F(FConfigTest, SameClaimGoesToSmallestName) {
     EXPECT_EQ(SCache::current()->prefixTree().lookup("//a/x", ""), "a");
 }
 
+TEST_F(FConfigTest, SameTypedClaimGoesToSmallestNameAndAnEmptyTypeIsNoType) {
+    seed(
+        R"({"v":"1","packs":{"d":{"p":["https://a/#Image/WebP"]},"c":{"p":["https://a/#image/webp"]},)"
+        R"("z":{"p":["https://a/"]},"y":{"p":["https://b/#"]},"x":{"p":["https://b/"]}}})");
+    const PrefixTree& tree = SCache::current()->prefixTree();
+    EXPECT_EQ(tree.lookup("//a/i.webp", "image/webp"), "c");
+    EXPECT_EQ(tree.lookup("//a/i.webp", "text/html"), "z");
+    EXPECT_EQ(tree.lookup("//b/i.webp", "image/webp"), "x") << "\"#\" names no type";
+}
+
 }  // namespace
 }  // namespace FerritTest
