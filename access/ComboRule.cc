@@ -1,5 +1,6 @@
 #include "access/ComboRule.h"
 
+#include <algorithm>
 #include <string>
 #include <unordered_map>
 
@@ -16,6 +17,8 @@ namespace {
 constexpr std::string_view kComboMark = "??";
 // What the files of a batch may number: 25 at this limit.
 constexpr uint32_t kComboLimit = 50;
+// Files of one aggregate URL that the split makes room for at once.
+constexpr size_t kReservedFiles = 64;
 
 using RuleTable = std::unordered_map<std::string, ComboRule>;
 
@@ -60,8 +63,12 @@ bool splitCombo(std::string_view url, const ComboRule* rule, std::vector<std::st
     std::string prefix(text.substr(0, mark));
     Url::ensureTrailingSlash(prefix);
 
-    std::vector<std::string> found;
     std::string_view rest = text.substr(mark + kComboMark.size());
+    std::vector<std::string> found;
+    // One file per piece at most: the list is sized once for a page's usual count, and a URL of
+    // thousands of empty pieces cannot make it reserve more than it will hold.
+    found.reserve(std::min(static_cast<size_t>(std::count(rest.begin(), rest.end(), ',')) + 1,
+                           kReservedFiles));
     for (;;) {
         const size_t comma = rest.find(',');
         std::string_view piece = rest.substr(0, comma);

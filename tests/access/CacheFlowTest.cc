@@ -111,7 +111,9 @@ class CacheFlowTest : public AccessFixture {
 TEST_F(CacheFlowTest, AggregateUrlOfThirtyModulesFetchesTheTwentyMissingInOneBatchThenNothing) {
     installModulesPack();
     // The batch of the 20 modules that no pack holds, in page order, as the CDN answers it.
-    std::string expectedUrl = origin() + "?" "?";
+    std::string expectedUrl = origin() +
+                              "?"
+                              "?";
     std::vector<std::string> pieces;
     std::string expected;
     for (int i = 0; i < kModules; ++i) {
@@ -235,16 +237,15 @@ TEST_F(CacheFlowTest, ModuleCacheStageIsSkippedWhenSwitchedOffOrWithoutARule) {
     Settings::change([](Settings& s) { s.moduleCacheEnabled = true; });
     // A host without an aggregate rule is never a ModuleCache host.
     storeModule("other.example.com/lib/kept.js", "kept();");
-    EXPECT_EQ(
-        Access::getResource(ResourceRequest("https://other.example.com/lib/kept.js", ""))
-            ->error.code(),
-        3001);
+    EXPECT_EQ(Access::getResource(ResourceRequest("https://other.example.com/lib/kept.js", ""))
+                  ->error.code(),
+              3001);
 }
 
 TEST_F(CacheFlowTest, UniAppRequestIsFetchedWhenMissingAndThenReadFromUniApp) {
     const std::string url = "https://u.example.com/shop/page.css";
-    proxy_->serve(url, answerOf(".a{}", {{"Cache-Control", "max-age=60"},
-                                         {"Content-Type", "text/css"}}));
+    proxy_->serve(
+        url, answerOf(".a{}", {{"Cache-Control", "max-age=60"}, {"Content-Type", "text/css"}}));
     const ResourceRequest request = uniAppRequest(url, {{"Accept", "text/css,*/*;q=0.1"}});
     // Without a copy the synchronous form cannot answer.
     std::unique_ptr<ResourceResponse> miss = Access::getResource(request);
