@@ -75,6 +75,12 @@ bool splitCombo(std::string_view url, const ComboRule* rule, std::vector<std::st
         piece = piece.substr(0, Url::terminator(piece));
         if (!piece.empty()) {
             if (piece.starts_with('/')) piece.remove_prefix(1);
+            // A piece "/" after nothing names no file at all.
+            if (piece.empty() && prefix.empty()) {
+                if (comma == std::string_view::npos) break;
+                rest.remove_prefix(comma + 1);
+                continue;
+            }
             std::string one;
             one.reserve(prefix.size() + piece.size());
             one.append(prefix).append(piece);

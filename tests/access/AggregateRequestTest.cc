@@ -84,10 +84,8 @@ TEST_F(AggregateRequestTest, BatchOfSeveralEndsWithTheGuardFileOfItsCrc) {
         ::crc32(0L, reinterpret_cast<const Bytef*>(both.data()), static_cast<uInt>(both.size()));
     EXPECT_EQ(batch.crc(), static_cast<uint32_t>(crc));
     const char letter = static_cast<char>('a' + crc % 23);
-    EXPECT_EQ(batch.requestUrl(origin()), origin() +
-                                              "?"
-                                              "?/lib/a.js,/lib/b.js,/ferrit/s/" +
-                                              std::string(1, letter) + ".js");
+    EXPECT_EQ(batch.requestUrl(origin()),
+              origin() + "\?\?/lib/a.js,/lib/b.js,/ferrit/s/" + std::string(1, letter) + ".js");
     // Built so, the URL is never split again.
     std::vector<std::string> urls;
     EXPECT_FALSE(splitCombo(batch.requestUrl(origin()), &rule(), urls));

@@ -111,9 +111,7 @@ class CacheFlowTest : public AccessFixture {
 TEST_F(CacheFlowTest, AggregateUrlOfThirtyModulesFetchesTheTwentyMissingInOneBatchThenNothing) {
     installModulesPack();
     // The batch of the 20 modules that no pack holds, in page order, as the CDN answers it.
-    std::string expectedUrl = origin() +
-                              "?"
-                              "?";
+    std::string expectedUrl = origin() + "\?\?";
     std::vector<std::string> pieces;
     std::string expected;
     for (int i = 0; i < kModules; ++i) {

@@ -69,14 +69,9 @@ TEST_F(ComboRuleTest, UrlOfTheOriginAndTheRulePathIsNotSplit) {
     const ComboRule* rule = comboRuleFor(host() + "/??a.js,b.js");
     ASSERT_NE(rule, nullptr);
     EXPECT_FALSE(splits("https://" + host() + "/ferrit/s/a.js", rule));
-    EXPECT_FALSE(splits("https://" + host() +
-                            "?"
-                            "?/a.js,/b.js,/ferrit/s/q.js",
-                        rule));
+    EXPECT_FALSE(splits("https://" + host() + "\?\?/a.js,/b.js,/ferrit/s/q.js", rule));
     // Without a rule the same text is split like any other.
-    EXPECT_TRUE(splits("https://" + host() +
-                       "?"
-                       "?/a.js,/b.js,/ferrit/s/q.js"));
+    EXPECT_TRUE(splits("https://" + host() + "\?\?/a.js,/b.js,/ferrit/s/q.js"));
 }
 
 TEST_F(ComboRuleTest, UrlWithoutQuestionMarksIsNotSplit) {
@@ -107,6 +102,11 @@ TEST_F(ComboRuleTest, PieceOfOneSlashNamesThePrefix) {
     EXPECT_EQ(split("a.com/m/?"
                     "?/,b.js"),
               (Urls{"a.com/m/", "a.com/m/b.js"}));
+}
+
+TEST_F(ComboRuleTest, PieceOfOneSlashWithNothingBeforeTheMarksNamesNoFile) {
+    EXPECT_FALSE(splits("\?\?/"));
+    EXPECT_EQ(split("\?\?/,a.js"), (Urls{"a.js"}));
 }
 
 TEST_F(ComboRuleTest, TenThousandPiecesSplitInOrder) {
