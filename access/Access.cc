@@ -1,5 +1,6 @@
 #include "ferritcore/Access.h"
 
+#include "access/CacheMatch.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
@@ -63,6 +64,22 @@ class MatchLog {
         if (part.error) log.error(part.error);
         log.append("matchTime", resource_.matchTime);
     }
+    // The end of a match whose answer is several parts: no single name or error to tell.
+    void finishCombo() {
+        if (!active_) return;
+        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource_.logTag);
+        if (!log.active()) return;
+        log.event("match", request_.parentId)
+            .id(resource_.context->traceId())
+            .append("url", request_.url)
+            .append("referrer", request_.referrer)
+            .append("accept", resource_.context->accept());
+        if (policy_ == kPolicyAsync) log.append("policy", "async");
+        if (request_.isUniApp())
+            log.append("UniApp", request_.packName).append("UniAppVersion", request_.packVersion);
+        for (const auto& [key, value] : extra_) log.append(key, value);
+        log.append("match", "COMBO").append("matchTime", resource_.matchTime);
+    }
 
   private:
     const Resource& resource_;
@@ -116,12 +133,22 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
         }
     }
 
-    // The remaining stages: aggregate URLs, UniApp and ModuleCache. Their sources are not
-    // attached in this build, so each finds nothing and the prefix stage's answer stands.
+    // The remaining stages: aggregate URLs, UniApp and ModuleCache; when none answers, the prefix
+    // stage's answer stands.
     log.add("prefixInfo", partInfo(*part));
     const std::shared_ptr<const Settings> settings = Settings::current();
     if (!settings->moduleCacheEnabledValue()) log.add("ModuleCache", "disabled");
     if (!settings->uniAppEnabledValue()) log.add("UniApp", "disabled");
+    if (const char* how = matchCacheStages(
+            *resource, request, policy, keyReferrer, *settings,
+            [&log](std::string_view key, JSON value) { log.add(key, std::move(value)); })) {
+        if (resource->isCombo) {
+            log.finishCombo();
+        } else {
+            log.finish(how, *resource->parts.front(), false);
+        }
+        return resource;
+    }
 
     resource->addPart(part, kind);
     log.finish("prefix", *part, true);

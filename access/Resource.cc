@@ -1,5 +1,6 @@
 #include "access/Resource.h"
 
+#include "access/ReadGroup.h"
 #include "base/LogTags.h"
 #include "base/Proxy.h"
 #include "base/Telemetry.h"
@@ -220,83 +221,6 @@ void Resource::readAsync(
         log.done();
         callback(data, part->error);
     });
-}
-
-// ---- ReadGroup ----
-
-ReadGroup::ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts,
-                     std::shared_ptr<RequestContext> context)
-    : parts(std::move(parts)),
-      context(std::move(context)),
-      remaining(static_cast<int32_t>(this->parts.size())) {
-    crcs.resize(this->parts.size());
-}
-
-void ReadGroup::run(Callback callback) {
-    callback_ = std::move(callback);
-    bool wentAsync = false;
-    std::shared_ptr<ReadGroup> self = shared_from_this();
-    auto completion = [self](std::shared_ptr<ResourcePart> part) {
-        self->partFinished(1, part->error);
-    };
-    for (const auto& part : parts) {
-        if (remaining.load() < 1) break;  // a failure already delivered
-        switch (part->read()) {
-            case ReadStatus::Done:
-                localCount.fetch_add(1);
-                remaining.fetch_sub(1);
-                break;
-            case ReadStatus::Failed:
-                partFinished(1, part->error);
-                break;
-            case ReadStatus::NeedAsync:
-                localCount.fetch_add(1);
-                wentAsync = true;
-                part->readAsync(completion);
-                break;
-            case ReadStatus::NeedAggregate:
-            case ReadStatus::NeedFetch:
-                // Aggregate requests are sent only when the context carries a rule for them;
-                // otherwise each part fetches alone.
-                remoteCount.fetch_add(1);
-                wentAsync = true;
-                part->readAsync(completion);
-                break;
-        }
-        if (remaining.load() < 0) break;
-    }
-    if (wentAsync) type = "async";
-    checkFinished();
-}
-
-void ReadGroup::partFinished(int32_t n, const Error& error) {
-    if (remaining.load() < 1) return;
-    if (error) {
-        if (remaining.exchange(-1) >= 1) {
-            Callback callback = std::move(callback_);
-            callback_ = nullptr;
-            if (callback) callback(std::string(), error);
-        }
-        return;
-    }
-    remaining.fetch_sub(n);
-    checkFinished();
-}
-
-void ReadGroup::checkFinished() {
-    int32_t expected = 0;
-    if (!remaining.compare_exchange_strong(expected, -1)) return;
-    Callback callback = std::move(callback_);
-    callback_ = nullptr;
-    if (!callback) return;
-    std::string data;
-    if (parts.size() > 1) {
-        uint64_t total = 0;
-        for (const auto& part : parts) total += part->size();
-        data.reserve(total);
-    }
-    for (size_t i = 0; i < parts.size(); ++i) parts[i]->appendTo(data, crcs[i]);
-    callback(data, Error());
 }
 
 }  // namespace FerritCore

@@ -1,5 +1,6 @@
 // The values a request becomes: RequestContext (shared per-request record), ResourcePart (one
-// file-like source), Resource (the result of matching) and ReadGroup (drives several parts).
+// file-like source) and Resource (the result of matching); ReadGroup (access/ReadGroup.h) drives
+// the reads of several parts.
 // Resource and ResourcePart are shared between the calling thread and read completions; only
 // their reference counts are atomic, and each completion writes the fields of its own part.
 #pragma once
@@ -168,33 +169,6 @@ class Resource : public std::enable_shared_from_this<Resource> {
     bool is404 = false;
     bool isSCacheHit = false;
     std::shared_ptr<ReadGroup> group;
-};
-
-class ReadGroup : public std::enable_shared_from_this<ReadGroup> {
-  public:
-    using Callback = std::function<void(const std::string& data, const Error& error)>;
-
-    ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts,
-              std::shared_ptr<RequestContext> context);
-
-    // Reads every part, synchronously where it can; `callback` runs exactly once, with the data of
-    // every part in order or with the first error.
-    void run(Callback callback);
-
-    std::vector<std::shared_ptr<ResourcePart>> parts;
-    std::vector<unsigned> crcs;
-    std::shared_ptr<RequestContext> context;
-    std::atomic<int32_t> remaining;  // parts still to finish; -1 once delivered or failed
-    std::atomic<int32_t> localCount{0};
-    std::atomic<int32_t> remoteCount{0};
-    std::vector<int32_t> pendingIndices;
-    std::string type = "sync";
-
-  private:
-    void partFinished(int32_t n, const Error& error);
-    void checkFinished();
-
-    Callback callback_;
 };
 
 }  // namespace FerritCore

@@ -168,6 +168,11 @@ Error fileReadInvalidType(const Folder& file) {
                  folderKindName(file.kind()));
 }
 
+Error fileReadInvalidType(const Folder& file, const std::string& type) {
+    return Error(1102, "read file \"%s\" failed: invalid type %s", file.describe().c_str(),
+                 type.c_str());
+}
+
 Error storageRead(const std::string& storage, std::string_view key, int status) {
     return Error(1102, "Storage read \"%s/%.*s\" failed: %d", storage.c_str(), viewLength(key),
                  viewData(key), status);

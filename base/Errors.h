@@ -39,6 +39,7 @@ Error storeNotExists(const std::string& prefix, std::string_view key);          
 Error fileRead(const Folder& file, int errnum);                                   // 1102
 Error fileRead(const Folder& file, int code, const std::string& message);         // 1102
 Error fileReadInvalidType(const Folder& file);                                    // 1102
+Error fileReadInvalidType(const Folder& file, const std::string& type);           // 1102
 Error storageRead(const std::string& storage, std::string_view key, int status);  // 1102
 Error storeRead(const std::string& prefix, std::string_view key, int status);     // 1102
 Error storeDeserialize(const std::string& prefix, std::string_view key,

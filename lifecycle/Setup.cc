@@ -21,6 +21,7 @@
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "storage/Cache.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
 #include "support/Mutex.h"
@@ -213,6 +214,8 @@ void Setup::compactDatabases() {
     }
     PacksStore::instance().compact();
     ConfigStore::instance().compact();
+    // The content cache churns most of all: every module and UniApp resource comes and goes.
+    Cache::instance().compact();
     MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kSetup)
         .event("compactDatabases")
         .append("time", MRLCurrentClock() - now);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "access/PackPart.h"
+#include "access/ReadGroup.h"
 #include "access/Resource.h"
 #include "base/Digest.h"
 #include "base/Errors.h"

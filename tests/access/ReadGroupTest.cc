@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "access/ReadGroup.h"
 #include "access/Resource.h"
 #include "tests/access/AccessFixture.h"
 
@@ -106,6 +107,45 @@ TEST_F(ReadGroupTest, LateFinishAfterFailureDoesNothing) {
     slow->finish(Error(1, "late"));
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(group->remaining.load(), -1);
+}
+
+TEST_F(ReadGroupTest, WhenTheFirstPartOfAGroupFailsLaterPartsAreNotReadAndALateFinishDoesNothing) {
+    auto group = std::make_shared<ReadGroup>(
+        std::vector<std::shared_ptr<ResourcePart>>{part("a", ReadStatus::Failed),
+                                                   part("b", ReadStatus::Done)},
+        context_);
+    int calls = 0;
+    Error got;
+    group->run([&](const std::string& data, const Error& e) {
+        ++calls;
+        got = e;
+        EXPECT_TRUE(data.empty());
+    });
+    EXPECT_EQ(reads_, 1);  // "b" was never read
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(got.code(), 1102);
+    EXPECT_EQ(group->remaining.load(), -1);
+
+    // A part that went to the network before the failure and finishes after it, with or without
+    // an error, changes nothing; the part after the failure is not read.
+    reads_ = 0;
+    auto slow = part("s", ReadStatus::NeedFetch);
+    auto next = part("n", ReadStatus::Done);
+    auto second = std::make_shared<ReadGroup>(
+        std::vector<std::shared_ptr<ResourcePart>>{slow, part("f", ReadStatus::Failed), next},
+        context_);
+    calls = 0;
+    second->run([&](const std::string&, const Error& e) {
+        ++calls;
+        got = e;
+    });
+    EXPECT_EQ(reads_, 2);
+    EXPECT_EQ(calls, 1);
+    slow->finish();
+    slow->finish(Error(1, "late"));
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(got.code(), 1102);
+    EXPECT_EQ(second->remaining.load(), -1);
 }
 
 TEST_F(ReadGroupTest, AsynchronousPartsCompleteTheGroup) {

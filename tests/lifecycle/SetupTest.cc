@@ -9,6 +9,7 @@
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "storage/Cache.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
 #include "tests/FakeProxy.h"
@@ -179,6 +180,25 @@ TEST_F(SetupTest, DeactivationTwiceWithinTenMinutesCompactsOnce) {
     Setup::clientDeactived();
     EXPECT_EQ(logs_->count("compactDatabases"), 2u);
     EXPECT_TRUE(logs_->last("clientDeactived", "Ferrit/Event").has("time"));
+}
+
+TEST_F(SetupTest, CompactionCoversTheContentCacheStore) {
+    Setup::setProxy(proxy_, temp_.root());
+    CachedResource resource;
+    resource.body = std::string(64 * 1024, 'c');
+    resource.md5 = "m";
+    Error error;
+    ASSERT_TRUE(Cache::instance().write("h.com/a.js", "ModuleCache", resource, error));
+    const std::filesystem::path wal = temp_.path() / "cache" / "store.db-wal";
+    ASSERT_TRUE(std::filesystem::exists(wal));
+    ASSERT_GT(std::filesystem::file_size(wal), 0u);
+    Setup::clientDeactived();
+    EXPECT_EQ(logs_->count("compactDatabases"), 1u);
+    // The log of the cache's database was checkpointed into it and emptied.
+    EXPECT_EQ(std::filesystem::file_size(wal), 0u);
+    std::unique_ptr<CachedResource> back = Cache::instance().read("h.com/a.js", "", error);
+    ASSERT_NE(back, nullptr) << error.message();
+    EXPECT_EQ(back->body, resource.body);
 }
 
 TEST_F(SetupTest, SameEnvironmentRequestsNoUpdate) {

@@ -1,0 +1,151 @@
+#include "access/ReadGroup.h"
+
+#include "access/AggregateRequest.h"
+#include "access/ComboRule.h"
+#include "base/LogTags.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+
+namespace FerritCore {
+
+ReadGroup::ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts,
+                     std::shared_ptr<RequestContext> context)
+    : parts(std::move(parts)),
+      context(std::move(context)),
+      remaining(static_cast<int32_t>(this->parts.size())) {
+    crcs.resize(this->parts.size());
+}
+
+void ReadGroup::run(Callback callback) {
+    callback_ = std::move(callback);
+    std::shared_ptr<ReadGroup> self = shared_from_this();
+    auto completion = [self](std::shared_ptr<ResourcePart> part) {
+        self->partFinished(1, part->error);
+    };
+    auto goAsync = [this] {
+        if (type != "async") type = "async";
+    };
+    // Files that no local source holds share aggregate requests when the request has a rule for
+    // them; otherwise each part fetches alone.
+    const ComboRule* rule = context->comboRule;
+    auto newBatch = [&] {
+        return rule != nullptr ? std::make_unique<AggregateRequest>(*rule, context->traceId())
+                               : nullptr;
+    };
+    std::unique_ptr<AggregateRequest> batch = newBatch();
+    std::vector<int32_t> batchIndices;
+
+    for (size_t i = 0; i < parts.size(); ++i) {
+        if (remaining.load() < 1) break;  // a failure already delivered
+        ResourcePart& part = *parts[i];
+        switch (part.read()) {
+            case ReadStatus::Done:
+                localCount.fetch_add(1);
+                remaining.fetch_sub(1);
+                break;
+            case ReadStatus::Failed:
+                partFinished(1, part.error);
+                break;
+            case ReadStatus::NeedAsync:
+                localCount.fetch_add(1);
+                goAsync();
+                part.readAsync(completion);
+                break;
+            case ReadStatus::NeedAggregate:
+                remoteCount.fetch_add(1);
+                goAsync();
+                if (batch) {
+                    pendingIndices.push_back(static_cast<int32_t>(i));
+                    batchIndices.push_back(static_cast<int32_t>(i));
+                    if (batch->add(part.url)) {
+                        send(*batch, std::move(batchIndices));
+                        batchIndices.clear();
+                        batch = newBatch();
+                    }
+                } else {
+                    part.readAsync(completion);
+                }
+                break;
+            case ReadStatus::NeedFetch:
+                remoteCount.fetch_add(1);
+                goAsync();
+                part.readAsync(completion);
+                break;
+        }
+        if (remaining.load() < 0) break;
+    }
+    // What was gathered goes out even after a failure: the answer fills the cache for next time.
+    if (batch && !batch->empty()) send(*batch, std::move(batchIndices));
+    checkFinished();
+}
+
+void ReadGroup::send(AggregateRequest& batch, std::vector<int32_t> indices) {
+    const std::string origin(context->origin());
+    const std::string url = batch.requestUrl(origin);
+    const double start = MRLCurrentClock();
+    batch.send(origin, [self = shared_from_this(), url, indices = std::move(indices), start](
+                           HeaderMap header, std::vector<std::string> pieces, Error error) {
+        self->deliver(url, indices, header, pieces, error, start);
+    });
+}
+
+void ReadGroup::deliver(const std::string& url, const std::vector<int32_t>& indices,
+                        const HeaderMap& header, const std::vector<std::string>& pieces,
+                        const Error& error, double start) {
+    if (error) {
+        MarlLogger::LogBuilder log(MarlLogger::MRLLevelWarning, LogTag::kAggregateRequest);
+        if (log.active())
+            log.event("response").append("url", url).append("count", indices.size()).error(error);
+        partFinished(1, error);
+        return;
+    }
+    // Each part takes its piece. A refusal (a digest that differs, say) is counted for the log and
+    // fails neither its neighbours nor the answer: the batch as a whole arrived.
+    uint64_t refused = 0;
+    for (size_t i = 0; i < indices.size() && i < pieces.size(); ++i) {
+        Error refusal;
+        if (!parts[static_cast<size_t>(indices[i])]->accept(header, pieces[i], refusal)) ++refused;
+    }
+    MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kAggregateRequest);
+    if (log.active()) {
+        log.event("response", context->traceId())
+            .append("url", url)
+            .append("count", indices.size())
+            .append("refused", refused)
+            .append("time", MRLCurrentClock() - start);
+    }
+    log.done();
+    partFinished(static_cast<int32_t>(indices.size()), Error());
+}
+
+void ReadGroup::partFinished(int32_t n, const Error& error) {
+    if (remaining.load() < 1) return;
+    if (error) {
+        if (remaining.exchange(-1) >= 1) {
+            Callback callback = std::move(callback_);
+            callback_ = nullptr;
+            if (callback) callback(std::string(), error);
+        }
+        return;
+    }
+    remaining.fetch_sub(n);
+    checkFinished();
+}
+
+void ReadGroup::checkFinished() {
+    int32_t expected = 0;
+    if (!remaining.compare_exchange_strong(expected, -1)) return;
+    Callback callback = std::move(callback_);
+    callback_ = nullptr;
+    if (!callback) return;
+    std::string data;
+    if (parts.size() > 1) {
+        uint64_t total = 0;
+        for (const auto& part : parts) total += part->size();
+        data.reserve(total);
+    }
+    for (size_t i = 0; i < parts.size(); ++i) parts[i]->appendTo(data, crcs[i]);
+    callback(data, Error());
+}
+
+}  // namespace FerritCore
