@@ -26,6 +26,8 @@ echo "== tests under ASan+UBSan"
 bash scripts/build.sh build-asan -DFERRIT_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+echo "== Node module tests under ASan+UBSan"
+bash scripts/test-node.sh build-asan --sanitized
 
 echo "== threaded tests under TSan"
 bash scripts/build.sh build-tsan -DFERRIT_TSAN=ON -DCMAKE_BUILD_TYPE=Debug -DFERRIT_BENCH=OFF
