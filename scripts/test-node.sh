@@ -18,7 +18,7 @@ export FERRIT_LOG_LEVEL=${FERRIT_LOG_LEVEL:-1}
 if [ "$sanitized" = "--sanitized" ]; then
   LD_PRELOAD="$(gcc -print-file-name=libasan.so) $(gcc -print-file-name=libubsan.so)" \
     ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    FERRIT_MEMORY_CALLS=${FERRIT_MEMORY_CALLS:-20000} node --test node/test/*.test.js
+    FERRIT_SANITIZED=1 FERRIT_MEMORY_CALLS=${FERRIT_MEMORY_CALLS:-20000} node --test node/test/*.test.js
   exit 0
 fi
 

@@ -54,5 +54,8 @@ test('MemoryTest.HundredThousandHitsWithDroppedBuffersKeepMemoryFlat', async (t)
   // A response kept per call would hold 3.2 GB here, and a kilobyte per call 200 MB; what is left
   // is the allocator's and the engine's noise, which other test processes running beside this one
   // make larger.
+  // Under ASan freed memory waits in the sanitizer's quarantine, so resident memory says nothing
+  // there; the run still shows that every finaliser frees a live response exactly once.
+  if (process.env.FERRIT_SANITIZED) return;
   assert.ok(grown < 48 * 1024 * 1024, `resident memory grew by ${grown} bytes`);
 });
