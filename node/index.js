@@ -12,7 +12,7 @@ function locateAddon() {
     path.join(__dirname, '..', 'build', 'node', 'ferritcore.node'),
   ].filter(Boolean);
   for (const candidate of candidates) {
-    if (fs.existsSync(candidate)) return candidate;
+    if (fs.existsSync(candidate)) return path.resolve(candidate);
   }
   throw new Error(
     'ferritcore.node not found: build the target ferritcore_node with CMake, or set FERRITCORE_ADDON');
