@@ -122,21 +122,27 @@ std::string RawFileProvider::readAsset(const std::string& path, Error& error) {
     }
     // One read of the whole size, as the platform reads a raw file; a short read at end of file
     // is success.
-    content.resize(static_cast<size_t>(info.st_size));
-    size_t used = 0;
-    while (used < content.size()) {
-        const ssize_t n = retryOnInterrupt(
-            [&] { return ::read(fd, content.data() + used, content.size() - used); });
-        if (n < 0) {
-            error = Errors::fileRead(Folder::asset(path), errno);
-            ::close(fd);
-            return std::string();
+    // The read fills the buffer: it is not filled with zeros first.
+    int failure = 0;
+    content.resize_and_overwrite(static_cast<size_t>(info.st_size), [&](char* buffer, size_t size) {
+        size_t used = 0;
+        while (used < size) {
+            const ssize_t n =
+                retryOnInterrupt([&] { return ::read(fd, buffer + used, size - used); });
+            if (n < 0) {
+                failure = errno;
+                return size_t{0};
+            }
+            if (n == 0) break;
+            used += static_cast<size_t>(n);
         }
-        if (n == 0) break;
-        used += static_cast<size_t>(n);
-    }
+        return used;
+    });
     ::close(fd);
-    content.resize(used);
+    if (failure != 0) {
+        error = Errors::fileRead(Folder::asset(path), failure);
+        return std::string();
+    }
     error.clear();
     return content;
 }

@@ -99,6 +99,10 @@ Error requestFailed(const std::string& url, int code, const std::string& message
     return Error(1003, "request \"%s\" failed: %d, %s", url.c_str(), code, message.c_str());
 }
 
+Error resourceManagerNotFound() {
+    return Error(1003, std::string("ResourceManager not found"));
+}
+
 Error requestInvalidStatus(const std::string& url, unsigned status) {
     return Error(1004, "request \"%s\" invalid status code %u", url.c_str(), status);
 }
@@ -292,6 +296,10 @@ Error subProcessUpdateDisabled() {
     return Error(2004, std::string("sub process update disabled"));
 }
 
+Error subProcessClearDisabled() {
+    return Error(2004, std::string("sub process clear disabled"));
+}
+
 Error updateEliminated(const std::string& name) {
     return followedBy(2101, name, " eliminated");
 }
@@ -428,6 +436,18 @@ Error napiFailed() {
 
 Error napiFailed(int status) {
     return Error(9995, "NAPI failed: %d", status);
+}
+
+Error responseIsNull() {
+    return Error(-1, std::string("response is nullptr"));
+}
+
+Error devToolConfigNotFound() {
+    return Error(3101, std::string("未找到配置"));
+}
+
+Error devToolNotAvailable(const std::string& command) {
+    return Error(9996, "\"%s\" is not available in this build", command.c_str());
 }
 
 Error initStorageFailed(const std::string& path, int status) {

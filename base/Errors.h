@@ -23,6 +23,7 @@ const Error& napiFailedRef();           // 9995
 // 1xxx: network and storage.
 Error requestInvalidUrl(const std::string& url);                                    // 1001
 Error requestFailed(const std::string& url, int code, const std::string& message);  // 1003
+Error resourceManagerNotFound();                                                    // 1003
 Error requestInvalidStatus(const std::string& url, unsigned status);                // 1004
 Error requestNoData(const std::string& url);                                        // 1006
 Error requestDeserialization(const std::string& url);                               // 1007
@@ -70,6 +71,7 @@ Error networkNotSupported(const std::string& name, const std::string& status);  
 Error packUpdateDisabled(const std::string& name);                              // 2002
 Error updateDisabled();                                                         // 2003
 Error subProcessUpdateDisabled();                                               // 2004
+Error subProcessClearDisabled();                                                // 2004
 Error updateEliminated(const std::string& name);                                // 2101
 Error packDeleted(const std::string& name);                                     // 2102
 Error tooManyApps();                                                            // 2103
@@ -103,12 +105,18 @@ Error notFerrit(const std::string& name);      // 3201
 Error invalidType(const std::string& name);    // 3202
 
 // 9xxx: setup.
-Error proxyNotInitialized();                                   // 9991
-Error createFolderFailed();                                    // 9992
-Error createFolderFailed(int errnum);                          // 9992
-Error jniFailed();                                             // 9995
-Error napiFailed();                                            // 9995
-Error napiFailed(int status);                                  // 9995
+Error proxyNotInitialized();           // 9991
+Error createFolderFailed();            // 9992
+Error createFolderFailed(int errnum);  // 9992
+Error jniFailed();                     // 9995
+Error napiFailed();                    // 9995
+Error napiFailed(int status);          // 9995
+// The C interface's answer about a response that is not there.
+Error responseIsNull();  // -1
+// The developer tool's answer about a pack that the configuration does not name.
+Error devToolConfigNotFound();  // 3101
+// The developer tool's answer about a command whose part is not in this build.
+Error devToolNotAvailable(const std::string& command);         // 9996
 Error initStorageFailed(const std::string& path, int status);  // 9997
 Error initStoreFailed(const std::string& path, int status);    // 9997
 

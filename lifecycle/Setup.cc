@@ -13,6 +13,7 @@
 #include "base/ProcessState.h"
 #include "base/Proxy.h"
 #include "base/Telemetry.h"
+#include "lifecycle/DevInspector.h"
 #include "lifecycle/Services.h"
 #include "marl/Clock.h"
 #include "marl/Inspector.h"
@@ -138,9 +139,10 @@ void Setup::setup(const std::string& appKey, const std::string& appVersion, int3
     UpdateConfig::instance().startTimer();
     UpdateConfig::instance().start(
         kTriggerStartup, "0", [](const Error&) { configFirstUpdated(); }, 0);
-    MarlLogger::Inspector::registerAgent("Ferrit", [](const std::string& command, const JSON&) {
-        return command == "info" ? statusReport() : JSON();
-    });
+    // The registry lives in marl, below the process-wide resets; this part's state carries its
+    // reset, so it must exist before anything is registered.
+    static_cast<void>(state());
+    DevInspector::registerAgent();
     MarlLogger::Inspector::registerInfo("FerritInfo", "Ferrit/" + std::string(kCoreVersion));
     // Folders of earlier layouts, never recreated.
     for (const char* old : {"meta/", "storage/", "module/", "UniCache_T/"})

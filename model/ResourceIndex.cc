@@ -1,5 +1,7 @@
 #include "model/ResourceIndex.h"
 
+#include <set>
+
 #include <atomic>
 #include <mutex>
 
@@ -160,6 +162,14 @@ std::shared_ptr<const ResourceRecord> ResourceIndex::find(std::string_view url) 
         url.remove_prefix(1);
     auto it = records_.find(url);
     return it == records_.end() ? nullptr : it->second;
+}
+
+std::vector<std::string> ResourceIndex::urls() const {
+    std::set<std::string> unique;
+    for (const auto& [key, record] : records_) {
+        if (!record->url.empty()) unique.insert(record->url);
+    }
+    return std::vector<std::string>(unique.begin(), unique.end());
 }
 
 bool ResourceIndex::verifyFiles(const Folder& folder, Error& error) const {

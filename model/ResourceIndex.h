@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <vector>
 
 #include "base/FileUtil.h"
 #include "base/Folder.h"
@@ -70,6 +71,8 @@ class ResourceIndex {
     std::shared_ptr<const ResourceRecord> find(std::string_view url) const;
     // Lookup entries: each record is entered under its URL form and under its path.
     size_t size() const { return records_.size(); }
+    // The URL of every record that names one, sorted, each once (the developer tool's list).
+    std::vector<std::string> urls() const;
     // Paths that an increment removed.
     const std::unordered_set<std::string>& removed() const { return removed_; }
     // Reads every file of the index below `folder` and compares its MD5 with the record. The first

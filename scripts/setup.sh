@@ -7,13 +7,29 @@ packages=(
   cmake ninja-build g++ clang clang-format libclang-rt-14-dev binutils pkg-config
   zlib1g-dev libminizip-dev zip unzip rapidjson-dev libsqlite3-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  nodejs
 )
 
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+# npm comes with some builds of nodejs and is a package of its own in others.
+command -v npm >/dev/null || missing+=(npm)
+
+# The TypeScript compiler, only to check the Node module's declarations (node/typecheck), pinned by
+# its committed lock file.
+install_typecheck() {
+  local dir
+  dir="$(cd "$(dirname "$0")/.." && pwd)/node/typecheck"
+  [ -x "$dir/node_modules/.bin/tsc" ] && return 0
+  (cd "$dir" && npm ci --ignore-scripts --no-audit --no-fund >/dev/null)
+}
+
+if [ ${#missing[@]} -eq 0 ]; then
+  install_typecheck
+  exit 0
+fi
 
 echo "setup: installing ${missing[*]}"
 sudo=""
@@ -24,3 +40,4 @@ fi
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+install_typecheck

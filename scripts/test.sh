@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Sets everything up and runs every test: the unit tests (g++, -Werror), the same tests under
+# Sets everything up and runs every test: the unit tests (g++, -Werror), the Node module's tests,
+# the same tests under
 # ASan+UBSan, the threaded tests under TSan, a clang build, each libFuzzer target for a bounded
 # time, and a short benchmark pass so that the benchmarks keep building and running.
 #   FUZZ_SECONDS  seconds per fuzz target (default 20)
@@ -18,11 +19,15 @@ echo "== build (g++, -Werror)"
 bash scripts/build.sh build -DFERRIT_BENCH=ON
 echo "== tests"
 ctest --test-dir build --output-on-failure -j "$jobs"
+echo "== Node module tests (node --test)"
+bash scripts/test-node.sh build
 
 echo "== tests under ASan+UBSan"
 bash scripts/build.sh build-asan -DFERRIT_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+echo "== Node module tests under ASan+UBSan"
+bash scripts/test-node.sh build-asan --sanitized
 
 echo "== threaded tests under TSan"
 bash scripts/build.sh build-tsan -DFERRIT_TSAN=ON -DCMAKE_BUILD_TYPE=Debug -DFERRIT_BENCH=OFF

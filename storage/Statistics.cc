@@ -1,6 +1,7 @@
 #include "storage/Statistics.h"
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -99,6 +100,22 @@ double Statistics::accessValue(const std::string& name) {
     MutexLock guard(t.lock);
     auto it = t.entries.find(std::string_view(name));
     return it == t.entries.end() ? 0.0 : it->second->accessCount.load(std::memory_order_relaxed);
+}
+
+MarlLogger::json::JSON Statistics::dump() {
+    std::map<std::string, MarlLogger::json::JSON> entries;
+    {
+        Table& t = table();
+        MutexLock guard(t.lock);
+        for (const auto& [name, stat] : t.entries) {
+            entries[name] = MarlLogger::json::JSONObject{
+                {"accessCount", stat->accessCount.load(std::memory_order_relaxed)},
+                {"prefetchCount", stat->prefetchCount.load(std::memory_order_relaxed)}};
+        }
+    }
+    MarlLogger::json::JSON out = MarlLogger::json::JSON(MarlLogger::json::JSONObject());
+    for (auto& [name, value] : entries) out.set(name, std::move(value));
+    return out;
 }
 
 bool Statistics::hasEntry(const std::string& name) {

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "marl/Json.h"
+
 namespace FerritCore {
 
 class Statistics {
@@ -20,6 +22,9 @@ class Statistics {
     // The weighted count, 0.0 when unknown.
     static double accessValue(const std::string& name);
     static bool hasEntry(const std::string& name);
+    // {name: {"accessCount", "prefetchCount"}} of every entry, in name order, for the developer
+    // tool.
+    static MarlLogger::json::JSON dump();
 };
 
 }  // namespace FerritCore

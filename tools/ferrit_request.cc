@@ -17,6 +17,12 @@
 //
 // --check verifies every installed pack instead: its signed list, then the MD5 of each file.
 //
+// inspect COMMAND [JSON] sends one command to the developer inspector instead (such as
+// "FerritDev.info", "FerritDev.size" or "FerritDev.getURLList" '{"packName":"shop"}'), after the
+// library's own start against the root (setProxy: folders, the stored and the built-in
+// configuration; with --app-key, also setup), and prints the reply; it exits 0 when the command
+// succeeded.
+//
 // --startup runs the host's start-up order instead (setProxy, setup with mode 1, the first
 // configuration update, startUpdate) on the library's own worker thread, against a configuration
 // endpoint served from files below --serve (see FileProxy), and prints the status report after each
@@ -33,9 +39,11 @@
 #include "base/Environment.h"
 #include "base/Folder.h"
 #include "ferritcore/Access.h"
+#include "lifecycle/DevInspector.h"
 #include "lifecycle/Services.h"
 #include "lifecycle/Setup.h"
 #include "marl/Clock.h"
+#include "marl/Inspector.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "model/BuiltinConfig.h"
@@ -58,7 +66,9 @@ int usage(const std::string& message) {
         << "                      [--async] [--body] [--events] [--log-level N] (URL | --check)\n"
         << "       ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root "
            "DIR\n"
-        << "                      --public-key PEM [--assets DIR] [--config FILE] [URL]\n";
+        << "                      --public-key PEM [--assets DIR] [--config FILE] [URL]\n"
+        << "       ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--serve DIR]\n"
+        << "                      [--app-key KEY --app-version VERSION] inspect COMMAND [JSON]\n";
     return 2;
 }
 
@@ -93,6 +103,52 @@ void print(const ResourceResponse& response, bool body) {
     if (!response.md5.empty()) std::cout << "md5: " << response.md5 << "\n";
     std::cout << "body: " << response.data.size() << " bytes\n";
     if (body && !response.data.empty()) std::cout << "\n" << response.data << "\n";
+}
+
+// A host without a key: signed lists do not verify, and nothing else is asked of it.
+class KeylessProxy : public Proxy {
+  public:
+    bool verifySignature(const std::string&, const std::string&) override { return false; }
+    void sendEvent(const PerfRecord&) override {}
+};
+
+// Sends one command to the inspector, running the library's background work until it answers.
+int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::string& assets,
+            const std::string& appKey, const std::string& appVersion, const std::string& command,
+            const std::string& paramsText) {
+    JSON params = JSON(MarlLogger::json::JSONObject());
+    if (!paramsText.empty()) {
+        std::string parseError;
+        params = JSON::parse(paramsText, &parseError);
+        if (!parseError.empty()) return usage("parameters: " + parseError);
+    }
+    Setup::setProxy(std::move(proxy), root, assets);
+    if (appKey.empty()) {
+        DevInspector::registerAgent();
+    } else {
+        Setup::setup(appKey, appVersion, 1);  // registers the agent, as a host's start does
+    }
+    bool answered = false, succeeded = false;
+    JSON data;
+    const bool known =
+        MarlLogger::Inspector::sendCommand(command, params, [&](bool success, const JSON& reply) {
+            answered = true;
+            succeeded = success;
+            data = reply;
+        });
+    if (!known) return usage("no such command: " + command);
+    // A command that answers from the worker ("update", "readDiskFileList") answers once its
+    // work has run; a bounded number of rounds keeps a command that never answers from hanging.
+    for (int round = 0; !answered && round < 1000; ++round) {
+        if (TaskRunner::runDue() == 0 && TaskRunner::pendingCount() == 0) break;
+    }
+    if (!answered) {
+        std::cout << "no answer\n";
+        return 1;
+    }
+    std::cout << (succeeded ? "success " : "failure ") << data.toString() << "\n";
+    TaskRunner::runDue();  // what the command left to do, such as a commit
+    return succeeded ? 0 : 1;
 }
 
 void printStatus(const char* step) {
@@ -133,6 +189,7 @@ int main(int argc, char** argv) {
         appVersion;
     HeaderMap header;
     bool async = false, body = false, events = false, checkPacks = false, startup = false;
+    std::vector<std::string> positional;
     MarlLogger::Log::setLevel(1);
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -176,10 +233,34 @@ int main(int argc, char** argv) {
         } else if (!arg.empty() && arg[0] == '-') {
             return usage("unknown option " + arg);
         } else {
-            url = arg;
+            positional.push_back(arg);
         }
     }
+    const bool inspecting = !positional.empty() && positional[0] == "inspect";
+    if (inspecting) {
+        if (positional.size() < 2 || positional.size() > 3)
+            return usage("inspect takes a command and, optionally, its parameters as JSON");
+    } else if (positional.size() > 1) {
+        return usage("one URL at a time");
+    } else if (!positional.empty()) {
+        url = positional[0];
+    }
     if (root.empty()) return usage("--root is required");
+    if (inspecting) {
+        TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
+        std::shared_ptr<Proxy> proxy = std::make_shared<KeylessProxy>();
+        if (!publicKey.empty()) {
+            std::string reason;
+            std::shared_ptr<FerritTools::FileProxy> fileProxy =
+                FerritTools::FileProxy::open(publicKey, reason);
+            if (!fileProxy) return usage(reason);
+            fileProxy->serveFolder(served);
+            fileProxy->setPrintEvents(events);
+            proxy = fileProxy;
+        }
+        return inspect(std::move(proxy), root, assets, appKey, appVersion, positional[1],
+                       positional.size() == 3 ? positional[2] : std::string());
+    }
     if (url.empty() && !checkPacks && !startup) return usage("no URL");
     if (startup && (served.empty() || publicKey.empty()))
         return usage("--startup needs --serve and --public-key");

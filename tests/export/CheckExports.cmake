@@ -12,7 +12,8 @@ foreach(line IN LISTS lines)
   string(REGEX REPLACE "^[0-9a-fA-F]+ [A-Za-z] " "" name "${line}")
   if(name MATCHES "^FerritCore::(Access|Error|ResourceRequest|ResourceResponse)::" OR
      name MATCHES "^(typeinfo|vtable|typeinfo name) for FerritCore::(Access|Error|ResourceRequest|ResourceResponse)$" OR
-     name MATCHES "^_init$|^_fini$|^_edata$|^_end$|^__bss_start$")
+     name MATCHES "^_init$|^_fini$|^_edata$|^_end$|^__bss_start$" OR
+     name MATCHES "^ferritcore_(access_api|start_offline)$")
     continue()
   endif()
   # Template instantiations of the standard library emitted as weak symbols are not ours.

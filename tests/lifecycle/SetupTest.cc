@@ -287,7 +287,14 @@ TEST_F(SetupTest, NetworkStatusIsLoggedOnChangeOnly) {
 TEST_F(SetupTest, InspectorAgentAnswersInfo) {
     Setup::setProxy(proxy_, temp_.root());
     Setup::setup("key", "1.0", 1);
-    JSON info = MarlLogger::Inspector::call("Ferrit", "info", JSON());
+    JSON info;
+    bool succeeded = false;
+    EXPECT_TRUE(MarlLogger::Inspector::sendCommand("FerritDev.info", JSON(),
+                                                   [&](bool success, const JSON& data) {
+                                                       succeeded = success;
+                                                       info = data;
+                                                   }));
+    EXPECT_TRUE(succeeded);
     EXPECT_EQ(info["version"].stringValue(), kCoreVersion);
     EXPECT_EQ(info["process"].stringValue(), "main");
 }

@@ -1,0 +1,205 @@
+#include "bridge/BridgeProxy.h"
+
+#include <charconv>
+
+#include "base/AssetProvider.h"
+#include "base/Errors.h"
+#include "base/ProcessState.h"
+
+namespace FerritCore {
+namespace {
+
+struct PendingSet {
+    Mutex mutex;
+    std::unordered_set<PendingRequest*> live GUARDED_BY(mutex);
+};
+
+PendingSet& pendingSet() {
+    // Records still in flight at a reset are the host's to answer; the set only forgets them.
+    static PendingSet* const instance = ProcessState::create<PendingSet>([](PendingSet& set) {
+        MutexLock lock(set.mutex);
+        set.live.clear();
+    });
+    return *instance;
+}
+
+// Fails a request that never reached the host. Runs on the script thread, so the completion is
+// handed to the work pool like every other completion of a host request.
+void failRequest(napi_env env, ProxyCompletion completion) {
+    auto shared = std::make_shared<ProxyCompletion>(std::move(completion));
+    if (!NAPI::postAsyncTask(env, [shared] { (*shared)(ProxyResponse(), Errors::napiFailed()); }))
+        (*shared)(ProxyResponse(), Errors::napiFailed());
+}
+
+bool setProperty(napi_env env, napi_value object, const char* key, napi_value value) {
+    return value != nullptr && napi_set_named_property(env, object, key, value) == napi_ok;
+}
+
+}  // namespace
+
+BridgeProxy::BridgeProxy(std::shared_ptr<NAPI::Bridge> bridge, const std::string& rawFileFolder)
+    : bridge_(std::move(bridge)) {
+    if (!rawFileFolder.empty()) rawFiles_ = std::make_unique<RawFileProvider>(rawFileFolder);
+}
+
+BridgeProxy::~BridgeProxy() = default;
+
+void BridgeProxy::sendRequest(const ProxyRequest& request, ProxyCompletion completion) {
+    if (!completion) return;
+    auto shared = std::make_shared<ProxyCompletion>(std::move(completion));
+    std::shared_ptr<NAPI::Bridge> bridge = bridge_;
+    const bool posted = bridge->postJSTask([bridge, request, shared](napi_env env) {
+        napi_value object = encodeProxyRequest(env, request);
+        if (object == nullptr) {
+            NAPI::clearException(env);
+            failRequest(env, std::move(*shared));
+            return;
+        }
+        auto pending = std::make_unique<PendingRequest>();
+        pending->completion = std::move(*shared);
+        pending->wantHeaders = request.wantHeaders;
+        const std::string id = std::to_string(
+            static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pending.get())));
+        napi_value idValue = NAPI::toString(env, id);
+        if (idValue == nullptr) {
+            NAPI::clearException(env);
+            failRequest(env, std::move(pending->completion));
+            return;
+        }
+        PendingRequest* const sent = pending.get();
+        {
+            PendingSet& set = pendingSet();
+            MutexLock lock(set.mutex);
+            set.live.insert(pending.release());
+        }
+        // A host without the method, or whose method threw, will never answer: the request fails
+        // now rather than waiting for ever.
+        if (bridge->invoke("sendRequest", {object, idValue}) == nullptr) {
+            std::unique_ptr<PendingRequest> unsent =
+                takePending(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sent)));
+            if (unsent) failRequest(env, std::move(unsent->completion));
+        }
+    });
+    // The script side is gone (the host is shutting down): the request fails in transport.
+    if (!posted) (*shared)(ProxyResponse(), Errors::napiFailed());
+}
+
+std::unique_ptr<PendingRequest> BridgeProxy::takePending(uint64_t id) {
+    if (id == 0) return nullptr;
+    auto* pending = reinterpret_cast<PendingRequest*>(static_cast<uintptr_t>(id));
+    PendingSet& set = pendingSet();
+    MutexLock lock(set.mutex);
+    if (set.live.erase(pending) == 0) return nullptr;
+    return std::unique_ptr<PendingRequest>(pending);
+}
+
+size_t BridgeProxy::pendingCount() {
+    PendingSet& set = pendingSet();
+    MutexLock lock(set.mutex);
+    return set.live.size();
+}
+
+bool BridgeProxy::verifySignature(const std::string&, const std::string&) {
+    return true;
+}
+
+void BridgeProxy::sendEvent(const PerfRecord&) {}
+
+bool BridgeProxy::assetExists(const std::string& path) {
+    return rawFiles_ != nullptr && rawFiles_->hasAsset(path);
+}
+
+std::vector<std::string> BridgeProxy::assetList(const std::string& path) {
+    if (rawFiles_ == nullptr) return {};
+    return rawFiles_->listAsset(path);
+}
+
+uint64_t BridgeProxy::assetSize(const std::string& path) {
+    return rawFiles_ == nullptr ? 0 : rawFiles_->assetSize(path);
+}
+
+std::string BridgeProxy::assetRead(const std::string& path, Error& error) {
+    if (rawFiles_ == nullptr) {
+        error = Errors::resourceManagerNotFound();
+        return {};
+    }
+    return rawFiles_->readAsset(path, error);
+}
+
+napi_value encodeProxyRequest(napi_env env, const ProxyRequest& request) {
+    napi_value object = nullptr;
+    if (napi_create_object(env, &object) != napi_ok) {
+        NAPI::throwLastError(env);
+        return nullptr;
+    }
+    if (!setProperty(env, object, "url", NAPI::toString(env, request.url))) return nullptr;
+    if (request.timeout != 0 &&
+        !setProperty(env, object, "timeout", NAPI::toInt32(env, request.timeout)))
+        return nullptr;
+    if (!request.tempFilePath.empty() &&
+        !setProperty(env, object, "tempFilePath", NAPI::toString(env, request.tempFilePath)))
+        return nullptr;
+    if (!request.header.empty()) {
+        napi_value header = nullptr;
+        if (napi_create_object(env, &header) != napi_ok) {
+            NAPI::throwLastError(env);
+            return nullptr;
+        }
+        for (const auto& [name, value] : request.header) {
+            if (!setProperty(env, header, name.c_str(), NAPI::toString(env, value))) return nullptr;
+        }
+        if (!setProperty(env, object, "header", header)) return nullptr;
+    }
+    return object;
+}
+
+ProxyResponse decodeProxyResponse(napi_env env, napi_value value, bool wantHeaders) {
+    ProxyResponse response;
+    response.statusCode = 200;
+    if (!NAPI::isObject(env, value)) return response;
+    if (std::optional<int32_t> status =
+            NAPI::toInt32(env, NAPI::getProperty(env, value, "statusCode")))
+        response.statusCode = static_cast<uint16_t>(*status);
+    napi_value header = NAPI::getProperty(env, value, "header");
+    if (NAPI::isObject(env, header)) {
+        if (wantHeaders) {
+            napi_value names = nullptr;
+            uint32_t count = 0;
+            if (napi_get_property_names(env, header, &names) == napi_ok &&
+                napi_get_array_length(env, names, &count) == napi_ok) {
+                for (uint32_t i = 0; i < count; ++i) {
+                    napi_value name = nullptr;
+                    if (napi_get_element(env, names, i, &name) != napi_ok) {
+                        NAPI::clearException(env);
+                        continue;
+                    }
+                    std::optional<std::string> key = NAPI::toString(env, name);
+                    if (!key) continue;
+                    if (std::optional<std::string> text =
+                            NAPI::toString(env, NAPI::getProperty(env, header, key->c_str())))
+                        response.header[*key] = std::move(*text);
+                }
+            }
+            NAPI::clearException(env);
+        } else if (std::optional<std::string> length =
+                       NAPI::toString(env, NAPI::getProperty(env, header, "content-length"));
+                   length && !length->empty()) {
+            response.header["Content-Length"] = std::move(*length);
+        }
+    }
+    if (std::optional<std::string> content =
+            NAPI::toData(env, NAPI::getProperty(env, value, "content")))
+        response.content = std::move(*content);
+    return response;
+}
+
+Error decodeProxyError(napi_env env, napi_value value) {
+    if (!NAPI::isObject(env, value)) return Error();
+    const std::optional<int32_t> code = NAPI::toInt32(env, NAPI::getProperty(env, value, "code"));
+    std::optional<std::string> message =
+        NAPI::toString(env, NAPI::getProperty(env, value, "message"));
+    if (!code || *code == 0 || !message) return Error();
+    return Error(*code, std::move(*message));
+}
+
+}  // namespace FerritCore

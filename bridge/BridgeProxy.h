@@ -1,0 +1,69 @@
+// BridgeProxy: the Proxy of a host that runs in a script engine. Network requests go to the host
+// object's "sendRequest" on the script thread and come back through onSendRequestFinishedNative;
+// raw files are read from the app's raw-file folder. Thread-safe: the core calls it from the
+// worker and from the host's threads.
+//
+// A request in flight on the host is a PendingRequest. Its id, the decimal text of its address,
+// is what the host echoes. Live ids are remembered, so that an id that is unknown, repeated or
+// invented finds nothing instead of touching freed memory; an id the host never returns keeps
+// its record (and completion) for the life of the process.
+#pragma once
+
+#include <node_api.h>
+
+#include <memory>
+#include <string>
+#include <unordered_set>
+
+#include "base/Proxy.h"
+#include "bridge/Napi.h"
+#include "support/Mutex.h"
+
+namespace FerritCore {
+
+class RawFileProvider;
+
+struct PendingRequest {
+    ProxyCompletion completion;
+    bool wantHeaders = false;
+};
+
+class BridgeProxy : public Proxy {
+  public:
+    // `rawFileFolder` empty: the host gave no raw-file access, and the asset operations answer as
+    // without a resource manager.
+    BridgeProxy(std::shared_ptr<NAPI::Bridge> bridge, const std::string& rawFileFolder);
+    ~BridgeProxy() override;
+
+    void sendRequest(const ProxyRequest& request, ProxyCompletion completion) override;
+    // The host verifies nothing through this interface: every signature is taken.
+    bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
+    void sendEvent(const PerfRecord& record) override;
+    bool assetExists(const std::string& path) override;
+    std::vector<std::string> assetList(const std::string& path) override;
+    uint64_t assetSize(const std::string& path) override;
+    std::string assetRead(const std::string& path, Error& error) override;
+
+    // Script thread: takes the record of `id` out of the live set. Null for 0, an unknown id or
+    // one already finished. The caller owns the record.
+    static std::unique_ptr<PendingRequest> takePending(uint64_t id);
+    // How many requests wait for the host (tests).
+    static size_t pendingCount();
+
+  private:
+    std::shared_ptr<NAPI::Bridge> bridge_;
+    std::unique_ptr<RawFileProvider> rawFiles_;  // null without a raw-file folder
+};
+
+// Script thread: the object "sendRequest" receives, with "url", and "timeout", "tempFilePath" and
+// "header" when they are not empty. Null with the engine's error raised on failure.
+napi_value encodeProxyRequest(napi_env env, const ProxyRequest& request);
+// Script thread: the host's response object. "statusCode" defaults to 200; with `wantHeaders`
+// every header, else only "content-length" (as "Content-Length", when non-empty); "content" as
+// bytes. A value that is not an object is the empty response with status 200.
+ProxyResponse decodeProxyResponse(napi_env env, napi_value value, bool wantHeaders);
+// Script thread: an error object {"code": non-zero integer, "message": string}; anything else is
+// success.
+Error decodeProxyError(napi_env env, napi_value value);
+
+}  // namespace FerritCore

@@ -1,0 +1,472 @@
+// The native module "ferritcore": its registration, Init, and the eighteen natives. Every native
+// runs on the script thread; those marked "async" copy their arguments and hand the work to the
+// engine's work pool. A missing or mistyped required argument makes a native return undefined
+// (false for setProxyNative) with no effect.
+#include <node_api.h>
+
+#include <charconv>
+#include <cstdio>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "access/AppRoot.h"
+#include "base/Errors.h"
+#include "base/LogTags.h"
+#include "base/ProcessState.h"
+#include "base/Telemetry.h"
+#include "bridge/BridgeProxy.h"
+#include "bridge/HostValues.h"
+#include "bridge/Napi.h"
+#include "ferritcore/Access.h"
+#include "ferritcore/AccessApi.h"
+#include "lifecycle/Setup.h"
+#include "marl/Inspector.h"
+#include "marl/Json.h"
+#include "marl/Log.h"
+#include "runtime/Settings.h"
+#include "storage/Variants.h"
+#include "support/Mutex.h"
+#include "update/UpdateQueue.h"
+
+namespace FerritCore {
+namespace {
+
+using MarlLogger::json::JSON;
+
+// What the system log of Init is told, as the platform's log would file it.
+constexpr int kInitLogLevel = 6;
+constexpr int kInitLogDomain = 21078;
+// Preload packs that the host asks for are installed even when an installed copy looks current.
+constexpr int kPreloadForce = 1;
+
+// The process-wide state of the bridge: whether the proxy was set, and the host's bridge object.
+struct BridgeState {
+    Mutex mutex;
+    bool proxySet GUARDED_BY(mutex) = false;
+    std::shared_ptr<NAPI::Bridge> bridge GUARDED_BY(mutex);
+};
+
+BridgeState& state() {
+    static BridgeState* const instance = ProcessState::create<BridgeState>([](BridgeState& s) {
+        MutexLock lock(s.mutex);
+        s.proxySet = false;
+        s.bridge.reset();
+    });
+    return *instance;
+}
+
+std::shared_ptr<NAPI::Bridge> currentBridge() {
+    MutexLock lock(state().mutex);
+    return state().bridge;
+}
+
+// The lifecycle natives run on the work pool one after another, in the order the host called
+// them: setup must find the proxy, the folders and the stored configuration that an earlier
+// setProxyNative is still putting in place, not race it on another thread of the pool.
+struct SerialQueue {
+    Mutex mutex;
+    std::deque<std::function<void()>> tasks GUARDED_BY(mutex);
+    bool draining GUARDED_BY(mutex) = false;
+};
+
+SerialQueue& serialQueue() {
+    static SerialQueue* const instance = ProcessState::create<SerialQueue>([](SerialQueue& q) {
+        MutexLock lock(q.mutex);
+        q.tasks.clear();
+        q.draining = false;
+    });
+    return *instance;
+}
+
+void drainSerial() {
+    SerialQueue& queue = serialQueue();
+    for (;;) {
+        std::function<void()> task;
+        {
+            MutexLock lock(queue.mutex);
+            if (queue.tasks.empty()) {
+                queue.draining = false;
+                return;
+            }
+            task = std::move(queue.tasks.front());
+            queue.tasks.pop_front();
+        }
+        task();
+    }
+}
+
+// Queues `task` behind the lifecycle work already queued; the first of a run starts a drain on the
+// work pool.
+void postSerial(napi_env env, std::function<void()> task) {
+    SerialQueue& queue = serialQueue();
+    {
+        MutexLock lock(queue.mutex);
+        queue.tasks.push_back(std::move(task));
+        if (queue.draining) return;
+        queue.draining = true;
+    }
+    if (!NAPI::postAsyncTask(env, drainSerial)) drainSerial();
+}
+
+napi_value undefinedOf(napi_env env) {
+    return NAPI::undefined(env);
+}
+
+// ---- 1
+
+napi_value setProxyNative(napi_env env, napi_callback_info info) {
+    // One more than needed, to tell three arguments from four.
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 4);
+    std::optional<std::string> root =
+        args.size() == 3 ? NAPI::toString(env, args[1]) : std::nullopt;
+    if (!root) return NAPI::toBool(env, false);
+    {
+        MutexLock lock(state().mutex);
+        if (state().proxySet) return NAPI::toBool(env, true);
+    }
+    std::shared_ptr<NAPI::Bridge> bridge = NAPI::Bridge::create(env, args[0]);
+    if (!bridge) return NAPI::toBool(env, false);
+    // The raw-file folder stands in for the resource manager; anything but a string is none.
+    const std::string rawFiles = NAPI::toString(env, args[2]).value_or(std::string());
+    auto proxy = std::make_shared<BridgeProxy>(bridge, rawFiles);
+    {
+        MutexLock lock(state().mutex);
+        if (state().proxySet) return NAPI::toBool(env, true);
+        state().proxySet = true;
+        state().bridge = bridge;
+    }
+    // The core reads raw files through the proxy, so no folder is handed to setProxy itself.
+    postSerial(env, [proxy, root = std::move(*root)] { Setup::setProxy(proxy, root); });
+    return NAPI::toBool(env, true);
+}
+
+// ---- 2
+
+napi_value onSendRequestFinishedNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 3);
+    if (args.size() < 2) return undefinedOf(env);
+    const std::optional<std::string> idText = NAPI::toString(env, args[0]);
+    if (!idText) return undefinedOf(env);
+    uint64_t id = 0;
+    const char* end = idText->data() + idText->size();
+    auto [last, parsed] = std::from_chars(idText->data(), end, id);
+    if (parsed != std::errc() || last != end || id == 0) return undefinedOf(env);
+    std::unique_ptr<PendingRequest> pending = BridgeProxy::takePending(id);
+    if (!pending) return undefinedOf(env);
+    auto response =
+        std::make_shared<ProxyResponse>(decodeProxyResponse(env, args[1], pending->wantHeaders));
+    const Error error = args.size() >= 3 ? decodeProxyError(env, args[2]) : Error();
+    auto completion = std::make_shared<ProxyCompletion>(std::move(pending->completion));
+    const auto finish = [completion, response, error] {
+        (*completion)(std::move(*response), error);
+    };
+    if (!NAPI::postAsyncTask(env, finish)) finish();
+    return undefinedOf(env);
+}
+
+// ---- 3 to 6: settings of the host, on the script thread.
+
+napi_value setEnvNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
+    if (args.empty()) return undefinedOf(env);
+    if (std::optional<int32_t> value = NAPI::toInt32(env, args[0])) Setup::setEnv(*value);
+    return undefinedOf(env);
+}
+
+napi_value setLocaleNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
+    Setup::setLocale(args.empty() ? std::string()
+                                  : NAPI::toString(env, args[0]).value_or(std::string()));
+    return undefinedOf(env);
+}
+
+napi_value setDefaultConfigNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
+    if (args.empty() || !NAPI::isObject(env, args[0])) return undefinedOf(env);
+    JSON object = JSON(MarlLogger::json::JSONObject());
+    for (const char* key : {"configPrefixRelease", "zipPrefixRelease", "ACacheZipPrefixRelease"}) {
+        if (std::optional<std::string> text =
+                NAPI::toString(env, NAPI::getProperty(env, args[0], key)))
+            object.set(key, std::move(*text));
+    }
+    if (std::optional<double> interval =
+            NAPI::toDouble(env, NAPI::getProperty(env, args[0], "configUpdateInterval")))
+        object.set("configUpdateInterval", *interval);
+    Settings::setDefaults(HostDefaults::fromJSON(object));
+    return undefinedOf(env);
+}
+
+napi_value setNetworkStatusNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
+    if (args.empty()) return undefinedOf(env);
+    if (std::optional<int32_t> value = NAPI::toInt32(env, args[0]))
+        Setup::setNetworkStatus(static_cast<uint32_t>(*value));
+    return undefinedOf(env);
+}
+
+// ---- 7 to 12: handed to the work pool.
+
+napi_value registerAcceptNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 3);
+    if (args.size() < 3) return undefinedOf(env);
+    std::vector<std::string> texts;
+    for (napi_value arg : args) {
+        std::optional<std::string> text = NAPI::toString(env, arg);
+        if (!text || text->empty()) return undefinedOf(env);
+        texts.push_back(std::move(*text));
+    }
+    postSerial(env, [texts = std::move(texts)] {
+        Variants::instance().registerAccept(texts[0], texts[1], texts[2]);
+    });
+    return undefinedOf(env);
+}
+
+napi_value setupNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 3);
+    if (args.size() < 3) return undefinedOf(env);
+    std::optional<std::string> appKey = NAPI::toString(env, args[0]);
+    std::optional<std::string> appVersion = NAPI::toString(env, args[1]);
+    const std::optional<int32_t> mode = NAPI::toInt32(env, args[2]);
+    if (!appKey || !appVersion || !mode) return undefinedOf(env);
+    postSerial(env, [appKey = std::move(*appKey), appVersion = std::move(*appVersion),
+                     mode = *mode] { Setup::setup(appKey, appVersion, mode); });
+    return undefinedOf(env);
+}
+
+napi_value startUpdateNative(napi_env env, napi_callback_info) {
+    postSerial(env, [] { Setup::startUpdate(); });
+    return undefinedOf(env);
+}
+
+napi_value clientActivedNative(napi_env env, napi_callback_info) {
+    postSerial(env, [] { Setup::clientActived(); });
+    return undefinedOf(env);
+}
+
+napi_value clientDeactivedNative(napi_env env, napi_callback_info) {
+    postSerial(env, [] { Setup::clientDeactived(); });
+    return undefinedOf(env);
+}
+
+napi_value installPreloadNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
+    if (args.empty()) return undefinedOf(env);
+    std::optional<std::string> name = NAPI::toString(env, args[0]);
+    if (!name) return undefinedOf(env);
+    postSerial(env, [name = std::move(*name)] {
+        // The preload installer is not part of this build: the request is only recorded.
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kPreload)
+            .event("installPreload")
+            .append("name", name)
+            .append("force", kPreloadForce)
+            .error(Errors::updateDisabled());
+    });
+    return undefinedOf(env);
+}
+
+// ---- 13
+
+napi_value getAccessAPINative(napi_env env, napi_callback_info) {
+    napi_value result = nullptr;
+    const auto address =
+        static_cast<uint64_t>(reinterpret_cast<uintptr_t>(ferritcore_access_api()));
+    if (napi_create_bigint_uint64(env, address, &result) != napi_ok) {
+        NAPI::throwLastError(env);
+        return nullptr;
+    }
+    return result;
+}
+
+// ---- 14
+
+napi_value prefetchNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
+    if (args.empty()) return undefinedOf(env);
+    bool isArray = false;
+    uint32_t length = 0;
+    if (napi_is_array(env, args[0], &isArray) != napi_ok || !isArray ||
+        napi_get_array_length(env, args[0], &length) != napi_ok || length == 0)
+        return undefinedOf(env);
+    std::vector<std::string> urls;
+    urls.reserve(length);
+    for (uint32_t i = 0; i < length; ++i) {
+        napi_value element = nullptr;
+        if (napi_get_element(env, args[0], i, &element) != napi_ok) {
+            NAPI::clearException(env);
+            return undefinedOf(env);
+        }
+        std::optional<std::string> url = NAPI::toString(env, element);
+        if (!url) return undefinedOf(env);
+        urls.push_back(std::move(*url));
+    }
+    postSerial(env, [urls = std::move(urls)] { Access::prefetch(urls); });
+    return undefinedOf(env);
+}
+
+// ---- 15
+
+napi_value updatePackNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 2);
+    if (args.size() < 2) return undefinedOf(env);
+    std::shared_ptr<NAPI::JSFunction> callback = NAPI::toFunction(env, args[1]);
+    if (!callback) return undefinedOf(env);
+    const PackRequest request = decodePackRequest(env, args[0]);
+    UpdateQueue::request(
+        request.name, kTriggerVisit, [callback, name = request.name](const Error& error) {
+            callback->call([name, error](napi_env env) -> std::vector<napi_value> {
+                std::shared_ptr<NAPI::Bridge> bridge = currentBridge();
+                return {NAPI::toString(env, name), encodeError(env, bridge.get(), error)};
+            });
+        });
+    return undefinedOf(env);
+}
+
+// ---- 16, 17
+
+napi_value getResourceSyncNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
+    if (args.empty()) return undefinedOf(env);
+    const ResourceRequest request = decodeRequest(env, args[0]);
+    std::shared_ptr<NAPI::Bridge> bridge = currentBridge();
+    return encodeResponse(env, bridge.get(), Access::getResource(request));
+}
+
+napi_value getResourceNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 2);
+    if (args.size() < 2) return undefinedOf(env);
+    std::shared_ptr<NAPI::JSFunction> callback = NAPI::toFunction(env, args[1]);
+    if (!callback) return undefinedOf(env);
+    const ResourceRequest request = decodeRequest(env, args[0]);
+    Access::getResource(request, [callback](std::unique_ptr<ResourceResponse> response) {
+        // Held so that a call the engine never runs still frees the response.
+        auto held = std::make_shared<std::unique_ptr<ResourceResponse>>(std::move(response));
+        callback->call([held](napi_env env) -> std::vector<napi_value> {
+            std::shared_ptr<NAPI::Bridge> bridge = currentBridge();
+            napi_value object = encodeResponse(env, bridge.get(), std::move(*held));
+            return {object != nullptr ? object : NAPI::undefined(env)};
+        });
+    });
+    return undefinedOf(env);
+}
+
+// ---- 18
+
+napi_value getACacheRootPathNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 2);
+    if (args.empty()) return undefinedOf(env);
+    const std::optional<std::string> name = NAPI::toString(env, args[0]);
+    if (!name) return undefinedOf(env);
+    const std::string path =
+        args.size() >= 2 ? NAPI::toString(env, args[1]).value_or(std::string()) : std::string();
+    return NAPI::toString(env, AppRoot::rootPath(*name, path));
+}
+
+// ---- The inspection channel: (command, parameters as JSON text, callback(success, data text)).
+
+napi_value inspectNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 3);
+    if (args.size() < 3) return undefinedOf(env);
+    const std::optional<std::string> command = NAPI::toString(env, args[0]);
+    const std::optional<std::string> paramsText = NAPI::toString(env, args[1]);
+    std::shared_ptr<NAPI::JSFunction> callback = NAPI::toFunction(env, args[2]);
+    if (!command || !paramsText || !callback) return undefinedOf(env);
+    const JSON params = JSON::parse(*paramsText);
+    const auto reply = [callback](bool success, const JSON& data) {
+        callback->call([success, text = data.toString()](napi_env env) -> std::vector<napi_value> {
+            return {NAPI::toBool(env, success), NAPI::toString(env, text)};
+        });
+    };
+    if (!MarlLogger::Inspector::sendCommand(*command, params, reply)) {
+        const Error error = Errors::devToolNotAvailable(*command);
+        reply(false, JSON(MarlLogger::json::JSONObject{{"code", error.code()},
+                                                       {"message", error.message()}}));
+    }
+    return undefinedOf(env);
+}
+
+napi_value Init(napi_env env, napi_value exports) {
+    // The order is part of the interface.
+    const napi_property_descriptor natives[] = {
+        {"setProxyNative", nullptr, setProxyNative, nullptr, nullptr, nullptr, napi_default_method,
+         nullptr},
+        {"onSendRequestFinishedNative", nullptr, onSendRequestFinishedNative, nullptr, nullptr,
+         nullptr, napi_default_method, nullptr},
+        {"setEnvNative", nullptr, setEnvNative, nullptr, nullptr, nullptr, napi_default_method,
+         nullptr},
+        {"setLocaleNative", nullptr, setLocaleNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"setDefaultConfigNative", nullptr, setDefaultConfigNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"setNetworkStatusNative", nullptr, setNetworkStatusNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"registerAcceptNative", nullptr, registerAcceptNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"setupNative", nullptr, setupNative, nullptr, nullptr, nullptr, napi_default_method,
+         nullptr},
+        {"startUpdateNative", nullptr, startUpdateNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"clientActivedNative", nullptr, clientActivedNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"clientDeactivedNative", nullptr, clientDeactivedNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"installPreloadNative", nullptr, installPreloadNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"getAccessAPINative", nullptr, getAccessAPINative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"prefetchNative", nullptr, prefetchNative, nullptr, nullptr, nullptr, napi_default_method,
+         nullptr},
+        {"updatePackNative", nullptr, updatePackNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"getResourceSyncNative", nullptr, getResourceSyncNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"getResourceNative", nullptr, getResourceNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"getACacheRootPathNative", nullptr, getACacheRootPathNative, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+    };
+    static_assert(std::size(natives) == 18, "the module has eighteen natives");
+    if (napi_define_properties(env, exports, std::size(natives), natives) != napi_ok) {
+        std::fprintf(stderr, "[%d] level %d Init: napi_define_properties failed\n", kInitLogDomain,
+                     kInitLogLevel);
+        NAPI::clearException(env);
+        return exports;
+    }
+    // The inspection channel is the logging library's door, not one of the natives: it is keyed
+    // by a registered symbol so that the module's own names stay the eighteen.
+    napi_value global = nullptr, symbolObject = nullptr, symbolFor = nullptr, key = nullptr;
+    napi_value keyName = NAPI::toString(env, "ferritcore.inspect");
+    napi_value function = nullptr;
+    if (keyName != nullptr && napi_get_global(env, &global) == napi_ok &&
+        (symbolObject = NAPI::getProperty(env, global, "Symbol")) != nullptr &&
+        (symbolFor = NAPI::getProperty(env, symbolObject, "for")) != nullptr &&
+        napi_call_function(env, symbolObject, symbolFor, 1, &keyName, &key) == napi_ok &&
+        napi_create_function(env, "inspect", NAPI_AUTO_LENGTH, inspectNative, nullptr, &function) ==
+            napi_ok) {
+        const napi_property_descriptor channel = {nullptr, key,      nullptr,      nullptr,
+                                                  nullptr, function, napi_default, nullptr};
+        napi_define_properties(env, exports, 1, &channel);
+    }
+    NAPI::clearException(env);
+    return exports;
+}
+
+napi_module moduleRecord = {
+    NAPI_MODULE_VERSION,
+    0,
+    __FILE__,
+    Init,
+    "ferritcore",
+    nullptr,
+    {nullptr, nullptr, nullptr, nullptr},
+};
+
+// Registers the module while the library loads, before the engine asks for it.
+[[gnu::constructor]] void registerModule() {
+    napi_module_register(&moduleRecord);
+}
+
+}  // namespace
+}  // namespace FerritCore

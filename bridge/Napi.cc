@@ -1,0 +1,300 @@
+#include "bridge/Napi.h"
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+namespace FerritCore::NAPI {
+namespace {
+
+napi_valuetype typeOf(napi_env env, napi_value value) {
+    napi_valuetype type = napi_undefined;
+    if (value == nullptr || napi_typeof(env, value, &type) != napi_ok) return napi_undefined;
+    return type;
+}
+
+// What a thread-safe function carries to the script thread.
+struct Task {
+    std::function<void(napi_env)> run;
+};
+
+// Runs a posted task on the script thread; during teardown `env` is null and the task is only
+// dropped.
+void runTask(napi_env env, napi_value, void*, void* data) {
+    std::unique_ptr<Task> task(static_cast<Task*>(data));
+    if (env == nullptr || !task->run) return;
+    task->run(env);
+    clearException(env);  // nothing a task raises may reach the engine's loop
+}
+
+// The arguments of one JSFunction call, built on the script thread.
+void callFunction(napi_env env, napi_value function, void*, void* data) {
+    std::unique_ptr<ArgumentBuilder> builder(static_cast<ArgumentBuilder*>(data));
+    if (env == nullptr || function == nullptr) return;
+    std::vector<napi_value> arguments;
+    if (*builder) arguments = (*builder)(env);
+    clearException(env);
+    napi_value result = nullptr;
+    if (napi_call_function(env, undefined(env), function, arguments.size(), arguments.data(),
+                           &result) != napi_ok) {
+        clearException(env);
+    }
+}
+
+struct AsyncTask {
+    std::function<void()> work;
+    std::function<void(napi_env)> done;
+    napi_async_work handle = nullptr;
+};
+
+}  // namespace
+
+std::vector<napi_value> getArgs(napi_env env, napi_callback_info info, size_t max) {
+    std::vector<napi_value> args(max, nullptr);
+    size_t count = max;
+    if (napi_get_cb_info(env, info, &count, args.data(), nullptr, nullptr) != napi_ok) return {};
+    args.resize(count < max ? count : max);
+    return args;
+}
+
+std::optional<std::string> toString(napi_env env, napi_value value) {
+    if (typeOf(env, value) != napi_string) return std::nullopt;
+    size_t length = 0;
+    if (napi_get_value_string_utf8(env, value, nullptr, 0, &length) != napi_ok) return std::nullopt;
+    std::string text(length, '\0');
+    size_t written = 0;
+    // The engine writes a terminator, so it is given one byte more than the text.
+    if (napi_get_value_string_utf8(env, value, text.data(), length + 1, &written) != napi_ok)
+        return std::nullopt;
+    text.resize(written);
+    return text;
+}
+
+napi_value toString(napi_env env, std::string_view text) {
+    napi_value result = nullptr;
+    if (napi_create_string_utf8(env, text.data() != nullptr ? text.data() : "", text.size(),
+                                &result) != napi_ok) {
+        throwLastError(env);
+        return nullptr;
+    }
+    return result;
+}
+
+std::optional<int32_t> toInt32(napi_env env, napi_value value) {
+    if (typeOf(env, value) != napi_number) return std::nullopt;
+    int32_t number = 0;
+    if (napi_get_value_int32(env, value, &number) != napi_ok) return std::nullopt;
+    return number;
+}
+
+std::optional<double> toDouble(napi_env env, napi_value value) {
+    if (typeOf(env, value) != napi_number) return std::nullopt;
+    double number = 0;
+    if (napi_get_value_double(env, value, &number) != napi_ok) return std::nullopt;
+    return number;
+}
+
+napi_value toInt32(napi_env env, int32_t number) {
+    napi_value result = nullptr;
+    if (napi_create_int32(env, number, &result) != napi_ok) throwLastError(env);
+    return result;
+}
+
+napi_value toBool(napi_env env, bool value) {
+    napi_value result = nullptr;
+    if (napi_get_boolean(env, value, &result) != napi_ok) throwLastError(env);
+    return result;
+}
+
+std::optional<std::string> toData(napi_env env, napi_value value) {
+    const napi_valuetype type = typeOf(env, value);
+    if (type == napi_string) return toString(env, value);
+    if (type != napi_object) return std::nullopt;
+    void* data = nullptr;
+    size_t length = 0;
+    bool is = false;
+    if (napi_is_buffer(env, value, &is) == napi_ok && is) {
+        if (napi_get_buffer_info(env, value, &data, &length) != napi_ok) return std::nullopt;
+    } else if (napi_is_typedarray(env, value, &is) == napi_ok && is) {
+        napi_typedarray_type elementType;
+        size_t elements = 0;
+        napi_value buffer = nullptr;
+        size_t offset = 0;
+        if (napi_get_typedarray_info(env, value, &elementType, &elements, &data, &buffer,
+                                     &offset) != napi_ok)
+            return std::nullopt;
+        napi_value lengthValue = getProperty(env, value, "byteLength");
+        const std::optional<double> bytes = toDouble(env, lengthValue);
+        length = bytes ? static_cast<size_t>(*bytes) : 0;
+    } else if (napi_is_dataview(env, value, &is) == napi_ok && is) {
+        napi_value buffer = nullptr;
+        size_t offset = 0;
+        if (napi_get_dataview_info(env, value, &length, &data, &buffer, &offset) != napi_ok)
+            return std::nullopt;
+    } else if (napi_is_arraybuffer(env, value, &is) == napi_ok && is) {
+        if (napi_get_arraybuffer_info(env, value, &data, &length) != napi_ok) return std::nullopt;
+    } else {
+        return std::nullopt;
+    }
+    if (data == nullptr || length == 0) return std::string();
+    return std::string(static_cast<const char*>(data), length);
+}
+
+napi_value getProperty(napi_env env, napi_value object, const char* key) {
+    if (!isObject(env, object) && !isFunction(env, object)) return nullptr;
+    napi_value value = nullptr;
+    if (napi_get_named_property(env, object, key, &value) != napi_ok) {
+        clearException(env);
+        return nullptr;
+    }
+    if (typeOf(env, value) == napi_undefined) return nullptr;
+    return value;
+}
+
+bool isObject(napi_env env, napi_value value) {
+    return typeOf(env, value) == napi_object;
+}
+
+bool isFunction(napi_env env, napi_value value) {
+    return typeOf(env, value) == napi_function;
+}
+
+napi_value undefined(napi_env env) {
+    napi_value result = nullptr;
+    napi_get_undefined(env, &result);
+    return result;
+}
+
+void throwLastError(napi_env env) {
+    bool pending = false;
+    if (napi_is_exception_pending(env, &pending) == napi_ok && pending) return;
+    const napi_extended_error_info* info = nullptr;
+    const char* message = "NAPI failed";
+    if (napi_get_last_error_info(env, &info) == napi_ok && info != nullptr &&
+        info->error_message != nullptr) {
+        message = info->error_message;
+    }
+    napi_throw_error(env, nullptr, message);
+}
+
+void clearException(napi_env env) {
+    bool pending = false;
+    if (napi_is_exception_pending(env, &pending) != napi_ok || !pending) return;
+    napi_value ignored = nullptr;
+    napi_get_and_clear_last_exception(env, &ignored);
+}
+
+bool postAsyncTask(napi_env env, std::function<void()> work, std::function<void(napi_env)> done) {
+    auto* task = new AsyncTask{std::move(work), std::move(done), nullptr};
+    napi_value name = nullptr;
+    if (napi_create_string_utf8(env, "ferritcore", NAPI_AUTO_LENGTH, &name) != napi_ok) {
+        delete task;
+        return false;
+    }
+    const napi_status status = napi_create_async_work(
+        env, nullptr, name,
+        [](napi_env, void* data) {
+            auto* t = static_cast<AsyncTask*>(data);
+            if (t->work) t->work();
+        },
+        [](napi_env env, napi_status, void* data) {
+            std::unique_ptr<AsyncTask> t(static_cast<AsyncTask*>(data));
+            napi_delete_async_work(env, t->handle);
+            if (t->done) {
+                t->done(env);
+                clearException(env);
+            }
+        },
+        task, &task->handle);
+    if (status != napi_ok) {
+        delete task;
+        return false;
+    }
+    if (napi_queue_async_work(env, task->handle) != napi_ok) {
+        napi_delete_async_work(env, task->handle);
+        delete task;
+        return false;
+    }
+    return true;
+}
+
+JSFunction::~JSFunction() {
+    if (tsfn_ != nullptr) napi_release_threadsafe_function(tsfn_, napi_tsfn_release);
+}
+
+bool JSFunction::call(ArgumentBuilder builder) {
+    auto* data = new ArgumentBuilder(std::move(builder));
+    if (napi_call_threadsafe_function(tsfn_, data, napi_tsfn_nonblocking) != napi_ok) {
+        delete data;
+        return false;
+    }
+    return true;
+}
+
+std::shared_ptr<JSFunction> toFunction(napi_env env, napi_value function) {
+    if (!isFunction(env, function)) return nullptr;
+    napi_value name = nullptr;
+    if (napi_create_string_utf8(env, "ferritcore.callback", NAPI_AUTO_LENGTH, &name) != napi_ok)
+        return nullptr;
+    std::shared_ptr<JSFunction> made(new JSFunction());
+    // The pending call keeps the loop alive until it has run, so a script awaiting it sees it.
+    if (napi_create_threadsafe_function(env, function, nullptr, name, 0, 1, nullptr, nullptr,
+                                        nullptr, callFunction, &made->tsfn_) != napi_ok) {
+        made->tsfn_ = nullptr;
+        clearException(env);
+        return nullptr;
+    }
+    return made;
+}
+
+std::shared_ptr<Bridge> Bridge::create(napi_env env, napi_value object) {
+    if (!isObject(env, object) && !isFunction(env, object)) return nullptr;
+    std::shared_ptr<Bridge> bridge(new Bridge());
+    bridge->env_ = env;
+    if (napi_create_reference(env, object, 1, &bridge->object_) != napi_ok) return nullptr;
+    napi_value name = nullptr;
+    if (napi_create_string_utf8(env, "ferritcore.bridge", NAPI_AUTO_LENGTH, &name) != napi_ok)
+        return nullptr;
+    if (napi_create_threadsafe_function(env, nullptr, nullptr, name, 0, 1, nullptr, nullptr,
+                                        nullptr, runTask, &bridge->tsfn_) != napi_ok) {
+        bridge->tsfn_ = nullptr;
+        return nullptr;
+    }
+    // The bridge lives as long as the process; it must not keep the host's loop alive by itself.
+    napi_unref_threadsafe_function(env, bridge->tsfn_);
+    return bridge;
+}
+
+Bridge::~Bridge() {
+    // Objects of the bridge live until the process ends; a bridge that failed half-way is the only
+    // one ever destroyed, on the script thread that made it.
+    if (tsfn_ != nullptr) napi_release_threadsafe_function(tsfn_, napi_tsfn_release);
+    if (object_ != nullptr) napi_delete_reference(env_, object_);
+}
+
+napi_value Bridge::invoke(const char* name, const std::vector<napi_value>& arguments) {
+    napi_value object = nullptr;
+    if (napi_get_reference_value(env_, object_, &object) != napi_ok || object == nullptr)
+        return nullptr;
+    napi_value method = getProperty(env_, object, name);
+    if (!isFunction(env_, method)) return nullptr;
+    napi_value result = nullptr;
+    if (napi_call_function(env_, object, method, arguments.size(), arguments.data(), &result) !=
+        napi_ok) {
+        clearException(env_);
+        return nullptr;
+    }
+    return result;
+}
+
+bool Bridge::postJSTask(std::function<void(napi_env)> task) {
+    auto* data = new Task{std::move(task)};
+    if (napi_call_threadsafe_function(tsfn_, data, napi_tsfn_nonblocking) != napi_ok) {
+        delete data;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace FerritCore::NAPI

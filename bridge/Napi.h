@@ -1,0 +1,103 @@
+// NAPI: the small helpers through which the bridge talks to the script engine. Every function
+// that takes a napi_env runs on that environment's script thread only; JavaScript values never
+// leave it. The exceptions are Bridge::postJSTask and JSFunction::call, which any thread may use.
+//
+// Readers answer "not there" (an empty optional, null) instead of raising: a value of the wrong
+// type is not an error. Only a failing conversion towards the script (making a string, an object)
+// raises the engine's error, through throwLastError.
+#pragma once
+
+#include <node_api.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace FerritCore::NAPI {
+
+// The call's arguments, at most `max` of them (fewer when the caller passed fewer).
+std::vector<napi_value> getArgs(napi_env env, napi_callback_info info, size_t max);
+
+// The string, or empty when the value is not a string.
+std::optional<std::string> toString(napi_env env, napi_value value);
+// A script string, or null with the engine's error raised.
+napi_value toString(napi_env env, std::string_view text);
+// The number cut to 32 bits (NaN and infinities read 0), or empty when it is not a number.
+std::optional<int32_t> toInt32(napi_env env, napi_value value);
+std::optional<double> toDouble(napi_env env, napi_value value);
+napi_value toInt32(napi_env env, int32_t number);
+napi_value toBool(napi_env env, bool value);
+// The bytes of a string (UTF-8), a Buffer, a typed array, a DataView or an ArrayBuffer; empty
+// for anything else.
+std::optional<std::string> toData(napi_env env, napi_value value);
+// The named property, or null when `object` is not an object, the property is undefined, or
+// reading it failed (an exception thrown by a getter is caught and dropped: the property is
+// taken as absent).
+napi_value getProperty(napi_env env, napi_value object, const char* key);
+bool isObject(napi_env env, napi_value value);
+bool isFunction(napi_env env, napi_value value);
+napi_value undefined(napi_env env);
+// Raises the environment's last error as a script exception, unless one is pending already.
+void throwLastError(napi_env env);
+// Drops a pending script exception, if any.
+void clearException(napi_env env);
+
+// Runs `work` on the engine's work pool and then, when given, `done` on the script thread.
+// False (and nothing runs) when the work could not be queued.
+bool postAsyncTask(napi_env env, std::function<void()> work,
+                   std::function<void(napi_env)> done = {});
+
+// Builds the arguments of a call on the script thread.
+using ArgumentBuilder = std::function<std::vector<napi_value>(napi_env env)>;
+
+// A script function that may be called from any thread; each call is carried out on the script
+// thread, where `builder` makes its arguments. Made with toFunction; the function is kept alive
+// until the last reference to this object goes.
+class JSFunction {
+  public:
+    ~JSFunction();
+    JSFunction(const JSFunction&) = delete;
+    JSFunction& operator=(const JSFunction&) = delete;
+    // False when the environment is going away; the builder then never runs.
+    bool call(ArgumentBuilder builder);
+
+  private:
+    friend std::shared_ptr<JSFunction> toFunction(napi_env env, napi_value function);
+    JSFunction() = default;
+
+    napi_threadsafe_function tsfn_ = nullptr;
+};
+
+// Null when `function` is not a function or the engine refuses.
+std::shared_ptr<JSFunction> toFunction(napi_env env, napi_value function);
+
+// The host's bridge object, kept by reference for the life of the process.
+class Bridge {
+  public:
+    // Null when `object` is not an object or the engine refuses.
+    static std::shared_ptr<Bridge> create(napi_env env, napi_value object);
+    ~Bridge();
+    Bridge(const Bridge&) = delete;
+    Bridge& operator=(const Bridge&) = delete;
+
+    napi_env env() const { return env_; }
+    // Script thread: calls the object's method `name`. Null when there is no such method or the
+    // call threw (the exception is dropped: the host's failure is not the caller's).
+    napi_value invoke(const char* name, const std::vector<napi_value>& arguments);
+    // Any thread: runs `task` on the script thread, later. False when the environment is going
+    // away; `task` then never runs.
+    bool postJSTask(std::function<void(napi_env)> task);
+
+  private:
+    Bridge() = default;
+
+    napi_env env_ = nullptr;
+    napi_ref object_ = nullptr;
+    napi_threadsafe_function tsfn_ = nullptr;
+};
+
+}  // namespace FerritCore::NAPI

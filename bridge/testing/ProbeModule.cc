@@ -1,0 +1,104 @@
+// A test-only module, ferritcore_probe.node, that shows what the bridge's decoders make of a
+// script value, so that the Node tests can check conversions the core never reports back (which
+// response headers a configuration request keeps, the two readings of "traceId"). Never shipped.
+#include <node_api.h>
+
+#include <iterator>
+#include <string>
+
+#include "bridge/BridgeProxy.h"
+#include "bridge/HostValues.h"
+#include "bridge/Napi.h"
+
+namespace FerritCore {
+namespace {
+
+void set(napi_env env, napi_value object, const char* key, napi_value value) {
+    if (value != nullptr) napi_set_named_property(env, object, key, value);
+}
+
+napi_value newObject(napi_env env) {
+    napi_value object = nullptr;
+    napi_create_object(env, &object);
+    return object;
+}
+
+napi_value headerObject(napi_env env, const HeaderMap& header) {
+    napi_value object = newObject(env);
+    for (const auto& [name, value] : header)
+        set(env, object, name.c_str(), NAPI::toString(env, value));
+    return object;
+}
+
+// (response, wantHeaders) -> {statusCode, header, content}
+napi_value decodeResponse(napi_env env, napi_callback_info info) {
+    const auto args = NAPI::getArgs(env, info, 2);
+    napi_value value = args.empty() ? NAPI::undefined(env) : args[0];
+    bool wantHeaders = false;
+    if (args.size() >= 2) napi_get_value_bool(env, args[1], &wantHeaders);
+    const ProxyResponse response = decodeProxyResponse(env, value, wantHeaders);
+    napi_value object = newObject(env);
+    set(env, object, "statusCode", NAPI::toInt32(env, response.statusCode));
+    set(env, object, "header", headerObject(env, response.header));
+    set(env, object, "content", NAPI::toString(env, response.content));
+    return object;
+}
+
+// (error) -> {code, message}
+napi_value decodeError(napi_env env, napi_callback_info info) {
+    const auto args = NAPI::getArgs(env, info, 1);
+    const Error error = decodeProxyError(env, args.empty() ? NAPI::undefined(env) : args[0]);
+    napi_value object = newObject(env);
+    set(env, object, "code", NAPI::toInt32(env, error.code()));
+    set(env, object, "message", NAPI::toString(env, error.message()));
+    return object;
+}
+
+// (request) -> {url, referrer, parentId, type, packName, packVersion, header}
+napi_value decodeResourceRequest(napi_env env, napi_callback_info info) {
+    const auto args = NAPI::getArgs(env, info, 1);
+    const ResourceRequest request =
+        decodeRequest(env, args.empty() ? NAPI::undefined(env) : args[0]);
+    napi_value object = newObject(env);
+    set(env, object, "url", NAPI::toString(env, request.url));
+    set(env, object, "referrer", NAPI::toString(env, request.referrer));
+    set(env, object, "parentId", NAPI::toString(env, request.parentId));
+    set(env, object, "type", NAPI::toInt32(env, request.type));
+    set(env, object, "packName", NAPI::toString(env, request.packName));
+    set(env, object, "packVersion", NAPI::toString(env, request.packVersion));
+    set(env, object, "header", headerObject(env, request.header()));
+    return object;
+}
+
+// (descriptor) -> {name, info, traceId, progressId}
+napi_value decodePack(napi_env env, napi_callback_info info) {
+    const auto args = NAPI::getArgs(env, info, 1);
+    const PackRequest request =
+        decodePackRequest(env, args.empty() ? NAPI::undefined(env) : args[0]);
+    napi_value object = newObject(env);
+    set(env, object, "name", NAPI::toString(env, request.name));
+    set(env, object, "info", NAPI::toString(env, request.info));
+    set(env, object, "traceId", NAPI::toString(env, request.traceId));
+    set(env, object, "progressId", NAPI::toInt32(env, static_cast<int32_t>(request.progressId)));
+    return object;
+}
+
+napi_value Init(napi_env env, napi_value exports) {
+    const napi_property_descriptor functions[] = {
+        {"decodeProxyResponse", nullptr, decodeResponse, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"decodeProxyError", nullptr, decodeError, nullptr, nullptr, nullptr, napi_default_method,
+         nullptr},
+        {"decodeRequest", nullptr, decodeResourceRequest, nullptr, nullptr, nullptr,
+         napi_default_method, nullptr},
+        {"decodePackRequest", nullptr, decodePack, nullptr, nullptr, nullptr, napi_default_method,
+         nullptr},
+    };
+    napi_define_properties(env, exports, std::size(functions), functions);
+    return exports;
+}
+
+}  // namespace
+}  // namespace FerritCore
+
+NAPI_MODULE(ferritcore_probe, FerritCore::Init)

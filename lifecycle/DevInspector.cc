@@ -1,0 +1,305 @@
+#include "lifecycle/DevInspector.h"
+
+#include <algorithm>
+#include <forward_list>
+#include <functional>
+#include <map>
+#include <vector>
+
+#include "access/Resource.h"
+#include "base/Environment.h"
+#include "base/Errors.h"
+#include "base/Folder.h"
+#include "base/LogTags.h"
+#include "base/Telemetry.h"
+#include "ferritcore/Access.h"
+#include "lifecycle/Setup.h"
+#include "marl/Clock.h"
+#include "marl/Log.h"
+#include "model/ResourceIndex.h"
+#include "model/SCache.h"
+#include "runtime/Settings.h"
+#include "runtime/TaskRunner.h"
+#include "runtime/TimeMarks.h"
+#include "storage/ConfigStore.h"
+#include "storage/PacksStore.h"
+#include "storage/Statistics.h"
+#include "update/UpdateConfig.h"
+
+namespace FerritCore {
+namespace {
+
+using MarlLogger::InspectorCommandContext;
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONObject;
+using Context = std::shared_ptr<InspectorCommandContext>;
+using Handler = std::function<void(const JSON& params, Context context)>;
+
+// The mark under which the time of the last clearing is kept across restarts.
+constexpr const char* kLastClearMark = "lastClear";
+
+// Every reply goes through here, so that a handler is a plain function of its parameters.
+void reply(const Context& context, bool success, JSON data = JSON(JSONObject())) {
+    if (success) {
+        context->callbackSuccess(std::move(data));
+    } else {
+        context->callbackFailed(std::move(data));
+    }
+}
+
+void replyError(const Context& context, const Error& error) {
+    reply(context, false, JSONObject{{"code", error.code()}, {"message", error.message()}});
+}
+
+// The folder where installed packs live on the disk, and, in this layout, the second root too.
+Folder packFolder() {
+    return Folder::disk("apps/");
+}
+
+uint64_t totalDiskSize() {
+    return ConfigStore::instance().diskSize() + PacksStore::instance().diskSize() +
+           packFolder().diskSize();
+}
+
+JSON countAndSize(uint64_t count, uint64_t size) {
+    return JSONObject{{"count", count}, {"size", size}};
+}
+
+JSON errorJSON(const Error& error) {
+    return JSONObject{{"code", error.code()}, {"message", error.message()}};
+}
+
+// ---- The handlers.
+
+void info(const JSON&, Context context) {
+    reply(context, true, Setup::statusReport());
+}
+
+void isEnabled(const JSON&, Context context) {
+    reply(context, true, JSONObject{{"enabled", !Environment::instance().isDisabledByDeveloper()}});
+}
+
+void setEnabled(const JSON& params, Context context) {
+    Environment::instance().setDeveloperDisabled(params["enabled"].boolValue() ? 0 : 1);
+    reply(context, true);
+}
+
+void config(const JSON&, Context context) {
+    reply(context, true, Settings::current()->toJSON());
+}
+
+void fconfig(const JSON&, Context context) {
+    reply(context, true, JSON::parse(SCache::current()->serialize()));
+}
+
+// The matcher's two tables: which pack each referrer URL names, and each pack's prefixes.
+void indexes(const JSON&, Context context) {
+    const FConfigPtr current = SCache::current();
+    std::map<std::string, JSON> urls;
+    for (const auto& [url, name] : current->urlIndex()) urls[url] = name;
+    std::map<std::string, JSON> prefixes;
+    for (const auto& [name, pack] : current->packs) {
+        for (const std::string& prefix : pack->prefixes) prefixes[prefix] = name;
+    }
+    reply(context, true, JSONObject{{"urlIndex", JSON(urls)}, {"prefixIndex", JSON(prefixes)}});
+}
+
+void statistics(const JSON&, Context context) {
+    reply(context, true, Statistics::dump());
+}
+
+void readDiskFileList(const JSON& params, Context context) {
+    const PackPtr pack = SCache::current()->find(params["packName"].stringViewValue());
+    if (!pack) {
+        reply(context, true);
+        return;
+    }
+    Folder::listFilesAsync(pack->installedFolder(), [context](std::forward_list<Folder> files) {
+        std::vector<std::string> paths;
+        for (const Folder& file : files) paths.push_back(file.describe());
+        std::sort(paths.begin(), paths.end());
+        reply(context, true, JSONObject{{"files", JSON(paths)}});
+    });
+}
+
+void getURLList(const JSON& params, Context context) {
+    const PackPtr pack = SCache::current()->find(params["packName"].stringViewValue());
+    if (!pack) {
+        reply(context, false, JSONObject{{"message", Errors::devToolConfigNotFound().message()}});
+        return;
+    }
+    const ResourceIndexPtr index = ResourceIndexPool::get(*pack);
+    if (!index || index->error()) {
+        const Error error = index ? index->error() : Errors::resourceListNotFound(pack->name);
+        reply(context, false, JSONObject{{"message", error.message()}});
+        return;
+    }
+    reply(context, true, JSONObject{{"urls", JSON(index->urls())}});
+}
+
+// What the matcher decides for a URL, without reading it.
+void getURLInfo(const JSON& params, Context context) {
+    HeaderMap header;
+    const std::string referrer = params["referrer"].stringValue();
+    const std::string accept = params["accept"].stringValue();
+    if (!referrer.empty()) header["Referer"] = referrer;
+    if (!accept.empty()) header["Accept"] = accept;
+    const ResourceRequest request(params["url"].stringValue(), header);
+    const std::shared_ptr<Resource> resource = Access::match(request, kPolicySync);
+    JSON parts = JSON(MarlLogger::json::JSONArray());
+    for (const auto& part : resource->parts) {
+        JSON entry = JSONObject{{"url", part->url}, {"name", part->name}};
+        if (part->error) entry.set("error", errorJSON(part->error));
+        parts.push(std::move(entry));
+    }
+    JSON report = JSONObject{{"url", request.url},
+                             {"referrer", request.referrer},
+                             {"accept", accept},
+                             {"isCombo", resource->isCombo},
+                             {"isSCacheHit", resource->isSCacheHit},
+                             {"is404", resource->is404},
+                             {"matchTime", resource->matchTime},
+                             {"parts", std::move(parts)}};
+    if (resource->error) report.set("error", errorJSON(resource->error));
+    reply(context, true, std::move(report));
+}
+
+void clearCommand(const JSON&, Context context) {
+    DevInspector::clear();
+    reply(context, true);
+}
+
+void update(const JSON&, Context context) {
+    UpdateConfig::instance().start(
+        kTriggerDebugTool, "0",
+        [context](const Error& error) {
+            if (error) {
+                replyError(context, error);
+            } else {
+                reply(context, true);
+            }
+        },
+        0);
+}
+
+void size(const JSON&, Context context) {
+    reply(context, true, DevInspector::sizeReport());
+}
+
+// Commands whose part is not in this build answer so, instead of inventing a result.
+Handler notAvailable(const char* command) {
+    return [command](const JSON&, Context context) {
+        replyError(context, Errors::devToolNotAvailable(command));
+    };
+}
+
+// The command table, built once.
+const std::vector<std::pair<const char*, Handler>>& commandTable() {
+    static const auto* const table = new std::vector<std::pair<const char*, Handler>>{
+        {"info", info},
+        {"isEnabled", isEnabled},
+        {"setEnabled", setEnabled},
+        {"config", config},
+        {"fconfig", fconfig},
+        {"indexes", indexes},
+        // Spelled so on purpose: tools call it by this name.
+        {"statisitcs", statistics},
+        {"readDiskFileList", readDiskFileList},
+        {"getURLList", getURLList},
+        {"getURLInfo", getURLInfo},
+        {"clear", clearCommand},
+        {"update", update},
+        {"cleanup", notAvailable("cleanup")},
+        {"previewPack", notAvailable("previewPack")},
+        {"size", size},
+        {"moduleCacheMeta", notAvailable("moduleCacheMeta")},
+    };
+    return *table;
+}
+
+}  // namespace
+
+void DevInspector::registerAgent() {
+    MarlLogger::Inspector::registerAgent(kAgentName, std::make_shared<DevInspector>());
+}
+
+void DevInspector::registerCommands() {
+    MarlLogger::Inspector::registerCommand(kPrefetchCommand,
+                                           [](const JSON& params, Context context) {
+                                               // The keys are the URLs, in the object's order;
+                                               // their values mean nothing.
+                                               std::vector<std::string> urls;
+                                               for (const auto& [key, value] : params.objectValue())
+                                                   urls.push_back(key);
+                                               Access::prefetch(urls);
+                                               reply(context, true);
+                                           });
+    for (const auto& [name, handler] : commandTable())
+        MarlLogger::Inspector::registerCommand(std::string(kCommandPrefix) + name, handler);
+}
+
+void DevInspector::clear() {
+    if (!Environment::instance().isMainProcess()) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kRoot)
+            .event("Clear")
+            .error(Errors::subProcessClearDisabled());
+        return;
+    }
+    PerfRecord record("Ferrit.CacheClear");
+    const double now = MRLCurrentTime();
+    const double last = TimeMarks::exchangeMark(kLastClearMark, now);
+    record.setMeasure("interval", last == 0 ? 0 : now - last);
+    record.setMeasure("originDiskSize", static_cast<double>(totalDiskSize()));
+
+    // An empty document, committed so that a restart does not bring the packs back.
+    SCache::publish(std::make_shared<FConfig>());
+    TaskRunner::post([] { SCache::commit(*SCache::current()); });
+    ResourceIndexPool::clear();
+    Folder::removeFile(packFolder(), true);
+    PacksStore::instance().removeByPrefix("");
+
+    record.setMeasure("time", MRLCurrentTime() - now);
+    record.setMeasure("diskSize", static_cast<double>(totalDiskSize()));
+    sendEvent(record);
+    MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRoot);
+    log.event("Clear", Environment::instance().sessionName());
+    logRecord(record, log);
+}
+
+JSON DevInspector::sizeReport() {
+    uint64_t ferritCount = 0, ferritSize = 0, scacheCount = 0, scacheSize = 0, appCount = 0,
+             appSize = 0;
+    const FConfigPtr current = SCache::current();
+    for (const auto& [name, pack] : current->packs) {
+        // Each pack counts once: applications first, then assets, then every other kind.
+        if (pack->packType() == kPackTypeACache) {
+            if (pack->isInstalled()) {
+                ++appCount;
+                appSize += pack->installedSize;
+            }
+        } else if (pack->packType() == kPackTypeSCache) {
+            if (pack->gray == 0) {
+                ++scacheCount;
+                scacheSize += pack->installedSize;
+            }
+        } else if (pack->isInstalled()) {
+            ++ferritCount;
+            ferritSize += pack->installedSize;
+        }
+    }
+    // The resource cache and the module caches are not part of this build: nothing is held there.
+    constexpr uint64_t kAbsent = 0;
+    JSON diskSize = JSONObject{{"small", kAbsent},
+                               {"large", kAbsent},
+                               {"config", ConfigStore::instance().diskSize()},
+                               {"Ferrit", PacksStore::instance().diskSize()},
+                               {"ACache", packFolder().diskSize()}};
+    return JSONObject{{"diskSize", std::move(diskSize)},
+                      {"ModuleCache", countAndSize(kAbsent, kAbsent)},
+                      {"UniApp", countAndSize(kAbsent, kAbsent)},
+                      {"Ferrit", countAndSize(ferritCount, ferritSize)},
+                      {"SCache", countAndSize(scacheCount, scacheSize)},
+                      {"ACache", countAndSize(appCount, appSize)}};
+}
+
+}  // namespace FerritCore

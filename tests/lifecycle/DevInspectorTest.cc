@@ -1,0 +1,262 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "base/Environment.h"
+#include "base/Folder.h"
+#include "ferritcore/Access.h"
+#include "lifecycle/DevInspector.h"
+#include "lifecycle/Setup.h"
+#include "marl/Clock.h"
+#include "marl/Inspector.h"
+#include "marl/Log.h"
+#include "model/SCache.h"
+#include "runtime/Settings.h"
+#include "runtime/TaskRunner.h"
+#include "tests/FakeProxy.h"
+#include "tests/TestUtil.h"
+
+namespace FerritTest {
+namespace {
+
+using namespace FerritCore;
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONObject;
+
+const char* kConfigUrl = "https://cfg.test/fconfig/key/1.0/0~0/~";
+const char* kAppUrl = "https://h.com/app/app.js";
+const char* kBody = "console.log('inspected');";
+
+struct Reply {
+    bool answered = false;
+    bool success = false;
+    JSON data;
+};
+
+class DevInspectorTest : public ProcessTest {
+  protected:
+    void SetUp() override {
+        ProcessTest::SetUp();
+        HostDefaults defaults;
+        defaults.configPrefix = "https://cfg.test/";
+        Settings::setDefaults(defaults);
+        proxy_ = std::make_shared<FakeProxy>();
+        proxy_->serve(kConfigUrl, 200, FakeProxy::sign(R"({"v":"1700000000000"})"));
+        Setup::setProxy(proxy_, temp_.root());
+        Setup::setup("key", "1.0", 1);
+        TaskRunner::runDue();
+    }
+
+    Reply send(const std::string& command, JSON params = JSON(JSONObject())) {
+        Reply reply;
+        const bool known = MarlLogger::Inspector::sendCommand(
+            command, params, [&reply](bool success, const JSON& data) {
+                reply.answered = true;
+                reply.success = success;
+                reply.data = data;
+            });
+        EXPECT_TRUE(known) << command;
+        return reply;
+    }
+
+    // One pack "app" of the incremental kind, installed at 3 under "apps/", serving kAppUrl.
+    void installApp() {
+        auto pack = std::make_shared<Pack>();
+        pack->name = "app";
+        pack->flags = kPackTypeFerrit;
+        pack->seq = 3;
+        pack->installedSeq = 3;
+        pack->installedSize = 1000;
+        pack->prefixes = {"https://h.com/app/"};
+        pack->updateTime = MRLCurrentTime();
+        SCache::mutate([&](FConfig& config) {
+            config.version = "42";
+            config.lastUpdate = MRLCurrentTime();
+            config.put(pack);
+        });
+        TaskRunner::runDue();
+        JSON table;
+        JSON entry;
+        entry.set("url", kAppUrl);
+        entry.set("v", "0123456789abcdef0123456789abcdef");
+        table.set("res/app.js", entry);
+        writeFile("apps/app/3/app-res.hvc", FakeProxy::signIndex(table.toString()));
+        writeFile("apps/app/3/res/app.js", kBody);
+    }
+
+    void writeFile(const std::string& relative, const std::string& content) {
+        const std::filesystem::path path = temp_.path() / relative;
+        std::filesystem::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << content;
+    }
+
+    MarlLogger::ScopedManualClock clock_;
+    MarlLogger::ScopedCapture logs_;
+    std::shared_ptr<FakeProxy> proxy_;
+};
+
+TEST_F(DevInspectorTest, AgentRegistersPrefetchAndSixteenCommands) {
+    const std::vector<std::string> commands = MarlLogger::Inspector::commands();
+    EXPECT_EQ(commands.size(), 17u);
+    EXPECT_NE(std::find(commands.begin(), commands.end(), "Ferrit.prefetch"), commands.end());
+    EXPECT_NE(std::find(commands.begin(), commands.end(), "FerritDev.statisitcs"), commands.end());
+}
+
+TEST_F(DevInspectorTest, SetEnabledFalseMakesNextRequestFailWith3003) {
+    installApp();
+    EXPECT_FALSE(Access::getResource(ResourceRequest(kAppUrl, ""))->error);
+    Reply reply = send("FerritDev.setEnabled", JSONObject{{"enabled", false}});
+    EXPECT_TRUE(reply.success);
+    auto response = Access::getResource(ResourceRequest(kAppUrl, ""));
+    EXPECT_EQ(response->error.code(), 3003);
+    EXPECT_EQ(response->error.message(), "Ferrit disabled by develop tool");
+    EXPECT_EQ(send("FerritDev.isEnabled").data, JSON(JSONObject{{"enabled", false}}));
+    send("FerritDev.setEnabled", JSONObject{{"enabled", true}});
+    EXPECT_EQ(send("FerritDev.isEnabled").data, JSON(JSONObject{{"enabled", true}}));
+    response = Access::getResource(ResourceRequest(kAppUrl, ""));
+    EXPECT_FALSE(response->error);
+    EXPECT_EQ(response->data, kBody);
+}
+
+TEST_F(DevInspectorTest, GetURLListOfUnknownPackFailsWhileReadDiskFileListAnswersEmpty) {
+    Reply list = send("FerritDev.getURLList", JSONObject{{"packName", "none"}});
+    EXPECT_TRUE(list.answered);
+    EXPECT_FALSE(list.success);
+    EXPECT_EQ(list.data["message"].stringValue(), "未找到配置");
+    Reply files = send("FerritDev.readDiskFileList", JSONObject{{"packName", "none"}});
+    EXPECT_TRUE(files.success);
+    EXPECT_EQ(files.data, JSON(JSONObject()));
+}
+
+TEST_F(DevInspectorTest, GetURLListAndFilesOfInstalledPack) {
+    installApp();
+    Reply list = send("FerritDev.getURLList", JSONObject{{"packName", "app"}});
+    EXPECT_TRUE(list.success);
+    EXPECT_EQ(list.data["urls"], JSON(std::vector<std::string>{kAppUrl}));
+    Reply files = send("FerritDev.readDiskFileList", JSONObject{{"packName", "app"}});
+    EXPECT_TRUE(files.success);
+    EXPECT_EQ(files.data["files"].size(), 2u);
+}
+
+TEST_F(DevInspectorTest, GetURLInfoReportsTheMatchWithoutReading) {
+    installApp();
+    Reply info = send("FerritDev.getURLInfo",
+                      JSONObject{{"url", kAppUrl}, {"referrer", ""}, {"accept", "*/*"}});
+    EXPECT_TRUE(info.success);
+    EXPECT_TRUE(info.data["error"].isNull()) << info.data.toString();
+    EXPECT_EQ(info.data["parts"].size(), 1u);
+    EXPECT_NE(info.data["parts"][size_t{0}]["name"].stringValue().find("app@3"), std::string::npos);
+    Reply miss = send("FerritDev.getURLInfo", JSONObject{{"url", "https://x.com/a.js"}});
+    EXPECT_EQ(miss.data["error"]["code"].int32Value(), 3001);
+}
+
+TEST_F(DevInspectorTest, ClearInSubProcessDoesNothingButLog) {
+    installApp();
+    Environment::instance().setMainProcess(false);
+    EXPECT_TRUE(send("FerritDev.clear").success);
+    EXPECT_NE(SCache::current()->find("app"), nullptr);
+    EXPECT_TRUE(std::filesystem::exists(temp_.path() / "apps/app/3/res/app.js"));
+    EXPECT_TRUE(proxy_->named("Ferrit.CacheClear").empty());
+    auto entry = logs_->last("Clear", "Ferrit");
+    EXPECT_EQ(entry.errorCode, "2004");
+    EXPECT_EQ(entry.errorMessage, "sub process clear disabled");
+}
+
+TEST_F(DevInspectorTest, ClearEmptiesPacksAndRecordsIt) {
+    installApp();
+    EXPECT_TRUE(send("FerritDev.clear").success);
+    TaskRunner::runDue();
+    EXPECT_TRUE(SCache::current()->packs.empty());
+    EXPECT_FALSE(std::filesystem::exists(temp_.path() / "apps/app"));
+    EXPECT_TRUE(std::filesystem::is_directory(temp_.path() / "apps"));
+    EXPECT_EQ(Access::getResource(ResourceRequest(kAppUrl, ""))->error.code(), 3001);
+    const auto records = proxy_->named("Ferrit.CacheClear");
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].measures.at("interval"), 0.0);
+    EXPECT_GT(records[0].measures.at("originDiskSize"), 0.0);
+    EXPECT_TRUE(logs_->last("Clear", "Ferrit").has("diskSize"));
+}
+
+TEST_F(DevInspectorTest, SecondClearHasPositiveInterval) {
+    send("FerritDev.clear");
+    clock_->advance(5000);
+    send("FerritDev.clear");
+    const auto records = proxy_->named("Ferrit.CacheClear");
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].measures.at("interval"), 0.0);
+    EXPECT_EQ(records[1].measures.at("interval"), 5000.0);
+}
+
+TEST_F(DevInspectorTest, SizeReportCountsPacksOnceByType) {
+    installApp();
+    SCache::mutate([](FConfig& config) {
+        auto asset = std::make_shared<Pack>();
+        asset->name = "kit";
+        asset->flags = kPackTypeSCache;
+        asset->seq = 1;
+        asset->installedSize = 7;
+        config.put(asset);
+        auto app = std::make_shared<Pack>();
+        app->name = "whole";
+        app->flags = kPackTypeACache;
+        app->seq = 2;
+        app->installedSeq = 2;
+        app->installedSize = 50;
+        config.put(app);
+    });
+    Reply size = send("FerritDev.size");
+    EXPECT_TRUE(size.success);
+    EXPECT_EQ(size.data["Ferrit"], JSON(JSONObject{{"count", 1}, {"size", 1000}}));
+    EXPECT_EQ(size.data["SCache"], JSON(JSONObject{{"count", 1}, {"size", 7}}));
+    EXPECT_EQ(size.data["ACache"], JSON(JSONObject{{"count", 1}, {"size", 50}}));
+    EXPECT_GT(size.data["diskSize"]["ACache"].uint64Value(), 0u);
+    EXPECT_TRUE(size.data["diskSize"].objectValue().find("config") != nullptr);
+}
+
+TEST_F(DevInspectorTest, UpdateAnswersWhenTheRunFinishes) {
+    proxy_->serve(kConfigUrl, 200, FakeProxy::sign(R"({"v":"1700000000001"})"));
+    Reply reply = send("FerritDev.update");
+    EXPECT_FALSE(reply.answered);
+    TaskRunner::runDue();
+    EXPECT_TRUE(reply.answered);
+    EXPECT_TRUE(reply.success) << reply.data.toString();
+}
+
+TEST_F(DevInspectorTest, CommandsWaitingForTheirPartsAnswerSo) {
+    for (const char* command :
+         {"FerritDev.cleanup", "FerritDev.previewPack", "FerritDev.moduleCacheMeta"}) {
+        Reply reply = send(command);
+        EXPECT_FALSE(reply.success) << command;
+        EXPECT_EQ(reply.data["code"].int32Value(), 9996);
+    }
+}
+
+TEST_F(DevInspectorTest, PrefetchTakesTheKeysAsUrls) {
+    Reply reply =
+        send("Ferrit.prefetch", JSONObject{{"https://h.com/a.js", 1}, {"https://h.com/b.js", 0}});
+    EXPECT_TRUE(reply.success);
+    EXPECT_EQ(logs_->last("prefetch").field("count").uint64Value(), 2u);
+}
+
+TEST_F(DevInspectorTest, DumpsAnswerWithDocuments) {
+    installApp();
+    EXPECT_EQ(send("FerritDev.fconfig").data["v"].stringValue(), "42");
+    EXPECT_TRUE(send("FerritDev.config").data.isObject());
+    EXPECT_EQ(send("FerritDev.indexes").data["prefixIndex"]["https://h.com/app/"].stringValue(),
+              "app");
+    Access::getResource(ResourceRequest(kAppUrl, ""))->setFinished(Error());
+    EXPECT_TRUE(send("FerritDev.statisitcs").data.isObject());
+    EXPECT_EQ(send("FerritDev.info").data["process"].stringValue(), "main");
+}
+
+TEST_F(DevInspectorTest, SubProcessRegistersNoAgent) {
+    ProcessState::resetForTesting();
+    setRootPath(temp_.root());
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setupSubProcess();
+    EXPECT_TRUE(MarlLogger::Inspector::commands().empty());
+}
+
+}  // namespace
+}  // namespace FerritTest
