@@ -124,8 +124,8 @@ test('ModuleTest.UpdatePackAnswersThroughTheCallback', async () => {
     native.updatePackNative({ name: 'shop', progressId: 3 }, (...args) => resolve(args));
   });
   assert.equal(name, 'shop');
-  // Without the pack scheduler in this build, updates answer "update disabled".
-  assert.equal(error.code, 2003);
+  // The update goes to the pack install, which knows no record of that name.
+  assert.equal(error.code, 3201);
   assert.equal(native.updatePackNative({ name: 'shop' }), undefined);
 });
 
