@@ -1,5 +1,7 @@
 #include "bridge/BridgeProxy.h"
 
+#include "bridge/HostValues.h"
+
 #include <charconv>
 
 #include "base/AssetProvider.h"
@@ -163,24 +165,7 @@ ProxyResponse decodeProxyResponse(napi_env env, napi_value value, bool wantHeade
     napi_value header = NAPI::getProperty(env, value, "header");
     if (NAPI::isObject(env, header)) {
         if (wantHeaders) {
-            napi_value names = nullptr;
-            uint32_t count = 0;
-            if (napi_get_property_names(env, header, &names) == napi_ok &&
-                napi_get_array_length(env, names, &count) == napi_ok) {
-                for (uint32_t i = 0; i < count; ++i) {
-                    napi_value name = nullptr;
-                    if (napi_get_element(env, names, i, &name) != napi_ok) {
-                        NAPI::clearException(env);
-                        continue;
-                    }
-                    std::optional<std::string> key = NAPI::toString(env, name);
-                    if (!key) continue;
-                    if (std::optional<std::string> text =
-                            NAPI::toString(env, NAPI::getProperty(env, header, key->c_str())))
-                        response.header[*key] = std::move(*text);
-                }
-            }
-            NAPI::clearException(env);
+            response.header = readStringMembers(env, header);
         } else if (std::optional<std::string> length =
                        NAPI::toString(env, NAPI::getProperty(env, header, "content-length"));
                    length && !length->empty()) {

@@ -6,9 +6,6 @@
 #include "base/Errors.h"
 
 namespace FerritCore {
-namespace {
-
-// The string members of `object`; members of other types are left out.
 HeaderMap readStringMembers(napi_env env, napi_value object) {
     HeaderMap map;
     if (!NAPI::isObject(env, object)) return map;
@@ -33,6 +30,8 @@ HeaderMap readStringMembers(napi_env env, napi_value object) {
     }
     return map;
 }
+
+namespace {
 
 std::string readString(napi_env env, napi_value object, const char* key) {
     return NAPI::toString(env, NAPI::getProperty(env, object, key)).value_or(std::string());

@@ -15,6 +15,10 @@
 
 namespace FerritCore {
 
+// The string members of `object` (a header object of the host); members of other types are left
+// out. Any thread that owns `env`.
+HeaderMap readStringMembers(napi_env env, napi_value object);
+
 // The host's request object: "url" ("" when absent), "header" (string members; "Referer" is also
 // the referrer), "traceId" read twice, as text for the trace and as a number for the type (so a
 // host that wants a UniApp request sends a number and has no trace id), "packName",
