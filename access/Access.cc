@@ -50,6 +50,14 @@ class MatchLog {
                               : MarlLogger::MRLLevelInfo;
         MarlLogger::LogBuilder log(level, resource_.logTag);
         if (!log.active()) return;
+        appendRequest(log);
+        log.append("match", how);
+        if (!part.name.empty()) log.append("name", part.name);
+        if (part.error) log.error(part.error);
+        log.append("matchTime", resource_.matchTime);
+    }
+    // What every "match" line says of the request, before what the match found.
+    void appendRequest(MarlLogger::LogBuilder& log) const {
         log.event("match", request_.parentId)
             .id(resource_.context->traceId())
             .append("url", request_.url)
@@ -59,25 +67,13 @@ class MatchLog {
         if (request_.isUniApp())
             log.append("UniApp", request_.packName).append("UniAppVersion", request_.packVersion);
         for (const auto& [key, value] : extra_) log.append(key, value);
-        log.append("match", how);
-        if (!part.name.empty()) log.append("name", part.name);
-        if (part.error) log.error(part.error);
-        log.append("matchTime", resource_.matchTime);
     }
     // The end of a match whose answer is several parts: no single name or error to tell.
     void finishCombo() {
         if (!active_) return;
         MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource_.logTag);
         if (!log.active()) return;
-        log.event("match", request_.parentId)
-            .id(resource_.context->traceId())
-            .append("url", request_.url)
-            .append("referrer", request_.referrer)
-            .append("accept", resource_.context->accept());
-        if (policy_ == kPolicyAsync) log.append("policy", "async");
-        if (request_.isUniApp())
-            log.append("UniApp", request_.packName).append("UniAppVersion", request_.packVersion);
-        for (const auto& [key, value] : extra_) log.append(key, value);
+        appendRequest(log);
         log.append("match", "COMBO").append("matchTime", resource_.matchTime);
     }
 
