@@ -49,13 +49,16 @@ test('MemoryTest.HundredThousandHitsWithDroppedBuffersKeepMemoryFlat', async (t)
   const middle = await settle();
   await round(CALLS);
   const after = await settle();
-  const grown = after - before;
   console.log(`rss after warming ${before}, after ${CALLS} calls ${middle}, after ${2 * CALLS} calls ${after}`);
-  // A response kept per call would hold 3.2 GB here, and a kilobyte per call 200 MB; what is left
-  // is the allocator's and the engine's noise, which other test processes running beside this one
-  // make larger.
   // Under ASan freed memory waits in the sanitizer's quarantine, so resident memory says nothing
   // there; the run still shows that every finaliser frees a live response exactly once.
   if (process.env.FERRIT_SANITIZED) return;
-  assert.ok(grown < 48 * 1024 * 1024, `resident memory grew by ${grown} bytes`);
+  // Flat means the second round of calls adds nothing the first did not: a response kept per call
+  // would add 1.6 GB per round, and two hundred bytes per call 20 MB. The first round may still
+  // grow the allocator's arenas and the engine's heap, more so while other test processes share
+  // the machine, so it is only held to a loose bound that a kept response would break at once.
+  const steady = after - middle;
+  const total = after - before;
+  assert.ok(steady < 16 * 1024 * 1024, `resident memory grew by ${steady} bytes in the second round`);
+  assert.ok(total < 160 * 1024 * 1024, `resident memory grew by ${total} bytes over both rounds`);
 });
