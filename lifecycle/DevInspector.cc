@@ -21,9 +21,12 @@
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "runtime/TimeMarks.h"
+#include "storage/Cache.h"
 #include "storage/ConfigStore.h"
+#include "storage/ModuleCache.h"
 #include "storage/PacksStore.h"
 #include "storage/Statistics.h"
+#include "storage/UniApp.h"
 #include "update/UpdateConfig.h"
 
 namespace FerritCore {
@@ -57,8 +60,8 @@ Folder packFolder() {
 }
 
 uint64_t totalDiskSize() {
-    return ConfigStore::instance().diskSize() + PacksStore::instance().diskSize() +
-           packFolder().diskSize();
+    return ConfigStore::instance().diskSize() + Cache::instance().diskSize() +
+           PacksStore::instance().diskSize() + packFolder().diskSize();
 }
 
 JSON countAndSize(uint64_t count, uint64_t size) {
@@ -186,6 +189,17 @@ void size(const JSON&, Context context) {
     reply(context, true, DevInspector::sizeReport());
 }
 
+// The module cache's list as it is kept, with its limits: what stays and in which order.
+void moduleCacheMeta(const JSON&, Context context) {
+    HotList& list = ModuleCache::instance().list();
+    JSON dump = list.toJSON();
+    dump.set("count", list.count());
+    dump.set("size", list.totalSize());
+    dump.set("maxSize", list.maxSize());
+    dump.set("hotCount", list.hotCount());
+    reply(context, true, std::move(dump));
+}
+
 // Commands whose part is not in this build answer so, instead of inventing a result.
 Handler notAvailable(const char* command) {
     return [command](const JSON&, Context context) {
@@ -212,7 +226,7 @@ const std::vector<std::pair<const char*, Handler>>& commandTable() {
         {"cleanup", notAvailable("cleanup")},
         {"previewPack", notAvailable("previewPack")},
         {"size", size},
-        {"moduleCacheMeta", notAvailable("moduleCacheMeta")},
+        {"moduleCacheMeta", moduleCacheMeta},
     };
     return *table;
 }
@@ -257,6 +271,7 @@ void DevInspector::clear() {
     ResourceIndexPool::clear();
     Folder::removeFile(packFolder(), true);
     PacksStore::instance().removeByPrefix("");
+    Cache::instance().clear();
 
     record.setMeasure("time", MRLCurrentTime() - now);
     record.setMeasure("diskSize", static_cast<double>(totalDiskSize()));
@@ -287,19 +302,22 @@ JSON DevInspector::sizeReport() {
             ferritSize += pack->installedSize;
         }
     }
-    // The resource cache and the module caches are not part of this build: nothing is held there.
-    constexpr uint64_t kAbsent = 0;
-    JSON diskSize = JSONObject{{"small", kAbsent},
-                               {"large", kAbsent},
+    Cache& cache = Cache::instance();
+    ModuleCache& modules = ModuleCache::instance();
+    UniApp& uniApp = UniApp::instance();
+    // The database alone: the large files are told apart.
+    JSON diskSize = JSONObject{{"small", cache.Store::diskSize()},
+                               {"large", cache.largeDiskSize()},
                                {"config", ConfigStore::instance().diskSize()},
                                {"Ferrit", PacksStore::instance().diskSize()},
                                {"ACache", packFolder().diskSize()}};
-    return JSONObject{{"diskSize", std::move(diskSize)},
-                      {"ModuleCache", countAndSize(kAbsent, kAbsent)},
-                      {"UniApp", countAndSize(kAbsent, kAbsent)},
-                      {"Ferrit", countAndSize(ferritCount, ferritSize)},
-                      {"SCache", countAndSize(scacheCount, scacheSize)},
-                      {"ACache", countAndSize(appCount, appSize)}};
+    return JSONObject{
+        {"diskSize", std::move(diskSize)},
+        {"ModuleCache", countAndSize(modules.count(), static_cast<uint64_t>(modules.size()))},
+        {"UniApp", countAndSize(uniApp.count(), static_cast<uint64_t>(uniApp.size()))},
+        {"Ferrit", countAndSize(ferritCount, ferritSize)},
+        {"SCache", countAndSize(scacheCount, scacheSize)},
+        {"ACache", countAndSize(appCount, appSize)}};
 }
 
 }  // namespace FerritCore

@@ -139,9 +139,15 @@ test('HostTest.ServesAPackAndAnswersTheInspector', async (t) => {
   });
 
   await t.test('CommandsWaitingForTheirPartsSaySo', async () => {
-    for (const command of ['cleanup', 'previewPack', 'moduleCacheMeta']) {
+    for (const command of ['cleanup', 'previewPack']) {
       await assert.rejects(ferrit.inspect('FerritDev.' + command), (error) => error.code === 9996);
     }
+  });
+
+  await t.test('ModuleCacheMetaAnswersWithTheList', async () => {
+    const meta = await ferrit.inspect('FerritDev.moduleCacheMeta');
+    assert.ok(Array.isArray(meta.nodes));
+    assert.equal(meta.count, meta.nodes.length);
   });
 
   await t.test('ClearEmptiesThePacks', async () => {

@@ -14,6 +14,9 @@
 #include "model/SCache.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "storage/Cache.h"
+#include "storage/ModuleCache.h"
+#include "storage/UniApp.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
 
@@ -224,12 +227,61 @@ TEST_F(DevInspectorTest, UpdateAnswersWhenTheRunFinishes) {
 }
 
 TEST_F(DevInspectorTest, CommandsWaitingForTheirPartsAnswerSo) {
-    for (const char* command :
-         {"FerritDev.cleanup", "FerritDev.previewPack", "FerritDev.moduleCacheMeta"}) {
+    for (const char* command : {"FerritDev.cleanup", "FerritDev.previewPack"}) {
         Reply reply = send(command);
         EXPECT_FALSE(reply.success) << command;
         EXPECT_EQ(reply.data["code"].int32Value(), 9996);
     }
+}
+
+// A module file stored the way a fetched one is, fresh for a long while.
+CachedResource freshModule(size_t size) {
+    CachedResource resource;
+    resource.body = std::string(size, 'm');
+    resource.md5 = "m";
+    resource.expires = MRLCurrentTime() + 3600e3;
+    return resource;
+}
+
+TEST_F(DevInspectorTest, SizeReportCountsTheCachesAndTheirDatabase) {
+    Error error;
+    ASSERT_TRUE(ModuleCache::instance().update("h.com/m/a.js", freshModule(300), error))
+        << error.message();
+    ASSERT_TRUE(ModuleCache::instance().update("h.com/m/b.js", freshModule(200), error))
+        << error.message();
+    ASSERT_TRUE(UniApp::instance().update("h.com/u/c.js", freshModule(40), error))
+        << error.message();
+    Reply size = send("FerritDev.size");
+    ASSERT_TRUE(size.success);
+    EXPECT_EQ(size.data["ModuleCache"], JSON(JSONObject{{"count", 2}, {"size", 500}}));
+    EXPECT_EQ(size.data["UniApp"], JSON(JSONObject{{"count", 1}, {"size", 40}}));
+    EXPECT_GT(size.data["diskSize"]["small"].uint64Value(), 0u);
+    // Nothing was large enough for a file of its own.
+    EXPECT_EQ(size.data["diskSize"]["large"].uint64Value(), 0u);
+}
+
+TEST_F(DevInspectorTest, ModuleCacheMetaDumpsTheListInItsOrder) {
+    Error error;
+    ASSERT_TRUE(ModuleCache::instance().update("h.com/m/a.js", freshModule(300), error));
+    ASSERT_TRUE(ModuleCache::instance().update("h.com/m/b.js", freshModule(200), error));
+    Reply meta = send("FerritDev.moduleCacheMeta");
+    ASSERT_TRUE(meta.success);
+    EXPECT_EQ(meta.data["count"].uint64Value(), 2u);
+    EXPECT_EQ(meta.data["size"].int64Value(), 500);
+    ASSERT_EQ(meta.data["nodes"].size(), 2u);
+    // The newest joins at the front.
+    EXPECT_EQ(meta.data["nodes"][size_t{0}]["k"].stringValue(), "h.com/m/b.js");
+    EXPECT_EQ(meta.data["nodes"][size_t{1}]["s"].int64Value(), 300);
+}
+
+TEST_F(DevInspectorTest, ClearEmptiesTheContentCacheAndModuleCache) {
+    Error error;
+    ASSERT_TRUE(ModuleCache::instance().update("h.com/m/a.js", freshModule(300), error));
+    ASSERT_EQ(Cache::instance().entryCount(), 1u);
+    EXPECT_TRUE(send("FerritDev.clear").success);
+    EXPECT_EQ(Cache::instance().entryCount(), 0u);
+    EXPECT_EQ(ModuleCache::instance().count(), 0u);
+    EXPECT_EQ(Cache::instance().read("h.com/m/a.js", "ModuleCache", error), nullptr);
 }
 
 TEST_F(DevInspectorTest, PrefetchTakesTheKeysAsUrls) {
