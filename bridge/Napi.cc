@@ -58,6 +58,11 @@ std::vector<napi_value> getArgs(napi_env env, napi_callback_info info, size_t ma
     return args;
 }
 
+napi_value firstArg(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = getArgs(env, info, 1);
+    return args.empty() ? undefined(env) : args[0];
+}
+
 std::optional<std::string> toString(napi_env env, napi_value value) {
     if (typeOf(env, value) != napi_string) return std::nullopt;
     size_t length = 0;

@@ -21,6 +21,12 @@ namespace FerritCore::NAPI {
 
 // The call's arguments, at most `max` of them (fewer when the caller passed fewer).
 std::vector<napi_value> getArgs(napi_env env, napi_callback_info info, size_t max);
+// The first argument of a call, or undefined when there is none.
+napi_value firstArg(napi_env env, napi_callback_info info);
+// A plain method property: what a module's exports table is made of.
+constexpr napi_property_descriptor method(const char* name, napi_callback callback) {
+    return {name, nullptr, callback, nullptr, nullptr, nullptr, napi_default_method, nullptr};
+}
 
 // The string, or empty when the value is not a string.
 std::optional<std::string> toString(napi_env env, napi_value value);

@@ -46,8 +46,7 @@ napi_value decodeResponse(napi_env env, napi_callback_info info) {
 
 // (error) -> {code, message}
 napi_value decodeError(napi_env env, napi_callback_info info) {
-    const auto args = NAPI::getArgs(env, info, 1);
-    const Error error = decodeProxyError(env, args.empty() ? NAPI::undefined(env) : args[0]);
+    const Error error = decodeProxyError(env, NAPI::firstArg(env, info));
     napi_value object = newObject(env);
     set(env, object, "code", NAPI::toInt32(env, error.code()));
     set(env, object, "message", NAPI::toString(env, error.message()));
@@ -56,9 +55,7 @@ napi_value decodeError(napi_env env, napi_callback_info info) {
 
 // (request) -> {url, referrer, parentId, type, packName, packVersion, header}
 napi_value decodeResourceRequest(napi_env env, napi_callback_info info) {
-    const auto args = NAPI::getArgs(env, info, 1);
-    const ResourceRequest request =
-        decodeRequest(env, args.empty() ? NAPI::undefined(env) : args[0]);
+    const ResourceRequest request = decodeRequest(env, NAPI::firstArg(env, info));
     napi_value object = newObject(env);
     set(env, object, "url", NAPI::toString(env, request.url));
     set(env, object, "referrer", NAPI::toString(env, request.referrer));
@@ -72,9 +69,7 @@ napi_value decodeResourceRequest(napi_env env, napi_callback_info info) {
 
 // (descriptor) -> {name, info, traceId, progressId}
 napi_value decodePack(napi_env env, napi_callback_info info) {
-    const auto args = NAPI::getArgs(env, info, 1);
-    const PackRequest request =
-        decodePackRequest(env, args.empty() ? NAPI::undefined(env) : args[0]);
+    const PackRequest request = decodePackRequest(env, NAPI::firstArg(env, info));
     napi_value object = newObject(env);
     set(env, object, "name", NAPI::toString(env, request.name));
     set(env, object, "info", NAPI::toString(env, request.info));
@@ -85,14 +80,10 @@ napi_value decodePack(napi_env env, napi_callback_info info) {
 
 napi_value Init(napi_env env, napi_value exports) {
     const napi_property_descriptor functions[] = {
-        {"decodeProxyResponse", nullptr, decodeResponse, nullptr, nullptr, nullptr,
-         napi_default_method, nullptr},
-        {"decodeProxyError", nullptr, decodeError, nullptr, nullptr, nullptr, napi_default_method,
-         nullptr},
-        {"decodeRequest", nullptr, decodeResourceRequest, nullptr, nullptr, nullptr,
-         napi_default_method, nullptr},
-        {"decodePackRequest", nullptr, decodePack, nullptr, nullptr, nullptr, napi_default_method,
-         nullptr},
+        NAPI::method("decodeProxyResponse", decodeResponse),
+        NAPI::method("decodeProxyError", decodeError),
+        NAPI::method("decodeRequest", decodeResourceRequest),
+        NAPI::method("decodePackRequest", decodePack),
     };
     napi_define_properties(env, exports, std::size(functions), functions);
     return exports;
