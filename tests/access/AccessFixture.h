@@ -18,6 +18,7 @@
 #include "base/PackedFiles.h"
 #include "base/Proxy.h"
 #include "base/Telemetry.h"
+#include "ferritcore/Access.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
@@ -86,6 +87,19 @@ class AccessFixture : public ProcessTest {
         p->referrers = std::move(referrers);
         p->updateTime = MRLCurrentTime();
         return p;
+    }
+
+    // The asynchronous form, as far as it goes without the worker: the answer, or null when none
+    // came yet. An answer never comes twice.
+    static std::unique_ptr<ResourceResponse> getAsync(const ResourceRequest& request) {
+        std::unique_ptr<ResourceResponse> got;
+        int calls = 0;
+        Access::getResource(request, [&](std::unique_ptr<ResourceResponse> r) {
+            ++calls;
+            got = std::move(r);
+        });
+        EXPECT_LE(calls, 1);
+        return got;
     }
 
     static void install(std::vector<std::shared_ptr<Pack>> packs, double lastUpdate = 0) {

@@ -52,17 +52,6 @@ class ReadFlowTest : public AccessFixture {
         ResourceIndexPool::set(name, index);
     }
 
-    std::unique_ptr<ResourceResponse> getAsync(const ResourceRequest& request) {
-        std::unique_ptr<ResourceResponse> got;
-        int calls = 0;
-        Access::getResource(request, [&](std::unique_ptr<ResourceResponse> r) {
-            ++calls;
-            got = std::move(r);
-        });
-        EXPECT_LE(calls, 1);
-        return got;
-    }
-
     // The app pack "app" installed at 3 below "https://h.com/app/" with the given list.
     void installApp(const JSON& list, uint64_t installed = 3, uint64_t seq = 3) {
         install({pack("app", kPackTypeFerrit, installed, seq, {"https://h.com/app/"})});
