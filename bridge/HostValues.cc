@@ -25,7 +25,7 @@ HeaderMap readStringMembers(napi_env env, napi_value object) {
         std::optional<std::string> key = NAPI::toString(env, name);
         if (!key) continue;
         if (std::optional<std::string> value =
-                NAPI::toString(env, NAPI::getProperty(env, object, key->c_str())))
+                NAPI::toString(env, NAPI::getProperty(env, object, name)))
             map[*key] = std::move(*value);
     }
     return map;
@@ -52,9 +52,10 @@ ResourceRequest decodeRequest(napi_env env, napi_value value) {
     if (!NAPI::isObject(env, value)) return ResourceRequest(std::string(), std::string());
     ResourceRequest request(readString(env, value, "url"),
                             readStringMembers(env, NAPI::getProperty(env, value, "header")));
-    // Read twice on purpose: the text is the trace, the number the type.
-    request.parentId = readString(env, value, "traceId");
-    request.type = NAPI::toInt32(env, NAPI::getProperty(env, value, "traceId")).value_or(0);
+    // Taken twice on purpose: the text is the trace, the number the type.
+    napi_value traceId = NAPI::getProperty(env, value, "traceId");
+    request.parentId = NAPI::toString(env, traceId).value_or(std::string());
+    request.type = NAPI::toInt32(env, traceId).value_or(0);
     request.packName = readString(env, value, "packName");
     request.packVersion = readString(env, value, "packVersion");
     return request;

@@ -65,6 +65,14 @@ napi_value firstArg(napi_env env, napi_callback_info info) {
 
 std::optional<std::string> toString(napi_env env, napi_value value) {
     if (typeOf(env, value) != napi_string) return std::nullopt;
+    // Most texts (URLs, header values) fit here and are read in one pass. A character is at most
+    // four bytes, so a text that left that much room was not cut short.
+    char shortText[256];
+    constexpr size_t kRoomForOneCharacter = 4;
+    size_t copied = 0;
+    if (napi_get_value_string_utf8(env, value, shortText, sizeof(shortText), &copied) != napi_ok)
+        return std::nullopt;
+    if (copied + kRoomForOneCharacter < sizeof(shortText)) return std::string(shortText, copied);
     size_t length = 0;
     if (napi_get_value_string_utf8(env, value, nullptr, 0, &length) != napi_ok) return std::nullopt;
     std::string text(length, '\0');
@@ -146,10 +154,21 @@ std::optional<std::string> toData(napi_env env, napi_value value) {
     return std::string(static_cast<const char*>(data), length);
 }
 
-napi_value getProperty(napi_env env, napi_value object, const char* key) {
+napi_value getProperty(napi_env env, napi_value object, const char* name) {
     if (!isObject(env, object) && !isFunction(env, object)) return nullptr;
     napi_value value = nullptr;
-    if (napi_get_named_property(env, object, key, &value) != napi_ok) {
+    if (napi_get_named_property(env, object, name, &value) != napi_ok) {
+        clearException(env);
+        return nullptr;
+    }
+    if (typeOf(env, value) == napi_undefined) return nullptr;
+    return value;
+}
+
+napi_value getProperty(napi_env env, napi_value object, napi_value name) {
+    if (name == nullptr || (!isObject(env, object) && !isFunction(env, object))) return nullptr;
+    napi_value value = nullptr;
+    if (napi_get_property(env, object, name, &value) != napi_ok) {
         clearException(env);
         return nullptr;
     }

@@ -44,6 +44,8 @@ std::optional<std::string> toData(napi_env env, napi_value value);
 // reading it failed (an exception thrown by a getter is caught and dropped: the property is
 // taken as absent).
 napi_value getProperty(napi_env env, napi_value object, const char* key);
+// The same with the name as a script value.
+napi_value getProperty(napi_env env, napi_value object, napi_value key);
 bool isObject(napi_env env, napi_value value);
 bool isFunction(napi_env env, napi_value value);
 napi_value undefined(napi_env env);

@@ -101,3 +101,17 @@ test('DecodeTest.PackDescriptorRules', () => {
   assert.deepEqual(probe.decodePackRequest('shop'), { name: '', info: '', traceId: '', progressId: 0 });
   assert.equal(probe.decodePackRequest({ name: 'shop', progressId: '4' }).progressId, 0);
 });
+
+test('DecodeTest.TextsOfEveryLengthAroundTheShortBufferComeBackWhole', () => {
+  // Short texts are read in one pass into a fixed buffer, longer ones in two: each length around
+  // that buffer, with characters of one to four bytes falling on its edge, must come back whole.
+  for (const unit of ['a', 'é', '中', '😀']) {
+    for (let length = 240; length <= 270; ++length) {
+      let url = 'https://a.example.com/';
+      while (Buffer.byteLength(url) + Buffer.byteLength(unit) <= length) url += unit;
+      const request = probe.decodeRequest({ url, header: { 'X-Long': url } });
+      assert.equal(request.url, url);
+      assert.equal(request.header['X-Long'], url);
+    }
+  }
+});
