@@ -1,6 +1,7 @@
 // ferrit: the one command-line tool of the project: keys, packs, signed documents, publishing a
 // site as a static tree, and the library's own start-up, requests, checks and inspector commands
-// against a root folder. `ferrit help` lists the commands and `ferrit COMMAND --help` describes one.
+// against a root folder. `ferrit help` lists the commands and `ferrit COMMAND --help` describes
+// one.
 #include <unistd.h>
 
 #include <cstring>
@@ -55,13 +56,17 @@ const std::map<std::string, Command>& commands() {
           "    is what hosts verify them with.",
           "", false}},
         {"pack",
-         {"ferrit pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... FOLDER OUT.zip\n"
-          "    ferrit pack diff  --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... OLD NEW OUT.zip\n"
+         {"ferrit pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... FOLDER "
+          "OUT.zip\n"
+          "    ferrit pack diff  --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... OLD NEW "
+          "OUT.zip\n"
           "    ferrit pack wrap  --seq N IN.zip OUT.png\n"
           "    ferrit pack config --key PEM --version V --pack NAME [PACK OPTIONS]... OUT",
           "build writes the full zip of one version of a pack with its signed resource list, diff\n"
-          "    the incremental zip from one version to the next, wrap hides a zip in a PNG image, and\n"
-          "    config writes a signed pack configuration document. `ferrit pack SUBCOMMAND --help`\n"
+          "    the incremental zip from one version to the next, wrap hides a zip in a PNG image, "
+          "and\n"
+          "    config writes a signed pack configuration document. `ferrit pack SUBCOMMAND "
+          "--help`\n"
           "    describes each in full.",
           "    --key PEM             Ed25519 private key that signs.\n"
           "    --url-prefix URL      prefix of every resource URL.\n"
@@ -76,24 +81,32 @@ const std::map<std::string, Command>& commands() {
         {"index",
          {"ferrit index sign --key PEM --url-prefix URL [--header PATH=NAME:VALUE]...\n"
           "                      [--table-out FILE] PACKDIR",
-          "Writes PACKDIR/app-res.hvc, the signed list of the files below PACKDIR/res/, for a pack\n"
+          "Writes PACKDIR/app-res.hvc, the signed list of the files below PACKDIR/res/, for a "
+          "pack\n"
           "    that is installed as a folder rather than downloaded as a zip.",
           "    --key PEM             Ed25519 private key that signs.\n"
           "    --url-prefix URL      prefix of every resource URL.\n"
-          "    --table-out FILE      also write the bare list, as a built-in configuration embeds it.\n",
+          "    --table-out FILE      also write the bare list, as a built-in configuration embeds "
+          "it.\n",
           false}},
         {"publish",
          {"ferrit publish --key PEM --manifest FILE SITE OUT",
           "Writes a static tree under OUT that any static web server serves as it is: the signed\n"
           "    global configuration at each path a client's configuration request asks for\n"
-          "    (fconfig/<app>/<app version>/0~<its version>/<locale>~<its locale>), each changed pack's\n"
-          "    signed configuration at packconfig/<name>/<seq>, its full zip at <zips>/<name>/<seq>.zip\n"
+          "    (fconfig/<app>/<app version>/0~<its version>/<locale>~<its locale>), each changed "
+          "pack's\n"
+          "    signed configuration at packconfig/<name>/<seq>, its full zip at "
+          "<zips>/<name>/<seq>.zip\n"
           "    and, when the pack was published before, the increment from its first version at\n"
-          "    <zips>/<name>/i/<seq>.zip. A pack whose files did not change keeps its version; when\n"
+          "    <zips>/<name>/i/<seq>.zip. A pack whose files did not change keeps its version; "
+          "when\n"
           "    none changed nothing is written. OUT/.publish keeps what the next run builds on.\n"
-          "    The manifest is JSON: {\"app\": {\"key\", \"version\", \"locale\"}, \"zips\": \"packs/\",\n"
-          "    \"packs\": [{\"name\", \"folder\" (below SITE), \"prefix\" (URL), \"priority\" (0-15),\n"
-          "    \"headers\": {PATH: {NAME: VALUE}}}]}. Clients set their configuration prefix to the\n"
+          "    The manifest is JSON: {\"app\": {\"key\", \"version\", \"locale\"}, \"zips\": "
+          "\"packs/\",\n"
+          "    \"packs\": [{\"name\", \"folder\" (below SITE), \"prefix\" (URL), \"priority\" "
+          "(0-15),\n"
+          "    \"headers\": {PATH: {NAME: VALUE}}}]}. Clients set their configuration prefix to "
+          "the\n"
           "    tree's URL and their zip prefix to that URL followed by <zips>.\n"
           "    Progress goes to the terminal; nothing but the summary when not on one.",
           "    --key PEM             Ed25519 private key that signs.\n"
@@ -115,7 +128,8 @@ const std::map<std::string, Command>& commands() {
          {"ferrit startup --serve DIR --app-key KEY --app-version V --root DIR --public-key PEM\n"
           "                   [ROOT OPTIONS] [URL]",
           "Runs the host's start-up order (setProxy, setup, the first configuration, startUpdate)\n"
-          "    on the library's own worker, against a configuration endpoint served from files, and\n"
+          "    on the library's own worker, against a configuration endpoint served from files, "
+          "and\n"
           "    prints the status report after each step; then serves URL, if one is given.",
           "", true}},
         {"status",
@@ -126,11 +140,13 @@ const std::map<std::string, Command>& commands() {
         {"inspect",
          {"ferrit inspect [ROOT OPTIONS] COMMAND [JSON]",
           "Sends one command to the developer inspector (such as \"FerritDev.info\",\n"
-          "    \"FerritDev.size\" or \"FerritDev.getURLList\" '{\"packName\":\"shop\"}') and prints the reply.",
+          "    \"FerritDev.size\" or \"FerritDev.getURLList\" '{\"packName\":\"shop\"}') and "
+          "prints the reply.",
           "", true}},
         {"cleanup",
          {"ferrit cleanup [ROOT OPTIONS]",
-          "Runs the library's cleanup through the inspector command \"FerritDev.cleanup\" and prints\n"
+          "Runs the library's cleanup through the inspector command \"FerritDev.cleanup\" and "
+          "prints\n"
           "    what it answered.",
           "", true}},
     };
@@ -205,9 +221,9 @@ int publishCommand(const std::vector<std::string>& arguments) {
         };
     }
     PublishResult result;
-    const bool published = FerritTools::publish(positional[0], manifest, positional[1],
-                                                ed25519Signer(std::move(key)), result, error,
-                                                progress);
+    const bool published =
+        FerritTools::publish(positional[0], manifest, positional[1], ed25519Signer(std::move(key)),
+                             result, error, progress);
     if (terminal) std::cerr << "\r\033[K" << std::flush;
     if (!published) {
         std::cerr << "ferrit: " << error << "\n";
@@ -217,8 +233,8 @@ int publishCommand(const std::vector<std::string>& arguments) {
         std::cout << "nothing changed: every pack keeps its version\n";
         return kSuccess;
     }
-    std::cout << "configuration version " << result.version << " at "
-              << result.configPaths.size() << " paths\n";
+    std::cout << "configuration version " << result.version << " at " << result.configPaths.size()
+              << " paths\n";
     for (const PublishedPack& pack : result.packs) {
         std::cout << pack.name << " " << pack.seq;
         if (!pack.changed) {
@@ -226,9 +242,9 @@ int publishCommand(const std::vector<std::string>& arguments) {
             continue;
         }
         if (pack.incremental) {
-            std::cout << " (increment from " << pack.baseSeq << ": "
-                      << pack.summary.changed.size() << " changed, " << pack.summary.added.size()
-                      << " added, " << pack.summary.removed.size() << " removed)";
+            std::cout << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
+                      << " changed, " << pack.summary.added.size() << " added, "
+                      << pack.summary.removed.size() << " removed)";
         } else {
             std::cout << " (full)";
         }

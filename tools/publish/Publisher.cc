@@ -54,7 +54,8 @@ uint64_t nowMs() {
 // The digests of a version's files, by path.
 JSON digestsOf(const PackFiles& files) {
     JSONObject digests;
-    for (const auto& [path, content] : files) digests.set(path, JSON(FerritCore::Digest::md5Hex(content)));
+    for (const auto& [path, content] : files)
+        digests.set(path, JSON(FerritCore::Digest::md5Hex(content)));
     return JSON(std::move(digests));
 }
 
@@ -196,9 +197,9 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
                 if (!keepFiles(out, pack.name, done.seq, content.files, error)) return false;
             } else {
                 PackContent base;
-                const std::string baseFolder = joinPath(out, std::string(kStateFolder) + "/" +
-                                                                 pack.name + "/" +
-                                                                 std::to_string(done.baseSeq));
+                const std::string baseFolder =
+                    joinPath(out, std::string(kStateFolder) + "/" + pack.name + "/" +
+                                      std::to_string(done.baseSeq));
                 if (!readFolder(baseFolder, base.files, error)) return false;
                 std::string increment;
                 if (!buildIncrement(base, content, options, increment, error, &done.summary))
@@ -263,7 +264,8 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     // 0 for "the newest": every version published before, and none, get the same full document.
     std::vector<std::string> origins{kNoVersion};
     for (const JSON& v : state["versions"].arrayValue()) origins.push_back(v.stringValue());
-    std::set<std::string> localeParts{manifest.locale + "~", manifest.locale + "~" + manifest.locale};
+    std::set<std::string> localeParts{manifest.locale + "~",
+                                      manifest.locale + "~" + manifest.locale};
     const std::string base = "fconfig/" + manifest.appKey + "/" + manifest.appVersion + "/";
     for (const std::string& origin : origins) {
         for (const std::string& locale : localeParts) {

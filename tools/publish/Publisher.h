@@ -47,9 +47,9 @@ struct PublishedPack {
     std::string name;
     uint64_t seq = 0;
     uint64_t baseSeq = 0;
-    bool changed = false;          // a new version was written
-    bool incremental = false;      // with an increment
-    IncrementSummary summary;      // what the increment holds
+    bool changed = false;              // a new version was written
+    bool incremental = false;          // with an increment
+    IncrementSummary summary;          // what the increment holds
     std::vector<std::string> written;  // paths below the tree
 };
 
