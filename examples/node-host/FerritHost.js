@@ -201,7 +201,8 @@ class FerritHost {
     });
   }
 
-  // The library's answer to one request: {status, header, body, fromPack, error}.
+  // The library's answer to one request: {fromPack, is404, header, body, error}; body shares the
+  // response's own bytes.
   getResource(url, header = {}) {
     return new Promise((resolve) => {
       ferrit.getResourceNative({ url, header }, (response) => {
