@@ -20,6 +20,7 @@ export PUPPETEER_SKIP_DOWNLOAD=1
 export FERRIT_INSPECTOR_SCREENSHOT="$PWD/build/inspector.png"
 set +e
 node tests/e2e/story.test.js 2>&1 | sed -nE \
+  -e '/^# [0-9.]+ s: (closed |nginx stopped)/d' \
   -e 's/^# ([0-9.]+ s: .*)$/  \1/p' \
   -e 's/^# (page of .*)$/  load time, \1/p' \
   -e 's/^ +ok [0-9]+ - (.*)$/  passed: \1/p' \

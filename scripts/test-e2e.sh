@@ -15,4 +15,4 @@ export FERRITCORE_ADDON="$build/node/ferritcore.node"
 export FERRIT_BUILD="$build"
 export FERRIT_LOG_LEVEL=${FERRIT_LOG_LEVEL:-1}
 export PUPPETEER_SKIP_DOWNLOAD=1
-node --test tests/e2e/
+node --test tests/e2e/*.test.js

@@ -162,7 +162,6 @@ test('the app is published, installed, loaded offline and updated by increment',
     const ratio = net / packs;
     const line = `page of ${s.kResourcesBesides + 1} resources: packs ${packs.toFixed(0)} ms, ` +
       `nginx +${kAddedLatencyMs} ms ${net.toFixed(0)} ms, ratio ${ratio.toFixed(1)}x (goal 5x)`;
-    t.diagnostic(line);
     console.log(`# ${line}`);
     if (timingsOut) fs.writeFileSync(timingsOut, JSON.stringify({ packs, network: net, ratio }));
     assert.ok(ratio >= kRatioFloor, line);
