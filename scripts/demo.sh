@@ -1,44 +1,32 @@
 #!/usr/bin/env bash
-# Sets everything up and runs the main job: serves URLs of the sample app (tools/sample/) through
-# the library and prints what the host would receive. The app has one pack installed on the disk
-# under the root ("shop", read through its signed resource list) and two packs shipped in its
-# raw-file folder and named by the built-in configuration "Ferrit_Asset.config": "kit", and
-# "guide", which arrives as an on-demand module and so is only read by the asynchronous form.
-# Last, the host's start-up order against the sample configuration endpoint (tools/sample/endpoint),
-# with the status report after each step.
+# Sets everything up and runs the main job as a user sees it: a web app is published as packs
+# with `ferrit publish`, nginx serves the static tree on loopback, the Node host example starts the
+# library and installs the packs, nginx stops, and headless Chromium loads the app with every
+# request answered from the packs; then a second version arrives as an increment, and the
+# network's faults (a server gone mid-download, a damaged zip, a bad signature, a slow server)
+# leave the installed version serving. Prints one line per step with the page load times.
+# The sample app through the command-line tool alone: scripts/demo-sample.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
-bash scripts/build.sh build
-tool=build/tools/ferrit-request
-sample=tools/sample
-# The library empties and creates folders under its root: work on a copy of the sample's.
-root=$(mktemp -d)
-trap 'rm -rf "$root"' EXIT
-cp -R "$sample/root/." "$root/"
-request() {
-  "$tool" --root "$root" --assets "$sample/assets" --public-key "$sample/keys/sample-ed25519.pub.pem" \
-    --config "$sample/config.json" "$@" || true
-}
-
-for url in https://shop.example.com/app/index.html https://shop.example.com/app/js/app.js \
-           "https://shop.example.com/app/css/app.css?v=3" https://cdn.shop.example.com/kit/kit.css \
-           https://cdn.shop.example.com/kit/icons/cart.svg https://shop.example.com/app/missing.js \
-           https://elsewhere.example.org/x.js https://shop.example.com/guide/guide.html; do
-  echo "== GET $url"
-  request "$url"
-  echo
-done
-echo "== GET https://shop.example.com/guide/guide.html (asynchronous form)"
-request --async https://shop.example.com/guide/guide.html
-echo
-echo "== verify every installed pack: signed list and files"
-request --check
-echo
-echo "== start-up as a host drives it: proxy, setup, first configuration from the sample endpoint, startUpdate"
-startroot=$(mktemp -d)
-trap 'rm -rf "$root" "$startroot"' EXIT
-cp -R "$sample/root/." "$startroot/"
-"$tool" --startup --serve "$sample/endpoint" --app-key shop --app-version 1.0 --root "$startroot" \
-  --assets "$sample/assets" --public-key "$sample/keys/sample-ed25519.pub.pem" --config "$sample/config.json" \
-  https://shop.example.com/app/js/app.js || true
+echo "== building the library's Node module and the ferrit tool"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRIT_WERROR=ON >/dev/null
+ninja -C build ferrit ferritcore_node >/dev/null
+echo "== the story (nginx, headless Chromium, the Node host example)"
+export FERRITCORE_ADDON="$PWD/build/node/ferritcore.node"
+export FERRIT_BUILD="$PWD/build"
+export FERRIT_LOG_LEVEL=${FERRIT_LOG_LEVEL:-1}
+export PUPPETEER_SKIP_DOWNLOAD=1
+export FERRIT_INSPECTOR_SCREENSHOT="$PWD/build/inspector.png"
+set +e
+node tests/e2e/story.test.js 2>&1 | sed -nE \
+  -e '/^# [0-9.]+ s: (closed |nginx stopped)/d' \
+  -e 's/^# ([0-9.]+ s: .*)$/  \1/p' \
+  -e 's/^# (page of .*)$/  load time, \1/p' \
+  -e 's/^ +ok [0-9]+ - (.*)$/  passed: \1/p' \
+  -e 's/^ +not ok [0-9]+ - (.*)$/  FAILED: \1/p' \
+  -e 's/^# (pass|fail) ([0-9]+)$/  \1 \2/p'
+status=${PIPESTATUS[0]}
+set -e
+echo "== the inspector page's screenshot: build/inspector.png"
+exit "$status"

@@ -16,6 +16,9 @@ for p in "${packages[@]}"; do
 done
 # npm comes with some builds of nodejs and is a package of its own in others.
 command -v npm >/dev/null || missing+=(npm)
+# The browser story's real parts: a web server and a browser (tests/e2e, scripts/demo.sh).
+command -v nginx >/dev/null || [ -x /usr/sbin/nginx ] || missing+=(nginx-light)
+command -v chromium >/dev/null || missing+=(chromium)
 
 # The TypeScript compiler, only to check the Node module's declarations (node/typecheck), pinned by
 # its committed lock file.
@@ -26,8 +29,18 @@ install_typecheck() {
   (cd "$dir" && npm ci --ignore-scripts --no-audit --no-fund >/dev/null)
 }
 
+# puppeteer-core drives the system's Chromium, pinned by its committed lock file; it never
+# downloads a browser of its own.
+install_e2e() {
+  local dir
+  dir="$(cd "$(dirname "$0")/.." && pwd)/tests/e2e"
+  [ -f "$dir/node_modules/puppeteer-core/package.json" ] && return 0
+  (cd "$dir" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --ignore-scripts --no-audit --no-fund >/dev/null)
+}
+
 if [ ${#missing[@]} -eq 0 ]; then
   install_typecheck
+  install_e2e
   exit 0
 fi
 
@@ -39,5 +52,10 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
+# Debian releases without the light build of nginx have the full one.
+if [[ " ${missing[*]} " == *" nginx-light "* ]] && ! apt-cache show nginx-light >/dev/null 2>&1; then
+  missing=("${missing[@]/nginx-light/nginx}")
+fi
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 install_typecheck
+install_e2e

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Sets everything up and runs every test: the unit tests (g++, -Werror), the Node module's tests,
+# the browser story on nginx and Chromium,
 # the same tests under ASan+UBSan, the threaded tests under TSan, a clang build, each libFuzzer
 # target for a bounded time, and a short benchmark pass so that the benchmarks keep building and
 # running.
@@ -21,6 +22,8 @@ echo "== tests"
 ctest --test-dir build --output-on-failure -j "$jobs" | tee build/ctest.log
 echo "== Node module tests (node --test)"
 bash scripts/test-node.sh build
+echo "== the browser story (nginx, headless Chromium, node --test)"
+bash scripts/test-e2e.sh build
 
 echo "== tests under ASan+UBSan"
 bash scripts/build.sh build-asan -DFERRIT_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug

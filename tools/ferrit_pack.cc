@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/Digest.h"
+#include "tools/ToolCommands.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/pack/PackBuilder.h"
@@ -400,7 +401,7 @@ const std::map<std::string, Command>& commands() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int FerritTools::runPackTool(int argc, char** argv) {
     if (argc < 2) return usage("", "no command");
     const std::string name = argv[1];
     if (name == "help" || name == "--help" || name == "-h") {

@@ -51,6 +51,7 @@
 #include "model/SCache.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "tools/ToolCommands.h"
 
 using namespace FerritCore;
 using MarlLogger::json::JSON;
@@ -115,7 +116,7 @@ class KeylessProxy : public Proxy {
 // Sends one command to the inspector, running the library's background work until it answers.
 int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::string& assets,
             const std::string& appKey, const std::string& appVersion, const std::string& command,
-            const std::string& paramsText) {
+            const std::string& paramsText, bool withStatus) {
     JSON params = JSON(MarlLogger::json::JSONObject());
     if (!paramsText.empty()) {
         std::string parseError;
@@ -128,6 +129,7 @@ int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::st
     } else {
         Setup::setup(appKey, appVersion, 1);  // registers the agent, as a host's start does
     }
+    if (withStatus) std::cout << "status " << Setup::statusReport().toString() << "\n";
     bool answered = false, succeeded = false;
     JSON data;
     const bool known =
@@ -184,7 +186,7 @@ int check() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int FerritTools::runRequestTool(int argc, char** argv) {
     std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
         appVersion;
     HeaderMap header;
@@ -236,7 +238,13 @@ int main(int argc, char** argv) {
             positional.push_back(arg);
         }
     }
-    const bool inspecting = !positional.empty() && positional[0] == "inspect";
+    // "status" is the status report and then the inspector's size report.
+    const bool status = !positional.empty() && positional[0] == "status";
+    if (status) {
+        if (positional.size() != 1) return usage("status takes no argument");
+        positional.push_back("FerritDev.size");
+    }
+    const bool inspecting = !positional.empty() && (positional[0] == "inspect" || status);
     if (inspecting) {
         if (positional.size() < 2 || positional.size() > 3)
             return usage("inspect takes a command and, optionally, its parameters as JSON");
@@ -259,7 +267,7 @@ int main(int argc, char** argv) {
             proxy = fileProxy;
         }
         return inspect(std::move(proxy), root, assets, appKey, appVersion, positional[1],
-                       positional.size() == 3 ? positional[2] : std::string());
+                       positional.size() == 3 ? positional[2] : std::string(), status);
     }
     if (url.empty() && !checkPacks && !startup) return usage("no URL");
     if (startup && (served.empty() || publicKey.empty()))

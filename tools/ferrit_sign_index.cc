@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "marl/Json.h"
+#include "tools/ToolCommands.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/pack/PackBuilder.h"
@@ -108,7 +109,7 @@ int sign(int argc, char** argv) {
     return 0;
 }
 
-int signDocument(int argc, char** argv) {
+int signDocumentCommand(int argc, char** argv) {
     std::string keyPath;
     std::vector<std::string> files;
     for (int i = 2; i < argc; ++i) {
@@ -140,7 +141,7 @@ int signDocument(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int FerritTools::runSignIndexTool(int argc, char** argv) {
     if (argc < 2) return usage("no command");
     const std::string command = argv[1];
     if (command == "keygen") {
@@ -148,6 +149,6 @@ int main(int argc, char** argv) {
         return keygen(argv[2], argv[3]);
     }
     if (command == "sign") return sign(argc, argv);
-    if (command == "sign-document") return signDocument(argc, argv);
+    if (command == "sign-document") return signDocumentCommand(argc, argv);
     return usage("unknown command " + command);
 }

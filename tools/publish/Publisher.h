@@ -1,0 +1,72 @@
+// Publishing: turns a site folder and a publishing manifest into a static tree that any static web
+// server or CDN serves as it is: the signed global configuration at every path a client's
+// configuration request asks for, each pack's signed configuration under
+// "packconfig/<name>/<seq>", full zips under "<zips>/<name>/<seq>.zip" and, once a pack has been
+// published before, the incremental zip from its base version under "<zips>/<name>/i/<seq>.zip".
+// What a later run builds on (sequence numbers, the base version's files) is kept in the tree's
+// ".publish/" folder. One publish at a time per tree; any thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tools/pack/PackBuilder.h"
+
+namespace FerritTools {
+
+// One pack of a manifest.
+struct PublishPack {
+    std::string name;    // the pack's name, also its folder name on the server
+    std::string folder;  // relative to the site folder
+    std::string prefix;  // the URL prefix of its files, ending in "/"
+    uint32_t priority = 0;
+    std::map<std::string, HeaderFields> headers;  // response headers by path in the folder
+};
+
+// The publishing manifest, a JSON document:
+// {"app": {"key": K, "version": V, "locale": L}, "zips": "packs/", "version": N,
+//  "packs": [{"name", "folder", "prefix", "priority", "headers": {PATH: {NAME: VALUE}}}]}
+// "zips" (default "packs/") is where zips go below the tree, the path that the clients' zip prefix
+// names; "version" (default: now in ms, and always above the previous publish) the configuration's.
+struct PublishManifest {
+    std::string appKey;
+    std::string appVersion;
+    std::string locale;
+    std::string zipFolder = "packs/";
+    uint64_t version = 0;
+    std::vector<PublishPack> packs;
+};
+
+// Reads a manifest; false with `error` set when it is not one.
+bool parseManifest(const std::string& text, PublishManifest& manifest, std::string& error);
+
+// What one pack's publish did.
+struct PublishedPack {
+    std::string name;
+    uint64_t seq = 0;
+    uint64_t baseSeq = 0;
+    bool changed = false;              // a new version was written
+    bool incremental = false;          // with an increment
+    IncrementSummary summary;          // what the increment holds
+    std::vector<std::string> written;  // paths below the tree
+};
+
+struct PublishResult {
+    uint64_t version = 0;  // of the global configuration; 0 when nothing changed
+    std::vector<PublishedPack> packs;
+    std::vector<std::string> configPaths;  // where the global configuration was written
+};
+
+// Called before each step, with a short description, the step's number and the count of steps.
+using PublishProgress = std::function<void(const std::string& step, size_t done, size_t total)>;
+
+// Publishes `site` by `manifest` into the tree `out`, signing with `signer`. A pack whose files
+// did not change keeps its version; when none changed nothing is written and the result's version
+// is 0. False with `error` set when a file cannot be read, signed or written.
+bool publish(const std::string& site, const PublishManifest& manifest, const std::string& out,
+             const Signer& signer, PublishResult& result, std::string& error,
+             const PublishProgress& progress = {});
+
+}  // namespace FerritTools

@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# Checks ferrit from the outside: every command's page, then publish: a first run, a run with
+# nothing changed, and a second version with two changed files, whose documents are verified
+# with openssl against the key's public half and whose zips are opened with unzip.
+#   check-publish.sh PATH-TO-ferrit KEYS-FOLDER
+set -euo pipefail
+tool=$1
+keys=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "check-publish: $*" >&2; exit 1; }
+expect() {  # expect TEXT OUTPUT
+  grep -qF -- "$1" <<<"$2" || fail "expected \"$1\" in: $2"
+}
+status() {  # status EXPECTED COMMAND...
+  local want=$1; shift
+  set +e; "$@" >/dev/null 2>&1; local got=$?; set -e
+  [ "$got" -eq "$want" ] || fail "exit status $got, not $want: $*"
+}
+# verify DOCUMENT PUBLIC.pem: the text before "||" signed, over its MD5 text, by the key.
+verify() {
+  local text sig
+  text=$(sed 's/||.*$//' "$1")
+  sig=$(sed 's/^.*||//' "$1")
+  printf '%s' "$text" | md5sum | cut -c1-32 | tr -d '\n' > "$work/md5.txt"
+  printf '%s' "$sig" | base64 -d > "$work/sig.bin"
+  openssl pkeyutl -verify -pubin -inkey "$2" -rawin -in "$work/md5.txt" -sigfile "$work/sig.bin" \
+    >/dev/null 2>&1 || fail "the signature of $1 does not verify"
+}
+
+for command in keygen pack config index publish get check startup status inspect cleanup; do
+  page=$("$tool" "$command" --help)
+  for section in NAME SYNOPSIS DESCRIPTION OPTIONS "EXIT STATUS"; do
+    expect "$section" "$page"
+  done
+  expect "ferrit $command" "$page"
+done
+expect "ferrit publish" "$("$tool" help)"
+expect "ferrit-pack build" "$("$tool" pack build --help)"
+status 2 "$tool"
+status 2 "$tool" frobnicate
+status 2 "$tool" publish --key x
+status 2 "$tool" pack frobnicate
+
+"$tool" keygen "$work/key.pem" "$work/key.pub.pem" >/dev/null
+[ -s "$work/key.pem" ] && [ -s "$work/key.pub.pem" ] || fail "keygen wrote no keys"
+
+mkdir -p "$work/site/app/css" "$work/site/lib"
+printf '<html>one</html>' > "$work/site/app/index.html"
+printf 'body{}' > "$work/site/app/css/app.css"
+printf 'var a = 1;' > "$work/site/app/app.js"
+printf 'lib()' > "$work/site/lib/lib.js"
+cat > "$work/manifest.json" <<'JSON'
+{"app": {"key": "shop", "version": "1.0", "locale": "en"}, "zips": "packs",
+ "packs": [{"name": "shop", "folder": "app", "prefix": "http://127.0.0.1:8080/app/", "priority": 9,
+            "headers": {"css/app.css": {"Access-Control-Allow-Origin": "*"}}},
+           {"name": "lib", "folder": "lib", "prefix": "http://127.0.0.1:8080/lib/"}]}
+JSON
+printf '{"app": {}}' > "$work/bad.json"
+status 1 "$tool" publish --key "$work/key.pem" --manifest "$work/bad.json" "$work/site" "$work/out"
+[ ! -e "$work/out" ] || fail "a refused manifest wrote a tree"
+
+publish() { "$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" "$work/site" "$work/out"; }
+out=$(publish)
+expect "shop 1 (full)" "$out"
+expect "lib 1 (full)" "$out"
+v1=$(grep -Eo 'configuration version [0-9]+' <<<"$out" | grep -Eo '[0-9]+$')
+for path in fconfig/shop/1.0/0~0/en~ fconfig/shop/1.0/0~0/en~en packconfig/shop/1 packconfig/lib/1 \
+            packs/shop/1.zip packs/lib/1.zip; do
+  [ -s "$work/out/$path" ] || fail "the first publish did not write $path"
+done
+[ ! -e "$work/out/packs/shop/i" ] || fail "a first version has no increment"
+global="$work/out/fconfig/shop/1.0/0~0/en~"
+verify "$global" "$work/key.pub.pem"
+verify "$work/out/packconfig/shop/1" "$work/key.pub.pem"
+expect "\"v\":\"$v1\"" "$(cat "$global")"
+expect '"shop":{"s":1,"f":89,' "$(cat "$global")"
+grep -qF '"b":' "$global" && fail "the global configuration names a base, so clients skip the pack's own"
+zipmd5=$(md5sum "$work/out/packs/shop/1.zip" | cut -c1-32)
+expect "\"c\":\"$zipmd5\"" "$(cat "$work/out/packconfig/shop/1")"
+expect '"b":1' "$(cat "$work/out/packconfig/shop/1")"
+entries=$(unzip -Z1 "$work/out/packs/shop/1.zip" | tr '\n' ' ')
+[ "$entries" = "app-res.hvc res/app.js res/css/app.css res/index.html " ] || fail "entries: $entries"
+expect '"Access-Control-Allow-Origin":"*"' "$(unzip -p "$work/out/packs/shop/1.zip" app-res.hvc)"
+
+# Nothing changed: nothing is written.
+before=$(find "$work/out" -type f -newer "$global" | wc -l)
+expect "nothing changed" "$(publish)"
+[ "$(find "$work/out" -type f -newer "$global" | wc -l)" -eq "$before" ] || fail "an unchanged run wrote files"
+
+# Version 2: two files of the shop change; lib keeps its version.
+printf '<html>two</html>' > "$work/site/app/index.html"
+printf 'var a = 2;' > "$work/site/app/app.js"
+out=$(publish)
+expect "shop 2 (increment from 1: 2 changed, 0 added, 0 removed)" "$out"
+expect "lib 1 unchanged" "$out"
+v2=$(grep -Eo 'configuration version [0-9]+' <<<"$out" | grep -Eo '[0-9]+$')
+[ "$v2" -gt "$v1" ] || fail "the second version $v2 is not above $v1"
+for path in "fconfig/shop/1.0/0~$v1/en~en" packs/shop/2.zip packs/shop/i/2.zip packconfig/shop/2; do
+  [ -s "$work/out/$path" ] || fail "the second publish did not write $path"
+done
+[ ! -e "$work/out/packconfig/lib/2" ] || fail "an unchanged pack got a new version"
+verify "$work/out/fconfig/shop/1.0/0~$v1/en~en" "$work/key.pub.pem"
+cmp -s "$global" "$work/out/fconfig/shop/1.0/0~$v1/en~en" || fail "clients old and new get different documents"
+expect '"shop":{"s":2,' "$(cat "$global")"
+expect '"lib":{"s":1,' "$(cat "$global")"
+entries=$(unzip -Z1 "$work/out/packs/shop/i/2.zip" | tr '\n' ' ')
+[ "$entries" = "app-res.hvc res/app.js res/index.html " ] || fail "increment entries: $entries"
+[ "$(unzip -p "$work/out/packs/shop/i/2.zip" res/index.html)" = "<html>two</html>" ] || fail "increment content"
+incrmd5=$(md5sum "$work/out/packs/shop/i/2.zip" | cut -c1-32)
+config2=$(cat "$work/out/packconfig/shop/2")
+expect "\"ci\":\"$incrmd5\"" "$config2"
+expect '"s":2,' "$config2"
+expect '"b":1' "$config2"
+verify "$work/out/packconfig/shop/2" "$work/key.pub.pem"
+echo "check-publish: ok"
