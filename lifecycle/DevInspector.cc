@@ -105,7 +105,7 @@ void indexes(const JSON&, Context context) {
 }
 
 void statistics(const JSON&, Context context) {
-    reply(context, true, Statistics::dump());
+    reply(context, true, Statistics::toJson());
 }
 
 void readDiskFileList(const JSON& params, Context context) {
