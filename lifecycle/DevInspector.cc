@@ -24,6 +24,7 @@
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
 #include "storage/Statistics.h"
+#include "update/Cleanup.h"
 #include "update/UpdateConfig.h"
 
 namespace FerritCore {
@@ -186,6 +187,16 @@ void size(const JSON&, Context context) {
     reply(context, true, DevInspector::sizeReport());
 }
 
+// Runs on the worker, where every other change of the configuration and the pack folders runs.
+void cleanup(const JSON&, Context context) {
+    TaskRunner::post([context] {
+        std::vector<std::string> names;
+        for (const PackPtr& pack : Cleanup::runCleanup(kCleanupDebugTool))
+            names.push_back(pack->name);
+        reply(context, true, JSONObject{{"cleanedApps", JSON(names)}});
+    });
+}
+
 // Commands whose part is not in this build answer so, instead of inventing a result.
 Handler notAvailable(const char* command) {
     return [command](const JSON&, Context context) {
@@ -209,7 +220,7 @@ const std::vector<std::pair<const char*, Handler>>& commandTable() {
         {"getURLInfo", getURLInfo},
         {"clear", clearCommand},
         {"update", update},
-        {"cleanup", notAvailable("cleanup")},
+        {"cleanup", cleanup},
         {"previewPack", notAvailable("previewPack")},
         {"size", size},
         {"moduleCacheMeta", notAvailable("moduleCacheMeta")},
