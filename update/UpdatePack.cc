@@ -534,6 +534,8 @@ void UpdatePack::start() {
     }
     log.done();
     if (!pack_->needsConfig()) {
+        // The record names its zip itself: the configuration stage ends as it begins.
+        perf_.stage("configLoaded");
         requestResource();
         return;
     }
