@@ -79,17 +79,27 @@ uint64_t limitOf(const std::optional<uint64_t>& preferred, const std::optional<u
 
 using Candidate = CleanupCandidate;
 
-bool below(const Candidate& x, const Candidate& y) {
-    return Cleanup::ranksBelow(x, y);
+// The heap's order, visible to the compiler where the heap is built so that it is inlined there.
+inline bool below(const Candidate& x, const Candidate& y) {
+    if (x.longTerm) return false;
+    if (y.longTerm) return true;
+    if (std::fabs(x.score - y.score) > Cleanup::kScoreTolerance) return x.score < y.score;
+    if (x.eliminated) return !y.eliminated;
+    if (y.eliminated) return false;
+    return x.pack->updateTime < y.pack->updateTime;
 }
+
+struct Below {
+    bool operator()(const Candidate& x, const Candidate& y) const { return below(x, y); }
+};
 
 // Walks the candidates from the top of the heap, keeping what fits `budget`. A pack that does not
 // fit does not stop the walk: a smaller one further down may still fit.
 void select(std::vector<Candidate>& heap, uint64_t budget, CleanupResult& result,
             CleanupCounts& eliminatedInto) {
-    std::make_heap(heap.begin(), heap.end(), below);
+    std::make_heap(heap.begin(), heap.end(), Below());
     while (!heap.empty()) {
-        std::pop_heap(heap.begin(), heap.end(), below);
+        std::pop_heap(heap.begin(), heap.end(), Below());
         const Candidate top = std::move(heap.back());
         heap.pop_back();
         if (top.longTerm) {
@@ -231,12 +241,7 @@ const char* cleanupTriggerName(uint32_t trigger) {
 }
 
 bool Cleanup::ranksBelow(const CleanupCandidate& x, const CleanupCandidate& y) {
-    if (x.longTerm) return false;
-    if (y.longTerm) return true;
-    if (std::fabs(x.score - y.score) > kScoreTolerance) return x.score < y.score;
-    if (x.eliminated) return !y.eliminated;
-    if (y.eliminated) return false;
-    return x.pack->updateTime < y.pack->updateTime;
+    return below(x, y);
 }
 
 bool Cleanup::isLongTerm(const Pack& pack) {
