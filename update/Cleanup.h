@@ -21,7 +21,7 @@
 
 namespace FerritCore {
 
-class Settings;
+struct Settings;
 
 // Why a cleanup runs; printed by name, "Unknown" above kCleanupManual.
 enum CleanupTrigger : uint32_t {
