@@ -104,6 +104,16 @@ TEST_F(CacheResourceTest, FreshCopyIsReadAndTheVisitIsReported) {
     EXPECT_TRUE(proxy_->requests.empty());
 }
 
+TEST_F(CacheResourceTest, VisitRecordCarriesEveryField) {
+    storeModule("/m/v.js", "V();", hourFromNow());
+    auto part = modulePart("/m/v.js");
+    ASSERT_EQ(part->read(), ReadStatus::Done);
+    const auto visits = proxy_->named("Ferrit.CacheVisit");
+    ASSERT_EQ(visits.size(), 1u);
+    EXPECT_EQ(FakeProxy::missingFields(visits[0], {"name", "trigger"}, {"matchTime", "readTime"}),
+              std::vector<std::string>{});
+}
+
 TEST_F(CacheResourceTest, MissingCopyNeedsAnAggregateRequest) {
     auto part = modulePart("/m/none.js");
     EXPECT_EQ(part->read(), ReadStatus::NeedAggregate);
