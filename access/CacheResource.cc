@@ -9,6 +9,7 @@
 #include "base/Http.h"
 #include "base/Telemetry.h"
 #include "base/Url.h"
+#include "marl/Clock.h"
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
@@ -166,11 +167,36 @@ void CacheResource::readAsync(std::function<void(std::shared_ptr<ResourcePart>)>
 }
 
 bool CacheResource::accept(const HeaderMap& header, const std::string& content, Error& error) {
-    return take(header, content, error, true);
+    // A body delivered by a batch: the batch's own request is timed by the aggregate request,
+    // so this part's update starts and ends here.
+    const double now = MRLCurrentClock();
+    return take(header, content, error, true, FetchTimes{now, now, now, now});
+}
+
+void CacheResource::sendUpdate(const FetchTimes& times, size_t downloadSize,
+                               size_t resourceSize) const {
+    if (!Environment::instance().hasProxy()) return;
+    const double stored = MRLCurrentClock();
+    StagedRecord record("Ferrit.CacheUpdate");
+    record.setDimension("url", url);
+    record.setDimension("name", name);
+    record.setDimension("trigger", triggerName(context->trigger));
+    // A cached resource is always fetched whole.
+    record.setDimension("incr", "false");
+    // No notification starts a cache update: a read does.
+    record.setMeasure("notificationDelay", 0);
+    record.setMeasure("queueDelay", times.started - times.decided);
+    record.setMeasure("configTime", times.sent - times.started);
+    record.setMeasure("downlodTime", times.received - times.sent);
+    record.setMeasure("downloadSize", static_cast<double>(downloadSize));
+    record.setMeasure("updateTime", stored - times.received);
+    record.setMeasure("resourceSize", static_cast<double>(resourceSize));
+    record.setMeasure("updateDelay", stored - times.decided);
+    sendEvent(record);
 }
 
 bool CacheResource::take(const HeaderMap& header, const std::string& content, Error& failure,
-                         bool ownError) {
+                         bool ownError, const FetchTimes& times) {
     failure.clear();
     const std::string digest = Digest::md5Hex(content);
     bool verified = false;
@@ -208,9 +234,14 @@ bool CacheResource::take(const HeaderMap& header, const std::string& content, Er
     }
     // Stored before it is published: the subclass may still adjust the record.
     storeResponse(header, *record, failure);
+    const size_t resourceSize = record->body.size();
     setCached(std::move(record));
     if (ownError) error.clear();
-    if (failure) logUpdate(MarlLogger::MRLLevelError, failure);
+    if (failure) {
+        logUpdate(MarlLogger::MRLLevelError, failure);
+    } else {
+        sendUpdate(times, content.size(), resourceSize);
+    }
     return !failure;
 }
 
@@ -231,10 +262,13 @@ void CacheResource::fetch(bool revalidate, Callback callback) {
     const bool allowNotModified = !validators.empty();
     auto self = std::static_pointer_cast<CacheResource>(shared_from_this());
     const std::string target = fetchUrl();
+    const double now = MRLCurrentClock();
+    FetchTimes times{now, now, now, 0};
     Network::requestResource(
         target, traceId(), validators, allowNotModified,
-        [self, target, current, callback = std::move(callback)](ProxyResponse response,
-                                                                Error failure) {
+        [self, target, current, times, callback = std::move(callback)](ProxyResponse response,
+                                                                       Error failure) mutable {
+            times.received = MRLCurrentClock();
             if (failure) {
                 self->error = failure;
                 self->logUpdate(MarlLogger::MRLLevelError, failure);
@@ -259,7 +293,7 @@ void CacheResource::fetch(bool revalidate, Callback callback) {
                 return;
             }
             Error refusal;
-            self->take(response.header, response.content, refusal, true);
+            self->take(response.header, response.content, refusal, true, times);
             callback(self);
         });
 }
@@ -270,15 +304,20 @@ void CacheResource::validateLater() {
     // Taken now, on the request's thread, which is the one that owns the context.
     std::string target = fetchUrl();
     std::string trace = traceId();
-    TaskRunner::post([self, target = std::move(target), trace = std::move(trace)] {
+    const double decided = MRLCurrentClock();
+    TaskRunner::post([self, target = std::move(target), trace = std::move(trace), decided] {
+        const double started = MRLCurrentClock();
+        FetchTimes times{decided, started, MRLCurrentClock(), 0};
         Network::requestResource(target, trace, HeaderMap(), false,
-                                 [self](ProxyResponse response, Error failure) {
+                                 [self, times](ProxyResponse response, Error failure) mutable {
+                                     times.received = MRLCurrentClock();
                                      if (failure) {
                                          self->logUpdate(MarlLogger::MRLLevelWarning, failure);
                                          return;
                                      }
                                      Error refusal;
-                                     self->take(response.header, response.content, refusal, false);
+                                     self->take(response.header, response.content, refusal, false,
+                                                times);
                                  });
     });
 }

@@ -67,9 +67,21 @@ class CacheResource : public ResourcePart {
   private:
     using Callback = std::function<void(std::shared_ptr<ResourcePart>)>;
 
+    // Clock readings (MRLCurrentClock) of one fetch: when it was decided, when its task began,
+    // when the request went out and when the answer came.
+    struct FetchTimes {
+        double decided = 0;
+        double started = 0;
+        double sent = 0;
+        double received = 0;
+    };
+
     // accept(), telling whether the body became the part's content. With `ownError` the part's
-    // own error says whether it has content; a background validation leaves it alone.
-    bool take(const HeaderMap& header, const std::string& content, Error& error, bool ownError);
+    // own error says whether it has content; a background validation leaves it alone. A body
+    // that was stored sends "Ferrit.CacheUpdate" with the times of its fetch.
+    bool take(const HeaderMap& header, const std::string& content, Error& error, bool ownError,
+              const FetchTimes& times);
+    void sendUpdate(const FetchTimes& times, size_t downloadSize, size_t resourceSize) const;
     void fetch(bool revalidate, Callback callback);
     // Fetches a copy that no MD5 check has vouched for, on the worker, so that the request that
     // found it is not slowed; the answer replaces the stored copy.

@@ -27,6 +27,7 @@
 #include "storage/PacksStore.h"
 #include "storage/Statistics.h"
 #include "storage/UniApp.h"
+#include "update/Cleanup.h"
 #include "update/UpdateConfig.h"
 
 namespace FerritCore {
@@ -108,7 +109,7 @@ void indexes(const JSON&, Context context) {
 }
 
 void statistics(const JSON&, Context context) {
-    reply(context, true, Statistics::dump());
+    reply(context, true, Statistics::toJson());
 }
 
 void readDiskFileList(const JSON& params, Context context) {
@@ -200,6 +201,16 @@ void moduleCacheMeta(const JSON&, Context context) {
     reply(context, true, std::move(dump));
 }
 
+// Runs on the worker, where every other change of the configuration and the pack folders runs.
+void cleanup(const JSON&, Context context) {
+    TaskRunner::post([context] {
+        std::vector<std::string> names;
+        for (const PackPtr& pack : Cleanup::runCleanup(kCleanupDebugTool))
+            names.push_back(pack->name);
+        reply(context, true, JSONObject{{"cleanedApps", JSON(names)}});
+    });
+}
+
 // Commands whose part is not in this build answer so, instead of inventing a result.
 Handler notAvailable(const char* command) {
     return [command](const JSON&, Context context) {
@@ -223,7 +234,7 @@ const std::vector<std::pair<const char*, Handler>>& commandTable() {
         {"getURLInfo", getURLInfo},
         {"clear", clearCommand},
         {"update", update},
-        {"cleanup", notAvailable("cleanup")},
+        {"cleanup", cleanup},
         {"previewPack", notAvailable("previewPack")},
         {"size", size},
         {"moduleCacheMeta", moduleCacheMeta},

@@ -197,7 +197,9 @@ void Setup::startUpdate() {
     // After an initial run the queue waits for its timer.
     if (!(environment.flags() & kInitialConfigFinished)) UpdateQueue::start(kTriggerStartup);
     compactDatabases();
-    Cleanup::arm(kCleanupIntervalMs);
+    Cleanup::scheduleCleanup(kCleanupIntervalMs);
+    // What a killed install left under "apps/" or in the packs store goes before anything reads.
+    TaskRunner::post(Cleanup::recoverLeftovers);
     const double interval = UpdateConfig::checkInterval();
     auto timer = TaskRunner::postRepeating([] { UpdateQueue::start(kTriggerTimer); }, interval);
     // The first run falls two minutes from now, not one interval.

@@ -353,7 +353,8 @@ void FConfig::setInstalled(std::string_view name, uint32_t trigger, uint64_t seq
     if (!old) return;
     auto pack = old->clone();
     // A first install earns the credit that keeps a fresh pack from being evicted at once.
-    if (pack->installedSeq == 0) Statistics::addAccess(pack->name, nullptr, 0.6931471805599453);
+    if (pack->installedSeq == 0)
+        Statistics::addAccess(pack->name, nullptr, Statistics::kInstallCredit);
     if (triggerIgnoresPriority(trigger)) pack->trigger = trigger;
     pack->installedSeq = seq;
     pack->installedBaseSeq = baseSeq;

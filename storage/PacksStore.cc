@@ -82,4 +82,26 @@ bool PacksStore::writeConfig(const std::string& text, Error& error) {
     return true;
 }
 
+void PacksStore::removeInvalid(const std::function<bool(std::string_view sequencePart)>& owned,
+                               std::vector<std::string>& invalidPaths) {
+    std::vector<std::string> invalid;
+    enumerate("", [&](std::string_view key) {
+        if (key == kConfigKey) return false;
+        // "<name>/<seq>/": the folder of one installed version.
+        std::string_view part;
+        const size_t first = key.find('/');
+        if (first != std::string_view::npos) {
+            const size_t second = key.find('/', first + 1);
+            if (second != std::string_view::npos) part = key.substr(0, second + 1);
+        }
+        if (part.empty() || !owned(part)) invalid.emplace_back(key);
+        return false;
+    });
+    for (const std::string& key : invalid) {
+        remove(key);
+        invalidPaths.push_back(key);
+    }
+    if (!invalid.empty()) compact();
+}
+
 }  // namespace FerritCore

@@ -5,8 +5,11 @@
 // opening. Any thread (see SeriesStore).
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "base/Folder.h"
 #include "base/PackedFiles.h"
@@ -40,6 +43,12 @@ class PacksStore : public SeriesStore {
     // Stores the text under "config"; once it is stored, the older file is deleted, so that it
     // is never read again. A failed write keeps the file: nothing is lost.
     bool writeConfig(const std::string& text, Error& error);
+
+    // Deletes every key but "config" whose part up to and including its second "/" is empty or
+    // not `owned`, appending each such key to `invalidPaths`; compacts when any went. The keys
+    // are all read before the first is deleted.
+    void removeInvalid(const std::function<bool(std::string_view sequencePart)>& owned,
+                       std::vector<std::string>& invalidPaths);
 
   private:
     friend class StoreInstance<PacksStore>;

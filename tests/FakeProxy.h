@@ -122,6 +122,18 @@ class FakeProxy : public FerritCore::Proxy {
         events.push_back(record.name());
         records.push_back({record.name(), record.dimensions(), record.measures()});
     }
+    // The names of `dimensions` and `measures` that `record` lacks, each prefixed with "d:" or
+    // "m:"; empty when the record carries them all.
+    static std::vector<std::string> missingFields(const Record& record,
+                                                  const std::vector<std::string>& dimensions,
+                                                  const std::vector<std::string>& measures) {
+        std::vector<std::string> missing;
+        for (const std::string& name : dimensions)
+            if (record.dimensions.count(name) == 0) missing.push_back("d:" + name);
+        for (const std::string& name : measures)
+            if (record.measures.count(name) == 0) missing.push_back("m:" + name);
+        return missing;
+    }
     // The records of one name, in the order they were sent.
     std::vector<Record> named(const std::string& name) const {
         std::lock_guard<std::mutex> lock(mutex_);

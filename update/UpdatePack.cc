@@ -168,29 +168,6 @@ void removeTempPath(std::vector<Folder>& paths, const Folder& folder) {
     }
 }
 
-// Installed packs whose size is unknown are measured, and the sizes written back in one
-// transaction, so that the limits compare real numbers.
-void fillPackSizes() {
-    const FConfigPtr config = SCache::current();
-    std::unordered_map<std::string, uint64_t> sizes;
-    for (const auto& [name, pack] : config->packs) {
-        if (!pack->isInstalled() || pack->installedSize != 0) continue;
-        // Fixed-sequence asset copies share their folder with the built-in pack.
-        if (pack->packType() == kPackTypeSCache && pack->subType != kSubTypePlain) continue;
-        sizes.emplace(name, pack->installedFolder().diskSize());
-    }
-    if (sizes.empty()) return;
-    SCache::mutate([&](FConfig& document) {
-        for (const auto& [name, size] : sizes) {
-            PackPtr old = document.find(name);
-            if (!old || old->installedSize != 0 || size == 0) continue;
-            auto pack = old->clone();
-            pack->installedSize = size;
-            document.put(std::move(pack));
-        }
-    });
-}
-
 }  // namespace
 
 // ---- Names and policies -----------------------------------------------------------------------
@@ -557,6 +534,8 @@ void UpdatePack::start() {
     }
     log.done();
     if (!pack_->needsConfig()) {
+        // The record names its zip itself: the configuration stage ends as it begins.
+        perf_.stage("configLoaded");
         requestResource();
         return;
     }
@@ -642,26 +621,7 @@ void UpdatePack::onConfig(std::string body, Error error) {
 // ---- Download ---------------------------------------------------------------------------------
 
 bool UpdatePack::capacityAllows() {
-    const Pack& pack = *pack_;
-    if (pack.isInstalled() || pack.isResident() || trigger_ == kTriggerPreview ||
-        trigger_ == kTriggerDebugTool) {
-        return true;
-    }
-    fillPackSizes();
-    const bool app = pack.packType() == kPackTypeACache;
-    uint64_t total = 0;
-    const FConfigPtr config = SCache::current();
-    for (const auto& [name, other] : config->packs) {
-        if ((other->packType() == kPackTypeACache) == app) total += other->installedSize;
-    }
-    const std::shared_ptr<const Settings> settings = Settings::current();
-    const uint64_t limit =
-        app ? settings->acacheSizeLimitValue() : settings->ferritSizeLimitValue();
-    if (total < limit) return true;
-    // A read is waiting for this pack: others make room for it.
-    if (trigger_ == kTriggerVisit || trigger_ == kTriggerVisitUpdate)
-        return Cleanup::evictForInstall(app ? kCleanupACache : kCleanupFerrit);
-    return false;
+    return Cleanup::mayInstall(*pack_, trigger_);
 }
 
 Folder UpdatePack::newVersionFolder() const {

@@ -5,6 +5,7 @@
 #include "base/Errors.h"
 #include "base/Url.h"
 #include "ferritcore/Access.h"
+#include "storage/Statistics.h"
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
@@ -357,6 +358,8 @@ TEST_F(AccessTest, HttpUrlIsForcedToHttpsUnlessSwitchedOff) {
 
 TEST_F(AccessTest, ProxyReceivesVisitRecords) {
     installAppPack(3, 3);
+    // Statistics load from their store at first use; that store opens (and reports) before.
+    static_cast<void>(FerritCore::Statistics::hasEntry("app"));
     auto proxy = std::make_shared<FakeProxy>();
     Environment::instance().setProxy(proxy);
     Environment::instance().setSessionName("Ferrit_MAIN_1.0");
@@ -384,6 +387,7 @@ TEST_F(AccessTest, NoAppVisitForUnmatchedUrl) {
 
 TEST_F(AccessTest, SecondVisitIsNotFirst) {
     installAppPack(3, 3);
+    static_cast<void>(FerritCore::Statistics::hasEntry("app"));
     auto proxy = std::make_shared<FakeProxy>();
     Environment::instance().setProxy(proxy);
     { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }

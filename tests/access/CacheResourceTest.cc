@@ -104,6 +104,16 @@ TEST_F(CacheResourceTest, FreshCopyIsReadAndTheVisitIsReported) {
     EXPECT_TRUE(proxy_->requests.empty());
 }
 
+TEST_F(CacheResourceTest, VisitRecordCarriesEveryField) {
+    storeModule("/m/v.js", "V();", hourFromNow());
+    auto part = modulePart("/m/v.js");
+    ASSERT_EQ(part->read(), ReadStatus::Done);
+    const auto visits = proxy_->named("Ferrit.CacheVisit");
+    ASSERT_EQ(visits.size(), 1u);
+    EXPECT_EQ(FakeProxy::missingFields(visits[0], {"name", "trigger"}, {"matchTime", "readTime"}),
+              std::vector<std::string>{});
+}
+
 TEST_F(CacheResourceTest, MissingCopyNeedsAnAggregateRequest) {
     auto part = modulePart("/m/none.js");
     EXPECT_EQ(part->read(), ReadStatus::NeedAggregate);
@@ -170,6 +180,34 @@ TEST_F(CacheResourceTest, FetchedBodyWithAMatchingDigestIsStoredValidated) {
     EXPECT_TRUE(Cache::instance().metaJson(bare("/m/b.js"))["v"].boolValue());
     EXPECT_TRUE(ModuleCache::instance().contains(bare("/m/b.js")));
     EXPECT_EQ(part->header().at("Content-Type"), "application/javascript");
+}
+
+TEST_F(CacheResourceTest, StoredFetchSendsCacheUpdateWithEveryField) {
+    auto part = modulePart("/m/u.js");
+    ASSERT_EQ(part->read(), ReadStatus::NeedAggregate);
+    proxy_->serve(full("/m/u.js"), answerOf("U();", {{"Cache-Control", "max-age=60"}}));
+    proxy_->clearRecords();
+    readAsync(*part);
+    const auto records = proxy_->named("Ferrit.CacheUpdate");
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(
+        FakeProxy::missingFields(records[0], {"url", "name", "trigger", "incr"},
+                                 {"notificationDelay", "queueDelay", "configTime", "downlodTime",
+                                  "downloadSize", "updateTime", "resourceSize", "updateDelay"}),
+        std::vector<std::string>{});
+    EXPECT_EQ(records[0].dimensions.at("incr"), "false");
+    EXPECT_DOUBLE_EQ(records[0].measures.at("downloadSize"), 4);
+    EXPECT_DOUBLE_EQ(records[0].measures.at("resourceSize"), 4);
+}
+
+TEST_F(CacheResourceTest, RefusedBodySendsNoCacheUpdate) {
+    auto part = modulePart("/m/r.js");
+    ASSERT_EQ(part->read(), ReadStatus::NeedAggregate);
+    proxy_->serve(full("/m/r.js"), answerOf("R();", {{"Content-MD5", contentMd5("other")},
+                                                     {"Cache-Control", "max-age=60"}}));
+    proxy_->clearRecords();
+    readAsync(*part);
+    EXPECT_TRUE(proxy_->named("Ferrit.CacheUpdate").empty());
 }
 
 TEST_F(CacheResourceTest, DigestThatDiffersRefusesTheBody) {

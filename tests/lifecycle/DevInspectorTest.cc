@@ -226,8 +226,29 @@ TEST_F(DevInspectorTest, UpdateAnswersWhenTheRunFinishes) {
     EXPECT_TRUE(reply.success) << reply.data.toString();
 }
 
+TEST_F(DevInspectorTest, CleanupAnswersWithTheCleanedPacks) {
+    SCache::mutate([](FConfig& config) {
+        auto idle = std::make_shared<Pack>();
+        idle->name = "idle";
+        idle->flags = kPackTypeFerrit;
+        idle->seq = 1;
+        idle->installedSeq = 1;
+        idle->installedSize = 10;
+        config.put(idle);
+    });
+    Reply reply = send("FerritDev.cleanup");
+    EXPECT_FALSE(reply.answered) << "the run belongs to the worker";
+    TaskRunner::runDue();
+    ASSERT_TRUE(reply.answered);
+    EXPECT_TRUE(reply.success);
+    ASSERT_EQ(reply.data["cleanedApps"].arrayValue().size(), 1u);
+    EXPECT_EQ(reply.data["cleanedApps"][size_t{0}].stringValue(), "idle");
+    EXPECT_EQ(SCache::current()->find("idle")->status, kPackStatusEliminated);
+    EXPECT_EQ(logs_->last("cleanup", "Ferrit/Task").field("trigger").stringValue(), "DebugTool");
+}
+
 TEST_F(DevInspectorTest, CommandsWaitingForTheirPartsAnswerSo) {
-    for (const char* command : {"FerritDev.cleanup", "FerritDev.previewPack"}) {
+    for (const char* command : {"FerritDev.previewPack"}) {
         Reply reply = send(command);
         EXPECT_FALSE(reply.success) << command;
         EXPECT_EQ(reply.data["code"].int32Value(), 9996);

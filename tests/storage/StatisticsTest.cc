@@ -1,0 +1,210 @@
+// Access statistics on a real configuration store: the window, both name forms, prefetches,
+// loading, the decay and its record, and what a sub-process may not do.
+#include "storage/Statistics.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/Environment.h"
+#include "storage/ConfigStore.h"
+#include "tests/storage/StoreFixture.h"
+
+namespace FerritTest {
+namespace {
+
+using FerritCore::ConfigStore;
+using FerritCore::Statistics;
+
+class StatisticsTest : public StoreFixture {
+  protected:
+    double now() { return MRLCurrentClock(); }
+    bool stored(const std::string& name) {
+        return ConfigStore::instance().contains(std::string(Statistics::kKeyPrefix) + name);
+    }
+    MarlLogger::json::JSON storedValue(const std::string& name) {
+        FerritCore::Error error;
+        return ConfigStore::instance().get(std::string(Statistics::kKeyPrefix) + name, error);
+    }
+};
+
+TEST_F(StatisticsTest, AccessesWithinTheWindowCountOnce) {
+    Statistics::addAccess("shop", nullptr, 1.0);
+    clock_->advance(2999);
+    Statistics::addAccess("shop", nullptr, 1.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 1.0);
+}
+
+TEST_F(StatisticsTest, AccessesBeyondTheWindowCountTwice) {
+    Statistics::addAccess("shop", nullptr, 1.0);
+    clock_->advance(3001);
+    Statistics::addAccess("shop", nullptr, 1.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 2.0);
+}
+
+TEST_F(StatisticsTest, AccessAtExactlyTheWindowCountsOnce) {
+    Statistics::addAccess("shop", nullptr, 1.0);
+    clock_->advance(Statistics::kRepeatWindowMs);
+    Statistics::addAccess("shop", nullptr, 1.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 1.0);
+}
+
+TEST_F(StatisticsTest, FirstAccessReturnsTrueOnlyOnce) {
+    EXPECT_TRUE(Statistics::addAccess("shop", nullptr, 1.0));
+    clock_->advance(5000);
+    EXPECT_FALSE(Statistics::addAccess("shop", nullptr, 1.0));
+}
+
+TEST_F(StatisticsTest, FirstAccessAfterRestartReturnsTrueAgain) {
+    EXPECT_TRUE(Statistics::addAccess("shop", nullptr, 1.0));
+    restart();
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 1.0) << "the count was stored";
+    EXPECT_TRUE(Statistics::addAccess("shop", nullptr, 1.0)) << "lastTime is not stored";
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 2.0);
+}
+
+TEST_F(StatisticsTest, VersionedNameAlsoCountsOnTheBareName) {
+    double count = 0;
+    Statistics::addAccess("shop@12", &count, 1.0);
+    EXPECT_DOUBLE_EQ(count, 1.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop@12"), 1.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 1.0);
+    clock_->advance(4000);
+    Statistics::addAccess("shop@13", nullptr, 1.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop@13"), 1.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 2.0) << "the bare name spans versions";
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop@12"), 1.0);
+}
+
+TEST_F(StatisticsTest, OutValueHoldsTheCountOfTheGivenName) {
+    Statistics::addAccess("shop", nullptr, 5.0);
+    double count = 0;
+    clock_->advance(4000);
+    Statistics::addAccess("shop@1", &count, 1.0);
+    EXPECT_DOUBLE_EQ(count, 1.0);
+}
+
+TEST_F(StatisticsTest, UnknownNameHasNoEntryAndZeroValue) {
+    EXPECT_FALSE(Statistics::hasEntry("nobody"));
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("nobody"), 0.0);
+    Statistics::addAccess("somebody", nullptr, 1.0);
+    EXPECT_TRUE(Statistics::hasEntry("somebody"));
+}
+
+TEST_F(StatisticsTest, InstallCreditAloneIsNotUsed) {
+    Statistics::addAccess("fresh", nullptr, Statistics::kInstallCredit);
+    EXPECT_FALSE(Statistics::isUsed("fresh"));
+    Statistics::addAccess("read", nullptr, std::nextafter(Statistics::kInstallCredit, 1.0));
+    EXPECT_TRUE(Statistics::isUsed("read"));
+}
+
+TEST_F(StatisticsTest, PrefetchCountsOnTheBareNameWithoutWindow) {
+    Statistics::addPrefetch("shop@4");
+    Statistics::addPrefetch("shop@4");
+    EXPECT_FALSE(Statistics::hasEntry("shop@4"));
+    const MarlLogger::json::JSON value = storedValue("shop");
+    EXPECT_DOUBLE_EQ(value["p"].doubleValue(), 2.0);
+    EXPECT_DOUBLE_EQ(value["c"].doubleValue(), 0.0);
+}
+
+TEST_F(StatisticsTest, EntriesAreStoredAsAccessAndPrefetch) {
+    Statistics::addAccess("shop", nullptr, 2.5);
+    const MarlLogger::json::JSON value = storedValue("shop");
+    ASSERT_TRUE(value.isObject());
+    EXPECT_DOUBLE_EQ(value["c"].doubleValue(), 2.5);
+    EXPECT_DOUBLE_EQ(value["p"].doubleValue(), 0.0);
+}
+
+TEST_F(StatisticsTest, LoadingSkipsAnEntryThatDoesNotRead) {
+    {
+        FerritCore::Error error;
+        ConfigStore::instance().put("statistics/good",
+                                    MarlLogger::json::JSONObject{{"c", 4.0}, {"p", 1.0}}, error);
+        ConfigStore::instance().put("statistics/bad", MarlLogger::json::JSON("garbage"), error);
+    }
+    restart();
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("good"), 4.0);
+    EXPECT_FALSE(Statistics::hasEntry("bad"));
+}
+
+TEST_F(StatisticsTest, ToJsonListsEveryEntry) {
+    Statistics::addAccess("b", nullptr, 2.0);
+    Statistics::addPrefetch("a");
+    const MarlLogger::json::JSON json = Statistics::toJson();
+    EXPECT_DOUBLE_EQ(json["b"]["accessCount"].doubleValue(), 2.0);
+    EXPECT_DOUBLE_EQ(json["a"]["prefetchCount"].doubleValue(), 1.0);
+}
+
+TEST_F(StatisticsTest, DecayFollowsTheLogarithmToZero) {
+    Statistics::addAccess("one", nullptr, 1.0);
+    const double expected[] = {0.6931471805599453, 0.5265890341390446, 0.423035857164402, 0.0};
+    for (double value : expected) {
+        Statistics::decay();
+        EXPECT_NEAR(Statistics::accessValue("one"), value, 1e-12);
+    }
+}
+
+TEST_F(StatisticsTest, DecayTakesThreeToZeroInFiveRunsAndHundredInSeven) {
+    Statistics::addAccess("three", nullptr, 3.0);
+    Statistics::addAccess("hundred", nullptr, 100.0);
+    for (int run = 1; run <= 7; ++run) {
+        Statistics::decay();
+        EXPECT_EQ(Statistics::accessValue("three") == 0.0, run >= 5) << "run " << run;
+        EXPECT_EQ(Statistics::accessValue("hundred") == 0.0, run >= 7) << "run " << run;
+    }
+}
+
+TEST_F(StatisticsTest, DecayedToZeroLeavesNoKeyAndIsUnknownAfterRestart) {
+    Statistics::addAccess("gone", nullptr, 0.3);
+    ASSERT_TRUE(stored("gone"));
+    Statistics::decay();
+    EXPECT_FALSE(stored("gone"));
+    EXPECT_TRUE(Statistics::hasEntry("gone")) << "the entry stays in memory";
+    restart();
+    EXPECT_FALSE(Statistics::hasEntry("gone"));
+}
+
+TEST_F(StatisticsTest, DecaySendsPrefetchRecordWithValuesBeforeDecay) {
+    Statistics::addAccess("shop", nullptr, 3.0);
+    Statistics::addPrefetch("shop");
+    Statistics::addAccess("plain", nullptr, 3.0);
+    proxy_->clearRecords();
+    Statistics::decay();
+    const auto records = proxy_->named("Ferrit.Prefetch");
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].dimensions.at("packName"), "shop");
+    EXPECT_DOUBLE_EQ(records[0].measures.at("prefetchCount"), 1.0);
+    EXPECT_DOUBLE_EQ(records[0].measures.at("accessCount"), 3.0);
+    EXPECT_NEAR(Statistics::accessValue("shop"), std::log(4.0), 1e-12);
+}
+
+TEST_F(StatisticsTest, SubProcessCountsInMemoryWritesNothingAndNeverDecays) {
+    FerritCore::Environment::instance().setMainProcess(false);
+    Statistics::addAccess("shop", nullptr, 2.0);
+    Statistics::addPrefetch("shop");
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 2.0);
+    EXPECT_FALSE(stored("shop"));
+    Statistics::decay();
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("shop"), 2.0);
+    EXPECT_TRUE(proxy_->named("Ferrit.Prefetch").empty());
+}
+
+// Threads reading one pack at once within one window count it once between them.
+TEST_F(StatisticsTest, ConcurrentAccessesInOneWindowCountOnce) {
+    std::vector<std::thread> threads;
+    const double at = now();
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([at] {
+            for (int n = 0; n < 200; ++n) Statistics::addAccess("busy@1", nullptr, 1.0, at);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("busy@1"), 1.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue("busy"), 1.0);
+}
+
+}  // namespace
+}  // namespace FerritTest
