@@ -24,6 +24,7 @@
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
 #include "storage/Statistics.h"
+#include "update/Preview.h"
 #include "update/UpdateConfig.h"
 
 namespace FerritCore {
@@ -182,6 +183,13 @@ void update(const JSON&, Context context) {
         0);
 }
 
+// Installs a preview: "packName" and its platform id "seq"; answers when the install ends.
+void previewPack(const JSON& params, Context context) {
+    Preview::install(
+        params["packName"].stringValue(), params["seq"].uint64Value(),
+        [context](bool success, const JSON& result) { reply(context, success, result); });
+}
+
 void size(const JSON&, Context context) {
     reply(context, true, DevInspector::sizeReport());
 }
@@ -210,7 +218,7 @@ const std::vector<std::pair<const char*, Handler>>& commandTable() {
         {"clear", clearCommand},
         {"update", update},
         {"cleanup", notAvailable("cleanup")},
-        {"previewPack", notAvailable("previewPack")},
+        {"previewPack", previewPack},
         {"size", size},
         {"moduleCacheMeta", notAvailable("moduleCacheMeta")},
     };

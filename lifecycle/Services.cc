@@ -21,6 +21,9 @@ class QueueRequester : public UpdateRequester {
     void request(const std::string& name, int trigger, Completion completion) override {
         UpdateQueue::request(name, trigger, std::move(completion));
     }
+    void holdPack(const std::string& name) override { UpdateQueue::holdPack(name); }
+    void releasePack(const std::string& name) override { UpdateQueue::releasePack(name); }
+    void prefetch(const std::vector<std::string>& items) override { UpdateQueue::prefetch(items); }
 };
 
 }  // namespace

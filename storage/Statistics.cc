@@ -95,6 +95,18 @@ bool Statistics::addAccess(const std::string& name, double* accessCount, double 
     return first;
 }
 
+void Statistics::addPrefetch(const std::string& name) {
+    const size_t at = name.rfind('@');
+    addTo(entryOf(table(), at == std::string::npos ? name : name.substr(0, at)).prefetchCount, 1.0);
+}
+
+double Statistics::prefetchValue(const std::string& name) {
+    Table& t = table();
+    MutexLock guard(t.lock);
+    auto it = t.entries.find(std::string_view(name));
+    return it == t.entries.end() ? 0.0 : it->second->prefetchCount.load(std::memory_order_relaxed);
+}
+
 double Statistics::accessValue(const std::string& name) {
     Table& t = table();
     MutexLock guard(t.lock);

@@ -19,6 +19,10 @@ class Statistics {
     static bool addAccess(const std::string& name, double* accessCount, double weight);
     // As above at `now` (MRLCurrentClock), for a caller that has just read the clock.
     static bool addAccess(const std::string& name, double* accessCount, double weight, double now);
+    // Counts a prefetch of `name` (its part before the last "@"), without a repeat window.
+    static void addPrefetch(const std::string& name);
+    // The prefetch count, 0.0 when unknown.
+    static double prefetchValue(const std::string& name);
     // The weighted count, 0.0 when unknown.
     static double accessValue(const std::string& name);
     static bool hasEntry(const std::string& name);
