@@ -24,6 +24,7 @@
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
 #include "storage/Statistics.h"
+#include "update/Preload.h"
 #include "update/Preview.h"
 #include "update/UpdateConfig.h"
 
@@ -265,6 +266,8 @@ void DevInspector::clear() {
     ResourceIndexPool::clear();
     Folder::removeFile(packFolder(), true);
     PacksStore::instance().removeByPrefix("");
+    // The packs shipped with the app come back at once, unless the host asked to forget them.
+    Preload::instance().reinstall();
 
     record.setMeasure("time", MRLCurrentTime() - now);
     record.setMeasure("diskSize", static_cast<double>(totalDiskSize()));

@@ -115,29 +115,29 @@ void Preview::install(const std::string& name, uint64_t id, Callback callback) {
         .append("name", name)
         .append("id", id)
         .append("url", configUrl);
-    Network::requestConfig(configUrl, runId, [name, id, runId, configUrl, callback](
-                                                 std::string body, Error error) {
-        if (error) {
-            callback(false, messageOf(error.message()));
-            return;
-        }
-        const std::string zipUrl = previewUrl("rpc/preview/pack/%" PRIu64 ".zip?v=%u", id);
-        const std::string message = applyConfig(name, body, configUrl, zipUrl);
-        if (!message.empty()) {
-            callback(false, messageOf(message));
-            return;
-        }
-        UpdatePackPtr task =
-            UpdateQueue::factory()->create(name, MarlLogger::json::JSON(), kTriggerPreview);
-        task->setParentId(runId);
-        UpdateQueue::add(task, [callback](const Error& result) {
-            if (result) {
-                callback(false, messageOf(result.message()));
-            } else {
-                callback(true, MarlLogger::json::JSON(MarlLogger::json::JSONObject()));
+    Network::requestConfig(
+        configUrl, runId, [name, id, runId, configUrl, callback](std::string body, Error error) {
+            if (error) {
+                callback(false, messageOf(error.message()));
+                return;
             }
+            const std::string zipUrl = previewUrl("rpc/preview/pack/%" PRIu64 ".zip?v=%u", id);
+            const std::string message = applyConfig(name, body, configUrl, zipUrl);
+            if (!message.empty()) {
+                callback(false, messageOf(message));
+                return;
+            }
+            UpdatePackPtr task =
+                UpdateQueue::factory()->create(name, MarlLogger::json::JSON(), kTriggerPreview);
+            task->setParentId(runId);
+            UpdateQueue::add(task, [callback](const Error& result) {
+                if (result) {
+                    callback(false, messageOf(result.message()));
+                } else {
+                    callback(true, MarlLogger::json::JSON(MarlLogger::json::JSONObject()));
+                }
+            });
         });
-    });
 }
 
 }  // namespace FerritCore

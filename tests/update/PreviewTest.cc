@@ -159,8 +159,7 @@ TEST_F(PreviewTest, PreviewTakesTheFastLane) {
     Preview::install("shop", 77, [&](bool, const JSON&) { done = true; });
     drive();
     EXPECT_EQ(UpdateQueue::runningCount(), 1u);
-    EXPECT_EQ(logs_->last("start", "Ferrit/UpdatePack").field("trigger").stringValue(),
-              "Preview");
+    EXPECT_EQ(logs_->last("start", "Ferrit/UpdatePack").field("trigger").stringValue(), "Preview");
     proxy_->release();
     drive();
     EXPECT_TRUE(done);

@@ -181,8 +181,7 @@ TEST_F(UpdateQueueTest, RunThatEmptiesSendsOneRecordAndTellsTheHost) {
     UpdateQueue::start(kTriggerTimer);
     for (int i = 0; i < 3; ++i) {
         drive();
-        factory_->last(factory_->started.back())
-            ->finish(i == 0 ? Error(1004, "failed") : Error());
+        factory_->last(factory_->started.back())->finish(i == 0 ? Error(1004, "failed") : Error());
     }
     drive();
     EXPECT_EQ(proxy_->queueFinished, (std::vector<uint32_t>{3}));
