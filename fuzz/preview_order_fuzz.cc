@@ -56,7 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     const size_t newline = input.find('\n');
     const std::string name(input.substr(0, newline));
-    proxy->body = newline == std::string_view::npos ? std::string() : std::string(input.substr(newline + 1));
+    proxy->body =
+        newline == std::string_view::npos ? std::string() : std::string(input.substr(newline + 1));
     int calls = 0;
     Preview::install(name, 77, [&calls](bool, const MarlLogger::json::JSON&) { ++calls; });
     for (int round = 0; round < 100 && TaskRunner::runDue() > 0; ++round) {

@@ -80,8 +80,8 @@ void copy(Plan& plan, const std::string& path, const std::string& content) {
     if (path.compare(0, planned.prefix.size(), planned.prefix) != 0) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kPreload)
             .event("copy")
-            .append("message", "filePath \"" + path + "\" not have prefix \"" + planned.prefix +
-                                   "\"")
+            .append("message",
+                    "filePath \"" + path + "\" not have prefix \"" + planned.prefix + "\"")
             .append("folder", planned.folder.describe());
         return;
     }

@@ -159,8 +159,8 @@ TEST_F(PreloadTest, CorruptZipInstallsNothingAndLogsTheFailure) {
 TEST_F(PreloadTest, UnsignedConfigurationInstallsNothing) {
     FerritTools::ZipWriter writer;
     std::string error, zip;
-    ASSERT_TRUE(writer.addFile("fconfig.config", R"({"v":"5","packs":{"shop":{"s":3,"f":80}}})",
-                               error));
+    ASSERT_TRUE(
+        writer.addFile("fconfig.config", R"({"v":"5","packs":{"shop":{"s":3,"f":80}}})", error));
     ASSERT_TRUE(writer.addFile("shop/3/res/index.html", "x", error));
     ASSERT_TRUE(writer.finish(zip, error));
     place("preload.zip", zip);
