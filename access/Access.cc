@@ -4,6 +4,7 @@
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
+#include "access/UpdateRequester.h"
 #include "base/Errors.h"
 #include "base/Http.h"
 #include "base/LogTags.h"
@@ -192,10 +193,15 @@ void Access::getResource(const ResourceRequest& request,
 }
 
 void Access::prefetch(const std::vector<std::string>& urls) {
-    // The prefetcher is not attached in this build: there is nothing to hand the list to.
-    MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kPrefetch)
-        .event("prefetch")
-        .append("count", static_cast<uint64_t>(urls.size()));
+    if (std::shared_ptr<UpdateRequester> requester = UpdateRequester::current()) {
+        requester->prefetch(urls);
+        return;
+    }
+    // Nothing updates in this process (nothing was wired, as before setup).
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kPrefetch)
+        .event("trigger")
+        .append("count", static_cast<uint64_t>(urls.size()))
+        .error(Errors::updateDisabled());
 }
 
 }  // namespace FerritCore

@@ -96,9 +96,14 @@ void Reader::load(const ReaderParams& params, Callback callback) {
 }
 
 Reader::Reader(std::shared_ptr<PackMatch> match, std::string name, std::string parentId)
-    : match_(std::move(match)), name_(std::move(name)), parentId_(std::move(parentId)) {}
+    : match_(std::move(match)), name_(std::move(name)), parentId_(std::move(parentId)) {
+    heldName_ = match_ && match_->pack ? match_->pack->name : name_;
+    holdPackForReading(heldName_);
+}
 
-Reader::~Reader() = default;
+Reader::~Reader() {
+    releasePackFromReading(heldName_);
+}
 
 std::string Reader::absolutePath(const std::string& path) {
     if (path.starts_with("//")) return path;

@@ -31,6 +31,8 @@ class Reader {
     // the first visit, "RC" after). No callback, no work.
     static void load(const ReaderParams& params, Callback callback);
 
+    // Holds the pack in the update queue for the reader's whole life, so that no update replaces
+    // its files under it; the destructor releases the hold.
     Reader(std::shared_ptr<PackMatch> match, std::string name, std::string parentId);
     ~Reader();
     Reader(const Reader&) = delete;
@@ -52,6 +54,8 @@ class Reader {
     std::shared_ptr<PackMatch> match_;
     std::string name_;
     std::string parentId_;
+    // The pack name that the hold is taken under: the one that update tasks carry.
+    std::string heldName_;
 };
 
 }  // namespace FerritCore

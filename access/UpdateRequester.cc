@@ -22,4 +22,14 @@ void requestUpdate(const std::string& name, int trigger, UpdateRequester::Comple
     if (completion) completion(Errors::updateDisabled());
 }
 
+void holdPackForReading(const std::string& name) {
+    if (std::shared_ptr<UpdateRequester> requester = UpdateRequester::current())
+        requester->holdPack(name);
+}
+
+void releasePackFromReading(const std::string& name) {
+    if (std::shared_ptr<UpdateRequester> requester = UpdateRequester::current())
+        requester->releasePack(name);
+}
+
 }  // namespace FerritCore

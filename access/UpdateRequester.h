@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ferritcore/Error.h"
 
@@ -20,6 +21,13 @@ class UpdateRequester {
     // Asks for an update of `name` with `trigger`; `completion` (may be empty) learns the outcome,
     // on any thread.
     virtual void request(const std::string& name, int trigger, Completion completion) = 0;
+    // A reader holds the pack `name` for its life: no update replaces it meanwhile. Holds nest;
+    // each hold is released once.
+    virtual void holdPack(const std::string& name) = 0;
+    virtual void releasePack(const std::string& name) = 0;
+    // Queues the packs behind `items` (URLs or pack names) ahead of their turn; the outcome is a
+    // log event only.
+    virtual void prefetch(const std::vector<std::string>& items) = 0;
 
     // The installed requester, or null.
     static std::shared_ptr<UpdateRequester> current();
@@ -29,5 +37,8 @@ class UpdateRequester {
 // Hands the request to the installed requester, or answers 2003.
 void requestUpdate(const std::string& name, int trigger,
                    UpdateRequester::Completion completion = {});
+// Hand the hold to the installed requester; nothing without one.
+void holdPackForReading(const std::string& name);
+void releasePackFromReading(const std::string& name);
 
 }  // namespace FerritCore

@@ -42,5 +42,7 @@ inline constexpr std::string_view kConfig = "FT_Config";      // one configurati
 inline constexpr std::string_view kPack = "FT_Pack";          // one pack update
 inline constexpr std::string_view kQueue = "FT_Queue";        // one queue run
 inline constexpr std::string_view kPreview = "FT_Preview";    // one preview
+inline constexpr std::string_view kPrefetch = "ft_prefetch";  // one prefetch
+inline constexpr std::string_view kPreload = "ft_preload";    // one preload install
 
 }  // namespace FerritCore::TracePrefix

@@ -29,6 +29,7 @@
 #include "runtime/Settings.h"
 #include "storage/Variants.h"
 #include "support/Mutex.h"
+#include "update/Preload.h"
 #include "update/UpdateQueue.h"
 
 namespace FerritCore {
@@ -257,12 +258,12 @@ napi_value installPreloadNative(napi_env env, napi_callback_info info) {
     std::optional<std::string> name = NAPI::toString(env, args[0]);
     if (!name) return undefinedOf(env);
     postSerial(env, [name = std::move(*name)] {
-        // The preload installer is not part of this build: the request is only recorded.
-        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kPreload)
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kPreload)
             .event("installPreload")
             .append("name", name)
-            .append("force", kPreloadForce)
-            .error(Errors::updateDisabled());
+            .append("force", kPreloadForce);
+        // Once per app version: the file is checked against the version that installed it last.
+        static_cast<void>(Preload::instance().install(name, true));
     });
     return undefinedOf(env);
 }

@@ -28,6 +28,8 @@
 #include "storage/Statistics.h"
 #include "storage/UniApp.h"
 #include "update/Cleanup.h"
+#include "update/Preload.h"
+#include "update/Preview.h"
 #include "update/UpdateConfig.h"
 
 namespace FerritCore {
@@ -186,6 +188,13 @@ void update(const JSON&, Context context) {
         0);
 }
 
+// Installs a preview: "packName" and its platform id "seq"; answers when the install ends.
+void previewPack(const JSON& params, Context context) {
+    Preview::install(
+        params["packName"].stringValue(), params["seq"].uint64Value(),
+        [context](bool success, const JSON& result) { reply(context, success, result); });
+}
+
 void size(const JSON&, Context context) {
     reply(context, true, DevInspector::sizeReport());
 }
@@ -211,13 +220,6 @@ void cleanup(const JSON&, Context context) {
     });
 }
 
-// Commands whose part is not in this build answer so, instead of inventing a result.
-Handler notAvailable(const char* command) {
-    return [command](const JSON&, Context context) {
-        replyError(context, Errors::devToolNotAvailable(command));
-    };
-}
-
 // The command table, built once.
 const std::vector<std::pair<const char*, Handler>>& commandTable() {
     static const auto* const table = new std::vector<std::pair<const char*, Handler>>{
@@ -235,7 +237,7 @@ const std::vector<std::pair<const char*, Handler>>& commandTable() {
         {"clear", clearCommand},
         {"update", update},
         {"cleanup", cleanup},
-        {"previewPack", notAvailable("previewPack")},
+        {"previewPack", previewPack},
         {"size", size},
         {"moduleCacheMeta", moduleCacheMeta},
     };
@@ -283,6 +285,8 @@ void DevInspector::clear() {
     Folder::removeFile(packFolder(), true);
     PacksStore::instance().removeByPrefix("");
     Cache::instance().clear();
+    // The packs shipped with the app come back at once, unless the host asked to forget them.
+    Preload::instance().reinstall();
 
     record.setMeasure("time", MRLCurrentTime() - now);
     record.setMeasure("diskSize", static_cast<double>(totalDiskSize()));

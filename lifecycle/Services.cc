@@ -10,6 +10,7 @@
 #include "runtime/TimeMarks.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
+#include "update/Cleanup.h"
 #include "update/UpdateQueue.h"
 
 namespace FerritCore {
@@ -21,6 +22,9 @@ class QueueRequester : public UpdateRequester {
     void request(const std::string& name, int trigger, Completion completion) override {
         UpdateQueue::request(name, trigger, std::move(completion));
     }
+    void holdPack(const std::string& name) override { UpdateQueue::holdPack(name); }
+    void releasePack(const std::string& name) override { UpdateQueue::releasePack(name); }
+    void prefetch(const std::vector<std::string>& items) override { UpdateQueue::prefetch(items); }
 };
 
 }  // namespace
@@ -30,6 +34,7 @@ void Services::wire() {
     TimeMarks::setStore(ConfigStore::marks());
     SCache::setStorage(std::make_shared<PacksConfigStorage>());
     UpdateRequester::set(std::make_shared<QueueRequester>());
+    Cleanup::setBusyPacks(UpdateQueue::isInUse);
 }
 
 void Services::attachAssets(const std::string& rawFileFolder) {

@@ -27,6 +27,7 @@
 #include "storage/PacksStore.h"
 #include "support/Mutex.h"
 #include "update/Cleanup.h"
+#include "update/Push.h"
 #include "update/UpdateConfig.h"
 #include "update/UpdateQueue.h"
 
@@ -70,6 +71,11 @@ void onPushMessage(const std::string& topic, const std::string& message) {
         .event("message", Environment::instance().sessionName())
         .append("topic", topic)
         .append("size", static_cast<uint64_t>(message.size()));
+    if (topic == "wpb.fconfig") {
+        Push::onConfigPush({message});
+    } else {
+        Push::onPackConfigPush({message});
+    }
 }
 
 }  // namespace
@@ -229,7 +235,7 @@ void Setup::clientActived() {
     Environment& environment = Environment::instance();
     if (environment.clientActive()) return;
     environment.setClientActive(true);
-    UpdateQueue::resume();
+    UpdateQueue::setPaused(false);
     UpdateConfig::instance().start(kTriggerActive, "0", nullptr, 0);
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent)
         .event("clientActived", environment.sessionName());
@@ -237,7 +243,7 @@ void Setup::clientActived() {
 
 void Setup::clientDeactived() {
     const double start = MRLCurrentClock();
-    UpdateQueue::pause();
+    UpdateQueue::setPaused(true);
     Environment::instance().setClientActive(false);
     compactDatabases();
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent)

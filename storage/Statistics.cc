@@ -195,6 +195,13 @@ void Statistics::addPrefetch(const std::string& name) {
     if (isMainProcess()) store(pack, stat);
 }
 
+double Statistics::prefetchValue(const std::string& name) {
+    Table& t = table();
+    MutexLock guard(t.lock);
+    auto it = t.entries.find(std::string_view(name));
+    return it == t.entries.end() ? 0.0 : it->second->prefetchCount.load(std::memory_order_relaxed);
+}
+
 double Statistics::accessValue(const std::string& name) {
     Table& t = table();
     MutexLock guard(t.lock);

@@ -34,6 +34,8 @@ class Statistics {
     static bool addAccess(const std::string& name, double* accessCount, double weight, double now);
     // Counts one prefetch on the pack name of `name` (the part before its last "@"), unthrottled.
     static void addPrefetch(const std::string& name);
+    // The prefetch count, 0.0 when unknown.
+    static double prefetchValue(const std::string& name);
     // The weighted count, 0.0 when unknown.
     static double accessValue(const std::string& name);
     // True when more than the install credit stands for `name`.

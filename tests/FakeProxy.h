@@ -152,6 +152,10 @@ class FakeProxy : public FerritCore::Proxy {
         std::lock_guard<std::mutex> lock(mutex_);
         updatedPacks.push_back(name);
     }
+    void onQueueFinished(uint32_t count) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        queueFinished.push_back(count);
+    }
     bool registerPushTopic(const std::string& topic,
                            std::function<void(const std::string&)> handler) override {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -233,6 +237,7 @@ class FakeProxy : public FerritCore::Proxy {
     std::map<std::string, std::function<void(const std::string&)>> pushHandlers;
     std::vector<std::string> loads;
     std::vector<std::string> updatedPacks;  // every onPackUpdated, in order
+    std::vector<uint32_t> queueFinished;    // the count of every onQueueFinished, in order
 
   private:
     static void deliver(const FerritCore::ProxyRequest& request, const Answer& answer,

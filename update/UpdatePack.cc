@@ -1,5 +1,6 @@
 #include "update/UpdatePack.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cinttypes>
@@ -486,6 +487,19 @@ void UpdatePack::addListener(Listener listener) {
         ended = error_;
     }
     listener(ended);
+}
+
+void UpdatePack::absorb(const UpdatePack& other) {
+    score_ = std::max(score_, other.score_);
+    if (parentId_.empty()) parentId_ = other.parentId_;
+    concurrent_ = concurrent_ || other.concurrent_;
+}
+
+void UpdatePack::endRun(Error error) {
+    state_ = UpdateState::UpdateFinished;
+    runnable_ = false;
+    error_ = std::move(error);
+    tellListeners();
 }
 
 void UpdatePack::tellListeners() {

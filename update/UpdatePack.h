@@ -109,6 +109,10 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // Calls `listener` with `error` once the task ends; at once (on this thread) when `error` is
     // already set or the task has ended.
     void addListener(Listener listener);
+    // Folds a duplicate request into this task, which was queued first: the higher score, the
+    // other's parent id when this has none, concurrent when either is. The queue calls it under
+    // its lock, before the task starts.
+    void absorb(const UpdatePack& other);
 
     double score() const { return score_; }
     const std::string& name() const { return name_; }
@@ -148,6 +152,11 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     static void setRandomSource(RandomSource source);
     // Task objects waiting in the free list.
     static size_t spareCount();
+
+  protected:
+    // Ends a run that a subclass drives itself (a task double of the queue's tests): sets the
+    // outcome and tells the listeners, on the calling thread.
+    void endRun(Error error);
 
   private:
     // The record of `name` (after resolving), or null; the private clone when one was made.

@@ -31,7 +31,8 @@ class FERRIT_EXPORT Access {
     // on whichever thread finishes the read. An empty callback returns at once.
     static void getResource(const ResourceRequest& request,
                             std::function<void(std::unique_ptr<ResourceResponse>)> callback);
-    // Hands the list to the prefetcher unchanged.
+    // Queues the packs behind the URLs or pack names with the trigger "Prefetch", ahead of other
+    // normal updates; the result is the log event "trigger" under "Ferrit/Prefetch". Any thread.
     static void prefetch(const std::vector<std::string>& urls);
     // The matcher. Never null.
     static std::shared_ptr<Resource> match(const ResourceRequest& request, int policy);

@@ -138,10 +138,17 @@ test('HostTest.ServesAPackAndAnswersTheInspector', async (t) => {
     assert.equal(host.requests.length, before + 1);
   });
 
-  await t.test('CommandsWaitingForTheirPartsSaySo', async () => {
-    for (const command of ['previewPack']) {
-      await assert.rejects(ferrit.inspect('FerritDev.' + command), (error) => error.code === 9996);
-    }
+  await t.test('PrefetchNativeCreditsThePackBehindTheUrl', async () => {
+    assert.equal(ferrit.prefetchNative([PREFIX + 'app.js', 'https://nobody.example.com/x.js']), undefined);
+    await waitFor(async () => {
+      const statistics = await ferrit.inspect('FerritDev.statisitcs');
+      return statistics.web && statistics.web.prefetchCount >= 1;
+    });
+  });
+
+  await t.test('PreviewPackAsksThePlatformThroughTheHost', async () => {
+    await assert.rejects(ferrit.inspect('FerritDev.previewPack', { packName: 'news', seq: 7 }),
+      (error) => /rpc\/preview\/packConfig\/7\?v=\d+/.test(error.message));
   });
 
   await t.test('ModuleCacheMetaAnswersWithTheList', async () => {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -60,8 +61,17 @@ class RecordingRequester : public UpdateRequester {
             completion(Error());
         }
     }
+    void holdPack(const std::string& name) override { ++held[name]; }
+    void releasePack(const std::string& name) override {
+        auto it = held.find(name);
+        if (it != held.end() && --it->second == 0) held.erase(it);
+    }
+    void prefetch(const std::vector<std::string>& items) override { prefetched.push_back(items); }
     std::vector<UpdateRequest> requests;
+    std::vector<std::vector<std::string>> prefetched;
     std::function<void(const std::string& name, Completion completion)> answer;
+    // Holds of readers that are alive, by pack name.
+    std::map<std::string, int> held;
 };
 
 class AccessFixture : public ProcessTest {

@@ -247,14 +247,6 @@ TEST_F(DevInspectorTest, CleanupAnswersWithTheCleanedPacks) {
     EXPECT_EQ(logs_->last("cleanup", "Ferrit/Task").field("trigger").stringValue(), "DebugTool");
 }
 
-TEST_F(DevInspectorTest, CommandsWaitingForTheirPartsAnswerSo) {
-    for (const char* command : {"FerritDev.previewPack"}) {
-        Reply reply = send(command);
-        EXPECT_FALSE(reply.success) << command;
-        EXPECT_EQ(reply.data["code"].int32Value(), 9996);
-    }
-}
-
 // A module file stored the way a fetched one is, fresh for a long while.
 CachedResource freshModule(size_t size) {
     CachedResource resource;
@@ -309,7 +301,20 @@ TEST_F(DevInspectorTest, PrefetchTakesTheKeysAsUrls) {
     Reply reply =
         send("Ferrit.prefetch", JSONObject{{"https://h.com/a.js", 1}, {"https://h.com/b.js", 0}});
     EXPECT_TRUE(reply.success);
-    EXPECT_EQ(logs_->last("prefetch").field("count").uint64Value(), 2u);
+    const JSON result = logs_->last("trigger", "Ferrit/Prefetch").field("result");
+    EXPECT_EQ(result["https://h.com/a.js"]["status"].stringValue(), "notFerritResource");
+    EXPECT_EQ(result["https://h.com/b.js"]["status"].stringValue(), "notFerritResource");
+}
+
+TEST_F(DevInspectorTest, PreviewPackAnswersWithTheResultOfThePreview) {
+    Reply reply = send("FerritDev.previewPack", JSONObject{{"packName", "shop"}, {"seq", 77}});
+    EXPECT_FALSE(reply.answered) << "the configuration request is under way";
+    TaskRunner::runDue();
+    ASSERT_TRUE(reply.answered);
+    EXPECT_FALSE(reply.success);
+    EXPECT_NE(reply.data["message"].stringValue().find("rpc/preview/packConfig/77?v="),
+              std::string::npos)
+        << reply.data.toString();
 }
 
 TEST_F(DevInspectorTest, DumpsAnswerWithDocuments) {

@@ -227,6 +227,34 @@ bool buildIncrement(const PackContent& previous, const PackContent& current,
     return true;
 }
 
+bool buildPreload(const std::string& version, const std::vector<PreloadPack>& packs,
+                  const PackOptions& options, std::string& zip, std::string& error) {
+    std::vector<ConfigPack> records;
+    for (const PreloadPack& pack : packs) records.push_back(pack.record);
+    std::string document;
+    if (!buildConfig(version, records, options.signer, document, error)) return false;
+    ZipWriter writer;
+    ZipWriter::Entry entry;
+    entry.level = options.level;
+    entry.name = std::string(kPreloadConfigEntry);
+    entry.content = document;
+    if (!writer.add(entry, error)) return false;
+    for (const PreloadPack& pack : packs) {
+        const std::string folder = pack.record.name + "/" + std::to_string(pack.record.seq) + "/";
+        std::string index;
+        if (!signedIndexOf(pack.content, options, {}, index, error)) return false;
+        entry.name = folder + std::string(kIndexEntry);
+        entry.content = index;
+        if (!writer.add(entry, error)) return false;
+        for (const auto& [path, content] : pack.content.files) {
+            entry.name = folder + std::string(kResourcePrefix) + path;
+            entry.content = content;
+            if (!writer.add(entry, error)) return false;
+        }
+    }
+    return writer.finish(zip, error);
+}
+
 bool wrapPayload(std::string_view zip, uint64_t seq, std::string& png, std::string& error) {
     // A PNG chunk's length is at most 2^31 - 1, and the MD5 comes first.
     if (zip.size() > 0x7FFFFFFFu - 16) {

@@ -104,4 +104,17 @@ struct ConfigPack {
 bool buildConfig(const std::string& version, const std::vector<ConfigPack>& packs,
                  const Signer& signer, std::string& document, std::string& error);
 
+// One pack of a preload zip: its record in the zip's configuration and its files.
+struct PreloadPack {
+    ConfigPack record;
+    PackContent content;
+};
+// The configuration entry of a preload zip.
+inline constexpr std::string_view kPreloadConfigEntry = "fconfig.config";
+// A preload zip, which an app ships among its raw files: "fconfig.config", the signed document
+// of the records (version `version`), then each pack as its installed version folder holds it:
+// "<name>/<seq>/app-res.hvc" and "<name>/<seq>/res/<path>" in path order.
+bool buildPreload(const std::string& version, const std::vector<PreloadPack>& packs,
+                  const PackOptions& options, std::string& zip, std::string& error);
+
 }  // namespace FerritTools
