@@ -219,7 +219,7 @@ TEST_F(UpdateQueueTest, VisitForAPackQueuedAsNormalMovesItToFastWithTheHigherSco
     const std::shared_ptr<HeldTask> queued = factory_->last("p1");
     ASSERT_NE(queued, nullptr);
     const double normalScore = queued->score();
-    clock_->advance(Statistics::kRepeatWindowMs);
+    clock_->advance(Statistics::kRepeatWindowMs + 1);  // past the window: it counts again
     Statistics::addAccess("p1", nullptr, 500.0);
     UpdatePackPtr visit = task("p1", kTriggerVisit);
     ASSERT_GT(visit->score(), normalScore);
