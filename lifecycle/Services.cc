@@ -11,23 +11,10 @@
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
 #include "update/Cleanup.h"
+#include "update/QueueRequester.h"
 #include "update/UpdateQueue.h"
 
 namespace FerritCore {
-namespace {
-
-// The read path's requests go to the update queue.
-class QueueRequester : public UpdateRequester {
-  public:
-    void request(const std::string& name, int trigger, Completion completion) override {
-        UpdateQueue::request(name, trigger, std::move(completion));
-    }
-    void holdPack(const std::string& name) override { UpdateQueue::holdPack(name); }
-    void releasePack(const std::string& name) override { UpdateQueue::releasePack(name); }
-    void prefetch(const std::vector<std::string>& items) override { UpdateQueue::prefetch(items); }
-};
-
-}  // namespace
 
 void Services::wire() {
     PackedFiles::set(PacksStore::files());

@@ -9,22 +9,7 @@ const os = require('os');
 const path = require('path');
 
 const ferrit = require('..');
-
-// The library's worker may still be writing below the root when a test ends (a commit, a store),
-// so a removal that races it is tried once more when the process exits.
-function removeTree(dir) {
-  try {
-    fs.rmSync(dir, { recursive: true, force: true });
-  } catch {
-    process.once('exit', () => {
-      try {
-        fs.rmSync(dir, { recursive: true, force: true });
-      } catch {
-        // left for the system's temporary folder cleaning
-      }
-    });
-  }
-}
+const { removeTree } = require('./removeTree');
 
 function tempRoot(t) {
   const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'ferrit-node-'));

@@ -13,6 +13,7 @@ const { test } = require('node:test');
 
 const s = require('./support');
 const { FerritHost } = require('../../examples/node-host/FerritHost');
+const { removeTree } = require('../../node/test/removeTree');
 
 // Added to every request of the page loaded from the network.
 const kAddedLatencyMs = 100;
@@ -36,22 +37,6 @@ const storyStarted = performance.now();
 // One line per step on the test's output, with the time since the start.
 function step(what) {
   console.log(`# ${((performance.now() - storyStarted) / 1000).toFixed(1)} s: ${what}`);
-}
-
-// The library's worker may still be writing below its root when the story ends, so a removal
-// that races it is tried once more when the process exits.
-function removeTree(dir) {
-  try {
-    fs.rmSync(dir, { recursive: true, force: true });
-  } catch {
-    process.once('exit', () => {
-      try {
-        fs.rmSync(dir, { recursive: true, force: true });
-      } catch {
-        // left for the system's temporary folder cleaning
-      }
-    });
-  }
 }
 
 function median(values) {

@@ -11,6 +11,7 @@
 #include "storage/Statistics.h"
 #include "tests/update/InstallFixture.h"
 #include "tools/pack/ZipWriter.h"
+#include "update/QueueRequester.h"
 
 namespace FerritTest {
 namespace {
@@ -406,17 +407,6 @@ TEST_F(PackInstallTest, ReaderHoldingTheOldListReadsTheOldFilesUntilTheyGo) {
               version1().at("index.html"));
     expectServes(version2());
 }
-
-// The read path's requests go to the queue, as the composition root wires them.
-class QueueRequester : public UpdateRequester {
-  public:
-    void request(const std::string& name, int trigger, Completion completion) override {
-        UpdateQueue::request(name, trigger, std::move(completion));
-    }
-    void holdPack(const std::string& name) override { UpdateQueue::holdPack(name); }
-    void releasePack(const std::string& name) override { UpdateQueue::releasePack(name); }
-    void prefetch(const std::vector<std::string>& items) override { UpdateQueue::prefetch(items); }
-};
 
 class QueueInstallTest : public PackInstallTest {
   protected:

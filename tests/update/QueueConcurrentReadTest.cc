@@ -13,6 +13,7 @@
 #include "access/Reader.h"
 #include "access/UpdateRequester.h"
 #include "tests/update/InstallFixture.h"
+#include "update/QueueRequester.h"
 #include "update/UpdateQueue.h"
 
 namespace FerritTest {
@@ -23,16 +24,6 @@ using MarlLogger::json::JSON;
 
 constexpr int kReaders = 8;
 constexpr uint64_t kVersions = 50;
-
-class QueueRequester : public UpdateRequester {
-  public:
-    void request(const std::string& name, int trigger, Completion completion) override {
-        UpdateQueue::request(name, trigger, std::move(completion));
-    }
-    void holdPack(const std::string& name) override { UpdateQueue::holdPack(name); }
-    void releasePack(const std::string& name) override { UpdateQueue::releasePack(name); }
-    void prefetch(const std::vector<std::string>& items) override { UpdateQueue::prefetch(items); }
-};
 
 class QueueConcurrentReadTest : public InstallFixture {
   protected:
