@@ -86,16 +86,6 @@ class TelemetryRecordsTest : public InstallFixture {
             << event;
         EXPECT_EQ(records[0].dimensions.count("sessionID"), 1u) << event;
     }
-
-    void installShop() {
-        const std::string zip = zipOf(version1());
-        auto p = record("shop", kPackTypeFerrit, 1, 1, kPriorityAutoInstall);
-        p->md5 = Digest::md5Hex(zip);
-        put({p});
-        serveFull("shop", 1, zip);
-        const Error error = update("shop", kTriggerTimer);
-        ASSERT_FALSE(error) << error.message();
-    }
 };
 
 TEST_F(TelemetryRecordsTest, InitIsSentInFull) {

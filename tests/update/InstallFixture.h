@@ -111,6 +111,18 @@ class InstallFixture : public ProcessTest {
         return signedIndex;
     }
 
+    // "shop", a plain incremental pack, installed at seq 1 (base 1) from version 1 through a real
+    // task.
+    void installShop() {
+        const std::string zip = zipOf(version1());
+        auto p = record("shop", kPackTypeFerrit, 1, 1, kPriorityAutoInstall);
+        p->md5 = Digest::md5Hex(zip);
+        put({p});
+        serveFull("shop", 1, zip);
+        const Error error = update("shop", kTriggerTimer);
+        ASSERT_FALSE(error) << error.message();
+    }
+
     // Version 1 and version 2 of a small site: one page changed, one added, one removed.
     static PackFiles version1() {
         return {{"index.html", "<!doctype html><title>v1</title>"},

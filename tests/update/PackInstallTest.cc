@@ -22,13 +22,7 @@ class PackInstallTest : public InstallFixture {
   protected:
     // "shop", a plain incremental pack, installed at seq 1 (base 1) from version 1.
     void installShop1() {
-        const std::string zip = zipOf(version1());
-        auto p = record("shop", kPackTypeFerrit, 1, 1, kPriorityAutoInstall);
-        p->md5 = Digest::md5Hex(zip);
-        put({p});
-        serveFull("shop", 1, zip);
-        const Error error = update("shop", kTriggerTimer);
-        ASSERT_FALSE(error) << error.message();
+        ASSERT_NO_FATAL_FAILURE(installShop());
         ASSERT_EQ(find("shop")->installedSeq, 1u);
         proxy_->requests.clear();
         proxy_->updatedPacks.clear();
