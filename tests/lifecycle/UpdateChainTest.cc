@@ -69,8 +69,8 @@ constexpr const char* kFullMark = "4294967295";
 
 constexpr size_t kPackCount = 20;
 // Priorities 9 and up qualify for the start-up run; the others wait for a visit.
-constexpr uint32_t kPriorities[kPackCount] = {9,  15, 12, 3,  10, 11, 14, 9,  13, 5,
-                                              10, 12, 15, 9,  11, 8,  13, 14, 10, 9};
+constexpr uint32_t kPriorities[kPackCount] = {9,  15, 12, 3, 10, 11, 14, 9,  13, 5,
+                                              10, 12, 15, 9, 11, 8,  13, 14, 10, 9};
 // Visits before the start, as access weights; the low-priority packs are among the most used.
 constexpr double kAccess[kPackCount] = {2.5, 0.5, 4.0, 9.0, 1.5, 3.5, 0.0, 6.0, 2.0, 8.0,
                                         5.5, 1.0, 3.0, 7.0, 4.5, 9.5, 0.2, 5.0, 6.5, 1.2};
@@ -78,7 +78,9 @@ constexpr double kAccess[kPackCount] = {2.5, 0.5, 4.0, 9.0, 1.5, 3.5, 0.0, 6.0, 
 std::string packName(size_t i) {
     return std::string("pk") + (i < 10 ? "0" : "") + std::to_string(i);
 }
-std::string sitePrefix(const std::string& name) { return std::string(kSiteHost) + name + "/"; }
+std::string sitePrefix(const std::string& name) {
+    return std::string(kSiteHost) + name + "/";
+}
 std::string pageOf(const std::string& name, uint64_t seq) {
     return "<!doctype html><title>" + name + " v" + std::to_string(seq) + "</title>";
 }
