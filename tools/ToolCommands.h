@@ -6,7 +6,7 @@
 
 namespace FerritTools {
 
-// ferrit-pack: build, diff, wrap, config (0 success, 1 failed work, 2 wrong command line).
+// ferrit-pack: build, diff, wrap, config, preload (0 success, 1 failed work, 2 wrong command line).
 int runPackTool(int argc, char** argv);
 // ferrit-sign-index: keygen, sign, sign-document.
 int runSignIndexTool(int argc, char** argv);

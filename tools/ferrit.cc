@@ -61,13 +61,16 @@ const std::map<std::string, Command>& commands() {
           "    ferrit pack diff  --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... OLD NEW "
           "OUT.zip\n"
           "    ferrit pack wrap  --seq N IN.zip OUT.png\n"
-          "    ferrit pack config --key PEM --version V --pack NAME [PACK OPTIONS]... OUT",
+          "    ferrit pack config --key PEM --version V --pack NAME [PACK OPTIONS]... OUT\n"
+          "    ferrit pack preload --key PEM --version V --pack NAME --seq N --folder DIR\n"
+          "                        --url-prefix URL [PACK OPTIONS]... [--pack NAME ...]... OUT.zip",
           "build writes the full zip of one version of a pack with its signed resource list, diff\n"
           "    the incremental zip from one version to the next, wrap hides a zip in a PNG image, "
-          "and\n"
-          "    config writes a signed pack configuration document. `ferrit pack SUBCOMMAND "
-          "--help`\n"
-          "    describes each in full.",
+          "config\n"
+          "    writes a signed pack configuration document, and preload writes the zip of "
+          "several\n"
+          "    packs and their signed configuration that an app ships among its raw files.\n"
+          "    `ferrit pack SUBCOMMAND --help` describes each in full.",
           "    --key PEM             Ed25519 private key that signs.\n"
           "    --url-prefix URL      prefix of every resource URL.\n"
           "    --header PATH=NAME:VALUE\n"
@@ -114,16 +117,19 @@ const std::map<std::string, Command>& commands() {
           false}},
         {"get",
          {"ferrit get [ROOT OPTIONS] [--referrer URL] [--header NAME:VALUE]... [--async] [--body]\n"
-          "               [--events] URL",
+          "               [--events] [--preload FILE] URL",
           "Runs one request through the library against the root folder and prints the outcome,\n"
           "    the response headers and the body size (--body: the body too).",
           "    --async               the asynchronous form, which also reads on-demand packs.\n"
           "    --body                print the body.\n"
-          "    --events              print performance records as they arrive.\n",
+          "    --events              print performance records as they arrive.\n"
+          "    --preload FILE        first install the preload zip FILE of the --assets folder.\n",
           true}},
         {"check",
-         {"ferrit check [ROOT OPTIONS]",
-          "Verifies every installed pack: its signed list, then the MD5 of each file.", "", true}},
+         {"ferrit check [ROOT OPTIONS] [--preload FILE]",
+          "Verifies every installed pack: its signed list, then the MD5 of each file.",
+          "    --preload FILE        first install the preload zip FILE of the --assets folder.\n",
+          true}},
         {"startup",
          {"ferrit startup --serve DIR --app-key KEY --app-version V --root DIR --public-key PEM\n"
           "                   [ROOT OPTIONS] [URL]",
@@ -289,7 +295,8 @@ int main(int argc, char** argv) {
         if (rest.empty()) return usage(name + " needs a subcommand");
         std::vector<std::string> arguments{program};
         if (name == "pack") {
-            if (rest[0] != "build" && rest[0] != "diff" && rest[0] != "wrap" && rest[0] != "config")
+            if (rest[0] != "build" && rest[0] != "diff" && rest[0] != "wrap" &&
+                rest[0] != "config" && rest[0] != "preload")
                 return usage("unknown subcommand pack " + rest[0]);
             arguments.insert(arguments.end(), rest.begin(), rest.end());
             return forward(runPackTool, arguments);

@@ -1,11 +1,13 @@
 // ferrit-pack: makes what a pack server publishes: pack zips, incremental zips, their wrapped
-// image form and the signed pack configuration document. `ferrit-pack help` and
+// image form and the signed pack configuration document; and the preload zip that an app ships
+// among its raw files. `ferrit-pack help` and
 // `ferrit-pack COMMAND --help` describe each command.
 #include <cerrno>
 #include <cstdlib>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,15 +34,19 @@ SYNOPSIS
     ferrit-pack diff   --key PEM --url-prefix URL [OPTIONS] OLD NEW OUT.zip
     ferrit-pack wrap   --seq N IN.zip OUT.png
     ferrit-pack config --key PEM --version V --pack NAME [PACK OPTIONS]... OUT
+    ferrit-pack preload --key PEM --version V --pack NAME --seq N --folder DIR --url-prefix URL
+                        [PACK OPTIONS]... [--pack NAME ...]... OUT.zip
     ferrit-pack help [COMMAND]
     ferrit-pack COMMAND --help
 
 DESCRIPTION
     A pack is a zip of web resources under "res/" with a signed list of them, "app-res.hvc".
     build makes the full zip of one version, diff the incremental zip from one version to the
-    next, wrap hides a zip inside a PNG image for servers that must serve images, and config
+    next, wrap hides a zip inside a PNG image for servers that must serve images, config
     writes the signed document that tells clients which version to fetch and the MD5 of each
-    zip. Every output is deterministic: the same input and key give the same bytes.
+    zip, and preload puts several packs and their signed document in one zip that an app ships
+    among its raw files and installs without a download. Every output is deterministic: the
+    same input and key give the same bytes.
 
     Signatures are Ed25519 over the lower-case hexadecimal MD5 of the signed text, in base 64.
     ferrit-sign-index keygen makes a key pair.
@@ -174,6 +180,51 @@ EXAMPLES
 
 EXIT STATUS
     0 on success, 1 when the work failed, 2 on a wrong command line.
+)";
+
+const char* const kPreloadHelp = R"(NAME
+    ferrit-pack preload - write the preload zip that an app ships with its packs
+
+SYNOPSIS
+    ferrit-pack preload --key PEM --version V
+                        --pack NAME --seq N --folder DIR --url-prefix URL [--base-seq N]
+                        [--flags N] [--prefix URL]... [--header PATH=NAME:VALUE]...
+                        [--pack NAME ...]... OUT.zip
+
+DESCRIPTION
+    OUT.zip holds first "fconfig.config", the configuration document {"v": V, "packs": {NAME:
+    {"s", "f", "b", "p"}}} signed like the one a configuration endpoint serves, then each pack as
+    the folder of its installed version: "NAME/N/app-res.hvc", its signed list, and
+    "NAME/N/res/<path>" for every regular file below DIR, in path order. The options after each
+    --pack describe that pack; packs appear in the order given. A client installs every pack
+    that it does not already hold at N or later, once per app version, without a download.
+    The same folders and key always give the same bytes.
+
+OPTIONS
+    --key PEM             Ed25519 private key (PEM) that signs the document and every list.
+    --version V           the document's version, a decimal number such as a time in ms.
+    --pack NAME           starts the description of the pack NAME; a name may be given once.
+    --seq N               "s", the version the zip holds (required, not 0).
+    --folder DIR          the pack's files (required).
+    --url-prefix URL      prefix of the pack's resource URLs (required); also its "p" when no
+                          --prefix is given.
+    --base-seq N          "b" (default: the same as --seq).
+    --flags N             "f", the pack's flags (priority and type).
+    --prefix URL          an entry of "p", a URL prefix the pack serves; repeatable.
+    --header PATH=NAME:VALUE
+                          a response header of the file PATH of the pack; repeatable.
+    --help                this text.
+
+EXAMPLES
+    ferrit-pack preload --key keys/pack.pem --version 1700000000000 \
+        --pack shop --seq 3 --flags 80 --folder site/shop --url-prefix https://shop.example.com/app/ \
+        --pack help --seq 7 --folder site/help --url-prefix https://help.example.com/ \
+        preload.zip
+
+EXIT STATUS
+    0 on success, 1 when the work failed (a folder or the key could not be read, or the zip not
+    written), 2 on a wrong command line (a pack named twice, or without --seq, --folder or
+    --url-prefix).
 )";
 
 int usage(const std::string& command, const std::string& message) {
@@ -384,6 +435,122 @@ int config(int argc, char** argv) {
     return kSuccess;
 }
 
+// One pack of a preload zip as the command line describes it.
+struct PreloadArguments {
+    PreloadPack pack;
+    std::string folder;
+    bool hasSeq = false;
+    bool hasBaseSeq = false;
+};
+
+int preload(int argc, char** argv) {
+    std::string keyPath, version;
+    std::vector<PreloadArguments> packs;
+    std::set<std::string> names;
+    std::vector<std::string> positional;
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg.size() <= 1 || arg[0] != '-') {
+            positional.push_back(arg);
+            continue;
+        }
+        if (i + 1 >= argc) return usage("preload", "missing value after " + arg);
+        const std::string value = argv[++i];
+        if (arg == "--key") {
+            keyPath = value;
+            continue;
+        }
+        if (arg == "--version") {
+            version = value;
+            continue;
+        }
+        if (arg == "--pack") {
+            // The zip holds one folder per name: a second description would be lost.
+            if (value.empty() || value.find('/') != std::string::npos)
+                return usage("preload", "a pack name is not empty and holds no \"/\"");
+            if (!names.insert(value).second)
+                return usage("preload", "pack " + value + " is named twice");
+            packs.emplace_back();
+            packs.back().pack.record.name = value;
+            continue;
+        }
+        if (packs.empty()) return usage("preload", arg + " comes before any --pack");
+        PreloadArguments& pack = packs.back();
+        ConfigPack& record = pack.pack.record;
+        uint64_t number = 0;
+        if (arg == "--seq" || arg == "--base-seq" || arg == "--flags") {
+            if (!parseNumber(value, number))
+                return usage("preload", arg + " takes a decimal number");
+            if (arg == "--seq") {
+                record.seq = number;
+                pack.hasSeq = true;
+            }
+            if (arg == "--base-seq") {
+                record.baseSeq = number;
+                pack.hasBaseSeq = true;
+            }
+            if (arg == "--flags") record.flags = number;
+        } else if (arg == "--folder") {
+            pack.folder = value;
+        } else if (arg == "--url-prefix") {
+            pack.pack.urlPrefix = value;
+        } else if (arg == "--prefix") {
+            record.prefixes.push_back(value);
+        } else if (arg == "--header") {
+            const size_t equals = value.find('=');
+            const size_t colon =
+                equals == std::string::npos ? std::string::npos : value.find(':', equals);
+            if (colon == std::string::npos || colon == equals + 1)
+                return usage("preload", "a header is PATH=NAME:VALUE");
+            size_t start = colon + 1;
+            while (start < value.size() && value[start] == ' ') ++start;
+            pack.pack.content
+                .headers[value.substr(0, equals)][value.substr(equals + 1, colon - equals - 1)] =
+                value.substr(start);
+        } else {
+            return usage("preload", "unknown option " + arg);
+        }
+    }
+    if (keyPath.empty()) return usage("preload", "preload needs --key");
+    if (version.empty()) return usage("preload", "preload needs --version");
+    if (packs.empty()) return usage("preload", "preload needs at least one --pack");
+    if (positional.size() != 1) return usage("preload", "preload takes one OUT.zip");
+    for (PreloadArguments& pack : packs) {
+        const std::string& name = pack.pack.record.name;
+        // A client skips a record of sequence 0: it would ship files that never install.
+        if (!pack.hasSeq || pack.pack.record.seq == 0)
+            return usage("preload", "pack " + name + " needs --seq, not 0");
+        if (pack.folder.empty()) return usage("preload", "pack " + name + " needs --folder");
+        if (pack.pack.urlPrefix.empty())
+            return usage("preload", "pack " + name + " needs --url-prefix");
+        if (!pack.hasBaseSeq) pack.pack.record.baseSeq = pack.pack.record.seq;
+        if (pack.pack.record.prefixes.empty())
+            pack.pack.record.prefixes.push_back(pack.pack.urlPrefix);
+    }
+
+    std::string error;
+    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(keyPath, error);
+    if (!key) return failure(error);
+    PackOptions options;
+    options.signer = ed25519Signer(std::move(key));
+    std::vector<PreloadPack> contents;
+    size_t files = 0;
+    for (PreloadArguments& pack : packs) {
+        if (!readFolder(pack.folder, pack.pack.content.files, error))
+            return failure("pack " + pack.pack.record.name + ": " + error);
+        files += pack.pack.content.files.size();
+        contents.push_back(pack.pack);
+    }
+    std::string zip;
+    if (!buildPreload(version, contents, options, zip, error)) return failure(error);
+    if (!writeFileAtomically(positional[0], zip)) return failure("cannot write " + positional[0]);
+    std::cout << "wrote " << positional[0] << " (" << packs.size()
+              << (packs.size() == 1 ? " pack, " : " packs, ") << files
+              << (files == 1 ? " file, md5 " : " files, md5 ") << FerritCore::Digest::md5Hex(zip)
+              << ")\n";
+    return kSuccess;
+}
+
 struct Command {
     int (*run)(int, char**);
     const char* help;
@@ -391,10 +558,9 @@ struct Command {
 
 const std::map<std::string, Command>& commands() {
     static const std::map<std::string, Command> table{
-        {"build", {build, kBuildHelp}},
-        {"diff", {diff, kDiffHelp}},
-        {"wrap", {wrap, kWrapHelp}},
-        {"config", {config, kConfigHelp}},
+        {"build", {build, kBuildHelp}},       {"diff", {diff, kDiffHelp}},
+        {"wrap", {wrap, kWrapHelp}},          {"config", {config, kConfigHelp}},
+        {"preload", {preload, kPreloadHelp}},
     };
     return table;
 }

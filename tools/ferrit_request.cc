@@ -17,6 +17,9 @@
 //
 // --check verifies every installed pack instead: its signed list, then the MD5 of each file.
 //
+// --preload FILE first installs the preload zip FILE of the raw-file folder, as the host's
+// installPreloadNative does, and then goes on with URL or --check over what it installed.
+//
 // inspect COMMAND [JSON] sends one command to the developer inspector instead (such as
 // "FerritDev.info", "FerritDev.size" or "FerritDev.getURLList" '{"packName":"shop"}'), after the
 // library's own start against the root (setProxy: folders, the stored and the built-in
@@ -52,6 +55,7 @@
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "tools/ToolCommands.h"
+#include "update/Preload.h"
 
 using namespace FerritCore;
 using MarlLogger::json::JSON;
@@ -64,7 +68,8 @@ int usage(const std::string& message) {
         << "usage: ferrit-request --root DIR [--assets DIR] [--public-key PEM]\n"
         << "                      [--config FILE | --config-json TEXT] [--referrer URL] [--header "
            "NAME:VALUE]...\n"
-        << "                      [--async] [--body] [--events] [--log-level N] (URL | --check)\n"
+        << "                      [--preload FILE] [--async] [--body] [--events] [--log-level N]\n"
+        << "                      (URL | --check)\n"
         << "       ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root "
            "DIR\n"
         << "                      --public-key PEM [--assets DIR] [--config FILE] [URL]\n"
@@ -188,7 +193,7 @@ int check() {
 
 int FerritTools::runRequestTool(int argc, char** argv) {
     std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
-        appVersion;
+        appVersion, preloadFile;
     HeaderMap header;
     bool async = false, body = false, events = false, checkPacks = false, startup = false;
     std::vector<std::string> positional;
@@ -199,7 +204,7 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         if (arg == "--root" || arg == "--assets" || arg == "--public-key" || arg == "--config" ||
             arg == "--config-json" || arg == "--referrer" || arg == "--header" ||
             arg == "--log-level" || arg == "--serve" || arg == "--app-key" ||
-            arg == "--app-version") {
+            arg == "--app-version" || arg == "--preload") {
             const char* value = next();
             if (value == nullptr) return usage("missing value after " + arg);
             if (arg == "--root") root = value;
@@ -211,6 +216,7 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             if (arg == "--serve") served = value;
             if (arg == "--app-key") appKey = value;
             if (arg == "--app-version") appVersion = value;
+            if (arg == "--preload") preloadFile = value;
             if (arg == "--log-level") MarlLogger::Log::setLevel(std::atoi(value));
             if (arg == "--header") {
                 const std::string h = value;
@@ -269,9 +275,11 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         return inspect(std::move(proxy), root, assets, appKey, appVersion, positional[1],
                        positional.size() == 3 ? positional[2] : std::string(), status);
     }
-    if (url.empty() && !checkPacks && !startup) return usage("no URL");
+    if (url.empty() && !checkPacks && !startup && preloadFile.empty()) return usage("no URL");
     if (startup && (served.empty() || publicKey.empty()))
         return usage("--startup needs --serve and --public-key");
+    if (!preloadFile.empty() && (startup || assets.empty()))
+        return usage("--preload needs --assets, and does not go with --startup");
 
     // Background work (visit updates, the configuration's commit) is not run for one request: it
     // needs none of it, and it would write to the root. Start-up runs on the real worker.
@@ -345,6 +353,24 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         TaskRunner::runDue();
         printStatus("startUpdate");
         if (url.empty()) return Setup::statusReport()["error"].isNull() ? 0 : 1;
+    }
+
+    if (!preloadFile.empty()) {
+        const bool installed = Preload::instance().install(preloadFile, true);
+        TaskRunner::runDue();  // the commit of its transaction
+        if (!installed) {
+            std::cout << "preload " << preloadFile << " not installed\n";
+            return 1;
+        }
+        std::cout << "preload " << preloadFile << " installed\n";
+        std::map<std::string, PackPtr> packs(SCache::current()->packs.begin(),
+                                             SCache::current()->packs.end());
+        for (const auto& [name, pack] : packs) {
+            if (pack->isPacks && pack->isInstalled())
+                std::cout << "  " << name << "@" << pack->installedSeq << " ("
+                          << pack->installedSize << " bytes)\n";
+        }
+        if (url.empty() && !checkPacks) return 0;
     }
 
     if (checkPacks) return check();

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "base/AssetProvider.h"
+#include "model/BuiltinConfig.h"
 #include "tests/update/InstallFixture.h"
 #include "update/Preview.h"
 #include "update/UpdateQueue.h"
@@ -165,6 +167,61 @@ TEST_F(PreviewTest, PreviewTakesTheFastLane) {
     EXPECT_TRUE(done);
     ASSERT_EQ(proxy_->named("Ferrit.UpdateQueue").size(), 1u);
     EXPECT_EQ(proxy_->named("Ferrit.UpdateQueue")[0].measures.at("fastCount"), 1);
+}
+
+// The built-in configuration replaces every record of its kind at each load, but not one that a
+// preview installed: it keeps its status, its version and its download, and the load counts it.
+TEST_F(PreviewTest, BuiltinConfigurationLoadKeepsAssetPreviewsInStatusThreeAndCountsThem) {
+    const std::string zip = zipOf(version1());
+    {
+        FerritTools::ConfigPack configured;
+        configured.name = "kit";
+        configured.seq = 5;
+        configured.baseSeq = 5;
+        configured.flags = kPackTypeSCache;
+        configured.md5 = Digest::md5Hex(zip);
+        configured.prefixes = {kSite};
+        std::string document, error;
+        ASSERT_TRUE(FerritTools::buildConfig("9", {configured}, signer(), document, error))
+            << error;
+        proxy_->serve(configUrl(77, 1), 200, document);
+    }
+    proxy_->serve(zipUrl(77, 2), 200, zip);
+    const Result result = preview("kit", 77);
+    ASSERT_TRUE(result.success) << result.object.toString();
+    ASSERT_EQ(find("kit")->status, kPackStatusPreview);
+    ASSERT_EQ(find("kit")->installedSeq, 5u);
+
+    // The app ships both packs at newer versions.
+    proxy_->assets["Ferrit_Asset.config"] =
+        R"({"v":"3","packs":{"kit":{"s":9,"b":9,"f":96},"tools":{"s":4,"b":4,"f":96}},)"
+        R"("resources":{"kit":{"res/kit.html":{"url":"https://h/kit.html","v":"abc"}},)"
+        R"("tools":{"res/tools.html":{"url":"https://h/tools.html","v":"def"}}}})";
+    AssetProvider::set(std::make_shared<ProxyAssetProvider>());
+    Error loadError;
+    SCache::mutate([&](FConfig& config) { loadError = BuiltinConfig::load(config); });
+    ASSERT_FALSE(loadError) << loadError.message();
+
+    const PackPtr kit = find("kit");
+    ASSERT_NE(kit, nullptr);
+    EXPECT_EQ(kit->status, kPackStatusPreview);
+    EXPECT_EQ(kit->seq, 5u);
+    EXPECT_EQ(kit->installedSeq, 5u);
+    EXPECT_EQ(kit->zipURL, zipUrl(77, 2));
+    EXPECT_EQ(SCache::current()->urlIndex().count("//h/kit.html"), 0u)
+        << "the shipped resource table is not the preview's";
+    // The other pack of the file is installed at its own version.
+    ASSERT_NE(find("tools"), nullptr);
+    EXPECT_EQ(find("tools")->installedSeq, 4u);
+    EXPECT_EQ(find("tools")->status, kPackStatusNormal);
+    const MarlLogger::LogEntry entry = logs_->last("load", "Ferrit/SCache");
+    EXPECT_EQ(entry.field("previewPacks").int32Value(), 1);
+    EXPECT_EQ(entry.field("packs").int32Value(), 1);
+    // The preview outlives a second load too, and a timer's run leaves it alone.
+    SCache::mutate([&](FConfig& config) { loadError = BuiltinConfig::load(config); });
+    EXPECT_EQ(find("kit")->status, kPackStatusPreview);
+    EXPECT_EQ(find("kit")->installedSeq, 5u);
+    EXPECT_EQ(UpdatePack::create("kit", JSON(), kTriggerTimer)->state(), UpdateState::UpToDate);
 }
 
 TEST_F(PreviewTest, MissingCallbackReturnsAtOnce) {

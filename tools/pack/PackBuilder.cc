@@ -241,8 +241,10 @@ bool buildPreload(const std::string& version, const std::vector<PreloadPack>& pa
     if (!writer.add(entry, error)) return false;
     for (const PreloadPack& pack : packs) {
         const std::string folder = pack.record.name + "/" + std::to_string(pack.record.seq) + "/";
+        PackOptions packOptions = options;
+        if (!pack.urlPrefix.empty()) packOptions.urlPrefix = pack.urlPrefix;
         std::string index;
-        if (!signedIndexOf(pack.content, options, {}, index, error)) return false;
+        if (!signedIndexOf(pack.content, packOptions, {}, index, error)) return false;
         entry.name = folder + std::string(kIndexEntry);
         entry.content = index;
         if (!writer.add(entry, error)) return false;

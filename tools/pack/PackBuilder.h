@@ -108,6 +108,9 @@ bool buildConfig(const std::string& version, const std::vector<ConfigPack>& pack
 struct PreloadPack {
     ConfigPack record;
     PackContent content;
+    // The prefix of this pack's resource URLs in its list; empty takes the options' prefix, so
+    // that packs serving different sites can share one zip.
+    std::string urlPrefix;
 };
 // The configuration entry of a preload zip.
 inline constexpr std::string_view kPreloadConfigEntry = "fconfig.config";

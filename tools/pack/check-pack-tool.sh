@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # Checks the pack tool from the outside: every command's manual page, the same bytes from the same
-# input, what a diff lists, the wrapped image's signature, the signed configuration, and the exit
-# statuses of a wrong command line (2) and of failed work (1).
-#   check-pack-tool.sh PATH-TO-ferrit-pack PRIVATE-KEY.pem
+# input, what a diff lists, the wrapped image's signature, the signed configuration, a preload zip
+# that the library installs and serves, and the exit statuses of a wrong command line (2) and of
+# failed work (1).
+#   check-pack-tool.sh PATH-TO-ferrit-pack PRIVATE-KEY.pem PATH-TO-ferrit-request PUBLIC-KEY.pem
 set -euo pipefail
 tool=$1
 key=$2
+request=$3
+public_key=$4
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "check-pack-tool: $*" >&2; exit 1; }
@@ -18,7 +21,7 @@ status() {  # status EXPECTED COMMAND...
   [ "$got" -eq "$want" ] || fail "exit status $got, not $want: $*"
 }
 
-for command in build diff wrap config; do
+for command in build diff wrap config preload; do
   page=$("$tool" "$command" --help)
   for section in NAME SYNOPSIS DESCRIPTION OPTIONS EXAMPLES "EXIT STATUS"; do
     expect "$section" "$page"
@@ -73,6 +76,63 @@ printf '\211PNG\r\n\032\n' | cmp -s -n 8 - "$work/a.png" || fail "no PNG signatu
   --flags 80 --zip "$work/a.zip" --incr "$work/i.zip" --prefix "$prefix" "$work/config" >/dev/null
 document=$(cat "$work/config")
 expect "{\"v\":\"1700000000000\",\"packs\":{\"shop\":{\"s\":2,\"f\":80,\"b\":1,\"c\":\"$(md5sum < "$work/a.zip" | cut -d' ' -f1)\",\"ci\":\"$(md5sum < "$work/i.zip" | cut -d' ' -f1)\",\"p\":[\"$prefix\"]}}}||" "$document"
+
+# A preload zip of two packs from two sites, installed by the library from the app's raw files and
+# read back through it.
+mkdir -p "$work/help" "$work/assets"
+printf 'help me' > "$work/help/faq.txt"
+preload() {  # preload OUT.zip [KEY]
+  "$tool" preload --key "${2:-$key}" --version 1700000000000 \
+    --pack shop --seq 3 --flags 80 --folder "$work/v1" --url-prefix "$prefix" \
+    --header "css/app.css=Access-Control-Allow-Origin:*" \
+    --pack help --seq 7 --folder "$work/help" --url-prefix https://help.example.com/ "$1"
+}
+out=$(preload "$work/assets/preload.zip")
+expect "(2 packs, 4 files, md5 " "$out"
+preload "$work/again.zip" >/dev/null
+cmp -s "$work/assets/preload.zip" "$work/again.zip" || fail "two builds of the same preload differ"
+if command -v unzip >/dev/null; then
+  entries=$(unzip -Z1 "$work/assets/preload.zip" | tr '\n' ' ')
+  [ "$entries" = "fconfig.config shop/3/app-res.hvc shop/3/res/css/app.css shop/3/res/gone.js shop/3/res/index.html help/7/app-res.hvc help/7/res/faq.txt " ] ||
+    fail "unexpected preload entries: $entries"
+  expect '{"v":"1700000000000","packs":{"shop":{"s":3,"f":80,"b":3,"p":["https://shop.example.com/app/"]},"help":{"s":7,"b":7,"p":["https://help.example.com/"]}}}||' \
+    "$(unzip -p "$work/assets/preload.zip" fconfig.config)"
+  expect '"res/faq.txt":{"url":"https://help.example.com/faq.txt","v":"' \
+    "$(unzip -p "$work/assets/preload.zip" help/7/app-res.hvc)"
+fi
+installed=$("$request" --root "$work/root" --assets "$work/assets" --public-key "$public_key" \
+  --preload preload.zip --body https://help.example.com/faq.txt 2>/dev/null)
+expect "preload preload.zip installed" "$installed"
+expect "  help@7 (" "$installed"
+expect "  shop@3 (" "$installed"
+expect "Via: Ferrit/" "$installed"
+expect "help me" "$installed"
+checked=$("$request" --root "$work/root2" --assets "$work/assets" --public-key "$public_key" \
+  --preload preload.zip --check 2>/dev/null)
+expect "shop@3 (Packed" "$checked"
+expect "signed list and files verified" "$checked"
+# A zip signed with another key installs nothing.
+if command -v openssl >/dev/null; then
+  openssl genpkey -algorithm ed25519 -out "$work/other.pem" 2>/dev/null
+  preload "$work/assets/other.zip" "$work/other.pem" >/dev/null
+  status 1 "$request" --root "$work/root3" --assets "$work/assets" --public-key "$public_key" \
+    --preload other.zip https://help.example.com/faq.txt
+fi
+status 2 "$tool" preload --key "$key" --version 1 --pack shop --seq 3 --folder "$work/v1" \
+  --url-prefix "$prefix" --pack shop --seq 4 --folder "$work/v2" --url-prefix "$prefix" "$work/c.zip"
+status 2 "$tool" preload --key "$key" --version 1 --pack shop --folder "$work/v1" \
+  --url-prefix "$prefix" "$work/c.zip"
+status 2 "$tool" preload --key "$key" --version 1 --pack shop --seq 3 --url-prefix "$prefix" \
+  "$work/c.zip"
+status 1 "$tool" preload --key "$key" --version 1 --pack shop --seq 3 \
+  --folder "$work/no-such-folder" --url-prefix "$prefix" "$work/c.zip"
+status 1 "$tool" preload --key "$work/no-such.pem" --version 1 --pack shop --seq 3 \
+  --folder "$work/v1" --url-prefix "$prefix" "$work/c.zip"
+expect "named twice" "$("$tool" preload --key "$key" --version 1 --pack a --seq 1 \
+  --folder "$work/v1" --url-prefix "$prefix" --pack a --seq 2 --folder "$work/v1" \
+  --url-prefix "$prefix" "$work/c.zip" 2>&1 || true)"
+expect "no-such-folder" "$("$tool" preload --key "$key" --version 1 --pack a --seq 1 \
+  --folder "$work/no-such-folder" --url-prefix "$prefix" "$work/c.zip" 2>&1 || true)"
 
 status 2 "$tool"
 status 2 "$tool" frobnicate
