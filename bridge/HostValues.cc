@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <iterator>
+#include <vector>
 
 #include "base/Errors.h"
 
@@ -39,6 +40,16 @@ std::string readString(napi_env env, napi_value object, const char* key) {
 
 // The engine learns of the bytes a buffer holds outside its heap, so that dropped buffers are
 // collected as often as their weight asks, not only when the script's own heap fills.
+// The response object: "data", "md5", "header", "error", "is404", in that order, with the header's
+// names and values following the four fixed values in pairs.
+constexpr const char* kResponseObject = R"((function (data, md5, error, is404) {
+  'use strict';
+  const header = {};
+  for (let i = 4; i < arguments.length; i += 2) header[arguments[i]] = arguments[i + 1];
+  return { data: data, md5: md5, header: header, error: error, is404: is404 };
+}))";
+constexpr size_t kResponseFixedArguments = 4;
+
 void freeResponse(napi_env env, void*, void* hint) {
     auto* response = static_cast<ResourceResponse*>(hint);
     int64_t ignored = 0;
@@ -117,35 +128,30 @@ napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
         data = NAPI::undefined(env);
     }
 
+    // One call of a compiled script builds the object and its header: an object literal takes a
+    // ready-made shape, where setting the properties one by one from here costs a lookup each.
     napi_status status = napi_ok;
-    napi_value header = nullptr;
-    if ((status = napi_create_object(env, &header)) == napi_ok) {
-        for (const auto& [name, value] : raw->header) {
-            napi_value text = NAPI::toString(env, value);
-            if (text == nullptr) {
-                status = napi_generic_failure;
-                break;
-            }
-            if ((status = napi_set_named_property(env, header, name.c_str(), text)) != napi_ok)
-                break;
-        }
-    }
-    napi_value md5 = status == napi_ok ? NAPI::toString(env, raw->md5) : nullptr;
-    napi_value error = status == napi_ok ? encodeError(env, bridge, raw->error) : nullptr;
-    napi_value is404 = status == napi_ok ? NAPI::toBool(env, raw->is404) : nullptr;
     napi_value result = nullptr;
-    if (status == napi_ok && md5 != nullptr && error != nullptr && is404 != nullptr) {
-        const napi_property_descriptor properties[] = {
-            {"data", nullptr, nullptr, nullptr, nullptr, data, napi_default_jsproperty, nullptr},
-            {"md5", nullptr, nullptr, nullptr, nullptr, md5, napi_default_jsproperty, nullptr},
-            {"header", nullptr, nullptr, nullptr, nullptr, header, napi_default_jsproperty,
-             nullptr},
-            {"error", nullptr, nullptr, nullptr, nullptr, error, napi_default_jsproperty, nullptr},
-            {"is404", nullptr, nullptr, nullptr, nullptr, is404, napi_default_jsproperty, nullptr},
-        };
-        if ((status = napi_create_object(env, &result)) == napi_ok)
-            status = napi_define_properties(env, result, std::size(properties), properties);
-    } else if (status == napi_ok) {
+    napi_value factory = NAPI::scriptFunction(env, NAPI::Script::ResponseObject, kResponseObject);
+    napi_value md5 = factory != nullptr ? NAPI::toString(env, raw->md5) : nullptr;
+    napi_value error = md5 != nullptr ? encodeError(env, bridge, raw->error) : nullptr;
+    napi_value is404 = error != nullptr ? NAPI::toBool(env, raw->is404) : nullptr;
+    if (is404 != nullptr) {
+        std::vector<napi_value> arguments{data, md5, error, is404};
+        arguments.reserve(kResponseFixedArguments + 2 * raw->header.size());
+        for (const auto& [name, value] : raw->header) {
+            napi_value nameText = NAPI::toString(env, name);
+            napi_value valueText = nameText != nullptr ? NAPI::toString(env, value) : nullptr;
+            if (valueText == nullptr) break;
+            arguments.push_back(nameText);
+            arguments.push_back(valueText);
+        }
+        if (arguments.size() == kResponseFixedArguments + 2 * raw->header.size())
+            status = napi_call_function(env, NAPI::undefined(env), factory, arguments.size(),
+                                        arguments.data(), &result);
+        else
+            status = napi_generic_failure;
+    } else {
         status = napi_generic_failure;
     }
     if (status != napi_ok) {
