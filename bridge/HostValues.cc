@@ -50,6 +50,40 @@ constexpr const char* kResponseObject = R"((function (data, md5, error, is404) {
 }))";
 constexpr size_t kResponseFixedArguments = 4;
 
+// The request object's fields as one array: "url", "traceId", "packName", "packVersion" as they
+// are, then the header's string members (own and inherited, enumerable, as for...in lists them)
+// in name, value pairs. A getter that throws reads as absent, and a header whose names cannot be
+// listed has none, just as reading the fields one by one would make them.
+constexpr const char* kRequestFields = R"((function (request) {
+  'use strict';
+  const fields = [undefined, undefined, undefined, undefined];
+  let header;
+  try { fields[0] = request.url; } catch (e) {}
+  try { header = request.header; } catch (e) {}
+  if (typeof header === 'object' && header !== null) {
+    try {
+      for (const name in header) {
+        let value;
+        try { value = header[name]; } catch (e) { continue; }
+        if (typeof value === 'string') fields.push(name, value);
+      }
+    } catch (e) {
+      fields.length = 4;
+    }
+  }
+  try { fields[1] = request.traceId; } catch (e) {}
+  try { fields[2] = request.packName; } catch (e) {}
+  try { fields[3] = request.packVersion; } catch (e) {}
+  return fields;
+}))";
+enum RequestField : uint32_t {
+    kRequestUrl,
+    kRequestTraceId,
+    kRequestPackName,
+    kRequestPackVersion,
+    kRequestFixedFields
+};
+
 void freeResponse(napi_env env, void*, void* hint) {
     auto* response = static_cast<ResourceResponse*>(hint);
     int64_t ignored = 0;
@@ -61,14 +95,39 @@ void freeResponse(napi_env env, void*, void* hint) {
 
 ResourceRequest decodeRequest(napi_env env, napi_value value) {
     if (!NAPI::isObject(env, value)) return ResourceRequest(std::string(), std::string());
-    ResourceRequest request(readString(env, value, "url"),
-                            readStringMembers(env, NAPI::getProperty(env, value, "header")));
+    // One call of a compiled script reads every field, where reading each from here costs the
+    // engine a name lookup and an exception guard apiece.
+    napi_value reader = NAPI::scriptFunction(env, NAPI::Script::RequestFields, kRequestFields);
+    napi_value fields = nullptr;
+    uint32_t count = 0;
+    if (reader == nullptr ||
+        napi_call_function(env, NAPI::undefined(env), reader, 1, &value, &fields) != napi_ok ||
+        napi_get_array_length(env, fields, &count) != napi_ok || count < kRequestFixedFields) {
+        NAPI::clearException(env);
+        return ResourceRequest(std::string(), std::string());
+    }
+    napi_value field[kRequestFixedFields] = {};
+    for (uint32_t i = 0; i < kRequestFixedFields; ++i) {
+        if (napi_get_element(env, fields, i, &field[i]) != napi_ok) field[i] = nullptr;
+    }
+    HeaderMap header;
+    for (uint32_t i = kRequestFixedFields; i + 1 < count; i += 2) {
+        napi_value name = nullptr, text = nullptr;
+        if (napi_get_element(env, fields, i, &name) != napi_ok ||
+            napi_get_element(env, fields, i + 1, &text) != napi_ok)
+            continue;
+        std::optional<std::string> key = NAPI::toString(env, name);
+        std::optional<std::string> headerValue = NAPI::toString(env, text);
+        if (key && headerValue) header[*key] = std::move(*headerValue);
+    }
+    NAPI::clearException(env);
+    ResourceRequest request(NAPI::toString(env, field[kRequestUrl]).value_or(std::string()),
+                            header);
     // Taken twice on purpose: the text is the trace, the number the type.
-    napi_value traceId = NAPI::getProperty(env, value, "traceId");
-    request.parentId = NAPI::toString(env, traceId).value_or(std::string());
-    request.type = NAPI::toInt32(env, traceId).value_or(0);
-    request.packName = readString(env, value, "packName");
-    request.packVersion = readString(env, value, "packVersion");
+    request.parentId = NAPI::toString(env, field[kRequestTraceId]).value_or(std::string());
+    request.type = NAPI::toInt32(env, field[kRequestTraceId]).value_or(0);
+    request.packName = NAPI::toString(env, field[kRequestPackName]).value_or(std::string());
+    request.packVersion = NAPI::toString(env, field[kRequestPackVersion]).value_or(std::string());
     return request;
 }
 
