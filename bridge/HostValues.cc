@@ -38,8 +38,6 @@ std::string readString(napi_env env, napi_value object, const char* key) {
     return NAPI::toString(env, NAPI::getProperty(env, object, key)).value_or(std::string());
 }
 
-// The engine learns of the bytes a buffer holds outside its heap, so that dropped buffers are
-// collected as often as their weight asks, not only when the script's own heap fills.
 // The response object: "data", "md5", "header", "error", "is404", in that order, with the header's
 // names and values following the four fixed values in pairs.
 constexpr const char* kResponseObject = R"((function (data, md5, error, is404) {
@@ -84,11 +82,10 @@ enum RequestField : uint32_t {
     kRequestFixedFields
 };
 
-void freeResponse(napi_env env, void*, void* hint) {
-    auto* response = static_cast<ResourceResponse*>(hint);
-    int64_t ignored = 0;
-    napi_adjust_external_memory(env, -static_cast<int64_t>(response->data.size()), &ignored);
-    delete response;
+// The engine already counts an external buffer's bytes as outside memory when it takes the buffer,
+// so the bridge adds nothing: counting them twice made it run full collections it did not need.
+void freeResponse(napi_env, void*, void* hint) {
+    delete static_cast<ResourceResponse*>(hint);
 }
 
 }  // namespace
@@ -171,8 +168,6 @@ napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
         if (napi_create_external_arraybuffer(env, bytes.data(), bytes.size(), freeResponse, raw,
                                              &data) == napi_ok) {
             response.release();  // the finaliser owns it now; its bytes must not move or change
-            int64_t ignored = 0;
-            napi_adjust_external_memory(env, static_cast<int64_t>(bytes.size()), &ignored);
         } else {
             // An engine that refuses outside memory gets a copy.
             NAPI::clearException(env);
