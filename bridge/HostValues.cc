@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <iterator>
+#include <vector>
 
 #include "base/Errors.h"
 
@@ -37,27 +38,93 @@ std::string readString(napi_env env, napi_value object, const char* key) {
     return NAPI::toString(env, NAPI::getProperty(env, object, key)).value_or(std::string());
 }
 
-// The engine learns of the bytes a buffer holds outside its heap, so that dropped buffers are
-// collected as often as their weight asks, not only when the script's own heap fills.
-void freeResponse(napi_env env, void*, void* hint) {
-    auto* response = static_cast<ResourceResponse*>(hint);
-    int64_t ignored = 0;
-    napi_adjust_external_memory(env, -static_cast<int64_t>(response->data.size()), &ignored);
-    delete response;
+// The response object: "data", "md5", "header", "error", "is404", in that order, with the header's
+// names and values following the four fixed values in pairs.
+constexpr const char* kResponseObject = R"((function (data, md5, error, is404) {
+  'use strict';
+  const header = {};
+  for (let i = 4; i < arguments.length; i += 2) header[arguments[i]] = arguments[i + 1];
+  return { data: data, md5: md5, header: header, error: error, is404: is404 };
+}))";
+constexpr size_t kResponseFixedArguments = 4;
+
+// The request object's fields as one array: "url", "traceId", "packName", "packVersion" as they
+// are, then the header's string members (own and inherited, enumerable, as for...in lists them)
+// in name, value pairs. A getter that throws reads as absent, and a header whose names cannot be
+// listed has none, just as reading the fields one by one would make them.
+constexpr const char* kRequestFields = R"((function (request) {
+  'use strict';
+  const fields = [undefined, undefined, undefined, undefined];
+  let header;
+  try { fields[0] = request.url; } catch (e) {}
+  try { header = request.header; } catch (e) {}
+  if (typeof header === 'object' && header !== null) {
+    try {
+      for (const name in header) {
+        let value;
+        try { value = header[name]; } catch (e) { continue; }
+        if (typeof value === 'string') fields.push(name, value);
+      }
+    } catch (e) {
+      fields.length = 4;
+    }
+  }
+  try { fields[1] = request.traceId; } catch (e) {}
+  try { fields[2] = request.packName; } catch (e) {}
+  try { fields[3] = request.packVersion; } catch (e) {}
+  return fields;
+}))";
+enum RequestField : uint32_t {
+    kRequestUrl,
+    kRequestTraceId,
+    kRequestPackName,
+    kRequestPackVersion,
+    kRequestFixedFields
+};
+
+// The engine already counts an external buffer's bytes as outside memory when it takes the buffer,
+// so the bridge adds nothing: counting them twice made it run full collections it did not need.
+void freeResponse(napi_env, void*, void* hint) {
+    delete static_cast<ResourceResponse*>(hint);
 }
 
 }  // namespace
 
 ResourceRequest decodeRequest(napi_env env, napi_value value) {
     if (!NAPI::isObject(env, value)) return ResourceRequest(std::string(), std::string());
-    ResourceRequest request(readString(env, value, "url"),
-                            readStringMembers(env, NAPI::getProperty(env, value, "header")));
+    // One call of a compiled script reads every field, where reading each from here costs the
+    // engine a name lookup and an exception guard apiece.
+    napi_value reader = NAPI::scriptFunction(env, NAPI::Script::RequestFields, kRequestFields);
+    napi_value fields = nullptr;
+    uint32_t count = 0;
+    if (reader == nullptr ||
+        napi_call_function(env, NAPI::undefined(env), reader, 1, &value, &fields) != napi_ok ||
+        napi_get_array_length(env, fields, &count) != napi_ok || count < kRequestFixedFields) {
+        NAPI::clearException(env);
+        return ResourceRequest(std::string(), std::string());
+    }
+    napi_value field[kRequestFixedFields] = {};
+    for (uint32_t i = 0; i < kRequestFixedFields; ++i) {
+        if (napi_get_element(env, fields, i, &field[i]) != napi_ok) field[i] = nullptr;
+    }
+    HeaderMap header;
+    for (uint32_t i = kRequestFixedFields; i + 1 < count; i += 2) {
+        napi_value name = nullptr, text = nullptr;
+        if (napi_get_element(env, fields, i, &name) != napi_ok ||
+            napi_get_element(env, fields, i + 1, &text) != napi_ok)
+            continue;
+        std::optional<std::string> key = NAPI::toString(env, name);
+        std::optional<std::string> headerValue = NAPI::toString(env, text);
+        if (key && headerValue) header[*key] = std::move(*headerValue);
+    }
+    NAPI::clearException(env);
+    ResourceRequest request(NAPI::toString(env, field[kRequestUrl]).value_or(std::string()),
+                            header);
     // Taken twice on purpose: the text is the trace, the number the type.
-    napi_value traceId = NAPI::getProperty(env, value, "traceId");
-    request.parentId = NAPI::toString(env, traceId).value_or(std::string());
-    request.type = NAPI::toInt32(env, traceId).value_or(0);
-    request.packName = readString(env, value, "packName");
-    request.packVersion = readString(env, value, "packVersion");
+    request.parentId = NAPI::toString(env, field[kRequestTraceId]).value_or(std::string());
+    request.type = NAPI::toInt32(env, field[kRequestTraceId]).value_or(0);
+    request.packName = NAPI::toString(env, field[kRequestPackName]).value_or(std::string());
+    request.packVersion = NAPI::toString(env, field[kRequestPackVersion]).value_or(std::string());
     return request;
 }
 
@@ -101,8 +168,6 @@ napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
         if (napi_create_external_arraybuffer(env, bytes.data(), bytes.size(), freeResponse, raw,
                                              &data) == napi_ok) {
             response.release();  // the finaliser owns it now; its bytes must not move or change
-            int64_t ignored = 0;
-            napi_adjust_external_memory(env, static_cast<int64_t>(bytes.size()), &ignored);
         } else {
             // An engine that refuses outside memory gets a copy.
             NAPI::clearException(env);
@@ -117,35 +182,30 @@ napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
         data = NAPI::undefined(env);
     }
 
+    // One call of a compiled script builds the object and its header: an object literal takes a
+    // ready-made shape, where setting the properties one by one from here costs a lookup each.
     napi_status status = napi_ok;
-    napi_value header = nullptr;
-    if ((status = napi_create_object(env, &header)) == napi_ok) {
-        for (const auto& [name, value] : raw->header) {
-            napi_value text = NAPI::toString(env, value);
-            if (text == nullptr) {
-                status = napi_generic_failure;
-                break;
-            }
-            if ((status = napi_set_named_property(env, header, name.c_str(), text)) != napi_ok)
-                break;
-        }
-    }
-    napi_value md5 = status == napi_ok ? NAPI::toString(env, raw->md5) : nullptr;
-    napi_value error = status == napi_ok ? encodeError(env, bridge, raw->error) : nullptr;
-    napi_value is404 = status == napi_ok ? NAPI::toBool(env, raw->is404) : nullptr;
     napi_value result = nullptr;
-    if (status == napi_ok && md5 != nullptr && error != nullptr && is404 != nullptr) {
-        const napi_property_descriptor properties[] = {
-            {"data", nullptr, nullptr, nullptr, nullptr, data, napi_default_jsproperty, nullptr},
-            {"md5", nullptr, nullptr, nullptr, nullptr, md5, napi_default_jsproperty, nullptr},
-            {"header", nullptr, nullptr, nullptr, nullptr, header, napi_default_jsproperty,
-             nullptr},
-            {"error", nullptr, nullptr, nullptr, nullptr, error, napi_default_jsproperty, nullptr},
-            {"is404", nullptr, nullptr, nullptr, nullptr, is404, napi_default_jsproperty, nullptr},
-        };
-        if ((status = napi_create_object(env, &result)) == napi_ok)
-            status = napi_define_properties(env, result, std::size(properties), properties);
-    } else if (status == napi_ok) {
+    napi_value factory = NAPI::scriptFunction(env, NAPI::Script::ResponseObject, kResponseObject);
+    napi_value md5 = factory != nullptr ? NAPI::toString(env, raw->md5) : nullptr;
+    napi_value error = md5 != nullptr ? encodeError(env, bridge, raw->error) : nullptr;
+    napi_value is404 = error != nullptr ? NAPI::toBool(env, raw->is404) : nullptr;
+    if (is404 != nullptr) {
+        std::vector<napi_value> arguments{data, md5, error, is404};
+        arguments.reserve(kResponseFixedArguments + 2 * raw->header.size());
+        for (const auto& [name, value] : raw->header) {
+            napi_value nameText = NAPI::toString(env, name);
+            napi_value valueText = nameText != nullptr ? NAPI::toString(env, value) : nullptr;
+            if (valueText == nullptr) break;
+            arguments.push_back(nameText);
+            arguments.push_back(valueText);
+        }
+        if (arguments.size() == kResponseFixedArguments + 2 * raw->header.size())
+            status = napi_call_function(env, NAPI::undefined(env), factory, arguments.size(),
+                                        arguments.data(), &result);
+        else
+            status = napi_generic_failure;
+    } else {
         status = napi_generic_failure;
     }
     if (status != napi_ok) {

@@ -48,6 +48,18 @@ struct AsyncTask {
     napi_async_work handle = nullptr;
 };
 
+// The compiled helpers of one environment, freed with it.
+struct Scripts {
+    napi_ref functions[static_cast<size_t>(Script::Count)] = {};
+};
+
+void freeScripts(napi_env env, void* data, void*) {
+    std::unique_ptr<Scripts> scripts(static_cast<Scripts*>(data));
+    for (napi_ref function : scripts->functions) {
+        if (function != nullptr) napi_delete_reference(env, function);
+    }
+}
+
 }  // namespace
 
 std::vector<napi_value> getArgs(napi_env env, napi_callback_info info, size_t max) {
@@ -207,6 +219,34 @@ void clearException(napi_env env) {
     if (napi_is_exception_pending(env, &pending) != napi_ok || !pending) return;
     napi_value ignored = nullptr;
     napi_get_and_clear_last_exception(env, &ignored);
+}
+
+napi_value scriptFunction(napi_env env, Script script, const char* source) {
+    void* data = nullptr;
+    if (napi_get_instance_data(env, &data) != napi_ok) data = nullptr;
+    auto* scripts = static_cast<Scripts*>(data);
+    if (scripts == nullptr) {
+        scripts = new Scripts();
+        if (napi_set_instance_data(env, scripts, freeScripts, nullptr) != napi_ok) {
+            delete scripts;
+            throwLastError(env);
+            return nullptr;
+        }
+    }
+    napi_ref& slot = scripts->functions[static_cast<size_t>(script)];
+    napi_value function = nullptr;
+    if (slot != nullptr && napi_get_reference_value(env, slot, &function) == napi_ok &&
+        function != nullptr)
+        return function;
+    napi_value text = toString(env, source);
+    if (text == nullptr) return nullptr;
+    if (napi_run_script(env, text, &function) != napi_ok || !isFunction(env, function) ||
+        napi_create_reference(env, function, 1, &slot) != napi_ok) {
+        slot = nullptr;
+        throwLastError(env);
+        return nullptr;
+    }
+    return function;
 }
 
 bool postAsyncTask(napi_env env, std::function<void()> work, std::function<void(napi_env)> done) {

@@ -54,6 +54,14 @@ void throwLastError(napi_env env);
 // Drops a pending script exception, if any.
 void clearException(napi_env env);
 
+// The module's script helpers: small functions that do in one call what would otherwise take the
+// bridge many calls into the engine.
+enum class Script : size_t { ResponseObject, RequestFields, Count };
+// The function compiled from `source` (a parenthesised function expression), once per environment,
+// and kept for the environment's life under `script`. Null with the engine's error raised when it
+// cannot be made. These helpers own the environment's instance data; nothing else may set it.
+napi_value scriptFunction(napi_env env, Script script, const char* source);
+
 // Runs `work` on the engine's work pool and then, when given, `done` on the script thread.
 // False (and nothing runs) when the work could not be queued.
 bool postAsyncTask(napi_env env, std::function<void()> work,

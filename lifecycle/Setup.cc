@@ -52,6 +52,16 @@ State& state() {
     return *instance;
 }
 
+// The host's work pool runs its lifecycle calls in any order and may run two at once; each runs
+// whole before the next starts, so that setup finds either no proxy (and is repeated) or the
+// services, folders and stored configuration that setProxy puts in place, never half of them.
+// Recursive: setup and the start of updating call one another. Never held by the worker's own
+// steps, which run behind the flags that these calls set.
+RecursiveMutex& lifecycleMutex() {
+    static RecursiveMutex* const mutex = new RecursiveMutex();
+    return *mutex;
+}
+
 std::string formatSession(const char* prefix, double since) {
     char buffer[64];
     std::snprintf(buffer, sizeof(buffer), "%s%f", prefix, since);
@@ -102,6 +112,7 @@ std::string Setup::escape(std::string_view text) {
 
 void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath,
                      const std::string& rawFileFolder) {
+    RecursiveLock lifecycle(lifecycleMutex());
     Environment::instance().setProxy(proxy);
     if (!proxy) return;
     Services::wire();
@@ -117,6 +128,7 @@ void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath,
 }
 
 void Setup::setup(const std::string& appKey, const std::string& appVersion, int32_t mode) {
+    RecursiveLock lifecycle(lifecycleMutex());
     Environment& environment = Environment::instance();
     // Stored on every call, before anything is checked, so that a later call can change them.
     const std::string key = escape(appKey);
@@ -156,6 +168,7 @@ void Setup::setup(const std::string& appKey, const std::string& appVersion, int3
 }
 
 void Setup::setupSubProcess() {
+    RecursiveLock lifecycle(lifecycleMutex());
     Environment& environment = Environment::instance();
     if (!environment.proxy() || (environment.flags() & kSetupDone)) return;
     logSetup(MarlLogger::MRLLevelInfo, "setup", {{"process", "sub"}});
@@ -165,6 +178,7 @@ void Setup::setupSubProcess() {
 }
 
 void Setup::reloadConfig() {
+    RecursiveLock lifecycle(lifecycleMutex());
     if (Environment::instance().isMainProcess()) return;
     UpdateConfig::loadAtStart();
 }
@@ -197,6 +211,7 @@ void Setup::autoStartUpdate() {
 }
 
 void Setup::startUpdate() {
+    RecursiveLock lifecycle(lifecycleMutex());
     Environment& environment = Environment::instance();
     if (!environment.setFlag(kUpdateStarted)) return;
     logSetup(MarlLogger::MRLLevelInfo, "startUpdate");
@@ -232,6 +247,7 @@ void Setup::compactDatabases() {
 }
 
 void Setup::clientActived() {
+    RecursiveLock lifecycle(lifecycleMutex());
     Environment& environment = Environment::instance();
     if (environment.clientActive()) return;
     environment.setClientActive(true);
@@ -242,6 +258,7 @@ void Setup::clientActived() {
 }
 
 void Setup::clientDeactived() {
+    RecursiveLock lifecycle(lifecycleMutex());
     const double start = MRLCurrentClock();
     UpdateQueue::setPaused(true);
     Environment::instance().setClientActive(false);

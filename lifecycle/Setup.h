@@ -4,7 +4,9 @@
 //
 // Threading: every operation may be called from any thread; the host calls setup, startUpdate,
 // clientActived, clientDeactived and setProxy from its work pool and the setters from its script
-// thread. The completion step and autoStartUpdate run on the worker.
+// thread. The completion step and autoStartUpdate run on the worker. setProxy, setup,
+// setupSubProcess, reloadConfig, startUpdate, clientActived and clientDeactived serialise
+// themselves: two of them called at once run one after the other, never interleaved.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "base/Environment.h"
 #include "lifecycle/Setup.h"
 #include "marl/Clock.h"
@@ -119,6 +122,38 @@ TEST_F(SetupTest, SetupBeforeProxyStoresKeyAndCanBeRepeated) {
     TaskRunner::runDue();
     EXPECT_EQ(proxy_->requests.size(), 1u);
     EXPECT_TRUE(flags() & kSetupDone);
+}
+
+// The host's work pool may run setProxy and setup at the same time. Each runs whole: setup either
+// finds no proxy, stores the key and is repeated, or finds the services, folders and stored
+// configuration in place and starts the first configuration update.
+TEST_F(SetupTest, SetProxyAndSetupFromTwoThreadsRunOneAfterTheOther) {
+    std::atomic<int> ready{0};
+    auto together = [&ready] {
+        ready.fetch_add(1);
+        while (ready.load() < 2) std::this_thread::yield();
+    };
+    std::thread proxyThread([&] {
+        together();
+        Setup::setProxy(proxy_, temp_.root());
+    });
+    std::thread setupThread([&] {
+        together();
+        Setup::setup("key", "1.0", 1);
+    });
+    proxyThread.join();
+    setupThread.join();
+    EXPECT_EQ(Environment::instance().appKey(), "key");
+    ASSERT_TRUE(Environment::instance().proxy());
+    const bool setupFirst = (flags() & kSetupDone) == 0;
+    EXPECT_EQ(TaskRunner::pendingCount() == 0, setupFirst)
+        << "a setup that found the proxy has posted its first task; one that did not, nothing";
+    if (setupFirst) Setup::setup("key", "1.0", 1);  // as the host repeats it
+    TaskRunner::runDue();
+    ASSERT_EQ(proxy_->requests.size(), 1u);
+    EXPECT_EQ(proxy_->requests[0].url, kFirstUrl);
+    EXPECT_EQ(SCache::current()->version, "1700000000000");
+    EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_START_UPDATE"}));
 }
 
 TEST_F(SetupTest, EscapeKeepsUnreservedAndEncodesTheRest) {
