@@ -4,6 +4,7 @@
 // `ferrit-pack COMMAND --help` describe each command.
 #include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -369,68 +370,87 @@ int wrap(int argc, char** argv) {
     return kSuccess;
 }
 
-int config(int argc, char** argv) {
+// What every command that writes a signed document is given besides its packs.
+struct SignedDocumentLine {
     std::string keyPath, version;
-    std::vector<ConfigPack> packs;
     std::vector<std::string> positional;
+};
+
+// Walks the arguments after the command's name: positional ones and --key and --version are taken
+// here; every other option is handed with its value to `option`, whose nonzero exit code stops
+// the walk and is returned.
+int walkSignedDocumentLine(
+    int argc, char** argv, const std::string& command, SignedDocumentLine& line,
+    const std::function<int(const std::string&, const std::string&)>& option) {
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg.size() <= 1 || arg[0] != '-') {
-            positional.push_back(arg);
+            line.positional.push_back(arg);
             continue;
         }
-        if (i + 1 >= argc) return usage("config", "missing value after " + arg);
+        if (i + 1 >= argc) return usage(command, "missing value after " + arg);
         const std::string value = argv[++i];
         if (arg == "--key") {
-            keyPath = value;
-            continue;
-        }
-        if (arg == "--version") {
-            version = value;
-            continue;
-        }
-        if (arg == "--pack") {
-            packs.emplace_back();
-            packs.back().name = value;
-            continue;
-        }
-        if (packs.empty()) return usage("config", arg + " comes before any --pack");
-        ConfigPack& pack = packs.back();
-        uint64_t number = 0;
-        if (arg == "--seq" || arg == "--base-seq" || arg == "--flags" || arg == "--publish-time") {
-            if (!parseNumber(value, number))
-                return usage("config", arg + " takes a decimal number");
-            if (arg == "--seq") pack.seq = number;
-            if (arg == "--base-seq") pack.baseSeq = number;
-            if (arg == "--flags") pack.flags = number;
-            if (arg == "--publish-time") pack.publishTime = static_cast<double>(number);
-        } else if (arg == "--zip" || arg == "--incr") {
-            std::string zip;
-            if (!readWholeFile(value, zip)) return failure("cannot read " + value);
-            (arg == "--zip" ? pack.md5 : pack.incrMd5) = FerritCore::Digest::md5Hex(zip);
-        } else if (arg == "--md5" || arg == "--incr-md5") {
-            if (value.size() != 32 ||
-                value.find_first_not_of("0123456789abcdef") != std::string::npos)
-                return usage("config", arg + " takes 32 lower-case hexadecimal digits");
-            (arg == "--md5" ? pack.md5 : pack.incrMd5) = value;
-        } else if (arg == "--prefix") {
-            pack.prefixes.push_back(value);
-        } else {
-            return usage("config", "unknown option " + arg);
+            line.keyPath = value;
+        } else if (arg == "--version") {
+            line.version = value;
+        } else if (const int code = option(arg, value); code != kSuccess) {
+            return code;
         }
     }
-    if (keyPath.empty()) return usage("config", "config needs --key");
-    if (version.empty()) return usage("config", "config needs --version");
+    return kSuccess;
+}
+
+int config(int argc, char** argv) {
+    SignedDocumentLine line;
+    std::vector<ConfigPack> packs;
+    const int walked = walkSignedDocumentLine(
+        argc, argv, "config", line, [&](const std::string& arg, const std::string& value) {
+            if (arg == "--pack") {
+                packs.emplace_back();
+                packs.back().name = value;
+                return kSuccess;
+            }
+            if (packs.empty()) return usage("config", arg + " comes before any --pack");
+            ConfigPack& pack = packs.back();
+            uint64_t number = 0;
+            if (arg == "--seq" || arg == "--base-seq" || arg == "--flags" ||
+                arg == "--publish-time") {
+                if (!parseNumber(value, number))
+                    return usage("config", arg + " takes a decimal number");
+                if (arg == "--seq") pack.seq = number;
+                if (arg == "--base-seq") pack.baseSeq = number;
+                if (arg == "--flags") pack.flags = number;
+                if (arg == "--publish-time") pack.publishTime = static_cast<double>(number);
+            } else if (arg == "--zip" || arg == "--incr") {
+                std::string zip;
+                if (!readWholeFile(value, zip)) return failure("cannot read " + value);
+                (arg == "--zip" ? pack.md5 : pack.incrMd5) = FerritCore::Digest::md5Hex(zip);
+            } else if (arg == "--md5" || arg == "--incr-md5") {
+                if (value.size() != 32 ||
+                    value.find_first_not_of("0123456789abcdef") != std::string::npos)
+                    return usage("config", arg + " takes 32 lower-case hexadecimal digits");
+                (arg == "--md5" ? pack.md5 : pack.incrMd5) = value;
+            } else if (arg == "--prefix") {
+                pack.prefixes.push_back(value);
+            } else {
+                return usage("config", "unknown option " + arg);
+            }
+            return kSuccess;
+        });
+    if (walked != kSuccess) return walked;
+    if (line.keyPath.empty()) return usage("config", "config needs --key");
+    if (line.version.empty()) return usage("config", "config needs --version");
     if (packs.empty()) return usage("config", "config needs at least one --pack");
-    if (positional.size() != 1) return usage("config", "config takes one OUT");
+    if (line.positional.size() != 1) return usage("config", "config takes one OUT");
     std::string error, document;
-    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(keyPath, error);
+    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(line.keyPath, error);
     if (!key) return failure(error);
-    if (!buildConfig(version, packs, ed25519Signer(std::move(key)), document, error))
+    if (!buildConfig(line.version, packs, ed25519Signer(std::move(key)), document, error))
         return failure(error);
-    if (!writeFileAtomically(positional[0], document))
-        return failure("cannot write " + positional[0]);
-    std::cout << "wrote " << positional[0] << " (" << packs.size()
+    if (!writeFileAtomically(line.positional[0], document))
+        return failure("cannot write " + line.positional[0]);
+    std::cout << "wrote " << line.positional[0] << " (" << packs.size()
               << (packs.size() == 1 ? " pack)\n" : " packs)\n");
     return kSuccess;
 }
@@ -444,77 +464,63 @@ struct PreloadArguments {
 };
 
 int preload(int argc, char** argv) {
-    std::string keyPath, version;
+    SignedDocumentLine line;
     std::vector<PreloadArguments> packs;
     std::set<std::string> names;
-    std::vector<std::string> positional;
-    for (int i = 2; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg.size() <= 1 || arg[0] != '-') {
-            positional.push_back(arg);
-            continue;
-        }
-        if (i + 1 >= argc) return usage("preload", "missing value after " + arg);
-        const std::string value = argv[++i];
-        if (arg == "--key") {
-            keyPath = value;
-            continue;
-        }
-        if (arg == "--version") {
-            version = value;
-            continue;
-        }
-        if (arg == "--pack") {
-            // The zip holds one folder per name: a second description would be lost.
-            if (value.empty() || value.find('/') != std::string::npos)
-                return usage("preload", "a pack name is not empty and holds no \"/\"");
-            if (!names.insert(value).second)
-                return usage("preload", "pack " + value + " is named twice");
-            packs.emplace_back();
-            packs.back().pack.record.name = value;
-            continue;
-        }
-        if (packs.empty()) return usage("preload", arg + " comes before any --pack");
-        PreloadArguments& pack = packs.back();
-        ConfigPack& record = pack.pack.record;
-        uint64_t number = 0;
-        if (arg == "--seq" || arg == "--base-seq" || arg == "--flags") {
-            if (!parseNumber(value, number))
-                return usage("preload", arg + " takes a decimal number");
-            if (arg == "--seq") {
-                record.seq = number;
-                pack.hasSeq = true;
+    const int walked = walkSignedDocumentLine(
+        argc, argv, "preload", line, [&](const std::string& arg, const std::string& value) {
+            if (arg == "--pack") {
+                // The zip holds one folder per name: a second description would be lost.
+                if (value.empty() || value.find('/') != std::string::npos)
+                    return usage("preload", "a pack name is not empty and holds no \"/\"");
+                if (!names.insert(value).second)
+                    return usage("preload", "pack " + value + " is named twice");
+                packs.emplace_back();
+                packs.back().pack.record.name = value;
+                return kSuccess;
             }
-            if (arg == "--base-seq") {
-                record.baseSeq = number;
-                pack.hasBaseSeq = true;
+            if (packs.empty()) return usage("preload", arg + " comes before any --pack");
+            PreloadArguments& pack = packs.back();
+            ConfigPack& record = pack.pack.record;
+            uint64_t number = 0;
+            if (arg == "--seq" || arg == "--base-seq" || arg == "--flags") {
+                if (!parseNumber(value, number))
+                    return usage("preload", arg + " takes a decimal number");
+                if (arg == "--seq") {
+                    record.seq = number;
+                    pack.hasSeq = true;
+                }
+                if (arg == "--base-seq") {
+                    record.baseSeq = number;
+                    pack.hasBaseSeq = true;
+                }
+                if (arg == "--flags") record.flags = number;
+            } else if (arg == "--folder") {
+                pack.folder = value;
+            } else if (arg == "--url-prefix") {
+                pack.pack.urlPrefix = value;
+            } else if (arg == "--prefix") {
+                record.prefixes.push_back(value);
+            } else if (arg == "--header") {
+                const size_t equals = value.find('=');
+                const size_t colon =
+                    equals == std::string::npos ? std::string::npos : value.find(':', equals);
+                if (colon == std::string::npos || colon == equals + 1)
+                    return usage("preload", "a header is PATH=NAME:VALUE");
+                size_t start = colon + 1;
+                while (start < value.size() && value[start] == ' ') ++start;
+                pack.pack.content.headers[value.substr(0, equals)][value.substr(
+                    equals + 1, colon - equals - 1)] = value.substr(start);
+            } else {
+                return usage("preload", "unknown option " + arg);
             }
-            if (arg == "--flags") record.flags = number;
-        } else if (arg == "--folder") {
-            pack.folder = value;
-        } else if (arg == "--url-prefix") {
-            pack.pack.urlPrefix = value;
-        } else if (arg == "--prefix") {
-            record.prefixes.push_back(value);
-        } else if (arg == "--header") {
-            const size_t equals = value.find('=');
-            const size_t colon =
-                equals == std::string::npos ? std::string::npos : value.find(':', equals);
-            if (colon == std::string::npos || colon == equals + 1)
-                return usage("preload", "a header is PATH=NAME:VALUE");
-            size_t start = colon + 1;
-            while (start < value.size() && value[start] == ' ') ++start;
-            pack.pack.content
-                .headers[value.substr(0, equals)][value.substr(equals + 1, colon - equals - 1)] =
-                value.substr(start);
-        } else {
-            return usage("preload", "unknown option " + arg);
-        }
-    }
-    if (keyPath.empty()) return usage("preload", "preload needs --key");
-    if (version.empty()) return usage("preload", "preload needs --version");
+            return kSuccess;
+        });
+    if (walked != kSuccess) return walked;
+    if (line.keyPath.empty()) return usage("preload", "preload needs --key");
+    if (line.version.empty()) return usage("preload", "preload needs --version");
     if (packs.empty()) return usage("preload", "preload needs at least one --pack");
-    if (positional.size() != 1) return usage("preload", "preload takes one OUT.zip");
+    if (line.positional.size() != 1) return usage("preload", "preload takes one OUT.zip");
     for (PreloadArguments& pack : packs) {
         const std::string& name = pack.pack.record.name;
         // A client skips a record of sequence 0: it would ship files that never install.
@@ -529,7 +535,7 @@ int preload(int argc, char** argv) {
     }
 
     std::string error;
-    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(keyPath, error);
+    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(line.keyPath, error);
     if (!key) return failure(error);
     PackOptions options;
     options.signer = ed25519Signer(std::move(key));
@@ -542,9 +548,10 @@ int preload(int argc, char** argv) {
         contents.push_back(pack.pack);
     }
     std::string zip;
-    if (!buildPreload(version, contents, options, zip, error)) return failure(error);
-    if (!writeFileAtomically(positional[0], zip)) return failure("cannot write " + positional[0]);
-    std::cout << "wrote " << positional[0] << " (" << packs.size()
+    if (!buildPreload(line.version, contents, options, zip, error)) return failure(error);
+    if (!writeFileAtomically(line.positional[0], zip))
+        return failure("cannot write " + line.positional[0]);
+    std::cout << "wrote " << line.positional[0] << " (" << packs.size()
               << (packs.size() == 1 ? " pack, " : " packs, ") << files
               << (files == 1 ? " file, md5 " : " files, md5 ") << FerritCore::Digest::md5Hex(zip)
               << ")\n";
