@@ -122,22 +122,7 @@ std::string RawFileProvider::readAsset(const std::string& path, Error& error) {
     }
     // One read of the whole size, as the platform reads a raw file; a short read at end of file
     // is success.
-    // The read fills the buffer: it is not filled with zeros first.
-    int failure = 0;
-    content.resize_and_overwrite(static_cast<size_t>(info.st_size), [&](char* buffer, size_t size) {
-        size_t used = 0;
-        while (used < size) {
-            const ssize_t n =
-                retryOnInterrupt([&] { return ::read(fd, buffer + used, size - used); });
-            if (n < 0) {
-                failure = errno;
-                return size_t{0};
-            }
-            if (n == 0) break;
-            used += static_cast<size_t>(n);
-        }
-        return used;
-    });
+    const int failure = FileUtil::appendRead(fd, content, static_cast<size_t>(info.st_size));
     ::close(fd);
     if (failure != 0) {
         error = Errors::fileRead(Folder::asset(path), failure);

@@ -273,25 +273,7 @@ int FileUtil::readDescriptor(int fd, std::string& out, bool linkedOnly) {
     // read at end of file is success. Files that report no size are read to their end.
     const size_t before = out.size();
     const size_t expected = info.st_size > 0 ? static_cast<size_t>(info.st_size) : 0;
-    if (expected > 0) {
-        // The read fills the buffer: it is not filled with zeros first.
-        int result = 0;
-        out.resize_and_overwrite(before + expected, [&](char* buffer, size_t size) {
-            size_t used = before;
-            while (used < size) {
-                const ssize_t n =
-                    retryOnInterrupt([&] { return ::read(fd, buffer + used, size - used); });
-                if (n < 0) {
-                    result = lastError();
-                    return before;
-                }
-                if (n == 0) break;
-                used += static_cast<size_t>(n);
-            }
-            return used;
-        });
-        return result;
-    }
+    if (expected > 0) return appendRead(fd, out, expected);
     out.resize(before + 4096);
     size_t used = before;
     for (;;) {
@@ -308,6 +290,33 @@ int FileUtil::readDescriptor(int fd, std::string& out, bool linkedOnly) {
     }
     out.resize(used);
     return 0;
+}
+
+int FileUtil::appendRead(int fd, std::string& out, size_t count) {
+    const size_t before = out.size();
+    int result = 0;
+    auto fill = [&](char* buffer, size_t size) {
+        size_t used = before;
+        while (used < size) {
+            const ssize_t n =
+                retryOnInterrupt([&] { return ::read(fd, buffer + used, size - used); });
+            if (n < 0) {
+                result = lastError();
+                return before;
+            }
+            if (n == 0) break;
+            used += static_cast<size_t>(n);
+        }
+        return used;
+    };
+#if defined(__cpp_lib_string_resize_and_overwrite)
+    // Where the library allows it, the read fills the buffer without its being zeroed first.
+    out.resize_and_overwrite(before + count, fill);
+#else
+    out.resize(before + count);
+    out.resize(fill(out.data(), out.size()));
+#endif
+    return result;
 }
 
 int FileUtil::writeFile(const std::string& path, std::string_view data) {

@@ -64,6 +64,10 @@ class FileUtil {
     // since it was opened) gives ESTALE and nothing is read. The descriptor stays open. `out` is
     // appended to, and left as it was on failure.
     static int readDescriptor(int fd, std::string& out, bool linkedOnly = false);
+    // Appends at most `count` bytes read from an open descriptor to `out`, in as few reads as the
+    // system allows; a short read at end of file is success. 0 or an errno; `out` is left as it
+    // was on failure.
+    static int appendRead(int fd, std::string& out, size_t count);
     // Mode "wb+": truncates, then writes. A failed write leaves the truncated file.
     static int writeFile(const std::string& path, std::string_view data);
     // Mode "ab+".
