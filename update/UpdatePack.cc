@@ -204,11 +204,8 @@ const UpdatePolicy& UpdatePolicy::forTrigger(int trigger) {
 }
 
 double UpdatePack::packScore(const Pack& pack) {
-    const double p = pack.priority();
-    const double s = Statistics::accessValue(pack.name);
-    double score = (1.0 + 0.2 * p) * s + 0.1 * p;
-    if (pack.priority() >= kPriorityStartup) score += kStartupPriorityScore;
-    return score;
+    // A pack ranks in the queue as it ranks against eviction: the packs kept are the ones fetched.
+    return Cleanup::evictionScore(pack, Statistics::accessValue(pack.name));
 }
 
 bool UpdatePack::isHot(const Pack& pack) {

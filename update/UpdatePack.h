@@ -72,8 +72,6 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // Added to the score of a prefetch, and of a read's fixed-sequence fetch.
     static constexpr double kBoostScore = 1000.0;
     static constexpr double kFixedSeqScore = 2000.0;
-    // A pack of this priority or above jumps the queue.
-    static constexpr double kStartupPriorityScore = 1000.0;
     // The zip request of every task; a queue that runs tasks side by side may rank them.
     static constexpr uint32_t kDefaultRequestPriority = 0;
     // The access score above which a pack counts as hot: ln 2, the credit of a first install.
@@ -140,8 +138,7 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     bool incremental() const { return incremental_; }
     const StagedRecord& perf() const { return perf_; }
 
-    // The pack's queue score: (1 + 0.2 p) s + 0.1 p with p the priority and s the access score,
-    // plus kStartupPriorityScore from priority 9 on.
+    // The pack's queue score: its eviction score (Cleanup::evictionScore) over its access value.
     static double packScore(const Pack& pack);
     // The access score that tells whether the installed version of `pack` is hot.
     static bool isHot(const Pack& pack);

@@ -187,7 +187,7 @@ TEST_F(UpdatePackTest, ScoreWeighsAccessByPriority) {
     Statistics::addAccess("shop", nullptr, 2.0);
     EXPECT_DOUBLE_EQ(UpdatePack::packScore(*p), (1.0 + 0.2 * 5) * 2.0 + 0.5);
     auto top = record("top", kPackTypeFerrit, 1, 1, 9);
-    EXPECT_DOUBLE_EQ(UpdatePack::packScore(*top), 0.9 + UpdatePack::kStartupPriorityScore);
+    EXPECT_DOUBLE_EQ(UpdatePack::packScore(*top), 0.9 + Cleanup::kStartupScoreBonus);
 }
 
 TEST_F(UpdatePackTest, PrefetchAddsTheBoostToTheScore) {
