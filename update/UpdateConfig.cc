@@ -20,11 +20,22 @@ namespace FerritCore {
 namespace {
 
 // Spreads the clients that follow one push over its delay.
+struct DelayShare {
+    Mutex mutex;
+    std::mt19937_64 generator GUARDED_BY(mutex){std::random_device{}()};
+    UpdateConfig::RandomSource source GUARDED_BY(mutex);
+};
+
+DelayShare& delayShare() {
+    static DelayShare share;
+    return share;
+}
+
 double randomFraction() {
-    static Mutex mutex;
-    static std::mt19937_64 generator{std::random_device{}()};
-    MutexLock lock(mutex);
-    return std::uniform_real_distribution<double>(0.0, 1.0)(generator);
+    DelayShare& share = delayShare();
+    MutexLock lock(share.mutex);
+    if (share.source) return share.source();
+    return std::uniform_real_distribution<double>(0.0, 1.0)(share.generator);
 }
 
 }  // namespace
@@ -227,7 +238,14 @@ void UpdateConfig::loadAtStart() {
     }
 }
 
+void UpdateConfig::setRandomSource(RandomSource source) {
+    DelayShare& share = delayShare();
+    MutexLock lock(share.mutex);
+    share.source = std::move(source);
+}
+
 void UpdateConfig::reset() {
+    setRandomSource(nullptr);
     lastCheck_ = -1e300;
     lastSuccess_ = 0;
     initial_ = false;

@@ -34,6 +34,11 @@ class UpdateConfig {
 
     static UpdateConfig& instance();
 
+    // The share of a delay that start waits, in [0, 1); null restores the process's own
+    // generator. Tests fix it; any thread.
+    using RandomSource = std::function<double()>;
+    static void setRandomSource(RandomSource source);
+
     // The one entry for every caller: adds `listener` (may be empty) and posts update(trigger,
     // version) after a random part of `delay`. In a sub process it only logs 2004.
     void start(int trigger, const std::string& version, Listener listener, double delay);

@@ -33,6 +33,7 @@
 #include "tests/TestUtil.h"
 #include "tools/pack/PackBuilder.h"
 #include "update/Preview.h"
+#include "update/UpdateConfig.h"
 #include "update/UpdatePack.h"
 #include "update/UpdateQueue.h"
 
@@ -64,6 +65,8 @@ constexpr double kFirstQueueTickMs = 120000.0;
 constexpr double kConfigThrottleMs = 30000.0;
 // The share of a push's delay after which the real document is asked for is below one.
 constexpr double kPushDelayMs = 60000.0;
+// This client's share of that delay, fixed by the test.
+constexpr double kPushDelayShare = 0.25;
 // A document that says it is full.
 constexpr const char* kFullMark = "4294967295";
 
@@ -98,6 +101,7 @@ class UpdateChainTest : public ProcessTest {
             return std::uniform_int_distribution<uint64_t>(0, maxInclusive)(*random);
         });
         Preview::setRandomSource([this] { return ++previewRandom_; });
+        UpdateConfig::setRandomSource([] { return kPushDelayShare; });
         proxy_ = std::make_shared<FakeProxy>();
         for (size_t i = 0; i < kPackCount; ++i) {
             ConfigPackEntry entry;
@@ -410,8 +414,10 @@ TEST_F(UpdateChainTest, PushOfANewerConfigurationMergesAndRestartsTheUpdateAfter
     EXPECT_NE(find(dropped), nullptr);
     drive();
     EXPECT_EQ(configRequests().size(), configsBefore) << "the document is asked for later";
+    advance(kPushDelayShare * kPushDelayMs - 1000);
+    EXPECT_EQ(configRequests().size(), configsBefore) << "not before this client's share";
 
-    advance(kPushDelayMs);
+    advance(1000);
     const std::vector<std::string> configs = configRequests();
     ASSERT_EQ(configs.size(), configsBefore + 1);
     EXPECT_EQ(configs.back(), pushedUrl);
