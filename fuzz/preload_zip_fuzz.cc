@@ -52,7 +52,7 @@ class OneAsset : public AssetProvider {
     std::string bytes;
 };
 
-// "<name>/<digits>/<rest>" with no ".." piece.
+// "<name>/<digits>/<rest>" with no ".." piece: two dots inside a name are part of it.
 bool insidePackFolder(std::string_view key) {
     const size_t first = key.find('/');
     if (first == std::string_view::npos || first == 0) return false;
@@ -60,7 +60,13 @@ bool insidePackFolder(std::string_view key) {
     const size_t digits = i;
     while (i < key.size() && std::isdigit(static_cast<unsigned char>(key[i]))) ++i;
     if (i == digits || i >= key.size() || key[i] != '/') return false;
-    return key.find("..") == std::string_view::npos;
+    for (size_t start = 0; start <= key.size();) {
+        size_t end = key.find('/', start);
+        if (end == std::string_view::npos) end = key.size();
+        if (key.substr(start, end - start) == "..") return false;
+        start = end + 1;
+    }
+    return true;
 }
 
 class MapFiles : public PackedFiles {

@@ -184,6 +184,18 @@ TEST_F(PreloadTest, PathsOutsideTheirPackFolderWriteNothingOutsideTheRoot) {
     EXPECT_EQ(find("shop"), nullptr);
 }
 
+// Two dots inside a name are part of it; only a whole ".." piece climbs.
+TEST_F(PreloadTest, NameWithTwoDotsInsideAPieceIsCopiedAndServed) {
+    PackFiles files = version1();
+    files["js/app..min.js"] = "console.log('dots');";
+    files["..hidden/a..b"] = "kept";
+    place("preload.zip", preloadZip({pack("shop", 3, files)}));
+    ASSERT_TRUE(Preload::instance().install("preload.zip", true));
+    ASSERT_NE(find("shop"), nullptr);
+    EXPECT_EQ(find("shop")->installedSize, sizeOf(files));
+    expectServes(files);
+}
+
 TEST_F(PreloadTest, EntryOfAnotherSequenceIsLoggedAndSkipped) {
     FerritTools::PreloadPack listed = pack("shop", 3, version1());
     std::string document, error;
