@@ -4,8 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <memory>
+#include <random>
 #include <string>
 
 #include "base/Folder.h"
@@ -34,6 +38,15 @@ class TempDir {
   private:
     std::filesystem::path path_;
 };
+
+// Draws from 0 to a bound, inclusive, from a fixed seed: a test that hands the library its
+// random source sees the same draws at every run.
+inline std::function<uint64_t(uint64_t)> seededDraws(uint64_t seed) {
+    auto engine = std::make_shared<std::mt19937_64>(seed);
+    return [engine](uint64_t maxInclusive) {
+        return std::uniform_int_distribution<uint64_t>(0, maxInclusive)(*engine);
+    };
+}
 
 // Each test begins and ends with the process-wide state of a fresh process (one reset puts back
 // every singleton and every slot the composition root fills), with its own temporary root.

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -96,10 +95,7 @@ class UpdateChainTest : public ProcessTest {
         defaults.configPrefix = kConfigPrefix;
         defaults.zipPrefix = kZipPrefix;
         Settings::setDefaults(defaults);
-        auto random = std::make_shared<std::mt19937_64>(20240611);
-        UpdatePack::setRandomSource([random](uint64_t maxInclusive) {
-            return std::uniform_int_distribution<uint64_t>(0, maxInclusive)(*random);
-        });
+        UpdatePack::setRandomSource(seededDraws(20240611));
         Preview::setRandomSource([this] { return ++previewRandom_; });
         UpdateConfig::setRandomSource([] { return kPushDelayShare; });
         proxy_ = std::make_shared<FakeProxy>();

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -65,10 +64,7 @@ class InstallFixture : public ProcessTest {
         defaults.zipPrefix = kZipPrefix;
         defaults.acacheZipPrefix = kAppZipPrefix;
         Settings::setDefaults(defaults);
-        auto random = std::make_shared<std::mt19937_64>(20240611);
-        UpdatePack::setRandomSource([random](uint64_t maxInclusive) {
-            return std::uniform_int_distribution<uint64_t>(0, maxInclusive)(*random);
-        });
+        UpdatePack::setRandomSource(seededDraws(20240611));
     }
 
     // ---- The pack kit, signing with the test key.

@@ -32,14 +32,14 @@ class PreviewTest : public InstallFixture {
         return base() + "rpc/preview/pack/" + std::to_string(id) + ".zip?v=" + std::to_string(v);
     }
     // Serves the signed configuration of preview `id` for the request numbered `v`, naming
-    // `name` at `seq`.
+    // `name` at `seq` with the type `flags`.
     void serveConfig(uint64_t id, uint32_t v, const std::string& name, uint64_t seq,
-                     const std::string& zip) {
+                     const std::string& zip, uint64_t flags = kPackTypeFerrit) {
         FerritTools::ConfigPack configured;
         configured.name = name;
         configured.seq = seq;
         configured.baseSeq = seq;
-        configured.flags = kPackTypeFerrit;
+        configured.flags = flags;
         configured.md5 = Digest::md5Hex(zip);
         configured.prefixes = {kSite};
         std::string document, error;
@@ -173,19 +173,7 @@ TEST_F(PreviewTest, PreviewTakesTheFastLane) {
 // preview installed: it keeps its status, its version and its download, and the load counts it.
 TEST_F(PreviewTest, BuiltinConfigurationLoadKeepsAssetPreviewsInStatusThreeAndCountsThem) {
     const std::string zip = zipOf(version1());
-    {
-        FerritTools::ConfigPack configured;
-        configured.name = "kit";
-        configured.seq = 5;
-        configured.baseSeq = 5;
-        configured.flags = kPackTypeSCache;
-        configured.md5 = Digest::md5Hex(zip);
-        configured.prefixes = {kSite};
-        std::string document, error;
-        ASSERT_TRUE(FerritTools::buildConfig("9", {configured}, signer(), document, error))
-            << error;
-        proxy_->serve(configUrl(77, 1), 200, document);
-    }
+    serveConfig(77, 1, "kit", 5, zip, kPackTypeSCache);
     proxy_->serve(zipUrl(77, 2), 200, zip);
     const Result result = preview("kit", 77);
     ASSERT_TRUE(result.success) << result.object.toString();

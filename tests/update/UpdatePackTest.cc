@@ -286,10 +286,7 @@ TEST_F(UpdatePackTest, DisabledPeriodWithAFixedSeedGivesTheSameVerdicts) {
     const double now = MRLCurrentTime();
     disablePeriod(now - 5000, now - 500, 1000);
     auto verdicts = [&] {
-        auto random = std::make_shared<std::mt19937_64>(7);
-        UpdatePack::setRandomSource([random](uint64_t maxInclusive) {
-            return std::uniform_int_distribution<uint64_t>(0, maxInclusive)(*random);
-        });
+        UpdatePack::setRandomSource(seededDraws(7));
         std::string out;
         for (int i = 0; i < 32; ++i) out += task("shop", kTriggerTimer)->runnable() ? 'r' : 'd';
         return out;
