@@ -255,6 +255,20 @@ bool parseNumber(const std::string& text, uint64_t& value) {
     return errno == 0;
 }
 
+constexpr const char* kHeaderForm = "a header is PATH=NAME:VALUE";
+
+// Adds the header of a "--header PATH=NAME:VALUE" option; false when the value has another form.
+bool addHeader(const std::string& value, std::map<std::string, HeaderFields>& headers) {
+    const size_t equals = value.find('=');
+    const size_t colon = equals == std::string::npos ? std::string::npos : value.find(':', equals);
+    if (colon == std::string::npos || colon == equals + 1) return false;
+    size_t start = colon + 1;
+    while (start < value.size() && value[start] == ' ') ++start;
+    headers[value.substr(0, equals)][value.substr(equals + 1, colon - equals - 1)] =
+        value.substr(start);
+    return true;
+}
+
 // What build and diff share: the key, the prefix, headers and token, then positional arguments.
 struct PackArguments {
     std::string keyPath;
@@ -272,17 +286,8 @@ int parsePackArguments(const std::string& command, int argc, char** argv, PackAr
             if (arg == "--key") out.keyPath = value;
             if (arg == "--url-prefix") out.options.urlPrefix = value;
             if (arg == "--token") out.options.token = value;
-            if (arg == "--header") {
-                const size_t equals = value.find('=');
-                const size_t colon =
-                    equals == std::string::npos ? std::string::npos : value.find(':', equals);
-                if (colon == std::string::npos || colon == equals + 1)
-                    return usage(command, "a header is PATH=NAME:VALUE");
-                size_t start = colon + 1;
-                while (start < value.size() && value[start] == ' ') ++start;
-                out.headers[value.substr(0, equals)][value.substr(equals + 1, colon - equals - 1)] =
-                    value.substr(start);
-            }
+            if (arg == "--header" && !addHeader(value, out.headers))
+                return usage(command, kHeaderForm);
         } else if (arg.size() > 1 && arg[0] == '-') {
             return usage(command, "unknown option " + arg);
         } else {
@@ -401,6 +406,16 @@ int walkSignedDocumentLine(
     return kSuccess;
 }
 
+// What every such command needs once its line is walked: a key, a version, a pack and one output.
+int checkSignedDocumentLine(const std::string& command, const SignedDocumentLine& line,
+                            size_t packCount, const std::string& output) {
+    if (line.keyPath.empty()) return usage(command, command + " needs --key");
+    if (line.version.empty()) return usage(command, command + " needs --version");
+    if (packCount == 0) return usage(command, command + " needs at least one --pack");
+    if (line.positional.size() != 1) return usage(command, command + " takes one " + output);
+    return kSuccess;
+}
+
 int config(int argc, char** argv) {
     SignedDocumentLine line;
     std::vector<ConfigPack> packs;
@@ -439,10 +454,9 @@ int config(int argc, char** argv) {
             return kSuccess;
         });
     if (walked != kSuccess) return walked;
-    if (line.keyPath.empty()) return usage("config", "config needs --key");
-    if (line.version.empty()) return usage("config", "config needs --version");
-    if (packs.empty()) return usage("config", "config needs at least one --pack");
-    if (line.positional.size() != 1) return usage("config", "config takes one OUT");
+    if (const int code = checkSignedDocumentLine("config", line, packs.size(), "OUT");
+        code != kSuccess)
+        return code;
     std::string error, document;
     std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(line.keyPath, error);
     if (!key) return failure(error);
@@ -502,25 +516,17 @@ int preload(int argc, char** argv) {
             } else if (arg == "--prefix") {
                 record.prefixes.push_back(value);
             } else if (arg == "--header") {
-                const size_t equals = value.find('=');
-                const size_t colon =
-                    equals == std::string::npos ? std::string::npos : value.find(':', equals);
-                if (colon == std::string::npos || colon == equals + 1)
-                    return usage("preload", "a header is PATH=NAME:VALUE");
-                size_t start = colon + 1;
-                while (start < value.size() && value[start] == ' ') ++start;
-                pack.pack.content.headers[value.substr(0, equals)][value.substr(
-                    equals + 1, colon - equals - 1)] = value.substr(start);
+                if (!addHeader(value, pack.pack.content.headers))
+                    return usage("preload", kHeaderForm);
             } else {
                 return usage("preload", "unknown option " + arg);
             }
             return kSuccess;
         });
     if (walked != kSuccess) return walked;
-    if (line.keyPath.empty()) return usage("preload", "preload needs --key");
-    if (line.version.empty()) return usage("preload", "preload needs --version");
-    if (packs.empty()) return usage("preload", "preload needs at least one --pack");
-    if (line.positional.size() != 1) return usage("preload", "preload takes one OUT.zip");
+    if (const int code = checkSignedDocumentLine("preload", line, packs.size(), "OUT.zip");
+        code != kSuccess)
+        return code;
     for (PreloadArguments& pack : packs) {
         const std::string& name = pack.pack.record.name;
         // A client skips a record of sequence 0: it would ship files that never install.
