@@ -1,7 +1,8 @@
 #include "model/BuiltinConfig.h"
 
 #include <mutex>
-#include <unordered_set>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "base/AssetProvider.h"
@@ -55,7 +56,7 @@ Error BuiltinConfig::load(FConfig& config) {
     }
 
     config.scacheVersion = document["v"].stringValue();
-    std::unordered_set<std::string> previews;
+    std::set<std::string> previews;  // in name order, as the log lists them
     std::vector<std::string> replaced, stale;
     for (const auto& [name, pack] : config.packs) {
         if (pack->packType() != kPackTypeSCache) continue;
@@ -91,7 +92,7 @@ Error BuiltinConfig::load(FConfig& config) {
         .event("load")
         .append("version", config.scacheVersion)
         .append("packs", static_cast<uint64_t>(count))
-        .append("previewPacks", static_cast<uint64_t>(previews.size()))
+        .append("previewPacks", std::vector<std::string>(previews.begin(), previews.end()))
         .append("time", MRLCurrentClock() - start);
     return Error();
 }

@@ -203,7 +203,7 @@ TEST_F(PreviewTest, BuiltinConfigurationLoadKeepsAssetPreviewsInStatusThreeAndCo
     EXPECT_EQ(find("tools")->installedSeq, 4u);
     EXPECT_EQ(find("tools")->status, kPackStatusNormal);
     const MarlLogger::LogEntry entry = logs_->last("load", "Ferrit/SCache");
-    EXPECT_EQ(entry.field("previewPacks").int32Value(), 1);
+    EXPECT_EQ(entry.field("previewPacks").toString(), R"(["kit"])");
     EXPECT_EQ(entry.field("packs").int32Value(), 1);
     // The preview outlives a second load too, and a timer's run leaves it alone.
     SCache::mutate([&](FConfig& config) { loadError = BuiltinConfig::load(config); });
