@@ -138,7 +138,7 @@ std::string CacheResource::fetchUrl() const {
 }
 
 void CacheResource::sendVisit(const CachedResource* resource) const {
-    if (!Environment::instance().hasProxy()) return;
+    if (!Environment::instance().takesEvents()) return;
     PerfRecord record("Ferrit.CacheVisit");
     if (error) record.setError(error);
     record.setDimension("name", name);
@@ -175,7 +175,7 @@ bool CacheResource::accept(const HeaderMap& header, const std::string& content, 
 
 void CacheResource::sendUpdate(const FetchTimes& times, size_t downloadSize,
                                size_t resourceSize) const {
-    if (!Environment::instance().hasProxy()) return;
+    if (!Environment::instance().takesEvents()) return;
     const double stored = MRLCurrentClock();
     StagedRecord record("Ferrit.CacheUpdate");
     record.setDimension("url", url);

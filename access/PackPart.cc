@@ -191,7 +191,7 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
 }
 
 PackPart::~PackPart() {
-    if (Errors::isNotFerritResource(error) || !ProxyCalls::hasProxy()) return;
+    if (Errors::isNotFerritResource(error) || !ProxyCalls::takesEvents()) return;
     PerfRecord record("Ferrit.AppVisit");
     record.setDimension("appName", match->pack ? match->pack->appName() : match->name);
     record.setDimension("packSeq", std::to_string(match->pack ? match->pack->installedSeq : 0));

@@ -41,7 +41,7 @@ void sendVisit(PackMatch& match, double start) {
         versioned ? Pack::pinnedName(match.name, match.pack->installedSeq) : match.name;
     double accessCount = 0;
     const bool first = Statistics::addAccess(key, &accessCount, 1.0);
-    if (!ProxyCalls::hasProxy()) return;
+    if (!ProxyCalls::takesEvents()) return;
     PerfRecord record("Ferrit.AppVisit");
     record.setDimension("appName", match.pack ? match.pack->appName() : match.name);
     record.setDimension("packSeq", std::to_string(match.pack ? match.pack->installedSeq : 0));

@@ -99,7 +99,7 @@ Resource::Resource(std::shared_ptr<RequestContext> context, std::string parentId
 
 Resource::~Resource() {
     // Without a proxy the record would be dropped; building it would only cost the request.
-    if (!ProxyCalls::hasProxy()) return;
+    if (!ProxyCalls::takesEvents()) return;
     PerfRecord record("Ferrit.VisitPerf");
     record.setDimension("resourceCount", std::to_string(parts.size()));
     record.setDimension("type", group ? group->type : std::string("sync"));

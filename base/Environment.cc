@@ -1,6 +1,7 @@
 #include "base/Environment.h"
 
 #include "base/ProcessState.h"
+#include "base/Proxy.h"
 #include "marl/Clock.h"
 #include "support/Mutex.h"
 
@@ -88,6 +89,11 @@ bool Environment::inCooldown(std::string_view name) {
     cooldowns_.erase(it);
     cooldownCount_.store(cooldowns_.size(), std::memory_order_release);
     return false;
+}
+
+void Environment::setProxy(std::shared_ptr<Proxy> proxy) {
+    takesEvents_.store(proxy != nullptr && proxy->takesEvents(), std::memory_order_release);
+    proxy_.store(std::move(proxy));
 }
 
 void Environment::reset() {

@@ -40,13 +40,10 @@ class Environment {
     std::shared_ptr<Proxy> proxy() const { return proxy_.load(); }
     // The proxy as the calling thread reads it on the request path (see Published).
     const Published<Proxy>& publishedProxy() const { return proxy_; }
-    void setProxy(std::shared_ptr<Proxy> proxy) {
-        hasProxy_.store(proxy != nullptr, std::memory_order_release);
-        proxy_.store(std::move(proxy));
-    }
-    // Whether a proxy is set, without taking a reference to it: lets the request path skip
-    // building records that would be dropped.
-    bool hasProxy() const { return hasProxy_.load(std::memory_order_acquire); }
+    void setProxy(std::shared_ptr<Proxy> proxy);
+    // Whether a proxy that takes performance records is set, without taking a reference to it:
+    // lets the request path skip building records that would be dropped.
+    bool takesEvents() const { return takesEvents_.load(std::memory_order_acquire); }
 
     bool isMainProcess() const { return isMainProcess_.load(std::memory_order_relaxed); }
     void setMainProcess(bool main) { isMainProcess_.store(main, std::memory_order_relaxed); }
@@ -112,7 +109,7 @@ class Environment {
     void reset();
 
     Published<Proxy> proxy_{nullptr};
-    std::atomic<bool> hasProxy_{false};
+    std::atomic<bool> takesEvents_{false};
     std::atomic<bool> isMainProcess_{true};
     std::atomic<uint32_t> developerDisabled_{0};
     std::atomic<int32_t> env_{2};

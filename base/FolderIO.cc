@@ -267,7 +267,7 @@ void Folder::readFileAsync(const Folder& file, std::function<void(std::string, E
                            Error error = loadError;
                            std::string content;
                            if (!error) content = readFile(Folder::asset(file.relative()), error);
-                           if (ProxyCalls::hasProxy()) {
+                           if (ProxyCalls::takesEvents()) {
                                PerfRecord record("Ferrit.OnDemand");
                                record.setDimension("tag", file.module());
                                record.setDimension("path", file.relative());

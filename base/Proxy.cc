@@ -57,11 +57,11 @@ void sendEvent(const PerfRecord& record) {
     // Every request that the host sees sends records: the proxy is read through the thread's
     // snapshot, which writes nothing that other threads read.
     const Published<Proxy>::Reader held(Environment::instance().publishedProxy());
-    if (held) held->sendEvent(record);
+    if (held && held->takesEvents()) held->sendEvent(record);
 }
 
-bool hasProxy() {
-    return Environment::instance().hasProxy();
+bool takesEvents() {
+    return Environment::instance().takesEvents();
 }
 
 void onQueueFinished(uint32_t count) {

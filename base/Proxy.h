@@ -25,6 +25,9 @@ class Proxy {
     virtual bool verifySignature(const std::string& md5Hex, const std::string& signature) = 0;
     // Delivers a performance record; the host decides where to.
     virtual void sendEvent(const PerfRecord& record) = 0;
+    // False for a host whose sendEvent would drop every record: it is then never called, and the
+    // request path builds no record at all.
+    virtual bool takesEvents() const { return true; }
     // The update queue ran dry after `count` packs. The default does nothing.
     virtual void onQueueFinished(uint32_t count);
     // A pack was installed. The default does nothing.
@@ -55,10 +58,10 @@ class Proxy {
 namespace ProxyCalls {
 // False without a proxy.
 bool verifySignature(const std::string& md5Hex, const std::string& signature);
-// Nothing without a proxy.
+// Nothing without a proxy, or with one that takes no records.
 void sendEvent(const PerfRecord& record);
-// Whether a proxy is set (lets callers skip building what would be dropped).
-bool hasProxy();
+// Whether a proxy that takes records is set (lets callers skip building what would be dropped).
+bool takesEvents();
 // Nothing without a proxy.
 void onQueueFinished(uint32_t count);
 // Nothing without a proxy.

@@ -39,6 +39,7 @@ class BridgeProxy : public Proxy {
     // The host verifies nothing through this interface: every signature is taken.
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
     void sendEvent(const PerfRecord& record) override;
+    bool takesEvents() const override { return false; }
     bool assetExists(const std::string& path) override;
     std::vector<std::string> assetList(const std::string& path) override;
     uint64_t assetSize(const std::string& path) override;

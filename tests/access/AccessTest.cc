@@ -377,6 +377,29 @@ TEST_F(AccessTest, ProxyReceivesVisitRecords) {
     EXPECT_EQ(proxy->records[1].dimensions.at("appName"), "app");
 }
 
+// A host that drops every record says so once; a hit then builds none, and the statistics that
+// the records would have reported are kept all the same.
+TEST_F(AccessTest, ProxyThatTakesNoEventsIsSentNoRecordsAndVisitsStillCount) {
+    installAppPack(3, 3);
+    class Dropping : public FakeProxy {
+      public:
+        bool takesEvents() const override { return false; }
+    };
+    auto proxy = std::make_shared<Dropping>();
+    Environment::instance().setProxy(proxy);
+    EXPECT_FALSE(Environment::instance().takesEvents());
+    {
+        auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+        ASSERT_FALSE(response->error);
+    }
+    EXPECT_TRUE(proxy->events.empty());
+    EXPECT_TRUE(FerritCore::Statistics::hasEntry("app"));
+    Environment::instance().setProxy(std::make_shared<FakeProxy>());
+    EXPECT_TRUE(Environment::instance().takesEvents());
+    Environment::instance().setProxy(nullptr);
+    EXPECT_FALSE(Environment::instance().takesEvents());
+}
+
 TEST_F(AccessTest, NoAppVisitForUnmatchedUrl) {
     auto proxy = std::make_shared<FakeProxy>();
     Environment::instance().setProxy(proxy);
