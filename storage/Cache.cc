@@ -381,14 +381,15 @@ std::unique_ptr<CachedResource> Cache::read(std::string_view url, std::string_vi
             error = Errors::storeNotExists(directory(), metaKey(url));
             return nullptr;
         }
-        const JSON body = readBody(*entry, error);
+        JSON body = readBody(*entry, error);
         if (body.isNull()) {
             bad = true;
         } else {
             resource->crc = body[kBodyCrc].uint32Value();
             resource->md5 = body[kBodyMd5].stringValue();
             resource->trigger = body[kBodyTrigger].uint32Value();
-            resource->body = body[kBodyContent].stringValue();
+            // readBody made sure that the member is there and a string.
+            resource->body = body.findMember(kBodyContent)->takeString();
             for (const auto& [name, value] : body[kBodyHeaders].objectValue())
                 resource->headers.emplace(name, value.stringValue());
             resource->date = entry->date;
