@@ -283,13 +283,55 @@ bool postAsyncTask(napi_env env, std::function<void()> work, std::function<void(
     return true;
 }
 
+bool SafeThreadsafeFunction::create(napi_env env, napi_value function, const char* name,
+                                    napi_threadsafe_function_call_js callJs) {
+    napi_value text = nullptr;
+    if (napi_create_string_utf8(env, name, NAPI_AUTO_LENGTH, &text) != napi_ok) return false;
+    // The finaliser's own reference keeps the gate alive however long the engine takes to run it.
+    auto* held = new std::shared_ptr<Gate>(gate_);
+    napi_threadsafe_function tsfn = nullptr;
+    if (napi_create_threadsafe_function(env, function, nullptr, text, 0, 1, held, finalize, nullptr,
+                                        callJs, &tsfn) != napi_ok) {
+        delete held;
+        clearException(env);
+        return false;
+    }
+    MutexLock lock(gate_->mutex);
+    gate_->tsfn = tsfn;
+    return true;
+}
+
+void SafeThreadsafeFunction::finalize(napi_env, void* data, void*) {
+    std::unique_ptr<std::shared_ptr<Gate>> held(static_cast<std::shared_ptr<Gate>*>(data));
+    // Waits for a call in progress on another thread: the engine frees the function next.
+    MutexLock lock((*held)->mutex);
+    (*held)->tsfn = nullptr;
+}
+
+bool SafeThreadsafeFunction::call(void* data) {
+    MutexLock lock(gate_->mutex);
+    return gate_->tsfn != nullptr &&
+           napi_call_threadsafe_function(gate_->tsfn, data, napi_tsfn_nonblocking) == napi_ok;
+}
+
+void SafeThreadsafeFunction::unref(napi_env env) {
+    MutexLock lock(gate_->mutex);
+    if (gate_->tsfn != nullptr) napi_unref_threadsafe_function(env, gate_->tsfn);
+}
+
+void SafeThreadsafeFunction::release() {
+    MutexLock lock(gate_->mutex);
+    if (gate_->tsfn != nullptr) napi_release_threadsafe_function(gate_->tsfn, napi_tsfn_release);
+    gate_->tsfn = nullptr;
+}
+
 JSFunction::~JSFunction() {
-    if (tsfn_ != nullptr) napi_release_threadsafe_function(tsfn_, napi_tsfn_release);
+    function_.release();
 }
 
 bool JSFunction::call(ArgumentBuilder builder) {
     auto* data = new ArgumentBuilder(std::move(builder));
-    if (napi_call_threadsafe_function(tsfn_, data, napi_tsfn_nonblocking) != napi_ok) {
+    if (!function_.call(data)) {
         delete data;
         return false;
     }
@@ -298,17 +340,9 @@ bool JSFunction::call(ArgumentBuilder builder) {
 
 std::shared_ptr<JSFunction> toFunction(napi_env env, napi_value function) {
     if (!isFunction(env, function)) return nullptr;
-    napi_value name = nullptr;
-    if (napi_create_string_utf8(env, "ferritcore.callback", NAPI_AUTO_LENGTH, &name) != napi_ok)
-        return nullptr;
     std::shared_ptr<JSFunction> made(new JSFunction());
     // The pending call keeps the loop alive until it has run, so a script awaiting it sees it.
-    if (napi_create_threadsafe_function(env, function, nullptr, name, 0, 1, nullptr, nullptr,
-                                        nullptr, callFunction, &made->tsfn_) != napi_ok) {
-        made->tsfn_ = nullptr;
-        clearException(env);
-        return nullptr;
-    }
+    if (!made->function_.create(env, function, "ferritcore.callback", callFunction)) return nullptr;
     return made;
 }
 
@@ -317,23 +351,16 @@ std::shared_ptr<Bridge> Bridge::create(napi_env env, napi_value object) {
     std::shared_ptr<Bridge> bridge(new Bridge());
     bridge->env_ = env;
     if (napi_create_reference(env, object, 1, &bridge->object_) != napi_ok) return nullptr;
-    napi_value name = nullptr;
-    if (napi_create_string_utf8(env, "ferritcore.bridge", NAPI_AUTO_LENGTH, &name) != napi_ok)
-        return nullptr;
-    if (napi_create_threadsafe_function(env, nullptr, nullptr, name, 0, 1, nullptr, nullptr,
-                                        nullptr, runTask, &bridge->tsfn_) != napi_ok) {
-        bridge->tsfn_ = nullptr;
-        return nullptr;
-    }
+    if (!bridge->tasks_.create(env, nullptr, "ferritcore.bridge", runTask)) return nullptr;
     // The bridge lives as long as the process; it must not keep the host's loop alive by itself.
-    napi_unref_threadsafe_function(env, bridge->tsfn_);
+    bridge->tasks_.unref(env);
     return bridge;
 }
 
 Bridge::~Bridge() {
     // Objects of the bridge live until the process ends; a bridge that failed half-way is the only
     // one ever destroyed, on the script thread that made it.
-    if (tsfn_ != nullptr) napi_release_threadsafe_function(tsfn_, napi_tsfn_release);
+    tasks_.release();
     if (object_ != nullptr) napi_delete_reference(env_, object_);
 }
 
@@ -354,7 +381,7 @@ napi_value Bridge::invoke(const char* name, const std::vector<napi_value>& argum
 
 bool Bridge::postJSTask(std::function<void(napi_env)> task) {
     auto* data = new Task{std::move(task)};
-    if (napi_call_threadsafe_function(tsfn_, data, napi_tsfn_nonblocking) != napi_ok) {
+    if (!tasks_.call(data)) {
         delete data;
         return false;
     }

@@ -17,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/Mutex.h"
+
 namespace FerritCore::NAPI {
 
 // The call's arguments, at most `max` of them (fewer when the caller passed fewer).
@@ -67,6 +69,32 @@ napi_value scriptFunction(napi_env env, Script script, const char* source);
 bool postAsyncTask(napi_env env, std::function<void()> work,
                    std::function<void(napi_env)> done = {});
 
+// A thread-safe function that any thread may call or release at any time, also once its
+// environment is gone. The environment frees the engine's object when it is torn down, while the
+// library's worker may still be running; from then on calls fail and releases do nothing.
+class SafeThreadsafeFunction {
+  public:
+    // Script thread. False when the engine refuses.
+    bool create(napi_env env, napi_value function, const char* name,
+                napi_threadsafe_function_call_js callJs);
+    // Any thread. False when the function is closing or gone; `data` is then not taken.
+    bool call(void* data);
+    // Script thread: the function no longer keeps the environment's loop alive.
+    void unref(napi_env env);
+    // Any thread: gives this holder's share back. Later calls fail.
+    void release();
+
+  private:
+    struct Gate {
+        Mutex mutex;
+        // Null once released or finalised by the environment.
+        napi_threadsafe_function tsfn GUARDED_BY(mutex) = nullptr;
+    };
+    static void finalize(napi_env env, void* data, void* hint);
+    // Shared with the environment's finaliser, which may run after this holder is gone.
+    std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
+};
+
 // Builds the arguments of a call on the script thread.
 using ArgumentBuilder = std::function<std::vector<napi_value>(napi_env env)>;
 
@@ -85,7 +113,7 @@ class JSFunction {
     friend std::shared_ptr<JSFunction> toFunction(napi_env env, napi_value function);
     JSFunction() = default;
 
-    napi_threadsafe_function tsfn_ = nullptr;
+    SafeThreadsafeFunction function_;
 };
 
 // Null when `function` is not a function or the engine refuses.
@@ -113,7 +141,7 @@ class Bridge {
 
     napi_env env_ = nullptr;
     napi_ref object_ = nullptr;
-    napi_threadsafe_function tsfn_ = nullptr;
+    SafeThreadsafeFunction tasks_;
 };
 
 }  // namespace FerritCore::NAPI

@@ -4,7 +4,10 @@
 #include <node_api.h>
 
 #include <iterator>
+#include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "bridge/BridgeProxy.h"
 #include "bridge/HostValues.h"
@@ -78,12 +81,29 @@ napi_value decodePack(napi_env env, napi_callback_info info) {
     return object;
 }
 
+// keepPosting(object): a thread that posts empty tasks to a bridge over `object` until the bridge
+// refuses, as the library's worker does while the host's process ends. Answers at once; the
+// environment is then free to go away under the thread.
+napi_value keepPosting(napi_env env, napi_callback_info info) {
+    std::shared_ptr<NAPI::Bridge> bridge = NAPI::Bridge::create(env, NAPI::firstArg(env, info));
+    if (!bridge) return nullptr;
+    // Kept until the process ends, as the library keeps its bridge: nothing may destroy it on
+    // the thread after the environment is gone.
+    static auto* kept = new std::vector<std::shared_ptr<NAPI::Bridge>>();
+    kept->push_back(bridge);
+    std::thread([raw = bridge.get()] {
+        while (raw->postJSTask([](napi_env) {})) std::this_thread::yield();
+    }).detach();
+    return nullptr;
+}
+
 napi_value Init(napi_env env, napi_value exports) {
     const napi_property_descriptor functions[] = {
         NAPI::method("decodeProxyResponse", decodeResponse),
         NAPI::method("decodeProxyError", decodeError),
         NAPI::method("decodeRequest", decodeResourceRequest),
         NAPI::method("decodePackRequest", decodePack),
+        NAPI::method("keepPosting", keepPosting),
     };
     napi_define_properties(env, exports, std::size(functions), functions);
     return exports;
