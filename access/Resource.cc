@@ -98,7 +98,7 @@ Resource::Resource(std::shared_ptr<RequestContext> context, std::string parentId
       lastTime(startTime) {}
 
 Resource::~Resource() {
-    // Without a proxy the record would be dropped; building it would only cost the request.
+    // Without a proxy that takes records, building one would only cost the request.
     if (!ProxyCalls::takesEvents()) return;
     PerfRecord record("Ferrit.VisitPerf");
     record.setDimension("resourceCount", std::to_string(parts.size()));

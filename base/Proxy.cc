@@ -54,10 +54,12 @@ bool verifySignature(const std::string& md5Hex, const std::string& signature) {
 }
 
 void sendEvent(const PerfRecord& record) {
-    // Every request that the host sees sends records: the proxy is read through the thread's
-    // snapshot, which writes nothing that other threads read.
+    // The flag that setProxy derived answers for the proxy: no virtual call per record. Every
+    // request that the host sees sends records: the proxy is read through the thread's snapshot,
+    // which writes nothing that other threads read.
+    if (!takesEvents()) return;
     const Published<Proxy>::Reader held(Environment::instance().publishedProxy());
-    if (held && held->takesEvents()) held->sendEvent(record);
+    if (held) held->sendEvent(record);
 }
 
 bool takesEvents() {

@@ -305,10 +305,6 @@ const JSON& JSON::operator[](std::string_view key) const {
     return value ? *value : emptyValue<JSON>();
 }
 
-JSON* JSON::findMember(std::string_view key) {
-    return type_ == Type::Object ? object_->find(key) : nullptr;
-}
-
 const JSON& JSON::operator[](size_t index) const {
     if (type_ != Type::Array || index >= array_->size()) return emptyValue<JSON>();
     return (*array_)[index];
@@ -414,13 +410,6 @@ double JSON::doubleValue() const {
 
 double JSON::doubleValueOr(double fallback) const {
     return isNumber() || isBool() || isString() ? doubleValue() : fallback;
-}
-
-std::string JSON::takeString() {
-    if (type_ != Type::String) return stringValue();
-    std::string taken = std::move(*string_);
-    string_->clear();
-    return taken;
 }
 
 std::string JSON::stringValue() const {

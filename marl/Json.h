@@ -112,8 +112,6 @@ class JSON {
     const JSON& operator[](const char* key) const { return (*this)[std::string_view(key)]; }
     // Array element, or null() when out of range or when this is not an array.
     const JSON& operator[](size_t index) const;
-    // Object member to change in place, or null when absent or when this is not an object.
-    JSON* findMember(std::string_view key);
     // Makes this an object (when null) and sets a member; does nothing to other types.
     void set(std::string key, JSON value);
     // Makes this an array (when null) and appends; does nothing to other types.
@@ -138,9 +136,6 @@ class JSON {
     double doubleValueOr(double fallback) const;
     // A string as it is; a number as decimal text; a bool as "true"/"false"; otherwise empty.
     std::string stringValue() const;
-    // A string moved out, leaving this one empty: no copy of a large body. As stringValue() for
-    // any other type.
-    std::string takeString();
     // The string itself, or an empty view for any other type.
     std::string_view stringViewValue() const;
     // The elements or members, or an empty container for any other type.

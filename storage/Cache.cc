@@ -381,15 +381,14 @@ std::unique_ptr<CachedResource> Cache::read(std::string_view url, std::string_vi
             error = Errors::storeNotExists(directory(), metaKey(url));
             return nullptr;
         }
-        JSON body = readBody(*entry, error);
+        const JSON body = readBody(*entry, error);
         if (body.isNull()) {
             bad = true;
         } else {
             resource->crc = body[kBodyCrc].uint32Value();
             resource->md5 = body[kBodyMd5].stringValue();
             resource->trigger = body[kBodyTrigger].uint32Value();
-            // readBody made sure that the member is there and a string.
-            resource->body = body.findMember(kBodyContent)->takeString();
+            resource->body = body[kBodyContent].stringValue();
             for (const auto& [name, value] : body[kBodyHeaders].objectValue())
                 resource->headers.emplace(name, value.stringValue());
             resource->date = entry->date;

@@ -66,19 +66,6 @@ TEST(JsonTest, NumbersReadAsTheyAre) {
     EXPECT_DOUBLE_EQ(JSON(2.5).doubleValue(), 2.5);
 }
 
-TEST(JsonTest, TakeStringMovesAMemberOutAndLeavesItEmpty) {
-    JSON object = JSONObject{{"body", JSON(std::string(1000, 'b'))}, {"n", JSON(7)}};
-    JSON* body = object.findMember("body");
-    ASSERT_NE(body, nullptr);
-    EXPECT_EQ(body->takeString(), std::string(1000, 'b'));
-    EXPECT_TRUE(object["body"].isString());
-    EXPECT_EQ(object["body"].stringValue(), "");
-    EXPECT_EQ(object.findMember("n")->takeString(), "7");
-    EXPECT_EQ(object["n"].int32Value(), 7) << "a number is read, not moved";
-    EXPECT_EQ(object.findMember("absent"), nullptr);
-    EXPECT_EQ(JSON("text").findMember("body"), nullptr);
-}
-
 TEST(JsonTest, OutOfRangeNumbersSaturate) {
     EXPECT_EQ(JSON(int64_t{1} << 40).int32Value(), std::numeric_limits<int32_t>::max());
     EXPECT_EQ(JSON(-(int64_t{1} << 40)).int32Value(), std::numeric_limits<int32_t>::min());
