@@ -329,6 +329,14 @@ int FileUtil::writeFile(const std::string& path, std::string_view data) {
     return result;
 }
 
+int FileUtil::writeEmptyFile(const std::string& path) {
+    step();
+    FILE* file = nullptr;
+    int result = open(path, "wb+", &file);
+    if (result != 0) return result;
+    return std::fclose(file) != 0 ? lastError() : 0;
+}
+
 int FileUtil::appendFile(const std::string& path, std::string_view data) {
     step();
     FILE* file = nullptr;

@@ -70,6 +70,9 @@ class FileUtil {
     static int appendRead(int fd, std::string& out, size_t count);
     // Mode "wb+": truncates, then writes. A failed write leaves the truncated file.
     static int writeFile(const std::string& path, std::string_view data);
+    // Creates `path` as an empty file, or empties it: the write of a file whose content is known
+    // to be nothing, which writeFile refuses.
+    static int writeEmptyFile(const std::string& path);
     // Mode "ab+".
     static int appendFile(const std::string& path, std::string_view data);
     static bool isFile(const std::string& path);

@@ -88,7 +88,9 @@ bool PackInstaller::writeFile(const std::string& path, std::string_view content,
         return true;
     }
     if (!ensureParents(file, error)) return false;
-    const int result = FileUtil::writeFile(file.absolute(), content);
+    // Every file reaches the installer vouched for by its list, an empty one included.
+    const int result = content.empty() ? FileUtil::writeEmptyFile(file.absolute())
+                                       : FileUtil::writeFile(file.absolute(), content);
     if (result != 0) {
         error = Errors::fileWrite(file, result);
         return false;
@@ -112,9 +114,8 @@ bool PackInstaller::flush(Error& error) {
     return stored;
 }
 
-bool PackInstaller::copyUnchanged(const Folder& from,
-                                  const std::unordered_set<std::string>& excluded, uint64_t& bytes,
-                                  Error& error) {
+bool PackInstaller::copyKept(const Folder& from, const std::vector<std::string>& paths,
+                             uint64_t& bytes, Error& error) {
     if (!from.exists()) {
         error = Errors::fileNotExists(from);
         return false;
@@ -127,18 +128,41 @@ bool PackInstaller::copyUnchanged(const Folder& from,
             error = Errors::initStorageFailed("packs", -1);
             return false;
         }
-        std::unordered_set<std::string> skip = excluded;
-        skip.insert(written_.begin(), written_.end());
+        std::unordered_set<std::string> keep;
+        for (const std::string& path : paths) {
+            if (written_.count(path) == 0) keep.insert(path);
+        }
+        // The copy takes a set of what to leave: everything of the version that is not kept.
+        std::unordered_set<std::string> skip;
+        size_t found = 0;
+        const size_t prefix = from.relative().size();
+        store->enumerate(from.relative(), [&](std::string_view key) {
+            std::string rest(key.substr(prefix));
+            if (keep.count(rest) != 0) {
+                ++found;
+            } else {
+                skip.insert(std::move(rest));
+            }
+            return false;
+        });
+        if (found != keep.size()) {
+            for (const std::string& path : keep) {
+                if (!store->contains(from.childOf(path).relative())) {
+                    error = Errors::fileNotExists(from.childOf(path));
+                    return false;
+                }
+            }
+        }
         uint64_t copied = 0;
         if (!store->copyPrefix(from.relative(), target_.relative(), skip, copied, error))
             return false;
+        for (const std::string& path : keep) written_.insert(path);
         bytes += copied;
         return true;
     }
-    const size_t prefix = from.relative().size();
-    for (const Folder& file : from.listFiles()) {
-        const std::string path = file.relative().substr(prefix);
-        if (excluded.count(path) != 0 || written_.count(path) != 0) continue;
+    for (const std::string& path : paths) {
+        if (written_.count(path) != 0) continue;
+        const Folder file = from.childOf(path);
         if (!isPacked() && from.kind() == FolderKind::Disk) {
             const Folder copy = writeRoot_.childOf(path);
             if (!ensureParents(copy, error)) return false;
@@ -148,12 +172,18 @@ bool PackInstaller::copyUnchanged(const Folder& from,
                 written_.insert(path);
                 continue;
             }
+            if (result == ENOENT) {
+                error = Errors::fileNotExists(file);
+                return false;
+            }
             if (!linkUnsupported(result)) {
                 error = Errors::copyFailed(file.describe(), result);
                 return false;
             }
         }
         std::string content = Folder::readFile(file, error);
+        // The caller keeps only files that a list vouches for, an empty one included.
+        if (Errors::isNoData(error)) error.clear();
         if (error) return false;
         bytes += content.size();
         if (!writeFile(path, content, error)) return false;

@@ -5,8 +5,9 @@
 // and moved into place by one rename (or, when a folder of that version is there already, by one
 // atomic exchange), so that no reader and no restart ever finds half a version under "apps/": a
 // process that dies while installing leaves its work under "temp/", which the next start empties.
-// Unchanged files of an incremental update are hard links to the installed version's files: an
-// installed file is never rewritten in place, so the two versions may share it.
+// Files that an incremental update keeps are hard links to the installed version's files: an
+// installed file is never rewritten in place, so the two versions may share it. Which files are
+// kept is the caller's decision, made from the two versions' signed lists.
 //
 // A version in the packed store ("<root>/<seq>/" keys) is written in place, in batches that are
 // each one transaction; readers never look there before the configuration names the version,
@@ -56,11 +57,13 @@ class PackInstaller {
     // Whether this run has written `path`.
     bool wrote(const std::string& path) const { return written_.count(path) != 0; }
 
-    // Copies every file of `from` (an installed version's folder) that this run has not written
-    // and whose path `excluded` does not name; `bytes` grows by the size of each. False with
-    // `error` set on the first failure: 1101 when `from` is no folder at all.
-    bool copyUnchanged(const Folder& from, const std::unordered_set<std::string>& excluded,
-                       uint64_t& bytes, Error& error);
+    // Copies each of `paths` (relative to the version folder) from `from`, an installed version's
+    // folder, unless this run has written it already: a hard link where both lie on the disk, a
+    // copy inside the store where both lie there, a read and write otherwise. `bytes` grows by
+    // the size of each. False with `error` set on the first failure: 1101 when `from` is no folder
+    // at all or lacks one of the paths.
+    bool copyKept(const Folder& from, const std::vector<std::string>& paths, uint64_t& bytes,
+                  Error& error);
 
     // Writes out what is still batched and makes the written version the target folder. For
     // the disk: the staging folder is renamed to the target, or exchanged with a folder already

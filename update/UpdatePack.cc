@@ -644,7 +644,7 @@ Folder UpdatePack::newVersionFolder() const {
 }
 
 void UpdatePack::requestResource() {
-    incremental_ = pack_->canUpdateIncrementally();
+    incremental_ = !fullOnly_ && pack_->canUpdateIncrementally();
     perf_.setDimension("newSeq", decimal(pack_->seq));
     perf_.setDimension("incr", incremental_ ? "true" : "false");
     // A pack delivered with the app lives in its raw files, which nothing can write.
@@ -809,15 +809,8 @@ void UpdatePack::install() {
                 entryError = Errors::preloadNotFound(inZip);
                 return false;
             }
-            if (content.empty()) {
-                entryError = Errors::fileNoData(inZip);
-                return false;
-            }
-            const std::string md5 = Digest::md5Hex(content);
-            if (md5 != record->md5) {
-                entryError = Errors::fileVerifyMd5(inZip, md5, record->md5);
-                return false;
-            }
+            entryError = record->check(inZip, content);
+            if (entryError) return false;
             return installer.writeFile(entry, content, entryError);
         },
         error);
@@ -829,7 +822,8 @@ void UpdatePack::install() {
         return;
     }
 
-    // 7. Unchanged files come from the installed version.
+    // 7. Every file that the new list names and the zip did not bring comes from the installed
+    // version, and only when that version's own list vouches for the same bytes.
     if (incremental_) {
         if (!oldFolder.exists()) {
             error = Errors::fileNotExists(oldFolder);
@@ -838,10 +832,19 @@ void UpdatePack::install() {
             fail(std::move(error));
             return;
         }
-        if (!installer.copyUnchanged(oldFolder, index.removed(), installedSize_, error)) {
+        std::vector<std::string> kept;
+        Error refused = keptFiles(index, oldFolder, installer, kept);
+        if (refused) {
+            refuseIncrement(std::move(refused));
+            return;
+        }
+        if (!installer.copyKept(oldFolder, kept, installedSize_, error)) {
             fail(std::move(error));
             return;
         }
+    } else if (Error missing = missingFile(index, installer)) {
+        fail(std::move(missing));
+        return;
     }
 
     // 8. The version is complete: one step makes it the folder that the record will name.
@@ -864,6 +867,70 @@ void UpdatePack::install() {
     if (name_ != requestedName_) ResourceIndexPool::remove(name_);
     perf_.stage("updateFinished");
     finished();
+}
+
+Error UpdatePack::missingFile(const ResourceIndex& index, const PackInstaller& installer) const {
+    Error missing;
+    index.forEachFile([&](const ResourceRecord& record) {
+        if (!missing && !installer.wrote(record.path))
+            missing = Errors::fileNotExists(zipFile_.childOf(record.path));
+    });
+    return missing;
+}
+
+Error UpdatePack::keptFiles(const ResourceIndex& increment, const Folder& installed,
+                            const PackInstaller& installer, std::vector<std::string>& kept) const {
+    // The installed version as it is served, and the full list that the new version is read with
+    // (the installed folder's, which goes with the kept files).
+    const ResourceIndex current(name_, installed);
+    if (current.error()) return current.error();
+    const ResourceIndex full(
+        name_,
+        [&installed](const std::string& entry, Error& e) {
+            return Folder::readFile(installed.childOf(entry), e);
+        },
+        false);
+    if (full.error()) return full.error();
+    kept.emplace_back(kIndexFileName);
+    Error refused;
+    // A file of the new version that the zip did not bring is kept when the installed list
+    // names the same bytes for it.
+    const auto keep = [&](const ResourceRecord& wanted) {
+        if (refused || installer.wrote(wanted.path)) return;
+        std::shared_ptr<const ResourceRecord> held = current.find(wanted.path);
+        const Folder file = installed.childOf(wanted.path);
+        if (!held || held->path != wanted.path) {
+            refused = Errors::fileNotExists(file);
+        } else if (held->md5 != wanted.md5) {
+            refused = Errors::fileVerifyMd5(file, held->md5, wanted.md5);
+        } else if (!held->sameFileAs(wanted)) {
+            refused = Errors::fileVerifySize(file, held->size, wanted.size);
+        } else {
+            kept.push_back(wanted.path);
+        }
+    };
+    // The increment's own records first: they override the full list's.
+    increment.forEachFile(keep);
+    full.forEachFile([&](const ResourceRecord& wanted) {
+        if (increment.removed().count(wanted.path) != 0) return;
+        std::shared_ptr<const ResourceRecord> listed = increment.find(wanted.path);
+        if (!listed || listed->path != wanted.path) keep(wanted);
+    });
+    return refused;
+}
+
+void UpdatePack::refuseIncrement(Error why) {
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kUpdatePack)
+        .event("incrementRefused", parentId_)
+        .id(runId_)
+        .append("url", url_)
+        .append("message",
+                "the installed version does not hold what the increment keeps; "
+                "fetching the full zip")
+        .error(why);
+    perf_.setDimension("incrRefused", why.message());
+    fullOnly_ = true;
+    requestResource();
 }
 
 FConfigPtr UpdatePack::persist() {

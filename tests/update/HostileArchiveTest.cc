@@ -225,12 +225,15 @@ TEST_F(HostileArchiveTest, FileThatTheListDoesNotNameIsRefused) {
 }
 
 // An empty resource is never installed: a read could not tell it from a damaged file.
-TEST_F(HostileArchiveTest, EmptyFileIsRefusedWithNoData) {
+// An entry that lost its bytes while its list names content is damage (an empty file that its
+// list names empty is content, and installs).
+TEST_F(HostileArchiveTest, EmptyEntryWhoseListNamesContentIsRefusedWithNoData) {
     PackFiles listed = version2();
-    listed["empty.txt"] = "";
+    listed["empty.txt"] = "it had content";
     std::vector<ZipWriter::Entry> entries;
     entries.push_back(file("app-res.hvc", indexOf(listed)));
-    for (const auto& [path, content] : listed) entries.push_back(file("res/" + path, content));
+    for (const auto& [path, content] : listed)
+        entries.push_back(file("res/" + path, path == "empty.txt" ? "" : content));
     expectRefused(raw(entries), 1103, "file \"temp/app_2_0/origin.zip/res/empty.txt\" no data");
 }
 
