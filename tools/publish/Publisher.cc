@@ -171,27 +171,27 @@ bool importInTreeHistory(const std::string& out, const std::string& history, std
 }
 
 // Drops the lists that no later increment reads: those of a pack's versions before its base, and
-// every list of a pack that left the manifest.
-void pruneHistory(const std::string& history, const JSON& packs) {
+// every list of a pack that left the manifest. Touches only the folders of packs that a state
+// names, so that a history folder shared with other files keeps them.
+void pruneHistory(const std::string& history, const JSON& before, const JSON& packs) {
     std::error_code code;
-    for (fs::directory_iterator it(history, code), end; !code && it != end; it.increment(code)) {
-        if (!it->is_directory(code)) continue;
-        const std::string name = it->path().filename().string();
-        const JSON& record = packs[name];
-        if (!record.isObject()) {
-            fs::remove_all(it->path(), code);
-            continue;
-        }
+    for (const auto& [name, unused] : before.objectValue()) {
+        if (!packs[name].isObject()) fs::remove_all(fs::path(history) / name, code);
+    }
+    for (const auto& [name, record] : packs.objectValue()) {
         const uint64_t base = record["base"].uint64Value();
         std::vector<fs::path> stale;
-        for (fs::directory_iterator list(it->path(), code); !code && list != end;
+        for (fs::directory_iterator list(fs::path(history) / name, code), end; !code && list != end;
              list.increment(code)) {
             const fs::path file = list->path();
             if (file.extension() != kListSuffix) continue;
             const std::string stem = file.stem().string();
-            if (stem.empty() || stem.find_first_not_of("0123456789") != std::string::npos) continue;
+            if (stem.empty() || stem.size() > 19 ||
+                stem.find_first_not_of("0123456789") != std::string::npos)
+                continue;
             if (std::stoull(stem) < base) stale.push_back(file);
         }
+        code.clear();
         for (const fs::path& file : stale) fs::remove(file, code);
     }
 }
@@ -433,7 +433,7 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     newState.set("versions", versions);
     newState.set("packs", packsState);
     if (!writeBelow(historyFolder, kStateFile, newState.toString(), error)) return false;
-    pruneHistory(historyFolder, packsState);
+    pruneHistory(historyFolder, state["packs"], packsState);
     result.version = version;
     return true;
 }

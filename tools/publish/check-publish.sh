@@ -167,6 +167,28 @@ done
 [ -s "$work/kept/state.json" ] && [ ! -e "$work/out2.publish" ] || fail "--history was not used"
 status 1 "$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" \
   --history "$work/out3/history" "$work/site" "$work/out3"
+# A pack that leaves the manifest leaves the history; what else the history folder holds stays.
+mkdir -p "$work/kept/notes"
+printf 'mine' > "$work/kept/notes/keep.txt"
+cat > "$work/shop-only.json" <<'JSON'
+{"app": {"key": "shop", "version": "1.0", "locale": "en"}, "zips": "packs",
+ "packs": [{"name": "shop", "folder": "app", "prefix": "http://127.0.0.1:8080/app/", "priority": 9}]}
+JSON
+"$tool" publish --key "$work/key.pem" --manifest "$work/shop-only.json" --history "$work/kept" \
+  "$work/site" "$work/out2" >/dev/null
+[ ! -e "$work/kept/lib" ] || fail "the history kept a pack that left the manifest"
+[ -s "$work/kept/notes/keep.txt" ] && [ -s "$work/kept/shop/1.json" ] || fail "the history lost what it should keep"
+# Without the list of a version since the base, the next version is a new base with no increment,
+# and the lists before it go.
+rm "$work/out.publish/shop/2.json"
+printf '<html>seven</html>' > "$work/site/app/index.html"
+out=$(publish)
+expect "shop 6 (full; a new base" "$out"
+[ ! -e "$work/out/packs/shop/i/6.zip" ] || fail "a new base has an increment"
+expect '"b":6' "$(cat "$work/out/packconfig/shop/6")"
+[ ! -e "$work/out.publish/shop/1.json" ] && [ -s "$work/out.publish/shop/6.json" ] ||
+  fail "the lists before the new base were kept"
+printf '<html>one</html>' > "$work/site/app/index.html"
 expect "--history DIR" "$("$tool" publish --help)"
 
 # A tree whose history an earlier release kept in "<tree>/.publish": the state with the newest
