@@ -191,6 +191,16 @@ expect '"b":6' "$(cat "$work/out/packconfig/shop/6")"
 printf '<html>one</html>' > "$work/site/app/index.html"
 expect "--history DIR" "$("$tool" publish --help)"
 
+# A pack of a folder with no files is published as a valid zip with an empty list.
+mkdir -p "$work/bare/app"
+cat > "$work/bare.json" <<'JSON'
+{"app": {"key": "bare", "version": "1.0"}, "packs": [{"name": "bare", "folder": "app", "prefix": "http://127.0.0.1:8080/"}]}
+JSON
+expect "bare 1 (full)" "$("$tool" publish --key "$work/key.pem" --manifest "$work/bare.json" "$work/bare" "$work/bare-out")"
+unzip -tqq "$work/bare-out/packs/bare/1.zip" || fail "the empty pack's zip does not test"
+[ "$(unzip -Z1 "$work/bare-out/packs/bare/1.zip" | tr '\n' ' ')" = "app-res.hvc " ] || fail "the empty pack holds files"
+expect "{}||ed25519|" "$(unzip -p "$work/bare-out/packs/bare/1.zip" app-res.hvc)"
+
 # A tree whose history an earlier release kept in "<tree>/.publish": the state with the newest
 # digests, and a copy of each pack's base version. The first run moves it out and builds on it.
 mkdir -p "$work/old/.publish/shop/1" "$work/old/.publish/lib/1"
