@@ -50,6 +50,8 @@ HostKey readHostKey(napi_env env, napi_value host) {
         napi_value flag = NAPI::getProperty(env, host, kInsecureProperty);
         if (flag != nullptr && napi_get_value_bool(env, flag, &insecure) == napi_ok && insecure)
             result.state = HostKey::State::Insecure;
+        else
+            result.reason = "no publicKey, and insecureNoSignatureCheck is not true";
         NAPI::clearException(env);
         return result;
     }

@@ -1,7 +1,8 @@
 // The native module "ferritcore": its registration, Init, and the eighteen natives. Every native
 // runs on the script thread; those marked "async" copy their arguments and hand the work to the
 // engine's work pool. A missing or mistyped required argument makes a native return undefined
-// (false for setProxyNative) with no effect.
+// (false for setProxyNative) with no effect; setProxyNative also returns false for a host object
+// that carries no usable publisher's key and does not opt out of signature checks.
 #include <node_api.h>
 
 #include <charconv>
