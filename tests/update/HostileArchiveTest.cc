@@ -207,14 +207,17 @@ TEST_F(HostileArchiveTest, ListWithAForgedSignatureIsRefused) {
     expectRefused(raw(entries), 1106);
 }
 
+// The tampered file has the listed size, so that the MD5 is what refuses it.
 TEST_F(HostileArchiveTest, FileWhoseMd5DiffersFromTheListIsRefused) {
+    const std::string tampered = "tampered(12345678)";
+    ASSERT_EQ(tampered.size(), version2().at("js/app.js").size());
     std::vector<ZipWriter::Entry> entries;
     entries.push_back(file("app-res.hvc", indexOf(version2())));
     for (const auto& [path, content] : version2())
-        entries.push_back(file("res/" + path, path == "js/app.js" ? "tampered();" : content));
+        entries.push_back(file("res/" + path, path == "js/app.js" ? tampered : content));
     expectRefused(raw(entries), 1106,
                   "file \"temp/app_2_0/origin.zip/res/js/app.js\" verify failed: MD5 \"" +
-                      FerritCore::Digest::md5Hex("tampered();") +
+                      FerritCore::Digest::md5Hex(tampered) +
                       "\" different with expectation \"" +
                       FerritCore::Digest::md5Hex(version2().at("js/app.js")) + "\"");
 }
