@@ -42,6 +42,7 @@ PackInstaller::PackInstaller(Folder target, Folder work)
 
 void PackInstaller::begin() {
     written_.clear();
+    linked_.clear();
     madeDirectories_.clear();
     batch_.clear();
     batchBytes_ = 0;
@@ -146,6 +147,7 @@ bool PackInstaller::copyUnchanged(const Folder& from,
             if (result == 0) {
                 bytes += file.diskSize();
                 written_.insert(path);
+                linked_.insert(path);
                 continue;
             }
             if (!linkUnsupported(result)) {
@@ -162,19 +164,73 @@ bool PackInstaller::copyUnchanged(const Folder& from,
     return true;
 }
 
+bool PackInstaller::syncStaged(const Folder& directory, Error& error) {
+    std::vector<std::string> entries;
+    int result = FileUtil::listDirectory(directory.absolute(), entries);
+    if (result != 0) {
+        error = Errors::fileWrite(directory, result);
+        return false;
+    }
+    for (const std::string& entry : entries) {
+        const Folder child = directory.childOf(entry.substr(directory.absolute().size()));
+        if (child.isDirectory()) {
+            if (!syncStaged(child, error)) return false;
+            continue;
+        }
+        // A linked file is the installed version's, durable since that version was published.
+        if (linked_.count(child.relative().substr(writeRoot_.relative().size())) != 0) continue;
+        result = FileUtil::syncFile(child.absolute());
+        if (result != 0) {
+            error = Errors::fileWrite(child, result);
+            return false;
+        }
+    }
+    // The directory's entries after its files' data: no name survives a power cut that would
+    // lead to lost bytes.
+    result = FileUtil::syncDirectory(directory.absolute());
+    if (result != 0) {
+        error = Errors::fileWrite(directory, result);
+        return false;
+    }
+    return true;
+}
+
 bool PackInstaller::publish(Error& error) {
+    // The store's files become durable with the commit that names their version.
     if (isPacked()) return flush(error);
     error.clear();
     const std::string staged = withoutSlash(writeRoot_);
     const std::string target = withoutSlash(target_);
+    // In the order a power cut respects: every file's data, then every directory of the version,
+    // then the folder that holds the staged version; the rename after them, and the directory
+    // that receives it before the commit that names the version.
+    if (!syncStaged(writeRoot_, error)) return false;
+    int synced = FileUtil::syncDirectory(work_.absolute());
+    if (synced != 0) {
+        error = Errors::fileWrite(work_, synced);
+        return false;
+    }
     // The parent of the version folder ("apps/<root>/"): the version itself must not be made.
-    const int made = FileUtil::makeDirectories(target.substr(0, target.rfind('/') + 1));
+    const std::string parent = target.substr(0, target.rfind('/') + 1);
+    const bool parentExisted = FileUtil::isDirectory(parent);
+    const int made = FileUtil::makeDirectories(parent);
     if (made != 0) {
         error = Errors::fileWrite(target_, made);
         return false;
     }
+    // A folder made for the pack is an entry of "apps/", which must be durable too.
+    if (!parentExisted) {
+        const std::string grandparent = parent.substr(0, parent.rfind('/', parent.size() - 2) + 1);
+        synced = FileUtil::syncDirectory(parent);
+        if (synced == 0) synced = FileUtil::syncDirectory(grandparent);
+        if (synced != 0) {
+            error = Errors::fileWrite(target_, synced);
+            return false;
+        }
+    }
     if (!FileUtil::isDirectory(target)) {
-        const int result = FileUtil::rename(staged, target);
+        int result = FileUtil::rename(staged, target);
+        if (result == 0) result = FileUtil::syncDirectory(parent);
         if (result != 0) error = Errors::fileWrite(target_, result);
         return result == 0;
     }
@@ -187,6 +243,7 @@ bool PackInstaller::publish(Error& error) {
         result = FileUtil::rename(target, replaced);
         if (result == 0) result = FileUtil::rename(staged, target);
     }
+    if (result == 0) result = FileUtil::syncDirectory(parent);
     if (result != 0) error = Errors::fileWrite(target_, result);
     return result == 0;
 }
