@@ -457,6 +457,18 @@ int FileUtil::syncFile(const std::string& path) {
     return result;
 }
 
+int FileUtil::startWriteback(const std::string& path) {
+    int fd = -1;
+    const int opened = withRetry(path, [&](const std::string& p) {
+        fd = retryOnInterrupt([&] { return ::open(p.c_str(), O_RDONLY | O_CLOEXEC); });
+        return fd >= 0 ? 0 : lastError();
+    });
+    if (opened != 0) return opened;
+    const int result = ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE) == 0 ? 0 : lastError();
+    ::close(fd);
+    return result;
+}
+
 int FileUtil::syncDescriptor(int fd) {
     if (fd < 0) return -1;
     step();

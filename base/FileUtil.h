@@ -104,6 +104,10 @@ class FileUtil {
     static int syncFile(const std::string& path);
     // fdatasync of an open descriptor.
     static int syncDescriptor(int fd);
+    // Starts writing the file's dirty data to the disk and returns without waiting: a hint, which
+    // makes nothing durable, so that a later syncFile of many files waits for writes that are
+    // already under way rather than issuing them one file at a time.
+    static int startWriteback(const std::string& path);
     // fsync of a directory: the entries made, renamed into it or linked there since its last sync
     // outlive a power cut. A file's new name is durable only once the directory holding it is
     // synced, however well its data was.

@@ -165,32 +165,48 @@ bool PackInstaller::copyUnchanged(const Folder& from,
 }
 
 bool PackInstaller::syncStaged(const Folder& directory, Error& error) {
+    // The files this run wrote (not the links: a linked file is the installed version's, durable
+    // since that version was published), and the directories, each listed after what it holds.
+    std::vector<Folder> files;
+    std::vector<Folder> directories;
+    std::vector<Folder> pending{directory};
     std::vector<std::string> entries;
-    int result = FileUtil::listDirectory(directory.absolute(), entries);
-    if (result != 0) {
-        error = Errors::fileWrite(directory, result);
-        return false;
-    }
-    for (const std::string& entry : entries) {
-        const Folder child = directory.childOf(entry.substr(directory.absolute().size()));
-        if (child.isDirectory()) {
-            if (!syncStaged(child, error)) return false;
-            continue;
+    while (!pending.empty()) {
+        const Folder current = std::move(pending.back());
+        pending.pop_back();
+        const int listed = FileUtil::listDirectory(current.absolute(), entries);
+        if (listed != 0) {
+            error = Errors::fileWrite(current, listed);
+            return false;
         }
-        // A linked file is the installed version's, durable since that version was published.
-        if (linked_.count(child.relative().substr(writeRoot_.relative().size())) != 0) continue;
-        result = FileUtil::syncFile(child.absolute());
+        directories.push_back(current);
+        for (const std::string& entry : entries) {
+            const Folder child = current.childOf(entry.substr(current.absolute().size()));
+            if (child.isDirectory()) {
+                pending.push_back(child);
+            } else if (linked_.count(child.relative().substr(writeRoot_.relative().size())) == 0) {
+                files.push_back(child);
+            }
+        }
+    }
+    // Every file's writes are started before the first wait, so that the flushes overlap: one
+    // file at a time made a 2,000-file install several times slower.
+    for (const Folder& file : files) FileUtil::startWriteback(file.absolute());
+    for (const Folder& file : files) {
+        const int result = FileUtil::syncFile(file.absolute());
         if (result != 0) {
-            error = Errors::fileWrite(child, result);
+            error = Errors::fileWrite(file, result);
             return false;
         }
     }
-    // The directory's entries after its files' data: no name survives a power cut that would
-    // lead to lost bytes.
-    result = FileUtil::syncDirectory(directory.absolute());
-    if (result != 0) {
-        error = Errors::fileWrite(directory, result);
-        return false;
+    // The directories' entries after their files' data, the deepest first: no name survives a
+    // power cut that would lead to lost bytes.
+    for (auto it = directories.rbegin(); it != directories.rend(); ++it) {
+        const int result = FileUtil::syncDirectory(it->absolute());
+        if (result != 0) {
+            error = Errors::fileWrite(*it, result);
+            return false;
+        }
     }
     return true;
 }

@@ -78,7 +78,7 @@ class PackInstaller {
     bool ensureParents(const Folder& file, Error& error);
     bool flush(Error& error);
     // fdatasync of every file below a staged directory that this run wrote (not the links), then
-    // fsync of each directory after what it holds, the directory itself last.
+    // fsync of each directory after those below it, the directory itself last.
     bool syncStaged(const Folder& directory, Error& error);
 
     Folder target_;
