@@ -37,7 +37,7 @@ FConfigPtr SCache::current() {
 
 SCache::Snapshot::Snapshot() : Published<const FConfig>::Reader(state().current) {}
 
-FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
+FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change, Durability durability) {
     State& s = state();
     RecursiveLock lock(s.writers);
     const FConfigPtr previous = s.current.load();
@@ -46,7 +46,7 @@ FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
     copy->rebuildIndexes(previous.get());
     FConfigPtr published = copy;
     if ((copy->dirty || !copy->removed.empty()) && Environment::instance().isMainProcess())
-        TaskRunner::post([published] { commit(*published); });
+        TaskRunner::post([published, durability] { commit(*published, durability); });
     s.current.store(published);
     return published;
 }
@@ -61,11 +61,11 @@ void SCache::publish(std::shared_ptr<FConfig> document) {
     s.current.store(std::move(document));
 }
 
-void SCache::commit(const FConfig& document) {
+void SCache::commit(const FConfig& document, Durability durability) {
     std::shared_ptr<ConfigStorage> storage = state().storage.load(std::memory_order_acquire);
     if (!storage) return;
     if (document.dirty) {
-        const Error error = storage->writeConfig(document.serialize());
+        const Error error = storage->writeConfig(document.serialize(), durability);
         if (error) {
             MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kSCache)
                 .event("commit")

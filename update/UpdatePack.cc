@@ -732,11 +732,14 @@ void UpdatePack::installRaw() {
         return;
     }
     isPacks_ = false;
-    published_ = SCache::mutate([&](FConfig& config) {
-        if (!config.find(name_)) config.mergePack(pack_);
-        config.setInstalled(name_, static_cast<uint32_t>(trigger_), pack_->seq, pack_->baseSeq,
-                            installedSize_, false);
-    });
+    // Durable: the replaced version's folder is deleted on the strength of this commit.
+    published_ = SCache::mutate(
+        [&](FConfig& config) {
+            if (!config.find(name_)) config.mergePack(pack_);
+            config.setInstalled(name_, static_cast<uint32_t>(trigger_), pack_->seq, pack_->baseSeq,
+                                installedSize_, false);
+        },
+        Durability::Durable);
     if (oldSeq_ != 0 && oldSeq_ != pack_->seq) retiredFolder_ = pack_->installedFolder();
     installed_ = true;
     ResourceIndexPool::remove(name_);
@@ -934,55 +937,60 @@ void UpdatePack::refuseIncrement(Error why) {
 }
 
 FConfigPtr UpdatePack::persist() {
-    return SCache::mutate([&](FConfig& config) {
-        std::string installName = name_;
-        PackPtr found = config.find(name_);
-        if (!found) {
-            PackPtr plain;
-            if (pack_->packType() == kPackTypeACache && pack_->subType == kSubTypeFixedSeq)
-                plain = config.find(requestedName_);
-            if (plain &&
-                (!plain->isInstalled() || (plain->installedSeq < pack_->seq && !isHot(*plain)))) {
-                // The fixed version takes the place of the plain record, with its configured
-                // fields; the record replaces the plain one whole, as a merge would refuse an
-                // older sequence.
-                auto clone = plain->clone();
-                clone->seq = pack_->seq;
-                clone->baseSeq = pack_->baseSeq;
-                clone->publishTime = pack_->publishTime;
-                clone->flags = pack_->flags;
-                clone->marker = pack_->marker;
-                clone->md5 = pack_->md5;
-                clone->incrMd5 = pack_->incrMd5;
-                // As a merge does: a record that carries no prefixes leaves them unchanged.
-                if (!pack_->prefixes.empty()) clone->prefixes = pack_->prefixes;
-                clone->referrers = pack_->referrers;
-                clone->gray = pack_->gray;
-                if (pack_->updateTime > clone->updateTime) clone->updateTime = pack_->updateTime;
-                if (pack_->status == kPackStatusPreview) {
-                    clone->status = pack_->status;
-                    clone->zipURL = pack_->zipURL;
+    // Durable: the replaced version's folder is deleted on the strength of this commit, and the
+    // files of a version in the packed store become durable with it.
+    return SCache::mutate(
+        [&](FConfig& config) {
+            std::string installName = name_;
+            PackPtr found = config.find(name_);
+            if (!found) {
+                PackPtr plain;
+                if (pack_->packType() == kPackTypeACache && pack_->subType == kSubTypeFixedSeq)
+                    plain = config.find(requestedName_);
+                if (plain && (!plain->isInstalled() ||
+                              (plain->installedSeq < pack_->seq && !isHot(*plain)))) {
+                    // The fixed version takes the place of the plain record, with its configured
+                    // fields; the record replaces the plain one whole, as a merge would refuse an
+                    // older sequence.
+                    auto clone = plain->clone();
+                    clone->seq = pack_->seq;
+                    clone->baseSeq = pack_->baseSeq;
+                    clone->publishTime = pack_->publishTime;
+                    clone->flags = pack_->flags;
+                    clone->marker = pack_->marker;
+                    clone->md5 = pack_->md5;
+                    clone->incrMd5 = pack_->incrMd5;
+                    // As a merge does: a record that carries no prefixes leaves them unchanged.
+                    if (!pack_->prefixes.empty()) clone->prefixes = pack_->prefixes;
+                    clone->referrers = pack_->referrers;
+                    clone->gray = pack_->gray;
+                    if (pack_->updateTime > clone->updateTime)
+                        clone->updateTime = pack_->updateTime;
+                    if (pack_->status == kPackStatusPreview) {
+                        clone->status = pack_->status;
+                        clone->zipURL = pack_->zipURL;
+                    }
+                    config.put(std::move(clone));
+                    installName = requestedName_;
+                } else {
+                    config.mergePack(pack_);
                 }
-                config.put(std::move(clone));
-                installName = requestedName_;
-            } else {
-                config.mergePack(pack_);
+            } else if (found->packType() == kPackTypeACache && found->subType == kSubTypePlain &&
+                       found->isInstalled() && found->installedSeq != pack_->seq && isHot(*found)) {
+                // A hot app keeps its old version alive under a record of its own.
+                auto old = found->clone(Pack::pinnedName(name_, found->installedSeq));
+                old->seq = found->installedSeq;
+                old->baseSeq = found->installedSeq;
+                old->subType = kSubTypeFixedSeq;
+                old->md5.clear();
+                old->incrMd5.clear();
+                config.mergePack(std::move(old));
+                persistOld_ = true;
             }
-        } else if (found->packType() == kPackTypeACache && found->subType == kSubTypePlain &&
-                   found->isInstalled() && found->installedSeq != pack_->seq && isHot(*found)) {
-            // A hot app keeps its old version alive under a record of its own.
-            auto old = found->clone(Pack::pinnedName(name_, found->installedSeq));
-            old->seq = found->installedSeq;
-            old->baseSeq = found->installedSeq;
-            old->subType = kSubTypeFixedSeq;
-            old->md5.clear();
-            old->incrMd5.clear();
-            config.mergePack(std::move(old));
-            persistOld_ = true;
-        }
-        config.setInstalled(installName, static_cast<uint32_t>(trigger_), pack_->seq,
-                            pack_->baseSeq, installedSize_, isPacks_);
-    });
+            config.setInstalled(installName, static_cast<uint32_t>(trigger_), pack_->seq,
+                                pack_->baseSeq, installedSize_, isPacks_);
+        },
+        Durability::Durable);
 }
 
 // ---- The end ----------------------------------------------------------------------------------

@@ -303,9 +303,9 @@ void installStepVfs() {
 // The configuration's commits, with a step before each write.
 class StepConfigStorage : public PacksConfigStorage {
   public:
-    Error writeConfig(const std::string& text) override {
+    Error writeConfig(const std::string& text, Durability durability) override {
         step();
-        return PacksConfigStorage::writeConfig(text);
+        return PacksConfigStorage::writeConfig(text, durability);
     }
     void removeFolder(const Folder& folder) override {
         step();
