@@ -217,8 +217,7 @@ TEST_F(HostileArchiveTest, FileWhoseMd5DiffersFromTheListIsRefused) {
         entries.push_back(file("res/" + path, path == "js/app.js" ? tampered : content));
     expectRefused(raw(entries), 1106,
                   "file \"temp/app_2_0/origin.zip/res/js/app.js\" verify failed: MD5 \"" +
-                      FerritCore::Digest::md5Hex(tampered) +
-                      "\" different with expectation \"" +
+                      FerritCore::Digest::md5Hex(tampered) + "\" different with expectation \"" +
                       FerritCore::Digest::md5Hex(version2().at("js/app.js")) + "\"");
 }
 

@@ -113,8 +113,8 @@ class IntegrityTest : public InstallFixture {
 // fetched in the same run, and the device ends byte-identical to the new version.
 TEST_F(IntegrityTest, RevertIncrementThatWouldKeepAnotherVersionsBytesFetchesTheFullZip) {
     installShopAt(1, siteA());
-    const std::string v2 = zipWith(sizedListOf(siteB(), {"css/app.css"}),
-                                   {{"index.html", siteB().at("index.html")}});
+    const std::string v2 =
+        zipWith(sizedListOf(siteB(), {"css/app.css"}), {{"index.html", siteB().at("index.html")}});
     configureShop(2, 1, v2, sizedZipOf(siteB()));
     ASSERT_FALSE(update("shop", kTriggerTimer));
     ASSERT_EQ(urls(), (std::vector<std::string>{"https://dl.test/shop/i/2.zip"}));
@@ -149,8 +149,8 @@ TEST_F(IntegrityTest, RevertIncrementThatWouldKeepAnotherVersionsBytesFetchesThe
 // base: the installed version cannot vouch for it, so the full zip is fetched.
 TEST_F(IntegrityTest, FileRemovedByTheInstalledVersionAndRestoredFetchesTheFullZip) {
     installShopAt(1, siteA());
-    const std::string v2 = zipWith(sizedListOf(siteB(), {"css/app.css"}),
-                                   {{"index.html", siteB().at("index.html")}});
+    const std::string v2 =
+        zipWith(sizedListOf(siteB(), {"css/app.css"}), {{"index.html", siteB().at("index.html")}});
     configureShop(2, 1, v2, sizedZipOf(siteB()));
     ASSERT_FALSE(update("shop", kTriggerTimer));
     EXPECT_EQ(read("css/app.css").error.code(), 3002);
@@ -159,8 +159,8 @@ TEST_F(IntegrityTest, FileRemovedByTheInstalledVersionAndRestoredFetchesTheFullZ
     // Version 3 is B with the style sheet back; its increment from 1 lists only the page.
     PackFiles v3Files = siteB();
     v3Files["css/app.css"] = siteA().at("css/app.css");
-    const std::string v3 =
-        zipWith(sizedListOf({{"index.html", v3Files.at("index.html")}}), {{"index.html", v3Files.at("index.html")}});
+    const std::string v3 = zipWith(sizedListOf({{"index.html", v3Files.at("index.html")}}),
+                                   {{"index.html", v3Files.at("index.html")}});
     configureShop(3, 1, v3, sizedZipOf(v3Files));
     ASSERT_FALSE(update("shop", kTriggerTimer));
     EXPECT_EQ(urls().back(), "https://dl.test/shop/3.zip");
@@ -173,8 +173,9 @@ TEST_F(IntegrityTest, FileChangedAndChangedBackIsNeverServedWithTheInstalledByte
     installShopAt(1, siteA());
     PackFiles v2Files = siteA();
     v2Files["js/app.js"] = "console.log('changed');";
-    configureShop(2, 1, zipWith(sizedListOf({{"js/app.js", v2Files.at("js/app.js")}}),
-                                {{"js/app.js", v2Files.at("js/app.js")}}),
+    configureShop(2, 1,
+                  zipWith(sizedListOf({{"js/app.js", v2Files.at("js/app.js")}}),
+                          {{"js/app.js", v2Files.at("js/app.js")}}),
                   sizedZipOf(v2Files));
     ASSERT_FALSE(update("shop", kTriggerTimer));
     expectServes(v2Files);
@@ -186,8 +187,8 @@ TEST_F(IntegrityTest, FileChangedAndChangedBackIsNeverServedWithTheInstalledByte
 // An increment whose files all agree with the installed version installs as an increment.
 TEST_F(IntegrityTest, IncrementThatTheInstalledListVouchesForInstallsWithoutTheFullZip) {
     installShopAt(1, siteA());
-    const std::string v2 = zipWith(sizedListOf(siteB(), {"css/app.css"}),
-                                   {{"index.html", siteB().at("index.html")}});
+    const std::string v2 =
+        zipWith(sizedListOf(siteB(), {"css/app.css"}), {{"index.html", siteB().at("index.html")}});
     configureShop(2, 1, v2, sizedZipOf(siteB()));
     ASSERT_FALSE(update("shop", kTriggerTimer));
     EXPECT_EQ(urls(), (std::vector<std::string>{"https://dl.test/shop/i/2.zip"}));
@@ -319,11 +320,11 @@ TEST_F(IntegrityTest, EmptyFileArrivesAndIsKeptThroughAnIncrement) {
     // Version 3 changes the page only: the empty file is kept from version 2.
     PackFiles v3Files = v2Files;
     v3Files["index.html"] = "<title>v3</title>";
-    configureShop(3, 1,
-                  zipWith(sizedListOf({{"index.html", v3Files.at("index.html")},
-                                       {"css/empty.css", ""}}),
-                          {{"index.html", v3Files.at("index.html")}, {"css/empty.css", ""}}),
-                  sizedZipOf(v3Files));
+    configureShop(
+        3, 1,
+        zipWith(sizedListOf({{"index.html", v3Files.at("index.html")}, {"css/empty.css", ""}}),
+                {{"index.html", v3Files.at("index.html")}, {"css/empty.css", ""}}),
+        sizedZipOf(v3Files));
     proxy_->requests.clear();
     ASSERT_FALSE(update("shop", kTriggerTimer));
     EXPECT_EQ(urls(), (std::vector<std::string>{"https://dl.test/shop/i/3.zip"}));
