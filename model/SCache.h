@@ -45,15 +45,19 @@ class SCache {
     // posts the commit to the task runner. Returns the new document. `change` must not block on
     // the network. A Durable commit is on the disk before any task posted after this call runs:
     // what a change needs when something is deleted on the strength of it (a replaced version).
+    // `committed`, when given, is called on the worker with the commit's outcome once it has run
+    // (at once, with no error, when there is nothing for this process to commit).
+    using Committed = std::function<void(const Error& error)>;
     static FConfigPtr mutate(const std::function<void(FConfig&)>& change,
-                             Durability durability = Durability::Ordinary);
+                             Durability durability = Durability::Ordinary,
+                             Committed committed = {});
     // Publishes `document` as it is (the load at start-up), indexes rebuilt.
     static void publish(std::shared_ptr<FConfig> document);
 
     // Writes a committed document and deletes the folders of its removed records: what the posted
-    // commit task runs. Failures are logged; the document stays in memory and the next dirty
-    // commit writes it again.
-    static void commit(const FConfig& document, Durability durability = Durability::Ordinary);
+    // commit task runs. Failures are logged and returned; the document stays in memory and the
+    // next dirty commit writes it again.
+    static Error commit(const FConfig& document, Durability durability = Durability::Ordinary);
     // Asks the storage to delete everything installed (see ConfigStorage::wipeInstalled).
     static void wipeInstalled();
     // Set once at start-up; without one, commits are only kept in memory.

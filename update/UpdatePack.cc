@@ -739,7 +739,7 @@ void UpdatePack::installRaw() {
             config.setInstalled(name_, static_cast<uint32_t>(trigger_), pack_->seq, pack_->baseSeq,
                                 installedSize_, false);
         },
-        Durability::Durable);
+        Durability::Durable, commitWatcher());
     if (oldSeq_ != 0 && oldSeq_ != pack_->seq) retiredFolder_ = pack_->installedFolder();
     installed_ = true;
     ResourceIndexPool::remove(name_);
@@ -936,6 +936,14 @@ void UpdatePack::refuseIncrement(Error why) {
     requestResource();
 }
 
+SCache::Committed UpdatePack::commitWatcher() {
+    commit_ = std::make_shared<CommitOutcome>();
+    return [outcome = commit_](const Error& error) {
+        outcome->ran = true;
+        outcome->error = error;
+    };
+}
+
 FConfigPtr UpdatePack::persist() {
     // Durable: the replaced version's folder is deleted on the strength of this commit, and the
     // files of a version in the packed store become durable with it.
@@ -990,7 +998,7 @@ FConfigPtr UpdatePack::persist() {
             config.setInstalled(installName, static_cast<uint32_t>(trigger_), pack_->seq,
                                 pack_->baseSeq, installedSize_, isPacks_);
         },
-        Durability::Durable);
+        Durability::Durable, commitWatcher());
 }
 
 // ---- The end ----------------------------------------------------------------------------------
@@ -1029,13 +1037,30 @@ void UpdatePack::finished() {
     tempPaths_.clear();
     if (retiredFolder_ && installed_) {
         // Posted after the commit of the swap, which the configuration transaction posted
-        // first: the old files go only once the store names the new version.
+        // first: the old files go only once the store names the new version on the disk. A
+        // commit that failed leaves the store naming the old version, whose files a restart then
+        // needs; what no record owns any more goes with the next recovery.
         Folder retired = *retiredFolder_;
-        TaskRunner::post([retired] { Folder::removeFile(retired, false); }, kRetiredFolderDelayMs);
+        std::shared_ptr<const CommitOutcome> outcome = commit_;
+        TaskRunner::post(
+            [retired, outcome] {
+                if (outcome && outcome->ran && !outcome->error) {
+                    Folder::removeFile(retired, false);
+                    return;
+                }
+                MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kUpdatePack)
+                    .event("retire")
+                    .append("folder", retired.describe())
+                    .append("message", "kept: the store does not name the new version");
+            },
+            kRetiredFolderDelayMs);
     }
     retiredFolder_.reset();
 
-    if (installed_) ProxyCalls::onPackUpdated(requestedName_);
+    // The host hears of the new version once the commit that names it has run.
+    if (installed_) {
+        TaskRunner::post([name = requestedName_] { ProxyCalls::onPackUpdated(name); });
+    }
     if (pack_) {
         const double now = MRLCurrentTime();
         const double publish = pack_->publishTime;

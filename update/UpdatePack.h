@@ -34,6 +34,7 @@
 #include "marl/Json.h"
 #include "model/FConfig.h"
 #include "model/Pack.h"
+#include "model/SCache.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -186,6 +187,13 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // Abandons an increment that the installed version cannot complete and fetches the full zip
     // in the same run, saying why in the log and the record.
     void refuseIncrement(Error why);
+    // What became of the commit that publishes the new version; set on the worker when it ran.
+    struct CommitOutcome {
+        bool ran = false;
+        Error error;
+    };
+    // A fresh outcome for this run's publishing commit, and the callback that fills it.
+    SCache::Committed commitWatcher();
     // The configuration transaction that publishes the new version; the new document.
     FConfigPtr persist();
     // Makes the published swap durable, deletes what the run leaves behind, reports, and tells
@@ -235,6 +243,8 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     int request_ = 0;
     // The task that ends the run when the answer does not come; 0 when none waits.
     uint64_t deadline_ = 0;
+    // The outcome of the publishing commit, which the deletion of the replaced folder waits on.
+    std::shared_ptr<CommitOutcome> commit_;
     // The replaced version's folder, deleted kRetiredFolderDelayMs after the swap.
     std::optional<Folder> retiredFolder_;
     // Set by persist(): the document that holds the new version.

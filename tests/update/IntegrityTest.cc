@@ -399,5 +399,52 @@ TEST_F(IntegrityTest, EmptyArchiveIsValidAndHoldsNothing) {
     EXPECT_FALSE(zip.hasEntry("app-res.hvc"));
 }
 
+// ---- The replaced version waits on the commit ---------------------------------------------------
+
+// A store that refuses the commit that names a new version (a full disk): it still names the old
+// one, so a restart needs the old files, and the old folder must stay.
+class RefusingStorage : public ConfigStorage {
+  public:
+    Error writeConfig(const std::string&, Durability) override {
+        return Error(1104, "write storage \"packs/config\" failed: 13");
+    }
+    void removeFolder(const Folder& folder) override { Folder::removeFile(folder, false); }
+    void wipeInstalled() override {}
+};
+
+TEST_F(IntegrityTest, ReplacedVersionStaysWhenTheCommitThatNamesTheNewOneFails) {
+    put({record("app", kPackTypeACache, 1, 1, kPriorityAutoInstall)});
+    serveFull("app", 1, sizedZipOf(siteA()), kAppZipPrefix);
+    ASSERT_FALSE(update("app", kTriggerTimer));
+    auto p = find("app")->clone();
+    p->seq = 2;
+    p->baseSeq = 2;
+    put({p});
+    serveFull("app", 2, sizedZipOf(siteB()), kAppZipPrefix);
+    SCache::setStorage(std::make_shared<RefusingStorage>());
+    ASSERT_FALSE(update("app", kTriggerTimer));
+    settle();
+    EXPECT_TRUE(onDisk("apps/app/1/res/js/app.js"));
+    EXPECT_EQ(logs_->count("retire"), 1u);
+    // This process serves the new version, which it holds in memory.
+    expectServes(siteB());
+}
+
+TEST_F(IntegrityTest, ReplacedVersionGoesOnceTheCommitThatNamesTheNewOneRan) {
+    put({record("app", kPackTypeACache, 1, 1, kPriorityAutoInstall)});
+    serveFull("app", 1, sizedZipOf(siteA()), kAppZipPrefix);
+    ASSERT_FALSE(update("app", kTriggerTimer));
+    auto p = find("app")->clone();
+    p->seq = 2;
+    p->baseSeq = 2;
+    put({p});
+    serveFull("app", 2, sizedZipOf(siteB()), kAppZipPrefix);
+    ASSERT_FALSE(update("app", kTriggerTimer));
+    EXPECT_EQ(proxy_->updatedPacks, (std::vector<std::string>{"app", "app"}));
+    settle();
+    EXPECT_FALSE(onDisk("apps/app/1"));
+    EXPECT_EQ(logs_->count("retire"), 0u);
+}
+
 }  // namespace
 }  // namespace FerritTest
