@@ -46,31 +46,21 @@
 #include <string>
 #include <vector>
 
-#include "base/Digest.h"
-#include "base/Environment.h"
 #include "base/FileUtil.h"
 #include "base/Folder.h"
 #include "base/ProcessState.h"
-#include "ferritcore/Access.h"
-#include "ferritcore/ResourceRequest.h"
 #include "ferritcore/ResourceResponse.h"
-#include "lifecycle/Setup.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "model/PacksConfigStorage.h"
-#include "model/ResourceIndex.h"
 #include "model/SCache.h"
-#include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
-#include "tests/FakeProxy.h"
-#include "tests/SyntheticSite.h"
-#include "tools/pack/PackBuilder.h"
-#include "update/UpdatePack.h"
-#include "update/UpdateQueue.h"
+#include "tests/crash/CrashScenario.h"
 
 namespace fs = std::filesystem;
 using namespace FerritCore;
+using namespace FerritCrash;
 
 namespace {
 
@@ -79,28 +69,11 @@ constexpr int kDefaultPoints = 70;
 constexpr const char* kFilesVariable = "FERRIT_POWER_CUT_FILES";
 constexpr int kDefaultFiles = 48;
 constexpr size_t kBytesPerFile = 2000;
-constexpr const char* kSite = "https://shop.test/app/";
-constexpr const char* kZipPrefix = "https://dl.test/";
-constexpr const char* kAppZipPrefix = "https://app.test/";
-constexpr uint32_t kNetworkUnrestricted = 1;
 constexpr uint64_t kSeed = 20261124;
-constexpr double kChangedFraction = 0.3;
 constexpr uint64_t kNewSeq = 2;
-
-int fromEnvironment(const char* name, int fallback) {
-    const char* text = std::getenv(name);
-    const int value = text != nullptr ? std::atoi(text) : 0;
-    return value > 0 ? value : fallback;
-}
 
 // ---- The four installs ------------------------------------------------------------------------
 
-struct Scenario {
-    const char* label;
-    const char* name;
-    uint32_t type;
-    bool incremental;
-};
 // An app lives on the disk under "apps/"; a plain pack lives in the packed store.
 // An app has no increments: its every version is a full one.
 const Scenario kDiskFull{"diskFull", "app", kPackTypeACache, false};
@@ -108,31 +81,7 @@ const Scenario kPackedFull{"packedFull", "shop", kPackTypeFerrit, false};
 const Scenario kPackedIncremental{"packedIncremental", "shop", kPackTypeFerrit, true};
 
 FerritTest::SiteFiles version(int which) {
-    const int files = fromEnvironment(kFilesVariable, kDefaultFiles);
-    const FerritTest::SiteFiles first =
-        FerritTest::SyntheticSite::make(files, static_cast<size_t>(files) * kBytesPerFile, kSeed);
-    return which == 1 ? first
-                      : FerritTest::SyntheticSite::nextVersion(first, kChangedFraction, kSeed + 1);
-}
-
-FerritTools::PackOptions packOptions() {
-    FerritTools::PackOptions options;
-    options.urlPrefix = kSite;
-    options.signer = [](const std::string& md5Hex, std::string& signature, std::string&) {
-        signature = FerritTest::FakeProxy::signatureOf(md5Hex);
-        return true;
-    };
-    options.level = 6;
-    return options;
-}
-
-std::string readAll(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void writeAll(const fs::path& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    return siteVersion(which, fromEnvironment(kFilesVariable, kDefaultFiles), kBytesPerFile, kSeed);
 }
 
 // ---- The machine's power ----------------------------------------------------------------------
@@ -475,43 +424,31 @@ class PowerCalls : public FileUtil::Calls {
 
 PowerCalls powerCalls;
 
-// The database's files through the power: a shim over the default VFS, registered as the default
-// before any store opens.
+// The database's files through the power: the database, its journal and its write-ahead log are
+// watched, by path.
 struct ShimFile {
-    sqlite3_file base;
-    sqlite3_file* real;  // lies right behind the path, in the space the database allocates
+    WrappedFile wrapped;
     char path[512];
     bool watched;
 };
 
-sqlite3_vfs* realVfs = nullptr;
-sqlite3_vfs shimVfs;
-sqlite3_io_methods shimMethods;
-
 ShimFile* own(sqlite3_file* file) {
     return reinterpret_cast<ShimFile*>(file);
 }
-sqlite3_file* realOf(sqlite3_file* file) {
-    return own(file)->real;
-}
 
-int shimOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* outFlags) {
+void shimOpen(sqlite3_file* file, sqlite3_filename name, int flags) {
     ShimFile* shim = own(file);
-    shim->real = reinterpret_cast<sqlite3_file*>(shim + 1);
     shim->path[0] = '\0';
     shim->watched =
         name != nullptr &&
         (flags & (SQLITE_OPEN_MAIN_DB | SQLITE_OPEN_WAL | SQLITE_OPEN_MAIN_JOURNAL)) != 0;
     if (shim->watched) std::snprintf(shim->path, sizeof(shim->path), "%s", name);
-    const int rc = realVfs->xOpen(realVfs, name, shim->real, flags, outFlags);
-    shim->base.pMethods = shim->real->pMethods != nullptr ? &shimMethods : nullptr;
-    return rc;
 }
 
-int shimDelete(sqlite3_vfs*, const char* name, int syncDirectory) {
+int shimDelete(const char* name) {
     if (power.below(name) && !power.step()) return SQLITE_IOERR_DELETE;
     power.databaseSynced(name);
-    return realVfs->xDelete(realVfs, name, syncDirectory);
+    return SQLITE_OK;
 }
 
 bool watchedFile(sqlite3_file* file) {
@@ -568,59 +505,17 @@ int shimSync(sqlite3_file* file, int) {
     return SQLITE_OK;
 }
 
+// Registered as the default before any store opens.
 void installShimVfs() {
-    realVfs = sqlite3_vfs_find(nullptr);
-    shimVfs = *realVfs;
-    shimVfs.zName = "ferrit-power-cut";
-    shimVfs.szOsFile = static_cast<int>(sizeof(ShimFile)) + realVfs->szOsFile;
-    shimVfs.xOpen = shimOpen;
-    shimVfs.xDelete = shimDelete;
-    shimVfs.pNext = nullptr;
-    shimMethods = sqlite3_io_methods{
-        3,
-        [](sqlite3_file* f) {
-            sqlite3_file* real = realOf(f);
-            const int rc = real->pMethods->xClose(real);
-            f->pMethods = nullptr;
-            return rc;
-        },
-        [](sqlite3_file* f, void* out, int amount, sqlite3_int64 offset) {
-            return realOf(f)->pMethods->xRead(realOf(f), out, amount, offset);
-        },
-        shimWrite,
-        shimTruncate,
-        shimSync,
-        [](sqlite3_file* f, sqlite3_int64* size) {
-            return realOf(f)->pMethods->xFileSize(realOf(f), size);
-        },
-        [](sqlite3_file* f, int lock) { return realOf(f)->pMethods->xLock(realOf(f), lock); },
-        [](sqlite3_file* f, int lock) { return realOf(f)->pMethods->xUnlock(realOf(f), lock); },
-        [](sqlite3_file* f, int* out) {
-            return realOf(f)->pMethods->xCheckReservedLock(realOf(f), out);
-        },
-        [](sqlite3_file* f, int op, void* arg) {
-            return realOf(f)->pMethods->xFileControl(realOf(f), op, arg);
-        },
-        [](sqlite3_file* f) { return realOf(f)->pMethods->xSectorSize(realOf(f)); },
-        [](sqlite3_file* f) { return realOf(f)->pMethods->xDeviceCharacteristics(realOf(f)); },
-        [](sqlite3_file* f, int region, int size, int extend, void volatile** out) {
-            return realOf(f)->pMethods->xShmMap(realOf(f), region, size, extend, out);
-        },
-        [](sqlite3_file* f, int offset, int n, int flags) {
-            return realOf(f)->pMethods->xShmLock(realOf(f), offset, n, flags);
-        },
-        [](sqlite3_file* f) { realOf(f)->pMethods->xShmBarrier(realOf(f)); },
-        [](sqlite3_file* f, int deleteFlag) {
-            return realOf(f)->pMethods->xShmUnmap(realOf(f), deleteFlag);
-        },
-        [](sqlite3_file* f, sqlite3_int64 offset, int amount, void** out) {
-            return realOf(f)->pMethods->xFetch(realOf(f), offset, amount, out);
-        },
-        [](sqlite3_file* f, sqlite3_int64 offset, void* pointer) {
-            return realOf(f)->pMethods->xUnfetch(realOf(f), offset, pointer);
-        },
-    };
-    sqlite3_vfs_register(&shimVfs, 1);
+    VfsHooks hooks;
+    hooks.name = "ferrit-power-cut";
+    hooks.fileSize = static_cast<int>(sizeof(ShimFile));
+    hooks.open = shimOpen;
+    hooks.remove = shimDelete;
+    hooks.write = shimWrite;
+    hooks.truncate = shimTruncate;
+    hooks.sync = shimSync;
+    installVfs(hooks);
 }
 
 // The configuration's commits, noting when the one that names the new version has returned: from
@@ -648,125 +543,37 @@ class WatchedConfigStorage : public PacksConfigStorage {
 
 // ---- A process on a root ----------------------------------------------------------------------
 
-void drive() {
-    while (!power.off() && TaskRunner::runDue() > 0) {
-    }
-}
-
-std::shared_ptr<FerritTest::FakeProxy> start(const std::string& root, const fs::path& fixtures,
-                                             const Scenario& scenario) {
-    auto proxy = std::make_shared<FerritTest::FakeProxy>();
-    const std::string prefix = scenario.type == kPackTypeACache ? kAppZipPrefix : kZipPrefix;
-    const std::string name = scenario.name;
-    proxy->serve(prefix + name + "/1.zip", 200, readAll(fixtures / "v1.zip"));
-    proxy->serve(prefix + name + "/2.zip", 200, readAll(fixtures / "v2.zip"));
-    proxy->serve(prefix + name + "/i/2.zip", 200, readAll(fixtures / "v2-increment.zip"));
-    HostDefaults defaults;
-    defaults.zipPrefix = kZipPrefix;
-    defaults.acacheZipPrefix = kAppZipPrefix;
-    Settings::setDefaults(defaults);
-    Setup::setProxy(proxy, root);
-    Environment::instance().setNetworkStatusValue(kNetworkUnrestricted);
-    return proxy;
-}
-
-// One update of the pack, the replaced version's deletion included; stops when the power does.
-void updatePack(const Scenario& scenario, MarlLogger::ManualClock& clock, Error& result) {
-    result = Error(-1, "never completed");
-    UpdateQueue::request(scenario.name, kTriggerTimer,
-                         [&result](const Error& error) { result = error; });
-    drive();
-    clock.advance(UpdatePack::kRetiredFolderDelayMs + 1);
-    drive();
-}
-
-void configure(const Scenario& scenario, uint64_t seq, const fs::path& fixtures) {
-    SCache::mutate([&](FConfig& config) {
-        PackPtr old = config.find(scenario.name);
-        auto pack = old ? old->clone() : std::make_shared<Pack>();
-        pack->name = scenario.name;
-        pack->flags = scenario.type | kPriorityAutoInstall;
-        pack->seq = seq;
-        pack->baseSeq = scenario.incremental ? 1 : seq;
-        pack->prefixes = {kSite};
-        pack->md5 = Digest::md5Hex(readAll(fixtures / ("v" + std::to_string(seq) + ".zip")));
-        pack->incrMd5 = Digest::md5Hex(readAll(fixtures / "v2-increment.zip"));
-        pack->updateTime = MRLCurrentTime();
-        config.version = std::to_string(seq);
-        config.lastUpdate = MRLCurrentTime();
-        config.put(std::move(pack));
-    });
-    drive();
-}
-
-enum class Verdict { Old, New, Either, Bad };
-
-Verdict judge(const FerritTest::SiteFiles& one, const FerritTest::SiteFiles& two,
-              const std::string& path, const ResourceResponse& response) {
-    auto in1 = one.find(path);
-    auto in2 = two.find(path);
-    // A path that only one version has: the other answers "not in this pack" (3002).
-    const bool asOld = in1 != one.end() ? (!response.error && response.data == in1->second)
-                                        : response.error.code() == 3002;
-    const bool asNew = in2 != two.end() ? (!response.error && response.data == in2->second)
-                                        : response.error.code() == 3002;
-    if (asOld && asNew) return Verdict::Either;
-    if (asOld) return Verdict::Old;
-    if (asNew) return Verdict::New;
-    return Verdict::Bad;
+bool powerOff() {
+    return power.off();
 }
 
 // What the restart serves.
-struct Reading {
-    size_t olds = 0, news = 0, bads = 0;
+struct Outcome {
+    Reading reading;
     std::string firstBad;
     std::string unverified;
     const char* state() const {
-        if (bads > 0) return "bad";
-        if (olds > 0 && news > 0) return "mixed";
-        return news > 0 ? "new" : "old";
+        if (reading.bads > 0) return "bad";
+        if (reading.olds > 0 && reading.news > 0) return "mixed";
+        return reading.news > 0 ? "new" : "old";
     }
 };
 
-Reading readEvery(const Scenario& scenario, const FerritTest::SiteFiles& one,
-                  const FerritTest::SiteFiles& two) {
-    std::set<std::string> paths;
-    for (const auto& [path, content] : one) paths.insert(path);
-    for (const auto& [path, content] : two) paths.insert(path);
-    Reading reading;
-    for (const std::string& path : paths) {
-        ResourceRequest request(std::string(kSite) + path, std::string());
-        std::unique_ptr<ResourceResponse> response = Access::getResource(request);
-        switch (judge(one, two, path, *response)) {
-            case Verdict::Old:
-                ++reading.olds;
-                break;
-            case Verdict::New:
-                ++reading.news;
-                break;
-            case Verdict::Either:
-                break;
-            case Verdict::Bad:
-                if (reading.bads++ == 0) {
-                    reading.firstBad = path + " error " + std::to_string(response->error.code()) +
-                                       ", " + std::to_string(response->data.size()) + " bytes";
-                    const auto zero =
-                        std::count(response->data.begin(), response->data.end(), '\0');
-                    if (!response->data.empty() &&
-                        static_cast<size_t>(zero) == response->data.size())
-                        reading.firstBad += " all zero";
-                }
-                break;
-        }
-    }
-    // Every file that the installed version's list names is there and whole.
-    if (PackPtr pack = SCache::current()->find(scenario.name)) {
-        Error error;
-        const ResourceIndexPtr index = ResourceIndexPool::get(*pack);
-        if (index && index->folder() && !index->verifyFiles(*index->folder(), error))
-            reading.unverified = error.message();
-    }
-    return reading;
+Outcome readOutcome(const Scenario& scenario, const FerritTest::SiteFiles& one,
+                    const FerritTest::SiteFiles& two) {
+    Outcome outcome;
+    outcome.reading = readEvery(
+        one, two,
+        [&](const std::string& path, const ResourceResponse& response, size_t earlierBads) {
+            if (earlierBads > 0) return;
+            outcome.firstBad = path + " error " + std::to_string(response.error.code()) + ", " +
+                               std::to_string(response.data.size()) + " bytes";
+            const auto zero = std::count(response.data.begin(), response.data.end(), '\0');
+            if (!response.data.empty() && static_cast<size_t>(zero) == response.data.size())
+                outcome.firstBad += " all zero";
+        });
+    if (const Error error = verifyInstalled(scenario)) outcome.unverified = error.message();
+    return outcome;
 }
 
 class PowerCutTest : public ::testing::TestWithParam<const Scenario*> {
@@ -775,17 +582,9 @@ class PowerCutTest : public ::testing::TestWithParam<const Scenario*> {
         base_ = fs::temp_directory_path() /
                 ("ferrit-power-" + std::to_string(::getpid()) + "-" + GetParam()->label);
         fs::remove_all(base_);
-        fs::create_directories(base_ / "fixtures");
-        FerritTools::PackContent one, two;
-        one.files = one_ = version(1);
-        two.files = two_ = version(2);
-        std::string zip, error;
-        ASSERT_TRUE(FerritTools::buildPack(one, packOptions(), zip, error)) << error;
-        writeAll(base_ / "fixtures" / "v1.zip", zip);
-        ASSERT_TRUE(FerritTools::buildPack(two, packOptions(), zip, error)) << error;
-        writeAll(base_ / "fixtures" / "v2.zip", zip);
-        ASSERT_TRUE(FerritTools::buildIncrement(one, two, packOptions(), zip, error)) << error;
-        writeAll(base_ / "fixtures" / "v2-increment.zip", zip);
+        one_ = version(1);
+        two_ = version(2);
+        ASSERT_NO_FATAL_FAILURE(writeFixtures(base_ / "fixtures", one_, two_));
         FileUtil::setCalls(&powerCalls);
         power.clearCounts();
     }
@@ -801,11 +600,11 @@ class PowerCutTest : public ::testing::TestWithParam<const Scenario*> {
         const Scenario& scenario = *GetParam();
         MarlLogger::ScopedManualClock clock;
         start(root("template"), base_ / "fixtures", scenario);
-        configure(scenario, 1, base_ / "fixtures");
+        configure(scenario, 1, base_ / "fixtures", powerOff);
         Error error;
-        updatePack(scenario, *clock, error);
+        updatePack(scenario, *clock, error, powerOff);
         ASSERT_FALSE(error) << error.message();
-        configure(scenario, kNewSeq, base_ / "fixtures");
+        configure(scenario, kNewSeq, base_ / "fixtures", powerOff);
         ProcessState::resetForTesting();
     }
     std::string root(const std::string& name) const { return (base_ / name).string() + "/"; }
@@ -828,7 +627,7 @@ class PowerCutTest : public ::testing::TestWithParam<const Scenario*> {
         SCache::setStorage(storage);
         const int64_t before = power.steps();
         if (cut > 0) power.cutBefore(cut);
-        updatePack(scenario, *clock, error);
+        updatePack(scenario, *clock, error, powerOff);
         // The next start of updating compacts the store, which syncs its log and database: a
         // commit that was not durable by itself becomes durable then, whatever it named.
         if (!power.off()) PacksStore::instance().compact();
@@ -838,12 +637,12 @@ class PowerCutTest : public ::testing::TestWithParam<const Scenario*> {
         return taken;
     }
 
-    Reading restart() {
+    Outcome restart() {
         power.stopWatching();
         start(root("root"), base_ / "fixtures", *GetParam());
-        Reading reading = readEvery(*GetParam(), one_, two_);
+        Outcome outcome = readOutcome(*GetParam(), one_, two_);
         ProcessState::resetForTesting();
-        return reading;
+        return outcome;
     }
 
     fs::path base_;
@@ -861,7 +660,7 @@ TEST_P(PowerCutTest, PowerCutAnywhereLeavesTheOldOrTheNewVersionWhole) {
     ASSERT_FALSE(error) << error.message();
     ASSERT_TRUE(published);
     ASSERT_GT(total, 0);
-    const Reading clean = restart();
+    const Outcome clean = restart();
     ASSERT_STREQ(clean.state(), "new") << clean.firstBad;
 
     const int points = fromEnvironment(kPointsVariable, kDefaultPoints);
@@ -874,7 +673,7 @@ TEST_P(PowerCutTest, PowerCutAnywhereLeavesTheOldOrTheNewVersionWhole) {
         if (power.off()) ++cut;
         EXPECT_TRUE(power.off()) << "step " << at << " of " << total;
         power.applyLoss(loss);
-        const Reading reading = restart();
+        const Outcome reading = restart();
         const std::string state = reading.state();
         ++ended[state];
         if (published) ++afterPublish;
