@@ -198,8 +198,7 @@ struct Reading {
 
 // Reads every path of either version; `onBad` sees each answer that is neither version's.
 template <typename OnBad>
-Reading readEvery(const FerritTest::SiteFiles& one, const FerritTest::SiteFiles& two,
-                  OnBad onBad) {
+Reading readEvery(const FerritTest::SiteFiles& one, const FerritTest::SiteFiles& two, OnBad onBad) {
     using namespace FerritCore;
     std::set<std::string> paths;
     for (const auto& [path, content] : one) paths.insert(path);
@@ -278,8 +277,8 @@ inline void installVfs(const VfsHooks& hooks) {
     wrapVfs.xOpen = [](sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags,
                        int* outFlags) {
         auto* own = reinterpret_cast<WrappedFile*>(file);
-        own->real = reinterpret_cast<sqlite3_file*>(reinterpret_cast<char*>(file) +
-                                                    vfsHooks.fileSize);
+        own->real =
+            reinterpret_cast<sqlite3_file*>(reinterpret_cast<char*>(file) + vfsHooks.fileSize);
         if (vfsHooks.open != nullptr) vfsHooks.open(file, name, flags);
         const int rc = realVfs->xOpen(realVfs, name, own->real, flags, outFlags);
         own->base.pMethods = own->real->pMethods != nullptr ? &wrapMethods : nullptr;

@@ -87,6 +87,22 @@ class IntegrityTest : public InstallFixture {
         serveIncrement("shop", seq, increment);
         serveFull("shop", seq, full);
     }
+    // Updates "shop" to `seq` by an increment from the first version that lists and carries
+    // `changed` and removes `removed`, the full zip of `whole` served beside it; the run's error.
+    Error updateShop(uint64_t seq, const PackFiles& changed,
+                     const std::vector<std::string>& removed, const PackFiles& whole) {
+        configureShop(seq, 1, zipWith(sizedListOf(changed, removed), changed), sizedZipOf(whole));
+        return update("shop", kTriggerTimer);
+    }
+    // Version 2 of "shop": B, reached by an increment from A.
+    void updateShopToB() {
+        ASSERT_FALSE(
+            updateShop(2, {{"index.html", siteB().at("index.html")}}, {"css/app.css"}, siteB()));
+        ASSERT_EQ(urls(), (std::vector<std::string>{"https://dl.test/shop/i/2.zip"}));
+        expectServes(siteB());
+        proxy_->requests.clear();
+        proxy_->clearRecords();
+    }
     std::vector<std::string> urls() const {
         std::vector<std::string> out;
         for (const ProxyRequest& request : proxy_->requests) out.push_back(request.url);
@@ -113,19 +129,9 @@ class IntegrityTest : public InstallFixture {
 // fetched in the same run, and the device ends byte-identical to the new version.
 TEST_F(IntegrityTest, RevertIncrementThatWouldKeepAnotherVersionsBytesFetchesTheFullZip) {
     installShopAt(1, siteA());
-    const std::string v2 =
-        zipWith(sizedListOf(siteB(), {"css/app.css"}), {{"index.html", siteB().at("index.html")}});
-    configureShop(2, 1, v2, sizedZipOf(siteB()));
-    ASSERT_FALSE(update("shop", kTriggerTimer));
-    ASSERT_EQ(urls(), (std::vector<std::string>{"https://dl.test/shop/i/2.zip"}));
-    expectServes(siteB());
-    proxy_->requests.clear();
-    proxy_->clearRecords();
-
+    ASSERT_NO_FATAL_FAILURE(updateShopToB());
     // The third version's increment from the first lists no change at all.
-    const std::string v3 = zipWith(sizedListOf({}), {});
-    configureShop(3, 1, v3, sizedZipOf(siteA()));
-    const Error error = update("shop", kTriggerTimer);
+    const Error error = updateShop(3, {}, {}, siteA());
     ASSERT_FALSE(error) << error.message();
     EXPECT_EQ(urls(), (std::vector<std::string>{"https://dl.test/shop/i/3.zip",
                                                 "https://dl.test/shop/3.zip"}));
@@ -149,20 +155,12 @@ TEST_F(IntegrityTest, RevertIncrementThatWouldKeepAnotherVersionsBytesFetchesThe
 // base: the installed version cannot vouch for it, so the full zip is fetched.
 TEST_F(IntegrityTest, FileRemovedByTheInstalledVersionAndRestoredFetchesTheFullZip) {
     installShopAt(1, siteA());
-    const std::string v2 =
-        zipWith(sizedListOf(siteB(), {"css/app.css"}), {{"index.html", siteB().at("index.html")}});
-    configureShop(2, 1, v2, sizedZipOf(siteB()));
-    ASSERT_FALSE(update("shop", kTriggerTimer));
+    ASSERT_NO_FATAL_FAILURE(updateShopToB());
     EXPECT_EQ(read("css/app.css").error.code(), 3002);
-    proxy_->requests.clear();
-
     // Version 3 is B with the style sheet back; its increment from 1 lists only the page.
     PackFiles v3Files = siteB();
     v3Files["css/app.css"] = siteA().at("css/app.css");
-    const std::string v3 = zipWith(sizedListOf({{"index.html", v3Files.at("index.html")}}),
-                                   {{"index.html", v3Files.at("index.html")}});
-    configureShop(3, 1, v3, sizedZipOf(v3Files));
-    ASSERT_FALSE(update("shop", kTriggerTimer));
+    ASSERT_FALSE(updateShop(3, {{"index.html", v3Files.at("index.html")}}, {}, v3Files));
     EXPECT_EQ(urls().back(), "https://dl.test/shop/3.zip");
     expectServes(v3Files);
 }
@@ -173,14 +171,9 @@ TEST_F(IntegrityTest, FileChangedAndChangedBackIsNeverServedWithTheInstalledByte
     installShopAt(1, siteA());
     PackFiles v2Files = siteA();
     v2Files["js/app.js"] = "console.log('changed');";
-    configureShop(2, 1,
-                  zipWith(sizedListOf({{"js/app.js", v2Files.at("js/app.js")}}),
-                          {{"js/app.js", v2Files.at("js/app.js")}}),
-                  sizedZipOf(v2Files));
-    ASSERT_FALSE(update("shop", kTriggerTimer));
+    ASSERT_FALSE(updateShop(2, {{"js/app.js", v2Files.at("js/app.js")}}, {}, v2Files));
     expectServes(v2Files);
-    configureShop(3, 1, zipWith(sizedListOf({}), {}), sizedZipOf(siteA()));
-    ASSERT_FALSE(update("shop", kTriggerTimer));
+    ASSERT_FALSE(updateShop(3, {}, {}, siteA()));
     expectServes(siteA());
 }
 
@@ -312,21 +305,15 @@ TEST_F(IntegrityTest, EmptyFileArrivesAndIsKeptThroughAnIncrement) {
     ASSERT_NO_FATAL_FAILURE(installShopAt(1, siteA()));
     PackFiles v2Files = siteA();
     v2Files["css/empty.css"] = "";
-    configureShop(2, 1, zipWith(sizedListOf({{"css/empty.css", ""}}), {{"css/empty.css", ""}}),
-                  sizedZipOf(v2Files));
-    ASSERT_FALSE(update("shop", kTriggerTimer));
+    ASSERT_FALSE(updateShop(2, {{"css/empty.css", ""}}, {}, v2Files));
     EXPECT_EQ(urls(), (std::vector<std::string>{"https://dl.test/shop/i/2.zip"}));
     expectServes(v2Files);
     // Version 3 changes the page only: the empty file is kept from version 2.
     PackFiles v3Files = v2Files;
     v3Files["index.html"] = "<title>v3</title>";
-    configureShop(
-        3, 1,
-        zipWith(sizedListOf({{"index.html", v3Files.at("index.html")}, {"css/empty.css", ""}}),
-                {{"index.html", v3Files.at("index.html")}, {"css/empty.css", ""}}),
-        sizedZipOf(v3Files));
     proxy_->requests.clear();
-    ASSERT_FALSE(update("shop", kTriggerTimer));
+    ASSERT_FALSE(updateShop(3, {{"index.html", v3Files.at("index.html")}, {"css/empty.css", ""}},
+                            {}, v3Files));
     EXPECT_EQ(urls(), (std::vector<std::string>{"https://dl.test/shop/i/3.zip"}));
     expectServes(v3Files);
 }
