@@ -259,13 +259,17 @@ bool Preload::install(const std::string& file, bool checkInstalled) {
             publish(plan);
         }
         if (!plan.empty()) {
-            SCache::mutate([&](FConfig& config) {
-                for (auto& [name, planned] : plan) {
-                    config.mergePack(planned.pack);
-                    config.setInstalled(name, kTriggerNone, planned.pack->seq,
-                                        planned.pack->baseSeq, planned.size, true);
-                }
-            });
+            // Durable: the store already says that this app version installed the zip, so a
+            // commit lost to a power cut would never be made again.
+            SCache::mutate(
+                [&](FConfig& config) {
+                    for (auto& [name, planned] : plan) {
+                        config.mergePack(planned.pack);
+                        config.setInstalled(name, kTriggerNone, planned.pack->seq,
+                                            planned.pack->baseSeq, planned.size, true);
+                    }
+                },
+                Durability::Durable);
             installed = plan.size();
         }
     }
