@@ -235,8 +235,10 @@ bool buildIncrementSince(const std::vector<PackListing>& since, const PackConten
     const PackListing& base = since.front();
     IncrementSummary found;
     std::vector<std::string> paths;
-    for (const auto& [path, data] : current.files) {
-        const std::string md5 = FerritCore::Digest::md5Hex(data);
+    for (const auto& entry : current.files) {
+        // A named reference, not a structured binding: the lambda below captures it.
+        const std::string& path = entry.first;
+        const std::string md5 = FerritCore::Digest::md5Hex(entry.second);
         const bool sameEverywhere = std::all_of(since.begin(), since.end(), [&](const auto& list) {
             const auto file = list.find(path);
             return file != list.end() && file->second.md5 == md5;
