@@ -66,6 +66,27 @@ char typeLetter(const Pack& pack) {
     }
 }
 
+// A file is served only as its signed list states it. An empty file is content when the list
+// names it empty, and damage otherwise (the read's own 1103); a file of another length than the
+// list's is treated as a missing one (3109), so that the pack is installed again and the host goes
+// to the network meanwhile. `content` is emptied when the file is refused.
+// `fileOf` gives the file's folder, which a hit does not otherwise need and which is made only
+// when the file is refused.
+template <typename FileOf>
+void checkContent(const std::string& matchText, const ResourceRecord& record, const FileOf& fileOf,
+                  std::string& content, Error& error) {
+    if (Errors::isNoData(error) && record.isEmptyFile()) error.clear();
+    if (error || record.fits(content.size())) return;
+    const Folder& file = fileOf();
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kRead)
+        .event("sizeMismatch")
+        .append("path", file.describe())
+        .append("size", static_cast<uint64_t>(content.size()))
+        .append("expected", record.size);
+    error = Errors::packFileNotFound(matchText, file);
+    content.clear();
+}
+
 }  // namespace
 
 void postReinstall(const std::string& packName) {
@@ -258,13 +279,16 @@ bool PackPart::fileExists() const {
 
 bool PackPart::readFile() {
     const double start = readStart > 0 ? readStart : MRLCurrentClock();
+    const auto fileOf = [this]() -> const Folder& { return file(); };
     // What the match opened is read, unless the file lost its last link since (it was removed
     // or replaced): the file is read as it is when it is read. Any failure, that one included,
     // reads the whole path again, which gives each failure its own error.
-    if (opened_.readAndClose(content) != 0 || content.empty()) {
+    if (opened_.readAndClose(content) != 0 || (content.empty() && !record->isEmptyFile())) {
         content = Folder::readFile(file(), error);
+        checkContent(name, *record, fileOf, content, error);
     } else {
         error.clear();
+        checkContent(name, *record, fileOf, content, error);
     }
     readEnd = MRLCurrentClock();
     readFileTime = readEnd - start;
@@ -278,7 +302,8 @@ ReadStatus PackPart::read() {
         return ReadStatus::NeedAsync;
     }
     if (readFile()) return ReadStatus::Done;
-    if (Errors::isFileMissing(error) && match->pack) postReinstall(match->pack->name);
+    if ((Errors::isFileMissing(error) || Errors::isPackFileNotFound(error)) && match->pack)
+        postReinstall(match->pack->name);
     return ReadStatus::Failed;
 }
 
@@ -310,6 +335,7 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
     }
     Folder::readFileAsync(file(), [self, this, readId, start, callback = std::move(callback)](
                                       std::string data, Error e) {
+        const auto fileOf = [this]() -> const Folder& { return file(); };
         readFileTime = MRLCurrentClock() - start;
         {
             MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kRead);
@@ -321,6 +347,7 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
                 if (e) log.error(e);
             }
         }
+        if (!e && record) checkContent(name, *record, fileOf, data, e);
         if (!e) {
             content = std::move(data);
             error.clear();
@@ -348,8 +375,10 @@ void PackPart::tryBackup(bool retry, Callback callback) {
             return;
         }
         const double start = MRLCurrentClock();
-        content =
-            Folder::readFile(backup->pack->installedFolder().childOf(backupRecord->path), error);
+        const Folder backupFile = backup->pack->installedFolder().childOf(backupRecord->path);
+        content = Folder::readFile(backupFile, error);
+        checkContent(
+            name, *backupRecord, [&]() -> const Folder& { return backupFile; }, content, error);
         readFileTime += MRLCurrentClock() - start;
         if (error) postReinstall(backup->pack->name);
         callback(self);

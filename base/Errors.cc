@@ -252,6 +252,11 @@ Error fileVerifyMd5(const Folder& file, const std::string& md5, const std::strin
                  file.describe().c_str(), md5.c_str(), expected.c_str());
 }
 
+Error fileVerifySize(const Folder& file, unsigned long long size, unsigned long long expected) {
+    return Error(1106, "file \"%s\" verify failed: size %llu different with expectation %llu",
+                 file.describe().c_str(), size, expected);
+}
+
 Error fileDeserialization(const Folder& file) {
     return Error(1107, "file \"%s\" deserialization failed", file.describe().c_str());
 }

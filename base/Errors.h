@@ -58,7 +58,9 @@ Error storageCreateMeta(const std::string& storage, std::string_view key,
 Error assetReadonly(const Folder& file);                                // 1105
 Error fileVerifySignature(const Folder& file, const std::string& md5);  // 1106
 Error fileVerifyMd5(const Folder& file, const std::string& md5,
-                    const std::string& expected);                                   // 1106
+                    const std::string& expected);  // 1106
+Error fileVerifySize(const Folder& file, unsigned long long size,
+                     unsigned long long expected);                                  // 1106
 Error fileDeserialization(const Folder& file);                                      // 1107
 Error fileDeserialization(const Folder& file, const std::string& reason);           // 1107
 Error readAsyncOnly(const Folder& file);                                            // 1108
@@ -123,15 +125,26 @@ Error initStoreFailed(const std::string& path, int status);    // 9997
 // The codes that callers tell apart; every other code is only reported.
 enum Code : int32_t {
     kFileNotExists = 1101,
+    kNoData = 1103,
     kReadAsyncOnly = 1108,
     kNotFerritResource = 3001,
     kDisabled = 3003,
+    kPackFileNotFound = 3109,
     kResourceExpired = 3115,
 };
 
 // Predicates.
 inline bool isFileMissing(const Error& e) {
     return e.code() == kFileNotExists;
+}
+// A file that read empty: damage, unless its list names it empty.
+inline bool isNoData(const Error& e) {
+    return e.code() == kNoData;
+}
+// A file of an installed pack that is gone or no longer what its list says: the pack is
+// reinstalled.
+inline bool isPackFileNotFound(const Error& e) {
+    return e.code() == kPackFileNotFound;
 }
 // Nothing serves this URL, so the matcher logs it at a lower level.
 inline bool isNotServed(const Error& e) {

@@ -122,6 +122,18 @@ std::function<std::string(const std::string&)>& recoder() {
 // Set by crash tests only, before other threads run.
 FileUtil::StepHook stepHook = nullptr;
 
+FileUtil::Calls systemCalls;
+// Replaced by power-cut tests only, before other threads run.
+FileUtil::Calls* calls = &systemCalls;
+
+// Whether an fopen mode changes the file: creates, truncates or appends.
+bool writesWith(const char* mode) {
+    for (const char* c = mode; *c != '\0'; ++c) {
+        if (*c == 'w' || *c == 'a' || *c == '+') return true;
+    }
+    return false;
+}
+
 inline void step() {
     if (stepHook != nullptr) stepHook();
 }
@@ -204,7 +216,8 @@ int FileUtil::open(const std::string& path, const char* mode, FILE** file) {
     *file = nullptr;
     if (mode == nullptr) return EINVAL;
     return withRetry(path, [&](const std::string& p) {
-        *file = std::fopen(p.c_str(), mode);
+        *file =
+            writesWith(mode) ? calls->openForWrite(p.c_str(), mode) : std::fopen(p.c_str(), mode);
         return *file != nullptr ? 0 : lastError();
     });
 }
@@ -232,7 +245,7 @@ int FileUtil::readSize(FILE* file, size_t size, std::string& out) {
 int FileUtil::write(FILE* file, std::string_view data) {
     if (file == nullptr || data.empty()) return -1;
     step();
-    const size_t n = std::fwrite(data.data(), 1, data.size(), file);
+    const size_t n = calls->write(file, data.data(), data.size());
     return n == data.size() ? 0 : lastError();
 }
 
@@ -329,6 +342,14 @@ int FileUtil::writeFile(const std::string& path, std::string_view data) {
     return result;
 }
 
+int FileUtil::writeEmptyFile(const std::string& path) {
+    step();
+    FILE* file = nullptr;
+    int result = open(path, "wb+", &file);
+    if (result != 0) return result;
+    return std::fclose(file) != 0 ? lastError() : 0;
+}
+
 int FileUtil::appendFile(const std::string& path, std::string_view data) {
     step();
     FILE* file = nullptr;
@@ -352,39 +373,38 @@ bool FileUtil::isDirectory(const std::string& path) {
 int FileUtil::remove(const std::string& path) {
     step();
     return withRetry(
-        path, [](const std::string& p) { return std::remove(p.c_str()) == 0 ? 0 : lastError(); });
+        path, [](const std::string& p) { return calls->remove(p.c_str()) == 0 ? 0 : lastError(); });
 }
 
 int FileUtil::rename(const std::string& from, const std::string& to) {
     if (from.empty() || to.empty()) return -1;
     step();
-    if (std::rename(from.c_str(), to.c_str()) == 0) return 0;
+    if (calls->rename(from.c_str(), to.c_str()) == 0) return 0;
     const int result = lastError();
     const std::string recodedFrom = recoder()(from);
     const std::string recodedTo = recoder()(to);
     if (recodedFrom.empty() || recodedTo.empty() || (recodedFrom == from && recodedTo == to))
         return result;
-    return std::rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError();
+    return calls->rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError();
 }
 
 int FileUtil::link(const std::string& from, const std::string& to) {
     if (from.empty() || to.empty()) return -1;
     step();
-    return ::link(from.c_str(), to.c_str()) == 0 ? 0 : lastError();
+    return calls->link(from.c_str(), to.c_str()) == 0 ? 0 : lastError();
 }
 
 int FileUtil::exchange(const std::string& a, const std::string& b) {
     if (a.empty() || b.empty()) return -1;
     step();
-    return ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0
-               ? 0
-               : lastError();
+    return calls->exchange(a.c_str(), b.c_str()) == 0 ? 0 : lastError();
 }
 
 int FileUtil::makeDirectory(const std::string& path) {
     step();
-    return withRetry(
-        path, [](const std::string& p) { return ::mkdir(p.c_str(), 0700) == 0 ? 0 : lastError(); });
+    return withRetry(path, [](const std::string& p) {
+        return calls->makeDirectory(p.c_str(), 0700) == 0 ? 0 : lastError();
+    });
 }
 
 int FileUtil::makeDirectories(const std::string& path) {
@@ -403,8 +423,9 @@ int FileUtil::makeDirectories(const std::string& path) {
 
 int FileUtil::removeDirectory(const std::string& path) {
     step();
-    return withRetry(
-        path, [](const std::string& p) { return ::rmdir(p.c_str()) == 0 ? 0 : lastError(); });
+    return withRetry(path, [](const std::string& p) {
+        return calls->removeDirectory(p.c_str()) == 0 ? 0 : lastError();
+    });
 }
 
 int FileUtil::removeTree(const std::string& path) {
@@ -414,12 +435,12 @@ int FileUtil::removeTree(const std::string& path) {
             removeTree(child);
         } else {
             step();
-            std::remove(child.c_str());
+            calls->remove(child.c_str());
         }
     });
     if (opened != 0) return opened;
     step();
-    ::rmdir(base.c_str());
+    calls->removeDirectory(base.c_str());
     return 0;
 }
 
@@ -430,6 +451,95 @@ int FileUtil::listDirectory(const std::string& path, std::vector<std::string>& n
         if (directory) child.push_back('/');
         names.push_back(std::move(child));
     });
+}
+
+int FileUtil::syncFile(const std::string& path) {
+    int fd = -1;
+    const int opened = withRetry(path, [&](const std::string& p) {
+        fd = retryOnInterrupt([&] { return ::open(p.c_str(), O_RDONLY | O_CLOEXEC); });
+        return fd >= 0 ? 0 : lastError();
+    });
+    if (opened != 0) return opened;
+    const int result = syncDescriptor(fd);
+    ::close(fd);
+    return result;
+}
+
+int FileUtil::startWriteback(const std::string& path) {
+    int fd = -1;
+    const int opened = withRetry(path, [&](const std::string& p) {
+        fd = retryOnInterrupt([&] { return ::open(p.c_str(), O_RDONLY | O_CLOEXEC); });
+        return fd >= 0 ? 0 : lastError();
+    });
+    if (opened != 0) return opened;
+    const int result = ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE) == 0 ? 0 : lastError();
+    ::close(fd);
+    return result;
+}
+
+int FileUtil::syncDescriptor(int fd) {
+    if (fd < 0) return -1;
+    step();
+    return retryOnInterrupt([&] { return calls->syncData(fd); }) == 0 ? 0 : lastError();
+}
+
+int FileUtil::syncDirectory(const std::string& path) {
+    int fd = -1;
+    const int opened = withRetry(path, [&](const std::string& p) {
+        fd =
+            retryOnInterrupt([&] { return ::open(p.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+        return fd >= 0 ? 0 : lastError();
+    });
+    if (opened != 0) return opened;
+    step();
+    const int result =
+        retryOnInterrupt([&] { return calls->syncDirectory(fd); }) == 0 ? 0 : lastError();
+    ::close(fd);
+    return result;
+}
+
+FILE* FileUtil::Calls::openForWrite(const char* path, const char* mode) {
+    return std::fopen(path, mode);
+}
+
+size_t FileUtil::Calls::write(FILE* file, const void* data, size_t size) {
+    return std::fwrite(data, 1, size, file);
+}
+
+int FileUtil::Calls::rename(const char* from, const char* to) {
+    return std::rename(from, to);
+}
+
+int FileUtil::Calls::exchange(const char* a, const char* b) {
+    return ::renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE);
+}
+
+int FileUtil::Calls::link(const char* from, const char* to) {
+    return ::link(from, to);
+}
+
+int FileUtil::Calls::makeDirectory(const char* path, mode_t mode) {
+    return ::mkdir(path, mode);
+}
+
+int FileUtil::Calls::remove(const char* path) {
+    return std::remove(path);
+}
+
+int FileUtil::Calls::removeDirectory(const char* path) {
+    return ::rmdir(path);
+}
+
+int FileUtil::Calls::syncData(int fd) {
+    return ::fdatasync(fd);
+}
+
+int FileUtil::Calls::syncDirectory(int fd) {
+    return ::fsync(fd);
+}
+
+void FileUtil::setCalls(Calls* replacement) {
+    calls = replacement != nullptr ? replacement : &systemCalls;
 }
 
 void FileUtil::setStepHook(StepHook hook) {

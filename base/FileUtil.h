@@ -15,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/types.h>
+
 namespace FerritCore {
 
 // Retries a system call that a signal interrupted.
@@ -70,6 +72,9 @@ class FileUtil {
     static int appendRead(int fd, std::string& out, size_t count);
     // Mode "wb+": truncates, then writes. A failed write leaves the truncated file.
     static int writeFile(const std::string& path, std::string_view data);
+    // Creates `path` as an empty file, or empties it: the write of a file whose content is known
+    // to be nothing, which writeFile refuses.
+    static int writeEmptyFile(const std::string& path);
     // Mode "ab+".
     static int appendFile(const std::string& path, std::string_view data);
     static bool isFile(const std::string& path);
@@ -96,6 +101,49 @@ class FileUtil {
     // Entries joined to `path` (with one "/" between), "." and ".." left out, directories with a
     // trailing "/". `names` is cleared first.
     static int listDirectory(const std::string& path, std::vector<std::string>& names);
+
+    // fdatasync of the file at `path`: its data, and the size that reads it, reach the disk
+    // before this returns. A file's data is not made durable by its close.
+    static int syncFile(const std::string& path);
+    // fdatasync of an open descriptor.
+    static int syncDescriptor(int fd);
+    // Starts writing the file's dirty data to the disk and returns without waiting: a hint, which
+    // makes nothing durable, so that a later syncFile of many files waits for writes that are
+    // already under way rather than issuing them one file at a time.
+    static int startWriteback(const std::string& path);
+    // fsync of a directory: the entries made, renamed into it or linked there since its last sync
+    // outlive a power cut. A file's new name is durable only once the directory holding it is
+    // synced, however well its data was.
+    static int syncDirectory(const std::string& path);
+
+    // The system calls beneath every primitive that changes the disk or makes a change durable
+    // (create or truncate and write, rename, exchange, link, mkdir, remove, rmdir, and the syncs).
+    // The default hands each straight to the system. A test installs its own to watch each change,
+    // remember which are durable and refuse all of them after a simulated power cut. Each answers
+    // as the system call does: 0, or -1 with errno set (openForWrite: null with errno set).
+    class Calls {
+      public:
+        virtual ~Calls() = default;
+        // fopen with a mode that creates, truncates or appends.
+        virtual FILE* openForWrite(const char* path, const char* mode);
+        // fwrite; a short count with errno set on failure.
+        virtual size_t write(FILE* file, const void* data, size_t size);
+        virtual int rename(const char* from, const char* to);
+        // renameat2 with RENAME_EXCHANGE.
+        virtual int exchange(const char* a, const char* b);
+        virtual int link(const char* from, const char* to);
+        virtual int makeDirectory(const char* path, mode_t mode);
+        // remove(3): a file, or an empty directory.
+        virtual int remove(const char* path);
+        virtual int removeDirectory(const char* path);
+        // fdatasync.
+        virtual int syncData(int fd);
+        // fsync of a descriptor opened on a directory.
+        virtual int syncDirectory(int fd);
+    };
+    // Installs `calls` (null: the system's). The caller keeps it alive while installed. Not
+    // thread-safe: install before any other thread runs.
+    static void setCalls(Calls* calls);
 
     // Crash tests end the process between any two changes of the file system. The hook runs just
     // before each one: a file created or truncated, its bytes written, a rename, an exchange, a

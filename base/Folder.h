@@ -99,6 +99,10 @@ class Folder {
     // failure is 1104 (empty content fails with -1 and leaves an empty file). Creates no
     // directory: the caller runs ensureParent. Success clears `error`.
     static bool writeFile(const Folder& file, std::string_view content, Error& error);
+    // As writeFile, but empty content makes an empty file rather than a failure: for content whose
+    // emptiness is known to be right (a signed list names the file empty, an archive's entry has
+    // no bytes).
+    static bool writeContent(const Folder& file, std::string_view content, Error& error);
     // Disk to Disk only (1104 otherwise): ensureParent of `to`, then rename; failure is 1104
     // about `to`. Success clears `error`.
     static void renameTo(const Folder& from, const Folder& to, Error& error);

@@ -324,6 +324,17 @@ bool Folder::writeFile(const Folder& file, std::string_view content, Error& erro
     return true;
 }
 
+bool Folder::writeContent(const Folder& file, std::string_view content, Error& error) {
+    if (!content.empty() || file.kind() != FolderKind::Disk) return writeFile(file, content, error);
+    const int result = FileUtil::writeEmptyFile(file.absolute());
+    if (result != 0) {
+        error = Errors::fileWrite(file, result);
+        return false;
+    }
+    error.clear();
+    return true;
+}
+
 void Folder::renameTo(const Folder& from, const Folder& to, Error& error) {
     if (from.kind() != FolderKind::Disk || to.kind() != FolderKind::Disk) {
         error = Errors::renameDiskOnly(from, to);

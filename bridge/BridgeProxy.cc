@@ -6,10 +6,15 @@
 
 #include "base/AssetProvider.h"
 #include "base/Errors.h"
+#include "base/LogTags.h"
 #include "base/ProcessState.h"
+#include "marl/Log.h"
 
 namespace FerritCore {
 namespace {
+
+// What the host reads in the log when a signed list or document was not signed by its key.
+constexpr std::string_view kSignatureRejected = "signature does not verify";
 
 struct PendingSet {
     Mutex mutex;
@@ -39,8 +44,9 @@ bool setProperty(napi_env env, napi_value object, const char* key, napi_value va
 
 }  // namespace
 
-BridgeProxy::BridgeProxy(std::shared_ptr<NAPI::Bridge> bridge, const std::string& rawFileFolder)
-    : bridge_(std::move(bridge)) {
+BridgeProxy::BridgeProxy(std::shared_ptr<NAPI::Bridge> bridge, const std::string& rawFileFolder,
+                         std::shared_ptr<const Ed25519PublicKey> publicKey)
+    : bridge_(std::move(bridge)), publicKey_(std::move(publicKey)) {
     if (!rawFileFolder.empty()) rawFiles_ = std::make_unique<RawFileProvider>(rawFileFolder);
 }
 
@@ -101,8 +107,15 @@ size_t BridgeProxy::pendingCount() {
     return set.live.size();
 }
 
-bool BridgeProxy::verifySignature(const std::string&, const std::string&) {
-    return true;
+bool BridgeProxy::verifySignature(const std::string& md5Hex, const std::string& signature) {
+    if (publicKey_ == nullptr) return true;
+    if (publicKey_->verify(md5Hex, signature)) return true;
+    // The caller fails the list or document with its own error, which names the file or URL.
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kBridge)
+        .event("verifySignature")
+        .append("message", kSignatureRejected)
+        .append("md5", md5Hex);
+    return false;
 }
 
 void BridgeProxy::sendEvent(const PerfRecord&) {}

@@ -15,6 +15,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "base/Ed25519PublicKey.h"
 #include "base/Proxy.h"
 #include "bridge/Napi.h"
 #include "support/Mutex.h"
@@ -31,12 +32,15 @@ struct PendingRequest {
 class BridgeProxy : public Proxy {
   public:
     // `rawFileFolder` empty: the host gave no raw-file access, and the asset operations answer as
-    // without a resource manager.
-    BridgeProxy(std::shared_ptr<NAPI::Bridge> bridge, const std::string& rawFileFolder);
+    // without a resource manager. `publicKey` is the publisher's key that every signature is
+    // checked with; null only for a host that opened with insecureNoSignatureCheck.
+    BridgeProxy(std::shared_ptr<NAPI::Bridge> bridge, const std::string& rawFileFolder,
+                std::shared_ptr<const Ed25519PublicKey> publicKey);
     ~BridgeProxy() override;
 
     void sendRequest(const ProxyRequest& request, ProxyCompletion completion) override;
-    // The host verifies nothing through this interface: every signature is taken.
+    // Whether the publisher's key signed `md5Hex`; a signature that does not verify is logged as
+    // such, in those words, for the host to read. Without a key every signature is taken.
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
     void sendEvent(const PerfRecord& record) override;
     bool takesEvents() const override { return false; }
@@ -53,7 +57,8 @@ class BridgeProxy : public Proxy {
 
   private:
     std::shared_ptr<NAPI::Bridge> bridge_;
-    std::unique_ptr<RawFileProvider> rawFiles_;  // null without a raw-file folder
+    std::unique_ptr<RawFileProvider> rawFiles_;          // null without a raw-file folder
+    std::shared_ptr<const Ed25519PublicKey> publicKey_;  // immutable; null checks nothing
 };
 
 // Script thread: the object "sendRequest" receives, with "url", and "timeout", "tempFilePath" and

@@ -1,7 +1,8 @@
 // The native module "ferritcore": its registration, Init, and the eighteen natives. Every native
 // runs on the script thread; those marked "async" copy their arguments and hand the work to the
 // engine's work pool. A missing or mistyped required argument makes a native return undefined
-// (false for setProxyNative) with no effect.
+// (false for setProxyNative) with no effect; setProxyNative also returns false for a host object
+// that carries no usable publisher's key and does not opt out of signature checks.
 #include <node_api.h>
 
 #include <charconv>
@@ -18,6 +19,7 @@
 #include "base/ProcessState.h"
 #include "base/Telemetry.h"
 #include "bridge/BridgeProxy.h"
+#include "bridge/HostKey.h"
 #include "bridge/HostValues.h"
 #include "bridge/Napi.h"
 #include "ferritcore/Access.h"
@@ -128,11 +130,28 @@ napi_value setProxyNative(napi_env env, napi_callback_info info) {
         MutexLock lock(state().mutex);
         if (state().proxySet) return NAPI::toBool(env, true);
     }
+    if (!NAPI::isObject(env, args[0])) return NAPI::toBool(env, false);
+    // Nothing opens unless the host says whose signatures to trust, or says explicitly that it
+    // trusts everything (the package's entry point turns these refusals into errors with words).
+    HostKey hostKey = readHostKey(env, args[0]);
+    if (!hostKey.opens()) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kBridge)
+            .event("setProxy")
+            .append("publicKey", hostKeyStateName(hostKey.state))
+            .append("reason", hostKey.reason);
+        return NAPI::toBool(env, false);
+    }
     std::shared_ptr<NAPI::Bridge> bridge = NAPI::Bridge::create(env, args[0]);
     if (!bridge) return NAPI::toBool(env, false);
     // The raw-file folder stands in for the resource manager; anything but a string is none.
     const std::string rawFiles = NAPI::toString(env, args[2]).value_or(std::string());
-    auto proxy = std::make_shared<BridgeProxy>(bridge, rawFiles);
+    if (hostKey.state == HostKey::State::Insecure) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kBridge)
+            .event("setProxy")
+            .append("publicKey", hostKeyStateName(hostKey.state))
+            .append("reason", "insecureNoSignatureCheck: no signature is checked");
+    }
+    auto proxy = std::make_shared<BridgeProxy>(bridge, rawFiles, std::move(hostKey.key));
     {
         MutexLock lock(state().mutex);
         if (state().proxySet) return NAPI::toBool(env, true);
@@ -388,6 +407,43 @@ napi_value inspectNative(napi_env env, napi_callback_info info) {
     return undefinedOf(env);
 }
 
+// ---- The check of a host object's key, for the package's entry point: (host) -> {state, reason}.
+
+napi_value hostKeyNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
+    const HostKey hostKey = args.empty() ? HostKey() : readHostKey(env, args[0]);
+    napi_value result = nullptr;
+    if (napi_create_object(env, &result) != napi_ok ||
+        napi_set_named_property(env, result, "state",
+                                NAPI::toString(env, hostKeyStateName(hostKey.state))) != napi_ok ||
+        napi_set_named_property(env, result, "reason", NAPI::toString(env, hostKey.reason)) !=
+            napi_ok) {
+        NAPI::throwLastError(env);
+        return nullptr;
+    }
+    return result;
+}
+
+// Defines `callback` on the exports under the registered symbol `key`, so that the module's own
+// names stay the eighteen natives. Failures leave the property out.
+void defineSymbolMethod(napi_env env, napi_value exports, const char* key, const char* name,
+                        napi_callback callback) {
+    napi_value global = nullptr, symbolObject = nullptr, symbolFor = nullptr, symbol = nullptr;
+    napi_value keyName = NAPI::toString(env, key);
+    napi_value function = nullptr;
+    if (keyName != nullptr && napi_get_global(env, &global) == napi_ok &&
+        (symbolObject = NAPI::getProperty(env, global, "Symbol")) != nullptr &&
+        (symbolFor = NAPI::getProperty(env, symbolObject, "for")) != nullptr &&
+        napi_call_function(env, symbolObject, symbolFor, 1, &keyName, &symbol) == napi_ok &&
+        napi_create_function(env, name, NAPI_AUTO_LENGTH, callback, nullptr, &function) ==
+            napi_ok) {
+        const napi_property_descriptor property = {nullptr, symbol,   nullptr,      nullptr,
+                                                   nullptr, function, napi_default, nullptr};
+        napi_define_properties(env, exports, 1, &property);
+    }
+    NAPI::clearException(env);
+}
+
 napi_value Init(napi_env env, napi_value exports) {
     // The order is part of the interface.
     const napi_property_descriptor natives[] = {
@@ -418,22 +474,10 @@ napi_value Init(napi_env env, napi_value exports) {
         NAPI::clearException(env);
         return exports;
     }
-    // The inspection channel is the logging library's door, not one of the natives: it is keyed
-    // by a registered symbol so that the module's own names stay the eighteen.
-    napi_value global = nullptr, symbolObject = nullptr, symbolFor = nullptr, key = nullptr;
-    napi_value keyName = NAPI::toString(env, "ferritcore.inspect");
-    napi_value function = nullptr;
-    if (keyName != nullptr && napi_get_global(env, &global) == napi_ok &&
-        (symbolObject = NAPI::getProperty(env, global, "Symbol")) != nullptr &&
-        (symbolFor = NAPI::getProperty(env, symbolObject, "for")) != nullptr &&
-        napi_call_function(env, symbolObject, symbolFor, 1, &keyName, &key) == napi_ok &&
-        napi_create_function(env, "inspect", NAPI_AUTO_LENGTH, inspectNative, nullptr, &function) ==
-            napi_ok) {
-        const napi_property_descriptor channel = {nullptr, key,      nullptr,      nullptr,
-                                                  nullptr, function, napi_default, nullptr};
-        napi_define_properties(env, exports, 1, &channel);
-    }
-    NAPI::clearException(env);
+    // The inspection channel is the logging library's door and the key check the entry point's,
+    // neither one of the natives.
+    defineSymbolMethod(env, exports, "ferritcore.inspect", "inspect", inspectNative);
+    defineSymbolMethod(env, exports, "ferritcore.hostKey", "hostKey", hostKeyNative);
     return exports;
 }
 

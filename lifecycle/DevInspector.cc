@@ -280,7 +280,8 @@ void DevInspector::clear() {
 
     // An empty document, committed so that a restart does not bring the packs back.
     SCache::publish(std::make_shared<FConfig>());
-    TaskRunner::post([] { SCache::commit(*SCache::current()); });
+    // Logged by the commit itself; a failure leaves the packs to the next start's recovery.
+    TaskRunner::post([] { (void)SCache::commit(*SCache::current()); });
     ResourceIndexPool::clear();
     Folder::removeFile(packFolder(), true);
     PacksStore::instance().removeByPrefix("");

@@ -4,9 +4,9 @@
 
 namespace FerritCore {
 
-Error PacksConfigStorage::writeConfig(const std::string& text) {
+Error PacksConfigStorage::writeConfig(const std::string& text, Durability durability) {
     Error error;
-    PacksStore::instance().writeConfig(text, error);
+    PacksStore::instance().writeConfig(text, error, durability);
     return error;
 }
 

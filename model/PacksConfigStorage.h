@@ -8,7 +8,7 @@ namespace FerritCore {
 
 class PacksConfigStorage : public ConfigStorage {
   public:
-    Error writeConfig(const std::string& text) override;
+    Error writeConfig(const std::string& text, Durability durability) override;
     void removeFolder(const Folder& folder) override;
     void wipeInstalled() override;
 };

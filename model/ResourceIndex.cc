@@ -18,6 +18,29 @@ namespace FerritCore {
 
 using MarlLogger::json::JSON;
 
+namespace {
+
+// The key of a record that states the file's length; lists written before it have none.
+constexpr std::string_view kSizeKey = "size";
+
+// A size is a whole number of bytes; anything else in a signed list is a publisher's fault that
+// would make every read of the file look damaged.
+bool readSize(const JSON& value, uint64_t& size) {
+    switch (value.type()) {
+        case MarlLogger::json::Type::UInt:
+            size = value.uint64Value();
+            return size != ResourceRecord::kUnknownSize;
+        case MarlLogger::json::Type::Int:
+            if (value.int64Value() < 0) return false;
+            size = value.uint64Value();
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
 ResourceIndex::ResourceIndex(std::string name, Error error)
     : name_(std::move(name)), error_(std::move(error)) {}
 
@@ -139,6 +162,13 @@ bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Fo
             continue;
         }
         if (removed_.count(record->path) != 0) continue;
+        if (const JSON* size = entry.objectValue().find(kSizeKey)) {
+            if (!readSize(*size, record->size)) {
+                fail(Errors::fileDeserialization(
+                    source, "size for \"" + record->path + "\" is not a count of bytes"));
+                return false;
+            }
+        }
         record->url = entry["url"].stringValue();
         for (const auto& [headerName, headerValue] : entry["header"].objectValue())
             record->header.emplace(headerName, headerValue.stringValue());
@@ -172,24 +202,36 @@ std::vector<std::string> ResourceIndex::urls() const {
     return std::vector<std::string>(unique.begin(), unique.end());
 }
 
+Error ResourceRecord::check(const Folder& file, std::string_view content) const {
+    if (content.empty() && !isEmptyFile()) return Errors::fileNoData(file);
+    if (!fits(content.size())) return Errors::fileVerifySize(file, content.size(), size);
+    const std::string digest = Digest::md5Hex(content);
+    if (digest != md5) return Errors::fileVerifyMd5(file, digest, md5);
+    return Error();
+}
+
+void ResourceIndex::forEachFile(
+    const std::function<void(const ResourceRecord& record)>& visit) const {
+    for (const auto& [key, record] : records_) {
+        // Each record is entered twice; its path entry is the one that names a file.
+        if (key == record->path) visit(*record);
+    }
+}
+
 bool ResourceIndex::verifyFiles(const Folder& folder, Error& error) const {
     if (error_) {
         error = error_;
         return false;
     }
+    error.clear();
     for (const auto& [key, record] : records_) {
-        // Each record is entered twice; its path entry is the one that names a file.
         if (key != record->path) continue;
         const Folder file = folder.childOf(record->path);
         std::string content = Folder::readFile(file, error);
+        if (Errors::isNoData(error)) error.clear();  // the record says whether empty is right
+        if (!error) error = record->check(file, content);
         if (error) return false;
-        const std::string md5 = Digest::md5Hex(content);
-        if (md5 != record->md5) {
-            error = Errors::fileVerifyMd5(file, md5, record->md5);
-            return false;
-        }
     }
-    error.clear();
     return true;
 }
 

@@ -3,6 +3,7 @@
 // pack and is safe from any thread (a recursive mutex guards its maps; an index is loaded once).
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,11 +25,34 @@ namespace FerritCore {
 inline constexpr std::string_view kIndexFileName = "app-res.hvc";
 inline constexpr std::string_view kIncrementIndexFileName = "app-res-incr.hvc";
 
+// The MD5 of no bytes: what a list names for an empty file when it states no sizes.
+inline constexpr std::string_view kEmptyMd5 = "d41d8cd98f00b204e9800998ecf8427e";
+
 struct ResourceRecord {
+    // A list written before lists carried sizes states none.
+    static constexpr uint64_t kUnknownSize = UINT64_MAX;
+
     std::string url;  // may be empty
     std::string md5;
     std::string path;  // the key in the index, leading "/" trimmed
     HeaderMap header;
+    // The file's length in bytes, the list's "size"; kUnknownSize when the list states none.
+    uint64_t size = kUnknownSize;
+
+    bool hasSize() const { return size != kUnknownSize; }
+    // Whether the list vouches for an empty file: a size of 0, or the MD5 of no bytes in a list
+    // without sizes. Any other file that reads empty is damaged.
+    bool isEmptyFile() const { return hasSize() ? size == 0 : md5 == kEmptyMd5; }
+    // Whether `length` bytes can be this file: the list's size, when it states one.
+    bool fits(uint64_t length) const { return !hasSize() || size == length; }
+    // Whether `content` is the file that this record vouches for: empty only where the list names
+    // an empty file (1103 otherwise), then the list's size and MD5 (1106). `file` names it in
+    // messages.
+    Error check(const Folder& file, std::string_view content) const;
+    // Whether `other` names the same bytes: the same MD5, and the same size where both state one.
+    bool sameFileAs(const ResourceRecord& other) const {
+        return md5 == other.md5 && (!hasSize() || !other.hasSize() || size == other.size);
+    }
 };
 
 class ResourceIndex {
@@ -75,14 +99,19 @@ class ResourceIndex {
     std::vector<std::string> urls() const;
     // Paths that an increment removed.
     const std::unordered_set<std::string>& removed() const { return removed_; }
-    // Reads every file of the index below `folder` and compares its MD5 with the record. The first
-    // failure stops: false with `error` set (the read error, or 1106 for a different MD5).
+    // Calls `visit` once with each record that names a file (each is entered twice for lookups).
+    void forEachFile(const std::function<void(const ResourceRecord& record)>& visit) const;
+    // Reads every file of the index below `folder` and compares its size and MD5 with the record.
+    // A file that reads empty passes only when the list names it empty. The first failure stops:
+    // false with `error` set (the read error, 1103 for a file that lost its content, or 1106 for
+    // a different size or MD5).
     bool verifyFiles(const Folder& folder, Error& error) const;
 
   private:
     // Adds the entries of a parsed table. A record without "v" hides its path when
     // `allowMissingMd5` (an increment), and otherwise fails the whole index with 1107; so does a
-    // path with a ".." piece, which could name a file outside the pack.
+    // path with a ".." piece, which could name a file outside the pack, and a "size" that is no
+    // count of bytes.
     bool addEntries(const MarlLogger::json::JSON& table, bool allowMissingMd5,
                     const Folder& source);
     // Reads, verifies and adds one index file; false when the index failed.

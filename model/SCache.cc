@@ -37,7 +37,8 @@ FConfigPtr SCache::current() {
 
 SCache::Snapshot::Snapshot() : Published<const FConfig>::Reader(state().current) {}
 
-FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
+FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change, Durability durability,
+                          Committed committed) {
     State& s = state();
     RecursiveLock lock(s.writers);
     const FConfigPtr previous = s.current.load();
@@ -45,8 +46,14 @@ FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change) {
     change(*copy);
     copy->rebuildIndexes(previous.get());
     FConfigPtr published = copy;
-    if ((copy->dirty || !copy->removed.empty()) && Environment::instance().isMainProcess())
-        TaskRunner::post([published] { commit(*published); });
+    if ((copy->dirty || !copy->removed.empty()) && Environment::instance().isMainProcess()) {
+        TaskRunner::post([published, durability, committed = std::move(committed)] {
+            const Error error = commit(*published, durability);
+            if (committed) committed(error);
+        });
+    } else if (committed) {
+        committed(Error());
+    }
     s.current.store(published);
     return published;
 }
@@ -61,11 +68,12 @@ void SCache::publish(std::shared_ptr<FConfig> document) {
     s.current.store(std::move(document));
 }
 
-void SCache::commit(const FConfig& document) {
+Error SCache::commit(const FConfig& document, Durability durability) {
     std::shared_ptr<ConfigStorage> storage = state().storage.load(std::memory_order_acquire);
-    if (!storage) return;
+    if (!storage) return Error();
+    Error error;
     if (document.dirty) {
-        const Error error = storage->writeConfig(document.serialize());
+        error = storage->writeConfig(document.serialize(), durability);
         if (error) {
             MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kSCache)
                 .event("commit")
@@ -74,6 +82,7 @@ void SCache::commit(const FConfig& document) {
         }
     }
     for (const PackPtr& pack : document.removed) storage->removeFolder(pack->installedFolder());
+    return error;
 }
 
 void SCache::wipeInstalled() {

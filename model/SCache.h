@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "base/Durability.h"
 #include "base/Folder.h"
 #include "base/Published.h"
 #include "ferritcore/Error.h"
@@ -19,8 +20,9 @@ class ConfigStorage {
   public:
     virtual ~ConfigStorage() = default;
     // Stores the serialised document under the key "config" of the packs store and, once it is
-    // stored, deletes the older copy "config/fconfig.config", which is never read again.
-    virtual Error writeConfig(const std::string& text) = 0;
+    // stored, deletes the older copy "config/fconfig.config", which is never read again. Durable:
+    // on the disk when this returns.
+    virtual Error writeConfig(const std::string& text, Durability durability) = 0;
     // Deletes an installed pack's folder, best effort.
     virtual void removeFolder(const Folder& folder) = 0;
     // Deletes "apps/" and the content of the packs store (the service environment changed).
@@ -41,15 +43,21 @@ class SCache {
     // Copies the current document, lets `change` edit the copy, rebuilds the indexes and swaps
     // the copy in atomically. In the main process, a change that set `dirty` or removed records
     // posts the commit to the task runner. Returns the new document. `change` must not block on
-    // the network.
-    static FConfigPtr mutate(const std::function<void(FConfig&)>& change);
+    // the network. A Durable commit is on the disk before any task posted after this call runs:
+    // what a change needs when something is deleted on the strength of it (a replaced version).
+    // `committed`, when given, is called on the worker with the commit's outcome once it has run
+    // (at once, with no error, when there is nothing for this process to commit).
+    using Committed = std::function<void(const Error& error)>;
+    static FConfigPtr mutate(const std::function<void(FConfig&)>& change,
+                             Durability durability = Durability::Ordinary,
+                             Committed committed = {});
     // Publishes `document` as it is (the load at start-up), indexes rebuilt.
     static void publish(std::shared_ptr<FConfig> document);
 
     // Writes a committed document and deletes the folders of its removed records: what the posted
-    // commit task runs. Failures are logged; the document stays in memory and the next dirty
-    // commit writes it again.
-    static void commit(const FConfig& document);
+    // commit task runs. Failures are logged and returned; the document stays in memory and the
+    // next dirty commit writes it again.
+    static Error commit(const FConfig& document, Durability durability = Durability::Ordinary);
     // Asks the storage to delete everything installed (see ConfigStorage::wipeInstalled).
     static void wipeInstalled();
     // Set once at start-up; without one, commits are only kept in memory.

@@ -1,7 +1,8 @@
 // Type declarations of the native module "ferritcore".
 //
 // Every native reads its arguments leniently: a required argument that is missing or of the wrong
-// type makes it return undefined (false for setProxyNative) and do nothing. Natives marked
+// type makes it return undefined (false for setProxyNative) and do nothing. The one exception is
+// the publisher's key on the host object of setProxyNative, which is refused with an Error. Natives marked
 // "queued" copy their arguments, hand the work to a worker pool and return at once.
 
 /// The error value that the host's `createError` makes; without a host object yet, a plain object.
@@ -32,8 +33,36 @@ export interface ProxyErrorObject {
   message: string;
 }
 
+/// A public key object of Node's crypto (`crypto.createPublicKey(...)`), read through its export.
+export interface PublicKeyObject {
+  readonly type: string;
+  export(options: { format: 'der'; type: 'spki' }): unknown;
+}
+
+/// The publisher's Ed25519 public key in any of the forms a host may hold it: the PEM text of the
+/// public key file that `ferrit keygen` writes, or the Buffer that fs.readFileSync gives of it; the
+/// 32 raw bytes as bytes or as base64 text; the SubjectPublicKeyInfo in DER (bytes or base64); or
+/// a public KeyObject.
+export type PublisherKey = string | ArrayBuffer | ArrayBufferView | PublicKeyObject;
+
 /// The host's bridge object, given to setProxyNative.
 export interface HostBridge {
+  /**
+   * The publisher's Ed25519 public key. Every signed resource list ("app-res.hvc" of a pack) and
+   * every configuration document (the global and each pack's configuration, pushed or shipped in
+   * a preload file) is checked with it before the library trusts it: the signature must be the
+   * key's Ed25519 signature of the lower-case hexadecimal MD5 of the signed text, as the
+   * publisher's tools sign. What does not verify is refused (the library keeps what it had and
+   * serves nothing from it) and logged with the words "signature does not verify". Required,
+   * unless insecureNoSignatureCheck is true.
+   */
+  publicKey?: PublisherKey;
+  /**
+   * Development only: with no publicKey, `true` (exactly) opens the cache with no signature
+   * checked at all, so that a tree signed by anybody, or not at all, is served. Ignored when a
+   * publicKey is given.
+   */
+  insecureNoSignatureCheck?: boolean;
   /** Sends a request; the host answers once with onSendRequestFinishedNative(id, ...). */
   sendRequest(request: ProxyRequestObject, id: string): unknown;
   /** Makes the error value handed back to the host's callbacks. */
@@ -78,7 +107,12 @@ export interface DefaultConfig {
   configUpdateInterval?: number;
 }
 
-/** 1. Sets the host object, the root folder and the raw-file folder, once per process (queued). */
+/**
+ * 1. Sets the host object, the root folder and the raw-file folder, once per process (queued).
+ * Throws an Error (code "FERRIT_NO_PUBLIC_KEY") whose message says how to pass a key when the host
+ * object has neither a publicKey nor insecureNoSignatureCheck: true, and one with the code
+ * "FERRIT_BAD_PUBLIC_KEY" when its publicKey is not an Ed25519 public key; nothing opens then.
+ */
 export function setProxyNative(bridge: HostBridge, rootPath: string, rawFileFolder: string | null | undefined): boolean;
 /** 2. The host's answer to a "sendRequest" (queued). */
 export function onSendRequestFinishedNative(id: string, response: ProxyResponseObject | unknown, error?: ProxyErrorObject | unknown): undefined;

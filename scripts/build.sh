@@ -1,8 +1,15 @@
 #!/usr/bin/env bash
 # Configures and builds one flavour of the tree: build.sh DIR [cmake options...]
+# Quiet when it succeeds; on a failure the end of the compiler's output is printed, so that a
+# red CI run says which file did not build and why.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=$1
 shift
-cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRIT_WERROR=ON "$@" >/dev/null
-ninja -C "$dir" >/dev/null
+mkdir -p "$dir"
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRIT_WERROR=ON "$@" \
+  >"$dir/configure.log" 2>&1 || { tail -n 60 "$dir/configure.log"; exit 1; }
+ninja -C "$dir" >"$dir/build.log" 2>&1 || {
+  grep -E -A 12 'FAILED|error:' "$dir/build.log" | head -n 80 || tail -n 60 "$dir/build.log"
+  exit 1
+}

@@ -11,8 +11,11 @@ sanitized=${2:-}
 for module in ferritcore ferritcore_probe; do
   [ -f "$build/node/$module.node" ] || { echo "test-node: $build/node/$module.node is missing" >&2; exit 1; }
 done
+# The signature tests publish their trees with the publisher's own tool.
+[ -x "$build/tools/ferrit" ] || { echo "test-node: $build/tools/ferrit is missing" >&2; exit 1; }
 export FERRITCORE_ADDON="$build/node/ferritcore.node"
 export FERRITCORE_PROBE="$build/node/ferritcore_probe.node"
+export FERRIT_TOOL="$build/tools/ferrit"
 export FERRIT_LOG_LEVEL=${FERRIT_LOG_LEVEL:-1}
 
 if [ "$sanitized" = "--sanitized" ]; then

@@ -344,14 +344,34 @@ int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
     return SQLITE_OK;
 }
 
-int KeyValueStore::insert(std::string_view key, std::string_view value) {
+int KeyValueStore::insert(std::string_view key, std::string_view value, Durability durability) {
     MutexLock lock(mutex_);
+    // A durable commit syncs the log as it commits (synchronous=FULL for this one commit), which
+    // also makes every earlier commit in the log durable: the files of a packed version, written
+    // by ordinary commits, are on the disk once the configuration that names them is. The other
+    // way, a checkpoint after an ordinary commit, copies the log into the database and syncs
+    // both. Measured over the packs store's layout (a 200 KB document committed behind 0.4 MB or
+    // 4 MB of ordinary commits, medians of 15 and 31 rounds, two runs): FULL 5.7-9.6 ms, the
+    // checkpoint 9.3-12.4 ms, an ordinary commit 0.5-0.6 ms. Switching the setting does no I/O.
+    const bool durable = durability == Durability::Durable;
+    if (durable) {
+        const int rc = execute(db_, "PRAGMA synchronous=FULL");
+        if (rc != SQLITE_OK) return rc;
+    }
     sqlite3_stmt* statement = statements_->insert;
-    ResetOnExit reset(statement);
-    int rc = bindBlob(statement, 1, key);
-    if (rc == SQLITE_OK) rc = bindBlob(statement, 2, value);
-    if (rc != SQLITE_OK) return rc;
-    return runToEnd(statement);
+    int rc;
+    {
+        ResetOnExit reset(statement);
+        rc = bindBlob(statement, 1, key);
+        if (rc == SQLITE_OK) rc = bindBlob(statement, 2, value);
+        if (rc == SQLITE_OK) rc = runToEnd(statement);
+    }
+    if (durable) {
+        // Ordinary commits stay as cheap as they were.
+        const int restored = execute(db_, "PRAGMA synchronous=NORMAL");
+        if (rc == SQLITE_OK) rc = restored;
+    }
+    return rc;
 }
 
 namespace {

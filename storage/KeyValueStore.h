@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/Durability.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -117,8 +118,10 @@ class KeyValueStore {
     // Copies the value into `value` (reusing its capacity) and sets `found`. A missing key is
     // status 0 with `found` false and `value` emptied.
     int get(std::string_view key, std::string& value, bool& found);
-    // Inserts or replaces.
-    int insert(std::string_view key, std::string_view value);
+    // Inserts or replaces. A Durable insert is on the disk when it returns, and with it every
+    // commit before it; an Ordinary one survives the process but not a power cut.
+    int insert(std::string_view key, std::string_view value,
+               Durability durability = Durability::Ordinary);
     // Inserts or replaces every pair in one transaction: all of them or, on failure, none.
     int insertAll(const std::vector<std::pair<std::string, std::string>>& entries);
     // In one transaction: for every key that starts with `from`, inserts its value under the key

@@ -74,8 +74,8 @@ std::string PacksStore::readConfig(Error& error) const {
     return Folder::readFile(legacyConfigFile(), error);
 }
 
-bool PacksStore::writeConfig(const std::string& text, Error& error) {
-    if (!put(kConfigKey, text, error)) return false;
+bool PacksStore::writeConfig(const std::string& text, Error& error, Durability durability) {
+    if (!put(kConfigKey, text, error, durability)) return false;
     // Only under a real root: with none, the file's path would be relative to the working
     // directory. A file that is already gone is what was wanted.
     if (rootPath().size() > 1) Folder::removeFile(legacyConfigFile(), false);

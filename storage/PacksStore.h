@@ -41,8 +41,10 @@ class PacksStore : public SeriesStore {
     // is. On failure the result is empty and `error` says why.
     std::string readConfig(Error& error) const;
     // Stores the text under "config"; once it is stored, the older file is deleted, so that it
-    // is never read again. A failed write keeps the file: nothing is lost.
-    bool writeConfig(const std::string& text, Error& error);
+    // is never read again. A failed write keeps the file: nothing is lost. Durable: the document
+    // (and every file of the store written before it) is on the disk when this returns.
+    bool writeConfig(const std::string& text, Error& error,
+                     Durability durability = Durability::Ordinary);
 
     // Deletes every key but "config" whose part up to and including its second "/" is empty or
     // not `owned`, appending each such key to `invalidPaths`; compacts when any went. The keys

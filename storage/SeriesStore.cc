@@ -60,14 +60,15 @@ bool SeriesStore::get(std::string_view key, std::string& value, Error& error) co
     return true;
 }
 
-bool SeriesStore::put(std::string_view key, std::string_view value, Error& error) {
+bool SeriesStore::put(std::string_view key, std::string_view value, Error& error,
+                      Durability durability) {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
     if (!db) {
         error = Errors::initStorageFailed(name_, status);
         return false;
     }
-    const int rc = db->insert(key, value);
+    const int rc = db->insert(key, value, durability);
     if (rc != 0) {
         error = Errors::storageWrite(name_, key, rc);
         return false;

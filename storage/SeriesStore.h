@@ -36,7 +36,9 @@ class SeriesStore : public Store {
     // closed, 1102 when the read fails, 1101 when the key is missing.
     bool get(std::string_view key, std::string& value, Error& error) const;
     // True, and `error` cleared, once the value is stored; otherwise false with 9997 or 1104.
-    bool put(std::string_view key, std::string_view value, Error& error);
+    // Durable: on the disk when it returns, with every put before it.
+    bool put(std::string_view key, std::string_view value, Error& error,
+             Durability durability = Durability::Ordinary);
     // Stores every pair in one transaction: all of them, or none with 9997 or 1104 (about the
     // first key).
     bool putAll(const std::vector<std::pair<std::string, std::string>>& entries, Error& error);

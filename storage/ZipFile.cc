@@ -235,8 +235,12 @@ ZipFile::~ZipFile() {
 }
 
 ZipFile::ZipFile(ZipFile&& other) noexcept
-    : source_(std::move(other.source_)), handle_(other.handle_), archiveSize_(other.archiveSize_) {
+    : source_(std::move(other.source_)),
+      handle_(other.handle_),
+      empty_(other.empty_),
+      archiveSize_(other.archiveSize_) {
     other.handle_ = nullptr;
+    other.empty_ = false;
 }
 
 ZipFile& ZipFile::operator=(ZipFile&& other) noexcept {
@@ -244,8 +248,10 @@ ZipFile& ZipFile::operator=(ZipFile&& other) noexcept {
         if (handle_ != nullptr) unzClose(handle_);
         source_ = std::move(other.source_);
         handle_ = other.handle_;
+        empty_ = other.empty_;
         archiveSize_ = other.archiveSize_;
         other.handle_ = nullptr;
+        other.empty_ = false;
     }
     return *this;
 }
@@ -264,7 +270,8 @@ ZipFile ZipFile::open(const Folder& source, std::string_view archive, Error& err
     // minizip reports no status for a failed open: whatever it could not find, the bytes are no
     // zip archive it can read.
     zip.handle_ = archive.empty() ? nullptr : unzOpen2_64(name.c_str(), &table);
-    if (zip.handle_ == nullptr) {
+    zip.empty_ = zip.handle_ == nullptr && holdsNoEntries(archive);
+    if (zip.handle_ == nullptr && !zip.empty_) {
         error = zip.failure(formatText("Open zip file failed: %d", UNZ_BADZIPFILE));
         return zip;
     }
@@ -314,8 +321,30 @@ bool ZipFile::readCurrent(const std::string& name, uint64_t size, std::string& c
     return true;
 }
 
+bool ZipFile::holdsNoEntries(std::string_view archive) {
+    // An archive of no entries is its end record alone, at the very start: minizip searches for
+    // that record everywhere but at offset 0, and so refuses the one archive it would find there.
+    constexpr std::string_view kEndSignature("PK\x05\x06", 4);
+    constexpr size_t kEndRecordSize = 22;
+    constexpr size_t kEntryCountOffset = 10;
+    constexpr size_t kCommentLengthOffset = 20;
+    if (archive.size() < kEndRecordSize || !archive.starts_with(kEndSignature)) return false;
+    const auto byte = [&](size_t at) { return static_cast<uint8_t>(archive[at]); };
+    const size_t entries = byte(kEntryCountOffset) | (byte(kEntryCountOffset + 1) << 8);
+    const size_t comment = byte(kCommentLengthOffset) | (byte(kCommentLengthOffset + 1) << 8);
+    return entries == 0 && archive.size() == kEndRecordSize + comment;
+}
+
+bool ZipFile::hasEntry(const std::string& name) {
+    return handle_ != nullptr && unzLocateFile(handle_, name.c_str(), 1) == UNZ_OK;
+}
+
 std::string ZipFile::readEntry(const std::string& name, Error& error) {
     std::string content;
+    if (empty_) {
+        error = failure(formatText("Open zip file failed: %d", UNZ_END_OF_LIST_OF_FILE));
+        return content;
+    }
     if (handle_ == nullptr) {
         error = failure(formatText("Open zip file failed: %d", UNZ_PARAMERROR));
         return content;
@@ -349,7 +378,16 @@ std::string ZipFile::readEntry(const std::string& name, Error& error) {
     return content;
 }
 
+bool ZipFile::isEmptyArchive() const {
+    if (empty_) return true;
+    // minizip's first-entry step reads a central directory that an archive without entries does
+    // not have, and reports a bad archive (-103); the count in the end record says it is empty.
+    unz_global_info64 info;
+    return unzGetGlobalInfo64(handle_, &info) == UNZ_OK && info.number_entry == 0;
+}
+
 bool ZipFile::checkEntries(Error& error) {
+    if (isEmptyArchive()) return true;
     int status = unzGoToFirstFile(handle_);
     if (status != UNZ_OK) {
         error = failure(formatText("Enum first zip file failed: %d", status));
@@ -388,12 +426,18 @@ bool ZipFile::checkEntries(Error& error) {
 
 bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
     if (!callback) return false;
+    if (empty_) {
+        error.clear();
+        return true;
+    }
     if (handle_ == nullptr) {
         error = failure(formatText("Open zip file failed: %d", UNZ_PARAMERROR));
         return false;
     }
     // The whole directory is checked first, so that a refused archive delivers nothing at all.
     if (!checkEntries(error)) return false;
+    error.clear();
+    if (isEmptyArchive()) return true;
     int status = unzGoToFirstFile(handle_);
     if (status != UNZ_OK) {
         error = failure(formatText("Enum first zip file failed: %d", status));
@@ -435,7 +479,7 @@ uint64_t ZipFile::extractTo(const Folder& target, Error& error) {
             const Folder child = target.childOf(name);
             child.ensureParent();
             if (child.isDirectory()) return true;
-            return Folder::writeFile(child, content, writeError);
+            return Folder::writeContent(child, content, writeError);
         },
         error);
     if (!walked || error) return 0;

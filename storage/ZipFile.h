@@ -70,10 +70,13 @@ class ZipFile {
     // 0 with `error` set (the read's own 11xx error when the file cannot be read).
     static uint64_t unpackFile(const Folder& archive, const Folder& target, Error& error);
 
-    bool isOpen() const { return handle_ != nullptr; }
+    // An archive with no entries at all is open too: there is nothing to read in it.
+    bool isOpen() const { return handle_ != nullptr || empty_; }
     explicit operator bool() const { return isOpen(); }
     const Folder& source() const { return source_; }
 
+    // Whether the archive has an entry named exactly `name` (case counts).
+    bool hasEntry(const std::string& name);
     // The content of the entry named exactly `name` (case counts), or empty with `error` set
     // (2207). Success clears `error`.
     std::string readEntry(const std::string& name, Error& error);
@@ -94,10 +97,15 @@ class ZipFile {
     bool readCurrent(const std::string& name, uint64_t size, std::string& content, Error& error);
     // Walks the whole central directory and refuses the archive if any delivered entry is unsafe.
     bool checkEntries(Error& error);
+    // An archive with no entries at all: valid, and walked as nothing.
+    bool isEmptyArchive() const;
+    // Whether `archive` is the end record of an archive of no entries and nothing else.
+    static bool holdsNoEntries(std::string_view archive);
     Error failure(const std::string& reason) const;
 
     Folder source_;
     void* handle_ = nullptr;  // the minizip handle; closed by the destructor
+    bool empty_ = false;      // an archive of no entries, which minizip cannot open
     uint64_t archiveSize_ = 0;
 };
 

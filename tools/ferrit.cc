@@ -93,17 +93,28 @@ const std::map<std::string, Command>& commands() {
           "it.\n",
           false}},
         {"publish",
-         {"ferrit publish --key PEM --manifest FILE SITE OUT",
+         {"ferrit publish --key PEM --manifest FILE [--history DIR] SITE OUT",
           "Writes a static tree under OUT that any static web server serves as it is: the signed\n"
           "    global configuration at each path a client's configuration request asks for\n"
           "    (fconfig/<app>/<app version>/0~<its version>/<locale>~<its locale>), each changed "
           "pack's\n"
           "    signed configuration at packconfig/<name>/<seq>, its full zip at "
           "<zips>/<name>/<seq>.zip\n"
-          "    and, when the pack was published before, the increment from its first version at\n"
-          "    <zips>/<name>/i/<seq>.zip. A pack whose files did not change keeps its version; "
-          "when\n"
-          "    none changed nothing is written. OUT/.publish keeps what the next run builds on.\n"
+          "    and, when the pack was published before, the increment from its base (first) "
+          "version\n"
+          "    at <zips>/<name>/i/<seq>.zip, which brings a device on the base or on any later\n"
+          "    version to the new one. A pack whose files did not change keeps its version; when\n"
+          "    none changed nothing is written. What the next run builds on (the sequence "
+          "numbers and\n"
+          "    each version's list of files with their MD5 and size) is the history, kept outside "
+          "the\n"
+          "    tree so that the server does not serve it: by default beside OUT, in "
+          "OUT.publish. A\n"
+          "    tree whose history an earlier release kept in OUT/.publish has it moved out on the "
+          "first\n"
+          "    run. Without the list of every version since a pack's base, its new version "
+          "becomes\n"
+          "    a new base, with no increment.\n"
           "    The manifest is JSON: {\"app\": {\"key\", \"version\", \"locale\"}, \"zips\": "
           "\"packs/\",\n"
           "    \"packs\": [{\"name\", \"folder\" (below SITE), \"prefix\" (URL), \"priority\" "
@@ -113,7 +124,9 @@ const std::map<std::string, Command>& commands() {
           "    tree's URL and their zip prefix to that URL followed by <zips>.\n"
           "    Progress goes to the terminal; nothing but the summary when not on one.",
           "    --key PEM             Ed25519 private key that signs.\n"
-          "    --manifest FILE       the publishing manifest.\n",
+          "    --manifest FILE       the publishing manifest.\n"
+          "    --history DIR         where the history is kept (default OUT.publish); outside "
+          "OUT.\n",
           false}},
         {"get",
          {"ferrit get [ROOT OPTIONS] [--referrer URL] [--header NAME:VALUE]... [--async] [--body]\n"
@@ -188,13 +201,15 @@ int forward(int (*entry)(int, char**), std::vector<std::string> arguments) {
 }
 
 int publishCommand(const std::vector<std::string>& arguments) {
-    std::string keyPath, manifestPath;
+    std::string keyPath, manifestPath, historyPath;
     std::vector<std::string> positional;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& arg = arguments[i];
-        if (arg == "--key" || arg == "--manifest") {
+        if (arg == "--key" || arg == "--manifest" || arg == "--history") {
             if (i + 1 >= arguments.size()) return usage("missing value after " + arg);
-            (arg == "--key" ? keyPath : manifestPath) = arguments[++i];
+            (arg == "--key"        ? keyPath
+             : arg == "--manifest" ? manifestPath
+                                   : historyPath) = arguments[++i];
         } else if (arg.size() > 1 && arg[0] == '-') {
             return usage("unknown option " + arg);
         } else {
@@ -228,8 +243,8 @@ int publishCommand(const std::vector<std::string>& arguments) {
     }
     PublishResult result;
     const bool published =
-        FerritTools::publish(positional[0], manifest, positional[1], ed25519Signer(std::move(key)),
-                             result, error, progress);
+        FerritTools::publish(positional[0], manifest, positional[1], historyPath,
+                             ed25519Signer(std::move(key)), result, error, progress);
     if (terminal) std::cerr << "\r\033[K" << std::flush;
     if (!published) {
         std::cerr << "ferrit: " << error << "\n";
@@ -251,6 +266,8 @@ int publishCommand(const std::vector<std::string>& arguments) {
             std::cout << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
                       << " changed, " << pack.summary.added.size() << " added, "
                       << pack.summary.removed.size() << " removed)";
+        } else if (pack.rebased) {
+            std::cout << " (full; a new base, as the history lacks a version since the old one)";
         } else {
             std::cout << " (full)";
         }

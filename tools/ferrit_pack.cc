@@ -67,9 +67,10 @@ SYNOPSIS
 DESCRIPTION
     Every regular file below FOLDER becomes the entry "res/<path>" of OUT.zip, in path order
     (".DS_Store" files and "__MACOSX" folders are left out). The first entry, "app-res.hvc",
-    lists each as {"res/<path>": {"url": URL + <path>, "v": <MD5>, "header": {...}}}, followed by
-    "||", the token, "|" and the signature. Entries are deflated and carry a fixed time, so the
-    same FOLDER and key always give the same bytes. Prints the zip's MD5, which the pack
+    lists each as {"res/<path>": {"url": URL + <path>, "v": <MD5>, "size": <bytes>,
+    "header": {...}}}, followed by "||", the token, "|" and the signature. An empty file is
+    listed with the MD5 of no bytes and size 0. Entries are deflated (an empty one is stored)
+    and carry a fixed time, so the same FOLDER and key always give the same bytes. Prints the zip's MD5, which the pack
     configuration names as "c".
 
 OPTIONS

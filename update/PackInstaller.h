@@ -5,8 +5,12 @@
 // and moved into place by one rename (or, when a folder of that version is there already, by one
 // atomic exchange), so that no reader and no restart ever finds half a version under "apps/": a
 // process that dies while installing leaves its work under "temp/", which the next start empties.
-// Unchanged files of an incremental update are hard links to the installed version's files: an
-// installed file is never rewritten in place, so the two versions may share it.
+// Before the rename, every file written is flushed and every directory of the version synced, and
+// after it the folder that received it: the version is on the disk before the commit that names it,
+// so that a power cut never leaves a record naming files whose bytes were lost.
+// Files that an incremental update keeps are hard links to the installed version's files: an
+// installed file is never rewritten in place, so the two versions may share it. Which files are
+// kept is the caller's decision, made from the two versions' signed lists.
 //
 // A version in the packed store ("<root>/<seq>/" keys) is written in place, in batches that are
 // each one transaction; readers never look there before the configuration names the version,
@@ -56,27 +60,37 @@ class PackInstaller {
     // Whether this run has written `path`.
     bool wrote(const std::string& path) const { return written_.count(path) != 0; }
 
-    // Copies every file of `from` (an installed version's folder) that this run has not written
-    // and whose path `excluded` does not name; `bytes` grows by the size of each. False with
-    // `error` set on the first failure: 1101 when `from` is no folder at all.
-    bool copyUnchanged(const Folder& from, const std::unordered_set<std::string>& excluded,
-                       uint64_t& bytes, Error& error);
+    // Copies each of `paths` (relative to the version folder) from `from`, an installed version's
+    // folder, unless this run has written it already: a hard link where both lie on the disk, a
+    // copy inside the store where both lie there, a read and write otherwise. `bytes` grows by
+    // the size of each. False with `error` set on the first failure: 1101 when `from` is no folder
+    // at all or lacks one of the paths.
+    bool copyKept(const Folder& from, const std::vector<std::string>& paths, uint64_t& bytes,
+                  Error& error);
 
     // Writes out what is still batched and makes the written version the target folder. For
-    // the disk: the staging folder is renamed to the target, or exchanged with a folder already
-    // there, which then lies in the work folder and goes with it. False with `error` set (1104).
+    // the disk: every written file and every directory of the version is synced, then the staging
+    // folder is renamed to the target, or exchanged with a folder already there, which then lies in
+    // the work folder and goes with it, and the target's parent is synced: when this returns the
+    // version outlives a power cut. For the store, the version is durable with the commit that
+    // names it (a Durable one). False with `error` set (1104).
     bool publish(Error& error);
 
   private:
     // Makes the Disk directories that `file` needs below the staging folder, remembering them.
     bool ensureParents(const Folder& file, Error& error);
     bool flush(Error& error);
+    // fdatasync of every file below a staged directory that this run wrote (not the links), then
+    // fsync of each directory after those below it, the directory itself last.
+    bool syncStaged(const Folder& directory, Error& error);
 
     Folder target_;
     Folder work_;
     Folder writeRoot_;
     std::unordered_set<std::string> written_;
     std::unordered_set<std::string> madeDirectories_;
+    // Files of `written_` that are links to the installed version's files.
+    std::unordered_set<std::string> linked_;
     // Files of the packed store waiting for their batch: key, content.
     std::vector<std::pair<std::string, std::string>> batch_;
     size_t batchBytes_ = 0;

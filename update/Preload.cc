@@ -16,10 +16,12 @@
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "model/FConfig.h"
+#include "model/ResourceIndex.h"
 #include "model/SCache.h"
 #include "runtime/Settings.h"
 #include "storage/ConfigStore.h"
 #include "storage/ZipFile.h"
+#include "update/PackInstaller.h"
 
 namespace FerritCore {
 
@@ -32,13 +34,20 @@ struct PreloadReset {
 
 namespace {
 
-// One pack of the plan: its record, the folder of its new version, and the bytes copied into it.
+// Names inside a pack's folder of the zip that are not resources.
+constexpr std::string_view kListName = kIndexFileName;
+constexpr std::string_view kInfoName = "app-info.hvc";
+
+// One pack of the plan: its record, the folder of its new version, the bytes copied into it, its
+// signed list from the zip, and the installer that stages its files.
 struct PlannedPack {
     PackPtr pack;
-    Folder folder;
     // "<rootName>/<seq>/": the prefix of the pack's entries in the zip.
     std::string prefix;
     uint64_t size = 0;
+    // Null when the zip holds no list for the pack; then no file of it can be vouched for.
+    std::unique_ptr<ResourceIndex> index;
+    std::unique_ptr<PackInstaller> installer;
 };
 using Plan = std::map<std::string, PlannedPack>;
 
@@ -48,8 +57,17 @@ std::string decimal(uint64_t value) {
     return text;
 }
 
-// The packs of the zip's configuration that this device lacks at their sequence.
-Plan makePlan(ZipFile& zip, Error& error) {
+void logDropped(const std::string& path, const Folder& folder, const Error& error) {
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kPreload)
+        .event("copy")
+        .append("origin", path)
+        .append("target", folder.describe())
+        .error(error);
+}
+
+// The packs of the zip's configuration that this device lacks at their sequence, each with its
+// signed list read from the zip and an installer that stages it below `work`.
+Plan makePlan(ZipFile& zip, const Folder& work, Error& error) {
     Plan plan;
     const std::string text = zip.readEntry(Preload::kConfigEntry, error);
     if (error) return plan;
@@ -62,14 +80,33 @@ Plan makePlan(ZipFile& zip, Error& error) {
         const PackPtr held = current->find(name);
         if (held && held->installedSeq >= pack->seq) continue;
         const std::string relative = pack->rootName() + "/" + decimal(pack->seq) + "/";
+        if (climbsOut(relative) || pack->rootName().find('/') != std::string::npos) continue;
         const Folder folder = pack->packType() == kPackTypeACache ? Folder::disk("apps/" + relative)
                                                                   : Folder::packed(relative);
-        plan.emplace(name, PlannedPack{pack, folder, relative, 0});
+        PlannedPack planned{pack, relative, 0, nullptr, nullptr};
+        const std::string listEntry = relative + std::string(kListName);
+        if (zip.hasEntry(listEntry)) {
+            planned.index = std::make_unique<ResourceIndex>(
+                name,
+                [&zip, &relative](const std::string& entry, Error& e) {
+                    return zip.readEntry(relative + entry, e);
+                },
+                false);
+            if (planned.index->error()) {
+                logDropped(listEntry, folder, planned.index->error());
+                continue;
+            }
+        }
+        planned.installer =
+            std::make_unique<PackInstaller>(folder, work.childOf(pack->rootName() + "/"));
+        planned.installer->begin();
+        plan.emplace(name, std::move(planned));
     }
     return plan;
 }
 
-// Copies one zip entry into its pack's folder. Always goes on with the walk.
+// Copies one zip entry into its pack's new version, as its list vouches for it; a pack whose
+// entry cannot be vouched for or written leaves the plan. Always goes on with the walk.
 void copy(Plan& plan, const std::string& path, const std::string& content) {
     if (path.empty() || path.back() == '/') return;
     const size_t slash = path.find('/');
@@ -77,26 +114,56 @@ void copy(Plan& plan, const std::string& path, const std::string& content) {
     auto it = plan.find(path.substr(0, slash));
     if (it == plan.end()) return;
     PlannedPack& planned = it->second;
+    PackInstaller& installer = *planned.installer;
     if (path.compare(0, planned.prefix.size(), planned.prefix) != 0) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kPreload)
             .event("copy")
             .append("message",
                     "filePath \"" + path + "\" not have prefix \"" + planned.prefix + "\"")
-            .append("folder", planned.folder.describe());
+            .append("folder", installer.target().describe());
         return;
     }
-    const Folder target = planned.folder.childOf(path.substr(planned.prefix.size()));
+    const std::string rest = path.substr(planned.prefix.size());
+    if (rest == kInfoName) return;
     Error error;
-    if (!Folder::writeFile(target, content, error)) {
-        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kPreload)
-            .event("copy")
-            .append("origin", path)
-            .append("target", target.describe())
-            .error(error);
+    if (rest != kListName) {
+        std::shared_ptr<const ResourceRecord> record =
+            planned.index ? planned.index->find(rest) : nullptr;
+        error = record && record->path == rest ? record->check(Folder::asset(path), content)
+                                               : Errors::preloadNotFound(Folder::asset(path));
+    }
+    if (!error) installer.writeFile(rest, content, error);
+    if (error) {
+        logDropped(path, installer.target().childOf(rest), error);
+        if (installer.hasPendingTarget()) Folder::removeFile(installer.target(), false);
         plan.erase(it);
         return;
     }
     planned.size += content.size();
+}
+
+// Every file that a pack's list names must have come out of the zip, and the version is then
+// made the pack's folder; a pack that fails either leaves the plan and leaves nothing behind.
+void publish(Plan& plan) {
+    for (auto it = plan.begin(); it != plan.end();) {
+        PlannedPack& planned = it->second;
+        PackInstaller& installer = *planned.installer;
+        Error error;
+        if (planned.index) {
+            planned.index->forEachFile([&](const ResourceRecord& record) {
+                if (!error && !installer.wrote(record.path))
+                    error = Errors::fileNotExists(installer.target().childOf(record.path));
+            });
+        }
+        if (!error) installer.publish(error);
+        if (error) {
+            logDropped(planned.prefix, installer.target(), error);
+            if (installer.hasPendingTarget()) Folder::removeFile(installer.target(), false);
+            it = plan.erase(it);
+        } else {
+            ++it;
+        }
+    }
 }
 
 }  // namespace
@@ -166,10 +233,12 @@ bool Preload::install(const std::string& file, bool checkInstalled) {
         error = Errors::assetNotExists();
     }
     size_t installed = 0;
+    // Each pack is staged in a folder of this run, so that no half-copied version is ever found.
+    const Folder work = Folder::disk("temp/" + runId + "/");
     if (!error) {
         ZipFile zip = ZipFile::open(Folder::asset(file), archive, error);
         Plan plan;
-        if (!error) plan = makePlan(zip, error);
+        if (!error) plan = makePlan(zip, work, error);
         if (!error && !plan.empty()) {
             Error walkError;
             zip.forEachEntry(
@@ -181,20 +250,30 @@ bool Preload::install(const std::string& file, bool checkInstalled) {
             // An archive that refuses an entry installs nothing.
             if (walkError) {
                 error = walkError;
+                for (auto& [name, planned] : plan) {
+                    if (planned.installer->hasPendingTarget())
+                        Folder::removeFile(planned.installer->target(), false);
+                }
                 plan.clear();
             }
+            publish(plan);
         }
         if (!plan.empty()) {
-            SCache::mutate([&](FConfig& config) {
-                for (auto& [name, planned] : plan) {
-                    config.mergePack(planned.pack);
-                    config.setInstalled(name, kTriggerNone, planned.pack->seq,
-                                        planned.pack->baseSeq, planned.size, true);
-                }
-            });
+            // Durable: the store already says that this app version installed the zip, so a
+            // commit lost to a power cut would never be made again.
+            SCache::mutate(
+                [&](FConfig& config) {
+                    for (auto& [name, planned] : plan) {
+                        config.mergePack(planned.pack);
+                        config.setInstalled(name, kTriggerNone, planned.pack->seq,
+                                            planned.pack->baseSeq, planned.size, true);
+                    }
+                },
+                Durability::Durable);
             installed = plan.size();
         }
     }
+    Folder::removeFile(work, false);
     MarlLogger::LogBuilder log(error ? MarlLogger::MRLLevelWarning : MarlLogger::MRLLevelInfo,
                                LogTag::kPreload);
     log.event("finished").id(runId).append("file", file).append("time", MRLCurrentClock() - start);

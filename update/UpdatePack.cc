@@ -644,7 +644,7 @@ Folder UpdatePack::newVersionFolder() const {
 }
 
 void UpdatePack::requestResource() {
-    incremental_ = pack_->canUpdateIncrementally();
+    incremental_ = !fullOnly_ && pack_->canUpdateIncrementally();
     perf_.setDimension("newSeq", decimal(pack_->seq));
     perf_.setDimension("incr", incremental_ ? "true" : "false");
     // A pack delivered with the app lives in its raw files, which nothing can write.
@@ -732,11 +732,14 @@ void UpdatePack::installRaw() {
         return;
     }
     isPacks_ = false;
-    published_ = SCache::mutate([&](FConfig& config) {
-        if (!config.find(name_)) config.mergePack(pack_);
-        config.setInstalled(name_, static_cast<uint32_t>(trigger_), pack_->seq, pack_->baseSeq,
-                            installedSize_, false);
-    });
+    // Durable: the replaced version's folder is deleted on the strength of this commit.
+    published_ = SCache::mutate(
+        [&](FConfig& config) {
+            if (!config.find(name_)) config.mergePack(pack_);
+            config.setInstalled(name_, static_cast<uint32_t>(trigger_), pack_->seq, pack_->baseSeq,
+                                installedSize_, false);
+        },
+        Durability::Durable, commitWatcher());
     if (oldSeq_ != 0 && oldSeq_ != pack_->seq) retiredFolder_ = pack_->installedFolder();
     installed_ = true;
     ResourceIndexPool::remove(name_);
@@ -809,15 +812,8 @@ void UpdatePack::install() {
                 entryError = Errors::preloadNotFound(inZip);
                 return false;
             }
-            if (content.empty()) {
-                entryError = Errors::fileNoData(inZip);
-                return false;
-            }
-            const std::string md5 = Digest::md5Hex(content);
-            if (md5 != record->md5) {
-                entryError = Errors::fileVerifyMd5(inZip, md5, record->md5);
-                return false;
-            }
+            entryError = record->check(inZip, content);
+            if (entryError) return false;
             return installer.writeFile(entry, content, entryError);
         },
         error);
@@ -829,7 +825,8 @@ void UpdatePack::install() {
         return;
     }
 
-    // 7. Unchanged files come from the installed version.
+    // 7. Every file that the new list names and the zip did not bring comes from the installed
+    // version, and only when that version's own list vouches for the same bytes.
     if (incremental_) {
         if (!oldFolder.exists()) {
             error = Errors::fileNotExists(oldFolder);
@@ -838,10 +835,19 @@ void UpdatePack::install() {
             fail(std::move(error));
             return;
         }
-        if (!installer.copyUnchanged(oldFolder, index.removed(), installedSize_, error)) {
+        std::vector<std::string> kept;
+        Error refused = keptFiles(index, oldFolder, installer, kept);
+        if (refused) {
+            refuseIncrement(std::move(refused));
+            return;
+        }
+        if (!installer.copyKept(oldFolder, kept, installedSize_, error)) {
             fail(std::move(error));
             return;
         }
+    } else if (Error missing = missingFile(index, installer)) {
+        fail(std::move(missing));
+        return;
     }
 
     // 8. The version is complete: one step makes it the folder that the record will name.
@@ -866,56 +872,133 @@ void UpdatePack::install() {
     finished();
 }
 
-FConfigPtr UpdatePack::persist() {
-    return SCache::mutate([&](FConfig& config) {
-        std::string installName = name_;
-        PackPtr found = config.find(name_);
-        if (!found) {
-            PackPtr plain;
-            if (pack_->packType() == kPackTypeACache && pack_->subType == kSubTypeFixedSeq)
-                plain = config.find(requestedName_);
-            if (plain &&
-                (!plain->isInstalled() || (plain->installedSeq < pack_->seq && !isHot(*plain)))) {
-                // The fixed version takes the place of the plain record, with its configured
-                // fields; the record replaces the plain one whole, as a merge would refuse an
-                // older sequence.
-                auto clone = plain->clone();
-                clone->seq = pack_->seq;
-                clone->baseSeq = pack_->baseSeq;
-                clone->publishTime = pack_->publishTime;
-                clone->flags = pack_->flags;
-                clone->marker = pack_->marker;
-                clone->md5 = pack_->md5;
-                clone->incrMd5 = pack_->incrMd5;
-                // As a merge does: a record that carries no prefixes leaves them unchanged.
-                if (!pack_->prefixes.empty()) clone->prefixes = pack_->prefixes;
-                clone->referrers = pack_->referrers;
-                clone->gray = pack_->gray;
-                if (pack_->updateTime > clone->updateTime) clone->updateTime = pack_->updateTime;
-                if (pack_->status == kPackStatusPreview) {
-                    clone->status = pack_->status;
-                    clone->zipURL = pack_->zipURL;
-                }
-                config.put(std::move(clone));
-                installName = requestedName_;
-            } else {
-                config.mergePack(pack_);
-            }
-        } else if (found->packType() == kPackTypeACache && found->subType == kSubTypePlain &&
-                   found->isInstalled() && found->installedSeq != pack_->seq && isHot(*found)) {
-            // A hot app keeps its old version alive under a record of its own.
-            auto old = found->clone(Pack::pinnedName(name_, found->installedSeq));
-            old->seq = found->installedSeq;
-            old->baseSeq = found->installedSeq;
-            old->subType = kSubTypeFixedSeq;
-            old->md5.clear();
-            old->incrMd5.clear();
-            config.mergePack(std::move(old));
-            persistOld_ = true;
-        }
-        config.setInstalled(installName, static_cast<uint32_t>(trigger_), pack_->seq,
-                            pack_->baseSeq, installedSize_, isPacks_);
+Error UpdatePack::missingFile(const ResourceIndex& index, const PackInstaller& installer) const {
+    Error missing;
+    index.forEachFile([&](const ResourceRecord& record) {
+        if (!missing && !installer.wrote(record.path))
+            missing = Errors::fileNotExists(zipFile_.childOf(record.path));
     });
+    return missing;
+}
+
+Error UpdatePack::keptFiles(const ResourceIndex& increment, const Folder& installed,
+                            const PackInstaller& installer, std::vector<std::string>& kept) const {
+    // The installed version as it is served, and the full list that the new version is read with
+    // (the installed folder's, which goes with the kept files).
+    const ResourceIndex current(name_, installed);
+    if (current.error()) return current.error();
+    const ResourceIndex full(
+        name_,
+        [&installed](const std::string& entry, Error& e) {
+            return Folder::readFile(installed.childOf(entry), e);
+        },
+        false);
+    if (full.error()) return full.error();
+    kept.emplace_back(kIndexFileName);
+    Error refused;
+    // A file of the new version that the zip did not bring is kept when the installed list
+    // names the same bytes for it.
+    const auto keep = [&](const ResourceRecord& wanted) {
+        if (refused || installer.wrote(wanted.path)) return;
+        std::shared_ptr<const ResourceRecord> held = current.find(wanted.path);
+        const Folder file = installed.childOf(wanted.path);
+        if (!held || held->path != wanted.path) {
+            refused = Errors::fileNotExists(file);
+        } else if (held->md5 != wanted.md5) {
+            refused = Errors::fileVerifyMd5(file, held->md5, wanted.md5);
+        } else if (!held->sameFileAs(wanted)) {
+            refused = Errors::fileVerifySize(file, held->size, wanted.size);
+        } else {
+            kept.push_back(wanted.path);
+        }
+    };
+    // The increment's own records first: they override the full list's.
+    increment.forEachFile(keep);
+    full.forEachFile([&](const ResourceRecord& wanted) {
+        if (increment.removed().count(wanted.path) != 0) return;
+        std::shared_ptr<const ResourceRecord> listed = increment.find(wanted.path);
+        if (!listed || listed->path != wanted.path) keep(wanted);
+    });
+    return refused;
+}
+
+void UpdatePack::refuseIncrement(Error why) {
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kUpdatePack)
+        .event("incrementRefused", parentId_)
+        .id(runId_)
+        .append("url", url_)
+        .append("message",
+                "the installed version does not hold what the increment keeps; "
+                "fetching the full zip")
+        .error(why);
+    perf_.setDimension("incrRefused", why.message());
+    fullOnly_ = true;
+    requestResource();
+}
+
+SCache::Committed UpdatePack::commitWatcher() {
+    commit_ = std::make_shared<CommitOutcome>();
+    return [outcome = commit_](const Error& error) {
+        outcome->ran = true;
+        outcome->error = error;
+    };
+}
+
+FConfigPtr UpdatePack::persist() {
+    // Durable: the replaced version's folder is deleted on the strength of this commit, and the
+    // files of a version in the packed store become durable with it.
+    return SCache::mutate(
+        [&](FConfig& config) {
+            std::string installName = name_;
+            PackPtr found = config.find(name_);
+            if (!found) {
+                PackPtr plain;
+                if (pack_->packType() == kPackTypeACache && pack_->subType == kSubTypeFixedSeq)
+                    plain = config.find(requestedName_);
+                if (plain && (!plain->isInstalled() ||
+                              (plain->installedSeq < pack_->seq && !isHot(*plain)))) {
+                    // The fixed version takes the place of the plain record, with its configured
+                    // fields; the record replaces the plain one whole, as a merge would refuse an
+                    // older sequence.
+                    auto clone = plain->clone();
+                    clone->seq = pack_->seq;
+                    clone->baseSeq = pack_->baseSeq;
+                    clone->publishTime = pack_->publishTime;
+                    clone->flags = pack_->flags;
+                    clone->marker = pack_->marker;
+                    clone->md5 = pack_->md5;
+                    clone->incrMd5 = pack_->incrMd5;
+                    // As a merge does: a record that carries no prefixes leaves them unchanged.
+                    if (!pack_->prefixes.empty()) clone->prefixes = pack_->prefixes;
+                    clone->referrers = pack_->referrers;
+                    clone->gray = pack_->gray;
+                    if (pack_->updateTime > clone->updateTime)
+                        clone->updateTime = pack_->updateTime;
+                    if (pack_->status == kPackStatusPreview) {
+                        clone->status = pack_->status;
+                        clone->zipURL = pack_->zipURL;
+                    }
+                    config.put(std::move(clone));
+                    installName = requestedName_;
+                } else {
+                    config.mergePack(pack_);
+                }
+            } else if (found->packType() == kPackTypeACache && found->subType == kSubTypePlain &&
+                       found->isInstalled() && found->installedSeq != pack_->seq && isHot(*found)) {
+                // A hot app keeps its old version alive under a record of its own.
+                auto old = found->clone(Pack::pinnedName(name_, found->installedSeq));
+                old->seq = found->installedSeq;
+                old->baseSeq = found->installedSeq;
+                old->subType = kSubTypeFixedSeq;
+                old->md5.clear();
+                old->incrMd5.clear();
+                config.mergePack(std::move(old));
+                persistOld_ = true;
+            }
+            config.setInstalled(installName, static_cast<uint32_t>(trigger_), pack_->seq,
+                                pack_->baseSeq, installedSize_, isPacks_);
+        },
+        Durability::Durable, commitWatcher());
 }
 
 // ---- The end ----------------------------------------------------------------------------------
@@ -954,13 +1037,30 @@ void UpdatePack::finished() {
     tempPaths_.clear();
     if (retiredFolder_ && installed_) {
         // Posted after the commit of the swap, which the configuration transaction posted
-        // first: the old files go only once the store names the new version.
+        // first: the old files go only once the store names the new version on the disk. A
+        // commit that failed leaves the store naming the old version, whose files a restart then
+        // needs; what no record owns any more goes with the next recovery.
         Folder retired = *retiredFolder_;
-        TaskRunner::post([retired] { Folder::removeFile(retired, false); }, kRetiredFolderDelayMs);
+        std::shared_ptr<const CommitOutcome> outcome = commit_;
+        TaskRunner::post(
+            [retired, outcome] {
+                if (outcome && outcome->ran && !outcome->error) {
+                    Folder::removeFile(retired, false);
+                    return;
+                }
+                MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kUpdatePack)
+                    .event("retire")
+                    .append("folder", retired.describe())
+                    .append("message", "kept: the store does not name the new version");
+            },
+            kRetiredFolderDelayMs);
     }
     retiredFolder_.reset();
 
-    if (installed_) ProxyCalls::onPackUpdated(requestedName_);
+    // The host hears of the new version once the commit that names it has run.
+    if (installed_) {
+        TaskRunner::post([name = requestedName_] { ProxyCalls::onPackUpdated(name); });
+    }
     if (pack_) {
         const double now = MRLCurrentTime();
         const double publish = pack_->publishTime;

@@ -34,9 +34,13 @@
 #include "marl/Json.h"
 #include "model/FConfig.h"
 #include "model/Pack.h"
+#include "model/SCache.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
+
+class PackInstaller;
+class ResourceIndex;
 
 // Where a task stands; reports print the names.
 enum class UpdateState : uint32_t {
@@ -171,6 +175,25 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     void onZip(uint64_t expectedSize, Error error);
     void install();
     void installRaw();
+    // The first file of `index` that this run's zip did not bring (1101), or no error.
+    Error missingFile(const ResourceIndex& index, const PackInstaller& installer) const;
+    // The files that an increment keeps from the installed version at `installed`: every file of
+    // the new version's list (the increment over the installed folder's full list) that the zip
+    // did not bring, each vouched for by the installed version's own list with the same MD5 and
+    // size, and that full list itself. An error names the first file that the installed version
+    // cannot vouch for.
+    Error keptFiles(const ResourceIndex& increment, const Folder& installed,
+                    const PackInstaller& installer, std::vector<std::string>& kept) const;
+    // Abandons an increment that the installed version cannot complete and fetches the full zip
+    // in the same run, saying why in the log and the record.
+    void refuseIncrement(Error why);
+    // What became of the commit that publishes the new version; set on the worker when it ran.
+    struct CommitOutcome {
+        bool ran = false;
+        Error error;
+    };
+    // A fresh outcome for this run's publishing commit, and the callback that fills it.
+    SCache::Committed commitWatcher();
     // The configuration transaction that publishes the new version; the new document.
     FConfigPtr persist();
     // Makes the published swap durable, deletes what the run leaves behind, reports, and tells
@@ -210,6 +233,8 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     bool isPacks_ = false;
     uint64_t installedSize_ = 0;
     bool incremental_ = false;
+    // An increment was refused: this run fetches the full zip.
+    bool fullOnly_ = false;
     uint32_t payloadKind_ = 0;
     // What the run waits for; an answer for another stage (a proxy that answers twice) is dropped.
     enum class Awaiting { Nothing, Config, Zip };
@@ -218,6 +243,8 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     int request_ = 0;
     // The task that ends the run when the answer does not come; 0 when none waits.
     uint64_t deadline_ = 0;
+    // The outcome of the publishing commit, which the deletion of the replaced folder waits on.
+    std::shared_ptr<CommitOutcome> commit_;
     // The replaced version's folder, deleted kRetiredFolderDelayMs after the swap.
     std::optional<Folder> retiredFolder_;
     // Set by persist(): the document that holds the new version.

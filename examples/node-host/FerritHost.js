@@ -1,9 +1,11 @@
 'use strict';
 // A host of the Node module as an app would write one: the host object ("sendRequest",
-// "createError") sends the library's requests over real HTTP with Node's own fetch and verifies
-// the Ed25519 signature of each configuration document with Node's crypto before the library sees
-// it; start() runs the library's start-up order; getResource() answers a page's request from the
-// packs; serveInspector() serves a small local page that shows what the inspector commands report.
+// "createError", and the publisher's public key as "publicKey", with which the library checks
+// every signed list and configuration document) sends the library's requests over real HTTP with
+// Node's own fetch, and checks each configuration document's signature itself too, so that a
+// refused one shows among its own events; start() runs the library's start-up order;
+// getResource() answers a page's request from the packs; serveInspector() serves a small local
+// page that shows what the inspector commands report.
 const crypto = require('crypto');
 const fs = require('fs');
 const http = require('http');
@@ -52,7 +54,8 @@ class FerritHost {
   // publicKeyPem (path of the Ed25519 public key that signs configuration documents).
   constructor(options) {
     this.options = options;
-    this.publicKey = crypto.createPublicKey(fs.readFileSync(options.publicKeyPem));
+    const publicKeyFile = fs.readFileSync(options.publicKeyPem);
+    this.publicKey = crypto.createPublicKey(publicKeyFile);
     this.requests = [];  // every URL the library asked for, in order
     this.events = [];    // the last update events, newest last
     this.started = false;
@@ -60,8 +63,9 @@ class FerritHost {
     // server in the middle of a download.
     this.beforeFetch = null;
     const host = this;
-    // The object the library calls: only these two methods are asked of it.
+    // The object the library calls: these two methods, and the key it checks signatures with.
     this.proxy = {
+      publicKey: publicKeyFile,
       sendRequest(request, id) {
         host.send(request, id);
       },

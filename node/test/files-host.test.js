@@ -6,7 +6,7 @@ const assert = require('node:assert/strict');
 const fs = require('fs');
 const path = require('path');
 
-const { ferrit, tempRoot, makeHost, waitFor } = require('./helpers');
+const { ferrit, tempRoot, makeHost, waitFor, signDocument } = require('./helpers');
 
 const DOCUMENT = { v: '1732300000000', i: 4294967295, packs: { docs: { s: 2, f: 80, p: ['https://docs.example.com/'] } } };
 
@@ -23,12 +23,13 @@ test('FilesHostTest.ThrowingHostFailsTheRequestThenFilesServeIt', async (t) => {
   const files = path.join(root, 'files');
   const served = path.join(files, 'fconfig', 'docs', '2.0', '0~0');
   fs.mkdirSync(served, { recursive: true });
-  fs.writeFileSync(path.join(served, '~'), JSON.stringify(DOCUMENT) + '||' + Buffer.from('sig').toString('base64'));
+  fs.writeFileSync(path.join(served, '~'), signDocument(DOCUMENT));
   fs.mkdirSync(path.join(root, 'cache'));
 
   const fileHost = makeHost({ filesFolder: files });
   let mode = 'throw';
   const host = {
+    publicKey: fileHost.publicKey,
     requests: 0,
     sendRequest(request, id) {
       host.requests++;

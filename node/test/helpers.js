@@ -1,7 +1,8 @@
 'use strict';
 // What the Node tests share: a private temporary root, a raw-file folder with built-in packs, a
-// host object that answers "sendRequest" from files and from a local HTTP server on 127.0.0.1,
-// a deterministic random source, and waiting without the wall clock.
+// publisher's key pair and documents signed with it, a host object that carries the public key
+// and answers "sendRequest" from files and from a local HTTP server on 127.0.0.1, a deterministic
+// random source, and waiting without the wall clock.
 const crypto = require('crypto');
 const fs = require('fs');
 const http = require('http');
@@ -19,6 +20,19 @@ function tempRoot(t) {
 
 function md5(bytes) {
   return crypto.createHash('md5').update(bytes).digest('hex');
+}
+
+// The tests' publisher: a key pair made for this process, its public half as the PEM text that
+// `ferrit keygen` writes.
+const publisher = crypto.generateKeyPairSync('ed25519');
+const publisherPem = publisher.publicKey.export({ format: 'pem', type: 'spki' });
+
+// A configuration document as a server serves it: the JSON text, "||", and the base64 Ed25519
+// signature of the text's lower-case hexadecimal MD5.
+function signDocument(document, privateKey = publisher.privateKey) {
+  const text = typeof document === 'string' ? document : JSON.stringify(document);
+  const signature = crypto.sign(null, Buffer.from(md5(Buffer.from(text))), privateKey);
+  return text + '||' + signature.toString('base64');
 }
 
 // Writes a raw-file folder with built-in packs: {name: {seq, prefix, files: {path: bytes}}}. Each
@@ -66,9 +80,11 @@ function startServer(routes) {
 // The host's bridge object. URLs that start with `httpBase` are fetched from the local server;
 // URLs under "https://files.example.com/" are read from `filesFolder`; anything else fails in
 // transport. `omitStatus` leaves "statusCode" out of successful answers, as a host that reports
-// only content does.
-function makeHost({ httpBase, filesFolder, omitStatus = false } = {}) {
+// only content does. `publicKey` is the key that signatures are checked with, the tests'
+// publisher's unless given.
+function makeHost({ httpBase, filesFolder, omitStatus = false, publicKey = publisherPem } = {}) {
   const host = {
+    publicKey,
     requests: [],
     errorsMade: [],
     sendRequest(request, id) {
@@ -158,6 +174,9 @@ module.exports = {
   ferrit,
   tempRoot,
   md5,
+  publisher,
+  publisherPem,
+  signDocument,
   makeAssets,
   startServer,
   makeHost,

@@ -6,7 +6,7 @@ const assert = require('node:assert/strict');
 const fs = require('fs');
 const path = require('path');
 
-const { ferrit, tempRoot, makeAssets, startServer, makeHost, waitFor, bytesOf, md5 } = require('./helpers');
+const { ferrit, tempRoot, makeAssets, startServer, makeHost, waitFor, bytesOf, md5, signDocument } = require('./helpers');
 
 const PREFIX = 'https://app.example.com/static/';
 const SCRIPT = Buffer.from('console.log("from the pack");\n'.repeat(40));
@@ -31,7 +31,7 @@ test('HostTest.ServesAPackAndAnswersTheInspector', async (t) => {
     web: { seq: 3, prefix: PREFIX, files: { 'app.js': SCRIPT, 'css/site.css': STYLE } },
   });
   fs.mkdirSync(path.join(root, 'cache'));
-  const signed = JSON.stringify(DOCUMENT) + '||' + Buffer.from('signature').toString('base64');
+  const signed = signDocument(DOCUMENT);
   const { server, base } = await startServer((pathname) =>
     pathname.startsWith('/fconfig/') ? { body: signed } : undefined);
   t.after(() => server.close());

@@ -3,6 +3,9 @@ import * as fs from 'fs';
 import * as ferrit from 'ferritcore';
 
 const host: ferrit.HostBridge = {
+  // The publisher's Ed25519 public key as `ferrit keygen` wrote it: every signed resource list and
+  // configuration document is checked with it before the library trusts it.
+  publicKey: fs.readFileSync('publisher.pub.pem'),
   // The library asks the host for every network request; this host has no network.
   sendRequest(request: ferrit.ProxyRequestObject, id: string) {
     setImmediate(() =>
@@ -29,3 +32,7 @@ if (response.error === undefined && response.data !== undefined) {
 
 ferrit.getResourceNative({ url: 'https://example.com/static/app.js' }, (later) => console.log(later.is404));
 ferrit.inspect('FerritDev.info').then((report) => console.log(report));
+
+// A development host only: no key, and no signature checked.
+const unchecked: ferrit.HostBridge = { ...host, publicKey: undefined, insecureNoSignatureCheck: true };
+void unchecked;

@@ -2,6 +2,7 @@
 // stand in for Node's own type package.
 declare module 'fs' {
   export function mkdirSync(path: string, options?: { recursive?: boolean }): string | undefined;
+  export function readFileSync(path: string): Uint8Array;
 }
 declare function setImmediate(callback: () => void): unknown;
 declare const console: { log(...values: unknown[]): void };

@@ -331,9 +331,9 @@ class GroupFlowTest : public OnDemandTest {
         auto disk = pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"});
         install({disk});
         serveIndexes({{"app", tableOf({{"res/gone.js", "https://h.com/app/gone.js", "g"},
-                                       {"res/empty.js", "https://h.com/app/empty.js", ""}})}});
+                                       {"res/empty.js", "https://h.com/app/empty.js", "lost"}})}});
         writeFile("apps/app/3/res/gone.js", "g");
-        // Matched, then failing when read: an empty file is no data (1103).
+        // Matched, then failing when read: a file that lost its content is no data (1103).
         writeFile("apps/app/3/res/empty.js", "");
     }
     std::shared_ptr<PackPart> partFor(const std::string& url, const std::string& packName) {
@@ -397,8 +397,20 @@ TEST_F(GroupFlowTest, GroupOfDiskAndOnDemandPartsDeliversBothInOrder) {
 
 // --- Bad input in a pack ----------------------------------------------------------------------
 
-TEST_F(ReadFlowTest, ZeroByteResourceGives1103) {
+// An empty file is content when its list names it empty, and damage when its list names content.
+TEST_F(ReadFlowTest, ZeroByteResourceThatItsListNamesEmptyIsServedEmpty) {
     installApp(tableOf({{"res/empty.js", "https://h.com/app/empty.js", ""}}));
+    writeFile("apps/app/3/res/empty.js", "");
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/empty.js", ""));
+    EXPECT_FALSE(response->error) << response->error.message();
+    EXPECT_TRUE(response->data.empty());
+    auto async = getAsync(ResourceRequest("https://h.com/app/empty.js", ""));
+    ASSERT_NE(async, nullptr);
+    EXPECT_FALSE(async->error) << async->error.message();
+}
+
+TEST_F(ReadFlowTest, ZeroByteResourceWhoseListNamesContentGives1103) {
+    installApp(tableOf({{"res/empty.js", "https://h.com/app/empty.js", "lost"}}));
     writeFile("apps/app/3/res/empty.js", "");
     auto response = Access::getResource(ResourceRequest("https://h.com/app/empty.js", ""));
     EXPECT_EQ(response->error.code(), 1103);

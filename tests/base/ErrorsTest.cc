@@ -75,6 +75,8 @@ std::vector<CatalogueCase> catalogue() {
          "file \"/Asset/res/a.js\" verify failed: MD5 is \"abc\""},
         {"fileVerifyMd5", fileVerifyMd5(asset, "abc", "def"), 1106,
          "file \"/Asset/res/a.js\" verify failed: MD5 \"abc\" different with expectation \"def\""},
+        {"fileVerifySize", fileVerifySize(asset, 2000, 1999), 1106,
+         "file \"/Asset/res/a.js\" verify failed: size 2000 different with expectation 1999"},
         {"fileDeserialization", fileDeserialization(asset), 1107,
          "file \"/Asset/res/a.js\" deserialization failed"},
         {"fileDeserialization(reason)", fileDeserialization(asset, "bad"), 1107,
@@ -144,7 +146,7 @@ std::vector<CatalogueCase> catalogue() {
 TEST(ErrorsTest, EveryCatalogueFunctionGivesItsCodeAndExactMessage) {
     const std::vector<CatalogueCase> cases = catalogue();
     // One entry per function and overload of the catalogue.
-    EXPECT_EQ(cases.size(), 74u);
+    EXPECT_EQ(cases.size(), 75u);
     for (const CatalogueCase& c : cases) {
         SCOPED_TRACE(c.function);
         EXPECT_EQ(c.error.code(), c.code);

@@ -334,5 +334,71 @@ TEST_F(FileUtilStepTest, HookRunsBeforeEveryChangeOfTheFileSystem) {
     EXPECT_EQ(steps, 8);
 }
 
+// Counts what reaches the system calls, and refuses them when told to, as a power-cut test does.
+class CountingCalls : public FileUtil::Calls {
+  public:
+    int syncData(int fd) override {
+        ++dataSyncs;
+        if (refuse) return errno = EIO, -1;
+        return Calls::syncData(fd);
+    }
+    int syncDirectory(int fd) override {
+        ++directorySyncs;
+        if (refuse) return errno = EIO, -1;
+        return Calls::syncDirectory(fd);
+    }
+    int rename(const char* from, const char* to) override {
+        ++renames;
+        if (refuse) return errno = EIO, -1;
+        return Calls::rename(from, to);
+    }
+    FILE* openForWrite(const char* path, const char* mode) override {
+        ++writeOpens;
+        return Calls::openForWrite(path, mode);
+    }
+    int dataSyncs = 0, directorySyncs = 0, renames = 0, writeOpens = 0;
+    bool refuse = false;
+};
+
+class ScopedCalls {
+  public:
+    explicit ScopedCalls(FileUtil::Calls* calls) { FileUtil::setCalls(calls); }
+    ~ScopedCalls() { FileUtil::setCalls(nullptr); }
+};
+
+TEST_F(FileUtilTest, SyncsOfFilesAndDirectoriesGoThroughTheInstalledCalls) {
+    CountingCalls calls;
+    ScopedCalls scoped(&calls);
+    ASSERT_EQ(FileUtil::writeFile(path("a/b.txt"), "x"), ENOENT);
+    write("a/b.txt", "bytes");
+    EXPECT_EQ(FileUtil::writeFile(path("a/c.txt"), "more"), 0);
+    EXPECT_EQ(calls.writeOpens, 2);
+    EXPECT_EQ(FileUtil::syncFile(path("a/c.txt")), 0);
+    EXPECT_EQ(FileUtil::syncDirectory(path("a/")), 0);
+    EXPECT_EQ(FileUtil::startWriteback(path("a/b.txt")), 0);
+    EXPECT_EQ(calls.dataSyncs, 1);
+    EXPECT_EQ(calls.directorySyncs, 1);
+    EXPECT_EQ(FileUtil::rename(path("a/b.txt"), path("a/d.txt")), 0);
+    EXPECT_EQ(calls.renames, 1);
+    EXPECT_EQ(slurp(path("a/d.txt")), "bytes");
+}
+
+TEST_F(FileUtilTest, SyncsGiveErrnoResults) {
+    EXPECT_EQ(FileUtil::syncFile(""), -1);
+    EXPECT_EQ(FileUtil::syncDirectory(""), -1);
+    EXPECT_EQ(FileUtil::syncDescriptor(-1), -1);
+    EXPECT_EQ(FileUtil::syncFile(path("missing")), ENOENT);
+    EXPECT_EQ(FileUtil::syncDirectory(path("missing/")), ENOENT);
+    write("file", "x");
+    EXPECT_EQ(FileUtil::syncDirectory(path("file")), ENOTDIR);
+    CountingCalls calls;
+    calls.refuse = true;
+    ScopedCalls scoped(&calls);
+    EXPECT_EQ(FileUtil::syncFile(path("file")), EIO);
+    EXPECT_EQ(FileUtil::syncDirectory(temp_.root()), EIO);
+    EXPECT_EQ(FileUtil::rename(path("file"), path("other")), EIO);
+    EXPECT_EQ(slurp(path("file")), "x");
+}
+
 }  // namespace
 }  // namespace FerritCore

@@ -35,8 +35,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -44,31 +42,22 @@
 #include <unordered_set>
 #include <vector>
 
-#include "base/Digest.h"
-#include "base/Environment.h"
 #include "base/FileUtil.h"
 #include "base/Folder.h"
 #include "base/PackedFiles.h"
-#include "ferritcore/Access.h"
-#include "ferritcore/ResourceRequest.h"
 #include "ferritcore/ResourceResponse.h"
-#include "lifecycle/Setup.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "model/PacksConfigStorage.h"
-#include "model/ResourceIndex.h"
 #include "model/SCache.h"
-#include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
 #include "tests/FakeProxy.h"
-#include "tests/SyntheticSite.h"
-#include "tools/pack/PackBuilder.h"
-#include "update/UpdatePack.h"
-#include "update/UpdateQueue.h"
+#include "tests/crash/CrashScenario.h"
 
 namespace fs = std::filesystem;
 using namespace FerritCore;
+using namespace FerritCrash;
 
 namespace {
 
@@ -76,83 +65,27 @@ constexpr const char* kPointsVariable = "FERRIT_CRASH_POINTS";
 constexpr int kDefaultPoints = 200;
 constexpr const char* kJobsVariable = "FERRIT_CRASH_JOBS";
 constexpr int kDefaultJobs = 2;
-constexpr const char* kSite = "https://shop.test/app/";
-constexpr const char* kZipPrefix = "https://dl.test/";
-constexpr const char* kAppZipPrefix = "https://app.test/";
-constexpr uint32_t kNetworkUnrestricted = 1;
 // The two versions: enough files for many distinct kill points, small enough for a quick run.
 constexpr int kFiles = 160;
 constexpr size_t kBytesPerFile = 2560;
 // A longer run wants more distinct steps than the CI pack has: FERRIT_CRASH_FILES makes a larger
-// one (the parent and its children read the same environment, so they agree on the pack).
+// one.
 constexpr const char* kFilesVariable = "FERRIT_CRASH_FILES";
 constexpr uint64_t kSeed = 20240611;
-constexpr double kChangedFraction = 0.3;
 
 // ---- The two kinds of pack ---------------------------------------------------------------------
 
-struct Variant {
-    const char* label;
-    const char* name;
-    uint32_t type;
-    // A full install of version 2 over version 1, or an increment with the same base.
-    bool incremental;
-};
 // An app on the disk, staged under "temp/" and moved into place; a plain pack in the packed
 // store, updated by an increment whose unchanged files are copied inside the store.
-const Variant kDisk{"disk", "app", kPackTypeACache, false};
-const Variant kPacked{"packed", "shop", kPackTypeFerrit, true};
+const Scenario kDisk{"disk", "app", kPackTypeACache, false};
+const Scenario kPacked{"packed", "shop", kPackTypeFerrit, true};
 
-const Variant& variantNamed(const std::string& label) {
+const Scenario& scenarioNamed(const std::string& label) {
     return label == kPacked.label ? kPacked : kDisk;
 }
 
 FerritTest::SiteFiles version(int which) {
-    const char* text = std::getenv(kFilesVariable);
-    const int files = text != nullptr && std::atoi(text) > 0 ? std::atoi(text) : kFiles;
-    const FerritTest::SiteFiles first =
-        FerritTest::SyntheticSite::make(files, static_cast<size_t>(files) * kBytesPerFile, kSeed);
-    return which == 1 ? first
-                      : FerritTest::SyntheticSite::nextVersion(first, kChangedFraction, kSeed + 1);
-}
-
-FerritTools::Signer signer() {
-    return [](const std::string& md5Hex, std::string& signature, std::string&) {
-        signature = FerritTest::FakeProxy::signatureOf(md5Hex);
-        return true;
-    };
-}
-
-FerritTools::PackOptions packOptions() {
-    FerritTools::PackOptions options;
-    options.urlPrefix = kSite;
-    options.signer = signer();
-    options.level = 6;
-    return options;
-}
-
-std::string readAll(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void writeAll(const fs::path& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-// The zips a server would publish: version 1 in full, and version 2 in full or as an increment.
-void writeFixtures(const fs::path& folder) {
-    fs::create_directories(folder);
-    FerritTools::PackContent one, two;
-    one.files = version(1);
-    two.files = version(2);
-    std::string zip, error;
-    ASSERT_TRUE(FerritTools::buildPack(one, packOptions(), zip, error)) << error;
-    writeAll(folder / "v1.zip", zip);
-    ASSERT_TRUE(FerritTools::buildPack(two, packOptions(), zip, error)) << error;
-    writeAll(folder / "v2.zip", zip);
-    ASSERT_TRUE(FerritTools::buildIncrement(one, two, packOptions(), zip, error)) << error;
-    writeAll(folder / "v2-increment.zip", zip);
+    return siteVersion(which, fromEnvironment(kFilesVariable, kFiles), kBytesPerFile, kSeed);
 }
 
 // ---- The child's side -------------------------------------------------------------------------
@@ -211,101 +144,31 @@ class StepPackedFiles : public PackedFiles {
 };
 
 // The database's own file system, with a step before each change of a file: a kill then lands
-// between any two pages that a commit writes to the log, as a crash would. Registered as the
-// default before any store opens; every call is handed to the real one.
-struct StepFile {
-    sqlite3_file base;
-    sqlite3_file* real;  // lies right behind this header, in the space the database allocates
-};
-
-sqlite3_vfs* realVfs = nullptr;
-sqlite3_vfs stepVfs;
-sqlite3_io_methods stepMethods;
-
-sqlite3_file* realOf(sqlite3_file* file) {
-    return reinterpret_cast<StepFile*>(file)->real;
-}
-
-int stepOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* outFlags) {
-    auto* own = reinterpret_cast<StepFile*>(file);
-    own->real = reinterpret_cast<sqlite3_file*>(own + 1);
-    const int rc = realVfs->xOpen(realVfs, name, own->real, flags, outFlags);
-    own->base.pMethods = own->real->pMethods != nullptr ? &stepMethods : nullptr;
-    return rc;
-}
-
-int stepDelete(sqlite3_vfs*, const char* name, int syncDirectory) {
-    step();
-    return realVfs->xDelete(realVfs, name, syncDirectory);
-}
-
+// between any two pages that a commit writes to the log, as a crash would.
 void installStepVfs() {
-    realVfs = sqlite3_vfs_find(nullptr);
-    stepVfs = *realVfs;
-    stepVfs.zName = "ferrit-crash-step";
-    stepVfs.szOsFile = static_cast<int>(sizeof(StepFile)) + realVfs->szOsFile;
-    stepVfs.xOpen = stepOpen;
-    stepVfs.xDelete = stepDelete;
-    stepVfs.pNext = nullptr;
-    stepMethods = sqlite3_io_methods{
-        3,
-        [](sqlite3_file* f) {
-            sqlite3_file* real = realOf(f);
-            const int rc = real->pMethods->xClose(real);
-            f->pMethods = nullptr;
-            return rc;
-        },
-        [](sqlite3_file* f, void* out, int amount, sqlite3_int64 offset) {
-            return realOf(f)->pMethods->xRead(realOf(f), out, amount, offset);
-        },
-        [](sqlite3_file* f, const void* in, int amount, sqlite3_int64 offset) {
-            step();
-            return realOf(f)->pMethods->xWrite(realOf(f), in, amount, offset);
-        },
-        [](sqlite3_file* f, sqlite3_int64 size) {
-            step();
-            return realOf(f)->pMethods->xTruncate(realOf(f), size);
-        },
-        [](sqlite3_file* f, int flags) { return realOf(f)->pMethods->xSync(realOf(f), flags); },
-        [](sqlite3_file* f, sqlite3_int64* size) {
-            return realOf(f)->pMethods->xFileSize(realOf(f), size);
-        },
-        [](sqlite3_file* f, int lock) { return realOf(f)->pMethods->xLock(realOf(f), lock); },
-        [](sqlite3_file* f, int lock) { return realOf(f)->pMethods->xUnlock(realOf(f), lock); },
-        [](sqlite3_file* f, int* out) {
-            return realOf(f)->pMethods->xCheckReservedLock(realOf(f), out);
-        },
-        [](sqlite3_file* f, int op, void* arg) {
-            return realOf(f)->pMethods->xFileControl(realOf(f), op, arg);
-        },
-        [](sqlite3_file* f) { return realOf(f)->pMethods->xSectorSize(realOf(f)); },
-        [](sqlite3_file* f) { return realOf(f)->pMethods->xDeviceCharacteristics(realOf(f)); },
-        [](sqlite3_file* f, int region, int size, int extend, void volatile** out) {
-            return realOf(f)->pMethods->xShmMap(realOf(f), region, size, extend, out);
-        },
-        [](sqlite3_file* f, int offset, int n, int flags) {
-            return realOf(f)->pMethods->xShmLock(realOf(f), offset, n, flags);
-        },
-        [](sqlite3_file* f) { realOf(f)->pMethods->xShmBarrier(realOf(f)); },
-        [](sqlite3_file* f, int deleteFlag) {
-            return realOf(f)->pMethods->xShmUnmap(realOf(f), deleteFlag);
-        },
-        [](sqlite3_file* f, sqlite3_int64 offset, int amount, void** out) {
-            return realOf(f)->pMethods->xFetch(realOf(f), offset, amount, out);
-        },
-        [](sqlite3_file* f, sqlite3_int64 offset, void* pointer) {
-            return realOf(f)->pMethods->xUnfetch(realOf(f), offset, pointer);
-        },
+    VfsHooks hooks;
+    hooks.name = "ferrit-crash-step";
+    hooks.remove = [](const char*) {
+        step();
+        return SQLITE_OK;
     };
-    sqlite3_vfs_register(&stepVfs, 1);
+    hooks.write = [](sqlite3_file* f, const void* in, int amount, sqlite3_int64 offset) {
+        step();
+        return realOf(f)->pMethods->xWrite(realOf(f), in, amount, offset);
+    };
+    hooks.truncate = [](sqlite3_file* f, sqlite3_int64 size) {
+        step();
+        return realOf(f)->pMethods->xTruncate(realOf(f), size);
+    };
+    installVfs(hooks);
 }
 
 // The configuration's commits, with a step before each write.
 class StepConfigStorage : public PacksConfigStorage {
   public:
-    Error writeConfig(const std::string& text) override {
+    Error writeConfig(const std::string& text, Durability durability) override {
         step();
-        return PacksConfigStorage::writeConfig(text);
+        return PacksConfigStorage::writeConfig(text, durability);
     }
     void removeFolder(const Folder& folder) override {
         step();
@@ -313,65 +176,13 @@ class StepConfigStorage : public PacksConfigStorage {
     }
 };
 
-void drive() {
-    while (TaskRunner::runDue() > 0) {
-    }
-}
-
-// The start of a process on `root`, as a host makes it, with the proxy serving the fixtures.
-std::shared_ptr<StepProxy> start(const std::string& root, const fs::path& fixtures,
-                                 const Variant& variant) {
-    auto proxy = std::make_shared<StepProxy>();
-    const std::string prefix = variant.type == kPackTypeACache ? kAppZipPrefix : kZipPrefix;
-    const std::string name = variant.name;
-    proxy->serve(prefix + name + "/1.zip", 200, readAll(fixtures / "v1.zip"));
-    proxy->serve(prefix + name + "/2.zip", 200, readAll(fixtures / "v2.zip"));
-    proxy->serve(prefix + name + "/i/2.zip", 200, readAll(fixtures / "v2-increment.zip"));
-    HostDefaults defaults;
-    defaults.zipPrefix = kZipPrefix;
-    defaults.acacheZipPrefix = kAppZipPrefix;
-    Settings::setDefaults(defaults);
-    Setup::setProxy(proxy, root);
-    Environment::instance().setNetworkStatusValue(kNetworkUnrestricted);
-    return proxy;
-}
-
-// Runs one update of the pack to its end, the replaced version's deletion included.
-Error updatePack(const Variant& variant, MarlLogger::ManualClock& clock) {
-    Error result(-1, "never completed");
-    UpdateQueue::request(variant.name, kTriggerTimer, [&](const Error& error) { result = error; });
-    drive();
-    clock.advance(UpdatePack::kRetiredFolderDelayMs + 1);
-    drive();
-    return result;
-}
-
-// The configured record of version `seq`.
-void configure(const Variant& variant, uint64_t seq, const fs::path& fixtures) {
-    SCache::mutate([&](FConfig& config) {
-        PackPtr old = config.find(variant.name);
-        auto pack = old ? old->clone() : std::make_shared<Pack>();
-        pack->name = variant.name;
-        pack->flags = variant.type | kPriorityAutoInstall;
-        pack->seq = seq;
-        pack->baseSeq = variant.incremental ? 1 : seq;
-        pack->prefixes = {kSite};
-        pack->md5 = Digest::md5Hex(readAll(fixtures / ("v" + std::to_string(seq) + ".zip")));
-        pack->incrMd5 = Digest::md5Hex(readAll(fixtures / "v2-increment.zip"));
-        pack->updateTime = MRLCurrentTime();
-        config.version = std::to_string(seq);
-        config.lastUpdate = MRLCurrentTime();
-        config.put(std::move(pack));
-    });
-    drive();
-}
-
 // "prepare": version 1 installed, version 2 configured, the process ended cleanly.
-int childPrepare(const std::string& root, const fs::path& fixtures, const Variant& variant) {
+int childPrepare(const std::string& root, const fs::path& fixtures, const Scenario& variant) {
     MarlLogger::ScopedManualClock clock;
     start(root, fixtures, variant);
     configure(variant, 1, fixtures);
-    const Error error = updatePack(variant, *clock);
+    Error error;
+    updatePack(variant, *clock, error);
     if (error) {
         std::printf("ERROR %d %s\n", error.code(), error.message().c_str());
         return 1;
@@ -382,16 +193,17 @@ int childPrepare(const std::string& root, const fs::path& fixtures, const Varian
 
 // "install": the update to version 2, killed at step `kill` (0: runs to its end and says how
 // many steps it took).
-int childInstall(const std::string& root, const fs::path& fixtures, const Variant& variant,
+int childInstall(const std::string& root, const fs::path& fixtures, const Scenario& variant,
                  int64_t kill) {
     MarlLogger::ScopedManualClock clock;
-    start(root, fixtures, variant);
+    start<StepProxy>(root, fixtures, variant);
     PackedFiles::set(std::make_shared<StepPackedFiles>(PacksStore::files()));
     SCache::setStorage(std::make_shared<StepConfigStorage>());
     killAt = kill;
     steps = 0;
     FileUtil::setStepHook(step);
-    const Error error = updatePack(variant, *clock);
+    Error error;
+    updatePack(variant, *clock, error);
     FileUtil::setStepHook(nullptr);
     std::printf("STEPS %lld\n", static_cast<long long>(steps));
     if (error) {
@@ -401,28 +213,10 @@ int childInstall(const std::string& root, const fs::path& fixtures, const Varian
     return 0;
 }
 
-// How each answer compares with the two versions.
-enum class Verdict { Old, New, Either, Bad };
-
-Verdict judge(const FerritTest::SiteFiles& one, const FerritTest::SiteFiles& two,
-              const std::string& path, const ResourceResponse& response) {
-    auto in1 = one.find(path);
-    auto in2 = two.find(path);
-    // A path that only one version has: the other answers "not in this pack" (3002).
-    const bool asOld = in1 != one.end() ? (!response.error && response.data == in1->second)
-                                        : response.error.code() == 3002;
-    const bool asNew = in2 != two.end() ? (!response.error && response.data == in2->second)
-                                        : response.error.code() == 3002;
-    if (asOld && asNew) return Verdict::Either;
-    if (asOld) return Verdict::Old;
-    if (asNew) return Verdict::New;
-    return Verdict::Bad;
-}
-
 // "verify": the next start on the crashed root; reads every URL, then installs again. Prints
 // "TEMP <entries before> <entries after>", "READ <old> <new> <bad>", one "BAD <path> <code>" per
 // bad answer, "VERSION <old|new|mixed>", "REINSTALL <code>", "AFTER <new> <bad>".
-int childVerify(const std::string& root, const fs::path& fixtures, const Variant& variant) {
+int childVerify(const std::string& root, const fs::path& fixtures, const Scenario& variant) {
     MarlLogger::ScopedManualClock clock;
     size_t before = 0, after = 0;
     if (fs::is_directory(fs::path(root) / "temp"))
@@ -435,52 +229,25 @@ int childVerify(const std::string& root, const fs::path& fixtures, const Variant
 
     const FerritTest::SiteFiles one = version(1);
     const FerritTest::SiteFiles two = version(2);
-    std::set<std::string> paths;
-    for (const auto& [path, content] : one) paths.insert(path);
-    for (const auto& [path, content] : two) paths.insert(path);
-    auto readEvery = [&](size_t& olds, size_t& news, size_t& bads, bool report) {
-        olds = news = bads = 0;
-        for (const std::string& path : paths) {
-            ResourceRequest request(std::string(kSite) + path, std::string());
-            std::unique_ptr<ResourceResponse> response = Access::getResource(request);
-            switch (judge(one, two, path, *response)) {
-                case Verdict::Old:
-                    ++olds;
-                    break;
-                case Verdict::New:
-                    ++news;
-                    break;
-                case Verdict::Either:
-                    break;
-                case Verdict::Bad:
-                    ++bads;
-                    if (report) {
-                        std::printf("BAD %s %d %zu\n", path.c_str(), response->error.code(),
-                                    response->data.size());
-                    }
-                    break;
-            }
-        }
+    const auto reportBad = [](const std::string& path, const ResourceResponse& response, size_t) {
+        std::printf("BAD %s %d %zu\n", path.c_str(), response.error.code(), response.data.size());
     };
-    size_t olds = 0, news = 0, bads = 0;
-    readEvery(olds, news, bads, true);
-    std::printf("READ %zu %zu %zu\n", olds, news, bads);
-    // Every file that the installed version's list names is there and whole.
-    Error verifyError;
-    if (PackPtr pack = SCache::current()->find(variant.name)) {
-        const ResourceIndexPtr index = ResourceIndexPool::get(*pack);
-        if (!index->verifyFiles(*index->folder(), verifyError))
-            std::printf("UNVERIFIED %s\n", verifyError.message().c_str());
-    }
+    Reading reading = readEvery(one, two, reportBad);
+    std::printf("READ %zu %zu %zu\n", reading.olds, reading.news, reading.bads);
+    const Error verifyError = verifyInstalled(variant);
+    if (verifyError) std::printf("UNVERIFIED %s\n", verifyError.message().c_str());
     std::printf("VERIFY %d\n", verifyError.code());
-    std::printf("VERSION %s\n", olds > 0 && news > 0 ? "mixed" : news > 0 ? "new" : "old");
+    std::printf("VERSION %s\n", reading.olds > 0 && reading.news > 0 ? "mixed"
+                                : reading.news > 0                   ? "new"
+                                                                     : "old");
     // Reads of a version being replaced ask for repairs and updates: they run here, and then the
     // next trigger installs whatever is still missing.
     drive();
-    const Error error = updatePack(variant, *clock);
+    Error error;
+    updatePack(variant, *clock, error);
     std::printf("REINSTALL %d %s\n", error.code(), error.message().c_str());
-    readEvery(olds, news, bads, true);
-    std::printf("AFTER %zu %zu\n", news, bads);
+    reading = readEvery(one, two, reportBad);
+    std::printf("AFTER %zu %zu\n", reading.news, reading.bads);
     return 0;
 }
 
@@ -492,7 +259,7 @@ int runChild(int argc, char** argv) {
     const std::string command = argv[2];
     const std::string root = argv[3];
     const fs::path fixtures = argv[4];
-    const Variant& variant = variantNamed(argv[5]);
+    const Scenario& variant = scenarioNamed(argv[5]);
     if (command == "prepare") return childPrepare(root, fixtures, variant);
     if (command == "install" && argc >= 7)
         return childInstall(root, fixtures, variant, std::atoll(argv[6]));
@@ -574,18 +341,14 @@ ChildResult runSelf(const std::vector<std::string>& args) {
 // How many points run side by side: each has its own root, so they share nothing but the
 // fixtures, which no child writes. The children mostly wait on the disk, so two per core pays.
 int jobsToRun() {
-    const char* text = std::getenv(kJobsVariable);
-    const int jobs = text != nullptr ? std::atoi(text) : kDefaultJobs;
-    return jobs > 0 ? jobs : kDefaultJobs;
+    return fromEnvironment(kJobsVariable, kDefaultJobs);
 }
 
 int pointsToRun() {
-    const char* text = std::getenv(kPointsVariable);
-    const int points = text != nullptr ? std::atoi(text) : kDefaultPoints;
-    return points > 0 ? points : kDefaultPoints;
+    return fromEnvironment(kPointsVariable, kDefaultPoints);
 }
 
-class InstallCrashTest : public ::testing::TestWithParam<const Variant*> {
+class InstallCrashTest : public ::testing::TestWithParam<const Scenario*> {
   protected:
     void SetUp() override {
         base_ = fs::temp_directory_path() /
@@ -618,8 +381,8 @@ class InstallCrashTest : public ::testing::TestWithParam<const Variant*> {
 };
 
 TEST_P(InstallCrashTest, KilledAnywhereTheInstallLeavesTheOldOrTheNewVersion) {
-    const Variant& variant = *GetParam();
-    writeFixtures(base_ / "fixtures");
+    const Scenario& variant = *GetParam();
+    ASSERT_NO_FATAL_FAILURE(writeFixtures(base_ / "fixtures", version(1), version(2)));
     const ChildResult prepared = child("prepare", base_ / "template");
     ASSERT_TRUE(prepared.succeeded()) << prepared.output;
 
@@ -686,7 +449,7 @@ TEST_P(InstallCrashTest, KilledAnywhereTheInstallLeavesTheOldOrTheNewVersion) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Packs, InstallCrashTest, ::testing::Values(&kDisk, &kPacked),
-                         [](const ::testing::TestParamInfo<const Variant*>& info) {
+                         [](const ::testing::TestParamInfo<const Scenario*>& info) {
                              return std::string(info.param->label);
                          });
 

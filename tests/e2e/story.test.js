@@ -3,7 +3,8 @@
 // loopback, the Node host example starts the library and installs the packs over Node's fetch, and
 // headless Chromium loads the app offline with every request answered through the module's
 // asynchronous getResource. Then a second version with two changed files arrives as an increment,
-// and the network's faults leave the installed version serving. Also: the page's load time from
+// and the network's faults leave the installed version serving; at the end the site goes back to
+// version one, and its increment brings the device back to it. Also: the page's load time from
 // packs against nginx behind a proxy that adds 100 ms to every request, and the inspector page.
 // One process holds the library, so the steps run in order in one test.
 const assert = require('node:assert/strict');
@@ -273,6 +274,22 @@ test('the app is published, installed, loaded offline and updated by increment',
     const shot = await page.screenshot({ type: 'png', fullPage: true });
     if (screenshotOut) fs.writeFileSync(screenshotOut, shot);
     await page.close();
+  });
+
+  await t.test('the site reverted to version one: its increment brings the device back offline', async () => {
+    // The device is on version three; the files that versions two and three changed equal the
+    // base's again, and the increment must carry them all the same.
+    s.writeSite(siteRoot, { headline: 'Version one', banner: kBannerOne });
+    const reverted = s.publish(siteRoot, manifest, tree);
+    assert.match(reverted, /story 6 \(increment from 1: 2 changed, 0 added, 0 removed\)/);
+    await nginx.start();
+    const back = await host.update();
+    assert.deepEqual(back.map((r) => [r.name, r.error]), [['story', undefined]]);
+    assert.equal(Number((await host.packs()).story.installedSeq), 6);
+    assert.ok(nginx.requestedPaths().includes('/packs/story/i/6.zip'), 'the increment was fetched');
+    assert.ok(!nginx.requestedPaths().includes('/packs/story/6.zip'), 'not the full zip');
+    await nginx.stop();
+    step(`version one again offline in ${(await checkPage('Version one', kBannerOne)).toFixed(0)} ms`);
   });
 });
 

@@ -23,6 +23,24 @@ TEST_F(SCacheTest, DirtyTransactionCommitsOnTheWorker) {
     EXPECT_EQ(storage_->storedWrites, 1);
 }
 
+TEST_F(SCacheTest, DurableTransactionAsksForADurableCommitAndOthersDoNot) {
+    auto put = [](const std::string& name) {
+        return [name](FConfig& config) {
+            auto p = std::make_shared<Pack>();
+            p->name = name;
+            p->seq = 1;
+            config.put(p);
+        };
+    };
+    SCache::mutate(put("a"));
+    SCache::mutate(put("b"), Durability::Durable);
+    SCache::mutate(put("c"));
+    TaskRunner::runDue();
+    EXPECT_EQ(
+        storage_->durabilities,
+        (std::vector<Durability>{Durability::Ordinary, Durability::Durable, Durability::Ordinary}));
+}
+
 TEST_F(SCacheTest, CleanTransactionCommitsNothing) {
     SCache::mutate([](FConfig&) {});
     EXPECT_EQ(TaskRunner::pendingCount(), 0u);

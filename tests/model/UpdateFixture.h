@@ -27,8 +27,9 @@ using namespace FerritCore;
 // Records what a commit writes and deletes.
 class RecordingStorage : public ConfigStorage {
   public:
-    Error writeConfig(const std::string& text) override {
+    Error writeConfig(const std::string& text, Durability durability) override {
         writes.push_back(text);
+        durabilities.push_back(durability);
         if (failWrites) return Error(1104, "write failed");
         ++storedWrites;
         return Error();
@@ -39,6 +40,8 @@ class RecordingStorage : public ConfigStorage {
     void wipeInstalled() override { ++wipes; }
 
     std::vector<std::string> writes;
+    // How each write was asked to be kept, in the order of `writes`.
+    std::vector<Durability> durabilities;
     int storedWrites = 0;
     std::vector<std::string> removedFolders;
     int wipes = 0;

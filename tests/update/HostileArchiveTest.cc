@@ -207,15 +207,17 @@ TEST_F(HostileArchiveTest, ListWithAForgedSignatureIsRefused) {
     expectRefused(raw(entries), 1106);
 }
 
+// The tampered file has the listed size, so that the MD5 is what refuses it.
 TEST_F(HostileArchiveTest, FileWhoseMd5DiffersFromTheListIsRefused) {
+    const std::string tampered = "tampered(12345678)";
+    ASSERT_EQ(tampered.size(), version2().at("js/app.js").size());
     std::vector<ZipWriter::Entry> entries;
     entries.push_back(file("app-res.hvc", indexOf(version2())));
     for (const auto& [path, content] : version2())
-        entries.push_back(file("res/" + path, path == "js/app.js" ? "tampered();" : content));
+        entries.push_back(file("res/" + path, path == "js/app.js" ? tampered : content));
     expectRefused(raw(entries), 1106,
                   "file \"temp/app_2_0/origin.zip/res/js/app.js\" verify failed: MD5 \"" +
-                      FerritCore::Digest::md5Hex("tampered();") +
-                      "\" different with expectation \"" +
+                      FerritCore::Digest::md5Hex(tampered) + "\" different with expectation \"" +
                       FerritCore::Digest::md5Hex(version2().at("js/app.js")) + "\"");
 }
 
@@ -225,12 +227,15 @@ TEST_F(HostileArchiveTest, FileThatTheListDoesNotNameIsRefused) {
 }
 
 // An empty resource is never installed: a read could not tell it from a damaged file.
-TEST_F(HostileArchiveTest, EmptyFileIsRefusedWithNoData) {
+// An entry that lost its bytes while its list names content is damage (an empty file that its
+// list names empty is content, and installs).
+TEST_F(HostileArchiveTest, EmptyEntryWhoseListNamesContentIsRefusedWithNoData) {
     PackFiles listed = version2();
-    listed["empty.txt"] = "";
+    listed["empty.txt"] = "it had content";
     std::vector<ZipWriter::Entry> entries;
     entries.push_back(file("app-res.hvc", indexOf(listed)));
-    for (const auto& [path, content] : listed) entries.push_back(file("res/" + path, content));
+    for (const auto& [path, content] : listed)
+        entries.push_back(file("res/" + path, path == "empty.txt" ? "" : content));
     expectRefused(raw(entries), 1103, "file \"temp/app_2_0/origin.zip/res/empty.txt\" no data");
 }
 

@@ -12,6 +12,7 @@
 
 #include "base/Digest.h"
 #include "base/Environment.h"
+#include "marl/Json.h"
 #include "model/FConfig.h"
 #include "model/ResourceIndex.h"
 #include "storage/ZipFile.h"
@@ -26,6 +27,7 @@ namespace {
 using namespace FerritCore;
 using FerritTools::PackContent;
 using FerritTools::PackOptions;
+using MarlLogger::json::JSON;
 
 constexpr const char* kPrefix = "https://shop.example.com/app/";
 
@@ -117,6 +119,53 @@ TEST_F(PackBuilderTest, BuiltPackHoldsTheListFirstThenEveryFileUnderResInPathOrd
     EXPECT_EQ(names(zip), (std::vector<std::string>{"app-res.hvc", "res/css/app.css", "res/gone.js",
                                                     "res/index.html"}));
     EXPECT_EQ(zip.readEntry("res/gone.js", error), "let old = 1;");
+}
+
+TEST_F(PackBuilderTest, EmptyFileIsListedWithTheDigestOfNoBytesAndSizeZeroAndReadsBackEmpty) {
+    PackContent content;
+    content.files = {{"empty.txt", ""}, {"one.txt", "1"}};
+    const std::string bytes = build(content);
+    Error error;
+    ZipFile zip = ZipFile::open(Folder::disk("p.zip"), bytes, error);
+    ASSERT_TRUE(zip) << error.message();
+    EXPECT_EQ(names(zip),
+              (std::vector<std::string>{"app-res.hvc", "res/empty.txt", "res/one.txt"}));
+    EXPECT_EQ(zip.readEntry("res/empty.txt", error), "");
+    EXPECT_FALSE(error) << error.message();
+    const ResourceIndex index = indexOf(zip, "shop", false);
+    ASSERT_FALSE(index.error()) << index.error().message();
+    ASSERT_NE(index.find("res/empty.txt"), nullptr);
+    EXPECT_EQ(index.find("res/empty.txt")->md5, "d41d8cd98f00b204e9800998ecf8427e");
+    const std::string list = zip.readEntry("app-res.hvc", error);
+    const JSON table = JSON::parse(list.substr(0, list.find("||")));
+    const MarlLogger::json::Type sizeType = table["res/empty.txt"]["size"].type();
+    EXPECT_TRUE(sizeType == MarlLogger::json::Type::Int ||
+                sizeType == MarlLogger::json::Type::UInt);
+    EXPECT_EQ(table["res/empty.txt"]["size"].int64Value(), 0);
+    EXPECT_EQ(table["res/one.txt"]["size"].int64Value(), 1);
+}
+
+TEST_F(PackBuilderTest, IncrementSinceEveryVersionCarriesWhatAnyOfThemChangedOrRemoved) {
+    const PackContent v1 = version1();
+    const PackContent v2 = version2();
+    std::string bytes, error;
+    FerritTools::IncrementSummary summary;
+    ASSERT_TRUE(FerritTools::buildIncrementSince(
+        {FerritTools::listingOf(v1.files), FerritTools::listingOf(v2.files)}, v1, options(), bytes,
+        error, &summary))
+        << error;
+    // Back to the first version: its page differs on a device of the second, and the second's
+    // script is gone; the style sheet is the same in both and stays out.
+    EXPECT_EQ(summary.changed, (std::vector<std::string>{"gone.js", "index.html"}));
+    EXPECT_TRUE(summary.added.empty());
+    EXPECT_EQ(summary.removed, (std::vector<std::string>{"new.js"}));
+    Error readError;
+    ZipFile zip = ZipFile::open(Folder::disk("i.zip"), bytes, readError);
+    EXPECT_EQ(names(zip),
+              (std::vector<std::string>{"app-res.hvc", "res/gone.js", "res/index.html"}));
+    const ResourceIndex index = indexOf(zip, "shop", true);
+    ASSERT_FALSE(index.error()) << index.error().message();
+    EXPECT_EQ(index.removed().count("res/new.js"), 1u);
 }
 
 TEST_F(PackBuilderTest, SameContentGivesTheSameBytes) {

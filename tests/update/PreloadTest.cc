@@ -221,5 +221,66 @@ TEST_F(PreloadTest, EmptyFileNameAndSubProcessAreRefused) {
     EXPECT_EQ(logs_->last("install", "Ferrit/Preload").errorCode, "2004");
 }
 
+// An app pack goes to the disk, whose folders a fresh device does not have yet.
+TEST_F(PreloadTest, AppPackInstallsOnAFreshRoot) {
+    FerritTools::PreloadPack app = pack("app", 4, version1());
+    app.record.flags = kPackTypeACache;
+    place("preload.zip", preloadZip({app, pack("shop", 3, version1())}));
+    std::filesystem::remove_all(temp_.path() / "apps");
+    ASSERT_TRUE(Preload::instance().install("preload.zip", true));
+    ASSERT_NE(find("app"), nullptr);
+    EXPECT_EQ(find("app")->installedSeq, 4u);
+    EXPECT_FALSE(find("app")->isPacks);
+    EXPECT_EQ(readDisk("apps/app/4/res/js/app.js"), version1().at("js/app.js"));
+    EXPECT_EQ(find("shop")->installedSeq, 3u);
+    expectServes(version1());
+    EXPECT_TRUE(tempLeft().empty());
+}
+
+TEST_F(PreloadTest, EmptyFilesInstallAndServeEmpty) {
+    PackFiles files = version1();
+    files["css/empty.css"] = "";
+    FerritTools::PreloadPack app = pack("app", 4, files);
+    app.record.flags = kPackTypeACache;
+    app.urlPrefix = "https://app.test/";
+    app.record.prefixes = {"https://app.test/"};
+    place("preload.zip", preloadZip({app, pack("shop", 3, files)}));
+    ASSERT_TRUE(Preload::instance().install("preload.zip", true));
+    EXPECT_EQ(find("app")->installedSeq, 4u);
+    EXPECT_EQ(find("shop")->installedSeq, 3u);
+    expectServes(files);
+    ResourceRequest request("https://app.test/css/empty.css", std::string());
+    std::unique_ptr<ResourceResponse> response = Access::getResource(request);
+    EXPECT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "");
+}
+
+// A file that its pack's list does not vouch for keeps the whole pack out; the others go in.
+TEST_F(PreloadTest, FileThatItsListDoesNotVouchForKeepsThePackOut) {
+    FerritTools::PreloadPack good = pack("shop", 3, version1());
+    FerritTools::PreloadPack bad = pack("cart", 2, version1());
+    std::string document, error;
+    ASSERT_TRUE(
+        FerritTools::buildConfig("5", {good.record, bad.record}, signer(), document, error));
+    FerritTools::ZipWriter writer;
+    ASSERT_TRUE(writer.addFile("fconfig.config", document, error)) << error;
+    for (const auto& [root, files] : std::vector<std::pair<std::string, PackFiles>>{
+             {"shop/3/", version1()}, {"cart/2/", version1()}}) {
+        ASSERT_TRUE(writer.addFile(root + "app-res.hvc", indexOf(files), error)) << error;
+        for (const auto& [path, content] : files) {
+            const bool tampered = root == "cart/2/" && path == "js/app.js";
+            ASSERT_TRUE(writer.addFile(root + "res/" + path, tampered ? "evil()" : content, error));
+        }
+    }
+    std::string zip;
+    ASSERT_TRUE(writer.finish(zip, error)) << error;
+    place("preload.zip", zip);
+    ASSERT_TRUE(Preload::instance().install("preload.zip", true));
+    EXPECT_EQ(find("shop")->installedSeq, 3u);
+    EXPECT_EQ(find("cart"), nullptr);
+    EXPECT_TRUE(packedKeys("cart/2/").empty());
+    EXPECT_GE(logs_->count("copy"), 1u);
+}
+
 }  // namespace
 }  // namespace FerritTest

@@ -5,6 +5,8 @@
 
 #include <cstdio>
 
+#include "tools/common/ToolFiles.h"
+
 namespace FerritTools {
 
 namespace {
@@ -21,12 +23,14 @@ std::unique_ptr<Ed25519Key> Ed25519Key::generate(std::string& error) {
     const bool made = context != nullptr && EVP_PKEY_keygen_init(context) == 1 &&
                       EVP_PKEY_keygen(context, &key) == 1;
     EVP_PKEY_CTX_free(context);
-    if (!made) {
+    std::shared_ptr<const FerritCore::Ed25519PublicKey> publicKey =
+        made ? FerritCore::Ed25519PublicKey::fromKeyPair(key) : nullptr;
+    if (!publicKey) {
         EVP_PKEY_free(key);
         error = "key generation failed";
         return nullptr;
     }
-    return std::unique_ptr<Ed25519Key>(new Ed25519Key(key, true));
+    return std::unique_ptr<Ed25519Key>(new Ed25519Key(key, std::move(publicKey)));
 }
 
 std::unique_ptr<Ed25519Key> Ed25519Key::loadPrivate(const std::string& pemPath,
@@ -38,28 +42,30 @@ std::unique_ptr<Ed25519Key> Ed25519Key::loadPrivate(const std::string& pemPath,
     }
     EVP_PKEY* key = PEM_read_PrivateKey(in, nullptr, nullptr, nullptr);
     std::fclose(in);
-    if (key == nullptr || EVP_PKEY_get_id(key) != EVP_PKEY_ED25519) {
+    std::shared_ptr<const FerritCore::Ed25519PublicKey> publicKey =
+        FerritCore::Ed25519PublicKey::fromKeyPair(key);
+    if (!publicKey) {
         EVP_PKEY_free(key);
         error = pemPath + " holds no Ed25519 private key";
         return nullptr;
     }
-    return std::unique_ptr<Ed25519Key>(new Ed25519Key(key, true));
+    return std::unique_ptr<Ed25519Key>(new Ed25519Key(key, std::move(publicKey)));
 }
 
 std::unique_ptr<Ed25519Key> Ed25519Key::loadPublic(const std::string& pemPath, std::string& error) {
-    FILE* in = std::fopen(pemPath.c_str(), "rb");
-    if (in == nullptr) {
+    std::string text;
+    if (!readWholeFile(pemPath, text)) {
         error = "cannot read the public key " + pemPath;
         return nullptr;
     }
-    EVP_PKEY* key = PEM_read_PUBKEY(in, nullptr, nullptr, nullptr);
-    std::fclose(in);
-    if (key == nullptr || EVP_PKEY_get_id(key) != EVP_PKEY_ED25519) {
-        EVP_PKEY_free(key);
-        error = pemPath + " holds no Ed25519 public key";
+    std::string why;
+    std::shared_ptr<const FerritCore::Ed25519PublicKey> publicKey =
+        FerritCore::Ed25519PublicKey::parse(text, FerritCore::Ed25519PublicKey::Form::Bytes, why);
+    if (!publicKey) {
+        error = pemPath + " holds no Ed25519 public key: " + why;
         return nullptr;
     }
-    return std::unique_ptr<Ed25519Key>(new Ed25519Key(key, false));
+    return std::unique_ptr<Ed25519Key>(new Ed25519Key(nullptr, std::move(publicKey)));
 }
 
 Ed25519Key::~Ed25519Key() {
@@ -88,14 +94,7 @@ bool Ed25519Key::sign(std::string_view message, std::string& signature, std::str
 }
 
 bool Ed25519Key::verify(std::string_view message, std::string_view signature) const {
-    EVP_MD_CTX* context = EVP_MD_CTX_new();
-    if (context == nullptr) return false;
-    // Ed25519 signs the message itself: no digest is named.
-    const bool valid = EVP_DigestVerifyInit(context, nullptr, nullptr, nullptr, key_) == 1 &&
-                       EVP_DigestVerify(context, bytesOf(signature), signature.size(),
-                                        bytesOf(message), message.size()) == 1;
-    EVP_MD_CTX_free(context);
-    return valid;
+    return public_->verify(message, signature);
 }
 
 bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error) const {
@@ -109,11 +108,8 @@ bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error) co
 }
 
 bool Ed25519Key::writePublicPem(const std::string& path, std::string& error) const {
-    bool written = false;
-    if (FILE* out = std::fopen(path.c_str(), "wb")) {
-        written = PEM_write_PUBKEY(out, key_) == 1;
-        written = std::fclose(out) == 0 && written;
-    }
+    const std::string pem = public_->pem();
+    const bool written = !pem.empty() && writeFileAtomically(path, pem);
     if (!written) error = "cannot write the public key " + path;
     return written;
 }

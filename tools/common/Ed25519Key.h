@@ -1,12 +1,15 @@
 // Ed25519Key: the key pair of the reference hosts' signature scheme, as the command-line tools
 // make, read, write and use it: a signature is the Ed25519 signature of an MD5 text, carried in
-// base 64. A key is immutable once made, so sign and verify may run on any thread; loading and
-// writing touch only the named files.
+// base 64. Reading and checking the public half is the library's own (Ed25519PublicKey), so that
+// what the tools sign and what a host checks cannot drift apart. A key is immutable once made, so
+// sign and verify may run on any thread; loading and writing touch only the named files.
 #pragma once
 
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include "base/Ed25519PublicKey.h"
 
 struct evp_pkey_st;
 
@@ -19,7 +22,8 @@ class Ed25519Key {
     // The private key of a PEM file (which also gives the public half); null with `error` set
     // when the file cannot be read or holds no Ed25519 private key.
     static std::unique_ptr<Ed25519Key> loadPrivate(const std::string& pemPath, std::string& error);
-    // The public key of a PEM file; null with `error` set likewise.
+    // The public key of a file in any form Ed25519PublicKey reads (the PEM file that keygen
+    // writes); null with `error` set likewise.
     static std::unique_ptr<Ed25519Key> loadPublic(const std::string& pemPath, std::string& error);
     ~Ed25519Key();
     Ed25519Key(const Ed25519Key&) = delete;
@@ -34,12 +38,16 @@ class Ed25519Key {
     // PEM files: PKCS#8 private key, SubjectPublicKeyInfo public key.
     bool writePrivatePem(const std::string& path, std::string& error) const;
     bool writePublicPem(const std::string& path, std::string& error) const;
+    // The public half, as a host checks with it.
+    const std::shared_ptr<const FerritCore::Ed25519PublicKey>& publicKey() const { return public_; }
 
   private:
-    Ed25519Key(evp_pkey_st* key, bool hasPrivate) : key_(key), hasPrivate_(hasPrivate) {}
+    Ed25519Key(evp_pkey_st* key, std::shared_ptr<const FerritCore::Ed25519PublicKey> publicKey)
+        : key_(key), hasPrivate_(key != nullptr), public_(std::move(publicKey)) {}
 
-    evp_pkey_st* key_;  // owned
+    evp_pkey_st* key_;  // owned; null for a public key alone
     bool hasPrivate_;
+    std::shared_ptr<const FerritCore::Ed25519PublicKey> public_;  // never null
 };
 
 // Standard base 64 with padding, on one line: the form in which signed files carry signatures.

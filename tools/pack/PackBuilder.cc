@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
 #include "base/Digest.h"
 #include "marl/Json.h"
@@ -70,6 +71,12 @@ std::string pngImage() {
     return png;
 }
 
+// An empty file is stored as it is, as archivers write one: no bytes of data, where a deflated
+// entry would carry the two bytes of an empty stream.
+bool storesAsDeflated(std::string_view content) {
+    return !content.empty();
+}
+
 bool writeZip(const std::string& index, const PackContent& content,
               const std::vector<std::string>& paths, int level, std::string& zip,
               std::string& error) {
@@ -82,6 +89,7 @@ bool writeZip(const std::string& index, const PackContent& content,
     for (const std::string& path : paths) {
         entry.name = std::string(kResourcePrefix) + path;
         entry.content = content.files.at(path);
+        entry.deflate = storesAsDeflated(entry.content);
         if (!writer.add(entry, error)) return false;
     }
     return writer.finish(zip, error);
@@ -96,6 +104,14 @@ bool signedIndexOf(const PackContent& content, const PackOptions& options,
 }
 
 }  // namespace
+
+PackListing listingOf(const PackFiles& files) {
+    PackListing listing;
+    for (const auto& [path, content] : files)
+        listing[path] =
+            ListedFile{FerritCore::Digest::md5Hex(content), static_cast<int64_t>(content.size())};
+    return listing;
+}
 
 Signer ed25519Signer(std::shared_ptr<const Ed25519Key> key) {
     return [key = std::move(key)](const std::string& md5Hex, std::string& signature,
@@ -144,7 +160,9 @@ bool indexJson(const PackContent& content, const std::string& urlPrefix,
     }
     JSONObject table;
     for (const auto& [path, data] : content.files) {
-        JSONObject record{{"url", urlPrefix + path}, {"v", FerritCore::Digest::md5Hex(data)}};
+        JSONObject record{{"url", urlPrefix + path},
+                          {"v", FerritCore::Digest::md5Hex(data)},
+                          {"size", JSON(static_cast<uint64_t>(data.size()))}};
         const auto headers = content.headers.find(path);
         if (headers != content.headers.end() && !headers->second.empty()) {
             JSONObject header;
@@ -204,21 +222,37 @@ bool buildPack(const PackContent& content, const PackOptions& options, std::stri
 bool buildIncrement(const PackContent& previous, const PackContent& current,
                     const PackOptions& options, std::string& zip, std::string& error,
                     IncrementSummary* summary) {
+    return buildIncrementSince({listingOf(previous.files)}, current, options, zip, error, summary);
+}
+
+bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
+                         const PackOptions& options, std::string& zip, std::string& error,
+                         IncrementSummary* summary) {
+    if (since.empty()) {
+        error = "an increment needs the list of its base version";
+        return false;
+    }
+    const PackListing& base = since.front();
     IncrementSummary found;
     std::vector<std::string> paths;
-    for (const auto& [path, data] : current.files) {
-        const auto old = previous.files.find(path);
-        if (old == previous.files.end()) {
-            found.added.push_back(path);
-        } else if (old->second != data) {
-            found.changed.push_back(path);
-        } else {
-            continue;
-        }
+    for (const auto& entry : current.files) {
+        // A named reference, not a structured binding: the lambda below captures it.
+        const std::string& path = entry.first;
+        const std::string md5 = FerritCore::Digest::md5Hex(entry.second);
+        const bool sameEverywhere = std::all_of(since.begin(), since.end(), [&](const auto& list) {
+            const auto file = list.find(path);
+            return file != list.end() && file->second.md5 == md5;
+        });
+        if (sameEverywhere) continue;
+        (base.count(path) != 0 ? found.changed : found.added).push_back(path);
         paths.push_back(path);
     }
-    for (const auto& [path, unused] : previous.files)
-        if (current.files.count(path) == 0) found.removed.push_back(path);
+    std::set<std::string> removed;
+    for (const PackListing& list : since) {
+        for (const auto& [path, unused] : list)
+            if (current.files.count(path) == 0) removed.insert(path);
+    }
+    found.removed.assign(removed.begin(), removed.end());
 
     std::string index;
     if (!signedIndexOf(current, options, found.removed, index, error)) return false;
@@ -247,10 +281,12 @@ bool buildPreload(const std::string& version, const std::vector<PreloadPack>& pa
         if (!signedIndexOf(pack.content, packOptions, {}, index, error)) return false;
         entry.name = folder + std::string(kIndexEntry);
         entry.content = index;
+        entry.deflate = true;
         if (!writer.add(entry, error)) return false;
         for (const auto& [path, content] : pack.content.files) {
             entry.name = folder + std::string(kResourcePrefix) + path;
             entry.content = content;
+            entry.deflate = storesAsDeflated(entry.content);
             if (!writer.add(entry, error)) return false;
         }
     }

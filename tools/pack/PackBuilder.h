@@ -45,10 +45,21 @@ struct PackOptions {
 
 // What an incremental zip holds, by path.
 struct IncrementSummary {
-    std::vector<std::string> changed;  // in both versions, with different content
-    std::vector<std::string> added;
-    std::vector<std::string> removed;
+    std::vector<std::string> changed;  // in the base too, but not the same in every version since
+    std::vector<std::string> added;    // not in the base
+    std::vector<std::string> removed;  // in the base or a later version, not in the new one
 };
+
+// What a version's list says of one file: the MD5 of its bytes (lower-case hexadecimal) and their
+// count; `size` is negative when it is not known.
+struct ListedFile {
+    std::string md5;
+    int64_t size = -1;
+    bool operator==(const ListedFile& other) const = default;
+};
+// A version's files as its list describes them, by path below the resources.
+using PackListing = std::map<std::string, ListedFile>;
+PackListing listingOf(const PackFiles& files);
 
 // Where a pack zip puts its files and its resource list.
 inline constexpr std::string_view kResourcePrefix = "res/";
@@ -59,9 +70,10 @@ inline constexpr std::string_view kIndexEntry = "app-res.hvc";
 // cannot be read.
 bool readFolder(const std::string& folder, PackFiles& files, std::string& error);
 
-// The resource list's JSON: {"res/<path>": {"url": prefix + path, "v": MD5, "header": {...}}} for
-// each file in path order, then {"res/<path>": {"url": prefix + path}} for each removed path: a
-// record without "v" hides that path.
+// The resource list's JSON: {"res/<path>": {"url": prefix + path, "v": MD5, "size": bytes,
+// "header": {...}}} for each file in path order (an empty file has the MD5 of no bytes and size 0),
+// then {"res/<path>": {"url": prefix + path}} for each removed path: a record without "v" hides
+// that path.
 bool indexJson(const PackContent& content, const std::string& urlPrefix,
                const std::vector<std::string>& removed, std::string& json, std::string& error);
 // A signed resource list: json, "||", token, "|", base 64 signature of the JSON's MD5 text.
@@ -80,6 +92,15 @@ bool buildPack(const PackContent& content, const PackOptions& options, std::stri
 bool buildIncrement(const PackContent& previous, const PackContent& current,
                     const PackOptions& options, std::string& zip, std::string& error,
                     IncrementSummary* summary = nullptr);
+// The incremental zip that brings a device on any of the versions `since` (the base first, then
+// every version published after it, in order) to `current`: a device copies what the zip leaves
+// out from the version it has, so the zip carries every file of `current` that is not the same in
+// all of them (a file changed and changed back, or removed and restored, differs on the device of
+// the version between), and its list names as removed every path that any of them had and
+// `current` has not. False with `error` set when `since` is empty.
+bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
+                         const PackOptions& options, std::string& zip, std::string& error,
+                         IncrementSummary* summary = nullptr);
 
 // A valid 1x1 grey PNG image whose IEND chunk carries the zip: its raw MD5, the zip with every
 // byte combined by exclusive-or with the low 8 bits of `seq`, and the chunk's CRC-32. False when

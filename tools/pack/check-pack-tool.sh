@@ -55,6 +55,27 @@ if command -v unzip >/dev/null; then
   expect '||ed25519|' "$index"
 fi
 
+# Each record carries its file's size beside the MD5. An empty file is content like any other: the
+# MD5 of no bytes and size 0, stored as an entry with no data; a folder with no files is a valid
+# zip whose list is empty.
+if command -v unzip >/dev/null; then
+  expect "\"res/css/app.css\":{\"url\":\"${prefix}css/app.css\",\"v\":\"$(printf 'body{}' | md5sum | cut -c1-32)\",\"size\":6," "$index"
+  mkdir -p "$work/blank" "$work/none"
+  : > "$work/blank/empty.txt"
+  printf 'x' > "$work/blank/x.txt"
+  "$tool" build --key "$key" --url-prefix "$prefix" "$work/blank" "$work/e.zip" >/dev/null
+  unzip -tqq "$work/e.zip" || fail "the zip with an empty file does not test"
+  [ "$(unzip -p "$work/e.zip" res/empty.txt | wc -c)" -eq 0 ] || fail "the empty entry has bytes"
+  expect "\"res/empty.txt\":{\"url\":\"${prefix}empty.txt\",\"v\":\"d41d8cd98f00b204e9800998ecf8427e\",\"size\":0}" \
+    "$(unzip -p "$work/e.zip" app-res.hvc)"
+  expect '"size":1}' "$(unzip -p "$work/e.zip" app-res.hvc)"
+  expect " stor " "$(zipinfo "$work/e.zip" res/empty.txt)"
+  "$tool" build --key "$key" --url-prefix "$prefix" "$work/none" "$work/n.zip" >/dev/null
+  unzip -tqq "$work/n.zip" || fail "the zip of an empty folder does not test"
+  [ "$(unzip -Z1 "$work/n.zip" | tr '\n' ' ')" = "app-res.hvc " ] || fail "an empty folder's zip holds files"
+  expect "{}||ed25519|" "$(unzip -p "$work/n.zip" app-res.hvc)"
+fi
+
 out=$("$tool" diff --key "$key" --url-prefix "$prefix" "$work/v1" "$work/v2" "$work/i.zip")
 expect "changed index.html" "$out"
 expect "added new.js" "$out"

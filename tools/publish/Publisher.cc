@@ -19,10 +19,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Below the tree, what later runs build on; static servers serve it too, which is harmless: it
-// holds the published files once more and their digests.
-constexpr const char* kStateFolder = ".publish";
-constexpr const char* kStateFile = ".publish/state.json";
+// In the history folder: the state of the last publish, and one list per published version of a
+// pack, "<name>/<seq>.json" ({path: {"v": MD5, "size": bytes}}), from the pack's base on.
+constexpr const char* kStateFile = "state.json";
+constexpr const char* kListSuffix = ".json";
+// Where a tree published by an earlier release kept its history, inside the tree (and so served).
+constexpr const char* kInTreeHistory = ".publish";
+// The folder name that the default history adds to the tree's.
+constexpr const char* kHistorySuffix = ".publish";
 // The origin version of a client that has no configuration yet.
 constexpr const char* kNoVersion = "0";
 // Priorities are the low four bits of a pack's flags.
@@ -51,30 +55,156 @@ uint64_t nowMs() {
                                      .count());
 }
 
-// The digests of a version's files, by path.
-JSON digestsOf(const PackFiles& files) {
-    JSONObject digests;
-    for (const auto& [path, content] : files)
-        digests.set(path, JSON(FerritCore::Digest::md5Hex(content)));
-    return JSON(std::move(digests));
+// Whether `folder` is `tree` or lies below it, after resolving both.
+bool isWithin(const std::string& folder, const std::string& tree) {
+    std::error_code code;
+    const fs::path inner = fs::weakly_canonical(fs::absolute(folder, code), code);
+    const fs::path outer = fs::weakly_canonical(fs::absolute(tree, code), code);
+    const fs::path relative = inner.lexically_relative(outer);
+    return !relative.empty() && *relative.begin() != "..";
 }
 
-bool sameDigests(const JSON& a, const JSON& b) {
-    return a.isObject() && b.isObject() && a == b;
+std::string listPath(const std::string& name, uint64_t seq) {
+    return name + "/" + std::to_string(seq) + kListSuffix;
 }
 
-// Keeps a version's files, for the increments of later versions.
-bool keepFiles(const std::string& out, const std::string& name, uint64_t seq,
-               const PackFiles& files, std::string& error) {
-    const std::string folder =
-        std::string(kStateFolder) + "/" + name + "/" + std::to_string(seq) + "/";
-    for (const auto& [path, content] : files) {
-        if (!writeBelow(out, folder + path, content, error)) return false;
+JSON listingJson(const PackListing& listing) {
+    std::map<std::string, JSON> files;
+    for (const auto& [path, file] : listing) {
+        JSONObject record{{"v", JSON(file.md5)}};
+        if (file.size >= 0) record.set("size", JSON(file.size));
+        files.emplace(path, JSON(std::move(record)));
+    }
+    return JSON(files);
+}
+
+bool writeListing(const std::string& history, const std::string& name, uint64_t seq,
+                  const PackListing& listing, std::string& error) {
+    return writeBelow(history, listPath(name, seq), listingJson(listing).toString(), error);
+}
+
+// The list of a version; false when the history does not hold it whole.
+bool readListing(const std::string& history, const std::string& name, uint64_t seq,
+                 PackListing& listing) {
+    std::string text, parseError;
+    if (!readWholeFile(joinPath(history, listPath(name, seq)), text)) return false;
+    const JSON document = JSON::parse(text, &parseError);
+    if (!parseError.empty() || !document.isObject()) return false;
+    listing.clear();
+    for (const auto& [path, record] : document.objectValue()) {
+        if (!record["v"].isString()) return false;
+        ListedFile file{record["v"].stringValue(), -1};
+        if (record["size"].isNumber()) file.size = record["size"].int64Value();
+        listing.emplace(path, std::move(file));
     }
     return true;
 }
 
+// Two versions hold the same bytes at the same paths.
+bool sameFiles(const PackListing& a, const PackListing& b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](const auto& x, const auto& y) {
+               return x.first == y.first && x.second.md5 == y.second.md5;
+           });
+}
+
+// Moves the history that an earlier release kept inside the tree ("<out>/.publish/": the state,
+// with the newest version's digests in each pack's record, and a copy of each pack's base
+// version) to `history` as lists. The versions between a pack's base and its newest are not
+// known; the next version of such a pack starts a new base.
+bool importInTreeHistory(const std::string& out, const std::string& history, std::string& error) {
+    const fs::path old = fs::path(out) / kInTreeHistory;
+    std::error_code code;
+    if (!fs::exists(old, code)) return true;
+    const std::string oldState = (old / kStateFile).string();
+    if (fs::exists(joinPath(history, kStateFile), code)) {
+        error = "both " + old.string() + " and " + history +
+                " hold a publish history; remove the one that is out of date";
+        return false;
+    }
+    std::string text;
+    if (readWholeFile(oldState, text)) {
+        std::string parseError;
+        JSON state = JSON::parse(text, &parseError);
+        if (!parseError.empty() || !state.isObject()) {
+            error = "the publish state " + oldState + " is damaged";
+            return false;
+        }
+        JSON packs(JSONObject{});
+        for (const auto& [name, before] : state["packs"].objectValue()) {
+            const uint64_t seq = before["seq"].uint64Value();
+            const uint64_t base = before["base"].uint64Value();
+            PackFiles baseFiles;
+            PackListing baseListing;
+            const fs::path baseCopy = old / name / std::to_string(base);
+            const bool haveBase = fs::is_directory(baseCopy, code);
+            if (haveBase) {
+                if (!readFolder(baseCopy.string(), baseFiles, error)) return false;
+                baseListing = listingOf(baseFiles);
+                if (!writeListing(history, name, base, baseListing, error)) return false;
+            }
+            if (seq != base || !haveBase) {
+                PackListing newest;
+                for (const auto& [path, md5] : before["files"].objectValue()) {
+                    ListedFile file{md5.stringValue(), -1};
+                    const auto same = baseListing.find(path);
+                    if (same != baseListing.end() && same->second.md5 == file.md5)
+                        file.size = same->second.size;
+                    newest.emplace(path, std::move(file));
+                }
+                if (!writeListing(history, name, seq, newest, error)) return false;
+            }
+            JSON record(JSONObject{});
+            for (const auto& [key, value] : before.objectValue())
+                if (key != "files") record.set(key, value);
+            packs.set(name, record);
+        }
+        state.set("packs", packs);
+        if (!writeBelow(history, kStateFile, state.toString(), error)) return false;
+    }
+    fs::remove_all(old, code);
+    if (code) {
+        error = "cannot remove " + old.string() + ": " + code.message();
+        return false;
+    }
+    return true;
+}
+
+// Drops the lists that no later increment reads: those of a pack's versions before its base, and
+// every list of a pack that left the manifest. Touches only the folders of packs that a state
+// names, so that a history folder shared with other files keeps them.
+void pruneHistory(const std::string& history, const JSON& before, const JSON& packs) {
+    std::error_code code;
+    for (const auto& [name, unused] : before.objectValue()) {
+        if (!packs[name].isObject()) fs::remove_all(fs::path(history) / name, code);
+    }
+    for (const auto& [name, record] : packs.objectValue()) {
+        const uint64_t base = record["base"].uint64Value();
+        std::vector<fs::path> stale;
+        for (fs::directory_iterator list(fs::path(history) / name, code), end; !code && list != end;
+             list.increment(code)) {
+            const fs::path file = list->path();
+            if (file.extension() != kListSuffix) continue;
+            const std::string stem = file.stem().string();
+            if (stem.empty() || stem.size() > 19 ||
+                stem.find_first_not_of("0123456789") != std::string::npos)
+                continue;
+            if (std::stoull(stem) < base) stale.push_back(file);
+        }
+        code.clear();
+        for (const fs::path& file : stale) fs::remove(file, code);
+    }
+}
+
 }  // namespace
+
+std::string defaultHistoryFolder(const std::string& out) {
+    std::error_code code;
+    fs::path tree = fs::weakly_canonical(fs::absolute(out, code), code);
+    if (!tree.has_filename()) tree = tree.parent_path();
+    if (!tree.has_filename()) return std::string();
+    return (tree.parent_path() / (tree.filename().string() + kHistorySuffix)).string();
+}
 
 bool parseManifest(const std::string& text, PublishManifest& manifest, std::string& error) {
     std::string parseError;
@@ -128,16 +258,28 @@ bool parseManifest(const std::string& text, PublishManifest& manifest, std::stri
 }
 
 bool publish(const std::string& site, const PublishManifest& manifest, const std::string& out,
-             const Signer& signer, PublishResult& result, std::string& error,
-             const PublishProgress& progress) {
+             const std::string& history, const Signer& signer, PublishResult& result,
+             std::string& error, const PublishProgress& progress) {
     result = PublishResult();
+    const std::string historyFolder = history.empty() ? defaultHistoryFolder(out) : history;
+    if (historyFolder.empty()) {
+        error = "the tree " + out + " has no folder beside it for the history; name one";
+        return false;
+    }
+    if (isWithin(historyFolder, out)) {
+        error = "the history " + historyFolder + " lies inside the tree " + out +
+                ", which would serve it; name one outside";
+        return false;
+    }
+    if (!importInTreeHistory(out, historyFolder, error)) return false;
+    const std::string stateFile = joinPath(historyFolder, kStateFile);
     JSON state(JSONObject{});
     std::string stateText;
-    if (readWholeFile(joinPath(out, kStateFile), stateText)) {
+    if (readWholeFile(stateFile, stateText)) {
         std::string parseError;
         state = JSON::parse(stateText, &parseError);
         if (!parseError.empty() || !state.isObject()) {
-            error = "the publish state " + joinPath(out, kStateFile) + " is damaged";
+            error = "the publish state " + stateFile + " is damaged";
             return false;
         }
     }
@@ -158,15 +300,17 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
         content.headers = pack.headers;
         if (!readFolder(joinPath(site, pack.folder), content.files, error)) return false;
         const JSON& before = state["packs"][pack.name];
-        const JSON digests = digestsOf(content.files);
+        const PackListing listing = listingOf(content.files);
         PublishedPack done;
         done.name = pack.name;
         done.seq = before["seq"].uint64Value();
         done.baseSeq = before["base"].uint64Value();
         JSON record = before;
-        const bool unchanged = done.seq != 0 && sameDigests(before["files"], digests) &&
-                               before["prefix"].stringValue() == pack.prefix &&
-                               before["priority"].uint32Value() == pack.priority;
+        PackListing previous;
+        const bool unchanged =
+            done.seq != 0 && readListing(historyFolder, pack.name, done.seq, previous) &&
+            sameFiles(previous, listing) && before["prefix"].stringValue() == pack.prefix &&
+            before["priority"].uint32Value() == pack.priority;
         ConfigPack config;
         config.name = pack.name;
         config.flags = FerritCore::kPackTypeFerrit | pack.priority;
@@ -190,19 +334,25 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
             if (!writeBelow(out, full, zip, error)) return false;
             done.written.push_back(full);
             config.md5 = FerritCore::Digest::md5Hex(zip);
-            // The first version is the base that every later increment builds on; a client
-            // on any version of the same base takes the increment to the newest.
-            if (done.baseSeq == 0) {
+            // The first version is the base that every later increment builds on; a client on
+            // the base or any later version takes the increment to the newest, and copies what
+            // it leaves out from the version it has. So the increment is built from the list of
+            // every version since the base; without all of them the new version is a new base.
+            std::vector<PackListing> since;
+            for (uint64_t seq = done.baseSeq; seq != 0 && seq < done.seq; ++seq) {
+                PackListing list;
+                if (!readListing(historyFolder, pack.name, seq, list)) {
+                    since.clear();
+                    done.rebased = true;
+                    break;
+                }
+                since.push_back(std::move(list));
+            }
+            if (since.empty()) {
                 done.baseSeq = done.seq;
-                if (!keepFiles(out, pack.name, done.seq, content.files, error)) return false;
             } else {
-                PackContent base;
-                const std::string baseFolder =
-                    joinPath(out, std::string(kStateFolder) + "/" + pack.name + "/" +
-                                      std::to_string(done.baseSeq));
-                if (!readFolder(baseFolder, base.files, error)) return false;
                 std::string increment;
-                if (!buildIncrement(base, content, options, increment, error, &done.summary))
+                if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
                     return false;
                 const std::string path = folder + "i/" + std::to_string(done.seq) + ".zip";
                 if (!writeBelow(out, path, increment, error)) return false;
@@ -210,6 +360,7 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
                 done.incremental = true;
                 config.incrMd5 = FerritCore::Digest::md5Hex(increment);
             }
+            if (!writeListing(historyFolder, pack.name, done.seq, listing, error)) return false;
             config.seq = done.seq;
             config.baseSeq = done.baseSeq;
             config.publishTime = static_cast<double>(nowMs());
@@ -221,7 +372,6 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
             record.set("t", JSON(config.publishTime));
             record.set("prefix", JSON(pack.prefix));
             record.set("priority", JSON(pack.priority));
-            record.set("files", digests);
         }
         packsState.set(pack.name, record);
         records.push_back(config);
@@ -282,7 +432,8 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     newState.set("version", JSON(version));
     newState.set("versions", versions);
     newState.set("packs", packsState);
-    if (!writeBelow(out, kStateFile, newState.toString(), error)) return false;
+    if (!writeBelow(historyFolder, kStateFile, newState.toString(), error)) return false;
+    pruneHistory(historyFolder, state["packs"], packsState);
     result.version = version;
     return true;
 }

@@ -3,8 +3,10 @@
 // configuration request asks for, each pack's signed configuration under
 // "packconfig/<name>/<seq>", full zips under "<zips>/<name>/<seq>.zip" and, once a pack has been
 // published before, the incremental zip from its base version under "<zips>/<name>/i/<seq>.zip".
-// What a later run builds on (sequence numbers, the base version's files) is kept in the tree's
-// ".publish/" folder. One publish at a time per tree; any thread.
+// What a later run builds on (sequence numbers, and the list of every version of a pack since its
+// base: each path's MD5 and size) is kept in a history folder outside the tree, so that the
+// server never serves it; by default beside the tree, "<OUT>.publish". One publish at a time per
+// tree; any thread.
 #pragma once
 
 #include <cstdint>
@@ -49,6 +51,7 @@ struct PublishedPack {
     uint64_t baseSeq = 0;
     bool changed = false;              // a new version was written
     bool incremental = false;          // with an increment
+    bool rebased = false;              // a new base: the history lacked a version since the old one
     IncrementSummary summary;          // what the increment holds
     std::vector<std::string> written;  // paths below the tree
 };
@@ -62,11 +65,21 @@ struct PublishResult {
 // Called before each step, with a short description, the step's number and the count of steps.
 using PublishProgress = std::function<void(const std::string& step, size_t done, size_t total)>;
 
-// Publishes `site` by `manifest` into the tree `out`, signing with `signer`. A pack whose files
-// did not change keeps its version; when none changed nothing is written and the result's version
-// is 0. False with `error` set when a file cannot be read, signed or written.
+// The history folder of the tree `out` when none is named: beside it, the tree's folder name
+// followed by ".publish" ("/srv/site" keeps "/srv/site.publish"). Empty when `out` has no name of
+// its own (the file system's root).
+std::string defaultHistoryFolder(const std::string& out);
+
+// Publishes `site` by `manifest` into the tree `out`, signing with `signer`, keeping what later
+// runs build on in `history` (empty: `defaultHistoryFolder(out)`), which must lie outside the
+// tree. A tree published by an earlier release kept that in "<out>/.publish/": the first run moves
+// it to the history. A pack whose files did not change keeps its version; when none changed
+// nothing is written and the result's version is 0. A pack's increment brings a device on its
+// base or on any later version to the new one; when the history lacks a version since the base,
+// the new version becomes the base and has no increment. False with `error` set when a file
+// cannot be read, signed or written.
 bool publish(const std::string& site, const PublishManifest& manifest, const std::string& out,
-             const Signer& signer, PublishResult& result, std::string& error,
-             const PublishProgress& progress = {});
+             const std::string& history, const Signer& signer, PublishResult& result,
+             std::string& error, const PublishProgress& progress = {});
 
 }  // namespace FerritTools

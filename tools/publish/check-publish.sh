@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Checks ferrit from the outside: every command's page, then publish: a first run, a run with
 # nothing changed, and a second version with two changed files, whose documents are verified
-# with openssl against the key's public half and whose zips are opened with unzip.
+# with openssl against the key's public half and whose zips are opened with unzip; then a revert,
+# a file removed and restored beside an empty file, where the history lives, and a tree whose
+# history an earlier release kept inside it.
 #   check-publish.sh PATH-TO-ferrit KEYS-FOLDER
 set -euo pipefail
 tool=$1
@@ -82,6 +84,13 @@ expect '"b":1' "$(cat "$work/out/packconfig/shop/1")"
 entries=$(unzip -Z1 "$work/out/packs/shop/1.zip" | tr '\n' ' ')
 [ "$entries" = "app-res.hvc res/app.js res/css/app.css res/index.html " ] || fail "entries: $entries"
 expect '"Access-Control-Allow-Origin":"*"' "$(unzip -p "$work/out/packs/shop/1.zip" app-res.hvc)"
+expect "\"res/index.html\":{\"url\":\"http://127.0.0.1:8080/app/index.html\",\"v\":\"$(printf '<html>one</html>' | md5sum | cut -c1-32)\",\"size\":16}" \
+  "$(unzip -p "$work/out/packs/shop/1.zip" app-res.hvc)"
+# The history is beside the tree, never in what the server serves.
+[ -s "$work/out.publish/state.json" ] || fail "no history beside the tree"
+[ -s "$work/out.publish/shop/1.json" ] || fail "no list of the first version in the history"
+expect '"index.html":{"v":"' "$(cat "$work/out.publish/shop/1.json")"
+[ -z "$(find "$work/out" -name '.publish*')" ] || fail "the tree holds the history"
 
 # Nothing changed: nothing is written.
 before=$(find "$work/out" -type f -newer "$global" | wc -l)
@@ -113,4 +122,108 @@ expect "\"ci\":\"$incrmd5\"" "$config2"
 expect '"s":2,' "$config2"
 expect '"b":1' "$config2"
 verify "$work/out/packconfig/shop/2" "$work/key.pub.pem"
+
+# Version 3 reverts the shop to version 1. A device on version 2 copies what the increment leaves
+# out from what it has, so the increment carries the two files that version 2 changed although
+# they equal the base's.
+printf '<html>one</html>' > "$work/site/app/index.html"
+printf 'var a = 1;' > "$work/site/app/app.js"
+out=$(publish)
+expect "shop 3 (increment from 1: 2 changed, 0 added, 0 removed)" "$out"
+entries=$(unzip -Z1 "$work/out/packs/shop/i/3.zip" | tr '\n' ' ')
+[ "$entries" = "app-res.hvc res/app.js res/index.html " ] || fail "revert increment entries: $entries"
+[ "$(unzip -p "$work/out/packs/shop/i/3.zip" res/index.html)" = "<html>one</html>" ] ||
+  fail "the revert's increment does not hold the first version's page"
+cmp -s <(unzip -p "$work/out/packs/shop/1.zip" app-res.hvc | sed 's/||.*//') \
+  <(unzip -p "$work/out/packs/shop/3.zip" app-res.hvc | sed 's/||.*//') ||
+  fail "the revert's list is not the first version's"
+
+# Version 4 removes the style sheet and adds an empty file; version 5 restores the style sheet.
+rm "$work/site/app/css/app.css"
+: > "$work/site/app/blank.txt"
+sed -i 's/"headers": {"css\/app.css": {"Access-Control-Allow-Origin": "\*"}}/"headers": {}/' \
+  "$work/manifest.json"
+out=$(publish)
+expect "shop 4 (increment from 1: 2 changed, 1 added, 1 removed)" "$out"
+list4=$(unzip -p "$work/out/packs/shop/i/4.zip" app-res.hvc)
+expect '"res/css/app.css":{"url":"http://127.0.0.1:8080/app/css/app.css"}' "$list4"
+expect '"res/blank.txt":{"url":"http://127.0.0.1:8080/app/blank.txt","v":"d41d8cd98f00b204e9800998ecf8427e","size":0}' "$list4"
+expect '"size":0}' "$(unzip -p "$work/out/packs/shop/4.zip" app-res.hvc)"
+unzip -tqq "$work/out/packs/shop/4.zip" || fail "the full zip with an empty file does not test"
+[ "$(unzip -p "$work/out/packs/shop/4.zip" res/blank.txt | wc -c)" -eq 0 ] || fail "the empty file has bytes"
+printf 'body{}' > "$work/site/app/css/app.css"
+out=$(publish)
+expect "shop 5 (increment from 1: 3 changed, 1 added, 0 removed)" "$out"
+entries=$(unzip -Z1 "$work/out/packs/shop/i/5.zip" | tr '\n' ' ')
+[ "$entries" = "app-res.hvc res/app.js res/blank.txt res/css/app.css res/index.html " ] ||
+  fail "the restore's increment entries: $entries"
+for seq in 1 2 3 4 5; do
+  [ -s "$work/out.publish/shop/$seq.json" ] || fail "the history lost the list of version $seq"
+done
+
+# --history names the folder; one inside the tree is refused.
+"$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" --history "$work/kept" \
+  "$work/site" "$work/out2" >/dev/null
+[ -s "$work/kept/state.json" ] && [ ! -e "$work/out2.publish" ] || fail "--history was not used"
+status 1 "$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" \
+  --history "$work/out3/history" "$work/site" "$work/out3"
+# A pack that leaves the manifest leaves the history; what else the history folder holds stays.
+mkdir -p "$work/kept/notes"
+printf 'mine' > "$work/kept/notes/keep.txt"
+cat > "$work/shop-only.json" <<'JSON'
+{"app": {"key": "shop", "version": "1.0", "locale": "en"}, "zips": "packs",
+ "packs": [{"name": "shop", "folder": "app", "prefix": "http://127.0.0.1:8080/app/", "priority": 9}]}
+JSON
+"$tool" publish --key "$work/key.pem" --manifest "$work/shop-only.json" --history "$work/kept" \
+  "$work/site" "$work/out2" >/dev/null
+[ ! -e "$work/kept/lib" ] || fail "the history kept a pack that left the manifest"
+[ -s "$work/kept/notes/keep.txt" ] && [ -s "$work/kept/shop/1.json" ] || fail "the history lost what it should keep"
+# Without the list of a version since the base, the next version is a new base with no increment,
+# and the lists before it go.
+rm "$work/out.publish/shop/2.json"
+printf '<html>seven</html>' > "$work/site/app/index.html"
+out=$(publish)
+expect "shop 6 (full; a new base" "$out"
+[ ! -e "$work/out/packs/shop/i/6.zip" ] || fail "a new base has an increment"
+expect '"b":6' "$(cat "$work/out/packconfig/shop/6")"
+[ ! -e "$work/out.publish/shop/1.json" ] && [ -s "$work/out.publish/shop/6.json" ] ||
+  fail "the lists before the new base were kept"
+printf '<html>one</html>' > "$work/site/app/index.html"
+expect "--history DIR" "$("$tool" publish --help)"
+
+# A pack of a folder with no files is published as a valid zip with an empty list.
+mkdir -p "$work/bare/app"
+cat > "$work/bare.json" <<'JSON'
+{"app": {"key": "bare", "version": "1.0"}, "packs": [{"name": "bare", "folder": "app", "prefix": "http://127.0.0.1:8080/"}]}
+JSON
+expect "bare 1 (full)" "$("$tool" publish --key "$work/key.pem" --manifest "$work/bare.json" "$work/bare" "$work/bare-out")"
+unzip -tqq "$work/bare-out/packs/bare/1.zip" || fail "the empty pack's zip does not test"
+[ "$(unzip -Z1 "$work/bare-out/packs/bare/1.zip" | tr '\n' ' ')" = "app-res.hvc " ] || fail "the empty pack holds files"
+expect "{}||ed25519|" "$(unzip -p "$work/bare-out/packs/bare/1.zip" app-res.hvc)"
+
+# A tree whose history an earlier release kept in "<tree>/.publish": the state with the newest
+# digests, and a copy of each pack's base version. The first run moves it out and builds on it.
+mkdir -p "$work/old/.publish/shop/1" "$work/old/.publish/lib/1"
+cp -r "$work/site/app/." "$work/old/.publish/shop/1/"
+cp -r "$work/site/lib/." "$work/old/.publish/lib/1/"
+digests() {  # digests FOLDER: the old state's {"path": "md5"} of a folder
+  (cd "$1" && find . -type f | sort | sed 's|^\./||' | while read -r f; do
+    printf '"%s":"%s",' "$f" "$(md5sum < "$f" | cut -c1-32)"; done) | sed 's/,$//'
+}
+cat > "$work/old/.publish/state.json" <<JSON
+{"version":1700000000000,"versions":["1700000000000"],"packs":{
+ "shop":{"seq":1,"base":1,"c":"","ci":"","t":1700000000000,"prefix":"http://127.0.0.1:8080/app/","priority":9,
+         "files":{$(digests "$work/site/app")}},
+ "lib":{"seq":1,"base":1,"c":"","ci":"","t":1700000000000,"prefix":"http://127.0.0.1:8080/lib/","priority":0,
+        "files":{$(digests "$work/site/lib")}}}}
+JSON
+printf '<html>six</html>' > "$work/site/app/index.html"
+out=$("$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" "$work/site" "$work/old")
+expect "shop 2 (increment from 1: 1 changed, 0 added, 0 removed)" "$out"
+expect "lib 1 unchanged" "$out"
+[ ! -e "$work/old/.publish" ] || fail "the history inside the tree was not moved out"
+[ -s "$work/old.publish/state.json" ] && [ -s "$work/old.publish/shop/1.json" ] &&
+  [ -s "$work/old.publish/shop/2.json" ] || fail "the moved history is incomplete"
+entries=$(unzip -Z1 "$work/old/packs/shop/i/2.zip" | tr '\n' ' ')
+[ "$entries" = "app-res.hvc res/index.html " ] || fail "the moved history's increment: $entries"
 echo "check-publish: ok"
