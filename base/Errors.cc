@@ -275,6 +275,12 @@ Error storageDelete(const std::string& storage, std::string_view key, int status
                  viewData(key), status);
 }
 
+Error storageWritePaused(const std::string& storage, std::string_view key,
+                         const std::string& state) {
+    return Error(1104, "Storage \"%s/%.*s\" write paused: %s", storage.c_str(), viewLength(key),
+                 viewData(key), state.c_str());
+}
+
 Error packNameMismatch(const std::string& name, const std::string& other) {
     return Error(1201, "%s packName mismatch: %s", name.c_str(), other.c_str());
 }

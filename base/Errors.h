@@ -68,6 +68,10 @@ Error storageDelete(const std::string& storage, std::string_view key, int status
 Error packNameMismatch(const std::string& name, const std::string& other);          // 1201
 Error serverError(const std::string& name, int phase);                              // 1202
 
+// A write refused while the storage state is read-only: the store and key, and the state in words.
+Error storageWritePaused(const std::string& storage, std::string_view key,
+                         const std::string& state);  // 1104
+
 // 2xxx: updating.
 Error networkNotSupported(const std::string& name, const std::string& status);  // 2001
 Error packUpdateDisabled(const std::string& name);                              // 2002

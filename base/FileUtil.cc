@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cwchar>
 
+#include "base/StorageState.h"
+
 namespace FerritCore {
 namespace {
 
@@ -22,6 +24,13 @@ bool isSeparator(char c) {
 // errno of the call that just failed; never 0, so that a failure is never read as success.
 int lastError() {
     return errno != 0 ? errno : EIO;
+}
+
+// Hands a failed change of the disk to the process's storage state, which tells a medium or a
+// folder that cannot be written (read-only, full, no permission) from a failure of one file.
+int noted(int result, std::string_view path) {
+    if (result > 0) StorageState::noteWriteFailure(result, path);
+    return result;
 }
 
 // Whether canonicalize would give the path back unchanged: no backslash, and no piece between
@@ -215,11 +224,12 @@ int FileUtil::open(const std::string& path, const char* mode, FILE** file) {
     if (file == nullptr) return -1;
     *file = nullptr;
     if (mode == nullptr) return EINVAL;
-    return withRetry(path, [&](const std::string& p) {
-        *file =
-            writesWith(mode) ? calls->openForWrite(p.c_str(), mode) : std::fopen(p.c_str(), mode);
+    const bool writes = writesWith(mode);
+    const int result = withRetry(path, [&](const std::string& p) {
+        *file = writes ? calls->openForWrite(p.c_str(), mode) : std::fopen(p.c_str(), mode);
         return *file != nullptr ? 0 : lastError();
     });
+    return writes ? noted(result, path) : result;
 }
 
 int FileUtil::readAll(FILE* file, std::string& out) {
@@ -339,7 +349,7 @@ int FileUtil::writeFile(const std::string& path, std::string_view data) {
     if (result != 0) return result;
     result = write(file, data);
     if (std::fclose(file) != 0 && result == 0) result = lastError();
-    return result;
+    return noted(result, path);
 }
 
 int FileUtil::writeEmptyFile(const std::string& path) {
@@ -347,7 +357,7 @@ int FileUtil::writeEmptyFile(const std::string& path) {
     FILE* file = nullptr;
     int result = open(path, "wb+", &file);
     if (result != 0) return result;
-    return std::fclose(file) != 0 ? lastError() : 0;
+    return noted(std::fclose(file) != 0 ? lastError() : 0, path);
 }
 
 int FileUtil::appendFile(const std::string& path, std::string_view data) {
@@ -357,7 +367,7 @@ int FileUtil::appendFile(const std::string& path, std::string_view data) {
     if (result != 0) return result;
     result = write(file, data);
     if (std::fclose(file) != 0 && result == 0) result = lastError();
-    return result;
+    return noted(result, path);
 }
 
 bool FileUtil::isFile(const std::string& path) {
@@ -372,8 +382,11 @@ bool FileUtil::isDirectory(const std::string& path) {
 
 int FileUtil::remove(const std::string& path) {
     step();
-    return withRetry(
-        path, [](const std::string& p) { return calls->remove(p.c_str()) == 0 ? 0 : lastError(); });
+    return noted(withRetry(path,
+                           [](const std::string& p) {
+                               return calls->remove(p.c_str()) == 0 ? 0 : lastError();
+                           }),
+                 path);
 }
 
 int FileUtil::rename(const std::string& from, const std::string& to) {
@@ -384,27 +397,29 @@ int FileUtil::rename(const std::string& from, const std::string& to) {
     const std::string recodedFrom = recoder()(from);
     const std::string recodedTo = recoder()(to);
     if (recodedFrom.empty() || recodedTo.empty() || (recodedFrom == from && recodedTo == to))
-        return result;
-    return calls->rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError();
+        return noted(result, to);
+    return noted(calls->rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError(), to);
 }
 
 int FileUtil::link(const std::string& from, const std::string& to) {
     if (from.empty() || to.empty()) return -1;
     step();
-    return calls->link(from.c_str(), to.c_str()) == 0 ? 0 : lastError();
+    return noted(calls->link(from.c_str(), to.c_str()) == 0 ? 0 : lastError(), to);
 }
 
 int FileUtil::exchange(const std::string& a, const std::string& b) {
     if (a.empty() || b.empty()) return -1;
     step();
-    return calls->exchange(a.c_str(), b.c_str()) == 0 ? 0 : lastError();
+    return noted(calls->exchange(a.c_str(), b.c_str()) == 0 ? 0 : lastError(), a);
 }
 
 int FileUtil::makeDirectory(const std::string& path) {
     step();
-    return withRetry(path, [](const std::string& p) {
-        return calls->makeDirectory(p.c_str(), 0700) == 0 ? 0 : lastError();
-    });
+    return noted(withRetry(path,
+                           [](const std::string& p) {
+                               return calls->makeDirectory(p.c_str(), 0700) == 0 ? 0 : lastError();
+                           }),
+                 path);
 }
 
 int FileUtil::makeDirectories(const std::string& path) {
@@ -462,7 +477,7 @@ int FileUtil::syncFile(const std::string& path) {
     if (opened != 0) return opened;
     const int result = syncDescriptor(fd);
     ::close(fd);
-    return result;
+    return noted(result, path);
 }
 
 int FileUtil::startWriteback(const std::string& path) {
@@ -495,7 +510,7 @@ int FileUtil::syncDirectory(const std::string& path) {
     const int result =
         retryOnInterrupt([&] { return calls->syncDirectory(fd); }) == 0 ? 0 : lastError();
     ::close(fd);
-    return result;
+    return noted(result, path);
 }
 
 FILE* FileUtil::Calls::openForWrite(const char* path, const char* mode) {

@@ -20,7 +20,8 @@ void PacksStore::openAndReport() {
     const double elapsed = MRLCurrentClock() - start;
 
     PerfRecord record(statisticsEvent());
-    if (first != 0) record.setError(Errors::initStorageFailed(name(), first));
+    if (first != 0)
+        record.setError(withStatusText(Errors::initStorageFailed(name(), first), first));
     record.setMeasure("time", elapsed);
     sendEvent(record);
 
@@ -28,7 +29,7 @@ void PacksStore::openAndReport() {
         first == 0 ? MarlLogger::MRLLevelInfo : MarlLogger::MRLLevelWarning, tag());
     if (!log.active()) return;
     log.event("load").append("name", name()).append("time", elapsed);
-    if (first != 0) log.error(Errors::initStorageFailed(name(), first));
+    if (first != 0) log.error(withStatusText(Errors::initStorageFailed(name(), first), first));
 }
 
 namespace {

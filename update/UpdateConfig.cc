@@ -5,6 +5,7 @@
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/LogTags.h"
+#include "base/StorageState.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "model/BuiltinConfig.h"
@@ -14,6 +15,7 @@
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
+#include "storage/Store.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -74,6 +76,15 @@ void UpdateConfig::update(int trigger, const std::string& version) {
         // Once pushes arrive, the periodic check falls back to the slower pace.
         if (trigger == kTriggerPush && timer_)
             timer_->setInterval(Settings::current()->configBackupUpdateIntervalValue());
+    }
+    // Each trigger is also the moment to notice that writing works again. While it does not,
+    // the check waits: what it fetched could not be kept.
+    if (!Store::resumeWriting()) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kUpdateConfig)
+            .event("paused")
+            .append("trigger", triggerName(trigger))
+            .append("storage", StorageState::describe());
+        return;
     }
     const std::string url = checkDue(trigger, version);
     if (url.empty()) return;
