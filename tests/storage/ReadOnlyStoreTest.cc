@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 
+#include "base/Errors.h"
 #include "base/FileUtil.h"
 #include "base/StorageState.h"
 #include "storage/ConfigStore.h"
@@ -225,6 +226,30 @@ TEST_F(ReadOnlyStoreTest, FullDiskAtOpenRemovesNothing) {
     EXPECT_TRUE(std::filesystem::exists(databaseFile("packs"))) << "nothing removed on a full disk";
     EXPECT_EQ(StorageState::describe(), "read-only: disk full at root " + root());
     EXPECT_EQ(FerritTest::rawQuery(databaseFile("packs"), "PRAGMA user_version"), "9");
+}
+
+// SQLite's codes in store messages come with SQLite's words; the fixed text stays before them.
+TEST_F(ReadOnlyStoreTest, StoreMessagesCarrySqlitesWords) {
+    EXPECT_EQ(withStatusText(Errors::initStorageFailed("packs", SQLITE_READONLY), SQLITE_READONLY)
+                  .message(),
+              "Initialize storage \"packs\" failed: 8 (attempt to write a readonly database)");
+    EXPECT_EQ(
+        withStatusText(Errors::storeRead("config_v2/", "k", SQLITE_IOERR), SQLITE_IOERR).message(),
+        "read store \"config_v2/k\" failed: 10 (disk I/O error)");
+    const Error write =
+        withStatusText(Errors::storageWrite("packs", "k", SQLITE_FULL), SQLITE_FULL);
+    EXPECT_EQ(write.code(), 1104);
+    EXPECT_EQ(write.message(), "Storage \"packs/k\" write failed: 13 (database or disk is full)");
+    const Error erase =
+        withStatusText(Errors::storageDelete("packs", "k", SQLITE_BUSY), SQLITE_BUSY);
+    EXPECT_EQ(erase.code(), 1109);
+    EXPECT_EQ(erase.message(), "Storage \"packs/k\" delete failed: 5 (database is locked)");
+    // A read through a real store that is not open says so too.
+    Error error;
+    std::string value;
+    PacksStore::instance().close();
+    EXPECT_FALSE(PacksStore::instance().get("config", value, error));
+    EXPECT_EQ(error.message(), "Initialize storage \"packs\" failed: -1 (store is closed)");
 }
 
 }  // namespace
