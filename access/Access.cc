@@ -1,5 +1,7 @@
 #include "ferritcore/Access.h"
 
+#include <atomic>
+
 #include "access/CacheMatch.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
@@ -94,10 +96,27 @@ class MatchLog {
 // never asks: the look at the store costs a statement, and a hit's bytes are whole either way.
 constexpr int kStaleRetries = 3;
 
-// True when the lookup that began at `reloads` ran on a document that is no longer the stored
-// one: another thread reloaded since, or this call reloads now. `reloads` moves to the present.
-bool configMovedOn(uint64_t& reloads) {
-    const bool reloaded = SCache::refresh();
+// Most URLs that a host asks for belong to no pack (3001), and the look at the store costs about
+// as much again as the whole miss (a read transaction's locks on the shared log index): such a
+// miss looks at most once in this interval, so a pack that another process adds is served within
+// it. Every other failure (a URL that a pack claims, a file of a retired version, a stale pack)
+// looks each time.
+constexpr double kUnclaimedLookIntervalMs = 50.0;
+std::atomic<double> lastUnclaimedLook{-1e300};
+
+bool worthALook(const Error& error) {
+    if (!Errors::isNotFerritResource(error)) return true;
+    const double now = MRLCurrentClock();
+    double last = lastUnclaimedLook.load(std::memory_order_relaxed);
+    if (now - last < kUnclaimedLookIntervalMs) return false;
+    return lastUnclaimedLook.compare_exchange_strong(last, now, std::memory_order_relaxed);
+}
+
+// True when the lookup that began at `reloads` and failed with `error` ran on a document that is
+// no longer the stored one: another thread reloaded since, or this call reloads now. `reloads`
+// moves to the present.
+bool configMovedOn(const Error& error, uint64_t& reloads) {
+    const bool reloaded = worthALook(error) && SCache::refresh();
     const uint64_t now = SCache::reloadCount();
     const bool moved = reloaded || now != reloads;
     reloads = now;
@@ -124,7 +143,7 @@ void getResourceAsync(const ResourceRequest& request,
                       std::function<void(std::unique_ptr<ResourceResponse>)> callback,
                       uint64_t reloads, int retries) {
     std::shared_ptr<Resource> resource = Access::match(request, kPolicyAsync);
-    while (resource->error && retries > 0 && configMovedOn(reloads)) {
+    while (resource->error && retries > 0 && configMovedOn(resource->error, reloads)) {
         --retries;
         resource = Access::match(request, kPolicyAsync);
     }
@@ -138,7 +157,7 @@ void getResourceAsync(const ResourceRequest& request,
     requestInCall = RequestInCall{&request, call};
     reading->readAsync([resource = std::move(resource), callback = std::move(callback), reloads,
                         retries, call](const std::string& data, const Error& error) mutable {
-        if (error && retries > 0 && requestInCall.call == call && configMovedOn(reloads)) {
+        if (error && retries > 0 && requestInCall.call == call && configMovedOn(error, reloads)) {
             const ResourceRequest& again = *requestInCall.request;
             getResourceAsync(again, std::move(callback), reloads, retries - 1);
             return;
@@ -229,7 +248,8 @@ std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& req
     uint64_t reloads = SCache::reloadCount();
     std::shared_ptr<Resource> resource = match(request, kPolicySync);
     std::string data = readMatched(*resource);
-    for (int retry = 0; resource->error && retry < kStaleRetries && configMovedOn(reloads);
+    for (int retry = 0;
+         resource->error && retry < kStaleRetries && configMovedOn(resource->error, reloads);
          ++retry) {
         resource = match(request, kPolicySync);
         data = readMatched(*resource);
