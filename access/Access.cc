@@ -1,5 +1,7 @@
 #include "ferritcore/Access.h"
 
+#include <atomic>
+
 #include "access/CacheMatch.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
@@ -13,6 +15,7 @@
 #include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
+#include "model/SCache.h"
 #include "runtime/Settings.h"
 
 namespace FerritCore {
@@ -86,6 +89,90 @@ class MatchLog {
     JSONObject extra_;
 };
 
+// Another process on the same root may install a new version and retire the one this process
+// still reads: its files go, and its records name a folder that is empty. A failed answer is
+// therefore tried again when the configuration has moved on since the lookup began, a few times at
+// most, so that an installed URL never fails because the versions were swapped under it. A hit
+// never asks: the look at the store costs a statement, and a hit's bytes are whole either way.
+constexpr int kStaleRetries = 3;
+
+// Most URLs that a host asks for belong to no pack (3001), and the look at the store costs about
+// as much again as the whole miss (a read transaction's locks on the shared log index): such a
+// miss looks at most once in this interval, so a pack that another process adds is served within
+// it. Every other failure (a URL that a pack claims, a file of a retired version, a stale pack)
+// looks each time.
+constexpr double kUnclaimedLookIntervalMs = 50.0;
+std::atomic<double> lastUnclaimedLook{-1e300};
+
+bool worthALook(const Error& error) {
+    if (!Errors::isNotFerritResource(error)) return true;
+    const double now = MRLCurrentClock();
+    double last = lastUnclaimedLook.load(std::memory_order_relaxed);
+    if (now - last < kUnclaimedLookIntervalMs) return false;
+    return lastUnclaimedLook.compare_exchange_strong(last, now, std::memory_order_relaxed);
+}
+
+// True when the lookup that began at `reloads` and failed with `error` ran on a document that is
+// no longer the stored one: another thread reloaded since, or this call reloads now. `reloads`
+// moves to the present.
+bool configMovedOn(const Error& error, uint64_t& reloads) {
+    const bool reloaded = worthALook(error) && SCache::refresh();
+    const uint64_t now = SCache::reloadCount();
+    const bool moved = reloaded || now != reloads;
+    reloads = now;
+    return moved;
+}
+
+// Reads a matched resource on the calling thread; empty after a failed match.
+std::string readMatched(Resource& resource) {
+    return resource.error ? std::string() : resource.read();
+}
+
+// The request whose asynchronous read runs on this thread inside getResource. A read that
+// completes within that call can still be tried again with the request; one that completes later,
+// on whichever thread, answers as it stands, since the request may be gone by then.
+struct RequestInCall {
+    const ResourceRequest* request = nullptr;
+    uint64_t call = 0;  // which call set it, so that another call's completion never takes it
+};
+thread_local RequestInCall requestInCall;
+thread_local uint64_t asyncCalls = 0;
+
+// The asynchronous request, with the retries it has left after a failure on an older document.
+void getResourceAsync(const ResourceRequest& request,
+                      std::function<void(std::unique_ptr<ResourceResponse>)> callback,
+                      uint64_t reloads, int retries) {
+    std::shared_ptr<Resource> resource = Access::match(request, kPolicyAsync);
+    while (resource->error && retries > 0 && configMovedOn(resource->error, reloads)) {
+        --retries;
+        resource = Access::match(request, kPolicyAsync);
+    }
+    if (resource->error) {
+        callback(std::make_unique<ResourceResponse>(resource, std::string()));
+        return;
+    }
+    std::shared_ptr<Resource> reading = resource;
+    const RequestInCall outer = requestInCall;
+    const uint64_t call = ++asyncCalls;
+    requestInCall = RequestInCall{&request, call};
+    reading->readAsync([resource = std::move(resource), callback = std::move(callback), reloads,
+                        retries, call](const std::string& data, const Error& error) mutable {
+        if (error && retries > 0 && requestInCall.call == call && configMovedOn(error, reloads)) {
+            const ResourceRequest& again = *requestInCall.request;
+            getResourceAsync(again, std::move(callback), reloads, retries - 1);
+            return;
+        }
+        // A failure here takes is404 from the SCache hit, not from the match: the host then
+        // answers 404 for a file that an SCache pack claims but could not deliver.
+        if (error) {
+            callback(std::make_unique<ResourceResponse>(resource, error, resource->isSCacheHit));
+        } else {
+            callback(std::make_unique<ResourceResponse>(resource, data));
+        }
+    });
+    requestInCall = outer;
+}
+
 }  // namespace
 
 std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int policy) {
@@ -157,9 +244,16 @@ std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& req
         return std::make_unique<ResourceResponse>(Errors::notFerritResourceRef());
     if (Http::isDisabled(request.header()))
         return std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef());
+    // One atomic load, no lock: what a later failure compares with.
+    uint64_t reloads = SCache::reloadCount();
     std::shared_ptr<Resource> resource = match(request, kPolicySync);
-    std::string data;
-    if (!resource->error) data = resource->read();
+    std::string data = readMatched(*resource);
+    for (int retry = 0;
+         resource->error && retry < kStaleRetries && configMovedOn(resource->error, reloads);
+         ++retry) {
+        resource = match(request, kPolicySync);
+        data = readMatched(*resource);
+    }
     return std::make_unique<ResourceResponse>(std::move(resource), std::move(data));
 }
 
@@ -174,22 +268,7 @@ void Access::getResource(const ResourceRequest& request,
         callback(std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef()));
         return;
     }
-    std::shared_ptr<Resource> resource = match(request, kPolicyAsync);
-    if (resource->error) {
-        callback(std::make_unique<ResourceResponse>(resource, std::string()));
-        return;
-    }
-    std::shared_ptr<Resource> reading = resource;
-    reading->readAsync([resource = std::move(resource), callback = std::move(callback)](
-                           const std::string& data, const Error& error) {
-        // A failure here takes is404 from the SCache hit, not from the match: the host then
-        // answers 404 for a file that an SCache pack claims but could not deliver.
-        if (error) {
-            callback(std::make_unique<ResourceResponse>(resource, error, resource->isSCacheHit));
-        } else {
-            callback(std::make_unique<ResourceResponse>(resource, data));
-        }
-    });
+    getResourceAsync(request, std::move(callback), SCache::reloadCount(), kStaleRetries);
 }
 
 void Access::prefetch(const std::vector<std::string>& urls) {

@@ -92,7 +92,8 @@ class PackPart : public ResourcePart {
     HeldFile opened_;
 };
 
-// Posts, on the main process, the task that marks a pack for reinstall.
-void postReinstall(const std::string& packName);
+// Posts, on the main process, the task that marks the pack for reinstall: only the version that
+// `damaged` names, so nothing when another process has installed another one by then.
+void postReinstall(const Pack& damaged);
 
 }  // namespace FerritCore

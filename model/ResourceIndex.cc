@@ -240,15 +240,30 @@ namespace {
 // What this thread found in the pool, by pack name, while the pool's generation stays the same:
 // a request finds its pack's index without taking the pool's lock. A thread lets go of indexes the
 // pool dropped at its next lookup.
+// An index with the installation it was read for. Another process may install a new version
+// under the same name: a lookup for a record of another installation loads that one's index
+// rather than serving the files of a folder that may be gone.
+struct PooledIndex {
+    ResourceIndexPtr index;
+    uint64_t installedSeq = 0;
+    bool isPacks = false;
+
+    PooledIndex(ResourceIndexPtr i, const Pack& pack)
+        : index(std::move(i)), installedSeq(pack.installedSeq), isPacks(pack.isPacks) {}
+    bool describes(const Pack& pack) const {
+        return installedSeq == pack.installedSeq && isPacks == pack.isPacks;
+    }
+};
+
 struct ThreadIndexes {
     uint64_t generation = 0;
-    StringMap<ResourceIndexPtr> found;
+    StringMap<PooledIndex> found;
 };
 thread_local ThreadIndexes threadIndexes;
 
 struct Pool {
     RecursiveMutex mutex;
-    StringMap<ResourceIndexPtr> loaded GUARDED_BY(mutex);
+    StringMap<PooledIndex> loaded GUARDED_BY(mutex);
     StringMap<ResourceIndexPtr> embedded GUARDED_BY(mutex);
     ResourceIndexPool::Loader loader GUARDED_BY(mutex);
     // Moves on with every change of the maps: what a thread found before is then looked up again.
@@ -279,13 +294,13 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     const uint64_t generation = p.generation.load(std::memory_order_acquire);
     if (mine.generation == generation) {
         auto it = mine.found.find(std::string_view(pack.name));
-        if (it != mine.found.end()) return it->second;
+        if (it != mine.found.end() && it->second.describes(pack)) return it->second.index;
     } else {
         mine.found.clear();
         mine.generation = generation;
     }
     ResourceIndexPtr index = getLocked(p, pack);
-    mine.found.emplace(pack.name, index);
+    mine.found.insert_or_assign(pack.name, PooledIndex(index, pack));
     return index;
 }
 
@@ -302,7 +317,7 @@ ResourceIndexPtr getLocked(Pool& p, const Pack& pack) {
                                                      Errors::resourceListNotFound(pack.name));
     }
     auto it = p.loaded.find(pack.name);
-    if (it != p.loaded.end()) return it->second;
+    if (it != p.loaded.end() && it->second.describes(pack)) return it->second.index;
     ResourceIndexPtr index;
     if (p.loader) {
         index = p.loader(pack);
@@ -312,7 +327,7 @@ ResourceIndexPtr getLocked(Pool& p, const Pack& pack) {
     } else {
         index = std::make_shared<const ResourceIndex>(pack.name, pack.installedFolder());
     }
-    p.loaded.emplace(pack.name, index);
+    p.loaded.insert_or_assign(pack.name, PooledIndex(index, pack));
     return index;
 }
 

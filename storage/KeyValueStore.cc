@@ -143,11 +143,12 @@ struct KeyValueStore::Statements {
     sqlite3_stmt* keysAfter = nullptr;
     sqlite3_stmt* keysFromToEnd = nullptr;
     sqlite3_stmt* keysAfterToEnd = nullptr;
+    sqlite3_stmt* dataVersion = nullptr;
 
     ~Statements() {
         for (sqlite3_stmt* statement :
              {get, contains, insert, remove, removeRange, removeFrom, clear, insertIfAbsent,
-              rowsFrom, keysFrom, keysAfter, keysFromToEnd, keysAfterToEnd}) {
+              rowsFrom, keysFrom, keysAfter, keysFromToEnd, keysAfterToEnd, dataVersion}) {
             sqlite3_finalize(statement);
         }
     }
@@ -170,6 +171,7 @@ struct KeyValueStore::Statements {
             {&keysAfter, "SELECT k FROM kv WHERE k > ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
             {&keysFromToEnd, "SELECT k FROM kv WHERE k >= ?1 ORDER BY k LIMIT ?3"},
             {&keysAfterToEnd, "SELECT k FROM kv WHERE k > ?1 ORDER BY k LIMIT ?3"},
+            {&dataVersion, "PRAGMA data_version"},
         };
         for (const auto& one : all) {
             const int rc =
@@ -412,6 +414,17 @@ bool KeyValueStore::contains(std::string_view key) {
     ResetOnExit reset(statement);
     if (bindBlob(statement, 1, key) != SQLITE_OK) return false;
     return sqlite3_step(statement) == SQLITE_ROW;
+}
+
+int KeyValueStore::dataVersion(uint64_t& version) {
+    version = 0;
+    MutexLock lock(mutex_);
+    sqlite3_stmt* statement = statements_->dataVersion;
+    ResetOnExit reset(statement);
+    const int rc = sqlite3_step(statement);
+    if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
+    version = static_cast<uint64_t>(sqlite3_column_int64(statement, 0));
+    return SQLITE_OK;
 }
 
 int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {

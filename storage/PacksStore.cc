@@ -83,6 +83,13 @@ bool PacksStore::writeConfig(const std::string& text, Error& error, Durability d
     return true;
 }
 
+uint64_t PacksStore::dataVersion() const {
+    const std::shared_ptr<KeyValueStore> db = handle(nullptr);
+    uint64_t version = 0;
+    if (db && db->dataVersion(version) != KeyValueStore::kOk) version = 0;
+    return version;
+}
+
 void PacksStore::removeInvalid(const std::function<bool(std::string_view sequencePart)>& owned,
                                std::vector<std::string>& invalidPaths) {
     std::vector<std::string> invalid;

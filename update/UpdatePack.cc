@@ -518,6 +518,9 @@ void UpdatePack::start() {
         tellListeners();
         return;
     }
+    // A task may wait in the queue while another process on the root installs the same pack:
+    // what that one installed makes this one up to date.
+    SCache::refresh();
     evaluate();
     if (state_ != UpdateState::NeedUpdate) {
         tellListeners();

@@ -330,6 +330,8 @@ void UpdateQueue::start(int trigger) {
     const auto settings = Settings::current();
     const size_t limit = trigger == kTriggerStartup ? settings->startupDownloadLimitValue()
                                                     : settings->downloadLimitValue();
+    // Decided on what is stored, so that nothing another process installed is fetched again.
+    SCache::refresh();
     const FConfigPtr config = SCache::current();
     const std::shared_ptr<UpdatePackFactory> factory = currentFactory();
     std::vector<UpdatePackPtr> kept;
@@ -401,6 +403,7 @@ void UpdateQueue::request(const std::string& name, int trigger, Listener listene
         if (listener) listener(error);
         return;
     }
+    SCache::refresh();
     UpdatePackPtr task = makeTask(*currentFactory(), name, trigger);
     add(std::move(task), std::move(listener));
 }
