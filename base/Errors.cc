@@ -1,7 +1,9 @@
 #include "base/Errors.h"
 
 #include <array>
+#include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 
 namespace FerritCore::Errors {
@@ -99,6 +101,12 @@ Error requestFailed(const std::string& url, int code, const std::string& message
     return Error(1003, "request \"%s\" failed: %d, %s", url.c_str(), code, message.c_str());
 }
 
+Error requestTimedOut(const std::string& url, double deadlineMs) {
+    char message[64];
+    std::snprintf(message, sizeof(message), "no answer within %g s", deadlineMs / 1000.0);
+    return requestFailed(url, ETIMEDOUT, message);
+}
+
 Error resourceManagerNotFound() {
     return Error(1003, std::string("ResourceManager not found"));
 }
@@ -117,6 +125,14 @@ Error requestDeserialization(const std::string& url) {
 
 Error requestDeserialization(const std::string& url, const std::string& reason) {
     return Error(1007, "request \"%s\" deserialization failed: %s", url.c_str(), reason.c_str());
+}
+
+Error requestTooLarge(const std::string& url, unsigned long long size, unsigned long long limit,
+                      const char* limitName) {
+    return Error(1007,
+                 "request \"%s\" deserialization failed: %llu bytes, above the limit of %llu "
+                 "(\"%s\")",
+                 url.c_str(), size, limit, limitName);
 }
 
 Error requestVerifySignature(const std::string& url, const std::string& md5) {
@@ -321,6 +337,10 @@ Error packDeleted(const std::string& name) {
 
 Error tooManyApps() {
     return Error(2103, std::string("Too many apps installed"));
+}
+
+Error tooManyApps(const std::string& cause) {
+    return Error(2103, "Too many apps installed: %s", cause.c_str());
 }
 
 Error unzipFailed(const std::string& path, const std::string& reason) {

@@ -23,12 +23,17 @@ const Error& napiFailedRef();           // 9995
 // 1xxx: network and storage.
 Error requestInvalidUrl(const std::string& url);                                    // 1001
 Error requestFailed(const std::string& url, int code, const std::string& message);  // 1003
-Error resourceManagerNotFound();                                                    // 1003
-Error requestInvalidStatus(const std::string& url, unsigned status);                // 1004
-Error requestNoData(const std::string& url);                                        // 1006
-Error requestDeserialization(const std::string& url);                               // 1007
-Error requestDeserialization(const std::string& url, const std::string& reason);    // 1007
-Error requestVerifySignature(const std::string& url, const std::string& md5);       // 1010
+// The host did not answer within `deadlineMs`: 1003 with ETIMEDOUT and "no answer within N s".
+Error requestTimedOut(const std::string& url, double deadlineMs);                 // 1003
+Error resourceManagerNotFound();                                                  // 1003
+Error requestInvalidStatus(const std::string& url, unsigned status);              // 1004
+Error requestNoData(const std::string& url);                                      // 1006
+Error requestDeserialization(const std::string& url);                             // 1007
+Error requestDeserialization(const std::string& url, const std::string& reason);  // 1007
+// A document larger than the setting `limitName` allows, refused before it is parsed.
+Error requestTooLarge(const std::string& url, unsigned long long size, unsigned long long limit,
+                      const char* limitName);                                  // 1007
+Error requestVerifySignature(const std::string& url, const std::string& md5);  // 1010
 Error requestVerifyMd5(const std::string& url, const std::string& md5,
                        const std::string& expected);                              // 1010
 Error aggregateVerifyCount(int count, int expected);                              // 1010
@@ -81,6 +86,7 @@ Error subProcessClearDisabled();                                                
 Error updateEliminated(const std::string& name);                                // 2101
 Error packDeleted(const std::string& name);                                     // 2102
 Error tooManyApps();                                                            // 2103
+Error tooManyApps(const std::string& cause);                                    // 2103
 Error unzipFailed(const std::string& path, const std::string& reason);          // 2207
 Error unzipTempPath(const std::string& path);                                   // 2208
 Error decryptFailed(const std::string& name, const std::string& reason);        // 2301

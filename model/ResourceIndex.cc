@@ -210,6 +210,14 @@ Error ResourceRecord::check(const Folder& file, std::string_view content) const 
     return Error();
 }
 
+Error ResourceRecord::checkDigest(const Folder& file, uint64_t length,
+                                  const std::string& md5Hex) const {
+    if (length == 0 && !isEmptyFile()) return Errors::fileNoData(file);
+    if (!fits(length)) return Errors::fileVerifySize(file, length, size);
+    if (md5Hex != md5) return Errors::fileVerifyMd5(file, md5Hex, md5);
+    return Error();
+}
+
 void ResourceIndex::forEachFile(
     const std::function<void(const ResourceRecord& record)>& visit) const {
     for (const auto& [key, record] : records_) {

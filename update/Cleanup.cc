@@ -421,6 +421,25 @@ void Cleanup::recoverLeftovers() {
     recoverWith(*config);
 }
 
+uint64_t Cleanup::roomFor(const Pack& pack, int updateTrigger, uint64_t& limit,
+                          const char*& limitName) {
+    const bool app = isACache(pack);
+    const std::shared_ptr<const Settings> settings = Settings::current();
+    limit = app ? acacheSizeLimit(*settings) : ferritSizeLimit(*settings);
+    limitName = app ? "acacheSizeLimit" : "ferritSizeLimit";
+    if (updateTrigger == kTriggerPreview || updateTrigger == kTriggerDebugTool || isLongTerm(pack))
+        return limit;
+    fillPackSizes();
+    uint64_t total = 0;
+    const FConfigPtr config = SCache::current();
+    for (const auto& [name, other] : config->packs) {
+        if (name == pack.name) continue;
+        if (other->isInstalled() && !isLongTerm(*other) && isACache(*other) == app)
+            total += other->installedSize;
+    }
+    return total >= limit ? 0 : limit - total;
+}
+
 bool Cleanup::mayInstall(const Pack& pack, int updateTrigger) {
     if (pack.isInstalled()) return true;
     if (updateTrigger == kTriggerPreview || updateTrigger == kTriggerDebugTool || isLongTerm(pack))
