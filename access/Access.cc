@@ -4,6 +4,7 @@
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
+#include "access/ResponseMemory.h"
 #include "access/UpdateRequester.h"
 #include "base/Errors.h"
 #include "base/Http.h"
@@ -152,15 +153,30 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
     return resource;
 }
 
-std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& request) {
+namespace {
+
+// The synchronous form, with the bytes of a one-file answer in `memory` when it is given.
+std::unique_ptr<ResourceResponse> getResourceSync(const ResourceRequest& request,
+                                                  ResponseMemory* memory) {
     if (request.url.empty())
         return std::make_unique<ResourceResponse>(Errors::notFerritResourceRef());
     if (Http::isDisabled(request.header()))
         return std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef());
-    std::shared_ptr<Resource> resource = match(request, kPolicySync);
+    std::shared_ptr<Resource> resource = Access::match(request, kPolicySync);
     std::string data;
-    if (!resource->error) data = resource->read();
+    if (!resource->error) data = resource->read(memory);
     return std::make_unique<ResourceResponse>(std::move(resource), std::move(data));
+}
+
+}  // namespace
+
+std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& request) {
+    return getResourceSync(request, nullptr);
+}
+
+std::unique_ptr<ResourceResponse> getResourceInto(const ResourceRequest& request,
+                                                  ResponseMemory& memory) {
+    return getResourceSync(request, &memory);
 }
 
 void Access::getResource(const ResourceRequest& request,

@@ -25,10 +25,13 @@ Error requestInvalidUrl(const std::string& url);                                
 Error requestFailed(const std::string& url, int code, const std::string& message);  // 1003
 Error resourceManagerNotFound();                                                    // 1003
 Error requestInvalidStatus(const std::string& url, unsigned status);                // 1004
-Error requestNoData(const std::string& url);                                        // 1006
-Error requestDeserialization(const std::string& url);                               // 1007
-Error requestDeserialization(const std::string& url, const std::string& reason);    // 1007
-Error requestVerifySignature(const std::string& url, const std::string& md5);       // 1010
+// 1004 for a status code that the host gave and that no HTTP response has (-1, 0, 1000, 200.5),
+// shown as the host gave it.
+Error hostInvalidStatus(std::string_view given);
+Error requestNoData(const std::string& url);                                      // 1006
+Error requestDeserialization(const std::string& url);                             // 1007
+Error requestDeserialization(const std::string& url, const std::string& reason);  // 1007
+Error requestVerifySignature(const std::string& url, const std::string& md5);     // 1010
 Error requestVerifyMd5(const std::string& url, const std::string& md5,
                        const std::string& expected);                              // 1010
 Error aggregateVerifyCount(int count, int expected);                              // 1010
@@ -113,6 +116,8 @@ Error createFolderFailed(int errnum);  // 9992
 Error jniFailed();                     // 9995
 Error napiFailed();                    // 9995
 Error napiFailed(int status);          // 9995
+// 9995 with the cause in words: what the host threw, or why a request never reached it.
+Error napiFailed(std::string_view cause);
 // The C interface's answer about a response that is not there.
 Error responseIsNull();  // -1
 // The developer tool's answer about a pack that the configuration does not name.
