@@ -6,6 +6,7 @@
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
+#include "access/ResponseMemory.h"
 #include "access/UpdateRequester.h"
 #include "base/Errors.h"
 #include "base/Http.h"
@@ -123,9 +124,10 @@ bool configMovedOn(const Error& error, uint64_t& reloads) {
     return moved;
 }
 
-// Reads a matched resource on the calling thread; empty after a failed match.
-std::string readMatched(Resource& resource) {
-    return resource.error ? std::string() : resource.read();
+// Reads a matched resource on the calling thread, into `memory` when it is given and the answer
+// is one file; empty after a failed match.
+std::string readMatched(Resource& resource, ResponseMemory* memory = nullptr) {
+    return resource.error ? std::string() : resource.read(memory);
 }
 
 // The request whose asynchronous read runs on this thread inside getResource. A read that
@@ -239,22 +241,37 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
     return resource;
 }
 
-std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& request) {
+namespace {
+
+// The synchronous form, with the bytes of a one-file answer in `memory` when it is given.
+std::unique_ptr<ResourceResponse> getResourceSync(const ResourceRequest& request,
+                                                  ResponseMemory* memory) {
     if (request.url.empty())
         return std::make_unique<ResourceResponse>(Errors::notFerritResourceRef());
     if (Http::isDisabled(request.header()))
         return std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef());
     // One atomic load, no lock: what a later failure compares with.
     uint64_t reloads = SCache::reloadCount();
-    std::shared_ptr<Resource> resource = match(request, kPolicySync);
-    std::string data = readMatched(*resource);
+    std::shared_ptr<Resource> resource = Access::match(request, kPolicySync);
+    std::string data = readMatched(*resource, memory);
     for (int retry = 0;
          resource->error && retry < kStaleRetries && configMovedOn(resource->error, reloads);
          ++retry) {
-        resource = match(request, kPolicySync);
-        data = readMatched(*resource);
+        resource = Access::match(request, kPolicySync);
+        data = readMatched(*resource, memory);
     }
     return std::make_unique<ResourceResponse>(std::move(resource), std::move(data));
+}
+
+}  // namespace
+
+std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& request) {
+    return getResourceSync(request, nullptr);
+}
+
+std::unique_ptr<ResourceResponse> getResourceInto(const ResourceRequest& request,
+                                                  ResponseMemory& memory) {
+    return getResourceSync(request, &memory);
 }
 
 void Access::getResource(const ResourceRequest& request,

@@ -115,6 +115,13 @@ Error requestInvalidStatus(const std::string& url, unsigned status) {
     return Error(1004, "request \"%s\" invalid status code %u", url.c_str(), status);
 }
 
+Error hostInvalidStatus(std::string_view given) {
+    return Error(1004,
+                 "invalid status code %.*s from the host: not an HTTP status (a whole number "
+                 "from 100 to 599)",
+                 static_cast<int>(given.size()), given.data());
+}
+
 Error requestNoData(const std::string& url) {
     return Error(1006, "request \"%s\" no data", url.c_str());
 }
@@ -467,6 +474,10 @@ Error napiFailed() {
 
 Error napiFailed(int status) {
     return Error(9995, "NAPI failed: %d", status);
+}
+
+Error napiFailed(std::string_view cause) {
+    return Error(9995, "NAPI failed: %.*s", static_cast<int>(cause.size()), cause.data());
 }
 
 Error responseIsNull() {

@@ -27,6 +27,9 @@ Error requestFailed(const std::string& url, int code, const std::string& message
 Error requestTimedOut(const std::string& url, double deadlineMs);                 // 1003
 Error resourceManagerNotFound();                                                  // 1003
 Error requestInvalidStatus(const std::string& url, unsigned status);              // 1004
+// 1004 for a status code that the host gave and that no HTTP response has (-1, 0, 1000, 200.5),
+// shown as the host gave it.
+Error hostInvalidStatus(std::string_view given);
 Error requestNoData(const std::string& url);                                      // 1006
 Error requestDeserialization(const std::string& url);                             // 1007
 Error requestDeserialization(const std::string& url, const std::string& reason);  // 1007
@@ -123,6 +126,8 @@ Error createFolderFailed(int errnum);  // 9992
 Error jniFailed();                     // 9995
 Error napiFailed();                    // 9995
 Error napiFailed(int status);          // 9995
+// 9995 with the cause in words: what the host threw, or why a request never reached it.
+Error napiFailed(std::string_view cause);
 // The C interface's answer about a response that is not there.
 Error responseIsNull();  // -1
 // The developer tool's answer about a pack that the configuration does not name.

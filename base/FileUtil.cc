@@ -636,6 +636,30 @@ int HeldFile::readAndClose(std::string& out) {
     return result;
 }
 
+int HeldFile::readIntoAndClose(const std::function<char*(size_t)>& allocate, size_t& size) {
+    if (fd_ < 0) return EBADF;
+    struct stat info;
+    if (::fstat(fd_, &info) != 0) return lastError();
+    if (S_ISDIR(info.st_mode)) return EISDIR;
+    if (info.st_nlink == 0) return ESTALE;
+    if (info.st_size <= 0) return ENODATA;
+    const auto expected = static_cast<size_t>(info.st_size);
+    char* const memory = allocate(expected);
+    if (memory == nullptr) return ENOMEM;
+    // pread leaves the offset where it was, for readAndClose after a failure.
+    size_t used = 0;
+    while (used < expected) {
+        const ssize_t n = retryOnInterrupt(
+            [&] { return ::pread(fd_, memory + used, expected - used, static_cast<off_t>(used)); });
+        if (n < 0) return lastError();
+        if (n == 0) return EIO;
+        used += static_cast<size_t>(n);
+    }
+    close();
+    size = expected;
+    return 0;
+}
+
 void HeldFile::close() {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;

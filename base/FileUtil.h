@@ -180,6 +180,13 @@ class HeldFile {
     // Reads the file whole and closes it (readDescriptor, linked files only: one removed or
     // replaced since it was opened gives ESTALE, so that the caller reads the path as it is now).
     int readAndClose(std::string& out);
+    // Reads the file whole into memory that `allocate(size)` gives for its size, and closes it; the
+    // bytes land where the caller keeps them, with no copy. 0 with `size` set, or an errno: ESTALE
+    // for a file removed or replaced since it was opened, ENODATA for one that reports no size
+    // (readAndClose reads such a file to its end), ENOMEM when `allocate` gives null, EIO for a
+    // short read. On failure the file stays open and its offset unmoved, so that readAndClose can
+    // still read it; memory already given is the caller's.
+    int readIntoAndClose(const std::function<char*(size_t)>& allocate, size_t& size);
     void close();
 
   private:

@@ -1,5 +1,6 @@
 #include "base/FileUtil.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -398,6 +399,54 @@ TEST_F(FileUtilTest, SyncsGiveErrnoResults) {
     EXPECT_EQ(FileUtil::syncDirectory(temp_.root()), EIO);
     EXPECT_EQ(FileUtil::rename(path("file"), path("other")), EIO);
     EXPECT_EQ(slurp(path("file")), "x");
+}
+
+// --- Reading into the caller's memory ----------------------------------------------------------
+
+TEST_F(FileUtilTest, HeldFileReadsWholeIntoTheGivenMemoryAndCloses) {
+    write("a.js", "sixteen bytes!!!");
+    HeldFile file(::open(path("a.js").c_str(), O_RDONLY));
+    std::string memory;
+    size_t size = 0;
+    const int result = file.readIntoAndClose(
+        [&](size_t n) {
+            memory.assign(n, '\0');
+            return memory.data();
+        },
+        size);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(size, 16u);
+    EXPECT_EQ(memory, "sixteen bytes!!!");
+    EXPECT_FALSE(file.isOpen());
+}
+
+// A failure leaves the file open at its start, so that the whole read can still be made.
+TEST_F(FileUtilTest, HeldFileWithoutMemoryStaysOpenForTheWholeRead) {
+    write("a.js", "content");
+    HeldFile file(::open(path("a.js").c_str(), O_RDONLY));
+    size_t size = 0;
+    EXPECT_EQ(file.readIntoAndClose([](size_t) -> char* { return nullptr; }, size), ENOMEM);
+    ASSERT_TRUE(file.isOpen());
+    std::string out;
+    EXPECT_EQ(file.readAndClose(out), 0);
+    EXPECT_EQ(out, "content");
+}
+
+TEST_F(FileUtilTest, HeldFileRemovedOrEmptyIsNotReadIntoMemory) {
+    write("gone.js", "x");
+    write("empty.js", "");
+    HeldFile gone(::open(path("gone.js").c_str(), O_RDONLY));
+    HeldFile empty(::open(path("empty.js").c_str(), O_RDONLY));
+    std::filesystem::remove(path("gone.js"));
+    int calls = 0;
+    const auto allocate = [&](size_t) -> char* {
+        ++calls;
+        return nullptr;
+    };
+    size_t size = 0;
+    EXPECT_EQ(gone.readIntoAndClose(allocate, size), ESTALE);
+    EXPECT_EQ(empty.readIntoAndClose(allocate, size), ENODATA);
+    EXPECT_EQ(calls, 0);
 }
 
 }  // namespace
