@@ -18,6 +18,7 @@ struct State {
     Published<const FConfig> current{std::make_shared<const FConfig>()};
     RecursiveMutex writers;
     std::atomic<std::shared_ptr<ConfigStorage>> storage;
+    std::atomic<bool> loaded{false};
 };
 
 State& state() {
@@ -25,6 +26,7 @@ State& state() {
         RecursiveLock lock(s.writers);
         s.current.store(std::make_shared<const FConfig>());
         s.storage.store(nullptr, std::memory_order_release);
+        s.loaded.store(false, std::memory_order_release);
     });
     return *instance;
 }
@@ -55,6 +57,7 @@ FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change, Durabilit
         committed(Error());
     }
     s.current.store(published);
+    s.loaded.store(true, std::memory_order_release);
     return published;
 }
 
@@ -66,6 +69,11 @@ void SCache::publish(std::shared_ptr<FConfig> document) {
     document->dirty = false;
     document->removed.clear();
     s.current.store(std::move(document));
+    s.loaded.store(true, std::memory_order_release);
+}
+
+bool SCache::loaded() {
+    return state().loaded.load(std::memory_order_acquire);
 }
 
 Error SCache::commit(const FConfig& document, Durability durability) {
