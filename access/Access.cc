@@ -8,6 +8,7 @@
 #include "access/Resource.h"
 #include "access/ResponseMemory.h"
 #include "access/UpdateRequester.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Http.h"
 #include "base/LogTags.h"
@@ -25,6 +26,11 @@ namespace {
 using MarlLogger::json::JSON;
 using MarlLogger::json::JSONObject;
 
+// The levels of the "match" event: a URL that a source answers, and one that nothing serves.
+constexpr MarlLogger::MRLLevel kHitLevel = MarlLogger::MRLLevelInfo;
+constexpr MarlLogger::MRLLevel kMissLevel = MarlLogger::MRLLevelDebug;
+static_assert(kMissLevel > kHitLevel, "a miss is logged less severely than a hit");
+
 // {"errorCode": c, "errorMsg": m} for a part with an error, {"name": n} otherwise.
 JSON partInfo(const ResourcePart& part) {
     if (part.error)
@@ -33,16 +39,18 @@ JSON partInfo(const ResourcePart& part) {
 }
 
 // The "match" event. Its level is known only at the end (a URL that nothing serves is logged at
-// another level), so the fields are gathered only when some level of it can be written, and the
-// entry is built once, at the end.
+// a lower level), so the fields are gathered only when some level of it can be written, and the
+// entry is built once, at the end. A miss is the host's everyday business, not a fault: at the
+// default level (warnings) neither a hit nor a miss is gathered or written.
 class MatchLog {
   public:
     MatchLog(const Resource& resource, const ResourceRequest& request, int policy)
         : resource_(resource),
           request_(request),
           policy_(policy),
-          active_(MarlLogger::Log::enabled(MarlLogger::MRLLevelInfo) ||
-                  MarlLogger::Log::enabled(MarlLogger::MRLLevelWarning)) {}
+          // A miss is logged at the less severe level of the two: when that is written, so is
+          // the other.
+          active_(MarlLogger::Log::enabled(kHitLevel)) {}
 
     bool active() const { return active_; }
     void add(std::string_view key, JSON value) {
@@ -50,9 +58,8 @@ class MatchLog {
     }
     void finish(const char* how, const ResourcePart& part, bool lowerWhenNotServed) {
         if (!active_) return;
-        const int level = lowerWhenNotServed && Errors::isNotServed(part.error)
-                              ? MarlLogger::MRLLevelWarning
-                              : MarlLogger::MRLLevelInfo;
+        const int level =
+            lowerWhenNotServed && Errors::isNotServed(part.error) ? kMissLevel : kHitLevel;
         MarlLogger::LogBuilder log(level, resource_.logTag);
         if (!log.active()) return;
         appendRequest(log);
@@ -76,7 +83,7 @@ class MatchLog {
     // The end of a match whose answer is several parts: no single name or error to tell.
     void finishCombo() {
         if (!active_) return;
-        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource_.logTag);
+        MarlLogger::LogBuilder log(kHitLevel, resource_.logTag);
         if (!log.active()) return;
         appendRequest(log);
         log.append("match", "COMBO").append("matchTime", resource_.matchTime);
@@ -175,6 +182,23 @@ void getResourceAsync(const ResourceRequest& request,
     requestInCall = outer;
 }
 
+// Why a URL that nothing serves might be served once start-up has gone further, or null when
+// start-up has gone far enough for a miss to be a miss. Asked on a miss only.
+const char* startupPending() {
+    Environment& environment = Environment::instance();
+    if (!SCache::loaded()) {
+        return environment.proxy() ? "the stored configuration is still loading"
+                                   : "no proxy: setProxy not called";
+    }
+    const uint32_t flags = environment.flags();
+    // A sub process reads what the main process configured, and never updates by itself.
+    if (!environment.isMainProcess() || (flags & kConfigFirstUpdated)) return nullptr;
+    // A configuration that this root once received says what is served, setup or not.
+    if (SCache::Snapshot()->version != "0") return nullptr;
+    return (flags & kSetupDone) ? "the first configuration has not arrived yet"
+                                : "setup not called";
+}
+
 }  // namespace
 
 std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int policy) {
@@ -236,6 +260,9 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
         return resource;
     }
 
+    if (Errors::isNotFerritResource(part->error)) {
+        if (const char* step = startupPending()) part->error = Errors::notSetUpYet(step);
+    }
     resource->addPart(part, kind);
     log.finish("prefix", *part, true);
     return resource;

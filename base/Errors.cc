@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/Environment.h"
+
 namespace FerritCore::Errors {
 namespace {
 
@@ -33,6 +35,45 @@ std::string errnoText(int errnum) {
     char buffer[256];
     buffer[0] = '\0';
     return pickStrerror(strerror_r(errnum, buffer, sizeof(buffer)), buffer);
+}
+
+// The words of an HTTP status, so that "invalid status code 404" says what the server meant: the
+// reason phrase of the statuses servers commonly send, else the words of the status's class.
+const char* statusWords(unsigned status) {
+    struct Phrase {
+        unsigned status;
+        const char* words;
+    };
+    static constexpr Phrase kPhrases[] = {
+        {204, "No Content"},
+        {301, "Moved Permanently"},
+        {302, "Found"},
+        {304, "Not Modified"},
+        {307, "Temporary Redirect"},
+        {308, "Permanent Redirect"},
+        {400, "Bad Request"},
+        {401, "Unauthorized"},
+        {403, "Forbidden"},
+        {404, "Not Found"},
+        {405, "Method Not Allowed"},
+        {408, "Request Timeout"},
+        {410, "Gone"},
+        {413, "Content Too Large"},
+        {429, "Too Many Requests"},
+        {500, "Internal Server Error"},
+        {502, "Bad Gateway"},
+        {503, "Service Unavailable"},
+        {504, "Gateway Timeout"},
+    };
+    for (const Phrase& phrase : kPhrases) {
+        if (phrase.status == status) return phrase.words;
+    }
+    if (status >= 100 && status < 200) return "informational answer";
+    if (status >= 200 && status < 300) return "success";
+    if (status >= 300 && status < 400) return "redirection";
+    if (status >= 400 && status < 500) return "client error";
+    if (status >= 500 && status < 600) return "server error";
+    return "not an HTTP status";
 }
 
 enum SharedIndex {
@@ -112,7 +153,8 @@ Error resourceManagerNotFound() {
 }
 
 Error requestInvalidStatus(const std::string& url, unsigned status) {
-    return Error(1004, "request \"%s\" invalid status code %u", url.c_str(), status);
+    return Error(1004, "request \"%s\" invalid status code %u (%s)", url.c_str(), status,
+                 statusWords(status));
 }
 
 Error hostInvalidStatus(std::string_view given) {
@@ -309,7 +351,10 @@ Error packNameMismatch(const std::string& name, const std::string& other) {
 }
 
 Error serverError(const std::string& name, int phase) {
-    return Error(1202, "%s server error, phase: %d", name.c_str(), phase);
+    // The phase is the SetupFlags value when the answer came; its number stays for whoever reads
+    // it by number, and the words say which steps of start-up had happened.
+    return Error(1202, "%s server error, phase: %d (%s)", name.c_str(), phase,
+                 setupPhaseWords(static_cast<uint32_t>(phase)).c_str());
 }
 
 // 2xxx: updating.
@@ -378,6 +423,10 @@ Error copyFailed(const std::string& what, const std::string& message) {
 
 Error notFerritResource() {
     return notFerritResourceRef();
+}
+
+Error notSetUpYet(const std::string& step) {
+    return Error(3001, "Not Ferrit resource: not set up yet (%s)", step.c_str());
 }
 
 Error notFerritPackResource(const std::string& matchText) {
@@ -482,6 +531,10 @@ Error napiFailed(std::string_view cause) {
 
 Error responseIsNull() {
     return Error(-1, std::string("response is nullptr"));
+}
+
+Error packedStoreNotOpen() {
+    return Error(9997, std::string("Initialize storage \"packs\" failed: the store is not open"));
 }
 
 Error devToolConfigNotFound() {

@@ -24,9 +24,9 @@ const Error& napiFailedRef();           // 9995
 Error requestInvalidUrl(const std::string& url);                                    // 1001
 Error requestFailed(const std::string& url, int code, const std::string& message);  // 1003
 // The host did not answer within `deadlineMs`: 1003 with ETIMEDOUT and "no answer within N s".
-Error requestTimedOut(const std::string& url, double deadlineMs);                 // 1003
-Error resourceManagerNotFound();                                                  // 1003
-Error requestInvalidStatus(const std::string& url, unsigned status);              // 1004
+Error requestTimedOut(const std::string& url, double deadlineMs);     // 1003
+Error resourceManagerNotFound();                                      // 1003
+Error requestInvalidStatus(const std::string& url, unsigned status);  // 1004
 // 1004 for a status code that the host gave and that no HTTP response has (-1, 0, 1000, 200.5),
 // shown as the host gave it.
 Error hostInvalidStatus(std::string_view given);
@@ -98,7 +98,10 @@ Error copyFailed(const std::string& what, int errnum);                          
 Error copyFailed(const std::string& what, const std::string& message);          // 2504
 
 // 3xxx: access.
-Error notFerritResource();                                  // 3001
+Error notFerritResource();  // 3001
+// A URL that nothing serves while start-up has not gone far enough to know: the code of a miss,
+// so that the host goes to the network as for one, and words that say which step is missing.
+Error notSetUpYet(const std::string& step);                 // 3001
 Error notFerritPackResource(const std::string& matchText);  // 3002
 Error disabledByDevTool();                                  // 3003
 Error disabledByHeader();                                   // 3003
@@ -130,6 +133,9 @@ Error napiFailed(int status);          // 9995
 Error napiFailed(std::string_view cause);
 // The C interface's answer about a response that is not there.
 Error responseIsNull();  // -1
+// The store of packed files is asked for before any was opened (before setProxy), or after it
+// could not be: the words of the store's initialisation, with the reason instead of a code.
+Error packedStoreNotOpen();  // 9997
 // The developer tool's answer about a pack that the configuration does not name.
 Error devToolConfigNotFound();  // 3101
 // The developer tool's answer about a command whose part is not in this build.

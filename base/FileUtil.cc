@@ -33,6 +33,14 @@ int noted(int result, std::string_view path) {
     return result;
 }
 
+// What a call that cannot be made answers, as the system would: every result is an errno value
+// whose text says what went wrong, never a bare -1 that a message prints as "Unknown error -1".
+// An empty path names nothing, as open("") says; a null stream or a negative descriptor is no
+// stream; write() with no bytes has nothing to write (an empty file is writeEmptyFile's).
+constexpr int kNoPath = ENOENT;
+constexpr int kNoStream = EBADF;
+constexpr int kNothingToWrite = ENODATA;
+
 // Whether canonicalize would give the path back unchanged: no backslash, and no piece between
 // two separators that is empty, "." or "..". The first piece and the text after the last
 // separator never change. Paths built by Folder nearly always pass, so the hot path neither
@@ -152,7 +160,7 @@ inline void step() {
 // repeat the first.
 template <typename F>
 int withRetry(const std::string& path, F attempt) {
-    if (path.empty()) return -1;
+    if (path.empty()) return kNoPath;
     const CanonicalPath canonical(path);
     const int result = attempt(canonical.str());
     if (result == 0) return 0;
@@ -221,7 +229,7 @@ std::string FileUtil::recode(const std::string& path) {
 }
 
 int FileUtil::open(const std::string& path, const char* mode, FILE** file) {
-    if (file == nullptr) return -1;
+    if (file == nullptr) return EINVAL;
     *file = nullptr;
     if (mode == nullptr) return EINVAL;
     const bool writes = writesWith(mode);
@@ -233,7 +241,7 @@ int FileUtil::open(const std::string& path, const char* mode, FILE** file) {
 }
 
 int FileUtil::readAll(FILE* file, std::string& out) {
-    if (file == nullptr) return -1;
+    if (file == nullptr) return kNoStream;
     char block[256];
     for (;;) {
         const size_t n = std::fread(block, 1, sizeof(block), file);
@@ -244,7 +252,7 @@ int FileUtil::readAll(FILE* file, std::string& out) {
 }
 
 int FileUtil::readSize(FILE* file, size_t size, std::string& out) {
-    if (file == nullptr) return -1;
+    if (file == nullptr) return kNoStream;
     const size_t before = out.size();
     out.resize(before + size);
     const size_t n = std::fread(out.data() + before, 1, size, file);
@@ -253,7 +261,8 @@ int FileUtil::readSize(FILE* file, size_t size, std::string& out) {
 }
 
 int FileUtil::write(FILE* file, std::string_view data) {
-    if (file == nullptr || data.empty()) return -1;
+    if (file == nullptr) return kNoStream;
+    if (data.empty()) return kNothingToWrite;
     step();
     const size_t n = calls->write(file, data.data(), data.size());
     return n == data.size() ? 0 : lastError();
@@ -390,7 +399,7 @@ int FileUtil::remove(const std::string& path) {
 }
 
 int FileUtil::rename(const std::string& from, const std::string& to) {
-    if (from.empty() || to.empty()) return -1;
+    if (from.empty() || to.empty()) return kNoPath;
     step();
     if (calls->rename(from.c_str(), to.c_str()) == 0) return 0;
     const int result = lastError();
@@ -402,13 +411,13 @@ int FileUtil::rename(const std::string& from, const std::string& to) {
 }
 
 int FileUtil::link(const std::string& from, const std::string& to) {
-    if (from.empty() || to.empty()) return -1;
+    if (from.empty() || to.empty()) return kNoPath;
     step();
     return noted(calls->link(from.c_str(), to.c_str()) == 0 ? 0 : lastError(), to);
 }
 
 int FileUtil::exchange(const std::string& a, const std::string& b) {
-    if (a.empty() || b.empty()) return -1;
+    if (a.empty() || b.empty()) return kNoPath;
     step();
     return noted(calls->exchange(a.c_str(), b.c_str()) == 0 ? 0 : lastError(), a);
 }
@@ -423,7 +432,7 @@ int FileUtil::makeDirectory(const std::string& path) {
 }
 
 int FileUtil::makeDirectories(const std::string& path) {
-    if (path.empty()) return -1;
+    if (path.empty()) return kNoPath;
     const CanonicalPath canonical(path);
     const std::string& p = canonical.str();
     for (size_t i = 1; i < p.size(); ++i) {
@@ -493,7 +502,7 @@ int FileUtil::startWriteback(const std::string& path) {
 }
 
 int FileUtil::syncDescriptor(int fd) {
-    if (fd < 0) return -1;
+    if (fd < 0) return kNoStream;
     step();
     return retryOnInterrupt([&] { return calls->syncData(fd); }) == 0 ? 0 : lastError();
 }

@@ -1,5 +1,6 @@
-// FileUtil: the low-level file primitives beneath Folder. Each returns 0 or an errno value, and
-// -1 for an empty path or a null stream. Every primitive other than rename canonicalises its
+// FileUtil: the low-level file primitives beneath Folder. Each returns 0 or an errno value, never
+// anything else, so that every failure has a text: ENOENT for an empty path, EBADF for a null
+// stream or a negative descriptor. Every primitive other than rename canonicalises its
 // path first, and every one that touches the disk tries once more, with the path recoded
 // through wide characters, when its first attempt fails and the recoding gives other, non-empty
 // bytes; the errno of the last attempt is what is reported. No state and no lock: any thread, the
@@ -44,13 +45,13 @@ class FileUtil {
     // either conversion fails.
     static std::string recode(const std::string& path);
 
-    // fopen with `mode`; `*file` is null on failure.
+    // fopen with `mode`; `*file` is null on failure. A null `file` gives EINVAL.
     static int open(const std::string& path, const char* mode, FILE** file);
     // Appends everything up to end of file, in blocks of 256 bytes.
     static int readAll(FILE* file, std::string& out);
     // One fread of `size` bytes appended to `out`; a short read at end of file is success.
     static int readSize(FILE* file, size_t size, std::string& out);
-    // One fwrite. Empty data returns -1 and writes nothing.
+    // One fwrite. Empty data returns ENODATA and writes nothing.
     static int write(FILE* file, std::string_view data);
     // By stat; `size` is untouched on failure.
     static int fileSize(const std::string& path, uint64_t& size);

@@ -122,6 +122,9 @@ void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath,
         MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kSetup)
             .event("initFolder")
             .error(Errors::createFolderFailed());
+        // Nothing stored can be read: the empty document is the loaded one, so that a request
+        // answers as a miss rather than as a start-up still under way.
+        if (!SCache::loaded()) SCache::publish(std::make_shared<FConfig>());
         return;
     }
     initFolders(rootPath);

@@ -78,7 +78,7 @@ ResourceIndex::ResourceIndex(std::string name, const EntryReader& zip, bool allo
 ResourceIndex::ResourceIndex(std::string name, const JSON& table) : name_(std::move(name)) {
     const Folder source = Folder::disk("SCacheConfig/" + name_ + "/" + std::string(kIndexFileName));
     if (!table.isObject() && !table.isNull()) {
-        fail(Errors::fileDeserialization(source));
+        fail(Errors::fileDeserialization(source, "not an object"));
         return;
     }
     addEntries(table, false, source);
@@ -106,9 +106,10 @@ bool ResourceIndex::parseSigned(const Folder& folder, std::string_view text, JSO
         error = Errors::fileVerifySignature(folder, md5);
         return false;
     }
-    JSON parsed = JSON::parse(body);
+    std::string reason;
+    JSON parsed = JSON::parse(body, &reason);
     if (!parsed.isObject()) {
-        error = Errors::fileDeserialization(folder);
+        error = Errors::fileDeserialization(folder, reason.empty() ? "not an object" : reason);
         return false;
     }
     table = std::move(parsed);

@@ -29,6 +29,7 @@ struct State {
     // Commits posted and not yet run: while there are any, the stored document is older than
     // what this process holds, and reloading it would undo a local change.
     std::atomic<int> pendingCommits{0};
+    std::atomic<bool> loaded{false};
 };
 
 State& state() {
@@ -39,6 +40,7 @@ State& state() {
         s.seenVersion.store(0, std::memory_order_release);
         s.reloads.store(0, std::memory_order_release);
         s.pendingCommits.store(0, std::memory_order_release);
+        s.loaded.store(false, std::memory_order_release);
     });
     return *instance;
 }
@@ -87,6 +89,7 @@ FConfigPtr SCache::mutate(const std::function<void(FConfig&)>& change, Durabilit
         committed(Error());
     }
     s.current.store(published);
+    s.loaded.store(true, std::memory_order_release);
     return published;
 }
 
@@ -99,6 +102,7 @@ void SCache::publish(std::shared_ptr<FConfig> document, std::optional<uint64_t> 
     document->removed.clear();
     s.current.store(std::move(document));
     s.seenVersion.store(loadedAt ? *loadedAt : storedVersion(), std::memory_order_release);
+    s.loaded.store(true, std::memory_order_release);
 }
 
 uint64_t SCache::storedVersion() {
@@ -174,6 +178,10 @@ bool SCache::refresh() {
         .append("changedPacks", static_cast<uint64_t>(changed))
         .append("time", MRLCurrentClock() - start);
     return true;
+}
+
+bool SCache::loaded() {
+    return state().loaded.load(std::memory_order_acquire);
 }
 
 Error SCache::commit(const FConfig& document, Durability durability) {

@@ -185,7 +185,7 @@ bool PackInstaller::flush(Error& error) {
     if (batch_.empty()) return true;
     std::shared_ptr<PackedFiles> store = PackedFiles::current();
     if (!store) {
-        error = Errors::initStorageFailed("packs", -1);
+        error = Errors::packedStoreNotOpen();
         return false;
     }
     const bool stored = store->putAll(batch_, error);
@@ -205,7 +205,7 @@ bool PackInstaller::copyKept(const Folder& from, const std::vector<std::string>&
         if (!flush(error)) return false;
         std::shared_ptr<PackedFiles> store = PackedFiles::current();
         if (!store) {
-            error = Errors::initStorageFailed("packs", -1);
+            error = Errors::packedStoreNotOpen();
             return false;
         }
         std::unordered_set<std::string> keep;

@@ -556,7 +556,9 @@ TEST_F(ReadFlowTest, IndexWithInvalidJsonGives1107) {
     writeFile("apps/app/3/app-res.hvc", signedIndex(std::string("{\"res/a.js\": {\"v\": ")));
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
     EXPECT_EQ(response->error.code(), 1107);
-    EXPECT_EQ(response->error.message(), "file \"apps/app/3/app-res.hvc\" deserialization failed");
+    EXPECT_EQ(
+        response->error.message(),
+        "file \"apps/app/3/app-res.hvc\" deserialization failed: Invalid value. at offset 19");
 }
 
 TEST_F(ReadFlowTest, IndexRecordWithoutVersionGives1107) {

@@ -82,7 +82,9 @@ TEST_F(NetworkTest, EmptyObjectConfigIsServerErrorNotEmptyDocument) {
     proxy_->serve("https://c/f", 200, "{}");
     auto [content, error] = config("https://c/f");
     EXPECT_EQ(error.code(), 1202);
-    EXPECT_EQ(error.message(), "https://c/f server error, phase: 1");
+    EXPECT_EQ(error.message(),
+              "https://c/f server error, phase: 1 (set up, first configuration update "
+              "not finished, updating not started)");
     EXPECT_TRUE(content.empty());
 }
 
@@ -92,7 +94,8 @@ TEST_F(NetworkTest, ConfigEmptyBodyBadStatusAndTransport) {
     proxy_->serve("https://c/500", 500, "oops");
     auto bad = config("https://c/500").second;
     EXPECT_EQ(bad.code(), 1004);
-    EXPECT_EQ(bad.message(), "request \"https://c/500\" invalid status code 500");
+    EXPECT_EQ(bad.message(),
+              "request \"https://c/500\" invalid status code 500 (Internal Server Error)");
     EXPECT_EQ(config("https://c/304").second.code(), 1004) << "unknown URL answers 404";
     FakeProxy::Answer broken;
     broken.transportError = Error(7, "reset");

@@ -672,7 +672,9 @@ TEST_F(FailedDownloadTest, ServerErrorLeavesTheRecordAndTheFolder) {
     proxy_->serve("https://dl.test/shop/2.zip", 500, "busy");
     const Error error = update("shop", kTriggerTimer);
     EXPECT_EQ(error.code(), 1004);
-    EXPECT_EQ(error.message(), "request \"https://dl.test/shop/2.zip\" invalid status code 500");
+    EXPECT_EQ(
+        error.message(),
+        "request \"https://dl.test/shop/2.zip\" invalid status code 500 (Internal Server Error)");
     expectUntouchedThenInstalled();
 }
 
