@@ -85,8 +85,6 @@ class SCache {
     static uint64_t reloadCount();
     // The storage's dataVersion() now; 0 without storage.
     static uint64_t storedVersion();
-    // Publishes `document` as it is (the load at start-up), indexes rebuilt.
-    static void publish(std::shared_ptr<FConfig> document);
     // Whether a document has been put in place in this process (the load at start-up, or any
     // change): before that, current() is an empty document that says nothing of what is installed.
     static bool loaded();
