@@ -499,8 +499,7 @@ bool ZipFile::checkEntries(Error& error) {
     }
 }
 
-bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
-    if (!callback) return false;
+bool ZipFile::walkEntries(const EntryVisit& visit, Error& error) {
     if (empty_) {
         error.clear();
         return true;
@@ -518,7 +517,6 @@ bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
         error = failure("Enum first zip file failed: " + statusText(status));
         return false;
     }
-    error.clear();
     unz_file_info64 info;
     std::string name;
     for (;;) {
@@ -536,13 +534,25 @@ bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
         if (isSkipped(name)) {
             unzCloseCurrentFile(handle_);
         } else {
-            // The entry is closed (and its CRC checked) before the callback sees the content.
-            std::string content;
-            if (!readCurrent(name, info.uncompressed_size, content, error)) return false;
-            if (!callback(name, std::move(content))) return true;
+            bool go = true;
+            if (!visit(name, info.uncompressed_size, go, error)) return false;
+            if (!go) return true;
         }
         if (unzGoToNextFile(handle_) != UNZ_OK) return true;
     }
+}
+
+bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
+    if (!callback) return false;
+    return walkEntries(
+        [&](const std::string& name, uint64_t size, bool& go, Error& failed) {
+            // The entry is closed (and its CRC checked) before the callback sees the content.
+            std::string content;
+            if (!readCurrent(name, size, content, failed)) return false;
+            go = callback(name, std::move(content));
+            return true;
+        },
+        error);
 }
 
 bool ZipFile::declaredSize(uint64_t& total, Error& error) {
@@ -614,45 +624,9 @@ bool ZipFile::streamCurrent(const std::string& name, uint64_t size, const EntryS
 
 bool ZipFile::forEachEntryStreamed(const EntryStream& stream, Error& error) {
     if (!stream.begin || !stream.write || !stream.end) return false;
-    if (empty_) {
-        error.clear();
-        return true;
-    }
-    if (handle_ == nullptr) {
-        error = failure("Open zip file failed: " + statusText(UNZ_PARAMERROR));
-        return false;
-    }
-    if (!checkEntries(error)) return false;
-    error.clear();
-    if (isEmptyArchive()) return true;
-    int status = unzGoToFirstFile(handle_);
-    if (status != UNZ_OK) {
-        error = failure("Enum first zip file failed: " + statusText(status));
-        return false;
-    }
-    unz_file_info64 info;
-    std::string name;
-    for (;;) {
-        status = unzOpenCurrentFile(handle_);
-        if (status != UNZ_OK) {
-            error = failure("Open zip file failed: " + statusText(status));
-            return false;
-        }
-        status = currentInfo(handle_, info, name);
-        if (status != UNZ_OK) {
-            unzCloseCurrentFile(handle_);
-            error = failure("Read zip file info: " + statusText(status));
-            return false;
-        }
-        if (isSkipped(name)) {
-            unzCloseCurrentFile(handle_);
-        } else {
-            bool go = true;
-            if (!streamCurrent(name, info.uncompressed_size, stream, go, error)) return false;
-            if (!go) return true;
-        }
-        if (unzGoToNextFile(handle_) != UNZ_OK) return true;
-    }
+    return walkEntries([&](const std::string& name, uint64_t size, bool& go,
+                           Error& failed) { return streamCurrent(name, size, stream, go, failed); },
+                       error);
 }
 
 uint64_t ZipFile::extractTo(const Folder& target, Error& error) {

@@ -119,6 +119,13 @@ class ZipFile {
     uint64_t extractTo(const Folder& target, Error& error);
 
   private:
+    // Called with each entry that a walk delivers, opened: reads or streams it and closes it.
+    // False with `error` set ends the walk as failed; `go` false ends it as done.
+    using EntryVisit =
+        std::function<bool(const std::string& name, uint64_t size, bool& go, Error& error)>;
+    // The walk that forEachEntry and forEachEntryStreamed share: checks every entry first, then
+    // visits each in the archive's order, the skipped ones aside.
+    bool walkEntries(const EntryVisit& visit, Error& error);
     // Reads the open entry whole and closes it: false with `error` set on any failure.
     bool readCurrent(const std::string& name, uint64_t size, std::string& content, Error& error);
     // Streams the open entry to `stream` and closes it: false with `error` set on a failure of

@@ -88,5 +88,5 @@ test('HostErrorTest.HostFailuresReachTheCallerInTheHostsWords', async (t) => {
   // An HTTP status is still an HTTP status.
   console.log([thrown, negative, reported].map((error) => `${error.code} ${error.message}`).join('\n'));
   const missing = await update('missing');
-  assert.match(missing.message, /invalid status code 404$/);
+  assert.match(missing.message, /invalid status code 404 \(Not Found\)$/);
 });
