@@ -1,10 +1,14 @@
 #include "ferritcore/Access.h"
 
+#include <atomic>
+
 #include "access/CacheMatch.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "access/Resource.h"
+#include "access/ResponseMemory.h"
 #include "access/UpdateRequester.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Http.h"
 #include "base/LogTags.h"
@@ -13,6 +17,7 @@
 #include "base/Url.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
+#include "model/SCache.h"
 #include "runtime/Settings.h"
 
 namespace FerritCore {
@@ -20,6 +25,11 @@ namespace {
 
 using MarlLogger::json::JSON;
 using MarlLogger::json::JSONObject;
+
+// The levels of the "match" event: a URL that a source answers, and one that nothing serves.
+constexpr MarlLogger::MRLLevel kHitLevel = MarlLogger::MRLLevelInfo;
+constexpr MarlLogger::MRLLevel kMissLevel = MarlLogger::MRLLevelDebug;
+static_assert(kMissLevel > kHitLevel, "a miss is logged less severely than a hit");
 
 // {"errorCode": c, "errorMsg": m} for a part with an error, {"name": n} otherwise.
 JSON partInfo(const ResourcePart& part) {
@@ -29,16 +39,18 @@ JSON partInfo(const ResourcePart& part) {
 }
 
 // The "match" event. Its level is known only at the end (a URL that nothing serves is logged at
-// another level), so the fields are gathered only when some level of it can be written, and the
-// entry is built once, at the end.
+// a lower level), so the fields are gathered only when some level of it can be written, and the
+// entry is built once, at the end. A miss is the host's everyday business, not a fault: at the
+// default level (warnings) neither a hit nor a miss is gathered or written.
 class MatchLog {
   public:
     MatchLog(const Resource& resource, const ResourceRequest& request, int policy)
         : resource_(resource),
           request_(request),
           policy_(policy),
-          active_(MarlLogger::Log::enabled(MarlLogger::MRLLevelInfo) ||
-                  MarlLogger::Log::enabled(MarlLogger::MRLLevelWarning)) {}
+          // A miss is logged at the less severe level of the two: when that is written, so is
+          // the other.
+          active_(MarlLogger::Log::enabled(kHitLevel)) {}
 
     bool active() const { return active_; }
     void add(std::string_view key, JSON value) {
@@ -46,9 +58,8 @@ class MatchLog {
     }
     void finish(const char* how, const ResourcePart& part, bool lowerWhenNotServed) {
         if (!active_) return;
-        const int level = lowerWhenNotServed && Errors::isNotServed(part.error)
-                              ? MarlLogger::MRLLevelWarning
-                              : MarlLogger::MRLLevelInfo;
+        const int level =
+            lowerWhenNotServed && Errors::isNotServed(part.error) ? kMissLevel : kHitLevel;
         MarlLogger::LogBuilder log(level, resource_.logTag);
         if (!log.active()) return;
         appendRequest(log);
@@ -72,7 +83,7 @@ class MatchLog {
     // The end of a match whose answer is several parts: no single name or error to tell.
     void finishCombo() {
         if (!active_) return;
-        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource_.logTag);
+        MarlLogger::LogBuilder log(kHitLevel, resource_.logTag);
         if (!log.active()) return;
         appendRequest(log);
         log.append("match", "COMBO").append("matchTime", resource_.matchTime);
@@ -85,6 +96,108 @@ class MatchLog {
     bool active_;
     JSONObject extra_;
 };
+
+// Another process on the same root may install a new version and retire the one this process
+// still reads: its files go, and its records name a folder that is empty. A failed answer is
+// therefore tried again when the configuration has moved on since the lookup began, a few times at
+// most, so that an installed URL never fails because the versions were swapped under it. A hit
+// never asks: the look at the store costs a statement, and a hit's bytes are whole either way.
+constexpr int kStaleRetries = 3;
+
+// Most URLs that a host asks for belong to no pack (3001), and the look at the store costs about
+// as much again as the whole miss (a read transaction's locks on the shared log index): such a
+// miss looks at most once in this interval, so a pack that another process adds is served within
+// it. Every other failure (a URL that a pack claims, a file of a retired version, a stale pack)
+// looks each time.
+constexpr double kUnclaimedLookIntervalMs = 50.0;
+std::atomic<double> lastUnclaimedLook{-1e300};
+
+bool worthALook(const Error& error) {
+    if (!Errors::isNotFerritResource(error)) return true;
+    const double now = MRLCurrentClock();
+    double last = lastUnclaimedLook.load(std::memory_order_relaxed);
+    if (now - last < kUnclaimedLookIntervalMs) return false;
+    return lastUnclaimedLook.compare_exchange_strong(last, now, std::memory_order_relaxed);
+}
+
+// True when the lookup that began at `reloads` and failed with `error` ran on a document that is
+// no longer the stored one: another thread reloaded since, or this call reloads now. `reloads`
+// moves to the present.
+bool configMovedOn(const Error& error, uint64_t& reloads) {
+    const bool reloaded = worthALook(error) && SCache::refresh();
+    const uint64_t now = SCache::reloadCount();
+    const bool moved = reloaded || now != reloads;
+    reloads = now;
+    return moved;
+}
+
+// Reads a matched resource on the calling thread, into `memory` when it is given and the answer
+// is one file; empty after a failed match.
+std::string readMatched(Resource& resource, ResponseMemory* memory = nullptr) {
+    return resource.error ? std::string() : resource.read(memory);
+}
+
+// The request whose asynchronous read runs on this thread inside getResource. A read that
+// completes within that call can still be tried again with the request; one that completes later,
+// on whichever thread, answers as it stands, since the request may be gone by then.
+struct RequestInCall {
+    const ResourceRequest* request = nullptr;
+    uint64_t call = 0;  // which call set it, so that another call's completion never takes it
+};
+thread_local RequestInCall requestInCall;
+thread_local uint64_t asyncCalls = 0;
+
+// The asynchronous request, with the retries it has left after a failure on an older document.
+void getResourceAsync(const ResourceRequest& request,
+                      std::function<void(std::unique_ptr<ResourceResponse>)> callback,
+                      uint64_t reloads, int retries) {
+    std::shared_ptr<Resource> resource = Access::match(request, kPolicyAsync);
+    while (resource->error && retries > 0 && configMovedOn(resource->error, reloads)) {
+        --retries;
+        resource = Access::match(request, kPolicyAsync);
+    }
+    if (resource->error) {
+        callback(std::make_unique<ResourceResponse>(resource, std::string()));
+        return;
+    }
+    std::shared_ptr<Resource> reading = resource;
+    const RequestInCall outer = requestInCall;
+    const uint64_t call = ++asyncCalls;
+    requestInCall = RequestInCall{&request, call};
+    reading->readAsync([resource = std::move(resource), callback = std::move(callback), reloads,
+                        retries, call](const std::string& data, const Error& error) mutable {
+        if (error && retries > 0 && requestInCall.call == call && configMovedOn(error, reloads)) {
+            const ResourceRequest& again = *requestInCall.request;
+            getResourceAsync(again, std::move(callback), reloads, retries - 1);
+            return;
+        }
+        // A failure here takes is404 from the SCache hit, not from the match: the host then
+        // answers 404 for a file that an SCache pack claims but could not deliver.
+        if (error) {
+            callback(std::make_unique<ResourceResponse>(resource, error, resource->isSCacheHit));
+        } else {
+            callback(std::make_unique<ResourceResponse>(resource, data));
+        }
+    });
+    requestInCall = outer;
+}
+
+// Why a URL that nothing serves might be served once start-up has gone further, or null when
+// start-up has gone far enough for a miss to be a miss. Asked on a miss only.
+const char* startupPending() {
+    Environment& environment = Environment::instance();
+    if (!SCache::loaded()) {
+        return environment.proxy() ? "the stored configuration is still loading"
+                                   : "no proxy: setProxy not called";
+    }
+    const uint32_t flags = environment.flags();
+    // A sub process reads what the main process configured, and never updates by itself.
+    if (!environment.isMainProcess() || (flags & kConfigFirstUpdated)) return nullptr;
+    // A configuration that this root once received says what is served, setup or not.
+    if (SCache::Snapshot()->version != "0") return nullptr;
+    return (flags & kSetupDone) ? "the first configuration has not arrived yet"
+                                : "setup not called";
+}
 
 }  // namespace
 
@@ -147,20 +260,45 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
         return resource;
     }
 
+    if (Errors::isNotFerritResource(part->error)) {
+        if (const char* step = startupPending()) part->error = Errors::notSetUpYet(step);
+    }
     resource->addPart(part, kind);
     log.finish("prefix", *part, true);
     return resource;
 }
 
-std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& request) {
+namespace {
+
+// The synchronous form, with the bytes of a one-file answer in `memory` when it is given.
+std::unique_ptr<ResourceResponse> getResourceSync(const ResourceRequest& request,
+                                                  ResponseMemory* memory) {
     if (request.url.empty())
         return std::make_unique<ResourceResponse>(Errors::notFerritResourceRef());
     if (Http::isDisabled(request.header()))
         return std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef());
-    std::shared_ptr<Resource> resource = match(request, kPolicySync);
-    std::string data;
-    if (!resource->error) data = resource->read();
+    // One atomic load, no lock: what a later failure compares with.
+    uint64_t reloads = SCache::reloadCount();
+    std::shared_ptr<Resource> resource = Access::match(request, kPolicySync);
+    std::string data = readMatched(*resource, memory);
+    for (int retry = 0;
+         resource->error && retry < kStaleRetries && configMovedOn(resource->error, reloads);
+         ++retry) {
+        resource = Access::match(request, kPolicySync);
+        data = readMatched(*resource, memory);
+    }
     return std::make_unique<ResourceResponse>(std::move(resource), std::move(data));
+}
+
+}  // namespace
+
+std::unique_ptr<ResourceResponse> Access::getResource(const ResourceRequest& request) {
+    return getResourceSync(request, nullptr);
+}
+
+std::unique_ptr<ResourceResponse> getResourceInto(const ResourceRequest& request,
+                                                  ResponseMemory& memory) {
+    return getResourceSync(request, &memory);
 }
 
 void Access::getResource(const ResourceRequest& request,
@@ -174,22 +312,7 @@ void Access::getResource(const ResourceRequest& request,
         callback(std::make_unique<ResourceResponse>(Errors::disabledByHeaderRef()));
         return;
     }
-    std::shared_ptr<Resource> resource = match(request, kPolicyAsync);
-    if (resource->error) {
-        callback(std::make_unique<ResourceResponse>(resource, std::string()));
-        return;
-    }
-    std::shared_ptr<Resource> reading = resource;
-    reading->readAsync([resource = std::move(resource), callback = std::move(callback)](
-                           const std::string& data, const Error& error) {
-        // A failure here takes is404 from the SCache hit, not from the match: the host then
-        // answers 404 for a file that an SCache pack claims but could not deliver.
-        if (error) {
-            callback(std::make_unique<ResourceResponse>(resource, error, resource->isSCacheHit));
-        } else {
-            callback(std::make_unique<ResourceResponse>(resource, data));
-        }
-    });
+    getResourceAsync(request, std::move(callback), SCache::reloadCount(), kStaleRetries);
 }
 
 void Access::prefetch(const std::vector<std::string>& urls) {

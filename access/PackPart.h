@@ -62,6 +62,9 @@ class PackPart : public ResourcePart {
     void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override;
     void appendTo(std::string& out, unsigned& crc) override;
     void moveTo(std::string& out, unsigned* crc) override;
+    // The file that the match opened is read straight into `memory`; anything else (an on-demand
+    // pack, a file removed since, a size the signed list refuses, no memory) reads as read() does.
+    ReadStatus readInto(ResponseMemory& memory) override;
 
     std::shared_ptr<PackMatch> match;
     bool firstVisit = false;
@@ -92,7 +95,8 @@ class PackPart : public ResourcePart {
     HeldFile opened_;
 };
 
-// Posts, on the main process, the task that marks a pack for reinstall.
-void postReinstall(const std::string& packName);
+// Posts, on the main process, the task that marks the pack for reinstall: only the version that
+// `damaged` names, so nothing when another process has installed another one by then.
+void postReinstall(const Pack& damaged);
 
 }  // namespace FerritCore

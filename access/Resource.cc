@@ -1,6 +1,8 @@
 #include "access/Resource.h"
 
 #include "access/ReadGroup.h"
+#include "access/ResponseMemory.h"
+#include "base/Digest.h"
 #include "base/LogTags.h"
 #include "base/Proxy.h"
 #include "base/Telemetry.h"
@@ -123,7 +125,7 @@ void Resource::makeGroup() {
     group = std::make_shared<ReadGroup>(parts, context);
 }
 
-std::string Resource::read() {
+std::string Resource::read(ResponseMemory* memory) {
     std::string data;
     if (error || parts.empty()) return data;
     // The read begins where the match ended: the clock of that boundary is read once.
@@ -133,13 +135,18 @@ std::string Resource::read() {
     unsigned crc = 0;
     std::vector<unsigned> crcs;
     double end = 0;
+    size_t placed = 0;  // bytes that went to `memory`
     if (parts.size() == 1) {
         ResourcePart& part = *parts.front();
         part.readStart = start;
-        const ReadStatus status = part.read();
+        const ReadStatus status = memory != nullptr ? part.readInto(*memory) : part.read();
         end = part.readEnd;
         if (status != ReadStatus::Done) {
             error = part.error;
+        } else if (memory != nullptr && memory->filled()) {
+            // The receiver holds the bytes already; the response carries none.
+            placed = memory->filledSize();
+            if (logged) crc = Digest::crc32(std::string_view(memory->filledData(), placed));
         } else {
             // The only part's bytes become the response's: moved, not copied.
             part.moveTo(data, logged ? &crc : nullptr);
@@ -160,7 +167,7 @@ std::string Resource::read() {
         }
     }
     if (error) data.clear();
-    LogBuilder log = finishRead(start, data.size(), error, end);
+    LogBuilder log = finishRead(start, error ? 0 : data.size() + placed, error, end);
     if (log.active()) {
         if (crcs.empty()) {
             log.append("crc", crc);

@@ -21,6 +21,7 @@
 namespace FerritCore {
 
 struct ComboRule;
+class ResponseMemory;
 
 // How a URL match relates to the SCache packs.
 enum MatchKind : int {
@@ -111,6 +112,9 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
     // no more: a part that holds its bytes may move them instead of copying, and computes the
     // CRC-32 only when `crc` is given. The part may be left without content (size() 0).
     virtual void moveTo(std::string& out, unsigned* crc);
+    // Reads as read() does, but a part that can puts its bytes straight into `memory` (and says so
+    // there), keeping no content of its own. The default reads into the part as read() does.
+    virtual ReadStatus readInto(ResponseMemory& /*memory*/) { return read(); }
 
     // Generated on first use with the prefix "FT_Resource".
     const std::string& traceId();
@@ -143,8 +147,9 @@ class Resource : public std::enable_shared_from_this<Resource> {
     // Stamps matchTime and lastTime, takes the part's error, appends the part, sets isSCacheHit
     // for kind 2, and is404 when kind is not 0, there is an error and scache404Enabled is on.
     void addPart(std::shared_ptr<ResourcePart> part, int kind);
-    // Reads every part on the calling thread; empty on any failure (then `error` is set).
-    std::string read();
+    // Reads every part on the calling thread; empty on any failure (then `error` is set). With
+    // `memory`, the bytes of a one-part answer may go there instead (ResponseMemory::filled).
+    std::string read(ResponseMemory* memory = nullptr);
     // `callback(data, error)` runs once, on whichever thread finishes last. The Resource must be
     // held by a shared pointer; the completion keeps it alive.
     void readAsync(std::function<void(const std::string& data, const Error& error)> callback);

@@ -5,17 +5,53 @@
 
 namespace FerritCore::Digest {
 
-std::string md5Hex(std::string_view data) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    std::string hex;
-    if (EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr) != 1) return hex;
+namespace {
+
+std::string toHex(const unsigned char* digest, unsigned int length) {
     static constexpr char kHex[] = "0123456789abcdef";
-    hex.resize(static_cast<size_t>(length) * 2);
+    std::string hex(static_cast<size_t>(length) * 2, '\0');
     for (unsigned int i = 0; i < length; ++i) {
         hex[2 * i] = kHex[digest[i] >> 4];
         hex[2 * i + 1] = kHex[digest[i] & 0xF];
     }
+    return hex;
+}
+
+}  // namespace
+
+std::string md5Hex(std::string_view data) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr) != 1) return {};
+    return toHex(digest, length);
+}
+
+struct Md5::Context {
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    bool ok = false;
+    ~Context() { EVP_MD_CTX_free(context); }
+    void start() { ok = context != nullptr && EVP_DigestInit_ex(context, EVP_md5(), nullptr) == 1; }
+};
+
+Md5::Md5() : context_(std::make_unique<Context>()) {
+    context_->start();
+}
+
+Md5::~Md5() = default;
+
+void Md5::update(std::string_view piece) {
+    if (context_->ok && !piece.empty())
+        context_->ok = EVP_DigestUpdate(context_->context, piece.data(), piece.size()) == 1;
+}
+
+std::string Md5::finishHex() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    std::string hex;
+    // A failed digest is empty, which matches no list's MD5.
+    if (context_->ok && EVP_DigestFinal_ex(context_->context, digest, &length) == 1)
+        hex = toHex(digest, length);
+    context_->start();
     return hex;
 }
 

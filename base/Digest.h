@@ -2,6 +2,7 @@
 // and CRC-32. Pure functions over OpenSSL and zlib; any thread.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -9,6 +10,23 @@ namespace FerritCore::Digest {
 
 // The MD5 of `data` as 32 lower-case hexadecimal characters.
 std::string md5Hex(std::string_view data);
+
+// The MD5 of bytes that come in pieces, so that a large file is never whole in memory. Not
+// thread-safe; one object per stream.
+class Md5 {
+  public:
+    Md5();
+    ~Md5();
+    Md5(const Md5&) = delete;
+    Md5& operator=(const Md5&) = delete;
+    void update(std::string_view piece);
+    // The digest of everything given so far, as md5Hex writes it; starts a new stream.
+    std::string finishHex();
+
+  private:
+    struct Context;
+    std::unique_ptr<Context> context_;
+};
 // Decodes standard base64 (blanks and line breaks are skipped). False on any other character or
 // a broken length; `out` then holds nothing useful.
 bool base64Decode(std::string_view text, std::string& out);

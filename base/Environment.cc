@@ -7,6 +7,20 @@
 
 namespace FerritCore {
 
+std::string setupPhaseWords(uint32_t flags) {
+    std::string words = (flags & kSetupDone) ? "set up" : "not set up";
+    words += (flags & kConfigFirstUpdated) ? ", first configuration update finished"
+                                           : ", first configuration update not finished";
+    if (flags & kInitialConfigFinished) words += ", first configuration of this root taken in";
+    if (flags & kUpdateStarted) {
+        words += ", updating started";
+    } else {
+        words += (flags & kAutoStartAllowed) ? ", updating not started but left to start by itself"
+                                             : ", updating not started";
+    }
+    return words;
+}
+
 Environment& Environment::instance() {
     static Environment* const environment = [] {
         auto* made = new Environment();  // never destroyed

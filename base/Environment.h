@@ -27,6 +27,10 @@ enum SetupFlag : uint32_t {
     kInitialConfigFinished = 1024,  // a configuration update that was the initial one finished
 };
 
+// What a SetupFlags value says in words, for messages that carry the value: which steps of
+// start-up had happened ("set up, first configuration update not finished, updating not started").
+std::string setupPhaseWords(uint32_t flags);
+
 // Feature bits of the status report.
 enum FeatureBit : uint32_t {
     kFeaturePushRegistered = 1,  // the push topics are registered

@@ -1,8 +1,12 @@
 #include "base/Errors.h"
 
 #include <array>
+#include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
+
+#include "base/Environment.h"
 
 namespace FerritCore::Errors {
 namespace {
@@ -31,6 +35,45 @@ std::string errnoText(int errnum) {
     char buffer[256];
     buffer[0] = '\0';
     return pickStrerror(strerror_r(errnum, buffer, sizeof(buffer)), buffer);
+}
+
+// The words of an HTTP status, so that "invalid status code 404" says what the server meant: the
+// reason phrase of the statuses servers commonly send, else the words of the status's class.
+const char* statusWords(unsigned status) {
+    struct Phrase {
+        unsigned status;
+        const char* words;
+    };
+    static constexpr Phrase kPhrases[] = {
+        {204, "No Content"},
+        {301, "Moved Permanently"},
+        {302, "Found"},
+        {304, "Not Modified"},
+        {307, "Temporary Redirect"},
+        {308, "Permanent Redirect"},
+        {400, "Bad Request"},
+        {401, "Unauthorized"},
+        {403, "Forbidden"},
+        {404, "Not Found"},
+        {405, "Method Not Allowed"},
+        {408, "Request Timeout"},
+        {410, "Gone"},
+        {413, "Content Too Large"},
+        {429, "Too Many Requests"},
+        {500, "Internal Server Error"},
+        {502, "Bad Gateway"},
+        {503, "Service Unavailable"},
+        {504, "Gateway Timeout"},
+    };
+    for (const Phrase& phrase : kPhrases) {
+        if (phrase.status == status) return phrase.words;
+    }
+    if (status >= 100 && status < 200) return "informational answer";
+    if (status >= 200 && status < 300) return "success";
+    if (status >= 300 && status < 400) return "redirection";
+    if (status >= 400 && status < 500) return "client error";
+    if (status >= 500 && status < 600) return "server error";
+    return "not an HTTP status";
 }
 
 enum SharedIndex {
@@ -99,12 +142,26 @@ Error requestFailed(const std::string& url, int code, const std::string& message
     return Error(1003, "request \"%s\" failed: %d, %s", url.c_str(), code, message.c_str());
 }
 
+Error requestTimedOut(const std::string& url, double deadlineMs) {
+    char message[64];
+    std::snprintf(message, sizeof(message), "no answer within %g s", deadlineMs / 1000.0);
+    return requestFailed(url, ETIMEDOUT, message);
+}
+
 Error resourceManagerNotFound() {
     return Error(1003, std::string("ResourceManager not found"));
 }
 
 Error requestInvalidStatus(const std::string& url, unsigned status) {
-    return Error(1004, "request \"%s\" invalid status code %u", url.c_str(), status);
+    return Error(1004, "request \"%s\" invalid status code %u (%s)", url.c_str(), status,
+                 statusWords(status));
+}
+
+Error hostInvalidStatus(std::string_view given) {
+    return Error(1004,
+                 "invalid status code %.*s from the host: not an HTTP status (a whole number "
+                 "from 100 to 599)",
+                 static_cast<int>(given.size()), given.data());
 }
 
 Error requestNoData(const std::string& url) {
@@ -117,6 +174,14 @@ Error requestDeserialization(const std::string& url) {
 
 Error requestDeserialization(const std::string& url, const std::string& reason) {
     return Error(1007, "request \"%s\" deserialization failed: %s", url.c_str(), reason.c_str());
+}
+
+Error requestTooLarge(const std::string& url, unsigned long long size, unsigned long long limit,
+                      const char* limitName) {
+    return Error(1007,
+                 "request \"%s\" deserialization failed: %llu bytes, above the limit of %llu "
+                 "(\"%s\")",
+                 url.c_str(), size, limit, limitName);
 }
 
 Error requestVerifySignature(const std::string& url, const std::string& md5) {
@@ -275,12 +340,21 @@ Error storageDelete(const std::string& storage, std::string_view key, int status
                  viewData(key), status);
 }
 
+Error storageWritePaused(const std::string& storage, std::string_view key,
+                         const std::string& state) {
+    return Error(1104, "Storage \"%s/%.*s\" write paused: %s", storage.c_str(), viewLength(key),
+                 viewData(key), state.c_str());
+}
+
 Error packNameMismatch(const std::string& name, const std::string& other) {
     return Error(1201, "%s packName mismatch: %s", name.c_str(), other.c_str());
 }
 
 Error serverError(const std::string& name, int phase) {
-    return Error(1202, "%s server error, phase: %d", name.c_str(), phase);
+    // The phase is the SetupFlags value when the answer came; its number stays for whoever reads
+    // it by number, and the words say which steps of start-up had happened.
+    return Error(1202, "%s server error, phase: %d (%s)", name.c_str(), phase,
+                 setupPhaseWords(static_cast<uint32_t>(phase)).c_str());
 }
 
 // 2xxx: updating.
@@ -317,6 +391,10 @@ Error tooManyApps() {
     return Error(2103, std::string("Too many apps installed"));
 }
 
+Error tooManyApps(const std::string& cause) {
+    return Error(2103, "Too many apps installed: %s", cause.c_str());
+}
+
 Error unzipFailed(const std::string& path, const std::string& reason) {
     return Error(2207, "unzip \"%s\" failed: %s", path.c_str(), reason.c_str());
 }
@@ -345,6 +423,10 @@ Error copyFailed(const std::string& what, const std::string& message) {
 
 Error notFerritResource() {
     return notFerritResourceRef();
+}
+
+Error notSetUpYet(const std::string& step) {
+    return Error(3001, "Not Ferrit resource: not set up yet (%s)", step.c_str());
 }
 
 Error notFerritPackResource(const std::string& matchText) {
@@ -443,8 +525,16 @@ Error napiFailed(int status) {
     return Error(9995, "NAPI failed: %d", status);
 }
 
+Error napiFailed(std::string_view cause) {
+    return Error(9995, "NAPI failed: %.*s", static_cast<int>(cause.size()), cause.data());
+}
+
 Error responseIsNull() {
     return Error(-1, std::string("response is nullptr"));
+}
+
+Error packedStoreNotOpen() {
+    return Error(9997, std::string("Initialize storage \"packs\" failed: the store is not open"));
 }
 
 Error devToolConfigNotFound() {

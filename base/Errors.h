@@ -23,12 +23,20 @@ const Error& napiFailedRef();           // 9995
 // 1xxx: network and storage.
 Error requestInvalidUrl(const std::string& url);                                    // 1001
 Error requestFailed(const std::string& url, int code, const std::string& message);  // 1003
-Error resourceManagerNotFound();                                                    // 1003
-Error requestInvalidStatus(const std::string& url, unsigned status);                // 1004
-Error requestNoData(const std::string& url);                                        // 1006
-Error requestDeserialization(const std::string& url);                               // 1007
-Error requestDeserialization(const std::string& url, const std::string& reason);    // 1007
-Error requestVerifySignature(const std::string& url, const std::string& md5);       // 1010
+// The host did not answer within `deadlineMs`: 1003 with ETIMEDOUT and "no answer within N s".
+Error requestTimedOut(const std::string& url, double deadlineMs);     // 1003
+Error resourceManagerNotFound();                                      // 1003
+Error requestInvalidStatus(const std::string& url, unsigned status);  // 1004
+// 1004 for a status code that the host gave and that no HTTP response has (-1, 0, 1000, 200.5),
+// shown as the host gave it.
+Error hostInvalidStatus(std::string_view given);
+Error requestNoData(const std::string& url);                                      // 1006
+Error requestDeserialization(const std::string& url);                             // 1007
+Error requestDeserialization(const std::string& url, const std::string& reason);  // 1007
+// A document larger than the setting `limitName` allows, refused before it is parsed.
+Error requestTooLarge(const std::string& url, unsigned long long size, unsigned long long limit,
+                      const char* limitName);                                  // 1007
+Error requestVerifySignature(const std::string& url, const std::string& md5);  // 1010
 Error requestVerifyMd5(const std::string& url, const std::string& md5,
                        const std::string& expected);                              // 1010
 Error aggregateVerifyCount(int count, int expected);                              // 1010
@@ -68,6 +76,10 @@ Error storageDelete(const std::string& storage, std::string_view key, int status
 Error packNameMismatch(const std::string& name, const std::string& other);          // 1201
 Error serverError(const std::string& name, int phase);                              // 1202
 
+// A write refused while the storage state is read-only: the store and key, and the state in words.
+Error storageWritePaused(const std::string& storage, std::string_view key,
+                         const std::string& state);  // 1104
+
 // 2xxx: updating.
 Error networkNotSupported(const std::string& name, const std::string& status);  // 2001
 Error packUpdateDisabled(const std::string& name);                              // 2002
@@ -77,6 +89,7 @@ Error subProcessClearDisabled();                                                
 Error updateEliminated(const std::string& name);                                // 2101
 Error packDeleted(const std::string& name);                                     // 2102
 Error tooManyApps();                                                            // 2103
+Error tooManyApps(const std::string& cause);                                    // 2103
 Error unzipFailed(const std::string& path, const std::string& reason);          // 2207
 Error unzipTempPath(const std::string& path);                                   // 2208
 Error decryptFailed(const std::string& name, const std::string& reason);        // 2301
@@ -85,7 +98,10 @@ Error copyFailed(const std::string& what, int errnum);                          
 Error copyFailed(const std::string& what, const std::string& message);          // 2504
 
 // 3xxx: access.
-Error notFerritResource();                                  // 3001
+Error notFerritResource();  // 3001
+// A URL that nothing serves while start-up has not gone far enough to know: the code of a miss,
+// so that the host goes to the network as for one, and words that say which step is missing.
+Error notSetUpYet(const std::string& step);                 // 3001
 Error notFerritPackResource(const std::string& matchText);  // 3002
 Error disabledByDevTool();                                  // 3003
 Error disabledByHeader();                                   // 3003
@@ -113,8 +129,13 @@ Error createFolderFailed(int errnum);  // 9992
 Error jniFailed();                     // 9995
 Error napiFailed();                    // 9995
 Error napiFailed(int status);          // 9995
+// 9995 with the cause in words: what the host threw, or why a request never reached it.
+Error napiFailed(std::string_view cause);
 // The C interface's answer about a response that is not there.
 Error responseIsNull();  // -1
+// The store of packed files is asked for before any was opened (before setProxy), or after it
+// could not be: the words of the store's initialisation, with the reason instead of a code.
+Error packedStoreNotOpen();  // 9997
 // The developer tool's answer about a pack that the configuration does not name.
 Error devToolConfigNotFound();  // 3101
 // The developer tool's answer about a command whose part is not in this build.

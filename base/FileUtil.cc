@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cwchar>
 
+#include "base/StorageState.h"
+
 namespace FerritCore {
 namespace {
 
@@ -23,6 +25,21 @@ bool isSeparator(char c) {
 int lastError() {
     return errno != 0 ? errno : EIO;
 }
+
+// Hands a failed change of the disk to the process's storage state, which tells a medium or a
+// folder that cannot be written (read-only, full, no permission) from a failure of one file.
+int noted(int result, std::string_view path) {
+    if (result > 0) StorageState::noteWriteFailure(result, path);
+    return result;
+}
+
+// What a call that cannot be made answers, as the system would: every result is an errno value
+// whose text says what went wrong, never a bare -1 that a message prints as "Unknown error -1".
+// An empty path names nothing, as open("") says; a null stream or a negative descriptor is no
+// stream; write() with no bytes has nothing to write (an empty file is writeEmptyFile's).
+constexpr int kNoPath = ENOENT;
+constexpr int kNoStream = EBADF;
+constexpr int kNothingToWrite = ENODATA;
 
 // Whether canonicalize would give the path back unchanged: no backslash, and no piece between
 // two separators that is empty, "." or "..". The first piece and the text after the last
@@ -143,7 +160,7 @@ inline void step() {
 // repeat the first.
 template <typename F>
 int withRetry(const std::string& path, F attempt) {
-    if (path.empty()) return -1;
+    if (path.empty()) return kNoPath;
     const CanonicalPath canonical(path);
     const int result = attempt(canonical.str());
     if (result == 0) return 0;
@@ -212,18 +229,19 @@ std::string FileUtil::recode(const std::string& path) {
 }
 
 int FileUtil::open(const std::string& path, const char* mode, FILE** file) {
-    if (file == nullptr) return -1;
+    if (file == nullptr) return EINVAL;
     *file = nullptr;
     if (mode == nullptr) return EINVAL;
-    return withRetry(path, [&](const std::string& p) {
-        *file =
-            writesWith(mode) ? calls->openForWrite(p.c_str(), mode) : std::fopen(p.c_str(), mode);
+    const bool writes = writesWith(mode);
+    const int result = withRetry(path, [&](const std::string& p) {
+        *file = writes ? calls->openForWrite(p.c_str(), mode) : std::fopen(p.c_str(), mode);
         return *file != nullptr ? 0 : lastError();
     });
+    return writes ? noted(result, path) : result;
 }
 
 int FileUtil::readAll(FILE* file, std::string& out) {
-    if (file == nullptr) return -1;
+    if (file == nullptr) return kNoStream;
     char block[256];
     for (;;) {
         const size_t n = std::fread(block, 1, sizeof(block), file);
@@ -234,7 +252,7 @@ int FileUtil::readAll(FILE* file, std::string& out) {
 }
 
 int FileUtil::readSize(FILE* file, size_t size, std::string& out) {
-    if (file == nullptr) return -1;
+    if (file == nullptr) return kNoStream;
     const size_t before = out.size();
     out.resize(before + size);
     const size_t n = std::fread(out.data() + before, 1, size, file);
@@ -243,7 +261,8 @@ int FileUtil::readSize(FILE* file, size_t size, std::string& out) {
 }
 
 int FileUtil::write(FILE* file, std::string_view data) {
-    if (file == nullptr || data.empty()) return -1;
+    if (file == nullptr) return kNoStream;
+    if (data.empty()) return kNothingToWrite;
     step();
     const size_t n = calls->write(file, data.data(), data.size());
     return n == data.size() ? 0 : lastError();
@@ -339,7 +358,7 @@ int FileUtil::writeFile(const std::string& path, std::string_view data) {
     if (result != 0) return result;
     result = write(file, data);
     if (std::fclose(file) != 0 && result == 0) result = lastError();
-    return result;
+    return noted(result, path);
 }
 
 int FileUtil::writeEmptyFile(const std::string& path) {
@@ -347,7 +366,7 @@ int FileUtil::writeEmptyFile(const std::string& path) {
     FILE* file = nullptr;
     int result = open(path, "wb+", &file);
     if (result != 0) return result;
-    return std::fclose(file) != 0 ? lastError() : 0;
+    return noted(std::fclose(file) != 0 ? lastError() : 0, path);
 }
 
 int FileUtil::appendFile(const std::string& path, std::string_view data) {
@@ -357,7 +376,7 @@ int FileUtil::appendFile(const std::string& path, std::string_view data) {
     if (result != 0) return result;
     result = write(file, data);
     if (std::fclose(file) != 0 && result == 0) result = lastError();
-    return result;
+    return noted(result, path);
 }
 
 bool FileUtil::isFile(const std::string& path) {
@@ -372,43 +391,48 @@ bool FileUtil::isDirectory(const std::string& path) {
 
 int FileUtil::remove(const std::string& path) {
     step();
-    return withRetry(
-        path, [](const std::string& p) { return calls->remove(p.c_str()) == 0 ? 0 : lastError(); });
+    return noted(withRetry(path,
+                           [](const std::string& p) {
+                               return calls->remove(p.c_str()) == 0 ? 0 : lastError();
+                           }),
+                 path);
 }
 
 int FileUtil::rename(const std::string& from, const std::string& to) {
-    if (from.empty() || to.empty()) return -1;
+    if (from.empty() || to.empty()) return kNoPath;
     step();
     if (calls->rename(from.c_str(), to.c_str()) == 0) return 0;
     const int result = lastError();
     const std::string recodedFrom = recoder()(from);
     const std::string recodedTo = recoder()(to);
     if (recodedFrom.empty() || recodedTo.empty() || (recodedFrom == from && recodedTo == to))
-        return result;
-    return calls->rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError();
+        return noted(result, to);
+    return noted(calls->rename(recodedFrom.c_str(), recodedTo.c_str()) == 0 ? 0 : lastError(), to);
 }
 
 int FileUtil::link(const std::string& from, const std::string& to) {
-    if (from.empty() || to.empty()) return -1;
+    if (from.empty() || to.empty()) return kNoPath;
     step();
-    return calls->link(from.c_str(), to.c_str()) == 0 ? 0 : lastError();
+    return noted(calls->link(from.c_str(), to.c_str()) == 0 ? 0 : lastError(), to);
 }
 
 int FileUtil::exchange(const std::string& a, const std::string& b) {
-    if (a.empty() || b.empty()) return -1;
+    if (a.empty() || b.empty()) return kNoPath;
     step();
-    return calls->exchange(a.c_str(), b.c_str()) == 0 ? 0 : lastError();
+    return noted(calls->exchange(a.c_str(), b.c_str()) == 0 ? 0 : lastError(), a);
 }
 
 int FileUtil::makeDirectory(const std::string& path) {
     step();
-    return withRetry(path, [](const std::string& p) {
-        return calls->makeDirectory(p.c_str(), 0700) == 0 ? 0 : lastError();
-    });
+    return noted(withRetry(path,
+                           [](const std::string& p) {
+                               return calls->makeDirectory(p.c_str(), 0700) == 0 ? 0 : lastError();
+                           }),
+                 path);
 }
 
 int FileUtil::makeDirectories(const std::string& path) {
-    if (path.empty()) return -1;
+    if (path.empty()) return kNoPath;
     const CanonicalPath canonical(path);
     const std::string& p = canonical.str();
     for (size_t i = 1; i < p.size(); ++i) {
@@ -462,7 +486,7 @@ int FileUtil::syncFile(const std::string& path) {
     if (opened != 0) return opened;
     const int result = syncDescriptor(fd);
     ::close(fd);
-    return result;
+    return noted(result, path);
 }
 
 int FileUtil::startWriteback(const std::string& path) {
@@ -478,7 +502,7 @@ int FileUtil::startWriteback(const std::string& path) {
 }
 
 int FileUtil::syncDescriptor(int fd) {
-    if (fd < 0) return -1;
+    if (fd < 0) return kNoStream;
     step();
     return retryOnInterrupt([&] { return calls->syncData(fd); }) == 0 ? 0 : lastError();
 }
@@ -495,7 +519,7 @@ int FileUtil::syncDirectory(const std::string& path) {
     const int result =
         retryOnInterrupt([&] { return calls->syncDirectory(fd); }) == 0 ? 0 : lastError();
     ::close(fd);
-    return result;
+    return noted(result, path);
 }
 
 FILE* FileUtil::Calls::openForWrite(const char* path, const char* mode) {
@@ -619,6 +643,30 @@ int HeldFile::readAndClose(std::string& out) {
     const int result = FileUtil::readDescriptor(fd_, out, true);
     close();
     return result;
+}
+
+int HeldFile::readIntoAndClose(const std::function<char*(size_t)>& allocate, size_t& size) {
+    if (fd_ < 0) return EBADF;
+    struct stat info;
+    if (::fstat(fd_, &info) != 0) return lastError();
+    if (S_ISDIR(info.st_mode)) return EISDIR;
+    if (info.st_nlink == 0) return ESTALE;
+    if (info.st_size <= 0) return ENODATA;
+    const auto expected = static_cast<size_t>(info.st_size);
+    char* const memory = allocate(expected);
+    if (memory == nullptr) return ENOMEM;
+    // pread leaves the offset where it was, for readAndClose after a failure.
+    size_t used = 0;
+    while (used < expected) {
+        const ssize_t n = retryOnInterrupt(
+            [&] { return ::pread(fd_, memory + used, expected - used, static_cast<off_t>(used)); });
+        if (n < 0) return lastError();
+        if (n == 0) return EIO;
+        used += static_cast<size_t>(n);
+    }
+    close();
+    size = expected;
+    return 0;
 }
 
 void HeldFile::close() {

@@ -1,5 +1,6 @@
-// FileUtil: the low-level file primitives beneath Folder. Each returns 0 or an errno value, and
-// -1 for an empty path or a null stream. Every primitive other than rename canonicalises its
+// FileUtil: the low-level file primitives beneath Folder. Each returns 0 or an errno value, never
+// anything else, so that every failure has a text: ENOENT for an empty path, EBADF for a null
+// stream or a negative descriptor. Every primitive other than rename canonicalises its
 // path first, and every one that touches the disk tries once more, with the path recoded
 // through wide characters, when its first attempt fails and the recoding gives other, non-empty
 // bytes; the errno of the last attempt is what is reported. No state and no lock: any thread, the
@@ -44,13 +45,13 @@ class FileUtil {
     // either conversion fails.
     static std::string recode(const std::string& path);
 
-    // fopen with `mode`; `*file` is null on failure.
+    // fopen with `mode`; `*file` is null on failure. A null `file` gives EINVAL.
     static int open(const std::string& path, const char* mode, FILE** file);
     // Appends everything up to end of file, in blocks of 256 bytes.
     static int readAll(FILE* file, std::string& out);
     // One fread of `size` bytes appended to `out`; a short read at end of file is success.
     static int readSize(FILE* file, size_t size, std::string& out);
-    // One fwrite. Empty data returns -1 and writes nothing.
+    // One fwrite. Empty data returns ENODATA and writes nothing.
     static int write(FILE* file, std::string_view data);
     // By stat; `size` is untouched on failure.
     static int fileSize(const std::string& path, uint64_t& size);
@@ -180,6 +181,13 @@ class HeldFile {
     // Reads the file whole and closes it (readDescriptor, linked files only: one removed or
     // replaced since it was opened gives ESTALE, so that the caller reads the path as it is now).
     int readAndClose(std::string& out);
+    // Reads the file whole into memory that `allocate(size)` gives for its size, and closes it; the
+    // bytes land where the caller keeps them, with no copy. 0 with `size` set, or an errno: ESTALE
+    // for a file removed or replaced since it was opened, ENODATA for one that reports no size
+    // (readAndClose reads such a file to its end), ENOMEM when `allocate` gives null, EIO for a
+    // short read. On failure the file stays open and its offset unmoved, so that readAndClose can
+    // still read it; memory already given is the caller's.
+    int readIntoAndClose(const std::function<char*(size_t)>& allocate, size_t& size);
     void close();
 
   private:

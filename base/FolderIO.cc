@@ -26,7 +26,7 @@ constexpr std::string_view kPackConfig = "packConfig.config";
 // What a Packed folder answers when no store of packed files is attached: the words of a store
 // that could not be opened.
 Error noPackedStore() {
-    return Errors::initStorageFailed("packs", -1);
+    return Errors::packedStoreNotOpen();
 }
 
 // The last component of a listed path, with the trailing "/" of a directory kept.

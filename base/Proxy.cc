@@ -1,13 +1,18 @@
 #include "base/Proxy.h"
 
+#include <cerrno>
+
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/ServiceSlot.h"
 
 namespace FerritCore {
 
-void Proxy::sendRequest(const ProxyRequest& request, ProxyCompletion completion) {
-    if (completion) completion(ProxyResponse(), Error(-1, "no network access: " + request.url));
+void Proxy::sendRequest(const ProxyRequest&, ProxyCompletion completion) {
+    // An errno value, like a transport failure's, with its words: the caller's message names the
+    // URL already.
+    if (completion)
+        completion(ProxyResponse(), Error(ENETUNREACH, std::string("no network access")));
 }
 
 void Proxy::onQueueFinished(uint32_t) {}

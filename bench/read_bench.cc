@@ -24,6 +24,7 @@
 #include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
+#include "model/PacksConfigStorage.h"
 #include "model/ResourceIndex.h"
 #include "model/SCache.h"
 #include "runtime/TaskRunner.h"
@@ -213,6 +214,27 @@ void BM_GetResourceThreads(benchmark::State& state) {
     if (state.threads() > 1) state.SetLabel("scale:BM_GetResourceThreads/real_time/threads:1");
 }
 
+// A miss: a URL under the pack's prefix that its list does not name (3002), and one that no pack
+// serves (3001), with the configuration's storage wired as a host has it, so that a failed answer
+// pays whatever it looks up before it is given.
+void BM_GetResourceMiss(benchmark::State& state) {
+    world();
+    MarlLogger::Log::setLevel(2);
+    SCache::setStorage(std::make_shared<PacksConfigStorage>());
+    const ResourceRequest requests[] = {
+        ResourceRequest("https://bench.example.com/app/absent.js", std::string()),
+        ResourceRequest("https://elsewhere.example.com/absent.js", std::string())};
+    size_t i = 0;
+    for (auto _ : state) {
+        auto response = Access::getResource(requests[i++ % 2]);
+        if (!response->error) state.SkipWithError("a miss was served");
+        benchmark::DoNotOptimize(response.get());
+    }
+    TaskRunner::clear();
+    SCache::setStorage(nullptr);
+    state.SetLabel("vs:BM_ReadFloor/1");
+}
+
 }  // namespace
 
 static const bool registered = [] {
@@ -222,6 +244,7 @@ static const bool registered = [] {
         benchmark::RegisterBenchmark("BM_GetResourceNoProxy", BM_GetResourceNoProxy)->Arg(kib);
         benchmark::RegisterBenchmark("BM_GetResourceAsync", BM_GetResourceAsync)->Arg(kib);
     }
+    benchmark::RegisterBenchmark("BM_GetResourceMiss", BM_GetResourceMiss);
     benchmark::RegisterBenchmark("BM_ReadFloorThreads", BM_ReadFloorThreads)
         ->Threads(1)
         ->Threads(2)

@@ -3,6 +3,8 @@
 #include "bridge/HostValues.h"
 
 #include <charconv>
+#include <cmath>
+#include <cstdio>
 
 #include "base/AssetProvider.h"
 #include "base/Errors.h"
@@ -30,13 +32,26 @@ PendingSet& pendingSet() {
     return *instance;
 }
 
-// Fails a request that never reached the host. Runs on the script thread, so the completion is
-// handed to the work pool like every other completion of a host request.
-void failRequest(napi_env env, ProxyCompletion completion) {
+// Fails a request that never reached the host, with `error`, which says why. Runs on the script
+// thread, so the completion is handed to the work pool like every other completion of a host
+// request.
+void failRequest(napi_env env, ProxyCompletion completion, const Error& error) {
     auto shared = std::make_shared<ProxyCompletion>(std::move(completion));
-    if (!NAPI::postAsyncTask(env, [shared] { (*shared)(ProxyResponse(), Errors::napiFailed()); }))
-        (*shared)(ProxyResponse(), Errors::napiFailed());
+    if (!NAPI::postAsyncTask(env, [shared, error] { (*shared)(ProxyResponse(), error); }))
+        (*shared)(ProxyResponse(), error);
 }
+
+// The engine's own words for a conversion that failed.
+Error conversionFailed(napi_env env, std::string_view what) {
+    std::string cause(what);
+    const std::string text = NAPI::takeExceptionText(env);
+    if (!text.empty()) cause.append(": ").append(text);
+    return Errors::napiFailed(cause);
+}
+
+// The lowest and highest status codes that an HTTP response can have.
+constexpr double kFirstHttpStatus = 100;
+constexpr double kLastHttpStatus = 599;
 
 bool setProperty(napi_env env, napi_value object, const char* key, napi_value value) {
     return value != nullptr && napi_set_named_property(env, object, key, value) == napi_ok;
@@ -59,8 +74,8 @@ void BridgeProxy::sendRequest(const ProxyRequest& request, ProxyCompletion compl
     const bool posted = bridge->postJSTask([bridge, request, shared](napi_env env) {
         napi_value object = encodeProxyRequest(env, request);
         if (object == nullptr) {
-            NAPI::clearException(env);
-            failRequest(env, std::move(*shared));
+            failRequest(env, std::move(*shared),
+                        conversionFailed(env, "the request object could not be made"));
             return;
         }
         auto pending = std::make_unique<PendingRequest>();
@@ -70,8 +85,8 @@ void BridgeProxy::sendRequest(const ProxyRequest& request, ProxyCompletion compl
             static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pending.get())));
         napi_value idValue = NAPI::toString(env, id);
         if (idValue == nullptr) {
-            NAPI::clearException(env);
-            failRequest(env, std::move(pending->completion));
+            failRequest(env, std::move(pending->completion),
+                        conversionFailed(env, "the request id could not be made"));
             return;
         }
         PendingRequest* const sent = pending.get();
@@ -81,15 +96,18 @@ void BridgeProxy::sendRequest(const ProxyRequest& request, ProxyCompletion compl
             set.live.insert(pending.release());
         }
         // A host without the method, or whose method threw, will never answer: the request fails
-        // now rather than waiting for ever.
-        if (bridge->invoke("sendRequest", {object, idValue}) == nullptr) {
+        // now rather than waiting for ever, with what the host threw.
+        std::string failure;
+        if (bridge->invoke("sendRequest", {object, idValue}, &failure) == nullptr) {
             std::unique_ptr<PendingRequest> unsent =
                 takePending(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sent)));
-            if (unsent) failRequest(env, std::move(unsent->completion));
+            if (unsent)
+                failRequest(env, std::move(unsent->completion), Errors::napiFailed(failure));
         }
     });
     // The script side is gone (the host is shutting down): the request fails in transport.
-    if (!posted) (*shared)(ProxyResponse(), Errors::napiFailed());
+    if (!posted)
+        (*shared)(ProxyResponse(), Errors::napiFailed("the host's script thread is shutting down"));
 }
 
 std::unique_ptr<PendingRequest> BridgeProxy::takePending(uint64_t id) {
@@ -189,6 +207,21 @@ ProxyResponse decodeProxyResponse(napi_env env, napi_value value, bool wantHeade
             NAPI::toData(env, NAPI::getProperty(env, value, "content")))
         response.content = std::move(*content);
     return response;
+}
+
+Error checkProxyStatus(napi_env env, napi_value value) {
+    const std::optional<double> status =
+        NAPI::toDouble(env, NAPI::getProperty(env, value, "statusCode"));
+    if (!status || (*status >= kFirstHttpStatus && *status <= kLastHttpStatus &&
+                    std::trunc(*status) == *status))
+        return Error();
+    // Shown as the host gave it: a whole number as one, anything else as the engine would print it.
+    char text[64];
+    if (std::isfinite(*status) && std::trunc(*status) == *status && std::fabs(*status) < 1e15)
+        std::snprintf(text, sizeof(text), "%.0f", *status);
+    else
+        std::snprintf(text, sizeof(text), "%g", *status);
+    return Errors::hostInvalidStatus(text);
 }
 
 Error decodeProxyError(napi_env env, napi_value value) {

@@ -68,6 +68,10 @@ napi_value encodeProxyRequest(napi_env env, const ProxyRequest& request);
 // every header, else only "content-length" (as "Content-Length", when non-empty); "content" as
 // bytes. A value that is not an object is the empty response with status 200.
 ProxyResponse decodeProxyResponse(napi_env env, napi_value value, bool wantHeaders);
+// Script thread: why the host's response object cannot count as an HTTP response: its
+// "statusCode" is a number that is no HTTP status (-1, 0, 1000, 200.5, NaN), which is shown as the
+// host gave it (error 1004). Success when it is one, or is absent or not a number (200).
+Error checkProxyStatus(napi_env env, napi_value value);
 // Script thread: an error object {"code": non-zero integer, "message": string}; anything else is
 // success.
 Error decodeProxyError(napi_env env, napi_value value);

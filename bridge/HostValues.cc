@@ -82,12 +82,6 @@ enum RequestField : uint32_t {
     kRequestFixedFields
 };
 
-// The engine already counts an external buffer's bytes as outside memory when it takes the buffer,
-// so the bridge adds nothing: counting them twice made it run full collections it did not need.
-void freeResponse(napi_env, void*, void* hint) {
-    delete static_cast<ResourceResponse*>(hint);
-}
-
 }  // namespace
 
 ResourceRequest decodeRequest(napi_env env, napi_value value) {
@@ -158,26 +152,36 @@ napi_value encodeError(napi_env env, NAPI::Bridge* bridge, const Error& error) {
     return object;
 }
 
+char* EngineMemory::allocate(size_t size) {
+    void* data = nullptr;
+    napi_value buffer = nullptr;
+    if (napi_create_arraybuffer(env_, size, &data, &buffer) != napi_ok || data == nullptr) {
+        NAPI::clearException(env_);
+        return nullptr;
+    }
+    buffer_ = buffer;
+    return static_cast<char*>(data);
+}
+
 napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
-                          std::unique_ptr<ResourceResponse> response) {
-    // `owned` is whoever frees the response: this function, or the buffer's finaliser.
+                          std::unique_ptr<ResourceResponse> response, const EngineMemory* memory) {
+    // The bytes live in memory that the engine allocated and frees by itself. An external buffer
+    // over the response's own bytes would keep the response until the engine ran the buffer's
+    // finaliser, which it does only on a later turn of its event loop: a script that makes many
+    // calls without yielding would hold every response of the run.
     ResourceResponse* const raw = response.get();
     napi_value data = nullptr;
-    if (!raw->data.empty()) {
-        std::string& bytes = raw->data;
-        if (napi_create_external_arraybuffer(env, bytes.data(), bytes.size(), freeResponse, raw,
-                                             &data) == napi_ok) {
-            response.release();  // the finaliser owns it now; its bytes must not move or change
-        } else {
-            // An engine that refuses outside memory gets a copy.
-            NAPI::clearException(env);
-            void* copy = nullptr;
-            if (napi_create_arraybuffer(env, bytes.size(), &copy, &data) != napi_ok) {
-                NAPI::throwLastError(env);
-                return nullptr;
-            }
-            std::memcpy(copy, bytes.data(), bytes.size());
+    if (memory != nullptr && memory->filled() && memory->buffer() != nullptr) {
+        data = memory->buffer();
+    } else if (!raw->data.empty()) {
+        const std::string& bytes = raw->data;
+        void* copy = nullptr;
+        if (napi_create_arraybuffer(env, bytes.size(), &copy, &data) != napi_ok) {
+            raw->setFinished(Errors::napiFailed(static_cast<int>(napi_generic_failure)));
+            NAPI::throwLastError(env);
+            return nullptr;
         }
+        std::memcpy(copy, bytes.data(), bytes.size());
     } else {
         data = NAPI::undefined(env);
     }

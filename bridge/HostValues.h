@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "access/ResponseMemory.h"
 #include "bridge/Napi.h"
 #include "ferritcore/ResourceRequest.h"
 #include "ferritcore/ResourceResponse.h"
@@ -39,12 +40,28 @@ PackRequest decodePackRequest(napi_env env, napi_value value);
 // no bridge yet or it does not answer, a plain {code, message} object. Undefined for success.
 napi_value encodeError(napi_env env, NAPI::Bridge* bridge, const Error& error);
 
-// Takes the response and makes the object of five properties: "data" (an external ArrayBuffer
-// over the response's own bytes, whose finaliser frees the response; undefined when there are
-// none, and the response is then freed before returning), "md5", "header", "error", "is404".
-// Marks the response finished: success, or 9995 when the object could not be made. Null with the
-// engine's error raised when even that failed.
+// Memory of the engine for the bytes of a synchronous hit: an ArrayBuffer that the engine
+// allocates, counts and frees by itself like any other, with no finaliser to wait for.
+class EngineMemory : public ResponseMemory {
+  public:
+    explicit EngineMemory(napi_env env) : env_(env) {}
+    char* allocate(size_t size) override;
+    // The ArrayBuffer of the last allocation, or null.
+    napi_value buffer() const { return buffer_; }
+
+  private:
+    napi_env env_;
+    napi_value buffer_ = nullptr;
+};
+
+// Takes the response and makes the object of five properties: "data" (an ArrayBuffer of the
+// engine's own: `memory`'s when the read filled it, else a copy of the response's bytes; undefined
+// when there are none), "md5", "header", "error", "is404". The response is freed before returning:
+// nothing of it waits for a finaliser, so a loop that never yields to the engine's event loop
+// still gives back all its memory. Marks the response finished: success, or 9995 when the object
+// could not be made. Null with the engine's error raised when even that failed.
 napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
-                          std::unique_ptr<ResourceResponse> response);
+                          std::unique_ptr<ResourceResponse> response,
+                          const EngineMemory* memory = nullptr);
 
 }  // namespace FerritCore

@@ -178,7 +178,13 @@ napi_value onSendRequestFinishedNative(napi_env env, napi_callback_info info) {
     if (!pending) return undefinedOf(env);
     auto response =
         std::make_shared<ProxyResponse>(decodeProxyResponse(env, args[1], pending->wantHeaders));
-    const Error error = args.size() >= 3 ? decodeProxyError(env, args[2]) : Error();
+    Error error = args.size() >= 3 ? decodeProxyError(env, args[2]) : Error();
+    // A status that no HTTP response has is the host's failure, told as it gave it rather than
+    // cut to 16 bits (-1 would read 65535).
+    if (!error) {
+        error = checkProxyStatus(env, args[1]);
+        if (error) *response = ProxyResponse();
+    }
     auto completion = std::make_shared<ProxyCompletion>(std::move(pending->completion));
     const auto finish = [completion, response, error] {
         (*completion)(std::move(*response), error);
@@ -351,7 +357,10 @@ napi_value getResourceSyncNative(napi_env env, napi_callback_info info) {
     if (args.empty()) return undefinedOf(env);
     const ResourceRequest request = decodeRequest(env, args[0]);
     std::shared_ptr<NAPI::Bridge> bridge = currentBridge();
-    return encodeResponse(env, bridge.get(), Access::getResource(request));
+    // A hit is read straight into an ArrayBuffer of the engine's.
+    EngineMemory memory(env);
+    std::unique_ptr<ResourceResponse> response = getResourceInto(request, memory);
+    return encodeResponse(env, bridge.get(), std::move(response), &memory);
 }
 
 napi_value getResourceNative(napi_env env, napi_callback_info info) {

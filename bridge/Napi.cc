@@ -221,6 +221,33 @@ void clearException(napi_env env) {
     napi_get_and_clear_last_exception(env, &ignored);
 }
 
+std::string takeExceptionText(napi_env env) {
+    bool pending = false;
+    napi_value exception = nullptr;
+    if (napi_is_exception_pending(env, &pending) != napi_ok || !pending ||
+        napi_get_and_clear_last_exception(env, &exception) != napi_ok || exception == nullptr)
+        return {};
+    std::string text;
+    if (isObject(env, exception) || isFunction(env, exception)) {
+        if (std::optional<std::string> message =
+                toString(env, getProperty(env, exception, "message"))) {
+            const std::optional<std::string> name =
+                toString(env, getProperty(env, exception, "name"));
+            text = name && !name->empty() ? *name + ": " + *message : *message;
+        }
+    }
+    if (text.empty()) {
+        napi_value coerced = nullptr;
+        if (napi_coerce_to_string(env, exception, &coerced) == napi_ok) {
+            text = toString(env, coerced).value_or(std::string());
+        }
+        clearException(env);  // a toString that threw in turn
+    }
+    // A value with no text at all (an empty message, a symbol) is still a throw the host made.
+    if (text.empty()) text = "a value without a message";
+    return text;
+}
+
 napi_value scriptFunction(napi_env env, Script script, const char* source) {
     void* data = nullptr;
     if (napi_get_instance_data(env, &data) != napi_ok) data = nullptr;
@@ -364,16 +391,24 @@ Bridge::~Bridge() {
     if (object_ != nullptr) napi_delete_reference(env_, object_);
 }
 
-napi_value Bridge::invoke(const char* name, const std::vector<napi_value>& arguments) {
+napi_value Bridge::invoke(const char* name, const std::vector<napi_value>& arguments,
+                          std::string* failure) {
     napi_value object = nullptr;
-    if (napi_get_reference_value(env_, object_, &object) != napi_ok || object == nullptr)
+    if (napi_get_reference_value(env_, object_, &object) != napi_ok || object == nullptr) {
+        if (failure != nullptr) *failure = "the host object is gone";
         return nullptr;
+    }
     napi_value method = getProperty(env_, object, name);
-    if (!isFunction(env_, method)) return nullptr;
+    if (!isFunction(env_, method)) {
+        if (failure != nullptr) *failure = std::string("the host object has no method ") + name;
+        return nullptr;
+    }
     napi_value result = nullptr;
     if (napi_call_function(env_, object, method, arguments.size(), arguments.data(), &result) !=
         napi_ok) {
-        clearException(env_);
+        std::string thrown = takeExceptionText(env_);
+        if (failure != nullptr)
+            *failure = std::string(name) + " threw " + (thrown.empty() ? "nothing" : thrown);
         return nullptr;
     }
     return result;

@@ -55,6 +55,10 @@ napi_value undefined(napi_env env);
 void throwLastError(napi_env env);
 // Drops a pending script exception, if any.
 void clearException(napi_env env);
+// Takes the pending script exception and gives its text: the "message" of an error object (with
+// its "name" before it, as "TypeError: ..."), or the value made a string; empty when none is
+// pending. The exception is cleared in any case.
+std::string takeExceptionText(napi_env env);
 
 // The module's script helpers: small functions that do in one call what would otherwise take the
 // bridge many calls into the engine.
@@ -130,8 +134,10 @@ class Bridge {
 
     napi_env env() const { return env_; }
     // Script thread: calls the object's method `name`. Null when there is no such method or the
-    // call threw (the exception is dropped: the host's failure is not the caller's).
-    napi_value invoke(const char* name, const std::vector<napi_value>& arguments);
+    // call threw (the exception is dropped: the host's failure is not the caller's); `failure`,
+    // when given, then says which, in words, with the host's own message of what it threw.
+    napi_value invoke(const char* name, const std::vector<napi_value>& arguments,
+                      std::string* failure = nullptr);
     // Any thread: runs `task` on the script thread, later. False when the environment is going
     // away; `task` then never runs.
     bool postJSTask(std::function<void(napi_env)> task);

@@ -12,6 +12,7 @@
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "base/Proxy.h"
+#include "base/StorageState.h"
 #include "base/Telemetry.h"
 #include "lifecycle/DevInspector.h"
 #include "lifecycle/Services.h"
@@ -121,6 +122,9 @@ void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath,
         MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kSetup)
             .event("initFolder")
             .error(Errors::createFolderFailed());
+        // Nothing stored can be read: the empty document is the loaded one, so that a request
+        // answers as a miss rather than as a start-up still under way.
+        if (!SCache::loaded()) SCache::publish(std::make_shared<FConfig>());
         return;
     }
     initFolders(rootPath);
@@ -317,7 +321,10 @@ JSON Setup::statusReport() {
     }
     if (!(flags & kConfigFirstUpdated)) errors.push("NOT_UPDATE_CONFIG");
     if (!(flags & kUpdateStarted)) errors.push("NOT_START_UPDATE");
+    // Installed packs keep serving from a root that cannot be written; updating waits.
+    if (!StorageState::writable()) errors.push("STORAGE_READ_ONLY");
     if (errors.size() > 0) report.set("error", std::move(errors));
+    report.set("storage", StorageState::describe());
     return report;
 }
 

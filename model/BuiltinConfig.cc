@@ -32,6 +32,13 @@ Error BuiltinConfig::load(FConfig& config) {
     const double start = MRLCurrentClock();
     const Folder file = Folder::asset(kAssetPath);
     Error error;
+    // Built-in packs are optional: a host that ships none (or that gives no raw-file folder at
+    // all, whose read would fail with its own words) has no such file, which is no fault.
+    if (AssetProvider::current() && !Assets::hasAsset(kAssetPath)) {
+        error = Errors::fileNotExists(file);
+        logLoad(error);
+        return error;
+    }
     const std::string text = Assets::readAsset(kAssetPath, error);
     if (error) {
         logLoad(error);
@@ -40,7 +47,7 @@ Error BuiltinConfig::load(FConfig& config) {
     std::string reason;
     const JSON document = JSON::parse(text, &reason);
     if (!reason.empty() || !document.isObject()) {
-        error = Errors::fileDeserialization(file);
+        error = Errors::fileDeserialization(file, reason.empty() ? "not an object" : reason);
         logLoad(error);
         return error;
     }

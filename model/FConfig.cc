@@ -149,7 +149,8 @@ std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string
     if (checkSignature && !verifySignature(text, origin, error)) return nullptr;
     std::string reason;
     if (!config->read(text, reason)) {
-        error = Errors::requestDeserialization(origin);
+        // The parser's words and offset, or what was wrong with a document that parsed.
+        error = Errors::requestDeserialization(origin, reason);
         return nullptr;
     }
     if (config->version.empty()) {

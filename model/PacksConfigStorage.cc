@@ -19,4 +19,12 @@ void PacksConfigStorage::wipeInstalled() {
     PacksStore::instance().clear();
 }
 
+uint64_t PacksConfigStorage::dataVersion() {
+    return PacksStore::instance().dataVersion();
+}
+
+std::string PacksConfigStorage::readConfig(Error& error) {
+    return PacksStore::instance().readConfig(error);
+}
+
 }  // namespace FerritCore

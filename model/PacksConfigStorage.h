@@ -11,6 +11,8 @@ class PacksConfigStorage : public ConfigStorage {
     Error writeConfig(const std::string& text, Durability durability) override;
     void removeFolder(const Folder& folder) override;
     void wipeInstalled() override;
+    uint64_t dataVersion() override;
+    std::string readConfig(Error& error) override;
 };
 
 }  // namespace FerritCore

@@ -78,7 +78,7 @@ ResourceIndex::ResourceIndex(std::string name, const EntryReader& zip, bool allo
 ResourceIndex::ResourceIndex(std::string name, const JSON& table) : name_(std::move(name)) {
     const Folder source = Folder::disk("SCacheConfig/" + name_ + "/" + std::string(kIndexFileName));
     if (!table.isObject() && !table.isNull()) {
-        fail(Errors::fileDeserialization(source));
+        fail(Errors::fileDeserialization(source, "not an object"));
         return;
     }
     addEntries(table, false, source);
@@ -106,9 +106,10 @@ bool ResourceIndex::parseSigned(const Folder& folder, std::string_view text, JSO
         error = Errors::fileVerifySignature(folder, md5);
         return false;
     }
-    JSON parsed = JSON::parse(body);
+    std::string reason;
+    JSON parsed = JSON::parse(body, &reason);
     if (!parsed.isObject()) {
-        error = Errors::fileDeserialization(folder);
+        error = Errors::fileDeserialization(folder, reason.empty() ? "not an object" : reason);
         return false;
     }
     table = std::move(parsed);
@@ -210,6 +211,14 @@ Error ResourceRecord::check(const Folder& file, std::string_view content) const 
     return Error();
 }
 
+Error ResourceRecord::checkDigest(const Folder& file, uint64_t length,
+                                  const std::string& md5Hex) const {
+    if (length == 0 && !isEmptyFile()) return Errors::fileNoData(file);
+    if (!fits(length)) return Errors::fileVerifySize(file, length, size);
+    if (md5Hex != md5) return Errors::fileVerifyMd5(file, md5Hex, md5);
+    return Error();
+}
+
 void ResourceIndex::forEachFile(
     const std::function<void(const ResourceRecord& record)>& visit) const {
     for (const auto& [key, record] : records_) {
@@ -240,15 +249,30 @@ namespace {
 // What this thread found in the pool, by pack name, while the pool's generation stays the same:
 // a request finds its pack's index without taking the pool's lock. A thread lets go of indexes the
 // pool dropped at its next lookup.
+// An index with the installation it was read for. Another process may install a new version
+// under the same name: a lookup for a record of another installation loads that one's index
+// rather than serving the files of a folder that may be gone.
+struct PooledIndex {
+    ResourceIndexPtr index;
+    uint64_t installedSeq = 0;
+    bool isPacks = false;
+
+    PooledIndex(ResourceIndexPtr i, const Pack& pack)
+        : index(std::move(i)), installedSeq(pack.installedSeq), isPacks(pack.isPacks) {}
+    bool describes(const Pack& pack) const {
+        return installedSeq == pack.installedSeq && isPacks == pack.isPacks;
+    }
+};
+
 struct ThreadIndexes {
     uint64_t generation = 0;
-    StringMap<ResourceIndexPtr> found;
+    StringMap<PooledIndex> found;
 };
 thread_local ThreadIndexes threadIndexes;
 
 struct Pool {
     RecursiveMutex mutex;
-    StringMap<ResourceIndexPtr> loaded GUARDED_BY(mutex);
+    StringMap<PooledIndex> loaded GUARDED_BY(mutex);
     StringMap<ResourceIndexPtr> embedded GUARDED_BY(mutex);
     ResourceIndexPool::Loader loader GUARDED_BY(mutex);
     // Moves on with every change of the maps: what a thread found before is then looked up again.
@@ -279,13 +303,13 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     const uint64_t generation = p.generation.load(std::memory_order_acquire);
     if (mine.generation == generation) {
         auto it = mine.found.find(std::string_view(pack.name));
-        if (it != mine.found.end()) return it->second;
+        if (it != mine.found.end() && it->second.describes(pack)) return it->second.index;
     } else {
         mine.found.clear();
         mine.generation = generation;
     }
     ResourceIndexPtr index = getLocked(p, pack);
-    mine.found.emplace(pack.name, index);
+    mine.found.insert_or_assign(pack.name, PooledIndex(index, pack));
     return index;
 }
 
@@ -302,7 +326,7 @@ ResourceIndexPtr getLocked(Pool& p, const Pack& pack) {
                                                      Errors::resourceListNotFound(pack.name));
     }
     auto it = p.loaded.find(pack.name);
-    if (it != p.loaded.end()) return it->second;
+    if (it != p.loaded.end() && it->second.describes(pack)) return it->second.index;
     ResourceIndexPtr index;
     if (p.loader) {
         index = p.loader(pack);
@@ -312,7 +336,7 @@ ResourceIndexPtr getLocked(Pool& p, const Pack& pack) {
     } else {
         index = std::make_shared<const ResourceIndex>(pack.name, pack.installedFolder());
     }
-    p.loaded.emplace(pack.name, index);
+    p.loaded.insert_or_assign(pack.name, PooledIndex(index, pack));
     return index;
 }
 

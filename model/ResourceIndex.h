@@ -49,6 +49,8 @@ struct ResourceRecord {
     // an empty file (1103 otherwise), then the list's size and MD5 (1106). `file` names it in
     // messages.
     Error check(const Folder& file, std::string_view content) const;
+    // The same judgement from the length and the MD5 of content that was never whole in memory.
+    Error checkDigest(const Folder& file, uint64_t length, const std::string& md5Hex) const;
     // Whether `other` names the same bytes: the same MD5, and the same size where both state one.
     bool sameFileAs(const ResourceRecord& other) const {
         return md5 == other.md5 && (!hasSize() || !other.hasSize() || size == other.size);

@@ -3,8 +3,10 @@
 // called on any thread; mutate() may run on any thread and is serialised by a recursive mutex.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/Durability.h"
@@ -27,6 +29,16 @@ class ConfigStorage {
     virtual void removeFolder(const Folder& folder) = 0;
     // Deletes "apps/" and the content of the packs store (the service environment changed).
     virtual void wipeInstalled() = 0;
+
+    // Other processes may share the root and commit to the same store. What moves whenever one of
+    // them commits (any thread, cheap: no disk read while nothing changed); 0 when this storage
+    // cannot tell, and then the document is never reloaded.
+    virtual uint64_t dataVersion() { return 0; }
+    // The stored document's text, or empty with `error` set (1101 when nothing is stored).
+    virtual std::string readConfig(Error& error) {
+        error.clear();
+        return {};
+    }
 };
 
 class SCache {
@@ -51,8 +63,31 @@ class SCache {
     static FConfigPtr mutate(const std::function<void(FConfig&)>& change,
                              Durability durability = Durability::Ordinary,
                              Committed committed = {});
-    // Publishes `document` as it is (the load at start-up), indexes rebuilt.
-    static void publish(std::shared_ptr<FConfig> document);
+    // Publishes `document` as it is (the load at start-up), indexes rebuilt. `loadedAt` is the
+    // storage's dataVersion() taken before the document was read from it; without one, the
+    // version at this call is taken: from then on refresh() reloads what another process commits.
+    static void publish(std::shared_ptr<FConfig> document,
+                        std::optional<uint64_t> loadedAt = std::nullopt);
+
+    // When another process has committed to the storage since this one last loaded from it (a
+    // version installed, a pack removed), reads the stored document and publishes it in place of
+    // the present one: the built-in packs stay as this process loaded them, and the resource
+    // indexes of packs whose installed version changed are dropped. True when a new document was
+    // published. While nothing changed it costs one look at the storage's dataVersion(), which is
+    // why callers ask only where a request already failed (a miss, a missing file, a stale pack)
+    // and at each update trigger, never on a hit. Nothing is reloaded while a commit of this
+    // process is still pending, so that a change made here is never replaced by an older stored
+    // one before it is written. Any thread.
+    static bool refresh();
+    // How many documents refresh() has published. A request that failed compares it with the
+    // value from before its lookup: when it moved, the lookup ran on an older document and is
+    // worth one more try even if this thread's refresh() found nothing new.
+    static uint64_t reloadCount();
+    // The storage's dataVersion() now; 0 without storage.
+    static uint64_t storedVersion();
+    // Whether a document has been put in place in this process (the load at start-up, or any
+    // change): before that, current() is an empty document that says nothing of what is installed.
+    static bool loaded();
 
     // Writes a committed document and deletes the folders of its removed records: what the posted
     // commit task runs. Failures are logged and returned; the document stays in memory and the

@@ -81,7 +81,7 @@ export interface ResourceRequestObject {
 
 /// The answer to a resource request: exactly these five properties.
 export interface ResourceResponseObject {
-  /** The response's own bytes, not copied; undefined when there are none. */
+  /** The bytes, in memory that the engine allocated and frees by itself; undefined when there are none. */
   data: ArrayBuffer | undefined;
   md5: string;
   header: Record<string, string>;

@@ -1,5 +1,10 @@
 // The three kinds of network request the system makes, all through the host's Proxy, with their
 // headers, timeouts and judgement of the answer. Any thread; completions as each says.
+//
+// Every request has a deadline from Settings ("configRequestDeadline", "resourceRequestDeadline",
+// "packRequestDeadline"): a host that has not answered by then gets its request ended on the
+// worker with 1003, "request \"<url>\" failed: 110, no answer within N s". Each completion runs
+// exactly once: an answer after the deadline, or a second answer, is dropped.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +19,8 @@ namespace FerritCore::Network {
 
 // A configuration document, in memory. The completion is posted to the worker (never the host's
 // thread) with the content or: 1003 transport failure, 1006 empty body, 1202 a body of "{}",
-// 1004 a status outside 200..299. An empty URL (1001) or no proxy (9991) completes at once.
+// 1004 a status outside 200..299, 1007 a body above "configMaxSize" (refused before anyone parses
+// it). An empty URL (1001) or no proxy (9991) completes at once.
 void requestConfig(const std::string& url, const std::string& traceId,
                    std::function<void(std::string content, Error error)> completion);
 

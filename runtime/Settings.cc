@@ -165,6 +165,11 @@ const RemoteKey kRemoteKeys[] = {
     {"autoDisableSCache", &Settings::autoDisableSCache},
     {"disableSCacheList", &Settings::disableSCacheList},
     {"scacheFileType", &Settings::scacheFileType},
+    {"configRequestDeadline", &Settings::configRequestDeadline},
+    {"resourceRequestDeadline", &Settings::resourceRequestDeadline},
+    {"packRequestDeadline", &Settings::packRequestDeadline},
+    {"maxInflationRatio", &Settings::maxInflationRatio},
+    {"configMaxSize", &Settings::configMaxSize},
 };
 
 // Sets the field from the remote text, or clears it when the key is absent.
@@ -358,6 +363,29 @@ uint64_t Settings::moduleCacheMaxSizeValue() const {
 }
 uint64_t Settings::uniAppMaxSizeValue() const {
     return sizeLimit(std::nullopt, uniAppMaxSize);
+}
+
+namespace {
+template <typename T>
+T positiveOr(const std::optional<T>& value, T fallback) {
+    return value && *value > 0 ? *value : fallback;
+}
+}  // namespace
+
+double Settings::configRequestDeadlineValue() const {
+    return positiveOr(configRequestDeadline, kDefaultConfigRequestDeadline);
+}
+double Settings::resourceRequestDeadlineValue() const {
+    return positiveOr(resourceRequestDeadline, kDefaultResourceRequestDeadline);
+}
+double Settings::packRequestDeadlineValue() const {
+    return positiveOr(packRequestDeadline, kDefaultPackRequestDeadline);
+}
+uint32_t Settings::maxInflationRatioValue() const {
+    return positiveOr(maxInflationRatio, kDefaultMaxInflationRatio);
+}
+uint64_t Settings::configMaxSizeValue() const {
+    return positiveOr(configMaxSize, kDefaultConfigMaxSize);
 }
 
 bool Settings::isSCacheEnabled(std::string_view packName) const {

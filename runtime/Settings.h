@@ -65,6 +65,18 @@ struct Settings {
     static constexpr double kDefaultConfigUpdateInterval = 300000;
     static constexpr uint64_t kDefaultSizeLimit = 52428800;
     static constexpr uint32_t kACachePackType = 64;
+    // How long the system waits for the host to answer a request before it ends the request
+    // itself: the timeout the host is given plus ten seconds, so that a host that keeps its own
+    // timeout always answers first.
+    static constexpr double kDefaultConfigRequestDeadline = 20000;
+    static constexpr double kDefaultResourceRequestDeadline = 30000;
+    static constexpr double kDefaultPackRequestDeadline = 30000;
+    // The most bytes a zip entry may inflate to for each compressed byte. Web text compresses
+    // ten to one or so; a run of one byte compresses a thousand to one, which only a bomb needs.
+    static constexpr uint32_t kDefaultMaxInflationRatio = 200;
+    // The largest configuration document taken from the network: a document of 5,000 packs is
+    // under 5 MB.
+    static constexpr uint64_t kDefaultConfigMaxSize = 16ull << 20;
 
     // ---- Host layer and the remote values that override it.
     std::string configPrefix = builtinConfigPrefix();
@@ -107,6 +119,11 @@ struct Settings {
     std::optional<uint64_t> moduleCacheMaxSizeOpt;
     std::optional<bool> enableSCache;
     std::optional<bool> autoDisableSCache;
+    std::optional<double> configRequestDeadline;    // ms
+    std::optional<double> resourceRequestDeadline;  // ms
+    std::optional<double> packRequestDeadline;      // ms
+    std::optional<uint32_t> maxInflationRatio;
+    std::optional<uint64_t> configMaxSize;  // bytes
     // Packs for which SCache is off; replaced by updateSwitches, untouched by updateRemote.
     StringSet disableSCacheList;
     // File extensions (lower case) that SCache serves; empty means "js" and "css".
@@ -152,6 +169,15 @@ struct Settings {
     uint64_t moduleCacheMaxSizeValue() const;
     // Has no Opt value; 0 likewise means the default.
     uint64_t uniAppMaxSizeValue() const;
+
+    // The limits that protect the process from a host or a server that misbehaves. A value that
+    // is not above 0 (which is what text that does not parse reads) means the default: a deadline
+    // or a limit of nothing would refuse everything.
+    double configRequestDeadlineValue() const;
+    double resourceRequestDeadlineValue() const;
+    double packRequestDeadlineValue() const;
+    uint32_t maxInflationRatioValue() const;
+    uint64_t configMaxSizeValue() const;
 
     // False when the pack is in "disableSCacheList"; otherwise "enableSCache".
     bool isSCacheEnabled(std::string_view packName) const;

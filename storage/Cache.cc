@@ -181,7 +181,8 @@ void Cache::openAndReport() {
     UniApp& uniApp = UniApp::instance();
 
     PerfRecord record("Ferrit.CacheInit");
-    if (first != 0) record.setError(Errors::initStoreFailed(directory(), first));
+    if (first != 0)
+        record.setError(withStatusText(Errors::initStoreFailed(directory(), first), first));
     record.setMeasure("resCount", static_cast<double>(entryCount()));
     record.setMeasure("resSize", static_cast<double>(totalSize()));
     record.setMeasure("UniAppCount", static_cast<double>(uniApp.count()));

@@ -2,6 +2,7 @@
 
 #include "base/Errors.h"
 #include "base/LogTags.h"
+#include "base/StorageState.h"
 #include "base/Telemetry.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -30,6 +31,9 @@ class ConfigStoreMarks : public MarkStore {
         return error ? 0 : value.doubleValue();
     }
     void store(const std::string& key, double value) override {
+        // While nothing can be written the timer keeps its rhythm in memory, without a warning
+        // at every tick.
+        if (!StorageState::writable()) return;
         Error error;
         if (ConfigStore::instance().put(key, JSON(value), error)) return;
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kTask)
@@ -52,7 +56,8 @@ void ConfigStore::openAndReport() {
 
     PerfRecord record("Ferrit.ConfigInit");
     // The store may work although its first open failed: the report says what was lost.
-    if (first != 0) record.setError(Errors::initStoreFailed(directory(), first));
+    if (first != 0)
+        record.setError(withStatusText(Errors::initStoreFailed(directory(), first), first));
     record.setMeasure("diskSize", static_cast<double>(diskSize()));
     record.setMeasure("time", elapsed);
     sendEvent(record);

@@ -1,6 +1,7 @@
 #include "storage/HotCache.h"
 
 #include "base/Environment.h"
+#include "base/StorageState.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
 #include "storage/ConfigStore.h"
@@ -72,6 +73,8 @@ void HotCache::scheduleSave() {
 }
 
 void HotCache::save() {
+    // The list stays right in memory; the next change saves it once writing works.
+    if (!StorageState::writable()) return;
     Error error;
     if (ConfigStore::instance().put(key_, JSONObject{{kListKey, list_->toJSON()}}, error)) return;
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelWarning, tag_);

@@ -2,7 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 #include "support/Mutex.h"
@@ -141,11 +143,12 @@ struct KeyValueStore::Statements {
     sqlite3_stmt* keysAfter = nullptr;
     sqlite3_stmt* keysFromToEnd = nullptr;
     sqlite3_stmt* keysAfterToEnd = nullptr;
+    sqlite3_stmt* dataVersion = nullptr;
 
     ~Statements() {
         for (sqlite3_stmt* statement :
              {get, contains, insert, remove, removeRange, removeFrom, clear, insertIfAbsent,
-              rowsFrom, keysFrom, keysAfter, keysFromToEnd, keysAfterToEnd}) {
+              rowsFrom, keysFrom, keysAfter, keysFromToEnd, keysAfterToEnd, dataVersion}) {
             sqlite3_finalize(statement);
         }
     }
@@ -168,6 +171,7 @@ struct KeyValueStore::Statements {
             {&keysAfter, "SELECT k FROM kv WHERE k > ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
             {&keysFromToEnd, "SELECT k FROM kv WHERE k >= ?1 ORDER BY k LIMIT ?3"},
             {&keysAfterToEnd, "SELECT k FROM kv WHERE k > ?1 ORDER BY k LIMIT ?3"},
+            {&dataVersion, "PRAGMA data_version"},
         };
         for (const auto& one : all) {
             const int rc =
@@ -178,8 +182,11 @@ struct KeyValueStore::Statements {
     }
 };
 
-KeyValueStore::KeyValueStore(std::string path, sqlite3* db)
-    : path_(std::move(path)), db_(db), statements_(std::make_unique<Statements>()) {}
+KeyValueStore::KeyValueStore(std::string path, sqlite3* db, bool readOnly)
+    : path_(std::move(path)),
+      readOnly_(readOnly),
+      db_(db),
+      statements_(std::make_unique<Statements>()) {}
 
 KeyValueStore::~KeyValueStore() {
     statements_.reset();
@@ -187,10 +194,72 @@ KeyValueStore::~KeyValueStore() {
     sqlite3_close_v2(db_);
 }
 
+namespace {
+
+// A connection to `uri` (a "file:" name with its query) for reading only. Null on failure, with
+// the status in `status`.
+sqlite3* openReadOnlyConnection(const std::string& uri, int& status) {
+    sqlite3* db = nullptr;
+    status = sqlite3_open_v2(
+        uri.c_str(), &db,
+        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
+        nullptr);
+    if (status == SQLITE_OK) return db;
+    if (db != nullptr) status = sqlite3_extended_errcode(db);
+    sqlite3_close_v2(db);
+    return nullptr;
+}
+
+// The file's name as the path of a "file:" URI: "?", "#" and "%" would end or escape it.
+std::string uriPath(const std::string& file) {
+    std::string escaped;
+    escaped.reserve(file.size());
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    for (const char c : file) {
+        if (c == '?' || c == '#' || c == '%') {
+            escaped.push_back('%');
+            escaped.push_back(kHex[(static_cast<unsigned char>(c) >> 4) & 0xF]);
+            escaped.push_back(kHex[static_cast<unsigned char>(c) & 0xF]);
+        } else {
+            escaped.push_back(c);
+        }
+    }
+    return "file:" + escaped;
+}
+
+// Whether the write-ahead log holds nothing that the database file lacks: no log, or an empty one.
+bool logIsEmpty(const std::string& file) {
+    struct stat info;
+    if (::stat((file + "-wal").c_str(), &info) != 0) return errno == ENOENT;
+    return info.st_size == 0;
+}
+
+}  // namespace
+
 int KeyValueStore::open(const std::string& path, const Options& options,
-                        std::unique_ptr<KeyValueStore>* store) {
+                        std::unique_ptr<KeyValueStore>* store, Access access) {
     store->reset();
     if (path.empty()) return SQLITE_CANTOPEN;
+    if (access == Access::ReadOnly) {
+        const std::string file = path + "/" + kFileName;
+        struct stat info;
+        if (::stat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return SQLITE_CANTOPEN;
+        // First as a reader among others, which sees what the log holds; when the log's index
+        // cannot be had, and only if the log adds nothing, the database file alone as immutable.
+        int rc = SQLITE_CANTOPEN;
+        const std::string uri = uriPath(file);
+        for (const char* query : {"?mode=ro", "?immutable=1"}) {
+            if (std::string_view(query) == "?immutable=1" && !logIsEmpty(file)) break;
+            sqlite3* db = openReadOnlyConnection(uri + query, rc);
+            if (db == nullptr) continue;
+            std::unique_ptr<KeyValueStore> opened(new KeyValueStore(path, db, true));
+            rc = opened->configureReadOnly(options);
+            if (rc != SQLITE_OK) continue;
+            *store = std::move(opened);
+            return SQLITE_OK;
+        }
+        return rc;
+    }
     std::error_code ignored;
     std::filesystem::create_directories(path, ignored);
     struct stat info;
@@ -209,7 +278,7 @@ int KeyValueStore::open(const std::string& path, const Options& options,
         sqlite3_close_v2(db);
         return rc;
     }
-    std::unique_ptr<KeyValueStore> opened(new KeyValueStore(path, db));
+    std::unique_ptr<KeyValueStore> opened(new KeyValueStore(path, db, false));
     rc = opened->configure(options);
     if (rc != SQLITE_OK) return rc;
     *store = std::move(opened);
@@ -294,6 +363,29 @@ int KeyValueStore::configure(const Options& options) {
     return statements_->prepare(db_);
 }
 
+int KeyValueStore::configureReadOnly(const Options& options) {
+    sqlite3_extended_result_codes(db_, 1);
+    sqlite3_busy_timeout(db_, options.busyTimeoutMs);
+    // The settings of a connection only: nothing here writes. The layout is the writer's.
+    const std::string sql = "PRAGMA cache_size=-" + std::to_string(options.cacheBytes / 1024) +
+                            ";PRAGMA mmap_size=" + std::to_string(options.mmapBytes) + ";";
+    int rc = execute(db_, sql.c_str());
+    if (rc != SQLITE_OK) return rc;
+    // The first read: a damaged file, or a log that cannot be read, fails here.
+    std::string check;
+    rc = queryText(db_, "PRAGMA quick_check(1)", check);
+    if (rc != SQLITE_OK) return rc;
+    if (check != "ok") return SQLITE_CORRUPT;
+    std::string version;
+    rc = queryText(db_, "PRAGMA user_version", version);
+    if (rc != SQLITE_OK) return rc;
+    // A database that was never given its version was never written: nothing to read.
+    if (version == "0") return SQLITE_CANTOPEN;
+    if (version != std::to_string(options.formatVersion)) return SQLITE_FORMAT;
+    MutexLock lock(mutex_);
+    return statements_->prepare(db_);
+}
+
 int KeyValueStore::remove(const std::string& path) {
     if (path.empty()) return SQLITE_MISUSE;
     std::error_code error;
@@ -322,6 +414,17 @@ bool KeyValueStore::contains(std::string_view key) {
     ResetOnExit reset(statement);
     if (bindBlob(statement, 1, key) != SQLITE_OK) return false;
     return sqlite3_step(statement) == SQLITE_ROW;
+}
+
+int KeyValueStore::dataVersion(uint64_t& version) {
+    version = 0;
+    MutexLock lock(mutex_);
+    sqlite3_stmt* statement = statements_->dataVersion;
+    ResetOnExit reset(statement);
+    const int rc = sqlite3_step(statement);
+    if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
+    version = static_cast<uint64_t>(sqlite3_column_int64(statement, 0));
+    return SQLITE_OK;
 }
 
 int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {

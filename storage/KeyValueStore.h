@@ -90,11 +90,22 @@ class KeyValueStore {
     KeyValueStore(const KeyValueStore&) = delete;
     KeyValueStore& operator=(const KeyValueStore&) = delete;
 
+    // How a store is opened: for reading and writing (created when missing), or for reading
+    // only, when the medium or the folder cannot be written.
+    enum class Access { ReadWrite, ReadOnly };
+
     // Opens or creates the store whose folder is `path` (no trailing "/"), creating the folder
     // when missing. A database that does not open, or that fails its quick integrity check, is
     // reported by a non-zero status and `store` stays null; nothing is repaired or removed here.
+    //
+    // ReadOnly opens an existing database without writing anything: not the folder, the
+    // database, nor its log and index files. A write-ahead database can be read that way while its
+    // log and index files exist (SQLite keeps the index in memory when its file cannot be written);
+    // after a clean close they are gone and cannot be created on a medium that refuses writes, and
+    // then the whole content lies in the database file, which is opened as immutable. Writes
+    // through a read-only store fail with SQLITE_READONLY.
     static int open(const std::string& path, const Options& options,
-                    std::unique_ptr<KeyValueStore>* store);
+                    std::unique_ptr<KeyValueStore>* store, Access access = Access::ReadWrite);
     // Opens; when that fails, removes the folder and opens once more. A damaged store thereby
     // loses what it held and comes back empty. A transient failure (see isTransient) removes
     // nothing: the second attempt opens the store as it is. Returns the status of the first
@@ -113,6 +124,11 @@ class KeyValueStore {
     // The name of the database file inside a store's folder.
     static constexpr const char* kFileName = "store.db";
 
+    // A number that changes whenever another connection, in this process or another, commits to
+    // the database, and never with this connection's own commits: what tells a process that
+    // another one has written. Only comparable with earlier results of the same store object.
+    // Costs one step of a prepared statement (no disk read while nothing changed).
+    int dataVersion(uint64_t& version);
     // Whether the key is there; false on any failure.
     bool contains(std::string_view key);
     // Copies the value into `value` (reusing its capacity) and sets `found`. A missing key is
@@ -145,17 +161,20 @@ class KeyValueStore {
     int enumerateKeys(Key from, Key to, const std::function<bool(std::string_view key)>& visit);
 
     const std::string& path() const { return path_; }
+    bool readOnly() const { return readOnly_; }
 
   private:
     struct Statements;
-    KeyValueStore(std::string path, sqlite3* db);
+    KeyValueStore(std::string path, sqlite3* db, bool readOnly);
     int configure(const Options& options);
+    int configureReadOnly(const Options& options);
     // Fetches up to `limit` keys of the range that follow `after` (or start at `from` when
     // `after` is null) into `keys`, each as its own string.
     int fetchKeys(Key from, Key to, const std::string* after, size_t limit,
                   std::vector<std::string>& keys);
 
     const std::string path_;
+    const bool readOnly_;
     Mutex mutex_;
     sqlite3* const db_ PT_GUARDED_BY(mutex_);
     std::unique_ptr<Statements> statements_ GUARDED_BY(mutex_);

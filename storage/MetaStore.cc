@@ -27,14 +27,14 @@ JSON MetaStore::get(std::string_view key, Error& error) const {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
     if (!db) {
-        error = Errors::initStoreFailed(directory_, status);
+        error = withStatusText(Errors::initStoreFailed(directory_, status), status);
         return JSON();
     }
     thread_local std::string buffer;
     bool found = false;
     const int rc = db->get(key, buffer, found);
     if (rc != 0) {
-        error = Errors::storeRead(directory_, key, rc);
+        error = withStatusText(Errors::storeRead(directory_, key, rc), rc);
         return JSON();
     }
     if (!found) {
@@ -56,15 +56,16 @@ bool MetaStore::put(std::string_view key, const JSON& value, Error& error) {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
     if (!db) {
-        error = Errors::initStoreFailed(directory_, status);
+        error = withStatusText(Errors::initStoreFailed(directory_, status), status);
         return false;
     }
+    if (writesPaused(key, &error)) return false;
     const std::string bytes = value.toBinary();
     // The binary form cannot express a string, array or object longer than 2^32 - 1 and gives
     // nothing; storing nothing would later read as a decoding failure, so it is refused now.
     const int rc = bytes.empty() ? SQLITE_TOOBIG : db->insert(key, bytes);
     if (rc != 0) {
-        error = Errors::storeWrite(directory_, key, rc);
+        error = withStatusText(Errors::storeWrite(directory_, key, rc), rc);
         return false;
     }
     error.clear();

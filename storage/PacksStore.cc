@@ -20,7 +20,8 @@ void PacksStore::openAndReport() {
     const double elapsed = MRLCurrentClock() - start;
 
     PerfRecord record(statisticsEvent());
-    if (first != 0) record.setError(Errors::initStorageFailed(name(), first));
+    if (first != 0)
+        record.setError(withStatusText(Errors::initStorageFailed(name(), first), first));
     record.setMeasure("time", elapsed);
     sendEvent(record);
 
@@ -28,7 +29,7 @@ void PacksStore::openAndReport() {
         first == 0 ? MarlLogger::MRLLevelInfo : MarlLogger::MRLLevelWarning, tag());
     if (!log.active()) return;
     log.event("load").append("name", name()).append("time", elapsed);
-    if (first != 0) log.error(Errors::initStorageFailed(name(), first));
+    if (first != 0) log.error(withStatusText(Errors::initStorageFailed(name(), first), first));
 }
 
 namespace {
@@ -80,6 +81,13 @@ bool PacksStore::writeConfig(const std::string& text, Error& error, Durability d
     // directory. A file that is already gone is what was wanted.
     if (rootPath().size() > 1) Folder::removeFile(legacyConfigFile(), false);
     return true;
+}
+
+uint64_t PacksStore::dataVersion() const {
+    const std::shared_ptr<KeyValueStore> db = handle(nullptr);
+    uint64_t version = 0;
+    if (db && db->dataVersion(version) != KeyValueStore::kOk) version = 0;
+    return version;
 }
 
 void PacksStore::removeInvalid(const std::function<bool(std::string_view sequencePart)>& owned,

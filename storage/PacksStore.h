@@ -46,6 +46,11 @@ class PacksStore : public SeriesStore {
     bool writeConfig(const std::string& text, Error& error,
                      Durability durability = Durability::Ordinary);
 
+    // What moves whenever another process commits to the store (see KeyValueStore::dataVersion):
+    // a change here means that the configuration, or the files of a packed pack, may have been
+    // replaced behind this process. 0 while the store is closed or the number cannot be read.
+    uint64_t dataVersion() const;
+
     // Deletes every key but "config" whose part up to and including its second "/" is empty or
     // not `owned`, appending each such key to `invalidPaths`; compacts when any went. The keys
     // are all read before the first is deleted.

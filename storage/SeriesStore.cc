@@ -42,14 +42,14 @@ bool SeriesStore::get(std::string_view key, std::string& value, Error& error) co
     const std::shared_ptr<KeyValueStore> db = handle(&status);
     if (!db) {
         value.clear();
-        error = Errors::initStorageFailed(name_, status);
+        error = withStatusText(Errors::initStorageFailed(name_, status), status);
         return false;
     }
     bool found = false;
     const int rc = db->get(key, value, found);
     if (rc != 0) {
         value.clear();
-        error = Errors::storageRead(name_, key, rc);
+        error = withStatusText(Errors::storageRead(name_, key, rc), rc);
         return false;
     }
     if (!found) {
@@ -65,12 +65,13 @@ bool SeriesStore::put(std::string_view key, std::string_view value, Error& error
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
     if (!db) {
-        error = Errors::initStorageFailed(name_, status);
+        error = withStatusText(Errors::initStorageFailed(name_, status), status);
         return false;
     }
+    if (writesPaused(key, &error)) return false;
     const int rc = db->insert(key, value, durability);
     if (rc != 0) {
-        error = Errors::storageWrite(name_, key, rc);
+        error = withStatusText(Errors::storageWrite(name_, key, rc), rc);
         return false;
     }
     error.clear();
@@ -82,13 +83,16 @@ bool SeriesStore::putAll(const std::vector<std::pair<std::string, std::string>>&
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
     if (!db) {
-        error = Errors::initStorageFailed(name_, status);
+        error = withStatusText(Errors::initStorageFailed(name_, status), status);
         return false;
     }
+    if (writesPaused(entries.empty() ? std::string_view() : entries[0].first, &error)) return false;
     const int rc = db->insertAll(entries);
     if (rc != 0) {
-        error = Errors::storageWrite(name_, entries.empty() ? std::string_view() : entries[0].first,
-                                     rc);
+        error =
+            withStatusText(Errors::storageWrite(
+                               name_, entries.empty() ? std::string_view() : entries[0].first, rc),
+                           rc);
         return false;
     }
     error.clear();
@@ -102,12 +106,13 @@ bool SeriesStore::copyPrefix(std::string_view from, std::string_view to,
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
     if (!db) {
-        error = Errors::initStorageFailed(name_, status);
+        error = withStatusText(Errors::initStorageFailed(name_, status), status);
         return false;
     }
+    if (writesPaused(to, &error)) return false;
     const int rc = db->copyPrefix(from, to, skip, bytes);
     if (rc != 0) {
-        error = Errors::storageWrite(name_, to, rc);
+        error = withStatusText(Errors::storageWrite(name_, to, rc), rc);
         return false;
     }
     error.clear();
@@ -116,13 +121,16 @@ bool SeriesStore::copyPrefix(std::string_view from, std::string_view to,
 
 void SeriesStore::clear() {
     if (!isOpen()) return;
+    // Nothing is deleted while writes wait; the caller's next clear does it.
+    if (writesPaused(std::string_view(), nullptr)) return;
     const int rc = eraseAll();
     compact();
     auto log = MarlLogger::Log::build(
         rc == 0 ? MarlLogger::MRLLevelInfo : MarlLogger::MRLLevelWarning, tag());
     if (!log.active()) return;
     log.event("clear").append("name", name_);
-    if (rc != 0) log.error(Errors::storageDelete(name_, std::string_view(), rc));
+    if (rc != 0)
+        log.error(withStatusText(Errors::storageDelete(name_, std::string_view(), rc), rc));
 }
 
 }  // namespace FerritCore

@@ -2,6 +2,7 @@
 
 #include <minizip/unzip.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +10,8 @@
 #include <unordered_set>
 
 #include "base/Errors.h"
+#include "base/FileUtil.h"
+#include "runtime/Settings.h"
 
 namespace FerritCore {
 
@@ -121,6 +124,62 @@ unsigned long long ull(uint64_t value) {
     return static_cast<unsigned long long>(value);
 }
 
+// A status of minizip (or of zlib, whose inflate errors minizip passes on) with its name and
+// meaning: "-103 (UNZ_BADZIPFILE: not a zip archive or damaged)".
+std::string statusText(int status) {
+    const char* name = nullptr;
+    const char* meaning = nullptr;
+    switch (status) {
+        case UNZ_OK:
+            name = "UNZ_OK";
+            meaning = "no error";
+            break;
+        case UNZ_ERRNO:
+            name = "UNZ_ERRNO";
+            meaning = "the archive could not be read";
+            break;
+        case UNZ_END_OF_LIST_OF_FILE:
+            name = "UNZ_END_OF_LIST_OF_FILE";
+            meaning = "no such entry";
+            break;
+        case UNZ_PARAMERROR:
+            name = "UNZ_PARAMERROR";
+            meaning = "the archive is not open";
+            break;
+        case UNZ_BADZIPFILE:
+            name = "UNZ_BADZIPFILE";
+            meaning = "not a zip archive or damaged";
+            break;
+        case UNZ_INTERNALERROR:
+            name = "UNZ_INTERNALERROR";
+            meaning = "internal error of minizip";
+            break;
+        case UNZ_CRCERROR:
+            name = "UNZ_CRCERROR";
+            meaning = "content does not match its CRC-32";
+            break;
+        case Z_STREAM_ERROR:
+            name = "Z_STREAM_ERROR";
+            meaning = "inconsistent deflate stream";
+            break;
+        case Z_DATA_ERROR:
+            name = "Z_DATA_ERROR";
+            meaning = "invalid or damaged deflate data";
+            break;
+        case Z_MEM_ERROR:
+            name = "Z_MEM_ERROR";
+            meaning = "out of memory while inflating";
+            break;
+        case Z_BUF_ERROR:
+            name = "Z_BUF_ERROR";
+            meaning = "deflate data ends early";
+            break;
+        default:
+            return formatText("%d (unknown minizip status)", status);
+    }
+    return formatText("%d (%s: %s)", status, name, meaning);
+}
+
 // Left out of every walk: what archivers of one desktop system add beside the real content.
 bool isSkipped(std::string_view name) {
     return name.starts_with("__MACOSX/") || name.ends_with(".DS_Store");
@@ -162,8 +221,8 @@ std::string typeProblem(const unz_file_info64& info, const std::string& name) {
 }
 
 // Whether the recorded sizes can be believed before a byte is allocated for the content.
-std::string sizeProblem(const unz_file_info64& info, const std::string& name,
-                        uint64_t archiveSize) {
+std::string sizeProblem(const unz_file_info64& info, const std::string& name, uint64_t archiveSize,
+                        uint32_t maxRatio) {
     const uint64_t compressed = info.compressed_size;
     const uint64_t size = info.uncompressed_size;
     if (compressed > archiveSize) {
@@ -183,6 +242,13 @@ std::string sizeProblem(const unz_file_info64& info, const std::string& name,
     } else {
         return formatText("Entry \"%s\" uses compression method %lu", name.c_str(),
                           static_cast<unsigned long>(info.compression_method));
+    }
+    if (info.compression_method == Z_DEFLATED && size > ZipFile::kRatioFreeSize &&
+        size > compressed * maxRatio) {
+        return formatText(
+            "Entry \"%s\" inflates %llu bytes from %llu compressed, a ratio above the limit of %u "
+            "(\"maxInflationRatio\")",
+            name.c_str(), ull(size), ull(compressed), maxRatio);
     }
     if (size > ZipFile::kMaxEntrySize) {
         return formatText("Entry \"%s\" declares %llu bytes, above the limit of %llu", name.c_str(),
@@ -238,7 +304,9 @@ ZipFile::ZipFile(ZipFile&& other) noexcept
     : source_(std::move(other.source_)),
       handle_(other.handle_),
       empty_(other.empty_),
-      archiveSize_(other.archiveSize_) {
+      archiveSize_(other.archiveSize_),
+      maxRatio_(other.maxRatio_),
+      declaredTotal_(other.declaredTotal_) {
     other.handle_ = nullptr;
     other.empty_ = false;
 }
@@ -250,6 +318,8 @@ ZipFile& ZipFile::operator=(ZipFile&& other) noexcept {
         handle_ = other.handle_;
         empty_ = other.empty_;
         archiveSize_ = other.archiveSize_;
+        maxRatio_ = other.maxRatio_;
+        declaredTotal_ = other.declaredTotal_;
         other.handle_ = nullptr;
         other.empty_ = false;
     }
@@ -272,10 +342,11 @@ ZipFile ZipFile::open(const Folder& source, std::string_view archive, Error& err
     zip.handle_ = archive.empty() ? nullptr : unzOpen2_64(name.c_str(), &table);
     zip.empty_ = zip.handle_ == nullptr && holdsNoEntries(archive);
     if (zip.handle_ == nullptr && !zip.empty_) {
-        error = zip.failure(formatText("Open zip file failed: %d", UNZ_BADZIPFILE));
+        error = zip.failure("Open zip file failed: " + statusText(UNZ_BADZIPFILE));
         return zip;
     }
     zip.archiveSize_ = archive.size();
+    zip.maxRatio_ = Settings::current()->maxInflationRatioValue();
     error.clear();
     return zip;
 }
@@ -303,7 +374,8 @@ bool ZipFile::readCurrent(const std::string& name, uint64_t size, std::string& c
         size == 0 ? 0 : unzReadCurrentFile(handle_, content.data(), static_cast<unsigned>(size));
     if (read < 0) {
         unzCloseCurrentFile(handle_);
-        error = failure(formatText("Read zip file \"%s\" failed: %d", name.c_str(), read));
+        error = failure(
+            formatText("Read zip file \"%s\" failed: %s", name.c_str(), statusText(read).c_str()));
         return false;
     }
     if (static_cast<uint64_t>(read) != size) {
@@ -315,7 +387,8 @@ bool ZipFile::readCurrent(const std::string& name, uint64_t size, std::string& c
     // Closing compares the CRC-32 of what was read with the recorded one.
     const int closed = unzCloseCurrentFile(handle_);
     if (closed != UNZ_OK) {
-        error = failure(formatText("Read zip file \"%s\" failed: %d", name.c_str(), closed));
+        error = failure(formatText("Read zip file \"%s\" failed: %s", name.c_str(),
+                                   statusText(closed).c_str()));
         return false;
     }
     return true;
@@ -342,28 +415,28 @@ bool ZipFile::hasEntry(const std::string& name) {
 std::string ZipFile::readEntry(const std::string& name, Error& error) {
     std::string content;
     if (empty_) {
-        error = failure(formatText("Open zip file failed: %d", UNZ_END_OF_LIST_OF_FILE));
+        error = failure("Open zip file failed: " + statusText(UNZ_END_OF_LIST_OF_FILE));
         return content;
     }
     if (handle_ == nullptr) {
-        error = failure(formatText("Open zip file failed: %d", UNZ_PARAMERROR));
+        error = failure("Open zip file failed: " + statusText(UNZ_PARAMERROR));
         return content;
     }
     int status = unzLocateFile(handle_, name.c_str(), 1);
     if (status == UNZ_OK) status = unzOpenCurrentFile(handle_);
     if (status != UNZ_OK) {
-        error = failure(formatText("Open zip file failed: %d", status));
+        error = failure("Open zip file failed: " + statusText(status));
         return content;
     }
     unz_file_info64 info;
     status = unzGetCurrentFileInfo64(handle_, &info, nullptr, 0, nullptr, 0, nullptr, 0);
     if (status != UNZ_OK) {
         unzCloseCurrentFile(handle_);
-        error = failure(formatText("Read zip file info: %d", status));
+        error = failure("Read zip file info: " + statusText(status));
         return content;
     }
     std::string problem = typeProblem(info, name);
-    if (problem.empty()) problem = sizeProblem(info, name, archiveSize_);
+    if (problem.empty()) problem = sizeProblem(info, name, archiveSize_, maxRatio_);
     if (!problem.empty()) {
         unzCloseCurrentFile(handle_);
         error = failure(problem);
@@ -387,10 +460,11 @@ bool ZipFile::isEmptyArchive() const {
 }
 
 bool ZipFile::checkEntries(Error& error) {
+    declaredTotal_ = 0;
     if (isEmptyArchive()) return true;
     int status = unzGoToFirstFile(handle_);
     if (status != UNZ_OK) {
-        error = failure(formatText("Enum first zip file failed: %d", status));
+        error = failure("Enum first zip file failed: " + statusText(status));
         return false;
     }
     std::unordered_set<std::string> seen;
@@ -399,14 +473,14 @@ bool ZipFile::checkEntries(Error& error) {
     for (;;) {
         status = currentInfo(handle_, info, name);
         if (status != UNZ_OK) {
-            error = failure(formatText("Read zip file info: %d", status));
+            error = failure("Read zip file info: " + statusText(status));
             return false;
         }
         // Skipped entries are never read nor written, so their names cannot do harm.
         if (!isSkipped(name)) {
             std::string problem = nameProblem(name);
             if (problem.empty()) problem = typeProblem(info, name);
-            if (problem.empty()) problem = sizeProblem(info, name, archiveSize_);
+            if (problem.empty()) problem = sizeProblem(info, name, archiveSize_, maxRatio_);
             // Names that differ only in separators land on one file.
             if (problem.empty() && !seen.insert(normalizePath(name)).second)
                 problem = formatText("Duplicate entry \"%s\"", name.c_str());
@@ -414,24 +488,24 @@ bool ZipFile::checkEntries(Error& error) {
                 error = failure(problem);
                 return false;
             }
+            declaredTotal_ += info.uncompressed_size;
         }
         status = unzGoToNextFile(handle_);
         if (status == UNZ_END_OF_LIST_OF_FILE) return true;
         if (status != UNZ_OK) {
-            error = failure(formatText("Enum next zip file failed: %d", status));
+            error = failure("Enum next zip file failed: " + statusText(status));
             return false;
         }
     }
 }
 
-bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
-    if (!callback) return false;
+bool ZipFile::walkEntries(const EntryVisit& visit, Error& error) {
     if (empty_) {
         error.clear();
         return true;
     }
     if (handle_ == nullptr) {
-        error = failure(formatText("Open zip file failed: %d", UNZ_PARAMERROR));
+        error = failure("Open zip file failed: " + statusText(UNZ_PARAMERROR));
         return false;
     }
     // The whole directory is checked first, so that a refused archive delivers nothing at all.
@@ -440,48 +514,174 @@ bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
     if (isEmptyArchive()) return true;
     int status = unzGoToFirstFile(handle_);
     if (status != UNZ_OK) {
-        error = failure(formatText("Enum first zip file failed: %d", status));
+        error = failure("Enum first zip file failed: " + statusText(status));
         return false;
     }
-    error.clear();
     unz_file_info64 info;
     std::string name;
     for (;;) {
         status = unzOpenCurrentFile(handle_);
         if (status != UNZ_OK) {
-            error = failure(formatText("Open zip file failed: %d", status));
+            error = failure("Open zip file failed: " + statusText(status));
             return false;
         }
         status = currentInfo(handle_, info, name);
         if (status != UNZ_OK) {
             unzCloseCurrentFile(handle_);
-            error = failure(formatText("Read zip file info: %d", status));
+            error = failure("Read zip file info: " + statusText(status));
             return false;
         }
         if (isSkipped(name)) {
             unzCloseCurrentFile(handle_);
         } else {
-            // The entry is closed (and its CRC checked) before the callback sees the content.
-            std::string content;
-            if (!readCurrent(name, info.uncompressed_size, content, error)) return false;
-            if (!callback(name, std::move(content))) return true;
+            bool go = true;
+            if (!visit(name, info.uncompressed_size, go, error)) return false;
+            if (!go) return true;
         }
         if (unzGoToNextFile(handle_) != UNZ_OK) return true;
     }
 }
 
+bool ZipFile::forEachEntry(const EntryCallback& callback, Error& error) {
+    if (!callback) return false;
+    return walkEntries(
+        [&](const std::string& name, uint64_t size, bool& go, Error& failed) {
+            // The entry is closed (and its CRC checked) before the callback sees the content.
+            std::string content;
+            if (!readCurrent(name, size, content, failed)) return false;
+            go = callback(name, std::move(content));
+            return true;
+        },
+        error);
+}
+
+bool ZipFile::declaredSize(uint64_t& total, Error& error) {
+    total = 0;
+    if (empty_) {
+        error.clear();
+        return true;
+    }
+    if (handle_ == nullptr) {
+        error = failure("Open zip file failed: " + statusText(UNZ_PARAMERROR));
+        return false;
+    }
+    if (!checkEntries(error)) return false;
+    error.clear();
+    total = declaredTotal_;
+    return true;
+}
+
+bool ZipFile::streamCurrent(const std::string& name, uint64_t size, const EntryStream& stream,
+                            bool& go, Error& error) {
+    go = true;
+    if (!stream.begin(name, size)) {
+        unzCloseCurrentFile(handle_);
+        go = false;
+        return true;
+    }
+    if (chunk_.size() != kChunkSize) chunk_.resize(kChunkSize);
+    uint64_t inflated = 0;
+    for (;;) {
+        const int read = unzReadCurrentFile(handle_, chunk_.data(), kChunkSize);
+        if (read < 0) {
+            unzCloseCurrentFile(handle_);
+            error = failure(formatText("Read zip file \"%s\" failed: %s", name.c_str(),
+                                       statusText(read).c_str()));
+            return false;
+        }
+        if (read == 0) break;
+        inflated += static_cast<uint64_t>(read);
+        // minizip stops at the recorded size; the count is checked all the same, since the
+        // record is what the budget was measured by.
+        if (inflated > size) {
+            unzCloseCurrentFile(handle_);
+            error = failure(formatText("Entry \"%s\" inflates past its recorded %llu bytes",
+                                       name.c_str(), ull(size)));
+            return false;
+        }
+        if (!stream.write(std::string_view(chunk_.data(), static_cast<size_t>(read)))) {
+            unzCloseCurrentFile(handle_);
+            go = false;
+            return true;
+        }
+    }
+    if (inflated != size) {
+        unzCloseCurrentFile(handle_);
+        error = failure(formatText("Read zip file \"%s\" failed: %llu of %llu bytes", name.c_str(),
+                                   ull(inflated), ull(size)));
+        return false;
+    }
+    // Closing compares the CRC-32 of what was read with the recorded one.
+    const int closed = unzCloseCurrentFile(handle_);
+    if (closed != UNZ_OK) {
+        error = failure(formatText("Read zip file \"%s\" failed: %s", name.c_str(),
+                                   statusText(closed).c_str()));
+        return false;
+    }
+    go = stream.end();
+    return true;
+}
+
+bool ZipFile::forEachEntryStreamed(const EntryStream& stream, Error& error) {
+    if (!stream.begin || !stream.write || !stream.end) return false;
+    return walkEntries([&](const std::string& name, uint64_t size, bool& go,
+                           Error& failed) { return streamCurrent(name, size, stream, go, failed); },
+                       error);
+}
+
 uint64_t ZipFile::extractTo(const Folder& target, Error& error) {
     uint64_t total = 0;
     Error writeError;
-    const bool walked = forEachEntry(
-        [&](const std::string& name, std::string content) {
-            total += content.size();
-            const Folder child = target.childOf(name);
-            child.ensureParent();
-            if (child.isDirectory()) return true;
-            return Folder::writeContent(child, content, writeError);
-        },
-        error);
+    Folder child;
+    bool directory = false;
+    uint64_t written = 0;
+    FILE* file = nullptr;
+    std::string gathered;  // for a target that is not on the disk, whose files are written whole
+    const bool toDisk = target.kind() == FolderKind::Disk;
+    const auto closeFile = [&]() -> int {
+        if (file == nullptr) return 0;
+        const int closed = std::fclose(file);
+        file = nullptr;
+        return closed != 0 ? errno : 0;
+    };
+    EntryStream stream;
+    stream.begin = [&](const std::string& name, uint64_t size) {
+        total += size;
+        child = target.childOf(name);
+        child.ensureParent();
+        directory = child.isDirectory();
+        written = 0;
+        gathered.clear();
+        // An empty file is refused at its end, by the write of nothing.
+        if (directory || size == 0 || !toDisk) return true;
+        const int opened = FileUtil::open(child.absolute(), "wb", &file);
+        if (opened != 0) writeError = Errors::fileWrite(child, opened);
+        return opened == 0;
+    };
+    stream.write = [&](std::string_view piece) {
+        if (directory) return true;
+        written += piece.size();
+        if (!toDisk) {
+            gathered.append(piece);
+            return true;
+        }
+        const int result = FileUtil::write(file, piece);
+        if (result != 0) writeError = Errors::fileWrite(child, result);
+        return result == 0;
+    };
+    stream.end = [&]() {
+        if (directory) return true;
+        if (written == 0 || !toDisk) return Folder::writeContent(child, gathered, writeError);
+        const int closed = closeFile();
+        if (closed != 0) writeError = Errors::fileWrite(child, closed);
+        return closed == 0;
+    };
+    const bool walked = forEachEntryStreamed(stream, error);
+    if (file != nullptr) {
+        // An entry that failed half way (its CRC, its count, a write) leaves no file behind.
+        closeFile();
+        FileUtil::remove(child.absolute());
+    }
     if (!walked || error) return 0;
     if (writeError) {
         error = std::move(writeError);

@@ -6,8 +6,11 @@
 // name that could leave the target folder (absolute, a ".." piece, a backslash, a NUL byte), a
 // symbolic link or other special file, an encrypted entry, a name given twice, and a recorded
 // size that the compressed bytes cannot produce or that passes kMaxEntrySize are refused with
-// 2207, and no entry of such an archive reaches a callback. Content is never inflated past its
-// recorded size, and its CRC-32 is checked before it is handed on.
+// 2207, and no entry of such an archive reaches a callback. So is a deflated entry above
+// kRatioFreeSize whose recorded size passes the setting "maxInflationRatio" times its compressed
+// size: a bomb is refused before a byte of it is inflated. Content is never inflated past its
+// recorded size, and its CRC-32 is checked before it is handed on (whole), or before the end of
+// its stream is (in pieces).
 #pragma once
 
 #include <cstdint>
@@ -53,6 +56,21 @@ class ZipFile {
     // recorded size above that, plus kDeflateSlack for the stream's own framing, is a lie.
     static constexpr uint64_t kMaxDeflateRatio = 1032;
     static constexpr uint64_t kDeflateSlack = 1024;
+    // Entries that declare at most this many bytes are exempt from "maxInflationRatio": a small
+    // file of one repeated byte passes any ratio and does no harm.
+    static constexpr uint64_t kRatioFreeSize = 1u << 20;
+    // Streamed content comes in pieces of at most this many bytes.
+    static constexpr size_t kChunkSize = 64u << 10;
+
+    // Receives entries in pieces, so that no entry is ever whole in memory.
+    struct EntryStream {
+        // An entry begins, with its recorded size; false ends the walk.
+        std::function<bool(const std::string& name, uint64_t size)> begin;
+        // The next piece of its content; false ends the walk.
+        std::function<bool(std::string_view piece)> write;
+        // Every byte came, exactly the recorded size, and the CRC-32 matched; false ends the walk.
+        std::function<bool()> end;
+    };
 
     // A closed archive; every operation on it fails with 2207.
     ZipFile() = default;
@@ -85,16 +103,35 @@ class ZipFile {
     // callback (nothing else done), or with `error` set (2207) when an entry is refused or fails
     // to read; true when the walk ended, at the end of the list or by the callback's false.
     bool forEachEntry(const EntryCallback& callback, Error& error);
-    // Writes every entry below `target`: directories are made, files written after their parent
-    // directory is made. Returns the total of the content lengths (directories count 0), or 0
-    // with `error` set: 2207 for the archive, or the write's own error (an empty file entry is
-    // such an error: a file is never written empty). What was written before a failure stays;
-    // the caller discards the target.
+    // As forEachEntry, but each entry's content comes in pieces of at most kChunkSize bytes. An
+    // entry that inflates to more or fewer bytes than it records, or whose CRC-32 differs, ends
+    // the walk with 2207 before `end`; the caller discards what it wrote of it. All three
+    // callables must be set.
+    bool forEachEntryStreamed(const EntryStream& stream, Error& error);
+    // The total that the entries walked (skipped ones aside) record they inflate to, after every
+    // entry has been checked as forEachEntry checks them; false with `error` set (2207).
+    bool declaredSize(uint64_t& total, Error& error);
+    // Writes every entry below `target`, streamed to the disk in pieces: directories are made,
+    // files written after their parent directory is made. Returns the total of the content lengths
+    // (directories count 0), or 0 with `error` set: 2207 for the archive, or the write's own error
+    // (an empty file entry is such an error: a file is never written empty). What was written
+    // before a failure stays; the caller discards the target.
     uint64_t extractTo(const Folder& target, Error& error);
 
   private:
+    // Called with each entry that a walk delivers, opened: reads or streams it and closes it.
+    // False with `error` set ends the walk as failed; `go` false ends it as done.
+    using EntryVisit =
+        std::function<bool(const std::string& name, uint64_t size, bool& go, Error& error)>;
+    // The walk that forEachEntry and forEachEntryStreamed share: checks every entry first, then
+    // visits each in the archive's order, the skipped ones aside.
+    bool walkEntries(const EntryVisit& visit, Error& error);
     // Reads the open entry whole and closes it: false with `error` set on any failure.
     bool readCurrent(const std::string& name, uint64_t size, std::string& content, Error& error);
+    // Streams the open entry to `stream` and closes it: false with `error` set on a failure of
+    // the archive; `go` false when one of the stream's callables ended the walk.
+    bool streamCurrent(const std::string& name, uint64_t size, const EntryStream& stream, bool& go,
+                       Error& error);
     // Walks the whole central directory and refuses the archive if any delivered entry is unsafe.
     bool checkEntries(Error& error);
     // An archive with no entries at all: valid, and walked as nothing.
@@ -107,6 +144,9 @@ class ZipFile {
     void* handle_ = nullptr;  // the minizip handle; closed by the destructor
     bool empty_ = false;      // an archive of no entries, which minizip cannot open
     uint64_t archiveSize_ = 0;
+    uint32_t maxRatio_ = 0;       // "maxInflationRatio" when the archive was opened
+    uint64_t declaredTotal_ = 0;  // what the last full check found the entries record
+    std::string chunk_;           // the buffer of streamed reads
 };
 
 }  // namespace FerritCore

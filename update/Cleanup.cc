@@ -12,6 +12,7 @@
 #include "base/Folder.h"
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
+#include "base/StorageState.h"
 #include "base/Telemetry.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -23,6 +24,7 @@
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
 #include "storage/Statistics.h"
+#include "storage/Store.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -283,6 +285,8 @@ void Cleanup::setBusyPacks(std::function<bool(std::string_view rootName)> busy) 
 }
 
 void Cleanup::regularRun() {
+    // Cleanup deletes and compacts: it waits, as updating does, until writing works again.
+    if (!Store::resumeWriting()) return;
     static_cast<void>(runCleanup(kCleanupRegular));
     Cache::instance().sync();
     ConfigStore::instance().compact();
@@ -339,6 +343,7 @@ CleanupPlan Cleanup::plan(const FConfig& config, uint64_t ferritLimit, uint64_t 
 std::vector<PackPtr> Cleanup::runCleanup(uint32_t trigger) {
     const std::shared_ptr<const Settings> settings = Settings::current();
     if (!settings->cleanupEnabledValue()) return {};
+    if (!StorageState::writable()) return {};
     const double now = MRLCurrentTime();
     const std::shared_ptr<RepeatingTimer> repeating = timer();
     const double lastRun = repeating ? repeating->lastRunTime() : 0.0;
@@ -409,9 +414,30 @@ std::vector<std::string> Cleanup::recover() {
 
 void Cleanup::recoverLeftovers() {
     if (!Environment::instance().isMainProcess()) return;
+    // Nothing is removed from a root that cannot be written: what is there keeps serving.
+    if (!StorageState::writable()) return;
     const FConfigPtr config = SCache::current();
     if (config->packs.empty()) return;
     recoverWith(*config);
+}
+
+uint64_t Cleanup::roomFor(const Pack& pack, int updateTrigger, uint64_t& limit,
+                          const char*& limitName) {
+    const bool app = isACache(pack);
+    const std::shared_ptr<const Settings> settings = Settings::current();
+    limit = app ? acacheSizeLimit(*settings) : ferritSizeLimit(*settings);
+    limitName = app ? "acacheSizeLimit" : "ferritSizeLimit";
+    if (updateTrigger == kTriggerPreview || updateTrigger == kTriggerDebugTool || isLongTerm(pack))
+        return limit;
+    fillPackSizes();
+    uint64_t total = 0;
+    const FConfigPtr config = SCache::current();
+    for (const auto& [name, other] : config->packs) {
+        if (name == pack.name) continue;
+        if (other->isInstalled() && !isLongTerm(*other) && isACache(*other) == app)
+            total += other->installedSize;
+    }
+    return total >= limit ? 0 : limit - total;
 }
 
 bool Cleanup::mayInstall(const Pack& pack, int updateTrigger) {

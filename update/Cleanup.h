@@ -99,6 +99,13 @@ class Cleanup {
     // The gate before a pack is downloaded: whether it may take room. Over the limit, a read that
     // waits for the pack (a "Visit" or "VisitUpdate") makes room by a cleanup and passes.
     static bool mayInstall(const Pack& pack, int updateTrigger);
+    // The bytes that a new version of `pack` may take on the disk: its class's limit less what
+    // the other installed packs of the class take (never below 0). The version it replaces does
+    // not count, nor do packs never evicted. A pack never evicted, and the triggers that
+    // mayInstall lets through whatever the total ("Preview", "DebugTool"), get the whole limit.
+    // `limit` receives the class's limit and `limitName` the setting it comes from.
+    static uint64_t roomFor(const Pack& pack, int updateTrigger, uint64_t& limit,
+                            const char*& limitName);
     // Measures every installed pack whose size is unknown and stores the sizes in one update.
     static void fillPackSizes();
 

@@ -40,6 +40,85 @@ PackInstaller::PackInstaller(Folder target, Folder work)
     writeRoot_ = isPacked() ? target_ : work_.childOf(kStagingName);
 }
 
+PackInstaller::~PackInstaller() {
+    abandonFile();
+}
+
+bool PackInstaller::beginFile(const std::string& path, Error& error) {
+    abandonFile();
+    streamPath_ = path;
+    streaming_ = true;
+    streamBytes_.clear();
+    error.clear();
+    if (isPacked()) return true;
+    const Folder file = writeRoot_.childOf(path);
+    if (!ensureParents(file, error)) {
+        streaming_ = false;
+        return false;
+    }
+    // Created at once: a file that the list vouches for as empty gets no piece.
+    const int result = FileUtil::open(file.absolute(), "wb", &streamFile_);
+    if (result != 0) {
+        streaming_ = false;
+        error = Errors::fileWrite(file, result);
+        return false;
+    }
+    return true;
+}
+
+bool PackInstaller::appendFile(std::string_view piece, Error& error) {
+    error.clear();
+    if (!streaming_ || piece.empty()) return streaming_;
+    if (isPacked()) {
+        streamBytes_.append(piece);
+        return true;
+    }
+    const int result = FileUtil::write(streamFile_, piece);
+    if (result != 0) {
+        error = Errors::fileWrite(writeRoot_.childOf(streamPath_), result);
+        abandonFile();
+        return false;
+    }
+    return true;
+}
+
+bool PackInstaller::endFile(Error& error) {
+    if (!streaming_) {
+        error = Errors::fileWrite(writeRoot_.childOf(streamPath_), EBADF);
+        return false;
+    }
+    streaming_ = false;
+    if (isPacked()) {
+        std::string content = std::move(streamBytes_);
+        streamBytes_.clear();
+        return writeFile(streamPath_, content, error);
+    }
+    FILE* file = streamFile_;
+    streamFile_ = nullptr;
+    if (std::fclose(file) != 0) {
+        const int result = errno;
+        const Folder failed = writeRoot_.childOf(streamPath_);
+        FileUtil::remove(failed.absolute());
+        error = Errors::fileWrite(failed, result);
+        return false;
+    }
+    written_.insert(streamPath_);
+    error.clear();
+    return true;
+}
+
+void PackInstaller::abandonFile() {
+    if (!streaming_) return;
+    streaming_ = false;
+    streamBytes_.clear();
+    streamBytes_.shrink_to_fit();
+    if (streamFile_ != nullptr) {
+        std::fclose(streamFile_);
+        streamFile_ = nullptr;
+        FileUtil::remove(writeRoot_.childOf(streamPath_).absolute());
+    }
+}
+
 void PackInstaller::begin() {
     written_.clear();
     linked_.clear();
@@ -106,7 +185,7 @@ bool PackInstaller::flush(Error& error) {
     if (batch_.empty()) return true;
     std::shared_ptr<PackedFiles> store = PackedFiles::current();
     if (!store) {
-        error = Errors::initStorageFailed("packs", -1);
+        error = Errors::packedStoreNotOpen();
         return false;
     }
     const bool stored = store->putAll(batch_, error);
@@ -126,7 +205,7 @@ bool PackInstaller::copyKept(const Folder& from, const std::vector<std::string>&
         if (!flush(error)) return false;
         std::shared_ptr<PackedFiles> store = PackedFiles::current();
         if (!store) {
-            error = Errors::initStorageFailed("packs", -1);
+            error = Errors::packedStoreNotOpen();
             return false;
         }
         std::unordered_set<std::string> keep;

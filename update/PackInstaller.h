@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -38,6 +39,9 @@ class PackInstaller {
     // `target` is the new version's folder (a Disk or Packed directory); `work` the run's own Disk
     // directory under "temp/", inside which a Disk version is staged as "new/".
     PackInstaller(Folder target, Folder work);
+    ~PackInstaller();
+    PackInstaller(const PackInstaller&) = delete;
+    PackInstaller& operator=(const PackInstaller&) = delete;
 
     // Empties what the version is written to: the staging folder, or the target's range of the
     // packed store.
@@ -57,6 +61,14 @@ class PackInstaller {
     // store's error).
     bool makeDirectory(const std::string& path, Error& error);
     bool writeFile(const std::string& path, std::string_view content, Error& error);
+    // A file in pieces, so that a large one is never whole in memory: beginFile, appendFile for
+    // each piece, endFile. A Disk file is written as the pieces come; a file of the packed store,
+    // whose value is one row, is gathered and written at its end. A file given up half way
+    // (abandonFile, or the installer's end) is removed. Same errors as writeFile.
+    bool beginFile(const std::string& path, Error& error);
+    bool appendFile(std::string_view piece, Error& error);
+    bool endFile(Error& error);
+    void abandonFile();
     // Whether this run has written `path`.
     bool wrote(const std::string& path) const { return written_.count(path) != 0; }
 
@@ -94,6 +106,12 @@ class PackInstaller {
     // Files of the packed store waiting for their batch: key, content.
     std::vector<std::pair<std::string, std::string>> batch_;
     size_t batchBytes_ = 0;
+    // The file being streamed: its path relative to the version folder, and its open stream
+    // (Disk) or the bytes gathered so far (packed store).
+    std::string streamPath_;
+    FILE* streamFile_ = nullptr;
+    std::string streamBytes_;
+    bool streaming_ = false;
 };
 
 }  // namespace FerritCore

@@ -5,6 +5,7 @@
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/LogTags.h"
+#include "base/StorageState.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "model/BuiltinConfig.h"
@@ -14,6 +15,7 @@
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
+#include "storage/Store.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -74,6 +76,17 @@ void UpdateConfig::update(int trigger, const std::string& version) {
         // Once pushes arrive, the periodic check falls back to the slower pace.
         if (trigger == kTriggerPush && timer_)
             timer_->setInterval(Settings::current()->configBackupUpdateIntervalValue());
+    }
+    // Another process on the root may have fetched a newer document already.
+    SCache::refresh();
+    // Each trigger is also the moment to notice that writing works again. While it does not,
+    // the check waits: what it fetched could not be kept.
+    if (!Store::resumeWriting()) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kUpdateConfig)
+            .event("paused")
+            .append("trigger", triggerName(trigger))
+            .append("storage", StorageState::describe());
+        return;
     }
     const std::string url = checkDue(trigger, version);
     if (url.empty()) return;
@@ -217,13 +230,15 @@ void UpdateConfig::loadAtStart() {
     const double start = MRLCurrentClock();
     Error error;
     std::shared_ptr<FConfig> document;
+    // Taken before the text, so that what another process commits from here on is reloaded.
+    const uint64_t loadedAt = SCache::storedVersion();
     const std::string text = PacksStore::instance().readConfig(error);
     if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
     if (!document) document = std::make_shared<FConfig>();
     if (Errors::isFileMissing(error)) error.clear();  // nothing stored yet is not a fault
     // A failed load logs itself; the document then goes on without built-in packs.
     static_cast<void>(BuiltinConfig::load(*document));
-    SCache::publish(document);
+    SCache::publish(document, loadedAt);
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kLoad);
     log.event("fconfig", Environment::instance().sessionName())
         .append("scacheVersion", document->scacheVersion);

@@ -518,6 +518,9 @@ void UpdatePack::start() {
         tellListeners();
         return;
     }
+    // A task may wait in the queue while another process on the root installs the same pack:
+    // what that one installed makes this one up to date.
+    SCache::refresh();
     evaluate();
     if (state_ != UpdateState::NeedUpdate) {
         tellListeners();
@@ -563,28 +566,14 @@ void UpdatePack::requestConfig() {
         .append("url", url_);
     awaiting_ = Awaiting::Config;
     std::shared_ptr<UpdatePack> self = shared_from_this();
-    watchAnswer(++request_);
     Network::requestConfig(url_, runId_, [self](std::string body, Error error) {
         self->onConfig(std::move(body), std::move(error));
     });
 }
 
-void UpdatePack::watchAnswer(int stage) {
-    std::weak_ptr<UpdatePack> weak = shared_from_this();
-    deadline_ = TaskRunner::post(
-        [weak, stage] {
-            std::shared_ptr<UpdatePack> self = weak.lock();
-            if (!self || self->request_ != stage || self->awaiting_ == Awaiting::Nothing) return;
-            self->awaiting_ = Awaiting::Nothing;
-            self->fail(Errors::requestFailed(self->url_, ETIMEDOUT, "no answer"));
-        },
-        kAnswerDeadlineMs);
-}
-
 void UpdatePack::onConfig(std::string body, Error error) {
     if (awaiting_ != Awaiting::Config) return;  // a second answer
     awaiting_ = Awaiting::Nothing;
-    TaskRunner::cancel(deadline_);
     if (error) {
         fail(std::move(error));
         return;
@@ -689,7 +678,6 @@ void UpdatePack::requestResource() {
     zipFile_ = tempFolder_.childOf(kDownloadName);
     awaiting_ = Awaiting::Zip;
     std::shared_ptr<UpdatePack> self = shared_from_this();
-    watchAnswer(++request_);
     Network::requestPack(url_, zipFile_, runId_, 0, [self](uint64_t length, Error error) {
         self->onZip(length, std::move(error));
     });
@@ -698,7 +686,6 @@ void UpdatePack::requestResource() {
 void UpdatePack::onZip(uint64_t expectedSize, Error error) {
     if (awaiting_ != Awaiting::Zip) return;  // a second answer
     awaiting_ = Awaiting::Nothing;
-    TaskRunner::cancel(deadline_);
     perf_.stage("fileLoaded");
     const uint64_t size = zipFile_.diskSize();
     perf_.setMeasure("fileSize", static_cast<double>(size));
@@ -720,11 +707,35 @@ void UpdatePack::onZip(uint64_t expectedSize, Error error) {
 
 // ---- Install ----------------------------------------------------------------------------------
 
+Error UpdatePack::roomError(ZipFile& zip) const {
+    uint64_t declared = 0;
+    Error error;
+    if (!zip.declaredSize(declared, error)) return error;
+    uint64_t limit = 0;
+    const char* limitName = "";
+    const uint64_t room = Cleanup::roomFor(*pack_, trigger_, limit, limitName);
+    if (declared <= room) return Error();
+    char cause[256];
+    std::snprintf(cause, sizeof(cause),
+                  "\"%s\" inflates to %" PRIu64 " bytes, above the %" PRIu64
+                  " bytes left of its budget of %" PRIu64 " (\"%s\")",
+                  name_.c_str(), declared, room, limit, limitName);
+    return Errors::tooManyApps(cause);
+}
+
 void UpdatePack::installRaw() {
     PackInstaller installer(newVersionFolder(), tempFolder_);
     installer.begin();
     Error error;
-    installedSize_ = ZipFile::unpackFile(zipFile_, installer.writeRoot().childOf("res/"), error);
+    const std::string data = Folder::readFile(zipFile_, error);
+    ZipFile zip;
+    if (!error) zip = ZipFile::open(zipFile_, data, error);
+    if (!error) error = roomError(zip);
+    if (error) {
+        fail(std::move(error));
+        return;
+    }
+    installedSize_ = zip.extractTo(installer.writeRoot().childOf("res/"), error);
     perf_.stage("unzipped");
     perf_.setMeasure("resSize", static_cast<double>(installedSize_));
     if (error || !installer.publish(error)) {
@@ -786,6 +797,13 @@ void UpdatePack::install() {
         return;
     }
 
+    // Nothing is written for a zip that would not fit: what its entries record is checked
+    // against the room the budget leaves, before the first byte goes to the disk.
+    if (Error tooLarge = roomError(zip)) {
+        fail(std::move(tooLarge));
+        return;
+    }
+
     // 4. The new version's folder.
     const Folder oldFolder = pack_->installedFolder();
     PackInstaller installer(newVersionFolder(), tempFolder_);
@@ -794,29 +812,65 @@ void UpdatePack::install() {
     isPacks_ = installer.isPacked();
     installedSize_ = 0;
 
-    // 5. Every entry, checked against the list before it is written.
+    // 5. Every entry, streamed to its file in pieces and checked against the list as it goes; a
+    // file whose bytes do not match is given up before the version could be published.
     Error entryError;
-    const bool walked = zip.forEachEntry(
-        [&](const std::string& entry, std::string content) {
-            if (entry.ends_with('/')) return installer.makeDirectory(entry, entryError);
-            if (entry == kInfoEntry) return true;
-            installedSize_ += content.size();
-            if (entry == kIndexEntry) {
-                return installer.writeFile(
-                    std::string(incremental_ ? kIncrementIndexFileName : kIndexFileName), content,
-                    entryError);
-            }
-            const Folder inZip = zipFile_.childOf(entry);
-            std::shared_ptr<const ResourceRecord> record = index.find(entry);
-            if (!record || record->path != entry) {
-                entryError = Errors::preloadNotFound(inZip);
+    std::shared_ptr<const ResourceRecord> record;
+    Folder inZip;
+    bool skip = false;
+    uint64_t length = 0;
+    Digest::Md5 md5;
+    ZipFile::EntryStream stream;
+    stream.begin = [&](const std::string& entry, uint64_t size) {
+        record.reset();
+        skip = entry == kInfoEntry;
+        length = 0;
+        if (entry.ends_with('/')) {
+            skip = true;
+            return installer.makeDirectory(entry, entryError);
+        }
+        if (skip) return true;
+        installedSize_ += size;
+        if (entry == kIndexEntry) {
+            return installer.beginFile(
+                std::string(incremental_ ? kIncrementIndexFileName : kIndexFileName), entryError);
+        }
+        inZip = zipFile_.childOf(entry);
+        record = index.find(entry);
+        if (!record || record->path != entry) {
+            entryError = Errors::preloadNotFound(inZip);
+            return false;
+        }
+        // The recorded size is judged, as the content will be, before a byte is inflated.
+        if (size == 0 && !record->isEmptyFile()) {
+            entryError = Errors::fileNoData(inZip);
+            return false;
+        }
+        if (!record->fits(size)) {
+            entryError = Errors::fileVerifySize(inZip, size, record->size);
+            return false;
+        }
+        return installer.beginFile(entry, entryError);
+    };
+    stream.write = [&](std::string_view piece) {
+        if (skip) return true;
+        length += piece.size();
+        if (record) md5.update(piece);
+        return installer.appendFile(piece, entryError);
+    };
+    stream.end = [&]() {
+        if (skip) return true;
+        if (record) {
+            entryError = record->checkDigest(inZip, length, md5.finishHex());
+            if (entryError) {
+                installer.abandonFile();
                 return false;
             }
-            entryError = record->check(inZip, content);
-            if (entryError) return false;
-            return installer.writeFile(entry, content, entryError);
-        },
-        error);
+        }
+        return installer.endFile(entryError);
+    };
+    const bool walked = zip.forEachEntryStreamed(stream, error);
+    installer.abandonFile();
     // 6.
     perf_.stage("unzipped");
     perf_.setMeasure("resSize", static_cast<double>(installedSize_));

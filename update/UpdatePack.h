@@ -39,6 +39,8 @@
 
 namespace FerritCore {
 
+class ZipFile;
+
 class PackInstaller;
 class ResourceIndex;
 
@@ -80,9 +82,6 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     static constexpr uint32_t kDefaultRequestPriority = 0;
     // The access score above which a pack counts as hot: ln 2, the credit of a first install.
     static constexpr double kHotScore = 0.6931471805599453;
-    // A request that the host has not answered this long after it was sent (its own timeout of
-    // 20 seconds and a margin) ends the task with 1003, so that the next trigger can run.
-    static constexpr double kAnswerDeadlineMs = 30000.0;
     // Milliseconds after the swap at which a replaced version's folder is deleted: a read that
     // took the old resource list just before the swap finishes on the old files.
     static constexpr double kRetiredFolderDelayMs = 1000.0;
@@ -200,8 +199,8 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // the listeners.
     void finished();
     void fail(Error error);
-    // Ends the run with 1003 unless the answer to `stage` came within kAnswerDeadlineMs.
-    void watchAnswer(int stage);
+    // 2103 when what the zip's entries record passes the room its pack's budget leaves.
+    Error roomError(ZipFile& zip) const;
     void tellListeners();
     // The folder that the new version is written to: "apps/<root>/<seq>/" for an app, the
     // packed store's "<root>/<seq>/" for the rest.
@@ -236,13 +235,10 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // An increment was refused: this run fetches the full zip.
     bool fullOnly_ = false;
     uint32_t payloadKind_ = 0;
-    // What the run waits for; an answer for another stage (a proxy that answers twice) is dropped.
+    // What the run waits for; an answer for another stage is dropped. A request the host does not
+    // answer is ended by its deadline in Network, which makes the answer an error.
     enum class Awaiting { Nothing, Config, Zip };
     Awaiting awaiting_ = Awaiting::Nothing;
-    // Numbers the requests of the run, so that a deadline ends only the request it watches.
-    int request_ = 0;
-    // The task that ends the run when the answer does not come; 0 when none waits.
-    uint64_t deadline_ = 0;
     // The outcome of the publishing commit, which the deletion of the replaced folder waits on.
     std::shared_ptr<CommitOutcome> commit_;
     // The replaced version's folder, deleted kRetiredFolderDelayMs after the swap.

@@ -14,6 +14,7 @@
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "base/Proxy.h"
+#include "base/StorageState.h"
 #include "base/Telemetry.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
@@ -21,7 +22,9 @@
 #include "model/SCache.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "storage/PacksStore.h"
 #include "storage/Statistics.h"
+#include "storage/Store.h"
 #include "storage/Variants.h"
 #include "support/Mutex.h"
 
@@ -317,9 +320,18 @@ void UpdateQueue::start(int trigger) {
             .error(Errors::subProcessUpdateDisabled());
         return;
     }
+    if (!Store::resumeWriting()) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kQueue)
+            .event("paused")
+            .append("trigger", triggerName(trigger))
+            .append("storage", StorageState::describe());
+        return;
+    }
     const auto settings = Settings::current();
     const size_t limit = trigger == kTriggerStartup ? settings->startupDownloadLimitValue()
                                                     : settings->downloadLimitValue();
+    // Decided on what is stored, so that nothing another process installed is fetched again.
+    SCache::refresh();
     const FConfigPtr config = SCache::current();
     const std::shared_ptr<UpdatePackFactory> factory = currentFactory();
     std::vector<UpdatePackPtr> kept;
@@ -345,6 +357,19 @@ void UpdateQueue::start(int trigger) {
 
 void UpdateQueue::add(UpdatePackPtr task, Listener listener) {
     if (!task) return;
+    // A request is a trigger too: it resumes writing when it works again, and otherwise is
+    // refused with the reason, since an install could not be kept.
+    if (!Store::resumeWriting()) {
+        const Error error =
+            Errors::storageWritePaused(PacksStore::kName, task->name(), StorageState::describe());
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kQueue)
+            .event("paused")
+            .append("name", task->name())
+            .append("trigger", triggerName(task->trigger()))
+            .error(error);
+        if (listener) listener(error);
+        return;
+    }
     if (task->state() != UpdateState::NeedUpdate) {
         logNotRunnable(*task);
         if (listener) listener(task->error());
@@ -378,6 +403,7 @@ void UpdateQueue::request(const std::string& name, int trigger, Listener listene
         if (listener) listener(error);
         return;
     }
+    SCache::refresh();
     UpdatePackPtr task = makeTask(*currentFactory(), name, trigger);
     add(std::move(task), std::move(listener));
 }

@@ -56,6 +56,15 @@ napi_value decodeError(napi_env env, napi_callback_info info) {
     return object;
 }
 
+// (response) -> {code, message}: whether its status counts as an HTTP status
+napi_value checkStatus(napi_env env, napi_callback_info info) {
+    const Error error = checkProxyStatus(env, NAPI::firstArg(env, info));
+    napi_value object = newObject(env);
+    set(env, object, "code", NAPI::toInt32(env, error.code()));
+    set(env, object, "message", NAPI::toString(env, error.message()));
+    return object;
+}
+
 // (request) -> {url, referrer, parentId, type, packName, packVersion, header}
 napi_value decodeResourceRequest(napi_env env, napi_callback_info info) {
     const ResourceRequest request = decodeRequest(env, NAPI::firstArg(env, info));
@@ -101,6 +110,7 @@ napi_value Init(napi_env env, napi_value exports) {
     const napi_property_descriptor functions[] = {
         NAPI::method("decodeProxyResponse", decodeResponse),
         NAPI::method("decodeProxyError", decodeError),
+        NAPI::method("checkProxyStatus", checkStatus),
         NAPI::method("decodeRequest", decodeResourceRequest),
         NAPI::method("decodePackRequest", decodePack),
         NAPI::method("keepPosting", keepPosting),

@@ -188,6 +188,35 @@ TEST_F(AggregateRequestTest, FailedRequestGivesItsError) {
     EXPECT_EQ(sendAndWait(batch).error.code(), 1003);
 }
 
+TEST_F(AggregateRequestTest, BatchThatNeverAnswersEndsAtItsDeadlineOnce) {
+    AggregateRequest batch(rule(), "trace");
+    batch.add(host() + "/a.js");
+    batch.add(host() + "/b.js");
+    FakeProxy::Answer late = answerOf("a" + std::string(AggregateRequest::kSeparator) + "b" +
+                                      std::string(AggregateRequest::kSeparator) + "guard");
+    late.hold = true;
+    proxy_->serve(batch.requestUrl(origin()), late);
+    Answer answer;
+    batch.send(origin(), [&](HeaderMap, Pieces pieces, Error error) {
+        ++answer.calls;
+        answer.pieces = std::move(pieces);
+        answer.error = std::move(error);
+    });
+    TaskRunner::runDue();
+    EXPECT_EQ(answer.calls, 0);
+    clock_->advance(Settings::current()->resourceRequestDeadlineValue());
+    TaskRunner::runDue();
+    ASSERT_EQ(answer.calls, 1);
+    EXPECT_EQ(answer.error.code(), 1003);
+    EXPECT_NE(answer.error.message().find("no answer within 30 s"), std::string::npos)
+        << answer.error.message();
+    EXPECT_TRUE(answer.pieces.empty());
+    // The answer comes at last: the batch has been told already.
+    EXPECT_EQ(proxy_->release(), 1u);
+    TaskRunner::runDue();
+    EXPECT_EQ(answer.calls, 1);
+}
+
 TEST_F(AggregateRequestTest, SendWithoutCallbackRequestsNothing) {
     AggregateRequest batch(rule(), "trace");
     batch.add(host() + "/a.js");

@@ -3,9 +3,12 @@
 // backup copies; and what bad input in a pack gives.
 #include <gtest/gtest.h>
 
+#include <list>
+
 #include "access/PackPart.h"
 #include "access/ReadGroup.h"
 #include "access/Resource.h"
+#include "access/ResponseMemory.h"
 #include "base/Digest.h"
 #include "base/Errors.h"
 #include "base/Url.h"
@@ -395,6 +398,81 @@ TEST_F(GroupFlowTest, GroupOfDiskAndOnDemandPartsDeliversBothInOrder) {
     EXPECT_EQ(resource->group->type, "async");
 }
 
+// --- Reading into the receiver's memory ---------------------------------------------------------
+
+// Memory of a receiver that keeps the bytes itself: records what it gave, or gives nothing.
+class FakeMemory : public ResponseMemory {
+  public:
+    explicit FakeMemory(bool gives = true) : gives_(gives) {}
+    char* allocate(size_t size) override {
+        sizes.push_back(size);
+        if (!gives_) return nullptr;
+        blocks.emplace_back(size, '\0');
+        return blocks.back().data();
+    }
+    std::vector<size_t> sizes;
+    std::list<std::string> blocks;
+
+  private:
+    bool gives_;
+};
+
+TEST_F(ReadFlowTest, HitIsReadIntoTheReceiversMemoryAndNotIntoTheResponse) {
+    installApp(tableOf({{"res/app.js", "https://h.com/app/app.js", kScript}}));
+    writeFile("apps/app/3/res/app.js", kScript);
+    FakeMemory memory;
+    auto response = getResourceInto(ResourceRequest("https://h.com/app/app.js", ""), memory);
+    ASSERT_FALSE(response->error) << response->error.message();
+    ASSERT_TRUE(memory.filled());
+    EXPECT_EQ(std::string(memory.filledData(), memory.filledSize()), kScript);
+    EXPECT_EQ(memory.filledData(), memory.blocks.back().data());
+    EXPECT_TRUE(response->data.empty());
+    EXPECT_EQ(response->md5, Digest::md5Hex(kScript));
+    EXPECT_EQ(response->header.at("X-Ferrit-Info"), "F:app@3,0");
+    const auto entry = logs_->last("read", "Ferrit/Access");
+    EXPECT_EQ(entry.field("size").uint64Value(), kScript.size());
+    EXPECT_EQ(entry.field("crc").uint64Value(), Digest::crc32(kScript));
+}
+
+TEST_F(ReadFlowTest, HitGoesToTheResponseWhenTheReceiverGivesNoMemory) {
+    installApp(tableOf({{"res/app.js", "https://h.com/app/app.js", kScript}}));
+    writeFile("apps/app/3/res/app.js", kScript);
+    FakeMemory memory(false);
+    auto response = getResourceInto(ResourceRequest("https://h.com/app/app.js", ""), memory);
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(memory.sizes, std::vector<size_t>{kScript.size()});
+    EXPECT_FALSE(memory.filled());
+    EXPECT_EQ(response->data, kScript);
+}
+
+// A file whose size its signed list refuses takes no memory and fails as it always did.
+TEST_F(ReadFlowTest, FileOfAnotherSizeThanItsListTakesNoMemoryAndFails) {
+    JSON table = tableOf({{"res/app.js", "https://h.com/app/app.js", kScript}});
+    JSON entry = *table.objectValue().find("res/app.js");
+    entry.set("size", static_cast<uint64_t>(kScript.size()));
+    table.set("res/app.js", entry);
+    installApp(table);
+    writeFile("apps/app/3/res/app.js", kScript + "// appended");
+    FakeMemory memory;
+    auto response = getResourceInto(ResourceRequest("https://h.com/app/app.js", ""), memory);
+    EXPECT_TRUE(Errors::isPackFileNotFound(response->error)) << response->error.message();
+    EXPECT_TRUE(memory.sizes.empty());
+    EXPECT_FALSE(memory.filled());
+    EXPECT_TRUE(response->data.empty());
+}
+
+TEST_F(ReadFlowTest, EmptyFileAndMissesTakeNoMemory) {
+    installApp(tableOf({{"res/empty.js", "https://h.com/app/empty.js", ""}}));
+    writeFile("apps/app/3/res/empty.js", "");
+    FakeMemory memory;
+    auto empty = getResourceInto(ResourceRequest("https://h.com/app/empty.js", ""), memory);
+    EXPECT_FALSE(empty->error) << empty->error.message();
+    auto miss = getResourceInto(ResourceRequest("https://nobody.com/x.js", ""), memory);
+    EXPECT_TRUE(Errors::isNotFerritResource(miss->error)) << miss->error.message();
+    EXPECT_TRUE(memory.sizes.empty());
+    EXPECT_FALSE(memory.filled());
+}
+
 // --- Bad input in a pack ----------------------------------------------------------------------
 
 // An empty file is content when its list names it empty, and damage when its list names content.
@@ -478,7 +556,9 @@ TEST_F(ReadFlowTest, IndexWithInvalidJsonGives1107) {
     writeFile("apps/app/3/app-res.hvc", signedIndex(std::string("{\"res/a.js\": {\"v\": ")));
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
     EXPECT_EQ(response->error.code(), 1107);
-    EXPECT_EQ(response->error.message(), "file \"apps/app/3/app-res.hvc\" deserialization failed");
+    EXPECT_EQ(
+        response->error.message(),
+        "file \"apps/app/3/app-res.hvc\" deserialization failed: Invalid value. at offset 19");
 }
 
 TEST_F(ReadFlowTest, IndexRecordWithoutVersionGives1107) {

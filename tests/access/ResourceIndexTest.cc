@@ -84,7 +84,8 @@ TEST_F(ResourceIndexTest, SignedBodyThatIsNotJsonGives1107) {
     EXPECT_FALSE(
         ResourceIndex::parseSigned(folder(), signedIndex(std::string("{\"a\":")), table, error));
     EXPECT_EQ(error.code(), 1107);
-    EXPECT_EQ(error.message(), "file \"apps/p/1/\" deserialization failed");
+    EXPECT_EQ(error.message(),
+              "file \"apps/p/1/\" deserialization failed: Invalid value. at offset 5");
     EXPECT_FALSE(
         ResourceIndex::parseSigned(folder(), signedIndex(std::string("[1,2]")), table, error));
     EXPECT_EQ(error.code(), 1107);

@@ -28,7 +28,7 @@ std::vector<CatalogueCase> catalogue() {
         {"requestFailed", requestFailed("u", -7, "timed out"), 1003,
          "request \"u\" failed: -7, timed out"},
         {"requestInvalidStatus", requestInvalidStatus("u", 404), 1004,
-         "request \"u\" invalid status code 404"},
+         "request \"u\" invalid status code 404 (Not Found)"},
         {"requestNoData", requestNoData("u"), 1006, "request \"u\" no data"},
         {"requestDeserialization", requestDeserialization("u"), 1007,
          "request \"u\" deserialization failed"},
@@ -86,7 +86,9 @@ std::vector<CatalogueCase> catalogue() {
         {"storageDelete", storageDelete("cache", "k1", 5), 1109,
          "Storage \"cache/k1\" delete failed: 5"},
         {"packNameMismatch", packNameMismatch("a", "b"), 1201, "a packName mismatch: b"},
-        {"serverError", serverError("a", 4), 1202, "a server error, phase: 4"},
+        {"serverError", serverError("a", 4), 1202,
+         "a server error, phase: 4 (not set up, first configuration update not finished, "
+         "updating not started but left to start by itself)"},
         {"networkNotSupported", networkNotSupported("a", "cellular"), 2001,
          "a network not supported: cellular"},
         {"packUpdateDisabled", packUpdateDisabled("a"), 2002, "a update disabled"},
@@ -105,6 +107,8 @@ std::vector<CatalogueCase> catalogue() {
          "copy a failed: No such file or directory"},
         {"copyFailed(message)", copyFailed("a", "disk full"), 2504, "copy a failed: disk full"},
         {"notFerritResource", notFerritResource(), 3001, "Not Ferrit resource"},
+        {"notSetUpYet", notSetUpYet("setup not called"), 3001,
+         "Not Ferrit resource: not set up yet (setup not called)"},
         {"notFerritPackResource", notFerritPackResource("S:p@3"), 3002,
          "Not Ferrit S:p@3 resource"},
         {"disabledByDevTool", disabledByDevTool(), 3003, "Ferrit disabled by develop tool"},
@@ -136,6 +140,8 @@ std::vector<CatalogueCase> catalogue() {
         {"jniFailed", jniFailed(), 9995, "JNI failed"},
         {"napiFailed", napiFailed(), 9995, "NAPI failed"},
         {"napiFailed(status)", napiFailed(9), 9995, "NAPI failed: 9"},
+        {"packedStoreNotOpen", packedStoreNotOpen(), 9997,
+         "Initialize storage \"packs\" failed: the store is not open"},
         {"initStorageFailed", initStorageFailed("/r/cache/", 14), 9997,
          "Initialize storage \"/r/cache/\" failed: 14"},
         {"initStoreFailed", initStoreFailed("/r/packs/", 14), 9997,
@@ -146,7 +152,7 @@ std::vector<CatalogueCase> catalogue() {
 TEST(ErrorsTest, EveryCatalogueFunctionGivesItsCodeAndExactMessage) {
     const std::vector<CatalogueCase> cases = catalogue();
     // One entry per function and overload of the catalogue.
-    EXPECT_EQ(cases.size(), 75u);
+    EXPECT_EQ(cases.size(), 77u);
     for (const CatalogueCase& c : cases) {
         SCOPED_TRACE(c.function);
         EXPECT_EQ(c.error.code(), c.code);

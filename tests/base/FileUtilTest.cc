@@ -1,5 +1,6 @@
 #include "base/FileUtil.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -60,24 +61,26 @@ TEST_F(FileUtilTest, CanonicalizeLeavesFirstAndLastPiecesUntouched) {
 
 // --- Empty paths and null streams --------------------------------------------------------------
 
-TEST_F(FileUtilTest, EmptyPathAndNullStreamGiveMinusOne) {
+TEST_F(FileUtilTest, EmptyPathAndNullStreamGiveErrnoValuesWithText) {
     std::string out;
     uint64_t size = 0;
     FILE* file = nullptr;
     std::vector<std::string> names;
-    EXPECT_EQ(FileUtil::open("", "rb", &file), -1);
-    EXPECT_EQ(FileUtil::readFile("", out), -1);
-    EXPECT_EQ(FileUtil::readWhole("", out), -1);
-    EXPECT_EQ(FileUtil::writeFile("", "x"), -1);
-    EXPECT_EQ(FileUtil::fileSize("", size), -1);
-    EXPECT_EQ(FileUtil::remove(""), -1);
-    EXPECT_EQ(FileUtil::rename("", "x"), -1);
-    EXPECT_EQ(FileUtil::makeDirectory(""), -1);
-    EXPECT_EQ(FileUtil::makeDirectories(""), -1);
-    EXPECT_EQ(FileUtil::listDirectory("", names), -1);
-    EXPECT_EQ(FileUtil::readAll(nullptr, out), -1);
-    EXPECT_EQ(FileUtil::readSize(nullptr, 3, out), -1);
-    EXPECT_EQ(FileUtil::write(nullptr, "x"), -1);
+    // Each is an errno value, so that a message built from it says what went wrong in words.
+    EXPECT_EQ(FileUtil::open("x", "rb", nullptr), EINVAL);
+    EXPECT_EQ(FileUtil::open("", "rb", &file), ENOENT);
+    EXPECT_EQ(FileUtil::readFile("", out), ENOENT);
+    EXPECT_EQ(FileUtil::readWhole("", out), ENOENT);
+    EXPECT_EQ(FileUtil::writeFile("", "x"), ENOENT);
+    EXPECT_EQ(FileUtil::fileSize("", size), ENOENT);
+    EXPECT_EQ(FileUtil::remove(""), ENOENT);
+    EXPECT_EQ(FileUtil::rename("", "x"), ENOENT);
+    EXPECT_EQ(FileUtil::makeDirectory(""), ENOENT);
+    EXPECT_EQ(FileUtil::makeDirectories(""), ENOENT);
+    EXPECT_EQ(FileUtil::listDirectory("", names), ENOENT);
+    EXPECT_EQ(FileUtil::readAll(nullptr, out), EBADF);
+    EXPECT_EQ(FileUtil::readSize(nullptr, 3, out), EBADF);
+    EXPECT_EQ(FileUtil::write(nullptr, "x"), EBADF);
     EXPECT_FALSE(FileUtil::isFile(""));
     EXPECT_FALSE(FileUtil::isDirectory(""));
 }
@@ -121,9 +124,9 @@ TEST_F(FileUtilTest, ReadSizeIsShortAtEndOfFileWithoutError) {
     std::fclose(file);
 }
 
-TEST_F(FileUtilTest, WriteOfEmptyDataFailsWithMinusOneAndLeavesEmptyFile) {
+TEST_F(FileUtilTest, WriteOfEmptyDataFailsWithNoDataAndLeavesEmptyFile) {
     write("f", "old");
-    EXPECT_EQ(FileUtil::writeFile(path("f"), ""), -1);
+    EXPECT_EQ(FileUtil::writeFile(path("f"), ""), ENODATA);
     EXPECT_TRUE(std::filesystem::exists(path("f")));
     EXPECT_EQ(std::filesystem::file_size(path("f")), 0u);
 }
@@ -294,7 +297,7 @@ TEST_F(FileUtilStepTest, LinkGivesASecondNameToTheSameFile) {
     EXPECT_EQ(FileUtil::readFile(path("b.txt"), content), 0);
     EXPECT_EQ(content, "shared");
     EXPECT_EQ(FileUtil::link(path("missing"), path("c.txt")), ENOENT);
-    EXPECT_EQ(FileUtil::link("", path("c.txt")), -1);
+    EXPECT_EQ(FileUtil::link("", path("c.txt")), ENOENT);
 }
 
 TEST_F(FileUtilStepTest, ExchangeSwapsTwoFoldersInOneStep) {
@@ -384,9 +387,9 @@ TEST_F(FileUtilTest, SyncsOfFilesAndDirectoriesGoThroughTheInstalledCalls) {
 }
 
 TEST_F(FileUtilTest, SyncsGiveErrnoResults) {
-    EXPECT_EQ(FileUtil::syncFile(""), -1);
-    EXPECT_EQ(FileUtil::syncDirectory(""), -1);
-    EXPECT_EQ(FileUtil::syncDescriptor(-1), -1);
+    EXPECT_EQ(FileUtil::syncFile(""), ENOENT);
+    EXPECT_EQ(FileUtil::syncDirectory(""), ENOENT);
+    EXPECT_EQ(FileUtil::syncDescriptor(-1), EBADF);
     EXPECT_EQ(FileUtil::syncFile(path("missing")), ENOENT);
     EXPECT_EQ(FileUtil::syncDirectory(path("missing/")), ENOENT);
     write("file", "x");
@@ -398,6 +401,54 @@ TEST_F(FileUtilTest, SyncsGiveErrnoResults) {
     EXPECT_EQ(FileUtil::syncDirectory(temp_.root()), EIO);
     EXPECT_EQ(FileUtil::rename(path("file"), path("other")), EIO);
     EXPECT_EQ(slurp(path("file")), "x");
+}
+
+// --- Reading into the caller's memory ----------------------------------------------------------
+
+TEST_F(FileUtilTest, HeldFileReadsWholeIntoTheGivenMemoryAndCloses) {
+    write("a.js", "sixteen bytes!!!");
+    HeldFile file(::open(path("a.js").c_str(), O_RDONLY));
+    std::string memory;
+    size_t size = 0;
+    const int result = file.readIntoAndClose(
+        [&](size_t n) {
+            memory.assign(n, '\0');
+            return memory.data();
+        },
+        size);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(size, 16u);
+    EXPECT_EQ(memory, "sixteen bytes!!!");
+    EXPECT_FALSE(file.isOpen());
+}
+
+// A failure leaves the file open at its start, so that the whole read can still be made.
+TEST_F(FileUtilTest, HeldFileWithoutMemoryStaysOpenForTheWholeRead) {
+    write("a.js", "content");
+    HeldFile file(::open(path("a.js").c_str(), O_RDONLY));
+    size_t size = 0;
+    EXPECT_EQ(file.readIntoAndClose([](size_t) -> char* { return nullptr; }, size), ENOMEM);
+    ASSERT_TRUE(file.isOpen());
+    std::string out;
+    EXPECT_EQ(file.readAndClose(out), 0);
+    EXPECT_EQ(out, "content");
+}
+
+TEST_F(FileUtilTest, HeldFileRemovedOrEmptyIsNotReadIntoMemory) {
+    write("gone.js", "x");
+    write("empty.js", "");
+    HeldFile gone(::open(path("gone.js").c_str(), O_RDONLY));
+    HeldFile empty(::open(path("empty.js").c_str(), O_RDONLY));
+    std::filesystem::remove(path("gone.js"));
+    int calls = 0;
+    const auto allocate = [&](size_t) -> char* {
+        ++calls;
+        return nullptr;
+    };
+    size_t size = 0;
+    EXPECT_EQ(gone.readIntoAndClose(allocate, size), ESTALE);
+    EXPECT_EQ(empty.readIntoAndClose(allocate, size), ENODATA);
+    EXPECT_EQ(calls, 0);
 }
 
 }  // namespace

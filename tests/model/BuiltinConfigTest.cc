@@ -50,7 +50,9 @@ TEST_F(BuiltinConfigTest, InvalidJsonIs1107) {
     assets_["Ferrit_Asset.config"] = "{nope";
     const Error error = load();
     EXPECT_EQ(error.code(), 1107);
-    EXPECT_EQ(error.message(), "file \"/Asset/Ferrit_Asset.config\" deserialization failed");
+    EXPECT_EQ(error.message(),
+              "file \"/Asset/Ferrit_Asset.config\" deserialization failed: Missing a name for "
+              "object member. at offset 1");
 }
 
 TEST_F(BuiltinConfigTest, PackWithoutResourcesEndsTheLoad) {

@@ -39,7 +39,9 @@ TEST_F(FConfigTest, EmptyVersionIsServerError) {
     Error error;
     EXPECT_EQ(FConfig::parse(R"({"v": ""})", "https://c/f", error, false), nullptr);
     EXPECT_EQ(error.code(), 1202);
-    EXPECT_EQ(error.message(), "https://c/f server error, phase: 1");
+    EXPECT_EQ(error.message(),
+              "https://c/f server error, phase: 1 (set up, first configuration update "
+              "not finished, updating not started)");
 }
 
 TEST_F(FConfigTest, FullDocumentSetsLastFullUpdate) {
@@ -133,7 +135,9 @@ TEST_F(FConfigTest, GarbageAndDeepNestingGive1007) {
         garbage[i] = static_cast<char>((i * 2654435761u) >> 13);
     EXPECT_EQ(FConfig::parse(garbage, "g", error, false), nullptr);
     EXPECT_EQ(error.code(), 1007);
-    EXPECT_EQ(error.message(), "request \"g\" deserialization failed");
+    // The parser's words and where it stopped (the garbage begins with a NUL byte).
+    EXPECT_EQ(error.message(),
+              "request \"g\" deserialization failed: The document is empty. at offset 0");
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
     EXPECT_EQ(FConfig::parse(deep, "d", error, false), nullptr);
     EXPECT_EQ(error.code(), 1007);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "base/Environment.h"
 #include "marl/Clock.h"
 #include "runtime/Network.h"
@@ -80,7 +82,9 @@ TEST_F(NetworkTest, EmptyObjectConfigIsServerErrorNotEmptyDocument) {
     proxy_->serve("https://c/f", 200, "{}");
     auto [content, error] = config("https://c/f");
     EXPECT_EQ(error.code(), 1202);
-    EXPECT_EQ(error.message(), "https://c/f server error, phase: 1");
+    EXPECT_EQ(error.message(),
+              "https://c/f server error, phase: 1 (set up, first configuration update "
+              "not finished, updating not started)");
     EXPECT_TRUE(content.empty());
 }
 
@@ -90,7 +94,8 @@ TEST_F(NetworkTest, ConfigEmptyBodyBadStatusAndTransport) {
     proxy_->serve("https://c/500", 500, "oops");
     auto bad = config("https://c/500").second;
     EXPECT_EQ(bad.code(), 1004);
-    EXPECT_EQ(bad.message(), "request \"https://c/500\" invalid status code 500");
+    EXPECT_EQ(bad.message(),
+              "request \"https://c/500\" invalid status code 500 (Internal Server Error)");
     EXPECT_EQ(config("https://c/304").second.code(), 1004) << "unknown URL answers 404";
     FakeProxy::Answer broken;
     broken.transportError = Error(7, "reset");
@@ -220,6 +225,161 @@ TEST_F(NetworkTest, NetworkStatusGatesDownloads) {
     Environment::instance().setNetworkStatusValue(7);
     EXPECT_FALSE(Network::downloadAllowed(~0ull, reason));
     EXPECT_TRUE(reason.empty());
+}
+
+// ---- Deadlines: a host that never answers ends the request itself, once.
+
+FakeProxy::Answer never() {
+    FakeProxy::Answer answer;
+    answer.never = true;
+    return answer;
+}
+
+FakeProxy::Answer held(uint16_t status, std::string body) {
+    FakeProxy::Answer answer;
+    answer.status = status;
+    answer.body = std::move(body);
+    answer.hold = true;
+    return answer;
+}
+
+TEST_F(NetworkTest, ConfigRequestThatNeverAnswersEndsAtItsDeadline) {
+    proxy_->serve("https://c/f", never());
+    int calls = 0;
+    Error got;
+    Network::requestConfig("https://c/f", "T", [&](std::string content, Error error) {
+        EXPECT_TRUE(content.empty());
+        got = error;
+        ++calls;
+    });
+    const double deadline = Settings::current()->configRequestDeadlineValue();
+    clock_->advance(deadline - 1);
+    TaskRunner::runDue();
+    EXPECT_EQ(calls, 0);
+    clock_->advance(1);
+    TaskRunner::runDue();
+    ASSERT_EQ(calls, 1);
+    EXPECT_EQ(got.code(), 1003);
+    EXPECT_EQ(got.message(), "request \"https://c/f\" failed: " + std::to_string(ETIMEDOUT) +
+                                 ", no answer within 20 s");
+    clock_->advance(deadline);
+    TaskRunner::runDue();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(NetworkTest, ResourceRequestThatNeverAnswersEndsAtItsDeadline) {
+    proxy_->serve("https://r/a.js", never());
+    int calls = 0;
+    Error got;
+    Network::requestResource("https://r/a.js", "T", HeaderMap(), false,
+                             [&](ProxyResponse response, Error error) {
+                                 EXPECT_EQ(response.statusCode, 0);
+                                 got = error;
+                                 ++calls;
+                             });
+    TaskRunner::runDue();
+    EXPECT_EQ(calls, 0);
+    clock_->advance(Settings::current()->resourceRequestDeadlineValue());
+    TaskRunner::runDue();
+    ASSERT_EQ(calls, 1);
+    EXPECT_EQ(got.code(), 1003);
+    EXPECT_NE(got.message().find("no answer within 30 s"), std::string::npos) << got.message();
+}
+
+TEST_F(NetworkTest, PackRequestThatNeverAnswersEndsAtItsDeadline) {
+    proxy_->serve("https://z/p.zip", never());
+    int calls = 0;
+    Error got;
+    Network::requestPack("https://z/p.zip", Folder::disk("temp/p.zip"), "T", 0,
+                         [&](uint64_t length, Error error) {
+                             EXPECT_EQ(length, 0u);
+                             got = error;
+                             ++calls;
+                         });
+    TaskRunner::runDue();
+    EXPECT_EQ(calls, 0);
+    clock_->advance(Settings::current()->packRequestDeadlineValue());
+    TaskRunner::runDue();
+    ASSERT_EQ(calls, 1);
+    EXPECT_EQ(got.code(), 1003);
+    EXPECT_NE(got.message().find("no answer within 30 s"), std::string::npos) << got.message();
+}
+
+TEST_F(NetworkTest, AnswerAfterTheDeadlineIsDropped) {
+    proxy_->serve("https://c/f", held(200, "{\"v\":\"1\"}"));
+    proxy_->serve("https://r/a.js", held(200, "late"));
+    int configCalls = 0;
+    int resourceCalls = 0;
+    Network::requestConfig("https://c/f", "T", [&](std::string, Error error) {
+        EXPECT_EQ(error.code(), 1003);
+        ++configCalls;
+    });
+    Network::requestResource("https://r/a.js", "T", HeaderMap(), false,
+                             [&](ProxyResponse, Error error) {
+                                 EXPECT_EQ(error.code(), 1003);
+                                 ++resourceCalls;
+                             });
+    clock_->advance(Settings::kDefaultResourceRequestDeadline);
+    TaskRunner::runDue();
+    EXPECT_EQ(configCalls, 1);
+    EXPECT_EQ(resourceCalls, 1);
+    // The host answers at last: nobody hears it.
+    EXPECT_EQ(proxy_->release(), 2u);
+    TaskRunner::runDue();
+    EXPECT_EQ(configCalls, 1);
+    EXPECT_EQ(resourceCalls, 1);
+}
+
+TEST_F(NetworkTest, AnswerInTimeCancelsTheDeadline) {
+    proxy_->serve("https://c/f", held(200, "{\"v\":\"1\"}"));
+    int calls = 0;
+    Network::requestConfig("https://c/f", "T", [&](std::string content, Error error) {
+        EXPECT_FALSE(error) << error.message();
+        EXPECT_EQ(content, "{\"v\":\"1\"}");
+        ++calls;
+    });
+    clock_->advance(Settings::current()->configRequestDeadlineValue() - 1);
+    proxy_->release();
+    TaskRunner::runDue();
+    EXPECT_EQ(calls, 1);
+    clock_->advance(1);
+    TaskRunner::runDue();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(TaskRunner::pendingCount(), 0u);
+}
+
+TEST_F(NetworkTest, DeadlinesComeFromSettings) {
+    Settings::updateRemote({{"configRequestDeadline", "5000"},
+                            {"resourceRequestDeadline", "0"},
+                            {"packRequestDeadline", "x"}});
+    EXPECT_EQ(Settings::current()->configRequestDeadlineValue(), 5000);
+    // Text that does not parse and 0 mean the default, never a deadline of nothing.
+    EXPECT_EQ(Settings::current()->resourceRequestDeadlineValue(),
+              Settings::kDefaultResourceRequestDeadline);
+    EXPECT_EQ(Settings::current()->packRequestDeadlineValue(),
+              Settings::kDefaultPackRequestDeadline);
+    proxy_->serve("https://c/f", never());
+    Error got;
+    Network::requestConfig("https://c/f", "T", [&](std::string, Error error) { got = error; });
+    clock_->advance(5000);
+    TaskRunner::runDue();
+    EXPECT_EQ(got.code(), 1003);
+    EXPECT_NE(got.message().find("no answer within 5 s"), std::string::npos) << got.message();
+}
+
+// ---- Limits.
+
+TEST_F(NetworkTest, ConfigAboveItsSizeLimitIsRefusedBeforeParsing) {
+    Settings::updateRemote({{"configMaxSize", "16"}});
+    proxy_->serve("https://c/f", 200, std::string(17, ' '));
+    auto [content, error] = config("https://c/f");
+    EXPECT_TRUE(content.empty());
+    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.message(),
+              "request \"https://c/f\" deserialization failed: 17 bytes, above the limit of 16 "
+              "(\"configMaxSize\")");
+    proxy_->serve("https://c/f", 200, std::string(16, ' '));
+    EXPECT_FALSE(config("https://c/f").second);
 }
 
 }  // namespace

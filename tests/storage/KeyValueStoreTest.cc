@@ -51,6 +51,35 @@ class KeyValueStoreTest : public FerritTest::StoreFixture {
     }
 };
 
+// Two connections on one database stand for two processes on one root: each sees the other's
+// commits in its data version, and never its own.
+TEST_F(KeyValueStoreTest, DataVersionMovesOnlyWithAnotherConnectionsCommit) {
+    auto mine = openStore(KeyValueStore::Options::forPacks());
+    auto other = openStore(KeyValueStore::Options::forPacks());
+    ASSERT_TRUE(mine && other);
+    uint64_t start = 0, now = 0;
+    ASSERT_EQ(mine->dataVersion(start), 0);
+    EXPECT_NE(start, 0u);
+
+    ASSERT_EQ(mine->insert("config", "one"), 0);
+    ASSERT_EQ(mine->dataVersion(now), 0);
+    EXPECT_EQ(now, start) << "its own commit";
+    ASSERT_EQ(mine->dataVersion(now), 0);
+    EXPECT_EQ(now, start) << "nothing committed in between";
+
+    ASSERT_EQ(other->insert("config", "two"), 0);
+    ASSERT_EQ(mine->dataVersion(now), 0);
+    EXPECT_NE(now, start) << "the other connection's commit";
+    EXPECT_EQ(valueOf(*mine, "config"), "two");
+
+    // The other side sees this one's commits the same way.
+    uint64_t otherStart = 0, otherNow = 0;
+    ASSERT_EQ(other->dataVersion(otherStart), 0);
+    ASSERT_EQ(mine->eraseRange(KeyValueStore::Key::minKey(), KeyValueStore::Key::maxKey()), 0);
+    ASSERT_EQ(other->dataVersion(otherNow), 0);
+    EXPECT_NE(otherNow, otherStart);
+}
+
 TEST_F(KeyValueStoreTest, OpenCreatesFolderAndDatabaseWhenMissing) {
     auto store = openStore(KeyValueStore::Options::forConfig(), "a/b/kv");
     ASSERT_TRUE(store);

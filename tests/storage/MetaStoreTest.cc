@@ -194,7 +194,7 @@ TEST_F(MetaStoreTest, ClosedStoreAnswers9997WithStatusMinusOne) {
     Error error;
     EXPECT_TRUE(store_->get("k", error).isNull());
     EXPECT_EQ(error.code(), 9997);
-    EXPECT_EQ(error.message(), "Initialize store \"meta/\" failed: -1");
+    EXPECT_EQ(error.message(), "Initialize store \"meta/\" failed: -1 (store is closed)");
     EXPECT_FALSE(store_->put("k", JSON(2), error));
     EXPECT_EQ(error.code(), 9997);
     EXPECT_FALSE(store_->contains("k"));

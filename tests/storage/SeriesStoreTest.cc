@@ -79,7 +79,7 @@ TEST_F(SeriesStoreTest, ClosedStoreAnswers9997WithStorageWords) {
     Error error;
     EXPECT_FALSE(store_->get("k", read, error));
     EXPECT_EQ(error.code(), 9997);
-    EXPECT_EQ(error.message(), "Initialize storage \"series\" failed: -1");
+    EXPECT_EQ(error.message(), "Initialize storage \"series\" failed: -1 (store is closed)");
     EXPECT_FALSE(store_->put("k", "w", error));
     EXPECT_EQ(error.code(), 9997);
     EXPECT_FALSE(store_->contains("k"));

@@ -58,7 +58,8 @@ class StoreDamageTest : public FerritTest::StoreFixture {
         ConfigStore& store = ConfigStore::instance();
 
         const std::string words =
-            "Initialize store \"config_v2/\" failed: " + std::to_string(firstStatus);
+            "Initialize store \"config_v2/\" failed: " + std::to_string(firstStatus) + " (" +
+            sqlite3_errstr(firstStatus) + ")";
         const auto init = proxy_->named("Ferrit.ConfigInit");
         ASSERT_EQ(init.size(), 1u);
         EXPECT_EQ(init[0].dimensions.at("errorCode"), "9997");
@@ -129,7 +130,8 @@ TEST_F(StoreDamageTest, DamagedPacksStoreReportsStorageWordsAndWorks) {
     proxy_->clearRecords();
     PacksStore::instance();
     const std::string words =
-        "Initialize storage \"packs\" failed: " + std::to_string(SQLITE_NOTADB);
+        "Initialize storage \"packs\" failed: " + std::to_string(SQLITE_NOTADB) +
+        " (file is not a database)";
     const auto records = proxy_->named("FTS_packs");
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].dimensions.at("errorCode"), "9997");
@@ -162,7 +164,8 @@ TEST_F(StoreDamageTest, TwoFailuresInARowAnswerEveryOperationWith9997) {
     EXPECT_TRUE(store.get("k", error).isNull());
     EXPECT_EQ(error.code(), 9997);
     EXPECT_EQ(error.message(),
-              "Initialize store \"config_v2/\" failed: " + std::to_string(SQLITE_CANTOPEN));
+              "Initialize store \"config_v2/\" failed: " + std::to_string(SQLITE_CANTOPEN) +
+                  " (unable to open database file)");
     EXPECT_FALSE(store.put("k", JSON(1), error));
     EXPECT_EQ(error.code(), 9997);
     EXPECT_FALSE(store.contains("k"));
@@ -179,7 +182,8 @@ TEST_F(StoreDamageTest, TwoFailuresInARowAnswerEveryOperationWith9997) {
     EXPECT_FALSE(PacksStore::instance().get("config", value, error));
     EXPECT_EQ(error.code(), 9997);
     EXPECT_EQ(error.message(),
-              "Initialize storage \"packs\" failed: " + std::to_string(SQLITE_CANTOPEN));
+              "Initialize storage \"packs\" failed: " + std::to_string(SQLITE_CANTOPEN) +
+                  " (unable to open database file)");
     EXPECT_EQ(PacksStore::instance().readConfig(error), "");
     EXPECT_EQ(error.code(), 9997);
     EXPECT_FALSE(PacksStore::instance().writeConfig("{}", error));

@@ -179,7 +179,9 @@ TEST_F(HostileArchiveTest, TruncatedCentralDirectoryIsRefused) {
     const std::string zip = archive({});
     const size_t directory = zip.find(std::string("PK\x01\x02", 4));
     ASSERT_NE(directory, std::string::npos);
-    expectRefused(zip.substr(0, directory + 30), 2207, unzipFailed("Open zip file failed: -103"));
+    expectRefused(
+        zip.substr(0, directory + 30), 2207,
+        unzipFailed("Open zip file failed: -103 (UNZ_BADZIPFILE: not a zip archive or damaged)"));
 }
 
 TEST_F(HostileArchiveTest, EmptyZipIsRefused) {
@@ -187,7 +189,9 @@ TEST_F(HostileArchiveTest, EmptyZipIsRefused) {
 }
 
 TEST_F(HostileArchiveTest, ZipWithoutTheListIsRefused) {
-    expectRefused(archive({}, version2(), false), 2207, unzipFailed("Open zip file failed: -100"));
+    expectRefused(
+        archive({}, version2(), false), 2207,
+        unzipFailed("Open zip file failed: -100 (UNZ_END_OF_LIST_OF_FILE: no such entry)"));
 }
 
 TEST_F(HostileArchiveTest, UnsignedListIsRefused) {

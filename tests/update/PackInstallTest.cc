@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <random>
 
 #include "access/Reader.h"
 #include "access/UpdateRequester.h"
 #include "base/Url.h"
 #include "storage/Statistics.h"
+#include "storage/ZipFile.h"
 #include "tests/update/InstallFixture.h"
 #include "tools/pack/ZipWriter.h"
 #include "update/QueueRequester.h"
@@ -590,6 +592,30 @@ TEST_F(PackConfigTest, PackDeletedByItsConfigurationIs2102) {
     EXPECT_EQ(logs_->last("configUpdated", "Ferrit/UpdatePack").errorCode, "2102");
 }
 
+TEST_F(PackConfigTest, PackConfigurationThatNeverAnswersEndsAtItsDeadline) {
+    proxy_->serve("https://cfg.test/packconfig/shop/0", silent());
+    Error result;
+    bool done = false;
+    UpdateQueue::request("shop", kTriggerTimer, [&](const Error& error) {
+        result = error;
+        done = true;
+    });
+    drive();
+    EXPECT_FALSE(done);
+    clock_->advance(Settings::current()->configRequestDeadlineValue());
+    drive();
+    ASSERT_TRUE(done);
+    EXPECT_EQ(result.code(), 1003);
+    EXPECT_NE(result.message().find("no answer within 20 s"), std::string::npos)
+        << result.message();
+    EXPECT_EQ(UpdateQueue::runningCount(), 0u);
+    // The next trigger runs.
+    proxy_->serve("https://cfg.test/packconfig/shop/0", 200, document({shop()}));
+    const Error error = update("shop", kTriggerTimer);
+    EXPECT_FALSE(error) << error.message();
+    EXPECT_EQ(find("shop")->installedSeq, 3u);
+}
+
 TEST_F(PackConfigTest, NetworkIsCheckedAgainOnceTheConfigurationGaveTheFlags) {
     Environment::instance().setNetworkStatusValue(2);  // slow cellular; the pack does not allow it
     proxy_->serve("https://cfg.test/packconfig/shop/0", 200, document({shop()}));
@@ -646,7 +672,9 @@ TEST_F(FailedDownloadTest, ServerErrorLeavesTheRecordAndTheFolder) {
     proxy_->serve("https://dl.test/shop/2.zip", 500, "busy");
     const Error error = update("shop", kTriggerTimer);
     EXPECT_EQ(error.code(), 1004);
-    EXPECT_EQ(error.message(), "request \"https://dl.test/shop/2.zip\" invalid status code 500");
+    EXPECT_EQ(
+        error.message(),
+        "request \"https://dl.test/shop/2.zip\" invalid status code 500 (Internal Server Error)");
     expectUntouchedThenInstalled();
 }
 
@@ -673,10 +701,111 @@ TEST_F(FailedDownloadTest, DownloadThatNeverAnswersEndsAtItsDeadline) {
     EXPECT_FALSE(done);
     EXPECT_EQ(UpdateQueue::runningCount(), 1u);
     expectServes(version1());
-    clock_->advance(UpdatePack::kAnswerDeadlineMs);
+    clock_->advance(Settings::current()->packRequestDeadlineValue());
     drive();
     ASSERT_TRUE(done);
     EXPECT_EQ(result.code(), 1003);
+    expectUntouchedThenInstalled();
+}
+
+// The zip arrives after the run ended at its deadline: nothing installs from it, and the next
+// run installs as usual.
+TEST_F(FailedDownloadTest, ZipThatArrivesAfterTheDeadlineIsIgnored) {
+    FakeProxy::Answer late;
+    late.body = full_;
+    late.hold = true;
+    proxy_->serve("https://dl.test/shop/2.zip", late);
+    int calls = 0;
+    UpdateQueue::request("shop", kTriggerTimer, [&](const Error& error) {
+        EXPECT_EQ(error.code(), 1003);
+        ++calls;
+    });
+    drive();
+    clock_->advance(Settings::current()->packRequestDeadlineValue());
+    drive();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(proxy_->release(), 1u);
+    drive();
+    EXPECT_EQ(calls, 1);
+    expectUntouchedThenInstalled();
+}
+
+// ---- Limits -----------------------------------------------------------------------------------
+
+// A signed pack whose one file is a run of zeros: the list vouches for it, and still nothing of
+// it is inflated, since its ratio is that of a bomb.
+TEST_F(FailedDownloadTest, BombEntryIsRefusedBeforeAnythingIsWritten) {
+    PackFiles bomb = version2();
+    bomb["zeros.bin"] = std::string(4u << 20, '\0');
+    const std::string zip = zipOf(bomb);
+    ASSERT_LT(zip.size(), 64u << 10);
+    configure("shop", 2, 2, Digest::md5Hex(zip));
+    serveFull("shop", 2, zip);
+    const Error error = update("shop", kTriggerTimer);
+    EXPECT_EQ(error.code(), 2207);
+    EXPECT_NE(error.message().find("\"res/zeros.bin\" inflates 4194304 bytes from"),
+              std::string::npos)
+        << error.message();
+    EXPECT_NE(error.message().find("(\"maxInflationRatio\")"), std::string::npos);
+    EXPECT_TRUE(packedKeys("shop/2/").empty());
+    configure("shop", 2, 2, Digest::md5Hex(full_));
+    expectUntouchedThenInstalled();
+}
+
+// What the entries record is checked against the room the budget leaves, before writing.
+TEST_F(FailedDownloadTest, ZipLargerThanTheRoomTheBudgetLeavesIsRefused) {
+    PackFiles large = version2();
+    std::mt19937 random(5);
+    std::string noise(300000, '\0');
+    for (char& c : noise) c = static_cast<char>(random());
+    large["big.bin"] = noise;
+    const std::string zip = zipOf(large);
+    configure("shop", 2, 2, Digest::md5Hex(zip));
+    serveFull("shop", 2, zip);
+    Settings::updateRemote({{"ferritSizeLimit", "200000"}});
+    const Error error = update("shop", kTriggerTimer);
+    EXPECT_EQ(error.code(), 2103);
+    EXPECT_NE(error.message().find("Too many apps installed: \"shop\" inflates to "),
+              std::string::npos)
+        << error.message();
+    EXPECT_NE(error.message().find("bytes left of its budget of 200000 (\"ferritSizeLimit\")"),
+              std::string::npos)
+        << error.message();
+    EXPECT_TRUE(packedKeys("shop/2/").empty());
+    Settings::updateRemote({});
+    configure("shop", 2, 2, Digest::md5Hex(full_));
+    expectUntouchedThenInstalled();
+}
+
+// A list that states a size other than what the entry records: refused at the entry's start,
+// before it is inflated.
+TEST_F(FailedDownloadTest, EntryWhoseRecordedSizeDiffersFromTheListIsRefused) {
+    PackFiles files = version2();
+    const std::string zip = zipOf(files);
+    // Same list, another content of another length for one file.
+    PackFiles changed = files;
+    changed["index.html"] = "<!doctype html><title>v2, longer</title>";
+    FerritTools::ZipWriter writer;
+    std::string failure;
+    std::string archive;
+    Error error;
+    ZipFile original = ZipFile::open(Folder::disk("x.zip"), zip, error);
+    ASSERT_TRUE(original);
+    ASSERT_TRUE(original.forEachEntry(
+        [&](const std::string& name, std::string content) {
+            FerritTools::ZipWriter::Entry entry;
+            entry.name = name;
+            entry.content = name == "res/index.html" ? changed["index.html"] : content;
+            return writer.add(entry, failure);
+        },
+        error));
+    ASSERT_TRUE(writer.finish(archive, failure)) << failure;
+    configure("shop", 2, 2, Digest::md5Hex(archive));
+    serveFull("shop", 2, archive);
+    const Error refused = update("shop", kTriggerTimer);
+    EXPECT_EQ(refused.code(), 1106) << refused.message();
+    EXPECT_NE(refused.message().find("index.html"), std::string::npos) << refused.message();
+    configure("shop", 2, 2, Digest::md5Hex(full_));
     expectUntouchedThenInstalled();
 }
 

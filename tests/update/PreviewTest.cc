@@ -117,7 +117,7 @@ TEST_F(PreviewTest, NetworkErrorOnTheZipGivesTheRequestErrorText) {
     ASSERT_TRUE(result.called);
     EXPECT_FALSE(result.success);
     EXPECT_EQ(result.object["message"].stringValue(),
-              "request \"" + zipUrl(77, 2) + "\" invalid status code 500");
+              "request \"" + zipUrl(77, 2) + "\" invalid status code 500 (Internal Server Error)");
     // The record stays merged; a later preview replaces it.
     EXPECT_EQ(find("shop")->status, kPackStatusPreview);
     EXPECT_EQ(find("shop")->installedSeq, 0u);
@@ -128,7 +128,7 @@ TEST_F(PreviewTest, NetworkErrorOnTheConfigurationGivesItsText) {
     const Result result = preview("shop", 77);
     EXPECT_FALSE(result.success);
     EXPECT_EQ(result.object["message"].stringValue(),
-              "request \"" + configUrl(77, 1) + "\" invalid status code 404");
+              "request \"" + configUrl(77, 1) + "\" invalid status code 404 (Not Found)");
     EXPECT_EQ(find("shop"), nullptr);
 }
 

@@ -233,7 +233,8 @@ TEST_F(UpdateConfigTest, HostileResponsesLeaveTheDocumentUntouched) {
         {"missing separator", answer(200, R"({"v":"5"})"), 1007},
         {"empty object", answer(200, "{}"), 1202},
         {"empty", answer(200, ""), 1006},
-        {"50 MiB", answer(200, huge + "||QUJD"), 1010},
+        // Refused for its size before the signature is even computed.
+        {"50 MiB", answer(200, huge + "||QUJD"), 1007},
         {"invalid JSON", answer(200, FakeProxy::sign("{\"v\":")), 1007},
         {"not modified", answer(304, ""), 1004},
         {"server error", answer(500, "boom"), 1004},
@@ -264,6 +265,71 @@ TEST_F(UpdateConfigTest, ProxyThatNeverAnswersBlocksOnlyItsOwnRun) {
     TaskRunner::post([&] { ran = true; });
     TaskRunner::runDue();
     EXPECT_TRUE(ran) << "the worker is free";
+}
+
+// A host that never answers delays the check by its deadline only: the run ends with the
+// reason, and the next trigger asks again.
+TEST_F(UpdateConfigTest, ConfigRequestThatNeverAnswersEndsAtItsDeadlineAndTheNextTriggerRuns) {
+    const std::string url = "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN";
+    FakeProxy::Answer never;
+    never.never = true;
+    proxy_->serve(url, never);
+    Error got(-1, "not called");
+    int calls = 0;
+    check(kTriggerStartup, "", [&](const Error& e) {
+        got = e;
+        ++calls;
+    });
+    EXPECT_TRUE(updater().busy());
+    clock_->advance(Settings::current()->configRequestDeadlineValue());
+    TaskRunner::runDue();
+    ASSERT_EQ(calls, 1);
+    EXPECT_EQ(got.code(), 1003);
+    EXPECT_NE(got.message().find("no answer within 20 s"), std::string::npos) << got.message();
+    EXPECT_FALSE(updater().busy());
+    EXPECT_EQ(logs_->last("finished", "Ferrit/UpdateConfig").field("version").stringValue(), "0");
+
+    proxy_->serve(url, 200, FakeProxy::sign(R"({"v":"7"})"));
+    clock_->advance(UpdateConfig::kThrottleMs);
+    check(kTriggerTimer, "0");
+    EXPECT_EQ(proxy_->requests.size(), 2u);
+    EXPECT_EQ(SCache::current()->version, "7");
+    EXPECT_FALSE(updater().busy());
+}
+
+// The answer that comes after the deadline belongs to a run that has ended: it changes nothing.
+TEST_F(UpdateConfigTest, AnswerAfterTheDeadlineIsDropped) {
+    const std::string url = "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN";
+    FakeProxy::Answer late;
+    late.hold = true;
+    late.body = FakeProxy::sign(R"({"v":"9"})");
+    proxy_->serve(url, late);
+    int calls = 0;
+    check(kTriggerStartup, "", [&](const Error& e) {
+        EXPECT_EQ(e.code(), 1003);
+        ++calls;
+    });
+    clock_->advance(Settings::current()->configRequestDeadlineValue());
+    TaskRunner::runDue();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(proxy_->release(), 1u);
+    TaskRunner::runDue();
+    EXPECT_EQ(calls, 1);
+    EXPECT_NE(SCache::current()->version, "9");
+    EXPECT_EQ(proxy_->events.size(), 1u);
+}
+
+TEST_F(UpdateConfigTest, DocumentAboveTheSizeLimitIsRefusedAndNothingChanges) {
+    const std::string url = "https://cfg.test/fconfig/key/1.0/0~0/zh_CN~zh_CN";
+    const std::string document = FakeProxy::sign(R"({"v":"8","packs":{"a":{"s":2}}})");
+    Settings::updateRemote({{"configMaxSize", std::to_string(document.size() - 1)}});
+    proxy_->serve(url, 200, document);
+    Error got(-1, "not called");
+    check(kTriggerStartup, "", [&](const Error& e) { got = e; });
+    EXPECT_EQ(got.code(), 1007);
+    EXPECT_NE(got.message().find("above the limit of"), std::string::npos) << got.message();
+    EXPECT_EQ(SCache::current()->find("a"), nullptr);
+    EXPECT_FALSE(updater().busy());
 }
 
 TEST_F(UpdateConfigTest, ProxyThatAnswersTwiceEndsTheRunOnce) {

@@ -49,9 +49,9 @@ out=$("$tool" --startup --serve "$here/endpoint" --app-key shop --app-version 1.
   --assets "$here/assets" --public-key "$here/keys/sample-ed25519.pub.pem" --config "$here/config.json" \
   https://shop.example.com/app/js/app.js)
 rm -rf "$startroot"
-expect 'status after setProxy: {"version":"10.10.0-rc.5","process":"main","feature":0,"error":["NOT_SETUP","NOT_UPDATE_CONFIG","NOT_START_UPDATE"]}' "$out"
+expect 'status after setProxy: {"version":"10.10.0-rc.5","process":"main","feature":0,"error":["NOT_SETUP","NOT_UPDATE_CONFIG","NOT_START_UPDATE"],"storage":"writable"}' "$out"
 expect "requested https://config.example.com/ferrit/fconfig/shop/1.0/0~0/~" "$out"
 expect "configuration version 1732200000000 with 4 packs" "$out"
-expect 'status after startUpdate: {"version":"10.10.0-rc.5","process":"main","feature":0}' "$out"
+expect 'status after startUpdate: {"version":"10.10.0-rc.5","process":"main","feature":0,"storage":"writable"}' "$out"
 expect "X-Ferrit-Info: F:shop@3,0" "$out"
 echo "sample app: all answers as expected"
