@@ -481,10 +481,10 @@ async function open(options) {
   const cache = new FerritCache(settings);
   current = cache;
   try {
-    await fs.promises.mkdir(settings.root, { recursive: true });
     if (settings.rawFiles !== undefined && !fs.existsSync(settings.rawFiles)) {
       throw badOption('rawFiles', 'must be an existing folder', settings.rawFiles);
     }
+    await fs.promises.mkdir(settings.root, { recursive: true });
     natives.setEnvNative(Env[settings.env]);
     natives.setLocaleNative(settings.locale);
     natives.setNetworkStatusNative(Network[settings.network]);
