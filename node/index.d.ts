@@ -241,9 +241,26 @@ export interface InspectError extends Error {
   data: unknown;
 }
 
+/// The status report that inspect("FerritDev.info") answers; onStateChanged receives it as JSON
+/// text.
+export interface InspectInfo {
+  version: string;
+  process: 'main' | 'sub';
+  feature: number;
+  /**
+   * What keeps the library from serving or updating: "NO_PROXY", "ROOT_NOT_EXIST", "NOT_SETUP",
+   * "NO_APPKEY", "NO_APPVERSION", "NOT_UPDATE_CONFIG", "NOT_START_UPDATE", "STORAGE_READ_ONLY".
+   * Absent when nothing does.
+   */
+  error?: string[];
+  /** "writable", or "read-only: " and the reason. */
+  storage: string;
+}
+
 /**
  * Sends a command to the developer inspector ("Ferrit.prefetch", "FerritDev.info", ...) and
  * resolves with its reply. A command that fails (9996 when the command does not exist) rejects with
  * an InspectError; a command that is not a string rejects with a TypeError.
  */
+export function inspect(command: 'FerritDev.info', params?: Record<string, unknown>): Promise<InspectInfo>;
 export function inspect(command: string, params?: Record<string, unknown>): Promise<Record<string, unknown>>;
