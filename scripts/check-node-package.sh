@@ -92,6 +92,28 @@ server.listen(0, '127.0.0.1', () => {
 });
 JS
 
+# The declarations resolve through the package's "exports" as a TypeScript user's compiler finds
+# them (Node's module resolution, strict), with the compiler and Node's types of node/typecheck
+# (node/typecheck/check.js checks the declaration files themselves; here only their use).
+typecheck="$repo/node/typecheck/node_modules"
+[ -f "$typecheck/typescript/bin/tsc" ] ||
+  { echo "check-node-package: $typecheck/typescript is missing; run scripts/setup.sh" >&2; exit 1; }
+{
+  echo "import * as ferrit from 'ferritcore';"
+  echo "const nothing: undefined = ferrit.getResourceSyncNative();"
+  echo "void nothing;"
+  [ -f "$repo/node/browser.d.ts" ] && echo "import * as browser from 'ferritcore/browser'; void browser;"
+} >"$work/app/types.ts"
+cat >"$work/app/tsconfig.json" <<JSON
+{"compilerOptions": {"strict": true, "noEmit": true, "target": "ES2022", "module": "node16",
+  "moduleResolution": "node16", "types": ["node"], "typeRoots": ["$typecheck/@types"],
+  "skipLibCheck": true},
+ "files": ["types.ts"]}
+JSON
+node "$typecheck/typescript/bin/tsc" -p "$work/app" ||
+  { echo "check-node-package: the installed package's declarations do not compile" >&2; exit 1; }
+echo "check-node-package: the installed package's declarations resolve and compile"
+
 # The browser helper ships in the same package once it exists in the tree.
 if [ -f "$repo/node/browser.js" ]; then
   env -u FERRITCORE_ADDON FERRIT_LOG_LEVEL=1 node -e "
