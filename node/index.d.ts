@@ -264,3 +264,173 @@ export interface InspectInfo {
  */
 export function inspect(command: 'FerritDev.info', params?: Record<string, unknown>): Promise<InspectInfo>;
 export function inspect(command: string, params?: Record<string, unknown>): Promise<Record<string, unknown>>;
+
+// ---- The host API: open() and the cache it answers (lib/cache.js).
+
+/// The codes of the package's own refusals; a failure of the library carries its number instead.
+export type FerritErrorCode =
+  | 'FERRIT_BAD_OPTION'
+  | 'FERRIT_NO_PUBLIC_KEY'
+  | 'FERRIT_BAD_PUBLIC_KEY'
+  | 'FERRIT_ALREADY_OPEN'
+  | 'FERRIT_OTHER_ROOT'
+  | 'FERRIT_CLOSED'
+  | 'FERRIT_NOT_SUPPORTED'
+  | 'FERRIT_NO_CONFIGURATION'
+  | 'FERRIT_INSPECT_FAILED';
+
+/// The package's error: every rejection of open() and of the cache, every miss, and what the
+/// library's error values become.
+export class FerritError extends Error {
+  constructor(message: string, details?: { code?: number | FerritErrorCode; reason?: string; cause?: unknown });
+  /** The library's number (1003, 3104, ...) or the package's "FERRIT_..." text. */
+  code: number | FerritErrorCode | undefined;
+  /** The words, without the package's prefix. */
+  reason: string;
+}
+
+/// The network state the library updates under: 'none' keeps installed packs as they are.
+export type NetworkStatus = 'none' | 'unrestricted' | 'slow-mobile' | 'fast-mobile';
+
+/// The fetch the package sends the library's requests with (globalThis.fetch by default).
+export type FetchFunction = (url: string, init: { headers: Record<string, string>; signal?: AbortSignal }) => Promise<{
+  status: number;
+  headers: { forEach(callback: (value: string, name: string) => void): void } | Record<string, string>;
+  body?: unknown;
+  arrayBuffer(): Promise<ArrayBuffer>;
+}>;
+
+export interface OpenOptions {
+  /** The cache's folder; created when missing. One root per process. */
+  root: string;
+  appKey: string;
+  appVersion: string;
+  /** The publisher's Ed25519 public key, in any form of PublisherKey. Required unless insecureNoSignatureCheck. */
+  publicKey?: PublisherKey;
+  /** Development only: opens with no signature checked when no publicKey is given. */
+  insecureNoSignatureCheck?: boolean;
+  /** The address of the tree `ferrit publish` wrote. Without it nothing is requested. */
+  server?: string;
+  /** Where the packs are: absolute, or relative to server. Default `${server}packs/`. */
+  packs?: string;
+  /** Default: Intl.DateTimeFormat().resolvedOptions().locale. */
+  locale?: string;
+  /** Default 'unrestricted'. */
+  network?: NetworkStatus;
+  /** Default 'release'; 'daily' and 'debug' read the addresses built into the library. */
+  env?: 'release' | 'daily' | 'debug';
+  /** Default globalThis.fetch; every request of the library goes through it. */
+  fetch?: FetchFunction;
+  /** A folder of packs shipped with the app. */
+  rawFiles?: string;
+  /** Milliseconds between the library's own configuration checks (default 300000). */
+  updateInterval?: number;
+  /** Default true: updating starts once the first configuration arrived; false: call startUpdate(). */
+  autoUpdate?: boolean;
+  /** 1 (most severe only) .. 5 (everything); default FERRIT_LOG_LEVEL, else 2. */
+  logLevel?: 1 | 2 | 3 | 4 | 5;
+}
+
+/// A request answered from an installed pack.
+export interface Hit {
+  hit: true;
+  url: string;
+  status: 200;
+  headers: Record<string, string>;
+  body: Buffer;
+  md5: string;
+}
+
+/// A request the cache does not answer: the host goes to the network.
+export interface Miss {
+  hit: false;
+  url: string;
+  is404: boolean;
+  /** The library's code; 0 when it gave none. */
+  code: number;
+  /** The library's words. */
+  reason: string;
+  error: FerritError;
+}
+
+export type Answer = Hit | Miss;
+
+export interface GetOptions {
+  headers?: Record<string, string>;
+  referrer?: string;
+}
+
+export type LifecycleState = 'loaded' | 'proxied' | 'set up' | 'configured' | 'updating';
+
+export interface Status {
+  state: LifecycleState;
+  /** 'writable', or 'read-only: ' and the reason. */
+  storage: string;
+  /** The version of the configuration in force; '' while there is none. */
+  version: string;
+  /** The status report's codes ("NOT_START_UPDATE", ...), then the host's problems in words. */
+  problems: string[];
+  packs: Record<string, { configured: number; installed: number }>;
+}
+
+export interface PackResult {
+  name: string;
+  /** Absent when the pack installed (or was current). */
+  error?: FerritError;
+}
+
+export interface UpdateResult {
+  version: string;
+  packs: PackResult[];
+}
+
+/// A performance record of the library.
+export interface FerritRecord {
+  name: string;
+  dimensions: Record<string, string>;
+  measures: Record<string, number>;
+}
+
+/// One entry of the library's log, as the JSON line it writes to stderr.
+export interface LogEntry {
+  level: number;
+  tag: string;
+  event: string;
+  message?: string;
+  [field: string]: unknown;
+}
+
+export interface FerritCacheEvents {
+  packUpdated: [name: string];
+  queueFinished: [count: number];
+  record: [record: FerritRecord];
+  log: [entry: LogEntry];
+  state: [status: Status];
+}
+
+export interface FerritCache extends NodeJS.EventEmitter {
+  get(url: string, options?: GetOptions): Promise<Answer>;
+  getSync(url: string, options?: GetOptions): Answer;
+  prefetch(urls: string[]): void;
+  update(): Promise<UpdateResult>;
+  update(name: string): Promise<PackResult>;
+  startUpdate(): void;
+  setNetwork(status: NetworkStatus): void;
+  setActive(active: boolean): void;
+  status(): Promise<Status>;
+  inspect(command: string, params?: Record<string, unknown>): Promise<Record<string, unknown>>;
+  logLevel: number;
+  close(): Promise<void>;
+  readonly closed: boolean;
+  readonly root: string;
+
+  on<K extends keyof FerritCacheEvents>(event: K, listener: (...args: FerritCacheEvents[K]) => void): this;
+  once<K extends keyof FerritCacheEvents>(event: K, listener: (...args: FerritCacheEvents[K]) => void): this;
+  off<K extends keyof FerritCacheEvents>(event: K, listener: (...args: FerritCacheEvents[K]) => void): this;
+  addListener<K extends keyof FerritCacheEvents>(event: K, listener: (...args: FerritCacheEvents[K]) => void): this;
+  removeListener<K extends keyof FerritCacheEvents>(event: K, listener: (...args: FerritCacheEvents[K]) => void): this;
+}
+
+/// Sets the library up for the host and resolves with the cache once it is; rejects with a
+/// FerritError ("FERRIT_BAD_OPTION", "FERRIT_NO_PUBLIC_KEY", "FERRIT_ALREADY_OPEN", ...).
+export function open(options: OpenOptions): Promise<FerritCache>;
