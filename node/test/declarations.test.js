@@ -530,16 +530,14 @@ test('DeclarationsTest.OpenAnswersAndEventsHaveTheDeclaredMembers', async (t) =>
   assertKeys(interfaceName(packsMember.type), seen.updatePack, 'a pack of update()');
   assertKeys(interfaceName(one.type), seen.updateOne, 'what update(name) resolves with');
 
-  const listeners = new Map();
-  for (const on of cacheMethods.get('on') ?? []) {
-    const [event, listener] = on.parameters;
-    if (!event?.type || !ts.isLiteralTypeNode(event.type) || !ts.isStringLiteral(event.type.literal)) continue;
-    listeners.set(event.type.literal.text, listener.type);
-  }
+  // What each event carries: the first element of its entry in the event map that on() takes.
+  const eventMap = declarations.interfaces.get('FerritCacheEvents');
+  assert.ok(eventMap, 'the declarations have no FerritCacheEvents, the events of FerritCache.on()');
   for (const [event, keys] of Object.entries(seen.events)) {
-    const listener = listeners.get(event);
-    assert.ok(listener && ts.isFunctionTypeNode(listener), `FerritCache declares no on("${event}", listener)`);
-    const valueType = listener.parameters[0]?.type;
+    const entry = eventMap.members.get(event);
+    assert.ok(entry && entry.type && ts.isTupleTypeNode(entry.type), `FerritCacheEvents declares no "${event}"`);
+    const first = entry.type.elements[0];
+    const valueType = first && ts.isNamedTupleMember(first) ? first.type : first;
     if (Array.isArray(keys)) {
       assertKeys(interfaceName(valueType), keys, `a "${event}" event`);
     } else {
