@@ -244,8 +244,8 @@ function chromiumPath() {
   return process.env.CHROMIUM_PATH || findBinary(['chromium', 'chromium-browser']);
 }
 
-// `site` is "host:port" that the app's host name resolves to.
-async function launchBrowser(site) {
+// `site` is "host:port" that the app's host name (and each of `hosts`) resolves to.
+async function launchBrowser(site, { hosts = [] } = {}) {
   const puppeteer = require('puppeteer-core');
   const executablePath = chromiumPath();
   if (!executablePath) throw new Error('chromium is not installed (scripts/setup.sh installs it)');
@@ -253,7 +253,7 @@ async function launchBrowser(site) {
     executablePath,
     headless: true,
     args: ['--no-sandbox', '--disable-gpu', '--no-first-run', '--disable-background-networking',
-      '--proxy-server=direct://', '--proxy-bypass-list=*', `--host-resolver-rules=MAP ${kAppHost} ${site}`],
+      '--proxy-server=direct://', '--proxy-bypass-list=*', `--host-resolver-rules=${[kAppHost, ...hosts].map((h) => `MAP ${h} ${site}`).join(', ')}`],
   });
 }
 
