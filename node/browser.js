@@ -250,6 +250,9 @@ async function servePage(page, cache, options = {}) {
     enable().catch(() => {});
   };
 
+  const onPageClosed = () => {
+    server.detach().catch(() => {});
+  };
   const server = {
     served,
     stats,
@@ -258,6 +261,7 @@ async function servePage(page, cache, options = {}) {
       if (detached) return;
       detached = true;
       if (!options.prefixes && typeof cache.off === 'function') cache.off('packUpdated', onPackUpdated);
+      if (typeof page.off === 'function') page.off('close', onPageClosed);
       session.off('Fetch.requestPaused', onPaused);
       await session.send('Fetch.disable').catch(() => {});
       await session.detach().catch(() => {});
@@ -271,6 +275,8 @@ async function servePage(page, cache, options = {}) {
     throw error;
   }
   if (!options.prefixes && typeof cache.on === 'function') cache.on('packUpdated', onPackUpdated);
+  // A closed page needs no server: its loopback server closes with it.
+  if (typeof page.once === 'function') page.once('close', onPageClosed);
   return server;
 }
 
