@@ -402,17 +402,30 @@ napi_value inspectNative(napi_env env, napi_callback_info info) {
     const std::optional<std::string> paramsText = NAPI::toString(env, args[1]);
     std::shared_ptr<NAPI::JSFunction> callback = NAPI::toFunction(env, args[2]);
     if (!command || !paramsText || !callback) return undefinedOf(env);
-    const JSON params = JSON::parse(*paramsText);
     const auto reply = [callback](bool success, const JSON& data) {
         callback->call([success, text = data.toString()](napi_env env) -> std::vector<napi_value> {
             return {NAPI::toBool(env, success), NAPI::toString(env, text)};
         });
     };
-    if (!MarlLogger::Inspector::sendCommand(*command, params, reply)) {
-        const Error error = Errors::devToolNotAvailable(*command);
-        reply(false, JSON(MarlLogger::json::JSONObject{{"code", error.code()},
-                                                       {"message", error.message()}}));
-    }
+    // Behind the lifecycle natives already queued: a command sent right after setupNative finds
+    // the commands that setup registers, instead of racing it on the work pool.
+    postSerial(env, [command = std::move(*command), params = JSON::parse(*paramsText), reply] {
+        if (!MarlLogger::Inspector::sendCommand(command, params, reply)) {
+            const Error error = Errors::devToolNotAvailable(command);
+            reply(false, JSON(MarlLogger::json::JSONObject{{"code", error.code()},
+                                                           {"message", error.message()}}));
+        }
+    });
+    return undefinedOf(env);
+}
+
+// ---- whenReady(callback): callback() on the script thread once every lifecycle native queued
+// before this call has run, so that a host can wait for its own start-up order.
+
+napi_value whenReadyNative(napi_env env, napi_callback_info info) {
+    std::shared_ptr<NAPI::JSFunction> callback = NAPI::toFunction(env, NAPI::firstArg(env, info));
+    if (!callback) return undefinedOf(env);
+    postSerial(env, [callback] { callback->call({}); });
     return undefinedOf(env);
 }
 
@@ -487,6 +500,7 @@ napi_value Init(napi_env env, napi_value exports) {
     // neither one of the natives.
     defineSymbolMethod(env, exports, "ferritcore.inspect", "inspect", inspectNative);
     defineSymbolMethod(env, exports, "ferritcore.hostKey", "hostKey", hostKeyNative);
+    defineSymbolMethod(env, exports, "ferritcore.whenReady", "whenReady", whenReadyNative);
     return exports;
 }
 
