@@ -260,6 +260,13 @@ class FerritCache extends EventEmitter {
     return this.#settings.fetch;
   }
 
+  // Why the request for `url` is not sent, or undefined when it is: without a server the cache
+  // asks nobody, whatever addresses the library was built with.
+  refusal(url) {
+    if (this.#settings.server || this.#settings.packs) return undefined;
+    return `${url}: not requested: open() was given no "server", so the cache requests nothing`;
+  }
+
   configAnswered(url, notFound, global) {
     const key = `config ${url}`;
     if (!notFound) {
