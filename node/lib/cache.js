@@ -246,9 +246,10 @@ class FerritCache extends EventEmitter {
 
   // The package's own log entries go where the library's go: the "log" event or stderr.
   #log(level, event, fields) {
+    if (level > this.#currentLevel()) return;
     const entry = { level, tag: kHostTag, event, ...fields };
     if (this.listenerCount('log') > 0) this.emit('log', entry);
-    else if (level <= this.#currentLevel()) process.stderr.write(`${JSON.stringify(entry)}\n`);
+    else process.stderr.write(`${JSON.stringify(entry)}\n`);
   }
 
   #currentLevel() {
