@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "access/AppRoot.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
@@ -429,6 +430,17 @@ napi_value whenReadyNative(napi_env env, napi_callback_info info) {
     return undefinedOf(env);
 }
 
+// ---- wantRecords(on): while on, performance records are built and handed to the host object's
+// "sendEvent"; off (the start) they are not built at all. Anything but a boolean does nothing.
+
+napi_value wantRecordsNative(napi_env env, napi_callback_info info) {
+    const std::optional<bool> on = NAPI::readBool(env, NAPI::firstArg(env, info));
+    if (!on) return undefinedOf(env);
+    BridgeProxy::setWantsRecords(*on);
+    Environment::instance().refreshTakesEvents();
+    return undefinedOf(env);
+}
+
 // ---- The check of a host object's key, for the package's entry point: (host) -> {state, reason}.
 
 napi_value hostKeyNative(napi_env env, napi_callback_info info) {
@@ -501,6 +513,7 @@ napi_value Init(napi_env env, napi_value exports) {
     defineSymbolMethod(env, exports, "ferritcore.inspect", "inspect", inspectNative);
     defineSymbolMethod(env, exports, "ferritcore.hostKey", "hostKey", hostKeyNative);
     defineSymbolMethod(env, exports, "ferritcore.whenReady", "whenReady", whenReadyNative);
+    defineSymbolMethod(env, exports, "ferritcore.wantRecords", "wantRecords", wantRecordsNative);
     return exports;
 }
 

@@ -246,9 +246,10 @@ class FerritCache extends EventEmitter {
 
   // The package's own log entries go where the library's go: the "log" event or stderr.
   #log(level, event, fields) {
+    if (level > this.#currentLevel()) return;
     const entry = { level, tag: kHostTag, event, ...fields };
     if (this.listenerCount('log') > 0) this.emit('log', entry);
-    else if (level <= this.#currentLevel()) process.stderr.write(`${JSON.stringify(entry)}\n`);
+    else process.stderr.write(`${JSON.stringify(entry)}\n`);
   }
 
   #currentLevel() {
@@ -258,6 +259,13 @@ class FerritCache extends EventEmitter {
   // ---- What the host object hands on (see host.js).
   get fetch() {
     return this.#settings.fetch;
+  }
+
+  // Why the request for `url` is not sent, or undefined when it is: without a server the cache
+  // asks nobody, whatever addresses the library was built with.
+  refusal(url) {
+    if (this.#settings.server || this.#settings.packs) return undefined;
+    return `${url}: not requested: open() was given no "server", so the cache requests nothing`;
   }
 
   configAnswered(url, notFound, global) {

@@ -14,9 +14,11 @@ const kReferHeader = 'f-refer';
 const kReferConfig = 'ferrit_config';
 // The global configuration's path below the server, as the library asks for it.
 const kGlobalConfigPath = '/fconfig/';
-// Transport failures handed back to the library: the request failed, or no cache is open.
+// Transport failures handed back to the library: the request failed, no cache is open, or the
+// cache sends no requests (it has no server).
 const kTransportFailed = 1;
 const kClosed = 2;
+const kRefused = 3;
 const kNotFound = 404;
 const kMsPerSecond = 1000;
 
@@ -94,6 +96,11 @@ async function send(natives, session, request, id) {
   const answer = (response, error) => natives.onSendRequestFinishedNative(id, response, error);
   if (!session) {
     answer(undefined, { code: kClosed, message: `${url}: the cache is closed; nothing is fetched` });
+    return;
+  }
+  const refusal = session.refusal(url);
+  if (refusal) {
+    answer(undefined, { code: kRefused, message: refusal });
     return;
   }
   const header = request.header ?? {};

@@ -119,7 +119,8 @@ test('EventsTest.InstallOfflineAndIncrementAreHeard', async (t) => {
     assert.notEqual(result.version, versionBefore);
     await seen.until('packUpdated', () => seen.values('packUpdated').length > updatesBefore);
     assert.ok(server.hits.includes('/packs/site/i/2.zip'), JSON.stringify(server.hits));
-    await seen.until('record', (r) => r.name === 'Ferrit.AppUpdate' && r.dimensions.newSeq === '2');
+    const increment = await seen.until('record', (r) => r.name === 'Ferrit.AppUpdate' && r.dimensions.newSeq === '2');
+    assert.equal(increment.dimensions.incr, 'true');
     assert.equal((await cache.get(`${PREFIX}index.html`)).body.toString(), PAGE_V2);
     assert.equal((await cache.get(`${PREFIX}style.css`)).body.toString(), STYLE);
     const status = await cache.status();

@@ -25,12 +25,12 @@ const kEnvRelease = 2;
 const kNetworkUnrestricted = 1;
 // Bit 0 of setup's mode: the host calls startUpdateNative itself.
 const kModeHostStartsUpdate = 1;
-const kModeAutoUpdate = 0;
 // The inspector's answer for a command that is not registered (yet).
 const kDevToolNotAvailable = 9996;
 
 const APP = { appKey: 'hooks', appVersion: '1.0', locale: 'en' };
 const PREFIX = 'https://hooks.example.com/app/';
+const LIB_PREFIX = 'https://lib.example.com/lib/';
 const PAGE = '<!doctype html><p>hooks</p>\n';
 
 // ---- The scenarios, each in a process of its own.
@@ -127,6 +127,63 @@ const scenarios = {
   },
 };
 
+// Resolves once `predicate` holds, turn by turn of the event loop (a deadline in turns only
+// guards against a hang).
+async function until(predicate, turns = 2000000) {
+  for (let i = 0; i < turns; ++i) {
+    if (predicate()) return;
+    await new Promise((resolve) => setImmediate(resolve));
+  }
+  throw new Error('condition never held: ' + JSON.stringify(globalThis.heardSoFar ?? null).slice(0, 3000));
+}
+
+scenarios.events = async (o) => {
+  const native = require(addonPath);
+  const heard = { packUpdated: [], queueFinished: [], records: [] };
+  globalThis.heardSoFar = heard;
+  const methods = o.methods === false ? {} : {
+    onPackUpdated(name) { heard.packUpdated.push(name); },
+    onQueueFinished(count) {
+      heard.queueFinished.push(count);
+      // A listener that throws is the host's failure: logged, and nothing else changes.
+      if (heard.queueFinished.length === 1) throw new Error('listener broke');
+    },
+    sendEvent(record) { heard.records.push(record); },
+  };
+  const host = makeHost(native, o.server, methods);
+  const keepAlive = setInterval(() => {}, 1 << 30);
+  symbols(native).wantRecords(true);
+  start(native, host, o.root, { server: o.server });
+  // The first configuration, then updating, then each configured pack, as a host's update does.
+  for (;;) {
+    const { data } = await inspect(native, 'FerritDev.info');
+    if (!(data.error || []).includes('NOT_UPDATE_CONFIG')) break;
+    await new Promise((resolve) => setImmediate(resolve));
+  }
+  native.startUpdateNative();
+  heard.installs = await Promise.all(['site', 'lib'].map((name) => new Promise((resolve) =>
+    native.updatePackNative({ name }, (packName, error) => resolve([packName, error?.message ?? null])))));
+  const served = (url) => native.getResourceSyncNative({ url }).error === undefined;
+  if (o.methods !== false) {
+    // Nothing is asked before the host hears the installs, so no visit has been recorded yet.
+    await until(() => heard.queueFinished.length > 0 &&
+      ['site', 'lib'].every((name) => heard.packUpdated.includes(name)));
+    // A hit of "site" while records are wanted, one of "lib" while they are not, one of "site"
+    // after: records reach the host in order, so a "lib" visit would come before the second one.
+    const visits = (name) => heard.records.filter((r) => r.name === 'Ferrit.AppVisit' && r.dimensions.appName === name);
+    heard.servedWhileOn = served(o.urls.site);
+    symbols(native).wantRecords(false);
+    heard.servedWhileOff = served(o.urls.lib);
+    symbols(native).wantRecords(true);
+    served(o.urls.site);
+    await until(() => visits('site').length >= 2);
+    heard.libVisits = visits('lib').length;
+  }
+  heard.served = [served(o.urls.site), served(o.urls.lib)];
+  clearInterval(keepAlive);
+  return { ...heard, notABoolean: symbols(native).wantRecords('yes') };
+};
+
 async function runScenario(name) {
   const o = JSON.parse(process.env.FERRIT_HOOKS_OPTIONS || '{}');
   const result = await scenarios[name](o);
@@ -180,4 +237,69 @@ test('HooksTest.WhenReadyCallsBackAfterTheQueuedLifecycleNatives', async (t) => 
   assert.ok(result.missWhenReady, JSON.stringify(result));
   assert.doesNotMatch(result.missWhenReady, /setProxy not called|setup not called|still loading/);
   assert.equal(result.notAFunction, undefined, 'a non-function is ignored');
+});
+
+// A signed tree of two packs, "site" and "lib", published with the build's tool, served on
+// loopback. Resolves with {server, urls, close}.
+async function publishTree(t) {
+  const dir = tempRoot(t);
+  const site = path.join(dir, 'site');
+  for (const folder of ['app', 'lib']) {
+    fs.mkdirSync(path.join(site, folder), { recursive: true });
+    fs.writeFileSync(path.join(site, folder, 'index.html'), PAGE);
+  }
+  const manifest = path.join(dir, 'manifest.json');
+  fs.writeFileSync(manifest, JSON.stringify({
+    app: { key: APP.appKey, version: APP.appVersion, locale: APP.locale },
+    zips: 'packs/',
+    packs: [
+      { name: 'site', folder: 'app', prefix: PREFIX, priority: 9 },
+      { name: 'lib', folder: 'lib', prefix: LIB_PREFIX, priority: 9 },
+    ],
+  }));
+  const tree = path.join(dir, 'tree');
+  execFileSync(ferritTool, ['publish', '--key', publisherPrivate, '--manifest', manifest, site, tree]);
+  const { server, base } = await startServer((pathname) => {
+    const file = path.join(tree, decodeURIComponent(pathname));
+    if (!file.startsWith(tree) || !fs.existsSync(file) || !fs.statSync(file).isFile()) return undefined;
+    return { body: fs.readFileSync(file) };
+  });
+  t.after(() => server.close());
+  return { dir, server: base, urls: { site: PREFIX + 'index.html', lib: LIB_PREFIX + 'index.html' } };
+}
+
+test('HooksTest.HostMethodsHearInstallsQueueEndsAndRecords', async (t) => {
+  const tree = await publishTree(t);
+  const { result, stderr } = await run('events', { root: path.join(tree.dir, 'root'), server: tree.server, urls: tree.urls });
+  assert.match(stderr, /"event":"hostMethod".*"reason":"onQueueFinished threw Error: listener broke"/);
+  assert.deepEqual(result.installs, [['site', null], ['lib', null]]);
+  assert.deepEqual(result.served, [true, true]);
+  assert.deepEqual([...result.packUpdated].sort(), ['lib', 'site']);
+  assert.ok(result.queueFinished.length >= 1);
+  assert.ok(result.queueFinished.every((count) => Number.isInteger(count) && count >= 0), JSON.stringify(result.queueFinished));
+  assert.ok(result.queueFinished.some((count) => count >= 2), JSON.stringify(result.queueFinished));
+  const names = new Set(result.records.map((r) => r.name));
+  for (const name of ['Ferrit.ConfigUpdate', 'Ferrit.AppUpdate', 'Ferrit.AppVisit']) assert.ok(names.has(name), [...names].join());
+  for (const record of result.records) {
+    assert.deepEqual(Object.keys(record), ['name', 'dimensions', 'measures']);
+    for (const value of Object.values(record.dimensions)) assert.equal(typeof value, 'string');
+    for (const value of Object.values(record.measures)) assert.equal(typeof value, 'number');
+    assert.equal(typeof record.dimensions.sessionID, 'string');
+  }
+  const update = result.records.find((r) => r.name === 'Ferrit.AppUpdate' && r.dimensions.appName === 'site');
+  assert.ok(update, 'the install of "site" is recorded');
+  assert.equal(typeof update.measures.fileSize, 'number');
+  assert.equal(result.servedWhileOn, true);
+  assert.equal(result.servedWhileOff, true);
+  assert.equal(result.libVisits, 0, 'no record is built while records are not wanted');
+  assert.equal(result.notABoolean, undefined);
+});
+
+test('HooksTest.HostWithoutTheMethodsUpdatesAsBefore', async (t) => {
+  const tree = await publishTree(t);
+  const { result, stderr } = await run('events', { root: path.join(tree.dir, 'root'), server: tree.server, urls: tree.urls, methods: false });
+  assert.deepEqual(result.installs, [['site', null], ['lib', null]]);
+  assert.deepEqual(result.served, [true, true]);
+  assert.deepEqual(result.packUpdated, []);
+  assert.doesNotMatch(stderr, /hostMethod/);
 });

@@ -68,6 +68,8 @@ test('OpenTest', async (t) => {
   let cache;
   await t.test('ResolvesOnceSetUpAndInspectNeverRaces', async () => {
     cache = await ferrit.open(good);
+    // The folders the library makes when it takes its root are there before anything else runs.
+    assert.ok(fs.existsSync(path.join(root, 'packs')) && fs.existsSync(path.join(root, 'temp')));
     // Straight after open() the library is set up: the inspector is there, never "not available".
     const [info, status] = await Promise.all([cache.inspect('FerritDev.info'), cache.status()]);
     assert.equal(info.process, 'main');
