@@ -127,10 +127,15 @@ function startNetwork() {
   const requested = [];
   const server = http.createServer((req, res) => {
     requested.push(`${req.headers.host}${req.url}`);
-    res.writeHead(req.url === '/app/index.html' ? 200 : req.url.endsWith('.txt') ? 200 : 404, {
+    res.writeHead(req.url.endsWith('.html') || req.url.endsWith('.txt') ? 200 : 404, {
       'content-type': req.url.endsWith('.html') ? 'text/html' : 'text/plain',
     });
-    res.end(req.url.endsWith('.html') ? '<!doctype html><body>from the network</body>' : `network ${req.url}`);
+    if (req.url === '/plain/index.html') {
+      // A page of the network that takes a large script from the packs.
+      res.end('<!doctype html><script src="/app/classic.js"></script><body>from the network</body>');
+    } else {
+      res.end(req.url.endsWith('.html') ? '<!doctype html><body>from the network</body>' : `network ${req.url}`);
+    }
   });
   return new Promise((resolve) => server.listen(0, '127.0.0.1', () => resolve({
     port: server.address().port,
@@ -231,6 +236,33 @@ test('servePage: the page cannot tell the loopback path from its own URLs', { ti
     await page.goto(`${prefix}index.html`);
     assert.equal(await page.$eval('body', (b) => b.textContent), 'late pack');
     await server.detach();
+    await page.close();
+  });
+
+  await t.test('a page from the network takes even large bodies from the packs inline', async () => {
+    const page = await browser.newPage();
+    await page.setCacheEnabled(false);
+    const server = await servePage(page, cache);
+    await page.goto(`${s.kAppOrigin}/plain/index.html`);
+    assert.deepEqual(await page.evaluate(() => window.classic), { src: `${kAppPrefix}classic.js` });
+    assert.deepEqual(server.served, [{ url: `${kAppPrefix}classic.js`, fromPack: true }]);
+    assert.deepEqual([server.stats.inline, server.stats.loopback], [1, 0]);
+    await page.close();
+  });
+
+  await t.test('arguments that are not what servePage takes are refused before anything starts', async () => {
+    const page = await browser.newPage();
+    for (const [p, c, o, words] of [
+      [page, cache, { inlineLimit: -1 }, /inlineLimit/],
+      [page, cache, { prefixes: 'http://story.test/' }, /prefixes/],
+      [page, cache, { sync: 'yes' }, /sync/],
+      [page, cache, null, /options/],
+      [{}, cache, {}, /puppeteer-core Page/],
+      [page, {}, {}, /cache must have get/],
+      [page, { get: cache.get }, { sync: true }, /getSync/],
+    ]) {
+      await assert.rejects(servePage(p, c, o), (error) => error.code === 'FERRIT_BAD_OPTION' && words.test(error.message));
+    }
     await page.close();
   });
 

@@ -313,49 +313,17 @@ async function launchBrowser(site, { hosts = [] } = {}) {
   });
 }
 
-// The cache's side of servePage over the Node host example (get, getSync, inspect and the
-// "packUpdated" event), answering in the shape of a hit or a miss.
-const caches = new WeakMap();
-function cacheOver(host) {
-  if (caches.has(host)) return caches.get(host);
-  const { ferrit } = require('../../examples/node-host/FerritHost');
-  const { EventEmitter } = require('events');
-  const answerOf = (url, response) => {
-    const body = response.data ? Buffer.from(response.data) : undefined;
-    if (!response.error && !response.is404 && body !== undefined) {
-      return { hit: true, url, status: 200, headers: response.header ?? {}, body, md5: '' };
-    }
-    const code = response.error?.code ?? 0;
-    const reason = response.error?.message ?? (response.is404 ? 'not in the pack' : 'no answer');
-    const error = Object.assign(new Error(reason), { code });
-    return { hit: false, url, is404: Boolean(response.is404), code, reason, error };
-  };
-  const cache = new EventEmitter();
-  cache.get = (url, { headers = {} } = {}) => new Promise((resolve) => {
-    ferrit.getResourceNative({ url, header: headers }, (response) => resolve(answerOf(url, response)));
-  });
-  cache.getSync = (url, { headers = {} } = {}) => answerOf(url, ferrit.getResourceSyncNative({ url, header: headers }) ?? {});
-  cache.inspect = (command, params) => ferrit.inspect(command, params);
-  const notify = host.proxy.onPackUpdated;
-  host.proxy.onPackUpdated = (name) => {
-    if (notify) notify(name);
-    cache.emit('packUpdated', name);
-  };
-  caches.set(host, cache);
-  return cache;
-}
-
-// Opens `url` in a fresh page whose every request under the packs is answered from the cache
-// through the package's servePage, falling back to the network on a miss as a web view's host
+// Opens `url` in a fresh page whose every request under the packs is answered from `cache` (an
+// open FerritCache) through the package's servePage, falling back to the network on a miss as a web view's host
 // does. Resolves with {page, ms, served} where served lists {url, fromPack, code?, reason?}; the
 // page's server goes when the page closes.
-async function loadThroughHost(browser, host, url, { intercept = true } = {}) {
+async function loadThroughHost(browser, cache, url, { intercept = true } = {}) {
   const page = await browser.newPage();
   await page.setViewport({ width: 400, height: 300 });
   await page.setCacheEnabled(false);
   let served = [];
   if (intercept) {
-    served = (await servePage(page, cacheOver(host))).served;
+    served = (await servePage(page, cache)).served;
   } else {
     page.on('requestfinished', (request) => {
       if (!request.url().endsWith('/favicon.ico')) served.push({ url: request.url(), fromPack: false });
@@ -390,5 +358,5 @@ async function pixelAt(browser, pngBytes, x, y) {
 
 module.exports = {
   repo, build, ferritTool, publicKey, scratch, freePort, Nginx, startDelayProxy, writeSite,
-  writeManifest, writeBundleSite, publish, cacheOver, launchBrowser, loadThroughHost, pixelAt, kResourcesBesides, kAppOrigin,
+  writeManifest, writeBundleSite, publish, launchBrowser, loadThroughHost, pixelAt, kResourcesBesides, kAppOrigin,
 };
