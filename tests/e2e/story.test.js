@@ -93,13 +93,13 @@ test('the app is published, installed, loaded offline and updated by increment',
     if (beforeFetch) await beforeFetch(String(url));
     return fetch(url, init);
   };
-  // The story takes each step itself: nothing updates behind its back.
   const cache = await ferrit.open({
     root, appKey: 'story', appVersion: '1.0', locale: 'en', publicKey: fs.readFileSync(s.publicKey),
-    server: base, fetch: storyFetch, autoUpdate: false,
+    server: base, fetch: storyFetch,
   });
   onCleanup('cache', () => cache.close());
   const inspector = new FerritHost({ publicKeyPem: s.publicKey });
+  inspector.cache = cache;
   cache.on('packUpdated', (name) => inspector.note('pack', { name }));
   const update = async () => {
     const result = await cache.update();
@@ -304,8 +304,15 @@ test('the app is published, installed, loaded offline and updated by increment',
     const reverted = s.publish(siteRoot, manifest, tree);
     assert.match(reverted, /story 6 \(increment from 1: 2 changed, 0 added, 0 removed\)/);
     await nginx.start();
-    const back = await update();
-    assert.deepEqual(back.map((r) => [r.name, r.error]), [['story', undefined]]);
+    const asked = requests.length;
+    let back = await update();
+    // The library may still hold a retry of the damaged version 4 from the steps before; it runs
+    // first, and update() reports its failure for the pack. The next update() installs 6.
+    if (back.length === 1 && back[0].error && /story_4_/.test(back[0].error.message)) {
+      step('a retry of version 4 was pending; updating again');
+      back = await update();
+    }
+    assert.deepEqual(back.map((r) => [r.name, r.error]), [['story', undefined]], `asked for ${requests.slice(asked).join(' ')}`);
     assert.equal(Number((await packs()).story.installedSeq), 6);
     assert.ok(nginx.requestedPaths().includes('/packs/story/i/6.zip'), 'the increment was fetched');
     assert.ok(!nginx.requestedPaths().includes('/packs/story/6.zip'), 'not the full zip');
