@@ -1,5 +1,6 @@
 'use strict';
-// Serves a puppeteer-core page from a ferritcore cache: every request of the page under the packs'
+// Serves a puppeteer-core page from a ferritcore cache: every request of the page (its frames,
+// those of other sites in a process of their own too, and its dedicated workers) under the packs'
 // URL prefixes pauses in the browser (the DevTools protocol's Fetch domain), the cache answers it,
 // and a miss goes on to the network untouched. Requests outside the prefixes never pause.
 //
@@ -168,11 +169,14 @@ async function servePage(page, cache, options = {}) {
   }
   let detached = false;
 
-  const send = (method, params) => session.send(method, params).catch(() => {
-    // The page closed or navigated away meanwhile: nothing is waiting for this request.
-  });
+  // The page's own session, and one for each frame of another site that runs in a process of its
+  // own: its requests pause there, not in the page's.
+  const sessions = new Set([session]);
 
-  const answerRequest = async ({ requestId, request, resourceType, frameId }) => {
+  const answerRequest = async (on, { requestId, request, resourceType, frameId }) => {
+    const send = (method, params) => on.send(method, params).catch(() => {
+      // The page closed or navigated away meanwhile: nothing is waiting for this request.
+    });
     ++stats.paused;
     if (request.method !== 'GET' && request.method !== 'HEAD') {
       if (resourceType === 'Document') loopbackFrames.delete(frameId);
@@ -232,19 +236,47 @@ async function servePage(page, cache, options = {}) {
       await send('Fetch.continueRequest', { requestId, url });
     }
   };
-  const onPaused = (event) => {
-    answerRequest(event).catch(() => {});
+  let patterns = [];
+  const enableOn = (on) => {
+    // With no pattern the domain would pause everything; with no prefix nothing is to pause.
+    return patterns.length === 0 ? on.send('Fetch.disable') : on.send('Fetch.enable', { patterns });
   };
-  session.on('Fetch.requestPaused', onPaused);
+  // Each session pauses its requests for the cache and attaches to the frames of other sites
+  // below it, which wait until their requests pause too.
+  const listen = (on) => {
+    const onPaused = (event) => {
+      answerRequest(on, event).catch(() => {});
+    };
+    const onAttached = (child) => {
+      if (detached) return;
+      sessions.add(child);
+      listen(child);
+      enableOn(child).then(() => child.send('Runtime.runIfWaitingForDebugger')).catch(() => {});
+    };
+    const onDetached = (child) => {
+      sessions.delete(child);
+    };
+    on.on('Fetch.requestPaused', onPaused);
+    on.on('sessionattached', onAttached);
+    on.on('sessiondetached', onDetached);
+    on.unlisten = () => {
+      on.off('Fetch.requestPaused', onPaused);
+      on.off('sessionattached', onAttached);
+      on.off('sessiondetached', onDetached);
+    };
+    return on.send('Target.setAutoAttach', {
+      autoAttach: true, waitForDebuggerOnStart: true, flatten: true, filter: [{ type: 'iframe', exclude: false }],
+    }).catch(() => {});
+  };
 
   const enable = async () => {
     const prefixes = options.prefixes ?? (await configuredPrefixes(cache));
-    const patterns = prefixes === null ? [{ urlPattern: '*', requestStage: 'Request' }]
-      : prefixes.map((p) => ({ urlPattern: patternOf(p), requestStage: 'Request' }));
     if (detached) return;
-    // With no pattern the domain would pause everything; with no prefix nothing is to pause.
-    if (patterns.length === 0) await session.send('Fetch.disable');
-    else await session.send('Fetch.enable', { patterns });
+    patterns = prefixes === null ? [{ urlPattern: '*', requestStage: 'Request' }]
+      : prefixes.map((p) => ({ urlPattern: patternOf(p), requestStage: 'Request' }));
+    await Promise.all([...sessions].map((on) => enableOn(on).catch((error) => {
+      if (on === session) throw error;
+    })));
     server.prefixes = prefixes;
   };
   const onPackUpdated = () => {
@@ -263,14 +295,18 @@ async function servePage(page, cache, options = {}) {
       detached = true;
       if (!options.prefixes && typeof cache.off === 'function') cache.off('packUpdated', onPackUpdated);
       if (typeof page.off === 'function') page.off('close', onPageClosed);
-      session.off('Fetch.requestPaused', onPaused);
-      await session.send('Fetch.disable').catch(() => {});
+      for (const on of sessions) {
+        on.unlisten?.();
+        await on.send('Fetch.disable').catch(() => {});
+      }
+      await session.send('Target.setAutoAttach', { autoAttach: false, waitForDebuggerOnStart: false }).catch(() => {});
       await session.detach().catch(() => {});
       await loopback.close();
     },
   };
   try {
     await enable();
+    await listen(session);
   } catch (error) {
     await server.detach();
     throw error;

@@ -239,6 +239,26 @@ test('servePage: the page cannot tell the loopback path from its own URLs', { ti
     await page.close();
   });
 
+  await t.test('a frame of another site, in a process of its own, is served too', async () => {
+    const frameCache = new MemoryCache({
+      [`${kAppPrefix}framed.html`]: { headers: { 'Content-Type': 'text/html' }, body: Buffer.from(`<iframe src="${kOtherPrefix}frame.html"></iframe>`) },
+      [`${kOtherPrefix}frame.html`]: { headers: { 'Content-Type': 'text/html' }, body: Buffer.from('<script src="frame.js"></script>') },
+      [`${kOtherPrefix}frame.js`]: js(`/*${'f'.repeat(kLargeBytes)}*/ parent.postMessage({ href: location.href, ran: true }, '*');\n`),
+    }, [kAppPrefix, kOtherPrefix]);
+    const page = await browser.newPage();
+    await page.setCacheEnabled(false);
+    const server = await servePage(page, frameCache);
+    await page.evaluateOnNewDocument(() => {
+      window.addEventListener('message', (e) => { window.framed = e.data; });
+    });
+    await page.goto(`${kAppPrefix}framed.html`);
+    await page.waitForFunction(() => window.framed, { timeout: 10000 });
+    assert.deepEqual(await page.evaluate(() => window.framed), { href: `${kOtherPrefix}frame.html`, ran: true });
+    assert.deepEqual(server.served.map((r) => [r.url, r.fromPack]), Object.keys(frameCache.files).map((u) => [u, true]));
+    assert.equal(server.stats.loopback, 3);
+    await page.close();
+  });
+
   await t.test('a page from the network takes even large bodies from the packs inline', async () => {
     const page = await browser.newPage();
     await page.setCacheEnabled(false);
