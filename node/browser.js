@@ -157,6 +157,7 @@ async function servePage(page, cache, options = {}) {
     loopback: 0,     // hits served by the loopback server
     bytes: 0,        // body bytes from the cache
     cacheMs: 0,      // time spent waiting for the cache's answers, summed
+    protocolMs: 0,   // time the browser took to take the answers (fulfil or continue), summed
   };
 
   const loopback = await startLoopback();
@@ -174,9 +175,15 @@ async function servePage(page, cache, options = {}) {
   const sessions = new Set([session]);
 
   const answerRequest = async (on, { requestId, request, resourceType, frameId }) => {
-    const send = (method, params) => on.send(method, params).catch(() => {
-      // The page closed or navigated away meanwhile: nothing is waiting for this request.
-    });
+    const send = async (method, params) => {
+      const sent = performance.now();
+      try {
+        await on.send(method, params);
+      } catch {
+        // The page closed or navigated away meanwhile: nothing is waiting for this request.
+      }
+      stats.protocolMs += performance.now() - sent;
+    };
     ++stats.paused;
     if (request.method !== 'GET' && request.method !== 'HEAD') {
       if (resourceType === 'Document') loopbackFrames.delete(frameId);
