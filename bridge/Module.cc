@@ -21,6 +21,7 @@
 #include "base/Telemetry.h"
 #include "bridge/BridgeProxy.h"
 #include "bridge/HostKey.h"
+#include "bridge/HostLog.h"
 #include "bridge/HostValues.h"
 #include "bridge/Napi.h"
 #include "ferritcore/Access.h"
@@ -441,6 +442,30 @@ napi_value wantRecordsNative(napi_env env, napi_callback_info info) {
     return undefinedOf(env);
 }
 
+// ---- logTo(callback | null): the log's entries go to callback(text) on the script thread, one
+// JSON text per entry, in order; null sends them back to stderr. Anything else does nothing.
+
+napi_value logToNative(napi_env env, napi_callback_info info) {
+    napi_value target = NAPI::firstArg(env, info);
+    napi_valuetype type = napi_undefined;
+    if (napi_typeof(env, target, &type) != napi_ok) return undefinedOf(env);
+    if (type == napi_null) {
+        HostLogSink::restoreStderr();
+    } else if (type == napi_function) {
+        HostLogSink::install(env, target);
+    }
+    return undefinedOf(env);
+}
+
+// ---- logLevel(level?) -> number: entries of this level and more severe ones are written (1 the
+// most severe, 5 the most verbose); a number sets it, and the level in force is the answer.
+
+napi_value logLevelNative(napi_env env, napi_callback_info info) {
+    if (const std::optional<int32_t> level = NAPI::toInt32(env, NAPI::firstArg(env, info)))
+        MarlLogger::Log::setLevel(*level);
+    return NAPI::toInt32(env, MarlLogger::Log::level());
+}
+
 // ---- The check of a host object's key, for the package's entry point: (host) -> {state, reason}.
 
 napi_value hostKeyNative(napi_env env, napi_callback_info info) {
@@ -514,6 +539,8 @@ napi_value Init(napi_env env, napi_value exports) {
     defineSymbolMethod(env, exports, "ferritcore.hostKey", "hostKey", hostKeyNative);
     defineSymbolMethod(env, exports, "ferritcore.whenReady", "whenReady", whenReadyNative);
     defineSymbolMethod(env, exports, "ferritcore.wantRecords", "wantRecords", wantRecordsNative);
+    defineSymbolMethod(env, exports, "ferritcore.logTo", "logTo", logToNative);
+    defineSymbolMethod(env, exports, "ferritcore.logLevel", "logLevel", logLevelNative);
     return exports;
 }
 

@@ -7,7 +7,7 @@
 // process: this file runs itself with FERRIT_HOOKS_SCENARIO naming the scenario, which prints one
 // JSON line with what it saw on stdout.
 const assert = require('node:assert/strict');
-const { execFile, execFileSync } = require('child_process');
+const { execFile, execFileSync, spawnSync } = require('child_process');
 const fs = require('fs');
 const path = require('path');
 
@@ -184,6 +184,56 @@ scenarios.events = async (o) => {
   return { ...heard, notABoolean: symbols(native).wantRecords('yes') };
 };
 
+// The bridge's kBacklogLimit: entries that may wait for the script thread at once.
+const kLogBacklogLimit = 1000;
+// A burst that the script thread cannot take while it writes it.
+const kLogBurst = 2500;
+// Network status values, alternated so that each call logs a change.
+const kNetworkSlowMobile = 2;
+const kNetworkFastMobile = 3;
+
+scenarios.log = async (o) => {
+  const native = require(addonPath);
+  const { logTo, logLevel } = symbols(native);
+  const texts = [];
+  const result = { levelAtStart: logLevel(), levelSet: logLevel(3), levelNow: logLevel('verbose') };
+  logTo((text) => texts.push(text));
+  // Written on the script thread: delivered later, in order.
+  native.setNetworkStatusNative(kNetworkSlowMobile);
+  native.setNetworkStatusNative(kNetworkFastMobile);
+  result.deliveredDuringTheCall = texts.length;
+  const statuses = () => texts.map((text) => JSON.parse(text)).filter((e) => e.event === 'networkStatus').map((e) => e.status);
+  await until(() => statuses().length >= 2);
+  result.order = statuses();
+  result.first = JSON.parse(texts[0]);
+  // A burst beyond the backlog: the rest is dropped and counted once.
+  texts.length = 0;
+  for (let i = 0; i < kLogBurst; ++i) native.setNetworkStatusNative(i % 2 ? kNetworkFastMobile : kNetworkSlowMobile);
+  await until(() => texts.some((text) => JSON.parse(text).event === 'logDropped'));
+  const entries = texts.map((text) => JSON.parse(text));
+  result.burst = {
+    delivered: entries.filter((e) => e.event === 'networkStatus').length,
+    droppedAt: entries.findIndex((e) => e.event === 'logDropped'),
+    dropped: entries.filter((e) => e.event === 'logDropped').map((e) => e.count),
+    dropEntry: entries.find((e) => e.event === 'logDropped'),
+  };
+  // Entries from other threads reach the host too: setup's, written on the work pool.
+  texts.length = 0;
+  start(native, makeHost(native), o.root);
+  await until(() => texts.some((text) => JSON.parse(text).event === 'setup'));
+  result.setupEntry = JSON.parse(texts.find((text) => JSON.parse(text).event === 'setup'));
+  // Back to stderr: the host hears nothing more.
+  logTo(null);
+  texts.length = 0;
+  native.setNetworkStatusNative(kNetworkSlowMobile);
+  result.afterNull = texts.length;
+  result.notAFunction = logTo(42);
+  // The process ends by itself with a sink in place and the library still logging.
+  logTo(() => {});
+  logLevel(5);
+  return result;
+};
+
 async function runScenario(name) {
   const o = JSON.parse(process.env.FERRIT_HOOKS_OPTIONS || '{}');
   const result = await scenarios[name](o);
@@ -302,4 +352,40 @@ test('HooksTest.HostWithoutTheMethodsUpdatesAsBefore', async (t) => {
   assert.deepEqual(result.served, [true, true]);
   assert.deepEqual(result.packUpdated, []);
   assert.doesNotMatch(stderr, /hostMethod/);
+});
+
+test('HooksTest.LogEntriesReachTheHostInOrderAndBounded', async (t) => {
+  const { result, stderr } = await run('log', { root: path.join(tempRoot(t), 'root') });
+  assert.equal(result.levelAtStart, 2, 'FERRIT_LOG_LEVEL of the process');
+  assert.equal(result.levelSet, 3);
+  assert.equal(result.levelNow, 3, 'a non-number only reads the level');
+  assert.equal(result.deliveredDuringTheCall, 0, 'an entry of the script thread is delivered later');
+  assert.deepEqual(result.order, [kNetworkSlowMobile, kNetworkFastMobile]);
+  assert.equal(result.first.level, 3);
+  assert.equal(result.first.tag, 'Ferrit/Event');
+  assert.equal(result.first.event, 'networkStatus');
+  assert.ok(result.burst.delivered <= kLogBacklogLimit, JSON.stringify(result.burst));
+  assert.ok(result.burst.delivered > 0);
+  assert.equal(result.burst.droppedAt, result.burst.delivered, 'the count comes after what was kept');
+  assert.deepEqual(result.burst.dropped, [kLogBurst - result.burst.delivered]);
+  assert.deepEqual(result.burst.dropEntry, { level: 2, tag: 'Ferrit/Bridge', event: 'logDropped', count: kLogBurst - result.burst.delivered });
+  assert.equal(result.setupEntry.tag, 'Ferrit/Setup');
+  assert.equal(result.setupEntry.appKey, APP.appKey);
+  assert.equal(result.afterNull, 0);
+  assert.match(stderr, /"event":"networkStatus"[^\n]*"status":2\b/, 'null restores stderr');
+  assert.doesNotMatch(stderr, /"status":3\b/, 'nothing the host heard went to stderr');
+  assert.equal(result.notAFunction, undefined);
+});
+
+test('HooksTest.ProcessEndingWhileTheLogGoesToTheHostExitsCleanly', () => {
+  const probePath = path.resolve(process.env.FERRITCORE_PROBE ||
+    path.join(__dirname, '..', '..', 'build', 'node', 'ferritcore_probe.node'));
+  // Threads keep writing while the environment goes away under the sink, and after.
+  const script = `let n = 0; require(${JSON.stringify(probePath)}).keepLogging(() => { ++n; });
+    setImmediate(() => setImmediate(() => {}));`;
+  for (let run = 0; run < 10; ++run) {
+    const child = spawnSync(process.execPath, ['-e', script], { encoding: 'utf8', timeout: 60000 });
+    assert.equal(child.signal, null, `run ${run} ended by ${child.signal}: ${child.stderr.slice(-2000)}`);
+    assert.equal(child.status, 0, `run ${run}: ${child.stderr.slice(-2000)}`);
+  }
 });

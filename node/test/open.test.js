@@ -120,7 +120,7 @@ test('OpenTest', async (t) => {
     const other = crypto.generateKeyPairSync('ed25519').publicKey;
     await assert.rejects(ferrit.open({ ...good, publicKey: other }), refusedWith('FERRIT_BAD_PUBLIC_KEY', /another publisher key/));
     // Again, for a locale the tree is not published for: nothing to take, and the state says why.
-    cache = await ferrit.open({ ...good, locale: 'fr-FR' });
+    cache = await ferrit.open({ ...good, locale: 'fr-FR', logLevel: 2 });
     const words = `no configuration is published for app key "${APP.appKey}", app version "${APP.appVersion}", ` +
       `locale "fr-FR" at ${server.base}fconfig/`;
     const named = (status) => status.problems.some((p) => p.startsWith(words));
