@@ -93,9 +93,15 @@ class MemoryCache extends EventEmitter {
     this.files = files;
     this.prefixes = prefixes;
     this.asked = [];
+    this.syncCalls = 0;
   }
 
   getSync(url, opts) {
+    ++this.syncCalls;
+    return this.lookup(url, opts);
+  }
+
+  lookup(url, opts) {
     this.asked.push({ url, headers: opts?.headers });
     const file = this.files[url];
     if (!file) {
@@ -107,7 +113,7 @@ class MemoryCache extends EventEmitter {
 
   async get(url, opts) {
     await new Promise(setImmediate);
-    return this.getSync(url, opts);
+    return this.lookup(url, opts);
   }
 
   async inspect(command) {
@@ -186,10 +192,14 @@ test('servePage: the page cannot tell the loopback path from its own URLs', { ti
     };
   };
 
-  for (const [label, inlineLimit] of [['every body through the loopback server', 0], ['every body inline', Infinity], ['the default split', undefined]]) {
+  for (const [label, inlineLimit, sync] of [['every body through the loopback server', 0], ['every body inline', Infinity],
+    ['the default split', undefined], ['the default split, asking getSync', undefined, true]]) {
     await t.test(`http page, ${label}`, async () => {
       network.requested.length = 0;
-      const { result, served, page } = await observe(browser, cache, `${kAppPrefix}index.html`, inlineLimit === undefined ? {} : { inlineLimit });
+      const syncCalls = cache.syncCalls;
+      const options = { ...(inlineLimit === undefined ? {} : { inlineLimit }), ...(sync ? { sync } : {}) };
+      const { result, served, page } = await observe(browser, cache, `${kAppPrefix}index.html`, options);
+      assert.equal(cache.syncCalls - syncCalls, sync ? served.stats.paused : 0);
       await page.close();
       // A document fulfilled in the protocol message has no address of its own, so the browser
       // holds it to the rules of a public site: the network on loopback is out of its reach.
