@@ -54,10 +54,20 @@ async function configuredPrefixes(cache) {
   return [...prefixes];
 }
 
+// The answer's headers for the browser. One that HTTP cannot carry (a line break in its value,
+// say) is left out: the browser would refuse the whole answer for it.
 function headerList(headers) {
   const list = [];
-  for (const [name, value] of Object.entries(headers ?? {})) {
-    if (!kTransferHeaders.has(name.toLowerCase())) list.push({ name, value: String(value) });
+  for (const [name, raw] of Object.entries(headers ?? {})) {
+    const value = String(raw);
+    if (kTransferHeaders.has(name.toLowerCase())) continue;
+    try {
+      http.validateHeaderName(name);
+      http.validateHeaderValue(name, value);
+    } catch {
+      continue;
+    }
+    list.push({ name, value });
   }
   return list;
 }
@@ -97,8 +107,13 @@ function startLoopback() {
     const headers = {};
     for (const { name, value } of headerList(entry.answer.headers)) headers[name] = value;
     headers['content-length'] = String(entry.answer.body.length);
-    res.writeHead(entry.answer.status ?? 200, headers);
-    res.end(req.method === 'HEAD' ? undefined : entry.answer.body);
+    try {
+      res.writeHead(entry.answer.status ?? 200, headers);
+      res.end(req.method === 'HEAD' ? undefined : entry.answer.body);
+    } catch {
+      // Nothing of a bad answer may take the host process down: the browser sees a failed load.
+      res.destroy();
+    }
   });
   server.keepAliveTimeout = kLoopbackTokenMs;
   server.on('connection', (socket) => {
@@ -175,14 +190,18 @@ async function servePage(page, cache, options = {}) {
   const sessions = new Set([session]);
 
   const answerRequest = async (on, { requestId, request, resourceType, frameId }) => {
+    // True when the browser took the answer; false when it refused it or the page went away
+    // meanwhile (nothing is waiting for the request then).
     const send = async (method, params) => {
       const sent = performance.now();
+      let taken = true;
       try {
         await on.send(method, params);
       } catch {
-        // The page closed or navigated away meanwhile: nothing is waiting for this request.
+        taken = false;
       }
       stats.protocolMs += performance.now() - sent;
+      return taken;
     };
     ++stats.paused;
     if (request.method !== 'GET' && request.method !== 'HEAD') {
@@ -231,12 +250,14 @@ async function servePage(page, cache, options = {}) {
     }
     if (!viaLoopback) {
       ++stats.inline;
-      await send('Fetch.fulfillRequest', {
+      const taken = await send('Fetch.fulfillRequest', {
         requestId,
         responseCode: answer.status ?? 200,
         responseHeaders: headerList(answer.headers),
         body: body.toString('base64'),
       });
+      // An answer the browser refuses must not leave the request waiting: the network has it.
+      if (!taken && !detached) await send('Fetch.continueRequest', { requestId });
     } else {
       ++stats.loopback;
       const url = loopback.park({ status: answer.status, headers: answer.headers, body });

@@ -38,7 +38,11 @@ function appFiles(prefix, otherPrefix) {
         '<link rel="stylesheet" href="small.css">' +
         '<script type="module" src="main.mjs"></script></head><body>served</body></html>'),
     },
-    [`${prefix}classic.js`]: js(`${padding}window.classic = { src: document.currentScript.src };\n`),
+    [`${prefix}classic.js`]: {
+      // A header HTTP cannot carry does not keep the file from the page.
+      headers: { 'Content-Type': 'application/javascript', 'X-Bad': 'line\nbreak' },
+      body: Buffer.from(`${padding}window.classic = { src: document.currentScript.src };\n`),
+    },
     [`${prefix}main.mjs`]: js(`${padding}
 const out = { secure: isSecureContext, href: location.href, origin: location.origin, moduleUrl: import.meta.url, classic: window.classic };
 const same = await fetch('data.json');
