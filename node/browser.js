@@ -279,7 +279,8 @@ async function servePage(page, cache, options = {}) {
       if (detached) return;
       sessions.add(child);
       listen(child);
-      enableOn(child).then(() => child.send('Runtime.runIfWaitingForDebugger')).catch(() => {});
+      // The frame waits for this; it must go on even when its requests cannot pause.
+      enableOn(child).catch(() => {}).then(() => child.send('Runtime.runIfWaitingForDebugger')).catch(() => {});
     };
     const onDetached = (child) => {
       sessions.delete(child);
