@@ -29,6 +29,9 @@ const kLoopbackTokenMs = 60000;
 // The inspector command that answers the configuration in force, whose pack records carry their
 // URL prefixes as "p".
 const kConfigurationCommand = 'FerritDev.fconfig';
+// The status of a hit when its answer names none, and of a path nothing is parked under.
+const kStatusOk = 200;
+const kStatusNotFound = 404;
 
 // A Fetch domain pattern that matches every URL starting with `prefix` (its own "*", "?" and "\"
 // are taken literally).
@@ -98,7 +101,7 @@ function startLoopback() {
   const server = http.createServer((req, res) => {
     const entry = parked.get(req.url);
     if (!entry || (req.method !== 'GET' && req.method !== 'HEAD')) {
-      res.writeHead(404, { 'content-type': 'text/plain' });
+      res.writeHead(kStatusNotFound, { 'content-type': 'text/plain' });
       res.end('not parked here\n');
       return;
     }
@@ -108,7 +111,7 @@ function startLoopback() {
     for (const { name, value } of headerList(entry.answer.headers)) headers[name] = value;
     headers['content-length'] = String(entry.answer.body.length);
     try {
-      res.writeHead(entry.answer.status ?? 200, headers);
+      res.writeHead(entry.answer.status ?? kStatusOk, headers);
       res.end(req.method === 'HEAD' ? undefined : entry.answer.body);
     } catch {
       // Nothing of a bad answer may take the host process down: the browser sees a failed load.
@@ -252,7 +255,7 @@ async function servePage(page, cache, options = {}) {
       ++stats.inline;
       const taken = await send('Fetch.fulfillRequest', {
         requestId,
-        responseCode: answer.status ?? 200,
+        responseCode: answer.status ?? kStatusOk,
         responseHeaders: headerList(answer.headers),
         body: body.toString('base64'),
       });
