@@ -75,6 +75,8 @@ export interface PageServeStats {
   bytes: number;
   /** Milliseconds spent waiting for the cache's answers, summed over the requests. */
   cacheMs: number;
+  /** Milliseconds the browser took to take the answers (fulfil or continue), summed. */
+  protocolMs: number;
 }
 
 export interface PageServer {

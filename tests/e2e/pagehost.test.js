@@ -38,7 +38,11 @@ function appFiles(prefix, otherPrefix) {
         '<link rel="stylesheet" href="small.css">' +
         '<script type="module" src="main.mjs"></script></head><body>served</body></html>'),
     },
-    [`${prefix}classic.js`]: js(`${padding}window.classic = { src: document.currentScript.src };\n`),
+    [`${prefix}classic.js`]: {
+      // A header HTTP cannot carry does not keep the file from the page.
+      headers: { 'Content-Type': 'application/javascript', 'X-Bad': 'line\nbreak' },
+      body: Buffer.from(`${padding}window.classic = { src: document.currentScript.src };\n`),
+    },
     [`${prefix}main.mjs`]: js(`${padding}
 const out = { secure: isSecureContext, href: location.href, origin: location.origin, moduleUrl: import.meta.url, classic: window.classic };
 const same = await fetch('data.json');
@@ -93,9 +97,15 @@ class MemoryCache extends EventEmitter {
     this.files = files;
     this.prefixes = prefixes;
     this.asked = [];
+    this.syncCalls = 0;
   }
 
   getSync(url, opts) {
+    ++this.syncCalls;
+    return this.lookup(url, opts);
+  }
+
+  lookup(url, opts) {
     this.asked.push({ url, headers: opts?.headers });
     const file = this.files[url];
     if (!file) {
@@ -107,7 +117,7 @@ class MemoryCache extends EventEmitter {
 
   async get(url, opts) {
     await new Promise(setImmediate);
-    return this.getSync(url, opts);
+    return this.lookup(url, opts);
   }
 
   async inspect(command) {
@@ -186,10 +196,14 @@ test('servePage: the page cannot tell the loopback path from its own URLs', { ti
     };
   };
 
-  for (const [label, inlineLimit] of [['every body through the loopback server', 0], ['every body inline', Infinity], ['the default split', undefined]]) {
+  for (const [label, inlineLimit, sync] of [['every body through the loopback server', 0], ['every body inline', Infinity],
+    ['the default split', undefined], ['the default split, asking getSync', undefined, true]]) {
     await t.test(`http page, ${label}`, async () => {
       network.requested.length = 0;
-      const { result, served, page } = await observe(browser, cache, `${kAppPrefix}index.html`, inlineLimit === undefined ? {} : { inlineLimit });
+      const syncCalls = cache.syncCalls;
+      const options = { ...(inlineLimit === undefined ? {} : { inlineLimit }), ...(sync ? { sync } : {}) };
+      const { result, served, page } = await observe(browser, cache, `${kAppPrefix}index.html`, options);
+      assert.equal(cache.syncCalls - syncCalls, sync ? served.stats.paused : 0);
       await page.close();
       // A document fulfilled in the protocol message has no address of its own, so the browser
       // holds it to the rules of a public site: the network on loopback is out of its reach.
@@ -236,6 +250,26 @@ test('servePage: the page cannot tell the loopback path from its own URLs', { ti
     await page.goto(`${prefix}index.html`);
     assert.equal(await page.$eval('body', (b) => b.textContent), 'late pack');
     await server.detach();
+    await page.close();
+  });
+
+  await t.test('a frame of another site, in a process of its own, is served too', async () => {
+    const frameCache = new MemoryCache({
+      [`${kAppPrefix}framed.html`]: { headers: { 'Content-Type': 'text/html' }, body: Buffer.from(`<iframe src="${kOtherPrefix}frame.html"></iframe>`) },
+      [`${kOtherPrefix}frame.html`]: { headers: { 'Content-Type': 'text/html' }, body: Buffer.from('<script src="frame.js"></script>') },
+      [`${kOtherPrefix}frame.js`]: js(`/*${'f'.repeat(kLargeBytes)}*/ parent.postMessage({ href: location.href, ran: true }, '*');\n`),
+    }, [kAppPrefix, kOtherPrefix]);
+    const page = await browser.newPage();
+    await page.setCacheEnabled(false);
+    const server = await servePage(page, frameCache);
+    await page.evaluateOnNewDocument(() => {
+      window.addEventListener('message', (e) => { window.framed = e.data; });
+    });
+    await page.goto(`${kAppPrefix}framed.html`);
+    await page.waitForFunction(() => window.framed, { timeout: 10000 });
+    assert.deepEqual(await page.evaluate(() => window.framed), { href: `${kOtherPrefix}frame.html`, ran: true });
+    assert.deepEqual(server.served.map((r) => [r.url, r.fromPack]), Object.keys(frameCache.files).map((u) => [u, true]));
+    assert.equal(server.stats.loopback, 3);
     await page.close();
   });
 

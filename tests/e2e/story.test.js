@@ -101,6 +101,9 @@ test('the app is published, installed, loaded offline and updated by increment',
   const inspector = new FerritHost({ publicKeyPem: s.publicKey });
   inspector.cache = cache;
   cache.on('packUpdated', (name) => inspector.note('pack', { name }));
+  // The library's log comes to the story instead of stderr.
+  const logged = [];
+  cache.on('log', (entry) => logged.push(entry));
   const update = async () => {
     const result = await cache.update();
     for (const pack of result.packs) if (pack.error) inspector.note('pack', { name: pack.name, error: pack.error.message });
@@ -247,7 +250,9 @@ test('the app is published, installed, loaded offline and updated by increment',
     const refusal = await cache.update().then(() => null, (error) => error);
     assert.ok(refusal instanceof ferrit.FerritError, 'update() rejects');
     assert.match(refusal.message, /verify failed/);
-    inspector.note('refused', { reason: refusal.reason ?? refusal.message });
+    const entry = logged.find((e) => e.event === 'verifySignature');
+    assert.ok(entry, 'the library logged the refusal');
+    inspector.note('refused', { reason: entry.message });
     assert.equal((await cache.inspect('FerritDev.fconfig')).v, before, 'the configuration in force did not change');
     assert.notEqual(Number((await packs()).story.s), 5);
     await nginx.stop();
