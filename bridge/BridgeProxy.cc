@@ -12,6 +12,7 @@
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "base/Telemetry.h"
+#include "lifecycle/Setup.h"
 #include "marl/Log.h"
 
 namespace FerritCore {
@@ -197,6 +198,14 @@ void BridgeProxy::onPackUpdated(const std::string& name) {
     callHost("onPackUpdated", [name](napi_env env) -> std::vector<napi_value> {
         return {NAPI::toString(env, name)};
     });
+}
+
+void BridgeProxy::onStateChanged() {
+    MutexLock lock(stateMutex_);
+    callHost("onStateChanged",
+             [report = Setup::statusReport().toString()](napi_env env) -> std::vector<napi_value> {
+                 return {NAPI::toString(env, report)};
+             });
 }
 
 void BridgeProxy::callHost(const char* method, NAPI::ArgumentBuilder builder) {

@@ -4,9 +4,9 @@
 // worker and from the host's threads.
 //
 // The host object may also have methods that hear what the library does: onPackUpdated(name),
-// onQueueFinished(count), sendEvent({name, dimensions, measures}). Each is called on the script
-// thread, later, when the object has it at that time; one that throws is logged and otherwise
-// ignored. Records are built only while the host wants them (setWantsRecords).
+// onQueueFinished(count), sendEvent({name, dimensions, measures}), onStateChanged(reportText). Each
+// is called on the script thread, later, when the object has it at that time; one that throws is
+// logged and otherwise ignored. Records are built only while the host wants them (setWantsRecords).
 //
 // A request in flight on the host is a PendingRequest. Its id, the decimal text of its address,
 // is what the host echoes. Live ids are remembered, so that an id that is unknown, repeated or
@@ -54,6 +54,9 @@ class BridgeProxy : public Proxy {
     bool takesEvents() const override;
     void onQueueFinished(uint32_t count) override;
     void onPackUpdated(const std::string& name) override;
+    // Hands the status report ("info", as JSON text) of the new state to the host object's
+    // "onStateChanged"; reports reach the host in the order the changes happened.
+    void onStateChanged() override;
     bool assetExists(const std::string& path) override;
     std::vector<std::string> assetList(const std::string& path) override;
     uint64_t assetSize(const std::string& path) override;
@@ -74,6 +77,9 @@ class BridgeProxy : public Proxy {
     void callHost(const char* method, NAPI::ArgumentBuilder builder);
 
     std::shared_ptr<NAPI::Bridge> bridge_;
+    // Makes building a state's report and posting it one step, so that a later state's report is
+    // never delivered before an earlier one.
+    Mutex stateMutex_;
     std::unique_ptr<RawFileProvider> rawFiles_;          // null without a raw-file folder
     std::shared_ptr<const Ed25519PublicKey> publicKey_;  // immutable; null checks nothing
 };

@@ -139,7 +139,7 @@ async function until(predicate, turns = 2000000) {
 
 scenarios.events = async (o) => {
   const native = require(addonPath);
-  const heard = { packUpdated: [], queueFinished: [], records: [] };
+  const heard = { packUpdated: [], queueFinished: [], records: [], states: [] };
   globalThis.heardSoFar = heard;
   const methods = o.methods === false ? {} : {
     onPackUpdated(name) { heard.packUpdated.push(name); },
@@ -149,6 +149,7 @@ scenarios.events = async (o) => {
       if (heard.queueFinished.length === 1) throw new Error('listener broke');
     },
     sendEvent(record) { heard.records.push(record); },
+    onStateChanged(reportText) { heard.states.push(JSON.parse(reportText)); },
   };
   const host = makeHost(native, o.server, methods);
   const keepAlive = setInterval(() => {}, 1 << 30);
@@ -166,7 +167,7 @@ scenarios.events = async (o) => {
   const served = (url) => native.getResourceSyncNative({ url }).error === undefined;
   if (o.methods !== false) {
     // Nothing is asked before the host hears the installs, so no visit has been recorded yet.
-    await until(() => heard.queueFinished.length > 0 &&
+    await until(() => heard.queueFinished.length > 0 && heard.states.length >= 3 &&
       ['site', 'lib'].every((name) => heard.packUpdated.includes(name)));
     // A hit of "site" while records are wanted, one of "lib" while they are not, one of "site"
     // after: records reach the host in order, so a "lib" visit would come before the second one.
@@ -343,6 +344,19 @@ test('HooksTest.HostMethodsHearInstallsQueueEndsAndRecords', async (t) => {
   assert.equal(result.servedWhileOff, true);
   assert.equal(result.libVisits, 0, 'no record is built while records are not wanted');
   assert.equal(result.notABoolean, undefined);
+});
+
+test('HooksTest.HostHearsEachLifecycleStateOnceWithTheStatusReport', async (t) => {
+  const tree = await publishTree(t);
+  const { result } = await run('events', { root: path.join(tree.dir, 'root'), server: tree.server, urls: tree.urls });
+  // Set up, configured, updating: each report lacks one more of the codes of what is missing.
+  const missing = result.states.map((report) => report.error ?? []);
+  assert.deepEqual(missing, [['NOT_UPDATE_CONFIG', 'NOT_START_UPDATE'], ['NOT_START_UPDATE'], []]);
+  for (const report of result.states) {
+    assert.equal(report.storage, 'writable');
+    assert.equal(typeof report.version, 'string');
+    assert.equal(report.process, 'main');
+  }
 });
 
 test('HooksTest.HostWithoutTheMethodsUpdatesAsBefore', async (t) => {
