@@ -20,8 +20,9 @@ const PREFIX = 'https://demo.example.com/app/';
 const kDeadlineMs = 8000;
 
 // Writes `files` ({path: text}) below dir/site/app and publishes the site into dir/tree for the
-// app; publishing again after a change adds the new version and its increment.
-function publish(dir, files, app = APP) {
+// app, signed with `key` (the sample publisher's private key unless given); publishing again after
+// a change adds the new version and its increment.
+function publish(dir, files, app = APP, key = publisherPrivate) {
   const site = path.join(dir, 'site');
   for (const [file, text] of Object.entries(files)) {
     const target = path.join(site, 'app', file);
@@ -35,7 +36,7 @@ function publish(dir, files, app = APP) {
     packs: [{ name: 'site', folder: 'app', prefix: PREFIX, priority: 9 }],
   }));
   const tree = path.join(dir, 'tree');
-  execFileSync(ferritTool, ['publish', '--key', publisherPrivate, '--manifest', manifest, site, tree], { stdio: 'pipe' });
+  execFileSync(ferritTool, ['publish', '--key', key, '--manifest', manifest, site, tree], { stdio: 'pipe' });
   return tree;
 }
 
