@@ -423,9 +423,8 @@ const { APP, PREFIX, publish, serveTree, publisherPublic, nextEvent } = require(
     server: server.base, autoUpdate: false, logLevel: 3,
   });
   const events = {};
-  // A "state" is kept when one comes; the status() answer is checked in any case.
-  cache.once('state', (status) => { events.state = status; });
-  const waits = ['record', 'log', 'packUpdated', 'queueFinished'].map((event) => {
+  // startUpdate() below changes the state at least once ("updating").
+  const waits = ['record', 'log', 'state', 'packUpdated', 'queueFinished'].map((event) => {
     const next = nextEvent(cache, event);
     return next.then((value) => { events[event] = value; });
   });
