@@ -151,6 +151,7 @@ enum Code : int32_t {
     kFileNotExists = 1101,
     kNoData = 1103,
     kReadAsyncOnly = 1108,
+    kNetworkNotSupported = 2001,
     kNotFerritResource = 3001,
     kDisabled = 3003,
     kPackFileNotFound = 3109,
@@ -183,6 +184,10 @@ inline bool isNotFerritResource(const Error& e) {
 }
 inline bool isReadAsyncOnly(const Error& e) {
     return e.code() == kReadAsyncOnly;
+}
+// A download that the host's network status does not allow now (2001).
+inline bool isNetworkNotSupported(const Error& e) {
+    return e.code() == kNetworkNotSupported;
 }
 
 }  // namespace FerritCore::Errors
