@@ -108,6 +108,12 @@ void UpdateConfig::update(int trigger, const std::string& version) {
         .append("trigger", triggerName(trigger))
         .append("initial", initial_);
     const uint64_t run = ++run_;
+    // Nothing is sent without a server: the run ends at once, and its end says which setting the
+    // host left out.
+    if (missingServerKey_ != nullptr) {
+        finished("0", Errors::noServerAddress("configuration server", missingServerKey_));
+        return;
+    }
     Network::requestConfig(url_, runId_, [this, run](std::string body, Error error) {
         onResponse(run, std::move(body), std::move(error));
     });
@@ -149,7 +155,9 @@ std::string UpdateConfig::checkDue(int trigger, const std::string& version) {
     }
 
     const std::string appVersion = environment.appVersion();
-    std::string url = Settings::current()->configPrefixFor(environment.env());
+    const int32_t env = environment.env();
+    std::string url = Settings::current()->configPrefixFor(env);
+    missingServerKey_ = url.empty() ? Settings::configPrefixKey(env) : nullptr;
     url.append("fconfig/").append(environment.appKey()).append("/").append(appVersion);
     if (!config->clientVersion.empty() && config->clientVersion != appVersion)
         url.append("~").append(config->clientVersion);
@@ -267,6 +275,7 @@ void UpdateConfig::reset() {
     trigger_ = 0;
     targetVersion_ = originVersion_ = "0";
     url_.clear();
+    missingServerKey_ = nullptr;
     runId_.clear();
     busy_ = false;
     perf_.reset();

@@ -80,6 +80,9 @@ class UpdateConfig {
     std::string targetVersion_ = "0";
     std::string originVersion_ = "0";
     std::string url_;
+    // The host's setting that would have given this run its server, when neither it nor the build
+    // did; null when the run has an address.
+    const char* missingServerKey_ = nullptr;
     std::string runId_;
     bool busy_ = false;
     // Numbers the runs, so that a proxy that answers twice, or late, cannot end a run twice.

@@ -559,7 +559,13 @@ void UpdatePack::start() {
 void UpdatePack::requestConfig() {
     char tail[32];
     std::snprintf(tail, sizeof(tail), "%" PRIu64, pack_ ? pack_->seq : 0);
-    url_ = Settings::current()->configPrefixFor() + "packconfig/" + requestedName_ + "/" + tail;
+    const int32_t env = Environment::instance().env();
+    const std::string prefix = Settings::current()->configPrefixFor(env);
+    if (prefix.empty()) {
+        fail(Errors::noServerAddress("configuration server", Settings::configPrefixKey(env)));
+        return;
+    }
+    url_ = prefix + "packconfig/" + requestedName_ + "/" + tail;
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kUpdatePack)
         .event("requestConfig", parentId_)
         .id(runId_)
@@ -645,6 +651,16 @@ void UpdatePack::requestResource() {
         runnable_ = false;
         fail(Errors::tooManyApps());
         return;
+    }
+    // A pack whose record names no zip of its own is fetched from the pack server; without one
+    // nothing is sent, and the words say which setting the host left out.
+    if (pack_->status != kPackStatusPreview && pack_->subType != kSubTypeFixedUrl) {
+        const int32_t env = Environment::instance().env();
+        if (Settings::current()->zipPrefixFor(pack_->packType(), env).empty()) {
+            fail(Errors::noServerAddress("pack server",
+                                         Settings::zipPrefixKey(pack_->packType(), env)));
+            return;
+        }
     }
     char folder[64];
     std::snprintf(folder, sizeof(folder), "_%" PRIu64 "_%d/", pack_->seq, incremental_ ? 1 : 0);

@@ -20,6 +20,7 @@
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "model/SCache.h"
+#include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
@@ -188,6 +189,24 @@ void logNotRunnable(const UpdatePack& task) {
     if (task.error()) log.error(task.error());
 }
 
+// Whether `task` waits only because the host's network status is none.
+bool waitsForNetwork(const UpdatePack& task) {
+    return !task.runnable() && Errors::isNetworkNotSupported(task.error()) &&
+           Environment::instance().networkStatus() == Network::kStatusNone;
+}
+
+// Said once per trigger, at the level a host reads by default: a host that never set its network
+// status sees a first install work (a visit needs no network check) and then nothing update.
+void logWaitingForNetwork(int trigger, size_t count) {
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kQueue)
+        .event("waitingForNetwork")
+        .append("trigger", triggerName(trigger))
+        .append("packs", static_cast<uint64_t>(count))
+        .append("message",
+                "no pack downloads while the host's network status is none: the host sets it "
+                "with setNetworkStatusNative (1 unrestricted, 2 slow mobile, 3 fast mobile)");
+}
+
 // Closes the run: the host learns how many tasks ended, and the record goes out when it counted
 // anything.
 void closeRun(State& s) REQUIRES(s.lock) {
@@ -336,10 +355,16 @@ void UpdateQueue::start(int trigger) {
     const std::shared_ptr<UpdatePackFactory> factory = currentFactory();
     std::vector<UpdatePackPtr> kept;
     kept.reserve(config->packs.size());
+    size_t waiting = 0;
     for (const auto& entry : config->packs) {
         UpdatePackPtr task = factory->create(entry.first, MarlLogger::json::JSON(), trigger);
-        if (task && task->runnable()) kept.push_back(std::move(task));
+        if (task && task->runnable()) {
+            kept.push_back(std::move(task));
+        } else if (task && waitsForNetwork(*task)) {
+            ++waiting;
+        }
     }
+    if (waiting > 0) logWaitingForNetwork(trigger, waiting);
     State& s = state();
     RecursiveLock lock(s.lock);
     for (const UpdatePackPtr& task : kept) merge(s, task, false);
@@ -372,6 +397,7 @@ void UpdateQueue::add(UpdatePackPtr task, Listener listener) {
     }
     if (task->state() != UpdateState::NeedUpdate) {
         logNotRunnable(*task);
+        if (waitsForNetwork(*task)) logWaitingForNetwork(task->trigger(), 1);
         if (listener) listener(task->error());
         return;
     }

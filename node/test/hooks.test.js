@@ -235,6 +235,33 @@ scenarios.log = async (o) => {
   return result;
 };
 
+// No server given and none compiled in: nothing is requested, and the log says why in words.
+scenarios.noServer = async (o) => {
+  const native = require(addonPath);
+  const texts = [];
+  symbols(native).logTo((text) => texts.push(text));
+  const host = makeHost(native);
+  const sent = [];
+  const send = host.sendRequest;
+  host.sendRequest = (request, id) => {
+    sent.push(request.url);
+    send(request, id);
+  };
+  start(native, host, o.root);
+  for (;;) {
+    const { data } = await inspect(native, 'FerritDev.info');
+    if (!(data.error || []).includes('NOT_UPDATE_CONFIG')) break;
+    await new Promise((resolve) => setImmediate(resolve));
+  }
+  await until(() => texts.some((text) => text.includes('No server address')));
+  // The other environments' endpoints, which a host may give as well.
+  native.setDefaultConfigNative({ configPrefixRelease: 'https://r.test/', configPrefixDebug: 'https://d.test',
+    configPrefixDaily: 'http://y.test/', zipPrefixDaily: 'http://y.test/packs' });
+  const { data: config } = await inspect(native, 'FerritDev.config');
+  symbols(native).logTo(null);
+  return { sent, failures: texts.map((text) => JSON.parse(text)).filter((e) => e.errorCode === '1002'), config };
+};
+
 async function runScenario(name) {
   const o = JSON.parse(process.env.FERRIT_HOOKS_OPTIONS || '{}');
   const result = await scenarios[name](o);
@@ -402,4 +429,17 @@ test('HooksTest.ProcessEndingWhileTheLogGoesToTheHostExitsCleanly', () => {
     assert.equal(child.signal, null, `run ${run} ended by ${child.signal}: ${child.stderr.slice(-2000)}`);
     assert.equal(child.status, 0, `run ${run}: ${child.stderr.slice(-2000)}`);
   }
+});
+
+test('HooksTest.NoServerAddressSendsNothingAndSaysSo', async (t) => {
+  const { result } = await run('noServer', { root: path.join(tempRoot(t), 'root') });
+  assert.deepEqual(result.sent, []);
+  assert.equal(result.failures.length, 1, JSON.stringify(result.failures));
+  assert.equal(result.failures[0].event, 'finished');
+  assert.equal(result.failures[0].errorMsg,
+    'No server address: the host set no configuration server (configPrefixRelease)');
+  assert.equal(result.config.configPrefixRelease, 'https://r.test/');
+  assert.equal(result.config.configPrefixDebug, 'https://d.test/');
+  assert.equal(result.config.configPrefixDaily, 'http://y.test/');
+  assert.equal(result.config.zipPrefixDaily, 'http://y.test/packs/');
 });

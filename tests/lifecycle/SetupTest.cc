@@ -36,6 +36,7 @@ class SetupTest : public ProcessTest {
         ProcessTest::SetUp();
         HostDefaults defaults;
         defaults.configPrefix = "https://cfg.test/";
+        defaults.configPrefixDaily = "http://cfg-daily.test/";
         Settings::setDefaults(defaults);
         proxy_ = std::make_shared<FakeProxy>();
         proxy_->serve(kFirstUrl, 200, FakeProxy::sign(R"({"v":"1700000000000","i":4294967295})"));

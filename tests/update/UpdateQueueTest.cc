@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/Network.h"
 #include "storage/Statistics.h"
 #include "tests/update/InstallFixture.h"
 #include "update/UpdateQueue.h"
@@ -463,6 +464,39 @@ TEST_F(UpdateQueueTest, APackIsInUseWhileItsTaskRunsOrAReaderHoldsIt) {
     EXPECT_TRUE(UpdateQueue::isInUse("p0"));
     UpdateQueue::releasePack("p0");
     EXPECT_FALSE(UpdateQueue::isInUse("p0"));
+}
+
+// A host that never set its network status: packs wait, and each trigger says why once, in words,
+// at the level a host reads by default.
+TEST_F(UpdateQueueTest, NetworkStatusNoneIsToldInWordsOncePerTrigger) {
+    putStale(3);
+    MarlLogger::ScopedCapture logs(MarlLogger::MRLLevelWarning);
+    Environment::instance().setNetworkStatusValue(Network::kStatusNone);
+    UpdateQueue::start(kTriggerTimer);
+    drive();
+    ASSERT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 1u);
+    const MarlLogger::LogEntry entry = logs->last("waitingForNetwork", "Ferrit/Queue");
+    EXPECT_EQ(entry.level, MarlLogger::MRLLevelWarning);
+    EXPECT_EQ(entry.field("trigger").stringValue(), "Timer");
+    EXPECT_EQ(entry.field("packs").int64Value(), 3);
+    EXPECT_NE(entry.field("message").stringValue().find("network status is none"),
+              std::string::npos);
+    EXPECT_NE(entry.field("message").stringValue().find("setNetworkStatusNative"),
+              std::string::npos);
+    EXPECT_TRUE(factory_->started.empty());
+    UpdateQueue::start(kTriggerActive);
+    drive();
+    EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);
+    // A cellular network that the packs do not allow is another matter, told as before.
+    Environment::instance().setNetworkStatusValue(Network::kStatusSlowMobile);
+    UpdateQueue::start(kTriggerTimer);
+    drive();
+    EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);
+    Environment::instance().setNetworkStatusValue(Network::kStatusUnrestricted);
+    UpdateQueue::start(kTriggerTimer);
+    drive();
+    EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);
+    EXPECT_FALSE(factory_->started.empty());
 }
 
 }  // namespace
