@@ -158,6 +158,8 @@ void Setup::setup(const std::string& appKey, const std::string& appVersion, int3
     // The first post is also what starts the worker.
     TaskRunner::post([] { logSetup(MarlLogger::MRLLevelInfo, "startThread"); }, 0);
     if (!hostStartsUpdate) environment.setFlag(kAutoStartAllowed);
+    // Told before the first configuration update starts, whose end is the next change.
+    ProxyCalls::onStateChanged();
     UpdateConfig::instance().startTimer();
     UpdateConfig::instance().start(
         kTriggerStartup, "0", [](const Error&) { configFirstUpdated(); }, 0);
@@ -169,7 +171,6 @@ void Setup::setup(const std::string& appKey, const std::string& appVersion, int3
     // Folders of earlier layouts, never recreated.
     for (const char* old : {"meta/", "storage/", "module/", "UniCache_T/"})
         Folder::removeFile(Folder::disk(old), false);
-    ProxyCalls::onStateChanged();
 }
 
 void Setup::setupSubProcess() {
