@@ -3,6 +3,12 @@
 // engine's work pool. A missing or mistyped required argument makes a native return undefined
 // (false for setProxyNative) with no effect; setProxyNative also returns false for a host object
 // that carries no usable publisher's key and does not opt out of signature checks.
+//
+// Beside the eighteen, under registered symbols so that the module's own names stay theirs:
+// Symbol.for("ferritcore.inspect") (the inspector, behind the queued lifecycle natives), "hostKey"
+// (the key check of the package's entry point), "whenReady" (a callback once the lifecycle natives
+// queued before it have run), "wantRecords" (performance records to the host object's
+// sendEvent), "logTo" and "logLevel" (the log to a script function, and its level).
 #include <node_api.h>
 
 #include <charconv>
