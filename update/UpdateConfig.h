@@ -65,6 +65,8 @@ class UpdateConfig {
     const std::string& url() const { return url_; }
 
   private:
+    // Hands `error` to every listener waiting for a run, then drops them.
+    void tellListeners(const Error& error);
     friend UpdateConfig* ProcessState::create<UpdateConfig>(void (*)(UpdateConfig&));
     UpdateConfig() = default;
     // Back to a fresh singleton (ProcessState::resetForTesting). Drops listeners without calling

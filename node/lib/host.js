@@ -118,7 +118,8 @@ async function send(natives, session, request, id) {
       answer({ statusCode, header: headersOf(response), content: await contentOf(response) });
     }
   } catch (error) {
-    answer(undefined, { code: kTransportFailed, message: `${url}: ${failureWords(error)}` });
+    // The library's message names the URL already.
+    answer(undefined, { code: kTransportFailed, message: failureWords(error) });
   }
 }
 
