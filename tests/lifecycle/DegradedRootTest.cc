@@ -24,8 +24,8 @@
 #include "lifecycle/Setup.h"
 #include "marl/Inspector.h"
 #include "storage/PacksStore.h"
-#include "update/UpdateConfig.h"
 #include "tests/update/InstallFixture.h"
+#include "update/UpdateConfig.h"
 
 namespace FerritTest {
 namespace {
