@@ -4,16 +4,14 @@
 // server is told so in words, and ends the same way.
 const test = require('node:test');
 const assert = require('node:assert/strict');
-const { spawn } = require('child_process');
 const fs = require('fs');
 const path = require('path');
 
 const { tempRoot } = require('./helpers');
-const { APP, PREFIX, publish, serveTree, publisherPublic } = require('./openTree');
+const { APP, PREFIX, publish, serveTree, publisherPublic, runNode } = require('./openTree');
 
 const PAGE = '<!doctype html><p>exit</p>\n';
 // Only a process that never ends reaches it.
-const kHangMs = 20000;
 const packagePath = path.join(__dirname, '..');
 
 // The host's script: no process.exit anywhere; prints one JSON line before it closes.
@@ -36,18 +34,7 @@ const ferrit = require(${JSON.stringify(packagePath)});
 }
 
 function run(script) {
-  return new Promise((resolve) => {
-    const child = spawn(process.execPath, ['-e', script], { stdio: ['ignore', 'pipe', 'pipe'] });
-    let out = '';
-    let err = '';
-    child.stdout.on('data', (chunk) => { out += chunk; });
-    child.stderr.on('data', (chunk) => { err += chunk; });
-    const guard = setTimeout(() => child.kill('SIGKILL'), kHangMs);
-    child.on('close', (code, signal) => {
-      clearTimeout(guard);
-      resolve({ code, signal, out, err });
-    });
-  });
+  return runNode(['-e', script]);
 }
 
 test('OpenExitTest.CloseLetsTheProcessExit', async (t) => {

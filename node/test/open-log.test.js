@@ -4,13 +4,11 @@
 // holds for both. A host process of its own, whose stderr the test reads.
 const test = require('node:test');
 const assert = require('node:assert/strict');
-const { spawn } = require('child_process');
 const path = require('path');
 
 const { tempRoot } = require('./helpers');
-const { APP, PREFIX, publish, serveTree, publisherPublic } = require('./openTree');
+const { APP, PREFIX, publish, serveTree, publisherPublic, runNode } = require('./openTree');
 
-const kHangMs = 20000;
 // At this level the library logs each request it answers, with its URL.
 const kLevelSteps = 4;
 const kLevelSevere = 1;
@@ -48,18 +46,7 @@ test('OpenLogTest.LogGoesToListenersOnlyWhileThereAreAny', async (t) => {
   const server = await serveTree(publish(dir, { 'index.html': '<p>log</p>' }));
   t.after(() => server.stop());
   const options = { root: path.join(dir, 'root'), ...APP, publicKey: publisherPublic, server: server.base, logLevel: kLevelSteps };
-  const child = await new Promise((resolve) => {
-    const process_ = spawn(process.execPath, ['-e', script, JSON.stringify(options)], { stdio: ['ignore', 'pipe', 'pipe'] });
-    let out = '';
-    let err = '';
-    process_.stdout.on('data', (chunk) => { out += chunk; });
-    process_.stderr.on('data', (chunk) => { err += chunk; });
-    const guard = setTimeout(() => process_.kill('SIGKILL'), kHangMs);
-    process_.on('close', (code, signal) => {
-      clearTimeout(guard);
-      resolve({ code, signal, out, err });
-    });
-  });
+  const child = await runNode(['-e', script, JSON.stringify(options)]);
   assert.equal(child.code, 0, child.err);
   const result = JSON.parse(child.out.trim().split('\n').pop());
   const onStderr = (phase) => child.err.split('\n').some((line) => line.includes(`${PREFIX}${phase}.html"`));

@@ -6,15 +6,13 @@
 // installed).
 const test = require('node:test');
 const assert = require('node:assert/strict');
-const { spawn } = require('child_process');
 const fs = require('fs');
 const path = require('path');
 
 const { tempRoot } = require('./helpers');
-const { publish, serveTree, publisherPublic, PREFIX } = require('./openTree');
+const { publish, serveTree, publisherPublic, PREFIX, runNode } = require('./openTree');
 
 const PAGE = '<!doctype html>\n<title>demo</title>\n<p>served from the pack</p>\n';
-const kHangMs = 20000;
 const readme = path.join(__dirname, '..', 'README.md');
 
 function firstJsBlock(text) {
@@ -24,18 +22,7 @@ function firstJsBlock(text) {
 }
 
 function runExample(folder, server, url) {
-  return new Promise((resolve) => {
-    const child = spawn(process.execPath, ['host.js', server, url], { cwd: folder, stdio: ['ignore', 'pipe', 'pipe'] });
-    let out = '';
-    let err = '';
-    child.stdout.on('data', (chunk) => { out += chunk; });
-    child.stderr.on('data', (chunk) => { err += chunk; });
-    const guard = setTimeout(() => child.kill('SIGKILL'), kHangMs);
-    child.on('close', (code, signal) => {
-      clearTimeout(guard);
-      resolve({ code, signal, out, err });
-    });
-  });
+  return runNode(['host.js', server, url], { cwd: folder });
 }
 
 test('OpenReadmeTest.FirstExampleRunsAsWritten', async (t) => {

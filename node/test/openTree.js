@@ -2,8 +2,8 @@
 // What the tests of open() share: a site published with the build's `ferrit publish` and the
 // sample publisher's key into a tree, a loopback server that serves the tree as a static server
 // does and can be stopped and started again on the same port, and waiting for events with a
-// deadline that only guards against a hang.
-const { execFileSync } = require('child_process');
+// deadline that only guards against a hang, and running a node child that may hang.
+const { execFileSync, spawn } = require('child_process');
 const fs = require('fs');
 const http = require('http');
 const path = require('path');
@@ -92,4 +92,24 @@ function nextEvent(emitter, event, predicate = () => true) {
   return promise;
 }
 
-module.exports = { APP, PREFIX, publish, serveTree, nextEvent, publisherPublic, ferritTool, kDeadlineMs };
+// How long a child process may run before it counts as hung and is killed.
+const kHangMs = 20000;
+
+// Runs node with `args` (in `cwd` when given) and resolves with its exit code or signal and what
+// it wrote; a child that hangs is killed after kHangMs, which its signal then tells.
+function runNode(args, { cwd } = {}) {
+  return new Promise((resolve) => {
+    const child = spawn(process.execPath, args, { cwd, stdio: ['ignore', 'pipe', 'pipe'] });
+    let out = '';
+    let err = '';
+    child.stdout.on('data', (chunk) => { out += chunk; });
+    child.stderr.on('data', (chunk) => { err += chunk; });
+    const guard = setTimeout(() => child.kill('SIGKILL'), kHangMs);
+    child.on('close', (code, signal) => {
+      clearTimeout(guard);
+      resolve({ code, signal, out, err });
+    });
+  });
+}
+
+module.exports = { APP, PREFIX, publish, serveTree, nextEvent, publisherPublic, ferritTool, kDeadlineMs, runNode };
