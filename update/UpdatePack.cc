@@ -248,6 +248,7 @@ UpdatePack::UpdatePack(const std::string& name, const JSON& info, int trigger)
       perf_("Ferrit.AppUpdate") {
     resolve(info);
     evaluate();
+    noteTarget();
     const char* suffix = "";
     if (pack_ && pack_->subType == kSubTypeFixedSeq) suffix = "-Seq";
     if (pack_ && pack_->subType == kSubTypeFixedUrl) suffix = "-URL";
@@ -263,6 +264,7 @@ UpdatePack::UpdatePack(const std::string& name, uint64_t seq)
       perf_("Ferrit.AppUpdate") {
     resolveSeq(seq);
     evaluate();
+    noteTarget();
     rate(nullptr, kFixedSeqScore);
 }
 
@@ -490,6 +492,19 @@ void UpdatePack::absorb(const UpdatePack& other) {
     score_ = std::max(score_, other.score_);
     if (parentId_.empty()) parentId_ = other.parentId_;
     concurrent_ = concurrent_ || other.concurrent_;
+    // The configuration moved on since this task was made: the later request wants the newer
+    // version, and one download of it answers both. A fixed version ("name@seq") has one
+    // sequence for its name, so only a plain task of the same record moves.
+    if (other.pack_ && pack_ && other.pack_->name == pack_->name &&
+        pack_->subType != kSubTypeFixedSeq && other.pack_->subType != kSubTypeFixedSeq &&
+        other.targetSeq() > targetSeq()) {
+        pack_ = other.pack_;
+        noteTarget();
+    }
+}
+
+void UpdatePack::noteTarget() {
+    targetSeq_.store(pack_ ? pack_->seq : 0, std::memory_order_release);
 }
 
 void UpdatePack::endRun(Error error) {
@@ -522,6 +537,7 @@ void UpdatePack::start() {
     // what that one installed makes this one up to date.
     SCache::refresh();
     evaluate();
+    noteTarget();
     if (state_ != UpdateState::NeedUpdate) {
         tellListeners();
         return;
@@ -610,6 +626,7 @@ void UpdatePack::onConfig(std::string body, Error error) {
         return;
     }
     pack_ = fresh;
+    noteTarget();
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kUpdatePack)
         .event("configUpdated", parentId_)
         .id(runId_)

@@ -98,6 +98,9 @@ struct Merged {
     UpdatePackPtr survivor;
     // The survivor is running and has already ended.
     bool finished = false;
+    // The survivor is running an older version than the task wants: its outcome does not answer
+    // the task, which is added again once the survivor has ended.
+    bool behind = false;
 };
 
 void completed(const std::string& name, const Error& error);
@@ -111,7 +114,9 @@ void watch(const UpdatePackPtr& task) {
 Merged merge(State& s, const UpdatePackPtr& task, bool isFast) REQUIRES(s.lock) {
     const std::string& name = task->name();
     for (const Running& running : s.running) {
-        if (running.task->name() == name) return {running.task, running.finished};
+        if (running.task->name() != name) continue;
+        const bool behind = !running.finished && running.task->targetSeq() < task->targetSeq();
+        return {running.task, running.finished, behind};
     }
     auto inFast = std::find_if(s.fast.begin(), s.fast.end(),
                                [&](const UpdatePackPtr& queued) { return queued->name() == name; });
@@ -156,6 +161,16 @@ Merged merge(State& s, const UpdatePackPtr& task, bool isFast) REQUIRES(s.lock) 
         s.normalNames.insert(name);
     }
     return {task, false};
+}
+
+// Adds `task` again once `running`, which installs an older version, has ended. Posted, so that
+// the queue's own completion (the first listener) has marked the end, and the request takes the
+// path of one made after it.
+void addAfter(const UpdatePackPtr& running, UpdatePackPtr task, UpdateQueue::Listener listener) {
+    running->addListener([task = std::move(task), listener = std::move(listener)](const Error&) {
+        TaskRunner::post(
+            [task, listener]() mutable { UpdateQueue::add(std::move(task), std::move(listener)); });
+    });
 }
 
 // Opens the run's record or notes one more addition, and lets the queue run.
@@ -367,7 +382,10 @@ void UpdateQueue::start(int trigger) {
     if (waiting > 0) logWaitingForNetwork(trigger, waiting);
     State& s = state();
     RecursiveLock lock(s.lock);
-    for (const UpdatePackPtr& task : kept) merge(s, task, false);
+    for (const UpdatePackPtr& task : kept) {
+        const Merged merged = merge(s, task, false);
+        if (merged.behind) addAfter(merged.survivor, task, {});
+    }
     if (s.normal.size() > limit) {
         // The best `limit` to the front in one pass; what falls off comes back at the next run.
         std::nth_element(
@@ -406,6 +424,10 @@ void UpdateQueue::add(UpdatePackPtr task, Listener listener) {
         State& s = state();
         RecursiveLock lock(s.lock);
         merged = merge(s, task, task->policy().fast);
+        if (merged.behind) {
+            addAfter(merged.survivor, std::move(task), std::move(listener));
+            return;
+        }
         if (!merged.finished) {
             if (listener) merged.survivor->addListener(std::move(listener));
             announce(s, 1, task->trigger(), 0);
@@ -530,6 +552,7 @@ MarlLogger::json::JSON prefetchPack(const std::string& name, const std::string& 
         const Merged merged = merge(s, task, task->policy().fast);
         const UpdatePackPtr& survivor = merged.survivor;
         oldSeq = survivor->pack() ? survivor->pack()->installedSeq : 0;
+        if (merged.behind) addAfter(survivor, task, {});
         if (merged.finished) {
             stateNow = UpdateState::UpdateFinished;
         } else if (survivor != task) {

@@ -89,6 +89,13 @@ class UpdateQueueTest : public InstallFixture {
             names.push_back(tasks[i]->name());
         return names;
     }
+    // "story" installed at 3, with `seq` configured.
+    void putStory(uint64_t seq) {
+        auto p = record("story", kPackTypeFerrit, seq, seq);
+        p->installedSeq = 3;
+        p->installedBaseSeq = 3;
+        put({p});
+    }
     UpdatePackPtr task(const std::string& name, int trigger) {
         return factory_->create(name, JSON(), trigger);
     }
@@ -302,6 +309,89 @@ TEST_F(UpdateQueueTest, RequestFromAListenerOfTheEndedTaskStartsANewOne) {
     EXPECT_EQ(factory_->started, (std::vector<std::string>{"p0", "p0"}));
     factory_->made.back()->finish();
     EXPECT_TRUE(again->called);
+}
+
+// ---- Requests for another version of a queued or running pack ---------------------------------
+
+TEST_F(UpdateQueueTest, NewerVersionRequestedWhileAnOlderIsQueuedInstallsTheNewer) {
+    putStory(4);
+    UpdateQueue::setPaused(true);
+    auto retry = add(task("story", kTriggerTimer));
+    const std::shared_ptr<HeldTask> queued = factory_->last("story");
+    ASSERT_EQ(queued->targetSeq(), 4u);
+    putStory(6);
+    UpdatePackPtr visit = task("story", kTriggerVisit);
+    ASSERT_EQ(visit->targetSeq(), 6u);
+    visit->setParentId("visit-trace");
+    auto request = add(visit);
+    // Still one task for the pack, now on the fast stack, and it installs 6.
+    EXPECT_EQ(UpdateQueue::fastNames(), (std::vector<std::string>{"story"}));
+    EXPECT_EQ(UpdateQueue::normalCount(), 0u);
+    EXPECT_EQ(queued->targetSeq(), 6u);
+    EXPECT_EQ(queued->pack()->seq, 6u);
+    EXPECT_EQ(queued->score(), std::max(queued->score(), visit->score()));
+    EXPECT_EQ(queued->parentId(), "visit-trace");
+    EXPECT_TRUE(queued->concurrent());
+    UpdateQueue::setPaused(false);
+    drive();
+    EXPECT_EQ(factory_->started, (std::vector<std::string>{"story"}));
+    queued->finish();
+    EXPECT_TRUE(retry->called);
+    EXPECT_TRUE(request->called);
+    EXPECT_FALSE(request->error);
+}
+
+TEST_F(UpdateQueueTest, NewerVersionRequestedWhileAnOlderRunsIsAnsweredByTheNewer) {
+    putStory(4);
+    auto retry = add(task("story", kTriggerTimer));
+    drive();
+    const std::shared_ptr<HeldTask> running = factory_->last("story");
+    ASSERT_EQ(factory_->started, (std::vector<std::string>{"story"}));
+    putStory(6);
+    auto request = add(task("story", kTriggerVisit));
+    drive();
+    // Nothing new starts while version 4 runs.
+    EXPECT_EQ(factory_->started.size(), 1u);
+    EXPECT_EQ(UpdateQueue::fastCount(), 0u);
+    running->finish(Error(1004, "story_4_ is damaged"));
+    EXPECT_EQ(retry->error.code(), 1004);
+    // Version 4's failure is not the answer to a request for 6.
+    EXPECT_FALSE(request->called);
+    drive();
+    ASSERT_EQ(factory_->started, (std::vector<std::string>{"story", "story"}));
+    const std::shared_ptr<HeldTask> newer = factory_->last("story");
+    ASSERT_NE(newer, running);
+    EXPECT_EQ(newer->targetSeq(), 6u);
+    EXPECT_FALSE(request->called);
+    newer->finish();
+    EXPECT_TRUE(request->called);
+    EXPECT_FALSE(request->error);
+    drive();
+    EXPECT_EQ(UpdateQueue::runningCount(), 0u);
+}
+
+TEST_F(UpdateQueueTest, SameVersionRequestedTwiceDownloadsOnce) {
+    putStory(6);
+    UpdateQueue::setPaused(true);
+    auto first = add(task("story", kTriggerTimer));
+    auto second = add(task("story", kTriggerVisit));
+    EXPECT_EQ(UpdateQueue::fastNames(), (std::vector<std::string>{"story"}));
+    EXPECT_EQ(UpdateQueue::normalCount(), 0u);
+    UpdateQueue::setPaused(false);
+    drive();
+    const std::shared_ptr<HeldTask> running = factory_->made.front();
+    EXPECT_EQ(running->targetSeq(), 6u);
+    // A third request for the same version while it runs shares its outcome too.
+    auto third = add(task("story", kTriggerVisit));
+    drive();
+    EXPECT_EQ(factory_->started, (std::vector<std::string>{"story"}));
+    running->finish(Error(1004, "failed"));
+    EXPECT_EQ(first->error.code(), 1004);
+    EXPECT_EQ(second->error.code(), 1004);
+    EXPECT_EQ(third->error.code(), 1004);
+    drive();
+    EXPECT_EQ(factory_->started.size(), 1u);
+    EXPECT_EQ(UpdateQueue::runningCount(), 0u);
 }
 
 TEST_F(UpdateQueueTest, TaskThatIsNotRunnableTellsItsListenerAtOnce) {
