@@ -7,9 +7,10 @@
 // the pack's, so that each line the example prints can be checked against where the bytes came
 // from: once with the server up (it installs and the page comes from the pack, a file the pack
 // lacks from the site), once with it stopped (the page still comes from the pack), and once for a
-// page the pack lacks (the example says so and exits 1).
+// page the pack lacks (the example says so and exits 1). And the README's recipe for a tree to
+// try the examples with makes one the example serves its page from.
 const assert = require('node:assert/strict');
-const { spawn } = require('child_process');
+const { execFileSync, spawn } = require('child_process');
 const fs = require('fs');
 const http = require('http');
 const path = require('path');
@@ -91,6 +92,25 @@ function runExample(folder, server, url) {
   });
 }
 
+// The example as page.js in `folder`, with ferritcore and puppeteer-core in its node_modules.
+function userFolder(folder) {
+  const modules = path.join(folder, 'node_modules');
+  fs.mkdirSync(modules, { recursive: true });
+  fs.symlinkSync(path.join(s.repo, 'node'), path.join(modules, 'ferritcore'), 'dir');
+  fs.symlinkSync(path.dirname(require.resolve('puppeteer-core/package.json')), path.join(modules, 'puppeteer-core'), 'dir');
+  fs.writeFileSync(path.join(folder, 'page.js'), browserExample(fs.readFileSync(readme, 'utf8')));
+}
+
+// The README's recipe for a tree (its ```sh block) without its last line, which serves the tree
+// and runs until stopped: the test serves the tree itself.
+function treeRecipe(text) {
+  const match = /^```sh[ \t]*\n([\s\S]*?)^```/m.exec(text);
+  assert.ok(match, 'the README has a ```sh block');
+  const lines = match[1].trimEnd().split('\n');
+  assert.match(lines.at(-1), /http\.server/, 'the recipe ends by serving the tree');
+  return `set -e\n${lines.slice(0, -1).join('\n')}\n`;
+}
+
 const escape = (text) => text.replace(/[.*+?^${}()|[\]\\/]/g, '\\$&');
 
 test('ReadmeTest.BrowserExampleRunsAsWritten', async (t) => {
@@ -115,11 +135,7 @@ test('ReadmeTest.BrowserExampleRunsAsWritten', async (t) => {
 
   // The user's side: the example, the key, and the two packages it requires.
   const folder = path.join(dir, 'app');
-  const modules = path.join(folder, 'node_modules');
-  fs.mkdirSync(modules, { recursive: true });
-  fs.symlinkSync(path.join(s.repo, 'node'), path.join(modules, 'ferritcore'), 'dir');
-  fs.symlinkSync(path.dirname(require.resolve('puppeteer-core/package.json')), path.join(modules, 'puppeteer-core'), 'dir');
-  fs.writeFileSync(path.join(folder, 'page.js'), browserExample(fs.readFileSync(readme, 'utf8')));
+  userFolder(folder);
   fs.copyFileSync(s.publicKey, path.join(folder, 'publisher.pub.pem'));
 
   const page = `${prefix}index.html`;
@@ -147,4 +163,22 @@ test('ReadmeTest.BrowserExampleRunsAsWritten', async (t) => {
   assert.equal(offline.code, 0, `${offline.out}\n${offline.err}`);
   assert.match(offline.out, /^no update: /m);
   for (const line of [...fromPack, title]) assert.ok(offline.lines.includes(line), `"${line}" in:\n${offline.out}`);
+});
+
+test('ReadmeTest.TreeRecipeServesTheBrowserExample', async (t) => {
+  const dir = s.scratch('readme-tree');
+  t.after(() => fs.rmSync(dir, { recursive: true, force: true }));
+  userFolder(dir);
+  fs.writeFileSync(path.join(dir, 'tree.sh'), treeRecipe(fs.readFileSync(readme, 'utf8')));
+  execFileSync('bash', ['tree.sh'], {
+    cwd: dir, stdio: 'pipe', env: { ...process.env, PATH: `${path.dirname(s.ferritTool)}:${process.env.PATH}` },
+  });
+  const server = await serveTreeAndSite(path.join(dir, 'tree'));
+  t.after(() => server.stop());
+
+  const url = 'https://app.example.com/index.html';
+  const run = await runExample(dir, server.base, url);
+  assert.equal(run.code, 0, `${run.out}\n${run.err}`);
+  assert.ok(run.lines.includes(`${url}: from the pack`), run.out);
+  assert.ok(run.lines.includes('title: Hello from the pack'), run.out);
 });
