@@ -358,5 +358,5 @@ async function pixelAt(browser, pngBytes, x, y) {
 
 module.exports = {
   repo, build, ferritTool, publicKey, scratch, freePort, Nginx, startDelayProxy, writeSite,
-  writeManifest, writeBundleSite, publish, launchBrowser, loadThroughHost, pixelAt, kResourcesBesides, kAppOrigin,
+  writeManifest, writeBundleSite, publish, chromiumPath, launchBrowser, loadThroughHost, pixelAt, kResourcesBesides, kAppOrigin,
 };
