@@ -106,8 +106,15 @@ bool Environment::inCooldown(std::string_view name) {
 }
 
 void Environment::setProxy(std::shared_ptr<Proxy> proxy) {
+    MutexLock lock(proxyMutex_);
     takesEvents_.store(proxy != nullptr && proxy->takesEvents(), std::memory_order_release);
     proxy_.store(std::move(proxy));
+}
+
+void Environment::refreshTakesEvents() {
+    MutexLock lock(proxyMutex_);
+    const std::shared_ptr<Proxy> proxy = proxy_.load();
+    takesEvents_.store(proxy != nullptr && proxy->takesEvents(), std::memory_order_release);
 }
 
 void Environment::reset() {

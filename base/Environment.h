@@ -48,6 +48,9 @@ class Environment {
     // Whether a proxy that takes performance records is set, without taking a reference to it:
     // lets the request path skip building records that would be dropped.
     bool takesEvents() const { return takesEvents_.load(std::memory_order_acquire); }
+    // Asks the proxy again whether it takes records, for a proxy whose answer changes while it is
+    // set (a host that listens for records only some of the time).
+    void refreshTakesEvents();
 
     bool isMainProcess() const { return isMainProcess_.load(std::memory_order_relaxed); }
     void setMainProcess(bool main) { isMainProcess_.store(main, std::memory_order_relaxed); }
@@ -112,6 +115,9 @@ class Environment {
     // Back to the initial state (ProcessState::resetForTesting).
     void reset();
 
+    // Serialises setProxy and refreshTakesEvents, so that the flag always answers for the proxy
+    // that is set.
+    Mutex proxyMutex_;
     Published<Proxy> proxy_{nullptr};
     std::atomic<bool> takesEvents_{false};
     std::atomic<bool> isMainProcess_{true};

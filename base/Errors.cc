@@ -157,6 +157,12 @@ Error requestInvalidStatus(const std::string& url, unsigned status) {
                  statusWords(status));
 }
 
+Error noServerAddress(std::string_view server, std::string_view key) {
+    return Error(1002, "No server address: the host set no %.*s (%.*s)",
+                 static_cast<int>(server.size()), server.data(), static_cast<int>(key.size()),
+                 key.data());
+}
+
 Error hostInvalidStatus(std::string_view given) {
     return Error(1004,
                  "invalid status code %.*s from the host: not an HTTP status (a whole number "

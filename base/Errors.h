@@ -27,6 +27,9 @@ Error requestFailed(const std::string& url, int code, const std::string& message
 Error requestTimedOut(const std::string& url, double deadlineMs);     // 1003
 Error resourceManagerNotFound();                                      // 1003
 Error requestInvalidStatus(const std::string& url, unsigned status);  // 1004
+// A request that has no server to go to: the build compiled no address in and the host set none.
+// `server` says which ("configuration server", "pack server"), `key` the host's setting for it.
+Error noServerAddress(std::string_view server, std::string_view key);  // 1002
 // 1004 for a status code that the host gave and that no HTTP response has (-1, 0, 1000, 200.5),
 // shown as the host gave it.
 Error hostInvalidStatus(std::string_view given);
@@ -148,6 +151,7 @@ enum Code : int32_t {
     kFileNotExists = 1101,
     kNoData = 1103,
     kReadAsyncOnly = 1108,
+    kNetworkNotSupported = 2001,
     kNotFerritResource = 3001,
     kDisabled = 3003,
     kPackFileNotFound = 3109,
@@ -180,6 +184,10 @@ inline bool isNotFerritResource(const Error& e) {
 }
 inline bool isReadAsyncOnly(const Error& e) {
     return e.code() == kReadAsyncOnly;
+}
+// A download that the host's network status does not allow now (2001).
+inline bool isNetworkNotSupported(const Error& e) {
+    return e.code() == kNetworkNotSupported;
 }
 
 }  // namespace FerritCore::Errors

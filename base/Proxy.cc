@@ -19,6 +19,8 @@ void Proxy::onQueueFinished(uint32_t) {}
 
 void Proxy::onPackUpdated(const std::string&) {}
 
+void Proxy::onStateChanged() {}
+
 bool Proxy::registerPushTopic(const std::string&, std::function<void(const std::string&)>) {
     return false;
 }
@@ -77,6 +79,10 @@ void onQueueFinished(uint32_t count) {
 
 void onPackUpdated(const std::string& name) {
     callIfAny(proxy(), &Proxy::onPackUpdated, name);
+}
+
+void onStateChanged() {
+    callIfAny(proxy(), &Proxy::onStateChanged);
 }
 
 bool registerPushTopic(const std::string& topic,

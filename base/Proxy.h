@@ -32,6 +32,11 @@ class Proxy {
     virtual void onQueueFinished(uint32_t count);
     // A pack was installed. The default does nothing.
     virtual void onPackUpdated(const std::string& name);
+    // The lifecycle state (set up, configured, updating) or the storage state (writable,
+    // read-only) changed; called once per transition, on the thread that made it, possibly with
+    // the core's own locks held: an implementation must only hand the news on. The default does
+    // nothing.
+    virtual void onStateChanged();
     // Subscribes `handler` to the push messages of `topic`; false when the host cannot. The
     // default is a host without push delivery.
     virtual bool registerPushTopic(const std::string& topic,
@@ -66,6 +71,8 @@ bool takesEvents();
 void onQueueFinished(uint32_t count);
 // Nothing without a proxy.
 void onPackUpdated(const std::string& name);
+// Nothing without a proxy.
+void onStateChanged();
 // False without a proxy.
 bool registerPushTopic(const std::string& topic,
                        std::function<void(const std::string& message)> handler);

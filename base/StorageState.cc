@@ -7,6 +7,7 @@
 #include "base/Folder.h"
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
+#include "base/Proxy.h"
 #include "marl/Log.h"
 #include "support/Mutex.h"
 
@@ -102,6 +103,7 @@ void enterReadOnly(Cause cause, std::string_view path) {
         .event("storageReadOnly")
         .append("reason", entered)
         .append("path", path);
+    ProxyCalls::onStateChanged();
 }
 
 void noteWriteFailure(int errnum, std::string_view path) {
@@ -122,6 +124,7 @@ void markWritable() {
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kSetup)
         .event("storageWritable")
         .append("was", was);
+    ProxyCalls::onStateChanged();
 }
 
 int probe(const std::string& folder) {

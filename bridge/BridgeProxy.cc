@@ -2,6 +2,7 @@
 
 #include "bridge/HostValues.h"
 
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -10,6 +11,8 @@
 #include "base/Errors.h"
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
+#include "base/Telemetry.h"
+#include "lifecycle/Setup.h"
 #include "marl/Log.h"
 
 namespace FerritCore {
@@ -49,12 +52,42 @@ Error conversionFailed(napi_env env, std::string_view what) {
     return Errors::napiFailed(cause);
 }
 
+// Whether the host listens for performance records: off until it says otherwise.
+std::atomic<bool> wantsRecords{false};
+
 // The lowest and highest status codes that an HTTP response can have.
 constexpr double kFirstHttpStatus = 100;
 constexpr double kLastHttpStatus = 599;
 
 bool setProperty(napi_env env, napi_value object, const char* key, napi_value value) {
     return value != nullptr && napi_set_named_property(env, object, key, value) == napi_ok;
+}
+
+// The record as the host object's "sendEvent" receives it: {name, dimensions, measures}. Null with
+// the engine's error raised on failure.
+napi_value encodeRecord(napi_env env, const std::string& name,
+                        const PerfRecord::Dimensions& dimensions,
+                        const PerfRecord::Measures& measures) {
+    napi_value object = nullptr, dimensionObject = nullptr, measureObject = nullptr;
+    if (napi_create_object(env, &object) != napi_ok ||
+        napi_create_object(env, &dimensionObject) != napi_ok ||
+        napi_create_object(env, &measureObject) != napi_ok) {
+        NAPI::throwLastError(env);
+        return nullptr;
+    }
+    for (const auto& [key, value] : dimensions) {
+        if (!setProperty(env, dimensionObject, key.c_str(), NAPI::toString(env, value)))
+            return nullptr;
+    }
+    for (const auto& [key, value] : measures) {
+        if (!setProperty(env, measureObject, key.c_str(), NAPI::toNumber(env, value)))
+            return nullptr;
+    }
+    if (!setProperty(env, object, "name", NAPI::toString(env, name)) ||
+        !setProperty(env, object, "dimensions", dimensionObject) ||
+        !setProperty(env, object, "measures", measureObject))
+        return nullptr;
+    return object;
 }
 
 }  // namespace
@@ -136,7 +169,66 @@ bool BridgeProxy::verifySignature(const std::string& md5Hex, const std::string& 
     return false;
 }
 
-void BridgeProxy::sendEvent(const PerfRecord&) {}
+void BridgeProxy::setWantsRecords(bool wants) {
+    wantsRecords.store(wants, std::memory_order_release);
+}
+
+bool BridgeProxy::takesEvents() const {
+    return wantsRecords.load(std::memory_order_acquire);
+}
+
+void BridgeProxy::sendEvent(const PerfRecord& record) {
+    if (!takesEvents()) return;
+    callHost("sendEvent",
+             [name = record.name(), dimensions = record.dimensions(),
+              measures = record.measures()](napi_env env) -> std::vector<napi_value> {
+                 napi_value object = encodeRecord(env, name, dimensions, measures);
+                 if (object == nullptr) return {};
+                 return {object};
+             });
+}
+
+void BridgeProxy::onQueueFinished(uint32_t count) {
+    callHost("onQueueFinished", [count](napi_env env) -> std::vector<napi_value> {
+        return {NAPI::toNumber(env, count)};
+    });
+}
+
+void BridgeProxy::onPackUpdated(const std::string& name) {
+    callHost("onPackUpdated", [name](napi_env env) -> std::vector<napi_value> {
+        return {NAPI::toString(env, name)};
+    });
+}
+
+void BridgeProxy::onStateChanged() {
+    MutexLock lock(stateMutex_);
+    callHost("onStateChanged",
+             [report = Setup::statusReport().toString()](napi_env env) -> std::vector<napi_value> {
+                 return {NAPI::toString(env, report)};
+             });
+}
+
+void BridgeProxy::callHost(const char* method, NAPI::ArgumentBuilder builder) {
+    std::shared_ptr<NAPI::Bridge> bridge = bridge_;
+    // Dropped when the script side is going away: nobody is left to hear it.
+    bridge->postJSTask([bridge, method, builder = std::move(builder)](napi_env env) {
+        if (!bridge->hasMethod(method)) return;
+        std::vector<napi_value> arguments = builder(env);
+        std::string failure;
+        if (arguments.empty()) {
+            failure = NAPI::takeExceptionText(env);
+            failure = std::string("the arguments of ") + method + " could not be made" +
+                      (failure.empty() ? std::string() : ": " + failure);
+        } else if (bridge->invoke(method, arguments, &failure) != nullptr) {
+            return;
+        }
+        // What the host's own listener threw is the host's to fix; it is said once per call.
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kBridge)
+            .event("hostMethod")
+            .append("method", method)
+            .append("reason", failure);
+    });
+}
 
 bool BridgeProxy::assetExists(const std::string& path) {
     return rawFiles_ != nullptr && rawFiles_->hasAsset(path);

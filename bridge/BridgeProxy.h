@@ -3,6 +3,11 @@
 // raw files are read from the app's raw-file folder. Thread-safe: the core calls it from the
 // worker and from the host's threads.
 //
+// The host object may also have methods that hear what the library does: onPackUpdated(name),
+// onQueueFinished(count), sendEvent({name, dimensions, measures}), onStateChanged(reportText). Each
+// is called on the script thread, later, when the object has it at that time; one that throws is
+// logged and otherwise ignored. Records are built only while the host wants them (setWantsRecords).
+//
 // A request in flight on the host is a PendingRequest. Its id, the decimal text of its address,
 // is what the host echoes. Live ids are remembered, so that an id that is unknown, repeated or
 // invented finds nothing instead of touching freed memory; an id the host never returns keeps
@@ -42,8 +47,16 @@ class BridgeProxy : public Proxy {
     // Whether the publisher's key signed `md5Hex`; a signature that does not verify is logged as
     // such, in those words, for the host to read. Without a key every signature is taken.
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
+    // Hands the record to the host object's "sendEvent", as {name, dimensions: {text}, measures:
+    // {number}}, while the host wants records.
     void sendEvent(const PerfRecord& record) override;
-    bool takesEvents() const override { return false; }
+    // Whether the host wants records now; the request path builds none otherwise.
+    bool takesEvents() const override;
+    void onQueueFinished(uint32_t count) override;
+    void onPackUpdated(const std::string& name) override;
+    // Hands the status report ("info", as JSON text) of the new state to the host object's
+    // "onStateChanged"; reports reach the host in the order the changes happened.
+    void onStateChanged() override;
     bool assetExists(const std::string& path) override;
     std::vector<std::string> assetList(const std::string& path) override;
     uint64_t assetSize(const std::string& path) override;
@@ -54,9 +67,19 @@ class BridgeProxy : public Proxy {
     static std::unique_ptr<PendingRequest> takePending(uint64_t id);
     // How many requests wait for the host (tests).
     static size_t pendingCount();
+    // Whether the host wants performance records, for the whole process (any thread, also
+    // before the proxy exists). Off at start. The caller tells Environment to ask again.
+    static void setWantsRecords(bool wants);
 
   private:
+    // Calls the host object's `method` on the script thread with what `builder` makes there, when
+    // the object has that method then.
+    void callHost(const char* method, NAPI::ArgumentBuilder builder);
+
     std::shared_ptr<NAPI::Bridge> bridge_;
+    // Makes building a state's report and posting it one step, so that a later state's report is
+    // never delivered before an earlier one.
+    Mutex stateMutex_;
     std::unique_ptr<RawFileProvider> rawFiles_;          // null without a raw-file folder
     std::shared_ptr<const Ed25519PublicKey> publicKey_;  // immutable; null checks nothing
 };

@@ -3,6 +3,12 @@
 // engine's work pool. A missing or mistyped required argument makes a native return undefined
 // (false for setProxyNative) with no effect; setProxyNative also returns false for a host object
 // that carries no usable publisher's key and does not opt out of signature checks.
+//
+// Beside the eighteen, under registered symbols so that the module's own names stay theirs:
+// Symbol.for("ferritcore.inspect") (the inspector, behind the queued lifecycle natives), "hostKey"
+// (the key check of the package's entry point), "whenReady" (a callback once the lifecycle natives
+// queued before it have run), "wantRecords" (performance records to the host object's
+// sendEvent), "logTo" and "logLevel" (the log to a script function, and its level).
 #include <node_api.h>
 
 #include <charconv>
@@ -14,12 +20,14 @@
 #include <vector>
 
 #include "access/AppRoot.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "base/Telemetry.h"
 #include "bridge/BridgeProxy.h"
 #include "bridge/HostKey.h"
+#include "bridge/HostLog.h"
 #include "bridge/HostValues.h"
 #include "bridge/Napi.h"
 #include "ferritcore/Access.h"
@@ -213,7 +221,8 @@ napi_value setDefaultConfigNative(napi_env env, napi_callback_info info) {
     const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
     if (args.empty() || !NAPI::isObject(env, args[0])) return undefinedOf(env);
     JSON object = JSON(MarlLogger::json::JSONObject());
-    for (const char* key : {"configPrefixRelease", "zipPrefixRelease", "ACacheZipPrefixRelease"}) {
+    for (const char* key : {"configPrefixRelease", "zipPrefixRelease", "ACacheZipPrefixRelease",
+                            "configPrefixDebug", "configPrefixDaily", "zipPrefixDaily"}) {
         if (std::optional<std::string> text =
                 NAPI::toString(env, NAPI::getProperty(env, args[0], key)))
             object.set(key, std::move(*text));
@@ -402,18 +411,66 @@ napi_value inspectNative(napi_env env, napi_callback_info info) {
     const std::optional<std::string> paramsText = NAPI::toString(env, args[1]);
     std::shared_ptr<NAPI::JSFunction> callback = NAPI::toFunction(env, args[2]);
     if (!command || !paramsText || !callback) return undefinedOf(env);
-    const JSON params = JSON::parse(*paramsText);
     const auto reply = [callback](bool success, const JSON& data) {
         callback->call([success, text = data.toString()](napi_env env) -> std::vector<napi_value> {
             return {NAPI::toBool(env, success), NAPI::toString(env, text)};
         });
     };
-    if (!MarlLogger::Inspector::sendCommand(*command, params, reply)) {
-        const Error error = Errors::devToolNotAvailable(*command);
-        reply(false, JSON(MarlLogger::json::JSONObject{{"code", error.code()},
-                                                       {"message", error.message()}}));
+    // Behind the lifecycle natives already queued: a command sent right after setupNative finds
+    // the commands that setup registers, instead of racing it on the work pool.
+    postSerial(env, [command = std::move(*command), params = JSON::parse(*paramsText), reply] {
+        if (!MarlLogger::Inspector::sendCommand(command, params, reply)) {
+            const Error error = Errors::devToolNotAvailable(command);
+            reply(false, JSON(MarlLogger::json::JSONObject{{"code", error.code()},
+                                                           {"message", error.message()}}));
+        }
+    });
+    return undefinedOf(env);
+}
+
+// ---- whenReady(callback): callback() on the script thread once every lifecycle native queued
+// before this call has run, so that a host can wait for its own start-up order.
+
+napi_value whenReadyNative(napi_env env, napi_callback_info info) {
+    std::shared_ptr<NAPI::JSFunction> callback = NAPI::toFunction(env, NAPI::firstArg(env, info));
+    if (!callback) return undefinedOf(env);
+    postSerial(env, [callback] { callback->call({}); });
+    return undefinedOf(env);
+}
+
+// ---- wantRecords(on): while on, performance records are built and handed to the host object's
+// "sendEvent"; off (the start) they are not built at all. Anything but a boolean does nothing.
+
+napi_value wantRecordsNative(napi_env env, napi_callback_info info) {
+    const std::optional<bool> on = NAPI::readBool(env, NAPI::firstArg(env, info));
+    if (!on) return undefinedOf(env);
+    BridgeProxy::setWantsRecords(*on);
+    Environment::instance().refreshTakesEvents();
+    return undefinedOf(env);
+}
+
+// ---- logTo(callback | null): the log's entries go to callback(text) on the script thread, one
+// JSON text per entry, in order; null sends them back to stderr. Anything else does nothing.
+
+napi_value logToNative(napi_env env, napi_callback_info info) {
+    napi_value target = NAPI::firstArg(env, info);
+    napi_valuetype type = napi_undefined;
+    if (napi_typeof(env, target, &type) != napi_ok) return undefinedOf(env);
+    if (type == napi_null) {
+        HostLogSink::restoreStderr();
+    } else if (type == napi_function) {
+        HostLogSink::install(env, target);
     }
     return undefinedOf(env);
+}
+
+// ---- logLevel(level?) -> number: entries of this level and more severe ones are written (1 the
+// most severe, 5 the most verbose); a number sets it, and the level in force is the answer.
+
+napi_value logLevelNative(napi_env env, napi_callback_info info) {
+    if (const std::optional<int32_t> level = NAPI::toInt32(env, NAPI::firstArg(env, info)))
+        MarlLogger::Log::setLevel(*level);
+    return NAPI::toInt32(env, MarlLogger::Log::level());
 }
 
 // ---- The check of a host object's key, for the package's entry point: (host) -> {state, reason}.
@@ -487,6 +544,10 @@ napi_value Init(napi_env env, napi_value exports) {
     // neither one of the natives.
     defineSymbolMethod(env, exports, "ferritcore.inspect", "inspect", inspectNative);
     defineSymbolMethod(env, exports, "ferritcore.hostKey", "hostKey", hostKeyNative);
+    defineSymbolMethod(env, exports, "ferritcore.whenReady", "whenReady", whenReadyNative);
+    defineSymbolMethod(env, exports, "ferritcore.wantRecords", "wantRecords", wantRecordsNative);
+    defineSymbolMethod(env, exports, "ferritcore.logTo", "logTo", logToNative);
+    defineSymbolMethod(env, exports, "ferritcore.logLevel", "logLevel", logLevelNative);
     return exports;
 }
 

@@ -132,6 +132,19 @@ napi_value toBool(napi_env env, bool value) {
     return result;
 }
 
+napi_value toNumber(napi_env env, double number) {
+    napi_value result = nullptr;
+    if (napi_create_double(env, number, &result) != napi_ok) throwLastError(env);
+    return result;
+}
+
+std::optional<bool> readBool(napi_env env, napi_value value) {
+    if (typeOf(env, value) != napi_boolean) return std::nullopt;
+    bool result = false;
+    if (napi_get_value_bool(env, value, &result) != napi_ok) return std::nullopt;
+    return result;
+}
+
 std::optional<std::string> toData(napi_env env, napi_value value) {
     const napi_valuetype type = typeOf(env, value);
     if (type == napi_string) return toString(env, value);
@@ -389,6 +402,13 @@ Bridge::~Bridge() {
     // one ever destroyed, on the script thread that made it.
     tasks_.release();
     if (object_ != nullptr) napi_delete_reference(env_, object_);
+}
+
+bool Bridge::hasMethod(const char* name) {
+    napi_value object = nullptr;
+    if (napi_get_reference_value(env_, object_, &object) != napi_ok || object == nullptr)
+        return false;
+    return isFunction(env_, getProperty(env_, object, name));
 }
 
 napi_value Bridge::invoke(const char* name, const std::vector<napi_value>& arguments,

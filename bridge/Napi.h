@@ -39,6 +39,10 @@ std::optional<int32_t> toInt32(napi_env env, napi_value value);
 std::optional<double> toDouble(napi_env env, napi_value value);
 napi_value toInt32(napi_env env, int32_t number);
 napi_value toBool(napi_env env, bool value);
+// A script number, or null with the engine's error raised.
+napi_value toNumber(napi_env env, double number);
+// The boolean, or empty when the value is not a boolean.
+std::optional<bool> readBool(napi_env env, napi_value value);
 // The bytes of a string (UTF-8), a Buffer, a typed array, a DataView or an ArrayBuffer; empty
 // for anything else.
 std::optional<std::string> toData(napi_env env, napi_value value);
@@ -133,6 +137,9 @@ class Bridge {
     Bridge& operator=(const Bridge&) = delete;
 
     napi_env env() const { return env_; }
+    // Script thread: whether the object has a method `name` now (the host may add or remove its
+    // optional methods at any time).
+    bool hasMethod(const char* name);
     // Script thread: calls the object's method `name`. Null when there is no such method or the
     // call threw (the exception is dropped: the host's failure is not the caller's); `failure`,
     // when given, then says which, in words, with the host's own message of what it threw.

@@ -158,6 +158,8 @@ void Setup::setup(const std::string& appKey, const std::string& appVersion, int3
     // The first post is also what starts the worker.
     TaskRunner::post([] { logSetup(MarlLogger::MRLLevelInfo, "startThread"); }, 0);
     if (!hostStartsUpdate) environment.setFlag(kAutoStartAllowed);
+    // Told before the first configuration update starts, whose end is the next change.
+    ProxyCalls::onStateChanged();
     UpdateConfig::instance().startTimer();
     UpdateConfig::instance().start(
         kTriggerStartup, "0", [](const Error&) { configFirstUpdated(); }, 0);
@@ -189,8 +191,10 @@ void Setup::reloadConfig() {
 
 void Setup::configFirstUpdated() {
     Environment& environment = Environment::instance();
-    environment.setFlag(kConfigFirstUpdated);
+    const bool changed = environment.setFlag(kConfigFirstUpdated);
     logSetup(MarlLogger::MRLLevelInfo, "configFirstUpdated");
+    // Told before the start of updating that may follow, so that the host hears the steps in turn.
+    if (changed) ProxyCalls::onStateChanged();
     if (ProxyCalls::registerPushTopic(
             "wpb.fconfig", [](const std::string& m) { onPushMessage("wpb.fconfig", m); })) {
         ProxyCalls::registerPushTopic(
@@ -229,8 +233,11 @@ void Setup::startUpdate() {
     auto timer = TaskRunner::postRepeating([] { UpdateQueue::start(kTriggerTimer); }, interval);
     // The first run falls two minutes from now, not one interval.
     timer->setLastRunTime(MRLCurrentTime() - interval + 120000.0);
-    MutexLock lock(state().mutex);
-    state().queueTimer = std::move(timer);
+    {
+        MutexLock lock(state().mutex);
+        state().queueTimer = std::move(timer);
+    }
+    ProxyCalls::onStateChanged();
 }
 
 void Setup::compactDatabases() {

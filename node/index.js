@@ -1,7 +1,7 @@
 'use strict';
 // Loads the native module "ferritcore", makes setProxyNative insist on the publisher's public key,
-// and adds `inspect`, which sends a command to the developer inspector and resolves with its
-// reply. The addon is looked for, in order: the path in FERRITCORE_ADDON, next to this file (an
+// adds `inspect`, which sends a command to the developer inspector and resolves with its reply,
+// and, above them, `open()` (lib/cache.js), the host API that most hosts use instead. The addon is looked for, in order: the path in FERRITCORE_ADDON, next to this file (an
 // installed package), and in the project's build folder.
 const fs = require('fs');
 const path = require('path');
@@ -23,24 +23,8 @@ const native = require(locateAddon());
 const inspectNative = native[Symbol.for('ferritcore.inspect')];
 const hostKeyNative = native[Symbol.for('ferritcore.hostKey')];
 
-// What a host that gives no key is told: how to give one.
-const kHowToPassKey =
-  'ferritcore: setProxyNative needs the publisher\'s Ed25519 public key, with which every signed ' +
-  'resource list and configuration document is checked before it is trusted. Set it as the ' +
-  '"publicKey" property of the host object: the public key file that `ferrit keygen` wrote ' +
-  '(its PEM text, or the Buffer of fs.readFileSync("publisher.pub.pem")), the 32 raw bytes as a ' +
-  'Buffer or base64 text, or a public crypto.KeyObject. For development only, ' +
-  '"insecureNoSignatureCheck: true" opens without checking any signature.';
-
-// The error codes of the two refusals, for hosts that test for them.
-const kNoPublicKey = 'FERRIT_NO_PUBLIC_KEY';
-const kBadPublicKey = 'FERRIT_BAD_PUBLIC_KEY';
-
-function refusal(message, code) {
-  const error = new Error(message);
-  error.code = code;
-  return error;
-}
+const { FerritError, keyRefusal } = require('./lib/errors');
+const openCache = require('./lib/cache');
 
 // The native with the key check in front: a host object with neither a readable "publicKey" nor
 // "insecureNoSignatureCheck: true" is refused with an Error that says why, before anything opens.
@@ -48,13 +32,8 @@ function refusal(message, code) {
 function setProxyNative(...args) {
   const [host, rootPath] = args;
   if (args.length === 3 && typeof rootPath === 'string' && typeof host === 'object' && host !== null) {
-    const { state, reason } = hostKeyNative(host);
-    if (state === 'missing') throw refusal(kHowToPassKey, kNoPublicKey);
-    if (state === 'invalid') {
-      throw refusal(`ferritcore: the host object's "publicKey" is not an Ed25519 public key: ${reason}. ` +
-        'Give the public key file that `ferrit keygen` wrote (PEM text or its Buffer), the 32 raw bytes ' +
-        'as a Buffer or base64 text, or a public crypto.KeyObject.', kBadPublicKey);
-    }
+    const refusal = keyRefusal(hostKeyNative(host));
+    if (refusal) throw refusal;
   }
   return native.setProxyNative(...args);
 }
@@ -87,9 +66,12 @@ function inspect(command, params = {}) {
   });
 }
 
-// The eighteen natives, in their order (setProxyNative with its key check), then `inspect`.
+// The eighteen natives, in their order (setProxyNative with its key check), then `inspect`, then
+// the host API above them: open() and its error type.
 const exported = {};
 for (const name of Object.getOwnPropertyNames(native)) exported[name] = native[name];
 exported.setProxyNative = setProxyNative;
 exported.inspect = inspect;
+exported.open = openCache.bind(exported, native);
+exported.FerritError = FerritError;
 module.exports = exported;

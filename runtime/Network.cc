@@ -225,16 +225,16 @@ void requestPack(const std::string& url, const Folder& target, const std::string
 bool downloadAllowed(uint64_t packFlags, std::string& reason) {
     reason.clear();
     switch (Environment::instance().networkStatus()) {
-        case 0:
+        case kStatusNone:
             reason = "None";
             return false;
-        case 1:
+        case kStatusUnrestricted:
             return true;
-        case 2:
+        case kStatusSlowMobile:
             if ((packFlags >> 14) & 1) return true;
             reason = "Slow cellular";
             return false;
-        case 3:
+        case kStatusFastMobile:
             if ((packFlags >> 15) & 1) return true;
             reason = "Fast cellular";
             return false;

@@ -16,25 +16,25 @@
 #include "marl/Clock.h"
 #include "support/Mutex.h"
 
-// Deployment endpoints. The build replaces them (see the FERRIT_*_PREFIX cache variables); these
-// defaults lead nowhere harmful.
+// Deployment endpoints: empty unless the build sets them (see the FERRIT_*_PREFIX cache
+// variables). A host that talks to its own servers gives them through setDefaultConfigNative.
 #ifndef FERRIT_CONFIG_PREFIX_RELEASE
-#define FERRIT_CONFIG_PREFIX_RELEASE "https://config.example.com/ferrit/"
+#define FERRIT_CONFIG_PREFIX_RELEASE ""
 #endif
 #ifndef FERRIT_ZIP_PREFIX_RELEASE
-#define FERRIT_ZIP_PREFIX_RELEASE "https://download.example.com/ferrit/"
+#define FERRIT_ZIP_PREFIX_RELEASE ""
 #endif
 #ifndef FERRIT_ACACHE_ZIP_PREFIX_RELEASE
-#define FERRIT_ACACHE_ZIP_PREFIX_RELEASE "https://download.example.com/acache/"
+#define FERRIT_ACACHE_ZIP_PREFIX_RELEASE ""
 #endif
 #ifndef FERRIT_CONFIG_PREFIX_PRE_RELEASE
-#define FERRIT_CONFIG_PREFIX_PRE_RELEASE "https://config-pre.example.com/ferrit/"
+#define FERRIT_CONFIG_PREFIX_PRE_RELEASE ""
 #endif
 #ifndef FERRIT_CONFIG_PREFIX_DAILY
-#define FERRIT_CONFIG_PREFIX_DAILY "http://config-daily.example.com/ferrit/"
+#define FERRIT_CONFIG_PREFIX_DAILY ""
 #endif
 #ifndef FERRIT_ZIP_PREFIX_TEST
-#define FERRIT_ZIP_PREFIX_TEST "http://download-test.example.com/ferrit/"
+#define FERRIT_ZIP_PREFIX_TEST ""
 #endif
 
 namespace FerritCore {
@@ -326,12 +326,29 @@ std::string Settings::configPrefixFor() const {
 std::string Settings::configPrefixFor(int32_t env) const {
     switch (env) {
         case 0:
-            return preReleaseConfigPrefix();
+            return configPrefixDebug;
         case 1:
-            return dailyConfigPrefix();
+            return configPrefixDaily;
         default:
             return configPrefix;
     }
+}
+
+const char* Settings::configPrefixKey(int32_t env) {
+    switch (env) {
+        case 0:
+            return "configPrefixDebug";
+        case 1:
+            return "configPrefixDaily";
+        default:
+            return "configPrefixRelease";
+    }
+}
+
+const char* Settings::zipPrefixKey(uint32_t packType, int32_t env) {
+    if (env == 1) return "zipPrefixDaily";
+    if (env != 0 && packType == kACachePackType) return "ACacheZipPrefixRelease";
+    return "zipPrefixRelease";
 }
 
 std::string Settings::zipPrefixFor(uint32_t packType) const {
@@ -344,9 +361,9 @@ std::string Settings::zipPrefixFor(uint32_t packType, int32_t env) const {
     if (!acache && zipPrefixRemote) return *zipPrefixRemote;
     if (acache && acacheZipPrefixRemote) return *acacheZipPrefixRemote;
     // "Debug" reads a pre-release configuration but downloads from the release endpoint, and not
-    // from one the host may have set.
-    if (env == 0) return builtinZipPrefix();
-    if (env == 1) return testZipPrefix();
+    // from one the host may have set, unless the build compiled none in.
+    if (env == 0) return !builtinZipPrefix().empty() ? builtinZipPrefix() : zipPrefix;
+    if (env == 1) return zipPrefixDaily;
     return acache ? acacheZipPrefix : zipPrefix;
 }
 
@@ -428,6 +445,11 @@ bool Settings::isInstallDisabled(double now, uint64_t (*draw)(uint64_t maxInclus
 JSON Settings::toJSON() const {
     JSON out = JSON(MarlLogger::json::JSONObject());
     if (configPrefix != builtinConfigPrefix()) out.set("configPrefixRelease", JSON(configPrefix));
+    if (configPrefixDebug != preReleaseConfigPrefix())
+        out.set("configPrefixDebug", JSON(configPrefixDebug));
+    if (configPrefixDaily != dailyConfigPrefix())
+        out.set("configPrefixDaily", JSON(configPrefixDaily));
+    if (zipPrefixDaily != testZipPrefix()) out.set("zipPrefixDaily", JSON(zipPrefixDaily));
     for (const RemoteKey& key : kRemoteKeys) {
         const std::string name(key.name);
         if (name == "configUpdateInterval") {
@@ -471,6 +493,9 @@ HostDefaults HostDefaults::fromJSON(const JSON& object) {
     defaults.acacheZipPrefix = defaults.zipPrefix;
     const JSON& acache = object["ACacheZipPrefixRelease"];
     if (acache.isString()) defaults.acacheZipPrefix = std::string(acache.stringViewValue());
+    defaults.configPrefixDebug = std::string(object["configPrefixDebug"].stringViewValue());
+    defaults.configPrefixDaily = std::string(object["configPrefixDaily"].stringViewValue());
+    defaults.zipPrefixDaily = std::string(object["zipPrefixDaily"].stringViewValue());
     const JSON& interval = object["configUpdateInterval"];
     defaults.configUpdateInterval = interval.isNumber() ? interval.doubleValue() : 0;
     return defaults;
@@ -502,6 +527,15 @@ void Settings::setDefaults(const HostDefaults& defaults) {
         s.acacheZipPrefix = defaults.acacheZipPrefix.empty()
                                 ? builtinACacheZipPrefix()
                                 : withTrailingSlash(defaults.acacheZipPrefix);
+        s.configPrefixDebug = defaults.configPrefixDebug.empty()
+                                  ? preReleaseConfigPrefix()
+                                  : withTrailingSlash(defaults.configPrefixDebug);
+        s.configPrefixDaily = defaults.configPrefixDaily.empty()
+                                  ? dailyConfigPrefix()
+                                  : withTrailingSlash(defaults.configPrefixDaily);
+        s.zipPrefixDaily = defaults.zipPrefixDaily.empty()
+                               ? testZipPrefix()
+                               : withTrailingSlash(defaults.zipPrefixDaily);
         s.configUpdateIntervalDefault = defaults.configUpdateInterval > 0
                                             ? defaults.configUpdateInterval
                                             : kDefaultConfigUpdateInterval;

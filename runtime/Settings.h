@@ -41,6 +41,9 @@ struct HostDefaults {
     std::string configPrefix;         // "configPrefixRelease"
     std::string zipPrefix;            // "zipPrefixRelease"
     std::string acacheZipPrefix;      // "ACacheZipPrefixRelease", else "zipPrefixRelease"
+    std::string configPrefixDebug;    // "configPrefixDebug": the configuration of "Debug"
+    std::string configPrefixDaily;    // "configPrefixDaily": the configuration of "Daily"
+    std::string zipPrefixDaily;       // "zipPrefixDaily": the downloads of "Daily"
     double configUpdateInterval = 0;  // "configUpdateInterval"; not a number reads 0
     uint32_t encryptionType = 0;      // no key sets it
 
@@ -53,8 +56,9 @@ struct Settings {
     using StringSet = std::unordered_set<std::string>;
     using StringMap = std::map<std::string, std::string>;
 
-    // The six deployment endpoints, each with a trailing "/". Defaults are harmless placeholders
-    // that a deployment replaces at build time.
+    // The six deployment endpoints, each with a trailing "/", or empty: nothing is compiled in
+    // unless the build sets it (the FERRIT_*_PREFIX cache variables), and a host then gives its
+    // own through the host layer. A request whose endpoint is empty is not sent.
     static const std::string& builtinConfigPrefix();     // release configuration
     static const std::string& builtinZipPrefix();        // release pack download
     static const std::string& builtinACacheZipPrefix();  // release download, packs of type 64
@@ -84,6 +88,9 @@ struct Settings {
     double configUpdateIntervalDefault = kDefaultConfigUpdateInterval;
     std::string zipPrefix = builtinZipPrefix();
     std::string acacheZipPrefix = builtinACacheZipPrefix();
+    std::string configPrefixDebug = preReleaseConfigPrefix();
+    std::string configPrefixDaily = dailyConfigPrefix();
+    std::string zipPrefixDaily = testZipPrefix();
     uint32_t encryptionTypeDefault = 0;
     std::optional<std::string> zipPrefixRemote;        // "ferritZipPrefix"
     std::optional<std::string> acacheZipPrefixRemote;  // "acacheZipPrefix"
@@ -191,14 +198,19 @@ struct Settings {
     bool isInstallDisabled(double now, uint64_t (*draw)(uint64_t maxInclusive)) const;
 
     // The configuration endpoint for the process's environment (Environment::env) or for `env`:
-    // 0 "Debug" the pre-release one, 1 "Daily" the daily one, anything else `configPrefix`.
+    // 0 "Debug" `configPrefixDebug`, 1 "Daily" `configPrefixDaily`, anything else
+    // `configPrefix`. Empty when neither the build nor the host set one.
     std::string configPrefixFor() const;
     std::string configPrefixFor(int32_t env) const;
     // The download endpoint of a pack type: a remote override first; then for "Debug" the
-    // built-in release endpoint and for "Daily" the test endpoint, whatever the type; otherwise
-    // `zipPrefix`, or `acacheZipPrefix` for type 64.
+    // built-in release endpoint (the host's release one when the build set none) and for "Daily"
+    // `zipPrefixDaily`, whatever the type; otherwise `zipPrefix`, or `acacheZipPrefix` for type
+    // 64. Empty when neither the build nor the host set one.
     std::string zipPrefixFor(uint32_t packType) const;
     std::string zipPrefixFor(uint32_t packType, int32_t env) const;
+    // The host's setting that supplies each endpoint, for words that say which one is missing.
+    static const char* configPrefixKey(int32_t env);
+    static const char* zipPrefixKey(uint32_t packType, int32_t env);
 
     // What differs from the built-in values, as the inspector's "config" shows it.
     MarlLogger::json::JSON toJSON() const;

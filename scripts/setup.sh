@@ -20,12 +20,12 @@ command -v npm >/dev/null || missing+=(npm)
 command -v nginx >/dev/null || [ -x /usr/sbin/nginx ] || missing+=(nginx-light)
 command -v chromium >/dev/null || missing+=(chromium)
 
-# The TypeScript compiler, only to check the Node module's declarations (node/typecheck), pinned by
-# its committed lock file.
+# The TypeScript compiler and Node's types, only to check the Node module's declarations
+# (node/typecheck), pinned by their committed lock file.
 install_typecheck() {
   local dir
   dir="$(cd "$(dirname "$0")/.." && pwd)/node/typecheck"
-  [ -x "$dir/node_modules/.bin/tsc" ] && return 0
+  [ -x "$dir/node_modules/.bin/tsc" ] && [ -f "$dir/node_modules/@types/node/package.json" ] && return 0
   (cd "$dir" && npm ci --ignore-scripts --no-audit --no-fund >/dev/null)
 }
 

@@ -19,8 +19,10 @@
 #include <vector>
 
 #include "base/Digest.h"
+#include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Proxy.h"
+#include "base/StorageState.h"
 #include "base/Telemetry.h"
 
 namespace FerritTest {
@@ -156,6 +158,22 @@ class FakeProxy : public FerritCore::Proxy {
         std::lock_guard<std::mutex> lock(mutex_);
         queueFinished.push_back(count);
     }
+    // What the status looked like at each change the host was told of: the setup flags and
+    // whether the storage was writable.
+    struct StateChange {
+        uint32_t flags = 0;
+        bool writable = true;
+    };
+    void onStateChanged() override {
+        const StateChange change{FerritCore::Environment::instance().flags(),
+                                 FerritCore::StorageState::writable()};
+        std::lock_guard<std::mutex> lock(mutex_);
+        stateChanges.push_back(change);
+    }
+    std::vector<StateChange> stateChangesSoFar() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stateChanges;
+    }
     bool registerPushTopic(const std::string& topic,
                            std::function<void(const std::string&)> handler) override {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -238,6 +256,7 @@ class FakeProxy : public FerritCore::Proxy {
     std::vector<std::string> loads;
     std::vector<std::string> updatedPacks;  // every onPackUpdated, in order
     std::vector<uint32_t> queueFinished;    // the count of every onQueueFinished, in order
+    std::vector<StateChange> stateChanges;  // every onStateChanged, in order
 
   private:
     static void deliver(const FerritCore::ProxyRequest& request, const Answer& answer,

@@ -6,7 +6,7 @@
 //                  [--referrer URL] [--header NAME:VALUE]... [--async] [--body] [--events]
 //                  [--log-level N] (URL | --check)
 //   ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root DIR
-//                  --public-key PEM [--assets DIR] [--config FILE] [URL]
+//                  --public-key PEM --config-prefix URL [--assets DIR] [--config FILE] [URL]
 //
 // Start-up is the library's own: the proxy is set (a file-backed one that verifies index
 // signatures with the Ed25519 public key), the folders under the root are initialised, the
@@ -27,8 +27,9 @@
 // succeeded.
 //
 // --startup runs the host's start-up order instead (setProxy, setup with mode 1, the first
-// configuration update, startUpdate) on the library's own worker thread, against a configuration
-// endpoint served from files below --serve (see FileProxy), and prints the status report after each
+// configuration update, startUpdate) on the library's own worker thread, against the configuration
+// endpoint --config-prefix served from files below --serve (see FileProxy; nothing is compiled in,
+// so the endpoint is given as a host gives it), and prints the status report after each
 // step; then it serves URL, if one is given, from the configuration it fetched. The records of
 // --config then stand for what an earlier run installed.
 #include <fstream>
@@ -72,7 +73,8 @@ int usage(const std::string& message) {
         << "                      (URL | --check)\n"
         << "       ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root "
            "DIR\n"
-        << "                      --public-key PEM [--assets DIR] [--config FILE] [URL]\n"
+        << "                      --public-key PEM --config-prefix URL [--assets DIR] [--config "
+           "FILE] [URL]\n"
         << "       ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--serve DIR]\n"
         << "                      [--app-key KEY --app-version VERSION] inspect COMMAND [JSON]\n";
     return 2;
@@ -193,7 +195,7 @@ int check() {
 
 int FerritTools::runRequestTool(int argc, char** argv) {
     std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
-        appVersion, preloadFile;
+        appVersion, preloadFile, configPrefix;
     HeaderMap header;
     bool async = false, body = false, events = false, checkPacks = false, startup = false;
     std::vector<std::string> positional;
@@ -204,7 +206,7 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         if (arg == "--root" || arg == "--assets" || arg == "--public-key" || arg == "--config" ||
             arg == "--config-json" || arg == "--referrer" || arg == "--header" ||
             arg == "--log-level" || arg == "--serve" || arg == "--app-key" ||
-            arg == "--app-version" || arg == "--preload") {
+            arg == "--app-version" || arg == "--preload" || arg == "--config-prefix") {
             const char* value = next();
             if (value == nullptr) return usage("missing value after " + arg);
             if (arg == "--root") root = value;
@@ -217,6 +219,7 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             if (arg == "--app-key") appKey = value;
             if (arg == "--app-version") appVersion = value;
             if (arg == "--preload") preloadFile = value;
+            if (arg == "--config-prefix") configPrefix = value;
             if (arg == "--log-level") MarlLogger::Log::setLevel(std::atoi(value));
             if (arg == "--header") {
                 const std::string h = value;
@@ -260,6 +263,12 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         url = positional[0];
     }
     if (root.empty()) return usage("--root is required");
+    if (!configPrefix.empty()) {
+        // The host's layer, as setDefaultConfigNative gives it.
+        HostDefaults defaults;
+        defaults.configPrefix = configPrefix;
+        Settings::setDefaults(defaults);
+    }
     if (inspecting) {
         TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
         std::shared_ptr<Proxy> proxy = std::make_shared<KeylessProxy>();

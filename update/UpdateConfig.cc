@@ -80,12 +80,16 @@ void UpdateConfig::update(int trigger, const std::string& version) {
     // Another process on the root may have fetched a newer document already.
     SCache::refresh();
     // Each trigger is also the moment to notice that writing works again. While it does not,
-    // the check waits: what it fetched could not be kept.
+    // the check waits: what it fetched could not be kept. Whoever waits for this run hears why
+    // now, rather than at a run that may not come while the root stays read-only.
     if (!Store::resumeWriting()) {
+        const Error paused = Errors::storageWritePaused(PacksStore::kName, PacksStore::kConfigKey,
+                                                        StorageState::describe());
         MarlLogger::LogBuilder(MarlLogger::MRLLevelDebug, LogTag::kUpdateConfig)
             .event("paused")
             .append("trigger", triggerName(trigger))
-            .append("storage", StorageState::describe());
+            .error(paused);
+        tellListeners(paused);
         return;
     }
     const std::string url = checkDue(trigger, version);
@@ -108,6 +112,12 @@ void UpdateConfig::update(int trigger, const std::string& version) {
         .append("trigger", triggerName(trigger))
         .append("initial", initial_);
     const uint64_t run = ++run_;
+    // Nothing is sent without a server: the run ends at once, and its end says which setting the
+    // host left out.
+    if (missingServerKey_ != nullptr) {
+        finished("0", Errors::noServerAddress("configuration server", missingServerKey_));
+        return;
+    }
     Network::requestConfig(url_, runId_, [this, run](std::string body, Error error) {
         onResponse(run, std::move(body), std::move(error));
     });
@@ -149,7 +159,9 @@ std::string UpdateConfig::checkDue(int trigger, const std::string& version) {
     }
 
     const std::string appVersion = environment.appVersion();
-    std::string url = Settings::current()->configPrefixFor(environment.env());
+    const int32_t env = environment.env();
+    std::string url = Settings::current()->configPrefixFor(env);
+    missingServerKey_ = url.empty() ? Settings::configPrefixKey(env) : nullptr;
     url.append("fconfig/").append(environment.appKey()).append("/").append(appVersion);
     if (!config->clientVersion.empty() && config->clientVersion != appVersion)
         url.append("~").append(config->clientVersion);
@@ -179,6 +191,15 @@ void UpdateConfig::onResponse(uint64_t run, std::string body, Error error) {
     finished(version, Error());
 }
 
+void UpdateConfig::tellListeners(const Error& error) {
+    std::vector<Listener> listeners;
+    {
+        RecursiveLock lock(listenersMutex_);
+        listeners.swap(listeners_);
+    }
+    for (const Listener& listener : listeners) listener(error);
+}
+
 void UpdateConfig::finished(const std::string& version, const Error& error) {
     const double now = MRLCurrentTime();
     if (timer_) {
@@ -192,12 +213,7 @@ void UpdateConfig::finished(const std::string& version, const Error& error) {
     }
     if (initial_) Environment::instance().setFlag(kInitialConfigFinished);
 
-    std::vector<Listener> listeners;
-    {
-        RecursiveLock lock(listenersMutex_);
-        listeners.swap(listeners_);
-    }
-    for (const Listener& listener : listeners) listener(error);
+    tellListeners(error);
 
     if (!perf_) perf_.emplace("Ferrit.ConfigUpdate");
     perf_->stage("updated");
@@ -267,6 +283,7 @@ void UpdateConfig::reset() {
     trigger_ = 0;
     targetVersion_ = originVersion_ = "0";
     url_.clear();
+    missingServerKey_ = nullptr;
     runId_.clear();
     busy_ = false;
     perf_.reset();

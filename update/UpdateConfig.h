@@ -65,6 +65,8 @@ class UpdateConfig {
     const std::string& url() const { return url_; }
 
   private:
+    // Hands `error` to every listener waiting for a run, then drops them.
+    void tellListeners(const Error& error);
     friend UpdateConfig* ProcessState::create<UpdateConfig>(void (*)(UpdateConfig&));
     UpdateConfig() = default;
     // Back to a fresh singleton (ProcessState::resetForTesting). Drops listeners without calling
@@ -80,6 +82,9 @@ class UpdateConfig {
     std::string targetVersion_ = "0";
     std::string originVersion_ = "0";
     std::string url_;
+    // The host's setting that would have given this run its server, when neither it nor the build
+    // did; null when the run has an address.
+    const char* missingServerKey_ = nullptr;
     std::string runId_;
     bool busy_ = false;
     // Numbers the runs, so that a proxy that answers twice, or late, cannot end a run twice.

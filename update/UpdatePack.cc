@@ -248,6 +248,7 @@ UpdatePack::UpdatePack(const std::string& name, const JSON& info, int trigger)
       perf_("Ferrit.AppUpdate") {
     resolve(info);
     evaluate();
+    noteTarget();
     const char* suffix = "";
     if (pack_ && pack_->subType == kSubTypeFixedSeq) suffix = "-Seq";
     if (pack_ && pack_->subType == kSubTypeFixedUrl) suffix = "-URL";
@@ -263,6 +264,7 @@ UpdatePack::UpdatePack(const std::string& name, uint64_t seq)
       perf_("Ferrit.AppUpdate") {
     resolveSeq(seq);
     evaluate();
+    noteTarget();
     rate(nullptr, kFixedSeqScore);
 }
 
@@ -490,6 +492,19 @@ void UpdatePack::absorb(const UpdatePack& other) {
     score_ = std::max(score_, other.score_);
     if (parentId_.empty()) parentId_ = other.parentId_;
     concurrent_ = concurrent_ || other.concurrent_;
+    // The configuration moved on since this task was made: the later request wants the newer
+    // version, and one download of it answers both. A fixed version ("name@seq") has one
+    // sequence for its name, so only a plain task of the same record moves.
+    if (other.pack_ && pack_ && other.pack_->name == pack_->name &&
+        pack_->subType != kSubTypeFixedSeq && other.pack_->subType != kSubTypeFixedSeq &&
+        other.targetSeq() > targetSeq()) {
+        pack_ = other.pack_;
+        noteTarget();
+    }
+}
+
+void UpdatePack::noteTarget() {
+    targetSeq_.store(pack_ ? pack_->seq : 0, std::memory_order_release);
 }
 
 void UpdatePack::endRun(Error error) {
@@ -522,6 +537,7 @@ void UpdatePack::start() {
     // what that one installed makes this one up to date.
     SCache::refresh();
     evaluate();
+    noteTarget();
     if (state_ != UpdateState::NeedUpdate) {
         tellListeners();
         return;
@@ -559,7 +575,13 @@ void UpdatePack::start() {
 void UpdatePack::requestConfig() {
     char tail[32];
     std::snprintf(tail, sizeof(tail), "%" PRIu64, pack_ ? pack_->seq : 0);
-    url_ = Settings::current()->configPrefixFor() + "packconfig/" + requestedName_ + "/" + tail;
+    const int32_t env = Environment::instance().env();
+    const std::string prefix = Settings::current()->configPrefixFor(env);
+    if (prefix.empty()) {
+        fail(Errors::noServerAddress("configuration server", Settings::configPrefixKey(env)));
+        return;
+    }
+    url_ = prefix + "packconfig/" + requestedName_ + "/" + tail;
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kUpdatePack)
         .event("requestConfig", parentId_)
         .id(runId_)
@@ -604,6 +626,7 @@ void UpdatePack::onConfig(std::string body, Error error) {
         return;
     }
     pack_ = fresh;
+    noteTarget();
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kUpdatePack)
         .event("configUpdated", parentId_)
         .id(runId_)
@@ -645,6 +668,16 @@ void UpdatePack::requestResource() {
         runnable_ = false;
         fail(Errors::tooManyApps());
         return;
+    }
+    // A pack whose record names no zip of its own is fetched from the pack server; without one
+    // nothing is sent, and the words say which setting the host left out.
+    if (pack_->status != kPackStatusPreview && pack_->subType != kSubTypeFixedUrl) {
+        const int32_t env = Environment::instance().env();
+        if (Settings::current()->zipPrefixFor(pack_->packType(), env).empty()) {
+            fail(Errors::noServerAddress("pack server",
+                                         Settings::zipPrefixKey(pack_->packType(), env)));
+            return;
+        }
     }
     char folder[64];
     std::snprintf(folder, sizeof(folder), "_%" PRIu64 "_%d/", pack_->seq, incremental_ ? 1 : 0);

@@ -111,8 +111,10 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // already set or the task has ended.
     void addListener(Listener listener);
     // Folds a duplicate request into this task, which was queued first: the higher score, the
-    // other's parent id when this has none, concurrent when either is. The queue calls it under
-    // its lock, before the task starts.
+    // other's parent id when this has none, concurrent when either is, and the other's record
+    // when it names a newer version of the same pack (a request is answered by the version
+    // configured when it was made, or a newer one). The queue calls it under its lock, before
+    // the task starts.
     void absorb(const UpdatePack& other);
 
     double score() const { return score_; }
@@ -127,6 +129,10 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     const UpdatePolicy& policy() const { return *policy_; }
     const std::string& runId() const { return runId_; }
     uint64_t oldSeq() const { return oldSeq_; }
+    // The version this task installs: its record's sequence when it was made, then when it
+    // started and when the pack configuration completed it. Any thread may read it; the queue
+    // compares it to decide whether a new request may share this task's outcome.
+    uint64_t targetSeq() const { return targetSeq_.load(std::memory_order_acquire); }
     const PackPtr& pack() const { return pack_; }
     UpdateState state() const { return state_; }
     bool runnable() const { return runnable_; }
@@ -164,6 +170,8 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     void resolveSeq(uint64_t seq);
     // The score and "packType" of a runnable task.
     void rate(const char* suffix, double bonus);
+    // Publishes the sequence of `pack_` as targetSeq().
+    void noteTarget();
     // Network status and disabled periods; false with `error_` set when the task may not go on.
     bool networkAllows(const Pack& pack);
     bool capacityAllows();
@@ -220,6 +228,8 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // A fixed-sequence copy of an app compares its installed sequence with this.
     std::optional<uint64_t> fixedSeq_;
     PackPtr pack_;
+    // pack_'s sequence, readable while the worker replaces pack_.
+    std::atomic<uint64_t> targetSeq_{0};
     UpdateState state_ = UpdateState::Invalid;
     bool runnable_ = false;
     Error error_;

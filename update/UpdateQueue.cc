@@ -20,6 +20,7 @@
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "model/SCache.h"
+#include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
@@ -97,6 +98,9 @@ struct Merged {
     UpdatePackPtr survivor;
     // The survivor is running and has already ended.
     bool finished = false;
+    // The survivor is running an older version than the task wants: its outcome does not answer
+    // the task, which is added again once the survivor has ended.
+    bool behind = false;
 };
 
 void completed(const std::string& name, const Error& error);
@@ -110,7 +114,9 @@ void watch(const UpdatePackPtr& task) {
 Merged merge(State& s, const UpdatePackPtr& task, bool isFast) REQUIRES(s.lock) {
     const std::string& name = task->name();
     for (const Running& running : s.running) {
-        if (running.task->name() == name) return {running.task, running.finished};
+        if (running.task->name() != name) continue;
+        const bool behind = !running.finished && running.task->targetSeq() < task->targetSeq();
+        return {running.task, running.finished, behind};
     }
     auto inFast = std::find_if(s.fast.begin(), s.fast.end(),
                                [&](const UpdatePackPtr& queued) { return queued->name() == name; });
@@ -157,6 +163,16 @@ Merged merge(State& s, const UpdatePackPtr& task, bool isFast) REQUIRES(s.lock) 
     return {task, false};
 }
 
+// Adds `task` again once `running`, which installs an older version, has ended. Posted, so that
+// the queue's own completion (the first listener) has marked the end, and the request takes the
+// path of one made after it.
+void addAfter(const UpdatePackPtr& running, UpdatePackPtr task, UpdateQueue::Listener listener) {
+    running->addListener([task = std::move(task), listener = std::move(listener)](const Error&) {
+        TaskRunner::post(
+            [task, listener]() mutable { UpdateQueue::add(std::move(task), std::move(listener)); });
+    });
+}
+
 // Opens the run's record or notes one more addition, and lets the queue run.
 void announce(State& s, size_t count, int trigger, size_t limit) REQUIRES(s.lock) {
     const char* event = "add";
@@ -186,6 +202,24 @@ void logNotRunnable(const UpdatePack& task) {
         .append("oldSeq", task.pack() ? task.pack()->installedSeq : 0)
         .append("status", updateStateName(task.state()));
     if (task.error()) log.error(task.error());
+}
+
+// Whether `task` waits only because the host's network status is none.
+bool waitsForNetwork(const UpdatePack& task) {
+    return !task.runnable() && Errors::isNetworkNotSupported(task.error()) &&
+           Environment::instance().networkStatus() == Network::kStatusNone;
+}
+
+// Said once per trigger, at the level a host reads by default: a host that never set its network
+// status sees a first install work (a visit needs no network check) and then nothing update.
+void logWaitingForNetwork(int trigger, size_t count) {
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kQueue)
+        .event("waitingForNetwork")
+        .append("trigger", triggerName(trigger))
+        .append("packs", static_cast<uint64_t>(count))
+        .append("message",
+                "no pack downloads while the host's network status is none: the host sets it "
+                "with setNetworkStatusNative (1 unrestricted, 2 slow mobile, 3 fast mobile)");
 }
 
 // Closes the run: the host learns how many tasks ended, and the record goes out when it counted
@@ -336,13 +370,22 @@ void UpdateQueue::start(int trigger) {
     const std::shared_ptr<UpdatePackFactory> factory = currentFactory();
     std::vector<UpdatePackPtr> kept;
     kept.reserve(config->packs.size());
+    size_t waiting = 0;
     for (const auto& entry : config->packs) {
         UpdatePackPtr task = factory->create(entry.first, MarlLogger::json::JSON(), trigger);
-        if (task && task->runnable()) kept.push_back(std::move(task));
+        if (task && task->runnable()) {
+            kept.push_back(std::move(task));
+        } else if (task && waitsForNetwork(*task)) {
+            ++waiting;
+        }
     }
+    if (waiting > 0) logWaitingForNetwork(trigger, waiting);
     State& s = state();
     RecursiveLock lock(s.lock);
-    for (const UpdatePackPtr& task : kept) merge(s, task, false);
+    for (const UpdatePackPtr& task : kept) {
+        const Merged merged = merge(s, task, false);
+        if (merged.behind) addAfter(merged.survivor, task, {});
+    }
     if (s.normal.size() > limit) {
         // The best `limit` to the front in one pass; what falls off comes back at the next run.
         std::nth_element(
@@ -372,6 +415,7 @@ void UpdateQueue::add(UpdatePackPtr task, Listener listener) {
     }
     if (task->state() != UpdateState::NeedUpdate) {
         logNotRunnable(*task);
+        if (waitsForNetwork(*task)) logWaitingForNetwork(task->trigger(), 1);
         if (listener) listener(task->error());
         return;
     }
@@ -380,6 +424,10 @@ void UpdateQueue::add(UpdatePackPtr task, Listener listener) {
         State& s = state();
         RecursiveLock lock(s.lock);
         merged = merge(s, task, task->policy().fast);
+        if (merged.behind) {
+            addAfter(merged.survivor, std::move(task), std::move(listener));
+            return;
+        }
         if (!merged.finished) {
             if (listener) merged.survivor->addListener(std::move(listener));
             announce(s, 1, task->trigger(), 0);
@@ -504,6 +552,7 @@ MarlLogger::json::JSON prefetchPack(const std::string& name, const std::string& 
         const Merged merged = merge(s, task, task->policy().fast);
         const UpdatePackPtr& survivor = merged.survivor;
         oldSeq = survivor->pack() ? survivor->pack()->installedSeq : 0;
+        if (merged.behind) addAfter(survivor, task, {});
         if (merged.finished) {
             stateNow = UpdateState::UpdateFinished;
         } else if (survivor != task) {

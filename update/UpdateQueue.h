@@ -4,9 +4,12 @@
 // Pending work lies in two lists: `normal`, a max-heap by score that one run of start() trims to
 // its limit, and `fast`, a stack for tasks that a reader waits for (the last added runs first).
 // A pack has at most one task queued or running: a later request merges into the one queued
-// first, or waits for the one running. Nothing starts while the client is in the background
-// (setPaused), and a pack that a reader holds (holdPack) is never replaced: its queued task is
-// dropped without a word, and comes back at the next run.
+// first (which takes the later one's version when that is newer), or waits for the one running
+// and shares its outcome; a request for a newer version than the running one installs waits
+// for it to end and is then added afresh, so that its listener hears of the newer version. Nothing
+// starts while the client is in the background (setPaused), and a pack that a reader holds
+// (holdPack) is never replaced: its queued task is dropped without a word, and comes back at the
+// next run.
 //
 // The queue's lock is recursive and is never held across a task's start or a network call.
 // A run of the queue, from its first task to the moment it is empty, is one "Ferrit.UpdateQueue"

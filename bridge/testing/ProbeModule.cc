@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "bridge/BridgeProxy.h"
+#include "bridge/HostLog.h"
 #include "bridge/HostValues.h"
 #include "bridge/Napi.h"
+#include "marl/Log.h"
 
 namespace FerritCore {
 namespace {
@@ -106,6 +108,26 @@ napi_value keepPosting(napi_env env, napi_callback_info info) {
     return nullptr;
 }
 
+// keepLogging(callback): hands the log to `callback` and starts threads that write entries until
+// the process ends, as the library's worker and work pool do while the host's process ends.
+napi_value keepLogging(napi_env env, napi_callback_info info) {
+    if (!HostLogSink::install(env, NAPI::firstArg(env, info))) return nullptr;
+    MarlLogger::Log::setLevel(MarlLogger::MRLLevelVerbose);
+    constexpr int kWriters = 2;
+    for (int i = 0; i < kWriters; ++i) {
+        std::thread([i] {
+            for (uint64_t n = 0;; ++n) {
+                MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, "Probe/Log")
+                    .event("entry")
+                    .append("writer", i)
+                    .append("n", n);
+                std::this_thread::yield();
+            }
+        }).detach();
+    }
+    return nullptr;
+}
+
 napi_value Init(napi_env env, napi_value exports) {
     const napi_property_descriptor functions[] = {
         NAPI::method("decodeProxyResponse", decodeResponse),
@@ -114,6 +136,7 @@ napi_value Init(napi_env env, napi_value exports) {
         NAPI::method("decodeRequest", decodeResourceRequest),
         NAPI::method("decodePackRequest", decodePack),
         NAPI::method("keepPosting", keepPosting),
+        NAPI::method("keepLogging", keepLogging),
     };
     napi_define_properties(env, exports, std::size(functions), functions);
     return exports;

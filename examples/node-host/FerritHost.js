@@ -1,11 +1,11 @@
 'use strict';
-// A host of the Node module as an app would write one: the host object ("sendRequest",
-// "createError", and the publisher's public key as "publicKey", with which the library checks
-// every signed list and configuration document) sends the library's requests over real HTTP with
-// Node's own fetch, and checks each configuration document's signature itself too, so that a
-// refused one shows among its own events; start() runs the library's start-up order;
-// getResource() answers a page's request from the packs; serveInspector() serves a small local
-// page that shows what the inspector commands report.
+// A host of the Node package as an app would write one, on open(): the cache's requests go
+// through this host's own fetch, which records them, lets a test or a demo step in before each
+// one (beforeFetch), and checks each configuration document's signature itself too, so that a
+// refused one shows among its own events (the library checks it again with the same key);
+// start() opens the cache and installs what the configuration names; getResource() answers a
+// page's request from the packs; serveInspector() serves a small local page of what the
+// inspector commands report.
 const crypto = require('crypto');
 const fs = require('fs');
 const http = require('http');
@@ -17,18 +17,7 @@ const kReferHeader = 'f-refer';
 const kReferConfig = 'ferrit_config';
 // The separator between a configuration document and its signature.
 const kSignatureSeparator = '||';
-// Transport failures handed back to the library: the request failed, or what came back was refused.
-const kTransportFailed = 1;
-const kRefused = 2;
-// Environment 2 is "Release": the configuration and zip prefixes below are used.
-const kEnvRelease = 2;
-// Network status 1: unrestricted, so that every pack may download.
-const kNetworkUnrestricted = 1;
-// Bit 0 of setup's mode: the host calls startUpdateNative itself.
-const kModeHostStartsUpdate = 1;
-// How long the host waits for the library's first configuration before it goes on without one.
-const kFirstConfigWaitMs = 15000;
-const kPollMs = 20;
+const kStatusOk = 200;
 // The library's disk budget for each kind of pack when the configuration sets none
 // (Settings::kDefaultSizeLimit, 50 MiB).
 const kDefaultSizeLimit = 52428800;
@@ -41,40 +30,26 @@ function md5Hex(bytes) {
   return crypto.createHash('md5').update(bytes).digest('hex');
 }
 
-function delay(ms) {
-  return new Promise((resolve) => setTimeout(resolve, ms));
-}
-
 function escapeHtml(text) {
   return String(text).replace(/[&<>"']/g, (c) => `&#${c.charCodeAt(0)};`);
 }
 
 class FerritHost {
-  // options: root, rawFiles (folder or null), appKey, appVersion, locale, configPrefix, zipPrefix,
-  // publicKeyPem (path of the Ed25519 public key that signs configuration documents).
+  // options: root, rawFiles (folder or null), appKey, appVersion, locale, configPrefix (the
+  // published tree's address), zipPrefix (its packs' address), publicKeyPem (path of the Ed25519
+  // public key that signs the tree).
   constructor(options) {
     this.options = options;
-    const publicKeyFile = fs.readFileSync(options.publicKeyPem);
-    this.publicKey = crypto.createPublicKey(publicKeyFile);
+    this.publicKeyFile = fs.readFileSync(options.publicKeyPem);
+    this.publicKey = crypto.createPublicKey(this.publicKeyFile);
     this.requests = [];  // every URL the library asked for, in order
     this.events = [];    // the last update events, newest last
-    this.started = false;
-    // Called with each request before it is sent, and awaited: where a test or a demo stops the
-    // server in the middle of a download.
+    this.cache = null;   // the FerritCache, once started
+    // Called with each request ({url, header}) before it is sent, and awaited: where a test or a
+    // demo stops the server in the middle of a download.
     this.beforeFetch = null;
-    const host = this;
-    // The object the library calls: these two methods, and the key it checks signatures with.
-    this.proxy = {
-      publicKey: publicKeyFile,
-      sendRequest(request, id) {
-        host.send(request, id);
-      },
-      createError(code, message) {
-        const error = new Error(message);
-        error.code = code;
-        return error;
-      },
-    };
+    // What the cache's "packUpdated" reaches; a page server may chain in front of it.
+    this.proxy = { onPackUpdated: (name) => this.note('updated', { name }) };
   }
 
   note(kind, detail) {
@@ -93,86 +68,67 @@ class FerritHost {
     return valid ? null : 'the signature does not verify';
   }
 
-  async send(request, id) {
-    this.requests.push(request.url);
-    const answer = (response, error) => ferrit.onSendRequestFinishedNative(id, response, error);
-    const header = request.header ?? {};
-    const isConfig = header[kReferHeader] === kReferConfig;
+  // The fetch the cache sends every request of the library with.
+  async fetch(url, init) {
+    this.requests.push(url);
+    const isConfig = init.headers?.[kReferHeader] === kReferConfig;
+    let response;
     try {
-      if (this.beforeFetch) await this.beforeFetch(request);
-      const options = { headers: header };
-      if (request.timeout > 0) options.signal = AbortSignal.timeout(request.timeout * 1000);
-      const response = await fetch(request.url, options);
-      const body = Buffer.from(await response.arrayBuffer());
-      const headers = {};
-      response.headers.forEach((value, name) => {
-        headers[name] = value;
-      });
-      if (isConfig && response.status === 200) {
-        const refused = this.verifyDocument(body);
-        if (refused) {
-          this.note('refused', { url: request.url, reason: refused });
-          answer(undefined, { code: kRefused, message: `${request.url}: ${refused}` });
-          return;
-        }
-      }
-      this.note(isConfig ? 'configuration' : 'download', {
-        url: request.url,
-        status: response.status,
-        bytes: body.length,
-      });
-      if (request.tempFilePath) {
-        await fs.promises.writeFile(request.tempFilePath, body);
-        answer({ statusCode: response.status, header: headers });
-      } else {
-        answer({ statusCode: response.status, header: headers, content: body });
-      }
+      if (this.beforeFetch) await this.beforeFetch({ url, header: init.headers });
+      response = await fetch(url, init);
     } catch (error) {
-      const message = error.cause?.message || error.message;
-      this.note('failed', { url: request.url, reason: message });
-      answer(undefined, { code: kTransportFailed, message: `${request.url}: ${message}` });
+      this.note('failed', { url, reason: error.cause?.message || error.message });
+      throw error;
     }
+    if (!isConfig || response.status !== kStatusOk) {
+      this.note(isConfig ? 'configuration' : 'download', {
+        url, status: response.status, bytes: Number(response.headers.get('content-length') ?? 0),
+      });
+      return response;
+    }
+    const body = Buffer.from(await response.arrayBuffer());
+    const refused = this.verifyDocument(body);
+    if (refused) {
+      this.note('refused', { url, reason: refused });
+      throw new Error(`${url}: ${refused}`);
+    }
+    this.note('configuration', { url, status: response.status, bytes: body.length });
+    return new Response(body, { status: response.status, headers: response.headers });
   }
 
-  // The library's start-up order: the settings, setProxy, setup; once the first configuration
-  // has arrived, startUpdate; then the configured packs are installed.
+  // Opens the cache (the library sets itself up, and updates by itself once the first
+  // configuration has arrived), then fetches the newest configuration and installs what it
+  // names. Offline, what is installed serves.
   async start() {
     const o = this.options;
-    ferrit.setEnvNative(kEnvRelease);
-    if (o.locale) ferrit.setLocaleNative(o.locale);
-    ferrit.setNetworkStatusNative(kNetworkUnrestricted);
-    ferrit.setDefaultConfigNative({ configPrefixRelease: o.configPrefix, zipPrefixRelease: o.zipPrefix });
-    if (!ferrit.setProxyNative(this.proxy, o.root, o.rawFiles ?? null)) {
-      throw new Error('setProxyNative refused the host object');
-    }
-    ferrit.setupNative(o.appKey, o.appVersion, kModeHostStartsUpdate);
-    const deadline = Date.now() + kFirstConfigWaitMs;
-    for (;;) {
-      // setupNative is queued: until it has run, the inspector's agent is not registered yet.
-      const info = await ferrit.inspect('FerritDev.info').catch(() => ({ error: ['NOT_SETUP'] }));
-      const missing = info.error ?? [];
-      if (!missing.includes('NOT_SETUP') && !missing.includes('NOT_UPDATE_CONFIG')) break;
-      if (Date.now() > deadline) break;  // offline start: the packs already installed serve
-      await delay(kPollMs);
-    }
-    ferrit.startUpdateNative();
-    this.started = true;
-    return this.installConfiguredPacks();
+    this.cache = await ferrit.open({
+      root: o.root, appKey: o.appKey, appVersion: o.appVersion, publicKey: this.publicKeyFile,
+      server: o.configPrefix, packs: o.zipPrefix, fetch: (url, init) => this.fetch(url, init),
+      ...(o.locale ? { locale: o.locale } : {}), ...(o.rawFiles ? { rawFiles: o.rawFiles } : {}),
+    });
+    this.cache.on('packUpdated', (name) => this.proxy.onPackUpdated?.(name));
+    this.cache.on('state', (status) => this.note('state', { reason: `${status.state}, ${status.storage}` }));
+    return this.update();
   }
 
-  // Fetches the newest configuration, then installs what it names.
+  // Fetches the newest configuration, then installs what it names: one result per pack
+  // ({name, ms, error?}). When the configuration cannot be fetched, the one in force is
+  // installed.
   async update() {
+    const started = Date.now();
+    let packs;
     try {
-      await ferrit.inspect('FerritDev.update');
+      ({ packs } = await this.cache.update());
     } catch (error) {
       this.note('configuration', { reason: error.message });
+      return this.installConfiguredPacks();
     }
-    return this.installConfiguredPacks();
+    return packs.map(({ name, error }) => this.result(name, started, error));
   }
 
   // The configuration in force: {"v": version, "packs": {name: record}}.
   configuration() {
-    return ferrit.inspect('FerritDev.fconfig');
+    return this.cache.inspect('FerritDev.fconfig');
   }
 
   // The records of the configuration in force, by name.
@@ -181,55 +137,49 @@ class FerritHost {
     return document.packs ?? {};
   }
 
-  // Until the library's update queue installs the configured packs by itself after startUpdate,
-  // the host asks for each pack whose configured version is not the installed one. Once the queue
-  // is there, this is where the host waits for its "onQueueFinished" instead.
+  // Installs each pack whose configured version is not the installed one.
   async installConfiguredPacks() {
-    const packs = await this.packs();
-    const results = await Promise.all(
-      Object.entries(packs)
-        .filter(([, record]) => Number(record.s ?? 0) !== Number(record.installedSeq ?? 0))
-        .map(([name]) => this.updatePack(name)));
-    return results;
+    const { packs } = await this.cache.status();
+    return Promise.all(Object.entries(packs)
+      .filter(([, pack]) => pack.configured !== pack.installed)
+      .map(([name]) => this.updatePack(name)));
   }
 
-  updatePack(name) {
-    return new Promise((resolve) => {
-      const started = Date.now();
-      ferrit.updatePackNative({ name }, (packName, error) => {
-        const result = { name: packName, ms: Date.now() - started };
-        if (error) result.error = `${error.code ?? ''} ${error.message ?? error}`.trim();
-        this.note('pack', result);
-        resolve(result);
-      });
-    });
+  async updatePack(name) {
+    const started = Date.now();
+    const { error } = await this.cache.update(name);
+    return this.result(name, started, error);
   }
 
-  // The library's answer to one request: {fromPack, is404, header, body, error}; body shares the
-  // response's own bytes.
-  getResource(url, header = {}) {
-    return new Promise((resolve) => {
-      ferrit.getResourceNative({ url, header }, (response) => {
-        const body = response.data ? Buffer.from(response.data) : undefined;
-        resolve({
-          fromPack: !response.error && !response.is404 && body !== undefined,
-          is404: response.is404,
-          header: response.header ?? {},
-          body,
-          error: response.error ? `${response.error.code} ${response.error.message}` : undefined,
-        });
-      });
-    });
+  result(name, started, error) {
+    const result = { name, ms: Date.now() - started };
+    if (error) result.error = `${error.code ?? ''} ${error.message}`.trim();
+    this.note('pack', result);
+    return result;
+  }
+
+  // The library's answer to one request: {fromPack, is404, header, body, error}.
+  async getResource(url, header = {}) {
+    const answer = await this.cache.get(url, { headers: header });
+    return answer.hit ?
+      { fromPack: true, is404: false, header: answer.headers, body: answer.body, error: undefined } :
+      { fromPack: false, is404: answer.is404, header: {}, body: undefined, error: `${answer.code} ${answer.reason}` };
+  }
+
+  close() {
+    return this.cache?.close();
   }
 
   // What the inspector page shows, from the inspector commands.
   async report() {
-    const [info, fconfig, size, statistics, settings] = await Promise.all([
-      ferrit.inspect('FerritDev.info'),
-      ferrit.inspect('FerritDev.fconfig'),
-      ferrit.inspect('FerritDev.size'),
-      ferrit.inspect('FerritDev.statisitcs'),
-      ferrit.inspect('FerritDev.config'),
+    const inspect = (command) => this.cache.inspect(command);
+    const [status, info, fconfig, size, statistics, settings] = await Promise.all([
+      this.cache.status(),
+      inspect('FerritDev.info'),
+      inspect('FerritDev.fconfig'),
+      inspect('FerritDev.size'),
+      inspect('FerritDev.statisitcs'),
+      inspect('FerritDev.config'),
     ]);
     // Access statistics: each pack's decaying access count is its score.
     const scores = statistics.packs ?? statistics;
@@ -252,7 +202,7 @@ class FerritHost {
       Ferrit: Number(settings.ferritSizeLimit ?? kDefaultSizeLimit),
       ACache: Number(settings.acacheSizeLimit ?? kDefaultSizeLimit),
     };
-    return { info, version: fconfig.v, packs, size, budget, events: this.events.slice().reverse() };
+    return { status, info, version: fconfig.v, packs, size, budget, events: this.events.slice().reverse() };
   }
 
   async inspectorPage() {
@@ -279,6 +229,8 @@ class FerritHost {
 <style>body{font:14px sans-serif;margin:20px;background:#fafafa}table{border-collapse:collapse;margin-bottom:16px}
 td,th{border:1px solid #bbb;padding:4px 10px;text-align:left}th{background:#dde6f0}h2{margin:16px 0 6px}</style></head>
 <body><h1>ferritcore inspector</h1><p id="version">configuration version ${escapeHtml(r.version ?? '')}</p>
+<p id="state">${escapeHtml(r.status.state)}, storage ${escapeHtml(r.status.storage)}</p>
+<ul id="problems">${r.status.problems.map((p) => `<li>${escapeHtml(p)}</li>`).join('')}</ul>
 <h2>Packs</h2><table id="packs"><tr><th>name</th><th>installed</th><th>configured</th><th>size</th><th>access score</th><th>state</th></tr>${rows}</table>
 <h2>Disk</h2><table id="disk"><tr><th>store</th><th>bytes</th></tr>${disk}</table>
 <table id="budget"><tr><th>budget</th><th>bytes</th></tr>${budget}</table>

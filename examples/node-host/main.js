@@ -9,7 +9,6 @@
 //
 // URL is the published tree's address (as `ferrit publish` wrote it); zips are below it at PATH
 // (default "packs/"). With --inspector-port the page stays up until the process is stopped.
-const fs = require('fs');
 const { FerritHost } = require('./FerritHost');
 
 function parse(argv) {
@@ -36,22 +35,20 @@ function parse(argv) {
 
 async function main() {
   const o = parse(process.argv.slice(2));
-  fs.mkdirSync(o.root, { recursive: true });
   const host = new FerritHost({
     root: o.root, rawFiles: null, appKey: o.appKey, appVersion: o.appVersion, locale: o.locale,
-    configPrefix: o.server, zipPrefix: o.server + o.zips, publicKeyPem: o.publicKey,
+    configPrefix: o.server, zipPrefix: new URL(o.zips, o.server).href, publicKeyPem: o.publicKey,
   });
-  const keepAlive = setInterval(() => {}, 1 << 30);
   for (const result of await host.start()) {
     console.log(`pack ${result.name}: ${result.error ? `failed (${result.error})` : 'installed'} in ${result.ms} ms`);
   }
   for (const url of o.urls) {
     const answer = await host.getResource(url);
-    console.log(`${url}: ${answer.fromPack ? `${answer.body.length} bytes from the pack` : `not from a pack (${answer.error ?? '404'})`}`);
+    console.log(`${url}: ${answer.fromPack ? `${answer.body.length} bytes from the pack` : `not from a pack (${answer.error})`}`);
   }
   if (o.inspectorPort === undefined) {
-    clearInterval(keepAlive);
-    process.exit(0);
+    await host.close();  // nothing is left running: the process ends by itself
+    return;
   }
   const { url } = await host.serveInspector(Number(o.inspectorPort));
   console.log(`inspector page: ${url}`);
@@ -59,5 +56,5 @@ async function main() {
 
 main().catch((error) => {
   console.error(`node-host: ${error.message}`);
-  process.exit(1);
+  process.exitCode = 1;
 });

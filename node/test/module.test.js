@@ -71,7 +71,7 @@ test('ModuleTest.EighteenPropertiesInTheirOrder', () => {
 });
 
 test('ModuleTest.PackageExportsTheNativesAndInspect', () => {
-  assert.deepEqual(Object.keys(ferrit), [...NAMES, 'inspect']);
+  assert.deepEqual(Object.keys(ferrit), [...NAMES, 'inspect', 'open', 'FerritError']);
 });
 
 test('ModuleTest.AccessApiIsTheSameAddressOnEveryCall', () => {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "base/Errors.h"
@@ -398,6 +400,39 @@ TEST_F(AccessTest, ProxyThatTakesNoEventsIsSentNoRecordsAndVisitsStillCount) {
     Environment::instance().setProxy(std::make_shared<FakeProxy>());
     EXPECT_TRUE(Environment::instance().takesEvents());
     Environment::instance().setProxy(nullptr);
+    EXPECT_FALSE(Environment::instance().takesEvents());
+}
+
+// A host that listens for records only some of the time: the environment answers for the
+// proxy's current wish once it is told to ask again, and a hit builds records only meanwhile.
+TEST_F(AccessTest, ProxyThatChangesItsWishIsSentRecordsOnlyWhileItWantsThem) {
+    installAppPack(3, 3);
+    class Listening : public FakeProxy {
+      public:
+        bool takesEvents() const override { return wants.load(); }
+        std::atomic<bool> wants{false};
+    };
+    auto proxy = std::make_shared<Listening>();
+    Environment::instance().setProxy(proxy);
+    const auto hit = [] {
+        auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+        ASSERT_FALSE(response->error);
+    };
+    hit();
+    EXPECT_TRUE(proxy->events.empty());
+    proxy->wants = true;
+    Environment::instance().refreshTakesEvents();
+    EXPECT_TRUE(Environment::instance().takesEvents());
+    hit();
+    const size_t sent = proxy->events.size();
+    EXPECT_GT(sent, 0u);
+    proxy->wants = false;
+    Environment::instance().refreshTakesEvents();
+    EXPECT_FALSE(Environment::instance().takesEvents());
+    hit();
+    EXPECT_EQ(proxy->events.size(), sent);
+    Environment::instance().setProxy(nullptr);
+    Environment::instance().refreshTakesEvents();
     EXPECT_FALSE(Environment::instance().takesEvents());
 }
 

@@ -25,6 +25,8 @@ std::vector<CatalogueCase> catalogue() {
     const Folder onDemand = Folder::onDemand("Ferrit_Asset_m", "Ferrit_Asset_m/1/");
     return {
         {"requestInvalidUrl", requestInvalidUrl("u"), 1001, "request \"u\" invalid URL"},
+        {"noServerAddress", noServerAddress("configuration server", "configPrefixRelease"), 1002,
+         "No server address: the host set no configuration server (configPrefixRelease)"},
         {"requestFailed", requestFailed("u", -7, "timed out"), 1003,
          "request \"u\" failed: -7, timed out"},
         {"requestInvalidStatus", requestInvalidStatus("u", 404), 1004,
@@ -152,7 +154,7 @@ std::vector<CatalogueCase> catalogue() {
 TEST(ErrorsTest, EveryCatalogueFunctionGivesItsCodeAndExactMessage) {
     const std::vector<CatalogueCase> cases = catalogue();
     // One entry per function and overload of the catalogue.
-    EXPECT_EQ(cases.size(), 77u);
+    EXPECT_EQ(cases.size(), 78u);
     for (const CatalogueCase& c : cases) {
         SCOPED_TRACE(c.function);
         EXPECT_EQ(c.error.code(), c.code);

@@ -10,6 +10,8 @@ const os = require('os');
 const path = require('path');
 const zlib = require('zlib');
 
+const { servePage } = require('../../node/browser');
+
 const repo = path.resolve(__dirname, '..', '..');
 const build = process.env.FERRIT_BUILD || path.join(repo, 'build');
 const ferritTool = path.join(build, 'tools', 'ferrit');
@@ -62,10 +64,10 @@ function findBinary(names) {
 }
 
 // nginx serving `tree` (the published packs and configuration) and `siteRoot` (the app's own
-// files under /app/) on 127.0.0.1:port, with its configuration, logs and temporary folders below
+// files under each of `sitePaths`, /app/ unless told) on 127.0.0.1:port, with its configuration, logs and temporary folders below
 // `dir`. start() and stop() may be called again; stop() waits for the process to end.
 class Nginx {
-  constructor({ dir, tree, siteRoot, port }) {
+  constructor({ dir, tree, siteRoot, port, sitePaths = ['/app/'] }) {
     Object.assign(this, { dir, tree, siteRoot, port });
     this.binary = findBinary(['nginx']);
     if (!this.binary) throw new Error('nginx is not installed (scripts/setup.sh installs it)');
@@ -93,7 +95,7 @@ http {
   server {
     listen 127.0.0.1:${port};
     root ${tree};
-    location /app/ { root ${siteRoot}; }
+    ${sitePaths.map((p) => `location ${p} { root ${siteRoot}; }`).join('\n    ')}
   }
 }
 `);
@@ -226,12 +228,66 @@ ${imageTags.join('\n')}
 `);
 }
 
-function writeManifest(file) {
+// The publisher's manifest: the story's pack of the app's folder, and each of `more` ({name,
+// folder}), whose prefix is its folder's URL on the app's host.
+function writeManifest(file, more = []) {
   fs.writeFileSync(file, JSON.stringify({
     app: { key: 'story', version: '1.0', locale: 'en' },
     zips: 'packs/',
-    packs: [{ name: 'story', folder: 'app', prefix: `${kAppOrigin}/app/`, priority: 9 }],
+    packs: [{ name: 'story', folder: 'app', prefix: `${kAppOrigin}/app/`, priority: 9 },
+      ...more.map(({ name, folder }) => ({ name, folder, prefix: `${kAppOrigin}/${folder}/`, priority: 9 }))],
   }));
+}
+
+// A page whose main script is a bundle of `bytes` bytes (many small functions inside one wrapper,
+// as a bundler writes them, the same text on every run), with a style sheet, two small scripts
+// and an image, in siteRoot/folder. The bundle sets window.bundleReady to its function count.
+function writeBundleSite(siteRoot, folder, bytes) {
+  const dir = path.join(siteRoot, folder);
+  fs.mkdirSync(dir, { recursive: true });
+  let seed = 12345;
+  const next = () => {
+    seed = (Math.imul(seed, 1103515245) + 12345) >>> 0;
+    return seed;
+  };
+  const words = ['parse', 'render', 'layout', 'token', 'buffer', 'cursor', 'select', 'theme', 'worker', 'model'];
+  const parts = ['(function () {\n"use strict";\nconst registry = Object.create(null);\n'];
+  let size = parts[0].length;
+  let count = 0;
+  const tail = 'window.bundleReady = Object.keys(registry).length + (registry.f0("ready") ? 0 : 0);\n})();\n';
+  while (size + tail.length < bytes) {
+    const table = Array.from({ length: 4 + (next() % 12) }, () => next() % 1000).join(', ');
+    const word = `${words[next() % words.length]}${words[next() % words.length]}`;
+    const text = `// ${word}: folds its input with a table of its own
+function f${count}(input, options) {
+  const table = [${table}];
+  let acc = ${next() % 100000};
+  for (let i = 0; i < input.length; ++i) acc = (acc * 31 + table[i % table.length] + input.charCodeAt(i)) | 0;
+  if (options && options.trace) console.log(${JSON.stringify(word)}, acc);
+  return options && options.next ? registry[options.next](String(acc)) : acc;
+}
+registry.f${count} = f${count};
+`;
+    parts.push(text);
+    size += text.length;
+    ++count;
+  }
+  parts.push(tail);
+  const bundle = parts.join('');
+  fs.writeFileSync(path.join(dir, 'bundle.js'), bundle.padEnd(bytes, ' '));
+  fs.writeFileSync(path.join(dir, 'style.css'), 'body { margin: 0; font: 14px sans-serif; }\n#status { color: #264; }\n');
+  fs.writeFileSync(path.join(dir, 'boot.js'), 'window.booted = true;\n');
+  fs.writeFileSync(path.join(dir, 'after.js'), 'document.addEventListener("DOMContentLoaded", () => { document.getElementById("status").textContent = "ready " + window.bundleReady; });\n');
+  fs.writeFileSync(path.join(dir, 'logo.png'), png(32, 32, [40, 90, 160]));
+  fs.writeFileSync(path.join(dir, 'index.html'), `<!doctype html>
+<html><head><meta charset="utf-8"><title>bundle</title>
+<link rel="stylesheet" href="style.css">
+<script src="boot.js"></script>
+<script src="bundle.js"></script>
+<script src="after.js"></script>
+</head><body><img src="logo.png" width="32" height="32"><p id="status">loading</p></body></html>
+`);
+  return count;
 }
 
 function publish(siteRoot, manifest, tree) {
@@ -244,8 +300,8 @@ function chromiumPath() {
   return process.env.CHROMIUM_PATH || findBinary(['chromium', 'chromium-browser']);
 }
 
-// `site` is "host:port" that the app's host name resolves to.
-async function launchBrowser(site) {
+// `site` is "host:port" that the app's host name (and each of `hosts`) resolves to.
+async function launchBrowser(site, { hosts = [] } = {}) {
   const puppeteer = require('puppeteer-core');
   const executablePath = chromiumPath();
   if (!executablePath) throw new Error('chromium is not installed (scripts/setup.sh installs it)');
@@ -253,40 +309,21 @@ async function launchBrowser(site) {
     executablePath,
     headless: true,
     args: ['--no-sandbox', '--disable-gpu', '--no-first-run', '--disable-background-networking',
-      '--proxy-server=direct://', '--proxy-bypass-list=*', `--host-resolver-rules=MAP ${kAppHost} ${site}`],
+      '--proxy-server=direct://', '--proxy-bypass-list=*', `--host-resolver-rules=${[kAppHost, ...hosts].map((h) => `MAP ${h} ${site}`).join(', ')}`],
   });
 }
 
-// Opens `url` in a fresh page whose every request is answered through `host.getResource`, falling
-// back to the network on a miss as a web view's host does. Resolves with {page, ms, served} where
-// served lists {url, fromPack}.
-async function loadThroughHost(browser, host, url, { intercept = true } = {}) {
+// Opens `url` in a fresh page whose every request under the packs is answered from `cache` (an
+// open FerritCache) through the package's servePage, falling back to the network on a miss as a web view's host
+// does. Resolves with {page, ms, served} where served lists {url, fromPack, code?, reason?}; the
+// page's server goes when the page closes.
+async function loadThroughHost(browser, cache, url, { intercept = true } = {}) {
   const page = await browser.newPage();
   await page.setViewport({ width: 400, height: 300 });
   await page.setCacheEnabled(false);
-  const served = [];
+  let served = [];
   if (intercept) {
-    // The browser's request hook, as a web view's host has it: every request pauses until the
-    // host answers it or lets it go to the network.
-    const session = await page.createCDPSession();
-    await session.send('Fetch.enable', { patterns: [{ urlPattern: '*', requestStage: 'Request' }] });
-    session.on('Fetch.requestPaused', async ({ requestId, request }) => {
-      const answer = await host.getResource(request.url, request.headers);
-      // The browser's own icon request is not the page's.
-      if (!request.url.endsWith('/favicon.ico')) served.push({ url: request.url, fromPack: answer.fromPack, error: answer.error });
-      try {
-        if (answer.fromPack) {
-          const responseHeaders = Object.entries(answer.header)
-            .filter(([name]) => name.toLowerCase() !== 'content-length')
-            .map(([name, value]) => ({ name, value: String(value) }));
-          await session.send('Fetch.fulfillRequest', { requestId, responseCode: 200, responseHeaders, body: answer.body.toString('base64') });
-        } else {
-          await session.send('Fetch.continueRequest', { requestId });
-        }
-      } catch {
-        // the page went away meanwhile
-      }
-    });
+    served = (await servePage(page, cache)).served;
   } else {
     page.on('requestfinished', (request) => {
       if (!request.url().endsWith('/favicon.ico')) served.push({ url: request.url(), fromPack: false });
@@ -321,5 +358,5 @@ async function pixelAt(browser, pngBytes, x, y) {
 
 module.exports = {
   repo, build, ferritTool, publicKey, scratch, freePort, Nginx, startDelayProxy, writeSite,
-  writeManifest, publish, launchBrowser, loadThroughHost, pixelAt, kResourcesBesides, kAppOrigin,
+  writeManifest, writeBundleSite, publish, chromiumPath, launchBrowser, loadThroughHost, pixelAt, kResourcesBesides, kAppOrigin,
 };

@@ -25,6 +25,7 @@
 #include "marl/Inspector.h"
 #include "storage/PacksStore.h"
 #include "tests/update/InstallFixture.h"
+#include "update/UpdateConfig.h"
 
 namespace FerritTest {
 namespace {
@@ -122,6 +123,23 @@ class DegradedRootTest : public InstallFixture {
         }
         return false;
     }
+    // A configuration check asked for while the root cannot be written tells its caller why at
+    // once (a host awaiting it must not wait for a run that cannot come), and asks for nothing.
+    void expectConfigCheckIsToldWhy(const std::string& words) {
+        proxy_->requests.clear();
+        bool told = false;
+        UpdateConfig::instance().start(
+            kTriggerDebugTool, "0",
+            [&](const Error& error) {
+                told = true;
+                EXPECT_EQ(error.code(), 1104);
+                EXPECT_NE(error.message().find(words), std::string::npos) << error.message();
+            },
+            0);
+        drive();
+        EXPECT_TRUE(told);
+        EXPECT_TRUE(proxy_->requests.empty());
+    }
     size_t zipRequests() const {
         size_t count = 0;
         for (const ProxyRequest& request : proxy_->requests) {
@@ -163,6 +181,7 @@ class DegradedRootTest : public InstallFixture {
         expectServes(version1());
         EXPECT_EQ(storageState(), "read-only: " + words);
         EXPECT_TRUE(reportsReadOnly());
+        expectConfigCheckIsToldWhy(words);
         calls.armed = false;
         const Error error = update("app", kTriggerTimer);
         EXPECT_FALSE(error) << error.message();
@@ -217,6 +236,7 @@ TEST_F(DegradedRootTest, ReadOnlyBindMountServesInstalledPacksAndResumesAfterRem
     drive();
     EXPECT_EQ(zipRequests(), 0u);
     expectServes(version1());
+    expectConfigCheckIsToldWhy("read-only: root " + root);
 
     // Writable again: the next trigger resumes by itself, and a new version installs.
     ASSERT_TRUE(remount(MS_BIND)) << std::strerror(errno);

@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "base/Environment.h"
+#include "base/StorageState.h"
 #include "lifecycle/Setup.h"
 #include "marl/Clock.h"
 #include "marl/Inspector.h"
@@ -35,6 +36,7 @@ class SetupTest : public ProcessTest {
         ProcessTest::SetUp();
         HostDefaults defaults;
         defaults.configPrefix = "https://cfg.test/";
+        defaults.configPrefixDaily = "http://cfg-daily.test/";
         Settings::setDefaults(defaults);
         proxy_ = std::make_shared<FakeProxy>();
         proxy_->serve(kFirstUrl, 200, FakeProxy::sign(R"({"v":"1700000000000","i":4294967295})"));
@@ -109,6 +111,42 @@ TEST_F(SetupTest, ModeZeroStartsUpdatingAfterFirstConfiguration) {
     TaskRunner::runDue();
     EXPECT_TRUE(flags() & kUpdateStarted);
     EXPECT_TRUE(errors().empty());
+}
+
+// The host hears each step of start-up once, in turn, however often the calls that make them are
+// repeated: set up, then configured, then updating.
+TEST_F(SetupTest, StateChangeIsToldOncePerTransition) {
+    Setup::setup("key", "1.0", 0);  // no proxy yet: nothing changes
+    Setup::setProxy(proxy_, temp_.root());
+    EXPECT_TRUE(proxy_->stateChangesSoFar().empty());
+    Setup::setup("key", "1.0", 0);
+    Setup::setup("key", "1.0", 0);
+    auto changes = proxy_->stateChangesSoFar();
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_EQ(changes[0].flags & (kSetupDone | kConfigFirstUpdated), kSetupDone);
+    TaskRunner::runDue();  // the first configuration arrives, and updating starts by itself
+    Setup::startUpdate();
+    Setup::setup("key", "1.0", 0);
+    changes = proxy_->stateChangesSoFar();
+    ASSERT_EQ(changes.size(), 3u);
+    EXPECT_EQ(changes[1].flags & (kConfigFirstUpdated | kUpdateStarted), kConfigFirstUpdated);
+    EXPECT_TRUE(changes[2].flags & kUpdateStarted);
+    for (const FakeProxy::StateChange& change : changes) EXPECT_TRUE(change.writable);
+}
+
+// The storage state is told on each flip between writable and read-only, not on each fault.
+TEST_F(SetupTest, StorageStateChangeIsToldOnEachFlip) {
+    Setup::setProxy(proxy_, temp_.root());
+    StorageState::enterReadOnly(StorageState::Cause::DiskFull, temp_.root() + "apps/x");
+    StorageState::enterReadOnly(StorageState::Cause::ReadOnlyFileSystem, temp_.root() + "packs");
+    auto changes = proxy_->stateChangesSoFar();
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_FALSE(changes[0].writable);
+    StorageState::markWritable();
+    StorageState::markWritable();
+    changes = proxy_->stateChangesSoFar();
+    ASSERT_EQ(changes.size(), 2u);
+    EXPECT_TRUE(changes[1].writable);
 }
 
 TEST_F(SetupTest, SetupBeforeProxyStoresKeyAndCanBeRepeated) {

@@ -68,17 +68,34 @@ TEST_F(SettingsTest, BuiltInRecordAnswersEveryDefault) {
     EXPECT_EQ(s->acacheZipPrefix, Settings::builtinACacheZipPrefix());
 }
 
-TEST_F(SettingsTest, BuiltInEndpointsEndWithSlashAndUseExpectedSchemes) {
+// Nothing is compiled in by default: a host gives its servers, and a build for one deployment may
+// still set them.
+TEST_F(SettingsTest, BuiltInEndpointsAreEmptyUnlessTheBuildSetsThem) {
+    if (FERRIT_ENDPOINTS_SET_BY_BUILD) GTEST_SKIP() << "this build compiles endpoints in";
     for (const std::string* prefix :
          {&Settings::builtinConfigPrefix(), &Settings::builtinZipPrefix(),
-          &Settings::builtinACacheZipPrefix(), &Settings::preReleaseConfigPrefix()}) {
-        EXPECT_EQ(prefix->rfind("https://", 0), 0u) << *prefix;
-        EXPECT_EQ(prefix->back(), '/') << *prefix;
+          &Settings::builtinACacheZipPrefix(), &Settings::preReleaseConfigPrefix(),
+          &Settings::dailyConfigPrefix(), &Settings::testZipPrefix()}) {
+        EXPECT_EQ(*prefix, "");
     }
-    for (const std::string* prefix : {&Settings::dailyConfigPrefix(), &Settings::testZipPrefix()}) {
-        EXPECT_EQ(prefix->rfind("http://", 0), 0u) << *prefix;
-        EXPECT_EQ(prefix->back(), '/') << *prefix;
+    const auto s = now();
+    for (int32_t env : {0, 1, 2}) {
+        EXPECT_EQ(s->configPrefixFor(env), "") << env;
+        EXPECT_EQ(s->zipPrefixFor(0, env), "") << env;
+        EXPECT_EQ(s->zipPrefixFor(64, env), "") << env;
     }
+}
+
+// Each endpoint has the host's setting that supplies it, named in the words of a request that
+// has none.
+TEST_F(SettingsTest, EveryEndpointNamesTheHostsKeyForIt) {
+    EXPECT_STREQ(Settings::configPrefixKey(0), "configPrefixDebug");
+    EXPECT_STREQ(Settings::configPrefixKey(1), "configPrefixDaily");
+    EXPECT_STREQ(Settings::configPrefixKey(2), "configPrefixRelease");
+    EXPECT_STREQ(Settings::zipPrefixKey(0, 2), "zipPrefixRelease");
+    EXPECT_STREQ(Settings::zipPrefixKey(64, 2), "ACacheZipPrefixRelease");
+    EXPECT_STREQ(Settings::zipPrefixKey(64, 1), "zipPrefixDaily");
+    EXPECT_STREQ(Settings::zipPrefixKey(64, 0), "zipPrefixRelease");
 }
 
 TEST_F(SettingsTest, CoreVersionIsTheBuildsVersion) {
@@ -340,6 +357,34 @@ TEST_F(SettingsTest, RandomStretchStaysWithinJitter) {
 
 // ---- Endpoints
 
+// Every environment's endpoints come from the host when the build has none: nothing compiled in
+// is required.
+TEST_F(SettingsTest, HostSetsTheOtherEnvironmentsEndpoints) {
+    Settings::setDefaults(HostDefaults::fromJSON(JSON::parse(
+        R"({"configPrefixRelease":"https://r.test/","zipPrefixRelease":"https://r.test/packs",)"
+        R"("configPrefixDebug":"https://d.test","configPrefixDaily":"http://y.test/",)"
+        R"("zipPrefixDaily":"http://y.test/packs"})")));
+    const auto s = now();
+    EXPECT_EQ(s->configPrefixFor(0), "https://d.test/");
+    EXPECT_EQ(s->configPrefixFor(1), "http://y.test/");
+    EXPECT_EQ(s->configPrefixFor(2), "https://r.test/");
+    EXPECT_EQ(s->zipPrefixFor(0, 1), "http://y.test/packs/");
+    EXPECT_EQ(s->zipPrefixFor(64, 1), "http://y.test/packs/");
+    EXPECT_EQ(s->zipPrefixFor(0, 2), "https://r.test/packs/");
+    if (Settings::builtinZipPrefix().empty()) {
+        EXPECT_EQ(s->zipPrefixFor(0, 0), "https://r.test/packs/");
+    }
+    EXPECT_EQ(s->toJSON()["configPrefixDebug"].stringValue(), "https://d.test/");
+    EXPECT_EQ(s->toJSON()["configPrefixDaily"].stringValue(), "http://y.test/");
+    EXPECT_EQ(s->toJSON()["zipPrefixDaily"].stringValue(), "http://y.test/packs/");
+    // An empty object restores the built-in values, these as the others.
+    Settings::setDefaults(HostDefaults::fromJSON(JSON::parse("{}")));
+    EXPECT_EQ(now()->configPrefixFor(0), Settings::preReleaseConfigPrefix());
+    EXPECT_EQ(now()->configPrefixFor(1), Settings::dailyConfigPrefix());
+    EXPECT_EQ(now()->zipPrefixFor(0, 1), Settings::testZipPrefix());
+    EXPECT_EQ(now()->toJSON(), JSON(MarlLogger::json::JSONObject()));
+}
+
 TEST_F(SettingsTest, ConfigPrefixFollowsEnvironment) {
     HostDefaults defaults;
     defaults.configPrefix = "https://host.test/config/";
@@ -366,8 +411,12 @@ TEST_F(SettingsTest, DebugEnvironmentDownloadsFromBuiltInReleaseEndpoint) {
     HostDefaults defaults;
     defaults.zipPrefix = "https://host.test/zip/";
     Settings::setDefaults(defaults);
-    EXPECT_EQ(now()->zipPrefixFor(0, 0), Settings::builtinZipPrefix());
-    EXPECT_EQ(now()->zipPrefixFor(64, 0), Settings::builtinZipPrefix());
+    // The build's release endpoint, when it set one; else the host's, since nothing else is there.
+    const std::string expected = Settings::builtinZipPrefix().empty()
+                                     ? "https://host.test/zip/"
+                                     : Settings::builtinZipPrefix();
+    EXPECT_EQ(now()->zipPrefixFor(0, 0), expected);
+    EXPECT_EQ(now()->zipPrefixFor(64, 0), expected);
     EXPECT_EQ(now()->zipPrefixFor(0, 2), "https://host.test/zip/");
 }
 

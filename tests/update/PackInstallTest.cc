@@ -78,6 +78,24 @@ TEST_F(PackInstallTest, FullInstallOfAPlainPackServesEveryFile) {
     EXPECT_EQ(stored("shop")->installedSeq, 1u);
 }
 
+// A host that gave no pack server and a build that compiled none in: the install fails in words
+// that name the missing setting, and nothing is requested or left behind.
+TEST_F(PackInstallTest, NoPackServerFailsInWordsAndSendsNothing) {
+    if (!Settings::builtinZipPrefix().empty()) GTEST_SKIP() << "this build compiles a server in";
+    HostDefaults defaults;
+    defaults.configPrefix = kConfigPrefix;
+    Settings::setDefaults(defaults);
+    auto p = record("shop", kPackTypeFerrit, 1, 1, kPriorityAutoInstall);
+    p->md5 = Digest::md5Hex(zipOf(version1()));
+    put({p});
+    const Error error = update("shop", kTriggerTimer);
+    EXPECT_EQ(error.code(), 1002);
+    EXPECT_EQ(error.message(), "No server address: the host set no pack server (zipPrefixRelease)");
+    EXPECT_TRUE(proxy_->requests.empty());
+    EXPECT_TRUE(tempLeft().empty());
+    EXPECT_FALSE(find("shop")->isInstalled());
+}
+
 TEST_F(PackInstallTest, FullInstallOfAnAppWritesItsFolder) {
     installApp1();
     EXPECT_FALSE(find("app")->isPacks);

@@ -2,6 +2,7 @@
 
 #include <fstream>
 
+#include "marl/Log.h"
 #include "runtime/Network.h"
 #include "storage/PacksStore.h"
 #include "tests/FakeProxy.h"
@@ -93,10 +94,41 @@ TEST_F(UpdateConfigTest, DocumentForAnotherEnvironmentAsksForFullDocument) {
     seed(v(kNow - kDay), kNow - kDay);
     Environment::instance().setEnvValue(1);
     HostDefaults defaults;
+    defaults.configPrefixDaily = "http://daily.test/";
     Settings::setDefaults(defaults);
     const std::string url = updater().checkDue(kTriggerChangeEnv, "0");
     EXPECT_NE(url.find("/0~0/zh_CN~zh_CN"), std::string::npos) << url;
-    EXPECT_EQ(url.rfind(Settings::current()->configPrefixFor(1), 0), 0u) << url;
+    EXPECT_EQ(url.rfind("http://daily.test/fconfig/", 0), 0u) << url;
+}
+
+// Neither the build nor the host gave a configuration server: a check ends at once with words
+// that name the setting of the environment in force, sends nothing, and its end is logged once.
+TEST_F(UpdateConfigTest, NoServerAddressFailsInWordsAndSendsNothing) {
+    if (!Settings::builtinConfigPrefix().empty() || !Settings::dailyConfigPrefix().empty())
+        GTEST_SKIP() << "this build compiles a server in";
+    Settings::setDefaults(HostDefaults());
+    MarlLogger::ScopedCapture logs;
+    Error heard;
+    check(kTriggerStartup, "0", [&heard](const Error& error) { heard = error; });
+    EXPECT_TRUE(proxy_->requests.empty());
+    EXPECT_EQ(heard.code(), 1002);
+    EXPECT_EQ(heard.message(),
+              "No server address: the host set no configuration server (configPrefixRelease)");
+    EXPECT_EQ(logs->count("finished", "Ferrit/UpdateConfig"), 1u);
+    EXPECT_EQ(logs->last("finished", "Ferrit/UpdateConfig").errorCode, "1002");
+    EXPECT_FALSE(updater().busy());
+    Environment::instance().setEnvValue(1);
+    check(kTriggerDebugTool, "0", [&heard](const Error& error) { heard = error; });
+    EXPECT_EQ(heard.message(),
+              "No server address: the host set no configuration server (configPrefixDaily)");
+    EXPECT_TRUE(proxy_->requests.empty());
+    // Once the host gives one, the next check asks it.
+    HostDefaults defaults;
+    defaults.configPrefixDaily = "http://daily.test/";
+    Settings::setDefaults(defaults);
+    check(kTriggerDebugTool, "0");
+    ASSERT_EQ(proxy_->requests.size(), 1u);
+    EXPECT_EQ(proxy_->requests[0].url.rfind("http://daily.test/fconfig/key/1.0/", 0), 0u);
 }
 
 TEST_F(UpdateConfigTest, OtherClientVersionIsNamed) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/Network.h"
 #include "storage/Statistics.h"
 #include "tests/update/InstallFixture.h"
 #include "update/UpdateQueue.h"
@@ -87,6 +88,13 @@ class UpdateQueueTest : public InstallFixture {
         for (size_t i = 0; i < std::min(limit, tasks.size()); ++i)
             names.push_back(tasks[i]->name());
         return names;
+    }
+    // "story" installed at 3, with `seq` configured.
+    void putStory(uint64_t seq) {
+        auto p = record("story", kPackTypeFerrit, seq, seq);
+        p->installedSeq = 3;
+        p->installedBaseSeq = 3;
+        put({p});
     }
     UpdatePackPtr task(const std::string& name, int trigger) {
         return factory_->create(name, JSON(), trigger);
@@ -303,6 +311,89 @@ TEST_F(UpdateQueueTest, RequestFromAListenerOfTheEndedTaskStartsANewOne) {
     EXPECT_TRUE(again->called);
 }
 
+// ---- Requests for another version of a queued or running pack ---------------------------------
+
+TEST_F(UpdateQueueTest, NewerVersionRequestedWhileAnOlderIsQueuedInstallsTheNewer) {
+    putStory(4);
+    UpdateQueue::setPaused(true);
+    auto retry = add(task("story", kTriggerTimer));
+    const std::shared_ptr<HeldTask> queued = factory_->last("story");
+    ASSERT_EQ(queued->targetSeq(), 4u);
+    putStory(6);
+    UpdatePackPtr visit = task("story", kTriggerVisit);
+    ASSERT_EQ(visit->targetSeq(), 6u);
+    visit->setParentId("visit-trace");
+    auto request = add(visit);
+    // Still one task for the pack, now on the fast stack, and it installs 6.
+    EXPECT_EQ(UpdateQueue::fastNames(), (std::vector<std::string>{"story"}));
+    EXPECT_EQ(UpdateQueue::normalCount(), 0u);
+    EXPECT_EQ(queued->targetSeq(), 6u);
+    EXPECT_EQ(queued->pack()->seq, 6u);
+    EXPECT_EQ(queued->score(), std::max(queued->score(), visit->score()));
+    EXPECT_EQ(queued->parentId(), "visit-trace");
+    EXPECT_TRUE(queued->concurrent());
+    UpdateQueue::setPaused(false);
+    drive();
+    EXPECT_EQ(factory_->started, (std::vector<std::string>{"story"}));
+    queued->finish();
+    EXPECT_TRUE(retry->called);
+    EXPECT_TRUE(request->called);
+    EXPECT_FALSE(request->error);
+}
+
+TEST_F(UpdateQueueTest, NewerVersionRequestedWhileAnOlderRunsIsAnsweredByTheNewer) {
+    putStory(4);
+    auto retry = add(task("story", kTriggerTimer));
+    drive();
+    const std::shared_ptr<HeldTask> running = factory_->last("story");
+    ASSERT_EQ(factory_->started, (std::vector<std::string>{"story"}));
+    putStory(6);
+    auto request = add(task("story", kTriggerVisit));
+    drive();
+    // Nothing new starts while version 4 runs.
+    EXPECT_EQ(factory_->started.size(), 1u);
+    EXPECT_EQ(UpdateQueue::fastCount(), 0u);
+    running->finish(Error(1004, "story_4_ is damaged"));
+    EXPECT_EQ(retry->error.code(), 1004);
+    // Version 4's failure is not the answer to a request for 6.
+    EXPECT_FALSE(request->called);
+    drive();
+    ASSERT_EQ(factory_->started, (std::vector<std::string>{"story", "story"}));
+    const std::shared_ptr<HeldTask> newer = factory_->last("story");
+    ASSERT_NE(newer, running);
+    EXPECT_EQ(newer->targetSeq(), 6u);
+    EXPECT_FALSE(request->called);
+    newer->finish();
+    EXPECT_TRUE(request->called);
+    EXPECT_FALSE(request->error);
+    drive();
+    EXPECT_EQ(UpdateQueue::runningCount(), 0u);
+}
+
+TEST_F(UpdateQueueTest, SameVersionRequestedTwiceDownloadsOnce) {
+    putStory(6);
+    UpdateQueue::setPaused(true);
+    auto first = add(task("story", kTriggerTimer));
+    auto second = add(task("story", kTriggerVisit));
+    EXPECT_EQ(UpdateQueue::fastNames(), (std::vector<std::string>{"story"}));
+    EXPECT_EQ(UpdateQueue::normalCount(), 0u);
+    UpdateQueue::setPaused(false);
+    drive();
+    const std::shared_ptr<HeldTask> running = factory_->made.front();
+    EXPECT_EQ(running->targetSeq(), 6u);
+    // A third request for the same version while it runs shares its outcome too.
+    auto third = add(task("story", kTriggerVisit));
+    drive();
+    EXPECT_EQ(factory_->started, (std::vector<std::string>{"story"}));
+    running->finish(Error(1004, "failed"));
+    EXPECT_EQ(first->error.code(), 1004);
+    EXPECT_EQ(second->error.code(), 1004);
+    EXPECT_EQ(third->error.code(), 1004);
+    drive();
+    EXPECT_EQ(factory_->started.size(), 1u);
+    EXPECT_EQ(UpdateQueue::runningCount(), 0u);
+}
+
 TEST_F(UpdateQueueTest, TaskThatIsNotRunnableTellsItsListenerAtOnce) {
     auto p = stale("fresh");
     p->installedSeq = 2;
@@ -463,6 +554,39 @@ TEST_F(UpdateQueueTest, APackIsInUseWhileItsTaskRunsOrAReaderHoldsIt) {
     EXPECT_TRUE(UpdateQueue::isInUse("p0"));
     UpdateQueue::releasePack("p0");
     EXPECT_FALSE(UpdateQueue::isInUse("p0"));
+}
+
+// A host that never set its network status: packs wait, and each trigger says why once, in words,
+// at the level a host reads by default.
+TEST_F(UpdateQueueTest, NetworkStatusNoneIsToldInWordsOncePerTrigger) {
+    putStale(3);
+    MarlLogger::ScopedCapture logs(MarlLogger::MRLLevelWarning);
+    Environment::instance().setNetworkStatusValue(Network::kStatusNone);
+    UpdateQueue::start(kTriggerTimer);
+    drive();
+    ASSERT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 1u);
+    const MarlLogger::LogEntry entry = logs->last("waitingForNetwork", "Ferrit/Queue");
+    EXPECT_EQ(entry.level, MarlLogger::MRLLevelWarning);
+    EXPECT_EQ(entry.field("trigger").stringValue(), "Timer");
+    EXPECT_EQ(entry.field("packs").int64Value(), 3);
+    EXPECT_NE(entry.field("message").stringValue().find("network status is none"),
+              std::string::npos);
+    EXPECT_NE(entry.field("message").stringValue().find("setNetworkStatusNative"),
+              std::string::npos);
+    EXPECT_TRUE(factory_->started.empty());
+    UpdateQueue::start(kTriggerActive);
+    drive();
+    EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);
+    // A cellular network that the packs do not allow is another matter, told as before.
+    Environment::instance().setNetworkStatusValue(Network::kStatusSlowMobile);
+    UpdateQueue::start(kTriggerTimer);
+    drive();
+    EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);
+    Environment::instance().setNetworkStatusValue(Network::kStatusUnrestricted);
+    UpdateQueue::start(kTriggerTimer);
+    drive();
+    EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);
+    EXPECT_FALSE(factory_->started.empty());
 }
 
 }  // namespace

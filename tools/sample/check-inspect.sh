@@ -33,7 +33,8 @@ out=$(run FerritDev.isEnabled)
 expect 'success {"enabled":true}' "$out"
 # The update reads the configuration from the served folder, as a host's network would deliver it.
 out=$("$tool" --root "$root" --assets "$here/assets" --public-key "$here/keys/sample-ed25519.pub.pem" \
-  --serve "$here/endpoint" --app-key shop --app-version 1.0 inspect FerritDev.update)
+  --serve "$here/endpoint" --config-prefix https://config.example.com/ferrit/ --app-key shop \
+  --app-version 1.0 inspect FerritDev.update)
 expect 'success {}' "$out"
 out=$(run FerritDev.cleanup)
 expect 'success {"cleanedApps":[' "$out"

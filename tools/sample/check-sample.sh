@@ -45,7 +45,8 @@ expect "error: 1106" "$out"
 # fetched and merged, the report loses its codes one step at a time, and the pack still serves.
 startroot=$(mktemp -d)
 cp -R "$here/root/." "$startroot/"
-out=$("$tool" --startup --serve "$here/endpoint" --app-key shop --app-version 1.0 --root "$startroot" \
+out=$("$tool" --startup --serve "$here/endpoint" --config-prefix https://config.example.com/ferrit/ \
+  --app-key shop --app-version 1.0 --root "$startroot" \
   --assets "$here/assets" --public-key "$here/keys/sample-ed25519.pub.pem" --config "$here/config.json" \
   https://shop.example.com/app/js/app.js)
 rm -rf "$startroot"
