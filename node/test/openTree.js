@@ -95,16 +95,17 @@ function nextEvent(emitter, event, predicate = () => true) {
 // How long a child process may run before it counts as hung and is killed.
 const kHangMs = 20000;
 
-// Runs node with `args` (in `cwd` when given) and resolves with its exit code or signal and what
-// it wrote; a child that hangs is killed after kHangMs, which its signal then tells.
-function runNode(args, { cwd } = {}) {
+// Runs node with `args` (in `cwd`, with `env`, when given) and resolves with its exit code or signal and what
+// it wrote; a child that hangs is killed after `hangMs` (kHangMs by default), which its signal
+// then tells.
+function runNode(args, { cwd, env, hangMs = kHangMs } = {}) {
   return new Promise((resolve) => {
-    const child = spawn(process.execPath, args, { cwd, stdio: ['ignore', 'pipe', 'pipe'] });
+    const child = spawn(process.execPath, args, { cwd, env, stdio: ['ignore', 'pipe', 'pipe'] });
     let out = '';
     let err = '';
     child.stdout.on('data', (chunk) => { out += chunk; });
     child.stderr.on('data', (chunk) => { err += chunk; });
-    const guard = setTimeout(() => child.kill('SIGKILL'), kHangMs);
+    const guard = setTimeout(() => child.kill('SIGKILL'), hangMs);
     child.on('close', (code, signal) => {
       clearTimeout(guard);
       resolve({ code, signal, out, err });

@@ -10,13 +10,14 @@
 // page the pack lacks (the example says so and exits 1). And the README's recipe for a tree to
 // try the examples with makes one the example serves its page from.
 const assert = require('node:assert/strict');
-const { execFileSync, spawn } = require('child_process');
+const { execFileSync } = require('child_process');
 const fs = require('fs');
 const http = require('http');
 const path = require('path');
 const { test } = require('node:test');
 
 const s = require('./support');
+const { runNode } = require('../../node/test/openTree');
 
 const readme = path.join(s.repo, 'node', 'README.md');
 const kSection = '## Serving a browser page';
@@ -76,20 +77,10 @@ async function serveTreeAndSite(tree) {
   };
 }
 
-function runExample(folder, server, url) {
-  return new Promise((resolve) => {
-    const env = { ...process.env, FERRITCORE_ADDON: path.join(s.build, 'node', 'ferritcore.node'), CHROMIUM_PATH: s.chromiumPath() };
-    const child = spawn(process.execPath, ['page.js', server, url], { cwd: folder, env, stdio: ['ignore', 'pipe', 'pipe'] });
-    let out = '';
-    let err = '';
-    child.stdout.on('data', (chunk) => { out += chunk; });
-    child.stderr.on('data', (chunk) => { err += chunk; });
-    const guard = setTimeout(() => child.kill('SIGKILL'), kHangMs);
-    child.on('close', (code, signal) => {
-      clearTimeout(guard);
-      resolve({ code, signal, out, err, lines: out.split('\n') });
-    });
-  });
+async function runExample(folder, server, url) {
+  const env = { ...process.env, FERRITCORE_ADDON: path.join(s.build, 'node', 'ferritcore.node'), CHROMIUM_PATH: s.chromiumPath() };
+  const run = await runNode(['page.js', server, url], { cwd: folder, env, hangMs: kHangMs });
+  return { ...run, lines: run.out.split('\n') };
 }
 
 // The example as page.js in `folder`, with ferritcore and puppeteer-core in its node_modules.
