@@ -2,8 +2,7 @@
 // site as a static tree, and the library's own start-up, requests, checks and inspector commands
 // against a root folder. `ferrit help` lists the commands and `ferrit COMMAND --help` describes
 // one.
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <map>
@@ -13,6 +12,8 @@
 #include "tools/ToolCommands.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/common/ToolOutput.h"
+#include "tools/common/ToolProgress.h"
 #include "tools/pack/PackBuilder.h"
 #include "tools/publish/Publisher.h"
 
@@ -20,14 +21,23 @@ using namespace FerritTools;
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kFailure = 1;
-constexpr int kUsage = 2;
-
 const char* const kExitStatus = R"(
 EXIT STATUS
     0 on success, 1 when the work failed, 2 on a wrong command line.
 )";
+
+const char* const kOutput = R"(
+OUTPUT
+    Lines for a reader on stdout; errors, warnings and logs on stderr, each message as
+    "ferrit COMMAND: ...". With --json a command writes nothing on stdout but one JSON
+    document when it ends, whatever its exit status: {"command", "ok", "exit", the command's
+    own members, and "error" when it failed}. Long work (publish, installs) draws a progress
+    bar of files and bytes on stderr when stderr is a terminal, and nothing when it is not.
+)";
+
+// The option of every command: they all report.
+const char* const kJsonOption =
+    "    --json                one JSON document on stdout (see OUTPUT in `ferrit help`).\n";
 
 // Options shared by the commands that run the library against a root folder.
 const char* const kRootOptions = R"(
@@ -38,6 +48,7 @@ const char* const kRootOptions = R"(
     --serve DIR           answers requests from files: "scheme://host/a" is DIR/host/a.
     --app-key KEY, --app-version V
                           the app, for commands that run setup.
+    --config-prefix URL   the host's configuration endpoint, for commands that fetch it.
     --log-level N         log entries at or above level N on stderr (1 most severe).
 )";
 
@@ -51,10 +62,12 @@ struct Command {
 const std::map<std::string, Command>& commands() {
     static const std::map<std::string, Command> table{
         {"keygen",
-         {"ferrit keygen PRIVATE.pem PUBLIC.pem",
+         {"ferrit keygen [--force] PRIVATE.pem PUBLIC.pem",
           "Makes an Ed25519 key pair: the private key signs packs and documents, the public key\n"
-          "    is what hosts verify them with.",
-          "", false}},
+          "    is what hosts verify them with. The private key's file is created readable and\n"
+          "    writable by its owner only (mode 0600). An existing file is never replaced without\n"
+          "    --force: a lost publisher's key strands every device that trusts it.",
+          "    --force               replace existing key files.\n", false}},
         {"pack",
          {"ferrit pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... FOLDER "
           "OUT.zip\n"
@@ -140,7 +153,11 @@ const std::map<std::string, Command>& commands() {
           true}},
         {"check",
          {"ferrit check [ROOT OPTIONS] [--preload FILE]",
-          "Verifies every installed pack: its signed list, then the MD5 of each file.",
+          "Checks what a host installed under the root: that the configuration it stored reads,\n"
+          "    and every installed pack: its signed list, then the MD5 and size of each file.\n"
+          "    With --config, the records of that file stand for the stored configuration. Fails\n"
+          "    (exit 1) naming each pack or document that is wrong, and on a root with nothing\n"
+          "    installed. get, check, status, inspect and cleanup never make a missing root.",
           "    --preload FILE        first install the preload zip FILE of the --assets folder.\n",
           true}},
         {"startup",
@@ -154,13 +171,15 @@ const std::map<std::string, Command>& commands() {
         {"status",
          {"ferrit status [ROOT OPTIONS]",
           "Starts the library against the root and prints the status report, then the size report\n"
-          "    (packs, caches, stores and the disk budget).",
+          "    (packs, caches, stores and the disk budget), each a JSON document after its label\n"
+          "    (\"status: \", \"size: \"); --json gives both in one document.",
           "", true}},
         {"inspect",
          {"ferrit inspect [ROOT OPTIONS] COMMAND [JSON]",
           "Sends one command to the developer inspector (such as \"FerritDev.info\",\n"
           "    \"FerritDev.size\" or \"FerritDev.getURLList\" '{\"packName\":\"shop\"}') and "
-          "prints the reply.",
+          "prints the reply,\n"
+          "    a JSON document; exits 1 when the command failed.",
           "", true}},
         {"cleanup",
          {"ferrit cleanup [ROOT OPTIONS]",
@@ -175,155 +194,175 @@ const std::map<std::string, Command>& commands() {
 void printHelp(const std::string& name, const Command& command) {
     std::cout << "NAME\n    ferrit " << name << "\n\nSYNOPSIS\n    " << command.synopsis
               << "\n\nDESCRIPTION\n    " << command.description << "\n\nOPTIONS\n"
-              << command.options << (command.rootOptions ? kRootOptions + 1 : "")
+              << command.options << (command.rootOptions ? kRootOptions + 1 : "") << kJsonOption
               << "    --help                this text.\n"
-              << kExitStatus;
+              << kOutput << kExitStatus;
 }
 
 void printOverview() {
     std::cout << "NAME\n    ferrit - make, publish and inspect the packs of the offline resource "
                  "cache\n\nSYNOPSIS\n";
     for (const auto& [name, command] : commands()) std::cout << "    " << command.synopsis << "\n";
-    std::cout << "    ferrit help [COMMAND]\n    ferrit COMMAND --help\n" << kExitStatus;
-}
-
-int usage(const std::string& message) {
-    std::cerr << "ferrit: " << message << "\nsee: ferrit help\n";
-    return kUsage;
+    std::cout << "    ferrit help [COMMAND]\n    ferrit COMMAND --help\n" << kOutput << kExitStatus;
 }
 
 // Runs an entry point over a new argument vector.
-int forward(int (*entry)(int, char**), std::vector<std::string> arguments) {
+int forward(int (*entry)(int, char**, ToolOutput&), std::vector<std::string> arguments,
+            ToolOutput& out) {
     std::vector<char*> pointers;
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
-    return entry(static_cast<int>(arguments.size()), pointers.data());
+    return entry(static_cast<int>(arguments.size()), pointers.data(), out);
 }
 
-int publishCommand(const std::vector<std::string>& arguments) {
+MarlLogger::json::JSON stringsJson(const std::vector<std::string>& strings) {
+    return MarlLogger::json::JSON(strings);
+}
+
+int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
+    using MarlLogger::json::JSON;
+    using MarlLogger::json::JSONObject;
     std::string keyPath, manifestPath, historyPath;
     std::vector<std::string> positional;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& arg = arguments[i];
         if (arg == "--key" || arg == "--manifest" || arg == "--history") {
-            if (i + 1 >= arguments.size()) return usage("missing value after " + arg);
+            if (i + 1 >= arguments.size()) return out.usage("missing value after " + arg);
             (arg == "--key"        ? keyPath
              : arg == "--manifest" ? manifestPath
                                    : historyPath) = arguments[++i];
         } else if (arg.size() > 1 && arg[0] == '-') {
-            return usage("unknown option " + arg);
+            return out.usage("unknown option " + arg);
         } else {
             positional.push_back(arg);
         }
     }
     if (keyPath.empty() || manifestPath.empty() || positional.size() != 2)
-        return usage("publish takes --key, --manifest, SITE and OUT");
+        return out.usage("publish takes --key, --manifest, SITE and OUT");
     std::string error, text;
-    if (!readWholeFile(manifestPath, text)) {
-        std::cerr << "ferrit: cannot read " << manifestPath << "\n";
-        return kFailure;
-    }
+    if (!readWholeFile(manifestPath, text)) return out.fail("cannot read " + manifestPath);
     PublishManifest manifest;
-    if (!parseManifest(text, manifest, error)) {
-        std::cerr << "ferrit: " << manifestPath << ": " << error << "\n";
-        return kFailure;
-    }
+    if (!parseManifest(text, manifest, error)) return out.fail(manifestPath + ": " + error);
     std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(keyPath, error);
-    if (!key) {
-        std::cerr << "ferrit: " << error << "\n";
-        return kFailure;
-    }
-    const bool terminal = isatty(STDERR_FILENO) == 1;
+    if (!key) return out.fail(error);
+    ToolProgress bar("publish");
     PublishProgress progress;
-    if (terminal) {
-        progress = [](const std::string& step, size_t done, size_t total) {
-            std::cerr << "\r\033[Kpublish [" << done + 1 << "/" << total << "] " << step
-                      << std::flush;
+    if (bar.enabled()) {
+        progress = [&bar](const PublishStep& step) {
+            bar.setTotal(step.totalFiles, step.totalBytes);
+            bar.update(step.files, step.bytes, step.step);
         };
     }
     PublishResult result;
     const bool published =
         FerritTools::publish(positional[0], manifest, positional[1], historyPath,
                              ed25519Signer(std::move(key)), result, error, progress);
-    if (terminal) std::cerr << "\r\033[K" << std::flush;
-    if (!published) {
-        std::cerr << "ferrit: " << error << "\n";
-        return kFailure;
-    }
+    bar.done();
+    if (!published) return out.fail(error);
+    out.set("tree", JSON(positional[1]));
+    out.set("history",
+            JSON(historyPath.empty() ? defaultHistoryFolder(positional[1]) : historyPath));
+    out.set("changed", JSON(result.version != 0));
     if (result.version == 0) {
-        std::cout << "nothing changed: every pack keeps its version\n";
-        return kSuccess;
+        out.text() << "nothing changed: every pack keeps its version\n";
+    } else {
+        out.text() << "configuration version " << result.version << " at "
+                   << result.configPaths.size() << " paths\n";
+        out.set("version", JSON(result.version));
+        out.set("configPaths", stringsJson(result.configPaths));
     }
-    std::cout << "configuration version " << result.version << " at " << result.configPaths.size()
-              << " paths\n";
     for (const PublishedPack& pack : result.packs) {
-        std::cout << pack.name << " " << pack.seq;
+        JSONObject record{{"name", JSON(pack.name)},
+                          {"seq", JSON(pack.seq)},
+                          {"baseSeq", JSON(pack.baseSeq)},
+                          {"changed", JSON(pack.changed)}};
+        if (pack.changed) {
+            record.set("kind", JSON(pack.incremental ? "increment"
+                                    : pack.rebased   ? "new base"
+                                                     : "full"));
+            if (pack.incremental) {
+                record.set("increment",
+                           JSON(JSONObject{{"changed", stringsJson(pack.summary.changed)},
+                                           {"added", stringsJson(pack.summary.added)},
+                                           {"removed", stringsJson(pack.summary.removed)}}));
+            }
+            record.set("written", stringsJson(pack.written));
+        }
+        out.append("packs", JSON(std::move(record)));
+        if (result.version == 0) continue;
+        out.text() << pack.name << " " << pack.seq;
         if (!pack.changed) {
-            std::cout << " unchanged\n";
+            out.text() << " unchanged\n";
             continue;
         }
         if (pack.incremental) {
-            std::cout << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
-                      << " changed, " << pack.summary.added.size() << " added, "
-                      << pack.summary.removed.size() << " removed)";
+            out.text() << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
+                       << " changed, " << pack.summary.added.size() << " added, "
+                       << pack.summary.removed.size() << " removed)";
         } else if (pack.rebased) {
-            std::cout << " (full; a new base, as the history lacks a version since the old one)";
+            out.text() << " (full; a new base, as the history lacks a version since the old one)";
         } else {
-            std::cout << " (full)";
+            out.text() << " (full)";
         }
-        std::cout << "\n";
-        for (const std::string& path : pack.written) std::cout << "  wrote " << path << "\n";
+        out.text() << "\n";
+        for (const std::string& path : pack.written) out.text() << "  wrote " << path << "\n";
     }
-    return kSuccess;
+    return out.finish();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return usage("no command");
-    const std::string name = argv[1];
-    std::vector<std::string> rest(argv + 2, argv + argc);
+    std::vector<std::string> rest(argv + std::min(argc, 2), argv + argc);
+    const bool json = ToolOutput::takeJsonFlag(rest);
+    const std::string name = argc < 2 ? std::string() : std::string(argv[1]);
     if (name == "help" || name == "--help" || name == "-h") {
         if (!rest.empty()) {
             const auto it = commands().find(rest[0]);
-            if (it == commands().end()) return usage("unknown command " + rest[0]);
+            if (it == commands().end()) {
+                ToolOutput out("", json);
+                return out.usage("unknown command " + rest[0]);
+            }
             printHelp(it->first, it->second);
-            return kSuccess;
+            return kExitSuccess;
         }
         printOverview();
-        return kSuccess;
+        return kExitSuccess;
     }
     const auto it = commands().find(name);
-    if (it == commands().end()) return usage("unknown command " + name);
+    if (it == commands().end()) {
+        ToolOutput out("", json);
+        return out.usage(name.empty() ? "no command" : "unknown command " + name);
+    }
+    ToolOutput out(name, json);
     // The pack subcommands have full pages of their own.
     const bool packPage = name == "pack" && !rest.empty() && rest[0] != "--help" && rest[0] != "-h";
     for (const std::string& arg : rest) {
         if ((arg == "--help" || arg == "-h") && !packPage) {
             printHelp(it->first, it->second);
-            return kSuccess;
+            return kExitSuccess;
         }
     }
-    const std::string program = std::string("ferrit ") + name;
+    const std::string program = "ferrit " + name;
     if (name == "keygen") {
-        if (rest.size() != 2) return usage("keygen takes PRIVATE.pem and PUBLIC.pem");
-        return forward(runSignIndexTool, {program, "keygen", rest[0], rest[1]});
+        std::vector<std::string> arguments{program, "keygen"};
+        arguments.insert(arguments.end(), rest.begin(), rest.end());
+        return forward(runSignIndexTool, arguments, out);
     }
     if (name == "pack" || name == "config" || name == "index") {
-        if (rest.empty()) return usage(name + " needs a subcommand");
+        if (rest.empty()) return out.usage("needs a subcommand");
         std::vector<std::string> arguments{program};
         if (name == "pack") {
-            if (rest[0] != "build" && rest[0] != "diff" && rest[0] != "wrap" &&
-                rest[0] != "config" && rest[0] != "preload")
-                return usage("unknown subcommand pack " + rest[0]);
             arguments.insert(arguments.end(), rest.begin(), rest.end());
-            return forward(runPackTool, arguments);
+            return forward(runPackTool, arguments, out);
         }
-        if (rest[0] != "sign") return usage("unknown subcommand " + name + " " + rest[0]);
+        if (rest[0] != "sign") return out.usage("unknown subcommand " + rest[0]);
+        out.setCommand(name + " sign");
         arguments.push_back(name == "config" ? "sign-document" : "sign");
         arguments.insert(arguments.end(), rest.begin() + 1, rest.end());
-        return forward(runSignIndexTool, arguments);
+        return forward(runSignIndexTool, arguments, out);
     }
-    if (name == "publish") return publishCommand(rest);
+    if (name == "publish") return publishCommand(rest, out);
     std::vector<std::string> arguments{program};
     arguments.insert(arguments.end(), rest.begin(), rest.end());
     if (name == "check") arguments.push_back("--check");
@@ -333,5 +372,5 @@ int main(int argc, char** argv) {
         arguments.push_back("inspect");
         arguments.push_back("FerritDev.cleanup");
     }
-    return forward(runRequestTool, arguments);
+    return forward(runRequestTool, arguments, out);
 }

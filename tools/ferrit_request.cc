@@ -1,37 +1,36 @@
-// ferrit-request: runs one request through Access against a root folder and an app's raw-file
-// folder, and prints the outcome, the response headers and the body size.
+// ferrit get, check, startup, status, inspect and cleanup: run the library against a root folder
+// and an app's raw-file folder, and report what it answered.
 //
-//   ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--config FILE | --config-json
-//   TEXT]
-//                  [--referrer URL] [--header NAME:VALUE]... [--async] [--body] [--events]
-//                  [--log-level N] (URL | --check)
-//   ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root DIR
-//                  --public-key PEM --config-prefix URL [--assets DIR] [--config FILE] [URL]
+// get runs one request through Access and prints the outcome, the response headers and the body
+// size. Start-up is the library's own: the proxy is set (a file-backed one that verifies index
+// signatures with the Ed25519 public key), the raw-file folder becomes the asset provider, and the
+// built-in configuration "Ferrit_Asset.config" is loaded from it. The configuration file (--config)
+// adds the records of packs installed under the root: {"v": "<version>", "packs": {"<name>": {"s",
+// "f", "p", "r", "installedSeq", ...}}}; without one, the configuration that a host stored under
+// the root is read. Each installed pack is read from "apps/<name>/<installedSeq>/", through its
+// signed "app-res.hvc".
 //
-// Start-up is the library's own: the proxy is set (a file-backed one that verifies index
-// signatures with the Ed25519 public key), the folders under the root are initialised, the
-// raw-file folder becomes the asset provider, and the built-in configuration "Ferrit_Asset.config"
-// is loaded from it. The configuration file adds the records of packs installed under the root:
-// {"v": "<version>", "packs": {"<name>": {"s", "f", "p", "r", "installedSeq", ...}}}. Each such
-// pack is read from "apps/<name>/<installedSeq>/", through its signed "app-res.hvc".
-//
-// --check verifies every installed pack instead: its signed list, then the MD5 of each file.
+// check verifies what a host installed instead: that the stored configuration reads, and every
+// installed pack's signed list and the MD5 of each of its files. It fails naming each fault.
 //
 // --preload FILE first installs the preload zip FILE of the raw-file folder, as the host's
-// installPreloadNative does, and then goes on with URL or --check over what it installed.
+// installPreloadNative does, and then goes on with URL or the check over what it installed.
 //
 // inspect COMMAND [JSON] sends one command to the developer inspector instead (such as
 // "FerritDev.info", "FerritDev.size" or "FerritDev.getURLList" '{"packName":"shop"}'), after the
 // library's own start against the root (setProxy: folders, the stored and the built-in
-// configuration; with --app-key, also setup), and prints the reply; it exits 0 when the command
-// succeeded.
+// configuration; with --app-key, also setup), and prints the reply as JSON; it exits 0 when the
+// command succeeded. status is the status report and then the reply of "FerritDev.size".
 //
-// --startup runs the host's start-up order instead (setProxy, setup with mode 1, the first
+// startup runs the host's start-up order instead (setProxy, setup with mode 1, the first
 // configuration update, startUpdate) on the library's own worker thread, against the configuration
 // endpoint --config-prefix served from files below --serve (see FileProxy; nothing is compiled in,
 // so the endpoint is given as a host gives it), and prints the status report after each
 // step; then it serves URL, if one is given, from the configuration it fetched. The records of
-// --config then stand for what an earlier run installed.
+// --config then stand for what an earlier run installed. It is the only one of these commands that
+// makes a root folder that does not exist: the others fail on a missing root, so that a mistyped
+// path reports the mistake instead of an empty root made in its place.
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -41,6 +40,7 @@
 
 #include "FileProxy.h"
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/Folder.h"
 #include "ferritcore/Access.h"
 #include "lifecycle/DevInspector.h"
@@ -55,30 +55,18 @@
 #include "model/SCache.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "storage/PacksStore.h"
 #include "tools/ToolCommands.h"
+#include "tools/common/ToolOutput.h"
 #include "update/Preload.h"
 
 using namespace FerritCore;
+using FerritTools::ToolOutput;
 using MarlLogger::json::JSON;
+using MarlLogger::json::JSONArray;
+using MarlLogger::json::JSONObject;
 
 namespace {
-
-int usage(const std::string& message) {
-    std::cerr
-        << "ferrit-request: " << message << "\n"
-        << "usage: ferrit-request --root DIR [--assets DIR] [--public-key PEM]\n"
-        << "                      [--config FILE | --config-json TEXT] [--referrer URL] [--header "
-           "NAME:VALUE]...\n"
-        << "                      [--preload FILE] [--async] [--body] [--events] [--log-level N]\n"
-        << "                      (URL | --check)\n"
-        << "       ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root "
-           "DIR\n"
-        << "                      --public-key PEM --config-prefix URL [--assets DIR] [--config "
-           "FILE] [URL]\n"
-        << "       ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--serve DIR]\n"
-        << "                      [--app-key KEY --app-version VERSION] inspect COMMAND [JSON]\n";
-    return 2;
-}
 
 // Takes the pack records of `document` into the configuration; false with a reason on bad input.
 bool loadRecords(const JSON& document, FConfig& config, std::string& reason) {
@@ -102,15 +90,37 @@ bool loadRecords(const JSON& document, FConfig& config, std::string& reason) {
     return true;
 }
 
-void print(const ResourceResponse& response, bool body) {
-    std::cout << "error: " << response.error.code();
-    if (response.error) std::cout << " " << response.error.message();
-    std::cout << "\nis404: " << (response.is404 ? "true" : "false") << "\n";
+JSON errorJson(const Error& error) {
+    return JSON(JSONObject{{"code", JSON(static_cast<int64_t>(error.code()))},
+                           {"message", JSON(error.message())}});
+}
+
+// Reports a response: lines for a reader, and the report's "response".
+int report(ToolOutput& out, const std::string& url, const ResourceResponse& response, bool body) {
+    std::ostream& text = out.text();
+    text << "error: " << response.error.code();
+    if (response.error) text << " " << response.error.message();
+    text << "\nis404: " << (response.is404 ? "true" : "false") << "\n";
     std::map<std::string, std::string> sorted(response.header.begin(), response.header.end());
-    for (const auto& [name, value] : sorted) std::cout << name << ": " << value << "\n";
-    if (!response.md5.empty()) std::cout << "md5: " << response.md5 << "\n";
-    std::cout << "body: " << response.data.size() << " bytes\n";
-    if (body && !response.data.empty()) std::cout << "\n" << response.data << "\n";
+    for (const auto& [name, value] : sorted) text << name << ": " << value << "\n";
+    if (!response.md5.empty()) text << "md5: " << response.md5 << "\n";
+    text << "body: " << response.data.size() << " bytes\n";
+    if (body && !response.data.empty()) text << "\n" << response.data << "\n";
+
+    JSONObject headers;
+    for (const auto& [name, value] : sorted) headers.set(name, JSON(value));
+    JSONObject record{{"url", JSON(url)},
+                      {"is404", JSON(response.is404)},
+                      {"headers", JSON(std::move(headers))},
+                      {"size", JSON(static_cast<uint64_t>(response.data.size()))}};
+    if (response.error) record.set("failure", errorJson(response.error));
+    if (!response.md5.empty()) record.set("md5", JSON(response.md5));
+    if (body) record.set("body", JSON(response.data));
+    out.set("response", JSON(std::move(record)));
+    if (response.error)
+        return out.fail("the request failed: " + std::to_string(response.error.code()) + " " +
+                        response.error.message());
+    return out.finish();
 }
 
 // A host without a key: signed lists do not verify, and nothing else is asked of it.
@@ -121,14 +131,15 @@ class KeylessProxy : public Proxy {
 };
 
 // Sends one command to the inspector, running the library's background work until it answers.
-int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::string& assets,
-            const std::string& appKey, const std::string& appVersion, const std::string& command,
-            const std::string& paramsText, bool withStatus) {
-    JSON params = JSON(MarlLogger::json::JSONObject());
+// With `withStatus` (ferrit status), reports the status report first.
+int inspect(ToolOutput& out, std::shared_ptr<Proxy> proxy, const std::string& root,
+            const std::string& assets, const std::string& appKey, const std::string& appVersion,
+            const std::string& command, const std::string& paramsText, bool withStatus) {
+    JSON params = JSON(JSONObject());
     if (!paramsText.empty()) {
         std::string parseError;
         params = JSON::parse(paramsText, &parseError);
-        if (!parseError.empty()) return usage("parameters: " + parseError);
+        if (!parseError.empty()) return out.usage("the parameters are not JSON: " + parseError);
     }
     Setup::setProxy(std::move(proxy), root, assets);
     if (appKey.empty()) {
@@ -136,7 +147,11 @@ int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::st
     } else {
         Setup::setup(appKey, appVersion, 1);  // registers the agent, as a host's start does
     }
-    if (withStatus) std::cout << "status " << Setup::statusReport().toString() << "\n";
+    if (withStatus) {
+        const JSON status = Setup::statusReport();
+        out.text() << "status: " << status.toString() << "\n";
+        out.set("status", status);
+    }
     bool answered = false, succeeded = false;
     JSON data;
     const bool known =
@@ -145,55 +160,111 @@ int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::st
             succeeded = success;
             data = reply;
         });
-    if (!known) return usage("no such command: " + command);
+    if (!known) return out.usage("no such inspector command: " + command);
     // A command that answers from the worker ("update", "readDiskFileList") answers once its
     // work has run; a bounded number of rounds keeps a command that never answers from hanging.
     for (int round = 0; !answered && round < 1000; ++round) {
         if (TaskRunner::runDue() == 0 && TaskRunner::pendingCount() == 0) break;
     }
-    if (!answered) {
-        std::cout << "no answer\n";
-        return 1;
-    }
-    std::cout << (succeeded ? "success " : "failure ") << data.toString() << "\n";
+    if (!answered) return out.fail(command + " gave no answer");
     TaskRunner::runDue();  // what the command left to do, such as a commit
-    return succeeded ? 0 : 1;
+    // The reply alone is a JSON document: what a script reads, with or without --json.
+    if (withStatus) {
+        out.text() << "size: " << data.toString() << "\n";
+        out.set("size", data);
+    } else {
+        out.text() << data.toString() << "\n";
+        out.set("inspector", JSON(command));
+        out.set("reply", data);
+    }
+    if (!succeeded) return out.fail(command + " failed: " + data.toString());
+    return out.finish();
 }
 
-void printStatus(const char* step) {
-    std::cout << "status after " << step << ": " << Setup::statusReport().toString() << "\n";
+JSON statusStep(const char* step) {
+    return JSON(JSONObject{{"step", JSON(step)}, {"status", Setup::statusReport()}});
 }
 
-// Verifies the signed list and the files of every installed pack; 0 when all are intact.
-int check() {
-    int failures = 0;
+void printStatus(ToolOutput& out, const char* step) {
+    out.text() << "status after " << step << ": " << Setup::statusReport().toString() << "\n";
+    out.append("steps", statusStep(step));
+}
+
+// Takes in the configuration that a host stored under the root, as the library's start does.
+// False with `problem` set when there is none or it does not read.
+bool loadStored(std::string& problem) {
+    Error error;
+    const std::string text = PacksStore::instance().readConfig(error);
+    std::shared_ptr<FConfig> document;
+    if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
+    if (!document) {
+        if (Errors::isFileMissing(error) || (!error && text.empty())) {
+            problem = "no stored configuration: a host installed nothing under this root";
+        } else {
+            problem = "the stored configuration does not read: " + std::to_string(error.code()) +
+                      " " + error.message();
+        }
+        document = std::make_shared<FConfig>();
+    }
+    SCache::publish(document);
+    return problem.empty();
+}
+
+// Verifies the signed list and the files of every installed pack; each fault is named on stderr
+// and in the report. `problems` are faults found before (the stored configuration's).
+int check(ToolOutput& out, const std::string& root, std::vector<std::string> problems) {
     const FConfigPtr config = SCache::current();
     std::map<std::string, PackPtr> packs(config->packs.begin(), config->packs.end());
+    out.set("root", JSON(root));
+    out.set("configuration",
+            JSON(JSONObject{{"version", JSON(config->version)},
+                            {"packs", JSON(static_cast<uint64_t>(packs.size()))}}));
+    JSONArray checked;
+    size_t verified = 0;
     for (const auto& [name, pack] : packs) {
         if (!pack->isInstalled()) continue;
         const Folder folder = pack->installedFolder();
-        std::cout << name << "@" << pack->installedSeq << " (" << folderKindName(folder.kind())
-                  << " " << folder.describe() << "): ";
+        JSONObject record{{"name", JSON(name)},
+                          {"seq", JSON(pack->installedSeq)},
+                          {"kind", JSON(folderKindName(folder.kind()))},
+                          {"folder", JSON(folder.describe())}};
+        out.text() << name << "@" << pack->installedSeq << " (" << folderKindName(folder.kind())
+                   << " " << folder.describe() << "): ";
         if (folder.kind() == FolderKind::OnDemand) {
-            std::cout << "on demand, read when first asked for\n";
+            out.text() << "on demand, read when first asked for\n";
+            record.set("result", JSON("on demand"));
+            checked.push_back(JSON(std::move(record)));
             continue;
         }
         const ResourceIndex index(name, folder);
         Error error = index.error();
         if (!error) index.verifyFiles(folder, error);
         if (error) {
-            ++failures;
-            std::cout << "error " << error.code() << " " << error.message() << "\n";
+            const std::string fault = name + "@" + std::to_string(pack->installedSeq) + ": " +
+                                      std::to_string(error.code()) + " " + error.message();
+            problems.push_back(fault);
+            out.text() << "error " << error.code() << " " << error.message() << "\n";
+            record.set("result", JSON("failed"));
+            record.set("failure", errorJson(error));
         } else {
-            std::cout << "signed list and files verified\n";
+            ++verified;
+            out.text() << "signed list and files verified\n";
+            record.set("result", JSON("verified"));
         }
+        checked.push_back(JSON(std::move(record)));
     }
-    return failures == 0 ? 0 : 1;
+    if (checked.empty() && problems.empty()) problems.push_back("no installed pack to check");
+    out.set("packs", JSON(std::move(checked)));
+    out.set("verified", JSON(static_cast<uint64_t>(verified)));
+    out.set("problems", JSON(problems));
+    if (problems.empty()) return out.finish();
+    for (size_t i = 1; i < problems.size(); ++i) out.note(problems[i - 1]);
+    return out.fail(problems.back());
 }
 
 }  // namespace
 
-int FerritTools::runRequestTool(int argc, char** argv) {
+int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
     std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
         appVersion, preloadFile, configPrefix;
     HeaderMap header;
@@ -208,7 +279,7 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             arg == "--log-level" || arg == "--serve" || arg == "--app-key" ||
             arg == "--app-version" || arg == "--preload" || arg == "--config-prefix") {
             const char* value = next();
-            if (value == nullptr) return usage("missing value after " + arg);
+            if (value == nullptr) return out.usage("missing value after " + arg);
             if (arg == "--root") root = value;
             if (arg == "--assets") assets = value;
             if (arg == "--public-key") publicKey = value;
@@ -224,7 +295,7 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             if (arg == "--header") {
                 const std::string h = value;
                 const size_t colon = h.find(':');
-                if (colon == std::string::npos) return usage("a header is NAME:VALUE");
+                if (colon == std::string::npos) return out.usage("a header is NAME:VALUE");
                 size_t start = colon + 1;
                 while (start < h.size() && h[start] == ' ') ++start;
                 header[h.substr(0, colon)] = h.substr(start);
@@ -239,10 +310,8 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             checkPacks = true;
         } else if (arg == "--startup") {
             startup = true;
-        } else if (arg == "--help" || arg == "-h") {
-            return usage("runs one request through the cache");
         } else if (!arg.empty() && arg[0] == '-') {
-            return usage("unknown option " + arg);
+            return out.usage("unknown option " + arg);
         } else {
             positional.push_back(arg);
         }
@@ -250,19 +319,25 @@ int FerritTools::runRequestTool(int argc, char** argv) {
     // "status" is the status report and then the inspector's size report.
     const bool status = !positional.empty() && positional[0] == "status";
     if (status) {
-        if (positional.size() != 1) return usage("status takes no argument");
+        if (positional.size() != 1) return out.usage("status takes no argument");
         positional.push_back("FerritDev.size");
     }
     const bool inspecting = !positional.empty() && (positional[0] == "inspect" || status);
     if (inspecting) {
         if (positional.size() < 2 || positional.size() > 3)
-            return usage("inspect takes a command and, optionally, its parameters as JSON");
+            return out.usage("inspect takes a command and, optionally, its parameters as JSON");
     } else if (positional.size() > 1) {
-        return usage("one URL at a time");
+        return out.usage("one URL at a time");
     } else if (!positional.empty()) {
         url = positional[0];
     }
-    if (root.empty()) return usage("--root is required");
+    if (root.empty()) return out.usage("--root is required");
+    // Only a host's start makes its root; every other command reports on one that is there.
+    std::error_code rootError;
+    if (!startup && !std::filesystem::is_directory(root, rootError))
+        return out.fail("no root folder " + root +
+                        (std::filesystem::exists(root, rootError) ? " (not a folder)" : "") +
+                        ": this command reads a root and makes none");
     if (!configPrefix.empty()) {
         // The host's layer, as setDefaultConfigNative gives it.
         HostDefaults defaults;
@@ -276,19 +351,19 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             std::string reason;
             std::shared_ptr<FerritTools::FileProxy> fileProxy =
                 FerritTools::FileProxy::open(publicKey, reason);
-            if (!fileProxy) return usage(reason);
+            if (!fileProxy) return out.fail(reason);
             fileProxy->serveFolder(served);
             fileProxy->setPrintEvents(events);
             proxy = fileProxy;
         }
-        return inspect(std::move(proxy), root, assets, appKey, appVersion, positional[1],
+        return inspect(out, std::move(proxy), root, assets, appKey, appVersion, positional[1],
                        positional.size() == 3 ? positional[2] : std::string(), status);
     }
-    if (url.empty() && !checkPacks && !startup && preloadFile.empty()) return usage("no URL");
+    if (url.empty() && !checkPacks && !startup && preloadFile.empty()) return out.usage("no URL");
     if (startup && (served.empty() || publicKey.empty()))
-        return usage("--startup needs --serve and --public-key");
+        return out.usage("startup needs --serve and --public-key");
     if (!preloadFile.empty() && (startup || assets.empty()))
-        return usage("--preload needs --assets, and does not go with --startup");
+        return out.usage("--preload needs --assets, and does not go with startup");
 
     // Background work (visit updates, the configuration's commit) is not run for one request: it
     // needs none of it, and it would write to the root. Start-up runs on the real worker.
@@ -299,19 +374,18 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         std::string reason;
         std::shared_ptr<FerritTools::FileProxy> proxy =
             FerritTools::FileProxy::open(publicKey, reason);
-        if (!proxy) return usage(reason);
+        if (!proxy) return out.fail(reason);
         proxy->setPrintEvents(events);
         proxy->serveFolder(served);
         fileProxy = proxy;
         if (!startup) Environment::instance().setProxy(proxy);
     } else {
-        std::cerr << "ferrit-request: no --public-key: no proxy is set, so no signed list verifies "
-                     "(1106)\n";
+        out.note("no --public-key: no proxy is set, so no signed list verifies (1106)");
     }
-    if (startup) printStatus("loading");
+    if (startup) printStatus(out, "loading");
     if (!startup) {
-        // The library's own wiring, as setProxy does it, without the stored configuration: the
-        // records come from --config.
+        // The library's own wiring, as setProxy does it, without the configuration's load: the
+        // records come from --config, or from what a host stored.
         initFolders(root);
         Services::wire();
         if (!assets.empty()) Services::attachAssets(assets);
@@ -319,7 +393,7 @@ int FerritTools::runRequestTool(int argc, char** argv) {
 
     if (!configFile.empty()) {
         std::ifstream in(configFile, std::ios::binary);
-        if (!in) return usage("cannot read " + configFile);
+        if (!in) return out.fail("cannot read " + configFile);
         std::stringstream text;
         text << in.rdbuf();
         configText = text.str();
@@ -328,12 +402,18 @@ int FerritTools::runRequestTool(int argc, char** argv) {
     if (!configText.empty()) {
         std::string parseError;
         document = JSON::parse(configText, &parseError);
-        if (!parseError.empty()) return usage("configuration: " + parseError);
+        if (!parseError.empty()) return out.fail("the configuration is not JSON: " + parseError);
     }
     if (startup) {
         Setup::setProxy(fileProxy, root,
                         assets);  // folders, then the stored and the built-in configuration
-        printStatus("setProxy");
+        printStatus(out, "setProxy");
+    }
+    // Without records of its own, a command reads what a host stored under the root.
+    std::vector<std::string> problems;
+    if (!startup && configText.empty()) {
+        std::string problem;
+        if (!loadStored(problem) && checkPacks && assets.empty()) problems.push_back(problem);
     }
     std::string reason;
     Error builtinError;
@@ -343,46 +423,71 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         if (recordsLoaded && !assets.empty() && !startup)
             builtinError = BuiltinConfig::load(config);
     });
-    if (!recordsLoaded) return usage(reason);
-    if (builtinError)
-        std::cerr << "ferrit-request: built-in configuration: " << builtinError.message() << "\n";
+    if (!recordsLoaded) return out.fail(reason);
+    // An app may ship no built-in configuration at all.
+    if (builtinError && !Errors::isFileMissing(builtinError)) {
+        const std::string problem =
+            "the built-in configuration does not read: " + std::to_string(builtinError.code()) +
+            " " + builtinError.message();
+        if (checkPacks) {
+            problems.push_back(problem);
+        } else {
+            out.note(problem);
+        }
+    }
 
     if (startup) {
         // The host's order: setup (it will call startUpdate itself), the first configuration on
         // the worker, then startUpdate.
         Setup::setup(appKey, appVersion, 1);
-        printStatus("setup");
+        printStatus(out, "setup");
         TaskRunner::runDue();
-        for (const std::string& asked : fileProxy->requestedUrls())
-            std::cout << "requested " << asked << "\n";
-        std::cout << "configuration version " << SCache::current()->version << " with "
-                  << SCache::current()->packs.size() << " packs\n";
-        printStatus("the first configuration");
+        JSONArray requested;
+        for (const std::string& asked : fileProxy->requestedUrls()) {
+            out.text() << "requested " << asked << "\n";
+            requested.push_back(JSON(asked));
+        }
+        out.set("requested", JSON(std::move(requested)));
+        const FConfigPtr fetched = SCache::current();
+        out.text() << "configuration version " << fetched->version << " with "
+                   << fetched->packs.size() << " packs\n";
+        out.set("configuration",
+                JSON(JSONObject{{"version", JSON(fetched->version)},
+                                {"packs", JSON(static_cast<uint64_t>(fetched->packs.size()))}}));
+        printStatus(out, "the first configuration");
         Setup::startUpdate();
         TaskRunner::runDue();
-        printStatus("startUpdate");
-        if (url.empty()) return Setup::statusReport()["error"].isNull() ? 0 : 1;
+        printStatus(out, "startUpdate");
+        if (url.empty()) {
+            const JSON errors = Setup::statusReport()["error"];
+            if (errors.isNull()) return out.finish();
+            return out.fail("start-up left errors: " + errors.toString());
+        }
     }
 
     if (!preloadFile.empty()) {
         const bool installed = Preload::instance().install(preloadFile, true);
         TaskRunner::runDue();  // the commit of its transaction
-        if (!installed) {
-            std::cout << "preload " << preloadFile << " not installed\n";
-            return 1;
-        }
-        std::cout << "preload " << preloadFile << " installed\n";
+        if (!installed) return out.fail("the preload zip " + preloadFile + " was not installed");
+        out.text() << "preload " << preloadFile << " installed\n";
         std::map<std::string, PackPtr> packs(SCache::current()->packs.begin(),
                                              SCache::current()->packs.end());
+        JSONArray installedPacks;
         for (const auto& [name, pack] : packs) {
-            if (pack->isPacks && pack->isInstalled())
-                std::cout << "  " << name << "@" << pack->installedSeq << " ("
-                          << pack->installedSize << " bytes)\n";
+            if (pack->isPacks && pack->isInstalled()) {
+                out.text() << "  " << name << "@" << pack->installedSeq << " ("
+                           << pack->installedSize << " bytes)\n";
+                installedPacks.push_back(JSON(JSONObject{{"name", JSON(name)},
+                                                         {"seq", JSON(pack->installedSeq)},
+                                                         {"bytes", JSON(pack->installedSize)}}));
+            }
         }
-        if (url.empty() && !checkPacks) return 0;
+        out.set("preload", JSON(JSONObject{{"zip", JSON(preloadFile)},
+                                           {"packs", JSON(std::move(installedPacks))}}));
+        if (url.empty() && !checkPacks) return out.finish();
     }
 
-    if (checkPacks) return check();
+    if (checkPacks) return check(out, root, std::move(problems));
 
     if (!referrer.empty() && header.find("Referer") == header.end()) header["Referer"] = referrer;
     ResourceRequest request(url, header);
@@ -390,16 +495,13 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         std::unique_ptr<ResourceResponse> response;
         Access::getResource(request,
                             [&](std::unique_ptr<ResourceResponse> r) { response = std::move(r); });
-        if (!response) {
-            std::cout << "no answer\n";
-            return 1;
-        }
-        print(*response, body);
+        if (!response) return out.fail("no answer to " + url);
+        const int code = report(out, url, *response, body);
         response->setFinished(Error());
-        return response->error ? 1 : 0;
+        return code;
     }
     auto response = Access::getResource(request);
-    print(*response, body);
+    const int code = report(out, url, *response, body);
     response->setFinished(Error());
-    return response->error ? 1 : 0;
+    return code;
 }

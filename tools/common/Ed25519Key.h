@@ -35,7 +35,9 @@ class Ed25519Key {
     bool sign(std::string_view message, std::string& signature, std::string& error) const;
     // Whether `signature` (raw bytes) is this key's signature of `message`.
     bool verify(std::string_view message, std::string_view signature) const;
-    // PEM files: PKCS#8 private key, SubjectPublicKeyInfo public key.
+    // PEM files: PKCS#8 private key, SubjectPublicKeyInfo public key. Each replaces what `path`
+    // held. The private key's file is created with mode 0600 (the process's umask may only take
+    // from that), never widened and narrowed afterwards.
     bool writePrivatePem(const std::string& path, std::string& error) const;
     bool writePublicPem(const std::string& path, std::string& error) const;
     // The public half, as a host checks with it.

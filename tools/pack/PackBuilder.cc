@@ -79,7 +79,8 @@ bool storesAsDeflated(std::string_view content) {
 
 bool writeZip(const std::string& index, const PackContent& content,
               const std::vector<std::string>& paths, int level, std::string& zip,
-              std::string& error) {
+              std::string& error,
+              const std::function<void(const std::string&, uint64_t)>& onFile = {}) {
     ZipWriter writer;
     ZipWriter::Entry entry;
     entry.level = level;
@@ -91,6 +92,7 @@ bool writeZip(const std::string& index, const PackContent& content,
         entry.content = content.files.at(path);
         entry.deflate = storesAsDeflated(entry.content);
         if (!writer.add(entry, error)) return false;
+        if (onFile) onFile(path, entry.content.size());
     }
     return writer.finish(zip, error);
 }
@@ -216,7 +218,7 @@ bool buildPack(const PackContent& content, const PackOptions& options, std::stri
     if (!signedIndexOf(content, options, {}, index, error)) return false;
     std::vector<std::string> paths;
     for (const auto& [path, unused] : content.files) paths.push_back(path);
-    return writeZip(index, content, paths, options.level, zip, error);
+    return writeZip(index, content, paths, options.level, zip, error, options.onFile);
 }
 
 bool buildIncrement(const PackContent& previous, const PackContent& current,

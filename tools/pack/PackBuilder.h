@@ -41,6 +41,9 @@ struct PackOptions {
     std::string token = "ed25519";
     Signer signer;
     int level = 9;  // deflate level of every entry
+    // Called after each file of a full zip is written into it, with its path and size: what a
+    // progress bar of a long build counts.
+    std::function<void(const std::string& path, uint64_t bytes)> onFile;
 };
 
 // What an incremental zip holds, by path.

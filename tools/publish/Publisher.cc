@@ -284,21 +284,31 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
         }
     }
     const uint64_t previousVersion = state["version"].uint64Value();
-    const size_t total = manifest.packs.size() + 1;
-    size_t step = 0;
+    // Every pack is read first, so that the progress knows the whole work.
+    std::vector<PackContent> contents(manifest.packs.size());
+    PublishStep step;
+    for (size_t i = 0; i < manifest.packs.size(); ++i) {
+        if (!readFolder(joinPath(site, manifest.packs[i].folder), contents[i].files, error))
+            return false;
+        step.totalFiles += contents[i].files.size();
+        for (const auto& [path, bytes] : contents[i].files) step.totalBytes += bytes.size();
+    }
     auto report = [&](const std::string& what) {
-        if (progress) progress(what, step, total);
-        ++step;
+        step.step = what;
+        if (progress) progress(step);
     };
 
     std::vector<ConfigPack> records;
     JSON packsState(JSONObject{});
     bool anyChanged = false;
-    for (const PublishPack& pack : manifest.packs) {
+    for (size_t index = 0; index < manifest.packs.size(); ++index) {
+        const PublishPack& pack = manifest.packs[index];
         report("pack " + pack.name);
         PackContent content;
+        content.files = std::move(contents[index].files);
         content.headers = pack.headers;
-        if (!readFolder(joinPath(site, pack.folder), content.files, error)) return false;
+        uint64_t packBytes = 0;
+        for (const auto& [path, bytes] : content.files) packBytes += bytes.size();
         const JSON& before = state["packs"][pack.name];
         const PackListing listing = listingOf(content.files);
         PublishedPack done;
@@ -316,6 +326,9 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
         config.flags = FerritCore::kPackTypeFerrit | pack.priority;
         config.prefixes.push_back(pack.prefix);
         if (unchanged) {
+            step.files += content.files.size();
+            step.bytes += packBytes;
+            report("pack " + pack.name);
             config.seq = done.seq;
             config.baseSeq = done.baseSeq;
             config.md5 = before["c"].stringValue();
@@ -327,8 +340,14 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
             PackOptions options;
             options.urlPrefix = pack.prefix;
             options.signer = signer;
+            options.onFile = [&](const std::string& path, uint64_t bytes) {
+                ++step.files;
+                step.bytes += bytes;
+                report(pack.name + "/" + path);
+            };
             std::string zip;
             if (!buildPack(content, options, zip, error)) return false;
+            options.onFile = nullptr;
             const std::string folder = manifest.zipFolder + pack.name + "/";
             const std::string full = folder + std::to_string(done.seq) + ".zip";
             if (!writeBelow(out, full, zip, error)) return false;

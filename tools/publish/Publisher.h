@@ -62,8 +62,15 @@ struct PublishResult {
     std::vector<std::string> configPaths;  // where the global configuration was written
 };
 
-// Called before each step, with a short description, the step's number and the count of steps.
-using PublishProgress = std::function<void(const std::string& step, size_t done, size_t total)>;
+// How far a publish has got: the files of the manifest's packs read and zipped so far, and
+// their bytes, out of all of them; `step` says what it is on ("pack shop", "configuration").
+struct PublishStep {
+    std::string step;
+    uint64_t files = 0, totalFiles = 0;
+    uint64_t bytes = 0, totalBytes = 0;
+};
+// Called at each step and after each file of a pack's full zip.
+using PublishProgress = std::function<void(const PublishStep& step)>;
 
 // The history folder of the tree `out` when none is named: beside it, the tree's folder name
 // followed by ".publish" ("/srv/site" keeps "/srv/site.publish"). Empty when `out` has no name of

@@ -38,7 +38,7 @@ for command in keygen pack config index publish get check startup status inspect
   expect "ferrit $command" "$page"
 done
 expect "ferrit publish" "$("$tool" help)"
-expect "ferrit-pack build" "$("$tool" pack build --help)"
+expect "ferrit pack build" "$("$tool" pack build --help)"
 status 2 "$tool"
 status 2 "$tool" frobnicate
 status 2 "$tool" publish --key x
