@@ -83,6 +83,8 @@ void FileProxy::sendRequest(const FerritCore::ProxyRequest& request,
         content << in.rdbuf();
         response.statusCode = 200;
         response.header["Content-Length"] = std::to_string(content.str().size());
+        servedFiles_.fetch_add(1, std::memory_order_relaxed);
+        servedBytes_.fetch_add(content.str().size(), std::memory_order_relaxed);
         if (request.tempFilePath.empty()) {
             response.content = content.str();
         } else {

@@ -6,6 +6,8 @@
 // transport, as the interface's default does. Any thread.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -39,6 +41,9 @@ class FileProxy : public FerritCore::Proxy {
     void serveFolder(std::string folder) { servedFolder_ = std::move(folder); }
     // Every URL asked for, in order.
     std::vector<std::string> requestedUrls() const;
+    // The files served with status 200 so far, and their bytes: how far downloads have got.
+    uint64_t servedFiles() const { return servedFiles_.load(std::memory_order_relaxed); }
+    uint64_t servedBytes() const { return servedBytes_.load(std::memory_order_relaxed); }
 
     // Prints each performance record to stderr as it arrives.
     void setPrintEvents(bool print) { printEvents_ = print; }
@@ -49,6 +54,8 @@ class FileProxy : public FerritCore::Proxy {
     std::unique_ptr<Ed25519Key> key_;  // immutable: verification may run on several threads
     bool printEvents_ = false;
     std::string servedFolder_;
+    std::atomic<uint64_t> servedFiles_{0};
+    std::atomic<uint64_t> servedBytes_{0};
     mutable FerritCore::Mutex mutex_;
     std::vector<std::string> requested_ GUARDED_BY(mutex_);
 };

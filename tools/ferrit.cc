@@ -49,6 +49,8 @@ const char* const kRootOptions = R"(
     --app-key KEY, --app-version V
                           the app, for commands that run setup.
     --config-prefix URL   the host's configuration endpoint, for commands that fetch it.
+    --zip-prefix URL      where the host downloads pack zips from (a published tree's URL
+                          followed by its zips folder, such as https://cdn.example.com/packs/).
     --log-level N         log entries at or above level N on stderr (1 most severe).
 )";
 
@@ -317,7 +319,7 @@ int main(int argc, char** argv) {
     const bool json = ToolOutput::takeJsonFlag(rest);
     const std::string name = argc < 2 ? std::string() : std::string(argv[1]);
     if (name == "help" || name == "--help" || name == "-h") {
-        if (!rest.empty()) {
+        if (!rest.empty() && rest[0] != "help" && rest[0] != "--help" && rest[0] != "-h") {
             const auto it = commands().find(rest[0]);
             if (it == commands().end()) {
                 ToolOutput out("", json);

@@ -30,10 +30,14 @@
 // --config then stand for what an earlier run installed. It is the only one of these commands that
 // makes a root folder that does not exist: the others fail on a missing root, so that a mistyped
 // path reports the mistake instead of an empty root made in its place.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -53,14 +57,18 @@
 #include "model/BuiltinConfig.h"
 #include "model/ResourceIndex.h"
 #include "model/SCache.h"
+#include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
 #include "storage/PacksStore.h"
 #include "tools/ToolCommands.h"
 #include "tools/common/ToolOutput.h"
+#include "tools/common/ToolProgress.h"
 #include "update/Preload.h"
+#include "update/UpdateQueue.h"
 
 using namespace FerritCore;
+using FerritTools::kExitSuccess;
 using FerritTools::ToolOutput;
 using MarlLogger::json::JSON;
 using MarlLogger::json::JSONArray;
@@ -262,11 +270,102 @@ int check(ToolOutput& out, const std::string& root, std::vector<std::string> pro
     return out.fail(problems.back());
 }
 
+// How long an install of every pack may take before the tool gives up on it.
+constexpr std::chrono::seconds kInstallWait{300};
+// How often the progress is redrawn while the worker installs.
+constexpr std::chrono::milliseconds kProgressInterval{100};
+// A pack's zip and its own document: what a pack's install downloads at most.
+constexpr uint64_t kDownloadsPerPack = 2;
+
+// Installs every pack of the configuration that is not installed at its version, through the
+// update queue as a host's prefetch does (whatever the pack's priority), and waits until each has
+// answered: a host's first start on a fresh root leaves them to the queue's timer, which a tool
+// does not wait for. Draws the downloads' progress on a terminal; each failure is named.
+int installAll(ToolOutput& out, const FerritTools::FileProxy& proxy) {
+    const FConfigPtr config = SCache::current();
+    std::vector<std::string> names;
+    std::map<std::string, uint64_t> wanted;
+    for (const auto& [name, pack] : config->packs) {
+        if (pack->seq == 0 || pack->installedSeq == pack->seq) continue;
+        names.push_back(name);
+        wanted[name] = pack->seq;
+    }
+    std::sort(names.begin(), names.end());
+    struct Outcomes {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::map<std::string, Error> answered;
+        bool settled = false;
+    };
+    auto outcomes = std::make_shared<Outcomes>();
+    FerritTools::ToolProgress bar("install");
+    bar.setTotal(names.size() * kDownloadsPerPack, 0);
+    const uint64_t filesBefore = proxy.servedFiles();
+    const uint64_t bytesBefore = proxy.servedBytes();
+    for (const std::string& name : names) {
+        UpdateQueue::request(name, kTriggerPrefetch, [outcomes, name](const Error& error) {
+            std::lock_guard<std::mutex> lock(outcomes->mutex);
+            outcomes->answered.emplace(name, error);
+            outcomes->changed.notify_all();
+        });
+    }
+    const auto deadline = std::chrono::steady_clock::now() + kInstallWait;
+    {
+        std::unique_lock<std::mutex> lock(outcomes->mutex);
+        while (outcomes->answered.size() < names.size() &&
+               std::chrono::steady_clock::now() < deadline) {
+            outcomes->changed.wait_for(lock, kProgressInterval);
+            bar.update(proxy.servedFiles() - filesBefore, proxy.servedBytes() - bytesBefore,
+                       std::to_string(outcomes->answered.size()) + "/" +
+                           std::to_string(names.size()) + " packs");
+        }
+    }
+    bar.done();
+    // The worker runs its tasks in order: once this one has run, so have the commits that the
+    // installs posted before they answered, and what they installed is on the disk.
+    TaskRunner::post([outcomes] {
+        std::lock_guard<std::mutex> lock(outcomes->mutex);
+        outcomes->settled = true;
+        outcomes->changed.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(outcomes->mutex);
+    outcomes->changed.wait_until(lock, deadline, [&outcomes] { return outcomes->settled; });
+    std::vector<std::string> problems;
+    const FConfigPtr after = SCache::current();
+    for (const std::string& name : names) {
+        const PackPtr pack = after->find(name);
+        const uint64_t seq = pack ? pack->installedSeq : 0;
+        JSONObject record{{"name", JSON(name)}, {"seq", JSON(seq)}};
+        const auto answer = outcomes->answered.find(name);
+        std::string fault;
+        if (answer == outcomes->answered.end()) {
+            fault = "no answer";
+        } else if (answer->second) {
+            fault = std::to_string(answer->second.code()) + " " + answer->second.message();
+            record.set("failure", errorJson(answer->second));
+        } else if (seq != wanted[name]) {
+            fault = "version " + std::to_string(wanted[name]) + " was not taken";
+        }
+        if (fault.empty()) {
+            out.text() << "installed " << name << "@" << seq << "\n";
+        } else {
+            problems.push_back(name + ": " + fault);
+        }
+        record.set("installed", JSON(fault.empty()));
+        out.append("installs", JSON(std::move(record)));
+    }
+    out.set("downloads", JSON(JSONObject{{"files", JSON(proxy.servedFiles() - filesBefore)},
+                                         {"bytes", JSON(proxy.servedBytes() - bytesBefore)}}));
+    if (problems.empty()) return kExitSuccess;
+    for (size_t i = 1; i < problems.size(); ++i) out.note("not installed: " + problems[i - 1]);
+    return out.fail("not installed: " + problems.back());
+}
+
 }  // namespace
 
 int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
     std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
-        appVersion, preloadFile, configPrefix;
+        appVersion, preloadFile, configPrefix, zipPrefix;
     HeaderMap header;
     bool async = false, body = false, events = false, checkPacks = false, startup = false;
     std::vector<std::string> positional;
@@ -277,7 +376,8 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
         if (arg == "--root" || arg == "--assets" || arg == "--public-key" || arg == "--config" ||
             arg == "--config-json" || arg == "--referrer" || arg == "--header" ||
             arg == "--log-level" || arg == "--serve" || arg == "--app-key" ||
-            arg == "--app-version" || arg == "--preload" || arg == "--config-prefix") {
+            arg == "--app-version" || arg == "--preload" || arg == "--config-prefix" ||
+            arg == "--zip-prefix") {
             const char* value = next();
             if (value == nullptr) return out.usage("missing value after " + arg);
             if (arg == "--root") root = value;
@@ -291,6 +391,7 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
             if (arg == "--app-version") appVersion = value;
             if (arg == "--preload") preloadFile = value;
             if (arg == "--config-prefix") configPrefix = value;
+            if (arg == "--zip-prefix") zipPrefix = value;
             if (arg == "--log-level") MarlLogger::Log::setLevel(std::atoi(value));
             if (arg == "--header") {
                 const std::string h = value;
@@ -338,10 +439,11 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
         return out.fail("no root folder " + root +
                         (std::filesystem::exists(root, rootError) ? " (not a folder)" : "") +
                         ": this command reads a root and makes none");
-    if (!configPrefix.empty()) {
+    if (!configPrefix.empty() || !zipPrefix.empty()) {
         // The host's layer, as setDefaultConfigNative gives it.
         HostDefaults defaults;
         defaults.configPrefix = configPrefix;
+        defaults.zipPrefix = zipPrefix;
         Settings::setDefaults(defaults);
     }
     if (inspecting) {
@@ -458,6 +560,13 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
         Setup::startUpdate();
         TaskRunner::runDue();
         printStatus(out, "startUpdate");
+        // With somewhere to download from, the packs are installed now.
+        if (!zipPrefix.empty()) {
+            // As a host on a network without limits says: downloads wait for one.
+            Setup::setNetworkStatus(Network::kStatusUnrestricted);
+            const int installed = installAll(out, *fileProxy);
+            if (installed != kExitSuccess) return installed;
+        }
         if (url.empty()) {
             const JSON errors = Setup::statusReport()["error"];
             if (errors.isNull()) return out.finish();

@@ -81,7 +81,9 @@ std::string ToolProgress::line(std::string_view label, uint64_t files, uint64_t 
     text.append(cells, '#');
     text.append(kBarCells - cells, '.');
     text += "] " + std::to_string(files) + "/" + std::to_string(totalFiles) + " files, " +
-            bytesText(bytes) + "/" + bytesText(totalBytes);
+            bytesText(bytes);
+    // A download learns its size only as it arrives: its total may be unknown.
+    if (totalBytes > 0) text += "/" + bytesText(totalBytes);
     if (!current.empty()) {
         text += " ";
         text += current.size() > kCurrentWidth ? current.substr(0, kCurrentWidth) : current;

@@ -23,7 +23,8 @@ class ToolProgress {
     ToolProgress& operator=(const ToolProgress&) = delete;
 
     bool enabled() const { return enabled_; }
-    // What the whole work is; may grow as the work learns more.
+    // What the whole work is; may grow as the work learns more. Bytes 0: not known, and the bar
+    // then measures files.
     void setTotal(uint64_t files, uint64_t bytes);
     // Sets how far the work has got and what it is on, and redraws.
     void update(uint64_t files, uint64_t bytes, std::string_view current = {});
