@@ -487,8 +487,14 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
     if (startup) printStatus(out, "loading");
     if (!startup) {
         // The library's own wiring, as setProxy does it, without the configuration's load: the
-        // records come from --config, or from what a host stored.
-        initFolders(root);
+        // records come from --config, or from what a host stored. A check alone only reads: it
+        // leaves the folders as the host has them (a running host's downloads live in "temp/",
+        // which a start empties).
+        if (checkPacks && preloadFile.empty()) {
+            setRootPath(normalizePath(root));
+        } else {
+            initFolders(root);
+        }
         Services::wire();
         if (!assets.empty()) Services::attachAssets(assets);
     }

@@ -222,8 +222,11 @@ doc=$(json 0 startup --root "$root" --public-key "$work/key.pub.pem" --serve "$w
 [ "$(field '.installs.length' <<<"$doc")" = 2 ] && [ "$(field '.installs[1].installed' <<<"$doc")" = true ] &&
   [ "$(field '.response.size' <<<"$doc")" = 16 ] || fail "startup's report: $doc"
 grep -qF $'\r' "$work/stderr" && fail "startup drew a progress bar on a file"
+# A host's download under way is left alone: check only reads.
+mkdir -p "$root/temp/shop_3_2" && printf 'partial' > "$root/temp/shop_3_2/download.zip"
 doc=$(json 0 check --root "$root" --public-key "$work/key.pub.pem")
 [ "$(field .verified <<<"$doc")" = 2 ] || fail "check on the host's root: $doc"
+[ -s "$root/temp/shop_3_2/download.zip" ] || fail "check removed a download under way"
 out=$(host check)
 expect "shop@2 (Packed /Packs/shop/2/): signed list and files verified" "$out"
 expect "lib@1 (Packed /Packs/lib/1/): signed list and files verified" "$out"
