@@ -199,23 +199,28 @@ void printStatus(ToolOutput& out, const char* step) {
 }
 
 // Takes in the configuration that a host stored under the root, as the library's start does.
-// False with `problem` set when there is none or it does not read.
-bool loadStored(std::string& problem) {
+// False when there is none; what is wrong with one that is there goes to `problems`.
+bool loadStored(std::vector<std::string>& problems) {
     Error error;
     const std::string text = PacksStore::instance().readConfig(error);
     std::shared_ptr<FConfig> document;
     if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
+    const bool found = !Errors::isFileMissing(error) && !text.empty();
     if (!document) {
-        if (Errors::isFileMissing(error) || (!error && text.empty())) {
-            problem = "no stored configuration: a host installed nothing under this root";
-        } else {
-            problem = "the stored configuration does not read: " + std::to_string(error.code()) +
-                      " " + error.message();
-        }
+        if (found)
+            problems.push_back("the stored configuration does not read: " +
+                               std::to_string(error.code()) + " " + error.message());
         document = std::make_shared<FConfig>();
+    } else {
+        // The reader leaves out a record that does not validate: a check names it.
+        const JSON stored = JSON::parse(text);
+        for (const auto& [name, record] : stored["packs"].objectValue()) {
+            if (record.isObject() && !record.objectValue().empty() && !document->find(name))
+                problems.push_back("the stored record of " + name + " is not valid");
+        }
     }
     SCache::publish(document);
-    return problem.empty();
+    return found;
 }
 
 // Verifies the signed list and the files of every installed pack; each fault is named on stderr
@@ -519,9 +524,12 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
     }
     // Without records of its own, a command reads what a host stored under the root.
     std::vector<std::string> problems;
-    if (!startup && configText.empty()) {
-        std::string problem;
-        if (!loadStored(problem) && checkPacks && assets.empty()) problems.push_back(problem);
+    if (!startup && configText.empty() && !loadStored(problems) && assets.empty())
+        problems.push_back("no stored configuration: a host installed nothing under this root");
+    // Only a check fails on what it found; the other commands say it and go on.
+    if (!checkPacks) {
+        for (const std::string& problem : problems) out.note(problem);
+        problems.clear();
     }
     std::string reason;
     Error builtinError;

@@ -249,6 +249,11 @@ expect "shop@2: 1106" "$(field .error <<<"$doc")"
 expect "index.html" "$(field .error <<<"$doc")"
 [ "$(field .verified <<<"$doc")" = 1 ] || fail "the intact pack was not verified: $doc"
 expect "ferrit check: shop@2: 1106" "$(cat "$work/stderr")"
+# A stored record that does not validate (a status no version knows) is named, not skipped.
+sqlite3 "$root/packs/store.db" "UPDATE kv SET v = CAST(replace(CAST(v AS TEXT), '\"lib\":{', \
+  '\"lib\":{\"status\":99,') AS BLOB) WHERE CAST(k AS TEXT) = 'config'"
+json 1 check --root "$root" --public-key "$work/key.pub.pem" >/dev/null
+expect "ferrit check: the stored record of lib is not valid" "$(cat "$work/stderr")"
 # A damaged stored configuration.
 sqlite3 "$root/packs/store.db" "UPDATE kv SET v = CAST('{not json' AS BLOB) WHERE CAST(k AS TEXT) = 'config'"
 doc=$(json 1 check --root "$root" --public-key "$work/key.pub.pem")
