@@ -168,7 +168,10 @@ const std::map<std::string, Command>& commands() {
           "Runs the host's start-up order (setProxy, setup, the first configuration, startUpdate)\n"
           "    on the library's own worker, against a configuration endpoint served from files, "
           "and\n"
-          "    prints the status report after each step; then serves URL, if one is given.",
+          "    prints the status report after each step. With --zip-prefix it then installs every\n"
+          "    pack the configuration names, as a host's prefetch does, and waits until they are\n"
+          "    on the disk (a bar of files and bytes on a terminal). Then serves URL, if one is\n"
+          "    given. The only command of a root that makes the root when it does not exist.",
           "", true}},
         {"status",
          {"ferrit status [ROOT OPTIONS]",
