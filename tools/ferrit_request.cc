@@ -589,7 +589,16 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
     }
 
     if (!preloadFile.empty()) {
-        const bool installed = Preload::instance().install(preloadFile, true);
+        FerritTools::ToolProgress bar("install");
+        Preload::Progress progress;
+        if (bar.enabled()) {
+            progress = [&bar](uint64_t files, uint64_t bytes, uint64_t totalBytes) {
+                bar.setTotal(0, totalBytes);
+                bar.update(files, bytes);
+            };
+        }
+        const bool installed = Preload::instance().install(preloadFile, true, progress);
+        bar.done();
         TaskRunner::runDue();  // the commit of its transaction
         if (!installed) return out.fail("the preload zip " + preloadFile + " was not installed");
         out.text() << "preload " << preloadFile << " installed\n";

@@ -12,7 +12,9 @@ TEST(ToolProgressTest, LineShowsFilesBytesAndABarOfTheBytes) {
     EXPECT_EQ(ToolProgress::line("publish", 3, 4, 1500, 3000, "shop/index.html"),
               "publish [############............] 3/4 files, 1.5 kB/3.0 kB shop/index.html");
     EXPECT_EQ(ToolProgress::line("publish", 0, 0, 0, 0, ""),
-              "publish [........................] 0/0 files, 0 B");
+              "publish [........................] 0 files, 0 B");
+    EXPECT_EQ(ToolProgress::line("install", 2, 0, 500, 1000, ""),
+              "install [############............] 2 files, 500 B/1.0 kB");
 }
 
 TEST(ToolProgressTest, LineWithoutKnownBytesMeasuresFiles) {

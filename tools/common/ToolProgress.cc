@@ -80,8 +80,10 @@ std::string ToolProgress::line(std::string_view label, uint64_t files, uint64_t 
     text += " [";
     text.append(cells, '#');
     text.append(kBarCells - cells, '.');
-    text += "] " + std::to_string(files) + "/" + std::to_string(totalFiles) + " files, " +
-            bytesText(bytes);
+    text += "] " + std::to_string(files);
+    // A zip read as it goes may not know its count of files.
+    if (totalFiles > 0) text += "/" + std::to_string(totalFiles);
+    text += " files, " + bytesText(bytes);
     // A download learns its size only as it arrives: its total may be unknown.
     if (totalBytes > 0) text += "/" + bytesText(totalBytes);
     if (!current.empty()) {

@@ -267,6 +267,10 @@ expect "no stored configuration" "$(cat "$work/stderr")"
 printf '<html>three</html>' > "$work/site/app/index.html"
 publish 2>"$work/progress" >/dev/null
 [ ! -s "$work/progress" ] || fail "publish wrote to stderr off a terminal: $(cat -A "$work/progress")"
+mkdir -p "$work/pre-root" "$work/pre-tty-root"
+"$tool" get --root "$work/pre-root" --assets "$work/assets" --public-key "$work/key.pub.pem" \
+  --preload preload.zip https://shop.example.com/app/index.html 2>"$work/progress" >/dev/null
+[ ! -s "$work/progress" ] || fail "a preload install wrote to stderr off a terminal: $(cat -A "$work/progress")"
 if command -v script >/dev/null; then
   printf '<html>four</html>' > "$work/site/app/index.html"
   # script gives the command a terminal for stdout and stderr alike.
@@ -277,6 +281,9 @@ if command -v script >/dev/null; then
   typed=$(script -qec "'$tool' startup --root '$work/tty-root' --public-key '$work/key.pub.pem' --serve '$work/serve' --config-prefix https://cdn.example.com/tree/ --zip-prefix https://cdn.example.com/tree/packs/ --app-key shop --app-version 1.0" /dev/null)
   expect "install [" "$typed"
   expect "installed shop@4" "$typed"
+  typed=$(script -qec "'$tool' get --root '$work/pre-tty-root' --assets '$work/assets' --public-key '$work/key.pub.pem' --preload preload.zip https://shop.example.com/app/index.html" /dev/null)
+  expect "install [########################] 4 files" "$typed"
+  expect "preload preload.zip installed" "$typed"
 else
   echo "check-cli: no script(1): the terminal case of the progress bars is not checked" >&2
 fi
