@@ -69,8 +69,8 @@ DESCRIPTION
     lists each as {"res/<path>": {"url": URL + <path>, "v": <MD5>, "size": <bytes>,
     "header": {...}}}, followed by "||", the token, "|" and the signature. An empty file is
     listed with the MD5 of no bytes and size 0. Entries are deflated (an empty one is stored)
-    and carry a fixed time, so the same FOLDER and key always give the same bytes. Prints the zip's MD5, which the pack
-    configuration names as "c".
+    and carry a fixed time, so the same FOLDER and key always give the same bytes. Prints the
+    zip's MD5, which the pack configuration names as "c".
 
 OPTIONS
     --key PEM             Ed25519 private key (PEM) that signs the list.
