@@ -7,11 +7,12 @@
 // built-in configuration "Ferrit_Asset.config" is loaded from it. The configuration file (--config)
 // adds the records of packs installed under the root: {"v": "<version>", "packs": {"<name>": {"s",
 // "f", "p", "r", "installedSeq", ...}}}; without one, the configuration that a host stored under
-// the root is read. Each installed pack is read from "apps/<name>/<installedSeq>/", through its
-// signed "app-res.hvc".
+// the root is read. Each installed pack is read from its installed version's folder (on the disk
+// or in the packs store), through its signed "app-res.hvc".
 //
-// check verifies what a host installed instead: that the stored configuration reads, and every
-// installed pack's signed list and the MD5 of each of its files. It fails naming each fault.
+// check verifies what a host installed instead: that the stored configuration reads and each of
+// its records validates, and every installed pack's signed list and the MD5 of each of its files.
+// It fails naming each fault, and only reads: a running host's folders stay as they are.
 //
 // --preload FILE first installs the preload zip FILE of the raw-file folder, as the host's
 // installPreloadNative does, and then goes on with URL or the check over what it installed.
@@ -26,10 +27,12 @@
 // configuration update, startUpdate) on the library's own worker thread, against the configuration
 // endpoint --config-prefix served from files below --serve (see FileProxy; nothing is compiled in,
 // so the endpoint is given as a host gives it), and prints the status report after each
-// step; then it serves URL, if one is given, from the configuration it fetched. The records of
-// --config then stand for what an earlier run installed. It is the only one of these commands that
-// makes a root folder that does not exist: the others fail on a missing root, so that a mistyped
-// path reports the mistake instead of an empty root made in its place.
+// step. With --zip-prefix it then installs every pack the configuration names and waits for them
+// (the tool's own install, with a progress bar on a terminal). Then it serves URL, if one is
+// given, from the configuration it fetched. The records of --config then stand for what an
+// earlier run installed. It is the only one of these commands that makes a root folder that does
+// not exist: the others fail on a missing root, so that a mistyped path reports the mistake
+// instead of an empty root made in its place.
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
