@@ -54,5 +54,21 @@ TEST(ToolProgressTest, EnabledRedrawsInPlaceAndErasesWhenDone) {
               "\r\033[K");
 }
 
+TEST(ToolProgressTest, ManySmallStepsThatDoNotMoveTheBarDrawOnce) {
+    std::ostringstream stream;
+    ToolProgress progress("publish", true, stream);
+    progress.setTotal(1000, 1000000);
+    // A thousand steps in far less than the redraw interval, within the first cell.
+    for (int i = 0; i < 40; ++i) progress.add(1, 1000, "f");
+    std::string drawn = stream.str();
+    size_t draws = 0;
+    for (size_t at = drawn.find('\r'); at != std::string::npos; at = drawn.find('\r', at + 1))
+        ++draws;
+    EXPECT_EQ(draws, 1u) << drawn;
+    // The step that moves the bar is drawn at once.
+    progress.add(10, 10000, "g");
+    EXPECT_NE(stream.str().find("[#......................."), std::string::npos) << stream.str();
+}
+
 }  // namespace
 }  // namespace FerritTools

@@ -51,9 +51,22 @@ void ToolProgress::done() {
 
 void ToolProgress::draw(std::string_view current) {
     if (!enabled_) return;
+    const uint64_t cells = cellsOf(files_, totalFiles_, bytes_, totalBytes_);
+    const auto now = std::chrono::steady_clock::now();
+    if (drawn_ && cells == drawnCells_ && now - drawnAt_ < kRedrawInterval) return;
     stream_ << "\r\033[K" << line(label_, files_, totalFiles_, bytes_, totalBytes_, current)
             << std::flush;
     drawn_ = true;
+    drawnCells_ = cells;
+    drawnAt_ = now;
+}
+
+uint64_t ToolProgress::cellsOf(uint64_t files, uint64_t totalFiles, uint64_t bytes,
+                               uint64_t totalBytes) {
+    // Bytes measure the work better than files, when there are any.
+    const uint64_t done = totalBytes > 0 ? std::min(bytes, totalBytes) : files;
+    const uint64_t total = totalBytes > 0 ? totalBytes : totalFiles;
+    return total == 0 ? 0 : std::min(kBarCells, done * kBarCells / total);
 }
 
 std::string ToolProgress::bytesText(uint64_t bytes) {
@@ -72,10 +85,7 @@ std::string ToolProgress::bytesText(uint64_t bytes) {
 
 std::string ToolProgress::line(std::string_view label, uint64_t files, uint64_t totalFiles,
                                uint64_t bytes, uint64_t totalBytes, std::string_view current) {
-    // Bytes measure the work better than files, when there are any.
-    const uint64_t done = totalBytes > 0 ? std::min(bytes, totalBytes) : files;
-    const uint64_t total = totalBytes > 0 ? totalBytes : totalFiles;
-    const uint64_t cells = total == 0 ? 0 : std::min(kBarCells, done * kBarCells / total);
+    const uint64_t cells = cellsOf(files, totalFiles, bytes, totalBytes);
     std::string text(label);
     text += " [";
     text.append(cells, '#');

@@ -5,6 +5,7 @@
 // piece of work, on the thread that does it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
@@ -14,6 +15,8 @@ namespace FerritTools {
 
 class ToolProgress {
   public:
+    static constexpr std::chrono::milliseconds kRedrawInterval{100};
+
     // Draws on stderr when it is a terminal.
     explicit ToolProgress(std::string label);
     // Draws on `stream` when `enabled`.
@@ -26,7 +29,9 @@ class ToolProgress {
     // What the whole work is; may grow as the work learns more. Bytes 0: not known, and the bar
     // then measures files.
     void setTotal(uint64_t files, uint64_t bytes);
-    // Sets how far the work has got and what it is on, and redraws.
+    // Sets how far the work has got and what it is on, and redraws: at once when the bar moves,
+    // else at most every kRedrawInterval, so that thousands of small files cost no more to show
+    // than a few redraws a second.
     void update(uint64_t files, uint64_t bytes, std::string_view current = {});
     // Adds to how far the work has got, and redraws.
     void add(uint64_t files, uint64_t bytes, std::string_view current = {});
@@ -41,11 +46,15 @@ class ToolProgress {
 
   private:
     void draw(std::string_view current);
+    static uint64_t cellsOf(uint64_t files, uint64_t totalFiles, uint64_t bytes,
+                            uint64_t totalBytes);
 
     std::string label_;
     bool enabled_;
     std::ostream& stream_;
     bool drawn_ = false;
+    uint64_t drawnCells_ = 0;
+    std::chrono::steady_clock::time_point drawnAt_;
     uint64_t files_ = 0, totalFiles_ = 0, bytes_ = 0, totalBytes_ = 0;
 };
 
