@@ -254,14 +254,19 @@ PackPtr FConfig::resolveRollout(PackPtr p, std::string_view installId) const {
         n->md5.clear();
         n->incrMd5.clear();
         n->gray = (p->gray & ~kGrayStateMask) | kGrayStateGray;
+        // A first rollout marks the record deleted for devices that do not know these keys: to
+        // them the pack does not exist yet. The version in rollout does.
+        if (n->status == kPackStatusDeleted) n->status = kPackStatusNormal;
         return n;
     }
     if (p->seq == 0) {
         // Nothing is released yet. Only a device that holds the gray version (it left the share,
-        // or the rollout was taken back) takes the record, which the first-gray rollback rule
-        // then removes; to any other the pack does not exist yet.
+        // or the rollout was taken back) takes the record, as the released record of sequence 0
+        // that the first-gray rollback rule removes the pack for; to any other the pack does not
+        // exist yet.
         PackPtr old = find(p->name);
         if (!old || old->grayState() != kGrayStateGray) return nullptr;
+        if (n->status == kPackStatusDeleted) n->status = kPackStatusNormal;
     }
     return n;
 }

@@ -66,8 +66,9 @@ class FConfig {
     // be sent (the rollout's sequence and time, gray state 2, and no base or digests, so that the
     // version's own document is asked for); any other device gets the released version the
     // record describes, or null when nothing is released yet and the device holds no gray
-    // version of the pack that the first-gray rollback would take away. A record not in rollout
-    // comes back as it is.
+    // version of the pack that the first-gray rollback would take away (such a record is marked
+    // deleted, so that a device that does not know the keys sees no pack; the resolved record is
+    // not). A record not in rollout comes back as it is.
     PackPtr resolveRollout(PackPtr record, std::string_view installId) const;
     // Takes in one record: sequence, gray and rollback rules. A record held by no one else is
     // taken as it is and may be edited.

@@ -41,7 +41,8 @@ class RolloutTest : public UpdateFixture {
     static std::string rolloutDoc(uint64_t version, uint64_t released, uint64_t grayed,
                                   uint32_t share) {
         std::string record = R"({"f":80,"g":1,"t":1000,"p":["https://shop.test/"])";
-        if (released != 0) record += R"(,"s":)" + std::to_string(released);
+        // With nothing released the record is marked deleted, as the publisher writes it.
+        record += released != 0 ? R"(,"s":)" + std::to_string(released) : R"(,"status":4)";
         record += R"(,"rs":)" + std::to_string(grayed) + R"(,"rp":)" + std::to_string(share) +
                   R"(,"rt":2000})";
         return R"({"v":")" + std::to_string(version) + R"(","packs":{"shop":)" + record + "}}";
@@ -174,6 +175,23 @@ TEST_F(RolloutTest, DeviceIgnoringTheRolloutKeysReadsTheReleasedVersion) {
     });
     EXPECT_EQ(shop()->seq, 1u);
     EXPECT_EQ(shop()->grayState(), kGrayStateReleased);
+}
+
+// During a first rollout, a device that does not know the keys sees no pack at all (the record
+// says it is deleted), not one of version 0 whose document it would ask for in vain.
+TEST_F(RolloutTest, DeviceIgnoringTheRolloutKeysSeesNoPackDuringAFirstRollout) {
+    useInstallId(idWithSlot(kPack, 0, kTenPercent));
+    auto document = doc(rolloutDoc(10, 0, 1, kTenPercent));
+    SCache::mutate([&](FConfig& config) {
+        for (const auto& [name, record] : document->packs) {
+            auto unaware = record->clone();
+            unaware->rolloutSeq = 0;
+            unaware->rolloutShare = 0;
+            unaware->rolloutTime = 0;
+            config.mergePack(unaware);
+        }
+    });
+    EXPECT_EQ(shop(), nullptr);
 }
 
 // A document without the keys merges exactly as before and never reads nor makes an identifier.

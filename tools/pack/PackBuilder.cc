@@ -352,6 +352,7 @@ bool buildConfig(const std::string& version, const std::vector<ConfigPack>& pack
             record.set("rp", JSON(pack.rolloutShare));
             if (pack.rolloutTime != 0) record.set("rt", JSON(pack.rolloutTime));
         }
+        if (pack.status != 0) record.set("status", JSON(pack.status));
         members.set(pack.name, JSON(std::move(record)));
     }
     const std::string json =

@@ -123,6 +123,7 @@ struct ConfigPack {
     uint64_t rolloutSeq = 0;            // "rs": the version in rollout beside this one
     uint32_t rolloutShare = 0;          // "rp": its share of the devices, in basis points
     double rolloutTime = 0;             // "rt": its publish time
+    uint32_t status = 0;                // "status": 4 marks the pack deleted
 };
 // The signed document {"v": version, "packs": {name: {...}}} with the packs in the given order.
 // A version is required (a document without one is refused by the reader).

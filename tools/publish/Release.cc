@@ -320,6 +320,10 @@ bool writeChannel(JSON& state, const std::string& channel, const PublishManifest
             entry.rolloutSeq = release.graySeq;
             entry.rolloutShare = release.share;
             entry.rolloutTime = release.grayTime;
+            // With nothing released, a device that does not know the rollout keys must see no
+            // pack at all, not one of version 0: the record says the pack is deleted. A device
+            // that knows them reads past it (FConfig::resolveRollout).
+            if (release.seq == 0) entry.status = FerritCore::kPackStatusDeleted;
         }
         global.push_back(std::move(entry));
     }

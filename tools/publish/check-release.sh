@@ -132,6 +132,23 @@ printf 'cart two' > "$work/site/cart/cart.js"
 [ "$(record "$global" shop | json '(d["s"], d["rp"])')" = "(3, 0)" ] || fail "publish moved shop"
 [ "$(record "$global" cart | json 'd["s"]')" = "2" ] || fail "publish did not release cart"
 
+# A first rollout: nothing released, so the record is marked deleted for devices that do not
+# know the rollout keys; taken back, it keeps the mark and a share of 0.
+mkdir -p "$work/site/extra"
+printf 'extra' > "$work/site/extra/x.js"
+cat > "$work/manifest.json" <<'JSON'
+{"app": {"key": "demo", "version": "1.0", "locale": "en"},
+ "packs": [{"name": "shop", "folder": "shop", "prefix": "http://shop.test/", "priority": 9},
+           {"name": "cart", "folder": "cart", "prefix": "http://cart.test/"},
+           {"name": "extra", "folder": "extra", "prefix": "http://extra.test/"}]}
+JSON
+"$tool" rollout "${m[@]}" --percent 1 extra "$work/site" "$tree" >/dev/null
+[ "$(record "$global" extra | json '("s" in d, d["g"], d["rs"], d["rp"], d["status"])')" = \
+  "(False, 1, 1, 100, 4)" ] || fail "first rollout record: $(record "$global" extra)"
+"$tool" rollback "${m[@]}" extra "$tree" >/dev/null
+[ "$(record "$global" extra | json '(d["rs"], d["rp"], d["status"])')" = "(1, 0, 4)" ] ||
+  fail "first rollout taken back: $(record "$global" extra)"
+
 # Channels: beta gets version 5 of shop; stable, promoted from beta, writes documents only.
 printf 'five' > "$work/site/shop/index.html"
 "$tool" publish "${m[@]}" --channel beta "$work/site" "$tree" >/dev/null
