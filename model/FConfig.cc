@@ -15,6 +15,7 @@
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "model/BuiltinConfig.h"
+#include "model/Rollout.h"
 #include "model/SCache.h"
 #include "storage/Statistics.h"
 
@@ -198,17 +199,76 @@ std::string FConfig::serialize() const {
     return out.result();
 }
 
+namespace {
+
+// The device's identifier, read from the root only when a record of the document needs it: a
+// document without a rollout touches nothing new.
+std::string installIdFor(const FConfig& document) {
+    for (const auto& [name, pack] : document.packs)
+        if (pack->inRollout()) return Rollout::installId();
+    return std::string();
+}
+
+}  // namespace
+
 void FConfig::merge(const FConfig& document) {
-    mergeFields(document);
-    for (const auto& [name, pack] : document.packs) mergePack(pack);
+    merge(document, installIdFor(document));
 }
 
 void FConfig::merge(FConfig&& document) {
+    const std::string installId = installIdFor(document);
+    merge(std::move(document), installId);
+}
+
+void FConfig::merge(const FConfig& document, std::string_view installId) {
+    mergeFields(document);
+    for (const auto& [name, pack] : document.packs) {
+        PackPtr resolved = resolveRollout(pack, installId);
+        if (resolved) mergePack(std::move(resolved));
+    }
+}
+
+void FConfig::merge(FConfig&& document, std::string_view installId) {
     mergeFields(document);
     // Each record goes over with the document's reference only, so mergePack edits it in place
     // instead of copying it.
-    for (auto& [name, pack] : document.packs) mergePack(std::move(pack));
+    for (auto& [name, pack] : document.packs) {
+        PackPtr resolved = resolveRollout(std::move(pack), installId);
+        if (resolved) mergePack(std::move(resolved));
+    }
     document.packs.clear();
+}
+
+PackPtr FConfig::resolveRollout(PackPtr p, std::string_view installId) const {
+    if (!p || !p->inRollout()) return p;
+    std::shared_ptr<Pack> n = p->clone();
+    n->rolloutSeq = 0;
+    n->rolloutShare = 0;
+    n->rolloutTime = 0;
+    if (Rollout::inCohort(installId, p->name, p->rolloutShare)) {
+        // Exactly what a gray-group device would be sent: the gray and rollback rules of
+        // mergePack then hold for it as they stand.
+        n->seq = p->rolloutSeq;
+        n->publishTime = p->rolloutTime;
+        n->baseSeq = 0;
+        n->md5.clear();
+        n->incrMd5.clear();
+        n->gray = (p->gray & ~kGrayStateMask) | kGrayStateGray;
+        // A first rollout marks the record deleted for devices that do not know these keys: to
+        // them the pack does not exist yet. The version in rollout does.
+        if (n->status == kPackStatusDeleted) n->status = kPackStatusNormal;
+        return n;
+    }
+    if (p->seq == 0) {
+        // Nothing is released yet. Only a device that holds the gray version (it left the share,
+        // or the rollout was taken back) takes the record, as the released record of sequence 0
+        // that the first-gray rollback rule removes the pack for; to any other the pack does not
+        // exist yet.
+        PackPtr old = find(p->name);
+        if (!old || old->grayState() != kGrayStateGray) return nullptr;
+        if (n->status == kPackStatusDeleted) n->status = kPackStatusNormal;
+    }
+    return n;
 }
 
 void FConfig::mergeFields(const FConfig& document) {

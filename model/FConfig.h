@@ -52,10 +52,24 @@ class FConfig {
     std::string serialize() const;
 
     // Takes in a fetched document (see the merge rules in FConfig.cc). Call on a transaction copy.
+    // A record in rollout is first resolved for this device (resolveRollout), whose install
+    // identifier is read only when the document holds such a record.
     void merge(const FConfig& document);
     // The same, taking the document's records instead of copying them; the document is left
     // without records.
     void merge(FConfig&& document);
+    // The merge of a device whose install identifier is `installId` (empty: one without).
+    void merge(const FConfig& document, std::string_view installId);
+    void merge(FConfig&& document, std::string_view installId);
+    // What a record in rollout ("rs") says to the device with `installId`, given what this
+    // document holds: a device in the share gets the gray record that a gray-group device would
+    // be sent (the rollout's sequence and time, gray state 2, and no base or digests, so that the
+    // version's own document is asked for); any other device gets the released version the
+    // record describes, or null when nothing is released yet and the device holds no gray
+    // version of the pack that the first-gray rollback would take away (such a record is marked
+    // deleted, so that a device that does not know the keys sees no pack; the resolved record is
+    // not). A record not in rollout comes back as it is.
+    PackPtr resolveRollout(PackPtr record, std::string_view installId) const;
     // Takes in one record: sequence, gray and rollback rules. A record held by no one else is
     // taken as it is and may be edited.
     void mergePack(PackPtr pack);

@@ -329,6 +329,8 @@ export interface OpenOptions {
   autoUpdate?: boolean;
   /** 1 (most severe only) .. 5 (everything); default FERRIT_LOG_LEVEL, else 2. */
   logLevel?: 1 | 2 | 3 | 4 | 5;
+  /** The publisher's channel (`ferrit publish --channel NAME`): its configuration below server's "channels/NAME/". */
+  channel?: string;
 }
 
 /// A request answered from an installed pack.

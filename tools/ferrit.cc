@@ -16,6 +16,8 @@
 #include "tools/common/ToolProgress.h"
 #include "tools/pack/PackBuilder.h"
 #include "tools/publish/Publisher.h"
+#include "tools/publish/Release.h"
+#include "tools/publish/ReleaseCommands.h"
 
 using namespace FerritTools;
 
@@ -108,7 +110,7 @@ const std::map<std::string, Command>& commands() {
           "it.\n",
           false}},
         {"publish",
-         {"ferrit publish --key PEM --manifest FILE [--history DIR] SITE OUT",
+         {"ferrit publish --key PEM --manifest FILE [--history DIR] [--channel NAME] SITE OUT",
           "Writes a static tree under OUT that any static web server serves as it is: the signed\n"
           "    global configuration at each path a client's configuration request asks for\n"
           "    (fconfig/<app>/<app version>/0~<its version>/<locale>~<its locale>), each changed "
@@ -141,7 +143,51 @@ const std::map<std::string, Command>& commands() {
           "    --key PEM             Ed25519 private key that signs.\n"
           "    --manifest FILE       the publishing manifest.\n"
           "    --history DIR         where the history is kept (default OUT.publish); outside "
-          "OUT.\n",
+          "OUT.\n"
+          "    --channel NAME        writes the channel's documents under OUT/channels/NAME/ "
+          "instead\n"
+          "                          of the tree's own; versions and zips serve every channel.\n",
+          false}},
+        {"rollout",
+         {"ferrit rollout --key PEM --manifest FILE --percent N [--channel NAME] [--history DIR]\n"
+          "                   PACK SITE OUT",
+          "Publishes the files of PACK in SITE as a new version that N% of the devices take\n"
+          "    (N from 0.01 to 100), while every other device keeps the released version. Each\n"
+          "    device places itself by its install identifier and the pack's name, so a device\n"
+          "    that took the version keeps it when N grows: run the command again with a larger\n"
+          "    N and the same files. Other packs keep what they have. No server logic: the\n"
+          "    documents are the same for every device.",
+          "    --key PEM             Ed25519 private key that signs.\n"
+          "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
+          "    --percent N           share of the devices, which may only grow.\n"
+          "    --channel NAME        the channel's documents (default: the tree's own).\n"
+          "    --history DIR         where the history is kept (default OUT.publish).\n",
+          false}},
+        {"promote",
+         {"ferrit promote --key PEM --manifest FILE [--channel NAME] [--from CHANNEL]\n"
+          "                   [--history DIR] PACK OUT",
+          "Releases to every device the version of PACK in rollout; with --from, the version\n"
+          "    that CHANNEL releases, into the channel of --channel. Only documents are signed\n"
+          "    again: zips serve every channel and none is copied.",
+          "    --key PEM             Ed25519 private key that signs.\n"
+          "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
+          "    --channel NAME        the channel that releases (default: the tree's own).\n"
+          "    --from CHANNEL        the channel whose released version is promoted.\n"
+          "    --history DIR         where the history is kept (default OUT.publish).\n",
+          false}},
+        {"rollback",
+         {"ferrit rollback --key PEM --manifest FILE [--channel NAME] [--to SEQ]\n"
+          "                   [--history DIR] PACK OUT",
+          "Takes back the version of PACK in rollout: every device that took it returns to the\n"
+          "    released version (or loses the pack when none was released). With no rollout, or\n"
+          "    with --to, publishes the files of an earlier version (by default the one released\n"
+          "    before) as a new version that every device takes, whatever version it has, and\n"
+          "    ends with exactly those files.",
+          "    --key PEM             Ed25519 private key that signs.\n"
+          "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
+          "    --channel NAME        the channel (default: the tree's own).\n"
+          "    --to SEQ              the version whose files return.\n"
+          "    --history DIR         where the history is kept (default OUT.publish).\n",
           false}},
         {"get",
          {"ferrit get [ROOT OPTIONS] [--referrer URL] [--header NAME:VALUE]... [--async] [--body]\n"
@@ -228,13 +274,15 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     using MarlLogger::json::JSON;
     using MarlLogger::json::JSONObject;
     std::string keyPath, manifestPath, historyPath;
+    PublishOptions options;
     std::vector<std::string> positional;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& arg = arguments[i];
-        if (arg == "--key" || arg == "--manifest" || arg == "--history") {
+        if (arg == "--key" || arg == "--manifest" || arg == "--history" || arg == "--channel") {
             if (i + 1 >= arguments.size()) return out.usage("missing value after " + arg);
             (arg == "--key"        ? keyPath
              : arg == "--manifest" ? manifestPath
+             : arg == "--channel"  ? options.channel
                                    : historyPath) = arguments[++i];
         } else if (arg.size() > 1 && arg[0] == '-') {
             return out.usage("unknown option " + arg);
@@ -244,6 +292,8 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     }
     if (keyPath.empty() || manifestPath.empty() || positional.size() != 2)
         return out.usage("publish takes --key, --manifest, SITE and OUT");
+    if (!validChannelName(options.channel))
+        return out.usage("the channel \"" + options.channel + "\" is not a plain name");
     std::string error, text;
     if (!readWholeFile(manifestPath, text)) return out.fail("cannot read " + manifestPath);
     PublishManifest manifest;
@@ -261,12 +311,13 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     PublishResult result;
     const bool published =
         FerritTools::publish(positional[0], manifest, positional[1], historyPath,
-                             ed25519Signer(std::move(key)), result, error, progress);
+                             ed25519Signer(std::move(key)), result, error, progress, options);
     bar.done();
     if (!published) return out.fail(error);
     out.set("tree", JSON(positional[1]));
     out.set("history",
             JSON(historyPath.empty() ? defaultHistoryFolder(positional[1]) : historyPath));
+    out.set("channel", JSON(options.channel));
     out.set("changed", JSON(result.version != 0));
     if (result.version == 0) {
         out.text() << "nothing changed: every pack keeps its version\n";
@@ -368,6 +419,9 @@ int main(int argc, char** argv) {
         return forward(runSignIndexTool, arguments, out);
     }
     if (name == "publish") return publishCommand(rest, out);
+    if (name == "rollout") return rolloutCommand(rest, out);
+    if (name == "promote") return promoteCommand(rest, out);
+    if (name == "rollback") return rollbackCommand(rest, out);
     std::vector<std::string> arguments{program};
     arguments.insert(arguments.end(), rest.begin(), rest.end());
     if (name == "check") arguments.push_back("--check");

@@ -17,7 +17,9 @@ const kLogLevelDefault = 2;
 const kPublishedPacksFolder = 'packs/';
 
 const kKnown = new Set(['root', 'appKey', 'appVersion', 'publicKey', 'insecureNoSignatureCheck', 'server',
-  'packs', 'locale', 'network', 'env', 'fetch', 'rawFiles', 'updateInterval', 'autoUpdate', 'logLevel']);
+  'packs', 'locale', 'network', 'env', 'fetch', 'rawFiles', 'updateInterval', 'autoUpdate', 'logLevel', 'channel']);
+// A channel's name goes into the configuration's address below the server ("channels/<name>/").
+const kChannelName = /^[A-Za-z0-9_-][A-Za-z0-9._-]*$/;
 
 function requireText(options, name) {
   const value = options[name];
@@ -117,10 +119,14 @@ function normalize(options) {
   const autoUpdate = options.autoUpdate === undefined ? true : options.autoUpdate;
   if (typeof autoUpdate !== 'boolean') throw badOption('autoUpdate', 'must be true or false', autoUpdate);
   const logLevel = options.logLevel === undefined ? defaultLogLevel() : checkLogLevel(options.logLevel);
+  const channel = optionalText(options, 'channel');
+  if (channel !== undefined && !kChannelName.test(channel)) {
+    throw badOption('channel', 'must be a plain name: letters, digits, ".", "_" and "-", not starting with "."', channel);
+  }
   return {
     root, appKey, appVersion, publicKey: options.publicKey, insecureNoSignatureCheck: insecure === true,
     server, packs, locale, network, env, fetch: fetchFunction, rawFiles, updateInterval: interval,
-    autoUpdate, logLevel,
+    autoUpdate, logLevel, channel,
   };
 }
 

@@ -49,6 +49,8 @@ test('OpenTest', async (t) => {
       [{ ...good, autoUpdate: 'yes' }, /option "autoUpdate" must be true or false/],
       [{ ...good, logLevel: 9 }, /option "logLevel" must be an integer from 1/],
       [{ ...good, locale: '' }, /option "locale"/],
+      [{ ...good, channel: '../beta' }, /option "channel" must be a plain name/],
+      [{ ...good, channel: '' }, /option "channel" must be a non-empty string when given/],
       [{ ...good, rawFiles: path.join(dir, 'no-such-folder') }, /option "rawFiles" must be an existing folder/],
     ];
     for (const [options, words] of cases) {

@@ -346,6 +346,15 @@ bool buildConfig(const std::string& version, const std::vector<ConfigPack>& pack
         if (!pack.md5.empty()) record.set("c", JSON(pack.md5));
         if (!pack.incrMd5.empty()) record.set("ci", JSON(pack.incrMd5));
         if (!pack.prefixes.empty()) record.set("p", JSON(pack.prefixes));
+        if (pack.gray != 0) record.set("g", JSON(pack.gray));
+        // A rollout names its version even at a share of 0 (taken back), so that a device that
+        // holds it knows to go back when nothing is released yet.
+        if (pack.rolloutSeq != 0) {
+            record.set("rs", JSON(pack.rolloutSeq));
+            record.set("rp", JSON(pack.rolloutShare));
+            if (pack.rolloutTime != 0) record.set("rt", JSON(pack.rolloutTime));
+        }
+        if (pack.status != 0) record.set("status", JSON(pack.status));
         members.set(pack.name, JSON(std::move(record)));
     }
     const std::string json =

@@ -122,6 +122,11 @@ struct ConfigPack {
     std::string md5;                    // "c": MD5 of the full zip
     std::string incrMd5;                // "ci": MD5 of the incremental zip
     std::vector<std::string> prefixes;  // "p"
+    uint64_t gray = 0;                  // "g": 1 released after a gray version, 2 gray
+    uint64_t rolloutSeq = 0;            // "rs": the version in rollout beside this one
+    uint32_t rolloutShare = 0;          // "rp": its share of the devices, in basis points
+    double rolloutTime = 0;             // "rt": its publish time
+    uint32_t status = 0;                // "status": 4 marks the pack deleted
 };
 // The signed document {"v": version, "packs": {name: {...}}} with the packs in the given order.
 // A version is required (a document without one is refused by the reader).

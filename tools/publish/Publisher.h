@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "marl/Json.h"
 #include "tools/pack/PackBuilder.h"
 
 namespace FerritTools {
@@ -77,6 +78,17 @@ using PublishProgress = std::function<void(const PublishStep& step)>;
 // its own (the file system's root).
 std::string defaultHistoryFolder(const std::string& out);
 
+// How a run releases what it builds.
+struct PublishOptions {
+    // The channel whose documents the run writes: empty for the tree's own paths, else the
+    // documents below "channels/<name>/" (Release.h). Versions and zips serve every channel.
+    std::string channel;
+    // When set, the one pack the run builds: its new version goes to `rolloutShare` basis points
+    // of the channel's devices, and every other pack keeps what the channel gives it.
+    std::string rolloutPack;
+    uint32_t rolloutShare = 0;
+};
+
 // Publishes `site` by `manifest` into the tree `out`, signing with `signer`, keeping what later
 // runs build on in `history` (empty: `defaultHistoryFolder(out)`), which must lie outside the
 // tree. A tree published by an earlier release kept that in "<out>/.publish/": the first run moves
@@ -85,8 +97,35 @@ std::string defaultHistoryFolder(const std::string& out);
 // base or on any later version to the new one; when the history lacks a version since the base,
 // the new version becomes the base and has no increment. False with `error` set when a file
 // cannot be read, signed or written.
+// A pack's new version is released to every device of the channel, and so is the newest version
+// of a pack that the channel did not have; an unchanged pack keeps its release there (a rollout
+// in progress, or one taken back, stays as it is).
 bool publish(const std::string& site, const PublishManifest& manifest, const std::string& out,
              const std::string& history, const Signer& signer, PublishResult& result,
-             std::string& error, const PublishProgress& progress = {});
+             std::string& error, const PublishProgress& progress = {},
+             const PublishOptions& options = {});
+
+// For the release commands (Release.h), which build on the same history.
+// The history folder for `out` (`history`, or the default beside it), checked to lie outside the
+// tree, with a history that an earlier release kept in the tree moved there.
+bool historyFolderFor(const std::string& out, const std::string& history, std::string& folder,
+                      std::string& error);
+// The history's state document, an empty object when there is none; false when it is damaged.
+bool readPublishState(const std::string& history, MarlLogger::json::JSON& state,
+                      std::string& error);
+bool writePublishState(const std::string& history, const MarlLogger::json::JSON& state,
+                       std::string& error);
+// Writes a file below the tree, atomically, making its folders.
+bool writeTreeFile(const std::string& out, const std::string& relative, const std::string& content,
+                   std::string& error);
+// Builds the version after the pack's newest (`before`, its record in the state) from `content`:
+// its full zip, its increment from the base when the history lists every version since, and its
+// list. `record` becomes the pack's new record, with what its own document says of each version
+// under "builds". `onFile`, when set, is called after each file of the full zip.
+bool buildVersion(const PublishPack& pack, const PackContent& content, const std::string& zipFolder,
+                  const std::string& out, const std::string& history, const Signer& signer,
+                  const MarlLogger::json::JSON& before, PublishedPack& done,
+                  MarlLogger::json::JSON& record, std::string& error,
+                  const std::function<void(const std::string& path, uint64_t bytes)>& onFile = {});
 
 }  // namespace FerritTools

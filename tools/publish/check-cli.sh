@@ -149,28 +149,58 @@ verify() {
   openssl pkeyutl -verify -pubin -inkey "$work/key.pub.pem" -rawin -in "$work/md5.txt" \
     -sigfile "$work/sig.bin" >/dev/null 2>&1
 }
-# Every file of the tree, whatever its name: a signed document, or a zip whose first entry is a
-# signed list of its files. Nothing else: no history, no state, no copy of the sources, no key.
-count=0
-while IFS= read -r -d '' file; do
-  relative=${file#"$served"/}
-  count=$((count + 1))
-  grep -q "PRIVATE KEY" "$file" && fail "the served tree holds a private key: $relative"
-  case "$relative" in
-    fconfig/shop/1.0/*|packconfig/*/*)
-      verify "$file" || fail "served but not signed by the publisher: $relative" ;;
-    packs/*.zip)
-      unzip -tqq "$file" || fail "a served zip does not test: $relative"
-      [ "$(unzip -Z1 "$file" | head -n 1)" = app-res.hvc ] || fail "a served zip has no signed list first: $relative"
-      unzip -p "$file" app-res.hvc > "$work/list"
-      verify "$work/list" || fail "the list of a served zip is not signed by the publisher: $relative"
-      unzip -Z1 "$file" | tail -n +2 | grep -v '^res/' && fail "a served zip holds more than resources: $relative" ;;
-    *) fail "the served tree holds a file a CDN should not serve: $relative" ;;
-  esac
-done < <(find "$served" -mindepth 1 \( -type f -o -type l \) -print0)
-[ "$count" -ge 8 ] || fail "the served tree holds only $count files"
-[ -z "$(find "$served" -mindepth 1 ! -type f ! -type d)" ] || fail "the served tree holds special files"
-[ -s "$served.publish/state.json" ] || fail "the history is not beside the tree"
+# checkServed TREE: every file of the tree, whatever its name: a signed document (the tree's own
+# or a channel's), or a zip whose first entry is a signed list of its files. Nothing else: no
+# history, no state, no copy of the sources, no key.
+checkServed() {
+  local tree=$1 count=0 file relative
+  while IFS= read -r -d '' file; do
+    relative=${file#"$tree"/}
+    count=$((count + 1))
+    grep -q "PRIVATE KEY" "$file" && fail "the served tree holds a private key: $relative"
+    case "$relative" in
+      fconfig/shop/1.0/*|packconfig/*/*|channels/*/fconfig/shop/1.0/*|channels/*/packconfig/*/*)
+        verify "$file" || fail "served but not signed by the publisher: $relative" ;;
+      packs/*.zip)
+        unzip -tqq "$file" || fail "a served zip does not test: $relative"
+        [ "$(unzip -Z1 "$file" | head -n 1)" = app-res.hvc ] || fail "a served zip has no signed list first: $relative"
+        unzip -p "$file" app-res.hvc > "$work/list"
+        verify "$work/list" || fail "the list of a served zip is not signed by the publisher: $relative"
+        unzip -Z1 "$file" | tail -n +2 | grep -v '^res/' && fail "a served zip holds more than resources: $relative" ;;
+      *) fail "the served tree holds a file a CDN should not serve: $relative" ;;
+    esac
+  done < <(find "$tree" -mindepth 1 \( -type f -o -type l \) -print0)
+  [ "$count" -ge 8 ] || fail "the served tree $tree holds only $count files"
+  [ -z "$(find "$tree" -mindepth 1 ! -type f ! -type d)" ] || fail "the served tree $tree holds special files"
+  [ -s "$tree.publish/state.json" ] || fail "the history is not beside the tree $tree"
+}
+checkServed "$served"
+
+# The release commands report the same way, and a tree they wrote, with its channels' documents,
+# holds only what a CDN should serve too. Their own tree and site, so the one above stays as it is.
+released=$work/released
+cp -r "$work/site" "$work/site2"
+m=(--key "$key" --manifest "$work/manifest.json")
+json 0 publish "${m[@]}" "$work/site2" "$released" >/dev/null
+printf '<html>rolled</html>' > "$work/site2/app/index.html"
+doc=$(json 0 rollout "${m[@]}" --percent 10 shop "$work/site2" "$released")
+[ "$(field .command <<<"$doc")" = rollout ] && [ "$(field .pack <<<"$doc")" = shop ] &&
+  [ "$(field .after <<<"$doc")" = '{"released":1,"rollout":2,"percent":10}' ] &&
+  [ "$(field .built <<<"$doc")" = true ] || fail "rollout's report: $doc"
+doc=$(json 0 rollback "${m[@]}" shop "$released")
+[ "$(field .after <<<"$doc")" = '{"released":1,"rollout":2,"percent":0}' ] || fail "rollback's report: $doc"
+doc=$(json 0 publish "${m[@]}" --channel beta "$work/site2" "$released")
+[ "$(field .channel <<<"$doc")" = beta ] || fail "a channel's publish report: $doc"
+doc=$(json 0 promote "${m[@]}" --channel stable --from beta shop "$released")
+[ "$(field .channel <<<"$doc")" = stable ] && [ "$(field .after.released <<<"$doc")" = 2 ] &&
+  [ "$(field .configVersion <<<"$doc")" != 0 ] || fail "promote's report: $doc"
+json 2 rollout "${m[@]}" --percent 0 shop "$work/site2" "$released" >/dev/null
+expect "see: ferrit rollout --help" "$(cat "$work/stderr")"
+json 2 promote "${m[@]}" --channel ../x shop "$released" >/dev/null
+json 1 rollback "${m[@]}" none "$released" >/dev/null
+[ -d "$released/channels/beta/fconfig" ] && [ -d "$released/channels/stable/packconfig" ] ||
+  fail "no channel documents in the released tree"
+checkServed "$released"
 
 # --- one voice --------------------------------------------------------------------------------------
 internal='ferrit-sign-index|ferrit-pack|ferrit-request'
@@ -190,7 +220,9 @@ say; say frobnicate; say help frobnicate; say keygen; say keygen a b c; say keyg
 say pack; say pack frobnicate; say pack build; say pack build --key "$key"; say pack diff --key x
 say pack wrap --seq x a b; say pack config --key x; say pack preload --key x --version 1
 say index; say index frob; say index sign; say config sign; say config sign --key "$key" a
-say publish; say publish --key x --manifest y a b; say get; say get --root "$work/nowhere" x
+say publish; say publish --key x --manifest y a b; say rollout; say rollout --percent 5 a b c
+say promote --frob; say rollback --key x --manifest y a b; say publish --channel /x a b
+say get; say get --root "$work/nowhere" x
 say check --root "$work/nowhere"; say status; say inspect --root "$work"; say startup --root "$work/r"
 say get --root "$work" --frob; say cleanup --root "$work/nowhere"
 [ "$(wc -l < "$messages")" -ge 30 ] || fail "too few messages gathered: $(cat "$messages")"

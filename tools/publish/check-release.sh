@@ -1,0 +1,170 @@
+#!/usr/bin/env bash
+# Checks the release commands from the outside: their pages and refusals, a rollout at 10% and
+# 50% (the record's keys and the gray version's own document, verified with openssl), promotion,
+# the rollback of a released pack (the new version's zip holds exactly the earlier files), the
+# rollback of a rollout, channels (publish --channel, and promote --from, which writes documents
+# below the channel and no zip), and that every --json output parses.
+#   check-release.sh PATH-TO-ferrit KEYS-FOLDER
+set -euo pipefail
+tool=$1
+keys=$2
+key=$keys/sample-ed25519.pem
+public=$keys/sample-ed25519.pub.pem
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "check-release: $*" >&2; exit 1; }
+expect() {  # expect TEXT OUTPUT
+  grep -qF -- "$1" <<<"$2" || fail "expected \"$1\" in: $2"
+}
+status() {  # status EXPECTED COMMAND...
+  local want=$1; shift
+  set +e; "$@" >/dev/null 2>&1; local got=$?; set -e
+  [ "$got" -eq "$want" ] || fail "exit status $got, not $want: $*"
+}
+# json EXPRESSION: evaluates a Python expression over the JSON document on stdin (as `d`).
+json() {
+  python3 -c "import json,sys; d=json.load(sys.stdin); print($1)"
+}
+# record DOCUMENT PACK: the pack's record in a signed document, as JSON.
+record() {
+  sed 's/||.*$//' "$1" | python3 -c "import json,sys; print(json.dumps(json.load(sys.stdin)['packs'].get('$2')))"
+}
+verify() {  # verify DOCUMENT: signed by the sample key over its MD5 text
+  local text sig
+  text=$(sed 's/||.*$//' "$1")
+  sig=$(sed 's/^.*||//' "$1")
+  printf '%s' "$text" | md5sum | cut -c1-32 | tr -d '\n' > "$work/md5.txt"
+  printf '%s' "$sig" | base64 -d > "$work/sig.bin"
+  openssl pkeyutl -verify -pubin -inkey "$public" -rawin -in "$work/md5.txt" \
+    -sigfile "$work/sig.bin" >/dev/null 2>&1 || fail "the signature of $1 does not verify"
+}
+
+for command in rollout promote rollback; do
+  page=$("$tool" "$command" --help)
+  for section in NAME SYNOPSIS DESCRIPTION OPTIONS "EXIT STATUS"; do expect "$section" "$page"; done
+  expect "ferrit $command" "$page"
+  expect "ferrit $command" "$("$tool" help)"
+done
+expect "--channel NAME" "$("$tool" publish --help)"
+
+mkdir -p "$work/site/shop" "$work/site/cart"
+printf 'one' > "$work/site/shop/index.html"
+printf 'kept' > "$work/site/shop/kept.css"
+printf 'only in one' > "$work/site/shop/one.txt"
+printf 'cart' > "$work/site/cart/cart.js"
+cat > "$work/manifest.json" <<'JSON'
+{"app": {"key": "demo", "version": "1.0", "locale": "en"},
+ "packs": [{"name": "shop", "folder": "shop", "prefix": "http://shop.test/", "priority": 9},
+           {"name": "cart", "folder": "cart", "prefix": "http://cart.test/"}]}
+JSON
+m=(--key "$key" --manifest "$work/manifest.json")
+tree=$work/tree
+global=$tree/fconfig/demo/1.0/0~0/en~
+
+status 2 "$tool" rollout "${m[@]}" shop "$work/site" "$tree"
+status 2 "$tool" rollout "${m[@]}" --percent 0 shop "$work/site" "$tree"
+status 2 "$tool" rollout "${m[@]}" --percent 101 shop "$work/site" "$tree"
+status 2 "$tool" rollout "${m[@]}" --percent 10 --channel ../x shop "$work/site" "$tree"
+status 2 "$tool" promote "${m[@]}" shop
+status 2 "$tool" rollback "${m[@]}" --to x shop "$tree"
+status 1 "$tool" promote "${m[@]}" shop "$tree"
+
+"$tool" publish "${m[@]}" "$work/site" "$tree" >/dev/null
+status 1 "$tool" rollout "${m[@]}" --percent 10 shop "$work/site" "$tree"
+status 1 "$tool" rollback "${m[@]}" shop "$tree"
+
+# 10%: version 2 built, the record names version 1 released and 2 at 1000 basis points.
+printf 'two' > "$work/site/shop/index.html"
+rm "$work/site/shop/one.txt"
+out=$("$tool" rollout "${m[@]}" --percent 10 --json shop "$work/site" "$tree")
+[ "$(json 'd["after"]' <<<"$out")" = "{'released': 1, 'rollout': 2, 'percent': 10.0}" ] ||
+  fail "rollout 10%: $out"
+[ "$(json 'd["built"]' <<<"$out")" = "True" ] || fail "rollout built nothing: $out"
+verify "$global"
+[ "$(record "$global" shop | json '(d["s"], d["g"], d["rs"], d["rp"], "rt" in d)')" = \
+  "(1, 1, 2, 1000, True)" ] || fail "10% record: $(record "$global" shop)"
+[ "$(record "$global" cart | json '("rs" in d, "g" in d)')" = "(False, False)" ] ||
+  fail "the other pack changed"
+verify "$tree/packconfig/shop/2"
+[ "$(record "$tree/packconfig/shop/2" shop | json 'd["g"]')" = "2" ] ||
+  fail "the gray version's own document is not gray"
+[ -f "$tree/packs/shop/i/2.zip" ] || fail "no increment for the rollout"
+
+# Lower is refused; 50% with the same files changes only the share.
+status 1 "$tool" rollout "${m[@]}" --percent 5 shop "$work/site" "$tree"
+out=$("$tool" rollout "${m[@]}" --percent 50 --json shop "$work/site" "$tree")
+[ "$(json '(d["built"], d["after"]["percent"])' <<<"$out")" = "(False, 50.0)" ] || fail "50%: $out"
+[ "$(record "$global" shop | json 'd["rp"]')" = "5000" ] || fail "50% record"
+
+# Promotion: version 2 to every device, its own document re-signed without the gray mark.
+zips=$(cd "$tree" && find packs -type f | sort)
+out=$("$tool" promote "${m[@]}" --json shop "$tree")
+[ "$(json 'd["after"]' <<<"$out")" = "{'released': 2}" ] || fail "promote: $out"
+[ "$(cd "$tree" && find packs -type f | sort)" = "$zips" ] || fail "promote wrote a zip"
+[ "$(record "$global" shop | json '(d["s"], "g" in d, "rs" in d)')" = "(2, False, False)" ] ||
+  fail "promoted record: $(record "$global" shop)"
+verify "$tree/packconfig/shop/2"
+[ "$(record "$tree/packconfig/shop/2" shop | json '"g" in d')" = "False" ] ||
+  fail "the promoted version's own document is still gray"
+
+# Rollback of the released pack: version 3 holds exactly version 1's files.
+out=$("$tool" rollback "${m[@]}" --json shop "$tree")
+[ "$(json '(d["after"]["released"], d["built"])' <<<"$out")" = "(3, True)" ] || fail "rollback: $out"
+[ "$(unzip -Z1 "$tree/packs/shop/3.zip" | sort | tr '\n' ' ')" = \
+  "app-res.hvc res/index.html res/kept.css res/one.txt " ] || fail "version 3's files"
+[ "$(unzip -p "$tree/packs/shop/3.zip" res/index.html)" = "one" ] || fail "version 3's index"
+cmp -s "$tree/packs/shop/3.zip" "$tree/packs/shop/1.zip" || fail "version 3 is not version 1's zip"
+[ -f "$tree/packs/shop/i/3.zip" ] || fail "no increment for the rollback"
+[ "$(record "$global" shop | json 'd["s"]')" = "3" ] || fail "rolled back record"
+status 1 "$tool" rollback "${m[@]}" shop "$tree"
+
+# Rollback of a rollout: the share goes to 0, the record stays marked released.
+printf 'four' > "$work/site/shop/index.html"
+"$tool" rollout "${m[@]}" --percent 10 shop "$work/site" "$tree" >/dev/null
+out=$("$tool" rollback "${m[@]}" --json shop "$tree")
+[ "$(json 'd["after"]' <<<"$out")" = "{'released': 3, 'rollout': 4, 'percent': 0.0}" ] ||
+  fail "rollout taken back: $out"
+[ "$(record "$global" shop | json '(d["s"], d["g"], d["rs"], d["rp"])')" = "(3, 1, 4, 0)" ] ||
+  fail "taken-back record: $(record "$global" shop)"
+# A publish of other changes leaves the taken-back rollout as it is.
+printf 'cart two' > "$work/site/cart/cart.js"
+"$tool" publish "${m[@]}" "$work/site" "$tree" >/dev/null
+[ "$(record "$global" shop | json '(d["s"], d["rp"])')" = "(3, 0)" ] || fail "publish moved shop"
+[ "$(record "$global" cart | json 'd["s"]')" = "2" ] || fail "publish did not release cart"
+
+# A first rollout: nothing released, so the record is marked deleted for devices that do not
+# know the rollout keys; taken back, it keeps the mark and a share of 0.
+mkdir -p "$work/site/extra"
+printf 'extra' > "$work/site/extra/x.js"
+cat > "$work/manifest.json" <<'JSON'
+{"app": {"key": "demo", "version": "1.0", "locale": "en"},
+ "packs": [{"name": "shop", "folder": "shop", "prefix": "http://shop.test/", "priority": 9},
+           {"name": "cart", "folder": "cart", "prefix": "http://cart.test/"},
+           {"name": "extra", "folder": "extra", "prefix": "http://extra.test/"}]}
+JSON
+"$tool" rollout "${m[@]}" --percent 1 extra "$work/site" "$tree" >/dev/null
+[ "$(record "$global" extra | json '("s" in d, d["g"], d["rs"], d["rp"], d["status"])')" = \
+  "(False, 1, 1, 100, 4)" ] || fail "first rollout record: $(record "$global" extra)"
+"$tool" rollback "${m[@]}" extra "$tree" >/dev/null
+[ "$(record "$global" extra | json '(d["rs"], d["rp"], d["status"])')" = "(1, 0, 4)" ] ||
+  fail "first rollout taken back: $(record "$global" extra)"
+
+# Channels: beta gets version 5 of shop; stable, promoted from beta, writes documents only.
+printf 'five' > "$work/site/shop/index.html"
+"$tool" publish "${m[@]}" --channel beta "$work/site" "$tree" >/dev/null
+beta=$tree/channels/beta/fconfig/demo/1.0/0~0/en~
+verify "$beta"
+[ "$(record "$beta" shop | json 'd["s"]')" = "5" ] || fail "beta record: $(record "$beta" shop)"
+[ "$(record "$global" shop | json 'd["s"]')" = "3" ] || fail "the default channel moved"
+zips=$(cd "$tree" && find packs -type f | sort)
+out=$("$tool" promote "${m[@]}" --channel stable --from beta --json shop "$tree")
+[ "$(json 'd["after"]' <<<"$out")" = "{'released': 5}" ] || fail "promote --from: $out"
+[ "$(cd "$tree" && find packs -type f | sort)" = "$zips" ] || fail "promote --from wrote a zip"
+[ -z "$(find "$tree/channels" -name '*.zip')" ] || fail "a zip below a channel"
+stable=$tree/channels/stable/fconfig/demo/1.0/0~0/en~
+verify "$stable"
+verify "$tree/channels/stable/packconfig/shop/5"
+[ "$(record "$stable" shop | json 'd["s"]')" = "5" ] || fail "stable record"
+[ "$(record "$stable" cart | json 'd')" = "None" ] || fail "stable names a pack it never had"
+status 1 "$tool" promote "${m[@]}" --channel stable --from nowhere shop "$tree"
+echo "check-release: ok"
