@@ -13,6 +13,7 @@
 #include "tools/ToolCommands.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/keys/KeyCommand.h"
 #include "tools/pack/PackBuilder.h"
 #include "tools/publish/Publisher.h"
 
@@ -55,6 +56,7 @@ const std::map<std::string, Command>& commands() {
           "Makes an Ed25519 key pair: the private key signs packs and documents, the public key\n"
           "    is what hosts verify them with.",
           "", false}},
+        {"key", {kKeySynopsis, kKeyDescription, kKeyOptions, false}},
         {"pack",
          {"ferrit pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... FOLDER "
           "OUT.zip\n"
@@ -93,7 +95,8 @@ const std::map<std::string, Command>& commands() {
           "it.\n",
           false}},
         {"publish",
-         {"ferrit publish --key PEM --manifest FILE [--history DIR] SITE OUT",
+         {"ferrit publish --key PEM --manifest FILE [--history DIR] [--valid-for DURATION]\n"
+          "                   [--resign] SITE OUT",
           "Writes a static tree under OUT that any static web server serves as it is: the signed\n"
           "    global configuration at each path a client's configuration request asks for\n"
           "    (fconfig/<app>/<app version>/0~<its version>/<locale>~<its locale>), each changed "
@@ -104,7 +107,9 @@ const std::map<std::string, Command>& commands() {
           "version\n"
           "    at <zips>/<name>/i/<seq>.zip, which brings a device on the base or on any later\n"
           "    version to the new one. A pack whose files did not change keeps its version; when\n"
-          "    none changed nothing is written. What the next run builds on (the sequence "
+          "    none changed nothing is written (unless the configuration is due to be signed "
+          "again,\n"
+          "    below). What the next run builds on (the sequence "
           "numbers and\n"
           "    each version's list of files with their MD5 and size) is the history, kept outside "
           "the\n"
@@ -122,11 +127,34 @@ const std::map<std::string, Command>& commands() {
           "    \"headers\": {PATH: {NAME: VALUE}}}]}. Clients set their configuration prefix to "
           "the\n"
           "    tree's URL and their zip prefix to that URL followed by <zips>.\n"
+          "    The global configuration carries when it was signed and until when devices take "
+          "it\n"
+          "    (--valid-for, 30 days unless told): a device ignores a copy past its expiry, and "
+          "one\n"
+          "    signed before the copy it has, and keeps what it has. So sign it again before it "
+          "lapses:\n"
+          "    a run with nothing changed signs it again, as a new version, once less than half "
+          "of its\n"
+          "    time is left (run publish daily, e.g. from cron), and --resign does so at once.\n"
+          "    Beside OUT go its cache rules: OUT.nginx.conf, locations for nginx's server block "
+          "whose\n"
+          "    root is OUT, and OUT.headers.json, the same rules as path patterns and headers for\n"
+          "    other servers: configuration documents (fconfig/, packconfig/) are cached for a "
+          "minute,\n"
+          "    zips, written once at paths named by their version, for a year as immutable; a "
+          "zip's\n"
+          "    path is never written again with other bytes. Keys change with `ferrit key "
+          "rotate`.\n"
           "    Progress goes to the terminal; nothing but the summary when not on one.",
           "    --key PEM             Ed25519 private key that signs.\n"
           "    --manifest FILE       the publishing manifest.\n"
           "    --history DIR         where the history is kept (default OUT.publish); outside "
-          "OUT.\n",
+          "OUT.\n"
+          "    --valid-for DURATION  how long devices take the global configuration: days, or "
+          "a\n"
+          "                          number with d, h, m or s (default 30d).\n"
+          "    --resign              sign the global configuration again although nothing "
+          "changed.\n",
           false}},
         {"get",
          {"ferrit get [ROOT OPTIONS] [--referrer URL] [--header NAME:VALUE]... [--async] [--body]\n"
@@ -201,11 +229,17 @@ int forward(int (*entry)(int, char**), std::vector<std::string> arguments) {
 }
 
 int publishCommand(const std::vector<std::string>& arguments) {
-    std::string keyPath, manifestPath, historyPath;
+    std::string keyPath, manifestPath, historyPath, validFor;
+    bool resign = false;
     std::vector<std::string> positional;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& arg = arguments[i];
-        if (arg == "--key" || arg == "--manifest" || arg == "--history") {
+        if (arg == "--resign") {
+            resign = true;
+        } else if (arg == "--valid-for") {
+            if (i + 1 >= arguments.size()) return usage("missing value after " + arg);
+            validFor = arguments[++i];
+        } else if (arg == "--key" || arg == "--manifest" || arg == "--history") {
             if (i + 1 >= arguments.size()) return usage("missing value after " + arg);
             (arg == "--key"        ? keyPath
              : arg == "--manifest" ? manifestPath
@@ -233,6 +267,10 @@ int publishCommand(const std::vector<std::string>& arguments) {
         std::cerr << "ferrit: " << error << "\n";
         return kFailure;
     }
+    if (!validFor.empty() && !parseDuration(validFor, manifest.validForMs, error))
+        return usage(error);
+    manifest.signerKeyId = key->publicKey()->id();
+    manifest.resign = resign;
     const bool terminal = isatty(STDERR_FILENO) == 1;
     PublishProgress progress;
     if (terminal) {
@@ -256,6 +294,8 @@ int publishCommand(const std::vector<std::string>& arguments) {
     }
     std::cout << "configuration version " << result.version << " at " << result.configPaths.size()
               << " paths\n";
+    std::cout << "signed at " << isoTime(result.issued) << ", valid until "
+              << isoTime(result.expires) << (result.resigned ? " (signed again)" : "") << "\n";
     for (const PublishedPack& pack : result.packs) {
         std::cout << pack.name << " " << pack.seq;
         if (!pack.changed) {
@@ -324,6 +364,7 @@ int main(int argc, char** argv) {
         return forward(runSignIndexTool, arguments);
     }
     if (name == "publish") return publishCommand(rest);
+    if (name == "key") return keyCommand(rest);
     std::vector<std::string> arguments{program};
     arguments.insert(arguments.end(), rest.begin(), rest.end());
     if (name == "check") arguments.push_back("--check");

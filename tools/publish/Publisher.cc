@@ -9,6 +9,7 @@
 #include "marl/Json.h"
 #include "model/Pack.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/publish/CacheRules.h"
 
 namespace FerritTools {
 
@@ -272,6 +273,7 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
         return false;
     }
     if (!importInTreeHistory(out, historyFolder, error)) return false;
+    if (!writeCacheRules(out, manifest.zipFolder, error)) return false;
     const std::string stateFile = joinPath(historyFolder, kStateFile);
     JSON state(JSONObject{});
     std::string stateText;
@@ -283,6 +285,9 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
             return false;
         }
     }
+    SigningPlan signing;
+    if (!manifest.signerKeyId.empty() && !planSigning(state, manifest.signerKeyId, signing, error))
+        return false;
     const uint64_t previousVersion = state["version"].uint64Value();
     const size_t total = manifest.packs.size() + 1;
     size_t step = 0;
@@ -310,7 +315,9 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
         const bool unchanged =
             done.seq != 0 && readListing(historyFolder, pack.name, done.seq, previous) &&
             sameFiles(previous, listing) && before["prefix"].stringValue() == pack.prefix &&
-            before["priority"].uint32Value() == pack.priority;
+            before["priority"].uint32Value() == pack.priority &&
+            (signing.signerId.empty() ||
+             packSigner(before, signing.previousSignerId) == signing.signerId);
         ConfigPack config;
         config.name = pack.name;
         config.flags = FerritCore::kPackTypeFerrit | pack.priority;
@@ -331,7 +338,7 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
             if (!buildPack(content, options, zip, error)) return false;
             const std::string folder = manifest.zipFolder + pack.name + "/";
             const std::string full = folder + std::to_string(done.seq) + ".zip";
-            if (!writeBelow(out, full, zip, error)) return false;
+            if (!writeImmutable(out, full, zip, error)) return false;
             done.written.push_back(full);
             config.md5 = FerritCore::Digest::md5Hex(zip);
             // The first version is the base that every later increment builds on; a client on
@@ -355,7 +362,7 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
                 if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
                     return false;
                 const std::string path = folder + "i/" + std::to_string(done.seq) + ".zip";
-                if (!writeBelow(out, path, increment, error)) return false;
+                if (!writeImmutable(out, path, increment, error)) return false;
                 done.written.push_back(path);
                 done.incremental = true;
                 config.incrMd5 = FerritCore::Digest::md5Hex(increment);
@@ -372,6 +379,7 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
             record.set("t", JSON(config.publishTime));
             record.set("prefix", JSON(pack.prefix));
             record.set("priority", JSON(pack.priority));
+            if (!signing.signerId.empty()) record.set(kPackSigner, JSON(signing.signerId));
         }
         packsState.set(pack.name, record);
         records.push_back(config);
@@ -381,7 +389,12 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     for (const auto& [name, record] : state["packs"].objectValue()) {
         if (!packsState.objectValue().find(name)) anyChanged = true;
     }
-    if (!anyChanged) return true;
+    // With no pack changed the configuration is signed again only when asked, or when devices
+    // would soon stop taking it.
+    if (!anyChanged) {
+        if (!manifest.resign && !stampRunsOut(state, manifest.validForMs)) return true;
+        result.resigned = true;
+    }
 
     report("configuration");
     const uint64_t version = std::max({manifest.version, nowMs(), previousVersion + 1});
@@ -410,6 +423,10 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     }
     std::string document;
     if (!buildConfig(versionText, global, signer, document, error)) return false;
+    // What devices judge the document by: when it was signed, until when it counts, its keys.
+    const DocumentStamp stamp = nextStamp(state, manifest.validForMs, signing.documentKeys);
+    if (!stampDocument(document.substr(0, document.rfind("||")), stamp, signer, document, error))
+        return false;
     // A client asks for ".../<app version>/<target>~<its version>/<locale>~<its locale>", target
     // 0 for "the newest": every version published before, and none, get the same full document.
     std::vector<std::string> origins{kNoVersion};
@@ -432,9 +449,16 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     newState.set("version", JSON(version));
     newState.set("versions", versions);
     newState.set("packs", packsState);
+    if (!signing.signerId.empty())
+        newState.set("keys", signing.stateKeys);
+    else if (state["keys"].isObject())
+        newState.set("keys", state["keys"]);
+    recordStamp(newState, stamp);
     if (!writeBelow(historyFolder, kStateFile, newState.toString(), error)) return false;
     pruneHistory(historyFolder, state["packs"], packsState);
     result.version = version;
+    result.issued = stamp.issued;
+    result.expires = stamp.expires;
     return true;
 }
 

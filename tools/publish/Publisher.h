@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/keys/KeyRotation.h"
 #include "tools/pack/PackBuilder.h"
 
 namespace FerritTools {
@@ -39,6 +40,15 @@ struct PublishManifest {
     std::string zipFolder = "packs/";
     uint64_t version = 0;
     std::vector<PublishPack> packs;
+    // Set by the command, not the manifest. The id of the key that signs: a pack whose newest
+    // version another key signed gets a new version, and the tree's keys are checked (see
+    // planSigning); empty checks and records no key. How long devices take the global
+    // configuration from its signature on, and whether to sign it again although nothing
+    // changed (it is also signed again, with a new version, when less than half of that is
+    // left).
+    std::string signerKeyId;
+    uint64_t validForMs = kDefaultValidForMs;
+    bool resign = false;
 };
 
 // Reads a manifest; false with `error` set when it is not one.
@@ -60,6 +70,9 @@ struct PublishResult {
     uint64_t version = 0;  // of the global configuration; 0 when nothing changed
     std::vector<PublishedPack> packs;
     std::vector<std::string> configPaths;  // where the global configuration was written
+    uint64_t issued = 0;                   // when the global configuration was signed
+    uint64_t expires = 0;                  // until when devices take it
+    bool resigned = false;                 // signed again with no pack changed
 };
 
 // Called before each step, with a short description, the step's number and the count of steps.
