@@ -306,6 +306,8 @@ int publishCommand(const std::vector<std::string>& arguments) {
             std::cout << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
                       << " changed, " << pack.summary.added.size() << " added, "
                       << pack.summary.removed.size() << " removed)";
+        } else if (pack.newKey) {
+            std::cout << " (full; a new base, signed by the new key)";
         } else if (pack.rebased) {
             std::cout << " (full; a new base, as the history lacks a version since the old one)";
         } else {

@@ -81,7 +81,8 @@ status 1 "$tool" publish --key "$work/c.pem" --manifest "$work/manifest.json" "$
 
 # 2. B publishes: the pack gets a version that B signs, and the host takes B's document.
 out2=$(publish "$work/b.pem")
-expect "shop 2" "$out2"
+expect "shop 2 (full; a new base, signed by the new key)" "$out2"
+[ ! -e "$work/out/packs/shop/i/2.zip" ] || fail "a version of the new key has an increment"
 v2=$(grep -Eo 'configuration version [0-9]+' <<<"$out2" | grep -Eo '[0-9]+$')
 unzip -p "$work/out/packs/shop/2.zip" app-res.hvc >/dev/null || fail "no list in the new version"
 expect '"endorsement":{"key":"' "$(cat "$global")"

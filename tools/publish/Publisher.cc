@@ -345,8 +345,12 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
             // the base or any later version takes the increment to the newest, and copies what
             // it leaves out from the version it has. So the increment is built from the list of
             // every version since the base; without all of them the new version is a new base.
+            // A device keeps the full list of the base beside an increment's, so a version that a
+            // new key signs is a new base: no list of the old key stays in use once it retires.
+            done.newKey = done.seq > 1 && !signing.signerId.empty() &&
+                          packSigner(before, signing.previousSignerId) != signing.signerId;
             std::vector<PackListing> since;
-            for (uint64_t seq = done.baseSeq; seq != 0 && seq < done.seq; ++seq) {
+            for (uint64_t seq = done.baseSeq; !done.newKey && seq != 0 && seq < done.seq; ++seq) {
                 PackListing list;
                 if (!readListing(historyFolder, pack.name, seq, list)) {
                     since.clear();

@@ -62,6 +62,7 @@ struct PublishedPack {
     bool changed = false;              // a new version was written
     bool incremental = false;          // with an increment
     bool rebased = false;              // a new base: the history lacked a version since the old one
+    bool newKey = false;               // a new base: another key signed the previous version
     IncrementSummary summary;          // what the increment holds
     std::vector<std::string> written;  // paths below the tree
 };
