@@ -184,6 +184,25 @@ std::string KeyTrust::signerOf(const std::string& md5Hex, const std::string& sig
     for (const auto& key : learnt) {
         if (key->verify(md5Hex, signature)) return key->id();
     }
+    // Another process on the root (the one that fetches documents) may have learnt a key since
+    // this one read the set: it is read again, which only a refusal costs.
+    std::vector<std::shared_ptr<const Ed25519PublicKey>> added;
+    {
+        MutexLock lock(mutex_);
+        loaded_ = false;
+        trusted_.clear();
+        retired_.clear();
+        loadLocked();
+        for (const auto& key : trusted_) {
+            const bool known = std::any_of(learnt.begin(), learnt.end(), [&](const auto& held) {
+                return held->id() == key->id();
+            });
+            if (!known) added.push_back(key);
+        }
+    }
+    for (const auto& key : added) {
+        if (key->verify(md5Hex, signature)) return key->id();
+    }
     // Refused: the host's own check runs once more, so that it reports the refusal in its words.
     if (host && ProxyCalls::verifySignature(md5Hex, signature)) return hostId;
     if (retiredHost && retiredHost->verify(md5Hex, signature))

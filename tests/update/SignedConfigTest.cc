@@ -159,6 +159,27 @@ TEST_F(SignedConfigTest, SignedListsFollowTheKeysOfDocuments) {
     EXPECT_TRUE(ResourceIndex::parseSigned(file, listBy(*b_), table, error));
 }
 
+// The process that fetches documents learns B; another process on the root, which read the set
+// before, still takes B's lists.
+TEST_F(SignedConfigTest, KeyThatAnotherProcessLearntVerifiesItsLists) {
+    const std::string list = R"({"res/a.js":{"url":"https://x.test/a.js","v":"1"}})";
+    std::string signature, error;
+    ASSERT_TRUE(b_->sign(Digest::md5Hex(list), signature, error));
+    const std::string signedList = list + "||ed25519|" + Digest::base64Encode(signature);
+    const Folder file = Folder::disk("p/1/app-res.hvc");
+    MarlLogger::json::JSON table;
+    Error refused;
+    EXPECT_FALSE(ResourceIndex::parseSigned(file, signedList, table, refused));
+    // What the other process stored.
+    Error stored;
+    ASSERT_TRUE(ConfigStore::instance().put(
+        KeyTrust::kStoreKey,
+        MarlLogger::json::JSON::parse(R"({"trusted":[")" + rawOf(*b_) + R"("],"retired":[]})"),
+        stored));
+    Error taken;
+    EXPECT_TRUE(ResourceIndex::parseSigned(file, signedList, table, taken)) << taken.message();
+}
+
 // A device that was away while documents named B still follows: the first document it sees is
 // signed by B and carries A's endorsement of B, and that same document may retire A.
 TEST_F(SignedConfigTest, EndorsedSuccessorVerifiesOnADeviceThatMissedTheChange) {
