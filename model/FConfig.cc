@@ -108,11 +108,11 @@ bool FConfig::verifySignature(std::string_view& body, const std::string& origin,
     const bool decoded = Digest::base64Decode(body.substr(separator + 2), signature);
     body = body.substr(0, separator);
     const std::string md5 = Digest::md5Hex(body);
-    // Only a document that names keys is read as a tree here; every other one is read once, by
-    // the parse that follows.
+    // What a document says about keys is read from its tokens, up to the end of that member (a
+    // publisher writes it first); a document that names no keys is not read here at all.
     KeyStatements said;
     if (body.find(std::string("\"") + KeyTrust::kMember + "\"") != std::string_view::npos)
-        said = KeyStatements::read(JSON::parse(body)[KeyTrust::kMember]);
+        said = KeyStatements::readDocument(body);
     const std::string by =
         decoded ? KeyTrust::instance().signerOf(md5, signature, said) : std::string();
     if (by.empty()) {

@@ -52,7 +52,76 @@ void logKeys(MarlLogger::MRLLevel level, const char* event, const std::string& i
         .append("signer", signer);
 }
 
+// Builds the value of one member of the document from the parser's tokens, and stops the parse
+// once it is whole.
+class MemberReader final : public MarlLogger::json::JSONEvents {
+  public:
+    explicit MemberReader(std::string_view name) : name_(name) {}
+
+    const JSON& value() const { return value_; }
+
+    bool startObject() override { return open(JSON(JSONObject{})); }
+    bool startArray() override { return open(JSON(JSONArray{})); }
+    bool endObject() override { return close(); }
+    bool endArray() override { return close(); }
+    bool key(std::string_view key) override {
+        if (!inMember_ && depth_ == 1) {
+            inMember_ = key == name_;
+        } else if (inMember_) {
+            keys_.back().assign(key);
+        }
+        return true;
+    }
+    bool scalar(const JSON& value) override { return inMember_ ? add(value) : true; }
+    bool string(std::string_view value) override {
+        return inMember_ ? add(JSON(std::string(value))) : true;
+    }
+
+  private:
+    bool open(JSON container) {
+        ++depth_;
+        if (!inMember_) return true;
+        stack_.push_back(std::move(container));
+        keys_.emplace_back();
+        return true;
+    }
+    bool close() {
+        --depth_;
+        if (!inMember_) return true;
+        JSON done = std::move(stack_.back());
+        stack_.pop_back();
+        keys_.pop_back();
+        return add(std::move(done));
+    }
+    // Puts a whole value in its container; false (which stops the parse) once the member is read.
+    bool add(JSON value) {
+        if (stack_.empty()) {
+            value_ = std::move(value);
+            return false;
+        }
+        if (stack_.back().isObject())
+            stack_.back().set(keys_.back(), std::move(value));
+        else
+            stack_.back().push(std::move(value));
+        return true;
+    }
+
+    std::string_view name_;
+    int depth_ = 0;
+    bool inMember_ = false;
+    std::vector<JSON> stack_;
+    std::vector<std::string> keys_;  // the pending key of each open container
+    JSON value_;
+};
+
 }  // namespace
+
+KeyStatements KeyStatements::readDocument(std::string_view text) {
+    MemberReader reader(KeyTrust::kMember);
+    std::string ignored;
+    static_cast<void>(JSON::parseEvents(text, reader, &ignored));
+    return read(reader.value());
+}
 
 KeyStatements KeyStatements::read(const JSON& keys) {
     KeyStatements statements;

@@ -38,6 +38,9 @@ struct KeyStatements {
     bool empty() const { return next.empty() && endorsedKey.empty() && retired.empty(); }
     // Reads the member "keys" of a document; anything that is not in the form above is left out.
     static KeyStatements read(const MarlLogger::json::JSON& keys);
+    // Reads the member "keys" straight from a document's text, without a tree of the rest: the
+    // parse stops once the member is read (a publisher writes it first). The first "keys" counts.
+    static KeyStatements readDocument(std::string_view text);
     MarlLogger::json::JSON toJSON() const;
 };
 

@@ -225,6 +225,25 @@ TEST_F(SignedConfigTest, HostThatDoesNotNameItsKeyIsNotAskedOnceAKeyIsRetired) {
     EXPECT_EQ(version(), "5");
 }
 
+// The member is read from the tokens wherever it stands, nested values whole, and what is not
+// in its form is left out.
+TEST_F(SignedConfigTest, KeyStatementsAreReadFromTheDocumentText) {
+    const std::string next = rawOf(*b_);
+    const std::string id = std::string(32, 'a');
+    const KeyStatements first = KeyStatements::readDocument(
+        R"({"keys":{"next":")" + next + R"(","retired":[")" + id + R"(","short",7]},"v":"1"})");
+    EXPECT_EQ(first.next, next);
+    EXPECT_EQ(first.retired, std::vector<std::string>{id});
+    const KeyStatements last = KeyStatements::readDocument(
+        R"({"v":"1","packs":{"keys":{"next":"x"}},"keys":{"endorsement":{"key":")" + next +
+        R"(","signature":"c2ln"},"next":"not a key"}})");
+    EXPECT_EQ(last.endorsedKey, next);
+    EXPECT_EQ(last.endorsement, "c2ln");
+    EXPECT_TRUE(last.next.empty());
+    EXPECT_TRUE(KeyStatements::readDocument(R"({"v":"1","keys":7})").empty());
+    EXPECT_TRUE(KeyStatements::readDocument(R"({"v":"1","keys":{"next":)").empty());
+}
+
 // ---- expiry ----
 
 // The same signed document, taken while fresh, is replayed after its expiry: ignored, logged and
