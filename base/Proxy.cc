@@ -15,6 +15,10 @@ void Proxy::sendRequest(const ProxyRequest&, ProxyCompletion completion) {
         completion(ProxyResponse(), Error(ENETUNREACH, std::string("no network access")));
 }
 
+std::shared_ptr<const Ed25519PublicKey> Proxy::publicKey() const {
+    return nullptr;
+}
+
 void Proxy::onQueueFinished(uint32_t) {}
 
 void Proxy::onPackUpdated(const std::string&) {}
@@ -58,6 +62,11 @@ std::shared_ptr<Proxy> proxy() {
 
 bool verifySignature(const std::string& md5Hex, const std::string& signature) {
     return callOr(proxy(), &Proxy::verifySignature, false, md5Hex, signature);
+}
+
+std::shared_ptr<const Ed25519PublicKey> publicKey() {
+    const std::shared_ptr<Proxy> held = proxy();
+    return held ? held->publicKey() : nullptr;
 }
 
 void sendEvent(const PerfRecord& record) {

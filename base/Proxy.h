@@ -13,6 +13,7 @@
 
 namespace FerritCore {
 
+class Ed25519PublicKey;
 class PerfRecord;
 
 class Proxy {
@@ -23,6 +24,11 @@ class Proxy {
     virtual void sendRequest(const ProxyRequest& request, ProxyCompletion completion);
     // Whether `signature` (raw bytes) signs the lower-case hexadecimal MD5 `md5Hex`.
     virtual bool verifySignature(const std::string& md5Hex, const std::string& signature) = 0;
+    // The publisher's key that verifySignature checks with, when the host holds one as an
+    // Ed25519 key; null (the default) for a host whose check is its own. The library needs it to
+    // know whether that key was retired by a later document (a retirement outranks the host's
+    // key); a host that gives none is no longer asked once any key is retired.
+    virtual std::shared_ptr<const Ed25519PublicKey> publicKey() const;
     // Delivers a performance record; the host decides where to.
     virtual void sendEvent(const PerfRecord& record) = 0;
     // False for a host whose sendEvent would drop every record: it is then never called, and the
@@ -63,6 +69,8 @@ class Proxy {
 namespace ProxyCalls {
 // False without a proxy.
 bool verifySignature(const std::string& md5Hex, const std::string& signature);
+// Null without a proxy.
+std::shared_ptr<const Ed25519PublicKey> publicKey();
 // Nothing without a proxy, or with one that takes no records.
 void sendEvent(const PerfRecord& record);
 // Whether a proxy that takes records is set (lets callers skip building what would be dropped).

@@ -91,12 +91,15 @@ FConfig FConfig::copyForChange() const {
     copy.locale = locale;
     copy.lastUpdate = lastUpdate;
     copy.lastFullUpdate = lastFullUpdate;
+    copy.issued = issued;
+    copy.expires = expires;
     copy.packs = packs;
     copy.tables_ = tables_;
     return copy;
 }
 
-bool FConfig::verifySignature(std::string_view& body, const std::string& origin, Error& error) {
+bool FConfig::verifySignature(std::string_view& body, const std::string& origin, Error& error,
+                              std::string* signer, KeyStatements* statements) {
     const size_t separator = body.rfind("||");
     if (separator == std::string_view::npos) {
         error = Errors::requestDeserialization(origin, "no signature");
@@ -106,10 +109,19 @@ bool FConfig::verifySignature(std::string_view& body, const std::string& origin,
     const bool decoded = Digest::base64Decode(body.substr(separator + 2), signature);
     body = body.substr(0, separator);
     const std::string md5 = Digest::md5Hex(body);
-    if (!decoded || !ProxyCalls::verifySignature(md5, signature)) {
+    // What a document says about keys is read from its tokens, up to the end of that member (a
+    // publisher writes it first); a document that names no keys is not read here at all.
+    KeyStatements said;
+    if (body.find(std::string("\"") + KeyTrust::kMember + "\"") != std::string_view::npos)
+        said = KeyStatements::readDocument(body);
+    const std::string by =
+        decoded ? KeyTrust::instance().signerOf(md5, signature, said) : std::string();
+    if (by.empty()) {
         error = Errors::requestVerifySignature(origin, md5);
         return false;
     }
+    if (signer != nullptr) *signer = by;
+    if (statements != nullptr) *statements = std::move(said);
     return true;
 }
 
@@ -147,7 +159,9 @@ void FConfig::readPacks(const JSON& object, StringMap<PackPtr>& out) {
 std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string& origin,
                                         Error& error, bool checkSignature) {
     auto config = std::make_shared<FConfig>();
-    if (checkSignature && !verifySignature(text, origin, error)) return nullptr;
+    if (checkSignature &&
+        !verifySignature(text, origin, error, &config->signer, &config->keyStatements))
+        return nullptr;
     std::string reason;
     if (!config->read(text, reason)) {
         // The parser's words and offset, or what was wrong with a document that parsed.
@@ -182,6 +196,8 @@ std::string FConfig::serialize() const {
     if (!locale.empty()) out.key("locale").value(locale);
     if (lastUpdate != 0) out.key("lastUpdate").value(lastUpdate);
     if (lastFullUpdate != 0) out.key("lastFullUpdate").value(lastFullUpdate);
+    if (issued != 0) out.key("issued").value(issued);
+    if (expires != 0) out.key("expires").value(expires);
     if (!packs.empty()) {
         std::vector<const Pack*> sorted;
         sorted.reserve(packs.size());
@@ -282,6 +298,8 @@ void FConfig::mergeFields(const FConfig& document) {
         delay = 60000.0;
         lastUpdate = 0;
         lastFullUpdate = 0;
+        issued = 0;
+        expires = 0;
         scacheVersion = "0";
         env = static_cast<uint32_t>(environment.env());
         SCache::wipeInstalled();
@@ -298,6 +316,14 @@ void FConfig::mergeFields(const FConfig& document) {
     locale = document.locale;
     lastUpdate = document.lastUpdate;
     fullMark = document.fullMark;
+
+    // What the publisher signed last only rises: a document that does not say (a push message)
+    // leaves it.
+    if (document.issued != 0 && document.issued >= issued) {
+        if (issued != document.issued || expires != document.expires) dirty = true;
+        issued = document.issued;
+        expires = document.expires;
+    }
 
     if (versionNumber(document.version) >= versionNumber(version)) {
         if (version != document.version) dirty = true;

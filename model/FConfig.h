@@ -15,6 +15,7 @@
 #include "base/StringMap.h"
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
+#include "model/KeyTrust.h"
 #include "model/Pack.h"
 
 namespace FerritCore {
@@ -44,7 +45,11 @@ class FConfig {
                                           Error& error, bool checkSignature);
     // Splits "<json>||<signature>" at the last "||" and checks the signature of the MD5 of the
     // JSON through the proxy. On success `body` holds the JSON alone.
-    static bool verifySignature(std::string_view& body, const std::string& origin, Error& error);
+    // `signer`, when given, receives the id of the key that signed (KeyTrust::signerOf), and
+    // `statements` what the document says about keys; a key that only an endorsement in the
+    // document vouches for verifies too.
+    static bool verifySignature(std::string_view& body, const std::string& origin, Error& error,
+                                std::string* signer = nullptr, KeyStatements* statements = nullptr);
     // Reads the member "packs" of a document: a non-empty object is a record, which must
     // validate (a refused one is reported and left out); anything else marks the pack deleted.
     static void readPacks(const MarlLogger::json::JSON& object, StringMap<PackPtr>& out);
@@ -102,7 +107,19 @@ class FConfig {
     std::string locale;
     double lastUpdate = 0;
     double lastFullUpdate = 0;
+    // When the publisher signed the document, in milliseconds since the epoch: rises with every
+    // signature, so that a device never takes a document signed before the one it has ("issued";
+    // 0 when the document does not say). A re-signed document keeps its `version`.
+    double issued = 0;
+    // When a fetched copy of the document stops counting, in milliseconds since the epoch, so that
+    // an old copy replayed to a device is not taken ("expires"; 0: never).
+    double expires = 0;
     StringMap<PackPtr> packs;
+
+    // Of a document parsed with its signature, never serialised: the id of the key that signed,
+    // and what the document says about keys (its member "keys").
+    std::string signer;
+    KeyStatements keyStatements;
 
     // Transaction state, never serialised.
     bool dirty = false;

@@ -26,6 +26,10 @@ bool FileProxy::verifySignature(const std::string& md5Hex, const std::string& si
     return key_->verify(md5Hex, signature);
 }
 
+std::shared_ptr<const FerritCore::Ed25519PublicKey> FileProxy::publicKey() const {
+    return key_->publicKey();
+}
+
 void FileProxy::sendEvent(const FerritCore::PerfRecord& record) {
     if (!printEvents_) return;
     std::cerr << "event " << record.name();

@@ -27,6 +27,8 @@ class FileProxy : public FerritCore::Proxy {
     ~FileProxy() override;
 
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
+    // The key of --public-key, which a later document may retire.
+    std::shared_ptr<const FerritCore::Ed25519PublicKey> publicKey() const override;
     void sendEvent(const FerritCore::PerfRecord& record) override;
     void loadOnDemand(const std::string& tag,
                       std::function<void(const FerritCore::Error&)> completion) override;

@@ -14,6 +14,7 @@
 #include "tools/common/ToolFiles.h"
 #include "tools/common/ToolOutput.h"
 #include "tools/common/ToolProgress.h"
+#include "tools/keys/KeyCommand.h"
 #include "tools/pack/PackBuilder.h"
 #include "tools/publish/Publisher.h"
 #include "tools/publish/Release.h"
@@ -72,6 +73,7 @@ const std::map<std::string, Command>& commands() {
           "    writable by its owner only (mode 0600). An existing file is never replaced without\n"
           "    --force: a lost publisher's key strands every device that trusts it.",
           "    --force               replace existing key files.\n", false}},
+        {"key", {kKeySynopsis, kKeyDescription, kKeyOptions, false}},
         {"pack",
          {"ferrit pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... FOLDER "
           "OUT.zip\n"
@@ -110,7 +112,8 @@ const std::map<std::string, Command>& commands() {
           "it.\n",
           false}},
         {"publish",
-         {"ferrit publish --key PEM --manifest FILE [--history DIR] [--channel NAME] SITE OUT",
+         {"ferrit publish --key PEM --manifest FILE [--history DIR] [--channel NAME]\n"
+          "                   [--valid-for DURATION] [--resign] SITE OUT",
           "Writes a static tree under OUT that any static web server serves as it is: the signed\n"
           "    global configuration at each path a client's configuration request asks for\n"
           "    (fconfig/<app>/<app version>/0~<its version>/<locale>~<its locale>), each changed "
@@ -121,7 +124,9 @@ const std::map<std::string, Command>& commands() {
           "version\n"
           "    at <zips>/<name>/i/<seq>.zip, which brings a device on the base or on any later\n"
           "    version to the new one. A pack whose files did not change keeps its version; when\n"
-          "    none changed nothing is written. What the next run builds on (the sequence "
+          "    none changed nothing is written (unless the configuration is due to be signed "
+          "again,\n"
+          "    below). What the next run builds on (the sequence "
           "numbers and\n"
           "    each version's list of files with their MD5 and size) is the history, kept outside "
           "the\n"
@@ -139,6 +144,24 @@ const std::map<std::string, Command>& commands() {
           "    \"headers\": {PATH: {NAME: VALUE}}}]}. Clients set their configuration prefix to "
           "the\n"
           "    tree's URL and their zip prefix to that URL followed by <zips>.\n"
+          "    The global configuration carries when it was signed and until when devices take "
+          "it\n"
+          "    (--valid-for, 30 days unless told): a device ignores a copy past its expiry, and "
+          "one\n"
+          "    signed before the copy it has, and keeps what it has. So sign it again before it "
+          "lapses:\n"
+          "    a run with nothing changed signs it again, as a new version, once less than half "
+          "of its\n"
+          "    time is left (run publish daily, e.g. from cron), and --resign does so at once.\n"
+          "    Beside OUT go its cache rules: OUT.nginx.conf, locations for nginx's server block "
+          "whose\n"
+          "    root is OUT, and OUT.headers.json, the same rules as path patterns and headers for\n"
+          "    other servers: configuration documents (fconfig/, packconfig/, channels/) are "
+          "cached\n"
+          "    for a minute, zips, written once at paths named by their version, for a year as\n"
+          "    immutable; a zip's path is never written again with other bytes. Keys change with "
+          "`ferrit key "
+          "rotate`.\n"
           "    Progress goes to the terminal; nothing but the summary when not on one.",
           "    --key PEM             Ed25519 private key that signs.\n"
           "    --manifest FILE       the publishing manifest.\n"
@@ -146,11 +169,16 @@ const std::map<std::string, Command>& commands() {
           "OUT.\n"
           "    --channel NAME        writes the channel's documents under OUT/channels/NAME/ "
           "instead\n"
-          "                          of the tree's own; versions and zips serve every channel.\n",
+          "                          of the tree's own; versions and zips serve every channel.\n"
+          "    --valid-for DURATION  how long devices take the global configuration: days, or "
+          "a\n"
+          "                          number with d, h, m or s (default 30d).\n"
+          "    --resign              sign the global configuration again although nothing "
+          "changed.\n",
           false}},
         {"rollout",
          {"ferrit rollout --key PEM --manifest FILE --percent N [--channel NAME] [--history DIR]\n"
-          "                   PACK SITE OUT",
+          "                   [--valid-for DURATION] PACK SITE OUT",
           "Publishes the files of PACK in SITE as a new version that N% of the devices take\n"
           "    (N from 0.01 to 100), while every other device keeps the released version. Each\n"
           "    device places itself by its install identifier and the pack's name, so a device\n"
@@ -161,11 +189,13 @@ const std::map<std::string, Command>& commands() {
           "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
           "    --percent N           share of the devices, which may only grow.\n"
           "    --channel NAME        the channel's documents (default: the tree's own).\n"
-          "    --history DIR         where the history is kept (default OUT.publish).\n",
+          "    --history DIR         where the history is kept (default OUT.publish).\n"
+          "    --valid-for DURATION  how long devices take the global configuration (see ferrit\n"
+          "                          publish; default 30d).\n",
           false}},
         {"promote",
          {"ferrit promote --key PEM --manifest FILE [--channel NAME] [--from CHANNEL]\n"
-          "                   [--history DIR] PACK OUT",
+          "                   [--history DIR] [--valid-for DURATION] PACK OUT",
           "Releases to every device the version of PACK in rollout; with --from, the version\n"
           "    that CHANNEL releases, into the channel of --channel. Only documents are signed\n"
           "    again: zips serve every channel and none is copied.",
@@ -173,11 +203,13 @@ const std::map<std::string, Command>& commands() {
           "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
           "    --channel NAME        the channel that releases (default: the tree's own).\n"
           "    --from CHANNEL        the channel whose released version is promoted.\n"
-          "    --history DIR         where the history is kept (default OUT.publish).\n",
+          "    --history DIR         where the history is kept (default OUT.publish).\n"
+          "    --valid-for DURATION  how long devices take the global configuration (see ferrit\n"
+          "                          publish; default 30d).\n",
           false}},
         {"rollback",
          {"ferrit rollback --key PEM --manifest FILE [--channel NAME] [--to SEQ]\n"
-          "                   [--history DIR] PACK OUT",
+          "                   [--history DIR] [--valid-for DURATION] PACK OUT",
           "Takes back the version of PACK in rollout: every device that took it returns to the\n"
           "    released version (or loses the pack when none was released). With no rollout, or\n"
           "    with --to, publishes the files of an earlier version (by default the one released\n"
@@ -187,7 +219,9 @@ const std::map<std::string, Command>& commands() {
           "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
           "    --channel NAME        the channel (default: the tree's own).\n"
           "    --to SEQ              the version whose files return.\n"
-          "    --history DIR         where the history is kept (default OUT.publish).\n",
+          "    --history DIR         where the history is kept (default OUT.publish).\n"
+          "    --valid-for DURATION  how long devices take the global configuration (see ferrit\n"
+          "                          publish; default 30d).\n",
           false}},
         {"get",
          {"ferrit get [ROOT OPTIONS] [--referrer URL] [--header NAME:VALUE]... [--async] [--body]\n"
@@ -273,12 +307,19 @@ MarlLogger::json::JSON stringsJson(const std::vector<std::string>& strings) {
 int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     using MarlLogger::json::JSON;
     using MarlLogger::json::JSONObject;
-    std::string keyPath, manifestPath, historyPath;
+    std::string keyPath, manifestPath, historyPath, validFor;
+    bool resign = false;
     PublishOptions options;
     std::vector<std::string> positional;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& arg = arguments[i];
-        if (arg == "--key" || arg == "--manifest" || arg == "--history" || arg == "--channel") {
+        if (arg == "--resign") {
+            resign = true;
+        } else if (arg == "--valid-for") {
+            if (i + 1 >= arguments.size()) return out.usage("missing value after " + arg);
+            validFor = arguments[++i];
+        } else if (arg == "--key" || arg == "--manifest" || arg == "--history" ||
+                   arg == "--channel") {
             if (i + 1 >= arguments.size()) return out.usage("missing value after " + arg);
             (arg == "--key"        ? keyPath
              : arg == "--manifest" ? manifestPath
@@ -301,6 +342,10 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(keyPath, error);
     if (!key) return out.fail(error);
     ToolProgress bar("publish");
+    if (!validFor.empty() && !parseDuration(validFor, manifest.validForMs, error))
+        return out.usage(error);
+    manifest.signerKeyId = key->publicKey()->id();
+    manifest.resign = resign;
     PublishProgress progress;
     if (bar.enabled()) {
         progress = [&bar](const PublishStep& step) {
@@ -327,15 +372,23 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
         out.set("version", JSON(result.version));
         out.set("configPaths", stringsJson(result.configPaths));
     }
+    if (result.version != 0) {
+        out.text() << "signed at " << isoTime(result.issued) << ", valid until "
+                   << isoTime(result.expires) << (result.resigned ? " (signed again)" : "") << "\n";
+        out.set("issued", JSON(result.issued));
+        out.set("expires", JSON(result.expires));
+        out.set("resigned", JSON(result.resigned));
+    }
     for (const PublishedPack& pack : result.packs) {
         JSONObject record{{"name", JSON(pack.name)},
                           {"seq", JSON(pack.seq)},
                           {"baseSeq", JSON(pack.baseSeq)},
                           {"changed", JSON(pack.changed)}};
         if (pack.changed) {
-            record.set("kind", JSON(pack.incremental ? "increment"
-                                    : pack.rebased   ? "new base"
-                                                     : "full"));
+            record.set("kind", JSON(pack.incremental              ? "increment"
+                                    : pack.rebased || pack.newKey ? "new base"
+                                                                  : "full"));
+            if (pack.newKey) record.set("newKey", JSON(true));
             if (pack.incremental) {
                 record.set("increment",
                            JSON(JSONObject{{"changed", stringsJson(pack.summary.changed)},
@@ -355,6 +408,8 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
             out.text() << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
                        << " changed, " << pack.summary.added.size() << " added, "
                        << pack.summary.removed.size() << " removed)";
+        } else if (pack.newKey) {
+            out.text() << " (full; a new base, signed by the new key)";
         } else if (pack.rebased) {
             out.text() << " (full; a new base, as the history lacks a version since the old one)";
         } else {
@@ -422,6 +477,7 @@ int main(int argc, char** argv) {
     if (name == "rollout") return rolloutCommand(rest, out);
     if (name == "promote") return promoteCommand(rest, out);
     if (name == "rollback") return rollbackCommand(rest, out);
+    if (name == "key") return keyCommand(rest, out);
     std::vector<std::string> arguments{program};
     arguments.insert(arguments.end(), rest.begin(), rest.end());
     if (name == "check") arguments.push_back("--check");

@@ -17,10 +17,13 @@
 #include "base/ProcessState.h"
 #include "base/Telemetry.h"
 #include "ferritcore/Error.h"
+#include "marl/Json.h"
 #include "runtime/RepeatingTimer.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
+
+class FConfig;
 
 class UpdateConfig {
   public:
@@ -60,6 +63,10 @@ class UpdateConfig {
     // then the built-in configuration; published as the current document. Never fails.
     static void loadAtStart();
 
+    // Why the last document that verified was not taken, in this process: {"reason" ("expired"
+    // or "older"), "message", "url", "version", "issued", "expires", "at"}; null when none was.
+    MarlLogger::json::JSON lastRefusal() const;
+
     bool busy() const { return busy_; }
     bool initial() const { return initial_; }
     const std::string& url() const { return url_; }
@@ -73,6 +80,10 @@ class UpdateConfig {
     // them.
     void reset();
     void onResponse(uint64_t run, std::string body, Error error);
+    // Whether a fetched document that verified may be taken: one whose expiry has passed (a
+    // stale copy replayed) and one signed before the document this device has (a rollback) are
+    // refused, logged and kept for the status report; the device keeps what it has.
+    Error judge(const FConfig& document);
 
     // Worker only.
     double lastCheck_ = -1e300;
@@ -91,6 +102,9 @@ class UpdateConfig {
     uint64_t run_ = 0;
     std::optional<StagedRecord> perf_;
     std::shared_ptr<RepeatingTimer> timer_;
+
+    mutable Mutex refusalMutex_;
+    MarlLogger::json::JSON lastRefusal_ GUARDED_BY(refusalMutex_);
 
     RecursiveMutex listenersMutex_;
     std::vector<Listener> listeners_ GUARDED_BY(listenersMutex_);

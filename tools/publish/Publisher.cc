@@ -9,6 +9,7 @@
 #include "marl/Json.h"
 #include "model/Pack.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/publish/CacheRules.h"
 #include "tools/publish/Release.h"
 
 namespace FerritTools {
@@ -294,9 +295,16 @@ bool writeTreeFile(const std::string& out, const std::string& relative, const st
     return writeBelow(out, relative, content, error);
 }
 
+bool signingPlanOf(const JSON& state, const PublishManifest& manifest, SigningPlan& plan,
+                   std::string& error) {
+    plan = SigningPlan();
+    return manifest.signerKeyId.empty() || planSigning(state, manifest.signerKeyId, plan, error);
+}
+
 bool buildVersion(const PublishPack& pack, const PackContent& content, const std::string& zipFolder,
                   const std::string& out, const std::string& history, const Signer& signer,
-                  const JSON& before, PublishedPack& done, JSON& record, std::string& error,
+                  const JSON& before, const SigningPlan& signing, PublishedPack& done, JSON& record,
+                  std::string& error,
                   const std::function<void(const std::string& path, uint64_t bytes)>& onFile) {
     done.name = pack.name;
     done.seq = before["seq"].uint64Value() + 1;
@@ -311,7 +319,7 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     options.onFile = nullptr;
     const std::string folder = zipFolder + pack.name + "/";
     const std::string full = folder + std::to_string(done.seq) + ".zip";
-    if (!writeBelow(out, full, zip, error)) return false;
+    if (!writeImmutable(out, full, zip, error)) return false;
     done.written.push_back(full);
     const std::string md5 = FerritCore::Digest::md5Hex(zip);
     std::string incrMd5;
@@ -319,8 +327,12 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     // any later version takes the increment to the newest, and copies what it leaves out from the
     // version it has. So the increment is built from the list of every version since the base;
     // without all of them the new version is a new base.
+    // A device keeps the full list of the base beside an increment's, so a version that a new key
+    // signs is a new base: no list of the old key stays in use once it retires.
+    done.newKey = done.seq > 1 && !signing.signerId.empty() &&
+                  packSigner(before, signing.previousSignerId) != signing.signerId;
     std::vector<PackListing> since;
-    for (uint64_t seq = done.baseSeq; seq != 0 && seq < done.seq; ++seq) {
+    for (uint64_t seq = done.baseSeq; !done.newKey && seq != 0 && seq < done.seq; ++seq) {
         PackListing list;
         if (!readListing(history, pack.name, seq, list)) {
             since.clear();
@@ -336,7 +348,7 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
         if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
             return false;
         const std::string path = folder + "i/" + std::to_string(done.seq) + ".zip";
-        if (!writeBelow(out, path, increment, error)) return false;
+        if (!writeImmutable(out, path, increment, error)) return false;
         done.written.push_back(path);
         done.incremental = true;
         incrMd5 = FerritCore::Digest::md5Hex(increment);
@@ -361,6 +373,7 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     record.set("prefix", JSON(pack.prefix));
     record.set("priority", JSON(pack.priority));
     record.set("builds", builds);
+    if (!signing.signerId.empty()) record.set(kPackSigner, JSON(signing.signerId));
     return true;
 }
 
@@ -375,8 +388,11 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     }
     std::string historyFolder;
     if (!historyFolderFor(out, history, historyFolder, error)) return false;
+    if (!writeCacheRules(out, manifest.zipFolder, error)) return false;
     JSON state;
     if (!readPublishState(historyFolder, state, error)) return false;
+    SigningPlan signing;
+    if (!signingPlanOf(state, manifest, signing, error)) return false;
     const bool rollingOut = !options.rolloutPack.empty();
     // A rollout builds its own pack alone; the others keep what they have.
     auto builds = [&](const PublishPack& pack) {
@@ -422,7 +438,9 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
         const bool unchanged =
             done.seq != 0 && readListing(historyFolder, pack.name, done.seq, previous) &&
             sameFiles(previous, listing) && before["prefix"].stringValue() == pack.prefix &&
-            before["priority"].uint32Value() == pack.priority;
+            before["priority"].uint32Value() == pack.priority &&
+            (signing.signerId.empty() ||
+             packSigner(before, signing.previousSignerId) == signing.signerId);
         if (unchanged) {
             step.files += content.files.size();
             step.bytes += packBytes;
@@ -435,7 +453,7 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
                 report(pack.name + "/" + path);
             };
             if (!buildVersion(pack, content, manifest.zipFolder, out, historyFolder, signer, before,
-                              done, record, error, onFile))
+                              signing, done, record, error, onFile))
                 return false;
         }
         packsState.set(pack.name, record);
@@ -485,12 +503,19 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
             releaseChanged = true;
         }
     }
-    if (!anyChanged && !releaseChanged) return true;
+    // With nothing changed the configuration is signed again only when asked, or when devices
+    // would soon stop taking it.
+    if (!anyChanged && !releaseChanged) {
+        if (!manifest.resign && !stampRunsOut(state, manifest.validForMs)) return true;
+        result.resigned = true;
+    }
 
     report("configuration");
     const uint64_t version = nextChannelVersion(state, options.channel, manifest.version);
     std::vector<std::string> written;
-    if (!writeChannel(newState, options.channel, manifest, out, signer, version, written, error))
+    DocumentStamp stamp;
+    if (!writeChannel(newState, options.channel, manifest, out, signer, signing, version, written,
+                      stamp, error))
         return false;
     const std::string packDocuments = channelFolder(options.channel) + "packconfig/";
     for (const std::string& path : written) {
@@ -504,6 +529,8 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     if (!writePublishState(historyFolder, newState, error)) return false;
     pruneHistory(historyFolder, state["packs"], packsState);
     result.version = version;
+    result.issued = stamp.issued;
+    result.expires = stamp.expires;
     return true;
 }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "marl/Json.h"
+#include "tools/keys/KeyRotation.h"
 #include "tools/pack/PackBuilder.h"
 
 namespace FerritTools {
@@ -40,6 +41,15 @@ struct PublishManifest {
     std::string zipFolder = "packs/";
     uint64_t version = 0;
     std::vector<PublishPack> packs;
+    // Set by the command, not the manifest. The id of the key that signs: a pack whose newest
+    // version another key signed gets a new version, and the tree's keys are checked (see
+    // planSigning); empty checks and records no key. How long devices take the global
+    // configuration from its signature on, and whether to sign it again although nothing
+    // changed (it is also signed again, with a new version, when less than half of that is
+    // left).
+    std::string signerKeyId;
+    uint64_t validForMs = kDefaultValidForMs;
+    bool resign = false;
 };
 
 // Reads a manifest; false with `error` set when it is not one.
@@ -53,6 +63,7 @@ struct PublishedPack {
     bool changed = false;              // a new version was written
     bool incremental = false;          // with an increment
     bool rebased = false;              // a new base: the history lacked a version since the old one
+    bool newKey = false;               // a new base: another key signed the previous version
     IncrementSummary summary;          // what the increment holds
     std::vector<std::string> written;  // paths below the tree
 };
@@ -61,6 +72,9 @@ struct PublishResult {
     uint64_t version = 0;  // of the global configuration; 0 when nothing changed
     std::vector<PublishedPack> packs;
     std::vector<std::string> configPaths;  // where the global configuration was written
+    uint64_t issued = 0;                   // when the global configuration was signed
+    uint64_t expires = 0;                  // until when devices take it
+    bool resigned = false;                 // signed again with no pack changed
 };
 
 // How far a publish has got: the files of the manifest's packs read and zipped so far, and
@@ -118,14 +132,19 @@ bool writePublishState(const std::string& history, const MarlLogger::json::JSON&
 // Writes a file below the tree, atomically, making its folders.
 bool writeTreeFile(const std::string& out, const std::string& relative, const std::string& content,
                    std::string& error);
+// The signing plan of a run whose manifest names its key (planSigning); an empty plan when it
+// names none. False with `error` set when that key may not sign the tree.
+bool signingPlanOf(const MarlLogger::json::JSON& state, const PublishManifest& manifest,
+                   SigningPlan& plan, std::string& error);
 // Builds the version after the pack's newest (`before`, its record in the state) from `content`:
 // its full zip, its increment from the base when the history lists every version since, and its
-// list. `record` becomes the pack's new record, with what its own document says of each version
-// under "builds". `onFile`, when set, is called after each file of the full zip.
+// list. A version that another key than `signing`'s signer signed before is a new base. `record`
+// becomes the pack's new record, with what its own document says of each version under
+// "builds". `onFile`, when set, is called after each file of the full zip.
 bool buildVersion(const PublishPack& pack, const PackContent& content, const std::string& zipFolder,
                   const std::string& out, const std::string& history, const Signer& signer,
-                  const MarlLogger::json::JSON& before, PublishedPack& done,
-                  MarlLogger::json::JSON& record, std::string& error,
+                  const MarlLogger::json::JSON& before, const SigningPlan& signing,
+                  PublishedPack& done, MarlLogger::json::JSON& record, std::string& error,
                   const std::function<void(const std::string& path, uint64_t bytes)>& onFile = {});
 
 }  // namespace FerritTools

@@ -193,11 +193,16 @@ std::string describeChannel(const std::string& channel) {
 bool release(JSON& state, const std::string& history, const PublishManifest& manifest,
              const std::string& out, const Signer& signer, ReleaseResult& result,
              std::string& error) {
+    SigningPlan signing;
+    if (!signingPlanOf(state, manifest, signing, error)) return false;
     setRelease(state, result.channel, result.pack, result.after);
     result.version = nextChannelVersion(state, result.channel, manifest.version);
-    if (!writeChannel(state, result.channel, manifest, out, signer, result.version, result.written,
-                      error))
+    DocumentStamp stamp;
+    if (!writeChannel(state, result.channel, manifest, out, signer, signing, result.version,
+                      result.written, stamp, error))
         return false;
+    result.issued = stamp.issued;
+    result.expires = stamp.expires;
     return writePublishState(history, state, error);
 }
 
@@ -286,8 +291,9 @@ uint64_t nextChannelVersion(const JSON& state, const std::string& channel, uint6
 }
 
 bool writeChannel(JSON& state, const std::string& channel, const PublishManifest& manifest,
-                  const std::string& out, const Signer& signer, uint64_t version,
-                  std::vector<std::string>& written, std::string& error) {
+                  const std::string& out, const Signer& signer, const SigningPlan& signing,
+                  uint64_t version, std::vector<std::string>& written, DocumentStamp& stamp,
+                  std::string& error) {
     const std::string folder = channelFolder(channel);
     const std::string versionText = std::to_string(version);
     std::vector<ConfigPack> global;
@@ -329,6 +335,18 @@ bool writeChannel(JSON& state, const std::string& channel, const PublishManifest
     }
     std::string document;
     if (!buildConfig(versionText, global, signer, document, error)) return false;
+    // What devices judge the document by: when it was signed, until when it counts, its keys.
+    stamp = nextStamp(state, manifest.validForMs, signing.documentKeys);
+    if (!stampDocument(document.substr(0, document.rfind(kSignatureSeparator)), stamp, signer,
+                       document, error))
+        return false;
+    // Every global document of the tree carries the newest stamp, the other channels' too (signed
+    // again as they are), so that the state's one expiry holds for all of them and a publish that
+    // is due to sign again renews every channel.
+    std::vector<std::string> others;
+    for (const std::string& path : globalDocuments(out))
+        if (!path.starts_with(folder + "fconfig/")) others.push_back(path);
+    if (!restampDocuments(out, others, stamp, signer, nullptr, error)) return false;
     // A client asks for ".../<app version>/<target>~<its version>/<locale>~<its locale>", target
     // 0 for "the newest": every version published before, and none, get the same full document.
     JSON own = channelState(state, channel);
@@ -353,6 +371,8 @@ bool writeChannel(JSON& state, const std::string& channel, const PublishManifest
     part.set("version", JSON(version));
     part.set("versions", versions);
     setChannelState(state, channel, part);
+    if (!signing.signerId.empty()) state.set("keys", signing.stateKeys);
+    recordStamp(state, stamp);
     return true;
 }
 
@@ -506,8 +526,10 @@ bool rollback(const PublishManifest& manifest, const std::string& out, const std
     error.clear();
     PublishedPack done;
     JSON record;
-    if (!buildVersion(publishPack, content, manifest.zipFolder, out, historyFolder, signer,
-                      packState, done, record, error))
+    SigningPlan signing;
+    if (!signingPlanOf(state, manifest, signing, error) ||
+        !buildVersion(publishPack, content, manifest.zipFolder, out, historyFolder, signer,
+                      packState, signing, done, record, error))
         return false;
     JSON packs = state["packs"];
     packs.set(pack, record);

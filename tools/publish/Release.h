@@ -62,15 +62,20 @@ struct ReleaseResult {
     uint64_t version = 0;              // of the channel's global configuration
     std::vector<std::string> written;  // paths below the tree
     bool built = false;                // a new version was built (a rollout's or a rollback's)
+    uint64_t issued = 0;               // when the channel's global configuration was signed
+    uint64_t expires = 0;              // until when devices take it
 };
 
 // Writes every document of `channel` that `state` asks for: each pack's own document for its
 // released and its gray version (written when missing or when it says another gray state), and
-// the global configuration at every path a client of the app asks for, with version `version`.
-// The paths written are added to `written`.
+// the global configuration at every path a client of the app asks for, with version `version`,
+// stamped (`stamp`: signed now, valid for the manifest's time, with `signing`'s keys). The other
+// channels' global documents are signed again with the same stamp, as they are. The paths
+// written are added to `written`; the state records the stamp and the signing keys.
 bool writeChannel(MarlLogger::json::JSON& state, const std::string& channel,
                   const PublishManifest& manifest, const std::string& out, const Signer& signer,
-                  uint64_t version, std::vector<std::string>& written, std::string& error);
+                  const SigningPlan& signing, uint64_t version, std::vector<std::string>& written,
+                  DocumentStamp& stamp, std::string& error);
 // The next configuration version of `channel`: above its last one and at least now in ms.
 uint64_t nextChannelVersion(const MarlLogger::json::JSON& state, const std::string& channel,
                             uint64_t wanted);

@@ -64,11 +64,18 @@ bool loadInputs(const Arguments& parsed, PublishManifest& manifest, Signer& sign
         status = out.fail(manifestPath->second + ": " + error);
         return false;
     }
+    const auto validFor = parsed.values.find("--valid-for");
+    if (validFor != parsed.values.end() &&
+        !parseDuration(validFor->second, manifest.validForMs, error)) {
+        status = out.usage(error);
+        return false;
+    }
     std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(keyPath->second, error);
     if (!key) {
         status = out.fail(error);
         return false;
     }
+    manifest.signerKeyId = key->publicKey()->id();
     signer = ed25519Signer(std::move(key));
     return true;
 }
@@ -117,6 +124,10 @@ int report(const ReleaseResult& result, ToolOutput& out) {
     out.set("configVersion", JSON(result.version));
     out.set("built", JSON(result.built));
     out.set("written", JSON(result.written));
+    if (result.version != 0) {
+        out.set("issued", JSON(result.issued));
+        out.set("expires", JSON(result.expires));
+    }
     const std::string where = result.channel.empty() ? "" : " in channel " + result.channel;
     if (result.version == 0) {
         out.text() << result.pack << where << ": nothing changed (" << describe(result.after)
@@ -125,7 +136,8 @@ int report(const ReleaseResult& result, ToolOutput& out) {
     }
     out.text() << result.pack << where << ": " << describe(result.after) << " (was "
                << describe(result.before) << ")\n"
-               << "configuration version " << result.version << "\n";
+               << "configuration version " << result.version << ", signed at "
+               << isoTime(result.issued) << ", valid until " << isoTime(result.expires) << "\n";
     for (const std::string& path : result.written) out.text() << "  wrote " << path << "\n";
     return out.finish();
 }
@@ -142,8 +154,10 @@ bool checkChannel(const std::string& channel, ToolOutput& out, int& status) {
 int rolloutCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     Arguments parsed;
     int status = kExitUsage;
-    if (!parseArguments(arguments, {"--key", "--manifest", "--history", "--channel", "--percent"},
-                        parsed, out, status))
+    if (!parseArguments(
+            arguments,
+            {"--key", "--manifest", "--history", "--channel", "--percent", "--valid-for"}, parsed,
+            out, status))
         return status;
     if (parsed.positional.size() != 3) return out.usage("takes PACK, SITE and OUT");
     const std::string percent = valueOr(parsed, "--percent");
@@ -171,7 +185,8 @@ int rolloutCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
 int promoteCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     Arguments parsed;
     int status = kExitUsage;
-    if (!parseArguments(arguments, {"--key", "--manifest", "--history", "--channel", "--from"},
+    if (!parseArguments(arguments,
+                        {"--key", "--manifest", "--history", "--channel", "--from", "--valid-for"},
                         parsed, out, status))
         return status;
     if (parsed.positional.size() != 2) return out.usage("takes PACK and OUT");
@@ -192,7 +207,8 @@ int promoteCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
 int rollbackCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     Arguments parsed;
     int status = kExitUsage;
-    if (!parseArguments(arguments, {"--key", "--manifest", "--history", "--channel", "--to"},
+    if (!parseArguments(arguments,
+                        {"--key", "--manifest", "--history", "--channel", "--to", "--valid-for"},
                         parsed, out, status))
         return status;
     if (parsed.positional.size() != 2) return out.usage("takes PACK and OUT");

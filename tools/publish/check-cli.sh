@@ -175,6 +175,8 @@ checkServed() {
   [ -s "$tree.publish/state.json" ] || fail "the history is not beside the tree $tree"
 }
 checkServed "$served"
+# The cache rules go beside the tree, never in it.
+[ -s "$served.nginx.conf" ] && [ -s "$served.headers.json" ] || fail "no cache rules beside the tree"
 
 # The release commands report the same way, and a tree they wrote, with its channels' documents,
 # holds only what a CDN should serve too. Their own tree and site, so the one above stays as it is.
@@ -200,6 +202,13 @@ json 2 promote "${m[@]}" --channel ../x shop "$released" >/dev/null
 json 1 rollback "${m[@]}" none "$released" >/dev/null
 [ -d "$released/channels/beta/fconfig" ] && [ -d "$released/channels/stable/packconfig" ] ||
   fail "no channel documents in the released tree"
+doc=$(json 0 key rotate --key "$key" --next "$work/open.pub.pem" "$released")
+[ "$(field .command <<<"$doc")" = "key rotate" ] && [ "$(field '.resigned.filter(p => p.startsWith("channels/")).length' <<<"$doc")" = 2 ] ||
+  fail "key rotate's report: $doc"
+json 2 key rotate --key "$key" "$released" >/dev/null
+expect "see: ferrit key rotate --help" "$(cat "$work/stderr")"
+json 2 key >/dev/null
+json 1 key rotate --key "$key" --retire "$work/open.pub.pem" "$work/no-tree" >/dev/null
 checkServed "$released"
 
 # --- one voice --------------------------------------------------------------------------------------
@@ -222,6 +231,7 @@ say pack wrap --seq x a b; say pack config --key x; say pack preload --key x --v
 say index; say index frob; say index sign; say config sign; say config sign --key "$key" a
 say publish; say publish --key x --manifest y a b; say rollout; say rollout --percent 5 a b c
 say promote --frob; say rollback --key x --manifest y a b; say publish --channel /x a b
+say key; say key frob; say key rotate; say key rotate --key x --next y z
 say get; say get --root "$work/nowhere" x
 say check --root "$work/nowhere"; say status; say inspect --root "$work"; say startup --root "$work/r"
 say get --root "$work" --frob; say cleanup --root "$work/nowhere"

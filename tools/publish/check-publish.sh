@@ -30,7 +30,7 @@ verify() {
     >/dev/null 2>&1 || fail "the signature of $1 does not verify"
 }
 
-for command in keygen pack config index publish get check startup status inspect cleanup; do
+for command in keygen key pack config index publish get check startup status inspect cleanup; do
   page=$("$tool" "$command" --help)
   for section in NAME SYNOPSIS DESCRIPTION OPTIONS "EXIT STATUS"; do
     expect "$section" "$page"
@@ -91,6 +91,17 @@ expect "\"res/index.html\":{\"url\":\"http://127.0.0.1:8080/app/index.html\",\"v
 [ -s "$work/out.publish/shop/1.json" ] || fail "no list of the first version in the history"
 expect '"index.html":{"v":"' "$(cat "$work/out.publish/shop/1.json")"
 [ -z "$(find "$work/out" -name '.publish*')" ] || fail "the tree holds the history"
+
+# The cache rules lie beside the tree: configuration documents briefly, zips as immutable.
+expect 'location ^~ /fconfig/ {' "$(cat "$work/out.nginx.conf")"
+expect 'add_header Cache-Control "public, max-age=31536000, immutable";' "$(cat "$work/out.nginx.conf")"
+expect '{"path":"/packs/*","kind":"zip","headers":{"Cache-Control":"public, max-age=31536000, immutable"}}' \
+  "$(cat "$work/out.headers.json")"
+expect '{"path":"/fconfig/*","kind":"configuration","headers":{"Cache-Control":"public, max-age=60, must-revalidate"}}' \
+  "$(cat "$work/out.headers.json")"
+# The global configuration says when it was signed and until when devices take it.
+expect '"expires":' "$(cat "$global")"
+expect "valid until" "$out"
 
 # Nothing changed: nothing is written.
 before=$(find "$work/out" -type f -newer "$global" | wc -l)
@@ -190,6 +201,25 @@ expect '"b":6' "$(cat "$work/out/packconfig/shop/6")"
   fail "the lists before the new base were kept"
 printf '<html>one</html>' > "$work/site/app/index.html"
 expect "--history DIR" "$("$tool" publish --help)"
+
+# A zip's path is never given other bytes: a tree whose history is lost refuses to publish over it.
+mv "$work/out.publish" "$work/out.kept"
+printf '<html>lost</html>' > "$work/site/app/index.html"
+set +e; lost=$(publish 2>&1); got=$?; set -e
+[ "$got" -eq 1 ] || fail "a publish over a zip with other bytes exited $got"
+expect "exists with other bytes" "$lost"
+rm -rf "$work/out.publish"; mv "$work/out.kept" "$work/out.publish"
+printf '<html>one</html>' > "$work/site/app/index.html"
+# --resign signs the configuration again with nothing changed; --valid-for sets its expiry.
+publish >/dev/null
+out=$("$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" --resign --valid-for 2d \
+  "$work/site" "$work/out")
+expect "(signed again)" "$out"
+issued=$(grep -Eo '"issued":[0-9]+' "$global" | grep -Eo '[0-9]+$')
+expires=$(grep -Eo '"expires":[0-9]+' "$global" | grep -Eo '[0-9]+$')
+[ $((expires - issued)) -eq 172800000 ] || fail "--valid-for 2d gave $((expires - issued)) ms"
+status 2 "$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" --valid-for 0 \
+  "$work/site" "$work/out"
 
 # A pack of a folder with no files is published as a valid zip with an empty list.
 mkdir -p "$work/bare/app"

@@ -167,4 +167,28 @@ verify "$tree/channels/stable/packconfig/shop/5"
 [ "$(record "$stable" shop | json 'd["s"]')" = "5" ] || fail "stable record"
 [ "$(record "$stable" cart | json 'd')" = "None" ] || fail "stable names a pack it never had"
 status 1 "$tool" promote "${m[@]}" --channel stable --from nowhere shop "$tree"
+
+# Every channel's global documents carry the tree's newest stamp: a release in one channel signs
+# the others' again as they are (their versions unchanged), so that none lapses while another is
+# renewed, and the cache rules cover the channels' documents.
+issued() { sed 's/||.*$//' "$1" | json 'd["issued"]'; }
+version() { sed 's/||.*$//' "$1" | json 'd["v"]'; }
+betaVersion=$(version "$beta")
+out=$("$tool" publish "${m[@]}" --resign --json "$work/site" "$tree")
+[ "$(json 'd["resigned"] and d["expires"] > d["issued"] > 0' <<<"$out")" = True ] || fail "publish --resign: $out"
+now=$(json 'd["issued"]' <<<"$out")
+for document in "$global" "$beta" "$stable"; do
+  verify "$document"
+  [ "$(issued "$document")" = "$now" ] || fail "$document was not signed again: $(issued "$document"), not $now"
+done
+[ "$(version "$beta")" = "$betaVersion" ] || fail "signing beta again changed its version"
+expect 'location ^~ /channels/' "$(cat "$tree.nginx.conf")"
+# key rotate signs every channel's documents again too.
+"$tool" keygen "$work/next.pem" "$work/next.pub.pem" >/dev/null
+out=$("$tool" key rotate --key "$key" --next "$work/next.pub.pem" --json "$tree")
+[ "$(json '"channels/beta/fconfig/demo/1.0/0~0/en~" in d["resigned"] and "fconfig/demo/1.0/0~0/en~" in d["resigned"]' <<<"$out")" = True ] ||
+  fail "key rotate left a channel out: $out"
+for document in "$global" "$beta" "$stable"; do
+  expect '"next":"' "$(cat "$document")"
+done
 echo "check-release: ok"
