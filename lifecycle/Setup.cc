@@ -341,8 +341,9 @@ JSON Setup::statusReport() {
     if (config->issued != 0 || config->expires != 0 || keys["trusted"].size() > 0 ||
         keys["retired"].size() > 0 || !refused.isNull()) {
         JSON signedState;
-        signedState.set("issued", config->issued);
-        signedState.set("expires", config->expires);
+        // Whole milliseconds since the epoch, as the documents carry them.
+        signedState.set("issued", wholeMilliseconds(config->issued));
+        signedState.set("expires", wholeMilliseconds(config->expires));
         signedState.set("expired", config->expires != 0 && config->expires <= MRLCurrentTime());
         signedState.set("keys", std::move(keys));
         if (!refused.isNull()) signedState.set("refused", std::move(refused));

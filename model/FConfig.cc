@@ -73,6 +73,11 @@ uint64_t versionNumber(std::string_view version) {
     return result.ec == std::errc() ? value : 0;
 }
 
+uint64_t wholeMilliseconds(double ms) {
+    constexpr double kLimit = 18446744073709549568.0;  // the largest double below 2^64
+    return ms > 0 && ms <= kLimit ? static_cast<uint64_t>(ms) : 0;
+}
+
 FConfig::FConfig() : tables_(emptyTables()) {
     const Environment& environment = Environment::instance();
     env = static_cast<uint32_t>(environment.env());

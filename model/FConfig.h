@@ -146,5 +146,8 @@ using FConfigPtr = std::shared_ptr<const FConfig>;
 std::string normalizeVersion(std::string_view version);
 // A version read as an unsigned integer; 0 when it does not parse.
 uint64_t versionNumber(std::string_view version);
+// A time of a document ("issued", "expires") in whole milliseconds, for reports; 0 for a number
+// that is no such time (negative, not a number, too large), as a lenient read may give.
+uint64_t wholeMilliseconds(double ms);
 
 }  // namespace FerritCore

@@ -139,21 +139,6 @@ KeyStatements KeyStatements::read(const JSON& keys) {
     return statements;
 }
 
-JSON KeyStatements::toJSON() const {
-    JSON keys(JSONObject{});
-    if (!next.empty()) keys.set(kNext, JSON(next));
-    if (!endorsedKey.empty()) {
-        keys.set(kEndorsement, JSON(JSONObject{{kEndorsedKey, JSON(endorsedKey)},
-                                               {kEndorsementSignature, JSON(endorsement)}}));
-    }
-    if (!retired.empty()) {
-        JSON ids(JSONArray{});
-        for (const std::string& id : retired) ids.push(JSON(id));
-        keys.set(kRetired, ids);
-    }
-    return keys;
-}
-
 KeyTrust& KeyTrust::instance() {
     static KeyTrust* const trust = ProcessState::create<KeyTrust>([](KeyTrust& t) { t.reset(); });
     return *trust;

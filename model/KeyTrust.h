@@ -41,7 +41,6 @@ struct KeyStatements {
     // Reads the member "keys" straight from a document's text, without a tree of the rest: the
     // parse stops once the member is read (a publisher writes it first). The first "keys" counts.
     static KeyStatements readDocument(std::string_view text);
-    MarlLogger::json::JSON toJSON() const;
 };
 
 class KeyTrust {

@@ -232,9 +232,9 @@ Error UpdateConfig::judge(const FConfig& document) {
     refusal.set("message", message);
     refusal.set("url", url_);
     refusal.set("version", document.version);
-    refusal.set("issued", document.issued);
-    refusal.set("expires", document.expires);
-    refusal.set("at", now);
+    refusal.set("issued", wholeMilliseconds(document.issued));
+    refusal.set("expires", wholeMilliseconds(document.expires));
+    refusal.set("at", wholeMilliseconds(now));
     {
         MutexLock lock(refusalMutex_);
         lastRefusal_ = std::move(refusal);
