@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Sets everything up and runs every test: the unit tests (g++, -Werror), the Node module's tests,
+# Sets everything up and runs every test: the unit tests (g++, -Werror), an install into a
+# temporary prefix used by a CMake and a pkg-config consumer, the Node module's tests,
 # the browser story on nginx and Chromium,
 # the same tests under ASan+UBSan, the threaded tests under TSan, a clang build, each libFuzzer
 # target for a bounded time, and a short benchmark pass so that the benchmarks keep building and
@@ -18,6 +19,8 @@ bash scripts/check-format.sh
 
 echo "== build (g++, -Werror)"
 bash scripts/build.sh build -DFERRIT_BENCH=ON
+echo "== install into a temporary prefix; a CMake and a pkg-config consumer use it"
+bash scripts/check-install.sh build
 echo "== tests"
 ctest --test-dir build --output-on-failure -j "$jobs" | tee build/ctest.log
 echo "== Node module tests (node --test)"
