@@ -19,16 +19,19 @@
  * are. Nothing throws across this interface.
  *
  * Threading:
- *   - Every function may be called from any thread, unless said otherwise.
- *   - Callbacks are called on the library's threads (its worker and work pool), never on the
- *     thread that called open(), and never with a lock held that a call of this header takes. A
- *     callback may call any function of this header and of the table, except ferritcore_close()
- *     and ferritcore_open(), which return FERRITCORE_E_IN_CALLBACK from inside a callback.
- *   - A callback must return soon: the library's threads wait for it. Long work goes to the host's
- *     own threads.
- *   - Events of one kind arrive in the order they happened; state reports in the order of the
- *     state changes. Log entries arrive in the order they were written.
- *
+ *   - Every function may be called from any thread, unless said otherwise. The calls that start
+ *     work (the update triggers, prefetch) return soon; the work runs on the library's threads.
+ *   - Every callback runs on the library's one callback thread, one callback at a time, never on
+ *     a thread that called a function of this header and never with a lock of the library held.
+ *     A callback may call any function of this header and of the table, except
+ *     ferritcore_open() and ferritcore_close(), which answer FERRITCORE_E_IN_CALLBACK there.
+ *   - A callback must return soon: later callbacks wait for it. Long work (sending a request)
+ *     goes to the host's own threads.
+ *   - Callbacks arrive in the order their news happened: state reports in the order of the state
+ *     changes, log entries in the order they were written.
+ *   - After ferritcore_close() returns, no callback of that handle runs; what was queued for it
+ *     is dropped, never delivered to a later handle.
+
  * Ownership:
  *   - Everything handed in is copied before the call returns (options and every text and byte
  *     buffer in it, headers, bodies, URLs); the caller keeps its own.
@@ -75,6 +78,8 @@ enum {
     FERRITCORE_E_IN_CALLBACK = -8,
     /* The library did not come up (the words say what its status report misses). */
     FERRITCORE_E_SETUP_FAILED = -9,
+    /* A push message of a topic that the library did not subscribe to. */
+    FERRITCORE_E_UNKNOWN_TOPIC = -10,
     /* Codes from here up are the library's own and pass unchanged. */
     FERRITCORE_E_FIRST_LIBRARY_CODE = 1
 };
@@ -89,29 +94,35 @@ typedef struct ferritcore_error {
 
 /* ---- Values of the options */
 
-/* Which of the server addresses the library reads its configuration and packs from. */
+/* The values below are chosen so that a zeroed options struct asks for the usual: release
+ * servers, an unrestricted network, warnings and errors in the log. */
+
+/* Which deployment the library believes it is in (it picks the update behaviour of that
+ * deployment; the server addresses of the options serve every one). */
 typedef enum ferritcore_env {
-    FERRITCORE_ENV_DEBUG = 0,
+    FERRITCORE_ENV_RELEASE = 0,
     FERRITCORE_ENV_DAILY = 1,
-    FERRITCORE_ENV_RELEASE = 2
+    FERRITCORE_ENV_DEBUG = 2
 } ferritcore_env;
 
 /* What the device's network is; updates wait for a network and spare a slow one. */
 typedef enum ferritcore_network {
-    FERRITCORE_NETWORK_NONE = 0,
-    FERRITCORE_NETWORK_UNRESTRICTED = 1,
+    FERRITCORE_NETWORK_UNRESTRICTED = 0,
+    FERRITCORE_NETWORK_NONE = 1,
     FERRITCORE_NETWORK_SLOW_MOBILE = 2,
     FERRITCORE_NETWORK_FAST_MOBILE = 3
 } ferritcore_network;
 
-/* Log levels: an entry is delivered when its level is at most the level set. */
+/* Log levels: an entry is delivered when its level is at most the level set. An entry's own level
+ * is one of ERROR to VERBOSE. */
 typedef enum ferritcore_log_level {
-    FERRITCORE_LOG_NONE = 0,
+    FERRITCORE_LOG_DEFAULT = 0, /* as FERRITCORE_LOG_WARNING */
     FERRITCORE_LOG_ERROR = 1,
     FERRITCORE_LOG_WARNING = 2,
     FERRITCORE_LOG_INFO = 3,
     FERRITCORE_LOG_DEBUG = 4,
-    FERRITCORE_LOG_VERBOSE = 5
+    FERRITCORE_LOG_VERBOSE = 5,
+    FERRITCORE_LOG_OFF = 6 /* nothing at all */
 } ferritcore_log_level;
 
 /* ---- The host's network */
@@ -140,7 +151,7 @@ typedef struct ferritcore_request {
     int wants_headers;
 } ferritcore_request;
 
-/* Called once per request, on a library thread. It must return at once; the host sends the
+/* Called once per request, on the callback thread. It must return at once; the host sends the
  * request on its own threads and answers it exactly once, later, from any thread (also from inside
  * this callback), with ferritcore_answer_request() or ferritcore_fail_request(). A request that is
  * never answered waits until the handle is closed. */
@@ -265,7 +276,7 @@ FERRIT_C_EXPORT ferritcore_status ferritcore_push_message(ferritcore_handle* han
 FERRIT_C_EXPORT ferritcore_status ferritcore_prefetch(ferritcore_handle* handle,
                                                       const char* const* urls, size_t url_count,
                                                       ferritcore_error* error);
-/* Updates pack `name` now; `done` (may be null) is called once, on a library thread, unless the
+/* Updates pack `name` now; `done` (may be null) is called once, on the callback thread, unless the
  * handle is closed first. */
 FERRIT_C_EXPORT ferritcore_status ferritcore_update_pack(ferritcore_handle* handle,
                                                          const char* name,

@@ -13,7 +13,8 @@ foreach(line IN LISTS lines)
   if(name MATCHES "^FerritCore::(Access|Error|ResourceRequest|ResourceResponse)::" OR
      name MATCHES "^(typeinfo|vtable|typeinfo name) for FerritCore::(Access|Error|ResourceRequest|ResourceResponse)$" OR
      name MATCHES "^_init$|^_fini$|^_edata$|^_end$|^__bss_start$" OR
-     name MATCHES "^ferritcore_(access_api|start_offline)$")
+     name MATCHES "^ferritcore_(access_api|start_offline)$" OR
+     name MATCHES "^ferritcore_(open|close|answer_request|fail_request|update_foreground|update_background|push_message|prefetch|update_pack|status_report|free_text|set_network|set_locale|set_log_level)$")
     continue()
   endif()
   # Template instantiations of the standard library emitted as weak symbols are not ours.
