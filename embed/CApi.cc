@@ -263,13 +263,7 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
     if (!a.root.empty() && a.root != root)
         return report(error, FERRITCORE_E_OTHER_ROOT,
                       "the process holds the root " + a.root + "; one root per process");
-    // The start-up order: the settings the first configuration request is built from, then the
-    // host's network and key, then the app.
-    Setup::setEnv(libraryEnv(options->env));
-    if (options->locale != nullptr) Setup::setLocale(options->locale);
-    Setup::setNetworkStatus(libraryNetwork(options->network));
-    MarlLogger::Log::setLevel(libraryLevel(options->log_level));
-    Settings::setDefaults(defaultsOf(*options));
+    // The host hears the log and the state from the first setting on.
     const bool first = a.proxy == nullptr;
     if (first) a.proxy = std::make_shared<EmbedProxy>();
     a.proxy->attach(callbacks, std::move(key));
@@ -283,6 +277,13 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
             .event("open")
             .append("reason", "insecure_no_signature_check: no signature is checked");
     }
+    // The start-up order: the settings the first configuration request is built from, then the
+    // host's network and key, then the app.
+    Setup::setEnv(libraryEnv(options->env));
+    if (options->locale != nullptr) Setup::setLocale(options->locale);
+    Setup::setNetworkStatus(libraryNetwork(options->network));
+    MarlLogger::Log::setLevel(libraryLevel(options->log_level));
+    Settings::setDefaults(defaultsOf(*options));
     if (first) Setup::setProxy(a.proxy, root + "/", rawFiles);
     a.root = root;
     a.hostStartsUpdate = options->host_starts_update == 1;
