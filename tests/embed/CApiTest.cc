@@ -41,6 +41,10 @@ constexpr uint32_t kPriority = 9;
 // Long enough for every timer of the update path to come due.
 constexpr double kUpdateWaitMs = 600000.0;
 constexpr double kClockStepMs = 1000.0;
+// What the host fails a request with, as its own network would.
+constexpr int32_t kHostRefused = 7;
+// A topic the library subscribes to at setup.
+constexpr const char* kConfigTopic = "wpb.fconfig";
 
 const std::map<std::string, std::string> kSite = {
     {"index.html", "<!doctype html><title>from C</title>"},
@@ -64,11 +68,25 @@ struct FakeHost {
     std::vector<std::string> logs;
     ferritcore_handle* handle = nullptr;
     bool answerRequests = true;
+    bool failRequests = false;
+    bool closeInCallback = false;
+    ferritcore_status closeFromCallback = FERRITCORE_OK;
+    std::vector<std::pair<std::string, int32_t>> updates;  // pack, code
     std::vector<uint64_t> unanswered;
 
     static void onRequest(void* userData, const ferritcore_request* request) {
         auto* host = static_cast<FakeHost*>(userData);
         host->requested.push_back(request->url);
+        if (host->closeInCallback)
+            host->closeFromCallback = ferritcore_close(host->handle, nullptr);
+        if (host->failRequests) {
+            ferritcore_error error{};
+            EXPECT_EQ(ferritcore_fail_request(host->handle, request->id, kHostRefused,
+                                              "no route to the server", &error),
+                      FERRITCORE_OK)
+                << error.message;
+            return;
+        }
         if (!host->answerRequests) {
             host->unanswered.push_back(request->id);
             return;
@@ -103,6 +121,9 @@ struct FakeHost {
     }
     static void onStateChanged(void* userData, const char* report) {
         static_cast<FakeHost*>(userData)->states.push_back(report);
+    }
+    static void onUpdate(void* userData, const char* pack, int32_t code, const char*) {
+        static_cast<FakeHost*>(userData)->updates.emplace_back(pack, code);
     }
     static void onLog(void* userData, ferritcore_log_level, const char* entry) {
         static_cast<FakeHost*>(userData)->logs.push_back(entry);
@@ -345,6 +366,77 @@ TEST_F(CApiTest, CloseStopsCallbacksAndTheSameRootAttachesAgain) {
     ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
     int32_t code = 0;
     EXPECT_EQ(serve(std::string(kPrefix) + "index.html", code), kSite.at("index.html"));
+}
+
+TEST_F(CApiTest, UpdatePackTellsItsCompletionOnTheCallbackThread) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
+    ferritcore_error error{};
+    ASSERT_EQ(ferritcore_update_pack(host_.handle, kPackName, FakeHost::onUpdate, &host_, &error),
+              FERRITCORE_OK)
+        << error.message;
+    ASSERT_EQ(
+        ferritcore_update_pack(host_.handle, "nosuchpack", FakeHost::onUpdate, &host_, &error),
+        FERRITCORE_OK)
+        << error.message;
+    EXPECT_TRUE(host_.updates.empty()) << "told on the callback thread, not in the call";
+    driveUntil([&] { return host_.updates.size() == 2; });
+    ASSERT_EQ(host_.updates.size(), 2u);
+    std::map<std::string, int32_t> codes(host_.updates.begin(), host_.updates.end());
+    EXPECT_EQ(codes.at(kPackName), 0);
+    EXPECT_NE(codes.at("nosuchpack"), 0);
+    EXPECT_EQ(ferritcore_update_pack(host_.handle, "", nullptr, nullptr, &error),
+              FERRITCORE_E_INVALID_ARGUMENT);
+}
+
+TEST_F(CApiTest, PushMessageReachesOnlyTopicsTheLibraryTakes) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ferritcore_error error{};
+    EXPECT_EQ(ferritcore_push_message(host_.handle, "no.such.topic", "{}", &error),
+              FERRITCORE_E_UNKNOWN_TOPIC);
+    EXPECT_NE(std::string(error.message).find("no.such.topic"), std::string::npos);
+    const size_t before = host_.requested.size();
+    EXPECT_EQ(ferritcore_push_message(host_.handle, kConfigTopic, "{}", &error), FERRITCORE_OK)
+        << error.message;
+    driveUntil([&] { return host_.requested.size() > before; });
+    EXPECT_GT(host_.requested.size(), before) << "the push asks for the configuration again";
+}
+
+TEST_F(CApiTest, RequestTheHostFailsReachesTheLibraryWithTheHostsCodeAndWords) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    host_.failRequests = true;
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_FALSE(host_.requested.empty());
+    EXPECT_TRUE(host_.updatedPacks.empty());
+    EXPECT_TRUE(
+        host_.logged("failed: " + std::to_string(kHostRefused) + ", no route to the server"));
+    int32_t code = 0;
+    EXPECT_EQ(serve(std::string(kPrefix) + "index.html", code), "");
+    EXPECT_NE(code, 0);
+    ferritcore_error error{};
+    EXPECT_EQ(ferritcore_fail_request(host_.handle, 1, 0, "zero", &error),
+              FERRITCORE_E_INVALID_ARGUMENT);
+}
+
+TEST_F(CApiTest, CloseFromInsideACallbackIsRefused) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    host_.closeInCallback = true;
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    drive();
+    ASSERT_FALSE(host_.requested.empty());
+    EXPECT_EQ(host_.closeFromCallback, FERRITCORE_E_IN_CALLBACK);
+    char* report = ferritcore_status_report(host_.handle, nullptr);
+    EXPECT_NE(report, nullptr) << "the handle is still open";
+    ferritcore_free_text(report);
 }
 
 }  // namespace
