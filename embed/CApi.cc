@@ -15,6 +15,7 @@
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
 #include "base/Telemetry.h"
+#include "embed/EmbedLog.h"
 #include "embed/EmbedProxy.h"
 #include "ferritcore/Access.h"
 #include "ferritcore/ferritcore.h"
@@ -149,23 +150,6 @@ std::shared_ptr<EmbedProxy> openProxy(ferritcore_handle* handle, ferritcore_erro
     }
     return a.proxy;
 }
-
-// The log handed to the host's log callback, one JSON text per entry, in the order written.
-class EmbedLogSink : public MarlLogger::LogSink {
-  public:
-    explicit EmbedLogSink(std::shared_ptr<EmbedProxy> proxy) : proxy_(std::move(proxy)) {}
-    void write(const MarlLogger::LogEntry& entry) override {
-        std::string line = entry.toJSONLine();
-        while (!line.empty() && line.back() == '\n') line.pop_back();
-        const auto level = static_cast<ferritcore_log_level>(entry.level);
-        proxy_->deliver([level, line = std::move(line)](const HostCallbacks& host) {
-            if (host.onLog != nullptr) host.onLog(host.userData, level, line.c_str());
-        });
-    }
-
-  private:
-    std::shared_ptr<EmbedProxy> proxy_;
-};
 
 // What open() checks before it touches the library; `key` is set when a key was given.
 ferritcore_status checkOptions(const ferritcore_options* options,

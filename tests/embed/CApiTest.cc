@@ -11,11 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "embed/EmbedLog.h"
 #include "embed/EmbedProxy.h"
 #include "ferritcore/AccessApi.h"
 #include "ferritcore/ferritcore.h"
 #include "marl/Clock.h"
 #include "marl/Json.h"
+#include "marl/Log.h"
 #include "runtime/TaskRunner.h"
 #include "tests/TestUtil.h"
 #include "tools/common/Ed25519Key.h"
@@ -437,6 +439,27 @@ TEST_F(CApiTest, CloseFromInsideACallbackIsRefused) {
     char* report = ferritcore_status_report(host_.handle, nullptr);
     EXPECT_NE(report, nullptr) << "the handle is still open";
     ferritcore_free_text(report);
+}
+
+TEST_F(CApiTest, LogBacklogDropsWhatTheHostCannotTakeAndSaysHowMany) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    drive();
+    host_.logs.clear();
+    constexpr size_t kOver = 500;
+    for (size_t i = 0; i < EmbedLogSink::kBacklogLimit + kOver; ++i) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, "Test").event("flood").append("i", i);
+    }
+    drive();
+    ASSERT_EQ(host_.logs.size(), EmbedLogSink::kBacklogLimit + 1);
+    EXPECT_NE(host_.logs.front().find("\"i\":0"), std::string::npos) << host_.logs.front();
+    EXPECT_NE(host_.logs.back().find("logDropped"), std::string::npos) << host_.logs.back();
+    EXPECT_NE(host_.logs.back().find("\"count\":" + std::to_string(kOver)), std::string::npos)
+        << host_.logs.back();
+    // Room again: the next entry is delivered.
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, "Test").event("after");
+    drive();
+    EXPECT_NE(host_.logs.back().find("after"), std::string::npos);
 }
 
 }  // namespace
