@@ -247,7 +247,10 @@ FERRIT_C_EXPORT ferritcore_status ferritcore_close(ferritcore_handle* handle,
 /* ---- The host's answers */
 
 /* Answers request `request_id` with an HTTP status (100..599), headers and body (`body` may be
- * null when `body_size` is 0, or when the body went to the request's temp file). */
+ * null when `body_size` is 0, or when the body went to the request's temp file). The library takes
+ * the answer in on the calling thread (it copies it and may check it) before it returns. A status
+ * outside 100..599 fails the request with the library's error 1004 and returns
+ * FERRITCORE_E_INVALID_ARGUMENT. */
 FERRIT_C_EXPORT ferritcore_status
 ferritcore_answer_request(ferritcore_handle* handle, uint64_t request_id, int32_t http_status,
                           const ferritcore_header* headers, size_t header_count, const void* body,
