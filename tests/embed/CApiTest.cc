@@ -1,0 +1,466 @@
+// A native host driving the whole library through ferritcore.h: a site is published into a tree
+// signed with the publisher's key, the host's request callback answers from that tree in memory
+// (as a static server would), and what the update path installs is served through the C table.
+// A tree signed by another key installs nothing. The library's worker and the callback thread are
+// both driven by hand.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "embed/EmbedLog.h"
+#include "embed/EmbedProxy.h"
+#include "ferritcore/AccessApi.h"
+#include "ferritcore/ferritcore.h"
+#include "marl/Clock.h"
+#include "marl/Json.h"
+#include "marl/Log.h"
+#include "runtime/TaskRunner.h"
+#include "tests/TestUtil.h"
+#include "tools/common/Ed25519Key.h"
+#include "tools/common/ToolFiles.h"
+#include "tools/pack/PackBuilder.h"
+#include "tools/publish/Publisher.h"
+
+namespace FerritTest {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace FerritCore;
+
+constexpr const char* kConfigServer = "https://cfg.test/";
+constexpr const char* kPackServer = "https://dl.test/";
+constexpr const char* kZipFolder = "packs/";
+constexpr const char* kPackName = "shop";
+constexpr const char* kPrefix = "https://shop.test/app/";
+constexpr const char* kAppKey = "key";
+constexpr const char* kAppVersion = "1.0";
+// Installed without a visit.
+constexpr uint32_t kPriority = 9;
+// Long enough for every timer of the update path to come due.
+constexpr double kUpdateWaitMs = 600000.0;
+constexpr double kClockStepMs = 1000.0;
+// What the host fails a request with, as its own network would.
+constexpr int32_t kHostRefused = 7;
+// A topic the library subscribes to at setup.
+constexpr const char* kConfigTopic = "wpb.fconfig";
+
+const std::map<std::string, std::string> kSite = {
+    {"index.html", "<!doctype html><title>from C</title>"},
+    {"js/app.js", "console.log('served through the C table');"},
+};
+
+std::unique_ptr<FerritTools::Ed25519Key> makeKey() {
+    std::string error;
+    std::unique_ptr<FerritTools::Ed25519Key> key = FerritTools::Ed25519Key::generate(error);
+    EXPECT_NE(key, nullptr) << error;
+    return key;
+}
+
+// The host: answers every request from the tree it serves, at once, inside the callback, and
+// keeps what the library told it.
+struct FakeHost {
+    std::map<std::string, std::string> served;  // URL -> body
+    std::vector<std::string> requested;
+    std::vector<std::string> updatedPacks;
+    std::vector<std::string> states;
+    std::vector<std::string> logs;
+    ferritcore_handle* handle = nullptr;
+    bool answerRequests = true;
+    bool failRequests = false;
+    bool closeInCallback = false;
+    ferritcore_status closeFromCallback = FERRITCORE_OK;
+    std::vector<std::pair<std::string, int32_t>> updates;  // pack, code
+    std::vector<uint64_t> unanswered;
+
+    static void onRequest(void* userData, const ferritcore_request* request) {
+        auto* host = static_cast<FakeHost*>(userData);
+        host->requested.push_back(request->url);
+        if (host->closeInCallback)
+            host->closeFromCallback = ferritcore_close(host->handle, nullptr);
+        if (host->failRequests) {
+            ferritcore_error error{};
+            EXPECT_EQ(ferritcore_fail_request(host->handle, request->id, kHostRefused,
+                                              "no route to the server", &error),
+                      FERRITCORE_OK)
+                << error.message;
+            return;
+        }
+        if (!host->answerRequests) {
+            host->unanswered.push_back(request->id);
+            return;
+        }
+        auto it = host->served.find(request->url);
+        ferritcore_error error{};
+        if (it == host->served.end()) {
+            EXPECT_EQ(ferritcore_answer_request(host->handle, request->id, 404, nullptr, 0, nullptr,
+                                                0, &error),
+                      FERRITCORE_OK)
+                << error.message;
+            return;
+        }
+        const std::string length = std::to_string(it->second.size());
+        const ferritcore_header headers[] = {{"Content-Length", length.c_str()}};
+        if (request->temp_file_path != nullptr) {
+            std::string failure;
+            EXPECT_TRUE(FerritTools::writeFileAtomically(request->temp_file_path, it->second));
+            EXPECT_EQ(ferritcore_answer_request(host->handle, request->id, 200, headers, 1, nullptr,
+                                                0, &error),
+                      FERRITCORE_OK)
+                << error.message;
+            return;
+        }
+        EXPECT_EQ(ferritcore_answer_request(host->handle, request->id, 200, headers, 1,
+                                            it->second.data(), it->second.size(), &error),
+                  FERRITCORE_OK)
+            << error.message;
+    }
+    static void onPackUpdated(void* userData, const char* name) {
+        static_cast<FakeHost*>(userData)->updatedPacks.push_back(name);
+    }
+    static void onStateChanged(void* userData, const char* report) {
+        static_cast<FakeHost*>(userData)->states.push_back(report);
+    }
+    static void onUpdate(void* userData, const char* pack, int32_t code, const char*) {
+        static_cast<FakeHost*>(userData)->updates.emplace_back(pack, code);
+    }
+    static void onLog(void* userData, ferritcore_log_level, const char* entry) {
+        static_cast<FakeHost*>(userData)->logs.push_back(entry);
+    }
+    bool logged(const std::string& words) const {
+        for (const std::string& line : logs)
+            if (line.find(words) != std::string::npos) return true;
+        return false;
+    }
+};
+
+class CApiTest : public ProcessTest {
+  protected:
+    void TearDown() override {
+        if (host_.handle != nullptr) ferritcore_close(host_.handle, nullptr);
+        ProcessTest::TearDown();
+    }
+
+    // Publishes the site, signed with `signer`, and serves the tree at the servers' addresses.
+    void publish(const FerritTools::Ed25519Key& signer) {
+        const fs::path site = work_.path() / "site";
+        for (const auto& [path, content] : kSite) {
+            fs::create_directories((site / "app" / path).parent_path());
+            ASSERT_TRUE(FerritTools::writeFileAtomically((site / "app" / path).string(), content));
+        }
+        FerritTools::PublishManifest manifest;
+        manifest.appKey = kAppKey;
+        manifest.appVersion = kAppVersion;
+        manifest.zipFolder = kZipFolder;
+        FerritTools::PublishPack pack;
+        pack.name = kPackName;
+        pack.folder = "app";
+        pack.prefix = kPrefix;
+        pack.priority = kPriority;
+        manifest.packs.push_back(pack);
+        const fs::path tree = work_.path() / "tree";
+        auto key = std::shared_ptr<const FerritTools::Ed25519Key>(
+            &signer, [](const FerritTools::Ed25519Key*) {});
+        FerritTools::PublishResult result;
+        std::string error;
+        ASSERT_TRUE(FerritTools::publish(site.string(), manifest, tree.string(), std::string(),
+                                         FerritTools::ed25519Signer(key), result, error))
+            << error;
+        for (const auto& entry : fs::recursive_directory_iterator(tree)) {
+            if (!entry.is_regular_file()) continue;
+            const std::string relative = fs::relative(entry.path(), tree).generic_string();
+            std::string body;
+            ASSERT_TRUE(FerritTools::readWholeFile(entry.path().string(), body));
+            if (relative.starts_with(kZipFolder))
+                host_.served[kPackServer + relative.substr(std::string(kZipFolder).size())] = body;
+            else
+                host_.served[kConfigServer + relative] = body;
+        }
+    }
+
+    // The publisher's key as the PEM text a host would ship.
+    std::string publicPem(const FerritTools::Ed25519Key& key) {
+        const std::string path = (work_.path() / "public.pem").string();
+        std::string error, pem;
+        EXPECT_TRUE(key.writePublicPem(path, error)) << error;
+        EXPECT_TRUE(FerritTools::readWholeFile(path, pem));
+        return pem;
+    }
+
+    ferritcore_options optionsWith(const std::string& pem) {
+        pem_ = pem;
+        ferritcore_options options{};
+        options.struct_size = sizeof options;
+        options.root = root_.c_str();
+        options.app_key = kAppKey;
+        options.app_version = kAppVersion;
+        options.public_key = pem_.data();
+        options.public_key_size = pem_.size();
+        options.config_server = kConfigServer;
+        options.pack_server = kPackServer;
+        options.log_level = FERRITCORE_LOG_INFO;
+        options.user_data = &host_;
+        options.on_request = FakeHost::onRequest;
+        options.on_pack_updated = FakeHost::onPackUpdated;
+        options.on_state_changed = FakeHost::onStateChanged;
+        options.on_log = FakeHost::onLog;
+        return options;
+    }
+
+    ferritcore_status open(const ferritcore_options& options) {
+        ferritcore_error error{};
+        const ferritcore_status status = ferritcore_open(&options, &host_.handle, &error);
+        lastError_ = error.message;
+        return status;
+    }
+
+    // Runs the worker and the callbacks until neither has anything due.
+    static void drive() {
+        for (;;) {
+            const size_t ran = TaskRunner::runDue() + EmbedProxy::deliveries().runDueTasks();
+            if (ran == 0) return;
+        }
+    }
+    // Lets time pass, in steps, running what comes due, until `done` holds or the wait is over.
+    template <typename Done>
+    void driveUntil(Done done) {
+        drive();
+        for (double waited = 0; !done() && waited < kUpdateWaitMs; waited += kClockStepMs) {
+            clock_->advance(kClockStepMs);
+            drive();
+        }
+    }
+
+    // The body the C table serves for `url`, or the error's code and words.
+    static std::string serve(const std::string& url, int32_t& code) {
+        const FerritAccessApi* api = ferritcore_access_api();
+        FerritRequest* request = api->createRequest(url.c_str());
+        FerritResponse* response = api->getResource(request);
+        api->freeRequest(request);
+        std::string body;
+        const char* message = nullptr;
+        code = 0;
+        if (api->getResponseError(response, &code, &message) == 0) {
+            const void* data = nullptr;
+            size_t size = 0;
+            if (api->getResponseData(response, &data, &size) == 1)
+                body.assign(static_cast<const char*>(data), size);
+        }
+        api->freeResponse(response);
+        return body;
+    }
+
+    MarlLogger::ScopedManualClock clock_;
+    TempDir work_;
+    std::string root_ = (work_.path() / "root").string();
+    std::string pem_;
+    std::string lastError_;
+    FakeHost host_;
+};
+
+TEST_F(CApiTest, PackInstalledThroughTheUpdatePathServesThroughTheTable) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
+    EXPECT_FALSE(host_.requested.empty());
+    for (const auto& [path, content] : kSite) {
+        int32_t code = 0;
+        EXPECT_EQ(serve(kPrefix + path, code), content) << path;
+        EXPECT_EQ(code, 0) << path;
+    }
+    EXPECT_FALSE(host_.states.empty());
+    EXPECT_FALSE(host_.logs.empty());
+}
+
+TEST_F(CApiTest, TreeSignedByAnotherKeyInstallsNothing) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    std::unique_ptr<FerritTools::Ed25519Key> other = makeKey();
+    publish(*other);
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    EXPECT_TRUE(host_.updatedPacks.empty());
+    EXPECT_FALSE(host_.requested.empty()) << "the configuration was asked for";
+    EXPECT_TRUE(host_.logged("signature does not verify"));
+    int32_t code = 0;
+    EXPECT_EQ(serve(std::string(kPrefix) + "index.html", code), "");
+    EXPECT_NE(code, 0);
+}
+
+TEST_F(CApiTest, StatusReportIsJsonTheCallerFrees) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    ferritcore_error error{};
+    char* report = ferritcore_status_report(host_.handle, &error);
+    ASSERT_NE(report, nullptr) << error.message;
+    const MarlLogger::json::JSON status = MarlLogger::json::JSON::parse(report);
+    ferritcore_free_text(report);
+    EXPECT_FALSE(status["version"].stringValue().empty());
+    // Not updated yet: the first configuration has not come.
+    bool waitsForConfig = false;
+    for (const auto& code : status["error"].arrayValue())
+        waitsForConfig = waitsForConfig || code.stringValue() == "NOT_UPDATE_CONFIG";
+    EXPECT_TRUE(waitsForConfig) << status.toString();
+}
+
+TEST_F(CApiTest, OpenRefusesWhatItCannotUse) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    ferritcore_options options = optionsWith(publicPem(*publisher));
+    ferritcore_options noKey = options;
+    noKey.public_key = nullptr;
+    noKey.public_key_size = 0;
+    EXPECT_EQ(open(noKey), FERRITCORE_E_PUBLIC_KEY);
+    const std::string notAKey = "not a key";
+    ferritcore_options badKey = options;
+    badKey.public_key = notAKey.data();
+    badKey.public_key_size = notAKey.size();
+    EXPECT_EQ(open(badKey), FERRITCORE_E_PUBLIC_KEY);
+    ferritcore_options small = options;
+    small.struct_size = FERRITCORE_OPTIONS_SIZE_V1 - 1;
+    EXPECT_EQ(open(small), FERRITCORE_E_OPTIONS_SIZE);
+    ferritcore_options noRequest = options;
+    noRequest.on_request = nullptr;
+    EXPECT_EQ(open(noRequest), FERRITCORE_E_INVALID_ARGUMENT);
+    EXPECT_EQ(host_.handle, nullptr);
+}
+
+TEST_F(CApiTest, CloseStopsCallbacksAndTheSameRootAttachesAgain) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    const ferritcore_options options = optionsWith(publicPem(*publisher));
+    host_.answerRequests = false;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    ferritcore_handle* second = nullptr;
+    ferritcore_error error{};
+    EXPECT_EQ(ferritcore_open(&options, &second, &error), FERRITCORE_E_ALREADY_OPEN);
+    EXPECT_EQ(second, nullptr);
+    drive();
+    ASSERT_EQ(host_.unanswered.size(), 1u) << "the first configuration is asked for";
+    EXPECT_EQ(ferritcore_answer_request(host_.handle, host_.unanswered[0] + 1000, 200, nullptr, 0,
+                                        nullptr, 0, &error),
+              FERRITCORE_E_UNKNOWN_REQUEST);
+
+    ferritcore_handle* closed = host_.handle;
+    ASSERT_EQ(ferritcore_close(closed, &error), FERRITCORE_OK) << error.message;
+    host_.handle = nullptr;
+    // The request that waited failed with the close; the host's late answer finds nothing.
+    EXPECT_EQ(
+        ferritcore_answer_request(closed, host_.unanswered[0], 200, nullptr, 0, nullptr, 0, &error),
+        FERRITCORE_E_CLOSED);
+    const size_t logsAtClose = host_.logs.size();
+    const size_t statesAtClose = host_.states.size();
+    clock_->advance(kUpdateWaitMs);
+    drive();
+    EXPECT_EQ(host_.logs.size(), logsAtClose);
+    EXPECT_EQ(host_.states.size(), statesAtClose);
+
+    ferritcore_options elsewhere = options;
+    const std::string otherRoot = (work_.path() / "other").string();
+    elsewhere.root = otherRoot.c_str();
+    EXPECT_EQ(open(elsewhere), FERRITCORE_E_OTHER_ROOT);
+    host_.answerRequests = true;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
+    int32_t code = 0;
+    EXPECT_EQ(serve(std::string(kPrefix) + "index.html", code), kSite.at("index.html"));
+}
+
+TEST_F(CApiTest, UpdatePackTellsItsCompletionOnTheCallbackThread) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
+    ferritcore_error error{};
+    ASSERT_EQ(ferritcore_update_pack(host_.handle, kPackName, FakeHost::onUpdate, &host_, &error),
+              FERRITCORE_OK)
+        << error.message;
+    ASSERT_EQ(
+        ferritcore_update_pack(host_.handle, "nosuchpack", FakeHost::onUpdate, &host_, &error),
+        FERRITCORE_OK)
+        << error.message;
+    EXPECT_TRUE(host_.updates.empty()) << "told on the callback thread, not in the call";
+    driveUntil([&] { return host_.updates.size() == 2; });
+    ASSERT_EQ(host_.updates.size(), 2u);
+    std::map<std::string, int32_t> codes(host_.updates.begin(), host_.updates.end());
+    EXPECT_EQ(codes.at(kPackName), 0);
+    EXPECT_NE(codes.at("nosuchpack"), 0);
+    EXPECT_EQ(ferritcore_update_pack(host_.handle, "", nullptr, nullptr, &error),
+              FERRITCORE_E_INVALID_ARGUMENT);
+}
+
+TEST_F(CApiTest, PushMessageReachesOnlyTopicsTheLibraryTakes) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ferritcore_error error{};
+    EXPECT_EQ(ferritcore_push_message(host_.handle, "no.such.topic", "{}", &error),
+              FERRITCORE_E_UNKNOWN_TOPIC);
+    EXPECT_NE(std::string(error.message).find("no.such.topic"), std::string::npos);
+    const size_t before = host_.requested.size();
+    EXPECT_EQ(ferritcore_push_message(host_.handle, kConfigTopic, "{}", &error), FERRITCORE_OK)
+        << error.message;
+    driveUntil([&] { return host_.requested.size() > before; });
+    EXPECT_GT(host_.requested.size(), before) << "the push asks for the configuration again";
+}
+
+TEST_F(CApiTest, RequestTheHostFailsReachesTheLibraryWithTheHostsCodeAndWords) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    host_.failRequests = true;
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_FALSE(host_.requested.empty());
+    EXPECT_TRUE(host_.updatedPacks.empty());
+    EXPECT_TRUE(
+        host_.logged("failed: " + std::to_string(kHostRefused) + ", no route to the server"));
+    int32_t code = 0;
+    EXPECT_EQ(serve(std::string(kPrefix) + "index.html", code), "");
+    EXPECT_NE(code, 0);
+    ferritcore_error error{};
+    EXPECT_EQ(ferritcore_fail_request(host_.handle, 1, 0, "zero", &error),
+              FERRITCORE_E_INVALID_ARGUMENT);
+}
+
+TEST_F(CApiTest, CloseFromInsideACallbackIsRefused) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    host_.closeInCallback = true;
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    drive();
+    ASSERT_FALSE(host_.requested.empty());
+    EXPECT_EQ(host_.closeFromCallback, FERRITCORE_E_IN_CALLBACK);
+    char* report = ferritcore_status_report(host_.handle, nullptr);
+    EXPECT_NE(report, nullptr) << "the handle is still open";
+    ferritcore_free_text(report);
+}
+
+TEST_F(CApiTest, LogBacklogDropsWhatTheHostCannotTakeAndSaysHowMany) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    drive();
+    host_.logs.clear();
+    constexpr size_t kOver = 500;
+    for (size_t i = 0; i < EmbedLogSink::kBacklogLimit + kOver; ++i) {
+        MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, "Test").event("flood").append("i", i);
+    }
+    drive();
+    ASSERT_EQ(host_.logs.size(), EmbedLogSink::kBacklogLimit + 1);
+    EXPECT_NE(host_.logs.front().find("\"i\":0"), std::string::npos) << host_.logs.front();
+    EXPECT_NE(host_.logs.back().find("logDropped"), std::string::npos) << host_.logs.back();
+    EXPECT_NE(host_.logs.back().find("\"count\":" + std::to_string(kOver)), std::string::npos)
+        << host_.logs.back();
+    // Room again: the next entry is delivered.
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, "Test").event("after");
+    drive();
+    EXPECT_NE(host_.logs.back().find("after"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace FerritTest
