@@ -25,6 +25,8 @@ constexpr std::string_view kSignatureRejected = "signature does not verify";
 constexpr const char* kDeliveryName = "ferrit.host";
 // The header the core reads the body's length from when it wants no other header.
 constexpr const char* kContentLength = "Content-Length";
+// The core counts a request's timeout in seconds; the host is told milliseconds.
+constexpr int32_t kMillisecondsPerSecond = 1000;
 
 // How deep the calling thread is inside callbacks to the host.
 thread_local int callbackDepth = 0;
@@ -145,7 +147,7 @@ void EmbedProxy::sendRequest(const ProxyRequest& request, ProxyCompletion comple
         given.url = request.url.c_str();
         given.headers = headers.data();
         given.header_count = headers.size();
-        given.timeout_ms = static_cast<int32_t>(request.timeout);
+        given.timeout_ms = request.timeout * kMillisecondsPerSecond;
         given.temp_file_path =
             request.tempFilePath.empty() ? nullptr : request.tempFilePath.c_str();
         given.wants_headers = request.wantHeaders ? 1 : 0;

@@ -45,6 +45,9 @@ constexpr double kUpdateWaitMs = 600000.0;
 constexpr double kClockStepMs = 1000.0;
 // What the host fails a request with, as its own network would.
 constexpr int32_t kHostRefused = 7;
+// What the library allows a configuration and a pack request, as the host reads it.
+constexpr int32_t kConfigTimeoutMs = 10000;
+constexpr int32_t kPackTimeoutMs = 20000;
 // A topic the library subscribes to at setup.
 constexpr const char* kConfigTopic = "wpb.fconfig";
 
@@ -65,6 +68,7 @@ std::unique_ptr<FerritTools::Ed25519Key> makeKey() {
 struct FakeHost {
     std::map<std::string, std::string> served;  // URL -> body
     std::vector<std::string> requested;
+    std::vector<int32_t> timeouts;  // of each request, in the order of `requested`
     std::vector<std::string> updatedPacks;
     std::vector<std::string> states;
     std::vector<std::string> logs;
@@ -79,6 +83,7 @@ struct FakeHost {
     static void onRequest(void* userData, const ferritcore_request* request) {
         auto* host = static_cast<FakeHost*>(userData);
         host->requested.push_back(request->url);
+        host->timeouts.push_back(request->timeout_ms);
         if (host->closeInCallback)
             host->closeFromCallback = ferritcore_close(host->handle, nullptr);
         if (host->failRequests) {
@@ -275,6 +280,26 @@ TEST_F(CApiTest, PackInstalledThroughTheUpdatePathServesThroughTheTable) {
     }
     EXPECT_FALSE(host_.states.empty());
     EXPECT_FALSE(host_.logs.empty());
+}
+
+TEST_F(CApiTest, RequestsCarryTheirTimeoutInMilliseconds) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_EQ(host_.requested.size(), host_.timeouts.size());
+    bool sawConfig = false, sawPack = false;
+    for (size_t i = 0; i < host_.requested.size(); ++i) {
+        if (host_.requested[i].starts_with(kConfigServer)) {
+            sawConfig = true;
+            EXPECT_EQ(host_.timeouts[i], kConfigTimeoutMs) << host_.requested[i];
+        } else if (host_.requested[i].starts_with(kPackServer)) {
+            sawPack = true;
+            EXPECT_EQ(host_.timeouts[i], kPackTimeoutMs) << host_.requested[i];
+        }
+    }
+    EXPECT_TRUE(sawConfig);
+    EXPECT_TRUE(sawPack);
 }
 
 TEST_F(CApiTest, TreeSignedByAnotherKeyInstallsNothing) {
