@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets everything up and runs every test: the unit tests (g++, -Werror), an install into a
-# temporary prefix used by a CMake and a pkg-config consumer, the Node module's tests,
+# temporary prefix used by a CMake and a pkg-config consumer and the C example (which installs
+# a signed pack from a loopback server and refuses another key), the Node module's tests,
 # the browser story on nginx and Chromium,
 # the same tests under ASan+UBSan, the threaded tests under TSan, a clang build, each libFuzzer
 # target for a bounded time, and a short benchmark pass so that the benchmarks keep building and
@@ -19,7 +20,7 @@ bash scripts/check-format.sh
 
 echo "== build (g++, -Werror)"
 bash scripts/build.sh build -DFERRIT_BENCH=ON
-echo "== install into a temporary prefix; a CMake and a pkg-config consumer use it"
+echo "== install into a temporary prefix; a CMake and a pkg-config consumer and the C example use it"
 bash scripts/check-install.sh build
 echo "== tests"
 ctest --test-dir build --output-on-failure -j "$jobs" | tee build/ctest.log
