@@ -295,15 +295,19 @@ static void on_request(void* user_data, const ferritcore_request* request) {
     mtx_unlock(&g_net.lock);
 }
 
+/* News of every pack the library installs, also on its own schedule (its periodic runs, a push).
+ * For a pack this host asked for, on_pack_done below may come first, and news still queued when
+ * close() is called is dropped: a host waits on the completion, not on this. */
 static void on_pack_updated(void* user_data, const char* name) {
     (void)user_data;
-    printf("pack %s installed\n", name);
+    printf("event: pack %s updated\n", name);
 }
 
 /* The completion of ferritcore_update_pack(): code 0, or the library's code and words. */
 static void on_pack_done(void* user_data, const char* pack_name, int32_t code,
                          const char* message) {
     host_state* host = user_data;
+    if (code == 0) printf("pack %s is installed\n", pack_name);
     mtx_lock(&host->lock);
     if (code != 0)
         snprintf(host->pack_error, sizeof host->pack_error, "pack %s: %d %s", pack_name, (int)code,
