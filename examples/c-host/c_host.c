@@ -338,7 +338,8 @@ static void on_log(void* user_data, ferritcore_log_level level, const char* entr
     host_state* host = user_data;
     /* The library delivers entries at the level it was opened with (at least info here, see
      * main); this host prints only those at the level asked on its command line. */
-    if (level <= host->print_level) fprintf(stderr, "log: %s\n", entry_json);
+    if (host->print_level != FERRITCORE_LOG_OFF && level <= host->print_level)
+        fprintf(stderr, "log: %s\n", entry_json);
 
     /* The end of a configuration update is told in the log: the entry of tag
      * "Ferrit/UpdateConfig" and event "finished", with "errorCode" and "errorMsg" when it
