@@ -230,8 +230,7 @@ static void send_request(CURL* curl, ferritcore_handle* handle, const pending_re
         status = ferritcore_answer_request(handle, request->id, (int32_t)http_status, headers.items,
                                            headers.count, body.data, body.size, &error);
     }
-    /* After close() the library answers FERRITCORE_E_CLOSED: nothing waits any more. */
-    if (status != FERRITCORE_OK && status != FERRITCORE_E_CLOSED)
+    if (status != FERRITCORE_OK)
         fprintf(stderr, "c-host: answering %s: %s\n", request->url, error.message);
     clear_headers(&headers);
     free(body.data);
@@ -387,8 +386,9 @@ typedef struct arguments {
 } arguments;
 
 static int parse_level(const char* name, ferritcore_log_level* level) {
+    /* In the order of ferritcore_log_level from FERRITCORE_LOG_ERROR on. */
     static const char* const names[] = {"error", "warning", "info", "debug", "verbose", "off"};
-    for (int i = 0; i < 6; ++i) {
+    for (int i = 0; i < (int)(sizeof names / sizeof names[0]); ++i) {
         if (strcmp(name, names[i]) == 0) {
             *level = (ferritcore_log_level)(FERRITCORE_LOG_ERROR + i);
             return 1;
@@ -401,6 +401,7 @@ static int parse_arguments(int argc, char** argv, arguments* args) {
     const char** positional[] = {&args->root,        &args->app_key,
                                  &args->app_version, &args->public_key_file,
                                  &args->server,      &args->url};
+    const size_t positional_count = sizeof positional / sizeof positional[0];
     size_t given = 0;
     *args = (arguments){.expect_size = -1,
                         .locale = "en-US",
@@ -419,13 +420,13 @@ static int parse_arguments(int argc, char** argv, arguments* args) {
             args->locale = argv[++i];
         } else if (strcmp(argv[i], "--timeout") == 0) {
             args->timeout_seconds = strtol(argv[++i], NULL, 10);
-        } else if (strncmp(argv[i], "--", 2) == 0 || given == 6) {
+        } else if (strncmp(argv[i], "--", 2) == 0 || given == positional_count) {
             return 0;
         } else {
             *positional[given++] = argv[i];
         }
     }
-    return given == 6 && args->timeout_seconds > 0 &&
+    return given == positional_count && args->timeout_seconds > 0 &&
            (args->expect_file != NULL || args->expect_size >= 0);
 }
 
@@ -636,16 +637,18 @@ int main(int argc, char** argv) {
         serve(args.url, expected, expected_size);
     }
 
-    /* Closing fails the requests still waiting and stops the callbacks; then the senders stop
-     * (a transfer under way is cut short) and are joined. After close() the library's log goes
+    /* Shutting down: the senders first (a transfer under way is cut short and failed), while
+     * the handle is still open for their answers; then close(), which fails the requests still
+     * waiting, stops the callbacks and frees the handle. After close() the library's log goes
      * to stderr again: at the level asked. */
-    ferritcore_set_log_level(handle, args.log_level, NULL);
-    ferritcore_close(handle, NULL);
     mtx_lock(&g_net.lock);
     g_net.stopping = 1;
     cnd_broadcast(&g_net.work);
     mtx_unlock(&g_net.lock);
     for (int i = 0; i < SENDER_COUNT; ++i) thrd_join(g_net.senders[i], NULL);
+    ferritcore_set_log_level(handle, args.log_level, NULL);
+    ferritcore_close(handle, NULL);
+    /* Requests that no sender took were failed by close(); their copies are left to free. */
     while (g_net.head != NULL) {
         pending_request* next = g_net.head->next;
         free_request(g_net.head);
