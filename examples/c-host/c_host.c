@@ -13,19 +13,24 @@
  *      checks the bytes.
  *
  * Usage:
- *   c-host (--expect-file F | --expect-size N) [options] ROOT APP_KEY APP_VERSION PUBLIC_KEY SERVER
- * URL ROOT              the library's folder, made when missing APP_KEY, APP_VERSION  the app as
- * the tree was published for it PUBLIC_KEY        the publisher's public key file (`ferrit keygen`
- * wrote it, PEM) SERVER            the address of the tree `ferrit publish` wrote, e.g.
- * http://127.0.0.1:8080/: the configuration is read from there and the packs from SERVER/packs/ URL
- * an address inside one of the tree's packs
- *     --expect-file F   the body served must equal the bytes of file F
- *     --expect-size N   the body served must be N bytes long
- *   options:
- *     --locale L        the locale the tree was published for (default en-US)
- *     --log-level L     error, warning (the default), info, debug, verbose or off: the library's
- *                       log entries that severe or more are printed to stderr
- *     --timeout S       seconds the update may take, configuration and pack (default 30)
+ *   c-host (--expect-file F | --expect-size N) [options]
+ *          ROOT APP_KEY APP_VERSION PUBLIC_KEY SERVER URL
+ *
+ *   ROOT                  the library's folder, made when missing
+ *   APP_KEY APP_VERSION   the app, as the tree was published for it
+ *   PUBLIC_KEY            the publisher's public key file, as `ferrit keygen` wrote it (PEM)
+ *   SERVER                the address of the tree `ferrit publish` wrote, e.g.
+ *                         http://127.0.0.1:8080/: the configuration is read from there and the
+ *                         packs from SERVER/packs/
+ *   URL                   an address inside one of the tree's packs
+ *   --expect-file F       the body served must equal the bytes of file F
+ *   --expect-size N       the body served must be N bytes long
+ *
+ * Options:
+ *   --locale L            the locale the tree was published for (default en-US)
+ *   --log-level L         error, warning (the default), info, debug, verbose or off: the
+ *                         library's log entries that severe or more are printed to stderr
+ *   --timeout S           seconds the update may take, configuration and pack (default 30)
  *
  * Exit codes:
  *   0  the pack behind URL is installed (now, or by an earlier run) and URL was served from it
