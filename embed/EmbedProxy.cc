@@ -75,7 +75,9 @@ void EmbedProxy::detach() {
         callbacks_ = HostCallbacks();
         publicKey_.reset();
         // A callback on another thread finishes before the host may free what it gave.
+        ++detachesWaiting_;
         while (running_ > 0) idle_.wait(mutex_);
+        --detachesWaiting_;
         abandoned.swap(pending_);
     }
     for (auto& [id, pending] : abandoned)
@@ -190,6 +192,11 @@ bool EmbedProxy::fail(uint64_t id, const Error& error) {
 size_t EmbedProxy::pendingCount() const {
     MutexLock lock(mutex_);
     return pending_.size();
+}
+
+size_t EmbedProxy::detachesWaiting() const {
+    MutexLock lock(mutex_);
+    return detachesWaiting_;
 }
 
 bool EmbedProxy::verifySignature(const std::string& md5Hex, const std::string& signature) {

@@ -83,6 +83,8 @@ class EmbedProxy : public Proxy, public std::enable_shared_from_this<EmbedProxy>
 
     // How many requests wait for the host (tests).
     size_t pendingCount() const;
+    // How many detaches wait for a callback to return (tests).
+    size_t detachesWaiting() const;
 
   private:
     struct Pending {
@@ -99,6 +101,7 @@ class EmbedProxy : public Proxy, public std::enable_shared_from_this<EmbedProxy>
     bool attached_ GUARDED_BY(mutex_) = false;
     uint64_t generation_ GUARDED_BY(mutex_) = 0;  // one more at every attach and detach
     int running_ GUARDED_BY(mutex_) = 0;          // callbacks running now
+    size_t detachesWaiting_ GUARDED_BY(mutex_) = 0;
     std::map<uint64_t, Pending> pending_ GUARDED_BY(mutex_);
     std::map<std::string, std::function<void(const std::string&)>> pushHandlers_ GUARDED_BY(mutex_);
     std::atomic<uint64_t> nextId_{1};

@@ -80,6 +80,9 @@ enum {
     FERRITCORE_E_SETUP_FAILED = -9,
     /* A push message of a topic that the library did not subscribe to. */
     FERRITCORE_E_UNKNOWN_TOPIC = -10,
+    /* The root was opened before in this process with another public key (or none) or another
+     * raw_file_folder; what was installed under the first stays, so they stay too. */
+    FERRITCORE_E_OTHER_OPTIONS = -11,
     /* Codes from here up are the library's own and pass unchanged. */
     FERRITCORE_E_FIRST_LIBRARY_CODE = 1
 };
