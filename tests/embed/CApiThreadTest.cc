@@ -61,6 +61,8 @@ constexpr size_t kHostThreads = 4;
 constexpr size_t kReaders = 6;
 // What the host fails a request with, as its own network would.
 constexpr int32_t kHostRefused = 7;
+// Closes and opens of a host that comes and goes.
+constexpr int kReopenTurns = 8;
 // The log entry whose delivery holds the callback thread.
 constexpr const char* kHoldingEntry = "holdTheCallbackThread";
 
@@ -621,6 +623,17 @@ TEST_F(CApiThreadTest, AnswersAfterCloseAreToldTheHandleIsClosedEvenAfterAReopen
     std::tie(answered, failed) = lateAnswers(host_.handle());
     EXPECT_EQ(answered.code, FERRITCORE_E_UNKNOWN_REQUEST);
     EXPECT_EQ(failed.code, FERRITCORE_E_UNKNOWN_REQUEST);
+
+    // However often the host closes and opens, no handle takes the place of a closed one.
+    std::set<ferritcore_handle*> handles{closed, host_.handle()};
+    for (int turn = 0; turn < kReopenTurns; ++turn) {
+        ASSERT_EQ(ferritcore_close(host_.handle(), nullptr), FERRITCORE_OK);
+        host_.setHandle(nullptr);
+        ASSERT_EQ(open(), FERRITCORE_OK) << lastError_;
+        EXPECT_TRUE(handles.insert(host_.handle()).second) << "turn " << turn;
+        EXPECT_EQ(ferritcore_fail_request(closed, held[0].id, kHostRefused, "late", nullptr),
+                  FERRITCORE_E_CLOSED);
+    }
 }
 
 TEST_F(CApiThreadTest, ReadersThroughTheTableSeeOneWholeVersionWhileAnUpdateInstalls) {
