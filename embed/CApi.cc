@@ -429,14 +429,17 @@ ferritcore_status ferritcore_update_pack(ferritcore_handle* handle, const char* 
     if (!proxy) return FERRITCORE_E_CLOSED;
     if (name == nullptr || name[0] == '\0')
         return report(error, FERRITCORE_E_INVALID_ARGUMENT, "name is required");
-    UpdateQueue::request(name, kTriggerVisit,
-                         [proxy, done, user_data, pack = std::string(name)](const Error& failure) {
-                             if (done == nullptr) return;
-                             proxy->deliver([done, user_data, pack, failure](const HostCallbacks&) {
-                                 done(user_data, pack.c_str(), failure.code(),
-                                      failure.message().c_str());
-                             });
-                         });
+    // `done` is this handle's: an update that ends after a close, or after a later open, tells no
+    // one.
+    const uint64_t generation = proxy->generation();
+    UpdateQueue::request(
+        name, kTriggerVisit,
+        [proxy, generation, done, user_data, pack = std::string(name)](const Error& failure) {
+            if (done == nullptr) return;
+            proxy->deliverTo(generation, [done, user_data, pack, failure](const HostCallbacks&) {
+                done(user_data, pack.c_str(), failure.code(), failure.message().c_str());
+            });
+        });
     return ok(error);
 }
 

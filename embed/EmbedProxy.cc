@@ -90,11 +90,18 @@ bool EmbedProxy::attached() const {
 }
 
 void EmbedProxy::deliver(std::function<void(const HostCallbacks&)> call) {
-    uint64_t generation = 0;
+    deliverTo(generation(), std::move(call));
+}
+
+uint64_t EmbedProxy::generation() const {
+    MutexLock lock(mutex_);
+    return attached_ ? generation_ : 0;
+}
+
+void EmbedProxy::deliverTo(uint64_t generation, std::function<void(const HostCallbacks&)> call) {
     {
         MutexLock lock(mutex_);
-        if (!attached_) return;
-        generation = generation_;
+        if (!attached_ || generation != generation_) return;
     }
     deliveries().postTask([self = shared_from_this(), generation, call = std::move(call)] {
         self->run(generation, call);

@@ -499,5 +499,34 @@ TEST_F(CApiTest, ReopenWithAnotherKeyOrRawFolderIsRefusedAndTheSameKeyInAnyFormI
     ASSERT_EQ(open(rawKey), FERRITCORE_OK) << lastError_;
 }
 
+TEST_F(CApiTest, UpdateAskedForBeforeACloseTellsNoLaterHandle) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    const ferritcore_options options = optionsWith(publicPem(*publisher));
+    host_.answerRequests = false;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    drive();
+    ASSERT_EQ(host_.unanswered.size(), 1u) << "the first configuration is asked for";
+    // The configuration comes; the pack's download then waits for the host.
+    const std::string& body = host_.served.at(host_.requested.at(0));
+    ferritcore_error error{};
+    ASSERT_EQ(ferritcore_answer_request(host_.handle, host_.unanswered[0], 200, nullptr, 0,
+                                        body.data(), body.size(), &error),
+              FERRITCORE_OK)
+        << error.message;
+    driveUntil([&] { return host_.unanswered.size() > 1; });
+    ASSERT_GT(host_.unanswered.size(), 1u);
+    ASSERT_EQ(ferritcore_update_pack(host_.handle, kPackName, FakeHost::onUpdate, &host_, &error),
+              FERRITCORE_OK)
+        << error.message;
+    ASSERT_EQ(ferritcore_close(host_.handle, &error), FERRITCORE_OK) << error.message;
+    host_.handle = nullptr;
+    host_.answerRequests = true;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
+    EXPECT_TRUE(host_.updates.empty()) << "the update asked for by the closed handle is not told";
+}
+
 }  // namespace
 }  // namespace FerritTest
