@@ -239,8 +239,20 @@ class ThreadedHost {
     void release() { release_.set_value(); }
     bool heldCallbackReturned() const { return heldReturned_.load(); }
 
+    // `call` runs inside the next request callback, on the callback thread.
+    void callInNextRequest(std::function<void()> call) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        inRequest_ = std::move(call);
+    }
+
     static void onRequest(void* userData, const ferritcore_request* request) {
         auto* host = static_cast<ThreadedHost*>(userData);
+        std::function<void()> call;
+        {
+            std::lock_guard<std::mutex> lock(host->mutex_);
+            call.swap(host->inRequest_);
+        }
+        if (call) call();
         std::lock_guard<std::mutex> lock(host->mutex_);
         host->callbackThreads_.insert(std::this_thread::get_id());
         host->held_.push_back(
@@ -328,6 +340,7 @@ class ThreadedHost {
     std::vector<std::string> updatedPacks_;
     std::vector<std::string> logs_;
     bool holding_ = false;
+    std::function<void()> inRequest_;
     std::promise<void> entered_;
     std::promise<void> release_;
     std::atomic<bool> heldReturned_{false};
@@ -498,6 +511,52 @@ TEST_F(CApiThreadTest, HostAnsweringFromItsOwnThreadsInstallsAPackThatServes) {
     EXPECT_GE(answering.size(), 2u);
     EXPECT_EQ(answering.count(callbacks_.id()), 0u);
     EXPECT_EQ(host_.callbackThreads(), std::set<std::thread::id>{callbacks_.id()});
+}
+
+TEST_F(CApiThreadTest, CallbackCallsEveryFunctionButOpenAndClose) {
+    publish(siteVersion(1));
+    ASSERT_EQ(open(), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks().empty(); });
+    ASSERT_EQ(host_.updatedPacks().size(), 1u);
+    // Inside a callback: the calls that take the library's locks (the triggers take its lifecycle
+    // lock, the answers the C interface's own) return, as they could not if a callback ran under
+    // one of them; open and close are refused.
+    std::map<std::string, ferritcore_status> statuses;
+    std::string served;
+    host_.callInNextRequest([&] {
+        ferritcore_handle* handle = host_.handle();
+        const ferritcore_options given = options();
+        ferritcore_handle* another = nullptr;
+        statuses["open"] = ferritcore_open(&given, &another, nullptr);
+        statuses["close"] = ferritcore_close(handle, nullptr);
+        statuses["foreground"] = ferritcore_update_foreground(handle, nullptr);
+        statuses["background"] = ferritcore_update_background(handle, nullptr);
+        statuses["foregroundAgain"] = ferritcore_update_foreground(handle, nullptr);
+        statuses["network"] =
+            ferritcore_set_network(handle, FERRITCORE_NETWORK_UNRESTRICTED, nullptr);
+        statuses["locale"] = ferritcore_set_locale(handle, "en-US", nullptr);
+        statuses["level"] = ferritcore_set_log_level(handle, FERRITCORE_LOG_INFO, nullptr);
+        const std::string url = std::string(kPrefix) + "index.html";
+        const char* urls[] = {url.c_str()};
+        statuses["prefetch"] = ferritcore_prefetch(handle, urls, 1, nullptr);
+        statuses["update"] = ferritcore_update_pack(handle, kPackName, nullptr, nullptr, nullptr);
+        statuses["push"] = ferritcore_push_message(handle, kConfigTopic, "{}", nullptr);
+        char* report = ferritcore_status_report(handle, nullptr);
+        statuses["report"] = report != nullptr ? FERRITCORE_OK : FERRITCORE_E_CLOSED;
+        ferritcore_free_text(report);
+        int32_t code = 0;
+        served = serve(url, code);
+    });
+    ASSERT_EQ(ferritcore_push_message(host_.handle(), kConfigTopic, "{}", nullptr), FERRITCORE_OK);
+    driveUntil([&] { return !statuses.empty(); });
+    ASSERT_FALSE(statuses.empty()) << "no request came";
+    EXPECT_EQ(statuses.at("open"), FERRITCORE_E_IN_CALLBACK);
+    EXPECT_EQ(statuses.at("close"), FERRITCORE_E_IN_CALLBACK);
+    for (const auto& [call, status] : statuses) {
+        if (call == "open" || call == "close") continue;
+        EXPECT_EQ(status, FERRITCORE_OK) << call;
+    }
+    EXPECT_EQ(served, siteVersion(1).at("index.html"));
 }
 
 TEST_F(CApiThreadTest, RacingAnswersToOneRequestTakeExactlyOne) {
