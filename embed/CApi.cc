@@ -130,7 +130,8 @@ ferritcore_status report(ferritcore_error* error, ferritcore_status code, std::s
     if (error != nullptr) {
         error->code = code;
         const size_t length = std::min(words.size(), sizeof(error->message) - 1);
-        std::memcpy(error->message, words.data(), length);
+        // An empty view may carry a null pointer, which memcpy must not be given.
+        if (length > 0) std::memcpy(error->message, words.data(), length);
         error->message[length] = '\0';
     }
     return code;
