@@ -24,10 +24,12 @@
 #include <vector>
 
 #include "base/Environment.h"
+#include "embed/EmbedLog.h"
 #include "embed/EmbedProxy.h"
 #include "ferritcore/AccessApi.h"
 #include "ferritcore/ferritcore.h"
 #include "marl/Clock.h"
+#include "marl/Json.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
 #include "tests/TestUtil.h"
@@ -557,6 +559,48 @@ TEST_F(CApiThreadTest, CallbackCallsEveryFunctionButOpenAndClose) {
         EXPECT_EQ(status, FERRITCORE_OK) << call;
     }
     EXPECT_EQ(served, siteVersion(1).at("index.html"));
+}
+
+TEST_F(CApiThreadTest, LogEntriesOfEachWriterArriveInTheOrderWritten) {
+    ASSERT_EQ(open(), FERRITCORE_OK) << lastError_;
+    drive();
+    constexpr size_t kWriters = 4;
+    constexpr size_t kEntries = 100;
+    static_assert(kWriters * kEntries < EmbedLogSink::kBacklogLimit, "none is dropped");
+    std::promise<void> go;
+    std::shared_future<void> start = go.get_future().share();
+    std::vector<std::thread> writers;
+    for (size_t w = 0; w < kWriters; ++w) {
+        writers.emplace_back([&, w] {
+            start.wait();
+            for (size_t i = 0; i < kEntries; ++i) {
+                MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, "Test")
+                    .event("ordered")
+                    .append("writer", static_cast<uint64_t>(w))
+                    .append("i", static_cast<uint64_t>(i));
+            }
+        });
+    }
+    // The callback thread delivers while the writers write.
+    std::future<size_t> delivering = callbacks_.pumpAsync();
+    go.set_value();
+    for (std::thread& writer : writers) writer.join();
+    ASSERT_TRUE(ready(delivering));
+    callbacks_.pump();
+
+    std::vector<int64_t> last(kWriters, -1);
+    size_t seen = 0;
+    for (const std::string& line : host_.logs()) {
+        const MarlLogger::json::JSON entry = MarlLogger::json::JSON::parse(line);
+        if (entry["event"].stringValue() != "ordered") continue;
+        const auto w = static_cast<size_t>(entry["writer"].uint64Value());
+        const auto i = static_cast<int64_t>(entry["i"].uint64Value());
+        ASSERT_LT(w, kWriters) << line;
+        EXPECT_EQ(i, last[w] + 1) << line;
+        last[w] = i;
+        ++seen;
+    }
+    EXPECT_EQ(seen, kWriters * kEntries);
 }
 
 TEST_F(CApiThreadTest, RacingAnswersToOneRequestTakeExactlyOne) {
