@@ -27,7 +27,8 @@
 #include "update/UpdateQueue.h"
 
 struct ferritcore_handle {
-    // Nothing: the handle is only the proof of one open, compared by address.
+    // Nothing: the handle is only the proof of one open, compared by address. Every handle lives
+    // as long as the process, so that a closed one never shares its address with a later one.
     int unused = 0;
 };
 
@@ -97,8 +98,15 @@ MarlLogger::MRLLevel libraryLevel(ferritcore_log_level level) {
 struct Attachment {
     Mutex mutex;
     std::string root GUARDED_BY(mutex);  // empty until the first open
+    // What the root was opened with and every later open must repeat: the raw public key (empty:
+    // none) and the folder of raw files.
+    std::string publicKey GUARDED_BY(mutex);
+    std::string rawFiles GUARDED_BY(mutex);
     std::shared_ptr<EmbedProxy> proxy GUARDED_BY(mutex);
     ferritcore_handle* open GUARDED_BY(mutex) = nullptr;
+    // Every handle made, open or closed: a host thread that answers late with a closed handle
+    // gets FERRITCORE_E_CLOSED, even when a later open made a new one.
+    std::vector<std::unique_ptr<ferritcore_handle>> handles GUARDED_BY(mutex);
     bool hostStartsUpdate GUARDED_BY(mutex) = false;
     bool ownsLog GUARDED_BY(mutex) = false;  // the log goes to the host's callback
 };
@@ -107,9 +115,11 @@ Attachment& attachment() {
     static Attachment* const instance = ProcessState::create<Attachment>([](Attachment& a) {
         MutexLock lock(a.mutex);
         a.root.clear();
+        a.publicKey.clear();
+        a.rawFiles.clear();
         a.proxy.reset();
-        delete a.open;
         a.open = nullptr;
+        a.handles.clear();
         a.hostStartsUpdate = false;
         a.ownsLog = false;
     });
@@ -120,7 +130,8 @@ ferritcore_status report(ferritcore_error* error, ferritcore_status code, std::s
     if (error != nullptr) {
         error->code = code;
         const size_t length = std::min(words.size(), sizeof(error->message) - 1);
-        std::memcpy(error->message, words.data(), length);
+        // An empty view may carry a null pointer, which memcpy must not be given.
+        if (length > 0) std::memcpy(error->message, words.data(), length);
         error->message[length] = '\0';
     }
     return code;
@@ -149,6 +160,13 @@ std::shared_ptr<EmbedProxy> openProxy(ferritcore_handle* handle, ferritcore_erro
         return nullptr;
     }
     return a.proxy;
+}
+
+// The failure of an answer that found no request waiting: the handle was closed meanwhile (its
+// requests failed with the close), or the id is unknown.
+ferritcore_status noSuchRequest(ferritcore_handle* handle, ferritcore_error* error) {
+    if (!openProxy(handle, error)) return FERRITCORE_E_CLOSED;
+    return report(error, FERRITCORE_E_UNKNOWN_REQUEST, "no request waits with this id");
 }
 
 // What open() checks before it touches the library; `key` is set when a key was given.
@@ -247,6 +265,17 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
     if (!a.root.empty() && a.root != root)
         return report(error, FERRITCORE_E_OTHER_ROOT,
                       "the process holds the root " + a.root + "; one root per process");
+    // What was verified or read with the first key and folder stays installed and keeps serving,
+    // so a different one could not take effect for all of it: it is refused.
+    const std::string publicKey = key ? key->raw() : std::string();
+    if (!a.root.empty() && a.publicKey != publicKey)
+        return report(
+            error, FERRITCORE_E_OTHER_OPTIONS,
+            "the root " + a.root + " was opened with another public key; it stays for the process");
+    if (!a.root.empty() && a.rawFiles != rawFiles)
+        return report(error, FERRITCORE_E_OTHER_OPTIONS,
+                      "the root " + a.root +
+                          " was opened with another raw_file_folder; it stays for the process");
     // The host hears the log and the state from the first setting on.
     const bool first = a.proxy == nullptr;
     if (first) a.proxy = std::make_shared<EmbedProxy>();
@@ -270,6 +299,8 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
     Settings::setDefaults(defaultsOf(*options));
     if (first) Setup::setProxy(a.proxy, root + "/", rawFiles);
     a.root = root;
+    a.publicKey = publicKey;
+    a.rawFiles = rawFiles;
     a.hostStartsUpdate = options->host_starts_update == 1;
     Setup::setup(options->app_key, options->app_version,
                  a.hostStartsUpdate ? kModeHostStartsUpdate : kModeAutoUpdate);
@@ -282,7 +313,8 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
         a.ownsLog = false;
         return report(error, FERRITCORE_E_SETUP_FAILED, "the library is not set up: " + missing);
     }
-    a.open = new ferritcore_handle();
+    a.handles.push_back(std::make_unique<ferritcore_handle>());
+    a.open = a.handles.back().get();
     *handle = a.open;
     return ok(error);
 }
@@ -303,7 +335,6 @@ ferritcore_status ferritcore_close(ferritcore_handle* handle, ferritcore_error* 
         if (a.ownsLog) MarlLogger::Log::setSink(std::make_shared<MarlLogger::StderrSink>());
         a.ownsLog = false;
     }
-    delete handle;
     proxy->detach();
     Environment::instance().refreshTakesEvents();
     Setup::clientDeactived();
@@ -321,8 +352,7 @@ ferritcore_status ferritcore_answer_request(ferritcore_handle* handle, uint64_t 
     if (http_status < kFirstHttpStatus || http_status > kLastHttpStatus) {
         // A status that no HTTP response has is the host's failure: the request fails with it.
         const Error invalid = Errors::hostInvalidStatus(std::to_string(http_status));
-        if (!proxy->fail(request_id, invalid))
-            return report(error, FERRITCORE_E_UNKNOWN_REQUEST, "no request waits with this id");
+        if (!proxy->fail(request_id, invalid)) return noSuchRequest(handle, error);
         return report(error, FERRITCORE_E_INVALID_ARGUMENT, invalid.message());
     }
     ProxyResponse response;
@@ -332,8 +362,7 @@ ferritcore_status ferritcore_answer_request(ferritcore_handle* handle, uint64_t 
         response.header[headers[i].name] = headers[i].value;
     }
     if (body_size > 0) response.content.assign(static_cast<const char*>(body), body_size);
-    if (!proxy->answer(request_id, std::move(response)))
-        return report(error, FERRITCORE_E_UNKNOWN_REQUEST, "no request waits with this id");
+    if (!proxy->answer(request_id, std::move(response))) return noSuchRequest(handle, error);
     return ok(error);
 }
 
@@ -343,8 +372,7 @@ ferritcore_status ferritcore_fail_request(ferritcore_handle* handle, uint64_t re
     std::shared_ptr<EmbedProxy> proxy = openProxy(handle, error);
     if (!proxy) return error != nullptr ? error->code : FERRITCORE_E_CLOSED;
     if (code == 0) return report(error, FERRITCORE_E_INVALID_ARGUMENT, "code must not be 0");
-    if (!proxy->fail(request_id, Error(code, text(message))))
-        return report(error, FERRITCORE_E_UNKNOWN_REQUEST, "no request waits with this id");
+    if (!proxy->fail(request_id, Error(code, text(message)))) return noSuchRequest(handle, error);
     return ok(error);
 }
 
@@ -402,14 +430,17 @@ ferritcore_status ferritcore_update_pack(ferritcore_handle* handle, const char* 
     if (!proxy) return FERRITCORE_E_CLOSED;
     if (name == nullptr || name[0] == '\0')
         return report(error, FERRITCORE_E_INVALID_ARGUMENT, "name is required");
-    UpdateQueue::request(name, kTriggerVisit,
-                         [proxy, done, user_data, pack = std::string(name)](const Error& failure) {
-                             if (done == nullptr) return;
-                             proxy->deliver([done, user_data, pack, failure](const HostCallbacks&) {
-                                 done(user_data, pack.c_str(), failure.code(),
-                                      failure.message().c_str());
-                             });
-                         });
+    // `done` is this handle's: an update that ends after a close, or after a later open, tells no
+    // one.
+    const uint64_t generation = proxy->generation();
+    UpdateQueue::request(
+        name, kTriggerVisit,
+        [proxy, generation, done, user_data, pack = std::string(name)](const Error& failure) {
+            if (done == nullptr) return;
+            proxy->deliverTo(generation, [done, user_data, pack, failure](const HostCallbacks&) {
+                done(user_data, pack.c_str(), failure.code(), failure.message().c_str());
+            });
+        });
     return ok(error);
 }
 

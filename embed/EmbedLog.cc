@@ -51,6 +51,8 @@ void EmbedLogSink::write(const MarlLogger::LogEntry& entry) {
     // The count goes down when the entry reaches the host, or when its delivery is dropped (a
     // close), so that a host that closed does not leave the backlog full for the next one.
     struct Slot {
+        // Spelled out: clang does not build an aggregate from make_shared's parentheses.
+        explicit Slot(std::shared_ptr<Backlog> held) : backlog(std::move(held)) {}
         std::shared_ptr<Backlog> backlog;
         bool waiting = true;
         ~Slot() {

@@ -77,7 +77,9 @@ void EmbedProxy::detach() {
         callbacks_ = HostCallbacks();
         publicKey_.reset();
         // A callback on another thread finishes before the host may free what it gave.
+        ++detachesWaiting_;
         while (running_ > 0) idle_.wait(mutex_);
+        --detachesWaiting_;
         abandoned.swap(pending_);
     }
     for (auto& [id, pending] : abandoned)
@@ -90,11 +92,18 @@ bool EmbedProxy::attached() const {
 }
 
 void EmbedProxy::deliver(std::function<void(const HostCallbacks&)> call) {
-    uint64_t generation = 0;
+    deliverTo(generation(), std::move(call));
+}
+
+uint64_t EmbedProxy::generation() const {
+    MutexLock lock(mutex_);
+    return attached_ ? generation_ : 0;
+}
+
+void EmbedProxy::deliverTo(uint64_t generation, std::function<void(const HostCallbacks&)> call) {
     {
         MutexLock lock(mutex_);
-        if (!attached_) return;
-        generation = generation_;
+        if (!attached_ || generation != generation_) return;
     }
     deliveries().postTask([self = shared_from_this(), generation, call = std::move(call)] {
         self->run(generation, call);
@@ -192,6 +201,11 @@ bool EmbedProxy::fail(uint64_t id, const Error& error) {
 size_t EmbedProxy::pendingCount() const {
     MutexLock lock(mutex_);
     return pending_.size();
+}
+
+size_t EmbedProxy::detachesWaiting() const {
+    MutexLock lock(mutex_);
+    return detachesWaiting_;
 }
 
 bool EmbedProxy::verifySignature(const std::string& md5Hex, const std::string& signature) {

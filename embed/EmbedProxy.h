@@ -64,6 +64,12 @@ class EmbedProxy : public Proxy, public std::enable_shared_from_this<EmbedProxy>
     bool push(const std::string& topic, const std::string& message);
     // Delivers `call` to the attached host on the delivery runner (dropped after a detach).
     void deliver(std::function<void(const HostCallbacks&)> call);
+    // The attached host's turn, 0 while none is attached: what deliverTo() is given to reach
+    // only the host that asked, never one that attached after it.
+    uint64_t generation() const;
+    // Delivers `call` if the host of `generation` is still attached, on the delivery runner;
+    // dropped otherwise, and dropped when that host detaches before it runs.
+    void deliverTo(uint64_t generation, std::function<void(const HostCallbacks&)> call);
 
     // The runner every callback runs on: a thread of its own, or, when the process's runner is
     // driven by hand (tests), one driven by hand too.
@@ -83,6 +89,8 @@ class EmbedProxy : public Proxy, public std::enable_shared_from_this<EmbedProxy>
 
     // How many requests wait for the host (tests).
     size_t pendingCount() const;
+    // How many detaches wait for a callback to return (tests).
+    size_t detachesWaiting() const;
 
   private:
     struct Pending {
@@ -99,6 +107,7 @@ class EmbedProxy : public Proxy, public std::enable_shared_from_this<EmbedProxy>
     bool attached_ GUARDED_BY(mutex_) = false;
     uint64_t generation_ GUARDED_BY(mutex_) = 0;  // one more at every attach and detach
     int running_ GUARDED_BY(mutex_) = 0;          // callbacks running now
+    size_t detachesWaiting_ GUARDED_BY(mutex_) = 0;
     std::map<uint64_t, Pending> pending_ GUARDED_BY(mutex_);
     std::map<std::string, std::function<void(const std::string&)>> pushHandlers_ GUARDED_BY(mutex_);
     std::atomic<uint64_t> nextId_{1};

@@ -39,7 +39,7 @@ bash scripts/test-node.sh build-asan --sanitized
 echo "== threaded tests under TSan"
 bash scripts/build.sh build-tsan -DFERRIT_TSAN=ON -DCMAKE_BUILD_TYPE=Debug -DFERRIT_BENCH=OFF
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j "$jobs" \
-  -R 'TaskRunner|RepeatingTimer|Semaphore|SCacheTest|Setup|UpdateConfig|Network|ConcurrentRead|CacheThread|HotList|ReadGroup|AggregateGroup|FreeList|StatisticsTest.Concurrent|UpdateQueue|PushTest|PreloadTest|PreviewTest'
+  -R 'TaskRunner|RepeatingTimer|Semaphore|SCacheTest|Setup|UpdateConfig|Network|ConcurrentRead|CacheThread|HotList|ReadGroup|AggregateGroup|FreeList|StatisticsTest.Concurrent|UpdateQueue|PushTest|PreloadTest|PreviewTest|CApi'
 
 echo "== fuzz targets (clang, ${fuzz_seconds}s each)"
 CC=clang CXX=clang++ bash scripts/build.sh build-fuzz -DFERRIT_FUZZ=ON -DFERRIT_TESTS=OFF

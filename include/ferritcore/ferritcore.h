@@ -7,8 +7,14 @@
  * teardown: ferritcore_close() does not unload anything. It stops every callback of the handle
  * (none starts after close() returns), sends the client to the background, fails the requests
  * still waiting for the host, and detaches. A later ferritcore_open() with the same root attaches
- * again to the running library, with the new callbacks; one with another root fails with
- * FERRITCORE_E_OTHER_ROOT. At most one handle is open at a time (FERRITCORE_E_ALREADY_OPEN).
+ * again to the running library, with the new callbacks and user data, and the new environment,
+ * servers, locale, network, log level, app key and version; one with another root fails with
+ * FERRITCORE_E_OTHER_ROOT. The public key and raw_file_folder stay those of the first open
+ * (what was verified and read with them stays installed): a later open with another key (or
+ * none) or another folder fails with FERRITCORE_E_OTHER_OPTIONS; the same key in another form
+ * is the same key. host_starts_update 0 on a later open hands the start of updates to the
+ * library; 1 does not take back a start the library was given. At most one handle is open at a
+ * time (FERRITCORE_E_ALREADY_OPEN).
  *
  * Errors. Every call that can fail returns a ferritcore_status (0 is success) and, when the
  * caller passes a ferritcore_error, fills it with the code and the words. An out-parameter rather
@@ -19,8 +25,14 @@
  * are. Nothing throws across this interface.
  *
  * Threading:
- *   - Every function may be called from any thread, unless said otherwise. The calls that start
- *     work (the update triggers, prefetch) return soon; the work runs on the library's threads.
+ *   - Every function may be called from any thread, unless said otherwise, and from several
+ *     threads at once: a host may answer different requests on different threads at the same
+ *     time.
+ *   - No call waits for the network or for the host, except ferritcore_close(), which waits for a
+ *     callback running on another thread to return. What each call does on the calling thread
+ *     before it returns (reading and writing the library's files and databases, waits for a lock
+ *     that another call of this header holds) is said at the call; the work it starts (fetching,
+ *     installing) runs on the library's threads.
  *   - Every callback runs on the library's one callback thread, one callback at a time, never on
  *     a thread that called a function of this header and never with a lock of the library held.
  *     A callback may call any function of this header and of the table, except
@@ -30,7 +42,11 @@
  *   - Callbacks arrive in the order their news happened: state reports in the order of the state
  *     changes, log entries in the order they were written.
  *   - After ferritcore_close() returns, no callback of that handle runs; what was queued for it
- *     is dropped, never delivered to a later handle.
+ *     is dropped, never delivered to a later handle (the `done` of ferritcore_update_pack()
+ *     included).
+ *   - Close may race with the host's threads: a request answered or failed while or after its
+ *     handle closes gets FERRITCORE_E_CLOSED (or FERRITCORE_OK when the answer was taken first),
+ *     never a crash.
 
  * Ownership:
  *   - Everything handed in is copied before the call returns (options and every text and byte
@@ -39,8 +55,10 @@
  *     valid only until the callback returns; a host that answers later copies what it needs. The
  *     request id stays valid until the request is answered or failed, or the handle is closed.
  *   - ferritcore_status_report() returns text that the caller frees with ferritcore_free_text().
- *   - The handle is the library's; it is freed by ferritcore_close(), after which it must not be
- *     used.
+ *   - The handle is the library's; the host never frees it. After ferritcore_close() it stays a
+ *     safe argument for the life of the process: every call with it answers FERRITCORE_E_CLOSED,
+ *     also after a later open, whose handle is never the same pointer. (Each open keeps a few
+ *     bytes for the process's life.)
  */
 #ifndef FERRITCORE_FERRITCORE_H
 #define FERRITCORE_FERRITCORE_H
@@ -80,6 +98,9 @@ enum {
     FERRITCORE_E_SETUP_FAILED = -9,
     /* A push message of a topic that the library did not subscribe to. */
     FERRITCORE_E_UNKNOWN_TOPIC = -10,
+    /* The root was opened before in this process with another public key (or none) or another
+     * raw_file_folder; what was installed under the first stays, so they stay too. */
+    FERRITCORE_E_OTHER_OPTIONS = -11,
     /* Codes from here up are the library's own and pass unchanged. */
     FERRITCORE_E_FIRST_LIBRARY_CODE = 1
 };
@@ -154,7 +175,8 @@ typedef struct ferritcore_request {
 /* Called once per request, on the callback thread. It must return at once; the host sends the
  * request on its own threads and answers it exactly once, later, from any thread (also from inside
  * this callback), with ferritcore_answer_request() or ferritcore_fail_request(). A request that is
- * never answered waits until the handle is closed. */
+ * never answered waits until the handle is closed. The library may stop waiting for it sooner (its
+ * own deadline); an answer after that is taken and ignored. */
 typedef void (*ferritcore_request_callback)(void* user_data, const ferritcore_request* request);
 
 /* ---- Events */
@@ -234,13 +256,19 @@ typedef struct ferritcore_options {
  * the host's network and key, the app's key and version) and returns once it is set up: the
  * stored configuration is loaded and the packs already installed serve through the table. The
  * first configuration update runs after that, on the library's threads. On failure `*handle` is
- * null. */
+ * null.
+ * Blocks on: the first open makes the root's folders and reads the stored configuration from the
+ * root's database on the calling thread. While it runs, the calls of this header that take a
+ * handle (answers from the host's threads too) wait for it; it waits for no callback and for no
+ * host. */
 FERRIT_C_EXPORT ferritcore_status ferritcore_open(const ferritcore_options* options,
                                                   ferritcore_handle** handle,
                                                   ferritcore_error* error);
 
-/* Stops the callbacks and detaches (see the top of this header). Waits for callbacks that are
- * running on other threads to return. Null is allowed. */
+/* Stops the callbacks and detaches (see the top of this header). Null is allowed.
+ * Blocks on: a callback running on another thread, until it returns (so a host must not close
+ * while holding a lock that its callbacks take); then, as ferritcore_update_background(), the
+ * compaction of the library's databases when it is due. */
 FERRIT_C_EXPORT ferritcore_status ferritcore_close(ferritcore_handle* handle,
                                                    ferritcore_error* error);
 
@@ -250,7 +278,9 @@ FERRIT_C_EXPORT ferritcore_status ferritcore_close(ferritcore_handle* handle,
  * null when `body_size` is 0, or when the body went to the request's temp file). The library takes
  * the answer in on the calling thread (it copies it and may check it) before it returns. A status
  * outside 100..599 fails the request with the library's error 1004 and returns
- * FERRITCORE_E_INVALID_ARGUMENT. */
+ * FERRITCORE_E_INVALID_ARGUMENT. Each request is taken once: of several answers and failures of
+ * one id, racing on several threads, one is taken and the others get
+ * FERRITCORE_E_UNKNOWN_REQUEST. */
 FERRIT_C_EXPORT ferritcore_status
 ferritcore_answer_request(ferritcore_handle* handle, uint64_t request_id, int32_t http_status,
                           const ferritcore_header* headers, size_t header_count, const void* body,
@@ -263,24 +293,40 @@ FERRIT_C_EXPORT ferritcore_status ferritcore_fail_request(ferritcore_handle* han
                                                           const char* message,
                                                           ferritcore_error* error);
 
-/* ---- Update triggers; each returns at once, the work runs on the library's threads. */
+/* ---- Update triggers; the fetching and installing they start runs on the library's threads.
+ * ferritcore_update_foreground() and ferritcore_update_background() take the library's lifecycle
+ * lock, as open and close do: each waits for another of the four running on another thread,
+ * including the compaction described below. */
 
-/* The app came to the foreground (also: the host starts updates, when it said it would). */
+/* The app came to the foreground (also: the host starts updates, when it said it would).
+ * Blocks on: when it starts updates (the first call after open with host_starts_update 1), the
+ * update queue's planning (it reads the stored configuration again when another process changed
+ * it) and the compaction of the library's databases (a SQLite checkpoint and truncation of three
+ * databases, which takes as long as the disk takes; at most once every ten minutes, shared with
+ * ferritcore_update_background() and ferritcore_close()). Else it only posts a configuration
+ * check. */
 FERRIT_C_EXPORT ferritcore_status ferritcore_update_foreground(ferritcore_handle* handle,
                                                                ferritcore_error* error);
-/* The app went to the background. */
+/* The app went to the background: updates pause.
+ * Blocks on: the compaction of the library's databases on the calling thread, when ten minutes
+ * have passed since the last (see ferritcore_update_foreground()). */
 FERRIT_C_EXPORT ferritcore_status ferritcore_update_background(ferritcore_handle* handle,
                                                                ferritcore_error* error);
-/* A push message arrived for `topic`; the library acts on the topics it subscribed to. */
+/* A push message arrived for `topic`; the library acts on the topics it subscribed to.
+ * Blocks on: parsing the message; a configuration message that carries pack records stores them
+ * in the library's configuration on the calling thread. The fetch it starts runs later. */
 FERRIT_C_EXPORT ferritcore_status ferritcore_push_message(ferritcore_handle* handle,
                                                           const char* topic, const char* message,
                                                           ferritcore_error* error);
-/* Installs ahead of use the packs that serve these URLs. */
+/* Installs ahead of use the packs that serve these URLs.
+ * Blocks on: nothing; the URLs are matched against the configuration in memory. */
 FERRIT_C_EXPORT ferritcore_status ferritcore_prefetch(ferritcore_handle* handle,
                                                       const char* const* urls, size_t url_count,
                                                       ferritcore_error* error);
 /* Updates pack `name` now; `done` (may be null) is called once, on the callback thread, unless the
- * handle is closed first. */
+ * handle is closed first; never for a later handle.
+ * Blocks on: the update queue's planning (it reads the stored configuration again when another
+ * process changed it). */
 FERRIT_C_EXPORT ferritcore_status ferritcore_update_pack(ferritcore_handle* handle,
                                                          const char* name,
                                                          ferritcore_update_callback done,
@@ -289,7 +335,8 @@ FERRIT_C_EXPORT ferritcore_status ferritcore_update_pack(ferritcore_handle* hand
 /* ---- Status and settings */
 
 /* The status report as JSON text ({"version", "process", "feature"} and "error" when anything is
- * missing), or null with `error` set. Free it with ferritcore_free_text(). */
+ * missing), or null with `error` set. Free it with ferritcore_free_text(). Blocks on: nothing
+ * beyond a stat of the root. */
 FERRIT_C_EXPORT char* ferritcore_status_report(ferritcore_handle* handle, ferritcore_error* error);
 /* Frees text this library returned; null is allowed. */
 FERRIT_C_EXPORT void ferritcore_free_text(char* text);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Ed25519PublicKey.h"
 #include "embed/EmbedLog.h"
 #include "embed/EmbedProxy.h"
 #include "ferritcore/AccessApi.h"
@@ -485,6 +486,71 @@ TEST_F(CApiTest, LogBacklogDropsWhatTheHostCannotTakeAndSaysHowMany) {
     MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, "Test").event("after");
     drive();
     EXPECT_NE(host_.logs.back().find("after"), std::string::npos);
+}
+
+TEST_F(CApiTest, ReopenWithAnotherKeyOrRawFolderIsRefusedAndTheSameKeyInAnyFormIsNot) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    std::unique_ptr<FerritTools::Ed25519Key> other = makeKey();
+    const std::string otherPem = publicPem(*other);
+    const ferritcore_options options = optionsWith(publicPem(*publisher));
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    ASSERT_EQ(ferritcore_close(host_.handle, nullptr), FERRITCORE_OK);
+    host_.handle = nullptr;
+
+    ferritcore_options otherKey = options;
+    otherKey.public_key = otherPem.data();
+    otherKey.public_key_size = otherPem.size();
+    EXPECT_EQ(open(otherKey), FERRITCORE_E_OTHER_OPTIONS);
+    EXPECT_NE(lastError_.find("another public key"), std::string::npos) << lastError_;
+    EXPECT_EQ(host_.handle, nullptr);
+    ferritcore_options noKey = options;
+    noKey.public_key = nullptr;
+    noKey.public_key_size = 0;
+    noKey.insecure_no_signature_check = 1;
+    EXPECT_EQ(open(noKey), FERRITCORE_E_OTHER_OPTIONS);
+    ferritcore_options otherFolder = options;
+    const std::string rawFiles = (work_.path() / "raw").string();
+    otherFolder.raw_file_folder = rawFiles.c_str();
+    EXPECT_EQ(open(otherFolder), FERRITCORE_E_OTHER_OPTIONS);
+    EXPECT_NE(lastError_.find("raw_file_folder"), std::string::npos) << lastError_;
+
+    // The same key as its 32 raw bytes is the same key.
+    std::string reason;
+    const std::string raw =
+        Ed25519PublicKey::parse(pem_, Ed25519PublicKey::Form::Bytes, reason)->raw();
+    ferritcore_options rawKey = options;
+    rawKey.public_key = raw.data();
+    rawKey.public_key_size = raw.size();
+    ASSERT_EQ(open(rawKey), FERRITCORE_OK) << lastError_;
+}
+
+TEST_F(CApiTest, UpdateAskedForBeforeACloseTellsNoLaterHandle) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    const ferritcore_options options = optionsWith(publicPem(*publisher));
+    host_.answerRequests = false;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    drive();
+    ASSERT_EQ(host_.unanswered.size(), 1u) << "the first configuration is asked for";
+    // The configuration comes; the pack's download then waits for the host.
+    const std::string& body = host_.served.at(host_.requested.at(0));
+    ferritcore_error error{};
+    ASSERT_EQ(ferritcore_answer_request(host_.handle, host_.unanswered[0], 200, nullptr, 0,
+                                        body.data(), body.size(), &error),
+              FERRITCORE_OK)
+        << error.message;
+    driveUntil([&] { return host_.unanswered.size() > 1; });
+    ASSERT_GT(host_.unanswered.size(), 1u);
+    ASSERT_EQ(ferritcore_update_pack(host_.handle, kPackName, FakeHost::onUpdate, &host_, &error),
+              FERRITCORE_OK)
+        << error.message;
+    ASSERT_EQ(ferritcore_close(host_.handle, &error), FERRITCORE_OK) << error.message;
+    host_.handle = nullptr;
+    host_.answerRequests = true;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
+    EXPECT_TRUE(host_.updates.empty()) << "the update asked for by the closed handle is not told";
 }
 
 }  // namespace
