@@ -22,8 +22,10 @@
 #include "lifecycle/Setup.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
+#include "model/SCache.h"
 #include "runtime/Settings.h"
 #include "support/Mutex.h"
+#include "update/UpdateConfig.h"
 #include "update/UpdateQueue.h"
 
 struct ferritcore_handle {
@@ -441,6 +443,92 @@ ferritcore_status ferritcore_update_pack(ferritcore_handle* handle, const char* 
                 done(user_data, pack.c_str(), failure.code(), failure.message().c_str());
             });
         });
+    return ok(error);
+}
+
+namespace {
+
+// The version a check asks for when no push named one: whatever is newest.
+constexpr const char* kAnyConfigVersion = "0";
+
+// One ferritcore_update_now(): counts the packs still updating and keeps the first failure, so
+// that the last pack to end tells the host the whole result.
+struct UpdateNowRun {
+    std::shared_ptr<EmbedProxy> proxy;
+    uint64_t generation = 0;
+    ferritcore_update_callback done = nullptr;
+    void* userData = nullptr;
+    Mutex mutex;
+    size_t pending GUARDED_BY(mutex) = 0;
+    Error firstFailure GUARDED_BY(mutex);
+
+    void tell(std::string pack, const Error& result) const {
+        if (done == nullptr) return;
+        proxy->deliverTo(generation, [done = done, userData = userData, pack = std::move(pack),
+                                      result](const HostCallbacks&) {
+            done(userData, pack.empty() ? nullptr : pack.c_str(), result.code(),
+                 result.message().c_str());
+        });
+    }
+
+    void packEnded(const std::string& pack, const Error& result) {
+        tell(pack, result);
+        Error end;
+        {
+            MutexLock lock(mutex);
+            if (result && !firstFailure) firstFailure = result;
+            if (--pending > 0) return;
+            end = firstFailure;
+        }
+        tell({}, end);
+    }
+};
+
+// The packs whose configured version is not the one installed, as the configuration in force
+// says now.
+std::vector<std::string> packsBehind() {
+    std::vector<std::string> names;
+    for (const auto& [name, pack] : SCache::current()->packs) {
+        if (pack->seq != pack->installedSeq) names.push_back(name);
+    }
+    return names;
+}
+
+}  // namespace
+
+ferritcore_status ferritcore_update_now(ferritcore_handle* handle, ferritcore_update_callback done,
+                                        void* user_data, ferritcore_error* error) {
+    std::shared_ptr<EmbedProxy> proxy = openProxy(handle, error);
+    if (!proxy) return FERRITCORE_E_CLOSED;
+    auto run = std::make_shared<UpdateNowRun>();
+    run->proxy = proxy;
+    run->generation = proxy->generation();
+    run->done = done;
+    run->userData = user_data;
+    // A host's "now" is the developer tool's: the check skips the pause between checks.
+    UpdateConfig::instance().start(
+        kTriggerDebugTool, kAnyConfigVersion,
+        [run](const Error& failure) {
+            if (failure) {
+                run->tell({}, failure);
+                return;
+            }
+            const std::vector<std::string> names = packsBehind();
+            if (names.empty()) {
+                run->tell({}, Error());
+                return;
+            }
+            {
+                MutexLock lock(run->mutex);
+                run->pending = names.size();
+            }
+            for (const std::string& name : names) {
+                UpdateQueue::request(name, kTriggerVisit, [run, name](const Error& result) {
+                    run->packEnded(name, result);
+                });
+            }
+        },
+        0);
     return ok(error);
 }
 

@@ -6,9 +6,10 @@
  *   2. carries the library's HTTP requests itself, with libcurl on threads of its own: the library
  *      opens no socket, it asks the host (on_request) and takes the answer back
  *      (ferritcore_answer_request, or ferritcore_fail_request when no HTTP answer came);
- *   3. comes to the foreground, which fetches the signed configuration, then installs the pack
- *      behind URL, waiting each time on a condition that the callbacks signal (no polling, no
- *      sleeping) with one deadline for the whole update;
+ *   3. asks for an update now (ferritcore_update_now): the library fetches the signed
+ *      configuration, checks it with the publisher's key and installs every pack it names, and
+ *      tells each pack and then the end through one callback; the main thread waits on a
+ *      condition that the callback signals (no polling, no sleeping), with one deadline;
  *   4. serves URL through the table of AccessApi.h, as the engine's request hook would, and
  *      checks the bytes.
  *
@@ -33,13 +34,13 @@
  *   --timeout S           seconds the update may take, configuration and pack (default 30)
  *
  * Exit codes:
- *   0  the pack behind URL is installed (now, or by an earlier run) and URL was served from it
- *      with the expected bytes
+ *   0  the configured packs are installed (now, or by an earlier run) and URL was served from
+ *      one of them with the expected bytes
  *   1  the command line is wrong, or a file named on it cannot be read
  *   2  the library did not open (its error is printed)
- *   3  the update installed nothing; the library's error is printed in words: "the update was
- *      refused: ... verify failed ..." for a tree signed by another key than PUBLIC_KEY, "the
- *      update failed: ..." when the server did not answer or has no such tree or pack
+ *   3  the update failed; the library's error is printed in words: "the update was refused:
+ *      1010 ... verify failed ..." for a tree signed by another key than PUBLIC_KEY, "the update
+ *      failed: ..." when the server did not answer or has no such tree or pack
  *   4  the update did not end within the timeout
  *   5  no pack serves URL, or the bytes served are not the expected ones
  *
@@ -65,6 +66,10 @@ enum {
     EXIT_NOT_SERVED = 5
 };
 
+/* The library's code for a signed document or list that the publisher's key does not verify (or
+ * bytes that do not match what it lists). */
+#define CODE_VERIFY_FAILED 1010
+
 /* Threads that send requests; the library may have several in flight (the configuration, then
  * one per pack). */
 #define SENDER_COUNT 4
@@ -74,15 +79,10 @@ enum {
 
 typedef struct host_state {
     mtx_t lock;
-    cnd_t changed;       /* signalled whenever a field below changes */
-    int config_finished; /* the configuration update ended (see on_log) */
-    char config_error[FERRITCORE_ERROR_MESSAGE_SIZE * 2]; /* its error in words; empty: none */
-    int signature_refused; /* a signed document did not verify with the publisher's key */
-    int prefetch_answered; /* the library said which pack serves the URL (see on_log) */
-    char pack_name[256];   /* that pack; empty when no pack serves the URL */
-    int pack_done;         /* the update of that pack finished (on_pack_done) */
-    char pack_error[FERRITCORE_ERROR_MESSAGE_SIZE * 2]; /* its error in words; empty: none */
-    ferritcore_log_level print_level;
+    cnd_t changed;   /* signalled when the update ends */
+    int update_done; /* ferritcore_update_now() told its end (on_update) */
+    int32_t update_code;
+    char update_error[FERRITCORE_ERROR_MESSAGE_SIZE * 2]; /* its words when update_code != 0 */
 } host_state;
 
 /* ---- The host's network: a queue of requests and the threads that send them. */
@@ -300,78 +300,37 @@ static void on_request(void* user_data, const ferritcore_request* request) {
 }
 
 /* News of every pack the library installs, also on its own schedule (its periodic runs, a push).
- * For a pack this host asked for, on_pack_done below may come first, and news still queued when
- * close() is called is dropped: a host waits on the completion, not on this. */
+ * News still queued when close() is called is dropped: a host that waits for an update waits on
+ * the update's own callback, not on this. */
 static void on_pack_updated(void* user_data, const char* name) {
     (void)user_data;
     printf("event: pack %s updated\n", name);
 }
 
-/* The completion of ferritcore_update_pack(): code 0, or the library's code and words. */
-static void on_pack_done(void* user_data, const char* pack_name, int32_t code,
-                         const char* message) {
+/* The callback of ferritcore_update_now(): once per pack it updated (code 0, or the library's code
+ * and words), then once with no pack name when all is over, with the first failure if any. */
+static void on_update(void* user_data, const char* pack_name, int32_t code, const char* message) {
     host_state* host = user_data;
-    if (code == 0) printf("pack %s is installed\n", pack_name);
+    if (pack_name != NULL) {
+        if (code == 0)
+            printf("pack %s is installed\n", pack_name);
+        else
+            printf("pack %s failed: %d %s\n", pack_name, (int)code, message);
+        return;
+    }
     mtx_lock(&host->lock);
-    if (code != 0)
-        snprintf(host->pack_error, sizeof host->pack_error, "pack %s: %d %s", pack_name, (int)code,
-                 message);
-    host->pack_done = 1;
+    host->update_code = code;
+    if (code != 0) snprintf(host->update_error, sizeof host->update_error, "%s", message);
+    host->update_done = 1;
     cnd_broadcast(&host->changed);
     mtx_unlock(&host->lock);
 }
 
-/* Copies the text value of `"key":"..."` in one log entry to `out` (an escaped character as
- * itself); 0 when the entry has no such key. */
-static int json_text(const char* entry, const char* key, char* out, size_t size) {
-    char pattern[64];
-    snprintf(pattern, sizeof pattern, "\"%s\":\"", key);
-    const char* start = strstr(entry, pattern);
-    if (start == NULL) return 0;
-    start += strlen(pattern);
-    size_t n = 0;
-    for (const char* p = start; *p != '\0' && *p != '"' && n + 1 < size; ++p) {
-        if (*p == '\\' && p[1] != '\0') ++p; /* \" and \\ as the characters they stand for */
-        out[n++] = *p;
-    }
-    out[n] = '\0';
-    return 1;
-}
-
+/* The library's log, one JSON line per entry, at the level asked on the command line. */
 static void on_log(void* user_data, ferritcore_log_level level, const char* entry_json) {
-    host_state* host = user_data;
-    /* The library delivers entries at the level it was opened with (at least info here, see
-     * main); this host prints only those at the level asked on its command line. */
-    if (host->print_level != FERRITCORE_LOG_OFF && level <= host->print_level)
-        fprintf(stderr, "log: %s\n", entry_json);
-
-    /* The end of a configuration update is told in the log: the entry of tag
-     * "Ferrit/UpdateConfig" and event "finished", with "errorCode" and "errorMsg" when it
-     * failed. A document that the publisher's key does not verify adds an error entry of its own
-     * with the words "signature does not verify". */
-    char tag[64], event[64], words[sizeof host->config_error - 32];
-    if (!json_text(entry_json, "tag", tag, sizeof tag) ||
-        !json_text(entry_json, "event", event, sizeof event))
-        return;
-    mtx_lock(&host->lock);
-    if (strcmp(tag, "Ferrit/Embed") == 0 && strcmp(event, "verifySignature") == 0) {
-        host->signature_refused = 1;
-    } else if (strcmp(tag, "Ferrit/UpdateConfig") == 0 && strcmp(event, "finished") == 0) {
-        char code[16] = "";
-        if (json_text(entry_json, "errorCode", code, sizeof code) &&
-            json_text(entry_json, "errorMsg", words, sizeof words))
-            snprintf(host->config_error, sizeof host->config_error, "%s %s", code, words);
-        host->config_finished = 1;
-        cnd_broadcast(&host->changed);
-    } else if (strcmp(tag, "Ferrit/Prefetch") == 0 && strcmp(event, "trigger") == 0) {
-        /* A prefetch tells, per URL, the pack that serves it ("packName"), or the status
-         * "notFerritResource" when none does. This host prefetches one URL at a time. */
-        if (!json_text(entry_json, "packName", host->pack_name, sizeof host->pack_name))
-            host->pack_name[0] = '\0';
-        host->prefetch_answered = 1;
-        cnd_broadcast(&host->changed);
-    }
-    mtx_unlock(&host->lock);
+    (void)user_data;
+    (void)level;
+    fprintf(stderr, "log: %s\n", entry_json);
 }
 
 /* ---- Command line */
@@ -465,14 +424,8 @@ static int wait_for(int (*done)(const host_state*), const struct timespec* deadl
     return 1;
 }
 
-static int config_finished(const host_state* host) {
-    return host->config_finished;
-}
-static int prefetch_answered(const host_state* host) {
-    return host->prefetch_answered;
-}
-static int pack_done(const host_state* host) {
-    return host->pack_done;
+static int update_done(const host_state* host) {
+    return host->update_done;
 }
 
 /* Asks the table for `url` as the engine's request hook would, and compares the body with what is
@@ -529,7 +482,6 @@ int main(int argc, char** argv) {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     mtx_init(&g_host.lock, mtx_plain);
     cnd_init(&g_host.changed);
-    g_host.print_level = args.log_level;
     mtx_init(&g_net.lock, mtx_plain);
     cnd_init(&g_net.work);
     for (int i = 0; i < SENDER_COUNT; ++i) thrd_create(&g_net.senders[i], sender_main, NULL);
@@ -552,11 +504,7 @@ int main(int argc, char** argv) {
     options.config_server = args.server;
     options.pack_server = packs;
     options.locale = args.locale;
-    /* This interface tells the end of a configuration update only in the log, at info for a
-     * success: ask for at least that much, and print what was asked (on_log). */
-    options.log_level = args.log_level > FERRITCORE_LOG_INFO && args.log_level != FERRITCORE_LOG_OFF
-                            ? args.log_level
-                            : FERRITCORE_LOG_INFO;
+    options.log_level = args.log_level;
     options.host_starts_update = 1; /* updates start when this host says so, below */
     options.user_data = &g_host;
     options.on_request = on_request;
@@ -576,63 +524,27 @@ int main(int argc, char** argv) {
     cnd_broadcast(&g_net.work);
     mtx_unlock(&g_net.lock);
 
-    /* 1. The configuration: the app comes to the foreground, the library fetches the signed
-     *    configuration and checks it with the publisher's key. */
+    /* The update, now: the library fetches the signed configuration, checks it with the
+     * publisher's key, and installs each pack whose installed version is not the configured one
+     * (none, on a root that is current). */
     struct timespec deadline;
     timespec_get(&deadline, TIME_UTC);
     deadline.tv_sec += args.timeout_seconds;
     int result = EXIT_SERVED;
-    ferritcore_update_foreground(handle, NULL);
+    ferritcore_update_now(handle, on_update, &g_host, NULL);
     mtx_lock(&g_host.lock);
-    if (!wait_for(config_finished, &deadline)) {
-        fprintf(stderr, "c-host: no configuration within %ld s\n", args.timeout_seconds);
+    if (!wait_for(update_done, &deadline)) {
+        fprintf(stderr, "c-host: the update did not end within %ld s\n", args.timeout_seconds);
         result = EXIT_TIMED_OUT;
-    } else if (g_host.config_error[0] != '\0') {
-        /* A document signed by another key is refused; a server that does not answer, or
-         * answers 404 (another app version or locale), fails the update too. */
-        if (g_host.signature_refused)
-            fprintf(stderr,
-                    "c-host: the update was refused: %s (the signature does not verify "
-                    "with the public key)\n",
-                    g_host.config_error);
-        else
-            fprintf(stderr, "c-host: the update failed: %s\n", g_host.config_error);
+    } else if (g_host.update_code != 0) {
+        /* A tree signed by another key is refused; a server that does not answer, or answers 404
+         * (another app version or locale), fails the update too. */
+        fprintf(stderr, "c-host: the update %s: %d %s\n",
+                g_host.update_code == CODE_VERIFY_FAILED ? "was refused" : "failed",
+                (int)g_host.update_code, g_host.update_error);
         result = EXIT_REFUSED;
     }
     mtx_unlock(&g_host.lock);
-
-    /* 2. The pack behind URL. A prefetch names it (and queues its update); updating it by name
-     *    then installs it now rather than at the library's next periodic run, and tells when
-     *    that is done. A pack installed already at the configured version is done at once. */
-    char pack[sizeof g_host.pack_name] = "";
-    if (result == EXIT_SERVED) {
-        const char* urls[] = {args.url};
-        ferritcore_prefetch(handle, urls, 1, NULL);
-        mtx_lock(&g_host.lock);
-        if (!wait_for(prefetch_answered, &deadline)) {
-            fprintf(stderr, "c-host: no answer to the prefetch within %ld s\n",
-                    args.timeout_seconds);
-            result = EXIT_TIMED_OUT;
-        } else if (g_host.pack_name[0] == '\0') {
-            fprintf(stderr, "c-host: no pack of the configuration serves %s\n", args.url);
-            result = EXIT_NOT_SERVED;
-        }
-        memcpy(pack, g_host.pack_name, sizeof pack);
-        mtx_unlock(&g_host.lock);
-    }
-    if (result == EXIT_SERVED) {
-        ferritcore_update_pack(handle, pack, on_pack_done, &g_host, NULL);
-        mtx_lock(&g_host.lock);
-        if (!wait_for(pack_done, &deadline)) {
-            fprintf(stderr, "c-host: pack %s was not installed within %ld s\n", pack,
-                    args.timeout_seconds);
-            result = EXIT_TIMED_OUT;
-        } else if (g_host.pack_error[0] != '\0') {
-            fprintf(stderr, "c-host: the update failed: %s\n", g_host.pack_error);
-            result = EXIT_REFUSED;
-        }
-        mtx_unlock(&g_host.lock);
-    }
 
     /* 3. Serving, through the table; it works whether or not a handle is open. */
     if (result == EXIT_SERVED) {

@@ -332,6 +332,20 @@ FERRIT_C_EXPORT ferritcore_status ferritcore_update_pack(ferritcore_handle* hand
                                                          ferritcore_update_callback done,
                                                          void* user_data, ferritcore_error* error);
 
+/* Fetches the newest configuration now (whatever the time since the last check), then updates
+ * every configured pack whose installed version differs from the configured one: what a host
+ * calls to be current at once, rather than waiting for the library's own schedule. `done` (may be
+ * null) is called on the callback thread once per pack, with its name and its result as for
+ * ferritcore_update_pack(), and then once more with `pack_name` null: code 0 when the
+ * configuration was fetched and every pack updated, else the configuration's failure, or the
+ * first pack's failure. Unless the handle is closed first; never for a later handle. The check
+ * runs in the foreground only: in the background (ferritcore_update_background()) it waits for
+ * the next ferritcore_update_foreground().
+ * Blocks on: nothing; the check and the updates run on the library's threads. */
+FERRIT_C_EXPORT ferritcore_status ferritcore_update_now(ferritcore_handle* handle,
+                                                        ferritcore_update_callback done,
+                                                        void* user_data, ferritcore_error* error);
+
 /* ---- Status and settings */
 
 /* The status report as JSON text ({"version", "process", "feature"} and "error" when anything is

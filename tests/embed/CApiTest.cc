@@ -133,6 +133,11 @@ struct FakeHost {
     static void onUpdate(void* userData, const char* pack, int32_t code, const char*) {
         static_cast<FakeHost*>(userData)->updates.emplace_back(pack, code);
     }
+    // ferritcore_update_now() tells each pack, then the end with no pack name.
+    static void onUpdateNow(void* userData, const char* pack, int32_t code, const char*) {
+        static_cast<FakeHost*>(userData)->updates.emplace_back(pack != nullptr ? pack : kEnd, code);
+    }
+    static constexpr const char* kEnd = "(end)";
     static void onLog(void* userData, ferritcore_log_level, const char* entry) {
         static_cast<FakeHost*>(userData)->logs.push_back(entry);
     }
@@ -418,6 +423,51 @@ TEST_F(CApiTest, UpdatePackTellsItsCompletionOnTheCallbackThread) {
     EXPECT_NE(codes.at("nosuchpack"), 0);
     EXPECT_EQ(ferritcore_update_pack(host_.handle, "", nullptr, nullptr, &error),
               FERRITCORE_E_INVALID_ARGUMENT);
+}
+
+TEST_F(CApiTest, UpdateNowFetchesTheConfigurationAndInstallsEachPackBehindWithNoWait) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    publish(*publisher);
+    ferritcore_options options = optionsWith(publicPem(*publisher));
+    options.host_starts_update = 1;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    drive();
+    ferritcore_error error{};
+    ASSERT_EQ(ferritcore_update_now(host_.handle, FakeHost::onUpdateNow, &host_, &error),
+              FERRITCORE_OK)
+        << error.message;
+    EXPECT_TRUE(host_.updates.empty()) << "told on the callback thread, not in the call";
+    drive();  // no time passes: the check and the install do not wait for a schedule
+    using Told = std::vector<std::pair<std::string, int32_t>>;
+    EXPECT_EQ(host_.updates, (Told{{kPackName, 0}, {FakeHost::kEnd, 0}}));
+    for (const auto& [path, content] : kSite) {
+        int32_t code = 0;
+        EXPECT_EQ(serve(kPrefix + path, code), content) << path;
+    }
+    // Current already: only the end is told.
+    host_.updates.clear();
+    ASSERT_EQ(ferritcore_update_now(host_.handle, FakeHost::onUpdateNow, &host_, &error),
+              FERRITCORE_OK);
+    drive();
+    EXPECT_EQ(host_.updates, (Told{{FakeHost::kEnd, 0}}));
+}
+
+TEST_F(CApiTest, UpdateNowTellsTheEndWithTheConfigurationsFailure) {
+    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
+    std::unique_ptr<FerritTools::Ed25519Key> other = makeKey();
+    publish(*other);
+    ferritcore_options options = optionsWith(publicPem(*publisher));
+    options.host_starts_update = 1;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    drive();
+    ferritcore_error error{};
+    ASSERT_EQ(ferritcore_update_now(host_.handle, FakeHost::onUpdateNow, &host_, &error),
+              FERRITCORE_OK);
+    drive();
+    ASSERT_EQ(host_.updates.size(), 1u);
+    EXPECT_EQ(host_.updates[0].first, FakeHost::kEnd);
+    EXPECT_NE(host_.updates[0].second, 0);
+    EXPECT_TRUE(host_.updatedPacks.empty());
 }
 
 TEST_F(CApiTest, PushMessageReachesOnlyTopicsTheLibraryTakes) {
