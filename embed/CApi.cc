@@ -14,6 +14,7 @@
 #include "base/Errors.h"
 #include "base/LogTags.h"
 #include "base/ProcessState.h"
+#include "base/StorageState.h"
 #include "base/Telemetry.h"
 #include "embed/EmbedLog.h"
 #include "embed/EmbedProxy.h"
@@ -313,7 +314,11 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
         Environment::instance().refreshTakesEvents();
         if (a.ownsLog) MarlLogger::Log::setSink(std::make_shared<MarlLogger::StderrSink>());
         a.ownsLog = false;
-        return report(error, FERRITCORE_E_SETUP_FAILED, "the library is not set up: " + missing);
+        // A root that cannot be made says why in the storage state (read-only, full, denied).
+        const std::string why = StorageState::reason();
+        return report(
+            error, FERRITCORE_E_SETUP_FAILED,
+            "the library is not set up: " + missing + (why.empty() ? "" : " (" + why + ")"));
     }
     a.handles.push_back(std::make_unique<ferritcore_handle>());
     a.open = a.handles.back().get();
