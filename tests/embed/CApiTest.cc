@@ -5,7 +5,6 @@
 // both driven by hand.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -14,55 +13,26 @@
 #include "base/Ed25519PublicKey.h"
 #include "embed/EmbedLog.h"
 #include "embed/EmbedProxy.h"
-#include "ferritcore/AccessApi.h"
 #include "ferritcore/ferritcore.h"
-#include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
-#include "tests/TestUtil.h"
-#include "tools/common/Ed25519Key.h"
+#include "tests/embed/CApiHost.h"
 #include "tools/common/ToolFiles.h"
-#include "tools/pack/PackBuilder.h"
-#include "tools/publish/Publisher.h"
 
 namespace FerritTest {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace FerritCore;
 
-constexpr const char* kConfigServer = "https://cfg.test/";
-constexpr const char* kPackServer = "https://dl.test/";
-constexpr const char* kZipFolder = "packs/";
-constexpr const char* kPackName = "shop";
-constexpr const char* kPrefix = "https://shop.test/app/";
-constexpr const char* kAppKey = "key";
-constexpr const char* kAppVersion = "1.0";
-// Installed without a visit.
-constexpr uint32_t kPriority = 9;
-// Long enough for every timer of the update path to come due.
-constexpr double kUpdateWaitMs = 600000.0;
-constexpr double kClockStepMs = 1000.0;
-// What the host fails a request with, as its own network would.
-constexpr int32_t kHostRefused = 7;
 // What the library allows a configuration and a pack request, as the host reads it.
 constexpr int32_t kConfigTimeoutMs = 10000;
 constexpr int32_t kPackTimeoutMs = 20000;
-// A topic the library subscribes to at setup.
-constexpr const char* kConfigTopic = "wpb.fconfig";
 
 const std::map<std::string, std::string> kSite = {
     {"index.html", "<!doctype html><title>from C</title>"},
     {"js/app.js", "console.log('served through the C table');"},
 };
-
-std::unique_ptr<FerritTools::Ed25519Key> makeKey() {
-    std::string error;
-    std::unique_ptr<FerritTools::Ed25519Key> key = FerritTools::Ed25519Key::generate(error);
-    EXPECT_NE(key, nullptr) << error;
-    return key;
-}
 
 // The host: answers every request from the tree it serves, at once, inside the callback, and
 // keeps what the library told it.
@@ -148,151 +118,59 @@ struct FakeHost {
     }
 };
 
-class CApiTest : public ProcessTest {
+class CApiTest : public CApiFixture {
   protected:
     void TearDown() override {
         if (host_.handle != nullptr) ferritcore_close(host_.handle, nullptr);
-        ProcessTest::TearDown();
+        CApiFixture::TearDown();
     }
 
     // Publishes the site, signed with `signer`, and serves the tree at the servers' addresses.
     void publish(const FerritTools::Ed25519Key& signer) {
-        const fs::path site = work_.path() / "site";
-        for (const auto& [path, content] : kSite) {
-            fs::create_directories((site / "app" / path).parent_path());
-            ASSERT_TRUE(FerritTools::writeFileAtomically((site / "app" / path).string(), content));
-        }
-        FerritTools::PublishManifest manifest;
-        manifest.appKey = kAppKey;
-        manifest.appVersion = kAppVersion;
-        manifest.zipFolder = kZipFolder;
-        FerritTools::PublishPack pack;
-        pack.name = kPackName;
-        pack.folder = "app";
-        pack.prefix = kPrefix;
-        pack.priority = kPriority;
-        manifest.packs.push_back(pack);
-        const fs::path tree = work_.path() / "tree";
-        auto key = std::shared_ptr<const FerritTools::Ed25519Key>(
-            &signer, [](const FerritTools::Ed25519Key*) {});
-        FerritTools::PublishResult result;
-        std::string error;
-        ASSERT_TRUE(FerritTools::publish(site.string(), manifest, tree.string(), std::string(),
-                                         FerritTools::ed25519Signer(key), result, error))
-            << error;
-        for (const auto& entry : fs::recursive_directory_iterator(tree)) {
-            if (!entry.is_regular_file()) continue;
-            const std::string relative = fs::relative(entry.path(), tree).generic_string();
-            std::string body;
-            ASSERT_TRUE(FerritTools::readWholeFile(entry.path().string(), body));
-            if (relative.starts_with(kZipFolder))
-                host_.served[kPackServer + relative.substr(std::string(kZipFolder).size())] = body;
-            else
-                host_.served[kConfigServer + relative] = body;
-        }
+        publishSite(kSite, signer, work_.path(), host_.served);
+    }
+    // Publishes the site signed by the publisher, opens, and lets time pass until it installs.
+    void publishOpenAndInstall() {
+        publish(*publisher_);
+        ASSERT_EQ(open(publisherOptions()), FERRITCORE_OK) << lastError_;
+        driveUntil([&] { return !host_.updatedPacks.empty(); });
     }
 
-    // The publisher's key as the PEM text a host would ship.
-    std::string publicPem(const FerritTools::Ed25519Key& key) {
-        const std::string path = (work_.path() / "public.pem").string();
-        std::string error, pem;
-        EXPECT_TRUE(key.writePublicPem(path, error)) << error;
-        EXPECT_TRUE(FerritTools::readWholeFile(path, pem));
-        return pem;
-    }
-
-    ferritcore_options optionsWith(const std::string& pem) {
-        pem_ = pem;
-        ferritcore_options options{};
-        options.struct_size = sizeof options;
-        options.root = root_.c_str();
-        options.app_key = kAppKey;
-        options.app_version = kAppVersion;
-        options.public_key = pem_.data();
-        options.public_key_size = pem_.size();
-        options.config_server = kConfigServer;
-        options.pack_server = kPackServer;
-        options.log_level = FERRITCORE_LOG_INFO;
-        options.user_data = &host_;
+    // The options of a host that trusts the publisher.
+    ferritcore_options publisherOptions() {
+        ferritcore_options options = hostOptions(root_, pem_, &host_);
         options.on_request = FakeHost::onRequest;
         options.on_pack_updated = FakeHost::onPackUpdated;
         options.on_state_changed = FakeHost::onStateChanged;
         options.on_log = FakeHost::onLog;
         return options;
     }
-
     ferritcore_status open(const ferritcore_options& options) {
-        ferritcore_error error{};
-        const ferritcore_status status = ferritcore_open(&options, &host_.handle, &error);
-        lastError_ = error.message;
-        return status;
+        return openHandle(options, &host_.handle);
     }
 
     // Runs the worker and the callbacks until neither has anything due.
-    static void drive() {
+    void drive() override {
         for (;;) {
             const size_t ran = TaskRunner::runDue() + EmbedProxy::deliveries().runDueTasks();
             if (ran == 0) return;
         }
     }
-    // Lets time pass, in steps, running what comes due, until `done` holds or the wait is over.
-    template <typename Done>
-    void driveUntil(Done done) {
-        drive();
-        for (double waited = 0; !done() && waited < kUpdateWaitMs; waited += kClockStepMs) {
-            clock_->advance(kClockStepMs);
-            drive();
-        }
-    }
 
-    // The body the C table serves for `url`, or the error's code and words.
-    static std::string serve(const std::string& url, int32_t& code) {
-        const FerritAccessApi* api = ferritcore_access_api();
-        FerritRequest* request = api->createRequest(url.c_str());
-        FerritResponse* response = api->getResource(request);
-        api->freeRequest(request);
-        std::string body;
-        const char* message = nullptr;
-        code = 0;
-        if (api->getResponseError(response, &code, &message) == 0) {
-            const void* data = nullptr;
-            size_t size = 0;
-            if (api->getResponseData(response, &data, &size) == 1)
-                body.assign(static_cast<const char*>(data), size);
-        }
-        api->freeResponse(response);
-        return body;
-    }
-
-    MarlLogger::ScopedManualClock clock_;
-    TempDir work_;
-    std::string root_ = (work_.path() / "root").string();
-    std::string pem_;
-    std::string lastError_;
     FakeHost host_;
 };
 
 TEST_F(CApiTest, PackInstalledThroughTheUpdatePathServesThroughTheTable) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
-    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
     ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
     EXPECT_FALSE(host_.requested.empty());
-    for (const auto& [path, content] : kSite) {
-        int32_t code = 0;
-        EXPECT_EQ(serve(kPrefix + path, code), content) << path;
-        EXPECT_EQ(code, 0) << path;
-    }
+    expectServes(kSite);
     EXPECT_FALSE(host_.states.empty());
     EXPECT_FALSE(host_.logs.empty());
 }
 
 TEST_F(CApiTest, RequestsCarryTheirTimeoutInMilliseconds) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
-    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
     ASSERT_EQ(host_.requested.size(), host_.timeouts.size());
     bool sawConfig = false, sawPack = false;
     for (size_t i = 0; i < host_.requested.size(); ++i) {
@@ -309,10 +187,9 @@ TEST_F(CApiTest, RequestsCarryTheirTimeoutInMilliseconds) {
 }
 
 TEST_F(CApiTest, TreeSignedByAnotherKeyInstallsNothing) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
     std::unique_ptr<FerritTools::Ed25519Key> other = makeKey();
     publish(*other);
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    ASSERT_EQ(open(publisherOptions()), FERRITCORE_OK) << lastError_;
     driveUntil([&] { return !host_.updatedPacks.empty(); });
     EXPECT_TRUE(host_.updatedPacks.empty());
     EXPECT_FALSE(host_.requested.empty()) << "the configuration was asked for";
@@ -323,8 +200,7 @@ TEST_F(CApiTest, TreeSignedByAnotherKeyInstallsNothing) {
 }
 
 TEST_F(CApiTest, StatusReportIsJsonTheCallerFrees) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    ASSERT_EQ(open(publisherOptions()), FERRITCORE_OK) << lastError_;
     ferritcore_error error{};
     char* report = ferritcore_status_report(host_.handle, &error);
     ASSERT_NE(report, nullptr) << error.message;
@@ -339,8 +215,7 @@ TEST_F(CApiTest, StatusReportIsJsonTheCallerFrees) {
 }
 
 TEST_F(CApiTest, OpenRefusesWhatItCannotUse) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    ferritcore_options options = optionsWith(publicPem(*publisher));
+    ferritcore_options options = publisherOptions();
     ferritcore_options noKey = options;
     noKey.public_key = nullptr;
     noKey.public_key_size = 0;
@@ -360,9 +235,8 @@ TEST_F(CApiTest, OpenRefusesWhatItCannotUse) {
 }
 
 TEST_F(CApiTest, CloseStopsCallbacksAndTheSameRootAttachesAgain) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
-    const ferritcore_options options = optionsWith(publicPem(*publisher));
+    publish(*publisher_);
+    const ferritcore_options options = publisherOptions();
     host_.answerRequests = false;
     ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
     ferritcore_handle* second = nullptr;
@@ -402,10 +276,7 @@ TEST_F(CApiTest, CloseStopsCallbacksAndTheSameRootAttachesAgain) {
 }
 
 TEST_F(CApiTest, UpdatePackTellsItsCompletionOnTheCallbackThread) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
-    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
     ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
     ferritcore_error error{};
     ASSERT_EQ(ferritcore_update_pack(host_.handle, kPackName, FakeHost::onUpdate, &host_, &error),
@@ -426,9 +297,8 @@ TEST_F(CApiTest, UpdatePackTellsItsCompletionOnTheCallbackThread) {
 }
 
 TEST_F(CApiTest, UpdateNowFetchesTheConfigurationAndInstallsEachPackBehindWithNoWait) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
-    ferritcore_options options = optionsWith(publicPem(*publisher));
+    publish(*publisher_);
+    ferritcore_options options = publisherOptions();
     options.host_starts_update = 1;
     ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
     drive();
@@ -440,10 +310,7 @@ TEST_F(CApiTest, UpdateNowFetchesTheConfigurationAndInstallsEachPackBehindWithNo
     drive();  // no time passes: the check and the install do not wait for a schedule
     using Told = std::vector<std::pair<std::string, int32_t>>;
     EXPECT_EQ(host_.updates, (Told{{kPackName, 0}, {FakeHost::kEnd, 0}}));
-    for (const auto& [path, content] : kSite) {
-        int32_t code = 0;
-        EXPECT_EQ(serve(kPrefix + path, code), content) << path;
-    }
+    expectServes(kSite);
     // Current already: only the end is told.
     host_.updates.clear();
     ASSERT_EQ(ferritcore_update_now(host_.handle, FakeHost::onUpdateNow, &host_, &error),
@@ -453,10 +320,9 @@ TEST_F(CApiTest, UpdateNowFetchesTheConfigurationAndInstallsEachPackBehindWithNo
 }
 
 TEST_F(CApiTest, UpdateNowTellsTheEndWithTheConfigurationsFailure) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
     std::unique_ptr<FerritTools::Ed25519Key> other = makeKey();
     publish(*other);
-    ferritcore_options options = optionsWith(publicPem(*publisher));
+    ferritcore_options options = publisherOptions();
     options.host_starts_update = 1;
     ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
     drive();
@@ -471,10 +337,7 @@ TEST_F(CApiTest, UpdateNowTellsTheEndWithTheConfigurationsFailure) {
 }
 
 TEST_F(CApiTest, PushMessageReachesOnlyTopicsTheLibraryTakes) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
-    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
     ferritcore_error error{};
     EXPECT_EQ(ferritcore_push_message(host_.handle, "no.such.topic", "{}", &error),
               FERRITCORE_E_UNKNOWN_TOPIC);
@@ -487,11 +350,8 @@ TEST_F(CApiTest, PushMessageReachesOnlyTopicsTheLibraryTakes) {
 }
 
 TEST_F(CApiTest, RequestTheHostFailsReachesTheLibraryWithTheHostsCodeAndWords) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
     host_.failRequests = true;
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
-    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
     ASSERT_FALSE(host_.requested.empty());
     EXPECT_TRUE(host_.updatedPacks.empty());
     EXPECT_TRUE(
@@ -505,10 +365,9 @@ TEST_F(CApiTest, RequestTheHostFailsReachesTheLibraryWithTheHostsCodeAndWords) {
 }
 
 TEST_F(CApiTest, CloseFromInsideACallbackIsRefused) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
+    publish(*publisher_);
     host_.closeInCallback = true;
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    ASSERT_EQ(open(publisherOptions()), FERRITCORE_OK) << lastError_;
     drive();
     ASSERT_FALSE(host_.requested.empty());
     EXPECT_EQ(host_.closeFromCallback, FERRITCORE_E_IN_CALLBACK);
@@ -518,8 +377,7 @@ TEST_F(CApiTest, CloseFromInsideACallbackIsRefused) {
 }
 
 TEST_F(CApiTest, LogBacklogDropsWhatTheHostCannotTakeAndSaysHowMany) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    ASSERT_EQ(open(optionsWith(publicPem(*publisher))), FERRITCORE_OK) << lastError_;
+    ASSERT_EQ(open(publisherOptions()), FERRITCORE_OK) << lastError_;
     drive();
     host_.logs.clear();
     constexpr size_t kOver = 500;
@@ -539,10 +397,9 @@ TEST_F(CApiTest, LogBacklogDropsWhatTheHostCannotTakeAndSaysHowMany) {
 }
 
 TEST_F(CApiTest, ReopenWithAnotherKeyOrRawFolderIsRefusedAndTheSameKeyInAnyFormIsNot) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
     std::unique_ptr<FerritTools::Ed25519Key> other = makeKey();
-    const std::string otherPem = publicPem(*other);
-    const ferritcore_options options = optionsWith(publicPem(*publisher));
+    const std::string otherPem = publicPem(*other, work_.path());
+    const ferritcore_options options = publisherOptions();
     ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
     ASSERT_EQ(ferritcore_close(host_.handle, nullptr), FERRITCORE_OK);
     host_.handle = nullptr;
@@ -575,9 +432,8 @@ TEST_F(CApiTest, ReopenWithAnotherKeyOrRawFolderIsRefusedAndTheSameKeyInAnyFormI
 }
 
 TEST_F(CApiTest, UpdateAskedForBeforeACloseTellsNoLaterHandle) {
-    std::unique_ptr<FerritTools::Ed25519Key> publisher = makeKey();
-    publish(*publisher);
-    const ferritcore_options options = optionsWith(publicPem(*publisher));
+    publish(*publisher_);
+    const ferritcore_options options = publisherOptions();
     host_.answerRequests = false;
     ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
     drive();

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <filesystem>
 #include <functional>
 #include <future>
 #include <map>
@@ -26,36 +25,18 @@
 #include "base/Environment.h"
 #include "embed/EmbedLog.h"
 #include "embed/EmbedProxy.h"
-#include "ferritcore/AccessApi.h"
 #include "ferritcore/ferritcore.h"
-#include "marl/Clock.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
-#include "tests/TestUtil.h"
-#include "tools/common/Ed25519Key.h"
+#include "tests/embed/CApiHost.h"
 #include "tools/common/ToolFiles.h"
-#include "tools/publish/Publisher.h"
 
 namespace FerritTest {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace FerritCore;
 
-constexpr const char* kConfigServer = "https://cfg.test/";
-constexpr const char* kPackServer = "https://dl.test/";
-constexpr const char* kZipFolder = "packs/";
-constexpr const char* kPackName = "shop";
-constexpr const char* kPrefix = "https://shop.test/app/";
-constexpr const char* kAppKey = "key";
-constexpr const char* kAppVersion = "1.0";
-constexpr const char* kConfigTopic = "wpb.fconfig";
-// Installed without a visit.
-constexpr uint32_t kPriority = 9;
-// Long enough for every timer of the update path to come due.
-constexpr double kUpdateWaitMs = 600000.0;
-constexpr double kClockStepMs = 1000.0;
 // The longest any step of a test may take before the test fails; far beyond what a step needs.
 constexpr auto kBound = std::chrono::seconds(60);
 // The host's threads, and the threads that read through the table.
@@ -349,95 +330,45 @@ class ThreadedHost {
     std::vector<std::thread> threads_;
 };
 
-class CApiThreadTest : public ProcessTest {
+class CApiThreadTest : public CApiFixture {
   protected:
-    void SetUp() override {
-        ProcessTest::SetUp();
-        std::string error;
-        publisher_ = FerritTools::Ed25519Key::generate(error);
-        ASSERT_NE(publisher_, nullptr) << error;
-        const std::string path = (work_.path() / "public.pem").string();
-        ASSERT_TRUE(publisher_->writePublicPem(path, error)) << error;
-        ASSERT_TRUE(FerritTools::readWholeFile(path, pem_));
-    }
     void TearDown() override {
         if (host_.handle() != nullptr) ferritcore_close(host_.handle(), nullptr);
         host_.setHandle(nullptr);
-        ProcessTest::TearDown();
+        CApiFixture::TearDown();
     }
 
     // Publishes `site` into the tree (a later call publishes the next version) and has the host
     // serve the tree at the servers' addresses.
     void publish(const std::map<std::string, std::string>& site) {
-        const fs::path folder = work_.path() / "site";
-        fs::remove_all(folder);
-        for (const auto& [path, content] : site) {
-            fs::create_directories((folder / "app" / path).parent_path());
-            ASSERT_TRUE(
-                FerritTools::writeFileAtomically((folder / "app" / path).string(), content));
-        }
-        FerritTools::PublishManifest manifest;
-        manifest.appKey = kAppKey;
-        manifest.appVersion = kAppVersion;
-        manifest.zipFolder = kZipFolder;
-        FerritTools::PublishPack pack;
-        pack.name = kPackName;
-        pack.folder = "app";
-        pack.prefix = kPrefix;
-        pack.priority = kPriority;
-        manifest.packs.push_back(pack);
-        const fs::path tree = work_.path() / "tree";
-        auto key = std::shared_ptr<const FerritTools::Ed25519Key>(
-            publisher_.get(), [](const FerritTools::Ed25519Key*) {});
-        FerritTools::PublishResult result;
-        std::string error;
-        ASSERT_TRUE(FerritTools::publish(folder.string(), manifest, tree.string(), std::string(),
-                                         FerritTools::ed25519Signer(key), result, error))
-            << error;
         std::map<std::string, std::string> served;
-        for (const auto& entry : fs::recursive_directory_iterator(tree)) {
-            if (!entry.is_regular_file()) continue;
-            const std::string relative = fs::relative(entry.path(), tree).generic_string();
-            std::string body;
-            ASSERT_TRUE(FerritTools::readWholeFile(entry.path().string(), body));
-            if (relative.starts_with(kZipFolder))
-                served[kPackServer + relative.substr(std::string(kZipFolder).size())] = body;
-            else
-                served[kConfigServer + relative] = body;
-        }
+        publishSite(site, *publisher_, work_.path(), served);
         host_.serve(std::move(served));
     }
 
+    // Publishes the first version, opens, and lets time pass until it installs.
+    void publishOpenAndInstall() {
+        publish(siteVersion(1));
+        ASSERT_EQ(open(), FERRITCORE_OK) << lastError_;
+        driveUntil([&] { return !host_.updatedPacks().empty(); });
+    }
+
     ferritcore_options options() {
-        ferritcore_options options{};
-        options.struct_size = sizeof options;
-        options.root = root_.c_str();
-        options.app_key = kAppKey;
-        options.app_version = kAppVersion;
-        options.public_key = pem_.data();
-        options.public_key_size = pem_.size();
-        options.config_server = kConfigServer;
-        options.pack_server = kPackServer;
-        options.log_level = FERRITCORE_LOG_INFO;
-        options.user_data = &host_;
+        ferritcore_options options = hostOptions(root_, pem_, &host_);
         options.on_request = ThreadedHost::onRequest;
         options.on_pack_updated = ThreadedHost::onPackUpdated;
         options.on_log = ThreadedHost::onLog;
         return options;
     }
-
     ferritcore_status open() {
-        const ferritcore_options given = options();
         ferritcore_handle* handle = nullptr;
-        ferritcore_error error{};
-        const ferritcore_status status = ferritcore_open(&given, &handle, &error);
-        lastError_ = error.message;
+        const ferritcore_status status = openHandle(options(), &handle);
         host_.setHandle(handle);
         return status;
     }
 
     // Runs the worker, the callbacks and the host's answers until none has anything to do.
-    void drive() {
+    void drive() override {
         for (;;) {
             size_t ran = TaskRunner::runDue() + callbacks_.pump();
             ran += host_.send();
@@ -448,62 +379,24 @@ class CApiThreadTest : public ProcessTest {
             if (ran == 0) return;
         }
     }
-    template <typename Done>
-    void driveUntil(Done done) {
-        drive();
-        for (double waited = 0; !done() && waited < kUpdateWaitMs; waited += kClockStepMs) {
-            clock_->advance(kClockStepMs);
-            drive();
-        }
-    }
     // Runs the worker and the callbacks once; the requests the callbacks copy stay with the host.
     void driveHolding() {
         while (TaskRunner::runDue() + callbacks_.pump() > 0) {
         }
     }
 
-    // What the C table serves for `url`: the body, or empty with `code` set.
-    static std::string serve(const std::string& url, int32_t& code) {
-        const FerritAccessApi* api = ferritcore_access_api();
-        FerritRequest* request = api->createRequest(url.c_str());
-        FerritResponse* response = api->getResource(request);
-        api->freeRequest(request);
-        std::string body;
-        code = 0;
-        if (api->getResponseError(response, &code, nullptr) == 0) {
-            const void* data = nullptr;
-            size_t size = 0;
-            if (api->getResponseData(response, &data, &size) == 1)
-                body.assign(static_cast<const char*>(data), size);
-        }
-        api->freeResponse(response);
-        return body;
-    }
-
     static std::shared_ptr<EmbedProxy> proxy() {
         return std::dynamic_pointer_cast<EmbedProxy>(Environment::instance().proxy());
     }
 
-    MarlLogger::ScopedManualClock clock_;
-    TempDir work_;
-    std::string root_ = (work_.path() / "root").string();
-    std::unique_ptr<FerritTools::Ed25519Key> publisher_;
-    std::string pem_;
-    std::string lastError_;
     ThreadedHost host_;
     CallbackThread callbacks_;
 };
 
 TEST_F(CApiThreadTest, HostAnsweringFromItsOwnThreadsInstallsAPackThatServes) {
-    publish(siteVersion(1));
-    ASSERT_EQ(open(), FERRITCORE_OK) << lastError_;
-    driveUntil([&] { return !host_.updatedPacks().empty(); });
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
     ASSERT_EQ(host_.updatedPacks(), std::vector<std::string>{kPackName});
-    for (const auto& [path, content] : siteVersion(1)) {
-        int32_t code = 0;
-        EXPECT_EQ(serve(kPrefix + path, code), content) << path;
-        EXPECT_EQ(code, 0) << path;
-    }
+    expectServes(siteVersion(1));
     // Every answer was taken, from more than one of the host's threads, none of them the thread
     // the callbacks ran on.
     const std::vector<ferritcore_status> statuses = host_.answerStatuses();
@@ -516,9 +409,7 @@ TEST_F(CApiThreadTest, HostAnsweringFromItsOwnThreadsInstallsAPackThatServes) {
 }
 
 TEST_F(CApiThreadTest, CallbackCallsEveryFunctionButOpenAndClose) {
-    publish(siteVersion(1));
-    ASSERT_EQ(open(), FERRITCORE_OK) << lastError_;
-    driveUntil([&] { return !host_.updatedPacks().empty(); });
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
     ASSERT_EQ(host_.updatedPacks().size(), 1u);
     // Inside a callback: the calls that take the library's locks (the triggers take its lifecycle
     // lock, the answers the C interface's own) return, as they could not if a callback ran under
@@ -740,9 +631,7 @@ TEST_F(CApiThreadTest, AnswersAfterCloseAreToldTheHandleIsClosedEvenAfterAReopen
 }
 
 TEST_F(CApiThreadTest, ReadersThroughTheTableSeeOneWholeVersionWhileAnUpdateInstalls) {
-    publish(siteVersion(1));
-    ASSERT_EQ(open(), FERRITCORE_OK) << lastError_;
-    driveUntil([&] { return !host_.updatedPacks().empty(); });
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
     ASSERT_EQ(host_.updatedPacks().size(), 1u);
     const std::map<std::string, std::string> first = siteVersion(1), second = siteVersion(2);
 
@@ -783,10 +672,7 @@ TEST_F(CApiThreadTest, ReadersThroughTheTableSeeOneWholeVersionWhileAnUpdateInst
     EXPECT_EQ(torn.load(), 0u);
     EXPECT_EQ(failed.load(), 0u);
     EXPECT_GT(readsAtInstall, kReaders);
-    for (const auto& [path, content] : second) {
-        int32_t code = 0;
-        EXPECT_EQ(serve(kPrefix + path, code), content) << path;
-    }
+    expectServes(second);
 }
 
 TEST_F(CApiThreadTest, OpenCloseAndOpenAgainOnDifferentThreads) {
