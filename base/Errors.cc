@@ -539,6 +539,10 @@ Error napiFailed(std::string_view cause) {
     return Error(9995, "NAPI failed: %.*s", static_cast<int>(cause.size()), cause.data());
 }
 
+Error hostFailed(std::string_view cause) {
+    return Error(9995, "host failed: %.*s", static_cast<int>(cause.size()), cause.data());
+}
+
 Error responseIsNull() {
     return Error(-1, std::string("response is nullptr"));
 }

@@ -137,6 +137,8 @@ Error napiFailed();                    // 9995
 Error napiFailed(int status);          // 9995
 // 9995 with the cause in words: what the host threw, or why a request never reached it.
 Error napiFailed(std::string_view cause);
+// 9995 with the cause in words, for a native host: why a request never reached it or came back.
+Error hostFailed(std::string_view cause);
 // The C interface's answer about a response that is not there.
 Error responseIsNull();  // -1
 // The store of packed files is asked for before any was opened (before setProxy), or after it

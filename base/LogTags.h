@@ -10,6 +10,7 @@ inline constexpr std::string_view kRoot = "Ferrit";  // clearing the cache and c
 inline constexpr std::string_view kAccess = "Ferrit/Access";
 inline constexpr std::string_view kAggregateRequest = "Ferrit/AggregateRequest";
 inline constexpr std::string_view kBridge = "Ferrit/Bridge";  // the script host's bridge
+inline constexpr std::string_view kEmbed = "Ferrit/Embed";    // the native host's C interface
 inline constexpr std::string_view kCache = "Ferrit/Cache";
 inline constexpr std::string_view kConfig = "Ferrit/Config";
 inline constexpr std::string_view kEvent = "Ferrit/Event";

@@ -3,8 +3,9 @@
 #
 # A file in a layer's folder, or in the tests of that layer (tests/<layer>/), may include headers
 # of its own layer and of the layers below it, and the public headers in include/ferritcore/
-# (all but marl, which stands on its own). Only bridge/ may include the Node-API header. Tools,
-# benchmarks, fuzz targets and top-level test helpers stand above every layer.
+# (all but marl, which stands on its own). The top layers are embed/ (the C interface of the
+# shared library), then bridge/ (the Node host). Only bridge/ may include the Node-API header.
+# Tools, benchmarks, fuzz targets and top-level test helpers stand above every layer.
 cmake_minimum_required(VERSION 3.25)
 string(REPLACE "," ";" LAYERS "${LAYERS}")
 

@@ -8,6 +8,9 @@ packages=(
   zlib1g-dev libminizip-dev zip unzip rapidjson-dev libsqlite3-dev sqlite3 libssl-dev openssl
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   nodejs
+  # The C example (examples/c-host) carries the library's requests with libcurl, and
+  # scripts/check-install.sh serves its tree with python3's http.server.
+  libcurl4-openssl-dev python3
 )
 
 missing=()

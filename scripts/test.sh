@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Sets everything up and runs every test: the unit tests (g++, -Werror), the Node module's tests,
+# Sets everything up and runs every test: the unit tests (g++, -Werror), an install into a
+# temporary prefix used by a CMake and a pkg-config consumer and the C example (which installs
+# a signed pack from a loopback server and refuses another key), the Node module's tests,
 # the browser story on nginx and Chromium,
 # the same tests under ASan+UBSan, the threaded tests under TSan, a clang build, each libFuzzer
 # target for a bounded time, and a short benchmark pass so that the benchmarks keep building and
@@ -18,6 +20,8 @@ bash scripts/check-format.sh
 
 echo "== build (g++, -Werror)"
 bash scripts/build.sh build -DFERRIT_BENCH=ON
+echo "== install into a temporary prefix; a CMake and a pkg-config consumer and the C example use it"
+bash scripts/check-install.sh build
 echo "== tests"
 ctest --test-dir build --output-on-failure -j "$jobs" | tee build/ctest.log
 echo "== Node module tests (node --test)"
@@ -35,7 +39,7 @@ bash scripts/test-node.sh build-asan --sanitized
 echo "== threaded tests under TSan"
 bash scripts/build.sh build-tsan -DFERRIT_TSAN=ON -DCMAKE_BUILD_TYPE=Debug -DFERRIT_BENCH=OFF
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j "$jobs" \
-  -R 'TaskRunner|RepeatingTimer|Semaphore|SCacheTest|Setup|UpdateConfig|Network|ConcurrentRead|CacheThread|HotList|ReadGroup|AggregateGroup|FreeList|StatisticsTest.Concurrent|UpdateQueue|PushTest|PreloadTest|PreviewTest'
+  -R 'TaskRunner|RepeatingTimer|Semaphore|SCacheTest|Setup|UpdateConfig|Network|ConcurrentRead|CacheThread|HotList|ReadGroup|AggregateGroup|FreeList|StatisticsTest.Concurrent|UpdateQueue|PushTest|PreloadTest|PreviewTest|CApi'
 
 echo "== fuzz targets (clang, ${fuzz_seconds}s each)"
 CC=clang CXX=clang++ bash scripts/build.sh build-fuzz -DFERRIT_FUZZ=ON -DFERRIT_TESTS=OFF
