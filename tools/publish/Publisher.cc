@@ -42,8 +42,9 @@ bool writeBelow(const std::string& out, const std::string& relative, const std::
     const fs::path path = fs::path(out) / relative;
     std::error_code code;
     fs::create_directories(path.parent_path(), code);
-    if (code || !writeFileAtomically(path.string(), content)) {
-        error = "cannot write " + path.string();
+    std::string reason = code ? code.message() : std::string();
+    if (code || !writeFileAtomically(path.string(), content, &reason)) {
+        error = cannotWrite(path.string(), reason);
         return false;
     }
     return true;
