@@ -389,6 +389,11 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
                                     : pack.rebased || pack.newKey ? "new base"
                                                                   : "full"));
             if (pack.newKey) record.set("newKey", JSON(true));
+            if (!pack.skipped.empty()) {
+                MarlLogger::json::JSONArray skipped;
+                for (uint64_t seq : pack.skipped) skipped.push_back(JSON(seq));
+                record.set("skipped", JSON(std::move(skipped)));
+            }
             if (pack.incremental) {
                 record.set("increment",
                            JSON(JSONObject{{"changed", stringsJson(pack.summary.changed)},
@@ -416,6 +421,10 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
             out.text() << " (full)";
         }
         out.text() << "\n";
+        for (uint64_t seq : pack.skipped) {
+            out.text() << "  skipped " << seq
+                       << ": its zips were left by a publish that did not finish\n";
+        }
         for (const std::string& path : pack.written) out.text() << "  wrote " << path << "\n";
     }
     return out.finish();

@@ -1,5 +1,8 @@
 #include "tools/common/ToolFiles.h"
 
+#include "base/FileUtil.h"
+
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -16,23 +19,26 @@ bool readWholeFile(const std::string& path, std::string& content) {
     return true;
 }
 
-bool writeFileAtomically(const std::string& path, const std::string& content) {
+bool writeFileAtomically(const std::string& path, const std::string& content, std::string* reason) {
+    using FerritCore::FileUtil;
     const std::string temporary = path + ".tmp";
-    bool written = false;
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        if (out) {
-            out.write(content.data(), static_cast<std::streamsize>(content.size()));
-            written = static_cast<bool>(out.flush());
-        }
-    }
-    std::error_code error;
-    if (written) std::filesystem::rename(temporary, path, error);
-    if (!written || error) {
-        std::filesystem::remove(temporary, error);
+    int code = content.empty() ? FileUtil::writeEmptyFile(temporary)
+                               : FileUtil::writeFile(temporary, content);
+    if (code == 0) code = FileUtil::syncFile(temporary);
+    if (code == 0) code = FileUtil::rename(temporary, path);
+    if (code != 0) {
+        (void)FileUtil::remove(temporary);
+        if (reason != nullptr) *reason = std::strerror(code);
         return false;
     }
-    return true;
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    code = FileUtil::syncDirectory(folder.empty() ? std::string(".") : folder);
+    if (code != 0 && reason != nullptr) *reason = std::strerror(code);
+    return code == 0;
+}
+
+std::string cannotWrite(const std::string& path, const std::string& reason) {
+    return reason.empty() ? "cannot write " + path : "cannot write " + path + ": " + reason;
 }
 
 }  // namespace FerritTools

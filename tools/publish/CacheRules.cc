@@ -91,8 +91,9 @@ bool writeCacheRules(const std::string& out, const std::string& zipFolder, std::
         // A first publish makes the tree and its parents; the rules beside it go there too.
         std::error_code code;
         fs::create_directories(fs::path(path).parent_path(), code);
-        if (!writeFileAtomically(path, text)) {
-            error = "cannot write " + path;
+        std::string reason;
+        if (!writeFileAtomically(path, text, &reason)) {
+            error = cannotWrite(path, reason);
             return false;
         }
     }
@@ -113,8 +114,9 @@ bool writeImmutable(const std::string& out, const std::string& relative, const s
         return false;
     }
     fs::create_directories(path.parent_path(), code);
-    if (code || !writeFileAtomically(path.string(), content)) {
-        error = "cannot write " + path.string();
+    std::string reason = code ? code.message() : std::string();
+    if (code || !writeFileAtomically(path.string(), content, &reason)) {
+        error = cannotWrite(path.string(), reason);
         return false;
     }
     return true;

@@ -42,8 +42,9 @@ bool writeBelow(const std::string& out, const std::string& relative, const std::
     const fs::path path = fs::path(out) / relative;
     std::error_code code;
     fs::create_directories(path.parent_path(), code);
-    if (code || !writeFileAtomically(path.string(), content)) {
-        error = "cannot write " + path.string();
+    std::string reason = code ? code.message() : std::string();
+    if (code || !writeFileAtomically(path.string(), content, &reason)) {
+        error = cannotWrite(path.string(), reason);
         return false;
     }
     return true;
@@ -196,6 +197,20 @@ void pruneHistory(const std::string& history, const JSON& before, const JSON& pa
     }
 }
 
+// Where a pack's full zip and its increment of version `seq` go, below its zip folder.
+std::string versionZip(const std::string& folder, uint64_t seq) {
+    return folder + std::to_string(seq) + ".zip";
+}
+
+std::string incrementZip(const std::string& folder, uint64_t seq) {
+    return folder + "i/" + std::to_string(seq) + ".zip";
+}
+
+bool pathExists(const std::string& out, const std::string& relative) {
+    std::error_code code;
+    return fs::exists(fs::path(out) / relative, code);
+}
+
 }  // namespace
 
 std::string defaultHistoryFolder(const std::string& out) {
@@ -307,8 +322,19 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
                   std::string& error,
                   const std::function<void(const std::string& path, uint64_t bytes)>& onFile) {
     done.name = pack.name;
-    done.seq = before["seq"].uint64Value() + 1;
+    const uint64_t newest = before["seq"].uint64Value();
+    done.seq = newest + 1;
     done.baseSeq = before["base"].uint64Value();
+    const std::string folder = zipFolder + pack.name + "/";
+    // A publish killed after writing a zip and before its documents leaves the zip unnamed by any
+    // document. A cache may still have fetched it, so its path is never given other bytes: the
+    // new version takes the next path that is free. A tree whose history knows nothing of the
+    // pack keeps its refusal below, since there the history, not the tree, is what was lost.
+    while (newest != 0 && (pathExists(out, versionZip(folder, done.seq)) ||
+                           pathExists(out, incrementZip(folder, done.seq)))) {
+        done.skipped.push_back(done.seq);
+        ++done.seq;
+    }
     done.changed = true;
     PackOptions options;
     options.urlPrefix = pack.prefix;
@@ -317,8 +343,7 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     std::string zip;
     if (!buildPack(content, options, zip, error)) return false;
     options.onFile = nullptr;
-    const std::string folder = zipFolder + pack.name + "/";
-    const std::string full = folder + std::to_string(done.seq) + ".zip";
+    const std::string full = versionZip(folder, done.seq);
     if (!writeImmutable(out, full, zip, error)) return false;
     done.written.push_back(full);
     const std::string md5 = FerritCore::Digest::md5Hex(zip);
@@ -332,7 +357,7 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     done.newKey = done.seq > 1 && !signing.signerId.empty() &&
                   packSigner(before, signing.previousSignerId) != signing.signerId;
     std::vector<PackListing> since;
-    for (uint64_t seq = done.baseSeq; !done.newKey && seq != 0 && seq < done.seq; ++seq) {
+    for (uint64_t seq = done.baseSeq; !done.newKey && seq != 0 && seq <= newest; ++seq) {
         PackListing list;
         if (!readListing(history, pack.name, seq, list)) {
             since.clear();
@@ -347,7 +372,7 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
         std::string increment;
         if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
             return false;
-        const std::string path = folder + "i/" + std::to_string(done.seq) + ".zip";
+        const std::string path = incrementZip(folder, done.seq);
         if (!writeImmutable(out, path, increment, error)) return false;
         done.written.push_back(path);
         done.incremental = true;

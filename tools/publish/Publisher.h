@@ -64,6 +64,7 @@ struct PublishedPack {
     bool incremental = false;          // with an increment
     bool rebased = false;              // a new base: the history lacked a version since the old one
     bool newKey = false;               // a new base: another key signed the previous version
+    std::vector<uint64_t> skipped;     // versions whose zips a publish that never finished left
     IncrementSummary summary;          // what the increment holds
     std::vector<std::string> written;  // paths below the tree
 };
