@@ -241,11 +241,41 @@ void FConfig::merge(FConfig&& document) {
     merge(std::move(document), installId);
 }
 
+namespace {
+
+// A record in rollout, resolved for a device outside the share, that releases the version the
+// device holds marked gray: the device holds the released version, so the record only clears the
+// mark, and the gray rollback stays for devices on another version. True when it took the record
+// so; false leaves it to mergePack. Records without rollout keys never come here: their gray
+// rules stay as they are.
+bool keepReleasedGray(FConfig& config, const Pack& resolved) {
+    PackPtr old = config.find(resolved.name);
+    // Only a device outside the share, told the very version it holds marked gray.
+    if (!old || old->grayState() != kGrayStateGray || resolved.grayState() == kGrayStateGray ||
+        resolved.seq == 0 || resolved.seq != old->seq || resolved.status == kPackStatusDeleted)
+        return false;
+    // The device took this version while it was in rollout, and it has been released since (a
+    // promotion, or another channel's release): a rollout's sequence is always a new build, so
+    // the same sequence is the same files. What it holds is the released version; the gray
+    // rollback that the record's mark asks of gray devices is not for it, and would throw the
+    // files away to download them again whole. Its record loses the gray mark, as a device that
+    // took the version released holds it, and keeps what is installed.
+    std::shared_ptr<Pack> released = old->clone();
+    released->gray = (old->gray & ~kGrayStateMask) | kGrayStateNormal;
+    if (resolved.updateTime > released->updateTime) released->updateTime = resolved.updateTime;
+    config.put(std::move(released));
+    return true;
+}
+
+}  // namespace
+
 void FConfig::merge(const FConfig& document, std::string_view installId) {
     mergeFields(document);
     for (const auto& [name, pack] : document.packs) {
+        const bool inRollout = pack && pack->inRollout();
         PackPtr resolved = resolveRollout(pack, installId);
-        if (resolved) mergePack(std::move(resolved));
+        if (resolved && !(inRollout && keepReleasedGray(*this, *resolved)))
+            mergePack(std::move(resolved));
     }
 }
 
@@ -254,8 +284,10 @@ void FConfig::merge(FConfig&& document, std::string_view installId) {
     // Each record goes over with the document's reference only, so mergePack edits it in place
     // instead of copying it.
     for (auto& [name, pack] : document.packs) {
+        const bool inRollout = pack && pack->inRollout();
         PackPtr resolved = resolveRollout(std::move(pack), installId);
-        if (resolved) mergePack(std::move(resolved));
+        if (resolved && !(inRollout && keepReleasedGray(*this, *resolved)))
+            mergePack(std::move(resolved));
     }
     document.packs.clear();
 }

@@ -379,6 +379,9 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
         out.set("expires", JSON(result.expires));
         out.set("resigned", JSON(result.resigned));
     }
+    out.set("removed", stringsJson(result.removed));
+    for (const std::string& name : result.removed)
+        out.text() << name << " removed: it left the manifest, and no channel releases it\n";
     for (const PublishedPack& pack : result.packs) {
         JSONObject record{{"name", JSON(pack.name)},
                           {"seq", JSON(pack.seq)},

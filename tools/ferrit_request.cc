@@ -45,7 +45,11 @@
 #include <string>
 #include <vector>
 
+#include <rapidjson/encodings.h>
+#include <rapidjson/memorystream.h>
+
 #include "FileProxy.h"
+#include "base/Digest.h"
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Folder.h"
@@ -101,12 +105,31 @@ bool loadRecords(const JSON& document, FConfig& config, std::string& reason) {
     return true;
 }
 
+// How the JSON report carries a body: as the string itself, or as its base64.
+constexpr const char* kBodyText = "utf-8";
+constexpr const char* kBodyBase64 = "base64";
+
 JSON errorJson(const Error& error) {
     return JSON(JSONObject{{"code", JSON(static_cast<int64_t>(error.code()))},
                            {"message", JSON(error.message())}});
 }
 
-// Reports a response: lines for a reader, and the report's "response".
+// Whether `bytes` are UTF-8 text that a JSON string can carry as it is: every sequence well
+// formed, none overlong, no surrogate, nothing cut off at the end.
+bool isUtf8Text(std::string_view bytes) {
+    struct Discard {
+        void Put(char) {}
+    } sink;
+    rapidjson::MemoryStream stream(bytes.data(), bytes.size());
+    while (stream.Tell() < bytes.size()) {
+        if (!rapidjson::UTF8<>::Validate(stream, sink)) return false;
+    }
+    return true;
+}
+
+// Reports a response: lines for a reader, and the report's "response". A body that is not UTF-8
+// text (an image, a font, a zip) goes into the JSON report as base64, which "bodyEncoding" says,
+// so that the report stays one valid document that gives back the exact bytes.
 int report(ToolOutput& out, const std::string& url, const ResourceResponse& response, bool body) {
     std::ostream& text = out.text();
     text << "error: " << response.error.code();
@@ -126,7 +149,11 @@ int report(ToolOutput& out, const std::string& url, const ResourceResponse& resp
                       {"size", JSON(static_cast<uint64_t>(response.data.size()))}};
     if (response.error) record.set("failure", errorJson(response.error));
     if (!response.md5.empty()) record.set("md5", JSON(response.md5));
-    if (body) record.set("body", JSON(response.data));
+    if (body) {
+        const bool text = isUtf8Text(response.data);
+        record.set("bodyEncoding", JSON(text ? kBodyText : kBodyBase64));
+        record.set("body", JSON(text ? response.data : Digest::base64Encode(response.data)));
+    }
     out.set("response", JSON(std::move(record)));
     if (response.error)
         return out.fail("the request failed: " + std::to_string(response.error.code()) + " " +

@@ -59,6 +59,14 @@ const PackFiles& secondFiles() {
     return files;
 }
 
+const PackFiles& thirdFiles() {
+    static const PackFiles files{{"index.html", "<title>3</title>"},
+                                 {"js/app.js", "run(2);"},
+                                 {"css/app.css", "body{color:blue}"},
+                                 {"only-2.txt", "in 2 only"}};
+    return files;
+}
+
 // The identifier of the n-th simulated device.
 std::string deviceId(int n) {
     return "install-" + std::to_string(n);
@@ -186,7 +194,7 @@ class RolloutSimulationTest : public InstallFixture {
     // Every path of `files` answers its bytes and no other path of the two versions answers.
     static void expectServesExactly(const PackFiles& files) {
         expectServes(files);
-        for (const PackFiles* other : {&firstFiles(), &secondFiles()}) {
+        for (const PackFiles* other : {&firstFiles(), &secondFiles(), &thirdFiles()}) {
             for (const auto& [path, unused] : *other) {
                 if (files.count(path) != 0) continue;
                 EXPECT_TRUE(read(path).error) << "still serves " << path;
@@ -194,10 +202,12 @@ class RolloutSimulationTest : public InstallFixture {
         }
     }
 
-    bool downloadedAnyZip() const {
+    bool downloadedAnyZip() const { return !zipsDownloaded().empty(); }
+    std::vector<std::string> zipsDownloaded() const {
+        std::vector<std::string> zips;
         for (const ProxyRequest& request : proxy_->requests)
-            if (request.url.starts_with(kZipPrefix)) return true;
-        return false;
+            if (request.url.starts_with(kZipPrefix)) zips.push_back(request.url);
+        return zips;
     }
 
     // Takes the device through 10%, 50%, promotion and rollback; `inFirstTen` says whether its
@@ -350,6 +360,38 @@ TEST_F(RolloutSimulationTest, HundredThousandDevicesKeepTheirCohortAndEndOnTheRe
     ASSERT_TRUE(FerritTools::readWholeFile(tree() + "/packs/shop/3.zip", three));
     ASSERT_TRUE(FerritTools::readWholeFile(tree() + "/packs/shop/1.zip", one));
     EXPECT_EQ(three, one) << "version 3 holds exactly version 1's files";
+}
+
+// A device that took a version while it was in rollout holds, once it is promoted, the released
+// version: a later, smaller rollout of the next version that leaves the device out must not take
+// it back (which would throw its files away and download the whole version again), and the next
+// version reaches it as an increment.
+TEST_F(RolloutSimulationTest, DeviceOnAPromotedVersionTakesTheNextVersionAsAnIncrement) {
+    useInstallId(idWithSlot(1000, 5000));
+    publish(firstFiles());
+    deviceFollows();
+    rollout(secondFiles(), 50);
+    deviceFollows();
+    expectServesExactly(secondFiles());
+    promote();
+    deviceFollows();
+    // Outside the next rollout's share: nothing to download, the promoted files served.
+    proxy_->requests.clear();
+    rollout(thirdFiles(), 10);
+    deviceFollows();
+    EXPECT_EQ(zipsDownloaded(), std::vector<std::string>{})
+        << "a device on the released version was taken back to it";
+    EXPECT_EQ(find(kPack)->seq, 2u);
+    EXPECT_EQ(find(kPack)->grayState(), kGrayStateNormal) << "the promoted version is released";
+    expectServesExactly(secondFiles());
+    // In the share once it grows: the increment, not the full zip.
+    rollout(thirdFiles(), 50);
+    deviceFollows();
+    expectServesExactly(thirdFiles());
+    promote();
+    deviceFollows();
+    EXPECT_EQ(zipsDownloaded(), std::vector<std::string>{std::string(kZipPrefix) + "shop/i/3.zip"});
+    expectServesExactly(thirdFiles());
 }
 
 // The pairs of (version held, version told) that the 100,000 devices reach after each rollback,

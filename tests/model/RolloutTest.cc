@@ -129,6 +129,47 @@ TEST_F(RolloutTest, TakingTheRolloutBackReturnsTheShareToTheReleasedVersion) {
               "Rollback gray");
 }
 
+// Version 2 taken in a rollout and promoted since: a later rollout of version 3 that leaves the
+// device out names version 2 released, which is what the device holds. It keeps its files, and
+// its record loses the gray mark.
+TEST_F(RolloutTest, DeviceOutsideTheNextShareKeepsThePromotedVersionItTookGray) {
+    useInstallId(idWithSlot(kPack, kTenPercent, kHalf));
+    mergeText(rolloutDoc(10, 1, 2, kHalf));
+    // The gray version's own document, which names its base.
+    mergeText(R"({"v":"10","packs":{"shop":{"s":2,"b":1,"g":2,"f":80,"t":2000,)"
+              R"("p":["https://shop.test/"]}}})");
+    installCurrent();
+    ASSERT_EQ(shop()->grayState(), kGrayStateGray);
+    ASSERT_EQ(shop()->baseSeq, 1u);
+    mergeText(R"({"v":"11","packs":{"shop":{"s":2,"f":80,"t":2000,"p":["https://shop.test/"]}}})");
+    ASSERT_EQ(shop()->grayState(), kGrayStateGray) << "a promotion's record moves nothing";
+    const PackPtr held = shop();
+    SCache::mutate([&](FConfig& config) {
+        config.merge(*doc(rolloutDoc(12, 2, 3, kTenPercent)));
+        EXPECT_EQ(config.removed.count(held), 0u) << "the promoted version's files stay";
+    });
+    EXPECT_EQ(shop()->seq, 2u);
+    EXPECT_EQ(shop()->installedSeq, 2u);
+    EXPECT_EQ(shop()->grayState(), kGrayStateNormal);
+}
+
+// The gray rules of documents without the rollout keys stay as they are: a released record of
+// the sequence a device holds gray takes the gray version back.
+TEST_F(RolloutTest, RecordWithoutRolloutKeysStillTakesBackTheGrayVersionOfItsSequence) {
+    useInstallId(idWithSlot(kPack, 0, kTenPercent));
+    mergeText(rolloutDoc(10, 1, 2, kTenPercent));
+    installCurrent();
+    const PackPtr gray = shop();
+    SCache::mutate([&](FConfig& config) {
+        config.merge(*doc(
+            R"({"v":"11","packs":{"shop":{"s":2,"g":1,"f":80,"t":3000,"p":["https://shop.test/"]}}})"));
+        EXPECT_EQ(config.removed.count(gray), 1u);
+    });
+    EXPECT_EQ(shop()->installedSeq, 0u);
+    EXPECT_EQ(logs_->last("remove", "Ferrit/FConfig").field("reason").stringValue(),
+              "Rollback gray");
+}
+
 TEST_F(RolloutTest, TakingBackAFirstGrayRemovesThePackFromTheShareOnly) {
     useInstallId(idWithSlot(kPack, 0, kTenPercent));
     mergeText(rolloutDoc(10, 0, 1, kTenPercent));

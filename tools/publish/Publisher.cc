@@ -442,9 +442,15 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
     bool anyChanged = false;
     for (size_t index = 0; index < manifest.packs.size(); ++index) {
         const PublishPack& pack = manifest.packs[index];
-        const JSON& before = state["packs"][pack.name];
+        // A pack added back after it left the manifest goes on after its last sequence: its old
+        // zips keep their paths, which caches hold as immutable.
+        const uint64_t gone = goneSeq(state, pack.name);
+        const JSON before = state["packs"][pack.name].isObject() || gone == 0
+                                ? state["packs"][pack.name]
+                                : JSON(JSONObject{{"seq", JSON(gone)}});
         if (!builds(pack)) {
-            if (before.isObject()) packsState.set(pack.name, before);
+            if (state["packs"][pack.name].isObject())
+                packsState.set(pack.name, state["packs"][pack.name]);
             continue;
         }
         report("pack " + pack.name);
@@ -488,12 +494,23 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
         error = "the manifest names no pack \"" + options.rolloutPack + "\"";
         return false;
     }
-    // A pack that left the manifest is gone from the new configuration.
-    for (const auto& [name, record] : state["packs"].objectValue()) {
-        if (!packsState.objectValue().find(name)) anyChanged = true;
-    }
     JSON newState = state;
     newState.set("packs", packsState);
+    // A pack that left the manifest is gone from the new configuration, and from every
+    // channel's releases: nothing releases it, rolls it out or back any more.
+    for (const auto& [name, record] : state["packs"].objectValue()) {
+        if (packsState.objectValue().find(name)) continue;
+        anyChanged = true;
+        dropPack(newState, name, record["seq"].uint64Value());
+        result.removed.push_back(name);
+    }
+    // One added back is no longer gone.
+    if (newState["gone"].isObject()) {
+        JSON gone(JSONObject{});
+        for (const auto& [name, last] : newState["gone"].objectValue())
+            if (!packsState[name].isObject()) gone.set(name, last);
+        newState.set("gone", gone);
+    }
     bool releaseChanged = false;
     for (const PublishedPack& done : result.packs) {
         const PackRelease release = releaseOf(state, options.channel, done.name);

@@ -76,6 +76,7 @@ struct PublishResult {
     uint64_t issued = 0;                   // when the global configuration was signed
     uint64_t expires = 0;                  // until when devices take it
     bool resigned = false;                 // signed again with no pack changed
+    std::vector<std::string> removed;      // packs that left the manifest with this run
 };
 
 // How far a publish has got: the files of the manifest's packs read and zipped so far, and

@@ -22,6 +22,8 @@ namespace {
 constexpr const char* kChannelsFolder = "channels/";
 constexpr const char* kChannelsKey = "channels";
 constexpr const char* kReleaseKey = "release";
+// In the state: the packs that left the manifest, each with its last sequence.
+constexpr const char* kGoneKey = "gone";
 // The origin version of a client that has no configuration yet.
 constexpr const char* kNoVersion = "0";
 // Where a pack zip keeps its files and its signed list.
@@ -178,10 +180,16 @@ bool readPackZip(const std::string& path, PackContent& content, std::string& err
     return true;
 }
 
-// The state of the pack, or an error that says the tree never published it.
+// The state of the pack, or an error that says the tree does not publish it.
 bool packStateOf(const JSON& state, const std::string& pack, std::string& error) {
     if (state["packs"][pack].isObject()) return true;
-    error = "the history holds no pack \"" + pack + "\"; `ferrit publish` it first";
+    if (goneSeq(state, pack) != 0) {
+        error = "pack \"" + pack + "\" is not published: it left the manifest after version " +
+                std::to_string(goneSeq(state, pack)) +
+                "; add it back and `ferrit publish` to publish it again";
+    } else {
+        error = "pack \"" + pack + "\" is not published in this tree; `ferrit publish` it first";
+    }
     return false;
 }
 
@@ -283,6 +291,34 @@ void setRelease(JSON& state, const std::string& channel, const std::string& pack
         part.set(kReleaseKey, releases);
     }
     setChannelState(state, channel, part);
+}
+
+void dropPack(JSON& state, const std::string& pack, uint64_t lastSeq) {
+    // Every channel's releases, the default channel's first; a channel that never wrote its own
+    // list of releases derives it from the packs, which no longer name this one.
+    auto without = [&pack](const JSON& owner) {
+        JSON releases(JSONObject{});
+        for (const auto& [name, release] : owner[kReleaseKey].objectValue())
+            if (name != pack) releases.set(name, release);
+        return releases;
+    };
+    if (state[kReleaseKey].isObject()) state.set(kReleaseKey, without(state));
+    if (state[kChannelsKey].isObject()) {
+        JSON channels(JSONObject{});
+        for (const auto& [name, own] : state[kChannelsKey].objectValue()) {
+            JSON part = own;
+            if (part[kReleaseKey].isObject()) part.set(kReleaseKey, without(own));
+            channels.set(name, part);
+        }
+        state.set(kChannelsKey, channels);
+    }
+    JSON gone = state[kGoneKey].isObject() ? state[kGoneKey] : JSON(JSONObject{});
+    gone.set(pack, JSON(JSONObject{{"seq", JSON(lastSeq)}}));
+    state.set(kGoneKey, gone);
+}
+
+uint64_t goneSeq(const JSON& state, const std::string& pack) {
+    return state[kGoneKey][pack]["seq"].uint64Value();
 }
 
 uint64_t nextChannelVersion(const JSON& state, const std::string& channel, uint64_t wanted) {

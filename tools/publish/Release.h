@@ -53,6 +53,13 @@ PackRelease releaseOf(const MarlLogger::json::JSON& state, const std::string& ch
 void setRelease(MarlLogger::json::JSON& state, const std::string& channel, const std::string& pack,
                 const PackRelease& release);
 
+// Forgets every channel's release of `pack`, which left the manifest: no channel names it again,
+// and the release commands refuse it as not published. The state keeps its last sequence under
+// "gone", so that a pack of that name added back later goes on after it, with zips at new paths.
+void dropPack(MarlLogger::json::JSON& state, const std::string& pack, uint64_t lastSeq);
+// The last sequence of a pack that left the manifest; 0 for any other.
+uint64_t goneSeq(const MarlLogger::json::JSON& state, const std::string& pack);
+
 // What one release command did, for its report.
 struct ReleaseResult {
     std::string pack;

@@ -119,6 +119,9 @@ mkdir -p "$work/site/app/css" "$work/site/lib"
 printf '<html>one</html>' > "$work/site/app/index.html"
 printf 'body{}' > "$work/site/app/css/app.css"
 printf 'lib()' > "$work/site/lib/lib.js"
+# Bytes that are no UTF-8 text (a PNG's signature, a NUL, a lone continuation byte, a cut-off
+# sequence), which a JSON report carries as base64.
+printf '\x89PNG\r\n\x1a\n\x00\xff\x80text\xe2\x82' > "$work/site/lib/logo.png"
 cat > "$work/manifest.json" <<'JSON'
 {"app": {"key": "shop", "version": "1.0"}, "zips": "packs",
  "packs": [{"name": "shop", "folder": "app", "prefix": "https://shop.example.com/app/", "priority": 9},
@@ -280,7 +283,13 @@ doc=$(json 0 inspect --root "$root" FerritDev.info)
 [ "$(field '.reply.process' <<<"$doc")" = main ] || fail "inspect's report: $doc"
 json 1 inspect --root "$root" FerritDev.getURLList '{"packName":"none"}' >/dev/null
 doc=$(json 0 get --root "$root" --public-key "$work/key.pub.pem" https://shop.example.com/app/index.html --body)
-[ "$(field '.response.body' <<<"$doc")" = '<html>two</html>' ] || fail "get's report: $doc"
+[ "$(field '.response.body' <<<"$doc")" = '<html>two</html>' ] &&
+  [ "$(field '.response.bodyEncoding' <<<"$doc")" = utf-8 ] || fail "get's report: $doc"
+# A binary body: the report parses (json above) and its base64 gives back the exact bytes.
+doc=$(json 0 get --root "$root" --public-key "$work/key.pub.pem" https://shop.example.com/lib/logo.png --body)
+[ "$(field '.response.bodyEncoding' <<<"$doc")" = base64 ] || fail "a binary body's encoding: $doc"
+field '.response.body' <<<"$doc" | base64 -d > "$work/body.bin"
+cmp -s "$work/body.bin" "$work/site/lib/logo.png" || fail "the base64 body is not the file's bytes: $doc"
 json 0 cleanup --root "$root" >/dev/null
 command -v sqlite3 >/dev/null || fail "sqlite3 is needed to damage an installed file"
 # A corrupted installed file: the check fails naming the pack and the file, the other pack passes.
@@ -318,7 +327,7 @@ if command -v script >/dev/null; then
   # script gives the command a terminal for stdout and stderr alike.
   typed=$(script -qec "'$tool' publish --key '$key' --manifest '$work/manifest.json' '$work/site' '$served'" /dev/null)
   expect "publish [" "$typed"
-  expect "3/3 files" "$typed"
+  expect "4/4 files" "$typed"
   expect "shop 4 (" "$typed"
   typed=$(script -qec "'$tool' startup --root '$work/tty-root' --public-key '$work/key.pub.pem' --serve '$work/serve' --config-prefix https://cdn.example.com/tree/ --zip-prefix https://cdn.example.com/tree/packs/ --app-key shop --app-version 1.0" /dev/null)
   expect "install [" "$typed"

@@ -191,4 +191,36 @@ out=$("$tool" key rotate --key "$key" --next "$work/next.pub.pem" --json "$tree"
 for document in "$global" "$beta" "$stable"; do
   expect '"next":"' "$(cat "$document")"
 done
+
+# A pack that leaves the manifest leaves every channel's releases: the publish reports it, the
+# history forgets its release (its rollout taken back included), and the release commands refuse
+# it as not published.
+cp "$work/manifest.json" "$work/three.json"
+cat > "$work/manifest.json" <<'JSON'
+{"app": {"key": "demo", "version": "1.0", "locale": "en"},
+ "packs": [{"name": "shop", "folder": "shop", "prefix": "http://shop.test/", "priority": 9},
+           {"name": "cart", "folder": "cart", "prefix": "http://cart.test/"}]}
+JSON
+out=$("$tool" publish "${m[@]}" --json "$work/site" "$tree")
+[ "$(json 'd["removed"]' <<<"$out")" = "['extra']" ] || fail "publish does not report extra removed: $out"
+[ "$(record "$global" extra)" = null ] || fail "the global document still names extra"
+state=$tree.publish/state.json
+[ "$(json '[c for c in [d] + list(d.get("channels", {}).values()) if "extra" in c.get("release", {})]' <"$state")" = "[]" ] ||
+  fail "the history still releases extra: $(cat "$state")"
+for command in promote rollback; do
+  set +e; message=$("$tool" "$command" "${m[@]}" extra "$tree" 2>&1); got=$?; set -e
+  [ "$got" -eq 1 ] || fail "$command of a removed pack exited $got"
+  expect "ferrit $command: pack \"extra\" is not published" "$message"
+done
+status 1 "$tool" rollout "${m[@]}" --percent 10 extra "$work/site" "$tree"
+out=$("$tool" promote "${m[@]}" --json --channel stable --from beta extra "$tree" 2>/dev/null || true)
+expect 'is not published' "$(json 'd["error"]' <<<"$out")"
+# Added back, it goes on after its last version, at a new zip path, released to every device.
+cp "$work/three.json" "$work/manifest.json"
+out=$("$tool" publish "${m[@]}" --json "$work/site" "$tree")
+[ "$(json '[(p["seq"], p["kind"]) for p in d["packs"] if p["name"] == "extra"]' <<<"$out")" = "[(2, 'full')]" ] ||
+  fail "extra added back: $out"
+[ "$(record "$global" extra | json '(d["s"], "status" in d, "rs" in d)')" = "(2, False, False)" ] ||
+  fail "extra added back: $(record "$global" extra)"
+[ "$(json '"extra" in d.get("gone", {})' <"$state")" = False ] || fail "extra is still gone"
 echo "check-release: ok"
