@@ -2,11 +2,19 @@
 
 #include <cerrno>
 
+#include "base/Ed25519PublicKey.h"
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/ServiceSlot.h"
+#include "marl/Log.h"
 
 namespace FerritCore {
+namespace {
+
+// What the host reads in the log when a signed list or document was not signed by its key.
+constexpr std::string_view kSignatureRejected = "signature does not verify";
+
+}  // namespace
 
 void Proxy::sendRequest(const ProxyRequest&, ProxyCompletion completion) {
     // An errno value, like a transport failure's, with its words: the caller's message names the
@@ -17,6 +25,16 @@ void Proxy::sendRequest(const ProxyRequest&, ProxyCompletion completion) {
 
 std::shared_ptr<const Ed25519PublicKey> Proxy::publicKey() const {
     return nullptr;
+}
+
+bool verifyWithPublisherKey(const Ed25519PublicKey& key, const std::string& md5Hex,
+                            const std::string& signature, std::string_view logTag) {
+    if (key.verify(md5Hex, signature)) return true;
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelError, logTag)
+        .event("verifySignature")
+        .append("message", kSignatureRejected)
+        .append("md5", md5Hex);
+    return false;
 }
 
 void Proxy::onQueueFinished(uint32_t) {}
@@ -67,6 +85,11 @@ bool verifySignature(const std::string& md5Hex, const std::string& signature) {
 std::shared_ptr<const Ed25519PublicKey> publicKey() {
     const std::shared_ptr<Proxy> held = proxy();
     return held ? held->publicKey() : nullptr;
+}
+
+bool checksSignatures() {
+    const std::shared_ptr<Proxy> held = proxy();
+    return held ? held->checksSignatures() : true;
 }
 
 void sendEvent(const PerfRecord& record) {

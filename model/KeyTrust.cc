@@ -209,6 +209,9 @@ bool KeyTrust::isRetired(const std::string& id) {
 }
 
 std::string KeyTrust::signerOf(const std::string& md5Hex, const std::string& signature) {
+    // A host that checks nothing (opened without a key, for development) takes every document
+    // and list, as before keys could change: a retirement has no key of its to outrank.
+    if (!ProxyCalls::checksSignatures()) return kHostSigner;
     std::vector<std::shared_ptr<const Ed25519PublicKey>> learnt;
     bool anyRetired = false;
     std::shared_ptr<const Ed25519PublicKey> host = ProxyCalls::publicKey();

@@ -61,7 +61,8 @@ class KeyTrust {
     // The id of the trusted key whose signature (raw bytes) `signature` is over `md5Hex`, or
     // empty when none: the host's key unless it was retired (kHostSigner when the host does not
     // name it; such a host is not asked once any key is retired), then every key this device
-    // learnt and did not retire.
+    // learnt and did not retire. kHostSigner for every signature when the host checks nothing
+    // (Proxy::checksSignatures).
     std::string signerOf(const std::string& md5Hex, const std::string& signature);
     // The same, and else the key that `statements` endorse when a trusted key endorsed it and it
     // signed: the id of that key, which is trusted once the document is taken in (accept).

@@ -48,17 +48,6 @@ constexpr double kDefaultPeriodJitter = 300000;
 // Below a configuration prefix: the folder of the publisher's channels.
 constexpr const char* kChannelsFolder = "channels/";
 
-// A channel's name goes into every configuration URL: only plain names are taken.
-bool isPlainChannel(const std::string& channel) {
-    if (channel.empty() || channel[0] == '.') return false;
-    for (char c : channel) {
-        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                           (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
-        if (!plain) return false;
-    }
-    return true;
-}
-
 // An endpoint is a prefix that paths are appended to.
 std::string withTrailingSlash(std::string value) {
     if (value.empty() || value.back() != '/') value.push_back('/');
@@ -507,6 +496,16 @@ JSON Settings::toJSON() const {
 
 // ---- Host defaults
 
+bool HostDefaults::isPlainChannel(const std::string& channel) {
+    if (channel.empty() || channel[0] == '.') return false;
+    for (char c : channel) {
+        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                           (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
+        if (!plain) return false;
+    }
+    return true;
+}
+
 HostDefaults HostDefaults::fromJSON(const JSON& object) {
     HostDefaults defaults;
     defaults.configPrefix = std::string(object["configPrefixRelease"].stringViewValue());
@@ -564,7 +563,8 @@ void Settings::setDefaults(const HostDefaults& defaults) {
                                             ? defaults.configUpdateInterval
                                             : kDefaultConfigUpdateInterval;
         s.encryptionTypeDefault = defaults.encryptionType;
-        s.channel = isPlainChannel(defaults.channel) ? defaults.channel : std::string();
+        s.channel =
+            HostDefaults::isPlainChannel(defaults.channel) ? defaults.channel : std::string();
     });
 }
 

@@ -51,6 +51,9 @@ struct HostDefaults {
     // name that is not plain (letters, digits, ".", "_", "-", not starting with ".") reads empty.
     std::string channel;
 
+    // Whether `channel` is a name that channel takes: letters, digits, ".", "_" and "-", not
+    // empty and not starting with ".", since it goes into every configuration URL.
+    static bool isPlainChannel(const std::string& channel);
     // Reads the host's object: a string member that is missing or not a string reads empty, and
     // "zipPrefixRelease" also serves packs of type 64 unless "ACacheZipPrefixRelease" is given.
     static HostDefaults fromJSON(const MarlLogger::json::JSON& object);

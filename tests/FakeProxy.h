@@ -118,6 +118,7 @@ class FakeProxy : public FerritCore::Proxy {
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override {
         std::lock_guard<std::mutex> lock(mutex_);
         verified.push_back(md5Hex);
+        if (checksNothing) return true;
         if (hostKey) return acceptSignatures && hostKey->verify(md5Hex, signature);
         return acceptSignatures && signature == signatureOf(md5Hex);
     }
@@ -126,6 +127,8 @@ class FakeProxy : public FerritCore::Proxy {
     std::shared_ptr<const FerritCore::Ed25519PublicKey> publicKey() const override {
         return hostKey;
     }
+    // Set: the proxy is a host that opened without a key and takes every signature.
+    bool checksSignatures() const override { return !checksNothing; }
     void sendEvent(const FerritCore::PerfRecord& record) override {
         std::lock_guard<std::mutex> lock(mutex_);
         events.push_back(record.name());
@@ -248,6 +251,7 @@ class FakeProxy : public FerritCore::Proxy {
 
     // Settings of the fake.
     bool acceptSignatures = true;
+    bool checksNothing = false;  // set before use
     bool pushSupported = true;
     FerritCore::Error loadError;  // what every on-demand load completes with
     bool holdLoads = false;       // keep on-demand loads until releaseLoads()

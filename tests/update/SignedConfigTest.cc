@@ -225,6 +225,24 @@ TEST_F(SignedConfigTest, HostThatDoesNotNameItsKeyIsNotAskedOnceAKeyIsRetired) {
     EXPECT_EQ(version(), "5");
 }
 
+// A host that checks nothing (opened without a key) takes every document after a retirement as
+// before it, whoever signed it, the retired key included: it has no key to outrank.
+TEST_F(SignedConfigTest, HostThatChecksNothingTakesEveryDocumentAfterAKeyIsRetired) {
+    proxy_->hostKey = nullptr;
+    proxy_->checksNothing = true;
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"1","keys":{"next":")" + rawOf(*b_) + R"("}})")));
+    ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"2","keys":{"retired":[")" + id(*a_) + R"("]}})")));
+    EXPECT_TRUE(KeyTrust::instance().isRetired(id(*a_)));
+    EXPECT_FALSE(fetch(signedBy(*c_, R"({"v":"3"})")));
+    EXPECT_FALSE(fetch(signedBy(*a_, R"({"v":"4"})")));
+    EXPECT_EQ(version(), "4");
+    // The same documents on a host that checks: only B signs.
+    proxy_->checksNothing = false;
+    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"5"})")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"6"})")).code(), 1010);
+    EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"7"})")));
+}
+
 // The member is read from the tokens wherever it stands, nested values whole, and what is not
 // in its form is left out.
 TEST_F(SignedConfigTest, KeyStatementsAreReadFromTheDocumentText) {
