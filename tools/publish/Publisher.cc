@@ -398,6 +398,10 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     record.set("prefix", JSON(pack.prefix));
     record.set("priority", JSON(pack.priority));
     record.set("builds", builds);
+    // Numbers stepped over stay known, so that no later command takes their zips for a version.
+    JSON skipped = before["skipped"].isArray() ? before["skipped"] : JSON();
+    for (uint64_t seq : done.skipped) skipped.push(JSON(seq));
+    if (skipped.isArray()) record.set("skipped", std::move(skipped));
     if (!signing.signerId.empty()) record.set(kPackSigner, JSON(signing.signerId));
     return true;
 }

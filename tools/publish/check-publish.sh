@@ -220,6 +220,11 @@ expect "skipped 7: its zips were left by a publish that did not finish" "$out"
 expect "skipped 8" "$out"
 [ "$(cat "$work/out/packs/shop/7.zip")" = orphan ] || fail "a left zip was rewritten"
 [ -s "$work/out/packs/shop/i/9.zip" ] || fail "no increment to 9"
+# Nor is a stepped-over number ever a version to roll back to.
+set +e; back=$("$tool" rollback --key "$work/key.pem" --manifest "$work/manifest.json" --to 7 shop \
+  "$work/out" 2>&1); got=$?; set -e
+[ "$got" -eq 1 ] || fail "a rollback to a stepped-over version exited $got"
+expect "no version 7 of shop was published" "$back"
 # --resign signs the configuration again with nothing changed; --valid-for sets its expiry.
 out=$("$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" --resign --valid-for 2d \
   "$work/site" "$work/out")
