@@ -116,7 +116,9 @@ std::string installId() {
     static bool loaded = false;
     std::lock_guard<std::mutex> lock(mutex);
     const std::string& current = rootPath();
-    if (!loaded || *root != current) {
+    // An identifier that could not be read or made is tried again at the next document: one
+    // failed read must not take a device holding a gray version back for the whole process.
+    if (!loaded || *root != current || id->empty()) {
         *root = current;
         *id = loadInstallId(current);
         loaded = true;

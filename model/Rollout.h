@@ -36,7 +36,8 @@ bool inCohort(std::string_view installId, std::string_view packName, uint32_t sh
 // to its name, so that two processes on one root agree on whichever came first). Empty when the
 // root cannot hold it (a read-only root): such a device stays out of every rollout.
 std::string loadInstallId(const std::string& root);
-// The identifier of the process's root, loaded at the first call for that root and kept.
+// The identifier of the process's root, loaded at the first call for that root and kept; while
+// it cannot be read or made, every call tries again.
 std::string installId();
 
 }  // namespace FerritCore::Rollout

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Digest.h"
 #include "tools/ToolCommands.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
@@ -345,6 +346,7 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     if (!validFor.empty() && !parseDuration(validFor, manifest.validForMs, error))
         return out.usage(error);
     manifest.signerKeyId = key->publicKey()->id();
+    manifest.signerPublicKey = FerritCore::Digest::base64Encode(key->publicKey()->raw());
     manifest.resign = resign;
     PublishProgress progress;
     if (bar.enabled()) {

@@ -79,8 +79,17 @@ int keygen(const std::vector<std::string>& arguments, ToolOutput& out) {
     }
     std::unique_ptr<Ed25519Key> key = Ed25519Key::generate(error);
     if (!key) return out.fail(error);
-    if (!key->writePrivatePem(privatePath, error) || !key->writePublicPem(publicPath, error))
+    // Without --force an existing file is never replaced, not even one that another process made
+    // after the check above: each file gets its name by a link, which fails when the name exists.
+    const Ed25519Key::Existing existing =
+        force ? Ed25519Key::Existing::Replace : Ed25519Key::Existing::Keep;
+    if (!key->writePrivatePem(privatePath, error, existing)) return out.fail(error);
+    if (!key->writePublicPem(publicPath, error, existing)) {
+        // Half a pair is no key: the private file this run made goes too.
+        std::error_code ignored;
+        if (!force) fs::remove(privatePath, ignored);
         return out.fail(error);
+    }
     out.text() << "wrote " << privatePath << " and " << publicPath << "\n";
     out.set("private", MarlLogger::json::JSON(privatePath));
     out.set("public", MarlLogger::json::JSON(publicPath));

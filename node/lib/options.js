@@ -19,7 +19,12 @@ const kPublishedPacksFolder = 'packs/';
 const kKnown = new Set(['root', 'appKey', 'appVersion', 'publicKey', 'insecureNoSignatureCheck', 'server',
   'packs', 'locale', 'network', 'env', 'fetch', 'rawFiles', 'updateInterval', 'autoUpdate', 'logLevel', 'channel']);
 // A channel's name goes into the configuration's address below the server ("channels/<name>/").
-const kChannelName = /^[A-Za-z0-9_-][A-Za-z0-9._-]*$/;
+// The same rule as the library's own check, which otherwise reads the default channel instead:
+// letters, digits, ".", "_" and "-" (ASCII only), not empty, not starting with ".".
+const kChannelCharacter = /^[A-Za-z0-9._-]$/;
+function isPlainChannel(name) {
+  return name.length > 0 && name[0] !== '.' && [...name].every((c) => kChannelCharacter.test(c));
+}
 
 function requireText(options, name) {
   const value = options[name];
@@ -120,7 +125,7 @@ function normalize(options) {
   if (typeof autoUpdate !== 'boolean') throw badOption('autoUpdate', 'must be true or false', autoUpdate);
   const logLevel = options.logLevel === undefined ? defaultLogLevel() : checkLogLevel(options.logLevel);
   const channel = optionalText(options, 'channel');
-  if (channel !== undefined && !kChannelName.test(channel)) {
+  if (channel !== undefined && !isPlainChannel(channel)) {
     throw badOption('channel', 'must be a plain name: letters, digits, ".", "_" and "-", not starting with "."', channel);
   }
   return {
@@ -130,4 +135,4 @@ function normalize(options) {
   };
 }
 
-module.exports = { normalize, checkLogLevel, Env, Network, defaultLocale };
+module.exports = { normalize, checkLogLevel, isPlainChannel, Env, Network, defaultLocale };

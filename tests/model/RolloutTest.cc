@@ -201,7 +201,7 @@ TEST_F(RolloutTest, PromotedRecordKeepsTheGrayInstallWithoutADownload) {
 }
 
 // A device that knows nothing of "rs", "rp" and "rt" reads the same record as the released
-// version alone, as the design's merge does for a device outside the gray group.
+// version alone, as the merge always did for a device outside the gray group.
 TEST_F(RolloutTest, DeviceIgnoringTheRolloutKeysReadsTheReleasedVersion) {
     useInstallId(idWithSlot(kPack, 0, kTenPercent));
     auto document = doc(rolloutDoc(10, 1, 2, kTenPercent));
@@ -267,6 +267,22 @@ TEST_F(RolloutTest, IdentifierIsMadeOnceAndKept) {
 TEST_F(RolloutTest, IdentifierChosenBeforeTheFirstStartIsRead) {
     useInstallId("chosen-id\n");
     EXPECT_EQ(Rollout::installId(), "chosen-id");
+}
+
+TEST_F(RolloutTest, IdentifierThatFailedOnceIsReadAgainAtTheNextDocument) {
+    // The first read fails (a folder stands where the identifier's file goes); the device is out
+    // of the share for that document only.
+    const std::string id = idWithSlot(kPack, 0, kTenPercent);
+    ASSERT_EQ(FileUtil::makeDirectory(installIdPath()), 0);
+    EXPECT_EQ(Rollout::installId(), "");
+    mergeText(rolloutDoc(10, 1, 2, kTenPercent));
+    EXPECT_EQ(shop()->seq, 1u);
+    // Readable again: the next document places the device by its identifier.
+    ASSERT_EQ(FileUtil::removeDirectory(installIdPath()), 0);
+    useInstallId(id);
+    mergeText(rolloutDoc(11, 1, 2, kTenPercent));
+    EXPECT_EQ(Rollout::installId(), id);
+    EXPECT_EQ(shop()->seq, 2u) << "in the share once its identifier reads";
 }
 
 TEST_F(RolloutTest, RootThatCannotHoldTheIdentifierLeavesTheDeviceOutOfEveryRollout) {

@@ -47,7 +47,35 @@ TEST_F(Ed25519KeyTest, PrivateKeyIsOwnerOnlyUnderAPermissiveUmask) {
     std::unique_ptr<Ed25519Key> read = Ed25519Key::loadPrivate(path.string(), error);
     ASSERT_TRUE(read) << error;
     EXPECT_TRUE(read->hasPrivate());
-    EXPECT_FALSE(fs::exists(path.string() + ".tmp"));
+    for (const auto& entry : fs::directory_iterator(folder_))
+        EXPECT_EQ(entry.path(), path) << "a temporary file is left";
+}
+
+// keygen checks first, then writes; a file that another process makes in between is kept.
+TEST_F(Ed25519KeyTest, KeepingExistingFilesNeverReplacesOneMadeAfterTheCheck) {
+    std::string error;
+    std::unique_ptr<Ed25519Key> key = Ed25519Key::generate(error);
+    ASSERT_TRUE(key) << error;
+    const fs::path privatePath = folder_ / "key.pem";
+    const fs::path publicPath = folder_ / "key.pub.pem";
+    for (const fs::path& path : {privatePath, publicPath})
+        std::ofstream(path) << "made by another process";
+    EXPECT_FALSE(key->writePrivatePem(privatePath.string(), error, Ed25519Key::Existing::Keep));
+    EXPECT_NE(error.find("File exists"), std::string::npos) << error;
+    EXPECT_FALSE(key->writePublicPem(publicPath.string(), error, Ed25519Key::Existing::Keep));
+    EXPECT_NE(error.find("File exists"), std::string::npos) << error;
+    for (const fs::path& path : {privatePath, publicPath}) {
+        std::ifstream in(path);
+        const std::string text((std::istreambuf_iterator<char>(in)), {});
+        EXPECT_EQ(text, "made by another process") << path;
+    }
+    size_t files = 0;
+    for (const auto& entry : fs::directory_iterator(folder_)) files += entry.exists() ? 1 : 0;
+    EXPECT_EQ(files, 2u) << "a temporary file is left";
+    // A name that is free is taken.
+    const fs::path fresh = folder_ / "fresh.pem";
+    ASSERT_TRUE(key->writePrivatePem(fresh.string(), error, Ed25519Key::Existing::Keep)) << error;
+    EXPECT_EQ(modeOf(fresh), 0600u);
 }
 
 TEST_F(Ed25519KeyTest, ReplacingAnOpenFileLeavesTheKeyOwnerOnly) {

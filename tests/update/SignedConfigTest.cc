@@ -320,19 +320,19 @@ TEST_F(SignedConfigTest, OlderDocumentIsIgnored) {
     EXPECT_FALSE(fetch(signedBy(*a_, R"({"v":"13","issued":3000,"packs":{"a":{"s":1,"g":1}}})")));
     EXPECT_EQ(version(), "13");
     ASSERT_NE(SCache::current()->find("a"), nullptr);
-    EXPECT_EQ(SCache::current()->find("a")->seq, 1u) << "the design's gray rollback";
+    EXPECT_EQ(SCache::current()->find("a")->seq, 1u) << "a gray version taken back";
 }
 
 // ---- documents without the fields ----
 
 // Without "issued", "expires" and "keys" nothing changes: a document with a lower version is
-// merged as the design merges it, nothing is refused, nothing is learnt.
+// merged as before, nothing is refused, nothing is learnt.
 TEST_F(SignedConfigTest, DocumentsWithoutTheFieldsBehaveAsBefore) {
     ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"10","packs":{"a":{"s":2,"g":2}}})")));
     clock_->setWall(kNow + 400 * kDay);
     ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"9","packs":{"a":{"s":1,"g":1},"b":{"s":1}}})")));
     EXPECT_EQ(version(), "10");
-    EXPECT_EQ(SCache::current()->find("a")->seq, 1u) << "the design's gray rollback";
+    EXPECT_EQ(SCache::current()->find("a")->seq, 1u) << "a gray version taken back";
     EXPECT_NE(SCache::current()->find("b"), nullptr);
     EXPECT_EQ(SCache::current()->issued, 0);
     EXPECT_EQ(SCache::current()->expires, 0);
@@ -343,10 +343,10 @@ TEST_F(SignedConfigTest, DocumentsWithoutTheFieldsBehaveAsBefore) {
     EXPECT_TRUE(ConfigStore::instance().get(KeyTrust::kStoreKey, error).isNull());
 }
 
-// The new members are members the design's reader passes over: the same document with them reads
-// as without them in every field the design names, so a device that knows nothing of them
-// follows it as the design says.
-TEST_F(SignedConfigTest, NewFieldsLeaveEveryFieldOfTheDesignAsItWas) {
+// The new members are members an older reader passes over: the same document with them reads as
+// without them in every one of the record's own fields, so a device that knows nothing of them
+// follows it as before.
+TEST_F(SignedConfigTest, NewFieldsLeaveEveryOtherFieldAsItWas) {
     const std::string plain = R"({"v":"7","i":4294967295,"delay":5,"packs":{"a":{"s":3,"g":2}}})";
     const std::string extended =
         R"({"v":"7","issued":5,"expires":9,"keys":{"next":")" + rawOf(*b_) +

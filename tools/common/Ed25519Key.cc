@@ -106,7 +106,8 @@ bool Ed25519Key::verify(std::string_view message, std::string_view signature) co
     return public_->verify(message, signature);
 }
 
-bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error) const {
+bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error,
+                                 Existing existing) const {
     if (!hasPrivate_) {
         error = "a public key has no private half to write";
         return false;
@@ -114,7 +115,8 @@ bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error) co
     // Created readable by its owner only, beside the target and renamed over it: the key is
     // never visible to others, not even for the moment between a write and a change of mode,
     // and a reader never sees half a key.
-    const std::string temporary = path + ".tmp";
+    // A name of this process's own, so that two processes writing one key never share it.
+    const std::string temporary = path + ".tmp" + std::to_string(::getpid());
     ::unlink(temporary.c_str());
     const int descriptor =
         ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateKeyMode);
@@ -130,16 +132,21 @@ bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error) co
     } else {
         ::close(descriptor);
     }
-    if (written && ::rename(temporary.c_str(), path.c_str()) == 0) return true;
-    error = "cannot write the private key " + path + ": " + std::strerror(errno);
+    const int code = written ? placeFile(temporary, path, existing == Existing::Replace) : errno;
+    if (code == 0) return true;
+    error = "cannot write the private key " + path + ": " + std::strerror(code);
     ::unlink(temporary.c_str());
     return false;
 }
 
-bool Ed25519Key::writePublicPem(const std::string& path, std::string& error) const {
+bool Ed25519Key::writePublicPem(const std::string& path, std::string& error,
+                                Existing existing) const {
     const std::string pem = public_->pem();
-    const bool written = !pem.empty() && writeFileAtomically(path, pem);
-    if (!written) error = "cannot write the public key " + path;
+    std::string reason;
+    const bool written =
+        !pem.empty() && (existing == Existing::Replace ? writeFileAtomically(path, pem, &reason)
+                                                       : writeNewFile(path, pem, &reason));
+    if (!written) error = cannotWrite("the public key " + path, reason);
     return written;
 }
 

@@ -14,6 +14,16 @@ bool readWholeFile(const std::string& path, std::string& content);
 // says why in the system's words ("No space left on device").
 bool writeFileAtomically(const std::string& path, const std::string& content,
                          std::string* reason = nullptr);
+// As writeFileAtomically, but never over an existing file: the finished file gets its name by a
+// link, which fails (reason "File exists") when `path` exists, even when another process made it
+// a moment before. The link is made durable as the rename is.
+bool writeNewFile(const std::string& path, const std::string& content,
+                  std::string* reason = nullptr);
+// Gives the finished file `temporary` the name `path` (by a rename over what `path` held when
+// `replace`, else by a link that never replaces), removes the temporary name and makes the new
+// name durable by syncing its folder. 0, or the errno of the step that failed (EEXIST: `path`
+// exists and `replace` is false).
+int placeFile(const std::string& temporary, const std::string& path, bool replace);
 // "cannot write PATH", followed by ": REASON" when there is one.
 std::string cannotWrite(const std::string& path, const std::string& reason);
 

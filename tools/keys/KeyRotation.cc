@@ -1,13 +1,13 @@
 #include "tools/keys/KeyRotation.h"
 
 #include <algorithm>
-#include <chrono>
 #include <ctime>
 #include <filesystem>
 
 #include "base/Digest.h"
 #include "base/Ed25519PublicKey.h"
 #include "model/KeyTrust.h"
+#include "tools/common/ToolClock.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/publish/Publisher.h"
 #include "tools/publish/Release.h"
@@ -23,6 +23,7 @@ namespace {
 
 // The members of the state's "keys" and of the documents' "keys".
 constexpr const char* kSigner = "signer";
+constexpr const char* kSignerKey = "signerKey";
 constexpr const char* kNext = "next";
 constexpr const char* kEndorsement = "endorsement";
 constexpr const char* kEndorsedKey = "key";
@@ -32,21 +33,18 @@ constexpr const char* kRetired = "retired";
 constexpr const char* kIssued = "issued";
 constexpr const char* kExpires = "expires";
 constexpr const char* kStateKeys = "keys";
-// Where the global documents lie below the tree (or a channel's folder), and the state in the
-// history.
+// Where the global documents lie below the tree (or a channel's folder), how deep below it, and
+// what a version's folder starts with and a locale's file holds.
 constexpr const char* kConfigFolder = "fconfig";
-constexpr const char* kChannelsFolder = "channels";
-constexpr const char* kStateFile = "state.json";
+constexpr size_t kDocumentDepth = 4;
+constexpr std::string_view kVersionFolderPrefix = "0~";
+constexpr char kPartSeparator = '~';
+// What a write that did not finish leaves beside its file (writeFileAtomically).
+constexpr std::string_view kTemporarySuffix = ".tmp";
 constexpr uint64_t kSecondMs = 1000;
 constexpr uint64_t kMinuteMs = 60 * kSecondMs;
 constexpr uint64_t kHourMs = 60 * kMinuteMs;
 constexpr uint64_t kDayMs = 24 * kHourMs;
-
-uint64_t nowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::system_clock::now().time_since_epoch())
-                                     .count());
-}
 
 std::string rawBase64(const Ed25519Key& key) {
     return FerritCore::Digest::base64Encode(key.publicKey()->raw());
@@ -64,25 +62,76 @@ bool contains(const JSON& ids, const std::string& id) {
     return false;
 }
 
-bool readState(const std::string& history, JSON& state, std::string& error) {
-    const std::string path = (fs::path(history) / kStateFile).string();
-    std::string text, parseError;
-    if (!readWholeFile(path, text)) {
-        error = "no publishing state at " + path + "; publish the tree first";
+// A public key kept as base64 of its raw bytes; null when it is none.
+std::shared_ptr<const FerritCore::Ed25519PublicKey> keyOfBase64(const std::string& base64) {
+    std::string raw, parseError;
+    if (base64.empty() || !FerritCore::Digest::base64Decode(base64, raw)) return nullptr;
+    return FerritCore::Ed25519PublicKey::parse(raw, FerritCore::Ed25519PublicKey::Form::Bytes,
+                                               parseError);
+}
+
+// A part of a path that publish writes for a global document: no hidden name, no leftover of a
+// write, and below "fconfig/" "<app>/<app version>/0~<digits>/<locale>~[<locale>]".
+bool isDocumentPath(const fs::path& relative) {
+    std::vector<std::string> parts;
+    for (const fs::path& part : relative) parts.push_back(part.string());
+    if (parts.size() != kDocumentDepth) return false;
+    for (const std::string& part : parts)
+        if (part.empty() || part[0] == '.' || part.ends_with(kTemporarySuffix)) return false;
+    const std::string& version = parts[2];
+    if (!version.starts_with(kVersionFolderPrefix) ||
+        version.size() == kVersionFolderPrefix.size() ||
+        !std::all_of(version.begin() + kVersionFolderPrefix.size(), version.end(),
+                     [](char c) { return c >= '0' && c <= '9'; }))
         return false;
+    const std::string& locale = parts[3];
+    const size_t separator = locale.find(kPartSeparator);
+    if (separator == std::string::npos) return false;
+    const std::string after = locale.substr(separator + 1);
+    return after.empty() || after == locale.substr(0, separator);
+}
+
+// What the channels give their devices that `keyId` signed, or whose signer the history does
+// not know: "channel \"stable\" releases shop 3, ...", empty when nothing.
+std::string versionsSignedBy(const JSON& state, const std::string& keyId,
+                             const std::string& previousSignerId) {
+    std::string found;
+    for (const std::string& channel : channelsOf(state)) {
+        const std::string where =
+            channel.empty() ? std::string("the default channel") : "channel \"" + channel + "\"";
+        for (const auto& [name, record] : state["packs"].objectValue()) {
+            const PackRelease release = releaseOf(state, channel, name);
+            auto check = [&](uint64_t seq, const char* how) {
+                if (seq == 0) return;
+                const std::string signer = versionSigner(record, seq, previousSignerId);
+                if (signer != keyId && !signer.empty()) return;
+                found += (found.empty() ? "" : ", ") + where + " " + how + " " + name + " " +
+                         std::to_string(seq) + (signer.empty() ? " (signer not recorded)" : "");
+            };
+            check(release.seq, "releases");
+            // A rollout taken back (a share of 0) sends no device to its version.
+            if (release.share != 0) check(release.graySeq, "rolls out");
+        }
     }
-    state = JSON::parse(text, &parseError);
-    if (!parseError.empty() || !state.isObject()) {
-        error = "the publishing state " + path + " is damaged";
-        return false;
-    }
-    return true;
+    return found;
 }
 
 }  // namespace
 
 std::string packSigner(const JSON& record, const std::string& previousSignerId) {
     return record[kPackSigner].isString() ? record[kPackSigner].stringValue() : previousSignerId;
+}
+
+std::string versionSigner(const JSON& record, uint64_t seq, const std::string& previousSignerId) {
+    const JSON& build = record["builds"][std::to_string(seq)];
+    if (build[kVersionSigner].isString()) return build[kVersionSigner].stringValue();
+    if (!record[kPackSigner].isString()) return previousSignerId;
+    if (record["seq"].uint64Value() == seq) return record[kPackSigner].stringValue();
+    return std::string();
+}
+
+bool keyRetired(const JSON& state, const std::string& id) {
+    return !id.empty() && contains(state[kStateKeys][kRetired], id);
 }
 
 bool parseDuration(const std::string& text, uint64_t& ms, std::string& error) {
@@ -118,8 +167,8 @@ std::string isoTime(uint64_t ms) {
     return text;
 }
 
-bool planSigning(const JSON& state, const std::string& signerId, SigningPlan& plan,
-                 std::string& error) {
+bool planSigning(const JSON& state, const std::string& signerId, const std::string& signerKey,
+                 SigningPlan& plan, std::string& error) {
     const JSON& keys = state[kStateKeys];
     const std::string stateSigner = keys[kSigner].stringValue();
     const std::string next = keys[kNext].stringValue();
@@ -138,6 +187,21 @@ bool planSigning(const JSON& state, const std::string& signerId, SigningPlan& pl
     plan.previousSignerId = stateSigner.empty() ? signerId : stateSigner;
     plan.stateKeys = keys.isObject() ? keys : JSON(JSONObject{});
     plan.stateKeys.set(kSigner, JSON(signerId));
+    // The documents on disk were signed by the state's signer (whose key the state keeps since it
+    // was recorded), or by this key.
+    const std::string stateSignerKey = keys[kSignerKey].stringValue();
+    if (auto previous = keyOfBase64(stateSignerKey);
+        previous != nullptr && previous->id() == plan.previousSignerId)
+        plan.treeKeys.push_back(std::move(previous));
+    if (auto own = keyOfBase64(signerKey); own != nullptr && own->id() == signerId) {
+        plan.treeKeys.push_back(std::move(own));
+        plan.stateKeys.set(kSignerKey, JSON(signerKey));
+    } else if (stateSigner != signerId) {
+        JSON without(JSONObject{});
+        for (const auto& [name, value] : plan.stateKeys.objectValue())
+            if (name != kSignerKey) without.set(name, value);
+        plan.stateKeys = without;
+    }
     plan.documentKeys = JSON(JSONObject{});
     if (!next.empty()) {
         if (signerId == nextId) {
@@ -209,7 +273,7 @@ std::vector<std::string> globalDocuments(const std::string& out) {
     for (const fs::path& folder : folders) {
         for (fs::recursive_directory_iterator it(folder, code), end; !code && it != end;
              it.increment(code)) {
-            if (it->is_regular_file())
+            if (it->is_regular_file() && isDocumentPath(fs::relative(it->path(), folder)))
                 documents.push_back(fs::relative(it->path(), out).generic_string());
         }
         code.clear();
@@ -218,9 +282,11 @@ std::vector<std::string> globalDocuments(const std::string& out) {
     return documents;
 }
 
-bool restampDocuments(const std::string& out, const std::vector<std::string>& paths,
-                      const DocumentStamp& stamp, const Signer& signer,
-                      const Ed25519Key* verifyWith, std::string& error) {
+bool restampDocuments(
+    const std::string& out, const std::vector<std::string>& paths, const DocumentStamp& stamp,
+    const Signer& signer,
+    const std::vector<std::shared_ptr<const FerritCore::Ed25519PublicKey>>& verifyWith,
+    std::string& error) {
     std::vector<std::pair<std::string, std::string>> signedDocuments;
     for (const std::string& relative : paths) {
         const std::string path = (fs::path(out) / relative).string();
@@ -235,13 +301,26 @@ bool restampDocuments(const std::string& out, const std::vector<std::string>& pa
             error = path + " is not a signed document";
             return false;
         }
-        if (verifyWith != nullptr &&
-            (!FerritCore::Digest::base64Decode(text.substr(separator + 2), signature) ||
-             !verifyWith->verify(FerritCore::Digest::md5Hex(text.substr(0, separator)),
-                                 signature))) {
-            error = path + " is not signed with " + verifyWith->publicKey()->id() +
-                    ", the key given to sign the tree now";
-            return false;
+        // A document that the tree's key did not sign was not written by the tool: signing it
+        // would vouch for whatever someone placed in the tree.
+        if (!verifyWith.empty()) {
+            const bool decoded =
+                FerritCore::Digest::base64Decode(text.substr(separator + 2), signature);
+            const std::string digest = FerritCore::Digest::md5Hex(text.substr(0, separator));
+            const bool verified =
+                decoded && std::any_of(verifyWith.begin(), verifyWith.end(), [&](const auto& key) {
+                    return key->verify(digest, signature);
+                });
+            if (!verified) {
+                std::string ids;
+                for (const auto& key : verifyWith)
+                    if (ids.find(key->id()) == std::string::npos)
+                        ids += (ids.empty() ? "" : " or ") + key->id();
+                error = path + " is not signed with the tree's key (" + ids +
+                        "); nothing was signed again: remove it, or put back the tree's own "
+                        "copy, and run again";
+                return false;
+            }
         }
         if (!stampDocument(text.substr(0, separator), stamp, signer, signedDocument, error)) {
             error = path + ": " + error;
@@ -272,10 +351,14 @@ bool rotateKeys(const RotateRequest& request, RotateResult& result, std::string&
     const std::string history =
         request.history.empty() ? defaultHistoryFolder(request.out) : request.history;
     JSON state;
-    if (!readState(history, state, error)) return false;
+    if (!readPublishState(history, state, error)) return false;
+    if (!state["packs"].isObject()) {
+        error = "no publishing state in " + history + "; publish the tree first";
+        return false;
+    }
     const std::string signerId = request.key->publicKey()->id();
     SigningPlan plan;
-    if (!planSigning(state, signerId, plan, error)) return false;
+    if (!planSigning(state, signerId, rawBase64(*request.key), plan, error)) return false;
     result.signerId = signerId;
     JSON stateKeys = plan.stateKeys;
     JSON documentKeys = plan.documentKeys;
@@ -329,6 +412,16 @@ bool rotateKeys(const RotateRequest& request, RotateResult& result, std::string&
                     " are signed with the key to retire; publish with " + signerId + " first";
             return false;
         }
+        // Every version that a channel gives its devices, released or in rollout, must verify
+        // once the key is retired, or those devices refuse its list and stop serving the pack.
+        const std::string needed = versionsSignedBy(state, retireId, plan.previousSignerId);
+        if (!needed.empty()) {
+            error =
+                "devices still take versions that the key to retire signed, or that the "
+                "history cannot tell: " +
+                needed + "; publish or promote a newer version there with " + signerId + " first";
+            return false;
+        }
         JSON retired(JSONArray{});
         for (const JSON& id : stateKeys[kRetired].arrayValue()) retired.push(id);
         if (!contains(retired, retireId)) retired.push(JSON(retireId));
@@ -346,15 +439,12 @@ bool rotateKeys(const RotateRequest& request, RotateResult& result, std::string&
     // A document that the signing key did not sign means a key the devices may not trust:
     // nothing is re-signed.
     if (!restampDocuments(request.out, documents, stamp, ed25519Signer(request.key),
-                          request.key.get(), error))
+                          {request.key->publicKey()}, error))
         return false;
     result.resigned = documents;
     state.set(kStateKeys, stateKeys);
     recordStamp(state, stamp);
-    if (!writeFileAtomically((fs::path(history) / kStateFile).string(), state.toString())) {
-        error = "cannot write the publishing state in " + history;
-        return false;
-    }
+    if (!writePublishState(history, state, error)) return false;
     result.stamp = stamp;
     return true;
 }

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Ed25519PublicKey.h"
 #include "marl/Json.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/pack/PackBuilder.h"
@@ -36,8 +37,10 @@ struct DocumentStamp {
 };
 
 // The tree's signing state as the publishing state keeps it under "keys":
-//   {"signer": ID, "next": KEY, "endorsement": {"key": KEY, "signature": SIG}, "retired": [ID]}
-// "signer" signs the tree now; "next" is the successor named by `ferrit key rotate --next`
+//   {"signer": ID, "signerKey": KEY, "next": KEY, "endorsement": {"key": KEY, "signature": SIG},
+//    "retired": [ID]}
+// "signer" signs the tree now, "signerKey" is its public key (base64 of the raw bytes; absent in
+// a state from before it was kept); "next" is the successor named by `ferrit key rotate --next`
 // until a publish signs with it; "endorsement" is the predecessor's endorsement of the signer,
 // kept in every document so that a device away during the change still follows.
 struct SigningPlan {
@@ -47,19 +50,35 @@ struct SigningPlan {
     // Packs last signed by another key than this one get a new version, so that their signed
     // lists verify once the other key is retired; the id that signed before this run.
     std::string previousSignerId;
+    // The keys whose signature a document of the tree may carry before this run signs it again:
+    // the state's signer's, when the state keeps it, and the one that signs now.
+    std::vector<std::shared_ptr<const FerritCore::Ed25519PublicKey>> treeKeys;
 };
 
 // The member of a pack's record in the state that names the key that signed its newest version,
 // and that id for a record (`previousSignerId` for a record from before keys were recorded).
 inline constexpr const char* kPackSigner = "key";
 std::string packSigner(const MarlLogger::json::JSON& record, const std::string& previousSignerId);
+// The member of a version's build record (the pack record's "builds") that names the key that
+// signed the version's list, and that id for version `seq` of the pack whose record is `record`:
+// the build's own, else the pack's for its newest version, else, for a pack whose record names
+// no key at all (all of it published before keys were recorded), `previousSignerId`. Empty when
+// the history cannot tell: an earlier version of a pack published since keys were recorded but
+// before each version's were.
+inline constexpr const char* kVersionSigner = "k";
+std::string versionSigner(const MarlLogger::json::JSON& record, uint64_t seq,
+                          const std::string& previousSignerId);
+// Whether the state retired the key `id`.
+bool keyRetired(const MarlLogger::json::JSON& state, const std::string& id);
 
 // Checks that the key `signerId` may sign the tree whose state is `state`, and plans what its
 // documents say: the state's signer, or the successor that the state names (which from then on
 // is the signer); any key for a tree that never named one. False with `error` set for a retired
 // key and for a key the tree was not handed to.
+// `signerKey` is the signing key's public key as base64 of its raw bytes, which the state keeps
+// from then on; empty when the caller has none.
 bool planSigning(const MarlLogger::json::JSON& state, const std::string& signerId,
-                 SigningPlan& plan, std::string& error);
+                 const std::string& signerKey, SigningPlan& plan, std::string& error);
 
 // The stamp of the next signature: "issued" above the state's last one (and not before now),
 // "expires" `validForMs` after it.
@@ -76,14 +95,18 @@ bool stampDocument(const std::string& json, const DocumentStamp& stamp, const Si
                    std::string& signedDocument, std::string& error);
 
 // The global documents of the tree `out`, as sorted paths below it: the tree's own below
-// "fconfig/" and each channel's below "channels/<name>/fconfig/".
+// "fconfig/" and each channel's below "channels/<name>/fconfig/", at the paths that publish
+// writes ("<app>/<app version>/0~<version>/<locale>~" and "<locale>~<locale>") and no other: a
+// hidden file or one a killed write left behind is not a document.
 std::vector<std::string> globalDocuments(const std::string& out);
 // Signs each document of `paths` (below `out`) again with `stamp`'s members and every other member
-// as it was, in place. With `verifyWith`, a document that key did not sign fails the whole run.
-// Every document is read and signed before the first is replaced.
-bool restampDocuments(const std::string& out, const std::vector<std::string>& paths,
-                      const DocumentStamp& stamp, const Signer& signer,
-                      const Ed25519Key* verifyWith, std::string& error);
+// as it was, in place. Unless `verifyWith` is empty, a document that none of its keys signed
+// fails the whole run. Every document is read, checked and signed before the first is replaced.
+bool restampDocuments(
+    const std::string& out, const std::vector<std::string>& paths, const DocumentStamp& stamp,
+    const Signer& signer,
+    const std::vector<std::shared_ptr<const FerritCore::Ed25519PublicKey>>& verifyWith,
+    std::string& error);
 
 // `ferrit key rotate`: re-signs every global document of the tree (globalDocuments) and records
 // the change in the state of `history`.

@@ -67,6 +67,9 @@ global="$work/out/fconfig/shop/1.0/0~0/~"
 out=$(host)
 expect "configuration version $v1 with 1 packs" "$out"
 cp "$global" "$work/signed-by-a"
+# A second channel releases shop 1, which A signed, to its own devices.
+"$tool" publish --key "$work/a.pem" --manifest "$work/manifest.json" --channel stable "$work/site" \
+  "$work/out" >/dev/null
 
 # 1. A names B. The host trusts B beside A.
 status 1 "$tool" key rotate --key "$work/c.pem" --next "$work/b.pub.pem" "$work/out"  # not the tree's key
@@ -90,9 +93,28 @@ out=$(host)
 expect "configuration version $v2 with 1 packs" "$out"
 
 # 3. B retires A. The host refuses A from then on, although it still opens with A.
+# Not while the stable channel still releases shop 1, whose list A signed: its devices would
+# refuse it and stop serving the pack. Once stable has B's version, A retires.
+set +e; message=$("$tool" key rotate --key "$work/b.pem" --retire "$work/a.pub.pem" "$work/out" 2>&1)
+got=$?; set -e
+[ "$got" -eq 1 ] || fail "retired A while stable releases a version A signed: $message"
+expect 'channel "stable" releases shop 1' "$message"
+expect "publish or promote a newer version there" "$message"
+"$tool" promote --key "$work/b.pem" --manifest "$work/manifest.json" --channel stable --from "" \
+  shop "$work/out" >/dev/null
 retired=$("$tool" key rotate --key "$work/b.pem" --retire "$work/a.pub.pem" "$work/out")
 expect "key $a retired by $b" "$retired"
 status 1 "$tool" publish --key "$work/a.pem" --manifest "$work/manifest.json" "$work/site" "$work/out"
+# A channel that a tree retired by an earlier release of the tool still gives shop 1 (signed by A):
+# promote does not hand that version to another channel.
+state=$work/out.publish/state.json
+node -e 'const fs = require("fs"); const s = JSON.parse(fs.readFileSync(process.argv[1]));
+  s.channels.old = {release: {shop: {seq: 1}}}; fs.writeFileSync(process.argv[1], JSON.stringify(s));' \
+  "$state"
+set +e; message=$("$tool" promote --key "$work/b.pem" --manifest "$work/manifest.json" \
+  --channel edge --from old shop "$work/out" 2>&1); got=$?; set -e
+[ "$got" -eq 1 ] || fail "promoted a version that the retired key signed: $message"
+expect "version 1 of shop is signed with the key $a, which was retired" "$message"
 out=$(host)
 [ "$(report "$out" | pick '.configuration.keys.retired[0]')" = "$a" ] || fail "A is not retired: $out"
 before=$(cat "$global")

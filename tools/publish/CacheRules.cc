@@ -4,6 +4,7 @@
 
 #include "marl/Json.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/publish/Release.h"
 
 namespace FerritTools {
 
@@ -17,7 +18,7 @@ namespace {
 constexpr const char* kNginxSuffix = ".nginx.conf";
 constexpr const char* kHeadersSuffix = ".headers.json";
 // The folders of configuration documents below a tree.
-constexpr const char* kConfigurationFolders[] = {"fconfig/", "packconfig/", "channels/"};
+constexpr const char* kConfigurationFolders[] = {"fconfig/", "packconfig/", kChannelsFolder};
 
 std::string beside(const std::string& out, const char* suffix) {
     std::error_code code;

@@ -1,13 +1,13 @@
 #include "tools/publish/Publisher.h"
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <set>
 
 #include "base/Digest.h"
 #include "marl/Json.h"
 #include "model/Pack.h"
+#include "tools/common/ToolClock.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/publish/CacheRules.h"
 #include "tools/publish/Release.h"
@@ -48,12 +48,6 @@ bool writeBelow(const std::string& out, const std::string& relative, const std::
         return false;
     }
     return true;
-}
-
-uint64_t nowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::system_clock::now().time_since_epoch())
-                                     .count());
 }
 
 // Whether `folder` is `tree` or lies below it, after resolving both.
@@ -313,7 +307,8 @@ bool writeTreeFile(const std::string& out, const std::string& relative, const st
 bool signingPlanOf(const JSON& state, const PublishManifest& manifest, SigningPlan& plan,
                    std::string& error) {
     plan = SigningPlan();
-    return manifest.signerKeyId.empty() || planSigning(state, manifest.signerKeyId, plan, error);
+    return manifest.signerKeyId.empty() ||
+           planSigning(state, manifest.signerKeyId, manifest.signerPublicKey, plan, error);
 }
 
 bool buildVersion(const PublishPack& pack, const PackContent& content, const std::string& zipFolder,
@@ -382,13 +377,17 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     const double publishTime = static_cast<double>(nowMs());
     const uint64_t flags = FerritCore::kPackTypeFerrit | pack.priority;
     // What a pack's own document says of each version, so that any channel can name it later.
+    // The key that signed its list too, so that no key retires while a channel gives a version
+    // it signed to devices.
     JSON builds = before["builds"].isObject() ? before["builds"] : JSON(JSONObject{});
-    builds.set(std::to_string(done.seq), JSON(JSONObject{{"b", JSON(done.baseSeq)},
-                                                         {"c", JSON(md5)},
-                                                         {"ci", JSON(incrMd5)},
-                                                         {"t", JSON(publishTime)},
-                                                         {"f", JSON(flags)},
-                                                         {"p", JSON(pack.prefix)}}));
+    JSON build(JSONObject{{"b", JSON(done.baseSeq)},
+                          {"c", JSON(md5)},
+                          {"ci", JSON(incrMd5)},
+                          {"t", JSON(publishTime)},
+                          {"f", JSON(flags)},
+                          {"p", JSON(pack.prefix)}});
+    if (!signing.signerId.empty()) build.set(kVersionSigner, JSON(signing.signerId));
+    builds.set(std::to_string(done.seq), build);
     record = JSON(JSONObject{});
     record.set("seq", JSON(done.seq));
     record.set("base", JSON(done.baseSeq));

@@ -48,6 +48,9 @@ struct PublishManifest {
     // changed (it is also signed again, with a new version, when less than half of that is
     // left).
     std::string signerKeyId;
+    // That key's public key, base64 of its raw bytes: the state keeps it, so that a later run
+    // can check that the tree's documents are the ones its key signed.
+    std::string signerPublicKey;
     uint64_t validForMs = kDefaultValidForMs;
     bool resign = false;
 };

@@ -3,10 +3,11 @@
 #include <minizip/unzip.h>
 
 #include <algorithm>
-#include <chrono>
+#include <map>
 #include <set>
 
 #include "model/Pack.h"
+#include "tools/common/ToolClock.h"
 #include "tools/common/ToolFiles.h"
 
 namespace FerritTools {
@@ -17,9 +18,7 @@ using MarlLogger::json::JSONObject;
 
 namespace {
 
-// Below the tree: the folder of the named channels. In the state: their states, and each
-// channel's releases by pack.
-constexpr const char* kChannelsFolder = "channels/";
+// In the state: the named channels' states, and each channel's releases by pack.
 constexpr const char* kChannelsKey = "channels";
 constexpr const char* kReleaseKey = "release";
 // In the state: the packs that left the manifest, each with its last sequence.
@@ -33,12 +32,6 @@ constexpr const char* kIndexEntryName = "app-res.hvc";
 constexpr std::string_view kSignatureSeparator = "||";
 // Priorities are the low four bits of a pack's flags.
 constexpr uint64_t kPriorityMask = 0x0F;
-
-uint64_t nowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::system_clock::now().time_since_epoch())
-                                     .count());
-}
 
 // The channel's own part of the state: the state itself for the default channel, which kept its
 // "version" and "versions" there before channels existed.
@@ -193,6 +186,39 @@ bool packStateOf(const JSON& state, const std::string& pack, std::string& error)
     return false;
 }
 
+// The other channels' global documents (`paths`, signed again) also at every version path of
+// `origins` and at `newVersion`'s, where a device that leaves the channel writing `newVersion`
+// for one of theirs asks: each is the full document, as at "0~0".
+bool writeAtOrigins(const std::string& out, const std::vector<std::string>& paths,
+                    std::set<std::string> origins, const std::string& newVersion,
+                    std::string& error) {
+    origins.insert(newVersion);
+    // One document per channel, app, app version and locale: what lies above and below the
+    // version's folder.
+    std::map<std::pair<std::string, std::string>, std::string> documents;
+    for (const std::string& path : paths) {
+        const size_t file = path.rfind('/');
+        const size_t versionFolder = path.rfind('/', file - 1);
+        if (file == std::string::npos || versionFolder == std::string::npos) continue;
+        documents.emplace(std::make_pair(path.substr(0, versionFolder + 1), path.substr(file)),
+                          path);
+    }
+    for (const auto& [where, source] : documents) {
+        std::string text;
+        if (!readWholeFile(out + "/" + source, text)) {
+            error = "cannot read " + out + "/" + source;
+            return false;
+        }
+        for (const std::string& origin : origins) {
+            const std::string path = where.first + kNoVersion + "~" + origin + where.second;
+            if (path == source || std::find(paths.begin(), paths.end(), path) != paths.end())
+                continue;
+            if (!writeTreeFile(out, path, text, error)) return false;
+        }
+    }
+    return true;
+}
+
 std::string describeChannel(const std::string& channel) {
     return channel.empty() ? std::string("the default channel") : "channel \"" + channel + "\"";
 }
@@ -215,6 +241,13 @@ bool release(JSON& state, const std::string& history, const PublishManifest& man
 }
 
 }  // namespace
+
+std::vector<std::string> channelsOf(const JSON& state) {
+    std::vector<std::string> channels{std::string()};
+    for (const auto& [name, unused] : state[kChannelsKey].objectValue())
+        if (!name.empty()) channels.push_back(name);
+    return channels;
+}
 
 std::string channelFolder(const std::string& channel) {
     return channel.empty() ? std::string() : kChannelsFolder + channel + "/";
@@ -379,15 +412,23 @@ bool writeChannel(JSON& state, const std::string& channel, const PublishManifest
     // Every global document of the tree carries the newest stamp, the other channels' too (signed
     // again as they are), so that the state's one expiry holds for all of them and a publish that
     // is due to sign again renews every channel.
+    // Their documents are checked first: one that the tree's key did not sign was put there by
+    // someone else, and signing it would vouch for it.
     std::vector<std::string> others;
     for (const std::string& path : globalDocuments(out))
         if (!path.starts_with(folder + "fconfig/")) others.push_back(path);
-    if (!restampDocuments(out, others, stamp, signer, nullptr, error)) return false;
+    if (!restampDocuments(out, others, stamp, signer, signing.treeKeys, error)) return false;
     // A client asks for ".../<app version>/<target>~<its version>/<locale>~<its locale>", target
     // 0 for "the newest": every version published before, and none, get the same full document.
+    // A device that moves to another channel asks with the version of the channel it left, so
+    // every channel answers at every version that any channel has published.
     JSON own = channelState(state, channel);
-    std::vector<std::string> origins{kNoVersion};
-    for (const JSON& v : own["versions"].arrayValue()) origins.push_back(v.stringValue());
+    std::set<std::string> origins{kNoVersion};
+    for (const std::string& name : channelsOf(state)) {
+        const JSON part = channelState(state, name);
+        for (const JSON& v : part["versions"].arrayValue()) origins.insert(v.stringValue());
+    }
+    if (!writeAtOrigins(out, others, origins, versionText, error)) return false;
     const std::set<std::string> localeParts{manifest.locale + "~",
                                             manifest.locale + "~" + manifest.locale};
     const std::string base =
@@ -482,6 +523,26 @@ bool promote(const PublishManifest& manifest, const std::string& out, const std:
         }
         seq = source.seq;
         time = source.time;
+        // A device never goes back to a lower number by itself: the ones on the newer version
+        // would keep it while new ones took the older, and the channel would split.
+        const uint64_t newest = std::max(result.before.seq, result.before.graySeq);
+        if (seq < newest) {
+            error = describeChannel(channel) + " has version " + std::to_string(newest) + " of " +
+                    pack + ", newer than the version " + std::to_string(seq) + " that " +
+                    describeChannel(from) + " releases; to give its devices version " +
+                    std::to_string(seq) + "'s files, `ferrit rollback --to " + std::to_string(seq) +
+                    "` publishes them as a new version";
+            return false;
+        }
+    }
+    // A version whose list a retired key signed is refused by every device.
+    const std::string versionKey =
+        versionSigner(state["packs"][pack], seq, state["keys"]["signer"].stringValue());
+    if (keyRetired(state, versionKey)) {
+        error = "version " + std::to_string(seq) + " of " + pack + " is signed with the key " +
+                versionKey + ", which was retired and which devices refuse; publish a newer " +
+                "version of " + pack + " first";
+        return false;
     }
     if (seq == result.before.seq && result.before.graySeq == 0) {
         error = "every device of " + describeChannel(channel) + " has version " +

@@ -18,19 +18,26 @@
 #include <vector>
 
 #include "marl/Json.h"
+#include "model/Rollout.h"
 #include "tools/publish/Publisher.h"
 
 namespace FerritTools {
 
-// Shares are basis points of the devices, as the documents carry them.
-inline constexpr uint32_t kShareScale = 10000;
+// Shares are basis points of the devices, as the documents carry them and devices read them.
+using FerritCore::Rollout::kShareScale;
 inline constexpr uint32_t kSharePerPercent = 100;
+
+// Below a tree, the folder of the named channels.
+inline constexpr const char* kChannelsFolder = "channels/";
 
 // "" for the default channel, else "channels/<name>/": where a channel's documents lie below the
 // tree, and what a host adds to the tree's address to read it.
 std::string channelFolder(const std::string& channel);
 // A channel's name is plain: letters, digits, ".", "_" and "-", not starting with ".".
 bool validChannelName(const std::string& channel);
+
+// Every channel that `state` knows: the default one ("") first, then the named ones.
+std::vector<std::string> channelsOf(const MarlLogger::json::JSON& state);
 
 // One pack's release in one channel, as the history keeps it.
 struct PackRelease {

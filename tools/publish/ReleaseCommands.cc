@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 
+#include "base/Digest.h"
 #include "marl/Json.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
@@ -76,6 +77,7 @@ bool loadInputs(const Arguments& parsed, PublishManifest& manifest, Signer& sign
         return false;
     }
     manifest.signerKeyId = key->publicKey()->id();
+    manifest.signerPublicKey = FerritCore::Digest::base64Encode(key->publicKey()->raw());
     signer = ed25519Signer(std::move(key));
     return true;
 }

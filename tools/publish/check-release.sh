@@ -168,6 +168,30 @@ verify "$tree/channels/stable/packconfig/shop/5"
 [ "$(record "$stable" cart | json 'd')" = "None" ] || fail "stable names a pack it never had"
 status 1 "$tool" promote "${m[@]}" --channel stable --from nowhere shop "$tree"
 
+# Only documents that the tree's key signed are signed again: one placed below a channel at a path
+# that publish writes fails the run, which names it and signs nothing; a file at any other path
+# (one a killed write left, a hidden one, any other name) is no document and is left alone.
+planted=$tree/channels/x/fconfig/demo/1.0/0~0/en~
+mkdir -p "$(dirname "$planted")" "$tree/channels/y/fconfig"
+printf '{"v":"1","packs":{"shop":{"s":1}}}||x' > "$planted"
+printf '{"packs":{"shop":{"s":1}}}||x' > "$tree/channels/y/fconfig/a"
+before=$(cat "$global")
+set +e; message=$("$tool" publish "${m[@]}" --resign "$work/site" "$tree" 2>&1); got=$?; set -e
+[ "$got" -eq 1 ] || fail "publish signed a document that the tree's key did not sign: $message"
+expect "$planted is not signed with the tree's key" "$message"
+[ "$(cat "$global")" = "$before" ] || fail "a refused publish changed the default channel"
+"$tool" keygen "$work/other.pem" "$work/other.pub.pem" >/dev/null
+set +e; message=$("$tool" key rotate --key "$key" --next "$work/other.pub.pem" "$tree" 2>&1); got=$?
+set -e
+[ "$got" -eq 1 ] || fail "key rotate signed a document that the tree's key did not sign: $message"
+expect "$planted is not signed with the tree's key" "$message"
+rm -r "$tree/channels/x"
+touch "$tree/fconfig/.DS_Store" "$beta.tmp" "$tree/channels/stable/fconfig/demo/1.0/.keep"
+"$tool" publish "${m[@]}" --resign "$work/site" "$tree" >/dev/null
+[ "$(cat "$tree/channels/y/fconfig/a")" = '{"packs":{"shop":{"s":1}}}||x' ] ||
+  fail "a file at a path publish never writes was signed"
+[ ! -s "$beta.tmp" ] && [ ! -s "$tree/fconfig/.DS_Store" ] || fail "a leftover was signed"
+
 # Every channel's global documents carry the tree's newest stamp: a release in one channel signs
 # the others' again as they are (their versions unchanged), so that none lapses while another is
 # renewed, and the cache rules cover the channels' documents.
@@ -191,6 +215,28 @@ out=$("$tool" key rotate --key "$key" --next "$work/next.pub.pem" --json "$tree"
 for document in "$global" "$beta" "$stable"; do
   expect '"next":"' "$(cat "$document")"
 done
+
+# A device that moves to another channel asks with the version of the channel it left: every
+# channel holds its own full document at every version that another channel published.
+python3 - "$tree" <<'PY' || fail "a channel does not answer at another channel's version"
+import json, sys
+tree = sys.argv[1]
+state = json.load(open(tree + ".publish/state.json"))
+channels = {"": state["versions"]}
+for name in ("beta", "stable"):
+    channels["channels/%s/" % name] = state["channels"][name]["versions"]
+for folder in channels:
+    own = open("%s/%sfconfig/demo/1.0/0~0/en~" % (tree, folder)).read()
+    for other, versions in channels.items():
+        for version in versions if other != folder else []:
+            path = "%s/%sfconfig/demo/1.0/0~%s/en~" % (tree, folder, version)
+            try:
+                text = open(path).read()
+            except OSError:
+                sys.exit("no document at " + path)
+            if text != own:
+                sys.exit(path + " is not the channel's document")
+PY
 
 # A pack that leaves the manifest leaves every channel's releases: the publish reports it, the
 # history forgets its release (its rollout taken back included), and the release commands refuse
@@ -223,4 +269,15 @@ out=$("$tool" publish "${m[@]}" --json "$work/site" "$tree")
 [ "$(record "$global" extra | json '(d["s"], "status" in d, "rs" in d)')" = "(2, False, False)" ] ||
   fail "extra added back: $(record "$global" extra)"
 [ "$(json '"extra" in d.get("gone", {})' <"$state")" = False ] || fail "extra is still gone"
+
+# Promotion never gives a channel a version older than its own: devices on the newer one would
+# keep it while new ones took the older. Stable builds version 6 of shop; beta releases 5.
+printf 'six' > "$work/site/shop/index.html"
+"$tool" publish "${m[@]}" --channel stable "$work/site" "$tree" >/dev/null
+[ "$(record "$stable" shop | json 'd["s"]')" = "6" ] || fail "stable record: $(record "$stable" shop)"
+set +e; message=$("$tool" promote "${m[@]}" --channel stable --from beta shop "$tree" 2>&1); got=$?
+set -e
+[ "$got" -eq 1 ] || fail "promoted an older version: $message"
+expect "ferrit rollback --to 5" "$message"
+[ "$(record "$stable" shop | json 'd["s"]')" = "6" ] || fail "a refused promotion moved stable"
 echo "check-release: ok"
