@@ -40,6 +40,8 @@ std::vector<CatalogueCase> catalogue() {
          "request \"u\" verify failed: MD5 is \"abc\""},
         {"requestVerifyMd5", requestVerifyMd5("u", "abc", "def"), 1010,
          "request \"u\" verify failed: MD5 \"abc\" different with expected \"def\""},
+        {"requestRefused", requestRefused("u", "expired at 5, now is 6"), 1010,
+         "request \"u\" refused: expired at 5, now is 6"},
         {"aggregateVerifyCount", aggregateVerifyCount(2, 3), 1010,
          "aggregate verify failed: resource count \"2\" not equal to expected \"3\""},
         {"cacheVerify", cacheVerify("u", "length"), 1010, "cache verify failed: \"u\" length"},
