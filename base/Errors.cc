@@ -201,7 +201,7 @@ Error requestVerifyMd5(const std::string& url, const std::string& md5,
 }
 
 Error requestRefused(const std::string& url, const std::string& reason) {
-    return Error(1010, "request \"%s\" verify failed: %s", url.c_str(), reason.c_str());
+    return Error(1010, "request \"%s\" refused: %s", url.c_str(), reason.c_str());
 }
 
 Error aggregateVerifyCount(int count, int expected) {

@@ -43,7 +43,9 @@ Error requestVerifySignature(const std::string& url, const std::string& md5);  /
 Error requestVerifyMd5(const std::string& url, const std::string& md5,
                        const std::string& expected);  // 1010
 // A signed document that verifies and still must not be taken: `reason` says why ("expired at
-// ...", "older than the configuration this device has", "signed by a retired key").
+// ...", "signed at ..., before the configuration this device has", "issued in the future: ...",
+// "published for channel ..."). A document signed by a retired key does not verify (1010 of
+// requestVerifySignature).
 Error requestRefused(const std::string& url, const std::string& reason);          // 1010
 Error aggregateVerifyCount(int count, int expected);                              // 1010
 Error cacheVerify(const std::string& url, const std::string& reason);             // 1010

@@ -355,10 +355,13 @@ void FConfig::mergeFields(const FConfig& document) {
     fullMark = document.fullMark;
 
     // What the publisher signed last only rises: a document that does not say (a push message)
-    // leaves it.
-    if (document.issued != 0 && document.issued >= issued) {
-        if (issued != document.issued || expires != document.expires) dirty = true;
-        issued = document.issued;
+    // leaves it. It never passes the device's clock by more than the skew clocks are allowed, and
+    // a stamp kept from before that held (a document signed far ahead) gives way to any later one.
+    const double ceiling = MRLCurrentTime() + kIssuedSkewMs;
+    const double stamp = std::min(document.issued, ceiling);
+    if (document.issued != 0 && (stamp >= issued || issued > ceiling)) {
+        if (issued != stamp || expires != document.expires) dirty = true;
+        issued = stamp;
         expires = document.expires;
     }
 

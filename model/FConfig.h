@@ -114,12 +114,19 @@ class FConfig {
     // When a fetched copy of the document stops counting, in milliseconds since the epoch, so that
     // an old copy replayed to a device is not taken ("expires"; 0: never).
     double expires = 0;
+    // How far "issued" may lie ahead of the device's clock: clocks disagree, by less than a day.
+    // A document signed further ahead is refused, and the stamp a device keeps never passes it,
+    // so that one document cannot hold back every later one.
+    static constexpr double kIssuedSkewMs = 86400000.0;
     StringMap<PackPtr> packs;
 
     // Of a document parsed with its signature, never serialised: the id of the key that signed,
     // and what the document says about keys (its member "keys").
     std::string signer;
     KeyStatements keyStatements;
+    // Of a fetched document, never serialised: the publisher's channel it was signed for
+    // ("channel"; empty, the default channel, when it does not say).
+    std::string channel;
 
     // Transaction state, never serialised.
     bool dirty = false;

@@ -27,6 +27,10 @@ constexpr const char* kEndorsedKey = "key";
 constexpr const char* kEndorsementSignature = "signature";
 constexpr const char* kRetired = "retired";
 constexpr const char* kTrusted = "trusted";
+// In the stored set only: {ID: ID of the key that introduced it}, and whether the host's own key,
+// which the host does not name, was retired.
+constexpr const char* kIntroducers = "introducers";
+constexpr const char* kHostRetired = "hostRetired";
 // What an endorsement's statement starts with, so that it can never read as a document.
 constexpr std::string_view kStatementPrefix = "ferrit successor key ";
 
@@ -149,6 +153,9 @@ void KeyTrust::reset() {
     loaded_ = false;
     trusted_.clear();
     retired_.clear();
+    introducers_.clear();
+    hostRetired_ = false;
+    dropped_.clear();
 }
 
 std::string KeyTrust::endorsementStatement(std::string_view keyBase64) {
@@ -160,10 +167,15 @@ std::string KeyTrust::endorsementStatement(std::string_view keyBase64) {
 void KeyTrust::loadLocked() {
     if (loaded_) return;
     loaded_ = true;
+    static_cast<void>(mergeStoreLocked());
+}
+
+std::vector<std::shared_ptr<const Ed25519PublicKey>> KeyTrust::mergeStoreLocked() {
+    std::vector<std::shared_ptr<const Ed25519PublicKey>> added;
     // A root whose configuration store was never made holds no keys: it is not made here, so
     // that checking a signature writes nothing.
     struct stat info;
-    if (::stat((rootPath() + ConfigStore::kDirectory).c_str(), &info) != 0) return;
+    if (::stat((rootPath() + ConfigStore::kDirectory).c_str(), &info) != 0) return added;
     Error error;
     const JSON stored = ConfigStore::instance().get(kStoreKey, error);
     if (error) {
@@ -173,15 +185,26 @@ void KeyTrust::loadLocked() {
                 .event("load")
                 .error(error);
         }
-        return;
+        return added;
     }
     for (const JSON& id : stored[kRetired].arrayValue()) {
-        if (id.isString() && isId(id.stringValue())) retired_.push_back(id.stringValue());
+        if (!id.isString() || !isId(id.stringValue()) || retiredLocked(id.stringValue())) continue;
+        retired_.push_back(id.stringValue());
+        std::erase_if(trusted_, [&](const auto& key) { return key->id() == id.stringValue(); });
+    }
+    if (stored[kHostRetired].isBool() && stored[kHostRetired].boolValue()) hostRetired_ = true;
+    for (const auto& [id, by] : stored[kIntroducers].objectValue()) {
+        if (isId(id) && by.isString()) introducers_.emplace(id, by.stringValue());
     }
     for (const JSON& text : stored[kTrusted].arrayValue()) {
         std::shared_ptr<const Ed25519PublicKey> key = keyOf(text.stringValue());
-        if (key && !retiredLocked(key->id())) trusted_.push_back(std::move(key));
+        if (!key) continue;
+        const std::string id = key->id();
+        if (retiredLocked(id) || trustedLocked(id) || dropped_.contains(id)) continue;
+        trusted_.push_back(key);
+        added.push_back(std::move(key));
     }
+    return added;
 }
 
 void KeyTrust::saveLocked() {
@@ -189,9 +212,15 @@ void KeyTrust::saveLocked() {
     for (const auto& key : trusted_) trusted.push(JSON(Digest::base64Encode(key->raw())));
     JSON retired(JSONArray{});
     for (const std::string& id : retired_) retired.push(JSON(id));
+    JSON stored(JSONObject{{kTrusted, trusted}, {kRetired, retired}});
+    if (!introducers_.empty()) {
+        JSON introducers(JSONObject{});
+        for (const auto& [id, by] : introducers_) introducers.set(id, JSON(by));
+        stored.set(kIntroducers, introducers);
+    }
+    if (hostRetired_) stored.set(kHostRetired, JSON(true));
     Error error;
-    if (!ConfigStore::instance().put(
-            kStoreKey, JSON(JSONObject{{kTrusted, trusted}, {kRetired, retired}}), error)) {
+    if (!ConfigStore::instance().put(kStoreKey, stored, error)) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kKeys)
             .event("save")
             .error(error);
@@ -200,6 +229,59 @@ void KeyTrust::saveLocked() {
 
 bool KeyTrust::retiredLocked(const std::string& id) const {
     return std::find(retired_.begin(), retired_.end(), id) != retired_.end();
+}
+
+bool KeyTrust::trustedLocked(const std::string& id) const {
+    return std::any_of(trusted_.begin(), trusted_.end(),
+                       [&](const auto& key) { return key->id() == id; });
+}
+
+std::vector<std::string> KeyTrust::predecessorsLocked(const std::string& id,
+                                                      const std::string& root) const {
+    std::vector<std::string> line;
+    std::string at = id;
+    while (true) {
+        std::string before;
+        if (const auto found = introducers_.find(at); found != introducers_.end()) {
+            // The host's key too, when this device learnt it before an app was built with it.
+            before = found->second;
+        } else if (at != root && trustedLocked(at)) {
+            // Learnt before introducers were kept: it followed the host's key.
+            before = root;
+        } else {
+            break;
+        }
+        // A line that comes back on itself (a key named again by a later one) ends there.
+        if (before == id || std::find(line.begin(), line.end(), before) != line.end()) break;
+        line.push_back(before);
+        at = before;
+    }
+    return line;
+}
+
+void KeyTrust::retireLocked(const std::string& id, const std::set<std::string>& kept,
+                            const std::string& root, const std::string& signer) {
+    retired_.push_back(id);
+    std::erase_if(trusted_, [&](const auto& key) { return key->id() == id; });
+    logKeys(MarlLogger::MRLLevelInfo, "retired", id, signer);
+    // Every key whose line reaches `id` before it reaches a kept key goes.
+    std::vector<std::string> gone;
+    for (const auto& key : trusted_) {
+        const std::string held = key->id();
+        if (kept.contains(held)) continue;
+        for (const std::string& before : predecessorsLocked(held, root)) {
+            if (kept.contains(before)) break;
+            if (before == id) {
+                gone.push_back(held);
+                break;
+            }
+        }
+    }
+    for (const std::string& held : gone) {
+        std::erase_if(trusted_, [&](const auto& key) { return key->id() == held; });
+        dropped_.insert(held);
+        logKeys(MarlLogger::MRLLevelWarning, "dropped", held, signer);
+    }
 }
 
 bool KeyTrust::isRetired(const std::string& id) {
@@ -221,7 +303,7 @@ std::string KeyTrust::signerOf(const std::string& md5Hex, const std::string& sig
         MutexLock lock(mutex_);
         loadLocked();
         learnt = trusted_;
-        anyRetired = !retired_.empty();
+        anyRetired = !retired_.empty() || hostRetired_;
         if (host) {
             hostId = host->id();
             if (retiredLocked(hostId)) {
@@ -242,20 +324,13 @@ std::string KeyTrust::signerOf(const std::string& md5Hex, const std::string& sig
         if (key->verify(md5Hex, signature)) return key->id();
     }
     // Another process on the root (the one that fetches documents) may have learnt a key since
-    // this one read the set: it is read again, which only a refusal costs.
+    // this one read the set: what the store holds is added, which only a refusal costs. It never
+    // replaces the set in memory: a store that could not be written lacks what this process
+    // learnt since, its retirements first of all.
     std::vector<std::shared_ptr<const Ed25519PublicKey>> added;
     {
         MutexLock lock(mutex_);
-        loaded_ = false;
-        trusted_.clear();
-        retired_.clear();
-        loadLocked();
-        for (const auto& key : trusted_) {
-            const bool known = std::any_of(learnt.begin(), learnt.end(), [&](const auto& held) {
-                return held->id() == key->id();
-            });
-            if (!known) added.push_back(key);
-        }
+        added = mergeStoreLocked();
     }
     for (const auto& key : added) {
         if (key->verify(md5Hex, signature)) return key->id();
@@ -283,12 +358,39 @@ std::string KeyTrust::signerOf(const std::string& md5Hex, const std::string& sig
 }
 
 void KeyTrust::accept(const KeyStatements& statements, const std::string& signer) {
-    std::vector<std::shared_ptr<const Ed25519PublicKey>> offered;
-    if (auto next = keyOf(statements.next)) offered.push_back(std::move(next));
-    if (auto endorsed = keyOf(statements.endorsedKey)) offered.push_back(std::move(endorsed));
+    // A host that checks nothing took the document whoever signed it: what it says about keys
+    // would be anyone's word, and would outlive the host's next start with a key.
+    if (!ProxyCalls::checksSignatures()) return;
+    const std::shared_ptr<const Ed25519PublicKey> host = ProxyCalls::publicKey();
+    const std::string root = host ? host->id() : std::string(kHostSigner);
+    // The key that introduced each key offered: the signer, or for an endorsed key the key whose
+    // endorsement verifies.
+    std::vector<std::pair<std::shared_ptr<const Ed25519PublicKey>, std::string>> offered;
+    if (auto next = keyOf(statements.next)) offered.emplace_back(std::move(next), signer);
+    if (auto endorsed = keyOf(statements.endorsedKey)) {
+        std::string endorser, endorsement;
+        if (Digest::base64Decode(statements.endorsement, endorsement))
+            endorser =
+                signerOf(Digest::md5Hex(endorsementStatement(statements.endorsedKey)), endorsement);
+        if (endorser.empty() || endorser == endorsed->id()) endorser = signer;
+        offered.emplace_back(std::move(endorsed), std::move(endorser));
+    }
+    std::set<std::string> kept{signer};
+    for (const auto& [key, by] : offered) kept.insert(key->id());
+
     MutexLock lock(mutex_);
     loadLocked();
     bool changed = false;
+    for (auto& [key, by] : offered) {
+        const std::string id = key->id();
+        if (retiredLocked(id) || trustedLocked(id)) continue;
+        trusted_.push_back(std::move(key));
+        dropped_.erase(id);
+        if (id != by) introducers_[id] = by;
+        logKeys(MarlLogger::MRLLevelInfo, "trusted", id, signer);
+        changed = true;
+    }
+    const std::vector<std::string> before = predecessorsLocked(signer, root);
     for (const std::string& id : statements.retired) {
         if (id == signer) {
             // A key that retires itself would leave the document that says so unverifiable.
@@ -296,20 +398,24 @@ void KeyTrust::accept(const KeyStatements& statements, const std::string& signer
             continue;
         }
         if (retiredLocked(id)) continue;
-        retired_.push_back(id);
-        std::erase_if(trusted_, [&](const auto& key) { return key->id() == id; });
-        logKeys(MarlLogger::MRLLevelInfo, "retired", id, signer);
-        changed = true;
-    }
-    for (auto& key : offered) {
-        const std::string id = key->id();
-        if (retiredLocked(id)) continue;
-        const bool known = std::any_of(trusted_.begin(), trusted_.end(),
-                                       [&](const auto& held) { return held->id() == id; });
-        if (known) continue;
-        trusted_.push_back(std::move(key));
-        logKeys(MarlLogger::MRLLevelInfo, "trusted", id, signer);
-        changed = true;
+        if (std::find(before.begin(), before.end(), id) != before.end()) {
+            retireLocked(id, kept, root, signer);
+            changed = true;
+        } else if (root == kHostSigner && !before.empty() && before.back() == kHostSigner &&
+                   !trustedLocked(id) && !introducers_.contains(id)) {
+            // The host does not name its key: a key this device cannot place may be that one,
+            // the first of the signer's line. Only the host's check is given up, so that a key
+            // that merely was not heard of yet is not refused once it is.
+            if (!hostRetired_) {
+                hostRetired_ = true;
+                logKeys(MarlLogger::MRLLevelInfo, "retiredHost", id, signer);
+                changed = true;
+            }
+        } else {
+            // A successor, or a key of another line: a key that leaked would otherwise retire
+            // the key that replaces it.
+            logKeys(MarlLogger::MRLLevelWarning, "retireRefused", id, signer);
+        }
     }
     if (changed) saveLocked();
 }

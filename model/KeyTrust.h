@@ -9,14 +9,26 @@
 //   during a change of keys still follows.
 // - "retired": keys, by Ed25519PublicKey::id(), whose signatures are refused from then on, the
 //   host's own key included: a retirement outranks the key an app was built with, so that a key
-//   that leaked stays refused on every device that heard of it. A document never retires the key
-//   that signed it.
+//   that leaked stays refused on every device that heard of it.
+// Keys follow one another: each learnt key remembers the key that introduced it (the signer of
+// the document that named it "next", or the key that endorsed it), and the host's own key is the
+// first of the line. A document retires only keys that came before its signer in that line,
+// never its signer nor a key after it, so that a key that leaked cannot retire the successor
+// that replaces it. When a key is retired, the keys it introduced go with it (and the keys those
+// introduced), except the signer of the retiring document and the keys that document names: what
+// a leaked key planted does not outlive it.
+// A host that checks nothing learns nothing from documents: whatever signed them, they could
+// say anything.
 // KEY is the base64 of the 32 raw bytes of an Ed25519 public key. What a device learnt is kept
-// under its root, in the configuration store under "keys", and read once per process. Signed
-// lists of packs are checked against the same set. Any thread.
+// under its root, in the configuration store under "keys", and read once per process; what was
+// learnt is only ever added to by a later read, so that a store that could not be written does
+// not bring a retired key back. Signed lists of packs are checked against the same set. Any
+// thread.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -71,7 +83,7 @@ class KeyTrust {
 
     // Takes in what a document that this device accepted says about keys; `signer` is the id that
     // signerOf gave for it. Kept under the root at once; a failed write is logged and the set in
-    // memory stands for this process.
+    // memory stands for this process. Nothing is taken in when the host checks no signatures.
     void accept(const KeyStatements& statements, const std::string& signer);
 
     // Reads what the root keeps, once per process (at start, so that reports say it early).
@@ -87,8 +99,21 @@ class KeyTrust {
     // Back to a process that has read nothing (ProcessState::resetForTesting).
     void reset();
     void loadLocked() REQUIRES(mutex_);
+    // Adds what the store holds to what this process holds: keys, introducers and retirements
+    // are only added, and a key this process retired or dropped stays out. The keys it added.
+    std::vector<std::shared_ptr<const Ed25519PublicKey>> mergeStoreLocked() REQUIRES(mutex_);
     void saveLocked() REQUIRES(mutex_);
     bool retiredLocked(const std::string& id) const REQUIRES(mutex_);
+    bool trustedLocked(const std::string& id) const REQUIRES(mutex_);
+    // The keys before `id` in the line of succession, nearest first, as the introducers this
+    // device kept say; a key learnt before they were kept follows `root` (the id of the host's
+    // key, or kHostSigner when the host does not name it).
+    std::vector<std::string> predecessorsLocked(const std::string& id,
+                                                const std::string& root) const REQUIRES(mutex_);
+    // Retires `id` and drops the keys it introduced, except those in `kept` and the keys they
+    // introduced.
+    void retireLocked(const std::string& id, const std::set<std::string>& kept,
+                      const std::string& root, const std::string& signer) REQUIRES(mutex_);
     // Whether a key this device learnt and did not retire signed; its id, or empty.
     std::string learntSignerLocked(const std::string& md5Hex, const std::string& signature)
         REQUIRES(mutex_);
@@ -97,6 +122,15 @@ class KeyTrust {
     bool loaded_ GUARDED_BY(mutex_) = false;
     std::vector<std::shared_ptr<const Ed25519PublicKey>> trusted_ GUARDED_BY(mutex_);
     std::vector<std::string> retired_ GUARDED_BY(mutex_);
+    // The key that introduced each key this device learnt, by id; kept after the key is retired
+    // or dropped, so that the line stays whole.
+    std::map<std::string, std::string> introducers_ GUARDED_BY(mutex_);
+    // The host does not name its key, and a document retired a key this device cannot place,
+    // which may be it: the host is not asked from then on.
+    bool hostRetired_ GUARDED_BY(mutex_) = false;
+    // Keys this process dropped with the key that introduced them; a read of the store that a
+    // failed write left behind does not bring them back.
+    std::set<std::string> dropped_ GUARDED_BY(mutex_);
 };
 
 }  // namespace FerritCore

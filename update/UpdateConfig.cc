@@ -35,6 +35,11 @@ DelayShare& delayShare() {
     return share;
 }
 
+// A channel as a message names it.
+std::string channelName(const std::string& channel) {
+    return channel.empty() ? std::string("the default channel") : "channel \"" + channel + "\"";
+}
+
 double randomFraction() {
     DelayShare& share = delayShare();
     MutexLock lock(share.mutex);
@@ -203,17 +208,32 @@ Error UpdateConfig::judge(const FConfig& document) {
     const FConfigPtr current = SCache::current();
     const bool sameEnvironment =
         current->env == static_cast<uint32_t>(Environment::instance().env());
+    // A stamp kept from a document signed further ahead than clocks disagree holds back nothing.
+    const double ceiling = now + FConfig::kIssuedSkewMs;
+    const double currentIssued = current->issued > ceiling ? 0 : current->issued;
+    const std::string& channel = Settings::current()->channel;
     std::string reason, message;
     char text[160];
-    if (document.expires != 0 && document.expires <= now) {
+    if (document.channel != channel) {
+        // A server that serves one channel's documents at another's paths: each names its own.
+        reason = "channel";
+        message = "published for " + channelName(document.channel) + ", this host reads " +
+                  channelName(channel);
+    } else if (document.issued > ceiling) {
+        // Taken, it would hold back every real document until the clock reached it.
+        reason = "future";
+        std::snprintf(text, sizeof text, "issued in the future: signed at %.0f, now is %.0f",
+                      document.issued, now);
+        message = text;
+    } else if (document.expires != 0 && document.expires <= now) {
         reason = "expired";
         std::snprintf(text, sizeof text, "expired at %.0f, now is %.0f", document.expires, now);
         message = text;
-    } else if (sameEnvironment && document.issued < current->issued) {
+    } else if (sameEnvironment && document.issued < currentIssued) {
         reason = "older";
         std::snprintf(text, sizeof text,
                       "signed at %.0f, before the configuration this device has (signed at %.0f)",
-                      document.issued, current->issued);
+                      document.issued, currentIssued);
         message = text;
     } else {
         return Error();
@@ -226,7 +246,8 @@ Error UpdateConfig::judge(const FConfig& document) {
         .append("version", document.version)
         .append("issued", document.issued)
         .append("expires", document.expires)
-        .append("currentIssued", current->issued);
+        .append("currentIssued", current->issued)
+        .append("channel", document.channel);
     MarlLogger::json::JSON refusal;
     refusal.set("reason", reason);
     refusal.set("message", message);

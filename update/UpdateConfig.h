@@ -63,8 +63,9 @@ class UpdateConfig {
     // then the built-in configuration; published as the current document. Never fails.
     static void loadAtStart();
 
-    // Why the last document that verified was not taken, in this process: {"reason" ("expired"
-    // or "older"), "message", "url", "version", "issued", "expires", "at"}; null when none was.
+    // Why the last document that verified was not taken, in this process: {"reason" ("channel",
+    // "future", "expired" or "older"), "message", "url", "version", "issued", "expires", "at"};
+    // null when none was.
     MarlLogger::json::JSON lastRefusal() const;
 
     bool busy() const { return busy_; }
@@ -80,8 +81,10 @@ class UpdateConfig {
     // them.
     void reset();
     void onResponse(uint64_t run, std::string body, Error error);
-    // Whether a fetched document that verified may be taken: one whose expiry has passed (a
-    // stale copy replayed) and one signed before the document this device has (a rollback) are
+    // Whether a fetched document that verified may be taken: one signed for another channel than
+    // the host's (a document without "channel" is the default channel's), one signed more than
+    // FConfig::kIssuedSkewMs ahead of the device's clock, one whose expiry has passed (a stale
+    // copy replayed) and one signed before the document this device has (a rollback) are
     // refused, logged and kept for the status report; the device keeps what it has.
     Error judge(const FConfig& document);
 

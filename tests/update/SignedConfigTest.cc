@@ -60,8 +60,8 @@ class SignedConfigTest : public UpdateFixture {
     }
 
     // What a process does before its first check: the app, the server, a host that opens with
-    // the key it was built with (A).
-    void startProcess() {
+    // the key it was built with (A unless `host` says).
+    void startProcess(const Ed25519Key* host = nullptr) {
         Environment& environment = Environment::instance();
         environment.setApp("key", "1.0");
         environment.setLocaleValue("zh_CN");
@@ -70,15 +70,24 @@ class SignedConfigTest : public UpdateFixture {
         defaults.configPrefix = "https://cfg.test/";
         Settings::setDefaults(defaults);
         proxy_ = std::make_shared<FakeProxy>();
-        proxy_->hostKey = a_->publicKey();
+        proxy_->hostKey = (host != nullptr ? *host : *a_).publicKey();
         environment.setProxy(proxy_);
         if (SCache::current()->version == "0")
             SCache::publish(std::make_shared<FConfig>());  // made with the running locale
     }
 
-    // Serves `document` and runs one check; the check's error.
-    Error fetch(const std::string& document) {
-        proxy_->serve(kUrl, 200, document);
+    // The next process on the same root.
+    void restartProcess(const Ed25519Key* host = nullptr) {
+        ProcessState::resetForTesting();
+        setRootPath(temp_.root());
+        clock_->setWall(kNow);
+        startProcess(host);
+        UpdateConfig::loadAtStart();
+    }
+
+    // Serves `document` at `url` and runs one check; the check's error.
+    Error fetch(const std::string& document, const char* url = kUrl) {
+        proxy_->serve(url, 200, document);
         Error got(-1, "not called");
         UpdateConfig::instance().start(
             kTriggerDebugTool, "0", [&](const Error& e) { got = e; }, 0);
@@ -126,11 +135,7 @@ TEST_F(SignedConfigTest, SuccessorIsAcceptedAndTheRetiredKeyIsRefused) {
     ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"6"})")));
 
     // The next process: the host opens with A again, and the root remembers.
-    ProcessState::resetForTesting();
-    setRootPath(temp_.root());
-    clock_->setWall(kNow);
-    startProcess();
-    UpdateConfig::loadAtStart();
+    restartProcess();
     EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"7"})")).code(), 1010);
     EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"8"})")));
     EXPECT_EQ(version(), "8");
@@ -225,22 +230,116 @@ TEST_F(SignedConfigTest, HostThatDoesNotNameItsKeyIsNotAskedOnceAKeyIsRetired) {
     EXPECT_EQ(version(), "5");
 }
 
-// A host that checks nothing (opened without a key) takes every document after a retirement as
-// before it, whoever signed it, the retired key included: it has no key to outrank.
-TEST_F(SignedConfigTest, HostThatChecksNothingTakesEveryDocumentAfterAKeyIsRetired) {
+// A host that checks nothing (opened without a key) takes every document, whoever signed it,
+// whatever it retires: it has no key to outrank.
+TEST_F(SignedConfigTest, HostThatChecksNothingTakesEveryDocument) {
     proxy_->hostKey = nullptr;
     proxy_->checksNothing = true;
     ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"1","keys":{"next":")" + rawOf(*b_) + R"("}})")));
     ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"2","keys":{"retired":[")" + id(*a_) + R"("]}})")));
-    EXPECT_TRUE(KeyTrust::instance().isRetired(id(*a_)));
     EXPECT_FALSE(fetch(signedBy(*c_, R"({"v":"3"})")));
     EXPECT_FALSE(fetch(signedBy(*a_, R"({"v":"4"})")));
     EXPECT_EQ(version(), "4");
-    // The same documents on a host that checks: only B signs.
-    proxy_->checksNothing = false;
-    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"5"})")).code(), 1010);
-    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"6"})")).code(), 1010);
+}
+
+// What a host that checks nothing took says nothing about keys: anyone could have signed it. The
+// same root opened later by a host that checks trusts no key those documents named and still
+// takes its own key, which they retired.
+TEST_F(SignedConfigTest, HostThatChecksNothingStoresNoKeyStatements) {
+    proxy_->hostKey = nullptr;
+    proxy_->checksNothing = true;
+    ASSERT_FALSE(
+        fetch(signedBy(*c_, R"({"v":"1","keys":{"next":")" + rawOf(*b_) + R"(","endorsement":)" +
+                                endorsement(*c_, *c_) + R"(,"retired":[")" + id(*a_) + R"("]}})")));
+    EXPECT_EQ(version(), "1");
+    EXPECT_EQ(KeyTrust::instance().describe().toString(), R"({"trusted":[],"retired":[]})");
+    Error error;
+    EXPECT_TRUE(ConfigStore::instance().get(KeyTrust::kStoreKey, error).isNull());
+
+    restartProcess();
+    EXPECT_EQ(fetch(signedBy(*b_, R"({"v":"2"})")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"3"})")).code(), 1010);
+    EXPECT_FALSE(fetch(signedBy(*a_, R"({"v":"4"})")));
+    EXPECT_EQ(version(), "4");
+}
+
+// A key that leaked (A, the key the app was built with) cannot retire its successor B: not on a
+// device that has not heard of B yet, not on one that has, not through a key it planted. B then
+// retires A, and an app built with B opens on the same root.
+TEST_F(SignedConfigTest, LeakedKeyCannotRetireItsSuccessor) {
+    const std::string retireB = R"("keys":{"retired":[")" + id(*b_) + R"("]})";
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"1",)" + retireB + "}")));
+    EXPECT_FALSE(KeyTrust::instance().isRetired(id(*b_)));
+    EXPECT_EQ(logs_->last("retireRefused", "Ferrit/Keys").field("key").stringValue(), id(*b_));
+    const std::string endorsed = R"("keys":{"endorsement":)" + endorsement(*a_, *b_) + "}";
+    ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"2",)" + endorsed + "}")));
+    EXPECT_TRUE(trusts(id(*b_)));
+
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"3",)" + retireB + "}")));
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"4","keys":{"next":")" + rawOf(*c_) + R"("}})")));
+    ASSERT_FALSE(fetch(signedBy(*c_, R"({"v":"5",)" + retireB + "}")));
+    EXPECT_FALSE(KeyTrust::instance().isRetired(id(*b_)));
+    EXPECT_TRUE(trusts(id(*b_)));
+    ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"6","keys":{"retired":[")" + id(*a_) + R"("]}})")));
+    EXPECT_TRUE(KeyTrust::instance().isRetired(id(*a_)));
+
+    restartProcess(b_.get());
     EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"7"})")));
+    EXPECT_EQ(version(), "7");
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"8"})")).code(), 1010);
+}
+
+// While A leaked, its holder planted C (named "next"), D (endorsed) and, through C, E. When B
+// retires A they go with it, in this process and the next; a key the retiring document names
+// itself (F, which A endorsed) stays.
+TEST_F(SignedConfigTest, KeysALeakedKeyIntroducedGoWhenItIsRetired) {
+    const auto d = newKey();
+    const auto e = newKey();
+    const auto f = newKey();
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"1","keys":{"next":")" + rawOf(*b_) + R"("}})")));
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"2","keys":{"next":")" + rawOf(*c_) + R"("}})")));
+    ASSERT_FALSE(
+        fetch(signedBy(*a_, R"({"v":"3","keys":{"endorsement":)" + endorsement(*a_, *d) + "}}")));
+    ASSERT_FALSE(fetch(signedBy(*c_, R"({"v":"4","keys":{"next":")" + rawOf(*e) + R"("}})")));
+    ASSERT_FALSE(
+        fetch(signedBy(*a_, R"({"v":"5","keys":{"endorsement":)" + endorsement(*a_, *f) + "}}")));
+    for (const auto* key : {c_.get(), d.get(), e.get(), f.get()}) EXPECT_TRUE(trusts(id(*key)));
+
+    ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"6","keys":{"endorsement":)" + endorsement(*a_, *f) +
+                                         R"(,"retired":[")" + id(*a_) + R"("]}})")));
+    EXPECT_TRUE(KeyTrust::instance().isRetired(id(*a_)));
+    EXPECT_TRUE(trusts(id(*b_)));
+    EXPECT_TRUE(trusts(id(*f)));
+    for (const auto* key : {c_.get(), d.get(), e.get()}) {
+        EXPECT_FALSE(trusts(id(*key)));
+        EXPECT_EQ(fetch(signedBy(*key, R"({"v":"7"})")).code(), 1010);
+    }
+    EXPECT_EQ(logs_->count("dropped", "Ferrit/Keys"), 3u);
+    EXPECT_FALSE(fetch(signedBy(*f, R"({"v":"8"})")));
+
+    restartProcess();
+    for (const auto* key : {a_.get(), c_.get(), d.get(), e.get()})
+        EXPECT_EQ(fetch(signedBy(*key, R"({"v":"9"})")).code(), 1010);
+    EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"10"})")));
+    EXPECT_EQ(version(), "10");
+}
+
+// A process learnt a retirement its store does not hold (the write failed, or another process
+// wrote what it read before). A badly signed document makes it read the store again: what it
+// learnt stands.
+TEST_F(SignedConfigTest, RefusedSignatureKeepsRetirementsLearntInMemory) {
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"1","keys":{"next":")" + rawOf(*b_) + R"("}})")));
+    ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"2","keys":{"retired":[")" + id(*a_) + R"("]}})")));
+    Error stored;
+    ASSERT_TRUE(ConfigStore::instance().put(
+        KeyTrust::kStoreKey,
+        MarlLogger::json::JSON::parse(R"({"trusted":[")" + rawOf(*b_) + R"("],"retired":[]})"),
+        stored));
+    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"3"})")).code(), 1010);
+    EXPECT_TRUE(KeyTrust::instance().isRetired(id(*a_)));
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"4"})")).code(), 1010);
+    EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"5"})")));
+    EXPECT_EQ(version(), "5");
 }
 
 // The member is read from the tokens wherever it stands, nested values whole, and what is not
@@ -294,6 +393,70 @@ TEST_F(SignedConfigTest, ReplayedExpiredDocumentIsIgnored) {
                  R"(,"expires":)" + std::to_string(static_cast<long long>(later + kDay)) + "}")));
     EXPECT_EQ(version(), "2");
     EXPECT_EQ(SCache::current()->issued, later);
+}
+
+// A document signed further ahead of the device's clock than clocks disagree (a leaked key's
+// "issued" far in the future) is refused, and the device's stamp stays where it was, so that the
+// publisher's next document is taken. Within the skew a document is taken.
+TEST_F(SignedConfigTest, DocumentIssuedInTheFutureIsRefusedAndLeavesTheStampAlone) {
+    auto at = [](double ms) { return std::to_string(static_cast<long long>(ms)); };
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"1","issued":)" + at(kNow) + "}")));
+    const Error refused = fetch(signedBy(*a_, R"({"v":"2","issued":9000000000000000})"));
+    EXPECT_EQ(refused.code(), 1010);
+    EXPECT_NE(refused.message().find("refused: issued in the future"), std::string::npos)
+        << refused.message();
+    EXPECT_EQ(UpdateConfig::instance().lastRefusal()["reason"].stringValue(), "future");
+    EXPECT_EQ(SCache::current()->issued, kNow);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"3","issued":)" + at(kNow + kDay + 1) + "}")).code(),
+              1010);
+    EXPECT_EQ(version(), "1");
+
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"4","issued":)" + at(kNow + kDay / 2) + "}")));
+    EXPECT_EQ(SCache::current()->issued, kNow + kDay / 2);
+    clock_->setWall(kNow + kDay);
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"5","issued":)" + at(kNow + kDay) + "}")));
+    EXPECT_EQ(version(), "5");
+}
+
+// A stamp a device kept from a document signed far ahead, before such documents were refused,
+// holds back no document: the next one signed now is taken and its stamp kept.
+TEST_F(SignedConfigTest, StampKeptFromFarAheadHoldsNothingBack) {
+    SCache::mutate([](FConfig& config) {
+        config.issued = 9e15;
+        config.dirty = true;
+    });
+    ASSERT_FALSE(fetch(signedBy(
+        *a_, R"({"v":"1","issued":)" + std::to_string(static_cast<long long>(kNow)) + "}")));
+    EXPECT_EQ(version(), "1");
+    EXPECT_EQ(SCache::current()->issued, kNow);
+}
+
+// ---- channels ----
+
+// A signed document says its channel; a server that serves one channel's documents at another's
+// paths moves no device. A document without the member is the default channel's.
+TEST_F(SignedConfigTest, DocumentOfAnotherChannelIsRefused) {
+    const Error refused = fetch(signedBy(*a_, R"({"v":"1","channel":"beta"})"));
+    EXPECT_EQ(refused.code(), 1010);
+    EXPECT_NE(refused.message().find(
+                  R"(refused: published for channel "beta", this host reads the default channel)"),
+              std::string::npos)
+        << refused.message();
+    EXPECT_EQ(UpdateConfig::instance().lastRefusal()["reason"].stringValue(), "channel");
+    EXPECT_EQ(version(), "0");
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"2"})")));
+
+    // The same host on channel "beta".
+    HostDefaults defaults;
+    defaults.configPrefix = "https://cfg.test/";
+    defaults.channel = "beta";
+    Settings::setDefaults(defaults);
+    constexpr const char* kBeta = "https://cfg.test/channels/beta/fconfig/key/1.0/0~0/zh_CN~zh_CN";
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"3"})"), kBeta).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"4","channel":"stable"})"), kBeta).code(), 1010);
+    EXPECT_EQ(version(), "2");
+    ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"5","channel":"beta"})"), kBeta));
+    EXPECT_EQ(version(), "5");
 }
 
 // ---- rollback ----

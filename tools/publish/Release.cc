@@ -20,6 +20,8 @@ namespace {
 
 // In the state: the named channels' states, and each channel's releases by pack.
 constexpr const char* kChannelsKey = "channels";
+// The member of a named channel's global documents that says which channel they are.
+constexpr const char* kChannelMember = "channel";
 constexpr const char* kReleaseKey = "release";
 // In the state: the packs that left the manifest, each with its last sequence.
 constexpr const char* kGoneKey = "gone";
@@ -404,11 +406,17 @@ bool writeChannel(JSON& state, const std::string& channel, const PublishManifest
     }
     std::string document;
     if (!buildConfig(versionText, global, signer, document, error)) return false;
-    // What devices judge the document by: when it was signed, until when it counts, its keys.
+    // What devices judge the document by: when it was signed, until when it counts, its keys,
+    // and for a named channel the channel, so that a document served at another channel's path
+    // is refused there (the stamp of a later signature keeps it).
     stamp = nextStamp(state, manifest.validForMs, signing.documentKeys);
-    if (!stampDocument(document.substr(0, document.rfind(kSignatureSeparator)), stamp, signer,
-                       document, error))
-        return false;
+    std::string body = document.substr(0, document.rfind(kSignatureSeparator));
+    if (!channel.empty()) {
+        JSON named = JSON::parse(body);
+        named.set(kChannelMember, JSON(channel));
+        body = named.toString();
+    }
+    if (!stampDocument(body, stamp, signer, document, error)) return false;
     // Every global document of the tree carries the newest stamp, the other channels' too (signed
     // again as they are), so that the state's one expiry holds for all of them and a publish that
     // is due to sign again renews every channel.
