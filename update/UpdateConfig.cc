@@ -208,7 +208,9 @@ Error UpdateConfig::judge(const FConfig& document) {
     const FConfigPtr current = SCache::current();
     const bool sameEnvironment =
         current->env == static_cast<uint32_t>(Environment::instance().env());
-    // A stamp kept from a document signed further ahead than clocks disagree holds back nothing.
+    // A document signed ahead of this device's clock is taken: a clock that runs behind must not
+    // cost the device its updates. Its stamp is kept no further ahead than clocks may disagree
+    // (FConfig::merge), and a stamp kept from further ahead holds back nothing.
     const double ceiling = now + FConfig::kIssuedSkewMs;
     const double currentIssued = current->issued > ceiling ? 0 : current->issued;
     const std::string& channel = Settings::current()->channel;
@@ -219,12 +221,6 @@ Error UpdateConfig::judge(const FConfig& document) {
         reason = "channel";
         message = "published for " + channelName(document.channel) + ", this host reads " +
                   channelName(channel);
-    } else if (document.issued > ceiling) {
-        // Taken, it would hold back every real document until the clock reached it.
-        reason = "future";
-        std::snprintf(text, sizeof text, "issued in the future: signed at %.0f, now is %.0f",
-                      document.issued, now);
-        message = text;
     } else if (document.expires != 0 && document.expires <= now) {
         reason = "expired";
         std::snprintf(text, sizeof text, "expired at %.0f, now is %.0f", document.expires, now);

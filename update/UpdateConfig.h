@@ -64,7 +64,7 @@ class UpdateConfig {
     static void loadAtStart();
 
     // Why the last document that verified was not taken, in this process: {"reason" ("channel",
-    // "future", "expired" or "older"), "message", "url", "version", "issued", "expires", "at"};
+    // "expired" or "older"), "message", "url", "version", "issued", "expires", "at"};
     // null when none was.
     MarlLogger::json::JSON lastRefusal() const;
 
@@ -82,10 +82,11 @@ class UpdateConfig {
     void reset();
     void onResponse(uint64_t run, std::string body, Error error);
     // Whether a fetched document that verified may be taken: one signed for another channel than
-    // the host's (a document without "channel" is the default channel's), one signed more than
-    // FConfig::kIssuedSkewMs ahead of the device's clock, one whose expiry has passed (a stale
-    // copy replayed) and one signed before the document this device has (a rollback) are
-    // refused, logged and kept for the status report; the device keeps what it has.
+    // the host's (a document without "channel" is the default channel's), one whose expiry has
+    // passed (a stale copy replayed) and one signed before the document this device has (a
+    // rollback) are refused, logged and kept for the status report; the device keeps what it has.
+    // One signed ahead of the device's clock is taken, its stamp kept at most
+    // FConfig::kIssuedSkewMs ahead, so that a leaked key cannot hold later documents back.
     Error judge(const FConfig& document);
 
     // Worker only.
