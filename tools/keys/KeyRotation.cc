@@ -99,7 +99,10 @@ std::string versionsSignedBy(const JSON& state, const std::string& keyId,
     for (const std::string& channel : channelsOf(state)) {
         const std::string where =
             channel.empty() ? std::string("the default channel") : "channel \"" + channel + "\"";
-        for (const auto& [name, record] : state["packs"].objectValue()) {
+        for (const auto& pack : state["packs"].objectValue()) {
+            // Named, not bound: the check below captures them.
+            const std::string& name = pack.first;
+            const JSON& record = pack.second;
             const PackRelease release = releaseOf(state, channel, name);
             auto check = [&](uint64_t seq, const char* how) {
                 if (seq == 0) return;
