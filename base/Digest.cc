@@ -55,6 +55,15 @@ std::string Md5::finishHex() {
     return hex;
 }
 
+std::string base64Encode(std::string_view bytes) {
+    std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+    const int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                        reinterpret_cast<const unsigned char*>(bytes.data()),
+                                        static_cast<int>(bytes.size()));
+    out.resize(written > 0 ? static_cast<size_t>(written) : 0);
+    return out;
+}
+
 bool base64Decode(std::string_view text, std::string& out) {
     // Strip blanks first: the block decoder wants whole groups of four characters.
     std::string clean;

@@ -30,6 +30,8 @@ class Md5 {
 // Decodes standard base64 (blanks and line breaks are skipped). False on any other character or
 // a broken length; `out` then holds nothing useful.
 bool base64Decode(std::string_view text, std::string& out);
+// Standard base64 with padding, on one line.
+std::string base64Encode(std::string_view bytes);
 // CRC-32 (zlib's polynomial) of `data`.
 unsigned crc32(std::string_view data);
 

@@ -3,6 +3,7 @@
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/sha.h>
 #include <openssl/x509.h>
 
 #include "base/Digest.h"
@@ -155,6 +156,24 @@ std::string Ed25519PublicKey::pem() const {
         if (data != nullptr && length > 0) text.assign(data, static_cast<size_t>(length));
     }
     BIO_free(bio);
+    return text;
+}
+
+std::string Ed25519PublicKey::id() const {
+    return idOfRaw(raw());
+}
+
+std::string Ed25519PublicKey::idOfRaw(std::string_view raw) {
+    if (raw.size() != kRawSize) return {};
+    unsigned char digest[SHA256_DIGEST_LENGTH];
+    if (EVP_Digest(raw.data(), raw.size(), digest, nullptr, EVP_sha256(), nullptr) != 1) return {};
+    constexpr char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(kIdLength);
+    for (size_t i = 0; i < kIdLength / 2; ++i) {
+        text.push_back(kHex[digest[i] >> 4]);
+        text.push_back(kHex[digest[i] & 0x0F]);
+    }
     return text;
 }
 

@@ -17,6 +17,8 @@ class Ed25519PublicKey {
     // The number of bytes of a raw Ed25519 public key and of a signature.
     static constexpr size_t kRawSize = 32;
     static constexpr size_t kSignatureSize = 64;
+    // The number of hexadecimal characters of an id().
+    static constexpr size_t kIdLength = 32;
 
     // What a key to parse is: text (a script string, a file's content) is PEM or base64; bytes
     // may also be the raw key or DER.
@@ -42,6 +44,12 @@ class Ed25519PublicKey {
     std::string raw() const;
     // PEM text of the SubjectPublicKeyInfo, the form of a public key file.
     std::string pem() const;
+    // The key's name in documents that retire keys and in reports: the first 16 bytes of the
+    // SHA-256 of the raw key, as 32 lower-case hexadecimal characters. Two keys never share one
+    // in practice, and a name says nothing that would let anyone sign.
+    std::string id() const;
+    // The same name for the 32 raw bytes of a key; empty for bytes of another length.
+    static std::string idOfRaw(std::string_view raw);
 
   private:
     explicit Ed25519PublicKey(evp_pkey_st* key) : key_(key) {}

@@ -200,6 +200,10 @@ Error requestVerifyMd5(const std::string& url, const std::string& md5,
                  url.c_str(), md5.c_str(), expected.c_str());
 }
 
+Error requestRefused(const std::string& url, const std::string& reason) {
+    return Error(1010, "request \"%s\" refused: %s", url.c_str(), reason.c_str());
+}
+
 Error aggregateVerifyCount(int count, int expected) {
     return Error(1010,
                  "aggregate verify failed: resource count \"%d\" not equal to expected \"%d\"",

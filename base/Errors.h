@@ -41,7 +41,12 @@ Error requestTooLarge(const std::string& url, unsigned long long size, unsigned 
                       const char* limitName);                                  // 1007
 Error requestVerifySignature(const std::string& url, const std::string& md5);  // 1010
 Error requestVerifyMd5(const std::string& url, const std::string& md5,
-                       const std::string& expected);                              // 1010
+                       const std::string& expected);  // 1010
+// A signed document that verifies and still must not be taken: `reason` says why ("expired at
+// ...", "signed at ..., before the configuration this device has", "issued in the future: ...",
+// "published for channel ..."). A document signed by a retired key does not verify (1010 of
+// requestVerifySignature).
+Error requestRefused(const std::string& url, const std::string& reason);          // 1010
 Error aggregateVerifyCount(int count, int expected);                              // 1010
 Error cacheVerify(const std::string& url, const std::string& reason);             // 1010
 Error fileNotExists(const Folder& file);                                          // 1101

@@ -14,6 +14,7 @@ inline constexpr std::string_view kEmbed = "Ferrit/Embed";    // the native host
 inline constexpr std::string_view kCache = "Ferrit/Cache";
 inline constexpr std::string_view kConfig = "Ferrit/Config";
 inline constexpr std::string_view kEvent = "Ferrit/Event";
+inline constexpr std::string_view kKeys = "Ferrit/Keys";  // whose signatures are taken
 inline constexpr std::string_view kLoad = "Ferrit/Load";
 inline constexpr std::string_view kModuleCache = "Ferrit/ModuleCache";
 inline constexpr std::string_view kPrefetch = "Ferrit/Prefetch";

@@ -2,17 +2,39 @@
 
 #include <cerrno>
 
+#include "base/Ed25519PublicKey.h"
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/ServiceSlot.h"
+#include "marl/Log.h"
 
 namespace FerritCore {
+namespace {
+
+// What the host reads in the log when a signed list or document was not signed by its key.
+constexpr std::string_view kSignatureRejected = "signature does not verify";
+
+}  // namespace
 
 void Proxy::sendRequest(const ProxyRequest&, ProxyCompletion completion) {
     // An errno value, like a transport failure's, with its words: the caller's message names the
     // URL already.
     if (completion)
         completion(ProxyResponse(), Error(ENETUNREACH, std::string("no network access")));
+}
+
+std::shared_ptr<const Ed25519PublicKey> Proxy::publicKey() const {
+    return nullptr;
+}
+
+bool verifyWithPublisherKey(const Ed25519PublicKey& key, const std::string& md5Hex,
+                            const std::string& signature, std::string_view logTag) {
+    if (key.verify(md5Hex, signature)) return true;
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelError, logTag)
+        .event("verifySignature")
+        .append("message", kSignatureRejected)
+        .append("md5", md5Hex);
+    return false;
 }
 
 void Proxy::onQueueFinished(uint32_t) {}
@@ -58,6 +80,16 @@ std::shared_ptr<Proxy> proxy() {
 
 bool verifySignature(const std::string& md5Hex, const std::string& signature) {
     return callOr(proxy(), &Proxy::verifySignature, false, md5Hex, signature);
+}
+
+std::shared_ptr<const Ed25519PublicKey> publicKey() {
+    const std::shared_ptr<Proxy> held = proxy();
+    return held ? held->publicKey() : nullptr;
+}
+
+bool checksSignatures() {
+    const std::shared_ptr<Proxy> held = proxy();
+    return held ? held->checksSignatures() : true;
 }
 
 void sendEvent(const PerfRecord& record) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/ProxyRequest.h"
@@ -13,6 +14,7 @@
 
 namespace FerritCore {
 
+class Ed25519PublicKey;
 class PerfRecord;
 
 class Proxy {
@@ -23,6 +25,16 @@ class Proxy {
     virtual void sendRequest(const ProxyRequest& request, ProxyCompletion completion);
     // Whether `signature` (raw bytes) signs the lower-case hexadecimal MD5 `md5Hex`.
     virtual bool verifySignature(const std::string& md5Hex, const std::string& signature) = 0;
+    // The publisher's key that verifySignature checks with, when the host holds one as an
+    // Ed25519 key; null (the default) for a host whose check is its own. The library needs it to
+    // know whether that key was retired by a later document (a retirement outranks the host's
+    // key); a host that gives none, and checks, is no longer asked once any key is retired.
+    virtual std::shared_ptr<const Ed25519PublicKey> publicKey() const;
+    // False for a host that checks nothing (it opened without a key, for development): its
+    // verifySignature takes every signature, and the library takes every document and list as
+    // it did before keys could change, whatever a document retired. True (the default) for a
+    // host that checks, with publicKey() or with a check of its own.
+    virtual bool checksSignatures() const { return true; }
     // Delivers a performance record; the host decides where to.
     virtual void sendEvent(const PerfRecord& record) = 0;
     // False for a host whose sendEvent would drop every record: it is then never called, and the
@@ -58,11 +70,22 @@ class Proxy {
     virtual void loadOnDemand(const std::string& tag, std::function<void(const Error&)> completion);
 };
 
+// What a host that holds the publisher's key answers from verifySignature: whether `key` signed
+// `md5Hex`. A signature that does not verify is logged under `logTag` in the words the host reads
+// ("signature does not verify"), with the MD5 text; the caller fails the list or document with
+// its own error, which names the file or URL.
+bool verifyWithPublisherKey(const Ed25519PublicKey& key, const std::string& md5Hex,
+                            const std::string& signature, std::string_view logTag);
+
 // Each free function copies the proxy out of Environment first, so that a concurrent setProxy
 // cannot destroy it during the call, and answers as documented when there is none.
 namespace ProxyCalls {
 // False without a proxy.
 bool verifySignature(const std::string& md5Hex, const std::string& signature);
+// Null without a proxy.
+std::shared_ptr<const Ed25519PublicKey> publicKey();
+// True without a proxy: nothing is taken then.
+bool checksSignatures();
 // Nothing without a proxy, or with one that takes no records.
 void sendEvent(const PerfRecord& record);
 // Whether a proxy that takes records is set (lets callers skip building what would be dropped).

@@ -18,9 +18,6 @@
 namespace FerritCore {
 namespace {
 
-// What the host reads in the log when a signed list or document was not signed by its key.
-constexpr std::string_view kSignatureRejected = "signature does not verify";
-
 struct PendingSet {
     Mutex mutex;
     std::unordered_set<PendingRequest*> live GUARDED_BY(mutex);
@@ -160,13 +157,7 @@ size_t BridgeProxy::pendingCount() {
 
 bool BridgeProxy::verifySignature(const std::string& md5Hex, const std::string& signature) {
     if (publicKey_ == nullptr) return true;
-    if (publicKey_->verify(md5Hex, signature)) return true;
-    // The caller fails the list or document with its own error, which names the file or URL.
-    MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kBridge)
-        .event("verifySignature")
-        .append("message", kSignatureRejected)
-        .append("md5", md5Hex);
-    return false;
+    return verifyWithPublisherKey(*publicKey_, md5Hex, signature, LogTag::kBridge);
 }
 
 void BridgeProxy::setWantsRecords(bool wants) {

@@ -47,6 +47,11 @@ class BridgeProxy : public Proxy {
     // Whether the publisher's key signed `md5Hex`; a signature that does not verify is logged as
     // such, in those words, for the host to read. Without a key every signature is taken.
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
+    // The key the host opened with, so that a later document can retire it; null for a host that
+    // opened with insecureNoSignatureCheck.
+    std::shared_ptr<const Ed25519PublicKey> publicKey() const override { return publicKey_; }
+    // False for a host that opened with insecureNoSignatureCheck: it checks nothing.
+    bool checksSignatures() const override { return publicKey_ != nullptr; }
     // Hands the record to the host object's "sendEvent", as {name, dimensions: {text}, measures:
     // {number}}, while the host wants records.
     void sendEvent(const PerfRecord& record) override;

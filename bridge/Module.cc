@@ -221,8 +221,10 @@ napi_value setDefaultConfigNative(napi_env env, napi_callback_info info) {
     const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
     if (args.empty() || !NAPI::isObject(env, args[0])) return undefinedOf(env);
     JSON object = JSON(MarlLogger::json::JSONObject());
-    for (const char* key : {"configPrefixRelease", "zipPrefixRelease", "ACacheZipPrefixRelease",
-                            "configPrefixDebug", "configPrefixDaily", "zipPrefixDaily"}) {
+    // "channel": the publisher's channel whose configuration the host reads.
+    for (const char* key :
+         {"configPrefixRelease", "zipPrefixRelease", "ACacheZipPrefixRelease", "configPrefixDebug",
+          "configPrefixDaily", "zipPrefixDaily", "channel"}) {
         if (std::optional<std::string> text =
                 NAPI::toString(env, NAPI::getProperty(env, args[0], key)))
             object.set(key, std::move(*text));

@@ -105,6 +105,7 @@ struct Attachment {
     // none) and the folder of raw files.
     std::string publicKey GUARDED_BY(mutex);
     std::string rawFiles GUARDED_BY(mutex);
+    std::string channel GUARDED_BY(mutex);
     std::shared_ptr<EmbedProxy> proxy GUARDED_BY(mutex);
     ferritcore_handle* open GUARDED_BY(mutex) = nullptr;
     // Every handle made, open or closed: a host thread that answers late with a closed handle
@@ -120,6 +121,7 @@ Attachment& attachment() {
         a.root.clear();
         a.publicKey.clear();
         a.rawFiles.clear();
+        a.channel.clear();
         a.proxy.reset();
         a.open = nullptr;
         a.handles.clear();
@@ -152,6 +154,12 @@ std::string text(const char* given) {
 std::string normalRoot(std::string root) {
     while (root.size() > 1 && root.back() == '/') root.pop_back();
     return root;
+}
+
+// The channel of `options`: empty when it has none, or when its struct_size does not reach it.
+std::string channelOf(const ferritcore_options& options) {
+    if (options.struct_size < FERRITCORE_OPTIONS_SIZE_V2) return {};
+    return text(options.channel);
 }
 
 // The proxy of the open handle `handle`, or null with `error` set.
@@ -195,6 +203,13 @@ ferritcore_status checkOptions(const ferritcore_options* options,
         return report(error, FERRITCORE_E_INVALID_ARGUMENT, "options.network is out of range");
     if (options->on_request == nullptr)
         return report(error, FERRITCORE_E_INVALID_ARGUMENT, "options.on_request is required");
+    // The name goes into every configuration URL.
+    const std::string channel = channelOf(*options);
+    if (!channel.empty() && !HostDefaults::isPlainChannel(channel))
+        return report(error, FERRITCORE_E_INVALID_ARGUMENT,
+                      "options.channel \"" + channel +
+                          "\" must be a plain name: letters, digits, \".\", \"_\" and \"-\", "
+                          "not starting with \".\"");
     if (options->public_key != nullptr && options->public_key_size > 0) {
         std::string reason;
         key =
@@ -220,6 +235,7 @@ HostDefaults defaultsOf(const ferritcore_options& options) {
     defaults.zipPrefix = packs;
     defaults.zipPrefixDaily = packs;
     defaults.acacheZipPrefix = packs;
+    defaults.channel = channelOf(options);
     return defaults;
 }
 
@@ -252,6 +268,7 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
     if (const ferritcore_status checked = checkOptions(options, key, error)) return checked;
     const std::string root = normalRoot(options->root);
     const std::string rawFiles = text(options->raw_file_folder);
+    const std::string channel = channelOf(*options);
     HostCallbacks callbacks;
     callbacks.userData = options->user_data;
     callbacks.onRequest = options->on_request;
@@ -279,6 +296,13 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
         return report(error, FERRITCORE_E_OTHER_OPTIONS,
                       "the root " + a.root +
                           " was opened with another raw_file_folder; it stays for the process");
+    // The configuration installed is the first channel's: another would be read over it.
+    if (!a.root.empty() && a.channel != channel)
+        return report(error, FERRITCORE_E_OTHER_OPTIONS,
+                      "the root " + a.root + " was opened with " +
+                          (a.channel.empty() ? std::string("no channel")
+                                             : "the channel \"" + a.channel + "\"") +
+                          "; it stays for the process");
     // The host hears the log and the state from the first setting on.
     const bool first = a.proxy == nullptr;
     if (first) a.proxy = std::make_shared<EmbedProxy>();
@@ -304,6 +328,7 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
     a.root = root;
     a.publicKey = publicKey;
     a.rawFiles = rawFiles;
+    a.channel = channel;
     a.hostStartsUpdate = options->host_starts_update == 1;
     Setup::setup(options->app_key, options->app_version,
                  a.hostStartsUpdate ? kModeHostStartsUpdate : kModeAutoUpdate);

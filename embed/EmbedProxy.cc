@@ -10,7 +10,6 @@
 #include "base/Telemetry.h"
 #include "lifecycle/Setup.h"
 #include "marl/Json.h"
-#include "marl/Log.h"
 #include "runtime/TaskRunner.h"
 
 namespace FerritCore {
@@ -19,8 +18,6 @@ namespace {
 using MarlLogger::json::JSON;
 using MarlLogger::json::JSONObject;
 
-// What the host reads in the log when a signed list or document was not signed by its key.
-constexpr std::string_view kSignatureRejected = "signature does not verify";
 // The name of the thread that calls the host (Linux keeps 15 bytes).
 constexpr const char* kDeliveryName = "ferrit.host";
 // The header the core reads the body's length from when it wants no other header.
@@ -164,15 +161,18 @@ void EmbedProxy::sendRequest(const ProxyRequest& request, ProxyCompletion comple
     });
 }
 
+bool EmbedProxy::takePending(uint64_t id, Pending& pending) {
+    MutexLock lock(mutex_);
+    auto it = pending_.find(id);
+    if (it == pending_.end()) return false;
+    pending = std::move(it->second);
+    pending_.erase(it);
+    return true;
+}
+
 bool EmbedProxy::answer(uint64_t id, ProxyResponse response) {
     Pending pending;
-    {
-        MutexLock lock(mutex_);
-        auto it = pending_.find(id);
-        if (it == pending_.end()) return false;
-        pending = std::move(it->second);
-        pending_.erase(it);
-    }
+    if (!takePending(id, pending)) return false;
     if (!pending.wantHeaders) {
         HeaderMap kept;
         for (auto& [name, value] : response.header) {
@@ -187,13 +187,7 @@ bool EmbedProxy::answer(uint64_t id, ProxyResponse response) {
 
 bool EmbedProxy::fail(uint64_t id, const Error& error) {
     Pending pending;
-    {
-        MutexLock lock(mutex_);
-        auto it = pending_.find(id);
-        if (it == pending_.end()) return false;
-        pending = std::move(it->second);
-        pending_.erase(it);
-    }
+    if (!takePending(id, pending)) return false;
     pending.completion(ProxyResponse(), error);
     return true;
 }
@@ -219,13 +213,17 @@ bool EmbedProxy::verifySignature(const std::string& md5Hex, const std::string& s
         checks = key != nullptr;
     }
     if (!checks) return true;
-    if (key->verify(md5Hex, signature)) return true;
-    // The caller fails the list or document with its own error, which names the file or URL.
-    MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kEmbed)
-        .event("verifySignature")
-        .append("message", kSignatureRejected)
-        .append("md5", md5Hex);
-    return false;
+    return verifyWithPublisherKey(*key, md5Hex, signature, LogTag::kEmbed);
+}
+
+std::shared_ptr<const Ed25519PublicKey> EmbedProxy::publicKey() const {
+    MutexLock lock(mutex_);
+    return attached_ ? publicKey_ : nullptr;
+}
+
+bool EmbedProxy::checksSignatures() const {
+    MutexLock lock(mutex_);
+    return !attached_ || publicKey_ != nullptr;
 }
 
 bool EmbedProxy::takesEvents() const {

@@ -78,7 +78,16 @@ class EmbedProxy : public Proxy, public std::enable_shared_from_this<EmbedProxy>
     static bool inCallback();
 
     void sendRequest(const ProxyRequest& request, ProxyCompletion completion) override;
+    // Whether the attached host's key signed `md5Hex`; a signature that does not verify is
+    // logged in the words the host reads. Without a host nothing verifies; a host that opened
+    // without a key takes every signature.
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
+    // The key the attached host opened with, so that a later document can retire it and a
+    // retirement of another key leaves it asked; null without a host or for one without a key.
+    std::shared_ptr<const Ed25519PublicKey> publicKey() const override;
+    // False only while a host that opened without a key is attached: without a host nothing is
+    // taken, so there is a check, and it refuses.
+    bool checksSignatures() const override;
     void sendEvent(const PerfRecord& record) override;
     bool takesEvents() const override;
     void onQueueFinished(uint32_t count) override;
@@ -97,6 +106,9 @@ class EmbedProxy : public Proxy, public std::enable_shared_from_this<EmbedProxy>
         ProxyCompletion completion;
         bool wantHeaders = false;
     };
+    // Takes the request `id` out of those waiting for the host: false when it is unknown,
+    // answered or failed.
+    bool takePending(uint64_t id, Pending& pending);
     // Runs `call` unless the host of `generation` has gone since it was queued.
     void run(uint64_t generation, const std::function<void(const HostCallbacks&)>& call);
 

@@ -19,6 +19,7 @@
 #include "marl/Clock.h"
 #include "marl/Inspector.h"
 #include "marl/Log.h"
+#include "model/KeyTrust.h"
 #include "model/SCache.h"
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
@@ -332,6 +333,22 @@ JSON Setup::statusReport() {
     if (!StorageState::writable()) errors.push("STORAGE_READ_ONLY");
     if (errors.size() > 0) report.set("error", std::move(errors));
     report.set("storage", StorageState::describe());
+    // What the signed configuration says of its own freshness and keys, once it says anything:
+    // a device that was never sent these fields reports as before.
+    const FConfigPtr config = SCache::current();
+    JSON keys = KeyTrust::instance().describe();
+    JSON refused = UpdateConfig::instance().lastRefusal();
+    if (config->issued != 0 || config->expires != 0 || keys["trusted"].size() > 0 ||
+        keys["retired"].size() > 0 || !refused.isNull()) {
+        JSON signedState;
+        // Whole milliseconds since the epoch, as the documents carry them.
+        signedState.set("issued", wholeMilliseconds(config->issued));
+        signedState.set("expires", wholeMilliseconds(config->expires));
+        signedState.set("expired", config->expires != 0 && config->expires <= MRLCurrentTime());
+        signedState.set("keys", std::move(keys));
+        if (!refused.isNull()) signedState.set("refused", std::move(refused));
+        report.set("configuration", std::move(signedState));
+    }
     return report;
 }
 

@@ -15,6 +15,7 @@
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "model/BuiltinConfig.h"
+#include "model/Rollout.h"
 #include "model/SCache.h"
 #include "storage/Statistics.h"
 
@@ -72,6 +73,11 @@ uint64_t versionNumber(std::string_view version) {
     return result.ec == std::errc() ? value : 0;
 }
 
+uint64_t wholeMilliseconds(double ms) {
+    constexpr double kLimit = 18446744073709549568.0;  // the largest double below 2^64
+    return ms > 0 && ms <= kLimit ? static_cast<uint64_t>(ms) : 0;
+}
+
 FConfig::FConfig() : tables_(emptyTables()) {
     const Environment& environment = Environment::instance();
     env = static_cast<uint32_t>(environment.env());
@@ -90,12 +96,15 @@ FConfig FConfig::copyForChange() const {
     copy.locale = locale;
     copy.lastUpdate = lastUpdate;
     copy.lastFullUpdate = lastFullUpdate;
+    copy.issued = issued;
+    copy.expires = expires;
     copy.packs = packs;
     copy.tables_ = tables_;
     return copy;
 }
 
-bool FConfig::verifySignature(std::string_view& body, const std::string& origin, Error& error) {
+bool FConfig::verifySignature(std::string_view& body, const std::string& origin, Error& error,
+                              std::string* signer, KeyStatements* statements) {
     const size_t separator = body.rfind("||");
     if (separator == std::string_view::npos) {
         error = Errors::requestDeserialization(origin, "no signature");
@@ -105,10 +114,19 @@ bool FConfig::verifySignature(std::string_view& body, const std::string& origin,
     const bool decoded = Digest::base64Decode(body.substr(separator + 2), signature);
     body = body.substr(0, separator);
     const std::string md5 = Digest::md5Hex(body);
-    if (!decoded || !ProxyCalls::verifySignature(md5, signature)) {
+    // What a document says about keys is read from its tokens, up to the end of that member (a
+    // publisher writes it first); a document that names no keys is not read here at all.
+    KeyStatements said;
+    if (body.find(std::string("\"") + KeyTrust::kMember + "\"") != std::string_view::npos)
+        said = KeyStatements::readDocument(body);
+    const std::string by =
+        decoded ? KeyTrust::instance().signerOf(md5, signature, said) : std::string();
+    if (by.empty()) {
         error = Errors::requestVerifySignature(origin, md5);
         return false;
     }
+    if (signer != nullptr) *signer = by;
+    if (statements != nullptr) *statements = std::move(said);
     return true;
 }
 
@@ -146,7 +164,9 @@ void FConfig::readPacks(const JSON& object, StringMap<PackPtr>& out) {
 std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string& origin,
                                         Error& error, bool checkSignature) {
     auto config = std::make_shared<FConfig>();
-    if (checkSignature && !verifySignature(text, origin, error)) return nullptr;
+    if (checkSignature &&
+        !verifySignature(text, origin, error, &config->signer, &config->keyStatements))
+        return nullptr;
     std::string reason;
     if (!config->read(text, reason)) {
         // The parser's words and offset, or what was wrong with a document that parsed.
@@ -181,6 +201,8 @@ std::string FConfig::serialize() const {
     if (!locale.empty()) out.key("locale").value(locale);
     if (lastUpdate != 0) out.key("lastUpdate").value(lastUpdate);
     if (lastFullUpdate != 0) out.key("lastFullUpdate").value(lastFullUpdate);
+    if (issued != 0) out.key("issued").value(issued);
+    if (expires != 0) out.key("expires").value(expires);
     if (!packs.empty()) {
         std::vector<const Pack*> sorted;
         sorted.reserve(packs.size());
@@ -198,17 +220,108 @@ std::string FConfig::serialize() const {
     return out.result();
 }
 
+namespace {
+
+// The device's identifier, read from the root only when a record of the document needs it: a
+// document without a rollout touches nothing new.
+std::string installIdFor(const FConfig& document) {
+    for (const auto& [name, pack] : document.packs)
+        if (pack->inRollout()) return Rollout::installId();
+    return std::string();
+}
+
+}  // namespace
+
 void FConfig::merge(const FConfig& document) {
-    mergeFields(document);
-    for (const auto& [name, pack] : document.packs) mergePack(pack);
+    merge(document, installIdFor(document));
 }
 
 void FConfig::merge(FConfig&& document) {
+    const std::string installId = installIdFor(document);
+    merge(std::move(document), installId);
+}
+
+namespace {
+
+// A record in rollout, resolved for a device outside the share, that releases the version the
+// device holds marked gray: the device holds the released version, so the record only clears the
+// mark, and the gray rollback stays for devices on another version. True when it took the record
+// so; false leaves it to mergePack. Records without rollout keys never come here: their gray
+// rules stay as they are.
+bool keepReleasedGray(FConfig& config, const Pack& resolved) {
+    PackPtr old = config.find(resolved.name);
+    // Only a device outside the share, told the very version it holds marked gray.
+    if (!old || old->grayState() != kGrayStateGray || resolved.grayState() == kGrayStateGray ||
+        resolved.seq == 0 || resolved.seq != old->seq || resolved.status == kPackStatusDeleted)
+        return false;
+    // The device took this version while it was in rollout, and it has been released since (a
+    // promotion, or another channel's release): a rollout's sequence is always a new build, so
+    // the same sequence is the same files. What it holds is the released version; the gray
+    // rollback that the record's mark asks of gray devices is not for it, and would throw the
+    // files away to download them again whole. Its record loses the gray mark, as a device that
+    // took the version released holds it, and keeps what is installed.
+    std::shared_ptr<Pack> released = old->clone();
+    released->gray = (old->gray & ~kGrayStateMask) | kGrayStateNormal;
+    if (resolved.updateTime > released->updateTime) released->updateTime = resolved.updateTime;
+    config.put(std::move(released));
+    return true;
+}
+
+}  // namespace
+
+void FConfig::merge(const FConfig& document, std::string_view installId) {
+    mergeFields(document);
+    for (const auto& [name, pack] : document.packs) {
+        const bool inRollout = pack && pack->inRollout();
+        PackPtr resolved = resolveRollout(pack, installId);
+        if (resolved && !(inRollout && keepReleasedGray(*this, *resolved)))
+            mergePack(std::move(resolved));
+    }
+}
+
+void FConfig::merge(FConfig&& document, std::string_view installId) {
     mergeFields(document);
     // Each record goes over with the document's reference only, so mergePack edits it in place
     // instead of copying it.
-    for (auto& [name, pack] : document.packs) mergePack(std::move(pack));
+    for (auto& [name, pack] : document.packs) {
+        const bool inRollout = pack && pack->inRollout();
+        PackPtr resolved = resolveRollout(std::move(pack), installId);
+        if (resolved && !(inRollout && keepReleasedGray(*this, *resolved)))
+            mergePack(std::move(resolved));
+    }
     document.packs.clear();
+}
+
+PackPtr FConfig::resolveRollout(PackPtr p, std::string_view installId) const {
+    if (!p || !p->inRollout()) return p;
+    std::shared_ptr<Pack> n = p->clone();
+    n->rolloutSeq = 0;
+    n->rolloutShare = 0;
+    n->rolloutTime = 0;
+    if (Rollout::inCohort(installId, p->name, p->rolloutShare)) {
+        // Exactly what a gray-group device would be sent: the gray and rollback rules of
+        // mergePack then hold for it as they stand.
+        n->seq = p->rolloutSeq;
+        n->publishTime = p->rolloutTime;
+        n->baseSeq = 0;
+        n->md5.clear();
+        n->incrMd5.clear();
+        n->gray = (p->gray & ~kGrayStateMask) | kGrayStateGray;
+        // A first rollout marks the record deleted for devices that do not know these keys: to
+        // them the pack does not exist yet. The version in rollout does.
+        if (n->status == kPackStatusDeleted) n->status = kPackStatusNormal;
+        return n;
+    }
+    if (p->seq == 0) {
+        // Nothing is released yet. Only a device that holds the gray version (it left the share,
+        // or the rollout was taken back) takes the record, as the released record of sequence 0
+        // that the first-gray rollback rule removes the pack for; to any other the pack does not
+        // exist yet.
+        PackPtr old = find(p->name);
+        if (!old || old->grayState() != kGrayStateGray) return nullptr;
+        if (n->status == kPackStatusDeleted) n->status = kPackStatusNormal;
+    }
+    return n;
 }
 
 void FConfig::mergeFields(const FConfig& document) {
@@ -222,6 +335,8 @@ void FConfig::mergeFields(const FConfig& document) {
         delay = 60000.0;
         lastUpdate = 0;
         lastFullUpdate = 0;
+        issued = 0;
+        expires = 0;
         scacheVersion = "0";
         env = static_cast<uint32_t>(environment.env());
         SCache::wipeInstalled();
@@ -238,6 +353,17 @@ void FConfig::mergeFields(const FConfig& document) {
     locale = document.locale;
     lastUpdate = document.lastUpdate;
     fullMark = document.fullMark;
+
+    // What the publisher signed last only rises: a document that does not say (a push message)
+    // leaves it. It never passes the device's clock by more than the skew clocks are allowed, and
+    // a stamp kept from before that held (a document signed far ahead) gives way to any later one.
+    const double ceiling = MRLCurrentTime() + kIssuedSkewMs;
+    const double stamp = std::min(document.issued, ceiling);
+    if (document.issued != 0 && (stamp >= issued || issued > ceiling)) {
+        if (issued != stamp || expires != document.expires) dirty = true;
+        issued = stamp;
+        expires = document.expires;
+    }
 
     if (versionNumber(document.version) >= versionNumber(version)) {
         if (version != document.version) dirty = true;

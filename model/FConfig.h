@@ -15,6 +15,7 @@
 #include "base/StringMap.h"
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
+#include "model/KeyTrust.h"
 #include "model/Pack.h"
 
 namespace FerritCore {
@@ -44,7 +45,11 @@ class FConfig {
                                           Error& error, bool checkSignature);
     // Splits "<json>||<signature>" at the last "||" and checks the signature of the MD5 of the
     // JSON through the proxy. On success `body` holds the JSON alone.
-    static bool verifySignature(std::string_view& body, const std::string& origin, Error& error);
+    // `signer`, when given, receives the id of the key that signed (KeyTrust::signerOf), and
+    // `statements` what the document says about keys; a key that only an endorsement in the
+    // document vouches for verifies too.
+    static bool verifySignature(std::string_view& body, const std::string& origin, Error& error,
+                                std::string* signer = nullptr, KeyStatements* statements = nullptr);
     // Reads the member "packs" of a document: a non-empty object is a record, which must
     // validate (a refused one is reported and left out); anything else marks the pack deleted.
     static void readPacks(const MarlLogger::json::JSON& object, StringMap<PackPtr>& out);
@@ -52,10 +57,24 @@ class FConfig {
     std::string serialize() const;
 
     // Takes in a fetched document (see the merge rules in FConfig.cc). Call on a transaction copy.
+    // A record in rollout is first resolved for this device (resolveRollout), whose install
+    // identifier is read only when the document holds such a record.
     void merge(const FConfig& document);
     // The same, taking the document's records instead of copying them; the document is left
     // without records.
     void merge(FConfig&& document);
+    // The merge of a device whose install identifier is `installId` (empty: one without).
+    void merge(const FConfig& document, std::string_view installId);
+    void merge(FConfig&& document, std::string_view installId);
+    // What a record in rollout ("rs") says to the device with `installId`, given what this
+    // document holds: a device in the share gets the gray record that a gray-group device would
+    // be sent (the rollout's sequence and time, gray state 2, and no base or digests, so that the
+    // version's own document is asked for); any other device gets the released version the
+    // record describes, or null when nothing is released yet and the device holds no gray
+    // version of the pack that the first-gray rollback would take away (such a record is marked
+    // deleted, so that a device that does not know the keys sees no pack; the resolved record is
+    // not). A record not in rollout comes back as it is.
+    PackPtr resolveRollout(PackPtr record, std::string_view installId) const;
     // Takes in one record: sequence, gray and rollback rules. A record held by no one else is
     // taken as it is and may be edited.
     void mergePack(PackPtr pack);
@@ -88,7 +107,26 @@ class FConfig {
     std::string locale;
     double lastUpdate = 0;
     double lastFullUpdate = 0;
+    // When the publisher signed the document, in milliseconds since the epoch: rises with every
+    // signature, so that a device never takes a document signed before the one it has ("issued";
+    // 0 when the document does not say). A re-signed document keeps its `version`.
+    double issued = 0;
+    // When a fetched copy of the document stops counting, in milliseconds since the epoch, so that
+    // an old copy replayed to a device is not taken ("expires"; 0: never).
+    double expires = 0;
+    // How far "issued" may lie ahead of the device's clock: clocks disagree, by less than a day.
+    // A document signed further ahead is refused, and the stamp a device keeps never passes it,
+    // so that one document cannot hold back every later one.
+    static constexpr double kIssuedSkewMs = 86400000.0;
     StringMap<PackPtr> packs;
+
+    // Of a document parsed with its signature, never serialised: the id of the key that signed,
+    // and what the document says about keys (its member "keys").
+    std::string signer;
+    KeyStatements keyStatements;
+    // Of a fetched document, never serialised: the publisher's channel it was signed for
+    // ("channel"; empty, the default channel, when it does not say).
+    std::string channel;
 
     // Transaction state, never serialised.
     bool dirty = false;
@@ -115,5 +153,8 @@ using FConfigPtr = std::shared_ptr<const FConfig>;
 std::string normalizeVersion(std::string_view version);
 // A version read as an unsigned integer; 0 when it does not parse.
 uint64_t versionNumber(std::string_view version);
+// A time of a document ("issued", "expires") in whole milliseconds, for reports; 0 for a number
+// that is no such time (negative, not a number, too large), as a lenient read may give.
+uint64_t wholeMilliseconds(double ms);
 
 }  // namespace FerritCore

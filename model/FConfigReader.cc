@@ -205,6 +205,12 @@ class DocumentReader final : public MarlLogger::json::JSONEvents {
             config_.lastUpdate = value.doubleValue();
         else if (key == "lastFullUpdate")
             config_.lastFullUpdate = value.doubleValue();
+        else if (key == "issued")
+            config_.issued = value.doubleValue();
+        else if (key == "expires")
+            config_.expires = value.doubleValue();
+        else if (key == "channel")
+            config_.channel = value.stringValue();
     }
 
     // null, {}, a scalar or an array: the server says this pack is to go.

@@ -5,6 +5,7 @@
 
 #include "base/Telemetry.h"
 #include "marl/Clock.h"
+#include "model/Rollout.h"
 
 namespace FerritCore {
 namespace {
@@ -91,6 +92,12 @@ void Pack::readField(std::string_view k, const JSON& value) {
         marker = value.uint64Value();
     else if (k == "g")
         gray = value.uint64Value();
+    else if (k == "rs")
+        rolloutSeq = value.uint64Value();
+    else if (k == "rp")
+        rolloutShare = value.uint32Value();
+    else if (k == "rt")
+        rolloutTime = value.doubleValue();
     else if (k == "updateTime")
         updateTime = value.doubleValue();
     else if (k == "installedSeq")
@@ -139,6 +146,9 @@ void Pack::writeJSON(JSONStringer& out) const {
         out.endArray();
     }
     if (gray != 0) out.key("g").value(gray);
+    if (rolloutSeq != 0) out.key("rs").value(rolloutSeq);
+    if (rolloutShare != 0) out.key("rp").value(rolloutShare);
+    if (rolloutTime != 0) out.key("rt").value(rolloutTime);
     if (updateTime != 0) out.key("updateTime").value(updateTime);
     if (installedSeq != 0) out.key("installedSeq").value(installedSeq);
     if (installedBaseSeq != 0) out.key("installedBaseSeq").value(installedBaseSeq);
@@ -169,6 +179,8 @@ bool Pack::validate() {
         return false;
     }
     if (status == kPackStatusPreview && zipURL.empty()) status = kPackStatusNormal;
+    // A share above every device means every device.
+    if (rolloutShare > Rollout::kShareScale) rolloutShare = Rollout::kShareScale;
     if (updateTime <= 0) updateTime = MRLCurrentTime();
     legacySubType = 0;
     return true;

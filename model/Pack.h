@@ -45,6 +45,13 @@ constexpr uint32_t kPriorityStartup = 9;      // and up: also installed by a "St
 // Bits 16 and 17 of `flags`: how the download is packed. 1 is the wrapped payload.
 constexpr uint32_t kPayloadWrapped = 1;
 
+// The low four bits of `gray`: a normal record, the released version after a gray one (which
+// takes a gray version back), and a version released to a gray group of devices.
+constexpr uint64_t kGrayStateMask = 0x0F;
+constexpr uint32_t kGrayStateNormal = 0;
+constexpr uint32_t kGrayStateReleased = 1;
+constexpr uint32_t kGrayStateGray = 2;
+
 // "Normal", "NeedReinstall", "Eliminated", "Preview", "Deleted", or "Unknown".
 const char* packStatusName(uint32_t status);
 
@@ -76,6 +83,13 @@ struct Pack {
     // The lowest installed sequence that may still serve; 0 means no minimum. Not part of the
     // document: it is set by whoever pins a floor on a pack.
     uint64_t minSeq = 0;
+    // A version released to part of the devices ("rs", "rp", "rt"): its sequence, the share of
+    // devices that take it in basis points (Rollout::kShareScale is all of them), and when it was
+    // published. The rest of the record describes the version every other device keeps. A
+    // device that does not know these keys reads the record as that released version alone.
+    uint64_t rolloutSeq = 0;
+    uint32_t rolloutShare = 0;
+    double rolloutTime = 0;
 
     // Reads the fields of a record's JSON object by the lenient rule of coercion (a number as it
     // is, true 1 and false 0, "" "0" "false" 0, "1" "true" 1, other text as a decimal number).
@@ -121,6 +135,7 @@ struct Pack {
     bool allowSlowCellular() const { return (flags >> 14) & 1; }
     bool allowFastCellular() const { return (flags >> 15) & 1; }
     uint32_t grayState() const { return static_cast<uint32_t>(gray & 0x0F); }
+    bool inRollout() const { return rolloutSeq != 0; }
 
     // 1 (reinstall) only takes on an installed pack in status 0; 2 (eliminated) never replaces 2
     // or 3; any other value is stored as it stands.

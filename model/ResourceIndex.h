@@ -77,7 +77,7 @@ class ResourceIndex {
     ResourceIndex(std::string name, const MarlLogger::json::JSON& table);
 
     // Verifies and parses one signed index file: "<json>||<token>|<base64 signature>", the
-    // signature over the lower-case hexadecimal MD5 of the JSON, checked by the Proxy. A missing
+    // signature over the lower-case hexadecimal MD5 of the JSON, by a key KeyTrust takes. A missing
     // separator is 1107, a refused signature (or no proxy) 1106, a body that is not a JSON object
     // 1107; `folder` names the file in messages. On failure `table` is null; success clears
     // `error`.

@@ -255,6 +255,19 @@ export interface InspectInfo {
   error?: string[];
   /** "writable", or "read-only: " and the reason. */
   storage: string;
+  /**
+   * Once the signed configuration said when it was signed or when it expires, or keys changed:
+   * those times (milliseconds since the epoch, 0 when not said), whether the one in force has
+   * expired, the ids of the keys learnt and retired, and why the last document that verified was
+   * ignored ("expired" or "older").
+   */
+  configuration?: {
+    issued: number;
+    expires: number;
+    expired: boolean;
+    keys: { trusted: string[]; retired: string[] };
+    refused?: { reason: 'expired' | 'older'; message: string; url: string; version: string; issued: number; expires: number; at: number };
+  };
 }
 
 /**
@@ -329,6 +342,8 @@ export interface OpenOptions {
   autoUpdate?: boolean;
   /** 1 (most severe only) .. 5 (everything); default FERRIT_LOG_LEVEL, else 2. */
   logLevel?: 1 | 2 | 3 | 4 | 5;
+  /** The publisher's channel (`ferrit publish --channel NAME`): its configuration below server's "channels/NAME/". */
+  channel?: string;
 }
 
 /// A request answered from an installed pack.

@@ -45,6 +45,9 @@ namespace {
 
 constexpr double kDefaultPeriodJitter = 300000;
 
+// Below a configuration prefix: the folder of the publisher's channels.
+constexpr const char* kChannelsFolder = "channels/";
+
 // An endpoint is a prefix that paths are appended to.
 std::string withTrailingSlash(std::string value) {
     if (value.empty() || value.back() != '/') value.push_back('/');
@@ -324,14 +327,21 @@ std::string Settings::configPrefixFor() const {
 }
 
 std::string Settings::configPrefixFor(int32_t env) const {
+    std::string prefix;
     switch (env) {
         case 0:
-            return configPrefixDebug;
+            prefix = configPrefixDebug;
+            break;
         case 1:
-            return configPrefixDaily;
+            prefix = configPrefixDaily;
+            break;
         default:
-            return configPrefix;
+            prefix = configPrefix;
+            break;
     }
+    // A channel's documents lie below the same server; the zips are shared by every channel.
+    if (!prefix.empty() && !channel.empty()) prefix += kChannelsFolder + channel + "/";
+    return prefix;
 }
 
 const char* Settings::configPrefixKey(int32_t env) {
@@ -450,6 +460,7 @@ JSON Settings::toJSON() const {
     if (configPrefixDaily != dailyConfigPrefix())
         out.set("configPrefixDaily", JSON(configPrefixDaily));
     if (zipPrefixDaily != testZipPrefix()) out.set("zipPrefixDaily", JSON(zipPrefixDaily));
+    if (!channel.empty()) out.set("channel", JSON(channel));
     for (const RemoteKey& key : kRemoteKeys) {
         const std::string name(key.name);
         if (name == "configUpdateInterval") {
@@ -485,6 +496,16 @@ JSON Settings::toJSON() const {
 
 // ---- Host defaults
 
+bool HostDefaults::isPlainChannel(const std::string& channel) {
+    if (channel.empty() || channel[0] == '.') return false;
+    for (char c : channel) {
+        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                           (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
+        if (!plain) return false;
+    }
+    return true;
+}
+
 HostDefaults HostDefaults::fromJSON(const JSON& object) {
     HostDefaults defaults;
     defaults.configPrefix = std::string(object["configPrefixRelease"].stringViewValue());
@@ -498,6 +519,8 @@ HostDefaults HostDefaults::fromJSON(const JSON& object) {
     defaults.zipPrefixDaily = std::string(object["zipPrefixDaily"].stringViewValue());
     const JSON& interval = object["configUpdateInterval"];
     defaults.configUpdateInterval = interval.isNumber() ? interval.doubleValue() : 0;
+    const std::string channel(object["channel"].stringViewValue());
+    if (isPlainChannel(channel)) defaults.channel = channel;
     return defaults;
 }
 
@@ -540,6 +563,8 @@ void Settings::setDefaults(const HostDefaults& defaults) {
                                             ? defaults.configUpdateInterval
                                             : kDefaultConfigUpdateInterval;
         s.encryptionTypeDefault = defaults.encryptionType;
+        s.channel =
+            HostDefaults::isPlainChannel(defaults.channel) ? defaults.channel : std::string();
     });
 }
 

@@ -46,7 +46,14 @@ struct HostDefaults {
     std::string zipPrefixDaily;       // "zipPrefixDaily": the downloads of "Daily"
     double configUpdateInterval = 0;  // "configUpdateInterval"; not a number reads 0
     uint32_t encryptionType = 0;      // no key sets it
+    // "channel": the publisher's channel whose configuration the host reads, below
+    // "channels/<name>/" of each configuration prefix; empty for the prefix's own documents. A
+    // name that is not plain (letters, digits, ".", "_", "-", not starting with ".") reads empty.
+    std::string channel;
 
+    // Whether `channel` is a name that channel takes: letters, digits, ".", "_" and "-", not
+    // empty and not starting with ".", since it goes into every configuration URL.
+    static bool isPlainChannel(const std::string& channel);
     // Reads the host's object: a string member that is missing or not a string reads empty, and
     // "zipPrefixRelease" also serves packs of type 64 unless "ACacheZipPrefixRelease" is given.
     static HostDefaults fromJSON(const MarlLogger::json::JSON& object);
@@ -84,6 +91,8 @@ struct Settings {
 
     // ---- Host layer and the remote values that override it.
     std::string configPrefix = builtinConfigPrefix();
+    // The host's channel (HostDefaults::channel); the configuration prefixes lead to it.
+    std::string channel;
     std::optional<double> configUpdateIntervalRemote;
     double configUpdateIntervalDefault = kDefaultConfigUpdateInterval;
     std::string zipPrefix = builtinZipPrefix();
@@ -199,7 +208,8 @@ struct Settings {
 
     // The configuration endpoint for the process's environment (Environment::env) or for `env`:
     // 0 "Debug" `configPrefixDebug`, 1 "Daily" `configPrefixDaily`, anything else
-    // `configPrefix`. Empty when neither the build nor the host set one.
+    // `configPrefix`, followed by "channels/<channel>/" when the host named a channel. Empty when
+    // neither the build nor the host set one.
     std::string configPrefixFor() const;
     std::string configPrefixFor(int32_t env) const;
     // The download endpoint of a pack type: a remote override first; then for "Debug" the

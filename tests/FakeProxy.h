@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "base/Digest.h"
+#include "base/Ed25519PublicKey.h"
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Proxy.h"
@@ -117,8 +118,17 @@ class FakeProxy : public FerritCore::Proxy {
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override {
         std::lock_guard<std::mutex> lock(mutex_);
         verified.push_back(md5Hex);
+        if (checksNothing) return true;
+        if (hostKey) return acceptSignatures && hostKey->verify(md5Hex, signature);
         return acceptSignatures && signature == signatureOf(md5Hex);
     }
+    // Set: the proxy is a host that checks with this Ed25519 key and names it, as a script host
+    // does, instead of the test key.
+    std::shared_ptr<const FerritCore::Ed25519PublicKey> publicKey() const override {
+        return hostKey;
+    }
+    // Set: the proxy is a host that opened without a key and takes every signature.
+    bool checksSignatures() const override { return !checksNothing; }
     void sendEvent(const FerritCore::PerfRecord& record) override {
         std::lock_guard<std::mutex> lock(mutex_);
         events.push_back(record.name());
@@ -241,6 +251,7 @@ class FakeProxy : public FerritCore::Proxy {
 
     // Settings of the fake.
     bool acceptSignatures = true;
+    bool checksNothing = false;  // set before use
     bool pushSupported = true;
     FerritCore::Error loadError;  // what every on-demand load completes with
     bool holdLoads = false;       // keep on-demand loads until releaseLoads()
@@ -248,6 +259,7 @@ class FakeProxy : public FerritCore::Proxy {
 
     // What the system did.
     std::vector<FerritCore::ProxyRequest> requests;
+    std::shared_ptr<const FerritCore::Ed25519PublicKey> hostKey;  // set before use
     std::vector<std::string> verified;  // the MD5 of every signature check, in order
     std::vector<std::string> events;    // the name of every record, in order
     std::vector<Record> records;

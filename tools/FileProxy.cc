@@ -26,6 +26,10 @@ bool FileProxy::verifySignature(const std::string& md5Hex, const std::string& si
     return key_->verify(md5Hex, signature);
 }
 
+std::shared_ptr<const FerritCore::Ed25519PublicKey> FileProxy::publicKey() const {
+    return key_->publicKey();
+}
+
 void FileProxy::sendEvent(const FerritCore::PerfRecord& record) {
     if (!printEvents_) return;
     std::cerr << "event " << record.name();
@@ -83,6 +87,8 @@ void FileProxy::sendRequest(const FerritCore::ProxyRequest& request,
         content << in.rdbuf();
         response.statusCode = 200;
         response.header["Content-Length"] = std::to_string(content.str().size());
+        servedFiles_.fetch_add(1, std::memory_order_relaxed);
+        servedBytes_.fetch_add(content.str().size(), std::memory_order_relaxed);
         if (request.tempFilePath.empty()) {
             response.content = content.str();
         } else {

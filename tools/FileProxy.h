@@ -6,6 +6,8 @@
 // transport, as the interface's default does. Any thread.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -25,6 +27,8 @@ class FileProxy : public FerritCore::Proxy {
     ~FileProxy() override;
 
     bool verifySignature(const std::string& md5Hex, const std::string& signature) override;
+    // The key of --public-key, which a later document may retire.
+    std::shared_ptr<const FerritCore::Ed25519PublicKey> publicKey() const override;
     void sendEvent(const FerritCore::PerfRecord& record) override;
     void loadOnDemand(const std::string& tag,
                       std::function<void(const FerritCore::Error&)> completion) override;
@@ -39,6 +43,9 @@ class FileProxy : public FerritCore::Proxy {
     void serveFolder(std::string folder) { servedFolder_ = std::move(folder); }
     // Every URL asked for, in order.
     std::vector<std::string> requestedUrls() const;
+    // The files served with status 200 so far, and their bytes: how far downloads have got.
+    uint64_t servedFiles() const { return servedFiles_.load(std::memory_order_relaxed); }
+    uint64_t servedBytes() const { return servedBytes_.load(std::memory_order_relaxed); }
 
     // Prints each performance record to stderr as it arrives.
     void setPrintEvents(bool print) { printEvents_ = print; }
@@ -49,6 +56,8 @@ class FileProxy : public FerritCore::Proxy {
     std::unique_ptr<Ed25519Key> key_;  // immutable: verification may run on several threads
     bool printEvents_ = false;
     std::string servedFolder_;
+    std::atomic<uint64_t> servedFiles_{0};
+    std::atomic<uint64_t> servedBytes_{0};
     mutable FerritCore::Mutex mutex_;
     std::vector<std::string> requested_ GUARDED_BY(mutex_);
 };

@@ -2,32 +2,46 @@
 // site as a static tree, and the library's own start-up, requests, checks and inspector commands
 // against a root folder. `ferrit help` lists the commands and `ferrit COMMAND --help` describes
 // one.
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "base/Digest.h"
 #include "tools/ToolCommands.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/common/ToolOutput.h"
+#include "tools/common/ToolProgress.h"
+#include "tools/keys/KeyCommand.h"
 #include "tools/pack/PackBuilder.h"
 #include "tools/publish/Publisher.h"
+#include "tools/publish/Release.h"
+#include "tools/publish/ReleaseCommands.h"
 
 using namespace FerritTools;
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kFailure = 1;
-constexpr int kUsage = 2;
-
 const char* const kExitStatus = R"(
 EXIT STATUS
     0 on success, 1 when the work failed, 2 on a wrong command line.
 )";
+
+const char* const kOutput = R"(
+OUTPUT
+    Lines for a reader on stdout; errors, warnings and logs on stderr, each message as
+    "ferrit COMMAND: ...". With --json a command writes nothing on stdout but one JSON
+    document when it ends, whatever its exit status: {"command", "ok", "exit", the command's
+    own members, and "error" when it failed}. Long work (publish, installs) draws a progress
+    bar of files and bytes on stderr when stderr is a terminal, and nothing when it is not.
+)";
+
+// The option of every command: they all report.
+const char* const kJsonOption =
+    "    --json                one JSON document on stdout (see OUTPUT in `ferrit help`).\n";
 
 // Options shared by the commands that run the library against a root folder.
 const char* const kRootOptions = R"(
@@ -38,6 +52,9 @@ const char* const kRootOptions = R"(
     --serve DIR           answers requests from files: "scheme://host/a" is DIR/host/a.
     --app-key KEY, --app-version V
                           the app, for commands that run setup.
+    --config-prefix URL   the host's configuration endpoint, for commands that fetch it.
+    --zip-prefix URL      where the host downloads pack zips from (a published tree's URL
+                          followed by its zips folder, such as https://cdn.example.com/packs/).
     --log-level N         log entries at or above level N on stderr (1 most severe).
 )";
 
@@ -51,10 +68,13 @@ struct Command {
 const std::map<std::string, Command>& commands() {
     static const std::map<std::string, Command> table{
         {"keygen",
-         {"ferrit keygen PRIVATE.pem PUBLIC.pem",
+         {"ferrit keygen [--force] PRIVATE.pem PUBLIC.pem",
           "Makes an Ed25519 key pair: the private key signs packs and documents, the public key\n"
-          "    is what hosts verify them with.",
-          "", false}},
+          "    is what hosts verify them with. The private key's file is created readable and\n"
+          "    writable by its owner only (mode 0600). An existing file is never replaced without\n"
+          "    --force: a lost publisher's key strands every device that trusts it.",
+          "    --force               replace existing key files.\n", false}},
+        {"key", {kKeySynopsis, kKeyDescription, kKeyOptions, false}},
         {"pack",
          {"ferrit pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... FOLDER "
           "OUT.zip\n"
@@ -93,7 +113,8 @@ const std::map<std::string, Command>& commands() {
           "it.\n",
           false}},
         {"publish",
-         {"ferrit publish --key PEM --manifest FILE [--history DIR] SITE OUT",
+         {"ferrit publish --key PEM --manifest FILE [--history DIR] [--channel NAME]\n"
+          "                   [--valid-for DURATION] [--resign] SITE OUT",
           "Writes a static tree under OUT that any static web server serves as it is: the signed\n"
           "    global configuration at each path a client's configuration request asks for\n"
           "    (fconfig/<app>/<app version>/0~<its version>/<locale>~<its locale>), each changed "
@@ -104,7 +125,9 @@ const std::map<std::string, Command>& commands() {
           "version\n"
           "    at <zips>/<name>/i/<seq>.zip, which brings a device on the base or on any later\n"
           "    version to the new one. A pack whose files did not change keeps its version; when\n"
-          "    none changed nothing is written. What the next run builds on (the sequence "
+          "    none changed nothing is written (unless the configuration is due to be signed "
+          "again,\n"
+          "    below). What the next run builds on (the sequence "
           "numbers and\n"
           "    each version's list of files with their MD5 and size) is the history, kept outside "
           "the\n"
@@ -122,11 +145,84 @@ const std::map<std::string, Command>& commands() {
           "    \"headers\": {PATH: {NAME: VALUE}}}]}. Clients set their configuration prefix to "
           "the\n"
           "    tree's URL and their zip prefix to that URL followed by <zips>.\n"
+          "    The global configuration carries when it was signed and until when devices take "
+          "it\n"
+          "    (--valid-for, 30 days unless told): a device ignores a copy past its expiry, and "
+          "one\n"
+          "    signed before the copy it has, and keeps what it has. So sign it again before it "
+          "lapses:\n"
+          "    a run with nothing changed signs it again, as a new version, once less than half "
+          "of its\n"
+          "    time is left (run publish daily, e.g. from cron), and --resign does so at once.\n"
+          "    Beside OUT go its cache rules: OUT.nginx.conf, locations for nginx's server block "
+          "whose\n"
+          "    root is OUT, and OUT.headers.json, the same rules as path patterns and headers for\n"
+          "    other servers: configuration documents (fconfig/, packconfig/, channels/) are "
+          "cached\n"
+          "    for a minute, zips, written once at paths named by their version, for a year as\n"
+          "    immutable; a zip's path is never written again with other bytes. Keys change with "
+          "`ferrit key "
+          "rotate`.\n"
           "    Progress goes to the terminal; nothing but the summary when not on one.",
           "    --key PEM             Ed25519 private key that signs.\n"
           "    --manifest FILE       the publishing manifest.\n"
           "    --history DIR         where the history is kept (default OUT.publish); outside "
-          "OUT.\n",
+          "OUT.\n"
+          "    --channel NAME        writes the channel's documents under OUT/channels/NAME/ "
+          "instead\n"
+          "                          of the tree's own; versions and zips serve every channel.\n"
+          "    --valid-for DURATION  how long devices take the global configuration: days, or "
+          "a\n"
+          "                          number with d, h, m or s (default 30d).\n"
+          "    --resign              sign the global configuration again although nothing "
+          "changed.\n",
+          false}},
+        {"rollout",
+         {"ferrit rollout --key PEM --manifest FILE --percent N [--channel NAME] [--history DIR]\n"
+          "                   [--valid-for DURATION] PACK SITE OUT",
+          "Publishes the files of PACK in SITE as a new version that N% of the devices take\n"
+          "    (N from 0.01 to 100), while every other device keeps the released version. Each\n"
+          "    device places itself by its install identifier and the pack's name, so a device\n"
+          "    that took the version keeps it when N grows: run the command again with a larger\n"
+          "    N and the same files. Other packs keep what they have. No server logic: the\n"
+          "    documents are the same for every device.",
+          "    --key PEM             Ed25519 private key that signs.\n"
+          "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
+          "    --percent N           share of the devices, which may only grow.\n"
+          "    --channel NAME        the channel's documents (default: the tree's own).\n"
+          "    --history DIR         where the history is kept (default OUT.publish).\n"
+          "    --valid-for DURATION  how long devices take the global configuration (see ferrit\n"
+          "                          publish; default 30d).\n",
+          false}},
+        {"promote",
+         {"ferrit promote --key PEM --manifest FILE [--channel NAME] [--from CHANNEL]\n"
+          "                   [--history DIR] [--valid-for DURATION] PACK OUT",
+          "Releases to every device the version of PACK in rollout; with --from, the version\n"
+          "    that CHANNEL releases, into the channel of --channel. Only documents are signed\n"
+          "    again: zips serve every channel and none is copied.",
+          "    --key PEM             Ed25519 private key that signs.\n"
+          "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
+          "    --channel NAME        the channel that releases (default: the tree's own).\n"
+          "    --from CHANNEL        the channel whose released version is promoted.\n"
+          "    --history DIR         where the history is kept (default OUT.publish).\n"
+          "    --valid-for DURATION  how long devices take the global configuration (see ferrit\n"
+          "                          publish; default 30d).\n",
+          false}},
+        {"rollback",
+         {"ferrit rollback --key PEM --manifest FILE [--channel NAME] [--to SEQ]\n"
+          "                   [--history DIR] [--valid-for DURATION] PACK OUT",
+          "Takes back the version of PACK in rollout: every device that took it returns to the\n"
+          "    released version (or loses the pack when none was released). With no rollout, or\n"
+          "    with --to, publishes the files of an earlier version (by default the one released\n"
+          "    before) as a new version that every device takes, whatever version it has, and\n"
+          "    ends with exactly those files.",
+          "    --key PEM             Ed25519 private key that signs.\n"
+          "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
+          "    --channel NAME        the channel (default: the tree's own).\n"
+          "    --to SEQ              the version whose files return.\n"
+          "    --history DIR         where the history is kept (default OUT.publish).\n"
+          "    --valid-for DURATION  how long devices take the global configuration (see ferrit\n"
+          "                          publish; default 30d).\n",
           false}},
         {"get",
          {"ferrit get [ROOT OPTIONS] [--referrer URL] [--header NAME:VALUE]... [--async] [--body]\n"
@@ -140,7 +236,11 @@ const std::map<std::string, Command>& commands() {
           true}},
         {"check",
          {"ferrit check [ROOT OPTIONS] [--preload FILE]",
-          "Verifies every installed pack: its signed list, then the MD5 of each file.",
+          "Checks what a host installed under the root: that the configuration it stored reads,\n"
+          "    and every installed pack: its signed list, then the MD5 and size of each file.\n"
+          "    With --config, the records of that file stand for the stored configuration. Fails\n"
+          "    (exit 1) naming each pack or document that is wrong, and on a root with nothing\n"
+          "    installed. get, check, status, inspect and cleanup never make a missing root.",
           "    --preload FILE        first install the preload zip FILE of the --assets folder.\n",
           true}},
         {"startup",
@@ -149,18 +249,23 @@ const std::map<std::string, Command>& commands() {
           "Runs the host's start-up order (setProxy, setup, the first configuration, startUpdate)\n"
           "    on the library's own worker, against a configuration endpoint served from files, "
           "and\n"
-          "    prints the status report after each step; then serves URL, if one is given.",
+          "    prints the status report after each step. With --zip-prefix it then installs every\n"
+          "    pack the configuration names, as a host's prefetch does, and waits until they are\n"
+          "    on the disk (a bar of files and bytes on a terminal). Then serves URL, if one is\n"
+          "    given. The only command of a root that makes the root when it does not exist.",
           "", true}},
         {"status",
          {"ferrit status [ROOT OPTIONS]",
           "Starts the library against the root and prints the status report, then the size report\n"
-          "    (packs, caches, stores and the disk budget).",
+          "    (packs, caches, stores and the disk budget), each a JSON document after its label\n"
+          "    (\"status: \", \"size: \"); --json gives both in one document.",
           "", true}},
         {"inspect",
          {"ferrit inspect [ROOT OPTIONS] COMMAND [JSON]",
           "Sends one command to the developer inspector (such as \"FerritDev.info\",\n"
           "    \"FerritDev.size\" or \"FerritDev.getURLList\" '{\"packName\":\"shop\"}') and "
-          "prints the reply.",
+          "prints the reply,\n"
+          "    a JSON document; exits 1 when the command failed.",
           "", true}},
         {"cleanup",
          {"ferrit cleanup [ROOT OPTIONS]",
@@ -175,155 +280,218 @@ const std::map<std::string, Command>& commands() {
 void printHelp(const std::string& name, const Command& command) {
     std::cout << "NAME\n    ferrit " << name << "\n\nSYNOPSIS\n    " << command.synopsis
               << "\n\nDESCRIPTION\n    " << command.description << "\n\nOPTIONS\n"
-              << command.options << (command.rootOptions ? kRootOptions + 1 : "")
+              << command.options << (command.rootOptions ? kRootOptions + 1 : "") << kJsonOption
               << "    --help                this text.\n"
-              << kExitStatus;
+              << kOutput << kExitStatus;
 }
 
 void printOverview() {
     std::cout << "NAME\n    ferrit - make, publish and inspect the packs of the offline resource "
                  "cache\n\nSYNOPSIS\n";
     for (const auto& [name, command] : commands()) std::cout << "    " << command.synopsis << "\n";
-    std::cout << "    ferrit help [COMMAND]\n    ferrit COMMAND --help\n" << kExitStatus;
-}
-
-int usage(const std::string& message) {
-    std::cerr << "ferrit: " << message << "\nsee: ferrit help\n";
-    return kUsage;
+    std::cout << "    ferrit help [COMMAND]\n    ferrit COMMAND --help\n" << kOutput << kExitStatus;
 }
 
 // Runs an entry point over a new argument vector.
-int forward(int (*entry)(int, char**), std::vector<std::string> arguments) {
+int forward(int (*entry)(int, char**, ToolOutput&), std::vector<std::string> arguments,
+            ToolOutput& out) {
     std::vector<char*> pointers;
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
-    return entry(static_cast<int>(arguments.size()), pointers.data());
+    return entry(static_cast<int>(arguments.size()), pointers.data(), out);
 }
 
-int publishCommand(const std::vector<std::string>& arguments) {
-    std::string keyPath, manifestPath, historyPath;
+MarlLogger::json::JSON stringsJson(const std::vector<std::string>& strings) {
+    return MarlLogger::json::JSON(strings);
+}
+
+int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
+    using MarlLogger::json::JSON;
+    using MarlLogger::json::JSONObject;
+    std::string keyPath, manifestPath, historyPath, validFor;
+    bool resign = false;
+    PublishOptions options;
     std::vector<std::string> positional;
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& arg = arguments[i];
-        if (arg == "--key" || arg == "--manifest" || arg == "--history") {
-            if (i + 1 >= arguments.size()) return usage("missing value after " + arg);
+        if (arg == "--resign") {
+            resign = true;
+        } else if (arg == "--valid-for") {
+            if (i + 1 >= arguments.size()) return out.usage("missing value after " + arg);
+            validFor = arguments[++i];
+        } else if (arg == "--key" || arg == "--manifest" || arg == "--history" ||
+                   arg == "--channel") {
+            if (i + 1 >= arguments.size()) return out.usage("missing value after " + arg);
             (arg == "--key"        ? keyPath
              : arg == "--manifest" ? manifestPath
+             : arg == "--channel"  ? options.channel
                                    : historyPath) = arguments[++i];
         } else if (arg.size() > 1 && arg[0] == '-') {
-            return usage("unknown option " + arg);
+            return out.usage("unknown option " + arg);
         } else {
             positional.push_back(arg);
         }
     }
     if (keyPath.empty() || manifestPath.empty() || positional.size() != 2)
-        return usage("publish takes --key, --manifest, SITE and OUT");
+        return out.usage("publish takes --key, --manifest, SITE and OUT");
+    if (!validChannelName(options.channel))
+        return out.usage("the channel \"" + options.channel + "\" is not a plain name");
     std::string error, text;
-    if (!readWholeFile(manifestPath, text)) {
-        std::cerr << "ferrit: cannot read " << manifestPath << "\n";
-        return kFailure;
-    }
+    if (!readWholeFile(manifestPath, text)) return out.fail("cannot read " + manifestPath);
     PublishManifest manifest;
-    if (!parseManifest(text, manifest, error)) {
-        std::cerr << "ferrit: " << manifestPath << ": " << error << "\n";
-        return kFailure;
-    }
+    if (!parseManifest(text, manifest, error)) return out.fail(manifestPath + ": " + error);
     std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(keyPath, error);
-    if (!key) {
-        std::cerr << "ferrit: " << error << "\n";
-        return kFailure;
-    }
-    const bool terminal = isatty(STDERR_FILENO) == 1;
+    if (!key) return out.fail(error);
+    ToolProgress bar("publish");
+    if (!validFor.empty() && !parseDuration(validFor, manifest.validForMs, error))
+        return out.usage(error);
+    manifest.signerKeyId = key->publicKey()->id();
+    manifest.signerPublicKey = FerritCore::Digest::base64Encode(key->publicKey()->raw());
+    manifest.resign = resign;
     PublishProgress progress;
-    if (terminal) {
-        progress = [](const std::string& step, size_t done, size_t total) {
-            std::cerr << "\r\033[Kpublish [" << done + 1 << "/" << total << "] " << step
-                      << std::flush;
+    if (bar.enabled()) {
+        progress = [&bar](const PublishStep& step) {
+            bar.setTotal(step.totalFiles, step.totalBytes);
+            bar.update(step.files, step.bytes, step.step);
         };
     }
     PublishResult result;
     const bool published =
         FerritTools::publish(positional[0], manifest, positional[1], historyPath,
-                             ed25519Signer(std::move(key)), result, error, progress);
-    if (terminal) std::cerr << "\r\033[K" << std::flush;
-    if (!published) {
-        std::cerr << "ferrit: " << error << "\n";
-        return kFailure;
-    }
+                             ed25519Signer(std::move(key)), result, error, progress, options);
+    bar.done();
+    if (!published) return out.fail(error);
+    out.set("tree", JSON(positional[1]));
+    out.set("history",
+            JSON(historyPath.empty() ? defaultHistoryFolder(positional[1]) : historyPath));
+    out.set("channel", JSON(options.channel));
+    out.set("changed", JSON(result.version != 0));
     if (result.version == 0) {
-        std::cout << "nothing changed: every pack keeps its version\n";
-        return kSuccess;
+        out.text() << "nothing changed: every pack keeps its version\n";
+    } else {
+        out.text() << "configuration version " << result.version << " at "
+                   << result.configPaths.size() << " paths\n";
+        out.set("version", JSON(result.version));
+        out.set("configPaths", stringsJson(result.configPaths));
     }
-    std::cout << "configuration version " << result.version << " at " << result.configPaths.size()
-              << " paths\n";
+    if (result.version != 0) {
+        out.text() << "signed at " << isoTime(result.issued) << ", valid until "
+                   << isoTime(result.expires) << (result.resigned ? " (signed again)" : "") << "\n";
+        out.set("issued", JSON(result.issued));
+        out.set("expires", JSON(result.expires));
+        out.set("resigned", JSON(result.resigned));
+    }
+    out.set("removed", stringsJson(result.removed));
+    for (const std::string& name : result.removed)
+        out.text() << name << " removed: it left the manifest, and no channel releases it\n";
     for (const PublishedPack& pack : result.packs) {
-        std::cout << pack.name << " " << pack.seq;
+        JSONObject record{{"name", JSON(pack.name)},
+                          {"seq", JSON(pack.seq)},
+                          {"baseSeq", JSON(pack.baseSeq)},
+                          {"changed", JSON(pack.changed)}};
+        if (pack.changed) {
+            record.set("kind", JSON(pack.incremental              ? "increment"
+                                    : pack.rebased || pack.newKey ? "new base"
+                                                                  : "full"));
+            if (pack.newKey) record.set("newKey", JSON(true));
+            if (!pack.skipped.empty()) {
+                MarlLogger::json::JSONArray skipped;
+                for (uint64_t seq : pack.skipped) skipped.push_back(JSON(seq));
+                record.set("skipped", JSON(std::move(skipped)));
+            }
+            if (pack.incremental) {
+                record.set("increment",
+                           JSON(JSONObject{{"changed", stringsJson(pack.summary.changed)},
+                                           {"added", stringsJson(pack.summary.added)},
+                                           {"removed", stringsJson(pack.summary.removed)}}));
+            }
+            record.set("written", stringsJson(pack.written));
+        }
+        out.append("packs", JSON(std::move(record)));
+        if (result.version == 0) continue;
+        out.text() << pack.name << " " << pack.seq;
         if (!pack.changed) {
-            std::cout << " unchanged\n";
+            out.text() << " unchanged\n";
             continue;
         }
         if (pack.incremental) {
-            std::cout << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
-                      << " changed, " << pack.summary.added.size() << " added, "
-                      << pack.summary.removed.size() << " removed)";
+            out.text() << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
+                       << " changed, " << pack.summary.added.size() << " added, "
+                       << pack.summary.removed.size() << " removed)";
+        } else if (pack.newKey) {
+            out.text() << " (full; a new base, signed by the new key)";
         } else if (pack.rebased) {
-            std::cout << " (full; a new base, as the history lacks a version since the old one)";
+            out.text() << " (full; a new base, as the history lacks a version since the old one)";
         } else {
-            std::cout << " (full)";
+            out.text() << " (full)";
         }
-        std::cout << "\n";
-        for (const std::string& path : pack.written) std::cout << "  wrote " << path << "\n";
+        out.text() << "\n";
+        for (uint64_t seq : pack.skipped) {
+            out.text() << "  skipped " << seq
+                       << ": its zips were left by a publish that did not finish\n";
+        }
+        for (const std::string& path : pack.written) out.text() << "  wrote " << path << "\n";
     }
-    return kSuccess;
+    return out.finish();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return usage("no command");
-    const std::string name = argv[1];
-    std::vector<std::string> rest(argv + 2, argv + argc);
+    std::vector<std::string> rest(argv + std::min(argc, 2), argv + argc);
+    const bool json = ToolOutput::takeJsonFlag(rest);
+    const std::string name = argc < 2 ? std::string() : std::string(argv[1]);
     if (name == "help" || name == "--help" || name == "-h") {
-        if (!rest.empty()) {
+        if (!rest.empty() && rest[0] != "help" && rest[0] != "--help" && rest[0] != "-h") {
             const auto it = commands().find(rest[0]);
-            if (it == commands().end()) return usage("unknown command " + rest[0]);
+            if (it == commands().end()) {
+                ToolOutput out("", json);
+                return out.usage("unknown command " + rest[0]);
+            }
             printHelp(it->first, it->second);
-            return kSuccess;
+            return kExitSuccess;
         }
         printOverview();
-        return kSuccess;
+        return kExitSuccess;
     }
     const auto it = commands().find(name);
-    if (it == commands().end()) return usage("unknown command " + name);
+    if (it == commands().end()) {
+        ToolOutput out("", json);
+        return out.usage(name.empty() ? "no command" : "unknown command " + name);
+    }
+    ToolOutput out(name, json);
     // The pack subcommands have full pages of their own.
     const bool packPage = name == "pack" && !rest.empty() && rest[0] != "--help" && rest[0] != "-h";
     for (const std::string& arg : rest) {
         if ((arg == "--help" || arg == "-h") && !packPage) {
             printHelp(it->first, it->second);
-            return kSuccess;
+            return kExitSuccess;
         }
     }
-    const std::string program = std::string("ferrit ") + name;
+    const std::string program = "ferrit " + name;
     if (name == "keygen") {
-        if (rest.size() != 2) return usage("keygen takes PRIVATE.pem and PUBLIC.pem");
-        return forward(runSignIndexTool, {program, "keygen", rest[0], rest[1]});
+        std::vector<std::string> arguments{program, "keygen"};
+        arguments.insert(arguments.end(), rest.begin(), rest.end());
+        return forward(runSignIndexTool, arguments, out);
     }
     if (name == "pack" || name == "config" || name == "index") {
-        if (rest.empty()) return usage(name + " needs a subcommand");
+        if (rest.empty()) return out.usage("needs a subcommand");
         std::vector<std::string> arguments{program};
         if (name == "pack") {
-            if (rest[0] != "build" && rest[0] != "diff" && rest[0] != "wrap" &&
-                rest[0] != "config" && rest[0] != "preload")
-                return usage("unknown subcommand pack " + rest[0]);
             arguments.insert(arguments.end(), rest.begin(), rest.end());
-            return forward(runPackTool, arguments);
+            return forward(runPackTool, arguments, out);
         }
-        if (rest[0] != "sign") return usage("unknown subcommand " + name + " " + rest[0]);
+        if (rest[0] != "sign") return out.usage("unknown subcommand " + rest[0]);
+        out.setCommand(name + " sign");
         arguments.push_back(name == "config" ? "sign-document" : "sign");
         arguments.insert(arguments.end(), rest.begin() + 1, rest.end());
-        return forward(runSignIndexTool, arguments);
+        return forward(runSignIndexTool, arguments, out);
     }
-    if (name == "publish") return publishCommand(rest);
+    if (name == "publish") return publishCommand(rest, out);
+    if (name == "rollout") return rolloutCommand(rest, out);
+    if (name == "promote") return promoteCommand(rest, out);
+    if (name == "rollback") return rollbackCommand(rest, out);
+    if (name == "key") return keyCommand(rest, out);
     std::vector<std::string> arguments{program};
     arguments.insert(arguments.end(), rest.begin(), rest.end());
     if (name == "check") arguments.push_back("--check");
@@ -333,5 +501,5 @@ int main(int argc, char** argv) {
         arguments.push_back("inspect");
         arguments.push_back("FerritDev.cleanup");
     }
-    return forward(runRequestTool, arguments);
+    return forward(runRequestTool, arguments, out);
 }

@@ -1,7 +1,6 @@
-// ferrit-pack: makes what a pack server publishes: pack zips, incremental zips, their wrapped
+// ferrit pack: makes what a pack server publishes: pack zips, incremental zips, their wrapped
 // image form and the signed pack configuration document; and the preload zip that an app ships
-// among its raw files. `ferrit-pack help` and
-// `ferrit-pack COMMAND --help` describe each command.
+// among its raw files. `ferrit pack --help` and `ferrit pack SUBCOMMAND --help` describe them.
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
@@ -13,32 +12,32 @@
 #include <vector>
 
 #include "base/Digest.h"
+#include "marl/Json.h"
 #include "tools/ToolCommands.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/common/ToolOutput.h"
 #include "tools/pack/PackBuilder.h"
 
 using namespace FerritTools;
+using MarlLogger::json::JSON;
+using MarlLogger::json::JSONArray;
 
 namespace {
 
-// Exit statuses.
-constexpr int kSuccess = 0;
-constexpr int kFailure = 1;  // the work failed: a file could not be read, signed or written
-constexpr int kUsage = 2;    // the command line was wrong
+constexpr int kSuccess = kExitSuccess;
 
 const char* const kOverview = R"(NAME
-    ferrit-pack - build the packs, increments and configuration documents that clients download
+    ferrit pack - build the packs, increments and configuration documents that clients download
 
 SYNOPSIS
-    ferrit-pack build  --key PEM --url-prefix URL [OPTIONS] FOLDER OUT.zip
-    ferrit-pack diff   --key PEM --url-prefix URL [OPTIONS] OLD NEW OUT.zip
-    ferrit-pack wrap   --seq N IN.zip OUT.png
-    ferrit-pack config --key PEM --version V --pack NAME [PACK OPTIONS]... OUT
-    ferrit-pack preload --key PEM --version V --pack NAME --seq N --folder DIR --url-prefix URL
+    ferrit pack build  --key PEM --url-prefix URL [OPTIONS] FOLDER OUT.zip
+    ferrit pack diff   --key PEM --url-prefix URL [OPTIONS] OLD NEW OUT.zip
+    ferrit pack wrap   --seq N IN.zip OUT.png
+    ferrit pack config --key PEM --version V --pack NAME [PACK OPTIONS]... OUT
+    ferrit pack preload --key PEM --version V --pack NAME --seq N --folder DIR --url-prefix URL
                         [PACK OPTIONS]... [--pack NAME ...]... OUT.zip
-    ferrit-pack help [COMMAND]
-    ferrit-pack COMMAND --help
+    ferrit pack SUBCOMMAND --help
 
 DESCRIPTION
     A pack is a zip of web resources under "res/" with a signed list of them, "app-res.hvc".
@@ -50,7 +49,7 @@ DESCRIPTION
     same input and key give the same bytes.
 
     Signatures are Ed25519 over the lower-case hexadecimal MD5 of the signed text, in base 64.
-    ferrit-sign-index keygen makes a key pair.
+    `ferrit keygen` makes a key pair.
 
 EXIT STATUS
     0 on success, 1 when the work failed (a file could not be read, signed or written), 2 on a
@@ -58,10 +57,10 @@ EXIT STATUS
 )";
 
 const char* const kBuildHelp = R"(NAME
-    ferrit-pack build - write the full zip of one version of a pack
+    ferrit pack build - write the full zip of one version of a pack
 
 SYNOPSIS
-    ferrit-pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... [--token TEXT]
+    ferrit pack build --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... [--token TEXT]
                       FOLDER OUT.zip
 
 DESCRIPTION
@@ -70,8 +69,8 @@ DESCRIPTION
     lists each as {"res/<path>": {"url": URL + <path>, "v": <MD5>, "size": <bytes>,
     "header": {...}}}, followed by "||", the token, "|" and the signature. An empty file is
     listed with the MD5 of no bytes and size 0. Entries are deflated (an empty one is stored)
-    and carry a fixed time, so the same FOLDER and key always give the same bytes. Prints the zip's MD5, which the pack
-    configuration names as "c".
+    and carry a fixed time, so the same FOLDER and key always give the same bytes. Prints the
+    zip's MD5, which the pack configuration names as "c".
 
 OPTIONS
     --key PEM             Ed25519 private key (PEM) that signs the list.
@@ -79,10 +78,11 @@ OPTIONS
     --header PATH=NAME:VALUE
                           a response header of the file PATH (relative to FOLDER); repeatable.
     --token TEXT          the text between the list's separators (default "ed25519"); no "|".
+    --json                report as one JSON document on stdout (see `ferrit help`).
     --help                this text.
 
 EXAMPLES
-    ferrit-pack build --key keys/pack.pem --url-prefix https://shop.example.com/app/ \
+    ferrit pack build --key keys/pack.pem --url-prefix https://shop.example.com/app/ \
         --header css/app.css=Access-Control-Allow-Origin:* site/ shop-3.zip
 
 EXIT STATUS
@@ -90,10 +90,10 @@ EXIT STATUS
 )";
 
 const char* const kDiffHelp = R"(NAME
-    ferrit-pack diff - write the incremental zip from one version of a pack to the next
+    ferrit pack diff - write the incremental zip from one version of a pack to the next
 
 SYNOPSIS
-    ferrit-pack diff --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... [--token TEXT]
+    ferrit pack diff --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... [--token TEXT]
                      OLD NEW OUT.zip
 
 DESCRIPTION
@@ -110,10 +110,11 @@ OPTIONS
     --header PATH=NAME:VALUE
                           a response header of the file PATH of NEW; repeatable.
     --token TEXT          the text between the list's separators (default "ed25519").
+    --json                report as one JSON document on stdout (see `ferrit help`).
     --help                this text.
 
 EXAMPLES
-    ferrit-pack diff --key keys/pack.pem --url-prefix https://shop.example.com/app/ \
+    ferrit pack diff --key keys/pack.pem --url-prefix https://shop.example.com/app/ \
         site-3/ site-4/ shop-i-4.zip
 
 EXIT STATUS
@@ -121,10 +122,10 @@ EXIT STATUS
 )";
 
 const char* const kWrapHelp = R"(NAME
-    ferrit-pack wrap - hide a zip inside a PNG image
+    ferrit pack wrap - hide a zip inside a PNG image
 
 SYNOPSIS
-    ferrit-pack wrap --seq N IN.zip OUT.png
+    ferrit pack wrap --seq N IN.zip OUT.png
 
 DESCRIPTION
     Writes a valid 1x1 PNG image whose IEND chunk carries the 16 raw bytes of the zip's MD5 and
@@ -135,20 +136,21 @@ DESCRIPTION
 
 OPTIONS
     --seq N               the pack's sequence number (decimal).
+    --json                report as one JSON document on stdout (see `ferrit help`).
     --help                this text.
 
 EXAMPLES
-    ferrit-pack wrap --seq 4 shop-4.zip shop-4.png
+    ferrit pack wrap --seq 4 shop-4.zip shop-4.png
 
 EXIT STATUS
     0 on success, 1 when the work failed, 2 on a wrong command line.
 )";
 
 const char* const kConfigHelp = R"(NAME
-    ferrit-pack config - write a signed pack configuration document
+    ferrit pack config - write a signed pack configuration document
 
 SYNOPSIS
-    ferrit-pack config --key PEM --version V --pack NAME [--seq N] [--base-seq N] [--flags N]
+    ferrit pack config --key PEM --version V --pack NAME [--seq N] [--base-seq N] [--flags N]
                        [--zip FILE | --md5 HEX] [--incr FILE | --incr-md5 HEX] [--prefix URL]...
                        [--publish-time MS] [--pack NAME ...]... OUT
 
@@ -173,10 +175,11 @@ OPTIONS
     --incr-md5 HEX        "ci" as given.
     --prefix URL          an entry of "p", a URL prefix the pack serves; repeatable.
     --publish-time MS     "t", milliseconds since the epoch.
+    --json                report as one JSON document on stdout (see `ferrit help`).
     --help                this text.
 
 EXAMPLES
-    ferrit-pack config --key keys/pack.pem --version 1700000000000 --pack shop --seq 4 \
+    ferrit pack config --key keys/pack.pem --version 1700000000000 --pack shop --seq 4 \
         --base-seq 3 --flags 88 --zip shop-4.zip --incr shop-i-4.zip \
         --prefix https://shop.example.com/app/ shop-config
 
@@ -185,10 +188,10 @@ EXIT STATUS
 )";
 
 const char* const kPreloadHelp = R"(NAME
-    ferrit-pack preload - write the preload zip that an app ships with its packs
+    ferrit pack preload - write the preload zip that an app ships with its packs
 
 SYNOPSIS
-    ferrit-pack preload --key PEM --version V
+    ferrit pack preload --key PEM --version V
                         --pack NAME --seq N --folder DIR --url-prefix URL [--base-seq N]
                         [--flags N] [--prefix URL]... [--header PATH=NAME:VALUE]...
                         [--pack NAME ...]... OUT.zip
@@ -215,10 +218,11 @@ OPTIONS
     --prefix URL          an entry of "p", a URL prefix the pack serves; repeatable.
     --header PATH=NAME:VALUE
                           a response header of the file PATH of the pack; repeatable.
+    --json                report as one JSON document on stdout (see `ferrit help`).
     --help                this text.
 
 EXAMPLES
-    ferrit-pack preload --key keys/pack.pem --version 1700000000000 \
+    ferrit pack preload --key keys/pack.pem --version 1700000000000 \
         --pack shop --seq 3 --flags 80 --folder site/shop --url-prefix https://shop.example.com/app/ \
         --pack help --seq 7 --folder site/help --url-prefix https://help.example.com/ \
         preload.zip
@@ -228,17 +232,6 @@ EXIT STATUS
     written), 2 on a wrong command line (a pack named twice, or without --seq, --folder or
     --url-prefix).
 )";
-
-int usage(const std::string& command, const std::string& message) {
-    std::cerr << "ferrit-pack: " << message << "\n"
-              << "see: ferrit-pack " << (command.empty() ? "help" : command + " --help") << "\n";
-    return kUsage;
-}
-
-int failure(const std::string& message) {
-    std::cerr << "ferrit-pack: " << message << "\n";
-    return kFailure;
-}
 
 bool wantsHelp(int argc, char** argv) {
     for (int i = 2; i < argc; ++i) {
@@ -278,77 +271,86 @@ struct PackArguments {
     std::vector<std::string> positional;
 };
 
-int parsePackArguments(const std::string& command, int argc, char** argv, PackArguments& out) {
+int parsePackArguments(const std::string& command, int argc, char** argv, ToolOutput& out,
+                       PackArguments& parsed) {
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--key" || arg == "--url-prefix" || arg == "--header" || arg == "--token") {
-            if (i + 1 >= argc) return usage(command, "missing value after " + arg);
+            if (i + 1 >= argc) return out.usage("missing value after " + arg);
             const std::string value = argv[++i];
-            if (arg == "--key") out.keyPath = value;
-            if (arg == "--url-prefix") out.options.urlPrefix = value;
-            if (arg == "--token") out.options.token = value;
-            if (arg == "--header" && !addHeader(value, out.headers))
-                return usage(command, kHeaderForm);
+            if (arg == "--key") parsed.keyPath = value;
+            if (arg == "--url-prefix") parsed.options.urlPrefix = value;
+            if (arg == "--token") parsed.options.token = value;
+            if (arg == "--header" && !addHeader(value, parsed.headers))
+                return out.usage(kHeaderForm);
         } else if (arg.size() > 1 && arg[0] == '-') {
-            return usage(command, "unknown option " + arg);
+            return out.usage("unknown option " + arg);
         } else {
-            out.positional.push_back(arg);
+            parsed.positional.push_back(arg);
         }
     }
-    if (out.keyPath.empty()) return usage(command, command + " needs --key");
-    if (out.options.urlPrefix.empty()) return usage(command, command + " needs --url-prefix");
+    if (parsed.keyPath.empty()) return out.usage(command + " needs --key");
+    if (parsed.options.urlPrefix.empty()) return out.usage(command + " needs --url-prefix");
     std::string error;
-    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(out.keyPath, error);
-    if (!key) return failure(error);
-    out.options.signer = ed25519Signer(std::move(key));
+    std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(parsed.keyPath, error);
+    if (!key) return out.fail(error);
+    parsed.options.signer = ed25519Signer(std::move(key));
     return kSuccess;
 }
 
-int build(int argc, char** argv) {
+int build(int argc, char** argv, ToolOutput& out) {
     PackArguments arguments;
-    if (const int status = parsePackArguments("build", argc, argv, arguments)) return status;
-    if (arguments.positional.size() != 2) return usage("build", "build takes FOLDER and OUT.zip");
+    if (const int status = parsePackArguments("build", argc, argv, out, arguments)) return status;
+    if (arguments.positional.size() != 2) return out.usage("build takes FOLDER and OUT.zip");
     PackContent content;
     content.headers = arguments.headers;
     std::string error, zip;
-    if (!readFolder(arguments.positional[0], content.files, error)) return failure(error);
-    if (!buildPack(content, arguments.options, zip, error)) return failure(error);
+    if (!readFolder(arguments.positional[0], content.files, error)) return out.fail(error);
+    if (!buildPack(content, arguments.options, zip, error)) return out.fail(error);
     if (!writeFileAtomically(arguments.positional[1], zip))
-        return failure("cannot write " + arguments.positional[1]);
-    std::cout << "wrote " << arguments.positional[1] << " (" << content.files.size()
-              << (content.files.size() == 1 ? " file" : " files") << ", md5 "
-              << FerritCore::Digest::md5Hex(zip) << ")\n";
-    return kSuccess;
+        return out.fail("cannot write " + arguments.positional[1]);
+    const std::string md5 = FerritCore::Digest::md5Hex(zip);
+    out.text() << "wrote " << arguments.positional[1] << " (" << content.files.size()
+               << (content.files.size() == 1 ? " file" : " files") << ", md5 " << md5 << ")\n";
+    out.set("zip", JSON(arguments.positional[1]));
+    out.set("files", JSON(static_cast<uint64_t>(content.files.size())));
+    out.set("bytes", JSON(static_cast<uint64_t>(zip.size())));
+    out.set("md5", JSON(md5));
+    return out.finish();
 }
 
-int diff(int argc, char** argv) {
+int diff(int argc, char** argv, ToolOutput& out) {
     PackArguments arguments;
-    if (const int status = parsePackArguments("diff", argc, argv, arguments)) return status;
-    if (arguments.positional.size() != 3) return usage("diff", "diff takes OLD, NEW and OUT.zip");
+    if (const int status = parsePackArguments("diff", argc, argv, out, arguments)) return status;
+    if (arguments.positional.size() != 3) return out.usage("diff takes OLD, NEW and OUT.zip");
     PackContent previous, current;
     current.headers = arguments.headers;
     std::string error, zip;
-    if (!readFolder(arguments.positional[0], previous.files, error)) return failure(error);
-    if (!readFolder(arguments.positional[1], current.files, error)) return failure(error);
+    if (!readFolder(arguments.positional[0], previous.files, error)) return out.fail(error);
+    if (!readFolder(arguments.positional[1], current.files, error)) return out.fail(error);
     IncrementSummary summary;
     if (!buildIncrement(previous, current, arguments.options, zip, error, &summary))
-        return failure(error);
+        return out.fail(error);
     if (!writeFileAtomically(arguments.positional[2], zip))
-        return failure("cannot write " + arguments.positional[2]);
-    auto list = [](const char* what, const std::vector<std::string>& paths) {
-        for (const std::string& path : paths) std::cout << what << " " << path << "\n";
+        return out.fail("cannot write " + arguments.positional[2]);
+    auto list = [&out](const char* what, const std::vector<std::string>& paths) {
+        for (const std::string& path : paths) out.text() << what << " " << path << "\n";
+        out.set(what, JSON(paths));
     };
     list("changed", summary.changed);
     list("added", summary.added);
     list("removed", summary.removed);
-    std::cout << "wrote " << arguments.positional[2] << " ("
-              << summary.changed.size() + summary.added.size() << " files, "
-              << summary.removed.size() << " removed, md5 " << FerritCore::Digest::md5Hex(zip)
-              << ")\n";
-    return kSuccess;
+    const std::string md5 = FerritCore::Digest::md5Hex(zip);
+    out.text() << "wrote " << arguments.positional[2] << " ("
+               << summary.changed.size() + summary.added.size() << " files, "
+               << summary.removed.size() << " removed, md5 " << md5 << ")\n";
+    out.set("zip", JSON(arguments.positional[2]));
+    out.set("bytes", JSON(static_cast<uint64_t>(zip.size())));
+    out.set("md5", JSON(md5));
+    return out.finish();
 }
 
-int wrap(int argc, char** argv) {
+int wrap(int argc, char** argv, ToolOutput& out) {
     uint64_t seq = 0;
     bool hasSeq = false;
     std::vector<std::string> positional;
@@ -356,24 +358,28 @@ int wrap(int argc, char** argv) {
         const std::string arg = argv[i];
         if (arg == "--seq") {
             if (i + 1 >= argc || !parseNumber(argv[i + 1], seq))
-                return usage("wrap", "--seq takes a decimal number");
+                return out.usage("--seq takes a decimal number");
             hasSeq = true;
             ++i;
         } else if (arg.size() > 1 && arg[0] == '-') {
-            return usage("wrap", "unknown option " + arg);
+            return out.usage("unknown option " + arg);
         } else {
             positional.push_back(arg);
         }
     }
-    if (!hasSeq) return usage("wrap", "wrap needs --seq");
-    if (positional.size() != 2) return usage("wrap", "wrap takes IN.zip and OUT.png");
+    if (!hasSeq) return out.usage("wrap needs --seq");
+    if (positional.size() != 2) return out.usage("wrap takes IN.zip and OUT.png");
     std::string zip, png, error;
-    if (!readWholeFile(positional[0], zip)) return failure("cannot read " + positional[0]);
-    if (!wrapPayload(zip, seq, png, error)) return failure(error);
-    if (!writeFileAtomically(positional[1], png)) return failure("cannot write " + positional[1]);
-    std::cout << "wrote " << positional[1] << " (key byte " << (seq & 0xFF) << ", zip md5 "
-              << FerritCore::Digest::md5Hex(zip) << ")\n";
-    return kSuccess;
+    if (!readWholeFile(positional[0], zip)) return out.fail("cannot read " + positional[0]);
+    if (!wrapPayload(zip, seq, png, error)) return out.fail(error);
+    if (!writeFileAtomically(positional[1], png)) return out.fail("cannot write " + positional[1]);
+    const std::string md5 = FerritCore::Digest::md5Hex(zip);
+    out.text() << "wrote " << positional[1] << " (key byte " << (seq & 0xFF) << ", zip md5 " << md5
+               << ")\n";
+    out.set("png", JSON(positional[1]));
+    out.set("keyByte", JSON(static_cast<uint64_t>(seq & 0xFF)));
+    out.set("md5", JSON(md5));
+    return out.finish();
 }
 
 // What every command that writes a signed document is given besides its packs.
@@ -386,7 +392,7 @@ struct SignedDocumentLine {
 // here; every other option is handed with its value to `option`, whose nonzero exit code stops
 // the walk and is returned.
 int walkSignedDocumentLine(
-    int argc, char** argv, const std::string& command, SignedDocumentLine& line,
+    int argc, char** argv, ToolOutput& out, SignedDocumentLine& line,
     const std::function<int(const std::string&, const std::string&)>& option) {
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -394,7 +400,7 @@ int walkSignedDocumentLine(
             line.positional.push_back(arg);
             continue;
         }
-        if (i + 1 >= argc) return usage(command, "missing value after " + arg);
+        if (i + 1 >= argc) return out.usage("missing value after " + arg);
         const std::string value = argv[++i];
         if (arg == "--key") {
             line.keyPath = value;
@@ -408,66 +414,71 @@ int walkSignedDocumentLine(
 }
 
 // What every such command needs once its line is walked: a key, a version, a pack and one output.
-int checkSignedDocumentLine(const std::string& command, const SignedDocumentLine& line,
-                            size_t packCount, const std::string& output) {
-    if (line.keyPath.empty()) return usage(command, command + " needs --key");
-    if (line.version.empty()) return usage(command, command + " needs --version");
-    if (packCount == 0) return usage(command, command + " needs at least one --pack");
-    if (line.positional.size() != 1) return usage(command, command + " takes one " + output);
+int checkSignedDocumentLine(ToolOutput& out, const std::string& command,
+                            const SignedDocumentLine& line, size_t packCount,
+                            const std::string& output) {
+    if (line.keyPath.empty()) return out.usage(command + " needs --key");
+    if (line.version.empty()) return out.usage(command + " needs --version");
+    if (packCount == 0) return out.usage(command + " needs at least one --pack");
+    if (line.positional.size() != 1) return out.usage(command + " takes one " + output);
     return kSuccess;
 }
 
-int config(int argc, char** argv) {
+int config(int argc, char** argv, ToolOutput& out) {
     SignedDocumentLine line;
     std::vector<ConfigPack> packs;
     const int walked = walkSignedDocumentLine(
-        argc, argv, "config", line, [&](const std::string& arg, const std::string& value) {
+        argc, argv, out, line, [&](const std::string& arg, const std::string& value) {
             if (arg == "--pack") {
                 packs.emplace_back();
                 packs.back().name = value;
                 return kSuccess;
             }
-            if (packs.empty()) return usage("config", arg + " comes before any --pack");
+            if (packs.empty()) return out.usage(arg + " comes before any --pack");
             ConfigPack& pack = packs.back();
             uint64_t number = 0;
             if (arg == "--seq" || arg == "--base-seq" || arg == "--flags" ||
                 arg == "--publish-time") {
-                if (!parseNumber(value, number))
-                    return usage("config", arg + " takes a decimal number");
+                if (!parseNumber(value, number)) return out.usage(arg + " takes a decimal number");
                 if (arg == "--seq") pack.seq = number;
                 if (arg == "--base-seq") pack.baseSeq = number;
                 if (arg == "--flags") pack.flags = number;
                 if (arg == "--publish-time") pack.publishTime = static_cast<double>(number);
             } else if (arg == "--zip" || arg == "--incr") {
                 std::string zip;
-                if (!readWholeFile(value, zip)) return failure("cannot read " + value);
+                if (!readWholeFile(value, zip)) return out.fail("cannot read " + value);
                 (arg == "--zip" ? pack.md5 : pack.incrMd5) = FerritCore::Digest::md5Hex(zip);
             } else if (arg == "--md5" || arg == "--incr-md5") {
                 if (value.size() != 32 ||
                     value.find_first_not_of("0123456789abcdef") != std::string::npos)
-                    return usage("config", arg + " takes 32 lower-case hexadecimal digits");
+                    return out.usage(arg + " takes 32 lower-case hexadecimal digits");
                 (arg == "--md5" ? pack.md5 : pack.incrMd5) = value;
             } else if (arg == "--prefix") {
                 pack.prefixes.push_back(value);
             } else {
-                return usage("config", "unknown option " + arg);
+                return out.usage("unknown option " + arg);
             }
             return kSuccess;
         });
     if (walked != kSuccess) return walked;
-    if (const int code = checkSignedDocumentLine("config", line, packs.size(), "OUT");
+    if (const int code = checkSignedDocumentLine(out, "config", line, packs.size(), "OUT");
         code != kSuccess)
         return code;
     std::string error, document;
     std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(line.keyPath, error);
-    if (!key) return failure(error);
+    if (!key) return out.fail(error);
     if (!buildConfig(line.version, packs, ed25519Signer(std::move(key)), document, error))
-        return failure(error);
+        return out.fail(error);
     if (!writeFileAtomically(line.positional[0], document))
-        return failure("cannot write " + line.positional[0]);
-    std::cout << "wrote " << line.positional[0] << " (" << packs.size()
-              << (packs.size() == 1 ? " pack)\n" : " packs)\n");
-    return kSuccess;
+        return out.fail("cannot write " + line.positional[0]);
+    out.text() << "wrote " << line.positional[0] << " (" << packs.size()
+               << (packs.size() == 1 ? " pack)\n" : " packs)\n");
+    out.set("document", JSON(line.positional[0]));
+    out.set("version", JSON(line.version));
+    JSONArray names;
+    for (const ConfigPack& pack : packs) names.push_back(JSON(pack.name));
+    out.set("packs", JSON(std::move(names)));
+    return out.finish();
 }
 
 // One pack of a preload zip as the command line describes it.
@@ -478,29 +489,28 @@ struct PreloadArguments {
     bool hasBaseSeq = false;
 };
 
-int preload(int argc, char** argv) {
+int preload(int argc, char** argv, ToolOutput& out) {
     SignedDocumentLine line;
     std::vector<PreloadArguments> packs;
     std::set<std::string> names;
     const int walked = walkSignedDocumentLine(
-        argc, argv, "preload", line, [&](const std::string& arg, const std::string& value) {
+        argc, argv, out, line, [&](const std::string& arg, const std::string& value) {
             if (arg == "--pack") {
                 // The zip holds one folder per name: a second description would be lost.
                 if (value.empty() || value.find('/') != std::string::npos)
-                    return usage("preload", "a pack name is not empty and holds no \"/\"");
+                    return out.usage("a pack name is not empty and holds no \"/\"");
                 if (!names.insert(value).second)
-                    return usage("preload", "pack " + value + " is named twice");
+                    return out.usage("pack " + value + " is named twice");
                 packs.emplace_back();
                 packs.back().pack.record.name = value;
                 return kSuccess;
             }
-            if (packs.empty()) return usage("preload", arg + " comes before any --pack");
+            if (packs.empty()) return out.usage(arg + " comes before any --pack");
             PreloadArguments& pack = packs.back();
             ConfigPack& record = pack.pack.record;
             uint64_t number = 0;
             if (arg == "--seq" || arg == "--base-seq" || arg == "--flags") {
-                if (!parseNumber(value, number))
-                    return usage("preload", arg + " takes a decimal number");
+                if (!parseNumber(value, number)) return out.usage(arg + " takes a decimal number");
                 if (arg == "--seq") {
                     record.seq = number;
                     pack.hasSeq = true;
@@ -517,25 +527,23 @@ int preload(int argc, char** argv) {
             } else if (arg == "--prefix") {
                 record.prefixes.push_back(value);
             } else if (arg == "--header") {
-                if (!addHeader(value, pack.pack.content.headers))
-                    return usage("preload", kHeaderForm);
+                if (!addHeader(value, pack.pack.content.headers)) return out.usage(kHeaderForm);
             } else {
-                return usage("preload", "unknown option " + arg);
+                return out.usage("unknown option " + arg);
             }
             return kSuccess;
         });
     if (walked != kSuccess) return walked;
-    if (const int code = checkSignedDocumentLine("preload", line, packs.size(), "OUT.zip");
+    if (const int code = checkSignedDocumentLine(out, "preload", line, packs.size(), "OUT.zip");
         code != kSuccess)
         return code;
     for (PreloadArguments& pack : packs) {
         const std::string& name = pack.pack.record.name;
         // A client skips a record of sequence 0: it would ship files that never install.
         if (!pack.hasSeq || pack.pack.record.seq == 0)
-            return usage("preload", "pack " + name + " needs --seq, not 0");
-        if (pack.folder.empty()) return usage("preload", "pack " + name + " needs --folder");
-        if (pack.pack.urlPrefix.empty())
-            return usage("preload", "pack " + name + " needs --url-prefix");
+            return out.usage("pack " + name + " needs --seq, not 0");
+        if (pack.folder.empty()) return out.usage("pack " + name + " needs --folder");
+        if (pack.pack.urlPrefix.empty()) return out.usage("pack " + name + " needs --url-prefix");
         if (!pack.hasBaseSeq) pack.pack.record.baseSeq = pack.pack.record.seq;
         if (pack.pack.record.prefixes.empty())
             pack.pack.record.prefixes.push_back(pack.pack.urlPrefix);
@@ -543,30 +551,37 @@ int preload(int argc, char** argv) {
 
     std::string error;
     std::shared_ptr<const Ed25519Key> key = Ed25519Key::loadPrivate(line.keyPath, error);
-    if (!key) return failure(error);
+    if (!key) return out.fail(error);
     PackOptions options;
     options.signer = ed25519Signer(std::move(key));
     std::vector<PreloadPack> contents;
     size_t files = 0;
     for (PreloadArguments& pack : packs) {
         if (!readFolder(pack.folder, pack.pack.content.files, error))
-            return failure("pack " + pack.pack.record.name + ": " + error);
+            return out.fail("pack " + pack.pack.record.name + ": " + error);
         files += pack.pack.content.files.size();
         contents.push_back(pack.pack);
     }
     std::string zip;
-    if (!buildPreload(line.version, contents, options, zip, error)) return failure(error);
+    if (!buildPreload(line.version, contents, options, zip, error)) return out.fail(error);
     if (!writeFileAtomically(line.positional[0], zip))
-        return failure("cannot write " + line.positional[0]);
-    std::cout << "wrote " << line.positional[0] << " (" << packs.size()
-              << (packs.size() == 1 ? " pack, " : " packs, ") << files
-              << (files == 1 ? " file, md5 " : " files, md5 ") << FerritCore::Digest::md5Hex(zip)
-              << ")\n";
-    return kSuccess;
+        return out.fail("cannot write " + line.positional[0]);
+    const std::string md5 = FerritCore::Digest::md5Hex(zip);
+    out.text() << "wrote " << line.positional[0] << " (" << packs.size()
+               << (packs.size() == 1 ? " pack, " : " packs, ") << files
+               << (files == 1 ? " file, md5 " : " files, md5 ") << md5 << ")\n";
+    out.set("zip", JSON(line.positional[0]));
+    out.set("version", JSON(line.version));
+    JSONArray packNames;
+    for (const PreloadArguments& pack : packs) packNames.push_back(JSON(pack.pack.record.name));
+    out.set("packs", JSON(std::move(packNames)));
+    out.set("files", JSON(static_cast<uint64_t>(files)));
+    out.set("md5", JSON(md5));
+    return out.finish();
 }
 
 struct Command {
-    int (*run)(int, char**);
+    int (*run)(int, char**, ToolOutput&);
     const char* help;
 };
 
@@ -581,24 +596,19 @@ const std::map<std::string, Command>& commands() {
 
 }  // namespace
 
-int FerritTools::runPackTool(int argc, char** argv) {
-    if (argc < 2) return usage("", "no command");
+int FerritTools::runPackTool(int argc, char** argv, ToolOutput& out) {
+    if (argc < 2) return out.usage("needs a subcommand");
     const std::string name = argv[1];
     if (name == "help" || name == "--help" || name == "-h") {
-        if (argc > 2 && name == "help") {
-            const auto it = commands().find(argv[2]);
-            if (it == commands().end()) return usage("", std::string("unknown command ") + argv[2]);
-            std::cout << it->second.help;
-            return kSuccess;
-        }
         std::cout << kOverview;
         return kSuccess;
     }
     const auto it = commands().find(name);
-    if (it == commands().end()) return usage("", "unknown command " + name);
+    if (it == commands().end()) return out.usage("unknown subcommand " + name);
+    out.setCommand("pack " + name);
     if (wantsHelp(argc, argv)) {
         std::cout << it->second.help;
         return kSuccess;
     }
-    return it->second.run(argc, argv);
+    return it->second.run(argc, argv, out);
 }

@@ -1,46 +1,57 @@
-// ferrit-request: runs one request through Access against a root folder and an app's raw-file
-// folder, and prints the outcome, the response headers and the body size.
+// ferrit get, check, startup, status, inspect and cleanup: run the library against a root folder
+// and an app's raw-file folder, and report what it answered.
 //
-//   ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--config FILE | --config-json
-//   TEXT]
-//                  [--referrer URL] [--header NAME:VALUE]... [--async] [--body] [--events]
-//                  [--log-level N] (URL | --check)
-//   ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root DIR
-//                  --public-key PEM --config-prefix URL [--assets DIR] [--config FILE] [URL]
+// get runs one request through Access and prints the outcome, the response headers and the body
+// size. Start-up is the library's own: the proxy is set (a file-backed one that verifies index
+// signatures with the Ed25519 public key), the raw-file folder becomes the asset provider, and the
+// built-in configuration "Ferrit_Asset.config" is loaded from it. The configuration file (--config)
+// adds the records of packs installed under the root: {"v": "<version>", "packs": {"<name>": {"s",
+// "f", "p", "r", "installedSeq", ...}}}; without one, the configuration that a host stored under
+// the root is read. Each installed pack is read from its installed version's folder (on the disk
+// or in the packs store), through its signed "app-res.hvc".
 //
-// Start-up is the library's own: the proxy is set (a file-backed one that verifies index
-// signatures with the Ed25519 public key), the folders under the root are initialised, the
-// raw-file folder becomes the asset provider, and the built-in configuration "Ferrit_Asset.config"
-// is loaded from it. The configuration file adds the records of packs installed under the root:
-// {"v": "<version>", "packs": {"<name>": {"s", "f", "p", "r", "installedSeq", ...}}}. Each such
-// pack is read from "apps/<name>/<installedSeq>/", through its signed "app-res.hvc".
-//
-// --check verifies every installed pack instead: its signed list, then the MD5 of each file.
+// check verifies what a host installed instead: that the stored configuration reads and each of
+// its records validates, and every installed pack's signed list and the MD5 of each of its files.
+// It fails naming each fault, and only reads: a running host's folders stay as they are.
 //
 // --preload FILE first installs the preload zip FILE of the raw-file folder, as the host's
-// installPreloadNative does, and then goes on with URL or --check over what it installed.
+// installPreloadNative does, and then goes on with URL or the check over what it installed.
 //
 // inspect COMMAND [JSON] sends one command to the developer inspector instead (such as
 // "FerritDev.info", "FerritDev.size" or "FerritDev.getURLList" '{"packName":"shop"}'), after the
 // library's own start against the root (setProxy: folders, the stored and the built-in
-// configuration; with --app-key, also setup), and prints the reply; it exits 0 when the command
-// succeeded.
+// configuration; with --app-key, also setup), and prints the reply as JSON; it exits 0 when the
+// command succeeded. status is the status report and then the reply of "FerritDev.size".
 //
-// --startup runs the host's start-up order instead (setProxy, setup with mode 1, the first
+// startup runs the host's start-up order instead (setProxy, setup with mode 1, the first
 // configuration update, startUpdate) on the library's own worker thread, against the configuration
 // endpoint --config-prefix served from files below --serve (see FileProxy; nothing is compiled in,
 // so the endpoint is given as a host gives it), and prints the status report after each
-// step; then it serves URL, if one is given, from the configuration it fetched. The records of
-// --config then stand for what an earlier run installed.
+// step. With --zip-prefix it then installs every pack the configuration names and waits for them
+// (the tool's own install, with a progress bar on a terminal). Then it serves URL, if one is
+// given, from the configuration it fetched. The records of --config then stand for what an
+// earlier run installed. It is the only one of these commands that makes a root folder that does
+// not exist: the others fail on a missing root, so that a mistyped path reports the mistake
+// instead of an empty root made in its place.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <rapidjson/encodings.h>
+#include <rapidjson/memorystream.h>
+
 #include "FileProxy.h"
+#include "base/Digest.h"
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/Folder.h"
 #include "ferritcore/Access.h"
 #include "lifecycle/DevInspector.h"
@@ -53,32 +64,24 @@
 #include "model/BuiltinConfig.h"
 #include "model/ResourceIndex.h"
 #include "model/SCache.h"
+#include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "storage/PacksStore.h"
 #include "tools/ToolCommands.h"
+#include "tools/common/ToolOutput.h"
+#include "tools/common/ToolProgress.h"
 #include "update/Preload.h"
+#include "update/UpdateQueue.h"
 
 using namespace FerritCore;
+using FerritTools::kExitSuccess;
+using FerritTools::ToolOutput;
 using MarlLogger::json::JSON;
+using MarlLogger::json::JSONArray;
+using MarlLogger::json::JSONObject;
 
 namespace {
-
-int usage(const std::string& message) {
-    std::cerr
-        << "ferrit-request: " << message << "\n"
-        << "usage: ferrit-request --root DIR [--assets DIR] [--public-key PEM]\n"
-        << "                      [--config FILE | --config-json TEXT] [--referrer URL] [--header "
-           "NAME:VALUE]...\n"
-        << "                      [--preload FILE] [--async] [--body] [--events] [--log-level N]\n"
-        << "                      (URL | --check)\n"
-        << "       ferrit-request --startup --serve DIR --app-key KEY --app-version VERSION --root "
-           "DIR\n"
-        << "                      --public-key PEM --config-prefix URL [--assets DIR] [--config "
-           "FILE] [URL]\n"
-        << "       ferrit-request --root DIR [--assets DIR] [--public-key PEM] [--serve DIR]\n"
-        << "                      [--app-key KEY --app-version VERSION] inspect COMMAND [JSON]\n";
-    return 2;
-}
 
 // Takes the pack records of `document` into the configuration; false with a reason on bad input.
 bool loadRecords(const JSON& document, FConfig& config, std::string& reason) {
@@ -102,15 +105,60 @@ bool loadRecords(const JSON& document, FConfig& config, std::string& reason) {
     return true;
 }
 
-void print(const ResourceResponse& response, bool body) {
-    std::cout << "error: " << response.error.code();
-    if (response.error) std::cout << " " << response.error.message();
-    std::cout << "\nis404: " << (response.is404 ? "true" : "false") << "\n";
+// How the JSON report carries a body: as the string itself, or as its base64.
+constexpr const char* kBodyText = "utf-8";
+constexpr const char* kBodyBase64 = "base64";
+
+JSON errorJson(const Error& error) {
+    return JSON(JSONObject{{"code", JSON(static_cast<int64_t>(error.code()))},
+                           {"message", JSON(error.message())}});
+}
+
+// Whether `bytes` are UTF-8 text that a JSON string can carry as it is: every sequence well
+// formed, none overlong, no surrogate, nothing cut off at the end.
+bool isUtf8Text(std::string_view bytes) {
+    struct Discard {
+        void Put(char) {}
+    } sink;
+    rapidjson::MemoryStream stream(bytes.data(), bytes.size());
+    while (stream.Tell() < bytes.size()) {
+        if (!rapidjson::UTF8<>::Validate(stream, sink)) return false;
+    }
+    return true;
+}
+
+// Reports a response: lines for a reader, and the report's "response". A body that is not UTF-8
+// text (an image, a font, a zip) goes into the JSON report as base64, which "bodyEncoding" says,
+// so that the report stays one valid document that gives back the exact bytes.
+int report(ToolOutput& out, const std::string& url, const ResourceResponse& response, bool body) {
+    std::ostream& text = out.text();
+    text << "error: " << response.error.code();
+    if (response.error) text << " " << response.error.message();
+    text << "\nis404: " << (response.is404 ? "true" : "false") << "\n";
     std::map<std::string, std::string> sorted(response.header.begin(), response.header.end());
-    for (const auto& [name, value] : sorted) std::cout << name << ": " << value << "\n";
-    if (!response.md5.empty()) std::cout << "md5: " << response.md5 << "\n";
-    std::cout << "body: " << response.data.size() << " bytes\n";
-    if (body && !response.data.empty()) std::cout << "\n" << response.data << "\n";
+    for (const auto& [name, value] : sorted) text << name << ": " << value << "\n";
+    if (!response.md5.empty()) text << "md5: " << response.md5 << "\n";
+    text << "body: " << response.data.size() << " bytes\n";
+    if (body && !response.data.empty()) text << "\n" << response.data << "\n";
+
+    JSONObject headers;
+    for (const auto& [name, value] : sorted) headers.set(name, JSON(value));
+    JSONObject record{{"url", JSON(url)},
+                      {"is404", JSON(response.is404)},
+                      {"headers", JSON(std::move(headers))},
+                      {"size", JSON(static_cast<uint64_t>(response.data.size()))}};
+    if (response.error) record.set("failure", errorJson(response.error));
+    if (!response.md5.empty()) record.set("md5", JSON(response.md5));
+    if (body) {
+        const bool text = isUtf8Text(response.data);
+        record.set("bodyEncoding", JSON(text ? kBodyText : kBodyBase64));
+        record.set("body", JSON(text ? response.data : Digest::base64Encode(response.data)));
+    }
+    out.set("response", JSON(std::move(record)));
+    if (response.error)
+        return out.fail("the request failed: " + std::to_string(response.error.code()) + " " +
+                        response.error.message());
+    return out.finish();
 }
 
 // A host without a key: signed lists do not verify, and nothing else is asked of it.
@@ -121,14 +169,15 @@ class KeylessProxy : public Proxy {
 };
 
 // Sends one command to the inspector, running the library's background work until it answers.
-int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::string& assets,
-            const std::string& appKey, const std::string& appVersion, const std::string& command,
-            const std::string& paramsText, bool withStatus) {
-    JSON params = JSON(MarlLogger::json::JSONObject());
+// With `withStatus` (ferrit status), reports the status report first.
+int inspect(ToolOutput& out, std::shared_ptr<Proxy> proxy, const std::string& root,
+            const std::string& assets, const std::string& appKey, const std::string& appVersion,
+            const std::string& command, const std::string& paramsText, bool withStatus) {
+    JSON params = JSON(JSONObject());
     if (!paramsText.empty()) {
         std::string parseError;
         params = JSON::parse(paramsText, &parseError);
-        if (!parseError.empty()) return usage("parameters: " + parseError);
+        if (!parseError.empty()) return out.usage("the parameters are not JSON: " + parseError);
     }
     Setup::setProxy(std::move(proxy), root, assets);
     if (appKey.empty()) {
@@ -136,7 +185,11 @@ int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::st
     } else {
         Setup::setup(appKey, appVersion, 1);  // registers the agent, as a host's start does
     }
-    if (withStatus) std::cout << "status " << Setup::statusReport().toString() << "\n";
+    if (withStatus) {
+        const JSON status = Setup::statusReport();
+        out.text() << "status: " << status.toString() << "\n";
+        out.set("status", status);
+    }
     bool answered = false, succeeded = false;
     JSON data;
     const bool known =
@@ -145,57 +198,209 @@ int inspect(std::shared_ptr<Proxy> proxy, const std::string& root, const std::st
             succeeded = success;
             data = reply;
         });
-    if (!known) return usage("no such command: " + command);
+    if (!known) return out.usage("no such inspector command: " + command);
     // A command that answers from the worker ("update", "readDiskFileList") answers once its
     // work has run; a bounded number of rounds keeps a command that never answers from hanging.
     for (int round = 0; !answered && round < 1000; ++round) {
         if (TaskRunner::runDue() == 0 && TaskRunner::pendingCount() == 0) break;
     }
-    if (!answered) {
-        std::cout << "no answer\n";
-        return 1;
-    }
-    std::cout << (succeeded ? "success " : "failure ") << data.toString() << "\n";
+    if (!answered) return out.fail(command + " gave no answer");
     TaskRunner::runDue();  // what the command left to do, such as a commit
-    return succeeded ? 0 : 1;
+    // The reply alone is a JSON document: what a script reads, with or without --json.
+    if (withStatus) {
+        out.text() << "size: " << data.toString() << "\n";
+        out.set("size", data);
+    } else {
+        out.text() << data.toString() << "\n";
+        out.set("inspector", JSON(command));
+        out.set("reply", data);
+    }
+    if (!succeeded) return out.fail(command + " failed: " + data.toString());
+    return out.finish();
 }
 
-void printStatus(const char* step) {
-    std::cout << "status after " << step << ": " << Setup::statusReport().toString() << "\n";
+JSON statusStep(const char* step) {
+    return JSON(JSONObject{{"step", JSON(step)}, {"status", Setup::statusReport()}});
 }
 
-// Verifies the signed list and the files of every installed pack; 0 when all are intact.
-int check() {
-    int failures = 0;
+void printStatus(ToolOutput& out, const char* step) {
+    out.text() << "status after " << step << ": " << Setup::statusReport().toString() << "\n";
+    out.append("steps", statusStep(step));
+}
+
+// Takes in the configuration that a host stored under the root, as the library's start does.
+// False when there is none; what is wrong with one that is there goes to `problems`.
+bool loadStored(std::vector<std::string>& problems) {
+    Error error;
+    const std::string text = PacksStore::instance().readConfig(error);
+    std::shared_ptr<FConfig> document;
+    if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
+    const bool found = !Errors::isFileMissing(error) && !text.empty();
+    if (!document) {
+        if (found)
+            problems.push_back("the stored configuration does not read: " +
+                               std::to_string(error.code()) + " " + error.message());
+        document = std::make_shared<FConfig>();
+    } else {
+        // The reader leaves out a record that does not validate: a check names it.
+        const JSON stored = JSON::parse(text);
+        for (const auto& [name, record] : stored["packs"].objectValue()) {
+            if (record.isObject() && !record.objectValue().empty() && !document->find(name))
+                problems.push_back("the stored record of " + name + " is not valid");
+        }
+    }
+    SCache::publish(document);
+    return found;
+}
+
+// Verifies the signed list and the files of every installed pack; each fault is named on stderr
+// and in the report. `problems` are faults found before (the stored configuration's).
+int check(ToolOutput& out, const std::string& root, std::vector<std::string> problems) {
     const FConfigPtr config = SCache::current();
     std::map<std::string, PackPtr> packs(config->packs.begin(), config->packs.end());
+    out.set("root", JSON(root));
+    out.set("configuration",
+            JSON(JSONObject{{"version", JSON(config->version)},
+                            {"packs", JSON(static_cast<uint64_t>(packs.size()))}}));
+    JSONArray checked;
+    size_t verified = 0;
     for (const auto& [name, pack] : packs) {
         if (!pack->isInstalled()) continue;
         const Folder folder = pack->installedFolder();
-        std::cout << name << "@" << pack->installedSeq << " (" << folderKindName(folder.kind())
-                  << " " << folder.describe() << "): ";
+        JSONObject record{{"name", JSON(name)},
+                          {"seq", JSON(pack->installedSeq)},
+                          {"kind", JSON(folderKindName(folder.kind()))},
+                          {"folder", JSON(folder.describe())}};
+        out.text() << name << "@" << pack->installedSeq << " (" << folderKindName(folder.kind())
+                   << " " << folder.describe() << "): ";
         if (folder.kind() == FolderKind::OnDemand) {
-            std::cout << "on demand, read when first asked for\n";
+            out.text() << "on demand, read when first asked for\n";
+            record.set("result", JSON("on demand"));
+            checked.push_back(JSON(std::move(record)));
             continue;
         }
         const ResourceIndex index(name, folder);
         Error error = index.error();
         if (!error) index.verifyFiles(folder, error);
         if (error) {
-            ++failures;
-            std::cout << "error " << error.code() << " " << error.message() << "\n";
+            const std::string fault = name + "@" + std::to_string(pack->installedSeq) + ": " +
+                                      std::to_string(error.code()) + " " + error.message();
+            problems.push_back(fault);
+            out.text() << "error " << error.code() << " " << error.message() << "\n";
+            record.set("result", JSON("failed"));
+            record.set("failure", errorJson(error));
         } else {
-            std::cout << "signed list and files verified\n";
+            ++verified;
+            out.text() << "signed list and files verified\n";
+            record.set("result", JSON("verified"));
+        }
+        checked.push_back(JSON(std::move(record)));
+    }
+    if (checked.empty() && problems.empty()) problems.push_back("no installed pack to check");
+    out.set("packs", JSON(std::move(checked)));
+    out.set("verified", JSON(static_cast<uint64_t>(verified)));
+    out.set("problems", JSON(problems));
+    if (problems.empty()) return out.finish();
+    for (size_t i = 1; i < problems.size(); ++i) out.note(problems[i - 1]);
+    return out.fail(problems.back());
+}
+
+// How long an install of every pack may take before the tool gives up on it.
+constexpr std::chrono::seconds kInstallWait{300};
+// How often the progress is redrawn while the worker installs.
+constexpr std::chrono::milliseconds kProgressInterval{100};
+// A pack's zip and its own document: what a pack's install downloads at most.
+constexpr uint64_t kDownloadsPerPack = 2;
+
+// Installs every pack of the configuration that is not installed at its version, through the
+// update queue as a host's prefetch does (whatever the pack's priority), and waits until each has
+// answered: a host's first start on a fresh root leaves them to the queue's timer, which a tool
+// does not wait for. Draws the downloads' progress on a terminal; each failure is named.
+int installAll(ToolOutput& out, const FerritTools::FileProxy& proxy) {
+    const FConfigPtr config = SCache::current();
+    std::vector<std::string> names;
+    std::map<std::string, uint64_t> wanted;
+    for (const auto& [name, pack] : config->packs) {
+        if (pack->seq == 0 || pack->installedSeq == pack->seq) continue;
+        names.push_back(name);
+        wanted[name] = pack->seq;
+    }
+    std::sort(names.begin(), names.end());
+    struct Outcomes {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::map<std::string, Error> answered;
+        bool settled = false;
+    };
+    auto outcomes = std::make_shared<Outcomes>();
+    FerritTools::ToolProgress bar("install");
+    bar.setTotal(names.size() * kDownloadsPerPack, 0);
+    const uint64_t filesBefore = proxy.servedFiles();
+    const uint64_t bytesBefore = proxy.servedBytes();
+    for (const std::string& name : names) {
+        UpdateQueue::request(name, kTriggerPrefetch, [outcomes, name](const Error& error) {
+            std::lock_guard<std::mutex> lock(outcomes->mutex);
+            outcomes->answered.emplace(name, error);
+            outcomes->changed.notify_all();
+        });
+    }
+    const auto deadline = std::chrono::steady_clock::now() + kInstallWait;
+    {
+        std::unique_lock<std::mutex> lock(outcomes->mutex);
+        while (outcomes->answered.size() < names.size() &&
+               std::chrono::steady_clock::now() < deadline) {
+            outcomes->changed.wait_for(lock, kProgressInterval);
+            bar.update(proxy.servedFiles() - filesBefore, proxy.servedBytes() - bytesBefore,
+                       std::to_string(outcomes->answered.size()) + "/" +
+                           std::to_string(names.size()) + " packs");
         }
     }
-    return failures == 0 ? 0 : 1;
+    bar.done();
+    // The worker runs its tasks in order: once this one has run, so have the commits that the
+    // installs posted before they answered, and what they installed is on the disk.
+    TaskRunner::post([outcomes] {
+        std::lock_guard<std::mutex> lock(outcomes->mutex);
+        outcomes->settled = true;
+        outcomes->changed.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(outcomes->mutex);
+    outcomes->changed.wait_until(lock, deadline, [&outcomes] { return outcomes->settled; });
+    std::vector<std::string> problems;
+    const FConfigPtr after = SCache::current();
+    for (const std::string& name : names) {
+        const PackPtr pack = after->find(name);
+        const uint64_t seq = pack ? pack->installedSeq : 0;
+        JSONObject record{{"name", JSON(name)}, {"seq", JSON(seq)}};
+        const auto answer = outcomes->answered.find(name);
+        std::string fault;
+        if (answer == outcomes->answered.end()) {
+            fault = "no answer";
+        } else if (answer->second) {
+            fault = std::to_string(answer->second.code()) + " " + answer->second.message();
+            record.set("failure", errorJson(answer->second));
+        } else if (seq != wanted[name]) {
+            fault = "version " + std::to_string(wanted[name]) + " was not taken";
+        }
+        if (fault.empty()) {
+            out.text() << "installed " << name << "@" << seq << "\n";
+        } else {
+            problems.push_back(name + ": " + fault);
+        }
+        record.set("installed", JSON(fault.empty()));
+        out.append("installs", JSON(std::move(record)));
+    }
+    out.set("downloads", JSON(JSONObject{{"files", JSON(proxy.servedFiles() - filesBefore)},
+                                         {"bytes", JSON(proxy.servedBytes() - bytesBefore)}}));
+    if (problems.empty()) return kExitSuccess;
+    for (size_t i = 1; i < problems.size(); ++i) out.note("not installed: " + problems[i - 1]);
+    return out.fail("not installed: " + problems.back());
 }
 
 }  // namespace
 
-int FerritTools::runRequestTool(int argc, char** argv) {
+int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
     std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
-        appVersion, preloadFile, configPrefix;
+        appVersion, preloadFile, configPrefix, zipPrefix;
     HeaderMap header;
     bool async = false, body = false, events = false, checkPacks = false, startup = false;
     std::vector<std::string> positional;
@@ -206,9 +411,10 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         if (arg == "--root" || arg == "--assets" || arg == "--public-key" || arg == "--config" ||
             arg == "--config-json" || arg == "--referrer" || arg == "--header" ||
             arg == "--log-level" || arg == "--serve" || arg == "--app-key" ||
-            arg == "--app-version" || arg == "--preload" || arg == "--config-prefix") {
+            arg == "--app-version" || arg == "--preload" || arg == "--config-prefix" ||
+            arg == "--zip-prefix") {
             const char* value = next();
-            if (value == nullptr) return usage("missing value after " + arg);
+            if (value == nullptr) return out.usage("missing value after " + arg);
             if (arg == "--root") root = value;
             if (arg == "--assets") assets = value;
             if (arg == "--public-key") publicKey = value;
@@ -220,11 +426,12 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             if (arg == "--app-version") appVersion = value;
             if (arg == "--preload") preloadFile = value;
             if (arg == "--config-prefix") configPrefix = value;
+            if (arg == "--zip-prefix") zipPrefix = value;
             if (arg == "--log-level") MarlLogger::Log::setLevel(std::atoi(value));
             if (arg == "--header") {
                 const std::string h = value;
                 const size_t colon = h.find(':');
-                if (colon == std::string::npos) return usage("a header is NAME:VALUE");
+                if (colon == std::string::npos) return out.usage("a header is NAME:VALUE");
                 size_t start = colon + 1;
                 while (start < h.size() && h[start] == ' ') ++start;
                 header[h.substr(0, colon)] = h.substr(start);
@@ -239,10 +446,8 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             checkPacks = true;
         } else if (arg == "--startup") {
             startup = true;
-        } else if (arg == "--help" || arg == "-h") {
-            return usage("runs one request through the cache");
         } else if (!arg.empty() && arg[0] == '-') {
-            return usage("unknown option " + arg);
+            return out.usage("unknown option " + arg);
         } else {
             positional.push_back(arg);
         }
@@ -250,23 +455,30 @@ int FerritTools::runRequestTool(int argc, char** argv) {
     // "status" is the status report and then the inspector's size report.
     const bool status = !positional.empty() && positional[0] == "status";
     if (status) {
-        if (positional.size() != 1) return usage("status takes no argument");
+        if (positional.size() != 1) return out.usage("status takes no argument");
         positional.push_back("FerritDev.size");
     }
     const bool inspecting = !positional.empty() && (positional[0] == "inspect" || status);
     if (inspecting) {
         if (positional.size() < 2 || positional.size() > 3)
-            return usage("inspect takes a command and, optionally, its parameters as JSON");
+            return out.usage("inspect takes a command and, optionally, its parameters as JSON");
     } else if (positional.size() > 1) {
-        return usage("one URL at a time");
+        return out.usage("one URL at a time");
     } else if (!positional.empty()) {
         url = positional[0];
     }
-    if (root.empty()) return usage("--root is required");
-    if (!configPrefix.empty()) {
+    if (root.empty()) return out.usage("--root is required");
+    // Only a host's start makes its root; every other command reports on one that is there.
+    std::error_code rootError;
+    if (!startup && !std::filesystem::is_directory(root, rootError))
+        return out.fail("no root folder " + root +
+                        (std::filesystem::exists(root, rootError) ? " (not a folder)" : "") +
+                        ": this command reads a root and makes none");
+    if (!configPrefix.empty() || !zipPrefix.empty()) {
         // The host's layer, as setDefaultConfigNative gives it.
         HostDefaults defaults;
         defaults.configPrefix = configPrefix;
+        defaults.zipPrefix = zipPrefix;
         Settings::setDefaults(defaults);
     }
     if (inspecting) {
@@ -276,19 +488,19 @@ int FerritTools::runRequestTool(int argc, char** argv) {
             std::string reason;
             std::shared_ptr<FerritTools::FileProxy> fileProxy =
                 FerritTools::FileProxy::open(publicKey, reason);
-            if (!fileProxy) return usage(reason);
+            if (!fileProxy) return out.fail(reason);
             fileProxy->serveFolder(served);
             fileProxy->setPrintEvents(events);
             proxy = fileProxy;
         }
-        return inspect(std::move(proxy), root, assets, appKey, appVersion, positional[1],
+        return inspect(out, std::move(proxy), root, assets, appKey, appVersion, positional[1],
                        positional.size() == 3 ? positional[2] : std::string(), status);
     }
-    if (url.empty() && !checkPacks && !startup && preloadFile.empty()) return usage("no URL");
+    if (url.empty() && !checkPacks && !startup && preloadFile.empty()) return out.usage("no URL");
     if (startup && (served.empty() || publicKey.empty()))
-        return usage("--startup needs --serve and --public-key");
+        return out.usage("startup needs --serve and --public-key");
     if (!preloadFile.empty() && (startup || assets.empty()))
-        return usage("--preload needs --assets, and does not go with --startup");
+        return out.usage("--preload needs --assets, and does not go with startup");
 
     // Background work (visit updates, the configuration's commit) is not run for one request: it
     // needs none of it, and it would write to the root. Start-up runs on the real worker.
@@ -299,27 +511,32 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         std::string reason;
         std::shared_ptr<FerritTools::FileProxy> proxy =
             FerritTools::FileProxy::open(publicKey, reason);
-        if (!proxy) return usage(reason);
+        if (!proxy) return out.fail(reason);
         proxy->setPrintEvents(events);
         proxy->serveFolder(served);
         fileProxy = proxy;
         if (!startup) Environment::instance().setProxy(proxy);
     } else {
-        std::cerr << "ferrit-request: no --public-key: no proxy is set, so no signed list verifies "
-                     "(1106)\n";
+        out.note("no --public-key: no proxy is set, so no signed list verifies (1106)");
     }
-    if (startup) printStatus("loading");
+    if (startup) printStatus(out, "loading");
     if (!startup) {
-        // The library's own wiring, as setProxy does it, without the stored configuration: the
-        // records come from --config.
-        initFolders(root);
+        // The library's own wiring, as setProxy does it, without the configuration's load: the
+        // records come from --config, or from what a host stored. A check alone only reads: it
+        // leaves the folders as the host has them (a running host's downloads live in "temp/",
+        // which a start empties).
+        if (checkPacks && preloadFile.empty()) {
+            setRootPath(normalizePath(root));
+        } else {
+            initFolders(root);
+        }
         Services::wire();
         if (!assets.empty()) Services::attachAssets(assets);
     }
 
     if (!configFile.empty()) {
         std::ifstream in(configFile, std::ios::binary);
-        if (!in) return usage("cannot read " + configFile);
+        if (!in) return out.fail("cannot read " + configFile);
         std::stringstream text;
         text << in.rdbuf();
         configText = text.str();
@@ -328,12 +545,21 @@ int FerritTools::runRequestTool(int argc, char** argv) {
     if (!configText.empty()) {
         std::string parseError;
         document = JSON::parse(configText, &parseError);
-        if (!parseError.empty()) return usage("configuration: " + parseError);
+        if (!parseError.empty()) return out.fail("the configuration is not JSON: " + parseError);
     }
     if (startup) {
         Setup::setProxy(fileProxy, root,
                         assets);  // folders, then the stored and the built-in configuration
-        printStatus("setProxy");
+        printStatus(out, "setProxy");
+    }
+    // Without records of its own, a command reads what a host stored under the root.
+    std::vector<std::string> problems;
+    if (!startup && configText.empty() && !loadStored(problems) && assets.empty())
+        problems.push_back("no stored configuration: a host installed nothing under this root");
+    // Only a check fails on what it found; the other commands say it and go on.
+    if (!checkPacks) {
+        for (const std::string& problem : problems) out.note(problem);
+        problems.clear();
     }
     std::string reason;
     Error builtinError;
@@ -343,46 +569,87 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         if (recordsLoaded && !assets.empty() && !startup)
             builtinError = BuiltinConfig::load(config);
     });
-    if (!recordsLoaded) return usage(reason);
-    if (builtinError)
-        std::cerr << "ferrit-request: built-in configuration: " << builtinError.message() << "\n";
+    if (!recordsLoaded) return out.fail(reason);
+    // An app may ship no built-in configuration at all.
+    if (builtinError && !Errors::isFileMissing(builtinError)) {
+        const std::string problem =
+            "the built-in configuration does not read: " + std::to_string(builtinError.code()) +
+            " " + builtinError.message();
+        if (checkPacks) {
+            problems.push_back(problem);
+        } else {
+            out.note(problem);
+        }
+    }
 
     if (startup) {
         // The host's order: setup (it will call startUpdate itself), the first configuration on
         // the worker, then startUpdate.
         Setup::setup(appKey, appVersion, 1);
-        printStatus("setup");
+        printStatus(out, "setup");
         TaskRunner::runDue();
-        for (const std::string& asked : fileProxy->requestedUrls())
-            std::cout << "requested " << asked << "\n";
-        std::cout << "configuration version " << SCache::current()->version << " with "
-                  << SCache::current()->packs.size() << " packs\n";
-        printStatus("the first configuration");
+        JSONArray requested;
+        for (const std::string& asked : fileProxy->requestedUrls()) {
+            out.text() << "requested " << asked << "\n";
+            requested.push_back(JSON(asked));
+        }
+        out.set("requested", JSON(std::move(requested)));
+        const FConfigPtr fetched = SCache::current();
+        out.text() << "configuration version " << fetched->version << " with "
+                   << fetched->packs.size() << " packs\n";
+        out.set("configuration",
+                JSON(JSONObject{{"version", JSON(fetched->version)},
+                                {"packs", JSON(static_cast<uint64_t>(fetched->packs.size()))}}));
+        printStatus(out, "the first configuration");
         Setup::startUpdate();
         TaskRunner::runDue();
-        printStatus("startUpdate");
-        if (url.empty()) return Setup::statusReport()["error"].isNull() ? 0 : 1;
+        printStatus(out, "startUpdate");
+        // With somewhere to download from, the packs are installed now.
+        if (!zipPrefix.empty()) {
+            // As a host on a network without limits says: downloads wait for one.
+            Setup::setNetworkStatus(Network::kStatusUnrestricted);
+            const int installed = installAll(out, *fileProxy);
+            if (installed != kExitSuccess) return installed;
+        }
+        if (url.empty()) {
+            const JSON errors = Setup::statusReport()["error"];
+            if (errors.isNull()) return out.finish();
+            return out.fail("start-up left errors: " + errors.toString());
+        }
     }
 
     if (!preloadFile.empty()) {
-        const bool installed = Preload::instance().install(preloadFile, true);
-        TaskRunner::runDue();  // the commit of its transaction
-        if (!installed) {
-            std::cout << "preload " << preloadFile << " not installed\n";
-            return 1;
+        FerritTools::ToolProgress bar("install");
+        Preload::Progress progress;
+        if (bar.enabled()) {
+            progress = [&bar](uint64_t files, uint64_t bytes, uint64_t totalBytes) {
+                bar.setTotal(0, totalBytes);
+                bar.update(files, bytes);
+            };
         }
-        std::cout << "preload " << preloadFile << " installed\n";
+        const bool installed = Preload::instance().install(preloadFile, true, progress);
+        bar.done();
+        TaskRunner::runDue();  // the commit of its transaction
+        if (!installed) return out.fail("the preload zip " + preloadFile + " was not installed");
+        out.text() << "preload " << preloadFile << " installed\n";
         std::map<std::string, PackPtr> packs(SCache::current()->packs.begin(),
                                              SCache::current()->packs.end());
+        JSONArray installedPacks;
         for (const auto& [name, pack] : packs) {
-            if (pack->isPacks && pack->isInstalled())
-                std::cout << "  " << name << "@" << pack->installedSeq << " ("
-                          << pack->installedSize << " bytes)\n";
+            if (pack->isPacks && pack->isInstalled()) {
+                out.text() << "  " << name << "@" << pack->installedSeq << " ("
+                           << pack->installedSize << " bytes)\n";
+                installedPacks.push_back(JSON(JSONObject{{"name", JSON(name)},
+                                                         {"seq", JSON(pack->installedSeq)},
+                                                         {"bytes", JSON(pack->installedSize)}}));
+            }
         }
-        if (url.empty() && !checkPacks) return 0;
+        out.set("preload", JSON(JSONObject{{"zip", JSON(preloadFile)},
+                                           {"packs", JSON(std::move(installedPacks))}}));
+        if (url.empty() && !checkPacks) return out.finish();
     }
 
-    if (checkPacks) return check();
+    if (checkPacks) return check(out, root, std::move(problems));
 
     if (!referrer.empty() && header.find("Referer") == header.end()) header["Referer"] = referrer;
     ResourceRequest request(url, header);
@@ -390,16 +657,13 @@ int FerritTools::runRequestTool(int argc, char** argv) {
         std::unique_ptr<ResourceResponse> response;
         Access::getResource(request,
                             [&](std::unique_ptr<ResourceResponse> r) { response = std::move(r); });
-        if (!response) {
-            std::cout << "no answer\n";
-            return 1;
-        }
-        print(*response, body);
+        if (!response) return out.fail("no answer to " + url);
+        const int code = report(out, url, *response, body);
         response->setFinished(Error());
-        return response->error ? 1 : 0;
+        return code;
     }
     auto response = Access::getResource(request);
-    print(*response, body);
+    const int code = report(out, url, *response, body);
     response->setFinished(Error());
-    return response->error ? 1 : 0;
+    return code;
 }

@@ -217,7 +217,7 @@ bool Preload::shouldInstall(const std::string& file) {
     return true;
 }
 
-bool Preload::install(const std::string& file, bool checkInstalled) {
+bool Preload::install(const std::string& file, bool checkInstalled, const Progress& progress) {
     if (checkInstalled && !shouldInstall(file)) return false;
     const double start = MRLCurrentClock();
     const std::string runId = MRLGenerateID(TracePrefix::kPreload);
@@ -240,10 +240,15 @@ bool Preload::install(const std::string& file, bool checkInstalled) {
         Plan plan;
         if (!error) plan = makePlan(zip, work, error);
         if (!error && !plan.empty()) {
+            uint64_t totalBytes = 0, files = 0, bytes = 0;
+            Error sizeError;  // a zip that cannot say refuses its walk below, with the reason
+            if (progress && !zip.declaredSize(totalBytes, sizeError)) totalBytes = 0;
             Error walkError;
             zip.forEachEntry(
-                [&plan](const std::string& path, std::string content) {
+                [&](const std::string& path, std::string content) {
                     copy(plan, path, content);
+                    bytes += content.size();
+                    if (progress) progress(++files, bytes, totalBytes);
                     return true;
                 },
                 walkError);

@@ -10,6 +10,8 @@
 // within one app version.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -26,10 +28,15 @@ class Preload {
 
     static Preload& instance();
 
+    // How far an install has got: the zip's entries walked and their bytes, out of the bytes
+    // its entries record (0 when that is not known). Called on the installing thread.
+    using Progress = std::function<void(uint64_t files, uint64_t bytes, uint64_t totalBytes)>;
+
     // Installs the zip `file` of the raw files. With `checkInstalled`, does nothing (false) when
     // this app version installed it already, and remembers the file for reinstall(). True when
-    // the zip was read and its packs merged without an error.
-    bool install(const std::string& file, bool checkInstalled);
+    // the zip was read and its packs merged without an error. `progress`, when given, hears after
+    // each entry.
+    bool install(const std::string& file, bool checkInstalled, const Progress& progress = {});
     // After a cache clear: installs every remembered file again, or forgets them all when
     // "reinstallPreload" is off.
     void reinstall();

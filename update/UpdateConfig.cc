@@ -1,5 +1,6 @@
 #include "update/UpdateConfig.h"
 
+#include <cstdio>
 #include <random>
 
 #include "base/Environment.h"
@@ -10,6 +11,7 @@
 #include "marl/Log.h"
 #include "model/BuiltinConfig.h"
 #include "model/FConfig.h"
+#include "model/KeyTrust.h"
 #include "model/SCache.h"
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
@@ -31,6 +33,11 @@ struct DelayShare {
 DelayShare& delayShare() {
     static DelayShare share;
     return share;
+}
+
+// A channel as a message names it.
+std::string channelName(const std::string& channel) {
+    return channel.empty() ? std::string("the default channel") : "channel \"" + channel + "\"";
 }
 
 double randomFraction() {
@@ -185,10 +192,76 @@ void UpdateConfig::onResponse(uint64_t run, std::string body, Error error) {
         finished("0", error);
         return;
     }
+    if (Error refused = judge(*document)) {
+        finished("0", refused);
+        return;
+    }
+    KeyTrust::instance().accept(document->keyStatements, document->signer);
     const std::string version = document->version;
     SCache::mutate([&](FConfig& config) { config.merge(std::move(*document)); });
     lastSuccess_ = MRLCurrentClock();
     finished(version, Error());
+}
+
+Error UpdateConfig::judge(const FConfig& document) {
+    const double now = MRLCurrentTime();
+    const FConfigPtr current = SCache::current();
+    const bool sameEnvironment =
+        current->env == static_cast<uint32_t>(Environment::instance().env());
+    // A document signed ahead of this device's clock is taken: a clock that runs behind must not
+    // cost the device its updates. Its stamp is kept no further ahead than clocks may disagree
+    // (FConfig::merge), and a stamp kept from further ahead holds back nothing.
+    const double ceiling = now + FConfig::kIssuedSkewMs;
+    const double currentIssued = current->issued > ceiling ? 0 : current->issued;
+    const std::string& channel = Settings::current()->channel;
+    std::string reason, message;
+    char text[160];
+    if (document.channel != channel) {
+        // A server that serves one channel's documents at another's paths: each names its own.
+        reason = "channel";
+        message = "published for " + channelName(document.channel) + ", this host reads " +
+                  channelName(channel);
+    } else if (document.expires != 0 && document.expires <= now) {
+        reason = "expired";
+        std::snprintf(text, sizeof text, "expired at %.0f, now is %.0f", document.expires, now);
+        message = text;
+    } else if (sameEnvironment && document.issued < currentIssued) {
+        reason = "older";
+        std::snprintf(text, sizeof text,
+                      "signed at %.0f, before the configuration this device has (signed at %.0f)",
+                      document.issued, currentIssued);
+        message = text;
+    } else {
+        return Error();
+    }
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kUpdateConfig)
+        .event("refused", Environment::instance().sessionName())
+        .id(runId_)
+        .append("reason", reason)
+        .append("url", url_)
+        .append("version", document.version)
+        .append("issued", document.issued)
+        .append("expires", document.expires)
+        .append("currentIssued", current->issued)
+        .append("channel", document.channel);
+    MarlLogger::json::JSON refusal;
+    refusal.set("reason", reason);
+    refusal.set("message", message);
+    refusal.set("url", url_);
+    refusal.set("version", document.version);
+    refusal.set("issued", wholeMilliseconds(document.issued));
+    refusal.set("expires", wholeMilliseconds(document.expires));
+    refusal.set("at", wholeMilliseconds(now));
+    {
+        MutexLock lock(refusalMutex_);
+        lastRefusal_ = std::move(refusal);
+    }
+    return Errors::requestRefused(url_, message);
+}
+
+MarlLogger::json::JSON UpdateConfig::lastRefusal() const {
+    MutexLock lock(refusalMutex_);
+    return lastRefusal_;
 }
 
 void UpdateConfig::tellListeners(const Error& error) {
@@ -255,6 +328,7 @@ void UpdateConfig::loadAtStart() {
     // A failed load logs itself; the document then goes on without built-in packs.
     static_cast<void>(BuiltinConfig::load(*document));
     SCache::publish(document, loadedAt);
+    KeyTrust::instance().load();
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, LogTag::kLoad);
     log.event("fconfig", Environment::instance().sessionName())
         .append("scacheVersion", document->scacheVersion);
@@ -288,6 +362,10 @@ void UpdateConfig::reset() {
     busy_ = false;
     perf_.reset();
     timer_.reset();
+    {
+        MutexLock refusalLock(refusalMutex_);
+        lastRefusal_ = MarlLogger::json::JSON();
+    }
     RecursiveLock lock(listenersMutex_);
     listeners_.clear();
 }

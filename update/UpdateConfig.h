@@ -17,10 +17,13 @@
 #include "base/ProcessState.h"
 #include "base/Telemetry.h"
 #include "ferritcore/Error.h"
+#include "marl/Json.h"
 #include "runtime/RepeatingTimer.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
+
+class FConfig;
 
 class UpdateConfig {
   public:
@@ -60,6 +63,11 @@ class UpdateConfig {
     // then the built-in configuration; published as the current document. Never fails.
     static void loadAtStart();
 
+    // Why the last document that verified was not taken, in this process: {"reason" ("channel",
+    // "expired" or "older"), "message", "url", "version", "issued", "expires", "at"};
+    // null when none was.
+    MarlLogger::json::JSON lastRefusal() const;
+
     bool busy() const { return busy_; }
     bool initial() const { return initial_; }
     const std::string& url() const { return url_; }
@@ -73,6 +81,13 @@ class UpdateConfig {
     // them.
     void reset();
     void onResponse(uint64_t run, std::string body, Error error);
+    // Whether a fetched document that verified may be taken: one signed for another channel than
+    // the host's (a document without "channel" is the default channel's), one whose expiry has
+    // passed (a stale copy replayed) and one signed before the document this device has (a
+    // rollback) are refused, logged and kept for the status report; the device keeps what it has.
+    // One signed ahead of the device's clock is taken, its stamp kept at most
+    // FConfig::kIssuedSkewMs ahead, so that a leaked key cannot hold later documents back.
+    Error judge(const FConfig& document);
 
     // Worker only.
     double lastCheck_ = -1e300;
@@ -91,6 +106,9 @@ class UpdateConfig {
     uint64_t run_ = 0;
     std::optional<StagedRecord> perf_;
     std::shared_ptr<RepeatingTimer> timer_;
+
+    mutable Mutex refusalMutex_;
+    MarlLogger::json::JSON lastRefusal_ GUARDED_BY(refusalMutex_);
 
     RecursiveMutex listenersMutex_;
     std::vector<Listener> listeners_ GUARDED_BY(listenersMutex_);

@@ -446,9 +446,11 @@ static int serve(const char* url, const char* expected, size_t expected_size) {
         /* A miss: the engine would go to the network; here it is a failure. */
         printf("%s: not served (%d %s)\n", url, (int)code, message);
         result = EXIT_NOT_SERVED;
-    } else if (!api->getResponseData(response, &data, &size) || size != expected_size ||
-               (expected != NULL && memcmp(data, expected, size) != 0)) {
+    } else if (!api->getResponseData(response, &data, &size) || size != expected_size) {
         printf("%s: served %zu bytes, not the %zu expected\n", url, size, expected_size);
+        result = EXIT_NOT_SERVED;
+    } else if (expected != NULL && memcmp(data, expected, size) != 0) {
+        printf("%s: served %zu bytes, not the expected ones\n", url, size);
         result = EXIT_NOT_SERVED;
     } else {
         const char* type = api->getResponseHeader(response, "Content-Type");

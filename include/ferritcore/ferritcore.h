@@ -9,10 +9,11 @@
  * still waiting for the host, and detaches. A later ferritcore_open() with the same root attaches
  * again to the running library, with the new callbacks and user data, and the new environment,
  * servers, locale, network, log level, app key and version; one with another root fails with
- * FERRITCORE_E_OTHER_ROOT. The public key and raw_file_folder stay those of the first open
- * (what was verified and read with them stays installed): a later open with another key (or
- * none) or another folder fails with FERRITCORE_E_OTHER_OPTIONS; the same key in another form
- * is the same key. host_starts_update 0 on a later open hands the start of updates to the
+ * FERRITCORE_E_OTHER_ROOT. The public key, raw_file_folder and channel stay those of the first
+ * open (what was verified, read and configured with them stays installed): a later open with
+ * another key (or none), another folder or another channel fails with
+ * FERRITCORE_E_OTHER_OPTIONS; the same key in another form is the same key. host_starts_update 0 on
+ a later open hands the start of updates to the
  * library; 1 does not take back a start the library was given. At most one handle is open at a
  * time (FERRITCORE_E_ALREADY_OPEN).
  *
@@ -98,8 +99,9 @@ enum {
     FERRITCORE_E_SETUP_FAILED = -9,
     /* A push message of a topic that the library did not subscribe to. */
     FERRITCORE_E_UNKNOWN_TOPIC = -10,
-    /* The root was opened before in this process with another public key (or none) or another
-     * raw_file_folder; what was installed under the first stays, so they stay too. */
+    /* The root was opened before in this process with another public key (or none), another
+     * raw_file_folder or another channel; what was installed under the first stays, so they stay
+     * too. */
     FERRITCORE_E_OTHER_OPTIONS = -11,
     /* Codes from here up are the library's own and pass unchanged. */
     FERRITCORE_E_FIRST_LIBRARY_CODE = 1
@@ -206,6 +208,8 @@ typedef void (*ferritcore_update_callback)(void* user_data, const char* pack_nam
  * at the end; a struct_size that does not reach them leaves them at their defaults. */
 #define FERRITCORE_OPTIONS_SIZE_V1 \
     (offsetof(ferritcore_options, on_log) + sizeof(ferritcore_log_callback))
+/* The size of the second version, which adds `channel`. */
+#define FERRITCORE_OPTIONS_SIZE_V2 (offsetof(ferritcore_options, channel) + sizeof(const char*))
 
 typedef struct ferritcore_options {
     /* sizeof(ferritcore_options) as the caller was compiled. */
@@ -248,6 +252,14 @@ typedef struct ferritcore_options {
     ferritcore_state_changed_callback on_state_changed;
     ferritcore_record_callback on_record;
     ferritcore_log_callback on_log;
+
+    /* Second version (FERRITCORE_OPTIONS_SIZE_V2); a struct_size of FERRITCORE_OPTIONS_SIZE_V1
+     * leaves it null. */
+    /* The publisher's channel (`ferrit publish --channel NAME`): the configuration is read below
+     * config_server's "channels/NAME/", the packs stay at pack_server. A plain name: letters,
+     * digits, ".", "_" and "-", not starting with "."; any other fails open() with
+     * FERRITCORE_E_INVALID_ARGUMENT. Null or empty: the configuration of config_server itself. */
+    const char* channel;
 } ferritcore_options;
 
 /* ---- Open and close */

@@ -503,6 +503,8 @@ async function open(options) {
       defaults.ACacheZipPrefixRelease = settings.packs;
     }
     if (settings.updateInterval !== undefined) defaults.configUpdateInterval = settings.updateInterval;
+    // The library reads the channel's configuration below the server; the packs stay shared.
+    if (settings.channel !== undefined) defaults.channel = settings.channel;
     natives.setDefaultConfigNative(defaults);
     if (hasDoor('logLevel')) door('logLevel', 'logLevel')(settings.logLevel);
     const reattach = attachment !== null;

@@ -17,7 +17,14 @@ const kLogLevelDefault = 2;
 const kPublishedPacksFolder = 'packs/';
 
 const kKnown = new Set(['root', 'appKey', 'appVersion', 'publicKey', 'insecureNoSignatureCheck', 'server',
-  'packs', 'locale', 'network', 'env', 'fetch', 'rawFiles', 'updateInterval', 'autoUpdate', 'logLevel']);
+  'packs', 'locale', 'network', 'env', 'fetch', 'rawFiles', 'updateInterval', 'autoUpdate', 'logLevel', 'channel']);
+// A channel's name goes into the configuration's address below the server ("channels/<name>/").
+// The same rule as the library's own check, which otherwise reads the default channel instead:
+// letters, digits, ".", "_" and "-" (ASCII only), not empty, not starting with ".".
+const kChannelCharacter = /^[A-Za-z0-9._-]$/;
+function isPlainChannel(name) {
+  return name.length > 0 && name[0] !== '.' && [...name].every((c) => kChannelCharacter.test(c));
+}
 
 function requireText(options, name) {
   const value = options[name];
@@ -117,11 +124,15 @@ function normalize(options) {
   const autoUpdate = options.autoUpdate === undefined ? true : options.autoUpdate;
   if (typeof autoUpdate !== 'boolean') throw badOption('autoUpdate', 'must be true or false', autoUpdate);
   const logLevel = options.logLevel === undefined ? defaultLogLevel() : checkLogLevel(options.logLevel);
+  const channel = optionalText(options, 'channel');
+  if (channel !== undefined && !isPlainChannel(channel)) {
+    throw badOption('channel', 'must be a plain name: letters, digits, ".", "_" and "-", not starting with "."', channel);
+  }
   return {
     root, appKey, appVersion, publicKey: options.publicKey, insecureNoSignatureCheck: insecure === true,
     server, packs, locale, network, env, fetch: fetchFunction, rawFiles, updateInterval: interval,
-    autoUpdate, logLevel,
+    autoUpdate, logLevel, channel,
   };
 }
 
-module.exports = { normalize, checkLogLevel, Env, Network, defaultLocale };
+module.exports = { normalize, checkLogLevel, isPlainChannel, Env, Network, defaultLocale };

@@ -49,10 +49,25 @@ test('OpenTest', async (t) => {
       [{ ...good, autoUpdate: 'yes' }, /option "autoUpdate" must be true or false/],
       [{ ...good, logLevel: 9 }, /option "logLevel" must be an integer from 1/],
       [{ ...good, locale: '' }, /option "locale"/],
+      [{ ...good, channel: '../beta' }, /option "channel" must be a plain name/],
+      [{ ...good, channel: '.beta' }, /option "channel" must be a plain name/],
+      [{ ...good, channel: 'b\u00eata' }, /option "channel" must be a plain name/],
+      [{ ...good, channel: 'beta\n' }, /option "channel" must be a plain name/],
+      [{ ...good, channel: '' }, /option "channel" must be a non-empty string when given/],
       [{ ...good, rawFiles: path.join(dir, 'no-such-folder') }, /option "rawFiles" must be an existing folder/],
     ];
     for (const [options, words] of cases) {
       await assert.rejects(ferrit.open(options), refusedWith('FERRIT_BAD_OPTION', words), String(words));
+    }
+  });
+
+  await t.test('ChannelNamesAreWhatTheLibraryTakes', () => {
+    // The library reads the default channel for a name it does not take; the package refuses
+    // exactly those names and passes every other one on.
+    const { isPlainChannel } = require('../lib/options');
+    for (const name of ['beta', '-beta', '_beta', '1.0', 'a..b', 'B-2_x.y']) assert.ok(isPlainChannel(name), name);
+    for (const name of ['', '.beta', '..', 'a/b', 'a b', 'b\u00eata', 'beta\n', '\u212a']) {
+      assert.ok(!isPlainChannel(name), JSON.stringify(name));
     }
   });
 

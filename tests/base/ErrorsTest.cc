@@ -40,6 +40,8 @@ std::vector<CatalogueCase> catalogue() {
          "request \"u\" verify failed: MD5 is \"abc\""},
         {"requestVerifyMd5", requestVerifyMd5("u", "abc", "def"), 1010,
          "request \"u\" verify failed: MD5 \"abc\" different with expected \"def\""},
+        {"requestRefused", requestRefused("u", "expired at 5, now is 6"), 1010,
+         "request \"u\" refused: expired at 5, now is 6"},
         {"aggregateVerifyCount", aggregateVerifyCount(2, 3), 1010,
          "aggregate verify failed: resource count \"2\" not equal to expected \"3\""},
         {"cacheVerify", cacheVerify("u", "length"), 1010, "cache verify failed: \"u\" length"},
@@ -154,7 +156,7 @@ std::vector<CatalogueCase> catalogue() {
 TEST(ErrorsTest, EveryCatalogueFunctionGivesItsCodeAndExactMessage) {
     const std::vector<CatalogueCase> cases = catalogue();
     // One entry per function and overload of the catalogue.
-    EXPECT_EQ(cases.size(), 78u);
+    EXPECT_EQ(cases.size(), 79u);
     for (const CatalogueCase& c : cases) {
         SCOPED_TRACE(c.function);
         EXPECT_EQ(c.error.code(), c.code);

@@ -65,7 +65,9 @@ function findBinary(names) {
 
 // nginx serving `tree` (the published packs and configuration) and `siteRoot` (the app's own
 // files under each of `sitePaths`, /app/ unless told) on 127.0.0.1:port, with its configuration, logs and temporary folders below
-// `dir`. start() and stop() may be called again; stop() waits for the process to end.
+// `dir`. The cache rules that `ferrit publish` writes beside the tree ("<tree>.nginx.conf") are
+// included when they exist at start(), as a server of the tree would include them. start() and
+// stop() may be called again; stop() waits for the process to end.
 class Nginx {
   constructor({ dir, tree, siteRoot, port, sitePaths = ['/app/'] }) {
     Object.assign(this, { dir, tree, siteRoot, port });
@@ -77,7 +79,8 @@ class Nginx {
     // Run as root, nginx's workers would become "nobody", who cannot read the test's folders.
     const user = process.getuid && process.getuid() === 0 ? `user ${os.userInfo().username};` : '';
     this.conf = path.join(dir, 'nginx.conf');
-    fs.writeFileSync(this.conf, `${user}
+    this.cacheRules = `${tree}.nginx.conf`;
+    this.writeConf = () => fs.writeFileSync(this.conf, `${user}
 worker_processes 1;
 daemon off;
 pid ${path.join(dir, 'nginx.pid')};
@@ -96,6 +99,7 @@ http {
     listen 127.0.0.1:${port};
     root ${tree};
     ${sitePaths.map((p) => `location ${p} { root ${siteRoot}; }`).join('\n    ')}
+    ${fs.existsSync(this.cacheRules) ? `include ${this.cacheRules};` : ''}
   }
 }
 `);
@@ -103,6 +107,7 @@ http {
 
   async start() {
     if (this.process) return;
+    this.writeConf();
     const child = spawn(this.binary, ['-p', this.dir, '-c', this.conf, '-e', path.join(this.dir, 'logs', 'error.log')], {
       stdio: ['ignore', 'ignore', 'pipe'],
     });

@@ -32,9 +32,13 @@ std::string publicPem(const FerritTools::Ed25519Key& key, const fs::path& folder
     return pem;
 }
 
+fs::path treeOf(const fs::path& work) {
+    return work / "tree";
+}
+
 void publishSite(const std::map<std::string, std::string>& site,
                  const FerritTools::Ed25519Key& signer, const fs::path& work,
-                 std::map<std::string, std::string>& served) {
+                 std::map<std::string, std::string>& served, const std::string& channel) {
     const fs::path folder = work / "site";
     fs::remove_all(folder);
     for (const auto& [path, content] : site) {
@@ -45,20 +49,29 @@ void publishSite(const std::map<std::string, std::string>& site,
     manifest.appKey = kAppKey;
     manifest.appVersion = kAppVersion;
     manifest.zipFolder = kZipFolder;
+    // As `ferrit publish` says which key signs, so that the tree's keys are kept.
+    manifest.signerKeyId = signer.publicKey()->id();
     FerritTools::PublishPack pack;
     pack.name = kPackName;
     pack.folder = "app";
     pack.prefix = kPrefix;
     pack.priority = kPriority;
     manifest.packs.push_back(pack);
-    const fs::path tree = work / "tree";
     auto key = std::shared_ptr<const FerritTools::Ed25519Key>(
         &signer, [](const FerritTools::Ed25519Key*) {});
     FerritTools::PublishResult result;
+    FerritTools::PublishOptions options;
+    options.channel = channel;
     std::string error;
-    ASSERT_TRUE(FerritTools::publish(folder.string(), manifest, tree.string(), std::string(),
-                                     FerritTools::ed25519Signer(key), result, error))
+    ASSERT_TRUE(FerritTools::publish(folder.string(), manifest, treeOf(work).string(),
+                                     std::string(), FerritTools::ed25519Signer(key), result, error,
+                                     {}, options))
         << error;
+    serveTree(work, served);
+}
+
+void serveTree(const fs::path& work, std::map<std::string, std::string>& served) {
+    const fs::path tree = treeOf(work);
     for (const auto& entry : fs::recursive_directory_iterator(tree)) {
         if (!entry.is_regular_file()) continue;
         const std::string relative = fs::relative(entry.path(), tree).generic_string();

@@ -38,11 +38,19 @@ std::unique_ptr<FerritTools::Ed25519Key> makeKey();
 std::string publicPem(const FerritTools::Ed25519Key& key, const std::filesystem::path& folder);
 
 // Publishes `site` (path in the pack -> content) as pack kPackName, signed with `signer`, into a
-// tree under `work` (a later call publishes the next version over the last), and fills `served`
-// with the tree's files at the servers' addresses (URL -> body).
+// tree under `work` (treeOf(work); a later call publishes the next version over the last), on
+// `channel` (empty: the tree's own documents), and fills `served` with the tree's files
+// (serveTree).
 void publishSite(const std::map<std::string, std::string>& site,
                  const FerritTools::Ed25519Key& signer, const std::filesystem::path& work,
-                 std::map<std::string, std::string>& served);
+                 std::map<std::string, std::string>& served, const std::string& channel = {});
+
+// The tree that publishSite() publishes into below `work`.
+std::filesystem::path treeOf(const std::filesystem::path& work);
+
+// Fills `served` with the files of the tree below `work` at the servers' addresses (URL -> body),
+// after a command changed the tree in place.
+void serveTree(const std::filesystem::path& work, std::map<std::string, std::string>& served);
 
 // The options of a host at `root` that trusts `pem` and is set up for the servers and the app of
 // publishSite(); the callbacks are left to the host. `pem` and `root` must outlive the options.

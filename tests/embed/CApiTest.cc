@@ -19,11 +19,14 @@
 #include "runtime/TaskRunner.h"
 #include "tests/embed/CApiHost.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/keys/KeyRotation.h"
 
 namespace FerritTest {
 namespace {
 
 using namespace FerritCore;
+
+using FerritTools::Ed25519Key;
 
 // What the library allows a configuration and a pack request, as the host reads it.
 constexpr int32_t kConfigTimeoutMs = 10000;
@@ -33,6 +36,22 @@ const std::map<std::string, std::string> kSite = {
     {"index.html", "<!doctype html><title>from C</title>"},
     {"js/app.js", "console.log('served through the C table');"},
 };
+// The next version of the site, and the one after it.
+const std::map<std::string, std::string> kSecondSite = {
+    {"index.html", "<!doctype html><title>second</title>"},
+};
+const std::map<std::string, std::string> kThirdSite = {
+    {"index.html", "<!doctype html><title>third</title>"},
+};
+// The code of a configuration whose signature no trusted key made.
+constexpr int32_t kSignatureRefused = 1010;
+// The end of an update that never came.
+constexpr int32_t kNoEnd = -1;
+
+// A key the caller keeps, as the tool's functions take keys.
+std::shared_ptr<const Ed25519Key> borrowed(const Ed25519Key& key) {
+    return std::shared_ptr<const Ed25519Key>(&key, [](const Ed25519Key*) {});
+}
 
 // The host: answers every request from the tree it serves, at once, inside the callback, and
 // keeps what the library told it.
@@ -147,6 +166,60 @@ class CApiTest : public CApiFixture {
     }
     ferritcore_status open(const ferritcore_options& options) {
         return openHandle(options, &host_.handle);
+    }
+
+    // Asks for the newest configuration now and runs what that starts; the code that the end of
+    // the update told, kNoEnd when it told none.
+    int32_t updateNow() {
+        host_.updates.clear();
+        ferritcore_error error{};
+        EXPECT_EQ(ferritcore_update_now(host_.handle, FakeHost::onUpdateNow, &host_, &error),
+                  FERRITCORE_OK)
+            << error.message;
+        drive();
+        for (const auto& [pack, code] : host_.updates)
+            if (pack == FakeHost::kEnd) return code;
+        return kNoEnd;
+    }
+    // `ferrit key rotate` on the published tree by `key`: names `next` or retires `retire`; then
+    // the host serves the tree as it is now.
+    void rotate(const Ed25519Key& key, const Ed25519Key* next, const Ed25519Key* retire) {
+        FerritTools::RotateRequest request;
+        request.out = treeOf(work_.path()).string();
+        request.key = borrowed(key);
+        if (next != nullptr) request.next = borrowed(*next);
+        if (retire != nullptr) request.retire = borrowed(*retire);
+        FerritTools::RotateResult result;
+        std::string error;
+        ASSERT_TRUE(FerritTools::rotateKeys(request, result, error)) << error;
+        serveTree(work_.path(), host_.served);
+    }
+    // Serves each global document of the tree signed again by `signer`, issued after the tree's
+    // own and saying nothing of keys: what the holder of `signer` would sign now.
+    void serveDocumentsSignedBy(const Ed25519Key& signer) {
+        const std::filesystem::path tree = treeOf(work_.path());
+        const std::vector<std::string> documents = FerritTools::globalDocuments(tree.string());
+        ASSERT_FALSE(documents.empty());
+        for (const std::string& relative : documents) {
+            std::string text, signedDocument, error;
+            ASSERT_TRUE(FerritTools::readWholeFile((tree / relative).string(), text));
+            const std::string json = text.substr(0, text.rfind("||"));
+            FerritTools::DocumentStamp stamp;
+            stamp.issued = MarlLogger::json::JSON::parse(json)["issued"].uint64Value() + 1;
+            ASSERT_TRUE(FerritTools::stampDocument(
+                json, stamp, FerritTools::ed25519Signer(borrowed(signer)), signedDocument, error))
+                << error;
+            host_.served[kConfigServer + relative] = signedDocument;
+        }
+    }
+    // Whether the host's log has an entry of `event` that names `key`.
+    bool loggedKey(const std::string& event, const Ed25519Key& key) const {
+        for (const std::string& line : host_.logs) {
+            if (line.find("\"" + event + "\"") != std::string::npos &&
+                line.find(key.publicKey()->id()) != std::string::npos)
+                return true;
+        }
+        return false;
     }
 
     // Runs the worker and the callbacks until neither has anything due.
@@ -457,6 +530,141 @@ TEST_F(CApiTest, UpdateAskedForBeforeACloseTellsNoLaterHandle) {
     driveUntil([&] { return !host_.updatedPacks.empty(); });
     ASSERT_EQ(host_.updatedPacks, std::vector<std::string>{kPackName});
     EXPECT_TRUE(host_.updates.empty()) << "the update asked for by the closed handle is not told";
+}
+
+// ---- keys that change, as a native host follows them
+
+// The host opens with A, as an app built with A does. A names B, B signs the next version and
+// retires A: B's documents are taken, and a document A signs afterwards is refused as A's, the
+// key the host opened with, because a retirement outranks it.
+TEST_F(CApiTest, HostFollowsTheSuccessorAndRefusesItsOwnKeyOnceRetired) {
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
+    std::unique_ptr<Ed25519Key> b = makeKey();
+    ASSERT_NO_FATAL_FAILURE(rotate(*publisher_, b.get(), nullptr));
+    EXPECT_EQ(updateNow(), 0);
+    EXPECT_TRUE(loggedKey("trusted", *b));
+
+    publishSite(kSecondSite, *b, work_.path(), host_.served);
+    EXPECT_EQ(updateNow(), 0);
+    expectServes(kSecondSite);
+    ASSERT_NO_FATAL_FAILURE(rotate(*b, nullptr, publisher_.get()));
+    EXPECT_EQ(updateNow(), 0);
+    EXPECT_TRUE(loggedKey("retired", *publisher_));
+
+    ASSERT_NO_FATAL_FAILURE(serveDocumentsSignedBy(*publisher_));
+    EXPECT_EQ(updateNow(), kSignatureRefused);
+    EXPECT_TRUE(loggedKey("refusedRetired", *publisher_)) << "refused as the host's retired key";
+    publishSite(kThirdSite, *b, work_.path(), host_.served);
+    EXPECT_EQ(updateNow(), 0);
+    expectServes(kThirdSite);
+}
+
+// A names B, then a document of A retires B: a key never retires the key after it (a leaked A
+// must not shut out its successor), so the device refuses the retirement, and both the host's
+// own key A and B still sign. A publisher whose successor leaked rotates forward from it.
+TEST_F(CApiTest, HostKeyAndItsSuccessorStillSignWhenTheHostKeyRetiresTheSuccessor) {
+    ASSERT_NO_FATAL_FAILURE(publishOpenAndInstall());
+    std::unique_ptr<Ed25519Key> b = makeKey();
+    ASSERT_NO_FATAL_FAILURE(rotate(*publisher_, b.get(), nullptr));
+    EXPECT_EQ(updateNow(), 0);
+    ASSERT_NO_FATAL_FAILURE(rotate(*publisher_, nullptr, b.get()));
+    EXPECT_EQ(updateNow(), 0);
+    EXPECT_TRUE(loggedKey("retireRefused", *b));
+    EXPECT_FALSE(loggedKey("retired", *b));
+
+    publishSite(kSecondSite, *publisher_, work_.path(), host_.served);
+    EXPECT_EQ(updateNow(), 0);
+    expectServes(kSecondSite);
+    ASSERT_NO_FATAL_FAILURE(serveDocumentsSignedBy(*b));
+    EXPECT_EQ(updateNow(), 0);
+}
+
+// A host that opened without a key checks nothing, before a retirement and after it: documents
+// of any key are taken, the retired one's and a stranger's included.
+TEST_F(CApiTest, HostWithoutAKeyTakesEveryDocumentAfterAKeyIsRetired) {
+    publish(*publisher_);
+    ferritcore_options options = publisherOptions();
+    options.public_key = nullptr;
+    options.public_key_size = 0;
+    options.insecure_no_signature_check = 1;
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    expectServes(kSite);
+    std::unique_ptr<Ed25519Key> b = makeKey();
+    ASSERT_NO_FATAL_FAILURE(rotate(*publisher_, b.get(), nullptr));
+    EXPECT_EQ(updateNow(), 0);
+    publishSite(kSecondSite, *b, work_.path(), host_.served);
+    EXPECT_EQ(updateNow(), 0);
+    ASSERT_NO_FATAL_FAILURE(rotate(*b, nullptr, publisher_.get()));
+    EXPECT_EQ(updateNow(), 0);
+    EXPECT_FALSE(loggedKey("retired", *publisher_)) << "a host that checks nothing learns nothing";
+
+    std::unique_ptr<Ed25519Key> stranger = makeKey();
+    ASSERT_NO_FATAL_FAILURE(serveDocumentsSignedBy(*stranger));
+    EXPECT_EQ(updateNow(), 0);
+    ASSERT_NO_FATAL_FAILURE(serveDocumentsSignedBy(*publisher_));
+    EXPECT_EQ(updateNow(), 0);
+    expectServes(kSecondSite);
+}
+
+// ---- channels
+
+TEST_F(CApiTest, HostOnAChannelReadsItsConfigurationAndInstallsItsPacks) {
+    publishSite(kSecondSite, *publisher_, work_.path(), host_.served, "beta");
+    ferritcore_options options = publisherOptions();
+    options.channel = "beta";
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    driveUntil([&] { return !host_.updatedPacks.empty(); });
+    ASSERT_FALSE(host_.requested.empty());
+    EXPECT_TRUE(host_.requested[0].starts_with(std::string(kConfigServer) + "channels/beta/"))
+        << host_.requested[0];
+    expectServes(kSecondSite);
+}
+
+// A caller compiled against the first version of the options has no channel: whatever lies
+// where the field would be is not read.
+TEST_F(CApiTest, OptionsOfTheFirstVersionReadNoChannel) {
+    ferritcore_options options = publisherOptions();
+    options.struct_size = FERRITCORE_OPTIONS_SIZE_V1;
+    options.channel = "beta";
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    drive();
+    ASSERT_FALSE(host_.requested.empty());
+    EXPECT_TRUE(host_.requested[0].starts_with(std::string(kConfigServer) + "fconfig/"))
+        << host_.requested[0];
+}
+
+TEST_F(CApiTest, ChannelThatIsNoPlainNameFailsOpen) {
+    ferritcore_options options = publisherOptions();
+    for (const char* bad : {".hidden", "a/b", "../up", "sp ace", "beta?x"}) {
+        options.channel = bad;
+        EXPECT_EQ(open(options), FERRITCORE_E_INVALID_ARGUMENT) << bad;
+        EXPECT_NE(lastError_.find("options.channel"), std::string::npos) << lastError_;
+        EXPECT_NE(lastError_.find("plain name"), std::string::npos) << lastError_;
+        EXPECT_EQ(host_.handle, nullptr);
+    }
+    EXPECT_TRUE(host_.requested.empty());
+    options.channel = "Beta-2.x_y";
+    EXPECT_EQ(open(options), FERRITCORE_OK) << lastError_;
+}
+
+TEST_F(CApiTest, ReopenOnAnotherChannelIsRefused) {
+    ferritcore_options options = publisherOptions();
+    options.channel = "beta";
+    ASSERT_EQ(open(options), FERRITCORE_OK) << lastError_;
+    ASSERT_EQ(ferritcore_close(host_.handle, nullptr), FERRITCORE_OK);
+    host_.handle = nullptr;
+    ferritcore_options stable = options;
+    stable.channel = "stable";
+    EXPECT_EQ(open(stable), FERRITCORE_E_OTHER_OPTIONS);
+    EXPECT_NE(lastError_.find("\"beta\""), std::string::npos) << lastError_;
+    ferritcore_options none = options;
+    none.channel = nullptr;
+    EXPECT_EQ(open(none), FERRITCORE_E_OTHER_OPTIONS);
+    ferritcore_options firstVersion = options;
+    firstVersion.struct_size = FERRITCORE_OPTIONS_SIZE_V1;
+    EXPECT_EQ(open(firstVersion), FERRITCORE_E_OTHER_OPTIONS);
+    EXPECT_EQ(open(options), FERRITCORE_OK) << lastError_;
 }
 
 }  // namespace

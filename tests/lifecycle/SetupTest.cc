@@ -66,6 +66,39 @@ class SetupTest : public ProcessTest {
     size_t resumes() { return logs_->count("resume", "Ferrit/Queue"); }
 };
 
+// A replayed document past its expiry is ignored, and the status report says so; the report of a
+// device whose documents never carried the new members has no "configuration" at all.
+TEST_F(SetupTest, StatusReportSaysWhyASignedDocumentWasIgnored) {
+    Setup::setProxy(proxy_, temp_.root());
+    Setup::setup("key", "1.0", 1);
+    TaskRunner::runDue();
+    EXPECT_TRUE(Setup::statusReport()["configuration"].isNull());
+
+    clock_->advance(60000);  // past the version in force, so that a check asks
+    const double now = MRLCurrentTime();
+    const std::string fresh =
+        FakeProxy::sign(R"({"v":"1700000000001","i":4294967295,"issued":)" +
+                        std::to_string(static_cast<long long>(now)) + R"(,"expires":)" +
+                        std::to_string(static_cast<long long>(now + 3600000)) + "}");
+    proxy_->serve(kFirstUrl, 200, fresh);
+    proxy_->serve("https://cfg.test/fconfig/key/1.0/0~1700000000000/~", 200, fresh);
+    UpdateConfig::instance().start(kTriggerDebugTool, "0", nullptr, 0);
+    TaskRunner::runDue();
+    JSON report = Setup::statusReport();
+    EXPECT_EQ(report["configuration"]["expires"].doubleValue(), now + 3600000);
+    EXPECT_FALSE(report["configuration"]["expired"].boolValue());
+    EXPECT_TRUE(report["configuration"]["refused"].isNull());
+
+    clock_->advance(2 * 3600000);
+    proxy_->serve("https://cfg.test/fconfig/key/1.0/0~1700000000001/~", 200, fresh);
+    UpdateConfig::instance().start(kTriggerDebugTool, "0", nullptr, 0);
+    TaskRunner::runDue();
+    report = Setup::statusReport();
+    EXPECT_TRUE(report["configuration"]["expired"].boolValue());
+    EXPECT_EQ(report["configuration"]["refused"]["reason"].stringValue(), "expired");
+    EXPECT_EQ(SCache::current()->version, "1700000000001") << "the device keeps what it has";
+}
+
 TEST_F(SetupTest, LifecycleInTheHostsOrder) {
     EXPECT_EQ(errors(), (std::vector<std::string>{"NO_PROXY", "NOT_SETUP", "NOT_UPDATE_CONFIG",
                                                   "NOT_START_UPDATE"}));

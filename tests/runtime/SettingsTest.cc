@@ -140,6 +140,24 @@ TEST_F(SettingsTest, HostZipPrefixServesBothEndpointsUnlessACachePrefixGiven) {
     EXPECT_EQ(two.encryptionType, 0u);
 }
 
+TEST_F(SettingsTest, HostChannelLeadsEachConfigurationPrefixToItsDocuments) {
+    Settings::setDefaults(HostDefaults::fromJSON(JSON::parse(
+        R"({"configPrefixRelease":"https://c.test/","configPrefixDaily":"http://d.test/",)"
+        R"("zipPrefixRelease":"https://c.test/packs/","channel":"beta"})")));
+    EXPECT_EQ(now()->configPrefixFor(2), "https://c.test/channels/beta/");
+    EXPECT_EQ(now()->configPrefixFor(1), "http://d.test/channels/beta/");
+    EXPECT_EQ(now()->zipPrefix, "https://c.test/packs/") << "zips serve every channel";
+    EXPECT_EQ(now()->toJSON()["channel"].stringValue(), "beta");
+    for (const char* bad : {"../x", "a/b", ".hidden", "with space"}) {
+        Settings::setDefaults(HostDefaults::fromJSON(JSON::parse(
+            std::string(R"({"configPrefixRelease":"https://c.test/","channel":")") + bad + "\"}")));
+        EXPECT_EQ(now()->configPrefixFor(2), "https://c.test/") << bad;
+    }
+    Settings::setDefaults(
+        HostDefaults::fromJSON(JSON::parse(R"({"configPrefixRelease":"https://c.test/"})")));
+    EXPECT_EQ(now()->configPrefixFor(2), "https://c.test/") << "no channel: the tree's own";
+}
+
 TEST_F(SettingsTest, EmptyHostObjectRestoresBuiltInDefaults) {
     HostDefaults defaults;
     defaults.configPrefix = "https://c.test/";

@@ -2,6 +2,7 @@
 // installed once per app version and read back through Access.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -76,6 +77,28 @@ TEST_F(PreloadTest, InstallServesEveryPackOfTheZip) {
     EXPECT_EQ(installed->installedSize, sizeOf(version1()));
     expectServes(version1());
     EXPECT_EQ(Preload::instance().files(), (std::set<std::string>{"preload.zip"}));
+}
+
+TEST_F(PreloadTest, ProgressHearsEachEntryUpToTheBytesTheZipRecords) {
+    const std::string zip = preloadZip({pack("shop", 3, version1()), pack("cart", 2, version1())});
+    place("preload.zip", zip);
+    std::vector<std::array<uint64_t, 3>> heard;
+    ASSERT_TRUE(Preload::instance().install(
+        "preload.zip", true, [&heard](uint64_t files, uint64_t bytes, uint64_t totalBytes) {
+            heard.push_back({files, bytes, totalBytes});
+        }));
+    // The configuration, then each pack's list and files.
+    const size_t entries = 1 + 2 * (1 + version1().size());
+    ASSERT_EQ(heard.size(), entries);
+    for (size_t i = 0; i < heard.size(); ++i) {
+        EXPECT_EQ(heard[i][0], i + 1);
+        if (i > 0) {
+            EXPECT_GE(heard[i][1], heard[i - 1][1]);
+        }
+    }
+    EXPECT_GT(heard.back()[2], 2 * sizeOf(version1()));
+    EXPECT_EQ(heard.back()[1], heard.back()[2]) << "every recorded byte was walked";
+    expectServes(version1());
 }
 
 TEST_F(PreloadTest, SameFileTwiceInOneAppVersionSaysAlreadyInstalled) {

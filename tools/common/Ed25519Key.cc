@@ -3,13 +3,22 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "tools/common/ToolFiles.h"
 
 namespace FerritTools {
 
 namespace {
+
+// A private key file is its owner's alone.
+constexpr mode_t kPrivateKeyMode = S_IRUSR | S_IWUSR;
 
 const unsigned char* bytesOf(std::string_view text) {
     return reinterpret_cast<const unsigned char*>(text.data());
@@ -97,20 +106,47 @@ bool Ed25519Key::verify(std::string_view message, std::string_view signature) co
     return public_->verify(message, signature);
 }
 
-bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error) const {
-    bool written = false;
-    if (FILE* out = hasPrivate_ ? std::fopen(path.c_str(), "wb") : nullptr) {
-        written = PEM_write_PrivateKey(out, key_, nullptr, nullptr, 0, nullptr, nullptr) == 1;
-        written = std::fclose(out) == 0 && written;
+bool Ed25519Key::writePrivatePem(const std::string& path, std::string& error,
+                                 Existing existing) const {
+    if (!hasPrivate_) {
+        error = "a public key has no private half to write";
+        return false;
     }
-    if (!written) error = "cannot write the private key " + path;
-    return written;
+    // Created readable by its owner only, beside the target and renamed over it: the key is
+    // never visible to others, not even for the moment between a write and a change of mode,
+    // and a reader never sees half a key.
+    // A name of this process's own, so that two processes writing one key never share it.
+    const std::string temporary = path + ".tmp" + std::to_string(::getpid());
+    ::unlink(temporary.c_str());
+    const int descriptor =
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateKeyMode);
+    if (descriptor < 0) {
+        error = "cannot write the private key " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    bool written = false;
+    if (FILE* out = ::fdopen(descriptor, "wb")) {
+        written = PEM_write_PrivateKey(out, key_, nullptr, nullptr, 0, nullptr, nullptr) == 1;
+        written = std::fflush(out) == 0 && ::fsync(descriptor) == 0 && written;
+        written = std::fclose(out) == 0 && written;
+    } else {
+        ::close(descriptor);
+    }
+    const int code = written ? placeFile(temporary, path, existing == Existing::Replace) : errno;
+    if (code == 0) return true;
+    error = "cannot write the private key " + path + ": " + std::strerror(code);
+    ::unlink(temporary.c_str());
+    return false;
 }
 
-bool Ed25519Key::writePublicPem(const std::string& path, std::string& error) const {
+bool Ed25519Key::writePublicPem(const std::string& path, std::string& error,
+                                Existing existing) const {
     const std::string pem = public_->pem();
-    const bool written = !pem.empty() && writeFileAtomically(path, pem);
-    if (!written) error = "cannot write the public key " + path;
+    std::string reason;
+    const bool written =
+        !pem.empty() && (existing == Existing::Replace ? writeFileAtomically(path, pem, &reason)
+                                                       : writeNewFile(path, pem, &reason));
+    if (!written) error = cannotWrite("the public key " + path, reason);
     return written;
 }
 

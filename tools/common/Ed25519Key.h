@@ -35,9 +35,16 @@ class Ed25519Key {
     bool sign(std::string_view message, std::string& signature, std::string& error) const;
     // Whether `signature` (raw bytes) is this key's signature of `message`.
     bool verify(std::string_view message, std::string_view signature) const;
-    // PEM files: PKCS#8 private key, SubjectPublicKeyInfo public key.
-    bool writePrivatePem(const std::string& path, std::string& error) const;
-    bool writePublicPem(const std::string& path, std::string& error) const;
+    // PEM files: PKCS#8 private key, SubjectPublicKeyInfo public key. Each replaces what `path`
+    // held, or with Existing::Keep fails when `path` exists (checked as the file gets its name,
+    // so a file another process made meanwhile is never replaced). The private key's file is
+    // created with mode 0600 (the process's umask may only take from that), never widened and
+    // narrowed afterwards.
+    enum class Existing { Replace, Keep };
+    bool writePrivatePem(const std::string& path, std::string& error,
+                         Existing existing = Existing::Replace) const;
+    bool writePublicPem(const std::string& path, std::string& error,
+                        Existing existing = Existing::Replace) const;
     // The public half, as a host checks with it.
     const std::shared_ptr<const FerritCore::Ed25519PublicKey>& publicKey() const { return public_; }
 

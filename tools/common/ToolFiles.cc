@@ -1,5 +1,8 @@
 #include "tools/common/ToolFiles.h"
 
+#include "base/FileUtil.h"
+
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -16,23 +19,46 @@ bool readWholeFile(const std::string& path, std::string& content) {
     return true;
 }
 
-bool writeFileAtomically(const std::string& path, const std::string& content) {
+namespace {
+
+bool writeFinished(const std::string& path, const std::string& content, bool replace,
+                   std::string* reason) {
+    using FerritCore::FileUtil;
     const std::string temporary = path + ".tmp";
-    bool written = false;
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        if (out) {
-            out.write(content.data(), static_cast<std::streamsize>(content.size()));
-            written = static_cast<bool>(out.flush());
-        }
+    int code = content.empty() ? FileUtil::writeEmptyFile(temporary)
+                               : FileUtil::writeFile(temporary, content);
+    if (code == 0) code = FileUtil::syncFile(temporary);
+    if (code != 0) {
+        (void)FileUtil::remove(temporary);
+    } else {
+        code = placeFile(temporary, path, replace);
     }
-    std::error_code error;
-    if (written) std::filesystem::rename(temporary, path, error);
-    if (!written || error) {
-        std::filesystem::remove(temporary, error);
-        return false;
-    }
-    return true;
+    if (code != 0 && reason != nullptr) *reason = std::strerror(code);
+    return code == 0;
+}
+
+}  // namespace
+
+int placeFile(const std::string& temporary, const std::string& path, bool replace) {
+    using FerritCore::FileUtil;
+    int code = replace ? FileUtil::rename(temporary, path) : FileUtil::link(temporary, path);
+    // A rename took the temporary name; a link, made or not, leaves it.
+    if (!replace || code != 0) (void)FileUtil::remove(temporary);
+    if (code != 0) return code;
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    return FileUtil::syncDirectory(folder.empty() ? std::string(".") : folder);
+}
+
+bool writeFileAtomically(const std::string& path, const std::string& content, std::string* reason) {
+    return writeFinished(path, content, true, reason);
+}
+
+bool writeNewFile(const std::string& path, const std::string& content, std::string* reason) {
+    return writeFinished(path, content, false, reason);
+}
+
+std::string cannotWrite(const std::string& path, const std::string& reason) {
+    return reason.empty() ? "cannot write " + path : "cannot write " + path + ": " + reason;
 }
 
 }  // namespace FerritTools

@@ -79,7 +79,8 @@ bool storesAsDeflated(std::string_view content) {
 
 bool writeZip(const std::string& index, const PackContent& content,
               const std::vector<std::string>& paths, int level, std::string& zip,
-              std::string& error) {
+              std::string& error,
+              const std::function<void(const std::string&, uint64_t)>& onFile = {}) {
     ZipWriter writer;
     ZipWriter::Entry entry;
     entry.level = level;
@@ -91,6 +92,7 @@ bool writeZip(const std::string& index, const PackContent& content,
         entry.content = content.files.at(path);
         entry.deflate = storesAsDeflated(entry.content);
         if (!writer.add(entry, error)) return false;
+        if (onFile) onFile(path, entry.content.size());
     }
     return writer.finish(zip, error);
 }
@@ -216,7 +218,7 @@ bool buildPack(const PackContent& content, const PackOptions& options, std::stri
     if (!signedIndexOf(content, options, {}, index, error)) return false;
     std::vector<std::string> paths;
     for (const auto& [path, unused] : content.files) paths.push_back(path);
-    return writeZip(index, content, paths, options.level, zip, error);
+    return writeZip(index, content, paths, options.level, zip, error, options.onFile);
 }
 
 bool buildIncrement(const PackContent& previous, const PackContent& current,
@@ -344,6 +346,15 @@ bool buildConfig(const std::string& version, const std::vector<ConfigPack>& pack
         if (!pack.md5.empty()) record.set("c", JSON(pack.md5));
         if (!pack.incrMd5.empty()) record.set("ci", JSON(pack.incrMd5));
         if (!pack.prefixes.empty()) record.set("p", JSON(pack.prefixes));
+        if (pack.gray != 0) record.set("g", JSON(pack.gray));
+        // A rollout names its version even at a share of 0 (taken back), so that a device that
+        // holds it knows to go back when nothing is released yet.
+        if (pack.rolloutSeq != 0) {
+            record.set("rs", JSON(pack.rolloutSeq));
+            record.set("rp", JSON(pack.rolloutShare));
+            if (pack.rolloutTime != 0) record.set("rt", JSON(pack.rolloutTime));
+        }
+        if (pack.status != 0) record.set("status", JSON(pack.status));
         members.set(pack.name, JSON(std::move(record)));
     }
     const std::string json =

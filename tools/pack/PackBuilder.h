@@ -41,6 +41,9 @@ struct PackOptions {
     std::string token = "ed25519";
     Signer signer;
     int level = 9;  // deflate level of every entry
+    // Called after each file of a full zip is written into it, with its path and size: what a
+    // progress bar of a long build counts.
+    std::function<void(const std::string& path, uint64_t bytes)> onFile;
 };
 
 // What an incremental zip holds, by path.
@@ -119,6 +122,11 @@ struct ConfigPack {
     std::string md5;                    // "c": MD5 of the full zip
     std::string incrMd5;                // "ci": MD5 of the incremental zip
     std::vector<std::string> prefixes;  // "p"
+    uint64_t gray = 0;                  // "g": 1 released after a gray version, 2 gray
+    uint64_t rolloutSeq = 0;            // "rs": the version in rollout beside this one
+    uint32_t rolloutShare = 0;          // "rp": its share of the devices, in basis points
+    double rolloutTime = 0;             // "rt": its publish time
+    uint32_t status = 0;                // "status": 4 marks the pack deleted
 };
 // The signed document {"v": version, "packs": {name: {...}}} with the packs in the given order.
 // A version is required (a document without one is refused by the reader).

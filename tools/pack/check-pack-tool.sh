@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Checks the pack tool from the outside: every command's manual page, the same bytes from the same
+# Checks ferrit pack from the outside: every command's manual page, the same bytes from the same
 # input, what a diff lists, the wrapped image's signature, the signed configuration, a preload zip
 # that the library installs and serves, and the exit statuses of a wrong command line (2) and of
 # failed work (1).
-#   check-pack-tool.sh PATH-TO-ferrit-pack PRIVATE-KEY.pem PATH-TO-ferrit-request PUBLIC-KEY.pem
+#   check-pack-tool.sh PATH-TO-ferrit PRIVATE-KEY.pem PUBLIC-KEY.pem
 set -euo pipefail
-tool=$1
+ferrit=$1
 key=$2
-request=$3
-public_key=$4
+public_key=$3
+tool() { "$ferrit" pack "$@"; }
+tool=tool
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "check-pack-tool: $*" >&2; exit 1; }
@@ -26,9 +27,9 @@ for command in build diff wrap config preload; do
   for section in NAME SYNOPSIS DESCRIPTION OPTIONS EXAMPLES "EXIT STATUS"; do
     expect "$section" "$page"
   done
-  expect "ferrit-pack $command" "$page"
+  expect "ferrit pack $command" "$page"
 done
-expect "SYNOPSIS" "$("$tool" help)"
+expect "SYNOPSIS" "$("$tool" --help)"
 
 mkdir -p "$work/v1/css" "$work/v2/css"
 printf '<html>one</html>' > "$work/v1/index.html"
@@ -121,22 +122,23 @@ if command -v unzip >/dev/null; then
   expect '"res/faq.txt":{"url":"https://help.example.com/faq.txt","v":"' \
     "$(unzip -p "$work/assets/preload.zip" help/7/app-res.hvc)"
 fi
-installed=$("$request" --root "$work/root" --assets "$work/assets" --public-key "$public_key" \
+mkdir -p "$work/root" "$work/root2" "$work/root3"
+installed=$("$ferrit" get --root "$work/root" --assets "$work/assets" --public-key "$public_key" \
   --preload preload.zip --body https://help.example.com/faq.txt 2>/dev/null)
 expect "preload preload.zip installed" "$installed"
 expect "  help@7 (" "$installed"
 expect "  shop@3 (" "$installed"
 expect "Via: Ferrit/" "$installed"
 expect "help me" "$installed"
-checked=$("$request" --root "$work/root2" --assets "$work/assets" --public-key "$public_key" \
-  --preload preload.zip --check 2>/dev/null)
+checked=$("$ferrit" check --root "$work/root2" --assets "$work/assets" --public-key "$public_key" \
+  --preload preload.zip 2>/dev/null)
 expect "shop@3 (Packed" "$checked"
 expect "signed list and files verified" "$checked"
 # A zip signed with another key installs nothing.
 if command -v openssl >/dev/null; then
   openssl genpkey -algorithm ed25519 -out "$work/other.pem" 2>/dev/null
   preload "$work/assets/other.zip" "$work/other.pem" >/dev/null
-  status 1 "$request" --root "$work/root3" --assets "$work/assets" --public-key "$public_key" \
+  status 1 "$ferrit" get --root "$work/root3" --assets "$work/assets" --public-key "$public_key" \
     --preload other.zip https://help.example.com/faq.txt
 fi
 status 2 "$tool" preload --key "$key" --version 1 --pack shop --seq 3 --folder "$work/v1" \

@@ -1,14 +1,16 @@
 #include "tools/publish/Publisher.h"
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <set>
 
 #include "base/Digest.h"
 #include "marl/Json.h"
 #include "model/Pack.h"
+#include "tools/common/ToolClock.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/publish/CacheRules.h"
+#include "tools/publish/Release.h"
 
 namespace FerritTools {
 
@@ -27,8 +29,6 @@ constexpr const char* kListSuffix = ".json";
 constexpr const char* kInTreeHistory = ".publish";
 // The folder name that the default history adds to the tree's.
 constexpr const char* kHistorySuffix = ".publish";
-// The origin version of a client that has no configuration yet.
-constexpr const char* kNoVersion = "0";
 // Priorities are the low four bits of a pack's flags.
 constexpr uint32_t kPriorityMask = 0x0F;
 
@@ -42,17 +42,12 @@ bool writeBelow(const std::string& out, const std::string& relative, const std::
     const fs::path path = fs::path(out) / relative;
     std::error_code code;
     fs::create_directories(path.parent_path(), code);
-    if (code || !writeFileAtomically(path.string(), content)) {
-        error = "cannot write " + path.string();
+    std::string reason = code ? code.message() : std::string();
+    if (code || !writeFileAtomically(path.string(), content, &reason)) {
+        error = cannotWrite(path.string(), reason);
         return false;
     }
     return true;
-}
-
-uint64_t nowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::system_clock::now().time_since_epoch())
-                                     .count());
 }
 
 // Whether `folder` is `tree` or lies below it, after resolving both.
@@ -196,6 +191,20 @@ void pruneHistory(const std::string& history, const JSON& before, const JSON& pa
     }
 }
 
+// Where a pack's full zip and its increment of version `seq` go, below its zip folder.
+std::string versionZip(const std::string& folder, uint64_t seq) {
+    return folder + std::to_string(seq) + ".zip";
+}
+
+std::string incrementZip(const std::string& folder, uint64_t seq) {
+    return folder + "i/" + std::to_string(seq) + ".zip";
+}
+
+bool pathExists(const std::string& out, const std::string& relative) {
+    std::error_code code;
+    return fs::exists(fs::path(out) / relative, code);
+}
+
 }  // namespace
 
 std::string defaultHistoryFolder(const std::string& out) {
@@ -257,49 +266,202 @@ bool parseManifest(const std::string& text, PublishManifest& manifest, std::stri
     return true;
 }
 
-bool publish(const std::string& site, const PublishManifest& manifest, const std::string& out,
-             const std::string& history, const Signer& signer, PublishResult& result,
-             std::string& error, const PublishProgress& progress) {
-    result = PublishResult();
-    const std::string historyFolder = history.empty() ? defaultHistoryFolder(out) : history;
-    if (historyFolder.empty()) {
+bool historyFolderFor(const std::string& out, const std::string& history, std::string& folder,
+                      std::string& error) {
+    folder = history.empty() ? defaultHistoryFolder(out) : history;
+    if (folder.empty()) {
         error = "the tree " + out + " has no folder beside it for the history; name one";
         return false;
     }
-    if (isWithin(historyFolder, out)) {
-        error = "the history " + historyFolder + " lies inside the tree " + out +
+    if (isWithin(folder, out)) {
+        error = "the history " + folder + " lies inside the tree " + out +
                 ", which would serve it; name one outside";
         return false;
     }
-    if (!importInTreeHistory(out, historyFolder, error)) return false;
-    const std::string stateFile = joinPath(historyFolder, kStateFile);
-    JSON state(JSONObject{});
+    return importInTreeHistory(out, folder, error);
+}
+
+bool readPublishState(const std::string& history, JSON& state, std::string& error) {
+    const std::string stateFile = joinPath(history, kStateFile);
+    state = JSON(JSONObject{});
     std::string stateText;
-    if (readWholeFile(stateFile, stateText)) {
-        std::string parseError;
-        state = JSON::parse(stateText, &parseError);
-        if (!parseError.empty() || !state.isObject()) {
-            error = "the publish state " + stateFile + " is damaged";
-            return false;
-        }
+    if (!readWholeFile(stateFile, stateText)) return true;
+    std::string parseError;
+    state = JSON::parse(stateText, &parseError);
+    if (!parseError.empty() || !state.isObject()) {
+        error = "the publish state " + stateFile + " is damaged";
+        return false;
     }
-    const uint64_t previousVersion = state["version"].uint64Value();
-    const size_t total = manifest.packs.size() + 1;
-    size_t step = 0;
+    return true;
+}
+
+bool writePublishState(const std::string& history, const JSON& state, std::string& error) {
+    return writeBelow(history, kStateFile, state.toString(), error);
+}
+
+bool writeTreeFile(const std::string& out, const std::string& relative, const std::string& content,
+                   std::string& error) {
+    return writeBelow(out, relative, content, error);
+}
+
+bool signingPlanOf(const JSON& state, const PublishManifest& manifest, SigningPlan& plan,
+                   std::string& error) {
+    plan = SigningPlan();
+    return manifest.signerKeyId.empty() ||
+           planSigning(state, manifest.signerKeyId, manifest.signerPublicKey, plan, error);
+}
+
+bool buildVersion(const PublishPack& pack, const PackContent& content, const std::string& zipFolder,
+                  const std::string& out, const std::string& history, const Signer& signer,
+                  const JSON& before, const SigningPlan& signing, PublishedPack& done, JSON& record,
+                  std::string& error,
+                  const std::function<void(const std::string& path, uint64_t bytes)>& onFile) {
+    done.name = pack.name;
+    const uint64_t newest = before["seq"].uint64Value();
+    done.seq = newest + 1;
+    done.baseSeq = before["base"].uint64Value();
+    const std::string folder = zipFolder + pack.name + "/";
+    // A publish killed after writing a zip and before its documents leaves the zip unnamed by any
+    // document. A cache may still have fetched it, so its path is never given other bytes: the
+    // new version takes the next path that is free. A tree whose history knows nothing of the
+    // pack keeps its refusal below, since there the history, not the tree, is what was lost.
+    while (newest != 0 && (pathExists(out, versionZip(folder, done.seq)) ||
+                           pathExists(out, incrementZip(folder, done.seq)))) {
+        done.skipped.push_back(done.seq);
+        ++done.seq;
+    }
+    done.changed = true;
+    PackOptions options;
+    options.urlPrefix = pack.prefix;
+    options.signer = signer;
+    options.onFile = onFile;
+    std::string zip;
+    if (!buildPack(content, options, zip, error)) return false;
+    options.onFile = nullptr;
+    const std::string full = versionZip(folder, done.seq);
+    if (!writeImmutable(out, full, zip, error)) return false;
+    done.written.push_back(full);
+    const std::string md5 = FerritCore::Digest::md5Hex(zip);
+    std::string incrMd5;
+    // The first version is the base that every later increment builds on; a client on the base or
+    // any later version takes the increment to the newest, and copies what it leaves out from the
+    // version it has. So the increment is built from the list of every version since the base;
+    // without all of them the new version is a new base.
+    // A device keeps the full list of the base beside an increment's, so a version that a new key
+    // signs is a new base: no list of the old key stays in use once it retires.
+    done.newKey = done.seq > 1 && !signing.signerId.empty() &&
+                  packSigner(before, signing.previousSignerId) != signing.signerId;
+    std::vector<PackListing> since;
+    for (uint64_t seq = done.baseSeq; !done.newKey && seq != 0 && seq <= newest; ++seq) {
+        PackListing list;
+        if (!readListing(history, pack.name, seq, list)) {
+            since.clear();
+            done.rebased = true;
+            break;
+        }
+        since.push_back(std::move(list));
+    }
+    if (since.empty()) {
+        done.baseSeq = done.seq;
+    } else {
+        std::string increment;
+        if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
+            return false;
+        const std::string path = incrementZip(folder, done.seq);
+        if (!writeImmutable(out, path, increment, error)) return false;
+        done.written.push_back(path);
+        done.incremental = true;
+        incrMd5 = FerritCore::Digest::md5Hex(increment);
+    }
+    if (!writeListing(history, pack.name, done.seq, listingOf(content.files), error)) return false;
+    const double publishTime = static_cast<double>(nowMs());
+    const uint64_t flags = FerritCore::kPackTypeFerrit | pack.priority;
+    // What a pack's own document says of each version, so that any channel can name it later.
+    // The key that signed its list too, so that no key retires while a channel gives a version
+    // it signed to devices.
+    JSON builds = before["builds"].isObject() ? before["builds"] : JSON(JSONObject{});
+    JSON build(JSONObject{{"b", JSON(done.baseSeq)},
+                          {"c", JSON(md5)},
+                          {"ci", JSON(incrMd5)},
+                          {"t", JSON(publishTime)},
+                          {"f", JSON(flags)},
+                          {"p", JSON(pack.prefix)}});
+    if (!signing.signerId.empty()) build.set(kVersionSigner, JSON(signing.signerId));
+    builds.set(std::to_string(done.seq), build);
+    record = JSON(JSONObject{});
+    record.set("seq", JSON(done.seq));
+    record.set("base", JSON(done.baseSeq));
+    record.set("c", JSON(md5));
+    record.set("ci", JSON(incrMd5));
+    record.set("t", JSON(publishTime));
+    record.set("prefix", JSON(pack.prefix));
+    record.set("priority", JSON(pack.priority));
+    record.set("builds", builds);
+    // Numbers stepped over stay known, so that no later command takes their zips for a version.
+    JSON skipped = before["skipped"].isArray() ? before["skipped"] : JSON();
+    for (uint64_t seq : done.skipped) skipped.push(JSON(seq));
+    if (skipped.isArray()) record.set("skipped", std::move(skipped));
+    if (!signing.signerId.empty()) record.set(kPackSigner, JSON(signing.signerId));
+    return true;
+}
+
+bool publish(const std::string& site, const PublishManifest& manifest, const std::string& out,
+             const std::string& history, const Signer& signer, PublishResult& result,
+             std::string& error, const PublishProgress& progress, const PublishOptions& options) {
+    result = PublishResult();
+    if (!validChannelName(options.channel)) {
+        error = "the channel \"" + options.channel +
+                "\" is not a plain name (letters, digits, \".\", \"_\", \"-\")";
+        return false;
+    }
+    std::string historyFolder;
+    if (!historyFolderFor(out, history, historyFolder, error)) return false;
+    if (!writeCacheRules(out, manifest.zipFolder, error)) return false;
+    JSON state;
+    if (!readPublishState(historyFolder, state, error)) return false;
+    SigningPlan signing;
+    if (!signingPlanOf(state, manifest, signing, error)) return false;
+    const bool rollingOut = !options.rolloutPack.empty();
+    // A rollout builds its own pack alone; the others keep what they have.
+    auto builds = [&](const PublishPack& pack) {
+        return !rollingOut || pack.name == options.rolloutPack;
+    };
+    // Every pack is read first, so that the progress knows the whole work.
+    std::vector<PackContent> contents(manifest.packs.size());
+    PublishStep step;
+    for (size_t i = 0; i < manifest.packs.size(); ++i) {
+        if (!builds(manifest.packs[i])) continue;
+        if (!readFolder(joinPath(site, manifest.packs[i].folder), contents[i].files, error))
+            return false;
+        step.totalFiles += contents[i].files.size();
+        for (const auto& [path, bytes] : contents[i].files) step.totalBytes += bytes.size();
+    }
     auto report = [&](const std::string& what) {
-        if (progress) progress(what, step, total);
-        ++step;
+        step.step = what;
+        if (progress) progress(step);
     };
 
-    std::vector<ConfigPack> records;
     JSON packsState(JSONObject{});
     bool anyChanged = false;
-    for (const PublishPack& pack : manifest.packs) {
+    for (size_t index = 0; index < manifest.packs.size(); ++index) {
+        const PublishPack& pack = manifest.packs[index];
+        // A pack added back after it left the manifest goes on after its last sequence: its old
+        // zips keep their paths, which caches hold as immutable.
+        const uint64_t gone = goneSeq(state, pack.name);
+        const JSON before = state["packs"][pack.name].isObject() || gone == 0
+                                ? state["packs"][pack.name]
+                                : JSON(JSONObject{{"seq", JSON(gone)}});
+        if (!builds(pack)) {
+            if (state["packs"][pack.name].isObject())
+                packsState.set(pack.name, state["packs"][pack.name]);
+            continue;
+        }
         report("pack " + pack.name);
         PackContent content;
+        content.files = std::move(contents[index].files);
         content.headers = pack.headers;
-        if (!readFolder(joinPath(site, pack.folder), content.files, error)) return false;
-        const JSON& before = state["packs"][pack.name];
+        uint64_t packBytes = 0;
+        for (const auto& [path, bytes] : content.files) packBytes += bytes.size();
         const PackListing listing = listingOf(content.files);
         PublishedPack done;
         done.name = pack.name;
@@ -310,131 +472,110 @@ bool publish(const std::string& site, const PublishManifest& manifest, const std
         const bool unchanged =
             done.seq != 0 && readListing(historyFolder, pack.name, done.seq, previous) &&
             sameFiles(previous, listing) && before["prefix"].stringValue() == pack.prefix &&
-            before["priority"].uint32Value() == pack.priority;
-        ConfigPack config;
-        config.name = pack.name;
-        config.flags = FerritCore::kPackTypeFerrit | pack.priority;
-        config.prefixes.push_back(pack.prefix);
+            before["priority"].uint32Value() == pack.priority &&
+            (signing.signerId.empty() ||
+             packSigner(before, signing.previousSignerId) == signing.signerId);
         if (unchanged) {
-            config.seq = done.seq;
-            config.baseSeq = done.baseSeq;
-            config.md5 = before["c"].stringValue();
-            config.incrMd5 = before["ci"].stringValue();
-            config.publishTime = before["t"].doubleValue();
+            step.files += content.files.size();
+            step.bytes += packBytes;
+            report("pack " + pack.name);
         } else {
-            anyChanged = done.changed = true;
-            done.seq += 1;
-            PackOptions options;
-            options.urlPrefix = pack.prefix;
-            options.signer = signer;
-            std::string zip;
-            if (!buildPack(content, options, zip, error)) return false;
-            const std::string folder = manifest.zipFolder + pack.name + "/";
-            const std::string full = folder + std::to_string(done.seq) + ".zip";
-            if (!writeBelow(out, full, zip, error)) return false;
-            done.written.push_back(full);
-            config.md5 = FerritCore::Digest::md5Hex(zip);
-            // The first version is the base that every later increment builds on; a client on
-            // the base or any later version takes the increment to the newest, and copies what
-            // it leaves out from the version it has. So the increment is built from the list of
-            // every version since the base; without all of them the new version is a new base.
-            std::vector<PackListing> since;
-            for (uint64_t seq = done.baseSeq; seq != 0 && seq < done.seq; ++seq) {
-                PackListing list;
-                if (!readListing(historyFolder, pack.name, seq, list)) {
-                    since.clear();
-                    done.rebased = true;
-                    break;
-                }
-                since.push_back(std::move(list));
-            }
-            if (since.empty()) {
-                done.baseSeq = done.seq;
-            } else {
-                std::string increment;
-                if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
-                    return false;
-                const std::string path = folder + "i/" + std::to_string(done.seq) + ".zip";
-                if (!writeBelow(out, path, increment, error)) return false;
-                done.written.push_back(path);
-                done.incremental = true;
-                config.incrMd5 = FerritCore::Digest::md5Hex(increment);
-            }
-            if (!writeListing(historyFolder, pack.name, done.seq, listing, error)) return false;
-            config.seq = done.seq;
-            config.baseSeq = done.baseSeq;
-            config.publishTime = static_cast<double>(nowMs());
-            record = JSON(JSONObject{});
-            record.set("seq", JSON(done.seq));
-            record.set("base", JSON(done.baseSeq));
-            record.set("c", JSON(config.md5));
-            record.set("ci", JSON(config.incrMd5));
-            record.set("t", JSON(config.publishTime));
-            record.set("prefix", JSON(pack.prefix));
-            record.set("priority", JSON(pack.priority));
+            anyChanged = true;
+            auto onFile = [&](const std::string& path, uint64_t bytes) {
+                ++step.files;
+                step.bytes += bytes;
+                report(pack.name + "/" + path);
+            };
+            if (!buildVersion(pack, content, manifest.zipFolder, out, historyFolder, signer, before,
+                              signing, done, record, error, onFile))
+                return false;
         }
         packsState.set(pack.name, record);
-        records.push_back(config);
         result.packs.push_back(std::move(done));
     }
-    // A pack that left the manifest is gone from the new configuration, and clients drop it.
+    if (rollingOut && result.packs.empty()) {
+        error = "the manifest names no pack \"" + options.rolloutPack + "\"";
+        return false;
+    }
+    JSON newState = state;
+    newState.set("packs", packsState);
+    // A pack that left the manifest is gone from the new configuration, and from every
+    // channel's releases: nothing releases it, rolls it out or back any more.
     for (const auto& [name, record] : state["packs"].objectValue()) {
-        if (!packsState.objectValue().find(name)) anyChanged = true;
+        if (packsState.objectValue().find(name)) continue;
+        anyChanged = true;
+        dropPack(newState, name, record["seq"].uint64Value());
+        result.removed.push_back(name);
     }
-    if (!anyChanged) return true;
-
-    report("configuration");
-    const uint64_t version = std::max({manifest.version, nowMs(), previousVersion + 1});
-    const std::string versionText = std::to_string(version);
-    // Each pack's own document carries what the download needs: the base, the zips' digests.
-    for (size_t i = 0; i < records.size(); ++i) {
-        PublishedPack& done = result.packs[i];
-        if (!done.changed) continue;
-        std::string document;
-        if (!buildConfig(versionText, {records[i]}, signer, document, error)) return false;
-        const std::string path = "packconfig/" + done.name + "/" + std::to_string(done.seq);
-        if (!writeBelow(out, path, document, error)) return false;
-        done.written.push_back(path);
+    // One added back is no longer gone.
+    if (newState["gone"].isObject()) {
+        JSON gone(JSONObject{});
+        for (const auto& [name, last] : newState["gone"].objectValue())
+            if (!packsState[name].isObject()) gone.set(name, last);
+        newState.set("gone", gone);
     }
-    // The global one names each pack's version without its base, so that a client asks for the
-    // pack's own document before it downloads.
-    std::vector<ConfigPack> global;
-    for (const ConfigPack& record : records) {
-        ConfigPack entry;
-        entry.name = record.name;
-        entry.seq = record.seq;
-        entry.flags = record.flags;
-        entry.publishTime = record.publishTime;
-        entry.prefixes = record.prefixes;
-        global.push_back(std::move(entry));
-    }
-    std::string document;
-    if (!buildConfig(versionText, global, signer, document, error)) return false;
-    // A client asks for ".../<app version>/<target>~<its version>/<locale>~<its locale>", target
-    // 0 for "the newest": every version published before, and none, get the same full document.
-    std::vector<std::string> origins{kNoVersion};
-    for (const JSON& v : state["versions"].arrayValue()) origins.push_back(v.stringValue());
-    std::set<std::string> localeParts{manifest.locale + "~",
-                                      manifest.locale + "~" + manifest.locale};
-    const std::string base = "fconfig/" + manifest.appKey + "/" + manifest.appVersion + "/";
-    for (const std::string& origin : origins) {
-        for (const std::string& locale : localeParts) {
-            const std::string path = base + kNoVersion + "~" + origin + "/" + locale;
-            if (!writeBelow(out, path, document, error)) return false;
-            result.configPaths.push_back(path);
+    bool releaseChanged = false;
+    for (const PublishedPack& done : result.packs) {
+        const PackRelease release = releaseOf(state, options.channel, done.name);
+        PackRelease next = release;
+        const double time = packsState[done.name]["t"].doubleValue();
+        if (rollingOut) {
+            if (done.seq == release.seq) {
+                error = "version " + std::to_string(done.seq) + " of " + done.name +
+                        " is what every device has already; nothing to roll out";
+                return false;
+            }
+            if (release.graySeq == done.seq && options.rolloutShare < release.share) {
+                error = "a rollout only grows (" + done.name + " is at " +
+                        std::to_string(release.share / kSharePerPercent) +
+                        "%); `ferrit rollback` takes it back";
+                return false;
+            }
+            next.graySeq = done.seq;
+            next.grayTime = time;
+            next.share = options.rolloutShare;
+        } else if (done.changed || (release.seq == 0 && release.graySeq == 0)) {
+            // A new version, or one this channel never had: every device takes it.
+            if (release.seq != 0 && release.seq != done.seq) next.past.push_back(release.seq);
+            next.seq = done.seq;
+            next.time = time;
+            next.graySeq = 0;
+            next.grayTime = 0;
+            next.share = 0;
+        }
+        if (next.toJSON().toString() != release.toJSON().toString()) {
+            setRelease(newState, options.channel, done.name, next);
+            releaseChanged = true;
         }
     }
+    // With nothing changed the configuration is signed again only when asked, or when devices
+    // would soon stop taking it.
+    if (!anyChanged && !releaseChanged) {
+        if (!manifest.resign && !stampRunsOut(state, manifest.validForMs)) return true;
+        result.resigned = true;
+    }
 
-    JSON versions(JSONArray{});
-    for (const JSON& v : state["versions"].arrayValue()) versions.push(v);
-    versions.push(JSON(versionText));
-    JSON newState(JSONObject{});
-    newState.set("version", JSON(version));
-    newState.set("versions", versions);
-    newState.set("packs", packsState);
-    if (!writeBelow(historyFolder, kStateFile, newState.toString(), error)) return false;
+    report("configuration");
+    const uint64_t version = nextChannelVersion(state, options.channel, manifest.version);
+    std::vector<std::string> written;
+    DocumentStamp stamp;
+    if (!writeChannel(newState, options.channel, manifest, out, signer, signing, version, written,
+                      stamp, error))
+        return false;
+    const std::string packDocuments = channelFolder(options.channel) + "packconfig/";
+    for (const std::string& path : written) {
+        if (!path.starts_with(packDocuments)) {
+            result.configPaths.push_back(path);
+            continue;
+        }
+        for (PublishedPack& done : result.packs)
+            if (path.starts_with(packDocuments + done.name + "/")) done.written.push_back(path);
+    }
+    if (!writePublishState(historyFolder, newState, error)) return false;
     pruneHistory(historyFolder, state["packs"], packsState);
     result.version = version;
+    result.issued = stamp.issued;
+    result.expires = stamp.expires;
     return true;
 }
 

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "marl/Json.h"
+#include "tools/keys/KeyRotation.h"
 #include "tools/pack/PackBuilder.h"
 
 namespace FerritTools {
@@ -39,6 +41,18 @@ struct PublishManifest {
     std::string zipFolder = "packs/";
     uint64_t version = 0;
     std::vector<PublishPack> packs;
+    // Set by the command, not the manifest. The id of the key that signs: a pack whose newest
+    // version another key signed gets a new version, and the tree's keys are checked (see
+    // planSigning); empty checks and records no key. How long devices take the global
+    // configuration from its signature on, and whether to sign it again although nothing
+    // changed (it is also signed again, with a new version, when less than half of that is
+    // left).
+    std::string signerKeyId;
+    // That key's public key, base64 of its raw bytes: the state keeps it, so that a later run
+    // can check that the tree's documents are the ones its key signed.
+    std::string signerPublicKey;
+    uint64_t validForMs = kDefaultValidForMs;
+    bool resign = false;
 };
 
 // Reads a manifest; false with `error` set when it is not one.
@@ -52,6 +66,8 @@ struct PublishedPack {
     bool changed = false;              // a new version was written
     bool incremental = false;          // with an increment
     bool rebased = false;              // a new base: the history lacked a version since the old one
+    bool newKey = false;               // a new base: another key signed the previous version
+    std::vector<uint64_t> skipped;     // versions whose zips a publish that never finished left
     IncrementSummary summary;          // what the increment holds
     std::vector<std::string> written;  // paths below the tree
 };
@@ -60,15 +76,37 @@ struct PublishResult {
     uint64_t version = 0;  // of the global configuration; 0 when nothing changed
     std::vector<PublishedPack> packs;
     std::vector<std::string> configPaths;  // where the global configuration was written
+    uint64_t issued = 0;                   // when the global configuration was signed
+    uint64_t expires = 0;                  // until when devices take it
+    bool resigned = false;                 // signed again with no pack changed
+    std::vector<std::string> removed;      // packs that left the manifest with this run
 };
 
-// Called before each step, with a short description, the step's number and the count of steps.
-using PublishProgress = std::function<void(const std::string& step, size_t done, size_t total)>;
+// How far a publish has got: the files of the manifest's packs read and zipped so far, and
+// their bytes, out of all of them; `step` says what it is on ("pack shop", "configuration").
+struct PublishStep {
+    std::string step;
+    uint64_t files = 0, totalFiles = 0;
+    uint64_t bytes = 0, totalBytes = 0;
+};
+// Called at each step and after each file of a pack's full zip.
+using PublishProgress = std::function<void(const PublishStep& step)>;
 
 // The history folder of the tree `out` when none is named: beside it, the tree's folder name
 // followed by ".publish" ("/srv/site" keeps "/srv/site.publish"). Empty when `out` has no name of
 // its own (the file system's root).
 std::string defaultHistoryFolder(const std::string& out);
+
+// How a run releases what it builds.
+struct PublishOptions {
+    // The channel whose documents the run writes: empty for the tree's own paths, else the
+    // documents below "channels/<name>/" (Release.h). Versions and zips serve every channel.
+    std::string channel;
+    // When set, the one pack the run builds: its new version goes to `rolloutShare` basis points
+    // of the channel's devices, and every other pack keeps what the channel gives it.
+    std::string rolloutPack;
+    uint32_t rolloutShare = 0;
+};
 
 // Publishes `site` by `manifest` into the tree `out`, signing with `signer`, keeping what later
 // runs build on in `history` (empty: `defaultHistoryFolder(out)`), which must lie outside the
@@ -78,8 +116,40 @@ std::string defaultHistoryFolder(const std::string& out);
 // base or on any later version to the new one; when the history lacks a version since the base,
 // the new version becomes the base and has no increment. False with `error` set when a file
 // cannot be read, signed or written.
+// A pack's new version is released to every device of the channel, and so is the newest version
+// of a pack that the channel did not have; an unchanged pack keeps its release there (a rollout
+// in progress, or one taken back, stays as it is).
 bool publish(const std::string& site, const PublishManifest& manifest, const std::string& out,
              const std::string& history, const Signer& signer, PublishResult& result,
-             std::string& error, const PublishProgress& progress = {});
+             std::string& error, const PublishProgress& progress = {},
+             const PublishOptions& options = {});
+
+// For the release commands (Release.h), which build on the same history.
+// The history folder for `out` (`history`, or the default beside it), checked to lie outside the
+// tree, with a history that an earlier release kept in the tree moved there.
+bool historyFolderFor(const std::string& out, const std::string& history, std::string& folder,
+                      std::string& error);
+// The history's state document, an empty object when there is none; false when it is damaged.
+bool readPublishState(const std::string& history, MarlLogger::json::JSON& state,
+                      std::string& error);
+bool writePublishState(const std::string& history, const MarlLogger::json::JSON& state,
+                       std::string& error);
+// Writes a file below the tree, atomically, making its folders.
+bool writeTreeFile(const std::string& out, const std::string& relative, const std::string& content,
+                   std::string& error);
+// The signing plan of a run whose manifest names its key (planSigning); an empty plan when it
+// names none. False with `error` set when that key may not sign the tree.
+bool signingPlanOf(const MarlLogger::json::JSON& state, const PublishManifest& manifest,
+                   SigningPlan& plan, std::string& error);
+// Builds the version after the pack's newest (`before`, its record in the state) from `content`:
+// its full zip, its increment from the base when the history lists every version since, and its
+// list. A version that another key than `signing`'s signer signed before is a new base. `record`
+// becomes the pack's new record, with what its own document says of each version under
+// "builds". `onFile`, when set, is called after each file of the full zip.
+bool buildVersion(const PublishPack& pack, const PackContent& content, const std::string& zipFolder,
+                  const std::string& out, const std::string& history, const Signer& signer,
+                  const MarlLogger::json::JSON& before, const SigningPlan& signing,
+                  PublishedPack& done, MarlLogger::json::JSON& record, std::string& error,
+                  const std::function<void(const std::string& path, uint64_t bytes)>& onFile = {});
 
 }  // namespace FerritTools

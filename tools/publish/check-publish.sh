@@ -30,7 +30,7 @@ verify() {
     >/dev/null 2>&1 || fail "the signature of $1 does not verify"
 }
 
-for command in keygen pack config index publish get check startup status inspect cleanup; do
+for command in keygen key pack config index publish get check startup status inspect cleanup; do
   page=$("$tool" "$command" --help)
   for section in NAME SYNOPSIS DESCRIPTION OPTIONS "EXIT STATUS"; do
     expect "$section" "$page"
@@ -38,7 +38,7 @@ for command in keygen pack config index publish get check startup status inspect
   expect "ferrit $command" "$page"
 done
 expect "ferrit publish" "$("$tool" help)"
-expect "ferrit-pack build" "$("$tool" pack build --help)"
+expect "ferrit pack build" "$("$tool" pack build --help)"
 status 2 "$tool"
 status 2 "$tool" frobnicate
 status 2 "$tool" publish --key x
@@ -91,6 +91,17 @@ expect "\"res/index.html\":{\"url\":\"http://127.0.0.1:8080/app/index.html\",\"v
 [ -s "$work/out.publish/shop/1.json" ] || fail "no list of the first version in the history"
 expect '"index.html":{"v":"' "$(cat "$work/out.publish/shop/1.json")"
 [ -z "$(find "$work/out" -name '.publish*')" ] || fail "the tree holds the history"
+
+# The cache rules lie beside the tree: configuration documents briefly, zips as immutable.
+expect 'location ^~ /fconfig/ {' "$(cat "$work/out.nginx.conf")"
+expect 'add_header Cache-Control "public, max-age=31536000, immutable";' "$(cat "$work/out.nginx.conf")"
+expect '{"path":"/packs/*","kind":"zip","headers":{"Cache-Control":"public, max-age=31536000, immutable"}}' \
+  "$(cat "$work/out.headers.json")"
+expect '{"path":"/fconfig/*","kind":"configuration","headers":{"Cache-Control":"public, max-age=60, must-revalidate"}}' \
+  "$(cat "$work/out.headers.json")"
+# The global configuration says when it was signed and until when devices take it.
+expect '"expires":' "$(cat "$global")"
+expect "valid until" "$out"
 
 # Nothing changed: nothing is written.
 before=$(find "$work/out" -type f -newer "$global" | wc -l)
@@ -190,6 +201,39 @@ expect '"b":6' "$(cat "$work/out/packconfig/shop/6")"
   fail "the lists before the new base were kept"
 printf '<html>one</html>' > "$work/site/app/index.html"
 expect "--history DIR" "$("$tool" publish --help)"
+
+# A zip's path is never given other bytes: a tree whose history is lost refuses to publish over it.
+mv "$work/out.publish" "$work/out.kept"
+printf '<html>lost</html>' > "$work/site/app/index.html"
+set +e; lost=$(publish 2>&1); got=$?; set -e
+[ "$got" -eq 1 ] || fail "a publish over a zip with other bytes exited $got"
+expect "exists with other bytes" "$lost"
+rm -rf "$work/out.publish"; mv "$work/out.kept" "$work/out.publish"
+printf '<html>one</html>' > "$work/site/app/index.html"
+# A publish killed between its zips and its documents leaves zips that no document names (here
+# versions 7 and 8, with other bytes): the next run neither stops on them nor rewrites them.
+echo orphan > "$work/out/packs/shop/7.zip"
+mkdir -p "$work/out/packs/shop/i" && echo orphan > "$work/out/packs/shop/i/8.zip"
+out=$(publish)
+expect "shop 9 (increment from 6" "$out"
+expect "skipped 7: its zips were left by a publish that did not finish" "$out"
+expect "skipped 8" "$out"
+[ "$(cat "$work/out/packs/shop/7.zip")" = orphan ] || fail "a left zip was rewritten"
+[ -s "$work/out/packs/shop/i/9.zip" ] || fail "no increment to 9"
+# Nor is a stepped-over number ever a version to roll back to.
+set +e; back=$("$tool" rollback --key "$work/key.pem" --manifest "$work/manifest.json" --to 7 shop \
+  "$work/out" 2>&1); got=$?; set -e
+[ "$got" -eq 1 ] || fail "a rollback to a stepped-over version exited $got"
+expect "no version 7 of shop was published" "$back"
+# --resign signs the configuration again with nothing changed; --valid-for sets its expiry.
+out=$("$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" --resign --valid-for 2d \
+  "$work/site" "$work/out")
+expect "(signed again)" "$out"
+issued=$(grep -Eo '"issued":[0-9]+' "$global" | grep -Eo '[0-9]+$')
+expires=$(grep -Eo '"expires":[0-9]+' "$global" | grep -Eo '[0-9]+$')
+[ $((expires - issued)) -eq 172800000 ] || fail "--valid-for 2d gave $((expires - issued)) ms"
+status 2 "$tool" publish --key "$work/key.pem" --manifest "$work/manifest.json" --valid-for 0 \
+  "$work/site" "$work/out"
 
 # A pack of a folder with no files is published as a valid zip with an empty list.
 mkdir -p "$work/bare/app"

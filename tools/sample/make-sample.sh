@@ -2,24 +2,24 @@
 # Rebuilds what is derived in the sample app: the signed resource list "app-res.hvc" of each pack
 # folder, and the built-in configuration "Ferrit_Asset.config" that embeds the lists of the packs
 # shipped in the raw-file folder. Run it after changing a file of a pack.
-#   make-sample.sh [PATH-TO-ferrit-sign-index]
+#   make-sample.sh [PATH-TO-ferrit]
 # The key in keys/ signs the sample only; never use it for anything else.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-sign=${1:-$here/../../build/tools/ferrit-sign-index}
+ferrit=${1:-$here/../../build/tools/ferrit}
 key=$here/keys/sample-ed25519.pem
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 # The shop's own pack, installed under the root at sequence 3.
-"$sign" sign --key "$key" --url-prefix https://shop.example.com/app/ \
+"$ferrit" index sign --key "$key" --url-prefix https://shop.example.com/app/ \
   --header "css/app.css=Access-Control-Allow-Origin:https://shop.example.com" \
   "$here/root/apps/shop/3"
 
 # Two packs shipped with the app: the style kit, and the guide that arrives as an on-demand module.
-"$sign" sign --key "$key" --url-prefix https://cdn.shop.example.com/kit/ --table-out "$work/kit.json" \
+"$ferrit" index sign --key "$key" --url-prefix https://cdn.shop.example.com/kit/ --table-out "$work/kit.json" \
   "$here/assets/Ferrit_Asset_kit/2"
-"$sign" sign --key "$key" --url-prefix https://shop.example.com/guide/ --table-out "$work/guide.json" \
+"$ferrit" index sign --key "$key" --url-prefix https://shop.example.com/guide/ --table-out "$work/guide.json" \
   "$here/assets/Ferrit_Asset_guide/1"
 
 {
@@ -31,6 +31,6 @@ trap 'rm -rf "$work"' EXIT
 echo "wrote $here/assets/Ferrit_Asset.config"
 
 # The configuration document that the sample's configuration endpoint serves, signed as such an
-# endpoint signs it. The request tool serves it from endpoint/ (see --startup).
-"$sign" sign-document --key "$key" "$here/fconfig.json" \
+# endpoint signs it. `ferrit startup --serve` serves it from endpoint/.
+"$ferrit" config sign --key "$key" "$here/fconfig.json" \
   "$here/endpoint/config.example.com/ferrit/fconfig/shop/index"
