@@ -44,7 +44,7 @@ JSON partInfo(const ResourcePart& part) {
 // default level (warnings) neither a hit nor a miss is gathered or written.
 class MatchLog {
   public:
-    MatchLog(const Resource& resource, const ResourceRequest& request, int policy)
+    MatchLog(const Resource& resource, const ResourceRequest& request, ResourcePolicy policy)
         : resource_(resource),
           request_(request),
           policy_(policy),
@@ -92,7 +92,7 @@ class MatchLog {
   private:
     const Resource& resource_;
     const ResourceRequest& request_;
-    int policy_;
+    ResourcePolicy policy_;
     bool active_;
     JSONObject extra_;
 };
@@ -154,6 +154,8 @@ void getResourceAsync(const ResourceRequest& request,
     std::shared_ptr<Resource> resource = Access::match(request, kPolicyAsync);
     while (resource->error && retries > 0 && configMovedOn(resource->error, reloads)) {
         --retries;
+        // The failed attempt is a request of its own, and ends here.
+        resource->finish();
         resource = Access::match(request, kPolicyAsync);
     }
     if (resource->error) {
@@ -167,6 +169,7 @@ void getResourceAsync(const ResourceRequest& request,
     reading->readAsync([resource = std::move(resource), callback = std::move(callback), reloads,
                         retries, call](const std::string& data, const Error& error) mutable {
         if (error && retries > 0 && requestInCall.call == call && configMovedOn(error, reloads)) {
+            resource->finish();
             const ResourceRequest& again = *requestInCall.request;
             getResourceAsync(again, std::move(callback), reloads, retries - 1);
             return;
@@ -199,9 +202,31 @@ const char* startupPending() {
                                 : "setup not called";
 }
 
+// The stages after the prefix stage, whose part `prefixPart` did not serve: true when one of them
+// answers, which ends that part and writes the "match" event.
+bool answeredByCacheStages(Resource& resource, const ResourceRequest& request,
+                           ResourcePolicy policy, std::string_view keyReferrer,
+                           ResourcePart& prefixPart, MatchLog& log) {
+    log.add("prefixInfo", partInfo(prefixPart));
+    const std::shared_ptr<const Settings> settings = Settings::current();
+    if (!settings->moduleCacheEnabledValue()) log.add("ModuleCache", "disabled");
+    if (!settings->uniAppEnabledValue()) log.add("UniApp", "disabled");
+    const char* how = matchCacheStages(
+        resource, request, policy, keyReferrer, *settings,
+        [&log](std::string_view key, JSON value) { log.add(key, std::move(value)); });
+    if (how == nullptr) return false;
+    prefixPart.finish();
+    if (resource.isCombo) {
+        log.finishCombo();
+    } else {
+        log.finish(how, *resource.parts.front(), /*lowerWhenNotServed=*/false);
+    }
+    return true;
+}
+
 }  // namespace
 
-std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int policy) {
+std::shared_ptr<Resource> Access::match(const ResourceRequest& request, ResourcePolicy policy) {
     auto context = makeRecycled<RequestContext>(request, kTriggerVisit);
     auto resource = makeRecycled<Resource>(context, request.parentId, request.isUniApp());
     MatchLog log(*resource, request, policy);
@@ -219,14 +244,14 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
     const std::string& accept = context->accept();
 
     // Referrer and exact URL.
-    int kind = kMatchNone;
+    MatchKind kind = kMatchNone;
     std::shared_ptr<PackPart> part;
     if (std::shared_ptr<PackMatch> found = findByUrl(keyUrl, keyReferrer, &kind)) {
         part = makeRecycled<PackPart>(context, keyUrl, std::move(found));
         if (!part->error || !part->isMissing()) {
             // Served, or the pack knows the URL but cannot serve it: either way this is the answer.
             resource->addPart(part, kind);
-            log.finish("referrer", *part, false);
+            log.finish("referrer", *part, /*lowerWhenNotServed=*/false);
             return resource;
         }
         log.add("referrerInfo", partInfo(*part));
@@ -234,37 +259,26 @@ std::shared_ptr<Resource> Access::match(const ResourceRequest& request, int poli
 
     // Prefix, unless the referrer stage built an SCache claim.
     if (!part || kind == kMatchNone) {
+        // The referrer stage's part does not answer: its visit ends with it.
+        if (part) part->finish();
         std::shared_ptr<PackMatch> found = findByPrefix(keyUrl, accept);
         part = makeRecycled<PackPart>(context, std::move(keyUrl), std::move(found));
         if (!part->error) {
             resource->addPart(part, kind);
-            log.finish("prefix", *part, false);
+            log.finish("prefix", *part, /*lowerWhenNotServed=*/false);
             return resource;
         }
     }
 
     // The remaining stages: aggregate URLs, UniApp and ModuleCache; when none answers, the prefix
     // stage's answer stands.
-    log.add("prefixInfo", partInfo(*part));
-    const std::shared_ptr<const Settings> settings = Settings::current();
-    if (!settings->moduleCacheEnabledValue()) log.add("ModuleCache", "disabled");
-    if (!settings->uniAppEnabledValue()) log.add("UniApp", "disabled");
-    if (const char* how = matchCacheStages(
-            *resource, request, policy, keyReferrer, *settings,
-            [&log](std::string_view key, JSON value) { log.add(key, std::move(value)); })) {
-        if (resource->isCombo) {
-            log.finishCombo();
-        } else {
-            log.finish(how, *resource->parts.front(), false);
-        }
-        return resource;
-    }
+    if (answeredByCacheStages(*resource, request, policy, keyReferrer, *part, log)) return resource;
 
     if (Errors::isNotFerritResource(part->error)) {
         if (const char* step = startupPending()) part->error = Errors::notSetUpYet(step);
     }
     resource->addPart(part, kind);
-    log.finish("prefix", *part, true);
+    log.finish("prefix", *part, /*lowerWhenNotServed=*/true);
     return resource;
 }
 
@@ -284,6 +298,8 @@ std::unique_ptr<ResourceResponse> getResourceSync(const ResourceRequest& request
     for (int retry = 0;
          resource->error && retry < kStaleRetries && configMovedOn(resource->error, reloads);
          ++retry) {
+        // The failed attempt is a request of its own, and ends here.
+        resource->finish();
         resource = Access::match(request, kPolicySync);
         data = readMatched(*resource, memory);
     }

@@ -81,7 +81,7 @@ void AggregateRequest::send(std::string_view origin, Callback callback) {
     if (!callback) return;
     url_ = requestUrl(origin);
     Network::requestResource(
-        url_, parentId_, HeaderMap(), false,
+        url_, parentId_, HeaderMap(), /*allow304=*/false,
         [url = url_, count = urls_.size(), callback = std::move(callback)](ProxyResponse response,
                                                                            Error error) {
             if (error) {

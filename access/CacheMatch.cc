@@ -24,9 +24,31 @@ JSON partInfo(const ResourcePart& part) {
     return JSONObject{{"name", part.name}};
 }
 
+// A file of an aggregate URL as the packs hold it: by the referrer's pack, else by prefix. Notes
+// each stage in `info`; `decided` is set when the referrer stage answers (the match is then
+// noted too). A referrer stage's part that does not answer ends here.
+std::shared_ptr<PackPart> matchPackFile(const std::shared_ptr<RequestContext>& context,
+                                        const std::string& partKey, std::string_view keyReferrer,
+                                        JSONObject& info, bool& decided) {
+    MatchKind kind = kMatchNone;
+    if (std::shared_ptr<PackMatch> found = findByUrl(partKey, keyReferrer, &kind)) {
+        auto part = std::make_shared<PackPart>(context, partKey, std::move(found));
+        info.set("referrerInfo", partInfo(*part));
+        if (!part->error || kind != kMatchNone || !part->isMissing()) {
+            info.set("match", JSON("referrer"));
+            decided = true;
+            return part;
+        }
+        part->finish();
+    }
+    auto part = std::make_shared<PackPart>(context, partKey, findByPrefix(partKey, ""));
+    info.set("prefixInfo", partInfo(*part));
+    return part;
+}
+
 }  // namespace
 
-bool matchCombo(Resource& resource, const ResourceRequest& request, int policy,
+bool matchCombo(Resource& resource, const ResourceRequest& request, ResourcePolicy policy,
                 std::string_view keyReferrer, const Settings& settings,
                 const std::vector<std::string>& urls, const MatchNote& note) {
     const std::shared_ptr<RequestContext>& context = resource.context;
@@ -38,20 +60,10 @@ bool matchCombo(Resource& resource, const ResourceRequest& request, int policy,
     for (const std::string& url : urls) {
         const std::string partKey = "//" + url;
         JSONObject info{{"url", JSON(url)}};
-        std::shared_ptr<PackPart> part;
         bool decided = false;
-        int kind = kMatchNone;
-        if (std::shared_ptr<PackMatch> found = findByUrl(partKey, keyReferrer, &kind)) {
-            part = std::make_shared<PackPart>(context, partKey, std::move(found));
-            info.set("referrerInfo", partInfo(*part));
-            if (!part->error || kind != kMatchNone || !part->isMissing()) {
-                info.set("match", JSON("referrer"));
-                decided = true;
-            }
-        }
+        std::shared_ptr<PackPart> part =
+            matchPackFile(context, partKey, keyReferrer, info, decided);
         if (!decided) {
-            part = std::make_shared<PackPart>(context, partKey, findByPrefix(partKey, ""));
-            info.set("prefixInfo", partInfo(*part));
             if (part->error) {
                 // No pack serves the file: a content cache may.
                 std::shared_ptr<ResourcePart> cachePart;
@@ -66,6 +78,7 @@ bool matchCombo(Resource& resource, const ResourceRequest& request, int policy,
                     info.set("match", JSON("ModuleCache"));
                 }
                 if (cachePart) {
+                    part->finish();
                     parts.push_back(std::move(cachePart));
                     infos.push_back(JSON(std::move(info)));
                     continue;
@@ -75,6 +88,9 @@ bool matchCombo(Resource& resource, const ResourceRequest& request, int policy,
         }
         if (part->error) {
             // One file that nothing serves fails the whole: the host fetches the URL itself.
+            // The parts matched so far, and this one, end unanswered.
+            for (const auto& matched : parts) matched->finish();
+            part->finish();
             parts.clear();
             infos.push_back(JSON(std::move(info)));
             break;
@@ -93,9 +109,9 @@ bool matchCombo(Resource& resource, const ResourceRequest& request, int policy,
     return true;
 }
 
-const char* matchCacheStages(Resource& resource, const ResourceRequest& request, int policy,
-                             std::string_view keyReferrer, const Settings& settings,
-                             const MatchNote& note) {
+const char* matchCacheStages(Resource& resource, const ResourceRequest& request,
+                             ResourcePolicy policy, std::string_view keyReferrer,
+                             const Settings& settings, const MatchNote& note) {
     // The scheme makes no difference to the bare form, so the request's URL serves as well as the
     // context's.
     const std::string_view bareUrl = Url::bare(request.url);

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "access/Resource.h"
+#include "ferritcore/Access.h"
 #include "ferritcore/ResourceRequest.h"
 #include "marl/Json.h"
 #include "runtime/Settings.h"
@@ -22,14 +23,15 @@ using MatchNote = std::function<void(std::string_view key, MarlLogger::json::JSO
 // "COMBO", "UniApp" or "ModuleCache". Null when none answers: the prefix stage's part stands. A
 // policy of 0 (probe) never splits an aggregate URL; an aggregate URL that splits but leaves no
 // parts ends the match, as does a UniApp request when UniApp is switched off.
-const char* matchCacheStages(Resource& resource, const ResourceRequest& request, int policy,
-                             std::string_view keyReferrer, const Settings& settings,
-                             const MatchNote& note);
+const char* matchCacheStages(Resource& resource, const ResourceRequest& request,
+                             ResourcePolicy policy, std::string_view keyReferrer,
+                             const Settings& settings, const MatchNote& note);
 
 // The COMBO stage alone, over the files that splitCombo gave: each becomes the part of its pack,
 // or of UniApp or ModuleCache when no pack holds it; the first that nothing can serve fails the
-// whole. True when it yields parts (the resource is then a COMBO). Notes "comboInfo".
-bool matchCombo(Resource& resource, const ResourceRequest& request, int policy,
+// whole. True when it yields parts (the resource is then a COMBO). Notes "comboInfo". A part that
+// it drops (a stage that did not answer, or all of them when the whole fails) ends there.
+bool matchCombo(Resource& resource, const ResourceRequest& request, ResourcePolicy policy,
                 std::string_view keyReferrer, const Settings& settings,
                 const std::vector<std::string>& urls, const MatchNote& note);
 

@@ -1,7 +1,6 @@
 #include "access/CacheResource.h"
 
 #include <algorithm>
-#include <cctype>
 
 #include "base/Digest.h"
 #include "base/Environment.h"
@@ -13,6 +12,7 @@
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "support/Ascii.h"
 
 namespace FerritCore {
 namespace {
@@ -41,14 +41,7 @@ std::vector<std::string> varyNames(std::string_view vary) {
 bool isKeptName(std::string_view name) {
     for (const Http::HeaderId id : {Http::kAccessControlAllowOrigin, Http::kContentType,
                                     Http::kETag, Http::kLastModified, Http::kVary}) {
-        const std::string& kept = Http::headerName(id);
-        if (kept.size() == name.size() &&
-            std::equal(kept.begin(), kept.end(), name.begin(), [](char a, char b) {
-                return std::tolower(static_cast<unsigned char>(a)) ==
-                       std::tolower(static_cast<unsigned char>(b));
-            })) {
-            return true;
-        }
+        if (Ascii::equalsIgnoreCase(Http::headerName(id), name)) return true;
     }
     return false;
 }
@@ -57,15 +50,7 @@ bool isKeptName(std::string_view name) {
 std::string md5HexOf(std::string_view contentMd5) {
     std::string raw;
     if (!Digest::base64Decode(contentMd5, raw) || raw.size() != kMd5Bytes) return std::string();
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(2 * kMd5Bytes);
-    for (const char c : raw) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        hex.push_back(kHex[byte >> 4]);
-        hex.push_back(kHex[byte & 0xF]);
-    }
-    return hex;
+    return Ascii::hex(raw);
 }
 
 }  // namespace
@@ -170,7 +155,7 @@ bool CacheResource::accept(const HeaderMap& header, const std::string& content, 
     // A body delivered by a batch: the batch's own request is timed by the aggregate request,
     // so this part's update starts and ends here.
     const double now = MRLCurrentClock();
-    return take(header, content, error, true, FetchTimes{now, now, now, now});
+    return take(header, content, error, /*ownError=*/true, FetchTimes{now, now, now, now});
 }
 
 void CacheResource::sendUpdate(const FetchTimes& times, size_t downloadSize,
@@ -293,7 +278,7 @@ void CacheResource::fetch(bool revalidate, Callback callback) {
                 return;
             }
             Error refusal;
-            self->take(response.header, response.content, refusal, true, times);
+            self->take(response.header, response.content, refusal, /*ownError=*/true, times);
             callback(self);
         });
 }
@@ -308,7 +293,7 @@ void CacheResource::validateLater() {
     TaskRunner::post([self, target = std::move(target), trace = std::move(trace), decided] {
         const double started = MRLCurrentClock();
         FetchTimes times{decided, started, MRLCurrentClock(), 0};
-        Network::requestResource(target, trace, HeaderMap(), false,
+        Network::requestResource(target, trace, HeaderMap(), /*allow304=*/false,
                                  [self, times](ProxyResponse response, Error failure) mutable {
                                      times.received = MRLCurrentClock();
                                      if (failure) {
@@ -316,8 +301,8 @@ void CacheResource::validateLater() {
                                          return;
                                      }
                                      Error refusal;
-                                     self->take(response.header, response.content, refusal, false,
-                                                times);
+                                     self->take(response.header, response.content, refusal,
+                                                /*ownError=*/false, times);
                                  });
     });
 }

@@ -27,7 +27,7 @@ bool fileTypeClaimed(const Settings& settings, std::string_view k) {
 }
 
 std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view keyReferrer,
-                                     int* kind) {
+                                     MatchKind* kind) {
     if (Environment::instance().isDisabledByDeveloper()) return nullptr;
     *kind = kMatchNone;
     const SCache::Snapshot config;
@@ -45,7 +45,8 @@ std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view k
     // Timed from here: most URLs have no pack of their own, and two hash probes that find nothing
     // are not worth a reading of the clock.
     const double start = MRLCurrentClock();
-    auto match = makeRecycled<PackMatch>(*config, std::move(pack), false);
+    auto match = makeRecycled<PackMatch>(*config, std::move(pack), /*pinned=*/false);
+    match->requestFollowUp();
     match->readyTime = MRLCurrentClock();
     match->matchTime = match->readyTime - start;
     return match;
@@ -59,7 +60,8 @@ std::shared_ptr<PackMatch> findByPrefix(std::string_view keyUrl, std::string_vie
     const std::string_view name = config->prefixTree().lookup(keyUrl, accept);
     PackPtr pack = name.empty() ? nullptr : config->find(name);
     if (!pack) return std::make_shared<PackMatch>(std::string(), Errors::notFerritResourceRef());
-    auto match = makeRecycled<PackMatch>(*config, std::move(pack), false);
+    auto match = makeRecycled<PackMatch>(*config, std::move(pack), /*pinned=*/false);
+    match->requestFollowUp();
     match->readyTime = MRLCurrentClock();
     match->matchTime = match->readyTime - start;
     return match;

@@ -13,9 +13,10 @@
 namespace FerritCore {
 
 // The pack named for `keyUrl`, else for `keyReferrer`, in `urlIndex`; null when neither is known
-// or the developer tool switched the cache off. `kind` receives the MatchKind.
+// or the developer tool switched the cache off. `kind` receives how the match relates to the SCache
+// packs.
 std::shared_ptr<PackMatch> findByUrl(std::string_view keyUrl, std::string_view keyReferrer,
-                                     int* kind);
+                                     MatchKind* kind);
 // The pack of the longest matching prefix; never null: 3001 when nothing matches, 3003 when the
 // developer tool switched the cache off.
 std::shared_ptr<PackMatch> findByPrefix(std::string_view keyUrl, std::string_view accept);

@@ -127,7 +127,7 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
     }
     if (error) {
         // The pack cannot serve as it is: ask for it now.
-        requestUpdate(p.name, kTriggerVisit);
+        followUp_ = FollowUp::kUpdate;
         return;
     }
     if (p.packType() == kPackTypeACache && p.subType == kSubTypeFixedUrl) {
@@ -138,14 +138,32 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
     index = ResourceIndexPool::get(p);
     if (index->error()) {
         error = index->error();
-        postReinstall(p);
+        followUp_ = FollowUp::kReinstall;
         return;
     }
     if (p.packType() == kPackTypeACache) {
         error = checkResourcesFolder(p);
         if (error) return;
     }
-    if (needsUpdate) postVisitUpdate(p.name);
+    if (needsUpdate) followUp_ = FollowUp::kVisitUpdate;
+}
+
+void PackMatch::requestFollowUp() {
+    const FollowUp followUp = followUp_;
+    followUp_ = FollowUp::kNone;
+    switch (followUp) {
+        case FollowUp::kNone:
+            return;
+        case FollowUp::kUpdate:
+            requestUpdate(pack->name, kTriggerVisit);
+            return;
+        case FollowUp::kReinstall:
+            postReinstall(*pack);
+            return;
+        case FollowUp::kVisitUpdate:
+            postVisitUpdate(pack->name);
+            return;
+    }
 }
 
 PackMatch::PackMatch(std::string matchName, Error matchError)
@@ -215,20 +233,31 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
     }
 }
 
-PackPart::~PackPart() {
+void PackPart::reportVisit() {
     if (Errors::isNotFerritResource(error) || !ProxyCalls::takesEvents()) return;
+    AppVisit visit;
+    visit.trigger = context ? context->trigger : kTriggerNone;
+    visit.visitType = firstVisit ? "NF" : "N";
+    visit.error = &error;
+    visit.time = MRLCurrentClock() - createTime_;
+    visit.readFileTime = readFileTime;
+    visit.accessCount = accessCount_;
+    sendAppVisit(*match, visit);
+}
+
+void sendAppVisit(const PackMatch& match, const AppVisit& visit) {
     PerfRecord record("Ferrit.AppVisit");
-    record.setDimension("appName", match->pack ? match->pack->appName() : match->name);
-    record.setDimension("packSeq", std::to_string(match->pack ? match->pack->installedSeq : 0));
-    record.setDimension("trigger", triggerName(context ? context->trigger : 0));
-    record.setDimension("installed", match->pack && match->pack->isInstalled() ? "true" : "false");
-    record.setDimension("visitType", firstVisit ? "NF" : "N");
-    record.setDimension("configVersion", match->configVersion);
-    if (error) record.setError(error);
-    record.setMeasure("time", MRLCurrentClock() - createTime_);
-    record.setMeasure("matchTime", match->matchTime);
-    record.setMeasure("readFileTime", readFileTime);
-    record.setMeasure("accessCount", accessCount_);
+    record.setDimension("appName", match.pack ? match.pack->appName() : match.name);
+    record.setDimension("packSeq", std::to_string(match.pack ? match.pack->installedSeq : 0));
+    record.setDimension("trigger", triggerName(visit.trigger));
+    record.setDimension("installed", match.pack && match.pack->isInstalled() ? "true" : "false");
+    record.setDimension("visitType", visit.visitType);
+    record.setDimension("configVersion", match.configVersion);
+    if (visit.error != nullptr && *visit.error) record.setError(*visit.error);
+    record.setMeasure("time", visit.time);
+    record.setMeasure("matchTime", match.matchTime);
+    if (visit.readFileTime) record.setMeasure("readFileTime", *visit.readFileTime);
+    record.setMeasure("accessCount", visit.accessCount);
     sendEvent(record);
 }
 
@@ -250,12 +279,6 @@ HeaderMap PackPart::header() const {
             if (mime.starts_with("text/")) value.append(";charset=UTF-8");
             out[contentType] = std::move(value);
         }
-    }
-    if (Environment::instance().inCooldown(name)) {
-        const std::string& allowOrigin = Http::headerName(Http::kAccessControlAllowOrigin);
-        Http::removeHeader(out, allowOrigin);
-        out[allowOrigin] = "*";
-        out[Http::headerName(Http::kAccessControlExposeHeaders)] = "Via, X-Ferrit-Info";
     }
     return out;
 }
@@ -342,7 +365,14 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
         callback(self);
         return;
     }
-    // On-demand files are read through the module loader, which may finish on another thread.
+    // On-demand files are read through the module loader, which may finish on another thread,
+    // perhaps after the request has ended: the visit is reported once the read is done with the
+    // part.
+    holdForRead();
+    callback = [inner = std::move(callback)](const std::shared_ptr<ResourcePart>& part) {
+        inner(part);
+        part->releaseAfterRead();
+    };
     error.clear();
     const std::string readId = MRLGenerateID(TracePrefix::kRead);
     const double start = MRLCurrentClock();
@@ -377,7 +407,7 @@ void PackPart::readAsync(std::function<void(std::shared_ptr<ResourcePart>)> call
             return;
         }
         error = std::move(e);
-        tryBackup(false, callback);
+        tryBackup(/*retry=*/false, callback);
     });
 }
 
@@ -387,8 +417,10 @@ void PackPart::tryBackup(bool retry, Callback callback) {
     const std::string backupName = Pack::pinnedName(pack.name, pack.installedSeq);
     const FConfigPtr config = SCache::current();
     std::shared_ptr<PackMatch> backup;
-    if (PackPtr backupPack = config->find(backupName))
-        backup = std::make_shared<PackMatch>(*config, std::move(backupPack), true);
+    if (PackPtr backupPack = config->find(backupName)) {
+        backup = std::make_shared<PackMatch>(*config, std::move(backupPack), /*pinned=*/true);
+        backup->requestFollowUp();
+    }
     if (backup && !backup->error && backup->index) {
         std::shared_ptr<const ResourceRecord> backupRecord = backup->index->find(url);
         if (!backupRecord) {
@@ -418,7 +450,7 @@ void PackPart::tryBackup(bool retry, Callback callback) {
             callback(self);
             return;
         }
-        tryBackup(true, callback);
+        tryBackup(/*retry=*/true, callback);
     });
 }
 

@@ -16,8 +16,8 @@ namespace FerritCore {
 
 class PackMatch {
   public:
-    // A match of `pack` in `config`, with every check of whether it may serve. Asks for updates
-    // and repairs on the way (never waits for them).
+    // A match of `pack` in `config`, with every check of whether it may serve. Notes, and does
+    // not yet ask for, the update or repair that the checks call for: see requestFollowUp.
     PackMatch(const FConfig& config, PackPtr pack, bool pinned);
     // No pack: `name` is the URL or empty, `error` why nothing serves.
     PackMatch(std::string name, Error error);
@@ -26,6 +26,12 @@ class PackMatch {
     // "<letter>:name" for a fixed-sequence pack; "<letter>:name@installedSeq" otherwise, with the
     // letter A, S, F or D by the pack's type. Computed on first use.
     const std::string& info();
+
+    // Asks for what the checks of the construction called for: the pack's update when it cannot
+    // serve, a reinstall when its resource list is damaged, a "VisitUpdate" when a newer version
+    // is configured. Never waits for it. Whoever makes a match with a pack calls this once, right
+    // after making it; a second call asks for nothing.
+    void requestFollowUp();
 
     std::string name;
     std::string configVersion;
@@ -39,15 +45,16 @@ class PackMatch {
     Error error;
 
   private:
+    enum class FollowUp : uint8_t { kNone, kUpdate, kReinstall, kVisitUpdate };
+
     std::string info_;
+    FollowUp followUp_ = FollowUp::kNone;
 };
 
 class PackPart : public ResourcePart {
   public:
     PackPart(std::shared_ptr<RequestContext> context, std::string url,
              std::shared_ptr<PackMatch> match);
-    // Sends "Ferrit.AppVisit" unless nothing matched (3001).
-    ~PackPart() override;
 
     // True exactly when the pack has no record for the URL.
     bool isMissing() const override { return record == nullptr; }
@@ -58,7 +65,7 @@ class PackPart : public ResourcePart {
     ReadStatus read() override;
     // An on-demand file is read through its module; when that fails, through the backup copy of
     // the pack (tryBackup), which may first be fetched. `callback` runs once, on the thread that
-    // finished the read.
+    // finished the read; until it has returned, the part's visit is not reported.
     void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override;
     void appendTo(std::string& out, unsigned& crc) override;
     void moveTo(std::string& out, unsigned* crc) override;
@@ -78,6 +85,10 @@ class PackPart : public ResourcePart {
     double readFileTime = 0;
     std::string content;
 
+  protected:
+    // Sends "Ferrit.AppVisit" unless nothing matched (3001); its time ends now.
+    void reportVisit() override;
+
   private:
     using Callback = std::function<void(std::shared_ptr<ResourcePart>)>;
 
@@ -94,6 +105,21 @@ class PackPart : public ResourcePart {
     // open) and read by read().
     HeldFile opened_;
 };
+
+// What a "Ferrit.AppVisit" record tells beyond its match. A request's part ("N", or "NF" on the
+// first visit of the pack in this process) reads a file; a reader ("RC", "RCF") does not.
+struct AppVisit {
+    UpdateTrigger trigger = kTriggerNone;
+    const char* visitType = "";
+    const Error* error = nullptr;  // none when null or empty
+    double time = 0;
+    std::optional<double> readFileTime;
+    double accessCount = 0;
+};
+
+// Builds and sends the "Ferrit.AppVisit" record of `match`. The caller has checked that a proxy
+// takes records.
+void sendAppVisit(const PackMatch& match, const AppVisit& visit);
 
 // Posts, on the main process, the task that marks the pack for reinstall: only the version that
 // `damaged` names, so nothing when another process has installed another one by then.

@@ -35,16 +35,25 @@ void ReadGroup::run(Callback callback) {
     std::unique_ptr<AggregateRequest> batch = newBatch();
     std::vector<int32_t> batchIndices;
 
-    for (size_t i = 0; i < parts.size(); ++i) {
-        if (remaining.load() < 1) break;  // a failure already delivered
+    // Only a part that fails to read ends the loop. A failure that arrives through a completion
+    // (a batch whose request failed before send() returned, say) has already answered the group,
+    // but the parts after it still go on: their batches are sent, and their answers fill the cache
+    // for the next visit.
+    bool failed = false;
+    for (size_t i = 0; i < parts.size() && !failed; ++i) {
         ResourcePart& part = *parts[i];
         switch (part.read()) {
-            case ReadStatus::Done:
+            case ReadStatus::Done: {
                 localCount.fetch_add(1);
-                remaining.fetch_sub(1);
+                // -1 means the group has answered, and stays so.
+                int32_t left = remaining.load();
+                while (left > 0 && !remaining.compare_exchange_weak(left, left - 1)) {
+                }
                 break;
+            }
             case ReadStatus::Failed:
                 partFinished(1, part.error);
+                failed = true;
                 break;
             case ReadStatus::NeedAsync:
                 localCount.fetch_add(1);
@@ -72,7 +81,6 @@ void ReadGroup::run(Callback callback) {
                 part.readAsync(completion);
                 break;
         }
-        if (remaining.load() < 0) break;
     }
     // What was gathered goes out even after a failure: the answer fills the cache for next time.
     if (batch && !batch->empty()) send(*batch, std::move(batchIndices));

@@ -30,9 +30,10 @@ class ReadGroup : public std::enable_shared_from_this<ReadGroup> {
               std::shared_ptr<RequestContext> context);
 
     // Reads every part, synchronously where it can; `callback` runs exactly once, with the data of
-    // every part in order or with the first error. A failing part stops the reading of those after
-    // it, and a part that finishes after the group has delivered changes nothing. Must be held by
-    // a shared pointer.
+    // every part in order or with the first error. A part whose read() fails stops the reading of
+    // those after it; a failure that a completion brings during run() (a batch refused at once)
+    // does not, so later parts still form and send their batches. A part that finishes after the
+    // group has delivered changes nothing. Must be held by a shared pointer.
     void run(Callback callback);
 
     std::vector<std::shared_ptr<ResourcePart>> parts;

@@ -29,6 +29,7 @@ std::shared_ptr<PackMatch> matchByName(const ReaderParams& params) {
     std::shared_ptr<PackMatch> match =
         pack ? std::make_shared<PackMatch>(*config, std::move(pack), !params.info.empty())
              : std::make_shared<PackMatch>(params.name, Errors::configNotFound(params.name));
+    match->requestFollowUp();
     match->matchTime = MRLCurrentClock() - start;
     return match;
 }
@@ -42,18 +43,12 @@ void sendVisit(PackMatch& match, double start) {
     double accessCount = 0;
     const bool first = Statistics::addAccess(key, &accessCount, 1.0);
     if (!ProxyCalls::takesEvents()) return;
-    PerfRecord record("Ferrit.AppVisit");
-    record.setDimension("appName", match.pack ? match.pack->appName() : match.name);
-    record.setDimension("packSeq", std::to_string(match.pack ? match.pack->installedSeq : 0));
-    record.setDimension("trigger", triggerName(kTriggerNone));
-    record.setDimension("installed", match.pack && match.pack->isInstalled() ? "true" : "false");
-    record.setDimension("visitType", first ? "RCF" : "RC");
-    record.setDimension("configVersion", match.configVersion);
-    if (match.error) record.setError(match.error);
-    record.setMeasure("time", MRLCurrentClock() - start);
-    record.setMeasure("matchTime", match.matchTime);
-    record.setMeasure("accessCount", accessCount);
-    sendEvent(record);
+    AppVisit visit;
+    visit.visitType = first ? "RCF" : "RC";
+    visit.error = &match.error;
+    visit.time = MRLCurrentClock() - start;
+    visit.accessCount = accessCount;
+    sendAppVisit(match, visit);
 }
 
 }  // namespace
@@ -119,6 +114,7 @@ bool Reader::exists(const std::string& path) {
         log.event("exists", parentId_).append("path", path).append("exists", found);
         if (part->error) log.error(part->error);
     }
+    part->finish();
     return found;
 }
 
@@ -130,12 +126,14 @@ std::string Reader::read(const std::string& path, HeaderMap* header, Error& erro
             .event("read", parentId_)
             .append("path", path)
             .error(error);
+        part->finish();
         return std::string();
     }
     if (header != nullptr) *header = part->header();
     error.clear();
     std::string content;
     part->moveTo(content, nullptr);
+    part->finish();
     return content;
 }
 

@@ -38,7 +38,8 @@ class Reader {
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
 
-    // Whether the pack's index holds `path` and its file is there. Logs "exists".
+    // Whether the pack's index holds `path` and its file is there. Logs "exists". Like read(),
+    // a visit of its own: sends "Ferrit.AppVisit" ("NF" or "N") before it returns.
     bool exists(const std::string& path);
     // The file's bytes; on failure empty, with `error` set, and "read" logged. `header`, when
     // given, receives the headers of the file. Success clears `error`.

@@ -10,6 +10,7 @@
 #include "marl/Clock.h"
 #include "marl/Log.h"
 #include "runtime/Settings.h"
+#include "support/Ascii.h"
 
 namespace FerritCore {
 
@@ -18,7 +19,7 @@ using MarlLogger::MRLLevelInfo;
 
 // ---- RequestContext ----
 
-RequestContext::RequestContext(const ResourceRequest& request, int trigger,
+RequestContext::RequestContext(const ResourceRequest& request, UpdateTrigger trigger,
                                std::string_view tracePrefix)
     : trigger(trigger), request_(&request), tracePrefix_(tracePrefix) {
     if (request.url.starts_with("http://") && Settings::Snapshot()->requestForceHttpsValue()) {
@@ -28,7 +29,7 @@ RequestContext::RequestContext(const ResourceRequest& request, int trigger,
     }
 }
 
-RequestContext::RequestContext(int trigger, std::string_view tracePrefix)
+RequestContext::RequestContext(UpdateTrigger trigger, std::string_view tracePrefix)
     : trigger(trigger), tracePrefix_(tracePrefix) {}
 
 void RequestContext::detach() {
@@ -57,8 +58,7 @@ std::string_view RequestContext::origin() {
 const std::string& RequestContext::accept() {
     if (!accept_) {
         std::string value(Http::headerValue(header(), Http::headerName(Http::kAccept)));
-        for (char& c : value)
-            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        Ascii::lowerInPlace(value);
         accept_ = std::move(value);
     }
     return *accept_;
@@ -90,6 +90,17 @@ const std::string& ResourcePart::traceId() {
     return traceId_;
 }
 
+void ResourcePart::finish() {
+    if (finished_) return;
+    finished_ = true;
+    releaseAfterRead();
+}
+
+void ResourcePart::releaseAfterRead() {
+    // The last hold to go sees every write of the others: the request's and the reads'.
+    if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1) reportVisit();
+}
+
 // ---- Resource ----
 
 Resource::Resource(std::shared_ptr<RequestContext> context, std::string parentId, bool uniApp)
@@ -99,19 +110,23 @@ Resource::Resource(std::shared_ptr<RequestContext> context, std::string parentId
       startTime(MRLCurrentClock()),
       lastTime(startTime) {}
 
-Resource::~Resource() {
+void Resource::finish() {
+    if (finished_) return;
+    finished_ = true;
     // Without a proxy that takes records, building one would only cost the request.
-    if (!ProxyCalls::takesEvents()) return;
-    PerfRecord record("Ferrit.VisitPerf");
-    record.setDimension("resourceCount", std::to_string(parts.size()));
-    record.setDimension("type", group ? group->type : std::string("sync"));
-    record.setMeasure("matchTime", matchTime);
-    record.setMeasure("readTime", readTime);
-    record.setMeasure("time", lastTime - startTime);
-    sendEvent(record);
+    if (ProxyCalls::takesEvents()) {
+        PerfRecord record("Ferrit.VisitPerf");
+        record.setDimension("resourceCount", std::to_string(parts.size()));
+        record.setDimension("type", group ? group->type : std::string("sync"));
+        record.setMeasure("matchTime", matchTime);
+        record.setMeasure("readTime", readTime);
+        record.setMeasure("time", lastTime - startTime);
+        sendEvent(record);
+    }
+    for (const auto& part : parts) part->finish();
 }
 
-void Resource::addPart(std::shared_ptr<ResourcePart> part, int kind) {
+void Resource::addPart(std::shared_ptr<ResourcePart> part, MatchKind kind) {
     const double now = MRLCurrentClock();
     matchTime = now - lastTime;
     lastTime = now;
@@ -203,6 +218,10 @@ void Resource::readAsync(
     const double start = MRLCurrentClock();
     // The completions hold the Resource: the caller may let go of it before they run.
     if (group) {
+        // The answer may come, and the request end, before the group has read every part (a batch
+        // refused at once): a part read after that reports its visit once the group is done.
+        const std::shared_ptr<Resource> held = shared_from_this();
+        for (const auto& part : parts) part->holdForRead();
         std::shared_ptr<ReadGroup> running = group;
         running->run([this, self = shared_from_this(), start, callback = std::move(callback)](
                          const std::string& data, const Error& e) {
@@ -214,6 +233,7 @@ void Resource::readAsync(
             log.done();
             callback(data, e);
         });
+        for (const auto& part : parts) part->releaseAfterRead();
         return;
     }
     std::shared_ptr<ResourcePart> only = parts.front();

@@ -2,7 +2,8 @@
 // file-like source) and Resource (the result of matching); ReadGroup (access/ReadGroup.h) drives
 // the reads of several parts.
 // Resource and ResourcePart are shared between the calling thread and read completions; only
-// their reference counts are atomic, and each completion writes the fields of its own part.
+// their reference counts and a part's read holds are atomic, and each completion writes the
+// fields of its own part.
 #pragma once
 
 #include <atomic>
@@ -14,6 +15,7 @@
 
 #include "base/Http.h"
 #include "base/LogTags.h"
+#include "base/Telemetry.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
 #include "marl/Log.h"
@@ -24,24 +26,25 @@ struct ComboRule;
 class ResponseMemory;
 
 // How a URL match relates to the SCache packs.
-enum MatchKind : int {
+enum class MatchKind : int {
     kMatchNone = 0,            // not an SCache claim
     kMatchReferrerSCache = 1,  // the referrer's pack is an SCache pack that claims this file type
     kMatchUrlSCache = 2,       // the URL itself is in an SCache pack
 };
+using enum MatchKind;
 
 class RequestContext {
   public:
     // The request's URL and headers are read where they are until detach(): the request must
     // outlive the match. An "http://" URL becomes "https://" when the setting requestForceHttps
     // is on. The trace id takes `tracePrefix`.
-    RequestContext(const ResourceRequest& request, int trigger,
+    RequestContext(const ResourceRequest& request, UpdateTrigger trigger,
                    std::string_view tracePrefix = TracePrefix::kAccess);
     // A temporary request would be gone before the match reads it.
-    RequestContext(ResourceRequest&& request, int trigger,
+    RequestContext(ResourceRequest&& request, UpdateTrigger trigger,
                    std::string_view tracePrefix = TracePrefix::kAccess) = delete;
     // A context without a request (the shared context of the pack reader).
-    RequestContext(int trigger, std::string_view tracePrefix);
+    RequestContext(UpdateTrigger trigger, std::string_view tracePrefix);
 
     // The end of the match: the request may go. A context whose parts read its URL or headers
     // later (keep() was asked for) holds copies; any other has answered all it was asked.
@@ -60,7 +63,7 @@ class RequestContext {
     // The trace id, made on first use: a request that is never logged or reported never needs one.
     const std::string& traceId();
 
-    int trigger = 0;
+    UpdateTrigger trigger = kTriggerNone;
     const ComboRule* comboRule = nullptr;
 
     // Computed on first use; used by one thread at a time (the matcher, then one completion).
@@ -119,6 +122,17 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
     // Generated on first use with the prefix "FT_Resource".
     const std::string& traceId();
 
+    // The end of the request for this part, called once by whoever ends the request
+    // (Resource::finish, or the matcher when it drops the part); a second call does nothing. A
+    // part that reports its visit does so once the request has ended it and no read holds it any
+    // more, on the thread that lets go last. Destroying a part reports nothing. Called by the
+    // part's owner, one thread at a time.
+    void finish();
+    // Keeps the visit's report back while a read that may finish after the request still writes
+    // the part; every holdForRead() is matched by one releaseAfterRead(), on any thread.
+    void holdForRead() { holds_.fetch_add(1, std::memory_order_relaxed); }
+    void releaseAfterRead();
+
     // The clock when a synchronous read of this part began and when it ended, for a reader that
     // times the same span (0 when unknown): each boundary's clock is read once.
     double readStart = 0;
@@ -129,29 +143,41 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
     std::shared_ptr<RequestContext> context;
     Error error;
 
+  protected:
+    // Sends what the part reports of its visit; runs once, when the request has ended the part
+    // and no read holds it. Most parts report nothing.
+    virtual void reportVisit() {}
+
   private:
     std::string traceId_;
+    // One hold for the request (let go by finish()) and one per read in progress.
+    std::atomic<uint32_t> holds_{1};
+    bool finished_ = false;  // finish() ran
 };
 
 class ReadGroup;
 
+// What Access::match returns reports no visit by itself: the request's records go out with
+// finish(), which the response made of it calls when it is finished or released.
 class Resource : public std::enable_shared_from_this<Resource> {
   public:
     Resource(std::shared_ptr<RequestContext> context, std::string parentId, bool uniApp);
-    // Sends "Ferrit.VisitPerf".
-    ~Resource();
+    // Sends nothing: a request reports its visit through finish().
+    ~Resource() = default;
 
     Resource(const Resource&) = delete;
     Resource& operator=(const Resource&) = delete;
 
     // Stamps matchTime and lastTime, takes the part's error, appends the part, sets isSCacheHit
-    // for kind 2, and is404 when kind is not 0, there is an error and scache404Enabled is on.
-    void addPart(std::shared_ptr<ResourcePart> part, int kind);
+    // for kMatchUrlSCache, and is404 when kind is not kMatchNone, there is an error and
+    // scache404Enabled is on.
+    void addPart(std::shared_ptr<ResourcePart> part, MatchKind kind);
     // Reads every part on the calling thread; empty on any failure (then `error` is set). With
     // `memory`, the bytes of a one-part answer may go there instead (ResponseMemory::filled).
     std::string read(ResponseMemory* memory = nullptr);
     // `callback(data, error)` runs once, on whichever thread finishes last. The Resource must be
-    // held by a shared pointer; the completion keeps it alive.
+    // held by a shared pointer; the completion keeps it alive. No part of a group reports its
+    // visit before the group has read it.
     void readAsync(std::function<void(const std::string& data, const Error& error)> callback);
     // Creates the group over the current parts.
     void makeGroup();
@@ -160,6 +186,13 @@ class Resource : public std::enable_shared_from_this<Resource> {
     // `end`, when not 0, is the clock at the end of the read, already read.
     MarlLogger::LogBuilder finishRead(double start, size_t size, const Error& readError,
                                       double end = 0);
+    // The end of the request: sends "Ferrit.VisitPerf" (its time ends at `lastTime`), then ends
+    // each part (ResourcePart::finish). Once: a second call does nothing. Called by whoever holds
+    // the request last: the response's setFinished or release, or the code that drops a match
+    // it will not answer with. Not thread-safe; no read of the request may still be running,
+    // except a part's, which holds that part's report back by itself.
+    void finish();
+    bool finished() const { return finished_; }
 
     std::shared_ptr<RequestContext> context;
     std::string parentId;
@@ -174,6 +207,9 @@ class Resource : public std::enable_shared_from_this<Resource> {
     bool is404 = false;
     bool isSCacheHit = false;
     std::shared_ptr<ReadGroup> group;
+
+  private:
+    bool finished_ = false;
 };
 
 }  // namespace FerritCore

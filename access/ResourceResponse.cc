@@ -115,15 +115,22 @@ ResourceResponse::ResourceResponse(Error failure) : error(std::move(failure)) {
     header[std::string(Http::kFerritInfo)] = ",0," + std::to_string(error.code());
 }
 
-ResourceResponse::~ResourceResponse() = default;
+ResourceResponse::~ResourceResponse() {
+    // A host that never calls setFinished has consumed the response by releasing it.
+    if (resource) resource->finish();
+}
 
 void ResourceResponse::setFinished(Error finishError) {
     if (!resource) return;
     resource->lastTime = MRLCurrentClock();
-    MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource->logTag);
-    if (!log.active()) return;
-    log.event("finish", resource->parentId).id(resource->context->traceId());
-    if (finishError) log.error(finishError);
+    {
+        MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, resource->logTag);
+        if (log.active()) {
+            log.event("finish", resource->parentId).id(resource->context->traceId());
+            if (finishError) log.error(finishError);
+        }
+    }
+    resource->finish();
 }
 
 }  // namespace FerritCore

@@ -13,7 +13,8 @@ void UpdateRequester::set(std::shared_ptr<UpdateRequester> requester) {
     ServiceSlot<UpdateRequester>::instance().set(std::move(requester));
 }
 
-void requestUpdate(const std::string& name, int trigger, UpdateRequester::Completion completion) {
+void requestUpdate(const std::string& name, UpdateTrigger trigger,
+                   UpdateRequester::Completion completion) {
     if (std::shared_ptr<UpdateRequester> requester = UpdateRequester::current()) {
         requester->request(name, trigger, std::move(completion));
         return;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Telemetry.h"
 #include "ferritcore/Error.h"
 
 namespace FerritCore {
@@ -20,7 +21,7 @@ class UpdateRequester {
     virtual ~UpdateRequester() = default;
     // Asks for an update of `name` with `trigger`; `completion` (may be empty) learns the outcome,
     // on any thread.
-    virtual void request(const std::string& name, int trigger, Completion completion) = 0;
+    virtual void request(const std::string& name, UpdateTrigger trigger, Completion completion) = 0;
     // A reader holds the pack `name` for its life: no update replaces it meanwhile. Holds nest;
     // each hold is released once.
     virtual void holdPack(const std::string& name) = 0;
@@ -35,7 +36,7 @@ class UpdateRequester {
 };
 
 // Hands the request to the installed requester, or answers 2003.
-void requestUpdate(const std::string& name, int trigger,
+void requestUpdate(const std::string& name, UpdateTrigger trigger,
                    UpdateRequester::Completion completion = {});
 // Hand the hold to the installed requester; nothing without one.
 void holdPackForReading(const std::string& name);

@@ -163,7 +163,7 @@ void ProxyAssetProvider::loadModule(const std::string& module, LoadCallback call
 namespace Assets {
 
 bool hasAsset(const std::string& path) {
-    return callOr(AssetProvider::current(), &AssetProvider::hasAsset, false, path);
+    return callOr(AssetProvider::current(), &AssetProvider::hasAsset, /*fallback=*/false, path);
 }
 
 std::vector<std::string> listAsset(const std::string& path) {

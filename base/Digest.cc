@@ -3,18 +3,14 @@
 #include <openssl/evp.h>
 #include <zlib.h>
 
+#include "support/Ascii.h"
+
 namespace FerritCore::Digest {
 
 namespace {
 
 std::string toHex(const unsigned char* digest, unsigned int length) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string hex(static_cast<size_t>(length) * 2, '\0');
-    for (unsigned int i = 0; i < length; ++i) {
-        hex[2 * i] = kHex[digest[i] >> 4];
-        hex[2 * i + 1] = kHex[digest[i] & 0xF];
-    }
-    return hex;
+    return Ascii::hex(digest, length);
 }
 
 }  // namespace

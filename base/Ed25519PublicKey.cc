@@ -7,6 +7,7 @@
 #include <openssl/x509.h>
 
 #include "base/Digest.h"
+#include "support/Ascii.h"
 
 namespace FerritCore {
 namespace {
@@ -29,9 +30,8 @@ std::string_view trimmed(std::string_view text) {
 
 bool isBase64Text(std::string_view text) {
     for (char c : text) {
-        const bool letter =
-            (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-        if (!letter && c != '+' && c != '/' && c != '=' && c != '\n' && c != '\r') return false;
+        if (!Ascii::isAlphaNumeric(c) && c != '+' && c != '/' && c != '=' && c != '\n' && c != '\r')
+            return false;
     }
     return true;
 }
@@ -167,14 +167,7 @@ std::string Ed25519PublicKey::idOfRaw(std::string_view raw) {
     if (raw.size() != kRawSize) return {};
     unsigned char digest[SHA256_DIGEST_LENGTH];
     if (EVP_Digest(raw.data(), raw.size(), digest, nullptr, EVP_sha256(), nullptr) != 1) return {};
-    constexpr char kHex[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(kIdLength);
-    for (size_t i = 0; i < kIdLength / 2; ++i) {
-        text.push_back(kHex[digest[i] >> 4]);
-        text.push_back(kHex[digest[i] & 0x0F]);
-    }
-    return text;
+    return Ascii::hex(digest, kIdLength / 2);
 }
 
 }  // namespace FerritCore

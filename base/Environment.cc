@@ -88,23 +88,6 @@ bool Environment::setFlag(uint32_t bit) {
     return false;
 }
 
-void Environment::addCooldown(const std::string& name) {
-    MutexLock lock(mutex_);
-    cooldowns_[name] = MRLCurrentClock() + 5000.0;
-    cooldownCount_.store(cooldowns_.size(), std::memory_order_release);
-}
-
-bool Environment::inCooldown(std::string_view name) {
-    if (cooldownCount_.load(std::memory_order_acquire) == 0) return false;
-    MutexLock lock(mutex_);
-    auto it = cooldowns_.find(std::string(name));
-    if (it == cooldowns_.end()) return false;
-    if (MRLCurrentClock() < it->second) return true;
-    cooldowns_.erase(it);
-    cooldownCount_.store(cooldowns_.size(), std::memory_order_release);
-    return false;
-}
-
 void Environment::setProxy(std::shared_ptr<Proxy> proxy) {
     MutexLock lock(proxyMutex_);
     takesEvents_.store(proxy != nullptr && proxy->takesEvents(), std::memory_order_release);
@@ -123,7 +106,7 @@ void Environment::reset() {
     setDeveloperDisabled(0);
     feature_.store(0, std::memory_order_release);
     env_.store(2, std::memory_order_relaxed);
-    networkStatus_.store(0, std::memory_order_relaxed);
+    networkStatus_.store(NetworkStatus::kNone, std::memory_order_relaxed);
     flags_.store(0, std::memory_order_release);
     clientActive_.store(false, std::memory_order_release);
     activeSince_.store(0, std::memory_order_release);
@@ -133,8 +116,6 @@ void Environment::reset() {
     appVersion_.clear();
     locale_.clear();
     referer_.clear();
-    cooldowns_.clear();
-    cooldownCount_.store(0, std::memory_order_release);
 }
 
 }  // namespace FerritCore

@@ -7,8 +7,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 
 #include "base/Published.h"
 
@@ -20,21 +18,38 @@ class Proxy;
 
 // SetupFlags: how far start-up has come. Each bit is set once, by whichever call wins.
 enum SetupFlag : uint32_t {
-    kSetupDone = 1,                 // the first effective setup
-    kConfigFirstUpdated = 2,        // the first finished configuration update of the process
-    kAutoStartAllowed = 4,          // setup was told that the host will not call startUpdate
-    kUpdateStarted = 8,             // startUpdate ran
-    kInitialConfigFinished = 1024,  // a configuration update that was the initial one finished
+    kSetupDone = 0x1,                // the first effective setup
+    kConfigFirstUpdated = 0x2,       // the first finished configuration update of the process
+    kAutoStartAllowed = 0x4,         // setup was told that the host will not call startUpdate
+    kUpdateStarted = 0x8,            // startUpdate ran
+    kInitialConfigFinished = 0x400,  // a configuration update that was the initial one finished
 };
 
 // What a SetupFlags value says in words, for messages that carry the value: which steps of
 // start-up had happened ("set up, first configuration update not finished, updating not started").
 std::string setupPhaseWords(uint32_t flags);
 
+// Which service environment the process talks to. The numbers are the host's and are stored in
+// the configuration document; any other number means "Release".
+enum ServiceEnv : int32_t {
+    kEnvDebug = 0,  // pre-release configuration; packs come from the release endpoint
+    kEnvDaily = 1,
+    kEnvRelease = 2,
+};
+
+// The host's network status, as setNetworkStatus gives it. The numbers are the host's own and
+// appear in the log; a value outside them is kept as it came and downloads nothing.
+enum class NetworkStatus : uint32_t {
+    kNone = 0,  // the start: no download until the host names a network
+    kUnrestricted = 1,
+    kSlowMobile = 2,
+    kFastMobile = 3,
+};
+
 // Feature bits of the status report.
 enum FeatureBit : uint32_t {
-    kFeaturePushRegistered = 1,  // the push topics are registered
-    kFeatureRemoteSettings = 2,  // a remote settings map was applied
+    kFeaturePushRegistered = 0x1,  // the push topics are registered
+    kFeatureRemoteSettings = 0x2,  // a remote settings map was applied
 };
 
 class Environment {
@@ -64,13 +79,12 @@ class Environment {
     }
     bool isDisabledByDeveloper() const { return developerDisabled() != 0; }
 
-    // The host's network status: 0 none, 1 unrestricted, 2 slow mobile, 3 fast mobile.
-    uint32_t networkStatus() const { return networkStatus_.load(std::memory_order_relaxed); }
-    void setNetworkStatusValue(uint32_t status) {
+    NetworkStatus networkStatus() const { return networkStatus_.load(std::memory_order_relaxed); }
+    void setNetworkStatusValue(NetworkStatus status) {
         networkStatus_.store(status, std::memory_order_relaxed);
     }
 
-    // Which service environment the process talks to: 0 "Debug", 1 "Daily", 2 "Release".
+    // Which service environment the process talks to (ServiceEnv).
     int32_t env() const { return env_.load(std::memory_order_relaxed); }
     void setEnvValue(int32_t env) { env_.store(env, std::memory_order_relaxed); }
 
@@ -105,11 +119,6 @@ class Environment {
     std::string sessionName() const;
     void setSessionName(std::string name);
 
-    // Until-times of aggregate requests: a write holds the name for 5000 ms of the clock; a read
-    // answers true while that time has not passed and forgets the entry once it has.
-    void addCooldown(const std::string& name);
-    bool inCooldown(std::string_view name);
-
   private:
     Environment() = default;
     // Back to the initial state (ProcessState::resetForTesting).
@@ -122,8 +131,8 @@ class Environment {
     std::atomic<bool> takesEvents_{false};
     std::atomic<bool> isMainProcess_{true};
     std::atomic<uint32_t> developerDisabled_{0};
-    std::atomic<int32_t> env_{2};
-    std::atomic<uint32_t> networkStatus_{0};
+    std::atomic<int32_t> env_{kEnvRelease};
+    std::atomic<NetworkStatus> networkStatus_{NetworkStatus::kNone};
     std::atomic<uint32_t> flags_{0};
     std::atomic<bool> clientActive_{false};
     std::atomic<double> activeSince_{0};
@@ -136,9 +145,6 @@ class Environment {
     std::string appVersion_ GUARDED_BY(mutex_);
     std::string locale_ GUARDED_BY(mutex_);
     std::string referer_ GUARDED_BY(mutex_);
-    std::unordered_map<std::string, double> cooldowns_ GUARDED_BY(mutex_);
-    // Lets a read skip the lock while there are no cooldowns, which is nearly always.
-    std::atomic<size_t> cooldownCount_{0};
 };
 
 }  // namespace FerritCore

@@ -92,12 +92,12 @@ enum SharedIndex {
 const std::array<Error, kSharedCount>& shared() {
     static const auto* table = new std::array<Error, kSharedCount>{
         Error(),
-        Error(9991, std::string("Ferrit proxy not initialized")),
-        Error(3001, std::string("Not Ferrit resource")),
-        Error(3003, std::string("Ferrit disabled by develop tool")),
-        Error(3003, std::string("Ferrit disabled by X-Ferrit-Control header")),
-        Error(9995, std::string("JNI failed")),
-        Error(9995, std::string("NAPI failed")),
+        Error(kProxyNotInitialized, std::string("Ferrit proxy not initialized")),
+        Error(kNotFerritResource, std::string("Not Ferrit resource")),
+        Error(kDisabled, std::string("Ferrit disabled by develop tool")),
+        Error(kDisabled, std::string("Ferrit disabled by X-Ferrit-Control header")),
+        Error(kHostFailed, std::string("JNI failed")),
+        Error(kHostFailed, std::string("NAPI failed")),
     };
     return *table;
 }
@@ -135,11 +135,12 @@ const Error& napiFailedRef() {
 // 1xxx: network and storage.
 
 Error requestInvalidUrl(const std::string& url) {
-    return Error(1001, "request \"%s\" invalid URL", url.c_str());
+    return Error(kRequestInvalidUrl, "request \"%s\" invalid URL", url.c_str());
 }
 
 Error requestFailed(const std::string& url, int code, const std::string& message) {
-    return Error(1003, "request \"%s\" failed: %d, %s", url.c_str(), code, message.c_str());
+    return Error(kRequestFailed, "request \"%s\" failed: %d, %s", url.c_str(), code,
+                 message.c_str());
 }
 
 Error requestTimedOut(const std::string& url, double deadlineMs) {
@@ -149,126 +150,129 @@ Error requestTimedOut(const std::string& url, double deadlineMs) {
 }
 
 Error resourceManagerNotFound() {
-    return Error(1003, std::string("ResourceManager not found"));
+    return Error(kRequestFailed, std::string("ResourceManager not found"));
 }
 
 Error requestInvalidStatus(const std::string& url, unsigned status) {
-    return Error(1004, "request \"%s\" invalid status code %u (%s)", url.c_str(), status,
-                 statusWords(status));
+    return Error(kRequestInvalidStatus, "request \"%s\" invalid status code %u (%s)", url.c_str(),
+                 status, statusWords(status));
 }
 
 Error noServerAddress(std::string_view server, std::string_view key) {
-    return Error(1002, "No server address: the host set no %.*s (%.*s)",
+    return Error(kNoServerAddress, "No server address: the host set no %.*s (%.*s)",
                  static_cast<int>(server.size()), server.data(), static_cast<int>(key.size()),
                  key.data());
 }
 
 Error hostInvalidStatus(std::string_view given) {
-    return Error(1004,
+    return Error(kRequestInvalidStatus,
                  "invalid status code %.*s from the host: not an HTTP status (a whole number "
                  "from 100 to 599)",
                  static_cast<int>(given.size()), given.data());
 }
 
 Error requestNoData(const std::string& url) {
-    return Error(1006, "request \"%s\" no data", url.c_str());
+    return Error(kRequestNoData, "request \"%s\" no data", url.c_str());
 }
 
 Error requestDeserialization(const std::string& url) {
-    return Error(1007, "request \"%s\" deserialization failed", url.c_str());
+    return Error(kRequestDeserialization, "request \"%s\" deserialization failed", url.c_str());
 }
 
 Error requestDeserialization(const std::string& url, const std::string& reason) {
-    return Error(1007, "request \"%s\" deserialization failed: %s", url.c_str(), reason.c_str());
+    return Error(kRequestDeserialization, "request \"%s\" deserialization failed: %s", url.c_str(),
+                 reason.c_str());
 }
 
 Error requestTooLarge(const std::string& url, unsigned long long size, unsigned long long limit,
                       const char* limitName) {
-    return Error(1007,
+    return Error(kRequestDeserialization,
                  "request \"%s\" deserialization failed: %llu bytes, above the limit of %llu "
                  "(\"%s\")",
                  url.c_str(), size, limit, limitName);
 }
 
 Error requestVerifySignature(const std::string& url, const std::string& md5) {
-    return Error(1010, "request \"%s\" verify failed: MD5 is \"%s\"", url.c_str(), md5.c_str());
+    return Error(kRequestVerify, "request \"%s\" verify failed: MD5 is \"%s\"", url.c_str(),
+                 md5.c_str());
 }
 
 Error requestVerifyMd5(const std::string& url, const std::string& md5,
                        const std::string& expected) {
-    return Error(1010, "request \"%s\" verify failed: MD5 \"%s\" different with expected \"%s\"",
+    return Error(kRequestVerify,
+                 "request \"%s\" verify failed: MD5 \"%s\" different with expected \"%s\"",
                  url.c_str(), md5.c_str(), expected.c_str());
 }
 
 Error requestRefused(const std::string& url, const std::string& reason) {
-    return Error(1010, "request \"%s\" refused: %s", url.c_str(), reason.c_str());
+    return Error(kRequestVerify, "request \"%s\" refused: %s", url.c_str(), reason.c_str());
 }
 
 Error aggregateVerifyCount(int count, int expected) {
-    return Error(1010,
+    return Error(kRequestVerify,
                  "aggregate verify failed: resource count \"%d\" not equal to expected \"%d\"",
                  count, expected);
 }
 
 Error cacheVerify(const std::string& url, const std::string& reason) {
-    return Error(1010, "cache verify failed: \"%s\" %s", url.c_str(), reason.c_str());
+    return Error(kRequestVerify, "cache verify failed: \"%s\" %s", url.c_str(), reason.c_str());
 }
 
 Error fileNotExists(const Folder& file) {
-    return Error(1101, "file \"%s\" not exists", file.describe().c_str());
+    return Error(kFileNotExists, "file \"%s\" not exists", file.describe().c_str());
 }
 
 Error assetNotExists() {
-    return Error(1101, std::string("Resource not exists"));
+    return Error(kFileNotExists, std::string("Resource not exists"));
 }
 
 Error storageNotExists(const std::string& storage, std::string_view key) {
-    return Error(1101, "Storage \"%s/%.*s\" not exists", storage.c_str(), viewLength(key),
+    return Error(kFileNotExists, "Storage \"%s/%.*s\" not exists", storage.c_str(), viewLength(key),
                  viewData(key));
 }
 
 Error storeNotExists(const std::string& prefix, std::string_view key) {
-    return Error(1101, "store \"%s%.*s\" not exists", prefix.c_str(), viewLength(key),
+    return Error(kFileNotExists, "store \"%s%.*s\" not exists", prefix.c_str(), viewLength(key),
                  viewData(key));
 }
 
 Error fileRead(const Folder& file, int errnum) {
-    return Error(1102, "read file \"%s\" failed: %d, %s", file.describe().c_str(), errnum,
+    return Error(kFileRead, "read file \"%s\" failed: %d, %s", file.describe().c_str(), errnum,
                  errnoText(errnum).c_str());
 }
 
 Error fileRead(const Folder& file, int code, const std::string& message) {
-    return Error(1102, "read file \"%s\" failed: %d, %s", file.describe().c_str(), code,
+    return Error(kFileRead, "read file \"%s\" failed: %d, %s", file.describe().c_str(), code,
                  message.c_str());
 }
 
 Error fileReadInvalidType(const Folder& file) {
-    return Error(1102, "read file \"%s\" failed: invalid type %s", file.describe().c_str(),
+    return Error(kFileRead, "read file \"%s\" failed: invalid type %s", file.describe().c_str(),
                  folderKindName(file.kind()));
 }
 
 Error fileReadInvalidType(const Folder& file, const std::string& type) {
-    return Error(1102, "read file \"%s\" failed: invalid type %s", file.describe().c_str(),
+    return Error(kFileRead, "read file \"%s\" failed: invalid type %s", file.describe().c_str(),
                  type.c_str());
 }
 
 Error storageRead(const std::string& storage, std::string_view key, int status) {
-    return Error(1102, "Storage read \"%s/%.*s\" failed: %d", storage.c_str(), viewLength(key),
+    return Error(kFileRead, "Storage read \"%s/%.*s\" failed: %d", storage.c_str(), viewLength(key),
                  viewData(key), status);
 }
 
 Error storeRead(const std::string& prefix, std::string_view key, int status) {
-    return Error(1102, "read store \"%s%.*s\" failed: %d", prefix.c_str(), viewLength(key),
+    return Error(kFileRead, "read store \"%s%.*s\" failed: %d", prefix.c_str(), viewLength(key),
                  viewData(key), status);
 }
 
 Error storeDeserialize(const std::string& prefix, std::string_view key, const std::string& reason) {
-    return Error(1102, "deserialize store \"%s%.*s\" failed: %s", prefix.c_str(), viewLength(key),
-                 viewData(key), reason.c_str());
+    return Error(kFileRead, "deserialize store \"%s%.*s\" failed: %s", prefix.c_str(),
+                 viewLength(key), viewData(key), reason.c_str());
 }
 
 Error storeInvalidType(const std::string& prefix, std::string_view key, const std::string& type) {
-    return Error(1102, "read store \"%s%.*s\" failed: invalid type %s", prefix.c_str(),
+    return Error(kFileRead, "read store \"%s%.*s\" failed: invalid type %s", prefix.c_str(),
                  viewLength(key), viewData(key), type.c_str());
 }
 
@@ -279,154 +283,160 @@ Error cacheCrc(const std::string& url, unsigned crc, unsigned expected) {
     // compiler rightly sees an unused argument; passing it is harmless for a variadic call.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-extra-args"
-    return Error(1102, "read cache \"%s\" failed: CRC &ul not equal to expected %ul", url.c_str(),
-                 crc, expected);
+    return Error(kFileRead, "read cache \"%s\" failed: CRC &ul not equal to expected %ul",
+                 url.c_str(), crc, expected);
 #pragma GCC diagnostic pop
 }
 
 Error fileNoData(const Folder& file) {
-    return Error(1103, "file \"%s\" no data", file.describe().c_str());
+    return Error(kNoData, "file \"%s\" no data", file.describe().c_str());
 }
 
 Error fileWrite(const Folder& file, int errnum) {
-    return Error(1104, "file \"%s\" write failed: %d, %s", file.describe().c_str(), errnum,
+    return Error(kFileWrite, "file \"%s\" write failed: %d, %s", file.describe().c_str(), errnum,
                  errnoText(errnum).c_str());
 }
 
 Error renameDiskOnly(const Folder& from, const Folder& to) {
-    return Error(1104, "rename from \"%s\" to \"%s\" only support disk file",
+    return Error(kFileWrite, "rename from \"%s\" to \"%s\" only support disk file",
                  from.describe().c_str(), to.describe().c_str());
 }
 
 Error storageWrite(const std::string& storage, std::string_view key, int status) {
-    return Error(1104, "Storage \"%s/%.*s\" write failed: %d", storage.c_str(), viewLength(key),
-                 viewData(key), status);
+    return Error(kFileWrite, "Storage \"%s/%.*s\" write failed: %d", storage.c_str(),
+                 viewLength(key), viewData(key), status);
 }
 
 Error storeWrite(const std::string& prefix, std::string_view key, int status) {
-    return Error(1104, "write storage \"%s%.*s\" failed: %d", prefix.c_str(), viewLength(key),
+    return Error(kFileWrite, "write storage \"%s%.*s\" failed: %d", prefix.c_str(), viewLength(key),
                  viewData(key), status);
 }
 
 Error storageCreateMeta(const std::string& storage, std::string_view key, const std::string& meta) {
-    return Error(1104, "Storage \"%s/%.*s\" create meta \"%s\" failed", storage.c_str(),
+    return Error(kFileWrite, "Storage \"%s/%.*s\" create meta \"%s\" failed", storage.c_str(),
                  viewLength(key), viewData(key), meta.c_str());
 }
 
 Error assetReadonly(const Folder& file) {
-    return Error(1105, "file \"%s\" write failed: asset is readonly", file.describe().c_str());
+    return Error(kAssetReadonly, "file \"%s\" write failed: asset is readonly",
+                 file.describe().c_str());
 }
 
 Error fileVerifySignature(const Folder& file, const std::string& md5) {
-    return Error(1106, "file \"%s\" verify failed: MD5 is \"%s\"", file.describe().c_str(),
+    return Error(kFileVerify, "file \"%s\" verify failed: MD5 is \"%s\"", file.describe().c_str(),
                  md5.c_str());
 }
 
 Error fileVerifyMd5(const Folder& file, const std::string& md5, const std::string& expected) {
-    return Error(1106, "file \"%s\" verify failed: MD5 \"%s\" different with expectation \"%s\"",
+    return Error(kFileVerify,
+                 "file \"%s\" verify failed: MD5 \"%s\" different with expectation \"%s\"",
                  file.describe().c_str(), md5.c_str(), expected.c_str());
 }
 
 Error fileVerifySize(const Folder& file, unsigned long long size, unsigned long long expected) {
-    return Error(1106, "file \"%s\" verify failed: size %llu different with expectation %llu",
+    return Error(kFileVerify,
+                 "file \"%s\" verify failed: size %llu different with expectation %llu",
                  file.describe().c_str(), size, expected);
 }
 
 Error fileDeserialization(const Folder& file) {
-    return Error(1107, "file \"%s\" deserialization failed", file.describe().c_str());
+    return Error(kFileDeserialization, "file \"%s\" deserialization failed",
+                 file.describe().c_str());
 }
 
 Error fileDeserialization(const Folder& file, const std::string& reason) {
-    return Error(1107, "file \"%s\" deserialization failed: %s", file.describe().c_str(),
-                 reason.c_str());
+    return Error(kFileDeserialization, "file \"%s\" deserialization failed: %s",
+                 file.describe().c_str(), reason.c_str());
 }
 
 Error readAsyncOnly(const Folder& file) {
-    return Error(1108, "file \"%s\" can only read asynchronous", file.describe().c_str());
+    return Error(kReadAsyncOnly, "file \"%s\" can only read asynchronous", file.describe().c_str());
 }
 
 Error storageDelete(const std::string& storage, std::string_view key, int status) {
-    return Error(1109, "Storage \"%s/%.*s\" delete failed: %d", storage.c_str(), viewLength(key),
-                 viewData(key), status);
+    return Error(kStorageDelete, "Storage \"%s/%.*s\" delete failed: %d", storage.c_str(),
+                 viewLength(key), viewData(key), status);
 }
 
 Error storageWritePaused(const std::string& storage, std::string_view key,
                          const std::string& state) {
-    return Error(1104, "Storage \"%s/%.*s\" write paused: %s", storage.c_str(), viewLength(key),
-                 viewData(key), state.c_str());
+    return Error(kFileWrite, "Storage \"%s/%.*s\" write paused: %s", storage.c_str(),
+                 viewLength(key), viewData(key), state.c_str());
 }
 
 Error packNameMismatch(const std::string& name, const std::string& other) {
-    return Error(1201, "%s packName mismatch: %s", name.c_str(), other.c_str());
+    return Error(kPackNameMismatch, "%s packName mismatch: %s", name.c_str(), other.c_str());
 }
 
 Error serverError(const std::string& name, int phase) {
     // The phase is the SetupFlags value when the answer came; its number stays for whoever reads
     // it by number, and the words say which steps of start-up had happened.
-    return Error(1202, "%s server error, phase: %d (%s)", name.c_str(), phase,
+    return Error(kServerError, "%s server error, phase: %d (%s)", name.c_str(), phase,
                  setupPhaseWords(static_cast<uint32_t>(phase)).c_str());
 }
 
 // 2xxx: updating.
 
 Error networkNotSupported(const std::string& name, const std::string& status) {
-    return Error(2001, "%s network not supported: %s", name.c_str(), status.c_str());
+    return Error(kNetworkNotSupported, "%s network not supported: %s", name.c_str(),
+                 status.c_str());
 }
 
 Error packUpdateDisabled(const std::string& name) {
-    return followedBy(2002, name, " update disabled");
+    return followedBy(kPackUpdateDisabled, name, " update disabled");
 }
 
 Error updateDisabled() {
-    return Error(2003, std::string("update disabled"));
+    return Error(kUpdateDisabled, std::string("update disabled"));
 }
 
 Error subProcessUpdateDisabled() {
-    return Error(2004, std::string("sub process update disabled"));
+    return Error(kSubProcessDisabled, std::string("sub process update disabled"));
 }
 
 Error subProcessClearDisabled() {
-    return Error(2004, std::string("sub process clear disabled"));
+    return Error(kSubProcessDisabled, std::string("sub process clear disabled"));
 }
 
 Error updateEliminated(const std::string& name) {
-    return followedBy(2101, name, " eliminated");
+    return followedBy(kUpdateEliminated, name, " eliminated");
 }
 
 Error packDeleted(const std::string& name) {
-    return followedBy(2102, name, " deleted");
+    return followedBy(kPackDeleted, name, " deleted");
 }
 
 Error tooManyApps() {
-    return Error(2103, std::string("Too many apps installed"));
+    return Error(kTooManyApps, std::string("Too many apps installed"));
 }
 
 Error tooManyApps(const std::string& cause) {
-    return Error(2103, "Too many apps installed: %s", cause.c_str());
+    return Error(kTooManyApps, "Too many apps installed: %s", cause.c_str());
 }
 
 Error unzipFailed(const std::string& path, const std::string& reason) {
-    return Error(2207, "unzip \"%s\" failed: %s", path.c_str(), reason.c_str());
+    return Error(kUnzipFailed, "unzip \"%s\" failed: %s", path.c_str(), reason.c_str());
 }
 
 Error unzipTempPath(const std::string& path) {
-    return Error(2208, "Unzip temp path error: " + path);
+    return Error(kUnzipTempPath, "Unzip temp path error: " + path);
 }
 
 Error decryptFailed(const std::string& name, const std::string& reason) {
-    return Error(2301, "decrypt \"%s\" using Type-A failed: %s", name.c_str(), reason.c_str());
+    return Error(kDecryptFailed, "decrypt \"%s\" using Type-A failed: %s", name.c_str(),
+                 reason.c_str());
 }
 
 Error preloadNotFound(const Folder& file) {
-    return followedBy(2406, file.describe(), " not found");
+    return followedBy(kPreloadNotFound, file.describe(), " not found");
 }
 
 Error copyFailed(const std::string& what, int errnum) {
-    return Error(2504, "copy %s failed: %s", what.c_str(), errnoText(errnum).c_str());
+    return Error(kCopyFailed, "copy %s failed: %s", what.c_str(), errnoText(errnum).c_str());
 }
 
 Error copyFailed(const std::string& what, const std::string& message) {
-    return Error(2504, "copy %s failed: %s", what.c_str(), message.c_str());
+    return Error(kCopyFailed, "copy %s failed: %s", what.c_str(), message.c_str());
 }
 
 // 3xxx: access.
@@ -436,11 +446,11 @@ Error notFerritResource() {
 }
 
 Error notSetUpYet(const std::string& step) {
-    return Error(3001, "Not Ferrit resource: not set up yet (%s)", step.c_str());
+    return Error(kNotFerritResource, "Not Ferrit resource: not set up yet (%s)", step.c_str());
 }
 
 Error notFerritPackResource(const std::string& matchText) {
-    return Error(3002, "Not Ferrit %s resource", matchText.c_str());
+    return Error(kNotFerritPackResource, "Not Ferrit %s resource", matchText.c_str());
 }
 
 Error disabledByDevTool() {
@@ -452,61 +462,63 @@ Error disabledByHeader() {
 }
 
 Error configNotFound(const std::string& name) {
-    return followedBy(3101, name, " config not found");
+    return followedBy(kConfigNotFound, name, " config not found");
 }
 
 Error notInstalled(const std::string& name) {
-    return followedBy(3104, name, " not installed");
+    return followedBy(kNotInstalled, name, " not installed");
 }
 
 Error eliminated(const std::string& name) {
-    return followedBy(3105, name, " eliminated");
+    return followedBy(kEliminated, name, " eliminated");
 }
 
 Error seqTooLow(const std::string& name, unsigned long long installed, unsigned long long minimum) {
-    return Error(3108, "%s %llu less than %llu", name.c_str(), installed, minimum);
+    return Error(kSeqTooLow, "%s %llu less than %llu", name.c_str(), installed, minimum);
 }
 
 Error packFileNotFound(const std::string& matchText, const Folder& file) {
-    return Error(3109, "%s file not found: %s", matchText.c_str(), file.describe().c_str());
+    return Error(kPackFileNotFound, "%s file not found: %s", matchText.c_str(),
+                 file.describe().c_str());
 }
 
 Error outOfDate(const std::string& name, double updateTime) {
-    return Error(3110, "%s out of date: %f", name.c_str(), updateTime);
+    return Error(kPackOutOfDate, "%s out of date: %f", name.c_str(), updateTime);
 }
 
 Error filesNotFound(const Folder& folder) {
-    return followedBy(3111, folder.describe(), " files not found");
+    return followedBy(kFilesNotFound, folder.describe(), " files not found");
 }
 
 Error resourceListNotFound(const std::string& name) {
-    return followedBy(3112, name, " resource list not found");
+    return followedBy(kResourceListNotFound, name, " resource list not found");
 }
 
 Error backupNotFound(const std::string& name, const std::string& url) {
-    return Error(3113, "%s backup resource %s not found", name.c_str(), url.c_str());
+    return Error(kBackupNotFound, "%s backup resource %s not found", name.c_str(), url.c_str());
 }
 
 Error outOfMemory(const std::string& name) {
-    return followedBy(3114, name, " out of memory");
+    return followedBy(kOutOfMemory, name, " out of memory");
 }
 
 Error resourceExpired(double expires, double update) {
-    return Error(3115, "resource out of date, expires: %f, update: %f", expires, update);
+    return Error(kResourceExpired, "resource out of date, expires: %f, update: %f", expires,
+                 update);
 }
 
 Error notAcceptable(std::string_view url, std::string_view contentType, std::string_view accept) {
-    return Error(3116, "resource %.*s \"%.*s\" can not accepted by %.*s", viewLength(url),
+    return Error(kNotAcceptable, "resource %.*s \"%.*s\" can not accepted by %.*s", viewLength(url),
                  viewData(url), viewLength(contentType), viewData(contentType), viewLength(accept),
                  viewData(accept));
 }
 
 Error notFerrit(const std::string& name) {
-    return followedBy(3201, name, " not Ferrit");
+    return followedBy(kNotFerrit, name, " not Ferrit");
 }
 
 Error invalidType(const std::string& name) {
-    return followedBy(3202, name, " invalid type");
+    return followedBy(kInvalidType, name, " invalid type");
 }
 
 // 9xxx: setup.
@@ -516,11 +528,11 @@ Error proxyNotInitialized() {
 }
 
 Error createFolderFailed() {
-    return Error(9992, std::string("Create Ferrit folder failed"));
+    return Error(kCreateFolderFailed, std::string("Create Ferrit folder failed"));
 }
 
 Error createFolderFailed(int errnum) {
-    return Error(9992, "Create Ferrit folder failed: %s", errnoText(errnum).c_str());
+    return Error(kCreateFolderFailed, "Create Ferrit folder failed: %s", errnoText(errnum).c_str());
 }
 
 Error jniFailed() {
@@ -532,39 +544,44 @@ Error napiFailed() {
 }
 
 Error napiFailed(int status) {
-    return Error(9995, "NAPI failed: %d", status);
+    return Error(kHostFailed, "NAPI failed: %d", status);
 }
 
 Error napiFailed(std::string_view cause) {
-    return Error(9995, "NAPI failed: %.*s", static_cast<int>(cause.size()), cause.data());
+    return Error(kHostFailed, "NAPI failed: %.*s", static_cast<int>(cause.size()), cause.data());
 }
 
 Error hostFailed(std::string_view cause) {
-    return Error(9995, "host failed: %.*s", static_cast<int>(cause.size()), cause.data());
+    return Error(kHostFailed, "host failed: %.*s", static_cast<int>(cause.size()), cause.data());
 }
 
 Error responseIsNull() {
-    return Error(-1, std::string("response is nullptr"));
+    return Error(kResponseIsNull, std::string("response is nullptr"));
 }
 
 Error packedStoreNotOpen() {
-    return Error(9997, std::string("Initialize storage \"packs\" failed: the store is not open"));
+    return Error(kInitStorageFailed,
+                 std::string("Initialize storage \"packs\" failed: the store is not open"));
 }
 
 Error devToolConfigNotFound() {
-    return Error(3101, std::string("未找到配置"));
+    return Error(kConfigNotFound, std::string("未找到配置"));
 }
 
 Error devToolNotAvailable(const std::string& command) {
-    return Error(9996, "\"%s\" is not available in this build", command.c_str());
+    return Error(kDevToolNotAvailable, "\"%s\" is not available in this build", command.c_str());
 }
 
 Error initStorageFailed(const std::string& path, int status) {
-    return Error(9997, "Initialize storage \"%s\" failed: %d", path.c_str(), status);
+    return Error(kInitStorageFailed, "Initialize storage \"%s\" failed: %d", path.c_str(), status);
 }
 
 Error initStoreFailed(const std::string& path, int status) {
-    return Error(9997, "Initialize store \"%s\" failed: %d", path.c_str(), status);
+    return Error(kInitStorageFailed, "Initialize store \"%s\" failed: %d", path.c_str(), status);
+}
+
+Error startUpdateNotCalled() {
+    return Error(kStartUpdateNotCalled, std::string("startUpdate not called"));
 }
 
 }  // namespace FerritCore::Errors

@@ -152,49 +152,257 @@ Error devToolConfigNotFound();  // 3101
 Error devToolNotAvailable(const std::string& command);         // 9996
 Error initStorageFailed(const std::string& path, int status);  // 9997
 Error initStoreFailed(const std::string& path, int status);    // 9997
+// What start-up reports when the host never started the update and the library did it itself.
+Error startUpdateNotCalled();  // 9998
 
-// The codes that callers tell apart; every other code is only reported.
+// Every code of the catalogue by name. Code and tests use these names and the predicates below,
+// never the numbers; the numbers are what hosts see, so a name keeps its number for good
+// (ErrorsTest.CodesKeepTheirNumbers pins each one).
 enum Code : int32_t {
+    // 1xxx: network and storage.
+    kRequestInvalidUrl = 1001,
+    kNoServerAddress = 1002,
+    kRequestFailed = 1003,
+    kRequestInvalidStatus = 1004,
+    kRequestNoData = 1006,
+    kRequestDeserialization = 1007,
+    kRequestVerify = 1010,
     kFileNotExists = 1101,
+    kFileRead = 1102,
     kNoData = 1103,
+    kFileWrite = 1104,
+    kAssetReadonly = 1105,
+    kFileVerify = 1106,
+    kFileDeserialization = 1107,
     kReadAsyncOnly = 1108,
+    kStorageDelete = 1109,
+    kPackNameMismatch = 1201,
+    kServerError = 1202,
+
+    // 2xxx: updating.
     kNetworkNotSupported = 2001,
+    kPackUpdateDisabled = 2002,
+    kUpdateDisabled = 2003,
+    kSubProcessDisabled = 2004,
+    kUpdateEliminated = 2101,
+    kPackDeleted = 2102,
+    kTooManyApps = 2103,
+    kUnzipFailed = 2207,
+    kUnzipTempPath = 2208,
+    kDecryptFailed = 2301,
+    kPreloadNotFound = 2406,
+    kCopyFailed = 2504,
+
+    // 3xxx: access.
     kNotFerritResource = 3001,
+    kNotFerritPackResource = 3002,
     kDisabled = 3003,
+    kConfigNotFound = 3101,
+    kNotInstalled = 3104,
+    kEliminated = 3105,
+    kSeqTooLow = 3108,
     kPackFileNotFound = 3109,
+    kPackOutOfDate = 3110,
+    kFilesNotFound = 3111,
+    kResourceListNotFound = 3112,
+    kBackupNotFound = 3113,
+    kOutOfMemory = 3114,
     kResourceExpired = 3115,
+    kNotAcceptable = 3116,
+    kNotFerrit = 3201,
+    kInvalidType = 3202,
+
+    // 9xxx: setup.
+    kProxyNotInitialized = 9991,
+    kCreateFolderFailed = 9992,
+    kHostFailed = 9995,
+    kDevToolNotAvailable = 9996,
+    kInitStorageFailed = 9997,
+    kStartUpdateNotCalled = 9998,
+
+    // The C interface's own answer.
+    kResponseIsNull = -1,
 };
 
-// Predicates.
+// Predicates, one per code, and one for a family (isNotServed).
+inline bool isRequestInvalidUrl(const Error& e) {
+    return e.code() == kRequestInvalidUrl;
+}
+inline bool isNoServerAddress(const Error& e) {
+    return e.code() == kNoServerAddress;
+}
+inline bool isRequestFailed(const Error& e) {
+    return e.code() == kRequestFailed;
+}
+inline bool isRequestInvalidStatus(const Error& e) {
+    return e.code() == kRequestInvalidStatus;
+}
+inline bool isRequestNoData(const Error& e) {
+    return e.code() == kRequestNoData;
+}
+inline bool isRequestDeserialization(const Error& e) {
+    return e.code() == kRequestDeserialization;
+}
+// A downloaded document, a signature or a cached copy that failed its check.
+inline bool isRequestVerify(const Error& e) {
+    return e.code() == kRequestVerify;
+}
+// A file, asset or stored key that is not there.
 inline bool isFileMissing(const Error& e) {
     return e.code() == kFileNotExists;
+}
+inline bool isFileRead(const Error& e) {
+    return e.code() == kFileRead;
 }
 // A file that read empty: damage, unless its list names it empty.
 inline bool isNoData(const Error& e) {
     return e.code() == kNoData;
+}
+inline bool isFileWrite(const Error& e) {
+    return e.code() == kFileWrite;
+}
+inline bool isAssetReadonly(const Error& e) {
+    return e.code() == kAssetReadonly;
+}
+// A file whose digest, signature or size is not what its list says.
+inline bool isFileVerify(const Error& e) {
+    return e.code() == kFileVerify;
+}
+inline bool isFileDeserialization(const Error& e) {
+    return e.code() == kFileDeserialization;
+}
+inline bool isReadAsyncOnly(const Error& e) {
+    return e.code() == kReadAsyncOnly;
+}
+inline bool isStorageDelete(const Error& e) {
+    return e.code() == kStorageDelete;
+}
+inline bool isPackNameMismatch(const Error& e) {
+    return e.code() == kPackNameMismatch;
+}
+inline bool isServerError(const Error& e) {
+    return e.code() == kServerError;
+}
+// A download that the host's network status does not allow now.
+inline bool isNetworkNotSupported(const Error& e) {
+    return e.code() == kNetworkNotSupported;
+}
+inline bool isPackUpdateDisabled(const Error& e) {
+    return e.code() == kPackUpdateDisabled;
+}
+inline bool isUpdateDisabled(const Error& e) {
+    return e.code() == kUpdateDisabled;
+}
+// An update or a clear refused in a process that is not the main one.
+inline bool isSubProcessDisabled(const Error& e) {
+    return e.code() == kSubProcessDisabled;
+}
+inline bool isUpdateEliminated(const Error& e) {
+    return e.code() == kUpdateEliminated;
+}
+inline bool isPackDeleted(const Error& e) {
+    return e.code() == kPackDeleted;
+}
+inline bool isTooManyApps(const Error& e) {
+    return e.code() == kTooManyApps;
+}
+inline bool isUnzipFailed(const Error& e) {
+    return e.code() == kUnzipFailed;
+}
+inline bool isUnzipTempPath(const Error& e) {
+    return e.code() == kUnzipTempPath;
+}
+inline bool isDecryptFailed(const Error& e) {
+    return e.code() == kDecryptFailed;
+}
+inline bool isPreloadNotFound(const Error& e) {
+    return e.code() == kPreloadNotFound;
+}
+inline bool isCopyFailed(const Error& e) {
+    return e.code() == kCopyFailed;
+}
+inline bool isNotFerritResource(const Error& e) {
+    return e.code() == kNotFerritResource;
+}
+inline bool isNotFerritPackResource(const Error& e) {
+    return e.code() == kNotFerritPackResource;
+}
+// Turned off by the developer tool or by the X-Ferrit-Control header.
+inline bool isDisabled(const Error& e) {
+    return e.code() == kDisabled;
+}
+inline bool isConfigNotFound(const Error& e) {
+    return e.code() == kConfigNotFound;
+}
+inline bool isNotInstalled(const Error& e) {
+    return e.code() == kNotInstalled;
+}
+inline bool isEliminated(const Error& e) {
+    return e.code() == kEliminated;
+}
+inline bool isSeqTooLow(const Error& e) {
+    return e.code() == kSeqTooLow;
 }
 // A file of an installed pack that is gone or no longer what its list says: the pack is
 // reinstalled.
 inline bool isPackFileNotFound(const Error& e) {
     return e.code() == kPackFileNotFound;
 }
-// Nothing serves this URL, so the matcher logs it at a lower level.
-inline bool isNotServed(const Error& e) {
-    return e.code() >= kNotFerritResource && e.code() <= kDisabled;
+// An installed pack older than its configuration allows.
+inline bool isPackOutOfDate(const Error& e) {
+    return e.code() == kPackOutOfDate;
 }
-// A cached copy whose expiry has passed (3115).
+inline bool isFilesNotFound(const Error& e) {
+    return e.code() == kFilesNotFound;
+}
+inline bool isResourceListNotFound(const Error& e) {
+    return e.code() == kResourceListNotFound;
+}
+inline bool isBackupNotFound(const Error& e) {
+    return e.code() == kBackupNotFound;
+}
+inline bool isOutOfMemory(const Error& e) {
+    return e.code() == kOutOfMemory;
+}
+// A cached copy whose expiry has passed.
 inline bool isOutOfDate(const Error& e) {
     return e.code() == kResourceExpired;
 }
-inline bool isNotFerritResource(const Error& e) {
-    return e.code() == kNotFerritResource;
+inline bool isNotAcceptable(const Error& e) {
+    return e.code() == kNotAcceptable;
 }
-inline bool isReadAsyncOnly(const Error& e) {
-    return e.code() == kReadAsyncOnly;
+inline bool isNotFerrit(const Error& e) {
+    return e.code() == kNotFerrit;
 }
-// A download that the host's network status does not allow now (2001).
-inline bool isNetworkNotSupported(const Error& e) {
-    return e.code() == kNetworkNotSupported;
+inline bool isInvalidType(const Error& e) {
+    return e.code() == kInvalidType;
+}
+inline bool isProxyNotInitialized(const Error& e) {
+    return e.code() == kProxyNotInitialized;
+}
+inline bool isCreateFolderFailed(const Error& e) {
+    return e.code() == kCreateFolderFailed;
+}
+// The host's side failed: JNI, NAPI or a native host.
+inline bool isHostFailed(const Error& e) {
+    return e.code() == kHostFailed;
+}
+inline bool isDevToolNotAvailable(const Error& e) {
+    return e.code() == kDevToolNotAvailable;
+}
+// A store that could not be opened, or is asked for before it was.
+inline bool isInitStorageFailed(const Error& e) {
+    return e.code() == kInitStorageFailed;
+}
+inline bool isStartUpdateNotCalled(const Error& e) {
+    return e.code() == kStartUpdateNotCalled;
+}
+inline bool isResponseNull(const Error& e) {
+    return e.code() == kResponseIsNull;
+}
+// Nothing serves this URL, so the matcher logs it at a lower level.
+inline bool isNotServed(const Error& e) {
+    return e.code() >= kNotFerritResource && e.code() <= kDisabled;
 }
 
 }  // namespace FerritCore::Errors

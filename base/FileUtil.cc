@@ -640,7 +640,7 @@ HeldFile& HeldFile::operator=(HeldFile&& other) noexcept {
 
 int HeldFile::readAndClose(std::string& out) {
     if (fd_ < 0) return EBADF;
-    const int result = FileUtil::readDescriptor(fd_, out, true);
+    const int result = FileUtil::readDescriptor(fd_, out, /*linkedOnly=*/true);
     close();
     return result;
 }

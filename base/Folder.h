@@ -39,6 +39,10 @@ void initFolders(std::string_view root);
 // "initFolder", 9992 and "path") and otherwise ignored: later writes fail with their own errors.
 void initFolder(const Folder& folder);
 
+// What Folder::removeFile leaves: nothing, or (for a Disk folder) the directory made again, empty,
+// for the next writer.
+enum class Removal { kGone, kRecreate };
+
 class Folder {
   public:
     Folder() = default;
@@ -107,9 +111,9 @@ class Folder {
     // about `to`. Success clears `error`.
     static void renameTo(const Folder& from, const Folder& to, Error& error);
     // Asset and OnDemand: nothing. Packed: every key from relative to relative + 0xFF (all keys
-    // for an empty relative). Disk: remove, or the whole tree; with `recreate`, ensureParent
-    // brings a directory back empty. Failures are not reported.
-    static void removeFile(const Folder& folder, bool recreate);
+    // for an empty relative). Disk: remove, or the whole tree; with Removal::kRecreate,
+    // ensureParent brings a directory back empty. Failures are not reported.
+    static void removeFile(const Folder& folder, Removal removal);
 
     bool operator==(const Folder& other) const {
         return kind_ == other.kind_ && relative_ == other.relative_;

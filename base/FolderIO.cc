@@ -349,7 +349,7 @@ void Folder::renameTo(const Folder& from, const Folder& to, Error& error) {
     error.clear();
 }
 
-void Folder::removeFile(const Folder& folder, bool recreate) {
+void Folder::removeFile(const Folder& folder, Removal removal) {
     switch (folder.kind()) {
         case FolderKind::Asset:
         case FolderKind::OnDemand:
@@ -363,7 +363,7 @@ void Folder::removeFile(const Folder& folder, bool recreate) {
             break;
     }
     if (FileUtil::remove(folder.absolute()) != 0) FileUtil::removeTree(folder.absolute());
-    if (recreate) folder.ensureParent();
+    if (removal == Removal::kRecreate) folder.ensureParent();
 }
 
 void initFolders(std::string_view root) {

@@ -8,26 +8,14 @@
 #include <ctime>
 
 #include "marl/Clock.h"
+#include "support/Ascii.h"
 
 namespace FerritCore::Http {
 namespace {
 
-char lowerAscii(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-// Header names are ASCII tokens; a locale-aware comparison would only add surprises.
-bool equalsIgnoreCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (lowerAscii(a[i]) != lowerAscii(b[i])) return false;
-    }
-    return true;
-}
-
-bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && equalsIgnoreCase(text.substr(0, prefix.size()), prefix);
-}
+// Header names are ASCII tokens, compared without case.
+using Ascii::equalsIgnoreCase;
+using Ascii::startsWithIgnoreCase;
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t';
@@ -383,7 +371,7 @@ std::string_view mimeView(std::string_view path) {
     if (extension.empty() || extension.size() > kMaxExtension) return {};
     // Lower-cased on the stack: this runs for every resource served.
     char lowered[kMaxExtension];
-    for (size_t i = 0; i < extension.size(); ++i) lowered[i] = lowerAscii(extension[i]);
+    for (size_t i = 0; i < extension.size(); ++i) lowered[i] = Ascii::toLower(extension[i]);
     const std::string_view key(lowered, extension.size());
     for (const MimeEntry& entry : kMimeTable) {
         if (entry.extension == key) return entry.type;

@@ -79,7 +79,7 @@ std::shared_ptr<Proxy> proxy() {
 }  // namespace
 
 bool verifySignature(const std::string& md5Hex, const std::string& signature) {
-    return callOr(proxy(), &Proxy::verifySignature, false, md5Hex, signature);
+    return callOr(proxy(), &Proxy::verifySignature, /*fallback=*/false, md5Hex, signature);
 }
 
 std::shared_ptr<const Ed25519PublicKey> publicKey() {
@@ -119,11 +119,12 @@ void onStateChanged() {
 
 bool registerPushTopic(const std::string& topic,
                        std::function<void(const std::string& message)> handler) {
-    return callOr(proxy(), &Proxy::registerPushTopic, false, topic, std::move(handler));
+    return callOr(proxy(), &Proxy::registerPushTopic, /*fallback=*/false, topic,
+                  std::move(handler));
 }
 
 bool assetExists(const std::string& path) {
-    return callOr(proxy(), &Proxy::assetExists, false, path);
+    return callOr(proxy(), &Proxy::assetExists, /*fallback=*/false, path);
 }
 
 std::vector<std::string> assetList(const std::string& path) {

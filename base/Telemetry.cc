@@ -6,12 +6,14 @@
 
 namespace FerritCore {
 
-const char* triggerName(int trigger) {
+const char* triggerName(UpdateTrigger trigger) {
     static const char* const kNames[] = {"Unknown",  "Startup", "Unknown",   "Active",
                                          "Timer",    "Push",    "Visit",     "VisitUpdate",
                                          "Prefetch", "Preview", "DebugTool", "ChangeEnv"};
-    if (trigger < 1 || trigger > 11) return "Unknown";
-    return kNames[trigger];
+    const int code = triggerCode(trigger);
+    if (code < triggerCode(kTriggerStartup) || code > triggerCode(kTriggerChangeEnv))
+        return "Unknown";
+    return kNames[code];
 }
 
 PerfRecord::PerfRecord(std::string name) : name_(std::move(name)) {

@@ -13,11 +13,9 @@
 
 namespace FerritCore {
 
-// "Startup", "Active", "Timer", "Push", "Visit", "VisitUpdate", "Prefetch", "Preview",
-// "DebugTool", "ChangeEnv"; "Unknown" for 2 and anything outside 1..11.
-const char* triggerName(int trigger);
-
-enum UpdateTrigger : int {
+// What started a piece of update work. The values are those of the records and logs ("trigger"
+// carries the number), so they keep their numbers; 2 is unused.
+enum class UpdateTrigger : int {
     kTriggerNone = 0,  // work that no trigger started, such as the pack reader's reads
     kTriggerStartup = 1,
     kTriggerActive = 3,
@@ -30,6 +28,16 @@ enum UpdateTrigger : int {
     kTriggerDebugTool = 10,
     kTriggerChangeEnv = 11,
 };
+// The names stay short at the many call sites; the type still refuses a bare int.
+using enum UpdateTrigger;
+
+// "Startup", "Active", "Timer", "Push", "Visit", "VisitUpdate", "Prefetch", "Preview",
+// "DebugTool", "ChangeEnv"; "Unknown" for anything else.
+const char* triggerName(UpdateTrigger trigger);
+// The number that records and logs carry under "trigger".
+constexpr int triggerCode(UpdateTrigger trigger) {
+    return static_cast<int>(trigger);
+}
 
 // The few named values of a record, in insertion order, each key once. Records are built on every
 // request that a proxy will see: the first `Inline` entries live in the record itself (no

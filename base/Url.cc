@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "support/Ascii.h"
+
 namespace FerritCore::Url {
 namespace {
 
@@ -12,10 +14,6 @@ size_t firstDelimiter(std::string_view s) {
         if (c == ':' || c == '/' || c == '?' || c == '#') return i;
     }
     return std::string_view::npos;
-}
-
-char lower(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 }  // namespace
@@ -104,7 +102,7 @@ std::string extension(std::string_view s) {
     const size_t dot = s.rfind('.');
     if (dot == std::string_view::npos) return {};
     std::string out(s.substr(dot + 1));
-    for (char& c : out) c = lower(c);
+    Ascii::lowerInPlace(out);
     return out;
 }
 
@@ -114,6 +112,24 @@ void trimLeadingSlash(std::string& s) {
 
 void ensureTrailingSlash(std::string& s) {
     if (!s.empty() && s.back() != '/') s.push_back('/');
+}
+
+std::string escape(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        if (Ascii::isAlphaNumeric(c) || c == '-' || c == '.' || c == '~' || c == '_') {
+            out.push_back(c);
+        } else if (c == ' ') {
+            out.push_back('+');
+        } else {
+            out.push_back('%');
+            out.push_back(Ascii::kUpperHexDigits[u >> 4]);
+            out.push_back(Ascii::kUpperHexDigits[u & 0xF]);
+        }
+    }
+    return out;
 }
 
 }  // namespace FerritCore::Url

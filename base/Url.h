@@ -31,5 +31,8 @@ std::string extension(std::string_view s);
 void trimLeadingSlash(std::string& s);
 // Appends "/" when `s` is non-empty and does not end with one.
 void ensureTrailingSlash(std::string& s);
+// `text` made safe for one component of a URL: letters, digits, "-", ".", "~" and "_" stay; a blank
+// becomes "+"; any other byte "%XX" in capitals.
+std::string escape(std::string_view text);
 
 }  // namespace FerritCore::Url

@@ -18,6 +18,7 @@
 #include "base/Folder.h"
 #include "model/FConfig.h"
 #include "model/SCache.h"
+#include "runtime/TaskRunner.h"
 #include "storage/Statistics.h"
 #include "update/Cleanup.h"
 
@@ -46,6 +47,8 @@ World& world() {
         w->root = pattern + "/";
         std::atexit([] { std::filesystem::remove_all(world().root); });
         initFolders(w->root);
+        // Recovery runs on the worker: this thread drives the process's tasks and stands in for it.
+        TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
         // Counted in memory only: the bench measures the selection, not the store's writes.
         Environment::instance().setMainProcess(false);
         std::mt19937_64 random(5000);
@@ -82,7 +85,8 @@ void BM_SortScores(benchmark::State& state) {
     for (auto _ : state) {
         for (int i = 0; i < kPacks; ++i) {
             const double p = w.priority[i];
-            scores[i] = (p * 0.2 + 1.0) * w.access[i] + p * 0.1;
+            scores[i] = (p * Cleanup::kPriorityAccessWeight + 1.0) * w.access[i] +
+                        p * Cleanup::kPriorityWeight;
         }
         std::sort(scores.begin(), scores.end());
         benchmark::DoNotOptimize(scores.data());

@@ -60,7 +60,6 @@ constexpr int kIterations = 5;
 constexpr const char* kSite = "https://bench.example.com/app/";
 constexpr const char* kZipPrefix = "https://dl.bench/";
 constexpr const char* kAppZipPrefix = "https://app.bench/";
-constexpr uint32_t kNetworkUnrestricted = 1;
 
 // Accepts every signature the test key made, drops records, and "downloads" a pack by linking
 // the file the server would send to where the install expects it: the download is not timed.
@@ -147,7 +146,7 @@ World& world() {
         w->proxy->full = w->zipPath;
         w->proxy->increment = (w->root / "fixtures/increment.zip").string();
         Environment::instance().setProxy(w->proxy);
-        Environment::instance().setNetworkStatusValue(kNetworkUnrestricted);
+        Environment::instance().setNetworkStatusValue(NetworkStatus::kUnrestricted);
         Services::wire();
         initFolders((w->root / "app").string());
         HostDefaults defaults;

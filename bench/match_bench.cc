@@ -166,6 +166,8 @@ void runMatch(benchmark::State& state, const std::vector<std::string>& urls) {
         auto resource = Access::match(requests[i++ % requests.size()], kPolicySync);
         if (resource->error) state.SkipWithError(resource->error.message().c_str());
         benchmark::DoNotOptimize(resource);
+        // A match ends as a request does, records and all.
+        resource->finish();
     }
     TaskRunner::clear();
     state.SetLabel("vs:BM_LookupFloor|minus:BM_ExistsFloor");

@@ -30,7 +30,7 @@ void prepare(int records) {
     static bool once = [] {
         MarlLogger::Log::setLevel(0);
         TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
-        Environment::instance().setNetworkStatusValue(1);
+        Environment::instance().setNetworkStatusValue(NetworkStatus::kUnrestricted);
         Settings::change([](Settings& settings) { settings.downloadLimit = kLimit; });
         return true;
     }();

@@ -113,9 +113,8 @@ World& world() {
             config.packs[name] = std::move(pack);
         }
         w->storedDocument = config.serialize();
-        Error error;
-        if (!PacksStore::instance().writeConfig(w->storedDocument, error))
-            std::fprintf(stderr, "startup_bench: %s\n", error.message().c_str());
+        const Error error = PacksStore::instance().writeConfig(w->storedDocument);
+        if (error) std::fprintf(stderr, "startup_bench: %s\n", error.message().c_str());
         w->request = std::make_unique<ResourceRequest>(
             base + "m100.js",
             HeaderMap{{"Accept", "*/*"}, {"Referer", "https://www.example.com/"}});

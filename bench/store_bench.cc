@@ -72,8 +72,7 @@ Setup& setup(int64_t which) {
     s->encoded = s->value.toBinary();
     for (int i = 0; i < kKeys; ++i) {
         s->keys.push_back("res/https://cdn.example.com/app/" + std::to_string(i) + ".js");
-        Error error;
-        if (!s->store->put(s->keys.back(), s->value, error)) std::abort();
+        if (s->store->put(s->keys.back(), s->value)) std::abort();
     }
     s->store->compact();
 
@@ -134,9 +133,8 @@ void BM_MetaStoreGet(benchmark::State& state) {
     Setup& s = setup(state.range(0));
     size_t i = 0;
     for (auto _ : state) {
-        Error error;
-        JSON value = s.store->get(s.keys[i++ % s.keys.size()], error);
-        if (error) state.SkipWithError(error.message().c_str());
+        ErrorOr<JSON> value = s.store->get(s.keys[i++ % s.keys.size()]);
+        if (!value.ok()) state.SkipWithError(value.error().message().c_str());
         benchmark::DoNotOptimize(value);
     }
     state.SetLabel("vs:BM_RawGet");
@@ -147,9 +145,8 @@ void BM_MetaStorePut(benchmark::State& state) {
     Setup& s = setup(state.range(0));
     size_t i = 0;
     for (auto _ : state) {
-        Error error;
-        if (!s.store->put(s.keys[i++ % s.keys.size()], s.value, error))
-            state.SkipWithError(error.message().c_str());
+        const Error error = s.store->put(s.keys[i++ % s.keys.size()], s.value);
+        if (error) state.SkipWithError(error.message().c_str());
     }
     state.SetLabel("vs:BM_RawPut");
 }

@@ -203,6 +203,17 @@ napi_value onSendRequestFinishedNative(napi_env env, napi_callback_info info) {
 
 // ---- 3 to 6: settings of the host, on the script thread.
 
+// The script's number as a network status. A number the library does not know is kept as it is:
+// it is logged, and nothing downloads until the host names a known network.
+NetworkStatus networkStatusFromScript(int32_t value) {
+    return static_cast<NetworkStatus>(static_cast<uint32_t>(value));
+}
+
+// The script's setup mode: bit 0 set, the host starts updating itself; the other bits mean nothing.
+SetupMode setupModeFromScript(int32_t mode) {
+    return (mode & 1) != 0 ? SetupMode::kHostStartsUpdate : SetupMode::kAutoUpdate;
+}
+
 napi_value setEnvNative(napi_env env, napi_callback_info info) {
     const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
     if (args.empty()) return undefinedOf(env);
@@ -240,7 +251,7 @@ napi_value setNetworkStatusNative(napi_env env, napi_callback_info info) {
     const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
     if (args.empty()) return undefinedOf(env);
     if (std::optional<int32_t> value = NAPI::toInt32(env, args[0]))
-        Setup::setNetworkStatus(static_cast<uint32_t>(*value));
+        Setup::setNetworkStatus(networkStatusFromScript(*value));
     return undefinedOf(env);
 }
 
@@ -268,8 +279,9 @@ napi_value setupNative(napi_env env, napi_callback_info info) {
     std::optional<std::string> appVersion = NAPI::toString(env, args[1]);
     const std::optional<int32_t> mode = NAPI::toInt32(env, args[2]);
     if (!appKey || !appVersion || !mode) return undefinedOf(env);
-    postSerial(env, [appKey = std::move(*appKey), appVersion = std::move(*appVersion),
-                     mode = *mode] { Setup::setup(appKey, appVersion, mode); });
+    postSerial(env,
+               [appKey = std::move(*appKey), appVersion = std::move(*appVersion),
+                mode = setupModeFromScript(*mode)] { Setup::setup(appKey, appVersion, mode); });
     return undefinedOf(env);
 }
 
@@ -299,7 +311,7 @@ napi_value installPreloadNative(napi_env env, napi_callback_info info) {
             .append("name", name)
             .append("force", kPreloadForce);
         // Once per app version: the file is checked against the version that installed it last.
-        static_cast<void>(Preload::instance().install(name, true));
+        static_cast<void>(Preload::instance().install(name, /*checkInstalled=*/true));
     });
     return undefinedOf(env);
 }
@@ -423,8 +435,8 @@ napi_value inspectNative(napi_env env, napi_callback_info info) {
     postSerial(env, [command = std::move(*command), params = JSON::parse(*paramsText), reply] {
         if (!MarlLogger::Inspector::sendCommand(command, params, reply)) {
             const Error error = Errors::devToolNotAvailable(command);
-            reply(false, JSON(MarlLogger::json::JSONObject{{"code", error.code()},
-                                                           {"message", error.message()}}));
+            reply(/*success=*/false, JSON(MarlLogger::json::JSONObject{
+                                         {"code", error.code()}, {"message", error.message()}}));
         }
     });
     return undefinedOf(env);

@@ -40,9 +40,6 @@ namespace {
 
 using MarlLogger::json::JSON;
 
-// Bit 0 of setup's mode: the host starts updating itself.
-constexpr int32_t kModeAutoUpdate = 0;
-constexpr int32_t kModeHostStartsUpdate = 1;
 // The HTTP statuses a response can have.
 constexpr int32_t kFirstHttpStatus = 100;
 constexpr int32_t kLastHttpStatus = 599;
@@ -50,41 +47,34 @@ constexpr int32_t kLastHttpStatus = 599;
 constexpr std::string_view kNotSetUpCodes[] = {"NO_PROXY", "ROOT_NOT_EXIST", "NOT_SETUP",
                                                "NO_APPKEY", "NO_APPVERSION"};
 
-// The library's own values of the header's enumerations, which are ordered so that zero is the
-// usual choice.
-constexpr int32_t kLibraryEnvDebug = 0;
-constexpr int32_t kLibraryEnvDaily = 1;
-constexpr int32_t kLibraryEnvRelease = 2;
-constexpr uint32_t kLibraryNetworkNone = 0;
-constexpr uint32_t kLibraryNetworkUnrestricted = 1;
-constexpr uint32_t kLibraryNetworkSlowMobile = 2;
-constexpr uint32_t kLibraryNetworkFastMobile = 3;
+// The header's enumerations are ordered so that zero is the usual choice; the library's own are
+// not, so each crosses here.
 constexpr MarlLogger::MRLLevel kLibraryLogOff = 0;
 
 int32_t libraryEnv(ferritcore_env env) {
     switch (env) {
         case FERRITCORE_ENV_DAILY:
-            return kLibraryEnvDaily;
+            return kEnvDaily;
         case FERRITCORE_ENV_DEBUG:
-            return kLibraryEnvDebug;
+            return kEnvDebug;
         case FERRITCORE_ENV_RELEASE:
             break;
     }
-    return kLibraryEnvRelease;
+    return kEnvRelease;
 }
 
-uint32_t libraryNetwork(ferritcore_network network) {
+NetworkStatus libraryNetwork(ferritcore_network network) {
     switch (network) {
         case FERRITCORE_NETWORK_NONE:
-            return kLibraryNetworkNone;
+            return NetworkStatus::kNone;
         case FERRITCORE_NETWORK_SLOW_MOBILE:
-            return kLibraryNetworkSlowMobile;
+            return NetworkStatus::kSlowMobile;
         case FERRITCORE_NETWORK_FAST_MOBILE:
-            return kLibraryNetworkFastMobile;
+            return NetworkStatus::kFastMobile;
         case FERRITCORE_NETWORK_UNRESTRICTED:
             break;
     }
-    return kLibraryNetworkUnrestricted;
+    return NetworkStatus::kUnrestricted;
 }
 
 bool validLevel(ferritcore_log_level level) {
@@ -331,7 +321,7 @@ ferritcore_status ferritcore_open(const ferritcore_options* options, ferritcore_
     a.channel = channel;
     a.hostStartsUpdate = options->host_starts_update == 1;
     Setup::setup(options->app_key, options->app_version,
-                 a.hostStartsUpdate ? kModeHostStartsUpdate : kModeAutoUpdate);
+                 a.hostStartsUpdate ? SetupMode::kHostStartsUpdate : SetupMode::kAutoUpdate);
     if (!first) Setup::clientActived();
     const std::string missing = missingSetup();
     if (!missing.empty()) {

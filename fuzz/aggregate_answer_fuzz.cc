@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "access/AggregateRequest.h"
+#include "base/Errors.h"
 
 using namespace FerritCore;
 
@@ -18,7 +19,7 @@ void check(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-constexpr uint32_t kAggregateVerifyFailed = 1010;
+constexpr uint32_t kAggregateVerifyFailed = Errors::kRequestVerify;
 
 }  // namespace
 

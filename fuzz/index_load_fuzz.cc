@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/PackedFiles.h"
 #include "base/Proxy.h"
 #include "model/ResourceIndex.h"
@@ -38,7 +39,7 @@ class MapFiles : public PackedFiles {
         if (!std::string_view(key).starts_with("p/1/")) __builtin_trap();
         auto it = values.find(std::string(key));
         if (it == values.end()) {
-            error = Error(1101, std::string("missing"));
+            error = Error(Errors::kFileNotExists, std::string("missing"));
             return false;
         }
         value = it->second;

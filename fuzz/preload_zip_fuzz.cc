@@ -16,6 +16,7 @@
 
 #include "base/AssetProvider.h"
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/Folder.h"
 #include "base/PackedFiles.h"
 #include "base/Proxy.h"
@@ -42,7 +43,7 @@ class OneAsset : public AssetProvider {
     uint64_t assetSize(const std::string&) override { return bytes.size(); }
     std::string readAsset(const std::string& path, Error& error) override {
         if (path != "p.zip") {
-            error = Error(1101, std::string("missing"));
+            error = Error(Errors::kFileNotExists, std::string("missing"));
             return std::string();
         }
         error.clear();
@@ -74,7 +75,7 @@ class MapFiles : public PackedFiles {
     bool get(std::string_view key, std::string& value, Error& error) override {
         auto it = values.find(std::string(key));
         if (it == values.end()) {
-            error = Error(1101, std::string("missing"));
+            error = Error(Errors::kFileNotExists, std::string("missing"));
             return false;
         }
         value = it->second;

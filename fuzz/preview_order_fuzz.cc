@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         MarlLogger::Log::setLevel(0);
         TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
         Environment::instance().setProxy(proxy);
-        Environment::instance().setNetworkStatusValue(1);
+        Environment::instance().setNetworkStatusValue(NetworkStatus::kUnrestricted);
         Preview::setRandomSource([] { return 7u; });
         return true;
     }();

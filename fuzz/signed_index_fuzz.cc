@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/FileUtil.h"
 #include "base/Proxy.h"
 #include "model/ResourceIndex.h"
@@ -49,7 +50,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (parsed != !error) __builtin_trap();
     if (parsed && !table.isObject()) __builtin_trap();
     if (!parsed && !table.isNull()) __builtin_trap();
-    if (!parsed && error.code() != 1106 && error.code() != 1107) __builtin_trap();
+    if (!parsed && error.code() != Errors::kFileVerify &&
+        error.code() != Errors::kFileDeserialization)
+        __builtin_trap();
 
     for (const bool increment : {false, true}) {
         const ResourceIndex index(

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/Errors.h"
 #include "base/Folder.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
@@ -16,9 +17,11 @@
 #include "storage/MetaStore.h"
 
 using FerritCore::Error;
+using FerritCore::ErrorOr;
 using FerritCore::KeyValueStore;
 using FerritCore::MetaStore;
 using MarlLogger::json::JSON;
+namespace Errors = FerritCore::Errors;
 
 namespace {
 
@@ -61,25 +64,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
     check(w.raw->insert("value", bytes) == 0);
 
-    Error error;
-    const JSON read = w.store->get("value", error);
+    const ErrorOr<JSON> read = w.store->get("value");
     std::string reason;
     const JSON expected = JSON::parseBinary(bytes, &reason);
     if (!reason.empty()) {
-        check(read.isNull());
-        check(error.code() == 1102);
-        check(error.message() == "deserialize store \"fuzz/value\" failed: " + reason);
+        check(!read.ok());
+        check(Errors::isFileRead(read.error()));
+        check(read.error().message() == "deserialize store \"fuzz/value\" failed: " + reason);
         check(w.store->contains("value"));
         return 0;
     }
-    check(!error);
-    check(read == expected);
+    check(read.ok());
+    check(*read == expected);
 
     // What decoded is written back through the store and read again unchanged.
-    check(w.store->put("again", read, error));
-    check(!error);
-    const JSON again = w.store->get("again", error);
-    check(!error);
-    check(again == read);
+    check(!w.store->put("again", *read));
+    const ErrorOr<JSON> again = w.store->get("again");
+    check(again.ok());
+    check(*again == *read);
     return 0;
 }

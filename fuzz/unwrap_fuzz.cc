@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/Digest.h"
+#include "base/Errors.h"
 #include "model/Pack.h"
 #include "update/WrappedPayload.h"
 
@@ -28,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Error error;
     if (unwrap(context, bytes, error)) {
         if (error || bytes.size() > size || context.md5 != Digest::md5Hex(bytes)) std::abort();
-    } else if (error.code() != 2301) {
+    } else if (error.code() != Errors::kDecryptFailed) {
         std::abort();
     }
     return 0;

@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/Errors.h"
 #include "base/Folder.h"
 #include "storage/ZipFile.h"
 
@@ -77,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Error error;
     ZipFile zip = ZipFile::open(Folder::disk("in.zip"), bytes, error);
     if (!zip) {
-        if (error.code() != 2207) std::abort();
+        if (error.code() != Errors::kUnzipFailed) std::abort();
         return 0;
     }
     zip.forEachEntry(
@@ -86,14 +87,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             return true;
         },
         error);
-    if (error && error.code() != 2207) std::abort();
+    if (error && error.code() != Errors::kUnzipFailed) std::abort();
     const std::string index = zip.readEntry("app-res.hvc", error);
-    if (error && (error.code() != 2207 || !index.empty())) std::abort();
+    if (error && (error.code() != Errors::kUnzipFailed || !index.empty())) std::abort();
 
     const Folder target = Folder::disk(kTarget);
     const uint64_t total = zip.extractTo(target, error);
     if (error && total != 0) std::abort();
     expectOnlyTheTarget();
-    Folder::removeFile(Folder::disk("d1/"), false);
+    Folder::removeFile(Folder::disk("d1/"), Removal::kGone);
     return 0;
 }

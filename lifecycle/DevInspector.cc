@@ -54,7 +54,8 @@ void reply(const Context& context, bool success, JSON data = JSON(JSONObject()))
 }
 
 void replyError(const Context& context, const Error& error) {
-    reply(context, false, JSONObject{{"code", error.code()}, {"message", error.message()}});
+    reply(context, /*success=*/false,
+          JSONObject{{"code", error.code()}, {"message", error.message()}});
 }
 
 // The folder where installed packs live on the disk, and, in this layout, the second root too.
@@ -78,24 +79,25 @@ JSON errorJSON(const Error& error) {
 // ---- The handlers.
 
 void info(const JSON&, Context context) {
-    reply(context, true, Setup::statusReport());
+    reply(context, /*success=*/true, Setup::statusReport());
 }
 
 void isEnabled(const JSON&, Context context) {
-    reply(context, true, JSONObject{{"enabled", !Environment::instance().isDisabledByDeveloper()}});
+    reply(context, /*success=*/true,
+          JSONObject{{"enabled", !Environment::instance().isDisabledByDeveloper()}});
 }
 
 void setEnabled(const JSON& params, Context context) {
     Environment::instance().setDeveloperDisabled(params["enabled"].boolValue() ? 0 : 1);
-    reply(context, true);
+    reply(context, /*success=*/true);
 }
 
 void config(const JSON&, Context context) {
-    reply(context, true, Settings::current()->toJSON());
+    reply(context, /*success=*/true, Settings::current()->toJSON());
 }
 
 void fconfig(const JSON&, Context context) {
-    reply(context, true, JSON::parse(SCache::current()->serialize()));
+    reply(context, /*success=*/true, JSON::parse(SCache::current()->serialize()));
 }
 
 // The matcher's two tables: which pack each referrer URL names, and each pack's prefixes.
@@ -107,40 +109,42 @@ void indexes(const JSON&, Context context) {
     for (const auto& [name, pack] : current->packs) {
         for (const std::string& prefix : pack->prefixes) prefixes[prefix] = name;
     }
-    reply(context, true, JSONObject{{"urlIndex", JSON(urls)}, {"prefixIndex", JSON(prefixes)}});
+    reply(context, /*success=*/true,
+          JSONObject{{"urlIndex", JSON(urls)}, {"prefixIndex", JSON(prefixes)}});
 }
 
 void statistics(const JSON&, Context context) {
-    reply(context, true, Statistics::toJson());
+    reply(context, /*success=*/true, Statistics::toJson());
 }
 
 void readDiskFileList(const JSON& params, Context context) {
     const PackPtr pack = SCache::current()->find(params["packName"].stringViewValue());
     if (!pack) {
-        reply(context, true);
+        reply(context, /*success=*/true);
         return;
     }
     Folder::listFilesAsync(pack->installedFolder(), [context](std::forward_list<Folder> files) {
         std::vector<std::string> paths;
         for (const Folder& file : files) paths.push_back(file.describe());
         std::sort(paths.begin(), paths.end());
-        reply(context, true, JSONObject{{"files", JSON(paths)}});
+        reply(context, /*success=*/true, JSONObject{{"files", JSON(paths)}});
     });
 }
 
 void getURLList(const JSON& params, Context context) {
     const PackPtr pack = SCache::current()->find(params["packName"].stringViewValue());
     if (!pack) {
-        reply(context, false, JSONObject{{"message", Errors::devToolConfigNotFound().message()}});
+        reply(context, /*success=*/false,
+              JSONObject{{"message", Errors::devToolConfigNotFound().message()}});
         return;
     }
     const ResourceIndexPtr index = ResourceIndexPool::get(*pack);
     if (!index || index->error()) {
         const Error error = index ? index->error() : Errors::resourceListNotFound(pack->name);
-        reply(context, false, JSONObject{{"message", error.message()}});
+        reply(context, /*success=*/false, JSONObject{{"message", error.message()}});
         return;
     }
-    reply(context, true, JSONObject{{"urls", JSON(index->urls())}});
+    reply(context, /*success=*/true, JSONObject{{"urls", JSON(index->urls())}});
 }
 
 // What the matcher decides for a URL, without reading it.
@@ -167,12 +171,14 @@ void getURLInfo(const JSON& params, Context context) {
                              {"matchTime", resource->matchTime},
                              {"parts", std::move(parts)}};
     if (resource->error) report.set("error", errorJSON(resource->error));
-    reply(context, true, std::move(report));
+    reply(context, /*success=*/true, std::move(report));
+    // The probe is a request like any other, reported as one.
+    resource->finish();
 }
 
 void clearCommand(const JSON&, Context context) {
     DevInspector::clear();
-    reply(context, true);
+    reply(context, /*success=*/true);
 }
 
 void update(const JSON&, Context context) {
@@ -182,7 +188,7 @@ void update(const JSON&, Context context) {
             if (error) {
                 replyError(context, error);
             } else {
-                reply(context, true);
+                reply(context, /*success=*/true);
             }
         },
         0);
@@ -196,7 +202,7 @@ void previewPack(const JSON& params, Context context) {
 }
 
 void size(const JSON&, Context context) {
-    reply(context, true, DevInspector::sizeReport());
+    reply(context, /*success=*/true, DevInspector::sizeReport());
 }
 
 // The module cache's list as it is kept, with its limits: what stays and in which order.
@@ -207,7 +213,7 @@ void moduleCacheMeta(const JSON&, Context context) {
     dump.set("size", list.totalSize());
     dump.set("maxSize", list.maxSize());
     dump.set("hotCount", list.hotCount());
-    reply(context, true, std::move(dump));
+    reply(context, /*success=*/true, std::move(dump));
 }
 
 // Runs on the worker, where every other change of the configuration and the pack folders runs.
@@ -216,7 +222,7 @@ void cleanup(const JSON&, Context context) {
         std::vector<std::string> names;
         for (const PackPtr& pack : Cleanup::runCleanup(kCleanupDebugTool))
             names.push_back(pack->name);
-        reply(context, true, JSONObject{{"cleanedApps", JSON(names)}});
+        reply(context, /*success=*/true, JSONObject{{"cleanedApps", JSON(names)}});
     });
 }
 
@@ -259,7 +265,7 @@ void DevInspector::registerCommands() {
                                                for (const auto& [key, value] : params.objectValue())
                                                    urls.push_back(key);
                                                Access::prefetch(urls);
-                                               reply(context, true);
+                                               reply(context, /*success=*/true);
                                            });
     for (const auto& [name, handler] : commandTable())
         MarlLogger::Inspector::registerCommand(std::string(kCommandPrefix) + name, handler);
@@ -283,7 +289,7 @@ void DevInspector::clear() {
     // Logged by the commit itself; a failure leaves the packs to the next start's recovery.
     TaskRunner::post([] { (void)SCache::commit(*SCache::current()); });
     ResourceIndexPool::clear();
-    Folder::removeFile(packFolder(), true);
+    Folder::removeFile(packFolder(), Removal::kRecreate);
     PacksStore::instance().removeByPrefix("");
     Cache::instance().clear();
     // The packs shipped with the app come back at once, unless the host asked to forget them.

@@ -14,6 +14,7 @@
 #include "base/Proxy.h"
 #include "base/StorageState.h"
 #include "base/Telemetry.h"
+#include "base/Url.h"
 #include "lifecycle/DevInspector.h"
 #include "lifecycle/Services.h"
 #include "marl/Clock.h"
@@ -24,6 +25,7 @@
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "runtime/WorkerCheck.h"
 #include "storage/Cache.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
@@ -92,26 +94,6 @@ void onPushMessage(const std::string& topic, const std::string& message) {
 
 }  // namespace
 
-std::string Setup::escape(std::string_view text) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(text.size());
-    for (const char c : text) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if ((u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
-            u == '-' || u == '.' || u == '~' || u == '_') {
-            out.push_back(c);
-        } else if (u == ' ') {
-            out.push_back('+');
-        } else {
-            out.push_back('%');
-            out.push_back(kHex[u >> 4]);
-            out.push_back(kHex[u & 0xF]);
-        }
-    }
-    return out;
-}
-
 void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath,
                      const std::string& rawFileFolder) {
     RecursiveLock lifecycle(lifecycleMutex());
@@ -132,17 +114,17 @@ void Setup::setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath,
     UpdateConfig::loadAtStart();
 }
 
-void Setup::setup(const std::string& appKey, const std::string& appVersion, int32_t mode) {
+void Setup::setup(const std::string& appKey, const std::string& appVersion, SetupMode mode) {
     RecursiveLock lifecycle(lifecycleMutex());
     Environment& environment = Environment::instance();
     // Stored on every call, before anything is checked, so that a later call can change them.
-    const std::string key = escape(appKey);
-    const std::string version = escape(appVersion);
+    const std::string key = Url::escape(appKey);
+    const std::string version = Url::escape(appVersion);
     environment.setApp(key, version);
     environment.setReferer("Ferrit/" + std::string(kCoreVersion) + "_" + key + "/" + version);
     if (!environment.proxy()) return;
 
-    const bool hostStartsUpdate = (mode & 1) != 0;
+    const bool hostStartsUpdate = mode == SetupMode::kHostStartsUpdate;
     if (!environment.setFlag(kSetupDone)) {
         // A repeated setup can still hand the start of updating to the system.
         if (!hostStartsUpdate) {
@@ -171,7 +153,7 @@ void Setup::setup(const std::string& appKey, const std::string& appVersion, int3
     MarlLogger::Inspector::registerInfo("FerritInfo", "Ferrit/" + std::string(kCoreVersion));
     // Folders of earlier layouts, never recreated.
     for (const char* old : {"meta/", "storage/", "module/", "UniCache_T/"})
-        Folder::removeFile(Folder::disk(old), false);
+        Folder::removeFile(Folder::disk(old), Removal::kGone);
 }
 
 void Setup::setupSubProcess() {
@@ -191,6 +173,7 @@ void Setup::reloadConfig() {
 }
 
 void Setup::configFirstUpdated() {
+    assertOnWorker();
     Environment& environment = Environment::instance();
     const bool changed = environment.setFlag(kConfigFirstUpdated);
     logSetup(MarlLogger::MRLLevelInfo, "configFirstUpdated");
@@ -210,12 +193,12 @@ void Setup::configFirstUpdated() {
 }
 
 void Setup::autoStartUpdate() {
+    assertOnWorker();
     if (Environment::instance().flags() & kUpdateStarted) return;
     logSetup(MarlLogger::MRLLevelError, "autoStartUpdate");
     startUpdate();
     PerfRecord record("Ferrit.Init");
-    record.setDimension("errorCode", "9998");
-    record.setDimension("errorMsg", "startUpdate not called");
+    record.setError(Errors::startUpdateNotCalled());
     sendEvent(record);
 }
 
@@ -293,13 +276,13 @@ void Setup::setLocale(const std::string& locale) {
     Environment::instance().setLocaleValue(locale);
 }
 
-void Setup::setNetworkStatus(uint32_t status) {
+void Setup::setNetworkStatus(NetworkStatus status) {
     Environment& environment = Environment::instance();
     if (environment.networkStatus() == status) return;
     environment.setNetworkStatusValue(status);
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent)
         .event("networkStatus", Environment::instance().sessionName())
-        .append("status", status);
+        .append("status", static_cast<uint32_t>(status));
 }
 
 JSON Setup::statusReport() {

@@ -14,11 +14,18 @@
 #include <string>
 #include <string_view>
 
+#include "base/Environment.h"
 #include "marl/Json.h"
 
 namespace FerritCore {
 
 class Proxy;
+
+// Who starts updating after setup.
+enum class SetupMode : int32_t {
+    kAutoUpdate = 0,        // the system starts it once the first configuration update finished
+    kHostStartsUpdate = 1,  // the host calls startUpdate itself
+};
 
 class Setup {
   public:
@@ -35,8 +42,8 @@ class Setup {
     // configuration. An empty root logs 9992 and goes on without.
     static void setProxy(std::shared_ptr<Proxy> proxy, const std::string& rootPath,
                          const std::string& rawFileFolder = {});
-    // Main-process setup. Bit 0 of `mode` set: the host calls startUpdate itself.
-    static void setup(const std::string& appKey, const std::string& appVersion, int32_t mode);
+    // Main-process setup.
+    static void setup(const std::string& appKey, const std::string& appVersion, SetupMode mode);
     static void setupSubProcess();
     // A sub process reads afresh the configuration that the main process wrote; a main process,
     // which owns the document, does nothing.
@@ -46,7 +53,7 @@ class Setup {
     static void clientDeactived();
     static void setEnv(int32_t env);
     static void setLocale(const std::string& locale);
-    static void setNetworkStatus(uint32_t status);
+    static void setNetworkStatus(NetworkStatus status);
 
     // What runs when the first configuration update of the process has finished (worker).
     static void configFirstUpdated();
@@ -59,9 +66,6 @@ class Setup {
     // "NO_PROXY" / "ROOT_NOT_EXIST", "NOT_SETUP" / "NO_APPKEY" / "NO_APPVERSION",
     // "NOT_UPDATE_CONFIG", "NOT_START_UPDATE", in that order.
     static MarlLogger::json::JSON statusReport();
-
-    // Keeps letters, digits, "-", ".", "~" and "_"; a blank becomes "+"; any other byte "%XX".
-    static std::string escape(std::string_view text);
 };
 
 }  // namespace FerritCore

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <random>
 
+#include "support/Ascii.h"
+
 namespace MarlLogger {
 namespace {
 
@@ -47,7 +49,7 @@ std::string MRLGenerateID(std::string_view prefix) {
     }();
     static std::atomic<uint64_t> counter{0};
     const uint64_t n = counter.fetch_add(1, std::memory_order_relaxed);
-    static constexpr char kHex[] = "0123456789abcdef";
+    constexpr const char* kHex = FerritCore::Ascii::kLowerHexDigits;
     char buffer[32];
     char* p = buffer;
     *p++ = '_';

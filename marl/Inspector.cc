@@ -29,19 +29,19 @@ void InspectorCommandContext::answer(bool success, const json::JSON& data) {
 }
 
 void InspectorCommandContext::callbackSuccess() {
-    answer(true, json::JSON(json::JSONObject()));
+    answer(/*success=*/true, json::JSON(json::JSONObject()));
 }
 
 void InspectorCommandContext::callbackSuccess(json::JSON object) {
-    answer(true, object);
+    answer(/*success=*/true, object);
 }
 
 void InspectorCommandContext::callbackFailed(int code, const std::string& message) {
-    answer(false, json::JSON(json::JSONObject{{"code", code}, {"message", message}}));
+    answer(/*success=*/false, json::JSON(json::JSONObject{{"code", code}, {"message", message}}));
 }
 
 void InspectorCommandContext::callbackFailed(json::JSON object) {
-    answer(false, object);
+    answer(/*success=*/false, object);
 }
 
 void Inspector::registerAgent(const std::string& name, std::shared_ptr<InspectorAgent> agent) {

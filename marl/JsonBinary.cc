@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "marl/JsonInternal.h"
+#include "support/Ascii.h"
 
 namespace MarlLogger::json {
 namespace {
@@ -214,8 +215,10 @@ class BinaryReader {
             return true;
         }
         if (tag >= 0xa0 && tag <= 0xbf) return readString(tag & 0x1f, at, out);
-        if (tag >= 0x90 && tag <= 0x9f) return openContainer(false, tag & 0x0f, at, out, opened);
-        if (tag >= 0x80 && tag <= 0x8f) return openContainer(true, tag & 0x0f, at, out, opened);
+        if (tag >= 0x90 && tag <= 0x9f)
+            return openContainer(/*isObject=*/false, tag & 0x0f, at, out, opened);
+        if (tag >= 0x80 && tag <= 0x8f)
+            return openContainer(/*isObject=*/true, tag & 0x0f, at, out, opened);
         switch (tag) {
             case 0xc0:
                 *out = JSON();
@@ -267,18 +270,18 @@ class BinaryReader {
             case 0xd3:
                 return take(8, &v) && (*out = JSON(static_cast<int64_t>(v)), true);
             case 0xdc:
-                return take(2, &v) && openContainer(false, v, at, out, opened);
+                return take(2, &v) && openContainer(/*isObject=*/false, v, at, out, opened);
             case 0xdd:
-                return take(4, &v) && openContainer(false, v, at, out, opened);
+                return take(4, &v) && openContainer(/*isObject=*/false, v, at, out, opened);
             case 0xde:
-                return take(2, &v) && openContainer(true, v, at, out, opened);
+                return take(2, &v) && openContainer(/*isObject=*/true, v, at, out, opened);
             case 0xdf:
-                return take(4, &v) && openContainer(true, v, at, out, opened);
+                return take(4, &v) && openContainer(/*isObject=*/true, v, at, out, opened);
             default:
                 break;
         }
-        static constexpr char kHex[] = "0123456789abcdef";
-        const char name[] = {'0', 'x', kHex[tag >> 4], kHex[tag & 0xf], '\0'};
+        const char name[] = {'0', 'x', FerritCore::Ascii::kLowerHexDigits[tag >> 4],
+                             FerritCore::Ascii::kLowerHexDigits[tag & 0xf], '\0'};
         return fail(std::string("unsupported type ") + name, at);
     }
 

@@ -18,6 +18,7 @@
 #include "model/Rollout.h"
 #include "model/SCache.h"
 #include "storage/Statistics.h"
+#include "support/Ascii.h"
 
 namespace FerritCore {
 
@@ -195,10 +196,10 @@ std::string FConfig::serialize() const {
     if (scacheVersion != "0") out.key("scacheVersion").value(scacheVersion);
     if (delay != 60000.0) out.key("delay").value(delay);
     // The defaults of these three are the running values, which may differ at the next start: a
-    // stored document always says what it was fetched for.
+    // stored document always says what it was fetched for, an empty locale or version included.
     out.key("env").value(env);
-    if (!clientVersion.empty()) out.key("clientVersion").value(clientVersion);
-    if (!locale.empty()) out.key("locale").value(locale);
+    out.key("clientVersion").value(clientVersion);
+    out.key("locale").value(locale);
     if (lastUpdate != 0) out.key("lastUpdate").value(lastUpdate);
     if (lastFullUpdate != 0) out.key("lastFullUpdate").value(lastFullUpdate);
     if (issued != 0) out.key("issued").value(issued);
@@ -474,15 +475,16 @@ void FConfig::setStatus(std::string_view name, uint32_t status) {
     if (pack->status != old->status) put(std::move(pack));
 }
 
-void FConfig::setInstalled(std::string_view name, uint32_t trigger, uint64_t seq, uint64_t baseSeq,
-                           uint64_t size, bool isPacks) {
+void FConfig::setInstalled(std::string_view name, UpdateTrigger trigger, uint64_t seq,
+                           uint64_t baseSeq, uint64_t size, bool isPacks) {
     PackPtr old = find(name);
     if (!old) return;
     auto pack = old->clone();
     // A first install earns the credit that keeps a fresh pack from being evicted at once.
     if (pack->installedSeq == 0)
         Statistics::addAccess(pack->name, nullptr, Statistics::kInstallCredit);
-    if (triggerIgnoresPriority(trigger)) pack->trigger = trigger;
+    if (triggerIgnoresPriority(trigger))
+        pack->trigger = static_cast<uint32_t>(triggerCode(trigger));
     pack->installedSeq = seq;
     pack->installedBaseSeq = baseSeq;
     pack->installedSize = size;
@@ -521,8 +523,7 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
                 continue;
             }
             accept.assign(prefix, hash + 1);
-            for (char& c : accept)
-                if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+            Ascii::lowerInPlace(accept);
             claim(value.acceptPacks[accept], name);
         }
         for (const auto& referrer : pack->referrers) {

@@ -13,6 +13,7 @@
 
 #include "base/PrefixTree.h"
 #include "base/StringMap.h"
+#include "base/Telemetry.h"
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
 #include "model/KeyTrust.h"
@@ -88,7 +89,7 @@ class FConfig {
     // Applies Pack::setStatus to a clone; stores it when the status changed.
     void setStatus(std::string_view name, uint32_t status);
     // Records a finished install of `seq`.
-    void setInstalled(std::string_view name, uint32_t trigger, uint64_t seq, uint64_t baseSeq,
+    void setInstalled(std::string_view name, UpdateTrigger trigger, uint64_t seq, uint64_t baseSeq,
                       uint64_t size, bool isPacks);
 
     // Rebuilds the matcher's tables; shares those of `previous` when no record's routing changed,

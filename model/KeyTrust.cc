@@ -20,12 +20,9 @@ using MarlLogger::json::JSONObject;
 
 namespace {
 
-// The members of "keys" and of the stored set.
-constexpr const char* kNext = "next";
-constexpr const char* kEndorsement = "endorsement";
-constexpr const char* kEndorsedKey = "key";
-constexpr const char* kEndorsementSignature = "signature";
-constexpr const char* kRetired = "retired";
+// The stored set's retired ids share the name of the documents' member (KeyStatements).
+constexpr const char* kRetired = KeyStatements::kRetired;
+// The stored set's keys that devices trust.
 constexpr const char* kTrusted = "trusted";
 // In the stored set only: {ID: ID of the key that introduced it}, and whether the host's own key,
 // which the host does not name, was retired.
@@ -165,6 +162,7 @@ std::string KeyTrust::endorsementStatement(std::string_view keyBase64) {
 }
 
 void KeyTrust::loadLocked() {
+    mutex_.assertHeld();
     if (loaded_) return;
     loaded_ = true;
     static_cast<void>(mergeStoreLocked());
@@ -176,8 +174,9 @@ std::vector<std::shared_ptr<const Ed25519PublicKey>> KeyTrust::mergeStoreLocked(
     // that checking a signature writes nothing.
     struct stat info;
     if (::stat((rootPath() + ConfigStore::kDirectory).c_str(), &info) != 0) return added;
-    Error error;
-    const JSON stored = ConfigStore::instance().get(kStoreKey, error);
+    const ErrorOr<JSON> read = ConfigStore::instance().get(kStoreKey);
+    const Error& error = read.error();
+    const JSON stored = read.valueOr(JSON());
     if (error) {
         // Nothing stored is the state of every device before its first change of keys.
         if (!Errors::isFileMissing(error)) {
@@ -208,6 +207,7 @@ std::vector<std::shared_ptr<const Ed25519PublicKey>> KeyTrust::mergeStoreLocked(
 }
 
 void KeyTrust::saveLocked() {
+    mutex_.assertHeld();
     JSON trusted(JSONArray{});
     for (const auto& key : trusted_) trusted.push(JSON(Digest::base64Encode(key->raw())));
     JSON retired(JSONArray{});
@@ -219,8 +219,7 @@ void KeyTrust::saveLocked() {
         stored.set(kIntroducers, introducers);
     }
     if (hostRetired_) stored.set(kHostRetired, JSON(true));
-    Error error;
-    if (!ConfigStore::instance().put(kStoreKey, stored, error)) {
+    if (Error error = ConfigStore::instance().put(kStoreKey, stored)) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kKeys)
             .event("save")
             .error(error);
@@ -228,6 +227,7 @@ void KeyTrust::saveLocked() {
 }
 
 bool KeyTrust::retiredLocked(const std::string& id) const {
+    mutex_.assertHeld();
     return std::find(retired_.begin(), retired_.end(), id) != retired_.end();
 }
 

@@ -47,6 +47,14 @@ struct KeyStatements {
     std::string endorsement;           // base64 signature of endorsementStatement(endorsedKey)
     std::vector<std::string> retired;  // ids
 
+    // The members of a document's "keys", as the publisher writes them and devices read them:
+    // {"next": KEY, "endorsement": {"key": KEY, "signature": SIGNATURE}, "retired": [ID...]}.
+    static constexpr const char* kNext = "next";
+    static constexpr const char* kEndorsement = "endorsement";
+    static constexpr const char* kEndorsedKey = "key";
+    static constexpr const char* kEndorsementSignature = "signature";
+    static constexpr const char* kRetired = "retired";
+
     bool empty() const { return next.empty() && endorsedKey.empty() && retired.empty(); }
     // Reads the member "keys" of a document; anything that is not in the form above is left out.
     static KeyStatements read(const MarlLogger::json::JSON& keys);

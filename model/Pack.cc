@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <string_view>
 
-#include "base/Telemetry.h"
 #include "marl/Clock.h"
 #include "model/Rollout.h"
 
@@ -199,7 +198,7 @@ bool Pack::isOutOfDate(double documentLastUpdate, double interval) const {
     return updateTime < limit && documentLastUpdate < limit;
 }
 
-bool triggerIgnoresPriority(uint32_t trigger) {
+bool triggerIgnoresPriority(UpdateTrigger trigger) {
     return trigger == kTriggerVisit || trigger == kTriggerPrefetch || trigger == kTriggerPreview;
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/Folder.h"
+#include "base/Telemetry.h"
 #include "marl/Json.h"
 
 namespace FerritCore {
@@ -151,6 +152,6 @@ using PackPtr = std::shared_ptr<const Pack>;
 
 // Per trigger: whether an uninstalled pack needs no priority or statistics to qualify, in which
 // case the install also records the trigger. True for "Visit", "Prefetch" and "Preview".
-bool triggerIgnoresPriority(uint32_t trigger);
+bool triggerIgnoresPriority(UpdateTrigger trigger);
 
 }  // namespace FerritCore

@@ -1,21 +1,22 @@
 #include "model/PacksConfigStorage.h"
 
+#include "runtime/WorkerCheck.h"
 #include "storage/PacksStore.h"
 
 namespace FerritCore {
 
 Error PacksConfigStorage::writeConfig(const std::string& text, Durability durability) {
-    Error error;
-    PacksStore::instance().writeConfig(text, error, durability);
-    return error;
+    assertOnWorker();
+    return PacksStore::instance().writeConfig(text, durability);
 }
 
 void PacksConfigStorage::removeFolder(const Folder& folder) {
-    Folder::removeFile(folder, false);
+    assertOnWorker();
+    Folder::removeFile(folder, Removal::kGone);
 }
 
 void PacksConfigStorage::wipeInstalled() {
-    Folder::removeFile(Folder::disk("apps/"), true);
+    Folder::removeFile(Folder::disk("apps/"), Removal::kRecreate);
     PacksStore::instance().clear();
 }
 
@@ -24,7 +25,9 @@ uint64_t PacksConfigStorage::dataVersion() {
 }
 
 std::string PacksConfigStorage::readConfig(Error& error) {
-    return PacksStore::instance().readConfig(error);
+    ErrorOr<std::string> stored = PacksStore::instance().readConfig();
+    error = stored.error();
+    return std::move(stored).valueOr(std::string());
 }
 
 }  // namespace FerritCore

@@ -1,5 +1,5 @@
 // Where committed configuration documents go in a running process: the packs store, and the
-// folders under the root. Runs on the worker.
+// folders under the root. Threads as ConfigStorage says.
 #pragma once
 
 #include "model/SCache.h"

@@ -48,8 +48,8 @@ ResourceIndex::ResourceIndex(std::string name, Error error)
 ResourceIndex::ResourceIndex(std::string name, const Folder& folder)
     : name_(std::move(name)), hasFolder_(true), folder_(folder) {
     // The increment goes in first, so that the full list never brings back what it removed.
-    if (!loadFile(folder.childOf(kIncrementIndexFileName), true)) return;
-    if (!loadFile(folder.childOf(kIndexFileName), false)) return;
+    if (!loadFile(folder.childOf(kIncrementIndexFileName), /*increment=*/true)) return;
+    if (!loadFile(folder.childOf(kIndexFileName), /*increment=*/false)) return;
     // Files of the pack are then found and read relative to its folder, held open for as long as
     // the index lives.
     if (folder.kind() == FolderKind::Disk) directory_ = OpenDirectory::open(folder.absolute());
@@ -82,7 +82,7 @@ ResourceIndex::ResourceIndex(std::string name, const JSON& table) : name_(std::m
         fail(Errors::fileDeserialization(source, "not an object"));
         return;
     }
-    addEntries(table, false, source);
+    addEntries(table, /*allowMissingMd5=*/false, source);
 }
 
 bool ResourceIndex::parseSigned(const Folder& folder, std::string_view text, JSON& table,

@@ -10,6 +10,7 @@
 #include "base/Folder.h"
 #include "base/LogTags.h"
 #include "marl/Log.h"
+#include "support/Ascii.h"
 
 namespace FerritCore::Rollout {
 
@@ -17,16 +18,6 @@ namespace {
 
 // Bytes of the digest that make the slot: 64 bits leave a bias of under 1e-15 after the modulo.
 constexpr size_t kSlotBytes = 8;
-
-std::string hex(const unsigned char* bytes, size_t count) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string out(count * 2, '\0');
-    for (size_t i = 0; i < count; ++i) {
-        out[2 * i] = kHex[bytes[i] >> 4];
-        out[2 * i + 1] = kHex[bytes[i] & 0xF];
-    }
-    return out;
-}
 
 // The identifier as a file holds it: the first line, without blanks around it.
 std::string trimmed(const std::string& text) {
@@ -79,7 +70,7 @@ std::string loadInstallId(const std::string& root) {
         logFailure(path, EIO);
         return std::string();
     }
-    const std::string id = hex(bytes, sizeof(bytes));
+    const std::string id = Ascii::hex(bytes, sizeof(bytes));
     // Written whole under a name of this process, then given its name by a link, which fails
     // when the name exists: a reader never sees half an identifier, and of two processes that
     // make one at once, the first link wins and the other reads it.

@@ -137,7 +137,8 @@ bool SCache::refresh() {
     Error error;
     const std::string text = storage->readConfig(error);
     std::shared_ptr<FConfig> document;
-    if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
+    if (!error && !text.empty())
+        document = FConfig::parse(text, "local", error, /*checkSignature=*/false);
     if (!document) {
         // Taken as seen all the same: a document that does not read would otherwise be read
         // again by every failing request until the next commit replaces it.

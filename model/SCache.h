@@ -17,7 +17,10 @@
 
 namespace FerritCore {
 
-// Where committed documents and removed packs go. Runs on the worker.
+// Where committed documents and removed packs go. writeConfig and removeFolder run on the worker,
+// in the commit that a transaction posts there; wipeInstalled runs inside the transaction that
+// changes the service environment, on whatever thread made it (a push message arrives on the
+// host's); dataVersion and readConfig run on any thread.
 class ConfigStorage {
   public:
     virtual ~ConfigStorage() = default;

@@ -73,6 +73,10 @@ class Once {
     std::function<void(Args...)> completion_;  // moved out by the one caller that takes it
 };
 
+// Bits 14 and 15 of a pack's flags: the pack may download on a slow or a fast mobile network.
+constexpr uint64_t kAllowSlowMobileMask = 0x4000;
+constexpr uint64_t kAllowFastMobileMask = 0x8000;
+
 }  // namespace
 
 void requestConfig(const std::string& url, const std::string& traceId,
@@ -225,17 +229,17 @@ void requestPack(const std::string& url, const Folder& target, const std::string
 bool downloadAllowed(uint64_t packFlags, std::string& reason) {
     reason.clear();
     switch (Environment::instance().networkStatus()) {
-        case kStatusNone:
+        case NetworkStatus::kNone:
             reason = "None";
             return false;
-        case kStatusUnrestricted:
+        case NetworkStatus::kUnrestricted:
             return true;
-        case kStatusSlowMobile:
-            if ((packFlags >> 14) & 1) return true;
+        case NetworkStatus::kSlowMobile:
+            if ((packFlags & kAllowSlowMobileMask) != 0) return true;
             reason = "Slow cellular";
             return false;
-        case kStatusFastMobile:
-            if ((packFlags >> 15) & 1) return true;
+        case NetworkStatus::kFastMobile:
+            if ((packFlags & kAllowFastMobileMask) != 0) return true;
             reason = "Fast cellular";
             return false;
         default:

@@ -36,14 +36,6 @@ void requestResource(const std::string& url, const std::string& traceId, const H
 void requestPack(const std::string& url, const Folder& target, const std::string& traceId,
                  uint32_t progressId, std::function<void(uint64_t length, Error error)> completion);
 
-// The host's network status, as setNetworkStatus gives it.
-enum Status : uint32_t {
-    kStatusNone = 0,  // the start: no download until the host names a network
-    kStatusUnrestricted = 1,
-    kStatusSlowMobile = 2,
-    kStatusFastMobile = 3,
-};
-
 // Whether a pack with these update flags may download now. False with the reason ("None",
 // "Slow cellular", "Fast cellular") or, for an unknown status, an empty reason.
 bool downloadAllowed(uint64_t packFlags, std::string& reason);

@@ -33,6 +33,7 @@ bool Semaphore::wait(uint32_t milliseconds) {
 }
 
 void Semaphore::consume() {
+    mutex_.assertHeld();
     if (autoReset_) {
         count_ = 0;
     } else {

@@ -14,6 +14,7 @@
 #include "base/Published.h"
 #include "base/Url.h"
 #include "marl/Clock.h"
+#include "support/Ascii.h"
 #include "support/Mutex.h"
 
 // Deployment endpoints: empty unless the build sets them (see the FERRIT_*_PREFIX cache
@@ -112,9 +113,7 @@ Settings::StringSet parseFileTypes(std::string_view text) {
     for (const JSON& element : document.arrayValue()) {
         if (!element.isString()) continue;
         std::string type(element.stringViewValue());
-        for (char& c : type) {
-            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        }
+        Ascii::lowerInPlace(type);
         types.insert(std::move(type));
     }
     return types;
@@ -329,10 +328,10 @@ std::string Settings::configPrefixFor() const {
 std::string Settings::configPrefixFor(int32_t env) const {
     std::string prefix;
     switch (env) {
-        case 0:
+        case kEnvDebug:
             prefix = configPrefixDebug;
             break;
-        case 1:
+        case kEnvDaily:
             prefix = configPrefixDaily;
             break;
         default:
@@ -372,8 +371,8 @@ std::string Settings::zipPrefixFor(uint32_t packType, int32_t env) const {
     if (acache && acacheZipPrefixRemote) return *acacheZipPrefixRemote;
     // "Debug" reads a pre-release configuration but downloads from the release endpoint, and not
     // from one the host may have set, unless the build compiled none in.
-    if (env == 0) return !builtinZipPrefix().empty() ? builtinZipPrefix() : zipPrefix;
-    if (env == 1) return zipPrefixDaily;
+    if (env == kEnvDebug) return !builtinZipPrefix().empty() ? builtinZipPrefix() : zipPrefix;
+    if (env == kEnvDaily) return zipPrefixDaily;
     return acache ? acacheZipPrefix : zipPrefix;
 }
 
@@ -499,8 +498,7 @@ JSON Settings::toJSON() const {
 bool HostDefaults::isPlainChannel(const std::string& channel) {
     if (channel.empty() || channel[0] == '.') return false;
     for (char c : channel) {
-        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                           (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
+        const bool plain = Ascii::isAlphaNumeric(c) || c == '.' || c == '_' || c == '-';
         if (!plain) return false;
     }
     return true;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 
 #include "base/LogTags.h"
@@ -42,7 +43,9 @@ std::atomic<TaskRunner::ThreadStarter> threadStarter{&startThread};
 
 }  // namespace
 
-TaskRunner::TaskRunner(std::string name, Mode mode) : name_(std::move(name)), mode_(mode) {}
+TaskRunner::TaskRunner(std::string name, Mode mode) : name_(std::move(name)), mode_(mode) {
+    if (mode == Mode::Manual) manualHome_.store(std::this_thread::get_id());
+}
 
 TaskRunner::~TaskRunner() {
     if (threadStarted_.load(std::memory_order_acquire)) {
@@ -52,8 +55,12 @@ TaskRunner::~TaskRunner() {
     }
     delayed_.clear();
     ready_.clear();
-    RecursiveLock lock(lock_);
-    incoming_.clear();
+    // Destroyed after the lock is released: what a callable owns may post from its destructor.
+    std::vector<Task> dropped;
+    {
+        MutexLock lock(lock_);
+        dropped.swap(incoming_);
+    }
 }
 
 TaskRunner& TaskRunner::shared() {
@@ -69,6 +76,7 @@ bool TaskRunner::setSharedMode(Mode mode) {
     TaskRunner& runner = shared();
     MutexLock lock(runner.threadMutex_);
     if (runner.threadStarted_.load(std::memory_order_acquire)) return mode == Mode::Worker;
+    if (mode == Mode::Manual) runner.manualHome_.store(std::this_thread::get_id());
     runner.mode_.store(mode, std::memory_order_release);
     return true;
 }
@@ -119,7 +127,7 @@ bool TaskRunner::ensureThread() {
 void TaskRunner::enqueue(Task task) {
     if (mode_.load(std::memory_order_acquire) == Mode::Worker) ensureThread();
     posted_.fetch_add(1, std::memory_order_acq_rel);
-    RecursiveLock lock(lock_);
+    MutexLock lock(lock_);
     const bool wasEmpty = incoming_.empty();
     incoming_.push_back(std::move(task));
     // Never cleared, so only the first post needs the full barrier.
@@ -166,7 +174,7 @@ void TaskRunner::cancelTask(TaskId id) {
     // destructor, and the lock covers the list only.
     Task removed;
     {
-        RecursiveLock lock(lock_);
+        MutexLock lock(lock_);
         for (auto it = incoming_.begin(); it != incoming_.end(); ++it) {
             if (it->id == id) {
                 removed = std::move(*it);
@@ -211,7 +219,7 @@ bool TaskRunner::drain() {
         // Lets the worker skip the lock while nothing has ever been posted.
         if (everPosted_.load(std::memory_order_acquire) == 0) return false;
         {
-            RecursiveLock lock(lock_);
+            MutexLock lock(lock_);
             ready_.swap(incoming_);
         }
         readyNext_ = 0;
@@ -372,26 +380,35 @@ void TaskRunner::dropDelayed() {
 }
 
 void TaskRunner::dropTasks() {
+    // The callables are destroyed after the lock is released: what one owns may post from its
+    // destructor.
+    std::vector<Task> discarded;
     {
-        RecursiveLock lock(lock_);
+        MutexLock lock(lock_);
         retired_.fetch_add(incoming_.size(), std::memory_order_acq_rel);
-        incoming_.clear();
+        discarded.swap(incoming_);
     }
+    discarded.clear();
+    bool nobodyRuns = false;
     {
-        // Holding the thread mutex keeps a worker from starting while the lists are cleared.
+        // Holding the thread mutex keeps a worker from starting while the lists are taken.
         MutexLock lock(threadMutex_);
-        if (!threadStarted_.load(std::memory_order_acquire) &&
-            !running_.load(std::memory_order_acquire)) {
-            // Nobody is running tasks: everything can go now.
+        nobodyRuns = !threadStarted_.load(std::memory_order_acquire) &&
+                     !running_.load(std::memory_order_acquire);
+        if (nobodyRuns) {
+            // Everything can go now; the callables go after the lock, as above.
             if (readyNext_ < ready_.size()) {
                 retired_.fetch_add(ready_.size() - readyNext_, std::memory_order_acq_rel);
             }
-            ready_.clear();
+            retired_.fetch_add(delayed_.size(), std::memory_order_acq_rel);
+            discarded.swap(ready_);
             readyNext_ = 0;
-            dropDelayed();
-            return;
+            discarded.insert(discarded.end(), std::make_move_iterator(delayed_.begin()),
+                             std::make_move_iterator(delayed_.end()));
+            delayed_.clear();
         }
     }
+    if (nobodyRuns) return;
     // The heap belongs to whoever runs tasks: the drop goes there as a task, behind what has
     // already been taken up.
     if (mode() == Mode::Worker && !isRunnerThread()) {
@@ -410,7 +427,7 @@ std::vector<double> TaskRunner::pendingDueTimes() const {
     std::vector<double> times;
     if (mode() != Mode::Manual) return times;
     {
-        RecursiveLock lock(lock_);
+        MutexLock lock(lock_);
         for (const Task& task : incoming_) times.push_back(task.dueTime);
     }
     for (size_t i = readyNext_; i < ready_.size(); ++i) times.push_back(ready_[i].dueTime);

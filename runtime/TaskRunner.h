@@ -136,6 +136,14 @@ class TaskRunner {
     bool isRunnerThread() const {
         return driver_.load(std::memory_order_acquire) == std::this_thread::get_id();
     }
+    // True where this runner's tasks, and the code that must run among them, may run: on the
+    // worker; for a Manual runner, inside runDueTasks() or on the thread that made the runner (or
+    // made it Manual), which stands in for the worker between runs.
+    bool isWorkerContext() const {
+        if (isRunnerThread()) return true;
+        return mode() == Mode::Manual &&
+               manualHome_.load(std::memory_order_acquire) == std::this_thread::get_id();
+    }
     // How many times the worker has come back from waiting (diagnostics: it has no periodic
     // wake-up).
     uint64_t wakeCount() const { return wakeCount_.load(std::memory_order_acquire); }
@@ -194,14 +202,17 @@ class TaskRunner {
     pthread_t thread_ GUARDED_BY(threadMutex_){};  // valid once threadStarted_
     std::atomic<bool> threadStarted_{false};
     std::atomic<std::thread::id> driver_{};
-    std::atomic<bool> running_{false};  // a Manual runDueTasks() is under way
+    std::atomic<bool> running_{false};           // a Manual runDueTasks() is under way
+    std::atomic<std::thread::id> manualHome_{};  // see isWorkerContext()
 
     // What posters write, on a cache line of its own so that the worker's counting does not
     // bounce it between cores.
     alignas(64) std::atomic<TaskId> nextId_{1};
     std::atomic<uint64_t> posted_{0};
     std::atomic<uint8_t> everPosted_{0};
-    mutable RecursiveMutex lock_;  // guards incoming_ only; recursive so that a task may post
+    // Guards incoming_ only. Never held while a task runs or a callable is destroyed (what a
+    // callable owns may post from its destructor), so a plain lock is enough.
+    mutable Mutex lock_;
     std::vector<Task> incoming_ GUARDED_BY(lock_);  // ascending ids, in order of posting
 
     // Touched only by the thread that runs tasks (the worker, or the Manual driver), apart from

@@ -7,7 +7,14 @@ cd "$(dirname "$0")/.."
 dir=$1
 shift
 mkdir -p "$dir"
-cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRIT_WERROR=ON "$@" \
+# CMake reads CC and CXX only when a directory is first configured; a directory made earlier with
+# another compiler would keep it. Naming them, resolved as CMake stores them, makes CC=clang mean
+# clang in every directory (a change of compiler starts that directory's configuration afresh).
+compilers=()
+if [ -n "${CC:-}" ]; then compilers+=("-DCMAKE_C_COMPILER=$(command -v "$CC")"); fi
+if [ -n "${CXX:-}" ]; then compilers+=("-DCMAKE_CXX_COMPILER=$(command -v "$CXX")"); fi
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERRIT_WERROR=ON \
+  ${compilers[@]+"${compilers[@]}"} "$@" \
   >"$dir/configure.log" 2>&1 || { tail -n 60 "$dir/configure.log"; exit 1; }
 ninja -C "$dir" >"$dir/build.log" 2>&1 || {
   grep -E -A 12 'FAILED|error:' "$dir/build.log" | head -n 80 || tail -n 60 "$dir/build.log"

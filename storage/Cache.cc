@@ -160,8 +160,7 @@ void Cache::openAndReport() {
     std::vector<std::string> urls;
     int64_t total = 0;
     if (isOpen()) {
-        Error error;
-        total = get(kConfigKey, error)[kTotalKey].int64Value();
+        total = get(kConfigKey).valueOr(JSON())[kTotalKey].int64Value();
         const size_t prefix = std::string_view(kMetaPrefix).size();
         Store::enumerate(kMetaPrefix, [&](std::string_view key) {
             urls.emplace_back(key.substr(prefix));
@@ -222,6 +221,7 @@ uint64_t Cache::diskSize() const {
 }
 
 Cache::EntryPtr Cache::loadEntry(std::string_view url, Error& error) {
+    lock_.assertHeld();
     auto found = entries_.find(url);
     if (found == entries_.end()) {
         error = Errors::storeNotExists(directory(), metaKey(url));
@@ -229,8 +229,9 @@ Cache::EntryPtr Cache::loadEntry(std::string_view url, Error& error) {
     }
     if (found->second) return found->second;
     const std::string key = metaKey(url);
-    Error readError;
-    const JSON meta = get(key, readError);
+    ErrorOr<JSON> read = get(key);
+    const Error readError = read.error();
+    const JSON meta = std::move(read).valueOr(JSON());
     if (meta.isObject()) {
         auto entry = std::make_shared<CacheEntry>(std::string(url));
         MutexLock entryLock(entry->lock);
@@ -253,6 +254,7 @@ Cache::EntryPtr Cache::loadEntry(std::string_view url, Error& error) {
 }
 
 Cache::EntryPtr Cache::entryForWrite(std::string_view url, bool& existed) {
+    lock_.assertHeld();
     Error unknown;
     EntryPtr known = loadEntry(url, unknown);
     existed = known != nullptr;
@@ -263,6 +265,7 @@ Cache::EntryPtr Cache::entryForWrite(std::string_view url, bool& existed) {
 }
 
 bool Cache::addReference(CacheEntry& entry, std::string_view owner, double expiry) {
+    entry.lock.assertHeld();
     auto found = entry.references.find(owner);
     if (found == entry.references.end()) {
         entry.references.emplace(std::string(owner), expiry);
@@ -276,6 +279,7 @@ bool Cache::addReference(CacheEntry& entry, std::string_view owner, double expir
 }
 
 double Cache::largestExpiry(const CacheEntry& entry) {
+    entry.lock.assertHeld();
     double largest = 0;
     for (const auto& [owner, expiry] : entry.references) {
         if (expiry >= CachedResource::kNeverExpires) return expiry;
@@ -285,6 +289,7 @@ double Cache::largestExpiry(const CacheEntry& entry) {
 }
 
 void Cache::writeMeta(const CacheEntry& entry) {
+    entry.lock.assertHeld();
     JSONObject references;
     for (const auto& [owner, expiry] : entry.references) references.set(owner, JSON(expiry));
     const JSON meta = JSONObject{{kMetaSize, JSON(entry.size)},
@@ -292,13 +297,14 @@ void Cache::writeMeta(const CacheEntry& entry) {
                                  {kMetaLarge, JSON(entry.large)},
                                  {kMetaValidated, JSON(entry.validated)},
                                  {kMetaReferences, JSON(std::move(references))}};
-    Error error;
-    if (put(metaKey(entry.url), meta, error)) return;
+    const Error error = put(metaKey(entry.url), meta);
+    if (!error) return;
     LogBuilder log(MarlLogger::MRLLevelWarning, tag());
     if (log.active()) log.event("writeMeta").append("url", entry.url).error(error);
 }
 
 JSON Cache::readBody(const CacheEntry& entry, Error& error) const {
+    entry.lock.assertHeld();
     if (entry.large) {
         const Folder file = largeFolder_.childOf(entry.fileName);
         const std::string bytes = Folder::readFile(file, error);
@@ -317,8 +323,12 @@ JSON Cache::readBody(const CacheEntry& entry, Error& error) const {
         return document;
     }
     const std::string key = resourceKey(entry.url);
-    JSON document = get(key, error);
-    if (error) return JSON();
+    ErrorOr<JSON> stored = get(key);
+    if (!stored.ok()) {
+        error = std::move(stored).error();
+        return JSON();
+    }
+    JSON document = std::move(stored).value();
     if (!document.isObject() || !document[kBodyContent].isString()) {
         const Type type = document.isObject() ? document[kBodyContent].type() : document.type();
         error = Errors::storeInvalidType(directory(), key, typeName(type));
@@ -330,7 +340,7 @@ JSON Cache::readBody(const CacheEntry& entry, Error& error) const {
 void Cache::eraseStored(std::string_view url) {
     remove(metaKey(url));
     remove(resourceKey(url));
-    Folder::removeFile(largeFolder_.childOf(Digest::md5Hex(url)), false);
+    Folder::removeFile(largeFolder_.childOf(Digest::md5Hex(url)), Removal::kGone);
 }
 
 void Cache::addToTotal(int64_t delta) {
@@ -339,8 +349,8 @@ void Cache::addToTotal(int64_t delta) {
 
 void Cache::saveTotal() {
     MutexLock lock(saveMutex_);
-    Error error;
-    if (put(kConfigKey, JSONObject{{kTotalKey, JSON(totalSize())}}, error)) return;
+    const Error error = put(kConfigKey, JSONObject{{kTotalKey, JSON(totalSize())}});
+    if (!error) return;
     LogBuilder log(MarlLogger::MRLLevelWarning, tag());
     if (log.active()) log.event("writeConfig").error(error);
 }
@@ -419,7 +429,7 @@ std::unique_ptr<CachedResource> Cache::read(std::string_view url, std::string_vi
 bool Cache::write(std::string_view url, std::string_view owner, const CachedResource& resource,
                   Error& error) {
     error.clear();
-    lock_.lock();
+    ReleasableMutexLock cacheLock(lock_);
     bool existed = true;
     const EntryPtr entry = entryForWrite(url, existed);
     int64_t sizeDelta = 0;
@@ -429,10 +439,10 @@ bool Cache::write(std::string_view url, std::string_view owner, const CachedReso
         if (!resource.forceOverwrite && !(entry->date < resource.date) && entry->validated) {
             // Validated and not older: the content stays.
             if (referenceChanged) writeMeta(*entry);
-            lock_.unlock();
             return true;
         }
-        lock_.unlock();
+        // The entry's lock is held from here on: the map may change meanwhile, this entry not.
+        cacheLock.release();
 
         JSON current;
         if (existed && !resource.forceOverwrite) {
@@ -477,9 +487,9 @@ bool Cache::write(std::string_view url, std::string_view owner, const CachedReso
             } else if (Folder::writeFile(temporary, bytes, writeError)) {
                 Folder::renameTo(temporary, target, writeError);
             }
-            if (writeError) Folder::removeFile(temporary, false);
+            if (writeError) Folder::removeFile(temporary, Removal::kGone);
         } else {
-            put(resourceKey(url), document, writeError);
+            writeError = put(resourceKey(url), document);
         }
         if (writeError) {
             error = writeError;
@@ -491,7 +501,7 @@ bool Cache::write(std::string_view url, std::string_view owner, const CachedReso
             if (large) {
                 remove(resourceKey(url));
             } else {
-                Folder::removeFile(largeFolder_.childOf(entry->fileName), false);
+                Folder::removeFile(largeFolder_.childOf(entry->fileName), Removal::kGone);
             }
         }
         entry->large = large;
@@ -599,7 +609,7 @@ void Cache::sync() {
     });
     for (const std::string& key : orphans) remove(key);
     for (const Folder& file : largeFolder_.listChildren()) {
-        if (fileNames.count(file.baseName()) == 0) Folder::removeFile(file, false);
+        if (fileNames.count(file.baseName()) == 0) Folder::removeFile(file, Removal::kGone);
     }
 
     if (sum != totalSize()) {
@@ -620,7 +630,7 @@ void Cache::clear() {
         totalSize_.store(0, std::memory_order_release);
     }
     MetaStore::clear();
-    Folder::removeFile(largeFolder_, true);
+    Folder::removeFile(largeFolder_, Removal::kRecreate);
     ModuleCache::instance().clear();
 }
 

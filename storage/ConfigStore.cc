@@ -26,16 +26,15 @@ using MarlLogger::json::JSON;
 class ConfigStoreMarks : public MarkStore {
   public:
     double load(const std::string& key) override {
-        Error error;
-        const JSON value = ConfigStore::instance().get(key, error);
-        return error ? 0 : value.doubleValue();
+        const ErrorOr<JSON> value = ConfigStore::instance().get(key);
+        return value.ok() ? value->doubleValue() : 0;
     }
     void store(const std::string& key, double value) override {
         // While nothing can be written the timer keeps its rhythm in memory, without a warning
         // at every tick.
         if (!StorageState::writable()) return;
-        Error error;
-        if (ConfigStore::instance().put(key, JSON(value), error)) return;
+        const Error error = ConfigStore::instance().put(key, JSON(value));
+        if (!error) return;
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kTask)
             .event("writeMark")
             .append("key", key)

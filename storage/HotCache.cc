@@ -1,6 +1,7 @@
 #include "storage/HotCache.h"
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/StorageState.h"
 #include "marl/Log.h"
 #include "runtime/TaskRunner.h"
@@ -32,9 +33,9 @@ void HotCache::openAndReport() {
         [this](int64_t originSize, int64_t newSize, const std::vector<std::string>& urls) {
             evicted(originSize, newSize, urls);
         });
-    Error error;
-    const JSON stored = ConfigStore::instance().get(key_, error);
-    if (!error) list_->load(stored[kListKey]);
+    const ErrorOr<JSON> stored = ConfigStore::instance().get(key_);
+    const Error& error = stored.error();
+    if (stored.ok()) list_->load((*stored)[kListKey]);
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelInfo, tag_);
     if (!log.active()) return;
     log.event("load")
@@ -42,7 +43,7 @@ void HotCache::openAndReport() {
         .append("size", list_->totalSize())
         .append("maxSize", list_->maxSize());
     // A missing list is a first start, not a failure.
-    if (error && error.code() != 1101) log.error(error);
+    if (error && !Errors::isFileMissing(error)) log.error(error);
 }
 
 void HotCache::close() {
@@ -75,8 +76,8 @@ void HotCache::scheduleSave() {
 void HotCache::save() {
     // The list stays right in memory; the next change saves it once writing works.
     if (!StorageState::writable()) return;
-    Error error;
-    if (ConfigStore::instance().put(key_, JSONObject{{kListKey, list_->toJSON()}}, error)) return;
+    const Error error = ConfigStore::instance().put(key_, JSONObject{{kListKey, list_->toJSON()}});
+    if (!error) return;
     MarlLogger::LogBuilder log(MarlLogger::MRLLevelWarning, tag_);
     if (log.active()) log.event("save").error(error);
 }
@@ -87,13 +88,15 @@ std::unique_ptr<CachedResource> HotCache::read(std::string_view url, Error& erro
         list_->remove(url);
         return nullptr;
     }
-    if (list_->touch(url, static_cast<int64_t>(resource->body.size()), true)) scheduleSave();
+    if (list_->touch(url, static_cast<int64_t>(resource->body.size()), /*countHit=*/true))
+        scheduleSave();
     return resource;
 }
 
 bool HotCache::store(std::string_view url, const CachedResource& resource, Error& error) {
     if (!Cache::instance().write(url, name_, resource, error)) return false;
-    if (list_->touch(url, static_cast<int64_t>(resource.body.size()), false)) scheduleSave();
+    if (list_->touch(url, static_cast<int64_t>(resource.body.size()), /*countHit=*/false))
+        scheduleSave();
     return true;
 }
 

@@ -15,6 +15,7 @@ HotList::HotList(int64_t maxSize, uint64_t minHotCount, EvictCallback onEvict)
       minHotCount_(minHotCount) {}
 
 void HotList::pushFront(Node& node) {
+    mutex_.assertHeld();
     if (head_ == nullptr) {
         node.previous = node.next = &node;
     } else {
@@ -28,6 +29,7 @@ void HotList::pushFront(Node& node) {
 }
 
 void HotList::linkBefore(Node& node, Node& before) {
+    mutex_.assertHeld();
     node.next = &before;
     node.previous = before.previous;
     before.previous->next = &node;
@@ -35,6 +37,7 @@ void HotList::linkBefore(Node& node, Node& before) {
 }
 
 void HotList::unlink(Node& node) {
+    mutex_.assertHeld();
     if (node.next == &node) {
         head_ = nullptr;
         coldHand_ = nullptr;
@@ -52,6 +55,7 @@ void HotList::unlink(Node& node) {
 }
 
 void HotList::evict(std::vector<std::string>& evicted) {
+    mutex_.assertHeld();
     while (totalSize_ > maxSize_ && head_ != nullptr) {
         Node* tail = head_->previous;
         // A tail hit often enough gets its second chance: its hits start again from 0 and it

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "support/Ascii.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -214,12 +215,11 @@ sqlite3* openReadOnlyConnection(const std::string& uri, int& status) {
 std::string uriPath(const std::string& file) {
     std::string escaped;
     escaped.reserve(file.size());
-    static constexpr char kHex[] = "0123456789ABCDEF";
     for (const char c : file) {
         if (c == '?' || c == '#' || c == '%') {
             escaped.push_back('%');
-            escaped.push_back(kHex[(static_cast<unsigned char>(c) >> 4) & 0xF]);
-            escaped.push_back(kHex[static_cast<unsigned char>(c) & 0xF]);
+            escaped.push_back(Ascii::kUpperHexDigits[(static_cast<unsigned char>(c) >> 4) & 0xF]);
+            escaped.push_back(Ascii::kUpperHexDigits[static_cast<unsigned char>(c) & 0xF]);
         } else {
             escaped.push_back(c);
         }
@@ -252,7 +252,7 @@ int KeyValueStore::open(const std::string& path, const Options& options,
             if (std::string_view(query) == "?immutable=1" && !logIsEmpty(file)) break;
             sqlite3* db = openReadOnlyConnection(uri + query, rc);
             if (db == nullptr) continue;
-            std::unique_ptr<KeyValueStore> opened(new KeyValueStore(path, db, true));
+            std::unique_ptr<KeyValueStore> opened(new KeyValueStore(path, db, /*readOnly=*/true));
             rc = opened->configureReadOnly(options);
             if (rc != SQLITE_OK) continue;
             *store = std::move(opened);
@@ -278,7 +278,7 @@ int KeyValueStore::open(const std::string& path, const Options& options,
         sqlite3_close_v2(db);
         return rc;
     }
-    std::unique_ptr<KeyValueStore> opened(new KeyValueStore(path, db, false));
+    std::unique_ptr<KeyValueStore> opened(new KeyValueStore(path, db, /*readOnly=*/false));
     rc = opened->configure(options);
     if (rc != SQLITE_OK) return rc;
     *store = std::move(opened);

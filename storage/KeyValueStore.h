@@ -43,7 +43,7 @@ class KeyValueStore {
         // The empty key: nothing sorts before it.
         static constexpr Key minKey() { return Key(std::string_view()); }
         // Past every key.
-        static constexpr Key maxKey() { return Key(std::string_view(), true); }
+        static constexpr Key maxKey() { return Key(std::string_view(), /*max=*/true); }
 
         std::string_view data() const { return bytes_; }
         size_t size() const { return bytes_.size(); }

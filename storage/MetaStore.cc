@@ -23,53 +23,34 @@ MetaStore::MetaStore(std::string directory, std::string tag, KeyValueStore::Opti
             options),
       directory_(std::move(directory)) {}
 
-JSON MetaStore::get(std::string_view key, Error& error) const {
+ErrorOr<JSON> MetaStore::get(std::string_view key) const {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
-    if (!db) {
-        error = withStatusText(Errors::initStoreFailed(directory_, status), status);
-        return JSON();
-    }
+    if (!db) return withStatusText(Errors::initStoreFailed(directory_, status), status);
     thread_local std::string buffer;
     bool found = false;
     const int rc = db->get(key, buffer, found);
-    if (rc != 0) {
-        error = withStatusText(Errors::storeRead(directory_, key, rc), rc);
-        return JSON();
-    }
-    if (!found) {
-        error = Errors::storeNotExists(directory_, key);
-        return JSON();
-    }
+    if (rc != 0) return withStatusText(Errors::storeRead(directory_, key, rc), rc);
+    if (!found) return Errors::storeNotExists(directory_, key);
     std::string reason;
     JSON value = JSON::parseBinary(buffer, &reason);
     if (buffer.capacity() > kKeptBufferBytes) std::string().swap(buffer);
-    if (!reason.empty()) {
-        error = Errors::storeDeserialize(directory_, key, reason);
-        return JSON();
-    }
-    error.clear();
+    if (!reason.empty()) return Errors::storeDeserialize(directory_, key, reason);
     return value;
 }
 
-bool MetaStore::put(std::string_view key, const JSON& value, Error& error) {
+Error MetaStore::put(std::string_view key, const JSON& value) {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
-    if (!db) {
-        error = withStatusText(Errors::initStoreFailed(directory_, status), status);
-        return false;
-    }
-    if (writesPaused(key, &error)) return false;
+    if (!db) return withStatusText(Errors::initStoreFailed(directory_, status), status);
+    Error paused;
+    if (writesPaused(key, &paused)) return paused;
     const std::string bytes = value.toBinary();
     // The binary form cannot express a string, array or object longer than 2^32 - 1 and gives
     // nothing; storing nothing would later read as a decoding failure, so it is refused now.
     const int rc = bytes.empty() ? SQLITE_TOOBIG : db->insert(key, bytes);
-    if (rc != 0) {
-        error = withStatusText(Errors::storeWrite(directory_, key, rc), rc);
-        return false;
-    }
-    error.clear();
-    return true;
+    if (rc != 0) return withStatusText(Errors::storeWrite(directory_, key, rc), rc);
+    return Error();
 }
 
 void MetaStore::enumerate(std::string_view prefix,

@@ -1,7 +1,7 @@
 // MetaStore: JSON values by key, kept in their binary form in one Store. The shared configuration
 // store is one; the content cache derives from it.
 //
-// A value that cannot be read gives the JSON null and an error: 9997 while the store is closed,
+// A value that cannot be read gives an error: 9997 while the store is closed,
 // 1102 when the read fails or the stored bytes do not decode, 1101 when the key is missing.
 // Threading: any thread (see Store).
 #pragma once
@@ -17,6 +17,7 @@
 #include "marl/Json.h"
 #include "storage/KeyValueStore.h"
 #include "storage/Store.h"
+#include "support/ErrorOr.h"
 
 namespace FerritCore {
 
@@ -27,12 +28,12 @@ class MetaStore : public Store {
     // Nothing is opened until open().
     MetaStore(std::string directory, std::string tag, KeyValueStore::Options options);
 
-    // The value, or the JSON null with `error` set: 9997 when closed, 1102 when the read fails
-    // or the stored bytes do not decode (the decoder's words), 1101 when the key is missing.
-    // The undecodable value stays stored until somebody removes it.
-    MarlLogger::json::JSON get(std::string_view key, Error& error) const;
-    // True, and `error` cleared, once the value is stored; otherwise false with 9997 or 1104.
-    bool put(std::string_view key, const MarlLogger::json::JSON& value, Error& error);
+    // The value, or 9997 when closed, 1102 when the read fails or the stored bytes do not decode
+    // (the decoder's words), 1101 when the key is missing. The undecodable value stays stored
+    // until somebody removes it.
+    ErrorOr<MarlLogger::json::JSON> get(std::string_view key) const;
+    // No error once the value is stored; otherwise 9997 or 1104.
+    Error put(std::string_view key, const MarlLogger::json::JSON& value);
     using Store::enumerate;
     // As Store::enumerate; without `withKey` the key is not handed on (an empty view is passed),
     // for callers that only count.

@@ -38,19 +38,27 @@ namespace {
 class PacksStoreFiles : public PackedFiles {
   public:
     bool get(std::string_view key, std::string& value, Error& error) override {
-        return PacksStore::instance().get(key, value, error);
+        ErrorOr<std::string> stored = PacksStore::instance().get(key);
+        error = stored.error();
+        value = std::move(stored).valueOr(std::string());
+        return !error;
     }
     bool put(std::string_view key, std::string_view value, Error& error) override {
-        return PacksStore::instance().put(key, value, error);
+        error = PacksStore::instance().put(key, value);
+        return !error;
     }
     bool putAll(const std::vector<std::pair<std::string, std::string>>& entries,
                 Error& error) override {
-        return PacksStore::instance().putAll(entries, error);
+        error = PacksStore::instance().putAll(entries);
+        return !error;
     }
     bool copyPrefix(std::string_view fromPrefix, std::string_view toPrefix,
                     const std::unordered_set<std::string>& skip, uint64_t& bytes,
                     Error& error) override {
-        return PacksStore::instance().copyPrefix(fromPrefix, toPrefix, skip, bytes, error);
+        ErrorOr<uint64_t> copied = PacksStore::instance().copyPrefix(fromPrefix, toPrefix, skip);
+        error = copied.error();
+        bytes = copied.valueOr(0);
+        return !error;
     }
     bool contains(std::string_view key) override { return PacksStore::instance().contains(key); }
     void removeByPrefix(std::string_view prefix) override {
@@ -68,19 +76,22 @@ std::shared_ptr<PackedFiles> PacksStore::files() {
     return std::make_shared<PacksStoreFiles>();
 }
 
-std::string PacksStore::readConfig(Error& error) const {
-    std::string text;
-    if (get(kConfigKey, text, error)) return text;
-    if (!Errors::isFileMissing(error)) return text;
-    return Folder::readFile(legacyConfigFile(), error);
+ErrorOr<std::string> PacksStore::readConfig() const {
+    ErrorOr<std::string> stored = get(kConfigKey);
+    if (stored.ok() || !Errors::isFileMissing(stored.error())) return stored;
+    Error error;
+    std::string text = Folder::readFile(legacyConfigFile(), error);
+    if (error) return error;
+    return text;
 }
 
-bool PacksStore::writeConfig(const std::string& text, Error& error, Durability durability) {
-    if (!put(kConfigKey, text, error, durability)) return false;
+Error PacksStore::writeConfig(const std::string& text, Durability durability) {
+    Error error = put(kConfigKey, text, durability);
+    if (error) return error;
     // Only under a real root: with none, the file's path would be relative to the working
     // directory. A file that is already gone is what was wanted.
-    if (rootPath().size() > 1) Folder::removeFile(legacyConfigFile(), false);
-    return true;
+    if (rootPath().size() > 1) Folder::removeFile(legacyConfigFile(), Removal::kGone);
+    return Error();
 }
 
 uint64_t PacksStore::dataVersion() const {

@@ -16,6 +16,7 @@
 #include "ferritcore/Error.h"
 #include "storage/SeriesStore.h"
 #include "storage/StoreInstance.h"
+#include "support/ErrorOr.h"
 
 namespace FerritCore {
 
@@ -38,13 +39,13 @@ class PacksStore : public SeriesStore {
 
     // The stored configuration text. When the store has no "config" key (1101), the older file
     // is read instead and its result stands; any other failure of the store is returned as it
-    // is. On failure the result is empty and `error` says why.
-    std::string readConfig(Error& error) const;
+    // is.
+    ErrorOr<std::string> readConfig() const;
     // Stores the text under "config"; once it is stored, the older file is deleted, so that it
     // is never read again. A failed write keeps the file: nothing is lost. Durable: the document
-    // (and every file of the store written before it) is on the disk when this returns.
-    bool writeConfig(const std::string& text, Error& error,
-                     Durability durability = Durability::Ordinary);
+    // (and every file of the store written before it) is on the disk when this returns. No error
+    // once it is stored.
+    Error writeConfig(const std::string& text, Durability durability = Durability::Ordinary);
 
     // What moves whenever another process commits to the store (see KeyValueStore::dataVersion):
     // a change here means that the configuration, or the files of a packed pack, may have been

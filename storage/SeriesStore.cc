@@ -37,86 +37,52 @@ Folder SeriesStore::folder() const {
     return folder_;
 }
 
-bool SeriesStore::get(std::string_view key, std::string& value, Error& error) const {
+ErrorOr<std::string> SeriesStore::get(std::string_view key) const {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
-    if (!db) {
-        value.clear();
-        error = withStatusText(Errors::initStorageFailed(name_, status), status);
-        return false;
-    }
+    if (!db) return withStatusText(Errors::initStorageFailed(name_, status), status);
+    std::string value;
     bool found = false;
     const int rc = db->get(key, value, found);
-    if (rc != 0) {
-        value.clear();
-        error = withStatusText(Errors::storageRead(name_, key, rc), rc);
-        return false;
-    }
-    if (!found) {
-        error = Errors::storageNotExists(name_, key);
-        return false;
-    }
-    error.clear();
-    return true;
+    if (rc != 0) return withStatusText(Errors::storageRead(name_, key, rc), rc);
+    if (!found) return Errors::storageNotExists(name_, key);
+    return value;
 }
 
-bool SeriesStore::put(std::string_view key, std::string_view value, Error& error,
-                      Durability durability) {
+Error SeriesStore::put(std::string_view key, std::string_view value, Durability durability) {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
-    if (!db) {
-        error = withStatusText(Errors::initStorageFailed(name_, status), status);
-        return false;
-    }
-    if (writesPaused(key, &error)) return false;
+    if (!db) return withStatusText(Errors::initStorageFailed(name_, status), status);
+    Error paused;
+    if (writesPaused(key, &paused)) return paused;
     const int rc = db->insert(key, value, durability);
-    if (rc != 0) {
-        error = withStatusText(Errors::storageWrite(name_, key, rc), rc);
-        return false;
-    }
-    error.clear();
-    return true;
+    if (rc != 0) return withStatusText(Errors::storageWrite(name_, key, rc), rc);
+    return Error();
 }
 
-bool SeriesStore::putAll(const std::vector<std::pair<std::string, std::string>>& entries,
-                         Error& error) {
+Error SeriesStore::putAll(const std::vector<std::pair<std::string, std::string>>& entries) {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
-    if (!db) {
-        error = withStatusText(Errors::initStorageFailed(name_, status), status);
-        return false;
-    }
-    if (writesPaused(entries.empty() ? std::string_view() : entries[0].first, &error)) return false;
+    if (!db) return withStatusText(Errors::initStorageFailed(name_, status), status);
+    const std::string_view firstKey = entries.empty() ? std::string_view() : entries[0].first;
+    Error paused;
+    if (writesPaused(firstKey, &paused)) return paused;
     const int rc = db->insertAll(entries);
-    if (rc != 0) {
-        error =
-            withStatusText(Errors::storageWrite(
-                               name_, entries.empty() ? std::string_view() : entries[0].first, rc),
-                           rc);
-        return false;
-    }
-    error.clear();
-    return true;
+    if (rc != 0) return withStatusText(Errors::storageWrite(name_, firstKey, rc), rc);
+    return Error();
 }
 
-bool SeriesStore::copyPrefix(std::string_view from, std::string_view to,
-                             const std::unordered_set<std::string>& skip, uint64_t& bytes,
-                             Error& error) {
-    bytes = 0;
+ErrorOr<uint64_t> SeriesStore::copyPrefix(std::string_view from, std::string_view to,
+                                          const std::unordered_set<std::string>& skip) {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
-    if (!db) {
-        error = withStatusText(Errors::initStorageFailed(name_, status), status);
-        return false;
-    }
-    if (writesPaused(to, &error)) return false;
+    if (!db) return withStatusText(Errors::initStorageFailed(name_, status), status);
+    Error paused;
+    if (writesPaused(to, &paused)) return paused;
+    uint64_t bytes = 0;
     const int rc = db->copyPrefix(from, to, skip, bytes);
-    if (rc != 0) {
-        error = withStatusText(Errors::storageWrite(name_, to, rc), rc);
-        return false;
-    }
-    error.clear();
-    return true;
+    if (rc != 0) return withStatusText(Errors::storageWrite(name_, to, rc), rc);
+    return bytes;
 }
 
 void SeriesStore::clear() {

@@ -16,6 +16,7 @@
 #include "ferritcore/Error.h"
 #include "storage/KeyValueStore.h"
 #include "storage/Store.h"
+#include "support/ErrorOr.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -32,21 +33,20 @@ class SeriesStore : public Store {
     // The same as open(): what a caller uses to pick up a new root or a replaced folder.
     int reopen() { return open(); }
 
-    // True with the value in `value`; otherwise false, `value` empty and `error` set: 9997 when
-    // closed, 1102 when the read fails, 1101 when the key is missing.
-    bool get(std::string_view key, std::string& value, Error& error) const;
-    // True, and `error` cleared, once the value is stored; otherwise false with 9997 or 1104.
-    // Durable: on the disk when it returns, with every put before it.
-    bool put(std::string_view key, std::string_view value, Error& error,
-             Durability durability = Durability::Ordinary);
+    // The value, or 9997 when closed, 1102 when the read fails, 1101 when the key is missing.
+    ErrorOr<std::string> get(std::string_view key) const;
+    // No error once the value is stored; otherwise 9997 or 1104. Durable: on the disk when it
+    // returns, with every put before it.
+    Error put(std::string_view key, std::string_view value,
+              Durability durability = Durability::Ordinary);
     // Stores every pair in one transaction: all of them, or none with 9997 or 1104 (about the
     // first key).
-    bool putAll(const std::vector<std::pair<std::string, std::string>>& entries, Error& error);
+    Error putAll(const std::vector<std::pair<std::string, std::string>>& entries);
     // Copies, in one transaction, every key below `from` to the same rest below `to`, unless the
-    // new key is there already or `skip` names the rest; `bytes` receives the length copied.
-    // False with 9997 or 1104 (about `to`), and then nothing is copied.
-    bool copyPrefix(std::string_view from, std::string_view to,
-                    const std::unordered_set<std::string>& skip, uint64_t& bytes, Error& error);
+    // new key is there already or `skip` names the rest; the result is the length copied. 9997 or
+    // 1104 (about `to`), and then nothing is copied.
+    ErrorOr<uint64_t> copyPrefix(std::string_view from, std::string_view to,
+                                 const std::unordered_set<std::string>& skip);
     // Deletes everything, compacts, and logs "clear" with "name".
     void clear();
 

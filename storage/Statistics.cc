@@ -46,6 +46,7 @@ bool isMainProcess() {
 
 // Reads every stored entry into the map. A value that does not read loses that entry alone.
 void load(Table& t, ConfigStore& store) REQUIRES(t.lock) {
+    t.lock.assertHeld();
     const double start = MRLCurrentClock();
     std::vector<std::string> keys;
     store.enumerate(Statistics::kKeyPrefix, [&](std::string_view key) {
@@ -56,9 +57,8 @@ void load(Table& t, ConfigStore& store) REQUIRES(t.lock) {
     size_t count = 0;
     for (const std::string& key : keys) {
         if (key.size() <= prefixLength) continue;
-        Error error;
-        const MarlLogger::json::JSON value = store.get(key, error);
-        if (error || !value.isObject()) continue;
+        const MarlLogger::json::JSON value = store.get(key).valueOr(MarlLogger::json::JSON());
+        if (!value.isObject()) continue;
         auto stat = std::make_unique<PackStat>();
         stat->accessCount.store(value[kStoredAccess].doubleValueOr(0.0), std::memory_order_relaxed);
         stat->prefetchCount.store(value[kStoredPrefetch].doubleValueOr(0.0),
@@ -85,13 +85,11 @@ void ensureLoaded(Table& t) {
 
 // Writes the entry; a failure is ignored: memory stays right and the next change writes again.
 void store(const std::string& name, const PackStat& stat) {
-    Error ignored;
-    ConfigStore::instance().put(
+    static_cast<void>(ConfigStore::instance().put(
         Statistics::kKeyPrefix + name,
         MarlLogger::json::JSONObject{
             {kStoredAccess, stat.accessCount.load(std::memory_order_relaxed)},
-            {kStoredPrefetch, stat.prefetchCount.load(std::memory_order_relaxed)}},
-        ignored);
+            {kStoredPrefetch, stat.prefetchCount.load(std::memory_order_relaxed)}}));
 }
 
 Table& table() {

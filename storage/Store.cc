@@ -90,7 +90,7 @@ Store::Store(std::string folderName, std::string tag, KeyValueStore::Options opt
     : folderName_(std::move(folderName)), tag_(std::move(tag)), options_(options) {}
 
 Store::~Store() {
-    trackReadOnly(this, false);
+    trackReadOnly(this, /*readOnly=*/false);
 }
 
 std::string Store::path() const {
@@ -174,7 +174,7 @@ bool Store::resumeWriting() {
 }
 
 void Store::close() {
-    trackReadOnly(this, false);
+    trackReadOnly(this, /*readOnly=*/false);
     std::shared_ptr<KeyValueStore> old;
     {
         MutexLock lock(mutex_);

@@ -35,9 +35,8 @@ void Variants::registerAccept(const std::string& key, const std::string& names,
     storeKey.append(key);
     ConfigStore& store = ConfigStore::instance();
     if (!names.empty() && !accept.empty()) {
-        Error error;
-        if (!store.put(storeKey, JSON(JSONObject{{"n", JSON(names)}, {"a", JSON(accept)}}),
-                       error)) {
+        if (Error error =
+                store.put(storeKey, JSON(JSONObject{{"n", JSON(names)}, {"a", JSON(accept)}}))) {
             auto log = MarlLogger::Log::build(MarlLogger::MRLLevelWarning, LogTag::kVariant);
             if (log.active()) log.event("register").append("key", key).error(error);
         }
@@ -52,10 +51,9 @@ void Variants::load() {
     std::string accept;
     ConfigStore& store = ConfigStore::instance();
     store.enumerate(kPrefix, [&](std::string_view key) {
-        Error error;
-        const JSON value = store.get(key, error);
-        // A value that is not an object is skipped and left where it is.
-        if (error || !value.isObject()) return false;
+        const JSON value = store.get(key).valueOr(JSON());
+        // A value that does not read, or is not an object, is skipped and left where it is.
+        if (!value.isObject()) return false;
         const std::string names = value["n"].stringValue();
         bool added = false;
         size_t start = 0;

@@ -1,6 +1,7 @@
 // Clang's thread-safety annotations: with -Wthread-safety the compiler checks that every field
 // marked GUARDED_BY is touched only with its lock held, and that functions marked REQUIRES are
-// called so. Other compilers see nothing.
+// called so; a function marked ASSERT_CAPABILITY tells it that the lock is held from there on.
+// Other compilers see nothing.
 #pragma once
 
 #if defined(__clang__)
@@ -18,5 +19,6 @@
 #define RELEASE(...) FERRIT_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define REQUIRES(...) FERRIT_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define EXCLUDES(...) FERRIT_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ASSERT_CAPABILITY(x) FERRIT_THREAD_ANNOTATION(assert_capability(x))
 #define RETURN_CAPABILITY(x) FERRIT_THREAD_ANNOTATION(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS FERRIT_THREAD_ANNOTATION(no_thread_safety_analysis)

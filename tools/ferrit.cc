@@ -203,7 +203,8 @@ const std::map<std::string, Command>& commands() {
           "    --key PEM             Ed25519 private key that signs.\n"
           "    --manifest FILE       the publishing manifest (see ferrit publish).\n"
           "    --channel NAME        the channel that releases (default: the tree's own).\n"
-          "    --from CHANNEL        the channel whose released version is promoted.\n"
+          "    --from CHANNEL        the channel whose released version is promoted (\"\" for\n"
+          "                          the tree's own).\n"
           "    --history DIR         where the history is kept (default OUT.publish).\n"
           "    --valid-for DURATION  how long devices take the global configuration (see ferrit\n"
           "                          publish; default 30d).\n",

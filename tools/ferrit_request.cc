@@ -183,7 +183,8 @@ int inspect(ToolOutput& out, std::shared_ptr<Proxy> proxy, const std::string& ro
     if (appKey.empty()) {
         DevInspector::registerAgent();
     } else {
-        Setup::setup(appKey, appVersion, 1);  // registers the agent, as a host's start does
+        Setup::setup(appKey, appVersion,
+                     SetupMode::kHostStartsUpdate);  // registers the agent, as a host's start does
     }
     if (withStatus) {
         const JSON status = Setup::statusReport();
@@ -231,8 +232,9 @@ void printStatus(ToolOutput& out, const char* step) {
 // Takes in the configuration that a host stored under the root, as the library's start does.
 // False when there is none; what is wrong with one that is there goes to `problems`.
 bool loadStored(std::vector<std::string>& problems) {
-    Error error;
-    const std::string text = PacksStore::instance().readConfig(error);
+    ErrorOr<std::string> stored = PacksStore::instance().readConfig();
+    Error error = stored.error();
+    const std::string text = std::move(stored).valueOr(std::string());
     std::shared_ptr<FConfig> document;
     if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
     const bool found = !Errors::isFileMissing(error) && !text.empty();
@@ -585,7 +587,7 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
     if (startup) {
         // The host's order: setup (it will call startUpdate itself), the first configuration on
         // the worker, then startUpdate.
-        Setup::setup(appKey, appVersion, 1);
+        Setup::setup(appKey, appVersion, SetupMode::kHostStartsUpdate);
         printStatus(out, "setup");
         TaskRunner::runDue();
         JSONArray requested;
@@ -607,7 +609,7 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
         // With somewhere to download from, the packs are installed now.
         if (!zipPrefix.empty()) {
             // As a host on a network without limits says: downloads wait for one.
-            Setup::setNetworkStatus(Network::kStatusUnrestricted);
+            Setup::setNetworkStatus(NetworkStatus::kUnrestricted);
             const int installed = installAll(out, *fileProxy);
             if (installed != kExitSuccess) return installed;
         }

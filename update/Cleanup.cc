@@ -20,6 +20,7 @@
 #include "runtime/RepeatingTimer.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "runtime/WorkerCheck.h"
 #include "storage/Cache.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
@@ -39,9 +40,6 @@ constexpr const char* kReportFerrit = "Ferrit";
 constexpr const char* kReportACache = "ACache";
 // The hash table of owned folders starts with room for this many before it grows.
 constexpr size_t kOwnedBuckets = 32;
-// Score weights: a priority step adds a fifth of the access value, and a tenth on its own.
-constexpr double kPriorityAccessWeight = 0.2;
-constexpr double kPriorityWeight = 0.1;
 constexpr uint32_t kLongTermPriorityAbove = 8;
 
 struct State {
@@ -207,11 +205,11 @@ std::vector<std::string> recoverWith(const FConfig& config) {
                 continue;
             }
             invalidPaths.push_back(sequence.describe());
-            Folder::removeFile(sequence, false);
+            Folder::removeFile(sequence, Removal::kGone);
         }
         if (!holdsValid) {
             invalidPaths.push_back(packFolder.describe());
-            Folder::removeFile(packFolder, false);
+            Folder::removeFile(packFolder, Removal::kGone);
         }
     }
     // The log has always left out the last path; the path itself is gone like the others.
@@ -221,6 +219,24 @@ std::vector<std::string> recoverWith(const FConfig& config) {
         .append("time", MRLCurrentClock() - start)
         .append("invalidPaths", invalidPaths);
     return invalidPaths;
+}
+
+// Takes the plan's decisions into the configuration in one transaction: recovered packs are
+// normal again, cleaned ones eliminated; then the cleaned packs' folders go.
+void applyPlan(const CleanupResult& result) {
+    if (!result.recovered.empty() || !result.cleaned.empty()) {
+        SCache::mutate([&](FConfig& document) {
+            for (const std::string& name : result.recovered) {
+                PackPtr pack = document.find(name);
+                if (pack && pack->status == kPackStatusEliminated)
+                    document.setStatus(name, kPackStatusNormal);
+            }
+            for (const PackPtr& pack : result.cleaned)
+                document.setStatus(pack->name, kPackStatusEliminated);
+        });
+    }
+    for (const PackPtr& pack : result.cleaned)
+        Folder::removeFile(pack->installedFolder(), Removal::kGone);
 }
 
 }  // namespace
@@ -285,6 +301,7 @@ void Cleanup::setBusyPacks(std::function<bool(std::string_view rootName)> busy) 
 }
 
 void Cleanup::regularRun() {
+    assertOnWorker();
     // Cleanup deletes and compacts: it waits, as updating does, until writing works again.
     if (!Store::resumeWriting()) return;
     static_cast<void>(runCleanup(kCleanupRegular));
@@ -341,6 +358,7 @@ CleanupPlan Cleanup::plan(const FConfig& config, uint64_t ferritLimit, uint64_t 
 }
 
 std::vector<PackPtr> Cleanup::runCleanup(uint32_t trigger) {
+    assertOnWorker();
     const std::shared_ptr<const Settings> settings = Settings::current();
     if (!settings->cleanupEnabledValue()) return {};
     if (!StorageState::writable()) return {};
@@ -369,19 +387,7 @@ std::vector<PackPtr> Cleanup::runCleanup(uint32_t trigger) {
     fill(acacheReport, planned.acache, ferritLimit);
     CleanupResult& result = planned.result;
 
-    if (!result.recovered.empty() || !result.cleaned.empty()) {
-        SCache::mutate([&](FConfig& document) {
-            for (const std::string& name : result.recovered) {
-                PackPtr pack = document.find(name);
-                if (pack && pack->status == kPackStatusEliminated)
-                    document.setStatus(name, kPackStatusNormal);
-            }
-            for (const PackPtr& pack : result.cleaned)
-                document.setStatus(pack->name, kPackStatusEliminated);
-        });
-    }
-    for (const PackPtr& pack : result.cleaned) Folder::removeFile(pack->installedFolder(), false);
-
+    applyPlan(result);
     recoverWith(*SCache::current());
     PacksStore::instance().compact();
 
@@ -409,10 +415,12 @@ std::vector<PackPtr> Cleanup::runCleanup(uint32_t trigger) {
 }
 
 std::vector<std::string> Cleanup::recover() {
+    assertOnWorker();
     return recoverWith(*SCache::current());
 }
 
 void Cleanup::recoverLeftovers() {
+    assertOnWorker();
     if (!Environment::instance().isMainProcess()) return;
     // Nothing is removed from a root that cannot be written: what is there keeps serving.
     if (!StorageState::writable()) return;
@@ -421,7 +429,7 @@ void Cleanup::recoverLeftovers() {
     recoverWith(*config);
 }
 
-uint64_t Cleanup::roomFor(const Pack& pack, int updateTrigger, uint64_t& limit,
+uint64_t Cleanup::roomFor(const Pack& pack, UpdateTrigger updateTrigger, uint64_t& limit,
                           const char*& limitName) {
     const bool app = isACache(pack);
     const std::shared_ptr<const Settings> settings = Settings::current();
@@ -440,7 +448,7 @@ uint64_t Cleanup::roomFor(const Pack& pack, int updateTrigger, uint64_t& limit,
     return total >= limit ? 0 : limit - total;
 }
 
-bool Cleanup::mayInstall(const Pack& pack, int updateTrigger) {
+bool Cleanup::mayInstall(const Pack& pack, UpdateTrigger updateTrigger) {
     if (pack.isInstalled()) return true;
     if (updateTrigger == kTriggerPreview || updateTrigger == kTriggerDebugTool || isLongTerm(pack))
         return true;
@@ -455,9 +463,8 @@ bool Cleanup::mayInstall(const Pack& pack, int updateTrigger) {
             total += other->installedSize;
     }
     const bool fits = total < limit;
-    // A read is waiting for this pack ("Visit", or "VisitUpdate" with bit 0 set): others make
-    // room for it.
-    const bool visit = (static_cast<uint32_t>(updateTrigger) & ~1u) == kTriggerVisit;
+    // A read is waiting for this pack ("Visit" or "VisitUpdate"): others make room for it.
+    const bool visit = updateTrigger == kTriggerVisit || updateTrigger == kTriggerVisitUpdate;
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kTask)
         .event("mayInstall")
         .append("name", pack.name)

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/Telemetry.h"
 #include "model/FConfig.h"
 #include "model/Pack.h"
 
@@ -81,6 +82,9 @@ class Cleanup {
     static constexpr uint64_t kDefaultSizeLimit = 52428800;
     // Scores within this of each other rank as equal.
     static constexpr double kScoreTolerance = 0.001;
+    // Score weights: a priority step adds a fifth of the access value, and a tenth on its own.
+    static constexpr double kPriorityAccessWeight = 0.2;
+    static constexpr double kPriorityWeight = 0.1;
     // Added to the score of a pack whose priority is kPriorityStartup or more.
     static constexpr double kStartupScoreBonus = 1000.0;
     // The version every report names.
@@ -98,13 +102,13 @@ class Cleanup {
     static std::vector<PackPtr> runCleanup(uint32_t trigger);
     // The gate before a pack is downloaded: whether it may take room. Over the limit, a read that
     // waits for the pack (a "Visit" or "VisitUpdate") makes room by a cleanup and passes.
-    static bool mayInstall(const Pack& pack, int updateTrigger);
+    static bool mayInstall(const Pack& pack, UpdateTrigger updateTrigger);
     // The bytes that a new version of `pack` may take on the disk: its class's limit less what
     // the other installed packs of the class take (never below 0). The version it replaces does
     // not count, nor do packs never evicted. A pack never evicted, and the triggers that
     // mayInstall lets through whatever the total ("Preview", "DebugTool"), get the whole limit.
     // `limit` receives the class's limit and `limitName` the setting it comes from.
-    static uint64_t roomFor(const Pack& pack, int updateTrigger, uint64_t& limit,
+    static uint64_t roomFor(const Pack& pack, UpdateTrigger updateTrigger, uint64_t& limit,
                             const char*& limitName);
     // Measures every installed pack whose size is unknown and stores the sizes in one update.
     static void fillPackSizes();

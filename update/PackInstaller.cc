@@ -44,54 +44,50 @@ PackInstaller::~PackInstaller() {
     abandonFile();
 }
 
-bool PackInstaller::beginFile(const std::string& path, Error& error) {
+Error PackInstaller::beginFile(const std::string& path) {
     abandonFile();
     streamPath_ = path;
     streaming_ = true;
     streamBytes_.clear();
-    error.clear();
-    if (isPacked()) return true;
+    if (isPacked()) return Error();
     const Folder file = writeRoot_.childOf(path);
-    if (!ensureParents(file, error)) {
+    if (Error error = ensureParents(file)) {
         streaming_ = false;
-        return false;
+        return error;
     }
     // Created at once: a file that the list vouches for as empty gets no piece.
     const int result = FileUtil::open(file.absolute(), "wb", &streamFile_);
     if (result != 0) {
         streaming_ = false;
-        error = Errors::fileWrite(file, result);
-        return false;
+        return Errors::fileWrite(file, result);
     }
-    return true;
+    return Error();
 }
 
-bool PackInstaller::appendFile(std::string_view piece, Error& error) {
-    error.clear();
-    if (!streaming_ || piece.empty()) return streaming_;
+Error PackInstaller::appendFile(std::string_view piece) {
+    // A piece after a failure has nowhere to go: the write of the file already failed.
+    if (!streaming_) return Errors::fileWrite(writeRoot_.childOf(streamPath_), EBADF);
+    if (piece.empty()) return Error();
     if (isPacked()) {
         streamBytes_.append(piece);
-        return true;
+        return Error();
     }
     const int result = FileUtil::write(streamFile_, piece);
     if (result != 0) {
-        error = Errors::fileWrite(writeRoot_.childOf(streamPath_), result);
+        Error error = Errors::fileWrite(writeRoot_.childOf(streamPath_), result);
         abandonFile();
-        return false;
+        return error;
     }
-    return true;
+    return Error();
 }
 
-bool PackInstaller::endFile(Error& error) {
-    if (!streaming_) {
-        error = Errors::fileWrite(writeRoot_.childOf(streamPath_), EBADF);
-        return false;
-    }
+Error PackInstaller::endFile() {
+    if (!streaming_) return Errors::fileWrite(writeRoot_.childOf(streamPath_), EBADF);
     streaming_ = false;
     if (isPacked()) {
         std::string content = std::move(streamBytes_);
         streamBytes_.clear();
-        return writeFile(streamPath_, content, error);
+        return writeFile(streamPath_, content);
     }
     FILE* file = streamFile_;
     streamFile_ = nullptr;
@@ -99,12 +95,10 @@ bool PackInstaller::endFile(Error& error) {
         const int result = errno;
         const Folder failed = writeRoot_.childOf(streamPath_);
         FileUtil::remove(failed.absolute());
-        error = Errors::fileWrite(failed, result);
-        return false;
+        return Errors::fileWrite(failed, result);
     }
     written_.insert(streamPath_);
-    error.clear();
-    return true;
+    return Error();
 }
 
 void PackInstaller::abandonFile() {
@@ -127,153 +121,138 @@ void PackInstaller::begin() {
     batchBytes_ = 0;
     // An interrupted run may have left keys of this version; the staging folder is fresh in a
     // fresh work folder, but a retried run in the same one must not keep a file of the last.
-    Folder::removeFile(writeRoot_, !isPacked());
+    Folder::removeFile(writeRoot_, isPacked() ? Removal::kGone : Removal::kRecreate);
     if (!isPacked()) madeDirectories_.insert(std::string());
 }
 
-bool PackInstaller::ensureParents(const Folder& file, Error& error) {
+Error PackInstaller::ensureParents(const Folder& file) {
     const std::string relative = file.relative().substr(writeRoot_.relative().size());
     const std::string parent = parentOf(relative);
-    if (madeDirectories_.count(parent) != 0) return true;
+    if (madeDirectories_.count(parent) != 0) return Error();
     const Folder directory = writeRoot_.childOf(parent);
     const int result = FileUtil::makeDirectories(directory.absolute());
-    if (result != 0) {
-        error = Errors::fileWrite(directory, result);
-        return false;
-    }
+    if (result != 0) return Errors::fileWrite(directory, result);
     // Every directory on the way is there now.
     for (std::string piece = parent; !piece.empty(); piece = parentOf(piece)) {
         if (!madeDirectories_.insert(piece).second) break;
     }
-    return true;
+    return Error();
 }
 
-bool PackInstaller::makeDirectory(const std::string& path, Error& error) {
-    if (isPacked()) return true;  // the store has keys, not directories
+Error PackInstaller::makeDirectory(const std::string& path) {
+    if (isPacked()) return Error();  // the store has keys, not directories
     const Folder directory = writeRoot_.childOf(path.ends_with('/') ? path : path + "/");
-    if (!ensureParents(directory.childOf("x"), error)) return false;
-    error.clear();
-    return true;
+    return ensureParents(directory.childOf("x"));
 }
 
-bool PackInstaller::writeFile(const std::string& path, std::string_view content, Error& error) {
+Error PackInstaller::writeFile(const std::string& path, std::string_view content) {
     const Folder file = writeRoot_.childOf(path);
     if (isPacked()) {
         batch_.emplace_back(file.relative(), std::string(content));
         batchBytes_ += content.size();
         written_.insert(path);
-        if (batch_.size() >= kPackedBatchFiles || batchBytes_ >= kPackedBatchBytes)
-            return flush(error);
-        error.clear();
-        return true;
+        if (batch_.size() >= kPackedBatchFiles || batchBytes_ >= kPackedBatchBytes) return flush();
+        return Error();
     }
-    if (!ensureParents(file, error)) return false;
+    if (Error error = ensureParents(file)) return error;
     // Every file reaches the installer vouched for by its list, an empty one included.
     const int result = content.empty() ? FileUtil::writeEmptyFile(file.absolute())
                                        : FileUtil::writeFile(file.absolute(), content);
-    if (result != 0) {
-        error = Errors::fileWrite(file, result);
-        return false;
-    }
+    if (result != 0) return Errors::fileWrite(file, result);
     written_.insert(path);
-    error.clear();
-    return true;
+    return Error();
 }
 
-bool PackInstaller::flush(Error& error) {
-    error.clear();
-    if (batch_.empty()) return true;
+Error PackInstaller::flush() {
+    if (batch_.empty()) return Error();
     std::shared_ptr<PackedFiles> store = PackedFiles::current();
-    if (!store) {
-        error = Errors::packedStoreNotOpen();
-        return false;
-    }
-    const bool stored = store->putAll(batch_, error);
+    if (!store) return Errors::packedStoreNotOpen();
+    Error error;
+    static_cast<void>(store->putAll(batch_, error));
     batch_.clear();
     batchBytes_ = 0;
-    return stored;
+    return error;
 }
 
-bool PackInstaller::copyKept(const Folder& from, const std::vector<std::string>& paths,
-                             uint64_t& bytes, Error& error) {
-    if (!from.exists()) {
-        error = Errors::fileNotExists(from);
-        return false;
+Error PackInstaller::copyKeptInStore(const Folder& from, const std::vector<std::string>& paths,
+                                     uint64_t& bytes) {
+    if (Error error = flush()) return error;
+    std::shared_ptr<PackedFiles> store = PackedFiles::current();
+    if (!store) return Errors::packedStoreNotOpen();
+    std::unordered_set<std::string> keep;
+    for (const std::string& path : paths) {
+        if (written_.count(path) == 0) keep.insert(path);
     }
-    // Within the store one transaction copies the values without them leaving it.
-    if (isPacked() && from.kind() == FolderKind::Packed) {
-        if (!flush(error)) return false;
-        std::shared_ptr<PackedFiles> store = PackedFiles::current();
-        if (!store) {
-            error = Errors::packedStoreNotOpen();
-            return false;
+    // The copy takes a set of what to leave: everything of the version that is not kept.
+    std::unordered_set<std::string> skip;
+    size_t found = 0;
+    const size_t prefix = from.relative().size();
+    store->enumerate(from.relative(), [&](std::string_view key) {
+        std::string rest(key.substr(prefix));
+        if (keep.count(rest) != 0) {
+            ++found;
+        } else {
+            skip.insert(std::move(rest));
         }
-        std::unordered_set<std::string> keep;
-        for (const std::string& path : paths) {
-            if (written_.count(path) == 0) keep.insert(path);
+        return false;
+    });
+    if (found != keep.size()) {
+        for (const std::string& path : keep) {
+            if (!store->contains(from.childOf(path).relative()))
+                return Errors::fileNotExists(from.childOf(path));
         }
-        // The copy takes a set of what to leave: everything of the version that is not kept.
-        std::unordered_set<std::string> skip;
-        size_t found = 0;
-        const size_t prefix = from.relative().size();
-        store->enumerate(from.relative(), [&](std::string_view key) {
-            std::string rest(key.substr(prefix));
-            if (keep.count(rest) != 0) {
-                ++found;
-            } else {
-                skip.insert(std::move(rest));
-            }
-            return false;
-        });
-        if (found != keep.size()) {
-            for (const std::string& path : keep) {
-                if (!store->contains(from.childOf(path).relative())) {
-                    error = Errors::fileNotExists(from.childOf(path));
-                    return false;
-                }
-            }
-        }
-        uint64_t copied = 0;
-        if (!store->copyPrefix(from.relative(), target_.relative(), skip, copied, error))
-            return false;
-        for (const std::string& path : keep) written_.insert(path);
-        bytes += copied;
+    }
+    uint64_t copied = 0;
+    Error error;
+    if (!store->copyPrefix(from.relative(), target_.relative(), skip, copied, error)) return error;
+    for (const std::string& path : keep) written_.insert(path);
+    bytes += copied;
+    return Error();
+}
+
+ErrorOr<bool> PackInstaller::linkKept(const Folder& from, const std::string& path) {
+    const Folder file = from.childOf(path);
+    const Folder copy = writeRoot_.childOf(path);
+    if (Error error = ensureParents(copy)) return error;
+    const int result = FileUtil::link(file.absolute(), copy.absolute());
+    if (result == 0) {
+        written_.insert(path);
+        linked_.insert(path);
         return true;
     }
+    if (result == ENOENT) return Errors::fileNotExists(file);
+    if (!linkUnsupported(result)) return Errors::copyFailed(file.describe(), result);
+    return false;
+}
+
+Error PackInstaller::copyKept(const Folder& from, const std::vector<std::string>& paths,
+                              uint64_t& bytes) {
+    if (!from.exists()) return Errors::fileNotExists(from);
+    // Within the store one transaction copies the values without them leaving it.
+    if (isPacked() && from.kind() == FolderKind::Packed) return copyKeptInStore(from, paths, bytes);
     for (const std::string& path : paths) {
         if (written_.count(path) != 0) continue;
         const Folder file = from.childOf(path);
         if (!isPacked() && from.kind() == FolderKind::Disk) {
-            const Folder copy = writeRoot_.childOf(path);
-            if (!ensureParents(copy, error)) return false;
-            const int result = FileUtil::link(file.absolute(), copy.absolute());
-            if (result == 0) {
+            ErrorOr<bool> linked = linkKept(from, path);
+            if (!linked.ok()) return std::move(linked).error();
+            if (*linked) {
                 bytes += file.diskSize();
-                written_.insert(path);
-                linked_.insert(path);
                 continue;
             }
-            if (result == ENOENT) {
-                error = Errors::fileNotExists(file);
-                return false;
-            }
-            if (!linkUnsupported(result)) {
-                error = Errors::copyFailed(file.describe(), result);
-                return false;
-            }
         }
+        Error error;
         std::string content = Folder::readFile(file, error);
         // The caller keeps only files that a list vouches for, an empty one included.
         if (Errors::isNoData(error)) error.clear();
-        if (error) return false;
+        if (error) return error;
         bytes += content.size();
-        if (!writeFile(path, content, error)) return false;
+        if (Error written = writeFile(path, content)) return written;
     }
-    error.clear();
-    return true;
+    return Error();
 }
 
-bool PackInstaller::syncStaged(const Folder& directory, Error& error) {
+Error PackInstaller::syncStaged(const Folder& directory) {
     // The files this run wrote (not the links: a linked file is the installed version's, durable
     // since that version was published), and the directories, each listed after what it holds.
     std::vector<Folder> files;
@@ -284,10 +263,7 @@ bool PackInstaller::syncStaged(const Folder& directory, Error& error) {
         const Folder current = std::move(pending.back());
         pending.pop_back();
         const int listed = FileUtil::listDirectory(current.absolute(), entries);
-        if (listed != 0) {
-            error = Errors::fileWrite(current, listed);
-            return false;
-        }
+        if (listed != 0) return Errors::fileWrite(current, listed);
         directories.push_back(current);
         for (const std::string& entry : entries) {
             const Folder child = current.childOf(entry.substr(current.absolute().size()));
@@ -303,61 +279,44 @@ bool PackInstaller::syncStaged(const Folder& directory, Error& error) {
     for (const Folder& file : files) FileUtil::startWriteback(file.absolute());
     for (const Folder& file : files) {
         const int result = FileUtil::syncFile(file.absolute());
-        if (result != 0) {
-            error = Errors::fileWrite(file, result);
-            return false;
-        }
+        if (result != 0) return Errors::fileWrite(file, result);
     }
     // The directories' entries after their files' data, the deepest first: no name survives a
     // power cut that would lead to lost bytes.
     for (auto it = directories.rbegin(); it != directories.rend(); ++it) {
         const int result = FileUtil::syncDirectory(it->absolute());
-        if (result != 0) {
-            error = Errors::fileWrite(*it, result);
-            return false;
-        }
+        if (result != 0) return Errors::fileWrite(*it, result);
     }
-    return true;
+    return Error();
 }
 
-bool PackInstaller::publish(Error& error) {
+Error PackInstaller::publish() {
     // The store's files become durable with the commit that names their version.
-    if (isPacked()) return flush(error);
-    error.clear();
+    if (isPacked()) return flush();
     const std::string staged = withoutSlash(writeRoot_);
     const std::string target = withoutSlash(target_);
     // In the order a power cut respects: every file's data, then every directory of the version,
     // then the folder that holds the staged version; the rename after them, and the directory
     // that receives it before the commit that names the version.
-    if (!syncStaged(writeRoot_, error)) return false;
+    if (Error error = syncStaged(writeRoot_)) return error;
     int synced = FileUtil::syncDirectory(work_.absolute());
-    if (synced != 0) {
-        error = Errors::fileWrite(work_, synced);
-        return false;
-    }
+    if (synced != 0) return Errors::fileWrite(work_, synced);
     // The parent of the version folder ("apps/<root>/"): the version itself must not be made.
     const std::string parent = target.substr(0, target.rfind('/') + 1);
     const bool parentExisted = FileUtil::isDirectory(parent);
     const int made = FileUtil::makeDirectories(parent);
-    if (made != 0) {
-        error = Errors::fileWrite(target_, made);
-        return false;
-    }
+    if (made != 0) return Errors::fileWrite(target_, made);
     // A folder made for the pack is an entry of "apps/", which must be durable too.
     if (!parentExisted) {
         const std::string grandparent = parent.substr(0, parent.rfind('/', parent.size() - 2) + 1);
         synced = FileUtil::syncDirectory(parent);
         if (synced == 0) synced = FileUtil::syncDirectory(grandparent);
-        if (synced != 0) {
-            error = Errors::fileWrite(target_, synced);
-            return false;
-        }
+        if (synced != 0) return Errors::fileWrite(target_, synced);
     }
     if (!FileUtil::isDirectory(target)) {
         int result = FileUtil::rename(staged, target);
         if (result == 0) result = FileUtil::syncDirectory(parent);
-        if (result != 0) error = Errors::fileWrite(target_, result);
-        return result == 0;
+        return result != 0 ? Errors::fileWrite(target_, result) : Error();
     }
     // A folder of this version is there (a reinstall, or a run that died after its rename but
     // before its commit). Readers may be using it: the swap is one step, and the earlier folder
@@ -369,8 +328,7 @@ bool PackInstaller::publish(Error& error) {
         if (result == 0) result = FileUtil::rename(staged, target);
     }
     if (result == 0) result = FileUtil::syncDirectory(parent);
-    if (result != 0) error = Errors::fileWrite(target_, result);
-    return result == 0;
+    return result != 0 ? Errors::fileWrite(target_, result) : Error();
 }
 
 }  // namespace FerritCore

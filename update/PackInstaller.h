@@ -27,6 +27,7 @@
 
 #include "base/Folder.h"
 #include "ferritcore/Error.h"
+#include "support/ErrorOr.h"
 
 namespace FerritCore {
 
@@ -57,17 +58,18 @@ class PackInstaller {
     bool hasPendingTarget() const { return isPacked(); }
 
     // `path` is relative to the version folder ("res/a/b.js", "res/a/"). A directory is made
-    // (Disk) or ignored (Packed); a file is written whole. False with `error` set (1104, or the
-    // store's error).
-    bool makeDirectory(const std::string& path, Error& error);
-    bool writeFile(const std::string& path, std::string_view content, Error& error);
+    // (Disk) or ignored (Packed); a file is written whole. No error, or 1104 (or the store's
+    // error).
+    Error makeDirectory(const std::string& path);
+    Error writeFile(const std::string& path, std::string_view content);
     // A file in pieces, so that a large one is never whole in memory: beginFile, appendFile for
     // each piece, endFile. A Disk file is written as the pieces come; a file of the packed store,
     // whose value is one row, is gathered and written at its end. A file given up half way
-    // (abandonFile, or the installer's end) is removed. Same errors as writeFile.
-    bool beginFile(const std::string& path, Error& error);
-    bool appendFile(std::string_view piece, Error& error);
-    bool endFile(Error& error);
+    // (abandonFile, or the installer's end) is removed. Same errors as writeFile; a piece or an
+    // end with no file begun (or after one failed) is 1104.
+    Error beginFile(const std::string& path);
+    Error appendFile(std::string_view piece);
+    Error endFile();
     void abandonFile();
     // Whether this run has written `path`.
     bool wrote(const std::string& path) const { return written_.count(path) != 0; }
@@ -75,26 +77,33 @@ class PackInstaller {
     // Copies each of `paths` (relative to the version folder) from `from`, an installed version's
     // folder, unless this run has written it already: a hard link where both lie on the disk, a
     // copy inside the store where both lie there, a read and write otherwise. `bytes` grows by
-    // the size of each. False with `error` set on the first failure: 1101 when `from` is no folder
+    // the size of each, as far as the copy went. The first failure: 1101 when `from` is no folder
     // at all or lacks one of the paths.
-    bool copyKept(const Folder& from, const std::vector<std::string>& paths, uint64_t& bytes,
-                  Error& error);
+    Error copyKept(const Folder& from, const std::vector<std::string>& paths, uint64_t& bytes);
 
     // Writes out what is still batched and makes the written version the target folder. For
     // the disk: every written file and every directory of the version is synced, then the staging
     // folder is renamed to the target, or exchanged with a folder already there, which then lies in
     // the work folder and goes with it, and the target's parent is synced: when this returns the
     // version outlives a power cut. For the store, the version is durable with the commit that
-    // names it (a Durable one). False with `error` set (1104).
-    bool publish(Error& error);
+    // names it (a Durable one). No error, or 1104.
+    Error publish();
 
   private:
+    // copyKept() from an installed version in the packed store to one there: one transaction.
+    Error copyKeptInStore(const Folder& from, const std::vector<std::string>& paths,
+                          uint64_t& bytes);
+    // A kept file of a Disk version linked into the staged one: true once linked, false when the
+    // file system cannot link it there and it must be copied.
+    ErrorOr<bool> linkKept(const Folder& from, const std::string& path);
     // Makes the Disk directories that `file` needs below the staging folder, remembering them.
-    bool ensureParents(const Folder& file, Error& error);
-    bool flush(Error& error);
+    Error ensureParents(const Folder& file);
+    // Writes the batched files of the packed store in one transaction; the batch is emptied
+    // whether or not it was stored.
+    Error flush();
     // fdatasync of every file below a staged directory that this run wrote (not the links), then
     // fsync of each directory after those below it, the directory itself last.
-    bool syncStaged(const Folder& directory, Error& error);
+    Error syncStaged(const Folder& directory);
 
     Folder target_;
     Folder work_;

@@ -71,7 +71,8 @@ Plan makePlan(ZipFile& zip, const Folder& work, Error& error) {
     Plan plan;
     const std::string text = zip.readEntry(Preload::kConfigEntry, error);
     if (error) return plan;
-    std::shared_ptr<FConfig> document = FConfig::parse(text, "preload", error, true);
+    std::shared_ptr<FConfig> document =
+        FConfig::parse(text, "preload", error, /*checkSignature=*/true);
     if (!document) return plan;
     const FConfigPtr current = SCache::current();
     for (const auto& [name, pack] : document->packs) {
@@ -132,10 +133,10 @@ void copy(Plan& plan, const std::string& path, const std::string& content) {
         error = record && record->path == rest ? record->check(Folder::asset(path), content)
                                                : Errors::preloadNotFound(Folder::asset(path));
     }
-    if (!error) installer.writeFile(rest, content, error);
+    if (!error) error = installer.writeFile(rest, content);
     if (error) {
         logDropped(path, installer.target().childOf(rest), error);
-        if (installer.hasPendingTarget()) Folder::removeFile(installer.target(), false);
+        if (installer.hasPendingTarget()) Folder::removeFile(installer.target(), Removal::kGone);
         plan.erase(it);
         return;
     }
@@ -155,15 +156,42 @@ void publish(Plan& plan) {
                     error = Errors::fileNotExists(installer.target().childOf(record.path));
             });
         }
-        if (!error) installer.publish(error);
+        if (!error) error = installer.publish();
         if (error) {
             logDropped(planned.prefix, installer.target(), error);
-            if (installer.hasPendingTarget()) Folder::removeFile(installer.target(), false);
+            if (installer.hasPendingTarget())
+                Folder::removeFile(installer.target(), Removal::kGone);
             it = plan.erase(it);
         } else {
             ++it;
         }
     }
+}
+
+// Copies every entry of `zip` into the packs of `plan` and publishes those that came whole. An
+// archive that refuses an entry installs nothing: `error` is set and the plan emptied.
+void copyAll(ZipFile& zip, Plan& plan, const Preload::Progress& progress, Error& error) {
+    uint64_t totalBytes = 0, files = 0, bytes = 0;
+    Error sizeError;  // a zip that cannot say refuses its walk below, with the reason
+    if (progress && !zip.declaredSize(totalBytes, sizeError)) totalBytes = 0;
+    Error walkError;
+    zip.forEachEntry(
+        [&](const std::string& path, std::string content) {
+            copy(plan, path, content);
+            bytes += content.size();
+            if (progress) progress(++files, bytes, totalBytes);
+            return true;
+        },
+        walkError);
+    if (walkError) {
+        error = walkError;
+        for (auto& [name, planned] : plan) {
+            if (planned.installer->hasPendingTarget())
+                Folder::removeFile(planned.installer->target(), Removal::kGone);
+        }
+        plan.clear();
+    }
+    publish(plan);
 }
 
 }  // namespace
@@ -198,17 +226,15 @@ bool Preload::shouldInstall(const std::string& file) {
     }
     const std::string key = std::string(kKeyPrefix) + file;
     const std::string version = Environment::instance().appVersion();
-    Error readError;
-    const MarlLogger::json::JSON stored = ConfigStore::instance().get(key, readError);
-    if (!readError && stored.stringValue() == version) {
+    const ErrorOr<MarlLogger::json::JSON> stored = ConfigStore::instance().get(key);
+    if (stored.ok() && stored->stringValue() == version) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kPreload)
             .event("install")
             .append("file", file)
             .append("message", "file \"" + file + "\" already installed in " + version);
         return false;
     }
-    Error writeError;
-    if (!ConfigStore::instance().put(key, MarlLogger::json::JSON(version), writeError)) {
+    if (Error writeError = ConfigStore::instance().put(key, MarlLogger::json::JSON(version))) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kPreload)
             .event("install")
             .append("file", file)
@@ -239,30 +265,7 @@ bool Preload::install(const std::string& file, bool checkInstalled, const Progre
         ZipFile zip = ZipFile::open(Folder::asset(file), archive, error);
         Plan plan;
         if (!error) plan = makePlan(zip, work, error);
-        if (!error && !plan.empty()) {
-            uint64_t totalBytes = 0, files = 0, bytes = 0;
-            Error sizeError;  // a zip that cannot say refuses its walk below, with the reason
-            if (progress && !zip.declaredSize(totalBytes, sizeError)) totalBytes = 0;
-            Error walkError;
-            zip.forEachEntry(
-                [&](const std::string& path, std::string content) {
-                    copy(plan, path, content);
-                    bytes += content.size();
-                    if (progress) progress(++files, bytes, totalBytes);
-                    return true;
-                },
-                walkError);
-            // An archive that refuses an entry installs nothing.
-            if (walkError) {
-                error = walkError;
-                for (auto& [name, planned] : plan) {
-                    if (planned.installer->hasPendingTarget())
-                        Folder::removeFile(planned.installer->target(), false);
-                }
-                plan.clear();
-            }
-            publish(plan);
-        }
+        if (!error && !plan.empty()) copyAll(zip, plan, progress, error);
         if (!plan.empty()) {
             // Durable: the store already says that this app version installed the zip, so a
             // commit lost to a power cut would never be made again.
@@ -271,14 +274,14 @@ bool Preload::install(const std::string& file, bool checkInstalled, const Progre
                     for (auto& [name, planned] : plan) {
                         config.mergePack(planned.pack);
                         config.setInstalled(name, kTriggerNone, planned.pack->seq,
-                                            planned.pack->baseSeq, planned.size, true);
+                                            planned.pack->baseSeq, planned.size, /*isPacks=*/true);
                     }
                 },
                 Durability::Durable);
             installed = plan.size();
         }
     }
-    Folder::removeFile(work, false);
+    Folder::removeFile(work, Removal::kGone);
     MarlLogger::LogBuilder log(error ? MarlLogger::MRLLevelWarning : MarlLogger::MRLLevelInfo,
                                LogTag::kPreload);
     log.event("finished").id(runId).append("file", file).append("time", MRLCurrentClock() - start);
@@ -294,7 +297,7 @@ void Preload::reinstall() {
         return;
     }
     const std::set<std::string> copy = files_;
-    for (const std::string& file : copy) install(file, false);
+    for (const std::string& file : copy) install(file, /*checkInstalled=*/false);
 }
 
 }  // namespace FerritCore

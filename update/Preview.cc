@@ -71,7 +71,8 @@ MarlLogger::json::JSON messageOf(const std::string& message) {
 std::string applyConfig(const std::string& name, const std::string& body,
                         const std::string& configUrl, const std::string& zipUrl) {
     Error error;
-    std::shared_ptr<FConfig> document = FConfig::parse(body, configUrl, error, true);
+    std::shared_ptr<FConfig> document =
+        FConfig::parse(body, configUrl, error, /*checkSignature=*/true);
     if (!document) return error.message();
     PackPtr record = document->find(name);
     if (!record) return Errors::packNameMismatch(configUrl, name).message();
@@ -90,9 +91,9 @@ std::string applyConfig(const std::string& name, const std::string& body,
 
 std::string Preview::baseUrl(int32_t env) {
     switch (env) {
-        case 0:
+        case kEnvDebug:
             return FERRIT_PREVIEW_PREFIX_PRE_RELEASE;
-        case 1:
+        case kEnvDaily:
             return FERRIT_PREVIEW_PREFIX_DAILY;
         default:
             return FERRIT_PREVIEW_PREFIX_RELEASE;
@@ -118,13 +119,13 @@ void Preview::install(const std::string& name, uint64_t id, Callback callback) {
     Network::requestConfig(
         configUrl, runId, [name, id, runId, configUrl, callback](std::string body, Error error) {
             if (error) {
-                callback(false, messageOf(error.message()));
+                callback(/*success=*/false, messageOf(error.message()));
                 return;
             }
             const std::string zipUrl = previewUrl("rpc/preview/pack/%" PRIu64 ".zip?v=%u", id);
             const std::string message = applyConfig(name, body, configUrl, zipUrl);
             if (!message.empty()) {
-                callback(false, messageOf(message));
+                callback(/*success=*/false, messageOf(message));
                 return;
             }
             UpdatePackPtr task =
@@ -132,9 +133,10 @@ void Preview::install(const std::string& name, uint64_t id, Callback callback) {
             task->setParentId(runId);
             UpdateQueue::add(task, [callback](const Error& result) {
                 if (result) {
-                    callback(false, messageOf(result.message()));
+                    callback(/*success=*/false, messageOf(result.message()));
                 } else {
-                    callback(true, MarlLogger::json::JSON(MarlLogger::json::JSONObject()));
+                    callback(/*success=*/true,
+                             MarlLogger::json::JSON(MarlLogger::json::JSONObject()));
                 }
             });
         });

@@ -24,7 +24,8 @@ void Push::onConfigPush(const std::vector<std::string>& messages) {
             .event("fconfig")
             .appendJSON("message", message);
         Error error;
-        std::shared_ptr<FConfig> document = FConfig::parse(message, "Push Message", error, false);
+        std::shared_ptr<FConfig> document =
+            FConfig::parse(message, "Push Message", error, /*checkSignature=*/false);
         // A message that does not parse is never newer: the next one is tried.
         if (document && SCache::current()->version < document->version) {
             newer = std::move(document);

@@ -8,13 +8,14 @@
 #include <vector>
 
 #include "access/UpdateRequester.h"
+#include "base/Telemetry.h"
 #include "update/UpdateQueue.h"
 
 namespace FerritCore {
 
 class QueueRequester : public UpdateRequester {
   public:
-    void request(const std::string& name, int trigger, Completion completion) override {
+    void request(const std::string& name, UpdateTrigger trigger, Completion completion) override {
         UpdateQueue::request(name, trigger, std::move(completion));
     }
     void holdPack(const std::string& name) override { UpdateQueue::holdPack(name); }

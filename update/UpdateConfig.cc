@@ -16,12 +16,17 @@
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "runtime/WorkerCheck.h"
 #include "storage/PacksStore.h"
 #include "storage/Store.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
 namespace {
+
+// After a failed check the timer's last run is moved back by this share of the interval, so that
+// the next check comes a fifth of the interval later.
+constexpr double kFailedCheckBackdate = 0.8;
 
 // Spreads the clients that follow one push over its delay.
 struct DelayShare {
@@ -55,7 +60,8 @@ UpdateConfig& UpdateConfig::instance() {
     return *updater;
 }
 
-void UpdateConfig::start(int trigger, const std::string& version, Listener listener, double delay) {
+void UpdateConfig::start(UpdateTrigger trigger, const std::string& version, Listener listener,
+                         double delay) {
     if (!Environment::instance().isMainProcess()) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelError, LogTag::kUpdateConfig)
             .event("start")
@@ -71,7 +77,8 @@ void UpdateConfig::start(int trigger, const std::string& version, Listener liste
     TaskRunner::post([this, trigger, version] { update(trigger, version); }, wait);
 }
 
-void UpdateConfig::update(int trigger, const std::string& version) {
+void UpdateConfig::update(UpdateTrigger trigger, const std::string& version) {
+    assertOnWorker();
     // Checks run only in the foreground; queued listeners wait for the next run.
     if (busy_ || !Environment::instance().clientActive()) return;
     const double now = MRLCurrentClock();
@@ -130,7 +137,8 @@ void UpdateConfig::update(int trigger, const std::string& version) {
     });
 }
 
-std::string UpdateConfig::checkDue(int trigger, const std::string& version) {
+std::string UpdateConfig::checkDue(UpdateTrigger trigger, const std::string& version) {
+    assertOnWorker();
     const Environment& environment = Environment::instance();
     const FConfigPtr config = SCache::current();
     trigger_ = trigger;
@@ -178,6 +186,7 @@ std::string UpdateConfig::checkDue(int trigger, const std::string& version) {
 }
 
 void UpdateConfig::onResponse(uint64_t run, std::string body, Error error) {
+    assertOnWorker();
     if (!busy_ || run != run_) return;  // a second or stale answer
     if (perf_) {
         perf_->stage("downloaded");
@@ -187,7 +196,7 @@ void UpdateConfig::onResponse(uint64_t run, std::string body, Error error) {
         finished("0", error);
         return;
     }
-    std::shared_ptr<FConfig> document = FConfig::parse(body, url_, error, true);
+    std::shared_ptr<FConfig> document = FConfig::parse(body, url_, error, /*checkSignature=*/true);
     if (!document) {
         finished("0", error);
         return;
@@ -274,11 +283,12 @@ void UpdateConfig::tellListeners(const Error& error) {
 }
 
 void UpdateConfig::finished(const std::string& version, const Error& error) {
+    assertOnWorker();
     const double now = MRLCurrentTime();
     if (timer_) {
         if (error) {
             // A failed check is repeated after a fifth of the interval, not after all of it.
-            const double retry = now - 0.8 * timer_->interval();
+            const double retry = now - kFailedCheckBackdate * timer_->interval();
             if (retry < timer_->lastRunTime()) timer_->setLastRunTime(retry);
         } else {
             timer_->setLastRunTime(now);
@@ -317,12 +327,14 @@ void UpdateConfig::startTimer() {
 
 void UpdateConfig::loadAtStart() {
     const double start = MRLCurrentClock();
-    Error error;
     std::shared_ptr<FConfig> document;
     // Taken before the text, so that what another process commits from here on is reloaded.
     const uint64_t loadedAt = SCache::storedVersion();
-    const std::string text = PacksStore::instance().readConfig(error);
-    if (!error && !text.empty()) document = FConfig::parse(text, "local", error, false);
+    ErrorOr<std::string> stored = PacksStore::instance().readConfig();
+    Error error = stored.error();
+    const std::string text = std::move(stored).valueOr(std::string());
+    if (!error && !text.empty())
+        document = FConfig::parse(text, "local", error, /*checkSignature=*/false);
     if (!document) document = std::make_shared<FConfig>();
     if (Errors::isFileMissing(error)) error.clear();  // nothing stored yet is not a fault
     // A failed load logs itself; the document then goes on without built-in packs.
@@ -354,7 +366,7 @@ void UpdateConfig::reset() {
     lastCheck_ = -1e300;
     lastSuccess_ = 0;
     initial_ = false;
-    trigger_ = 0;
+    trigger_ = kTriggerNone;
     targetVersion_ = originVersion_ = "0";
     url_.clear();
     missingServerKey_ = nullptr;

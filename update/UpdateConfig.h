@@ -44,12 +44,12 @@ class UpdateConfig {
 
     // The one entry for every caller: adds `listener` (may be empty) and posts update(trigger,
     // version) after a random part of `delay`. In a sub process it only logs 2004.
-    void start(int trigger, const std::string& version, Listener listener, double delay);
+    void start(UpdateTrigger trigger, const std::string& version, Listener listener, double delay);
     // The body of a check; worker only.
-    void update(int trigger, const std::string& version);
+    void update(UpdateTrigger trigger, const std::string& version);
     // Decides whether a check is due and returns its URL; empty when the client is up to date
     // (then "upToDate" is logged). Stores trigger, targetVersion, originVersion and initial.
-    std::string checkDue(int trigger, const std::string& version);
+    std::string checkDue(UpdateTrigger trigger, const std::string& version);
     // The end of a run: moves the timer, tells and drops the listeners, reports.
     void finished(const std::string& version, const Error& error);
 
@@ -93,7 +93,7 @@ class UpdateConfig {
     double lastCheck_ = -1e300;
     double lastSuccess_ = 0;
     bool initial_ = false;
-    int trigger_ = 0;
+    UpdateTrigger trigger_ = kTriggerNone;
     std::string targetVersion_ = "0";
     std::string originVersion_ = "0";
     std::string url_;

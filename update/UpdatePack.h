@@ -5,18 +5,25 @@
 // installed version in one configuration transaction (persist), and deletes what it no longer
 // needs (finished). From the swap on, readers find the new installed sequence and its folder.
 //
+// This class is the run's state machine: it holds where the run stands and picks the next stage.
+// Which record a task works on and whether it has work come from UpdateTarget; the blocking work
+// of a stage (the download's folder, verifying and unpacking, copying what an increment keeps,
+// the publishing transaction) is UpdatePackWork's, which returns each result as a small struct.
+//
 // Threading: construction and evaluate() may run on any thread; start() and every later stage
 // run on the task runner's worker (the network's completions are posted there), so the state of
-// a run needs no lock. Listeners have their own mutex and may be added from any thread; they are
-// called on the worker, or at once on the adding thread when the task has already ended.
+// a run needs no lock; each stage asserts it (assertOnWorker). Listeners have their own mutex and
+// may be added from any thread; they are called on the worker, or at once on the adding thread
+// when the task has already ended.
 //
 // Failure: every failure ends the task in finished() with `error` set. The record stays as it
 // was, installed sequence included, so readers go on with the old version; the temporary folder
 // and a half-written new version are deleted. Only two things outlast a failure: status 1 after
 // a lost old folder, and a merged pack configuration, which is correct in itself.
 //
-// Ownership: tasks are shared. create() and createSeq() take their memory from a lock-free free
-// list that keeps up to kMaxSpareTasks spares, and the last reference gives it back.
+// Ownership: tasks are shared. create() and createSeq() take their memory from TaskPool, a
+// lock-free free list that keeps up to kMaxSpareTasks spares, and the last reference gives it
+// back.
 #pragma once
 
 #include <atomic>
@@ -36,13 +43,9 @@
 #include "model/Pack.h"
 #include "model/SCache.h"
 #include "support/Mutex.h"
+#include "update/UpdatePackWork.h"
 
 namespace FerritCore {
-
-class ZipFile;
-
-class PackInstaller;
-class ResourceIndex;
 
 // Where a task stands; reports print the names.
 enum class UpdateState : uint32_t {
@@ -66,7 +69,7 @@ struct UpdatePolicy {
 
     // "Visit" and "Preview": everything but boostScore; "Prefetch": ignorePriority and
     // boostScore; every other trigger: nothing.
-    static const UpdatePolicy& forTrigger(int trigger);
+    static const UpdatePolicy& forTrigger(UpdateTrigger trigger);
 };
 
 class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
@@ -89,12 +92,13 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // The usual task: `name` is a pack name or the URL of a fixed-URL app; `info`, a JSON pack
     // record or null, describes the version wanted. Resolves the record and evaluates.
     static std::shared_ptr<UpdatePack> create(const std::string& name,
-                                              const MarlLogger::json::JSON& info, int trigger);
+                                              const MarlLogger::json::JSON& info,
+                                              UpdateTrigger trigger);
     // A fixed version of `name`, for a read that needs it: trigger "Visit", kept as "name@seq".
     static std::shared_ptr<UpdatePack> createSeq(const std::string& name, uint64_t seq);
 
     // Prefer create() and createSeq(), whose objects come from the free list.
-    UpdatePack(const std::string& name, const MarlLogger::json::JSON& info, int trigger);
+    UpdatePack(const std::string& name, const MarlLogger::json::JSON& info, UpdateTrigger trigger);
     UpdatePack(const std::string& name, uint64_t seq);
     virtual ~UpdatePack();
     UpdatePack(const UpdatePack&) = delete;
@@ -120,15 +124,15 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     double score() const { return score_; }
     const std::string& name() const { return name_; }
     const std::string& requestedName() const { return requestedName_; }
-    int trigger() const { return trigger_; }
+    UpdateTrigger trigger() const { return trigger_; }
     bool concurrent() const { return concurrent_; }
     const std::string& parentId() const { return parentId_; }
     void setParentId(std::string parentId) { parentId_ = std::move(parentId); }
     uint32_t requestPriority() const { return requestPriority_; }
     void setRequestPriority(uint32_t priority) { requestPriority_ = priority; }
     const UpdatePolicy& policy() const { return *policy_; }
-    const std::string& runId() const { return runId_; }
-    uint64_t oldSeq() const { return oldSeq_; }
+    const std::string& runId() const { return run_.runId; }
+    uint64_t oldSeq() const { return run_.oldSeq; }
     // The version this task installs: its record's sequence when it was made, then when it
     // started and when the pack configuration completed it. Any thread may read it; the queue
     // compares it to decide whether a new request may share this task's outcome.
@@ -137,14 +141,14 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     UpdateState state() const { return state_; }
     bool runnable() const { return runnable_; }
     const Error& error() const { return error_; }
-    const std::string& url() const { return url_; }
-    const Folder& tempFolder() const { return tempFolder_; }
-    const Folder& zipFile() const { return zipFile_; }
-    bool persistOld() const { return persistOld_; }
-    bool isPacks() const { return isPacks_; }
-    uint64_t installedSize() const { return installedSize_; }
+    const std::string& url() const { return run_.url; }
+    const Folder& tempFolder() const { return run_.download.tempFolder; }
+    const Folder& zipFile() const { return run_.download.zipFile; }
+    bool persistOld() const { return run_.persisted.persistOld; }
+    bool isPacks() const { return run_.isPacks; }
+    uint64_t installedSize() const { return run_.installedSize; }
     // Whether this run fetched the incremental zip.
-    bool incremental() const { return incremental_; }
+    bool incremental() const { return run_.incremental; }
     const StagedRecord& perf() const { return perf_; }
 
     // The pack's queue score: its eviction score (Cleanup::evictionScore) over its access value.
@@ -167,97 +171,96 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
   private:
     // The record of `name` (after resolving), or null; the private clone when one was made.
     void resolve(const MarlLogger::json::JSON& info);
-    void resolveSeq(uint64_t seq);
     // The score and "packType" of a runnable task.
     void rate(const char* suffix, double bonus);
     // Publishes the sequence of `pack_` as targetSeq().
     void noteTarget();
-    // Network status and disabled periods; false with `error_` set when the task may not go on.
-    bool networkAllows(const Pack& pack);
-    bool capacityAllows();
-    // Stages of the run, each ending in the next or in finished().
+
+    // Stages of the run, each ending in the next or in finished(); all on the worker.
+    void announce();
     void requestConfig();
     void onConfig(std::string body, Error error);
+    // Merges the record that the pack configuration brought and takes it as `pack_`; false,
+    // with the task ended, when the run may not go on.
+    bool takeConfig(const std::string& body, Error error);
     void requestResource();
+    // The checks before a zip is asked for; false, with the task ended, when it may not be.
+    bool mayDownload();
     void onZip(uint64_t expectedSize, Error error);
     void install();
     void installRaw();
-    // The first file of `index` that this run's zip did not bring (1101), or no error.
-    Error missingFile(const ResourceIndex& index, const PackInstaller& installer) const;
-    // The files that an increment keeps from the installed version at `installed`: every file of
-    // the new version's list (the increment over the installed folder's full list) that the zip
-    // did not bring, each vouched for by the installed version's own list with the same MD5 and
-    // size, and that full list itself. An error names the first file that the installed version
-    // cannot vouch for.
-    Error keptFiles(const ResourceIndex& increment, const Folder& installed,
-                    const PackInstaller& installer, std::vector<std::string>& kept) const;
+    // After the zip's entries are written: the files of the version the zip did not bring.
+    // False, with the task ended or the full zip asked for, when the run does not go on.
+    bool completeVersion(UpdatePackWork& work, const Folder& installed);
     // Abandons an increment that the installed version cannot complete and fetches the full zip
     // in the same run, saying why in the log and the record.
     void refuseIncrement(Error why);
-    // What became of the commit that publishes the new version; set on the worker when it ran.
-    struct CommitOutcome {
-        bool ran = false;
-        Error error;
-    };
-    // A fresh outcome for this run's publishing commit, and the callback that fills it.
-    SCache::Committed commitWatcher();
-    // The configuration transaction that publishes the new version; the new document.
-    FConfigPtr persist();
+    // Takes what the publishing transaction produced: the new version is installed.
+    void takePublished(Persisted persisted);
     // Makes the published swap durable, deletes what the run leaves behind, reports, and tells
     // the listeners.
     void finished();
     void fail(Error error);
-    // 2103 when what the zip's entries record passes the room its pack's budget leaves.
-    Error roomError(ZipFile& zip) const;
+    void logFinished();
+    // Posts the deletion of the replaced version's folder, after the swap's commit.
+    void retireReplaced();
+    // Tells the host of the new version and sends the run's record.
+    void report();
     void tellListeners();
-    // The folder that the new version is written to: "apps/<root>/<seq>/" for an app, the
-    // packed store's "<root>/<seq>/" for the rest.
-    Folder newVersionFolder() const;
+    // What the blocking work of this run needs.
+    UpdatePackWork::Job job() const;
+    // Notes what unpacking wrote, as far as it went.
+    void takeUnpacked(const Unpacked& unpacked);
 
+    // What the task was asked for. Set when it is made; the queue raises the score, the parent
+    // id and concurrency through absorb() before the task starts.
     double score_ = 0;
     std::string name_;
     std::string requestedName_;
-    int trigger_ = 0;
+    UpdateTrigger trigger_ = kTriggerNone;
     bool concurrent_ = false;
     std::string parentId_;
     uint32_t requestPriority_ = kDefaultRequestPriority;
     const UpdatePolicy* policy_;
     StagedRecord perf_;
-    std::string runId_;
-    uint64_t oldSeq_ = 0;
-    // A fixed-sequence copy of an app compares its installed sequence with this.
-    std::optional<uint64_t> fixedSeq_;
+
+    // The record and where the task stands, as evaluate() found them.
     PackPtr pack_;
     // pack_'s sequence, readable while the worker replaces pack_.
     std::atomic<uint64_t> targetSeq_{0};
     UpdateState state_ = UpdateState::Invalid;
     bool runnable_ = false;
     Error error_;
-    // Everything to delete when the run ends, in the order it was added; no duplicates.
-    std::vector<Folder> tempPaths_;
-    Folder tempFolder_;
-    Folder zipFile_;
-    std::string url_;
-    bool persistOld_ = false;
-    bool isPacks_ = false;
-    uint64_t installedSize_ = 0;
-    bool incremental_ = false;
-    // An increment was refused: this run fetches the full zip.
-    bool fullOnly_ = false;
-    uint32_t payloadKind_ = 0;
+
     // What the run waits for; an answer for another stage is dropped. A request the host does not
     // answer is ended by its deadline in Network, which makes the answer an error.
     enum class Awaiting { Nothing, Config, Zip };
-    Awaiting awaiting_ = Awaiting::Nothing;
-    // The outcome of the publishing commit, which the deletion of the replaced folder waits on.
-    std::shared_ptr<CommitOutcome> commit_;
-    // The replaced version's folder, deleted kRetiredFolderDelayMs after the swap.
-    std::optional<Folder> retiredFolder_;
-    // Set by persist(): the document that holds the new version.
-    FConfigPtr published_;
-    // The new version is published; a run can end without an error and without this (a network
-    // status that the host should not send).
-    bool installed_ = false;
+    // The run under way: start() and the stages after it write it, on the worker only.
+    struct Run {
+        std::string runId;
+        uint64_t oldSeq = 0;
+        // The pack configuration's address, then the zip's.
+        std::string url;
+        Awaiting awaiting = Awaiting::Nothing;
+        // Whether this run fetches the incremental zip; an increment once refused, never again.
+        bool incremental = false;
+        bool fullOnly = false;
+        // Where the download goes.
+        DownloadPlan download;
+        // Everything to delete when the run ends, in the order it was added; no duplicates.
+        std::vector<Folder> tempPaths;
+        uint64_t installedSize = 0;
+        bool isPacks = false;
+        // What the publishing transaction produced; the deletion of the replaced folder waits on
+        // its commit.
+        Persisted persisted;
+        // The replaced version's folder, deleted kRetiredFolderDelayMs after the swap.
+        std::optional<Folder> retiredFolder;
+        // The new version is published; a run can end without an error and without this (a
+        // network status that the host should not send).
+        bool installed = false;
+    };
+    Run run_;
 
     RecursiveMutex listenersMutex_;
     std::vector<Listener> listeners_ GUARDED_BY(listenersMutex_);

@@ -23,6 +23,7 @@
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
 #include "runtime/TaskRunner.h"
+#include "runtime/WorkerCheck.h"
 #include "storage/PacksStore.h"
 #include "storage/Statistics.h"
 #include "storage/Store.h"
@@ -112,6 +113,7 @@ void watch(const UpdatePackPtr& task) {
 }
 
 Merged merge(State& s, const UpdatePackPtr& task, bool isFast) REQUIRES(s.lock) {
+    s.lock.assertHeld();
     const std::string& name = task->name();
     for (const Running& running : s.running) {
         if (running.task->name() != name) continue;
@@ -174,7 +176,8 @@ void addAfter(const UpdatePackPtr& running, UpdatePackPtr task, UpdateQueue::Lis
 }
 
 // Opens the run's record or notes one more addition, and lets the queue run.
-void announce(State& s, size_t count, int trigger, size_t limit) REQUIRES(s.lock) {
+void announce(State& s, size_t count, UpdateTrigger trigger, size_t limit) REQUIRES(s.lock) {
+    s.lock.assertHeld();
     const char* event = "add";
     if (!s.perf) {
         s.perf.emplace();
@@ -207,12 +210,12 @@ void logNotRunnable(const UpdatePack& task) {
 // Whether `task` waits only because the host's network status is none.
 bool waitsForNetwork(const UpdatePack& task) {
     return !task.runnable() && Errors::isNetworkNotSupported(task.error()) &&
-           Environment::instance().networkStatus() == Network::kStatusNone;
+           Environment::instance().networkStatus() == NetworkStatus::kNone;
 }
 
 // Said once per trigger, at the level a host reads by default: a host that never set its network
 // status sees a first install work (a visit needs no network check) and then nothing update.
-void logWaitingForNetwork(int trigger, size_t count) {
+void logWaitingForNetwork(UpdateTrigger trigger, size_t count) {
     MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kQueue)
         .event("waitingForNetwork")
         .append("trigger", triggerName(trigger))
@@ -225,6 +228,7 @@ void logWaitingForNetwork(int trigger, size_t count) {
 // Closes the run: the host learns how many tasks ended, and the record goes out when it counted
 // anything.
 void closeRun(State& s) REQUIRES(s.lock) {
+    s.lock.assertHeld();
     const uint32_t fastCount = s.perf ? s.perf->fastCount : 0;
     const uint32_t normalCount = s.perf ? s.perf->normalCount : 0;
     ProxyCalls::onQueueFinished(fastCount + normalCount);
@@ -251,11 +255,13 @@ void closeRun(State& s) REQUIRES(s.lock) {
 }
 
 bool isBusy(State& s, const std::string& name) REQUIRES(s.lock) {
+    s.lock.assertHeld();
     return s.busyPacks.count(name) != 0;
 }
 
 // The fast task that may start now, taken off the stack; null when none may.
 UpdatePackPtr popFast(State& s) REQUIRES(s.lock) {
+    s.lock.assertHeld();
     while (!s.fast.empty() && isBusy(s, s.fast.back()->name())) s.fast.pop_back();
     if (s.fast.empty()) return nullptr;
     const UpdatePackPtr& top = s.fast.back();
@@ -273,6 +279,7 @@ UpdatePackPtr popFast(State& s) REQUIRES(s.lock) {
 }
 
 UpdatePackPtr popNormal(State& s) REQUIRES(s.lock) {
+    s.lock.assertHeld();
     while (!s.normal.empty()) {
         std::pop_heap(s.normal.begin(), s.normal.end(), lowerScore);
         UpdatePackPtr task = std::move(s.normal.back());
@@ -312,7 +319,7 @@ void completed(const std::string& name, const Error& error) {
     });
 }
 
-UpdatePackPtr makeTask(UpdatePackFactory& factory, const std::string& name, int trigger) {
+UpdatePackPtr makeTask(UpdatePackFactory& factory, const std::string& name, UpdateTrigger trigger) {
     const size_t at = name.rfind('@');
     if (at != std::string::npos && at > 0 && !SCache::current()->find(name)) {
         uint64_t seq = 0;
@@ -328,7 +335,7 @@ UpdatePackPtr makeTask(UpdatePackFactory& factory, const std::string& name, int 
 }  // namespace
 
 UpdatePackPtr UpdatePackFactory::create(const std::string& name, const MarlLogger::json::JSON& info,
-                                        int trigger) {
+                                        UpdateTrigger trigger) {
     return UpdatePack::create(name, info, trigger);
 }
 
@@ -346,7 +353,7 @@ void UpdateQueue::setFactory(std::shared_ptr<UpdatePackFactory> factory) {
     s.factory = std::move(factory);
 }
 
-void UpdateQueue::start(int trigger) {
+void UpdateQueue::start(UpdateTrigger trigger) {
     if (!Environment::instance().isMainProcess()) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kQueue)
             .event("start")
@@ -383,7 +390,7 @@ void UpdateQueue::start(int trigger) {
     State& s = state();
     RecursiveLock lock(s.lock);
     for (const UpdatePackPtr& task : kept) {
-        const Merged merged = merge(s, task, false);
+        const Merged merged = merge(s, task, /*isFast=*/false);
         if (merged.behind) addAfter(merged.survivor, task, {});
     }
     if (s.normal.size() > limit) {
@@ -440,7 +447,7 @@ void UpdateQueue::add(UpdatePackPtr task, Listener listener) {
     });
 }
 
-void UpdateQueue::request(const std::string& name, int trigger, Listener listener) {
+void UpdateQueue::request(const std::string& name, UpdateTrigger trigger, Listener listener) {
     if (!Environment::instance().isMainProcess()) {
         const Error error = Errors::subProcessUpdateDisabled();
         MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kQueue)
@@ -504,6 +511,7 @@ bool UpdateQueue::isInUse(std::string_view rootName) {
 }
 
 void UpdateQueue::next() {
+    assertOnWorker();
     State& s = state();
     UpdatePackPtr task;
     bool fromFast = false;

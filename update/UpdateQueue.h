@@ -24,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/Telemetry.h"
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
 #include "update/UpdatePack.h"
@@ -36,7 +37,7 @@ class UpdatePackFactory {
   public:
     virtual ~UpdatePackFactory() = default;
     virtual UpdatePackPtr create(const std::string& name, const MarlLogger::json::JSON& info,
-                                 int trigger);
+                                 UpdateTrigger trigger);
     virtual UpdatePackPtr createSeq(const std::string& name, uint64_t seq);
 };
 
@@ -51,7 +52,7 @@ class UpdateQueue {
     // Looks at every record of the configuration, queues the runnable ones as normal tasks, keeps
     // the best "startupDownloadLimit" ("Startup") or "downloadLimit" (any other trigger) of the
     // heap and drops the rest, then lets the queue run. A sub process only logs 2004.
-    static void start(int trigger);
+    static void start(UpdateTrigger trigger);
     // Queues one task: a task that is not runnable tells `listener` at once (its error, or none
     // when up to date); otherwise `listener` learns the outcome of the task that survives the
     // merge, on the worker. A task dropped for a held pack never tells its listener.
@@ -59,7 +60,7 @@ class UpdateQueue {
     // Makes the task for `name` and `trigger` through the factory and adds it. A name "pack@seq"
     // that the configuration does not hold asks for that fixed version of "pack". A sub process
     // answers 2004 at once.
-    static void request(const std::string& name, int trigger, Listener listener = {});
+    static void request(const std::string& name, UpdateTrigger trigger, Listener listener = {});
 
     // Queues the packs behind `items` with the trigger "Prefetch": an item holding "/" is a URL,
     // looked up in the referrer index and then in the prefix index; any other item is a pack name,

@@ -6,6 +6,7 @@
 
 #include "base/Digest.h"
 #include "base/Errors.h"
+#include "support/Ascii.h"
 
 namespace FerritCore {
 
@@ -27,17 +28,6 @@ uint32_t bigEndian32(const std::string& data, size_t at) {
     const auto* p = reinterpret_cast<const unsigned char*>(data.data()) + at;
     return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
            (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
-}
-
-std::string hex(const std::string& data, size_t at, size_t length) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string text(2 * length, '0');
-    for (size_t i = 0; i < length; ++i) {
-        const auto byte = static_cast<unsigned char>(data[at + i]);
-        text[2 * i] = kHex[byte >> 4];
-        text[2 * i + 1] = kHex[byte & 0xF];
-    }
-    return text;
 }
 
 // Moves `length` bytes from `from` down to the start of `data`, each combined with `key`. The
@@ -86,7 +76,7 @@ bool unwrap(UnwrapContext& context, std::string& data, Error& error) {
                            static_cast<unsigned long long>(computedCrc),
                            static_cast<unsigned long long>(storedCrc)));
     }
-    const std::string expected = hex(data, n + 4, kMd5Bytes);
+    const std::string expected = Ascii::hex(std::string_view(data).substr(n + 4, kMd5Bytes));
 
     const size_t zipLength = static_cast<size_t>(length) - kMd5Bytes;
     moveCombined(data, n + 4 + kMd5Bytes, zipLength,

@@ -35,7 +35,7 @@ class FERRIT_EXPORT Access {
     // normal updates; the result is the log event "trigger" under "Ferrit/Prefetch". Any thread.
     static void prefetch(const std::vector<std::string>& urls);
     // The matcher. Never null.
-    static std::shared_ptr<Resource> match(const ResourceRequest& request, int policy);
+    static std::shared_ptr<Resource> match(const ResourceRequest& request, ResourcePolicy policy);
 };
 
 }  // namespace FerritCore

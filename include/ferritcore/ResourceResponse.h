@@ -23,13 +23,16 @@ class FERRIT_EXPORT ResourceResponse {
     ResourceResponse(std::shared_ptr<Resource> resource, Error error, bool is404);
     // Failure before any Resource existed: "X-Ferrit-Info" is ",0," and the code.
     explicit ResourceResponse(Error error);
+    // A response released before setFinished was called ends its request here, as setFinished
+    // would have, without the log event.
     ~ResourceResponse();
 
     ResourceResponse(const ResourceResponse&) = delete;
     ResourceResponse& operator=(const ResourceResponse&) = delete;
 
     // The host calls this once after consuming the response, with the error of that last step.
-    // Does nothing without a Resource; otherwise stamps the finish time and logs "finish".
+    // Does nothing without a Resource; otherwise stamps the finish time, logs "finish" and ends
+    // the request: its performance records go out then, once (a later call only logs).
     void setFinished(Error error);
 
     std::string data;

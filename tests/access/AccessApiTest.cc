@@ -8,6 +8,8 @@
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 class AccessApiTest : public AccessFixture {
@@ -38,7 +40,7 @@ TEST_F(AccessApiTest, ResponseErrorOfNullAnswersOneWithMinusOne) {
     int32_t code = 0;
     const char* message = nullptr;
     EXPECT_EQ(api_.getResponseError(nullptr, &code, &message), 1);
-    EXPECT_EQ(code, -1);
+    EXPECT_EQ(code, Errors::kResponseIsNull);
     EXPECT_STREQ(message, "response is nullptr");
     EXPECT_EQ(api_.getResponseError(nullptr, nullptr, nullptr), 1);
 }
@@ -49,7 +51,7 @@ TEST_F(AccessApiTest, NullRequestGivesNotFerritResource) {
     int32_t code = 0;
     const char* message = nullptr;
     EXPECT_EQ(api_.getResponseError(response, &code, &message), 1);
-    EXPECT_EQ(code, 3001);
+    EXPECT_EQ(code, Errors::kNotFerritResource);
     EXPECT_STREQ(message, "Not Ferrit resource");
     const void* data = reinterpret_cast<const void*>(1);
     size_t size = 1;
@@ -102,7 +104,7 @@ TEST_F(AccessApiTest, NullArgumentsOfSettersDoNothing) {
     FerritResponse* response = api_.getResource(request);
     int32_t code = 0;
     EXPECT_EQ(api_.getResponseError(response, &code, nullptr), 1);
-    EXPECT_EQ(code, 3001);  // the null URL reads as the empty one
+    EXPECT_EQ(code, Errors::kNotFerritResource);  // the null URL reads as the empty one
     api_.freeResponse(response);
     api_.freeRequest(request);
 }

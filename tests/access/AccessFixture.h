@@ -38,7 +38,7 @@ using namespace FerritCore;
 // Records every update request the read path makes.
 struct UpdateRequest {
     std::string name;
-    int trigger;
+    UpdateTrigger trigger;
 };
 
 // An index file as a pack carries it, signed with the test key.
@@ -53,7 +53,7 @@ inline std::string signedIndex(const MarlLogger::json::JSON& table) {
 // sets it (to do what the update would do), else with success.
 class RecordingRequester : public UpdateRequester {
   public:
-    void request(const std::string& name, int trigger, Completion completion) override {
+    void request(const std::string& name, UpdateTrigger trigger, Completion completion) override {
         requests.push_back({name, trigger});
         if (answer) {
             answer(name, std::move(completion));

@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "access/ComboRule.h"
 #include "access/Matcher.h"
 #include "access/PackPart.h"
 #include "base/Errors.h"
@@ -11,6 +12,8 @@
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 class AccessTest : public AccessFixture {
@@ -27,7 +30,7 @@ class AccessTest : public AccessFixture {
 
 TEST_F(AccessTest, EmptyUrlGives3001WithoutMatchEventInSyncForm) {
     auto response = Access::getResource(ResourceRequest("", ""));
-    EXPECT_EQ(response->error.code(), 3001);
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
     EXPECT_EQ(response->error.message(), "Not Ferrit resource");
     EXPECT_EQ(response->resource, nullptr);
     EXPECT_EQ(logs_->count("match"), 0u);
@@ -38,7 +41,7 @@ TEST_F(AccessTest, EmptyUrlGives3001WithoutMatchEventInAsyncForm) {
     Access::getResource(ResourceRequest("", ""),
                         [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
     ASSERT_NE(got, nullptr);
-    EXPECT_EQ(got->error.code(), 3001);
+    EXPECT_EQ(got->error.code(), Errors::kNotFerritResource);
     EXPECT_EQ(logs_->count("match"), 0u);
 }
 
@@ -50,7 +53,7 @@ TEST_F(AccessTest, AsyncWithEmptyCallbackDoesNothing) {
 TEST_F(AccessTest, ControlHeaderDisabledGives3003WithoutResource) {
     ResourceRequest request("https://h.com/a.js", HeaderMap{{"x-ferrit-control", "disabled"}});
     auto response = Access::getResource(request);
-    EXPECT_EQ(response->error.code(), 3003);
+    EXPECT_EQ(response->error.code(), Errors::kDisabled);
     EXPECT_EQ(response->error.message(), "Ferrit disabled by X-Ferrit-Control header");
     EXPECT_EQ(response->resource, nullptr);
     EXPECT_EQ(response->header.at("X-Ferrit-Info"), ",0,3003");
@@ -59,19 +62,19 @@ TEST_F(AccessTest, ControlHeaderDisabledGives3003WithoutResource) {
     std::unique_ptr<ResourceResponse> got;
     Access::getResource(request, [&](std::unique_ptr<ResourceResponse> r) { got = std::move(r); });
     ASSERT_NE(got, nullptr);
-    EXPECT_EQ(got->error.code(), 3003);
+    EXPECT_EQ(got->error.code(), Errors::kDisabled);
 }
 
 TEST_F(AccessTest, ControlHeaderValueIsCaseSensitive) {
     auto response = Access::getResource(
         ResourceRequest("https://h.com/a.js", HeaderMap{{"X-Ferrit-Control", "Disabled"}}));
-    EXPECT_EQ(response->error.code(), 3001);
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
     EXPECT_NE(response->resource, nullptr);
 }
 
 TEST_F(AccessTest, UnknownUrlGives3001WithoutIs404AndInfoWithCode) {
     auto response = Access::getResource(ResourceRequest("https://nowhere.com/x.js", ""));
-    EXPECT_EQ(response->error.code(), 3001);
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
     EXPECT_FALSE(response->is404);
     EXPECT_TRUE(response->data.empty());
     EXPECT_EQ(response->header.at("X-Ferrit-Info"), "D:@0,3001");
@@ -89,8 +92,8 @@ TEST_F(AccessTest, UnmatchedUrlLogsMatchAtLoweredLevelWithPrefixInfo) {
     EXPECT_EQ(entry.field("match").stringValue(), "prefix");
     EXPECT_EQ(entry.field("accept").stringValue(), "text/html");
     EXPECT_EQ(entry.field("url").stringValue(), "https://nowhere.com/x.js");
-    EXPECT_EQ(entry.errorCode, "3001");
-    EXPECT_EQ(entry.field("prefixInfo")["errorCode"].int32Value(), 3001);
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kNotFerritResource));
+    EXPECT_EQ(entry.field("prefixInfo")["errorCode"].int32Value(), Errors::kNotFerritResource);
     EXPECT_FALSE(entry.has("policy"));
     EXPECT_TRUE(entry.has("matchTime"));
 }
@@ -134,7 +137,7 @@ TEST_F(AccessTest, TextTypesGetCharset) {
 TEST_F(AccessTest, UrlUnknownToPackGives3002) {
     installAppPack(3, 3);
     auto response = Access::getResource(ResourceRequest("https://h.com/app/none.js", ""));
-    EXPECT_EQ(response->error.code(), 3002);
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritPackResource);
     EXPECT_EQ(response->error.message(), "Not Ferrit F:app@3 resource");
 }
 
@@ -157,7 +160,7 @@ TEST_F(AccessTest, OlderInstalledSequencePostsUpdateFiveSecondsLaterWithoutDelay
 TEST_F(AccessTest, MissingOldResourcePullsNewerVersion) {
     installAppPack(3, 4);
     auto response = Access::getResource(ResourceRequest("https://h.com/app/new.js", ""));
-    EXPECT_EQ(response->error.code(), 3002);
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritPackResource);
     clock_->advance(5000);
     TaskRunner::runDue();
     ASSERT_FALSE(updates.empty());
@@ -167,7 +170,7 @@ TEST_F(AccessTest, MissingOldResourcePullsNewerVersion) {
 TEST_F(AccessTest, NotInstalledPackGives3104AndAsksForVisitUpdateAtOnce) {
     install({pack("app", kPackTypeFerrit, 0, 4, {"https://h.com/app/"})});
     auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
-    EXPECT_EQ(response->error.code(), 3104);
+    EXPECT_EQ(response->error.code(), Errors::kNotInstalled);
     EXPECT_EQ(response->error.message(), "app not installed");
     ASSERT_EQ(updates.size(), 1u);
     EXPECT_EQ(updates[0].trigger, kTriggerVisit);
@@ -178,7 +181,7 @@ TEST_F(AccessTest, EliminatedPackGives3105) {
     p->status = kPackStatusEliminated;
     install({p});
     EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/a.js", ""))->error.code(),
-              3105);
+              Errors::kEliminated);
 }
 
 TEST_F(AccessTest, InstalledBelowMinimumGives3108) {
@@ -186,7 +189,7 @@ TEST_F(AccessTest, InstalledBelowMinimumGives3108) {
     p->minSeq = 4;
     install({p});
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
-    EXPECT_EQ(response->error.code(), 3108);
+    EXPECT_EQ(response->error.code(), Errors::kSeqTooLow);
     EXPECT_EQ(response->error.message(), "app 3 less than 4");
 }
 
@@ -196,7 +199,7 @@ TEST_F(AccessTest, OutOfDatePackGives3110) {
     p->updateTime = MRLCurrentTime() - 129600001.0;
     install({p}, MRLCurrentTime() - 129600001.0);
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
-    EXPECT_EQ(response->error.code(), 3110);
+    EXPECT_EQ(response->error.code(), Errors::kPackOutOfDate);
     EXPECT_EQ(response->error.message().rfind("app out of date: ", 0), 0u);
 }
 
@@ -213,7 +216,7 @@ TEST_F(AccessTest, IndexFailurePostsReinstall) {
     install({pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
     // The pack folder holds no resource list.
-    EXPECT_EQ(response->error.code(), 1101);
+    EXPECT_EQ(response->error.code(), Errors::kFileNotExists);
     EXPECT_EQ(response->error.message(), "file \"apps/app/3/app-res.hvc\" not exists");
     TaskRunner::runDue();
     EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
@@ -223,7 +226,7 @@ TEST_F(AccessTest, MissingFileGives3109AndPostsReinstall) {
     installAppPack(3, 3);
     std::filesystem::remove(temp_.path() / "apps/app/3/res/app.js");
     auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
-    EXPECT_EQ(response->error.code(), 3109);
+    EXPECT_EQ(response->error.code(), Errors::kPackFileNotFound);
     EXPECT_EQ(response->error.message(), "F:app@3 file not found: apps/app/3/res/app.js");
     EXPECT_FALSE(response->is404);
     TaskRunner::runDue();
@@ -235,7 +238,7 @@ TEST_F(AccessTest, SubProcessPostsNoRepairs) {
     Environment::instance().setMainProcess(false);
     std::filesystem::remove(temp_.path() / "apps/app/3/res/app.js");
     EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/app.js", ""))->error.code(),
-              3109);
+              Errors::kPackFileNotFound);
     EXPECT_EQ(TaskRunner::pendingCount(), 0u);
 }
 
@@ -243,7 +246,7 @@ TEST_F(AccessTest, ReferrerPackServesUnknownUrlWithKindZero) {
     install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"})});
     serveIndexes({{"page", table({{"res/lib.js", "https://cdn.com/lib.js"}})}});
     writeFile("apps/page/2/res/lib.js", "lib");
-    int kind = -1;
+    auto kind = static_cast<MatchKind>(-1);  // none of the kinds: the lookup must set it
     auto match = findByUrl(Url::key("https://cdn.com/other.js"),
                            Url::key("https://h.com/index.html"), &kind);
     ASSERT_NE(match, nullptr);
@@ -269,13 +272,14 @@ TEST_F(AccessTest, ReferrerMissFallsThroughToPrefixWithReferrerInfo) {
     EXPECT_EQ(response->data, "A");
     auto entry = logs_->last("match");
     EXPECT_EQ(entry.field("match").stringValue(), "prefix");
-    EXPECT_EQ(entry.field("referrerInfo")["errorCode"].int32Value(), 3002);
+    EXPECT_EQ(entry.field("referrerInfo")["errorCode"].int32Value(),
+              Errors::kNotFerritPackResource);
 }
 
 TEST_F(AccessTest, UrlOwnPackWinsOverReferrerPack) {
     install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
              pack("own", kPackTypeFerrit, 1, 1, {}, {"https://h.com/a.js"})});
-    int kind = -1;
+    auto kind = static_cast<MatchKind>(-1);  // none of the kinds: the lookup must set it
     auto match =
         findByUrl(Url::key("https://h.com/a.js"), Url::key("https://h.com/index.html"), &kind);
     ASSERT_NE(match, nullptr);
@@ -285,7 +289,7 @@ TEST_F(AccessTest, UrlOwnPackWinsOverReferrerPack) {
 TEST_F(AccessTest, SCacheKindsFromUrlAndReferrer) {
     install({pack("sc", kPackTypeSCache, 1, 1, {},
                   {"https://h.com/page.html", "https://h.com/own.png"})});
-    int kind = -1;
+    auto kind = static_cast<MatchKind>(-1);  // none of the kinds: the lookup must set it
     ASSERT_NE(findByUrl("//h.com/own.png", "", &kind), nullptr);
     EXPECT_EQ(kind, kMatchUrlSCache);
     ASSERT_NE(findByUrl("//cdn.com/x.JS", "//h.com/page.html", &kind), nullptr);
@@ -296,7 +300,7 @@ TEST_F(AccessTest, SCacheKindsFromUrlAndReferrer) {
 
 TEST_F(AccessTest, SCacheSwitchedOffHidesPack) {
     install({pack("sc", kPackTypeSCache, 1, 1, {}, {"https://h.com/own.png"})});
-    int kind = -1;
+    auto kind = static_cast<MatchKind>(-1);  // none of the kinds: the lookup must set it
     Settings::change([](Settings& s) { s.disableSCacheList.insert("sc"); });
     EXPECT_EQ(findByUrl("//h.com/own.png", "", &kind), nullptr);
     Settings::change([](Settings& s) {
@@ -327,7 +331,7 @@ TEST_F(AccessTest, SCacheReferrerClaimWithErrorSkipsPrefixAndSets404) {
     ResourceIndexPool::set("sc", std::make_shared<const ResourceIndex>("sc", table({})));
     auto response =
         Access::getResource(ResourceRequest("https://cdn.com/x.js", "https://h.com/page.html"));
-    EXPECT_EQ(response->error.code(), 3002);
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritPackResource);
     EXPECT_TRUE(response->is404);
     EXPECT_EQ(logs_->last("match").field("match").stringValue(), "prefix");
 }
@@ -338,7 +342,7 @@ TEST_F(AccessTest, SCache404CanBeSwitchedOff) {
     Settings::change([](Settings& s) { s.scache404Enabled = false; });
     auto response =
         Access::getResource(ResourceRequest("https://cdn.com/x.js", "https://h.com/page.html"));
-    EXPECT_EQ(response->error.code(), 3002);
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritPackResource);
     EXPECT_FALSE(response->is404);
 }
 
@@ -346,7 +350,7 @@ TEST_F(AccessTest, DeveloperSwitchGives3003FromPrefixStage) {
     installAppPack(3, 3);
     Environment::instance().setDeveloperDisabled(1);
     auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
-    EXPECT_EQ(response->error.code(), 3003);
+    EXPECT_EQ(response->error.code(), Errors::kDisabled);
     EXPECT_EQ(response->error.message(), "Ferrit disabled by develop tool");
     // Not served is the host's everyday business: below the warnings of the default level.
     EXPECT_EQ(logs_->last("match").level, MarlLogger::MRLLevelDebug);
@@ -354,9 +358,9 @@ TEST_F(AccessTest, DeveloperSwitchGives3003FromPrefixStage) {
 
 TEST_F(AccessTest, HttpUrlIsForcedToHttpsUnlessSwitchedOff) {
     ResourceRequest request("http://h.com/a.js", "");
-    EXPECT_EQ(RequestContext(request, 6).url(), "https://h.com/a.js");
+    EXPECT_EQ(RequestContext(request, kTriggerVisit).url(), "https://h.com/a.js");
     Settings::change([](Settings& s) { s.requestForceHttps = false; });
-    EXPECT_EQ(RequestContext(request, 6).url(), "http://h.com/a.js");
+    EXPECT_EQ(RequestContext(request, kTriggerVisit).url(), "http://h.com/a.js");
 }
 
 TEST_F(AccessTest, ProxyReceivesVisitRecords) {
@@ -455,15 +459,177 @@ TEST_F(AccessTest, SecondVisitIsNotFirst) {
     EXPECT_EQ(proxy->records[3].dimensions.at("visitType"), "N");
 }
 
-TEST_F(AccessTest, CooldownOpensCrossOriginHeaders) {
+// The request ends when the host says it is done: only then do its records go out, once each,
+// with the time up to that moment.
+TEST_F(AccessTest, SyncHitSendsEachRecordOnceWhenTheHostFinishesIt) {
     installAppPack(3, 3);
-    Environment::instance().addCooldown("F:app@3");
     auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
-    EXPECT_EQ(response->header.at("Access-Control-Allow-Origin"), "*");
-    EXPECT_EQ(response->header.at("Access-Control-Expose-Headers"), "Via, X-Ferrit-Info");
-    clock_->advance(5000);
-    response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
-    EXPECT_EQ(response->header.count("Access-Control-Allow-Origin"), 0u);
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    clock_->advance(7);
+    response->setFinished(Error());
+    response->setFinished(Error());
+    response.reset();
+    const auto perf = proxy_->named("Ferrit.VisitPerf");
+    const auto visits = proxy_->named("Ferrit.AppVisit");
+    ASSERT_EQ(perf.size(), 1u);
+    ASSERT_EQ(visits.size(), 1u);
+    EXPECT_EQ(perf[0].dimensions.at("type"), "sync");
+    EXPECT_EQ(perf[0].measures.at("time"), 7.0);
+    EXPECT_EQ(visits[0].dimensions.at("appName"), "app");
+    EXPECT_EQ(visits[0].measures.at("time"), 7.0);
+}
+
+// A host that never calls setFinished ends the request by letting the response go.
+TEST_F(AccessTest, AsyncHitSendsEachRecordOnceWhenTheResponseIsReleased) {
+    installAppPack(3, 3);
+    std::unique_ptr<ResourceResponse> response =
+        getAsync(ResourceRequest("https://h.com/app/app.js", ""));
+    ASSERT_NE(response, nullptr);
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "console.log(1);");
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    response.reset();
+    ASSERT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+}
+
+TEST_F(AccessTest, AggregateRequestSendsOneVisitPerfAndOneAppVisitForEachFile) {
+    const std::string origin = "https://" + comboRuleHost();
+    install({pack("mods", kPackTypeFerrit, 3, 3, {origin + "/pk/"})});
+    serveIndexes({{"mods", tableOf({{"res/a.js", origin + "/pk/a.js", "A"},
+                                    {"res/b.js", origin + "/pk/b.js", "B"}})}});
+    writeFile("apps/mods/3/res/a.js", "A");
+    writeFile("apps/mods/3/res/b.js", "B");
+    std::unique_ptr<ResourceResponse> response =
+        getAsync(ResourceRequest(origin + "/??pk/a.js,pk/b.js", ""));
+    ASSERT_NE(response, nullptr);
+    ASSERT_FALSE(response->error) << response->error.message();
+    EXPECT_EQ(response->data, "AB");
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    response->setFinished(Error());
+    response.reset();
+    const auto perf = proxy_->named("Ferrit.VisitPerf");
+    ASSERT_EQ(perf.size(), 1u);
+    EXPECT_EQ(perf[0].dimensions.at("resourceCount"), "2");
+    const auto visits = proxy_->named("Ferrit.AppVisit");
+    ASSERT_EQ(visits.size(), 2u);
+    EXPECT_EQ(visits[0].dimensions.at("appName"), "mods");
+    EXPECT_EQ(visits[1].dimensions.at("appName"), "mods");
+}
+
+// One file that nothing serves fails the whole aggregate: the files matched before it are
+// dropped with the match, and each reports its visit once.
+TEST_F(AccessTest, AggregateThatFailsSendsTheVisitOfEachFileItHadMatched) {
+    const std::string origin = "https://" + comboRuleHost();
+    install({pack("mods", kPackTypeFerrit, 3, 3, {origin + "/pk/"})});
+    serveIndexes({{"mods", tableOf({{"res/a.js", origin + "/pk/a.js", "A"}})}});
+    writeFile("apps/mods/3/res/a.js", "A");
+    auto response = Access::getResource(ResourceRequest(origin + "/??pk/a.js,lib/n.js", ""));
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
+    const auto visits = proxy_->named("Ferrit.AppVisit");
+    ASSERT_EQ(visits.size(), 1u);
+    EXPECT_EQ(visits[0].dimensions.at("appName"), "mods");
+    response.reset();
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+}
+
+TEST_F(AccessTest, MissSendsVisitPerfOnceAndNoAppVisit) {
+    auto response = Access::getResource(ResourceRequest("https://nowhere.com/x.js", ""));
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
+    response->setFinished(Error());
+    response.reset();
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+}
+
+// The referrer's pack does not know the URL, so its part is dropped during the match: that part's
+// visit goes out then, and the answering part's with the request.
+TEST_F(AccessTest, PartThatTheMatchDropsSendsItsVisitOnceWhenDropped) {
+    install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
+             pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
+    serveIndexes(
+        {{"page", table({})}, {"app", table({{"res/app.js", "https://h.com/app/app.js"}})}});
+    writeFile("apps/app/3/res/app.js", "A");
+    auto response = Access::getResource(
+        ResourceRequest("https://h.com/app/app.js", "https://h.com/index.html"));
+    ASSERT_FALSE(response->error) << response->error.message();
+    auto visits = proxy_->named("Ferrit.AppVisit");
+    ASSERT_EQ(visits.size(), 1u);
+    EXPECT_EQ(visits[0].dimensions.at("appName"), "page");
+    EXPECT_EQ(visits[0].dimensions.at("errorCode"), std::to_string(Errors::kNotFerritPackResource));
+    response.reset();
+    visits = proxy_->named("Ferrit.AppVisit");
+    ASSERT_EQ(visits.size(), 2u);
+    EXPECT_EQ(visits[1].dimensions.at("appName"), "app");
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+}
+
+// Destruction is no end of a request: a match that nobody finishes reports nothing, and its part
+// reports only when finished.
+TEST_F(AccessTest, DestroyingAnUnfinishedRequestSendsNothing) {
+    installAppPack(3, 3);
+    std::shared_ptr<ResourcePart> part;
+    {
+        std::shared_ptr<Resource> resource =
+            Access::match(ResourceRequest("https://h.com/app/app.js", ""), kPolicySync);
+        ASSERT_FALSE(resource->error) << resource->error.message();
+        ASSERT_EQ(resource->parts.size(), 1u);
+        part = resource->parts.front();
+        EXPECT_FALSE(resource->finished());
+    }
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    part->finish();
+    part->finish();
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    part.reset();
+    {
+        std::shared_ptr<Resource> resource =
+            Access::match(ResourceRequest("https://h.com/app/app.js", ""), kPolicySync);
+        ASSERT_EQ(resource->parts.size(), 1u);
+        part = resource->parts.front();
+    }
+    part.reset();
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+}
+
+// A read that may outlive the request (an on-demand file's) holds the part: its visit waits for
+// whichever of the two lets go last.
+TEST_F(AccessTest, PartHeldByAReadSendsItsVisitOnceTheReadLetsGo) {
+    installAppPack(3, 3);
+    std::shared_ptr<Resource> resource =
+        Access::match(ResourceRequest("https://h.com/app/app.js", ""), kPolicySync);
+    ASSERT_EQ(resource->parts.size(), 1u);
+    ResourcePart& part = *resource->parts.front();
+    part.holdForRead();
+    resource->finish();
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    part.releaseAfterRead();
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    resource->finish();
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+}
+
+// The objects of a request come from recycled blocks: none starts out finished.
+TEST_F(AccessTest, EveryRequestOnRecycledObjectsSendsItsOwnRecords) {
+    installAppPack(3, 3);
+    constexpr size_t kRequests = 5;
+    for (size_t i = 1; i <= kRequests; ++i) {
+        std::shared_ptr<Resource> resource =
+            Access::match(ResourceRequest("https://h.com/app/app.js", ""), kPolicySync);
+        EXPECT_FALSE(resource->finished());
+        resource->finish();
+        EXPECT_TRUE(resource->finished());
+        EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), i);
+        EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), i);
+    }
 }
 
 TEST_F(AccessTest, SetFinishedLogsFinishWithTraceId) {
@@ -477,7 +643,7 @@ TEST_F(AccessTest, SetFinishedLogsFinishWithTraceId) {
     EXPECT_EQ(entry.id.rfind("FT_Access_", 0), 0u);
     EXPECT_FALSE(entry.hasError);
     response->setFinished(Errors::napiFailed(3));
-    EXPECT_EQ(logs_->last("finish").errorCode, "9995");
+    EXPECT_EQ(logs_->last("finish").errorCode, std::to_string(Errors::kHostFailed));
 }
 
 TEST_F(AccessTest, HostileUrlsNeverCrash) {
@@ -490,7 +656,8 @@ TEST_F(AccessTest, HostileUrlsNeverCrash) {
           std::string("https://h.com/app/??a.js,b.js")}) {
         auto response = Access::getResource(
             ResourceRequest(url, HeaderMap{{"Accept", binary}, {"Referer", url}}));
-        EXPECT_TRUE(response->error.code() == 3001 || response->error.code() == 3002)
+        EXPECT_TRUE(response->error.code() == Errors::kNotFerritResource ||
+                    response->error.code() == Errors::kNotFerritPackResource)
             << response->error.message();
     }
 }

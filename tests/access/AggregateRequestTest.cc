@@ -7,9 +7,12 @@
 #include "access/AggregateRequest.h"
 #include "access/ComboRule.h"
 #include "access/ReadGroup.h"
+#include "base/Errors.h"
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using Pieces = std::vector<std::string>;
@@ -94,7 +97,7 @@ TEST_F(AggregateRequestTest, BatchOfSeveralEndsWithTheGuardFileOfItsCrc) {
 TEST_F(AggregateRequestTest, AnswerWithThreePiecesToABatchOfThreeFailsAndFourSucceeds) {
     Pieces pieces;
     Error error = AggregateRequest::splitAnswer(joined({"a", "b", "c"}), 3, pieces);
-    EXPECT_EQ(error.code(), 1010);
+    EXPECT_EQ(error.code(), Errors::kRequestVerify);
     EXPECT_EQ(error.message(),
               "aggregate verify failed: resource count \"2\" not equal to expected \"3\"");
     EXPECT_TRUE(pieces.empty());
@@ -109,7 +112,7 @@ TEST_F(AggregateRequestTest, AnswerWithMoreOrNoSeparatorsFails) {
               "aggregate verify failed: resource count \"4\" not equal to expected \"3\"");
     EXPECT_EQ(AggregateRequest::splitAnswer("no separator at all", 3, pieces).message(),
               "aggregate verify failed: resource count \"0\" not equal to expected \"3\"");
-    EXPECT_EQ(AggregateRequest::splitAnswer("", 1, pieces).code(), 1010);
+    EXPECT_EQ(AggregateRequest::splitAnswer("", 1, pieces).code(), Errors::kRequestVerify);
     // Empty pieces are pieces all the same.
     EXPECT_FALSE(AggregateRequest::splitAnswer(kSep + kSep, 2, pieces));
     EXPECT_EQ(pieces, (Pieces{"", ""}));
@@ -157,7 +160,7 @@ TEST_F(AggregateRequestTest, WrongCountFailsTheWholeBatchWithNoPieces) {
     proxy_->serve(batch.requestUrl(origin()),
                   answerOf(joined({"A();", "guard"}), {{"Cache-Control", "max-age=60"}}));
     const Answer answer = sendAndWait(batch);
-    EXPECT_EQ(answer.error.code(), 1010);
+    EXPECT_EQ(answer.error.code(), Errors::kRequestVerify);
     EXPECT_TRUE(answer.pieces.empty());
     EXPECT_TRUE(answer.header.empty());
 }
@@ -181,11 +184,12 @@ TEST_F(AggregateRequestTest, FailedRequestGivesItsError) {
     AggregateRequest batch(rule(), "trace");
     batch.add(host() + "/a.js");
     batch.add(host() + "/b.js");
-    EXPECT_EQ(sendAndWait(batch).error.code(), 1004);  // unknown to the proxy: 404
+    EXPECT_EQ(sendAndWait(batch).error.code(),
+              Errors::kRequestInvalidStatus);  // unknown to the proxy: 404
     FakeProxy::Answer broken;
     broken.transportError = Error(7, "reset");
     proxy_->serve(batch.requestUrl(origin()), broken);
-    EXPECT_EQ(sendAndWait(batch).error.code(), 1003);
+    EXPECT_EQ(sendAndWait(batch).error.code(), Errors::kRequestFailed);
 }
 
 TEST_F(AggregateRequestTest, BatchThatNeverAnswersEndsAtItsDeadlineOnce) {
@@ -207,7 +211,7 @@ TEST_F(AggregateRequestTest, BatchThatNeverAnswersEndsAtItsDeadlineOnce) {
     clock_->advance(Settings::current()->resourceRequestDeadlineValue());
     TaskRunner::runDue();
     ASSERT_EQ(answer.calls, 1);
-    EXPECT_EQ(answer.error.code(), 1003);
+    EXPECT_EQ(answer.error.code(), Errors::kRequestFailed);
     EXPECT_NE(answer.error.message().find("no answer within 30 s"), std::string::npos)
         << answer.error.message();
     EXPECT_TRUE(answer.pieces.empty());
@@ -239,14 +243,14 @@ class NetworkPart : public ResourcePart {
     ReadStatus read() override { return status_; }
     void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override {
         fetchedAlone = true;
-        error = Error(1004, "fetched alone in this test");
+        error = Error(Errors::kRequestInvalidStatus, "fetched alone in this test");
         callback(shared_from_this());
     }
     bool accept(const HeaderMap& header, const std::string& content, Error& refusal) override {
         accepted.push_back(content);
         acceptedHeader = header;
         if (refuse) {
-            refusal = Error(1010, "refused");
+            refusal = Error(Errors::kRequestVerify, "refused");
             error = refusal;
             return false;
         }
@@ -281,7 +285,7 @@ class AggregateGroupTest : public AggregateRequestTest {
     std::shared_ptr<NetworkPart> remote(const std::string& file) {
         auto part =
             std::make_shared<NetworkPart>(context_, host() + "/" + file, ReadStatus::NeedAggregate);
-        part->error = Error(1101, "not cached");
+        part->error = Error(Errors::kFileNotExists, "not cached");
         return part;
     }
     std::shared_ptr<NetworkPart> local(const std::string& content) {
@@ -357,6 +361,36 @@ TEST_F(AggregateGroupTest, TwentySixPartsMakeABatchOf25AndABatchOfOne) {
     EXPECT_EQ(result.first.substr(result.first.size() - 8), "<24><25>");
 }
 
+// A batch whose request fails before send() returns fails the group at once; the pieces after it
+// still form their own batch and go out, so that their answer fills the cache for the next visit.
+// The group still answers once, with that first error.
+TEST_F(AggregateGroupTest, BatchThatFailsAtOnceStillSendsTheNextBatch) {
+    std::vector<std::shared_ptr<ResourcePart>> parts;
+    AggregateRequest first(rule(), "t");
+    AggregateRequest second(rule(), "t");
+    std::vector<std::shared_ptr<NetworkPart>> late;
+    for (int i = 0; i < 27; ++i) {
+        auto part = remote("m" + std::to_string(i) + ".js");
+        if (i < 25) {
+            first.add(part->url);
+        } else {
+            second.add(part->url);
+            late.push_back(part);
+        }
+        parts.push_back(part);
+    }
+    proxy_->serve(first.requestUrl(origin()), 500, "down");
+    proxy_->serve(second.requestUrl(origin()), answerOf(joined({"<25>", "<26>", "guard"})));
+    auto [calls, result] = run(parts);
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(result.second) << "the first batch's failure is the group's answer";
+    EXPECT_TRUE(result.first.empty());
+    ASSERT_EQ(proxy_->requests.size(), 2u) << "the batch after the failed one was not sent";
+    EXPECT_EQ(proxy_->requests[1].url, second.requestUrl(origin()));
+    EXPECT_EQ(late[0]->accepted, (Pieces{"<25>"}));
+    EXPECT_EQ(late[1]->accepted, (Pieces{"<26>"}));
+}
+
 TEST_F(AggregateGroupTest, WrongCountFailsTheGroupWith1010) {
     auto a = remote("a.js");
     auto b = remote("b.js");
@@ -366,7 +400,7 @@ TEST_F(AggregateGroupTest, WrongCountFailsTheGroupWith1010) {
     proxy_->serve(expected.requestUrl(origin()), answerOf(joined({"[a]", "[b]"})));
     auto [calls, result] = run({a, b});
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(result.second.code(), 1010);
+    EXPECT_EQ(result.second.code(), Errors::kRequestVerify);
     EXPECT_TRUE(result.first.empty());
     EXPECT_TRUE(a->accepted.empty());
 }
@@ -393,17 +427,17 @@ TEST_F(AggregateGroupTest, WithoutARuleEachPartFetchesAlone) {
     auto [calls, result] = run({a});
     EXPECT_TRUE(a->fetchedAlone);
     EXPECT_TRUE(proxy_->requests.empty());
-    EXPECT_EQ(result.second.code(), 1004);
+    EXPECT_EQ(result.second.code(), Errors::kRequestInvalidStatus);
 }
 
 TEST_F(AggregateGroupTest, FailureBeforeTheBatchIsSentStillSendsItAndChangesNothing) {
     auto a = remote("a.js");
     auto failing = std::make_shared<NetworkPart>(context_, host() + "/f", ReadStatus::Failed);
-    failing->error = Error(3109, "gone");
+    failing->error = Error(Errors::kPackFileNotFound, "gone");
     auto after = remote("after.js");
     auto [calls, result] = run({a, failing, after});
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(result.second.code(), 3109);
+    EXPECT_EQ(result.second.code(), Errors::kPackFileNotFound);
     // The part after the failure was never read; the batch of the one before went out.
     ASSERT_EQ(proxy_->requests.size(), 1u);
     EXPECT_EQ(proxy_->requests[0].url, origin() + "/a.js");

@@ -7,6 +7,7 @@
 #include "access/ComboRule.h"
 #include "access/ReadGroup.h"
 #include "access/Resource.h"
+#include "base/Errors.h"
 #include "ferritcore/Access.h"
 #include "storage/Cache.h"
 #include "storage/ModuleCache.h"
@@ -14,6 +15,8 @@
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using MarlLogger::json::JSON;
@@ -153,7 +156,7 @@ TEST_F(CacheFlowTest, PolicyOfZeroNeverSplitsAComboUrl) {
     const ResourceRequest request(origin() + "/??pk/m0.js,pk/m3.js", "");
     std::shared_ptr<Resource> probe = Access::match(request, kPolicyProbe);
     EXPECT_FALSE(probe->isCombo);
-    EXPECT_EQ(probe->error.code(), 3001);
+    EXPECT_EQ(probe->error.code(), Errors::kNotFerritResource);
     EXPECT_EQ(probe->parts.size(), 1u);
     // The same URL splits for a reader.
     std::shared_ptr<Resource> read = Access::match(request, kPolicySync);
@@ -177,13 +180,13 @@ TEST_F(CacheFlowTest, ComboFileThatNothingServesFailsTheWholeInTheSyncForm) {
     std::shared_ptr<Resource> resource = Access::match(request, kPolicySync);
     // ModuleCache answers a file it does not hold only for an asynchronous reader.
     EXPECT_FALSE(resource->isCombo);
-    EXPECT_EQ(resource->error.code(), 3001);
+    EXPECT_EQ(resource->error.code(), Errors::kNotFerritResource);
     const auto& entry = logs_->last("match", "Ferrit/Access");
     const auto& infos = entry.field("comboInfo");
     SCOPED_TRACE(entry.toJSONLine());
     ASSERT_EQ(infos.size(), 2u);
     EXPECT_EQ(infos[1]["match"].stringValue(), "prefix");
-    EXPECT_EQ(Access::getResource(request)->error.code(), 3001);
+    EXPECT_EQ(Access::getResource(request)->error.code(), Errors::kNotFerritResource);
 }
 
 TEST_F(CacheFlowTest, ComboWithTheWrongNumberOfPiecesFailsWith1010AndStoresNothing) {
@@ -195,7 +198,7 @@ TEST_F(CacheFlowTest, ComboWithTheWrongNumberOfPiecesFailsWith1010AndStoresNothi
     proxy_->serve(batch.requestUrl(origin()),
                   answerOf(joined({"A", "B"}), {{"Cache-Control", "max-age=60"}}));
     std::unique_ptr<ResourceResponse> response = getAsync(request);
-    EXPECT_EQ(response->error.code(), 1010);
+    EXPECT_EQ(response->error.code(), Errors::kRequestVerify);
     EXPECT_EQ(response->data.size(), 0u);
     EXPECT_FALSE(ModuleCache::instance().contains(host() + "/lib/a.js"));
     // The store still works: the right answer afterwards is stored.
@@ -226,14 +229,14 @@ TEST_F(CacheFlowTest, ModuleCacheStageIsSkippedWhenSwitchedOffOrWithoutARule) {
     Settings::change([](Settings& s) { s.moduleCacheEnabled = false; });
     std::unique_ptr<ResourceResponse> off =
         Access::getResource(ResourceRequest(origin() + "/lib/kept.js", ""));
-    EXPECT_EQ(off->error.code(), 3001);
+    EXPECT_EQ(off->error.code(), Errors::kNotFerritResource);
     EXPECT_EQ(logs_->last("match", "Ferrit/Access").field("ModuleCache").stringValue(), "disabled");
     Settings::change([](Settings& s) { s.moduleCacheEnabled = true; });
     // A host without an aggregate rule is never a ModuleCache host.
     storeModule("other.example.com/lib/kept.js", "kept();");
     EXPECT_EQ(Access::getResource(ResourceRequest("https://other.example.com/lib/kept.js", ""))
                   ->error.code(),
-              3001);
+              Errors::kNotFerritResource);
 }
 
 TEST_F(CacheFlowTest, UniAppRequestIsFetchedWhenMissingAndThenReadFromUniApp) {
@@ -262,7 +265,7 @@ TEST_F(CacheFlowTest, UniAppRequestWithUniAppSwitchedOffKeepsThePrefixAnswer) {
     Settings::change([](Settings& s) { s.uniAppEnabled = false; });
     std::unique_ptr<ResourceResponse> response =
         Access::getResource(uniAppRequest("https://u.example.com/shop/page.css"));
-    EXPECT_EQ(response->error.code(), 3001);
+    EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
     const auto& event = logs_->last("match");
     EXPECT_EQ(event.field("UniApp").stringValue(), "disabled");
     EXPECT_EQ(event.field("match").stringValue(), "prefix");

@@ -8,12 +8,15 @@
 #include "access/ComboRule.h"
 #include "access/ModuleCacheResource.h"
 #include "access/UniAppResource.h"
+#include "base/Errors.h"
 #include "storage/Cache.h"
 #include "storage/ModuleCache.h"
 #include "storage/UniApp.h"
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 // The "Content-MD5" of a body: base64 of its 16 raw digest bytes.
@@ -117,9 +120,10 @@ TEST_F(CacheResourceTest, VisitRecordCarriesEveryField) {
 TEST_F(CacheResourceTest, MissingCopyNeedsAnAggregateRequest) {
     auto part = modulePart("/m/none.js");
     EXPECT_EQ(part->read(), ReadStatus::NeedAggregate);
-    EXPECT_EQ(part->error.code(), 1101);
+    EXPECT_EQ(part->error.code(), Errors::kFileNotExists);
     EXPECT_EQ(part->size(), 0u);
-    EXPECT_EQ(proxy_->named("Ferrit.CacheVisit")[0].dimensions.at("errorCode"), "1101");
+    EXPECT_EQ(proxy_->named("Ferrit.CacheVisit")[0].dimensions.at("errorCode"),
+              std::to_string(Errors::kFileNotExists));
 }
 
 TEST_F(CacheResourceTest, ExpiredCopyIsFetchedAloneWithItsETag) {
@@ -127,7 +131,7 @@ TEST_F(CacheResourceTest, ExpiredCopyIsFetchedAloneWithItsETag) {
     clock_->advance(2000);
     auto part = modulePart("/m/a.js");
     EXPECT_EQ(part->read(), ReadStatus::NeedFetch);
-    EXPECT_EQ(part->error.code(), 3115);
+    EXPECT_EQ(part->error.code(), Errors::kResourceExpired);
 
     FakeProxy::Answer notModified;
     notModified.status = 304;
@@ -216,7 +220,7 @@ TEST_F(CacheResourceTest, DigestThatDiffersRefusesTheBody) {
     proxy_->serve(full("/m/b.js"), answerOf("B();", {{"Content-MD5", contentMd5("other")},
                                                      {"Cache-Control", "max-age=60"}}));
     readAsync(*part);
-    EXPECT_EQ(part->error.code(), 1010);
+    EXPECT_EQ(part->error.code(), Errors::kRequestVerify);
     EXPECT_EQ(part->error.message(), "request \"" + full("/m/b.js") + "\" verify failed: MD5 \"" +
                                          Digest::md5Hex("B();") + "\" different with expected \"" +
                                          Digest::md5Hex("other") + "\"");
@@ -235,7 +239,7 @@ TEST_F(CacheResourceTest, DigestThatIsNotBase64OrNot16BytesIsADifference) {
         proxy_->serve(full("/m/c.js"),
                       answerOf("C();", {{"Content-MD5", bad}, {"Cache-Control", "max-age=60"}}));
         readAsync(*part);
-        EXPECT_EQ(part->error.code(), 1010);
+        EXPECT_EQ(part->error.code(), Errors::kRequestVerify);
         EXPECT_EQ(contentOf(*part), "");
         EXPECT_FALSE(ModuleCache::instance().contains(bare("/m/c.js")));
     }
@@ -261,14 +265,15 @@ TEST_F(CacheResourceTest, StaleAnswerIsServedButNotKept) {
     EXPECT_FALSE(part->error);
     EXPECT_EQ(contentOf(*part), "S();");
     EXPECT_FALSE(ModuleCache::instance().contains(bare("/m/s.js")));
-    EXPECT_EQ(logs_->last("update", "Ferrit/ModuleCache").errorCode, "3115");
+    EXPECT_EQ(logs_->last("update", "Ferrit/ModuleCache").errorCode,
+              std::to_string(Errors::kResourceExpired));
 }
 
 TEST_F(CacheResourceTest, FailedFetchGivesTheNetworkError) {
     auto part = modulePart("/m/none.js");
     ASSERT_EQ(part->read(), ReadStatus::NeedAggregate);
     EXPECT_EQ(readAsync(*part), 1);
-    EXPECT_EQ(part->error.code(), 1004);
+    EXPECT_EQ(part->error.code(), Errors::kRequestInvalidStatus);
     EXPECT_EQ(contentOf(*part), "");
 }
 
@@ -324,7 +329,7 @@ TEST_F(CacheResourceTest, UniAppReadThatFailsAcceptanceForcesTheNextStoreToRepla
 
     auto part = uniAppPart("/u/logo", {{"Accept", "image/*"}});
     EXPECT_EQ(part->read(), ReadStatus::NeedAggregate);
-    EXPECT_EQ(part->error.code(), 3116);
+    EXPECT_EQ(part->error.code(), Errors::kNotAcceptable);
     EXPECT_EQ(part->error.message(),
               "resource " + bare("/u/logo") + " \"text/html\" can not accepted by image/*");
     EXPECT_TRUE(part->forceOverwrite);
@@ -366,7 +371,7 @@ TEST_F(CacheResourceTest, UniAppCopyIsJudgedByTheRequestHeadersItVariesBy) {
     EXPECT_EQ(same->read(), ReadStatus::Done);
     auto other = uniAppPart("/u/text", {{"Accept-Language", "fr"}});
     EXPECT_EQ(other->read(), ReadStatus::NeedAggregate);
-    EXPECT_EQ(other->error.code(), 3116);
+    EXPECT_EQ(other->error.code(), Errors::kNotAcceptable);
 }
 
 }  // namespace

@@ -4,12 +4,15 @@
 
 #include "access/PackPart.h"
 #include "access/Resource.h"
+#include "base/Errors.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
 #include "ferritcore/ResourceResponse.h"
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 TEST(ErrorTest, FormatKeepsThreeHundredCharacters) {
@@ -121,7 +124,7 @@ class ResponseTest : public AccessFixture {
 };
 
 TEST_F(ResponseTest, SetFinishedWithoutResourceWritesNoLog) {
-    ResourceResponse response(Error(3001, "Not Ferrit resource"));
+    ResourceResponse response(Error(Errors::kNotFerritResource, "Not Ferrit resource"));
     response.setFinished(Error());
     EXPECT_EQ(logs_->count("finish"), 0u);
     EXPECT_EQ(response.header.size(), 1u);
@@ -131,14 +134,14 @@ TEST_F(ResponseTest, SetFinishedWithoutResourceWritesNoLog) {
 }
 
 TEST_F(ResponseTest, TwoPartsGiveEmptyMd5AndSortedVia) {
-    auto context = std::make_shared<RequestContext>(request_, 6);
+    auto context = std::make_shared<RequestContext>(request_, kTriggerVisit);
     auto resource = std::make_shared<Resource>(context, "", false);
     auto b = std::make_shared<FixedPart>(context, "b");
     b->name = "F:b@1";
     auto a = std::make_shared<FixedPart>(context, "a");
     a->name = "F:a@1";
-    resource->addPart(b, 0);
-    resource->addPart(a, 0);
+    resource->addPart(b, kMatchNone);
+    resource->addPart(a, kMatchNone);
     resource->isCombo = true;
     ResourceResponse response(resource, "ba");
     EXPECT_TRUE(response.md5.empty());
@@ -147,29 +150,29 @@ TEST_F(ResponseTest, TwoPartsGiveEmptyMd5AndSortedVia) {
 }
 
 TEST_F(ResponseTest, OnePartGivesItsMd5) {
-    auto context = std::make_shared<RequestContext>(request_, 6);
+    auto context = std::make_shared<RequestContext>(request_, kTriggerVisit);
     auto resource = std::make_shared<Resource>(context, "", false);
-    resource->addPart(std::make_shared<FixedPart>(context, "a", "abc"), 0);
+    resource->addPart(std::make_shared<FixedPart>(context, "a", "abc"), kMatchNone);
     ResourceResponse response(resource, "a");
     EXPECT_EQ(response.md5, "abc");
 }
 
 TEST_F(ResponseTest, ExplicitErrorFormKeepsArguments) {
-    auto context = std::make_shared<RequestContext>(request_, 6);
+    auto context = std::make_shared<RequestContext>(request_, kTriggerVisit);
     auto resource = std::make_shared<Resource>(context, "", false);
-    resource->addPart(std::make_shared<FixedPart>(context, "a"), 0);
-    ResourceResponse response(resource, Error(1108, "x"), true);
+    resource->addPart(std::make_shared<FixedPart>(context, "a"), kMatchNone);
+    ResourceResponse response(resource, Error(Errors::kReadAsyncOnly, "x"), true);
     EXPECT_TRUE(response.data.empty());
-    EXPECT_EQ(response.error.code(), 1108);
+    EXPECT_EQ(response.error.code(), Errors::kReadAsyncOnly);
     EXPECT_TRUE(response.is404);
 }
 
 TEST_F(ResponseTest, RequestContextTakesTraceAndAccept) {
     const ResourceRequest request("https://h.com/a",
                                   HeaderMap{{"ACCEPT", "Image/WEBP, */*;q=0.1"}});
-    RequestContext context(request, 6);
+    RequestContext context(request, kTriggerVisit);
     EXPECT_EQ(context.traceId().rfind("FT_Access_", 0), 0u);
-    EXPECT_EQ(context.trigger, 6);
+    EXPECT_EQ(context.trigger, kTriggerVisit);
     EXPECT_EQ(context.accept(), "image/webp, */*;q=0.1");
     ASSERT_EQ(context.acceptTypes().size(), 2u);
     EXPECT_EQ(context.acceptTypes()[0].type, "image/webp");
@@ -182,8 +185,8 @@ TEST_F(ResponseTest, DetachedContextKeepsTheHeadersOnlyWhenAskedTo) {
     std::optional<RequestContext> plain, kept;
     {
         const ResourceRequest request("https://h.com/a", HeaderMap{{"Accept", "Text/CSS"}});
-        plain.emplace(request, 6);
-        kept.emplace(request, 6);
+        plain.emplace(request, kTriggerVisit);
+        kept.emplace(request, kTriggerVisit);
         kept->keep();
         plain->detach();
         kept->detach();
@@ -197,7 +200,7 @@ TEST_F(ResponseTest, DetachedContextKeepsTheHeadersOnlyWhenAskedTo) {
 }
 
 TEST_F(ResponseTest, PartTraceIdIsMadeOnceOnFirstUse) {
-    auto context = std::make_shared<RequestContext>(request_, 6);
+    auto context = std::make_shared<RequestContext>(request_, kTriggerVisit);
     FixedPart part(context, "a");
     const std::string first = part.traceId();
     EXPECT_EQ(first.rfind("FT_Resource_", 0), 0u);

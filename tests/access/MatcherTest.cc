@@ -24,7 +24,7 @@ TEST_F(MatcherTest, MatchFromParsedDocument) {
         R"("png":{"s":1,"installedSeq":1,"p":["https://img.com/i/"]},)"
         R"("sc":{"s":1,"installedSeq":1,"f":96,"r":["https://h.com/page.html","https://h.com/logo.svg"]}}})");
     const FConfigPtr config = SCache::current();
-    int kind = -1;
+    auto kind = static_cast<MatchKind>(-1);  // none of the kinds: the lookup must set it
     // exact URL in an SCache pack
     auto m = findByUrl(Url::key("https://h.com/logo.svg"), "", &kind);
     ASSERT_NE(m, nullptr);

@@ -5,6 +5,7 @@
 
 #include <list>
 
+#include "access/ModuleCacheResource.h"
 #include "access/PackPart.h"
 #include "access/ReadGroup.h"
 #include "access/Resource.h"
@@ -19,6 +20,8 @@
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using MarlLogger::json::JSON;
@@ -173,7 +176,7 @@ TEST_F(ReadFlowTest, SCacheUrlWhoseFileIsMissingGives404And3109InSyncForm) {
     install({builtIn("sc", 1, {}, {"https://h.com/own.png"})});
     embedSignedIndex("sc", 1, tableOf({{"res/own.png", "https://h.com/own.png", "png"}}));
     auto response = Access::getResource(ResourceRequest("https://h.com/own.png", ""));
-    EXPECT_EQ(response->error.code(), 3109);
+    EXPECT_EQ(response->error.code(), Errors::kPackFileNotFound);
     EXPECT_EQ(response->error.message(),
               "S:sc@1 file not found: /Asset/Ferrit_Asset_sc/1/res/own.png");
     EXPECT_TRUE(response->is404);
@@ -185,7 +188,7 @@ TEST_F(ReadFlowTest, SCacheMissingFileGivesNo404WhenSwitchedOff) {
     embedSignedIndex("sc", 1, tableOf({{"res/own.png", "https://h.com/own.png", "png"}}));
     Settings::change([](Settings& s) { s.scache404Enabled = false; });
     auto response = Access::getResource(ResourceRequest("https://h.com/own.png", ""));
-    EXPECT_EQ(response->error.code(), 3109);
+    EXPECT_EQ(response->error.code(), Errors::kPackFileNotFound);
     EXPECT_FALSE(response->is404);
 }
 
@@ -213,7 +216,7 @@ class OnDemandTest : public ReadFlowTest {
 
 TEST_F(OnDemandTest, SyncFormGives1108AndAsyncFormSucceeds) {
     auto sync = Access::getResource(ResourceRequest("https://od.com/a.js", ""));
-    EXPECT_EQ(sync->error.code(), 1108);
+    EXPECT_EQ(sync->error.code(), Errors::kReadAsyncOnly);
     EXPECT_EQ(sync->error.message(),
               "file \"/OnDemand(Ferrit_Asset_od)/Ferrit_Asset_od/1/res/a.js\" can only read "
               "asynchronous");
@@ -255,12 +258,12 @@ TEST_F(OnDemandTest, SubProcessGives2004) {
     Environment::instance().setMainProcess(false);
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
-    EXPECT_EQ(response->error.code(), 2004);
+    EXPECT_EQ(response->error.code(), Errors::kSubProcessDisabled);
     EXPECT_TRUE(proxy_->loads.empty());
 }
 
 TEST_F(OnDemandTest, FailedModuleReadsTheBackupCopyThatIsThere) {
-    proxy_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(Errors::kRequestFailed, std::string("no module"));
     installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "backup bytes"}}), "backup bytes");
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
@@ -270,7 +273,7 @@ TEST_F(OnDemandTest, FailedModuleReadsTheBackupCopyThatIsThere) {
 }
 
 TEST_F(OnDemandTest, FailedModuleFetchesTheBackupThenReadsIt) {
-    proxy_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(Errors::kRequestFailed, std::string("no module"));
     requester_->answer = [this](const std::string&, UpdateRequester::Completion done) {
         installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "fetched"}}), "fetched");
         if (done) done(Error());
@@ -285,41 +288,41 @@ TEST_F(OnDemandTest, FailedModuleFetchesTheBackupThenReadsIt) {
 }
 
 TEST_F(OnDemandTest, BackupWithoutTheUrlGives3113) {
-    proxy_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(Errors::kRequestFailed, std::string("no module"));
     installBackup(tableOf({{"res/other.js", "https://od.com/other.js", "x"}}), "x");
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
-    EXPECT_EQ(response->error.code(), 3113);
+    EXPECT_EQ(response->error.code(), Errors::kBackupNotFound);
     EXPECT_EQ(response->error.message(), "S:od@1 backup resource //od.com/a.js not found");
     // Not an SCache hit by URL: the host goes to the network.
     EXPECT_FALSE(response->is404);
 }
 
 TEST_F(OnDemandTest, FailedFetchOfTheBackupPassesItsError) {
-    proxy_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(Errors::kRequestFailed, std::string("no module"));
     requester_->answer = [](const std::string&, UpdateRequester::Completion done) {
         if (done) done(Errors::networkNotSupported("od@1", "None"));
     };
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
-    EXPECT_EQ(response->error.code(), 2001);
+    EXPECT_EQ(response->error.code(), Errors::kNetworkNotSupported);
 }
 
 TEST_F(OnDemandTest, FetchThatBringsNoBackupGives3113) {
-    proxy_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(Errors::kRequestFailed, std::string("no module"));
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
-    EXPECT_EQ(response->error.code(), 3113);
+    EXPECT_EQ(response->error.code(), Errors::kBackupNotFound);
     EXPECT_EQ(updates.size(), 1u);
 }
 
 TEST_F(OnDemandTest, BackupWhoseFileIsGoneGives1101AndAsksForItsReinstall) {
-    proxy_->loadError = Error(1003, std::string("no module"));
+    proxy_->loadError = Error(Errors::kRequestFailed, std::string("no module"));
     installBackup(tableOf({{"res/a.js", "https://od.com/a.js", "backup bytes"}}), "backup bytes");
     std::filesystem::remove(temp_.path() / "apps/od/1/res/a.js");
     auto response = getAsync(ResourceRequest("https://od.com/a.js", ""));
     ASSERT_NE(response, nullptr);
-    EXPECT_EQ(response->error.code(), 1101);
+    EXPECT_EQ(response->error.code(), Errors::kFileNotExists);
     EXPECT_EQ(response->error.message(), "file \"apps/od/1/res/a.js\" not exists");
     TaskRunner::runDue();
     EXPECT_EQ(SCache::current()->find("od@1")->status, kPackStatusNeedReinstall);
@@ -342,16 +345,25 @@ class GroupFlowTest : public OnDemandTest {
     std::shared_ptr<PackPart> partFor(const std::string& url, const std::string& packName) {
         auto match = std::make_shared<PackMatch>(*SCache::current(),
                                                  SCache::current()->find(packName), false);
+        match->requestFollowUp();
         return std::make_shared<PackPart>(context_, Url::key(url), match);
     }
+    // How many "Ferrit.AppVisit" records name the pack.
+    size_t visitsOf(const std::string& appName) const {
+        size_t count = 0;
+        for (const FakeProxy::Record& record : proxy_->named("Ferrit.AppVisit"))
+            if (record.dimensions.at("appName") == appName) ++count;
+        return count;
+    }
     const ResourceRequest request_{"https://h.com/combo", HeaderMap{}};  // read by the context
-    std::shared_ptr<RequestContext> context_ = std::make_shared<RequestContext>(request_, 6);
+    std::shared_ptr<RequestContext> context_ =
+        std::make_shared<RequestContext>(request_, kTriggerVisit);
 };
 
 TEST_F(GroupFlowTest, FailureOfTheFirstPartStopsLaterParts) {
     auto resource = std::make_shared<Resource>(context_, "", false);
-    resource->addPart(partFor("https://h.com/app/empty.js", "app"), 0);
-    resource->addPart(partFor("https://od.com/a.js", "od"), 0);
+    resource->addPart(partFor("https://h.com/app/empty.js", "app"), kMatchNone);
+    resource->addPart(partFor("https://od.com/a.js", "od"), kMatchNone);
     ASSERT_FALSE(resource->error) << resource->error.message();
     resource->makeGroup();
     int calls = 0;
@@ -362,7 +374,7 @@ TEST_F(GroupFlowTest, FailureOfTheFirstPartStopsLaterParts) {
         EXPECT_TRUE(data.empty());
     });
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(error.code(), 1103);
+    EXPECT_EQ(error.code(), Errors::kNoData);
     // The on-demand part after it was never read.
     EXPECT_TRUE(proxy_->loads.empty());
 }
@@ -370,13 +382,13 @@ TEST_F(GroupFlowTest, FailureOfTheFirstPartStopsLaterParts) {
 TEST_F(GroupFlowTest, PartThatFinishesAfterAFailureDoesNothing) {
     proxy_->holdLoads = true;
     auto resource = std::make_shared<Resource>(context_, "", false);
-    resource->addPart(partFor("https://od.com/a.js", "od"), 0);
-    resource->addPart(partFor("https://h.com/app/empty.js", "app"), 0);
+    resource->addPart(partFor("https://od.com/a.js", "od"), kMatchNone);
+    resource->addPart(partFor("https://h.com/app/empty.js", "app"), kMatchNone);
     resource->makeGroup();
     int calls = 0;
     resource->readAsync([&](const std::string&, const Error& e) {
         ++calls;
-        EXPECT_EQ(e.code(), 1103);
+        EXPECT_EQ(e.code(), Errors::kNoData);
     });
     EXPECT_EQ(calls, 1);
     ASSERT_EQ(proxy_->releaseLoads(), 1u);
@@ -386,8 +398,8 @@ TEST_F(GroupFlowTest, PartThatFinishesAfterAFailureDoesNothing) {
 
 TEST_F(GroupFlowTest, GroupOfDiskAndOnDemandPartsDeliversBothInOrder) {
     auto resource = std::make_shared<Resource>(context_, "", false);
-    resource->addPart(partFor("https://h.com/app/gone.js", "app"), 0);
-    resource->addPart(partFor("https://od.com/a.js", "od"), 0);
+    resource->addPart(partFor("https://h.com/app/gone.js", "app"), kMatchNone);
+    resource->addPart(partFor("https://od.com/a.js", "od"), kMatchNone);
     resource->makeGroup();
     std::string got;
     resource->readAsync([&](const std::string& data, const Error& e) {
@@ -396,6 +408,48 @@ TEST_F(GroupFlowTest, GroupOfDiskAndOnDemandPartsDeliversBothInOrder) {
     });
     EXPECT_EQ(got, "g" + kScript);
     EXPECT_EQ(resource->group->type, "async");
+}
+
+// The request ends while its on-demand part is still being read: that part reports its visit
+// once its read is done, never while the read still writes it.
+TEST_F(GroupFlowTest, PartStillReadingWhenTheRequestEndsReportsItsVisitAfterItsRead) {
+    proxy_->holdLoads = true;
+    auto resource = std::make_shared<Resource>(context_, "", false);
+    resource->addPart(partFor("https://od.com/a.js", "od"), kMatchNone);
+    resource->addPart(partFor("https://h.com/app/empty.js", "app"), kMatchNone);
+    resource->makeGroup();
+    resource->readAsync([&](const std::string&, const Error& e) {
+        EXPECT_EQ(e.code(), Errors::kNoData);
+        resource->finish();
+    });
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(visitsOf("app"), 1u);
+    EXPECT_EQ(visitsOf("od"), 0u);
+    ASSERT_EQ(proxy_->releaseLoads(), 1u);
+    EXPECT_EQ(visitsOf("od"), 1u);
+    resource->finish();
+    EXPECT_EQ(visitsOf("od"), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+}
+
+// A fetch that fails at once answers the group while its loop still has parts to read: a part
+// read after that reports its visit when the loop is done with it, not when the request ends.
+TEST_F(GroupFlowTest, PartReadAfterTheAnswerReportsItsVisitOnceTheLoopIsDone) {
+    auto resource = std::make_shared<Resource>(context_, "", false);
+    resource->addPart(std::make_shared<ModuleCacheResource>(context_, "h.com/lib/none.js"),
+                      kMatchNone);
+    resource->addPart(partFor("https://h.com/app/gone.js", "app"), kMatchNone);
+    resource->makeGroup();
+    int calls = 0;
+    resource->readAsync([&](const std::string&, const Error& e) {
+        ++calls;
+        EXPECT_TRUE(e);
+        resource->finish();
+        EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+        EXPECT_EQ(visitsOf("app"), 0u) << "the loop has not read the part yet";
+    });
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(visitsOf("app"), 1u);
 }
 
 // --- Reading into the receiver's memory ---------------------------------------------------------
@@ -491,19 +545,19 @@ TEST_F(ReadFlowTest, ZeroByteResourceWhoseListNamesContentGives1103) {
     installApp(tableOf({{"res/empty.js", "https://h.com/app/empty.js", "lost"}}));
     writeFile("apps/app/3/res/empty.js", "");
     auto response = Access::getResource(ResourceRequest("https://h.com/app/empty.js", ""));
-    EXPECT_EQ(response->error.code(), 1103);
+    EXPECT_EQ(response->error.code(), Errors::kNoData);
     EXPECT_EQ(response->error.message(), "file \"apps/app/3/res/empty.js\" no data");
     EXPECT_TRUE(response->data.empty());
     auto async = getAsync(ResourceRequest("https://h.com/app/empty.js", ""));
     ASSERT_NE(async, nullptr);
-    EXPECT_EQ(async->error.code(), 1103);
+    EXPECT_EQ(async->error.code(), Errors::kNoData);
 }
 
 TEST_F(ReadFlowTest, IndexPathThatClimbsOutGives1107AndNothingOutsideIsRead) {
     writeFile("secret.txt", "root secret");
     installApp(tableOf({{"../../../secret.txt", "https://h.com/app/s.txt", "root secret"}}));
     auto response = Access::getResource(ResourceRequest("https://h.com/app/s.txt", ""));
-    EXPECT_EQ(response->error.code(), 1107);
+    EXPECT_EQ(response->error.code(), Errors::kFileDeserialization);
     EXPECT_NE(response->error.message().find("leaves the pack"), std::string::npos);
     EXPECT_TRUE(response->data.empty());
 }
@@ -517,7 +571,7 @@ TEST_F(ReadFlowTest, AbsolutePathsInTheIndexStayInsideThePack) {
     ASSERT_FALSE(inside->error) << inside->error.message();
     EXPECT_EQ(inside->data, "inside");
     auto secret = Access::getResource(ResourceRequest("https://h.com/app/secret.txt", ""));
-    EXPECT_EQ(secret->error.code(), 3109);
+    EXPECT_EQ(secret->error.code(), Errors::kPackFileNotFound);
     EXPECT_EQ(secret->error.message(), "F:app@3 file not found: apps/app/3/secret.txt");
     EXPECT_TRUE(secret->data.empty());
 }
@@ -535,7 +589,7 @@ TEST_F(ReadFlowTest, IndexWithoutSeparatorGives1107) {
     writeFile("apps/app/3/app-res.hvc",
               tableOf({{"res/a.js", "https://h.com/app/a.js", "a"}}).toString());
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
-    EXPECT_EQ(response->error.code(), 1107);
+    EXPECT_EQ(response->error.code(), Errors::kFileDeserialization);
     EXPECT_EQ(response->error.message(),
               "file \"apps/app/3/app-res.hvc\" deserialization failed: Token || not found");
 }
@@ -546,7 +600,7 @@ TEST_F(ReadFlowTest, TruncatedIndexGives1106) {
     writeFile("apps/app/3/app-res.hvc", whole.substr(0, whole.size() - 8));
     writeFile("apps/app/3/res/a.js", "a");
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
-    EXPECT_EQ(response->error.code(), 1106);
+    EXPECT_EQ(response->error.code(), Errors::kFileVerify);
     TaskRunner::runDue();
     EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
 }
@@ -555,7 +609,7 @@ TEST_F(ReadFlowTest, IndexWithInvalidJsonGives1107) {
     install({pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
     writeFile("apps/app/3/app-res.hvc", signedIndex(std::string("{\"res/a.js\": {\"v\": ")));
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
-    EXPECT_EQ(response->error.code(), 1107);
+    EXPECT_EQ(response->error.code(), Errors::kFileDeserialization);
     EXPECT_EQ(
         response->error.message(),
         "file \"apps/app/3/app-res.hvc\" deserialization failed: Invalid value. at offset 19");
@@ -566,7 +620,7 @@ TEST_F(ReadFlowTest, IndexRecordWithoutVersionGives1107) {
     list.set("res/a.js", JSON(JSONObject{{"url", "https://h.com/app/a.js"}}));
     installApp(list);
     auto response = Access::getResource(ResourceRequest("https://h.com/app/a.js", ""));
-    EXPECT_EQ(response->error.code(), 1107);
+    EXPECT_EQ(response->error.code(), Errors::kFileDeserialization);
     EXPECT_EQ(
         response->error.message(),
         "file \"apps/app/3/app-res.hvc\" deserialization failed: MD5 for \"res/a.js\" not found");
@@ -591,7 +645,7 @@ TEST_F(ReadFlowTest, PackedFileRemovedBetweenMatchAndReadGives1101AndAsksForRein
     ASSERT_FALSE(resource->error) << resource->error.message();
     store->removeByPrefix("app/3/res/a.js");
     EXPECT_EQ(resource->read(), "");
-    EXPECT_EQ(resource->error.code(), 1101);
+    EXPECT_EQ(resource->error.code(), Errors::kFileNotExists);
     TaskRunner::runDue();
     EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);
 }
@@ -605,7 +659,7 @@ TEST_F(ReadFlowTest, FileRemovedBetweenMatchAndReadGives1101AndAsksForReinstall)
     ASSERT_FALSE(resource->error) << resource->error.message();
     std::filesystem::remove(temp_.path() / "apps/app/3/res/a.js");
     EXPECT_EQ(resource->read(), "");
-    EXPECT_EQ(resource->error.code(), 1101);
+    EXPECT_EQ(resource->error.code(), Errors::kFileNotExists);
     EXPECT_EQ(resource->error.message(), "file \"apps/app/3/res/a.js\" not exists");
     TaskRunner::runDue();
     EXPECT_EQ(SCache::current()->find("app")->status, kPackStatusNeedReinstall);

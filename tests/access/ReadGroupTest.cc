@@ -2,9 +2,12 @@
 
 #include "access/ReadGroup.h"
 #include "access/Resource.h"
+#include "base/Errors.h"
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 // A part whose read outcome the test decides; asynchronous completions are held until released.
@@ -20,7 +23,7 @@ class ScriptedPart : public ResourcePart {
     uint64_t size() const override { return content_.size(); }
     ReadStatus read() override {
         ++*reads_;
-        if (status_ == ReadStatus::Failed) error = Error(1102, "scripted failure");
+        if (status_ == ReadStatus::Failed) error = Error(Errors::kFileRead, "scripted failure");
         return status_;
     }
     void readAsync(std::function<void(std::shared_ptr<ResourcePart>)> callback) override {
@@ -50,7 +53,8 @@ class ReadGroupTest : public AccessFixture {
         return std::make_shared<ScriptedPart>(context_, std::move(content), status, &reads_);
     }
     const ResourceRequest request_{"https://h/x", HeaderMap{}};  // read by the context
-    std::shared_ptr<RequestContext> context_ = std::make_shared<RequestContext>(request_, 6);
+    std::shared_ptr<RequestContext> context_ =
+        std::make_shared<RequestContext>(request_, kTriggerVisit);
     int reads_ = 0;
 };
 
@@ -88,7 +92,7 @@ TEST_F(ReadGroupTest, FirstPartFailureStopsLaterReads) {
     });
     EXPECT_EQ(reads_, 1);
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(got.code(), 1102);
+    EXPECT_EQ(got.code(), Errors::kFileRead);
     EXPECT_EQ(group->remaining.load(), -1);
 }
 
@@ -100,7 +104,7 @@ TEST_F(ReadGroupTest, LateFinishAfterFailureDoesNothing) {
     int calls = 0;
     group->run([&](const std::string&, const Error& e) {
         ++calls;
-        EXPECT_EQ(e.code(), 1102);
+        EXPECT_EQ(e.code(), Errors::kFileRead);
     });
     EXPECT_EQ(calls, 1);
     slow->finish();
@@ -123,7 +127,7 @@ TEST_F(ReadGroupTest, WhenTheFirstPartOfAGroupFailsLaterPartsAreNotReadAndALateF
     });
     EXPECT_EQ(reads_, 1);  // "b" was never read
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(got.code(), 1102);
+    EXPECT_EQ(got.code(), Errors::kFileRead);
     EXPECT_EQ(group->remaining.load(), -1);
 
     // A part that went to the network before the failure and finishes after it, with or without
@@ -144,7 +148,7 @@ TEST_F(ReadGroupTest, WhenTheFirstPartOfAGroupFailsLaterPartsAreNotReadAndALateF
     slow->finish();
     slow->finish(Error(1, "late"));
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(got.code(), 1102);
+    EXPECT_EQ(got.code(), Errors::kFileRead);
     EXPECT_EQ(second->remaining.load(), -1);
 }
 
@@ -173,19 +177,19 @@ TEST_F(ReadGroupTest, AsynchronousPartsCompleteTheGroup) {
 
 TEST_F(ReadGroupTest, ResourceReadStopsAtFirstFailingPart) {
     auto resource = std::make_shared<Resource>(context_, "", false);
-    resource->addPart(part("a", ReadStatus::Done), 0);
-    resource->addPart(part("b", ReadStatus::Failed), 0);
-    resource->addPart(part("c", ReadStatus::Done), 0);
+    resource->addPart(part("a", ReadStatus::Done), kMatchNone);
+    resource->addPart(part("b", ReadStatus::Failed), kMatchNone);
+    resource->addPart(part("c", ReadStatus::Done), kMatchNone);
     EXPECT_EQ(resource->read(), "");
-    EXPECT_EQ(resource->error.code(), 1102);
+    EXPECT_EQ(resource->error.code(), Errors::kFileRead);
     EXPECT_EQ(reads_, 2);
-    EXPECT_EQ(logs_->last("read").errorCode, "1102");
+    EXPECT_EQ(logs_->last("read").errorCode, std::to_string(Errors::kFileRead));
 }
 
 TEST_F(ReadGroupTest, ResourceReadOfSeveralPartsConcatenates) {
     auto resource = std::make_shared<Resource>(context_, "", false);
-    resource->addPart(part("a", ReadStatus::Done), 0);
-    resource->addPart(part("bc", ReadStatus::Done), 0);
+    resource->addPart(part("a", ReadStatus::Done), kMatchNone);
+    resource->addPart(part("bc", ReadStatus::Done), kMatchNone);
     EXPECT_EQ(resource->read(), "abc");
     auto entry = logs_->last("read");
     EXPECT_EQ(entry.field("size").int32Value(), 3);
@@ -195,17 +199,17 @@ TEST_F(ReadGroupTest, ResourceReadOfSeveralPartsConcatenates) {
 TEST_F(ReadGroupTest, NeedAsyncIsAFailureOnTheSyncPath) {
     auto resource = std::make_shared<Resource>(context_, "", false);
     auto p = part("a", ReadStatus::NeedAsync);
-    p->error = Error(1108, "async only");
-    resource->addPart(p, 0);
+    p->error = Error(Errors::kReadAsyncOnly, "async only");
+    resource->addPart(p, kMatchNone);
     resource->error.clear();
     EXPECT_EQ(resource->read(), "");
-    EXPECT_EQ(resource->error.code(), 1108);
+    EXPECT_EQ(resource->error.code(), Errors::kReadAsyncOnly);
 }
 
 TEST_F(ReadGroupTest, ResourceReadAsyncThroughGroupLogsCounts) {
     auto resource = std::make_shared<Resource>(context_, "", false);
-    resource->addPart(part("a", ReadStatus::Done), 0);
-    resource->addPart(part("b", ReadStatus::Done), 0);
+    resource->addPart(part("a", ReadStatus::Done), kMatchNone);
+    resource->addPart(part("b", ReadStatus::Done), kMatchNone);
     resource->makeGroup();
     std::string got;
     resource->readAsync([&](const std::string& data, const Error&) { got = data; });
@@ -217,12 +221,12 @@ TEST_F(ReadGroupTest, ResourceReadAsyncThroughGroupLogsCounts) {
 
 TEST_F(ReadGroupTest, ResourceWithErrorReadsNothing) {
     auto resource = std::make_shared<Resource>(context_, "", false);
-    resource->addPart(part("a", ReadStatus::Done), 0);
-    resource->error = Error(3001, "x");
+    resource->addPart(part("a", ReadStatus::Done), kMatchNone);
+    resource->error = Error(Errors::kNotFerritResource, "x");
     EXPECT_EQ(resource->read(), "");
     Error got;
     resource->readAsync([&](const std::string&, const Error& e) { got = e; });
-    EXPECT_EQ(got.code(), 3001);
+    EXPECT_EQ(got.code(), Errors::kNotFerritResource);
     EXPECT_EQ(reads_, 0);
 }
 

@@ -9,6 +9,8 @@
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 class ReaderTest : public AccessFixture {
@@ -160,14 +162,14 @@ TEST_F(ReaderTest, LoadSendsAppVisitFirstRcfThenRc) {
 TEST_F(ReaderTest, LoadOfUnknownPackAsksForItAndGives3101WhenStillUnknown) {
     auto [reader, error] = load("ghost");
     EXPECT_EQ(reader, nullptr);
-    EXPECT_EQ(error.code(), 3101);
+    EXPECT_EQ(error.code(), Errors::kConfigNotFound);
     EXPECT_EQ(error.message(), "ghost config not found");
     ASSERT_EQ(updates.size(), 1u);
     EXPECT_EQ(updates[0].name, "ghost");
     EXPECT_EQ(updates[0].trigger, kTriggerVisit);
     const auto entry = logs_->last("load", "Ferrit/Reader");
     EXPECT_EQ(entry.level, 1);
-    EXPECT_EQ(entry.errorCode, "3101");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kConfigNotFound));
 }
 
 TEST_F(ReaderTest, LoadPassesTheErrorOfTheUpdateOn) {
@@ -176,7 +178,7 @@ TEST_F(ReaderTest, LoadPassesTheErrorOfTheUpdateOn) {
     };
     auto [reader, error] = load("shop");
     EXPECT_EQ(reader, nullptr);
-    EXPECT_EQ(error.code(), 2001);
+    EXPECT_EQ(error.code(), Errors::kNetworkNotSupported);
 }
 
 TEST_F(ReaderTest, LoadRetriesTheMatchOnceTheUpdateHasInstalledThePack) {
@@ -242,11 +244,11 @@ TEST_F(ReaderTest, ReadOfUnknownPathGives3002AndLogsRead) {
     ASSERT_NE(reader, nullptr);
     Error readError;
     EXPECT_EQ(reader->read("none.js", nullptr, readError), "");
-    EXPECT_EQ(readError.code(), 3002);
+    EXPECT_EQ(readError.code(), Errors::kNotFerritPackResource);
     EXPECT_EQ(readError.message(), "Not Ferrit A:shop@3 resource");
     const auto entry = logs_->last("read", "Ferrit/Reader");
     EXPECT_EQ(entry.field("path").stringValue(), "none.js");
-    EXPECT_EQ(entry.errorCode, "3002");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kNotFerritPackResource));
 }
 
 TEST_F(ReaderTest, ExistsAnswersForIndexedFilesThatAreThere) {
@@ -260,7 +262,29 @@ TEST_F(ReaderTest, ExistsAnswersForIndexedFilesThatAreThere) {
     EXPECT_FALSE(reader->exists("//shop.com/a.js"));
     const auto entry = logs_->last("exists", "Ferrit/Reader");
     EXPECT_EQ(entry.field("path").stringValue(), "//shop.com/a.js");
-    EXPECT_EQ(entry.errorCode, "3109");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kPackFileNotFound));
+}
+
+// Each read and each question through a reader is a visit of its own, reported once.
+TEST_F(ReaderTest, ReadAndExistsEachSendOneAppVisit) {
+    installShop();
+    auto [reader, error] = load("shop");
+    ASSERT_NE(reader, nullptr);
+    const size_t loaded = proxy_->named("Ferrit.AppVisit").size();
+    Error readError;
+    EXPECT_EQ(reader->read("//shop.com/a.js", nullptr, readError), "shop-a");
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), loaded + 1);
+    // A path that the pack does not know is a visit too, with its error.
+    EXPECT_EQ(reader->read("none.js", nullptr, readError), "");
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), loaded + 2);
+    EXPECT_TRUE(reader->exists("css/b.css"));
+    const auto visits = proxy_->named("Ferrit.AppVisit");
+    ASSERT_EQ(visits.size(), loaded + 3);
+    EXPECT_EQ(visits[loaded + 1].dimensions.at("errorCode"),
+              std::to_string(Errors::kNotFerritPackResource));
+    // The load was the pack's first visit; these are not.
+    for (size_t i = loaded; i < visits.size(); ++i)
+        EXPECT_EQ(visits[i].dimensions.at("visitType"), "N") << i;
 }
 
 TEST_F(ReaderTest, ReadOfFileGoneFromDiskGives3109AndAsksForReinstall) {
@@ -270,7 +294,7 @@ TEST_F(ReaderTest, ReadOfFileGoneFromDiskGives3109AndAsksForReinstall) {
     std::filesystem::remove(temp_.path() / "apps/shop/3/res/css/b.css");
     Error readError;
     EXPECT_EQ(reader->read("css/b.css", nullptr, readError), "");
-    EXPECT_EQ(readError.code(), 3109);
+    EXPECT_EQ(readError.code(), Errors::kPackFileNotFound);
     TaskRunner::runDue();
     EXPECT_EQ(SCache::current()->find("shop")->status, kPackStatusNeedReinstall);
 }
@@ -282,7 +306,7 @@ TEST_F(ReaderTest, ReaderOfFixedUrlPackWithoutListFindsNoPath) {
     ASSERT_NE(reader, nullptr) << error.message();
     Error readError;
     EXPECT_EQ(reader->read("index.html", nullptr, readError), "");
-    EXPECT_EQ(readError.code(), 3002);
+    EXPECT_EQ(readError.code(), Errors::kNotFerritPackResource);
 }
 
 }  // namespace

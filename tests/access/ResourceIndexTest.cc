@@ -8,6 +8,8 @@
 #include "tests/access/AccessFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using MarlLogger::json::JSON;
@@ -30,7 +32,7 @@ TEST_F(ResourceIndexTest, FileWithoutDoubleBarGives1107TokenNotFound) {
     Error error;
     EXPECT_FALSE(
         ResourceIndex::parseSigned(Folder::disk("x/app-res.hvc"), "{\"a\":{}}|sig", table, error));
-    EXPECT_EQ(error.code(), 1107);
+    EXPECT_EQ(error.code(), Errors::kFileDeserialization);
     EXPECT_EQ(error.message(), "file \"x/app-res.hvc\" deserialization failed: Token || not found");
     EXPECT_TRUE(table.isNull());
 }
@@ -40,7 +42,7 @@ TEST_F(ResourceIndexTest, FileWithDoubleBarButNoLaterBarGives1107) {
     Error error;
     EXPECT_FALSE(ResourceIndex::parseSigned(Folder::disk("x/app-res.hvc"), "{}||token-and-no-bar",
                                             table, error));
-    EXPECT_EQ(error.code(), 1107);
+    EXPECT_EQ(error.code(), Errors::kFileDeserialization);
     EXPECT_EQ(error.message(), "file \"x/app-res.hvc\" deserialization failed: Token | not found");
 }
 
@@ -66,7 +68,7 @@ TEST_F(ResourceIndexTest, RefusedSignatureGives1106WithTheMd5) {
         folder(),
         body + "||t|" + FakeProxy::base64(FakeProxy::signatureOf(Digest::md5Hex("other"))), table,
         error));
-    EXPECT_EQ(error.code(), 1106);
+    EXPECT_EQ(error.code(), Errors::kFileVerify);
     EXPECT_EQ(error.message(),
               "file \"apps/p/1/\" verify failed: MD5 is \"" + Digest::md5Hex(body) + "\"");
 }
@@ -75,7 +77,7 @@ TEST_F(ResourceIndexTest, SignatureThatIsNotBase64IsRefused) {
     JSON table;
     Error error;
     EXPECT_FALSE(ResourceIndex::parseSigned(folder(), "{}||t|***not base64***", table, error));
-    EXPECT_EQ(error.code(), 1106);
+    EXPECT_EQ(error.code(), Errors::kFileVerify);
 }
 
 TEST_F(ResourceIndexTest, SignedBodyThatIsNotJsonGives1107) {
@@ -83,12 +85,12 @@ TEST_F(ResourceIndexTest, SignedBodyThatIsNotJsonGives1107) {
     Error error;
     EXPECT_FALSE(
         ResourceIndex::parseSigned(folder(), signedIndex(std::string("{\"a\":")), table, error));
-    EXPECT_EQ(error.code(), 1107);
+    EXPECT_EQ(error.code(), Errors::kFileDeserialization);
     EXPECT_EQ(error.message(),
               "file \"apps/p/1/\" deserialization failed: Invalid value. at offset 5");
     EXPECT_FALSE(
         ResourceIndex::parseSigned(folder(), signedIndex(std::string("[1,2]")), table, error));
-    EXPECT_EQ(error.code(), 1107);
+    EXPECT_EQ(error.code(), Errors::kFileDeserialization);
     EXPECT_TRUE(table.isNull());
 }
 
@@ -96,11 +98,11 @@ TEST_F(ResourceIndexTest, NoProxyMakesEveryIndexFailWith1106) {
     writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/a.js", ""}})));
     Environment::instance().setProxy(nullptr);
     ResourceIndex index("p", folder());
-    EXPECT_EQ(index.error().code(), 1106);
+    EXPECT_EQ(index.error().code(), Errors::kFileVerify);
     EXPECT_EQ(index.size(), 0u);
     ResourceIndex zipped(
         "p", [](const std::string&, Error&) { return signedIndex(std::string("{}")); }, false);
-    EXPECT_EQ(zipped.error().code(), 1106);
+    EXPECT_EQ(zipped.error().code(), Errors::kFileVerify);
 }
 
 // --- Loading from a folder --------------------------------------------------------------------
@@ -150,7 +152,7 @@ TEST_F(ResourceIndexTest, RecordHeadersAreKept) {
 
 TEST_F(ResourceIndexTest, MissingIncrementIsNoFailureButMissingFullListIs1101) {
     ResourceIndex none("p", folder());
-    EXPECT_EQ(none.error().code(), 1101);
+    EXPECT_EQ(none.error().code(), Errors::kFileNotExists);
     EXPECT_EQ(none.error().message(), "file \"apps/p/1/app-res.hvc\" not exists");
     writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/a.js", ""}})));
     ResourceIndex full("p", folder());
@@ -161,7 +163,7 @@ TEST_F(ResourceIndexTest, ZeroByteIncrementIsIgnoredAndZeroByteFullListGives1103
     writeFile("apps/p/1/app-res-incr.hvc", "");
     writeFile("apps/p/1/app-res.hvc", "");
     ResourceIndex index("p", folder());
-    EXPECT_EQ(index.error().code(), 1103);
+    EXPECT_EQ(index.error().code(), Errors::kNoData);
     EXPECT_EQ(index.error().message(), "file \"apps/p/1/app-res.hvc\" no data");
     writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/a.js", ""}})));
     EXPECT_FALSE(ResourceIndex("p", folder()).error());
@@ -199,7 +201,7 @@ TEST_F(ResourceIndexTest, FullListRecordWithoutMd5FailsTheWholeIndex) {
     t.set("res/b.js", JSON(MarlLogger::json::JSONObject{{"url", "https://h.com/b.js"}}));
     writeFile("apps/p/1/app-res.hvc", signedIndex(t));
     ResourceIndex index("p", folder());
-    EXPECT_EQ(index.error().code(), 1107);
+    EXPECT_EQ(index.error().code(), Errors::kFileDeserialization);
     EXPECT_EQ(
         index.error().message(),
         "file \"apps/p/1/app-res.hvc\" deserialization failed: MD5 for \"res/b.js\" not found");
@@ -211,7 +213,7 @@ TEST_F(ResourceIndexTest, IncrementThatDoesNotVerifyFailsTheIndex) {
     writeFile("apps/p/1/app-res-incr.hvc", "{}||t|" + FakeProxy::base64("forged"));
     writeFile("apps/p/1/app-res.hvc", signedIndex(table({{"res/a.js", ""}})));
     ResourceIndex index("p", folder());
-    EXPECT_EQ(index.error().code(), 1106);
+    EXPECT_EQ(index.error().code(), Errors::kFileVerify);
     EXPECT_EQ(index.error().message().find("apps/p/1/app-res-incr.hvc"), 6u);
 }
 
@@ -219,11 +221,11 @@ TEST_F(ResourceIndexTest, TruncatedIndexFilesGiveTheirDocumentedErrors) {
     const std::string whole = signedIndex(table({{"res/a.js", "https://h.com/a.js"}}));
     // Cut inside the signature: the bytes no longer sign the body.
     writeFile("apps/p/1/app-res.hvc", whole.substr(0, whole.size() - 6));
-    EXPECT_EQ(ResourceIndex("p", folder()).error().code(), 1106);
+    EXPECT_EQ(ResourceIndex("p", folder()).error().code(), Errors::kFileVerify);
     // Cut inside the body: no separator is left.
     writeFile("apps/p/1/app-res.hvc", whole.substr(0, whole.find("||") - 3));
     const ResourceIndex cut("p", folder());
-    EXPECT_EQ(cut.error().code(), 1107);
+    EXPECT_EQ(cut.error().code(), Errors::kFileDeserialization);
     EXPECT_NE(cut.error().message().find("Token || not found"), std::string::npos);
     // Cut right after the separator: no "|" after the token.
     writeFile("apps/p/1/app-res.hvc", whole.substr(0, whole.find("||") + 4));
@@ -238,7 +240,7 @@ TEST_F(ResourceIndexTest, PathsThatLeaveThePackFailTheIndex) {
         writeFile("apps/p/1/app-res.hvc",
                   signedIndex(table({{"res/ok.js", ""}, {path, "https://h.com/x.js"}})));
         const ResourceIndex index("p", folder());
-        EXPECT_EQ(index.error().code(), 1107);
+        EXPECT_EQ(index.error().code(), Errors::kFileDeserialization);
         EXPECT_NE(index.error().message().find("leaves the pack"), std::string::npos)
             << index.error().message();
         EXPECT_EQ(index.size(), 0u);
@@ -302,7 +304,7 @@ TEST_F(ResourceIndexTest, ZipIndexReadsTheEntryAndNamesTheZipInMessages) {
             return std::string();
         },
         false);
-    EXPECT_EQ(failing.error().code(), 2207);
+    EXPECT_EQ(failing.error().code(), Errors::kUnzipFailed);
 }
 
 TEST_F(ResourceIndexTest, EmbeddedTableIsNamedAfterTheOlderLayout) {
@@ -312,7 +314,7 @@ TEST_F(ResourceIndexTest, EmbeddedTableIsNamedAfterTheOlderLayout) {
     EXPECT_EQ(index.error().message(),
               "file \"SCacheConfig/sc/app-res.hvc\" deserialization failed: MD5 for \"res/a.js\" "
               "not found");
-    EXPECT_EQ(ResourceIndex("sc", JSON(3)).error().code(), 1107);
+    EXPECT_EQ(ResourceIndex("sc", JSON(3)).error().code(), Errors::kFileDeserialization);
 }
 
 TEST_F(ResourceIndexTest, FailedIndexCarriesItsError) {
@@ -337,14 +339,14 @@ TEST_F(ResourceIndexTest, VerifyFilesComparesEachFileWithItsRecord) {
 
     writeFile("apps/p/1/res/b.css", "tampered");
     EXPECT_FALSE(index.verifyFiles(folder(), error));
-    EXPECT_EQ(error.code(), 1106);
+    EXPECT_EQ(error.code(), Errors::kFileVerify);
     EXPECT_EQ(error.message(), "file \"apps/p/1/res/b.css\" verify failed: MD5 \"" +
                                    Digest::md5Hex("tampered") + "\" different with expectation \"" +
                                    Digest::md5Hex("beta") + "\"");
 
     std::filesystem::remove(temp_.path() / "apps/p/1/res/b.css");
     EXPECT_FALSE(index.verifyFiles(folder(), error));
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
 }
 
 // --- The pool ---------------------------------------------------------------------------------
@@ -371,7 +373,7 @@ TEST_F(ResourceIndexTest, PoolStoresAFailedLoad) {
     install({pack("app", kPackTypeFerrit, 3, 3)});
     const PackPtr p = SCache::current()->find("app");
     ResourceIndexPtr failed = ResourceIndexPool::get(*p);
-    EXPECT_EQ(failed->error().code(), 1101);
+    EXPECT_EQ(failed->error().code(), Errors::kFileNotExists);
     // Written later, the list is not seen until the pack is removed from the pool.
     serveIndexes({{"app", table({{"res/a.js", ""}})}});
     EXPECT_EQ(ResourceIndexPool::get(*p), failed);
@@ -383,7 +385,7 @@ TEST_F(ResourceIndexTest, PoolTakesAssetPacksFromEmbeddedAndGives3112WithoutStor
     install({pack("sc", kPackTypeSCache, 1, 1)});
     const PackPtr p = SCache::current()->find("sc");
     ResourceIndexPtr missing = ResourceIndexPool::get(*p);
-    EXPECT_EQ(missing->error().code(), 3112);
+    EXPECT_EQ(missing->error().code(), Errors::kResourceListNotFound);
     EXPECT_EQ(missing->error().message(), "sc resource list not found");
     auto embedded = std::make_shared<const ResourceIndex>("sc", table({{"res/a.js", ""}}));
     ResourceIndexPool::set("sc", embedded);
@@ -397,7 +399,8 @@ TEST_F(ResourceIndexTest, PoolSetIgnoresEmptyNameAndNullIndex) {
     install({pack("sc", kPackTypeSCache, 1, 1)});
     ResourceIndexPool::set("", std::make_shared<const ResourceIndex>("", table({})));
     ResourceIndexPool::set("sc", nullptr);
-    EXPECT_EQ(ResourceIndexPool::get(*SCache::current()->find("sc"))->error().code(), 3112);
+    EXPECT_EQ(ResourceIndexPool::get(*SCache::current()->find("sc"))->error().code(),
+              Errors::kResourceListNotFound);
 }
 
 TEST_F(ResourceIndexTest, PoolLoadsPinnedAndPreviewAssetPacksFromTheirFolders) {
@@ -420,7 +423,8 @@ TEST_F(ResourceIndexTest, PoolLoaderReplacesFolderReading) {
     EXPECT_EQ(ResourceIndexPool::get(*SCache::current()->find("app")), built);
     ResourceIndexPool::clear();
     ResourceIndexPool::setLoader([](const Pack&) { return ResourceIndexPtr(); });
-    EXPECT_EQ(ResourceIndexPool::get(*SCache::current()->find("app"))->error().code(), 3112);
+    EXPECT_EQ(ResourceIndexPool::get(*SCache::current()->find("app"))->error().code(),
+              Errors::kResourceListNotFound);
 }
 
 }  // namespace

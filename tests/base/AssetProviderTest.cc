@@ -1,4 +1,5 @@
 #include "base/AssetProvider.h"
+#include "base/Errors.h"
 
 #include <gtest/gtest.h>
 
@@ -91,11 +92,11 @@ TEST_F(AssetProviderTest, ReadOfMissingAssetIs1101) {
     RawFileProvider provider(rawFolder());
     Error error;
     EXPECT_EQ(provider.readAsset("none.js", error), "");
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(error.message(), "Resource not exists");
     writeRaw("d/x", "x");
     provider.readAsset("d", error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
 }
 
 TEST_F(AssetProviderTest, PathsWithDotDotNeverLeaveTheRawFileFolder) {
@@ -105,7 +106,7 @@ TEST_F(AssetProviderTest, PathsWithDotDotNeverLeaveTheRawFileFolder) {
     RawFileProvider provider(rawFolder());
     Error error;
     EXPECT_EQ(provider.readAsset("../secret.txt", error), "");
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(provider.readAsset("a/../../secret.txt", error), "");
     EXPECT_FALSE(provider.hasAsset("../secret.txt"));
     EXPECT_FALSE(provider.hasAsset("..\\secret.txt"));
@@ -127,7 +128,7 @@ TEST_F(AssetProviderTest, EmptyFolderServesNothing) {
     EXPECT_FALSE(provider.hasAsset("a"));
     EXPECT_TRUE(provider.listAsset("").empty());
     provider.readAsset("a", error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
 }
 
 TEST_F(AssetProviderTest, LoadModuleGoesThroughTheProxy) {
@@ -147,7 +148,7 @@ TEST_F(AssetProviderTest, LoadModuleWithoutProxyGives9991) {
     RawFileProvider provider(rawFolder());
     Error error;
     provider.loadModule("m", [&](const Error& e) { error = e; });
-    EXPECT_EQ(error.code(), 9991);
+    EXPECT_EQ(error.code(), Errors::kProxyNotInitialized);
     EXPECT_EQ(error.message(), "Ferrit proxy not initialized");
 }
 
@@ -159,7 +160,7 @@ TEST_F(AssetProviderTest, WithoutProviderAnswersFalseEmptyZeroAnd9991) {
     EXPECT_TRUE(Assets::listAsset("").empty());
     EXPECT_EQ(Assets::assetSize("a"), 0u);
     EXPECT_EQ(Assets::readAsset("a", error), "");
-    EXPECT_EQ(error.code(), 9991);
+    EXPECT_EQ(error.code(), Errors::kProxyNotInitialized);
     Error loadError;
     int calls = 0;
     Assets::loadModule("m", [&](const Error& e) {
@@ -167,7 +168,7 @@ TEST_F(AssetProviderTest, WithoutProviderAnswersFalseEmptyZeroAnd9991) {
         loadError = e;
     });
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(loadError.code(), 9991);
+    EXPECT_EQ(loadError.code(), Errors::kProxyNotInitialized);
 }
 
 TEST_F(AssetProviderTest, ProcessWideProviderServesThroughFreeFunctions) {
@@ -188,10 +189,10 @@ TEST_F(AssetProviderTest, ProxyCallsWithoutProxyAnswerFalseEmptyZeroAnd9991) {
     EXPECT_TRUE(ProxyCalls::assetList("a/").empty());
     EXPECT_EQ(ProxyCalls::assetSize("a"), 0u);
     EXPECT_EQ(ProxyCalls::assetRead("a", error), "");
-    EXPECT_EQ(error.code(), 9991);
+    EXPECT_EQ(error.code(), Errors::kProxyNotInitialized);
     Error loadError;
     ProxyCalls::loadOnDemand("m", [&](const Error& e) { loadError = e; });
-    EXPECT_EQ(loadError.code(), 9991);
+    EXPECT_EQ(loadError.code(), Errors::kProxyNotInitialized);
     // An empty completion is allowed.
     ProxyCalls::loadOnDemand("m", nullptr);
 }
@@ -203,7 +204,7 @@ TEST_F(AssetProviderTest, ProxyDefaultsAnswerAsAHostWithoutAssets) {
     EXPECT_TRUE(ProxyCalls::assetList("a/").empty());
     EXPECT_EQ(ProxyCalls::assetSize("a"), 0u);
     ProxyCalls::assetRead("a", error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     Error loadError(1, "unset");
     ProxyCalls::loadOnDemand("m", [&](const Error& e) { loadError = e; });
     EXPECT_FALSE(loadError);
@@ -221,7 +222,7 @@ TEST_F(AssetProviderTest, ProxyAssetProviderForwardsToTheProxy) {
     EXPECT_EQ(Assets::readAsset("a.js", error), "content");
     EXPECT_FALSE(error);
     Assets::readAsset("b.js", error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     Assets::loadModule("m", [](const Error&) {});
     EXPECT_EQ(proxy->loads, std::vector<std::string>{"m"});
 }

@@ -150,18 +150,120 @@ std::vector<CatalogueCase> catalogue() {
          "Initialize storage \"/r/cache/\" failed: 14"},
         {"initStoreFailed", initStoreFailed("/r/packs/", 14), 9997,
          "Initialize store \"/r/packs/\" failed: 14"},
+        {"startUpdateNotCalled", startUpdateNotCalled(), 9998, "startUpdate not called"},
     };
 }
 
 TEST(ErrorsTest, EveryCatalogueFunctionGivesItsCodeAndExactMessage) {
     const std::vector<CatalogueCase> cases = catalogue();
     // One entry per function and overload of the catalogue.
-    EXPECT_EQ(cases.size(), 79u);
+    EXPECT_EQ(cases.size(), 80u);
     for (const CatalogueCase& c : cases) {
         SCOPED_TRACE(c.function);
         EXPECT_EQ(c.error.code(), c.code);
         EXPECT_EQ(c.error.message(), c.message);
         EXPECT_TRUE(static_cast<bool>(c.error));
+    }
+}
+
+struct NamedCode {
+    const char* name;
+    Errors::Code code;
+    int32_t number;
+    bool (*predicate)(const Error&);
+};
+
+// The catalogue's table: each name with the number that hosts see and its predicate. The numbers
+// are written out here on purpose, so that renumbering a name fails this test.
+std::vector<NamedCode> namedCodes() {
+    using namespace Errors;
+    return {
+        {"kRequestInvalidUrl", kRequestInvalidUrl, 1001, isRequestInvalidUrl},
+        {"kNoServerAddress", kNoServerAddress, 1002, isNoServerAddress},
+        {"kRequestFailed", kRequestFailed, 1003, isRequestFailed},
+        {"kRequestInvalidStatus", kRequestInvalidStatus, 1004, isRequestInvalidStatus},
+        {"kRequestNoData", kRequestNoData, 1006, isRequestNoData},
+        {"kRequestDeserialization", kRequestDeserialization, 1007, isRequestDeserialization},
+        {"kRequestVerify", kRequestVerify, 1010, isRequestVerify},
+        {"kFileNotExists", kFileNotExists, 1101, isFileMissing},
+        {"kFileRead", kFileRead, 1102, isFileRead},
+        {"kNoData", kNoData, 1103, isNoData},
+        {"kFileWrite", kFileWrite, 1104, isFileWrite},
+        {"kAssetReadonly", kAssetReadonly, 1105, isAssetReadonly},
+        {"kFileVerify", kFileVerify, 1106, isFileVerify},
+        {"kFileDeserialization", kFileDeserialization, 1107, isFileDeserialization},
+        {"kReadAsyncOnly", kReadAsyncOnly, 1108, isReadAsyncOnly},
+        {"kStorageDelete", kStorageDelete, 1109, isStorageDelete},
+        {"kPackNameMismatch", kPackNameMismatch, 1201, isPackNameMismatch},
+        {"kServerError", kServerError, 1202, isServerError},
+        {"kNetworkNotSupported", kNetworkNotSupported, 2001, isNetworkNotSupported},
+        {"kPackUpdateDisabled", kPackUpdateDisabled, 2002, isPackUpdateDisabled},
+        {"kUpdateDisabled", kUpdateDisabled, 2003, isUpdateDisabled},
+        {"kSubProcessDisabled", kSubProcessDisabled, 2004, isSubProcessDisabled},
+        {"kUpdateEliminated", kUpdateEliminated, 2101, isUpdateEliminated},
+        {"kPackDeleted", kPackDeleted, 2102, isPackDeleted},
+        {"kTooManyApps", kTooManyApps, 2103, isTooManyApps},
+        {"kUnzipFailed", kUnzipFailed, 2207, isUnzipFailed},
+        {"kUnzipTempPath", kUnzipTempPath, 2208, isUnzipTempPath},
+        {"kDecryptFailed", kDecryptFailed, 2301, isDecryptFailed},
+        {"kPreloadNotFound", kPreloadNotFound, 2406, isPreloadNotFound},
+        {"kCopyFailed", kCopyFailed, 2504, isCopyFailed},
+        {"kNotFerritResource", kNotFerritResource, 3001, isNotFerritResource},
+        {"kNotFerritPackResource", kNotFerritPackResource, 3002, isNotFerritPackResource},
+        {"kDisabled", kDisabled, 3003, isDisabled},
+        {"kConfigNotFound", kConfigNotFound, 3101, isConfigNotFound},
+        {"kNotInstalled", kNotInstalled, 3104, isNotInstalled},
+        {"kEliminated", kEliminated, 3105, isEliminated},
+        {"kSeqTooLow", kSeqTooLow, 3108, isSeqTooLow},
+        {"kPackFileNotFound", kPackFileNotFound, 3109, isPackFileNotFound},
+        {"kPackOutOfDate", kPackOutOfDate, 3110, isPackOutOfDate},
+        {"kFilesNotFound", kFilesNotFound, 3111, isFilesNotFound},
+        {"kResourceListNotFound", kResourceListNotFound, 3112, isResourceListNotFound},
+        {"kBackupNotFound", kBackupNotFound, 3113, isBackupNotFound},
+        {"kOutOfMemory", kOutOfMemory, 3114, isOutOfMemory},
+        {"kResourceExpired", kResourceExpired, 3115, isOutOfDate},
+        {"kNotAcceptable", kNotAcceptable, 3116, isNotAcceptable},
+        {"kNotFerrit", kNotFerrit, 3201, isNotFerrit},
+        {"kInvalidType", kInvalidType, 3202, isInvalidType},
+        {"kProxyNotInitialized", kProxyNotInitialized, 9991, isProxyNotInitialized},
+        {"kCreateFolderFailed", kCreateFolderFailed, 9992, isCreateFolderFailed},
+        {"kHostFailed", kHostFailed, 9995, isHostFailed},
+        {"kDevToolNotAvailable", kDevToolNotAvailable, 9996, isDevToolNotAvailable},
+        {"kInitStorageFailed", kInitStorageFailed, 9997, isInitStorageFailed},
+        {"kStartUpdateNotCalled", kStartUpdateNotCalled, 9998, isStartUpdateNotCalled},
+        {"kResponseIsNull", kResponseIsNull, -1, isResponseNull},
+    };
+}
+
+TEST(ErrorsTest, CodesKeepTheirNumbers) {
+    const std::vector<NamedCode> names = namedCodes();
+    EXPECT_EQ(names.size(), 54u);
+    for (const NamedCode& n : names) {
+        SCOPED_TRACE(n.name);
+        EXPECT_EQ(static_cast<int32_t>(n.code), n.number);
+    }
+}
+
+TEST(ErrorsTest, EveryCatalogueCodeHasAName) {
+    const std::vector<NamedCode> names = namedCodes();
+    for (const CatalogueCase& c : catalogue()) {
+        SCOPED_TRACE(c.function);
+        bool named = false;
+        for (const NamedCode& n : names) named = named || n.code == c.code;
+        EXPECT_TRUE(named);
+    }
+}
+
+// Each predicate holds for its own code and for no other code of the catalogue, nor for no error.
+TEST(ErrorsTest, EachPredicateHoldsForItsCodeOnly) {
+    const std::vector<NamedCode> names = namedCodes();
+    for (const NamedCode& n : names) {
+        SCOPED_TRACE(n.name);
+        EXPECT_FALSE(n.predicate(Error()));
+        for (const NamedCode& other : names) {
+            EXPECT_EQ(n.predicate(Error(other.code, std::string("x"))), other.code == n.code)
+                << "with " << other.name;
+        }
     }
 }
 

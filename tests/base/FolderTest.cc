@@ -1,3 +1,4 @@
+#include "base/Errors.h"
 #include "base/Folder.h"
 
 #include <gtest/gtest.h>
@@ -322,14 +323,14 @@ TEST_F(FolderIOTest, ReadingZeroLengthDiskFileGives1103) {
     writeDisk("empty.js", "");
     Error error;
     EXPECT_EQ(Folder::readFile(Folder::disk("empty.js"), error), "");
-    EXPECT_EQ(error.code(), 1103);
+    EXPECT_EQ(error.code(), Errors::kNoData);
     EXPECT_EQ(error.message(), "file \"empty.js\" no data");
 }
 
 TEST_F(FolderIOTest, ReadingMissingDiskFileGives1101) {
     Error error;
     Folder::readFile(Folder::disk("apps/none.js"), error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(error.message(), "file \"apps/none.js\" not exists");
 }
 
@@ -337,7 +338,7 @@ TEST_F(FolderIOTest, ReadingDiskDirectoryGives1102WithErrno) {
     writeDisk("dir/a", "a");
     Error error;
     Folder::readFile(Folder::disk("dir"), error);
-    EXPECT_EQ(error.code(), 1102);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
     EXPECT_EQ(error.message().rfind("read file \"dir\" failed: 21, ", 0), 0u) << error.message();
 }
 
@@ -355,7 +356,7 @@ TEST_F(FolderIOTest, WritingEmptyContentFailsWithNoDataInWordsAndLeavesEmptyFile
     writeDisk("w.txt", "previous");
     Error error;
     EXPECT_FALSE(Folder::writeFile(Folder::disk("w.txt"), "", error));
-    EXPECT_EQ(error.code(), 1104);
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
     EXPECT_EQ(error.message(), "file \"w.txt\" write failed: " + std::to_string(ENODATA) + ", " +
                                    std::strerror(ENODATA));
     EXPECT_TRUE(std::filesystem::exists(root_.path() / "w.txt"));
@@ -366,7 +367,7 @@ TEST_F(FolderIOTest, WriteFileCreatesNoDirectoryButEnsureParentDoes) {
     const Folder file = Folder::disk("new/deep/f.txt");
     Error error;
     EXPECT_FALSE(Folder::writeFile(file, "x", error));
-    EXPECT_EQ(error.code(), 1104);
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
     file.ensureParent();
     EXPECT_TRUE(std::filesystem::is_directory(root_.path() / "new/deep"));
     EXPECT_FALSE(std::filesystem::exists(root_.path() / "new/deep/f.txt"));
@@ -429,17 +430,17 @@ TEST_F(FolderIOTest, ListFilesIsDepthFirstAndHoldsOnlyFiles) {
 TEST_F(FolderIOTest, RemoveFileRemovesAFileOrAWholeTree) {
     writeDisk("r/f", "x");
     writeDisk("r/d/e/g", "y");
-    Folder::removeFile(Folder::disk("r/f"), false);
+    Folder::removeFile(Folder::disk("r/f"), Removal::kGone);
     EXPECT_FALSE(std::filesystem::exists(root_.path() / "r/f"));
-    Folder::removeFile(Folder::disk("r/d/"), false);
+    Folder::removeFile(Folder::disk("r/d/"), Removal::kGone);
     EXPECT_FALSE(std::filesystem::exists(root_.path() / "r/d"));
     // Nothing there: nothing happens, nothing is reported.
-    Folder::removeFile(Folder::disk("r/none"), false);
+    Folder::removeFile(Folder::disk("r/none"), Removal::kGone);
 }
 
 TEST_F(FolderIOTest, RemoveFileWithRecreateBringsDirectoryBackEmpty) {
     writeDisk("temp/p/z.zip", "zip");
-    Folder::removeFile(Folder::disk("temp/p/"), true);
+    Folder::removeFile(Folder::disk("temp/p/"), Removal::kRecreate);
     EXPECT_TRUE(std::filesystem::is_directory(root_.path() / "temp/p"));
     EXPECT_TRUE(std::filesystem::is_empty(root_.path() / "temp/p"));
 }
@@ -456,14 +457,14 @@ TEST_F(FolderIOTest, RenameToCreatesTheTargetParentAndMoves) {
 TEST_F(FolderIOTest, RenameToFailureNamesTheTarget) {
     Error error;
     Folder::renameTo(Folder::disk("none"), Folder::disk("x/y"), error);
-    EXPECT_EQ(error.code(), 1104);
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
     EXPECT_EQ(error.message().rfind("file \"x/y\" write failed: 2, ", 0), 0u) << error.message();
 }
 
 TEST_F(FolderIOTest, RenameOfAnyOtherKindGives1104) {
     Error error;
     Folder::renameTo(Folder::disk("a"), Folder::packed("b"), error);
-    EXPECT_EQ(error.code(), 1104);
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
     EXPECT_EQ(error.message(), "rename from \"a\" to \"/Packs/b\" only support disk file");
     Folder::renameTo(Folder::asset("a"), Folder::disk("b"), error);
     EXPECT_EQ(error.message(), "rename from \"/Asset/a\" to \"b\" only support disk file");
@@ -557,7 +558,7 @@ TEST_F(FolderIOTest, InitFolderFailureIsLoggedWith9992AndPath) {
     const auto entry = logs_->last("initFolder", "Ferrit/Setup");
     ASSERT_EQ(entry.event, "initFolder");
     EXPECT_EQ(entry.level, 1);
-    EXPECT_EQ(entry.errorCode, "9992");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kCreateFolderFailed));
     EXPECT_EQ(entry.errorMessage.rfind("Create Ferrit folder failed: ", 0), 0u);
     EXPECT_EQ(entry.field("path").stringValue(), root_.root() + "blocker/apps/");
 }
@@ -601,7 +602,7 @@ TEST_F(FolderIOTest, AssetReadGivesBytesAndMissingAssetGives1101) {
     EXPECT_EQ(Folder::readFile(Folder::asset("a/b.css"), error), "b{}");
     EXPECT_FALSE(error);
     Folder::readFile(Folder::asset("a/none.css"), error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(error.message(), "file \"/Asset/a/none.css\" not exists");
 }
 
@@ -609,7 +610,7 @@ TEST_F(FolderIOTest, AssetReadFailureCarriesTheProviderCodeAndMessage) {
     AssetProvider::set(nullptr);
     Error error;
     Folder::readFile(Folder::asset("a/b.css"), error);
-    EXPECT_EQ(error.code(), 1102);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
     EXPECT_EQ(error.message(),
               "read file \"/Asset/a/b.css\" failed: 9991, Ferrit proxy not initialized");
 }
@@ -626,9 +627,9 @@ TEST_F(FolderIOTest, AssetIsReadOnlyAndIsNeverRemoved) {
     writeRaw("keep.js", "k");
     Error error;
     EXPECT_FALSE(Folder::writeFile(Folder::asset("keep.js"), "x", error));
-    EXPECT_EQ(error.code(), 1105);
+    EXPECT_EQ(error.code(), Errors::kAssetReadonly);
     EXPECT_EQ(error.message(), "file \"/Asset/keep.js\" write failed: asset is readonly");
-    Folder::removeFile(Folder::asset("keep.js"), true);
+    Folder::removeFile(Folder::asset("keep.js"), Removal::kRecreate);
     EXPECT_TRUE(Folder::asset("keep.js").exists());
 }
 
@@ -660,7 +661,7 @@ TEST_F(FolderIOTest, OnDemandExistsAndDiskSizeAnswerFalseAndZeroEvenWhenLoaded) 
 TEST_F(FolderIOTest, OnDemandSyncReadGives1108) {
     Error error;
     Folder::readFile(Folder::onDemand("Ferrit_Asset_od", "Ferrit_Asset_od/1/res/a.js"), error);
-    EXPECT_EQ(error.code(), 1108);
+    EXPECT_EQ(error.code(), Errors::kReadAsyncOnly);
     EXPECT_EQ(error.message(),
               "file \"/OnDemand(Ferrit_Asset_od)/Ferrit_Asset_od/1/res/a.js\" can only read "
               "asynchronous");
@@ -691,7 +692,7 @@ TEST_F(FolderIOTest, OnDemandAsyncReadLoadsTheModuleThenReadsItsAssetAndReports)
 
 TEST_F(FolderIOTest, OnDemandAsyncReadWithFailedLoadReportsTheLoadError) {
     auto proxy = installProxy();
-    proxy->loadError = Error(1003, std::string("module download failed"));
+    proxy->loadError = Error(Errors::kRequestFailed, std::string("module download failed"));
     writeRaw("Ferrit_Asset_od/1/res/a.js", "never read");
     std::string got = "unset";
     Error error;
@@ -701,9 +702,9 @@ TEST_F(FolderIOTest, OnDemandAsyncReadWithFailedLoadReportsTheLoadError) {
                               error = std::move(e);
                           });
     EXPECT_EQ(got, "");
-    EXPECT_EQ(error.code(), 1003);
+    EXPECT_EQ(error.code(), Errors::kRequestFailed);
     ASSERT_EQ(proxy->records.size(), 1u);
-    EXPECT_EQ(proxy->records[0].dimensions.at("errorCode"), "1003");
+    EXPECT_EQ(proxy->records[0].dimensions.at("errorCode"), std::to_string(Errors::kRequestFailed));
     EXPECT_EQ(proxy->records[0].dimensions.at("errorMsg"), "module download failed");
 }
 
@@ -711,7 +712,7 @@ TEST_F(FolderIOTest, OnDemandAsyncReadWithoutProxyGives9991) {
     Error error;
     Folder::readFileAsync(Folder::onDemand("m", "m/a.js"),
                           [&](std::string, Error e) { error = std::move(e); });
-    EXPECT_EQ(error.code(), 9991);
+    EXPECT_EQ(error.code(), Errors::kProxyNotInitialized);
 }
 
 TEST_F(FolderIOTest, ReadFileAsyncWithoutCallbackDoesNothing) {
@@ -735,7 +736,7 @@ TEST_F(FolderIOTest, OnDemandIsNeverEmptyNorListedSynchronously) {
     EXPECT_TRUE(folder.listFiles().empty());
     Error error;
     EXPECT_FALSE(Folder::writeFile(Folder::onDemand("m", "m/1/a"), "x", error));
-    EXPECT_EQ(error.code(), 1105);
+    EXPECT_EQ(error.code(), Errors::kAssetReadonly);
 }
 
 TEST_F(FolderIOTest, ListFilesAsyncOfOnDemandListsAfterTheModuleLoads) {
@@ -778,11 +779,11 @@ TEST_F(FolderIOTest, PackedWriteAndReadRoundTrip) {
 TEST_F(FolderIOTest, PackedReadErrorsAreTheStoresAndEmptyValueGives1103) {
     Error error;
     Folder::readFile(Folder::packed("p/none"), error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(error.message(), "Storage \"packs/p/none\" not exists");
     putPacked("p/empty", "");
     Folder::readFile(Folder::packed("p/empty"), error);
-    EXPECT_EQ(error.code(), 1103);
+    EXPECT_EQ(error.code(), Errors::kNoData);
     EXPECT_EQ(error.message(), "file \"/Packs/p/empty\" no data");
 }
 
@@ -790,7 +791,7 @@ TEST_F(FolderIOTest, PackedWriteFailureIsTheStores) {
     store_->failWrites = true;
     Error error;
     EXPECT_FALSE(Folder::writeFile(Folder::packed("p/a"), "x", error));
-    EXPECT_EQ(error.code(), 1104);
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
 }
 
 TEST_F(FolderIOTest, RemoveFileOnPackedRemovesByKeyRange) {
@@ -798,7 +799,7 @@ TEST_F(FolderIOTest, RemoveFileOnPackedRemovesByKeyRange) {
     putPacked("a/bc", "2");
     putPacked("a/b/d", "3");
     putPacked("a/c", "4");
-    Folder::removeFile(Folder::packed("a/b"), false);
+    Folder::removeFile(Folder::packed("a/b"), Removal::kGone);
     EXPECT_FALSE(Folder::packed("a/b").exists());
     EXPECT_FALSE(Folder::packed("a/bc").exists());
     EXPECT_FALSE(Folder::packed("a/b/d").exists());
@@ -808,7 +809,7 @@ TEST_F(FolderIOTest, RemoveFileOnPackedRemovesByKeyRange) {
 TEST_F(FolderIOTest, RemoveFileOnPackedTopRemovesEverything) {
     putPacked("a", "1");
     putPacked("z/y", "2");
-    Folder::removeFile(Folder::packed(""), false);
+    Folder::removeFile(Folder::packed(""), Removal::kGone);
     EXPECT_EQ(store_->size(), 0u);
 }
 
@@ -828,9 +829,9 @@ TEST_F(FolderIOTest, PackedWithoutStoreFailsWith9997) {
     PackedFiles::set(nullptr);
     Error error;
     Folder::readFile(Folder::packed("p/a"), error);
-    EXPECT_EQ(error.code(), 9997);
+    EXPECT_EQ(error.code(), Errors::kInitStorageFailed);
     EXPECT_FALSE(Folder::writeFile(Folder::packed("p/a"), "x", error));
-    EXPECT_EQ(error.code(), 9997);
+    EXPECT_EQ(error.code(), Errors::kInitStorageFailed);
     EXPECT_FALSE(Folder::packed("p/a").exists());
     EXPECT_EQ(Folder::packed("p/a").diskSize(), 0u);
 }

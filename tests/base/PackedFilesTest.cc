@@ -1,5 +1,6 @@
 // What every store of packed files gets for free: a batch written pair by pair and a copy of one
 // version's files to another through get, contains and put.
+#include "base/Errors.h"
 #include "base/PackedFiles.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +32,7 @@ TEST_F(PackedFilesTest, PutAllStopsAtTheFirstFailure) {
     files_.failWrites = true;
     Error error;
     EXPECT_FALSE(files_.putAll({{"a/1/x", "one"}}, error));
-    EXPECT_EQ(error.code(), 1104);
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
 }
 
 TEST_F(PackedFilesTest, CopyPrefixSkipsWhatIsThereAndWhatIsExcluded) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/Telemetry.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -41,20 +42,20 @@ TEST_F(TelemetryTest, StageTwiceStoresLaterDifferenceAndStagesSumToLifetime) {
 }
 
 TEST_F(TelemetryTest, TriggerNames) {
-    EXPECT_STREQ(triggerName(1), "Startup");
-    EXPECT_STREQ(triggerName(2), "Unknown");
-    EXPECT_STREQ(triggerName(3), "Active");
-    EXPECT_STREQ(triggerName(4), "Timer");
-    EXPECT_STREQ(triggerName(5), "Push");
-    EXPECT_STREQ(triggerName(6), "Visit");
-    EXPECT_STREQ(triggerName(7), "VisitUpdate");
-    EXPECT_STREQ(triggerName(8), "Prefetch");
-    EXPECT_STREQ(triggerName(9), "Preview");
-    EXPECT_STREQ(triggerName(10), "DebugTool");
-    EXPECT_STREQ(triggerName(11), "ChangeEnv");
-    EXPECT_STREQ(triggerName(0), "Unknown");
-    EXPECT_STREQ(triggerName(12), "Unknown");
-    EXPECT_STREQ(triggerName(-1), "Unknown");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(1)), "Startup");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(2)), "Unknown");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(3)), "Active");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(4)), "Timer");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(5)), "Push");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(6)), "Visit");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(7)), "VisitUpdate");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(8)), "Prefetch");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(9)), "Preview");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(10)), "DebugTool");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(11)), "ChangeEnv");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(0)), "Unknown");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(12)), "Unknown");
+    EXPECT_STREQ(triggerName(static_cast<UpdateTrigger>(-1)), "Unknown");
 }
 
 TEST_F(TelemetryTest, LogRecordLeavesSessionIdOutAndErrorAsEntryError) {
@@ -63,7 +64,7 @@ TEST_F(TelemetryTest, LogRecordLeavesSessionIdOutAndErrorAsEntryError) {
     PerfRecord record("Ferrit.AppVisit");
     record.setDimension("appName", "app");
     record.setMeasure("time", 12.5);
-    record.setError(Error(3104, "app not installed"));
+    record.setError(Error(Errors::kNotInstalled, "app not installed"));
     {
         MarlLogger::LogBuilder builder(MarlLogger::MRLLevelInfo, "Ferrit/Access");
         builder.event("visit");
@@ -72,7 +73,7 @@ TEST_F(TelemetryTest, LogRecordLeavesSessionIdOutAndErrorAsEntryError) {
     auto entry = capture->last("visit");
     EXPECT_FALSE(entry.has("sessionID"));
     EXPECT_FALSE(entry.has("errorCode"));
-    EXPECT_EQ(entry.errorCode, "3104");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kNotInstalled));
     EXPECT_EQ(entry.errorMessage, "app not installed");
     EXPECT_EQ(entry.field("appName").stringValue(), "app");
     EXPECT_DOUBLE_EQ(entry.field("time").doubleValue(), 12.5);

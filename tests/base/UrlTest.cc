@@ -120,5 +120,11 @@ TEST(UrlTest, HostileInputsGiveResultsWithoutCrashing) {
     EXPECT_EQ(terminator(questions + "?"), questions.size());
 }
 
+TEST(UrlTest, EscapeKeepsUnreservedAndEncodesTheRest) {
+    EXPECT_EQ(escape("a b/c"), "a+b%2Fc");
+    EXPECT_EQ(escape("Az09-._~"), "Az09-._~");
+    EXPECT_EQ(escape("\xff%"), "%FF%25");
+}
+
 }  // namespace
 }  // namespace FerritCore::Url

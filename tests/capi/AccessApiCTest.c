@@ -15,6 +15,8 @@
 static const char kBody[] = "export default \"served through the C table\";\n";
 /* The MD5 of kBody, as the pack's list records it. */
 static const char kBodyMd5[] = "7ff5c3c1bc416dd0946caddef0c08913";
+/* The library's code for a URL that nothing serves, as the C table passes it through. */
+enum { kNotFerritResource = 3001 };
 static const char kUrl[] = "https://c.example.com/web/app.js";
 
 static int failures = 0;
@@ -133,7 +135,7 @@ int main(int argc, char** argv) {
     response = api->getResource(request);
     api->freeRequest(request);
     CHECK(api->getResponseError(response, &code, NULL) == 1);
-    CHECK(code == 3001);
+    CHECK(code == kNotFerritResource);
     CHECK(api->getResponseData(response, &data, &size) == 0);
     CHECK(data == NULL && size == 0);
     api->freeResponse(response);

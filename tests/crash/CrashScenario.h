@@ -43,7 +43,6 @@ namespace fs = std::filesystem;
 inline constexpr const char* kSite = "https://shop.test/app/";
 inline constexpr const char* kZipPrefix = "https://dl.test/";
 inline constexpr const char* kAppZipPrefix = "https://app.test/";
-inline constexpr uint32_t kNetworkUnrestricted = 1;
 // The share of files that the second version changes, adds or removes.
 inline constexpr double kChangedFraction = 0.3;
 
@@ -133,7 +132,7 @@ std::shared_ptr<Proxy> start(const std::string& root, const fs::path& fixtures,
     defaults.acacheZipPrefix = kAppZipPrefix;
     Settings::setDefaults(defaults);
     Setup::setProxy(proxy, root);
-    Environment::instance().setNetworkStatusValue(kNetworkUnrestricted);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kUnrestricted);
     return proxy;
 }
 

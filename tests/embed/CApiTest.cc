@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/Ed25519PublicKey.h"
+#include "base/Errors.h"
 #include "embed/EmbedLog.h"
 #include "embed/EmbedProxy.h"
 #include "ferritcore/ferritcore.h"
@@ -44,7 +45,7 @@ const std::map<std::string, std::string> kThirdSite = {
     {"index.html", "<!doctype html><title>third</title>"},
 };
 // The code of a configuration whose signature no trusted key made.
-constexpr int32_t kSignatureRefused = 1010;
+constexpr int32_t kSignatureRefused = Errors::kRequestVerify;
 // The end of an update that never came.
 constexpr int32_t kNoEnd = -1;
 

@@ -17,6 +17,7 @@
 #include <iostream>
 #include <unordered_set>
 
+#include "base/Errors.h"
 #include "base/FileUtil.h"
 #include "base/StorageState.h"
 #include "lifecycle/DevInspector.h"
@@ -28,6 +29,8 @@
 #include "update/UpdateConfig.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 // Refuses with one errno every change of the disk under a folder, while armed: names are not
@@ -91,7 +94,7 @@ class DegradedRootTest : public InstallFixture {
     void startAt(const std::string& root) {
         ProcessState::resetForTesting();
         Environment& environment = Environment::instance();
-        environment.setNetworkStatusValue(kNetworkUnrestricted);
+        environment.setNetworkStatusValue(NetworkStatus::kUnrestricted);
         environment.setClientActive(true);
         HostDefaults defaults;
         defaults.configPrefix = kConfigPrefix;
@@ -132,7 +135,7 @@ class DegradedRootTest : public InstallFixture {
             kTriggerDebugTool, "0",
             [&](const Error& error) {
                 told = true;
-                EXPECT_EQ(error.code(), 1104);
+                EXPECT_EQ(error.code(), Errors::kFileWrite);
                 EXPECT_NE(error.message().find(words), std::string::npos) << error.message();
             },
             0);
@@ -229,7 +232,7 @@ TEST_F(DegradedRootTest, ReadOnlyBindMountServesInstalledPacksAndResumesAfterRem
     // Updating waits, with its reason, and asks the network for nothing.
     proxy_->requests.clear();
     const Error paused = update("app", kTriggerTimer);
-    EXPECT_EQ(paused.code(), 1104);
+    EXPECT_EQ(paused.code(), Errors::kFileWrite);
     EXPECT_NE(paused.message().find("read-only: root " + root), std::string::npos)
         << paused.message();
     UpdateQueue::start(kTriggerTimer);
@@ -328,7 +331,7 @@ TEST_F(DegradedRootTest, NoSpaceDuringAnInstallKeepsServingTheInstalledVersion) 
     everywhere.armed = true;
     FileUtil::setCalls(&everywhere);
     proxy_->requests.clear();
-    EXPECT_EQ(update("app", kTriggerTimer).code(), 1104);
+    EXPECT_EQ(update("app", kTriggerTimer).code(), Errors::kFileWrite);
     UpdateQueue::start(kTriggerTimer);
     drive();
     EXPECT_EQ(zipRequests(), 0u);

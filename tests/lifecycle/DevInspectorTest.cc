@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/Folder.h"
 #include "ferritcore/Access.h"
 #include "lifecycle/DevInspector.h"
@@ -47,7 +48,7 @@ class DevInspectorTest : public ProcessTest {
         proxy_ = std::make_shared<FakeProxy>();
         proxy_->serve(kConfigUrl, 200, FakeProxy::sign(R"({"v":"1700000000000"})"));
         Setup::setProxy(proxy_, temp_.root());
-        Setup::setup("key", "1.0", 1);
+        Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
         TaskRunner::runDue();
     }
 
@@ -112,7 +113,7 @@ TEST_F(DevInspectorTest, SetEnabledFalseMakesNextRequestFailWith3003) {
     Reply reply = send("FerritDev.setEnabled", JSONObject{{"enabled", false}});
     EXPECT_TRUE(reply.success);
     auto response = Access::getResource(ResourceRequest(kAppUrl, ""));
-    EXPECT_EQ(response->error.code(), 3003);
+    EXPECT_EQ(response->error.code(), Errors::kDisabled);
     EXPECT_EQ(response->error.message(), "Ferrit disabled by develop tool");
     EXPECT_EQ(send("FerritDev.isEnabled").data, JSON(JSONObject{{"enabled", false}}));
     send("FerritDev.setEnabled", JSONObject{{"enabled", true}});
@@ -151,7 +152,7 @@ TEST_F(DevInspectorTest, GetURLInfoReportsTheMatchWithoutReading) {
     EXPECT_EQ(info.data["parts"].size(), 1u);
     EXPECT_NE(info.data["parts"][size_t{0}]["name"].stringValue().find("app@3"), std::string::npos);
     Reply miss = send("FerritDev.getURLInfo", JSONObject{{"url", "https://x.com/a.js"}});
-    EXPECT_EQ(miss.data["error"]["code"].int32Value(), 3001);
+    EXPECT_EQ(miss.data["error"]["code"].int32Value(), Errors::kNotFerritResource);
 }
 
 TEST_F(DevInspectorTest, ClearInSubProcessDoesNothingButLog) {
@@ -162,7 +163,7 @@ TEST_F(DevInspectorTest, ClearInSubProcessDoesNothingButLog) {
     EXPECT_TRUE(std::filesystem::exists(temp_.path() / "apps/app/3/res/app.js"));
     EXPECT_TRUE(proxy_->named("Ferrit.CacheClear").empty());
     auto entry = logs_->last("Clear", "Ferrit");
-    EXPECT_EQ(entry.errorCode, "2004");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kSubProcessDisabled));
     EXPECT_EQ(entry.errorMessage, "sub process clear disabled");
 }
 
@@ -173,7 +174,8 @@ TEST_F(DevInspectorTest, ClearEmptiesPacksAndRecordsIt) {
     EXPECT_TRUE(SCache::current()->packs.empty());
     EXPECT_FALSE(std::filesystem::exists(temp_.path() / "apps/app"));
     EXPECT_TRUE(std::filesystem::is_directory(temp_.path() / "apps"));
-    EXPECT_EQ(Access::getResource(ResourceRequest(kAppUrl, ""))->error.code(), 3001);
+    EXPECT_EQ(Access::getResource(ResourceRequest(kAppUrl, ""))->error.code(),
+              Errors::kNotFerritResource);
     const auto records = proxy_->named("Ferrit.CacheClear");
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].measures.at("interval"), 0.0);

@@ -133,20 +133,20 @@ std::pair<std::string, Error> fetchConfig(const std::string& url) {
 TEST_F(ErrorWordsTest, RequestsBeforeAndDuringStartUpSayNotSetUpYetAndStayMisses) {
     // Before anything: no proxy, nothing loaded.
     Error error = miss();
-    EXPECT_EQ(error.code(), 3001);
+    EXPECT_EQ(error.code(), Errors::kNotFerritResource);
     EXPECT_EQ(error.message(),
               "Not Ferrit resource: not set up yet (no proxy: setProxy not called)");
     EXPECT_TRUE(readable(error));
 
     // setup before setProxy returns in silence; the answer stays the same.
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     EXPECT_EQ(miss().message(), error.message());
 
     // While setProxy loads the stored configuration.
     auto asking = std::make_shared<AskingDuringLoadProxy>();
     asking->serve(kFirstUrl, 200, FakeProxy::sign(R"({"v":"1700000000000","i":4294967295})"));
     Setup::setProxy(asking, temp_.root());
-    EXPECT_EQ(asking->duringLoad.code(), 3001);
+    EXPECT_EQ(asking->duringLoad.code(), Errors::kNotFerritResource);
     EXPECT_EQ(asking->duringLoad.message(),
               "Not Ferrit resource: not set up yet (the stored configuration is still loading)");
     EXPECT_FALSE(asking->is404) << "the host goes to the network";
@@ -156,9 +156,9 @@ TEST_F(ErrorWordsTest, RequestsBeforeAndDuringStartUpSayNotSetUpYetAndStayMisses
     EXPECT_EQ(miss().message(), "Not Ferrit resource: not set up yet (setup not called)");
 
     // Set up, the first configuration request still waiting on the worker.
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     error = miss();
-    EXPECT_EQ(error.code(), 3001);
+    EXPECT_EQ(error.code(), Errors::kNotFerritResource);
     EXPECT_EQ(error.message(),
               "Not Ferrit resource: not set up yet (the first configuration has not arrived yet)");
     auto response = Access::getResource(ResourceRequest(kMissUrl, ""));
@@ -174,7 +174,7 @@ TEST_F(ErrorWordsTest, RequestsBeforeAndDuringStartUpSayNotSetUpYetAndStayMisses
 TEST_F(ErrorWordsTest, AFirstConfigurationThatFailedLeavesPlainMisses) {
     // The first request fails (no answer served: 404); the start-up is over all the same.
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     TaskRunner::runDue();
     EXPECT_TRUE(Environment::instance().flags() & kConfigFirstUpdated);
     EXPECT_EQ(miss().message(), "Not Ferrit resource");
@@ -192,11 +192,11 @@ TEST_F(ErrorWordsTest, ConfigurationRequestFailuresSayWhatWentWrong) {
     std::vector<Error> seen;
     // No proxy yet.
     seen.push_back(fetchConfig("https://cfg.test/a").second);
-    EXPECT_EQ(seen.back().code(), 9991);
+    EXPECT_EQ(seen.back().code(), Errors::kProxyNotInitialized);
 
     Environment::instance().setProxy(proxy_);
     seen.push_back(fetchConfig("").second);
-    EXPECT_EQ(seen.back().code(), 1001);
+    EXPECT_EQ(seen.back().code(), Errors::kRequestInvalidUrl);
 
     proxy_->serve("https://cfg.test/404", 404, "gone");
     seen.push_back(fetchConfig("https://cfg.test/404").second);
@@ -210,7 +210,7 @@ TEST_F(ErrorWordsTest, ConfigurationRequestFailuresSayWhatWentWrong) {
 
     proxy_->serve("https://cfg.test/empty", 200, "");
     seen.push_back(fetchConfig("https://cfg.test/empty").second);
-    EXPECT_EQ(seen.back().code(), 1006);
+    EXPECT_EQ(seen.back().code(), Errors::kRequestNoData);
 
     // The service refuses: the phase says how far start-up had come, in words.
     Environment::instance().setFlag(kSetupDone);
@@ -224,7 +224,7 @@ TEST_F(ErrorWordsTest, ConfigurationRequestFailuresSayWhatWentWrong) {
     broken.transportError = Error(ECONNRESET, std::string("socket hang up"));
     proxy_->serve("https://cfg.test/reset", broken);
     seen.push_back(fetchConfig("https://cfg.test/reset").second);
-    EXPECT_EQ(seen.back().code(), 1003);
+    EXPECT_EQ(seen.back().code(), Errors::kRequestFailed);
 
     // A host with no network at all (the base proxy).
     Environment::instance().setProxy(std::make_shared<NoNetworkProxy>());
@@ -246,14 +246,14 @@ TEST_F(ErrorWordsTest, DocumentsThatDoNotParseOrVerifySayWhy) {
 
     const std::string forged = R"({"v":"1"})" + std::string("||") + FakeProxy::base64("forged");
     EXPECT_EQ(FConfig::parse(forged, "https://cfg.test/d", error, true), nullptr);
-    EXPECT_EQ(error.code(), 1010);
+    EXPECT_EQ(error.code(), Errors::kRequestVerify);
     seen.push_back(error);
 
     // Signed, but cut short: the parser's words and where it stopped.
     EXPECT_EQ(
         FConfig::parse(FakeProxy::sign(R"({"v":"1","packs":{)"), "https://cfg.test/d", error, true),
         nullptr);
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
     EXPECT_EQ(error.message(),
               "request \"https://cfg.test/d\" deserialization failed: Missing a name for object "
               "member. at offset 18");
@@ -272,7 +272,7 @@ TEST_F(ErrorWordsTest, FileFailuresCarryTheSystemsWords) {
     std::vector<Error> seen;
     Error error;
     Folder::readFile(Folder::disk("apps/p/1/missing.js"), error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     seen.push_back(error);
 
     // Nothing to write: the primitive's refusal has its own words, not "-1, Unknown error -1".
@@ -287,9 +287,10 @@ TEST_F(ErrorWordsTest, FileFailuresCarryTheSystemsWords) {
         ScopedCalls scoped(&calls);
         PackInstaller installer(Folder::disk("apps/p/2/"), Folder::disk("temp/p/"));
         installer.begin();
-        EXPECT_FALSE(installer.writeFile("res/a.js", "bytes", error));
+        error = installer.writeFile("res/a.js", "bytes");
+        EXPECT_TRUE(static_cast<bool>(error));
     }
-    EXPECT_EQ(error.code(), 1104);
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
     EXPECT_NE(error.message().find("write failed: " + std::to_string(ENOSPC) + ", " +
                                    std::strerror(ENOSPC)),
               std::string::npos)
@@ -308,7 +309,7 @@ TEST_F(ErrorWordsTest, FileFailuresCarryTheSystemsWords) {
     EXPECT_FALSE(ResourceIndex::parseSigned(list, "{}", table, error));
     seen.push_back(error);
     EXPECT_FALSE(ResourceIndex::parseSigned(list, FakeProxy::signIndex("{\"a\":"), table, error));
-    EXPECT_EQ(error.code(), 1107);
+    EXPECT_EQ(error.code(), Errors::kFileDeserialization);
     EXPECT_NE(error.message().find("deserialization failed: "), std::string::npos);
     seen.push_back(error);
 
@@ -357,13 +358,18 @@ TEST_F(ErrorWordsTest, CatalogueErrorsAHostMeetsAreReadable) {
 
 // The check itself catches what the host used to read.
 TEST_F(ErrorWordsTest, TheReadabilityCheckRefusesBareCodes) {
+    EXPECT_FALSE(readable(
+        Error(Errors::kFileWrite, std::string("file \"f\" write failed: -1, Unknown error -1"))));
+    EXPECT_FALSE(readable(
+        Error(Errors::kInitStorageFailed, std::string("Initialize storage \"packs\" failed: 8"))));
     EXPECT_FALSE(
-        readable(Error(1104, std::string("file \"f\" write failed: -1, Unknown error -1"))));
-    EXPECT_FALSE(readable(Error(9997, std::string("Initialize storage \"packs\" failed: 8"))));
-    EXPECT_FALSE(readable(Error(1202, std::string("https://c server error, phase: 1"))));
-    EXPECT_FALSE(readable(Error(1004, std::string("request \"u\" invalid status code 65535"))));
-    EXPECT_FALSE(readable(Error(1003, std::string("request \"u\" failed: -1, x"))));
-    EXPECT_TRUE(readable(Error(3109, std::string("F:a-1@3 file not found: a-1.js"))));
+        readable(Error(Errors::kServerError, std::string("https://c server error, phase: 1"))));
+    EXPECT_FALSE(readable(Error(Errors::kRequestInvalidStatus,
+                                std::string("request \"u\" invalid status code 65535"))));
+    EXPECT_FALSE(
+        readable(Error(Errors::kRequestFailed, std::string("request \"u\" failed: -1, x"))));
+    EXPECT_TRUE(
+        readable(Error(Errors::kPackFileNotFound, std::string("F:a-1@3 file not found: a-1.js"))));
 }
 
 // ---- Quiet defaults --------------------------------------------------------------------------
@@ -380,7 +386,7 @@ size_t bytesAt(const MarlLogger::CapturingSink& sink, MarlLogger::MRLLevel level
 TEST_F(ErrorWordsTest, FiveHundredMissesWriteNothingAtTheDefaultLevel) {
     Setup::setProxy(proxy_, temp_.root());
     proxy_->serve(kFirstUrl, 200, FakeProxy::sign(R"({"v":"1700000000000","i":4294967295})"));
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     TaskRunner::runDue();
     logs_->clear();
     constexpr int kMisses = 500;
@@ -389,7 +395,7 @@ TEST_F(ErrorWordsTest, FiveHundredMissesWriteNothingAtTheDefaultLevel) {
             Access::getResource(
                 ResourceRequest("https://site.test/" + std::to_string(i) + ".js", ""))
                 ->error;
-        ASSERT_EQ(error.code(), 3001);
+        ASSERT_EQ(error.code(), Errors::kNotFerritResource);
     }
     const size_t atDefault = bytesAt(logs_.sink(), MarlLogger::MRLLevelWarning);
     const size_t atDebug = bytesAt(logs_.sink(), MarlLogger::MRLLevelDebug);
@@ -421,15 +427,16 @@ TEST_F(ErrorWordsTest, AStartWithoutRawFilesLogsNoError) {
     auto proxy = std::make_shared<NoRawFilesProxy>();
     proxy->serve(kFirstUrl, 200, FakeProxy::sign(R"({"v":"1700000000000","i":4294967295})"));
     Setup::setProxy(proxy, temp_.root());
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     TaskRunner::runDue();
     Setup::startUpdate();
     TaskRunner::runDue();
     for (const MarlLogger::LogEntry& entry : logs_->entries()) {
         EXPECT_GT(entry.level, MarlLogger::MRLLevelWarning) << entry.toJSONLine();
-        EXPECT_NE(entry.errorCode, "1003") << entry.toJSONLine();
+        EXPECT_NE(entry.errorCode, std::to_string(Errors::kRequestFailed)) << entry.toJSONLine();
     }
-    EXPECT_EQ(logs_->last("load", "Ferrit/SCache").errorCode, "1101");
+    EXPECT_EQ(logs_->last("load", "Ferrit/SCache").errorCode,
+              std::to_string(Errors::kFileNotExists));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/update/InstallFixture.h"
+#include "tests/lifecycle/PublishedTreeFixture.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/publish/Publisher.h"
 
@@ -25,12 +25,10 @@ constexpr const char* kSkipping = "onv1";
 constexpr const char* kFollowing = "onv2";
 // The site's files are served below a prefix of each pack's name.
 constexpr const char* kSiteHost = "https://shop.test/";
-// Where the manifest puts the zips below the tree; the clients' zip prefix names it.
-constexpr const char* kZipFolder = "packs/";
 // Installed without a visit.
 constexpr uint32_t kPriority = 9;
 
-class PublishedUpdateTest : public InstallFixture {
+class PublishedUpdateTest : public PublishedTreeFixture {
   protected:
     static std::string prefixOf(const std::string& pack) {
         return std::string(kSiteHost) + pack + "/";
@@ -38,12 +36,7 @@ class PublishedUpdateTest : public InstallFixture {
 
     // Writes `files` as the site's folder, publishes it and serves the tree as it now is.
     void publishVersion(const PackFiles& files, uint64_t expectedSeq) {
-        const fs::path folder = work_.path() / "site" / "app";
-        fs::remove_all(folder);
-        for (const auto& [path, content] : files) {
-            fs::create_directories((folder / path).parent_path());
-            ASSERT_TRUE(FerritTools::writeFileAtomically((folder / path).string(), content));
-        }
+        writeSite(files);
         FerritTools::PublishManifest manifest;
         manifest.appKey = "key";
         manifest.appVersion = "1.0";
@@ -51,36 +44,19 @@ class PublishedUpdateTest : public InstallFixture {
         for (const char* name : {kSkipping, kFollowing}) {
             FerritTools::PublishPack pack;
             pack.name = name;
-            pack.folder = "app";
+            pack.folder = kSiteFolder;
             pack.prefix = prefixOf(name);
             pack.priority = kPriority;
             manifest.packs.push_back(pack);
         }
         FerritTools::PublishResult result;
         std::string error;
-        ASSERT_TRUE(FerritTools::publish((work_.path() / "site").string(), manifest, tree(),
-                                         std::string(), signer(), result, error))
+        ASSERT_TRUE(
+            FerritTools::publish(site(), manifest, tree(), std::string(), signer(), result, error))
             << error;
         for (const FerritTools::PublishedPack& pack : result.packs)
             ASSERT_EQ(pack.seq, expectedSeq) << pack.name;
         serveTree();
-    }
-
-    // Every file of the tree at its URL: the zips below the zip prefix, the rest below the
-    // configuration prefix.
-    void serveTree() {
-        for (const auto& entry : fs::recursive_directory_iterator(tree())) {
-            if (!entry.is_regular_file()) continue;
-            const std::string relative = fs::relative(entry.path(), tree()).generic_string();
-            std::string body;
-            ASSERT_TRUE(FerritTools::readWholeFile(entry.path().string(), body));
-            if (relative.starts_with(kZipFolder)) {
-                proxy_->serve(kZipPrefix + relative.substr(std::string(kZipFolder).size()), 200,
-                              body);
-            } else {
-                proxy_->serve(kConfigPrefix + relative, 200, body);
-            }
-        }
     }
 
     // The device learns that `pack` is at `seq` (as the global configuration names it: no base,
@@ -149,10 +125,6 @@ class PublishedUpdateTest : public InstallFixture {
         expectServesExactly(kSkipping, v3, {v1, v2});
         expectServesExactly(kFollowing, v3, {v1, v2});
     }
-
-    std::string tree() const { return (work_.path() / "tree").string(); }
-
-    TempDir work_;
 };
 
 TEST_F(PublishedUpdateTest, RevertToTheFirstVersionServesItOnDevicesAtTheFirstAndTheSecond) {

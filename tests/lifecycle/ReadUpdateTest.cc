@@ -4,10 +4,13 @@
 // pack for reinstall. With the worker driven by the test, each ends with the version installed.
 #include <gtest/gtest.h>
 
+#include "base/Errors.h"
 #include "lifecycle/Services.h"
 #include "tests/update/InstallFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 // The delay of a read's request for a newer version.
@@ -41,7 +44,7 @@ class ReadUpdateTest : public InstallFixture {
 TEST_F(ReadUpdateTest, ReadOfAnUninstalledPackAsksForItAndTheNextReadIsServed) {
     installShop(1, version1());
     const Answer first = read("index.html");
-    EXPECT_EQ(first.error.code(), 3104);
+    EXPECT_EQ(first.error.code(), Errors::kNotInstalled);
     drive();
     EXPECT_EQ(zipRequests(), (std::vector<std::string>{"https://dl.test/shop/1.zip"}));
     EXPECT_EQ(find("shop")->installedSeq, 1u);
@@ -94,7 +97,7 @@ TEST_F(ReadUpdateTest, ResourceMissingFromTheOldVersionPullsTheNewOne) {
     installShop(1, version1());
     ASSERT_FALSE(update("shop", kTriggerTimer));
     installShop(2, version2());
-    EXPECT_EQ(read("js/extra.js").error.code(), 3002);
+    EXPECT_EQ(read("js/extra.js").error.code(), Errors::kNotFerritPackResource);
     clock_->advance(kVisitUpdateDelayMs);
     drive();
     EXPECT_EQ(find("shop")->installedSeq, 2u);
@@ -107,7 +110,7 @@ TEST_F(ReadUpdateTest, FileGoneFromTheInstalledFolderIsRepairedByAReinstall) {
     ASSERT_FALSE(update("app", kTriggerTimer));
     std::filesystem::remove(temp_.path() / "apps/app/1/res/js/app.js");
 
-    EXPECT_EQ(read("js/app.js").error.code(), 3109);
+    EXPECT_EQ(read("js/app.js").error.code(), Errors::kPackFileNotFound);
     drive();
     EXPECT_EQ(find("app")->status, kPackStatusNeedReinstall);
     // The next trigger reinstalls the same version over the damaged folder.
@@ -126,7 +129,7 @@ TEST_F(ReadUpdateTest, ListThatNoLongerLoadsIsRepairedByAReinstall) {
     PackedFiles::current()->removeByPrefix("shop/1/app-res.hvc");
     ResourceIndexPool::clear();
 
-    EXPECT_EQ(read("index.html").error.code(), 1101);
+    EXPECT_EQ(read("index.html").error.code(), Errors::kFileNotExists);
     drive();
     EXPECT_EQ(find("shop")->status, kPackStatusNeedReinstall);
     // A read that needs the pack now asks for it.

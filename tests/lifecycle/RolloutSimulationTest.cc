@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "model/Rollout.h"
-#include "tests/update/InstallFixture.h"
+#include "tests/lifecycle/PublishedTreeFixture.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/publish/Publisher.h"
 #include "tools/publish/Release.h"
@@ -33,7 +33,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kPack = "shop";
-constexpr const char* kZipFolder = "packs/";
 constexpr const char* kAppKey = "key";
 constexpr const char* kAppVersion = "1.0";
 // Installed without a visit.
@@ -80,31 +79,19 @@ std::string idWithSlot(uint32_t low, uint32_t high) {
     }
 }
 
-class RolloutSimulationTest : public InstallFixture {
+class RolloutSimulationTest : public PublishedTreeFixture {
   protected:
     void SetUp() override {
-        InstallFixture::SetUp();
+        PublishedTreeFixture::SetUp();
         manifest_.appKey = kAppKey;
         manifest_.appVersion = kAppVersion;
         manifest_.zipFolder = kZipFolder;
         FerritTools::PublishPack pack;
         pack.name = kPack;
-        pack.folder = "app";
+        pack.folder = kSiteFolder;
         pack.prefix = kSite;
         pack.priority = kPriority;
         manifest_.packs.push_back(pack);
-    }
-
-    std::string tree() const { return (work_.path() / "tree").string(); }
-    std::string site() const { return (work_.path() / "site").string(); }
-
-    void writeSite(const PackFiles& files) {
-        const fs::path folder = work_.path() / "site" / "app";
-        fs::remove_all(folder);
-        for (const auto& [path, content] : files) {
-            fs::create_directories((folder / path).parent_path());
-            ASSERT_TRUE(FerritTools::writeFileAtomically((folder / path).string(), content));
-        }
     }
 
     void publish(const PackFiles& files) {
@@ -141,23 +128,6 @@ class RolloutSimulationTest : public InstallFixture {
                                           kPack, 0, result, error))
             << error;
         serveTree();
-    }
-
-    // Every file of the tree at its URL: the zips below the zip prefix, the rest below the
-    // configuration prefix.
-    void serveTree() {
-        for (const auto& entry : fs::recursive_directory_iterator(tree())) {
-            if (!entry.is_regular_file()) continue;
-            const std::string relative = fs::relative(entry.path(), tree()).generic_string();
-            std::string body;
-            ASSERT_TRUE(FerritTools::readWholeFile(entry.path().string(), body));
-            if (relative.starts_with(kZipFolder)) {
-                proxy_->serve(kZipPrefix + relative.substr(std::string(kZipFolder).size()), 200,
-                              body);
-            } else {
-                proxy_->serve(kConfigPrefix + relative, 200, body);
-            }
-        }
     }
 
     // The global configuration as a device of no version fetches it, signature checked.
@@ -235,7 +205,6 @@ class RolloutSimulationTest : public InstallFixture {
     }
 
     FerritTools::PublishManifest manifest_;
-    TempDir work_;
 };
 
 TEST_F(RolloutSimulationTest, DeviceInTheFirstTenPercentServesEachStepExactly) {

@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/StorageState.h"
 #include "lifecycle/Setup.h"
 #include "marl/Clock.h"
@@ -70,7 +71,7 @@ class SetupTest : public ProcessTest {
 // device whose documents never carried the new members has no "configuration" at all.
 TEST_F(SetupTest, StatusReportSaysWhyASignedDocumentWasIgnored) {
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     TaskRunner::runDue();
     EXPECT_TRUE(Setup::statusReport()["configuration"].isNull());
 
@@ -105,7 +106,8 @@ TEST_F(SetupTest, LifecycleInTheHostsOrder) {
     Setup::setProxy(proxy_, temp_.root());
     EXPECT_EQ(errors(),
               (std::vector<std::string>{"NOT_SETUP", "NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
-    Setup::setup("key", "1.0", 1);  // the host will call startUpdate itself
+    Setup::setup("key", "1.0",
+                 SetupMode::kHostStartsUpdate);  // the host will call startUpdate itself
     EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_UPDATE_CONFIG", "NOT_START_UPDATE"}));
     EXPECT_EQ(MarlLogger::Inspector::info("FerritInfo"), "Ferrit/" + std::string(kCoreVersion));
     TaskRunner::runDue();  // the worker starts and the first configuration arrives
@@ -133,14 +135,13 @@ TEST_F(SetupTest, LifecycleInTheHostsOrder) {
     TaskRunner::runDue();
     EXPECT_EQ(queueStarts(), (std::vector<std::string>{"Timer"}));
     // The stored document survives in the packs store.
-    Error error;
-    EXPECT_NE(PacksStore::instance().readConfig(error).find("1700000000000"), std::string::npos)
-        << error.message();
+    const ErrorOr<std::string> text = PacksStore::instance().readConfig();
+    EXPECT_NE(text.valueOr("").find("1700000000000"), std::string::npos) << text.error().message();
 }
 
 TEST_F(SetupTest, ModeZeroStartsUpdatingAfterFirstConfiguration) {
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 0);
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);
     TaskRunner::runDue();
     EXPECT_TRUE(flags() & kUpdateStarted);
     EXPECT_TRUE(errors().empty());
@@ -149,17 +150,17 @@ TEST_F(SetupTest, ModeZeroStartsUpdatingAfterFirstConfiguration) {
 // The host hears each step of start-up once, in turn, however often the calls that make them are
 // repeated: set up, then configured, then updating.
 TEST_F(SetupTest, StateChangeIsToldOncePerTransition) {
-    Setup::setup("key", "1.0", 0);  // no proxy yet: nothing changes
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);  // no proxy yet: nothing changes
     Setup::setProxy(proxy_, temp_.root());
     EXPECT_TRUE(proxy_->stateChangesSoFar().empty());
-    Setup::setup("key", "1.0", 0);
-    Setup::setup("key", "1.0", 0);
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);
     auto changes = proxy_->stateChangesSoFar();
     ASSERT_EQ(changes.size(), 1u);
     EXPECT_EQ(changes[0].flags & (kSetupDone | kConfigFirstUpdated), kSetupDone);
     TaskRunner::runDue();  // the first configuration arrives, and updating starts by itself
     Setup::startUpdate();
-    Setup::setup("key", "1.0", 0);
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);
     changes = proxy_->stateChangesSoFar();
     ASSERT_EQ(changes.size(), 3u);
     EXPECT_EQ(changes[1].flags & (kConfigFirstUpdated | kUpdateStarted), kConfigFirstUpdated);
@@ -183,13 +184,13 @@ TEST_F(SetupTest, StorageStateChangeIsToldOnEachFlip) {
 }
 
 TEST_F(SetupTest, SetupBeforeProxyStoresKeyAndCanBeRepeated) {
-    Setup::setup("a b/c", "1.0", 0);
+    Setup::setup("a b/c", "1.0", SetupMode::kAutoUpdate);
     EXPECT_EQ(Environment::instance().appKey(), "a+b%2Fc");
     EXPECT_EQ(flags(), 0u);
     EXPECT_EQ(TaskRunner::pendingCount(), 0u);
     EXPECT_TRUE(proxy_->requests.empty());
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 0);
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);
     TaskRunner::runDue();
     EXPECT_EQ(proxy_->requests.size(), 1u);
     EXPECT_TRUE(flags() & kSetupDone);
@@ -210,7 +211,7 @@ TEST_F(SetupTest, SetProxyAndSetupFromTwoThreadsRunOneAfterTheOther) {
     });
     std::thread setupThread([&] {
         together();
-        Setup::setup("key", "1.0", 1);
+        Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     });
     proxyThread.join();
     setupThread.join();
@@ -219,7 +220,8 @@ TEST_F(SetupTest, SetProxyAndSetupFromTwoThreadsRunOneAfterTheOther) {
     const bool setupFirst = (flags() & kSetupDone) == 0;
     EXPECT_EQ(TaskRunner::pendingCount() == 0, setupFirst)
         << "a setup that found the proxy has posted its first task; one that did not, nothing";
-    if (setupFirst) Setup::setup("key", "1.0", 1);  // as the host repeats it
+    if (setupFirst)
+        Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);  // as the host repeats it
     TaskRunner::runDue();
     ASSERT_EQ(proxy_->requests.size(), 1u);
     EXPECT_EQ(proxy_->requests[0].url, kFirstUrl);
@@ -227,20 +229,14 @@ TEST_F(SetupTest, SetProxyAndSetupFromTwoThreadsRunOneAfterTheOther) {
     EXPECT_EQ(errors(), (std::vector<std::string>{"NOT_START_UPDATE"}));
 }
 
-TEST_F(SetupTest, EscapeKeepsUnreservedAndEncodesTheRest) {
-    EXPECT_EQ(Setup::escape("a b/c"), "a+b%2Fc");
-    EXPECT_EQ(Setup::escape("Az09-._~"), "Az09-._~");
-    EXPECT_EQ(Setup::escape("\xff%"), "%FF%25");
-}
-
 TEST_F(SetupTest, SecondSetupWithBitZeroClearStartsUpdating) {
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     TaskRunner::runDue();
     EXPECT_FALSE(flags() & kUpdateStarted);
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     EXPECT_FALSE(flags() & kUpdateStarted) << "bit 0 set: still the host's call";
-    Setup::setup("key", "1.0", 0);
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);
     EXPECT_TRUE(flags() & kUpdateStarted);
 }
 
@@ -249,7 +245,7 @@ TEST_F(SetupTest, StartUpdateBeforeSetupLeavesAutoStartNothingToDo) {
     EXPECT_TRUE(flags() & kUpdateStarted);
     EXPECT_EQ(queueStarts(), (std::vector<std::string>{"Startup"}));
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     TaskRunner::runDue();
     clock_->advance(Setup::kAutoStartDelayMs);
     TaskRunner::runDue();
@@ -260,7 +256,7 @@ TEST_F(SetupTest, StartUpdateBeforeSetupLeavesAutoStartNothingToDo) {
 
 TEST_F(SetupTest, HostThatNeverStartsGetsAutoStartAfterFiveMinutes) {
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     TaskRunner::runDue();
     clock_->advance(Setup::kAutoStartDelayMs - 1);
     TaskRunner::runDue();
@@ -315,7 +311,7 @@ TEST_F(SetupTest, CompactionCoversTheContentCacheStore) {
 
 TEST_F(SetupTest, SameEnvironmentRequestsNoUpdate) {
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 0);
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);
     TaskRunner::runDue();
     const size_t before = proxy_->requests.size();
     Setup::setEnv(2);
@@ -335,7 +331,7 @@ TEST_F(SetupTest, EnvironmentSetBeforeFirstUpdateOnlyTakesEffect) {
 
 TEST_F(SetupTest, ActivationWhenActiveRequestsNoUpdate) {
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 0);
+    Setup::setup("key", "1.0", SetupMode::kAutoUpdate);
     TaskRunner::runDue();
     const size_t before = proxy_->requests.size();
     clock_->advance(60000);
@@ -362,8 +358,7 @@ TEST_F(SetupTest, SubProcessSetupReportsNoMissingKey) {
 
 TEST_F(SetupTest, SubProcessReloadsWhatTheMainProcessWrote) {
     Setup::setProxy(proxy_, temp_.root());
-    Error error;
-    ASSERT_TRUE(PacksStore::instance().writeConfig(R"({"v":"77"})", error));
+    ASSERT_FALSE(PacksStore::instance().writeConfig(R"({"v":"77"})"));
     Setup::reloadConfig();
     EXPECT_EQ(SCache::current()->version, "0") << "a main process owns its document";
     Setup::setupSubProcess();
@@ -373,10 +368,10 @@ TEST_F(SetupTest, SubProcessReloadsWhatTheMainProcessWrote) {
 
 TEST_F(SetupTest, MissingKeyAndVersionAreReported) {
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("", "", 1);
+    Setup::setup("", "", SetupMode::kHostStartsUpdate);
     auto codes = errors();
     EXPECT_EQ(codes[0], "NO_APPKEY");
-    Setup::setup("k", "", 1);
+    Setup::setup("k", "", SetupMode::kHostStartsUpdate);
     EXPECT_EQ(errors()[0], "NO_APPVERSION");
 }
 
@@ -386,19 +381,19 @@ TEST_F(SetupTest, EmptyRootIsReportedAndLogged) {
     EXPECT_EQ(errors()[0], "ROOT_NOT_EXIST");
     auto entry = logs_->last("initFolder", "Ferrit/Setup");
     EXPECT_EQ(entry.level, 1);
-    EXPECT_EQ(entry.errorCode, "9992");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kCreateFolderFailed));
 }
 
 TEST_F(SetupTest, NetworkStatusIsLoggedOnChangeOnly) {
-    Setup::setNetworkStatus(1);
-    Setup::setNetworkStatus(1);
+    Setup::setNetworkStatus(NetworkStatus::kUnrestricted);
+    Setup::setNetworkStatus(NetworkStatus::kUnrestricted);
     EXPECT_EQ(logs_->count("networkStatus", "Ferrit/Event"), 1u);
-    EXPECT_EQ(Environment::instance().networkStatus(), 1u);
+    EXPECT_EQ(Environment::instance().networkStatus(), NetworkStatus::kUnrestricted);
 }
 
 TEST_F(SetupTest, InspectorAgentAnswersInfo) {
     Setup::setProxy(proxy_, temp_.root());
-    Setup::setup("key", "1.0", 1);
+    Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
     JSON info;
     bool succeeded = false;
     EXPECT_TRUE(MarlLogger::Inspector::sendCommand("FerritDev.info", JSON(),

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/Folder.h"
 #include "lifecycle/DevInspector.h"
 #include "lifecycle/Services.h"
@@ -91,7 +92,8 @@ class TelemetryRecordsTest : public InstallFixture {
 TEST_F(TelemetryRecordsTest, InitIsSentInFull) {
     Setup::autoStartUpdate();
     expectSentInFull("Ferrit.Init");
-    EXPECT_EQ(proxy_->named("Ferrit.Init")[0].dimensions.at("errorCode"), "9998");
+    EXPECT_EQ(proxy_->named("Ferrit.Init")[0].dimensions.at("errorCode"),
+              std::to_string(Errors::kStartUpdateNotCalled));
 }
 
 TEST_F(TelemetryRecordsTest, CacheInitIsSentInFull) {

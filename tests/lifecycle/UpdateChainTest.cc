@@ -16,6 +16,7 @@
 #include "access/Reader.h"
 #include "base/Digest.h"
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "ferritcore/Access.h"
 #include "ferritcore/ResourceRequest.h"
 #include "ferritcore/ResourceResponse.h"
@@ -46,10 +47,6 @@ using MarlLogger::json::JSONObject;
 constexpr const char* kConfigPrefix = "https://cfg.test/";
 constexpr const char* kZipPrefix = "https://dl.test/";
 constexpr const char* kSiteHost = "https://site.test/";
-// The network status under which every download may run.
-constexpr uint32_t kNetworkUnrestricted = 1;
-// Setup's mode: the host calls startUpdate itself.
-constexpr int32_t kHostStartsUpdate = 1;
 // The document this device kept from its last run: it has run before, so the first configuration
 // of this process is not the initial one and starting updates runs the queue at once.
 constexpr const char* kStoredVersion = "1699990000000";
@@ -175,12 +172,12 @@ class UpdateChainTest : public ProcessTest {
 
     // setProxy, the use of the packs before this run, setup, and the first configuration.
     void comeAlive() {
-        Setup::setNetworkStatus(kNetworkUnrestricted);
+        Setup::setNetworkStatus(NetworkStatus::kUnrestricted);
         Setup::setProxy(proxy_, temp_.root());
         for (size_t i = 0; i < kPackCount; ++i) {
             if (kAccess[i] > 0) Statistics::addAccess(packName(i), nullptr, kAccess[i]);
         }
-        Setup::setup("key", "1.0", kHostStartsUpdate);
+        Setup::setup("key", "1.0", SetupMode::kHostStartsUpdate);
         drive();
     }
     // The whole start-up run with every zip answered at once.
@@ -289,7 +286,7 @@ TEST_F(UpdateChainHeldTest, StartInstallsTheBestPacksInScoreOrderOneNormalDownlo
         if (k == 2) {
             // The read cannot be served; it asks for the pack at once, and that task starts
             // beside the running download instead of waiting behind the rest of the run.
-            EXPECT_EQ(read(visited).error.code(), 3104);
+            EXPECT_EQ(read(visited).error.code(), Errors::kNotInstalled);
             drive();
             expected.push_back(zipUrl(visited, 1));
             ASSERT_EQ(zipRequests(), expected);

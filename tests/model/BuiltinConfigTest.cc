@@ -8,6 +8,8 @@
 #include "tests/model/UpdateFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 class BuiltinConfigTest : public UpdateFixture {
@@ -33,23 +35,23 @@ const char* kAsset =
     R"("resources":{"kit":{"res/kit.html":{"url":"https://h/kit.html","v":"abc"}},"odd":{}}})";
 
 TEST_F(BuiltinConfigTest, MissingAssetIsInfoAndChangesNothing) {
-    EXPECT_EQ(load().code(), 1101);
+    EXPECT_EQ(load().code(), Errors::kFileNotExists);
     auto entry = logs_->last("load", "Ferrit/SCache");
     EXPECT_EQ(entry.level, 3);
-    EXPECT_EQ(entry.errorCode, "1101");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kFileNotExists));
     EXPECT_EQ(SCache::current()->scacheVersion, "0");
 }
 
 TEST_F(BuiltinConfigTest, UnreadableAssetIsWarning) {
     AssetProvider::set(nullptr);
-    EXPECT_EQ(load().code(), 9991);
+    EXPECT_EQ(load().code(), Errors::kProxyNotInitialized);
     EXPECT_EQ(logs_->last("load", "Ferrit/SCache").level, 2);
 }
 
 TEST_F(BuiltinConfigTest, InvalidJsonIs1107) {
     assets_["Ferrit_Asset.config"] = "{nope";
     const Error error = load();
-    EXPECT_EQ(error.code(), 1107);
+    EXPECT_EQ(error.code(), Errors::kFileDeserialization);
     EXPECT_EQ(error.message(),
               "file \"/Asset/Ferrit_Asset.config\" deserialization failed: Missing a name for "
               "object member. at offset 1");
@@ -58,7 +60,7 @@ TEST_F(BuiltinConfigTest, InvalidJsonIs1107) {
 TEST_F(BuiltinConfigTest, PackWithoutResourcesEndsTheLoad) {
     assets_["Ferrit_Asset.config"] = R"({"v":"1","packs":{"kit":{"s":1,"f":96}},"resources":{}})";
     const Error error = load();
-    EXPECT_EQ(error.code(), 1107);
+    EXPECT_EQ(error.code(), Errors::kFileDeserialization);
     EXPECT_EQ(error.message(),
               "file \"/Asset/Ferrit_Asset.config\" deserialization failed: pack \"kit\" resources "
               "not found");

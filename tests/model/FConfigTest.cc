@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
 #include "base/Digest.h"
+#include "base/Errors.h"
 #include "base/Url.h"
 #include "model/FConfig.h"
 #include "tests/model/UpdateFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 constexpr double kHour = 3600000.0;
@@ -38,7 +41,7 @@ TEST_F(FConfigTest, EmptyVersionIsServerError) {
     Environment::instance().setFlag(1);
     Error error;
     EXPECT_EQ(FConfig::parse(R"({"v": ""})", "https://c/f", error, false), nullptr);
-    EXPECT_EQ(error.code(), 1202);
+    EXPECT_EQ(error.code(), Errors::kServerError);
     EXPECT_EQ(error.message(),
               "https://c/f server error, phase: 1 (set up, first configuration update "
               "not finished, updating not started)");
@@ -91,6 +94,16 @@ TEST_F(FConfigTest, StoredDocumentKeepsWhatItWasFetchedFor) {
     EXPECT_EQ(loaded->locale, "zh_CN");
 }
 
+// A document fetched before the host set any locale was fetched for none: once the host sets one,
+// the stored copy must differ from it, so that the next update asks for a full document.
+TEST_F(FConfigTest, StoredDocumentKeepsAnEmptyLocale) {
+    auto fetched = std::make_shared<FConfig>();
+    fetched->version = "9";
+    const std::string stored = fetched->serialize();
+    Environment::instance().setLocaleValue("en_US");
+    EXPECT_EQ(doc(stored)->locale, "");
+}
+
 TEST_F(FConfigTest, NullEmptyObjectAndNumberRecordsAreDeletions) {
     auto config = doc(R"({"v":"1","packs":{"a":null,"b":{},"c":5,"d":"x","e":[1]}})");
     for (const char* name : {"a", "b", "c", "d", "e"}) {
@@ -134,26 +147,26 @@ TEST_F(FConfigTest, GarbageAndDeepNestingGive1007) {
     for (size_t i = 0; i < garbage.size(); ++i)
         garbage[i] = static_cast<char>((i * 2654435761u) >> 13);
     EXPECT_EQ(FConfig::parse(garbage, "g", error, false), nullptr);
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
     // The parser's words and where it stopped (the garbage begins with a NUL byte).
     EXPECT_EQ(error.message(),
               "request \"g\" deserialization failed: The document is empty. at offset 0");
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
     EXPECT_EQ(FConfig::parse(deep, "d", error, false), nullptr);
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
     const std::string deepPack = R"({"v":"1","packs":{"a":)" + std::string(100000, '{');
     EXPECT_EQ(FConfig::parse(deepPack, "d", error, false), nullptr);
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
     EXPECT_EQ(FConfig::parse("[1,2]", "a", error, false), nullptr);
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
     EXPECT_EQ(FConfig::parse("", "e", error, false), nullptr);
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
 }
 
 TEST_F(FConfigTest, NumberBeyondDoubleIs1007) {
     Error error;
     EXPECT_EQ(FConfig::parse(R"({"v":"1","packs":{"a":{"t":1e400}}})", "n", error, false), nullptr);
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
 }
 
 TEST_F(FConfigTest, InvalidBase64SignatureFailsWithoutAskingTheProxy) {
@@ -161,7 +174,7 @@ TEST_F(FConfigTest, InvalidBase64SignatureFailsWithoutAskingTheProxy) {
     Environment::instance().setProxy(proxy);
     Error error;
     EXPECT_EQ(FConfig::parse(R"({"v":"1"}||@@)", "u", error, true), nullptr);
-    EXPECT_EQ(error.code(), 1010);
+    EXPECT_EQ(error.code(), Errors::kRequestVerify);
     EXPECT_TRUE(proxy->verified.empty());
 }
 
@@ -175,7 +188,7 @@ TEST_F(FConfigTest, SignedDocumentVerifiesThroughProxy) {
     EXPECT_EQ(config->version, "9");
 
     EXPECT_EQ(FConfig::parse(body + "||" + "AAAA", "u", error, true), nullptr);
-    EXPECT_EQ(error.code(), 1010);
+    EXPECT_EQ(error.code(), Errors::kRequestVerify);
     EXPECT_EQ(error.message(),
               "request \"u\" verify failed: MD5 is \"" + Digest::md5Hex(body) + "\"");
 }
@@ -183,7 +196,7 @@ TEST_F(FConfigTest, SignedDocumentVerifiesThroughProxy) {
 TEST_F(FConfigTest, MissingSeparatorIs1007NoSignature) {
     Error error;
     EXPECT_EQ(FConfig::parse(R"({"v":"9"})", "u", error, true), nullptr);
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
     EXPECT_EQ(error.message(), "request \"u\" deserialization failed: no signature");
 }
 
@@ -194,7 +207,7 @@ TEST_F(FConfigTest, EmptySignatureStillAsksTheProxy) {
     EXPECT_EQ(FConfig::parse(R"({"v":"9"}||)", "u", error, true), nullptr);
     ASSERT_EQ(proxy->verified.size(), 1u);
     EXPECT_EQ(proxy->verified[0], Digest::md5Hex(R"({"v":"9"})"));
-    EXPECT_EQ(error.code(), 1010);
+    EXPECT_EQ(error.code(), Errors::kRequestVerify);
 }
 
 TEST_F(FConfigTest, LastSeparatorSplitsSignature) {
@@ -209,7 +222,7 @@ TEST_F(FConfigTest, LastSeparatorSplitsSignature) {
 TEST_F(FConfigTest, NoProxyFailsVerification) {
     Error error;
     EXPECT_EQ(FConfig::parse(R"({"v":"9"}||AAAA)", "u", error, true), nullptr);
-    EXPECT_EQ(error.code(), 1010);
+    EXPECT_EQ(error.code(), Errors::kRequestVerify);
 }
 
 // ---- merge ----
@@ -356,7 +369,8 @@ TEST_F(FConfigTest, ChangeOfEnvironmentWipesAppsEvenWithSamePacks) {
 
 TEST_F(FConfigTest, SetInstalledCreditsFirstInstallAndClearsDamage) {
     seed(R"({"v":"1","packs":{"a":{"s":2,"status":2}}})");
-    SCache::mutate([](FConfig& config) { config.setInstalled("a", 6, 2, 1, 100, true); });
+    SCache::mutate(
+        [](FConfig& config) { config.setInstalled("a", kTriggerVisit, 2, 1, 100, true); });
     auto p = pack("a");
     EXPECT_EQ(p->installedSeq, 2u);
     EXPECT_EQ(p->installedBaseSeq, 1u);
@@ -366,7 +380,8 @@ TEST_F(FConfigTest, SetInstalledCreditsFirstInstallAndClearsDamage) {
     EXPECT_EQ(p->trigger, 6u);
     EXPECT_EQ(p->status, 0u);
     EXPECT_DOUBLE_EQ(Statistics::accessValue("a"), 0.6931471805599453);
-    SCache::mutate([](FConfig& config) { config.setInstalled("a", 4, 3, 2, 100, true); });
+    SCache::mutate(
+        [](FConfig& config) { config.setInstalled("a", kTriggerTimer, 3, 2, 100, true); });
     EXPECT_EQ(pack("a")->trigger, 6u) << "a timer install keeps the trigger";
     EXPECT_DOUBLE_EQ(Statistics::accessValue("a"), 0.6931471805599453) << "credit only once";
 }
@@ -374,9 +389,9 @@ TEST_F(FConfigTest, SetInstalledCreditsFirstInstallAndClearsDamage) {
 TEST_F(FConfigTest, SetInstalledKeepsAppsOutOfThePackedStore) {
     seed(R"({"v":"1","packs":{"app":{"f":64},"asset":{"f":96}}})");
     SCache::mutate([](FConfig& config) {
-        config.setInstalled("app", 6, 1, 0, 1, true);
-        config.setInstalled("asset", 6, 1, 0, 1, true);
-        config.setInstalled("ghost", 6, 1, 0, 1, true);
+        config.setInstalled("app", kTriggerVisit, 1, 0, 1, true);
+        config.setInstalled("asset", kTriggerVisit, 1, 0, 1, true);
+        config.setInstalled("ghost", kTriggerVisit, 1, 0, 1, true);
     });
     EXPECT_FALSE(pack("app")->isPacks);
     EXPECT_FALSE(pack("asset")->isPacks);

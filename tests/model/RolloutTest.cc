@@ -47,6 +47,19 @@ class RolloutTest : public UpdateFixture {
                   R"(,"rt":2000})";
         return R"({"v":")" + std::to_string(version) + R"(","packs":{"shop":)" + record + "}}";
     }
+    // Merges the document as a device that knows nothing of "rs", "rp" and "rt" would read it.
+    void mergeIgnoringRolloutKeys(const std::string& text) {
+        auto document = doc(text);
+        SCache::mutate([&](FConfig& config) {
+            for (const auto& [name, record] : document->packs) {
+                auto unaware = record->clone();
+                unaware->rolloutSeq = 0;
+                unaware->rolloutShare = 0;
+                unaware->rolloutTime = 0;
+                config.mergePack(unaware);
+            }
+        });
+    }
     static PackPtr shop() { return SCache::current()->find(kPack); }
     // The device installed what its record names.
     static void installCurrent() {
@@ -204,16 +217,7 @@ TEST_F(RolloutTest, PromotedRecordKeepsTheGrayInstallWithoutADownload) {
 // version alone, as the merge always did for a device outside the gray group.
 TEST_F(RolloutTest, DeviceIgnoringTheRolloutKeysReadsTheReleasedVersion) {
     useInstallId(idWithSlot(kPack, 0, kTenPercent));
-    auto document = doc(rolloutDoc(10, 1, 2, kTenPercent));
-    SCache::mutate([&](FConfig& config) {
-        for (const auto& [name, record] : document->packs) {
-            auto unaware = record->clone();
-            unaware->rolloutSeq = 0;
-            unaware->rolloutShare = 0;
-            unaware->rolloutTime = 0;
-            config.mergePack(unaware);
-        }
-    });
+    mergeIgnoringRolloutKeys(rolloutDoc(10, 1, 2, kTenPercent));
     EXPECT_EQ(shop()->seq, 1u);
     EXPECT_EQ(shop()->grayState(), kGrayStateReleased);
 }
@@ -222,16 +226,7 @@ TEST_F(RolloutTest, DeviceIgnoringTheRolloutKeysReadsTheReleasedVersion) {
 // says it is deleted), not one of version 0 whose document it would ask for in vain.
 TEST_F(RolloutTest, DeviceIgnoringTheRolloutKeysSeesNoPackDuringAFirstRollout) {
     useInstallId(idWithSlot(kPack, 0, kTenPercent));
-    auto document = doc(rolloutDoc(10, 0, 1, kTenPercent));
-    SCache::mutate([&](FConfig& config) {
-        for (const auto& [name, record] : document->packs) {
-            auto unaware = record->clone();
-            unaware->rolloutSeq = 0;
-            unaware->rolloutShare = 0;
-            unaware->rolloutTime = 0;
-            config.mergePack(unaware);
-        }
-    });
+    mergeIgnoringRolloutKeys(rolloutDoc(10, 0, 1, kTenPercent));
     EXPECT_EQ(shop(), nullptr);
 }
 

@@ -2,9 +2,12 @@
 
 #include <thread>
 
+#include "base/Errors.h"
 #include "tests/model/UpdateFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 class SCacheTest : public UpdateFixture {};
@@ -57,7 +60,7 @@ TEST_F(SCacheTest, FailedWriteIsLogged) {
     SCache::mutate([](FConfig& config) { config.dirty = true; });
     TaskRunner::runDue();
     EXPECT_EQ(storage_->storedWrites, 0);
-    EXPECT_EQ(logs_->last("commit", "Ferrit/SCache").errorCode, "1104");
+    EXPECT_EQ(logs_->last("commit", "Ferrit/SCache").errorCode, std::to_string(Errors::kFileWrite));
 }
 
 TEST_F(SCacheTest, PublishedSnapshotNeverChanges) {

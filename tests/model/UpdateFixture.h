@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "base/Proxy.h"
 #include "base/Telemetry.h"
 #include "marl/Clock.h"
@@ -30,7 +31,7 @@ class RecordingStorage : public ConfigStorage {
     Error writeConfig(const std::string& text, Durability durability) override {
         writes.push_back(text);
         durabilities.push_back(durability);
-        if (failWrites) return Error(1104, "write failed");
+        if (failWrites) return Error(Errors::kFileWrite, "write failed");
         ++storedWrites;
         return Error();
     }

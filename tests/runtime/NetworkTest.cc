@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "base/Environment.h"
+#include "base/Errors.h"
 #include "marl/Clock.h"
 #include "runtime/Network.h"
 #include "runtime/Settings.h"
@@ -81,7 +82,7 @@ TEST_F(NetworkTest, EmptyObjectConfigIsServerErrorNotEmptyDocument) {
     Environment::instance().setFlag(1);
     proxy_->serve("https://c/f", 200, "{}");
     auto [content, error] = config("https://c/f");
-    EXPECT_EQ(error.code(), 1202);
+    EXPECT_EQ(error.code(), Errors::kServerError);
     EXPECT_EQ(error.message(),
               "https://c/f server error, phase: 1 (set up, first configuration update "
               "not finished, updating not started)");
@@ -90,18 +91,19 @@ TEST_F(NetworkTest, EmptyObjectConfigIsServerErrorNotEmptyDocument) {
 
 TEST_F(NetworkTest, ConfigEmptyBodyBadStatusAndTransport) {
     proxy_->serve("https://c/empty", 200, "");
-    EXPECT_EQ(config("https://c/empty").second.code(), 1006);
+    EXPECT_EQ(config("https://c/empty").second.code(), Errors::kRequestNoData);
     proxy_->serve("https://c/500", 500, "oops");
     auto bad = config("https://c/500").second;
-    EXPECT_EQ(bad.code(), 1004);
+    EXPECT_EQ(bad.code(), Errors::kRequestInvalidStatus);
     EXPECT_EQ(bad.message(),
               "request \"https://c/500\" invalid status code 500 (Internal Server Error)");
-    EXPECT_EQ(config("https://c/304").second.code(), 1004) << "unknown URL answers 404";
+    EXPECT_EQ(config("https://c/304").second.code(), Errors::kRequestInvalidStatus)
+        << "unknown URL answers 404";
     FakeProxy::Answer broken;
     broken.transportError = Error(7, "reset");
     proxy_->serve("https://c/t", broken);
     auto transport = config("https://c/t").second;
-    EXPECT_EQ(transport.code(), 1003);
+    EXPECT_EQ(transport.code(), Errors::kRequestFailed);
     EXPECT_EQ(transport.message(), "request \"https://c/t\" failed: 7, reset");
 }
 
@@ -113,27 +115,27 @@ TEST_F(NetworkTest, EmptyUrlAndMissingProxyCompleteAtOnce) {
         got = e;
     });
     EXPECT_TRUE(called);
-    EXPECT_EQ(got.code(), 1001);
+    EXPECT_EQ(got.code(), Errors::kRequestInvalidUrl);
     EXPECT_EQ(got.message(), "request \"\" invalid URL");
     Environment::instance().setProxy(nullptr);
-    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), 9991);
+    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), Errors::kProxyNotInitialized);
     called = false;
     Network::requestConfig("https://c/f", "T", [&](std::string, Error e) {
         called = true;
         got = e;
     });
     EXPECT_TRUE(called);
-    EXPECT_EQ(got.code(), 9991);
+    EXPECT_EQ(got.code(), Errors::kProxyNotInitialized);
 }
 
 TEST_F(NetworkTest, ResourceNoContentIs1006) {
     proxy_->serve("https://r/a", 204, "");
-    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), 1006);
+    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), Errors::kRequestNoData);
 }
 
 TEST_F(NetworkTest, NotModifiedNeedsAllow304) {
     proxy_->serve("https://r/a", 304, "");
-    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), 1004);
+    EXPECT_EQ(resource("https://r/a", {}, false).second.code(), Errors::kRequestInvalidStatus);
     auto [response, error] = resource("https://r/a", {}, true);
     EXPECT_FALSE(error);
     EXPECT_EQ(response.statusCode, 304);
@@ -190,7 +192,7 @@ TEST_F(NetworkTest, PackWithoutFileIs1006) {
     FakeProxy::Answer answer;  // 200 with nothing written
     proxy_->serve("https://z/p.zip", answer);
     auto [length, error] = pack("https://z/p.zip", Folder::disk("temp/none.zip"));
-    EXPECT_EQ(error.code(), 1006);
+    EXPECT_EQ(error.code(), Errors::kRequestNoData);
     EXPECT_EQ(length, 0u);
 }
 
@@ -198,31 +200,32 @@ TEST_F(NetworkTest, PackFailuresArePosted) {
     bool called = false;
     Network::requestPack("", Folder::disk("temp/x"), "T", 0, [&](uint64_t, Error e) {
         called = true;
-        EXPECT_EQ(e.code(), 1001);
+        EXPECT_EQ(e.code(), Errors::kRequestInvalidUrl);
     });
     EXPECT_FALSE(called);
     TaskRunner::runDue();
     EXPECT_TRUE(called);
     proxy_->serve("https://z/p.zip", 403, "");
-    EXPECT_EQ(pack("https://z/p.zip", Folder::disk("temp/x")).second.code(), 1004);
+    EXPECT_EQ(pack("https://z/p.zip", Folder::disk("temp/x")).second.code(),
+              Errors::kRequestInvalidStatus);
 }
 
 TEST_F(NetworkTest, NetworkStatusGatesDownloads) {
     std::string reason;
-    Environment::instance().setNetworkStatusValue(0);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kNone);
     EXPECT_FALSE(Network::downloadAllowed(0, reason));
     EXPECT_EQ(reason, "None");
-    Environment::instance().setNetworkStatusValue(1);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kUnrestricted);
     EXPECT_TRUE(Network::downloadAllowed(0, reason));
-    Environment::instance().setNetworkStatusValue(2);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kSlowMobile);
     EXPECT_FALSE(Network::downloadAllowed(1u << 15, reason));
     EXPECT_EQ(reason, "Slow cellular");
     EXPECT_TRUE(Network::downloadAllowed(1u << 14, reason));
-    Environment::instance().setNetworkStatusValue(3);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kFastMobile);
     EXPECT_FALSE(Network::downloadAllowed(1u << 14, reason));
     EXPECT_EQ(reason, "Fast cellular");
     EXPECT_TRUE(Network::downloadAllowed(1u << 15, reason));
-    Environment::instance().setNetworkStatusValue(7);
+    Environment::instance().setNetworkStatusValue(static_cast<NetworkStatus>(7));
     EXPECT_FALSE(Network::downloadAllowed(~0ull, reason));
     EXPECT_TRUE(reason.empty());
 }
@@ -259,7 +262,7 @@ TEST_F(NetworkTest, ConfigRequestThatNeverAnswersEndsAtItsDeadline) {
     clock_->advance(1);
     TaskRunner::runDue();
     ASSERT_EQ(calls, 1);
-    EXPECT_EQ(got.code(), 1003);
+    EXPECT_EQ(got.code(), Errors::kRequestFailed);
     EXPECT_EQ(got.message(), "request \"https://c/f\" failed: " + std::to_string(ETIMEDOUT) +
                                  ", no answer within 20 s");
     clock_->advance(deadline);
@@ -282,7 +285,7 @@ TEST_F(NetworkTest, ResourceRequestThatNeverAnswersEndsAtItsDeadline) {
     clock_->advance(Settings::current()->resourceRequestDeadlineValue());
     TaskRunner::runDue();
     ASSERT_EQ(calls, 1);
-    EXPECT_EQ(got.code(), 1003);
+    EXPECT_EQ(got.code(), Errors::kRequestFailed);
     EXPECT_NE(got.message().find("no answer within 30 s"), std::string::npos) << got.message();
 }
 
@@ -301,7 +304,7 @@ TEST_F(NetworkTest, PackRequestThatNeverAnswersEndsAtItsDeadline) {
     clock_->advance(Settings::current()->packRequestDeadlineValue());
     TaskRunner::runDue();
     ASSERT_EQ(calls, 1);
-    EXPECT_EQ(got.code(), 1003);
+    EXPECT_EQ(got.code(), Errors::kRequestFailed);
     EXPECT_NE(got.message().find("no answer within 30 s"), std::string::npos) << got.message();
 }
 
@@ -311,12 +314,12 @@ TEST_F(NetworkTest, AnswerAfterTheDeadlineIsDropped) {
     int configCalls = 0;
     int resourceCalls = 0;
     Network::requestConfig("https://c/f", "T", [&](std::string, Error error) {
-        EXPECT_EQ(error.code(), 1003);
+        EXPECT_EQ(error.code(), Errors::kRequestFailed);
         ++configCalls;
     });
     Network::requestResource("https://r/a.js", "T", HeaderMap(), false,
                              [&](ProxyResponse, Error error) {
-                                 EXPECT_EQ(error.code(), 1003);
+                                 EXPECT_EQ(error.code(), Errors::kRequestFailed);
                                  ++resourceCalls;
                              });
     clock_->advance(Settings::kDefaultResourceRequestDeadline);
@@ -363,7 +366,7 @@ TEST_F(NetworkTest, DeadlinesComeFromSettings) {
     Network::requestConfig("https://c/f", "T", [&](std::string, Error error) { got = error; });
     clock_->advance(5000);
     TaskRunner::runDue();
-    EXPECT_EQ(got.code(), 1003);
+    EXPECT_EQ(got.code(), Errors::kRequestFailed);
     EXPECT_NE(got.message().find("no answer within 5 s"), std::string::npos) << got.message();
 }
 
@@ -374,7 +377,7 @@ TEST_F(NetworkTest, ConfigAboveItsSizeLimitIsRefusedBeforeParsing) {
     proxy_->serve("https://c/f", 200, std::string(17, ' '));
     auto [content, error] = config("https://c/f");
     EXPECT_TRUE(content.empty());
-    EXPECT_EQ(error.code(), 1007);
+    EXPECT_EQ(error.code(), Errors::kRequestDeserialization);
     EXPECT_EQ(error.message(),
               "request \"https://c/f\" deserialization failed: 17 bytes, above the limit of 16 "
               "(\"configMaxSize\")");

@@ -323,6 +323,32 @@ TEST_F(TaskRunnerTest, ClearDropsWaitingTasksWithoutRunningThem) {
     EXPECT_EQ(order_.get(), (std::vector<std::string>{"a"}));
 }
 
+// What a dropped callable owns may post from its destructor (a guard that hands work on): the
+// drop destroys callables only after it has let go of the runner's lock, so such a post is taken
+// like any other, both from a task still waiting and from one in the heap.
+TEST_F(TaskRunnerTest, ClearDestroysCallablesAfterReleasingTheLock) {
+    struct PostsWhenDestroyed {
+        PostsWhenDestroyed(TaskRunner* r, std::function<void()> t)
+            : runner(r), task(std::move(t)) {}
+        ~PostsWhenDestroyed() { runner->postTask(task); }
+        TaskRunner* runner;
+        std::function<void()> task;
+    };
+    runner_.postTask(record("delayed"), 10);
+    runner_.runDueTasks();  // "delayed" is now in the heap
+    auto inHeap = std::make_shared<PostsWhenDestroyed>(&runner_, record("b"));
+    runner_.postTask([inHeap] {}, 10);
+    runner_.runDueTasks();
+    auto waiting = std::make_shared<PostsWhenDestroyed>(&runner_, record("a"));
+    runner_.postTask([waiting] {});
+    inHeap.reset();
+    waiting.reset();
+    runner_.dropTasks();
+    EXPECT_EQ(runner_.pendingTasks(), 2u);
+    runner_.runDueTasks();
+    EXPECT_EQ(order_.get(), (std::vector<std::string>{"a", "b"}));
+}
+
 TEST_F(TaskRunnerTest, ClearFromWithinTaskDropsDelayedTasks) {
     runner_.postTask(record("delayed"), 10);
     runner_.runDueTasks();

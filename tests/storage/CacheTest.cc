@@ -14,6 +14,8 @@
 #include "tests/storage/CacheFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using FerritCore::Cache;
@@ -138,7 +140,7 @@ TEST_F(CacheTest, DifferentBodyIsStoredAndReportedWithItsFirstDifference) {
     mustWrite(kUrl, resourceOf("function a() { return 1; }", 1000));
     Error error;
     EXPECT_TRUE(write(kUrl, resourceOf("function a() { return 2; }", 2000), error));
-    EXPECT_EQ(error.code(), 1010);
+    EXPECT_EQ(error.code(), Errors::kRequestVerify);
     EXPECT_EQ(error.message(), std::string("cache verify failed: \"") + kUrl +
                                    "\" @22 content \"1; }\" not equal to other \"2; }\"");
     EXPECT_EQ(readBody(kUrl, error), "function a() { return 2; }");
@@ -186,7 +188,7 @@ TEST_F(CacheTest, FlippedByteGivesAMissWith1102AndTheEntryIsGone) {
 
     Error error;
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1102);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
     EXPECT_EQ(error.message().rfind(std::string("read cache \"") + kUrl + "\" failed: CRC &ul", 0),
               0u)
         << error.message();
@@ -197,7 +199,7 @@ TEST_F(CacheTest, FlippedByteGivesAMissWith1102AndTheEntryIsGone) {
 
     // The next read is a clean miss, and the store keeps working.
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(readBody("h/other.js", error), "kept");
     mustWrite(kUrl, resourceOf(body));
     EXPECT_EQ(readBody(kUrl, error), body);
@@ -220,7 +222,7 @@ TEST_F(CacheTest, FlippedByteInALargeFileIsAMissToo) {
 
     Error error;
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1102);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
     EXPECT_FALSE(std::filesystem::exists(file));
     EXPECT_EQ(cache().totalSize(), 0);
 }
@@ -250,7 +252,7 @@ TEST_F(CacheTest, NoCrcCheckRunsWithCacheCrcDisabled) {
     // Switched on again, the same bytes are refused.
     Settings::change([](Settings& s) { s.cacheCRCEnabled = true; });
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1102);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
 }
 
 // --- Owners -----------------------------------------------------------------------------------
@@ -269,11 +271,11 @@ TEST_F(CacheTest, WithTwoOwnersRemovingOneKeepsTheContentAndRemovingTheSecondDel
 
     cache().removeReference(kUrl, kOther);
     EXPECT_EQ(cache().read(kUrl, "", error), nullptr);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_FALSE(largeFileExists(kUrl));
     EXPECT_FALSE(cache().contains(std::string("meta/") + kUrl));
     EXPECT_EQ(cache().totalSize(), 0);
-    EXPECT_EQ(cache().get("config", error)["s"].int64Value(), 0);
+    EXPECT_EQ(cache().get("config").valueOr(JSON())["s"].int64Value(), 0);
 }
 
 TEST_F(CacheTest, ReadAddsItsOwnerAndExpiresIsTheLargestReference) {
@@ -336,7 +338,7 @@ TEST_F(CacheTest, FailedRewriteOfALargeBodyLeavesTheOldFileWhole) {
     Error error;
     EXPECT_FALSE(
         write(kUrl, resourceOf(std::string(Cache::kLargeThreshold + 2, 'n'), 2000), error));
-    EXPECT_EQ(error.code(), 1104);
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
     EXPECT_EQ(readBody(kUrl, error), old);
     EXPECT_EQ(cache().totalSize(), static_cast<int64_t>(old.size()));
 }
@@ -346,24 +348,24 @@ TEST_F(CacheTest, FailedRewriteOfALargeBodyLeavesTheOldFileWhole) {
 TEST_F(CacheTest, MetadataOfTheWrongTypeIsDroppedWith1102) {
     mustWrite(kUrl, resourceOf("body"));
     Error error;
-    ASSERT_TRUE(cache().put(std::string("meta/") + kUrl, JSON("not an object"), error));
+    ASSERT_FALSE(cache().put(std::string("meta/") + kUrl, JSON("not an object")));
     restart();
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1102);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
     EXPECT_EQ(error.message(),
               std::string("read store \"cache/meta/") + kUrl + "\" failed: invalid type string");
     EXPECT_FALSE(cache().contains(std::string("meta/") + kUrl));
     EXPECT_FALSE(cache().contains(std::string("res/") + kUrl));
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
 }
 
 TEST_F(CacheTest, BodyDocumentOfTheWrongTypeIsAMiss) {
     mustWrite(kUrl, resourceOf("body"));
     Error error;
-    ASSERT_TRUE(cache().put(std::string("res/") + kUrl, JSON(42), error));
+    ASSERT_FALSE(cache().put(std::string("res/") + kUrl, JSON(42)));
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1102);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
     EXPECT_EQ(error.message(),
               std::string("read store \"cache/res/") + kUrl + "\" failed: invalid type int");
     EXPECT_EQ(cache().totalSize(), 0);
@@ -374,7 +376,7 @@ TEST_F(CacheTest, LargeFileDeletedBehindTheCacheIsACleanMiss) {
     std::filesystem::remove(path("cache_large/" + md5Hex(kUrl)));
     Error error;
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(cache().totalSize(), 0);
     EXPECT_FALSE(cache().contains(std::string("meta/") + kUrl));
 }
@@ -384,7 +386,7 @@ TEST_F(CacheTest, LargeFileTruncatedBehindTheCacheIsACleanMiss) {
     std::filesystem::resize_file(path("cache_large/" + md5Hex(kUrl)), 1000);
     Error error;
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
-    EXPECT_EQ(error.code(), 1102);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
     EXPECT_EQ(error.message().rfind(std::string("deserialize store \"cache_large/") + kUrl, 0), 0u)
         << error.message();
     EXPECT_FALSE(std::filesystem::exists(path("cache_large/" + md5Hex(kUrl))));
@@ -433,7 +435,7 @@ TEST_F(CacheTest, DamagedDatabaseIsReplacedAndReportedAtOpening) {
     EXPECT_TRUE(cache().isOpen());
     const auto records = proxy_->named("Ferrit.CacheInit");
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].dimensions.at("errorCode"), "9997");
+    EXPECT_EQ(records[0].dimensions.at("errorCode"), std::to_string(Errors::kInitStorageFailed));
     Error error;
     EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
     mustWrite(kUrl, resourceOf("body"));
@@ -445,21 +447,21 @@ TEST_F(CacheTest, SyncDropsWhatHasNoOwnerOrNoContentAndRepairsTheTotal) {
     mustWrite("h/large.js", resourceOf(std::string(Cache::kLargeThreshold + 1, 'l')));
     mustWrite("h/gone.js", resourceOf(std::string(Cache::kLargeThreshold + 1, 'g')));
     std::filesystem::remove(path("cache_large/" + md5Hex("h/gone.js")));
-    Error error;
     // A body and a file that no entry names, and a total that is wrong.
-    ASSERT_TRUE(cache().put("res/h/orphan.js", JSON("x"), error));
+    ASSERT_FALSE(cache().put("res/h/orphan.js", JSON("x")));
     std::ofstream(path("cache_large/0123456789abcdef0123456789abcdef")) << "orphan";
-    ASSERT_TRUE(cache().put("config", MarlLogger::json::JSONObject{{"s", JSON(1)}}, error));
+    ASSERT_FALSE(cache().put("config", MarlLogger::json::JSONObject{{"s", JSON(1)}}));
     restart();
     ASSERT_EQ(cache().totalSize(), 1);
 
     cache().sync();
     EXPECT_EQ(cache().totalSize(), static_cast<int64_t>(4 + Cache::kLargeThreshold + 1));
-    EXPECT_EQ(cache().get("config", error)["s"].int64Value(), cache().totalSize());
+    EXPECT_EQ(cache().get("config").valueOr(JSON())["s"].int64Value(), cache().totalSize());
     EXPECT_FALSE(cache().contains("res/h/orphan.js"));
     EXPECT_FALSE(std::filesystem::exists(path("cache_large/0123456789abcdef0123456789abcdef")));
     EXPECT_FALSE(cache().contains("meta/h/gone.js"));
     EXPECT_EQ(cache().entryCount(), 2u);
+    Error error;
     EXPECT_EQ(readBody("h/kept.js", error), "kept");
     EXPECT_TRUE(largeFileExists("h/large.js"));
 }

@@ -1,6 +1,7 @@
 // Time marks kept in the shared configuration store, as the composition root installs them.
 #include <gtest/gtest.h>
 
+#include "base/Errors.h"
 #include "marl/Json.h"
 #include "marl/Log.h"
 #include "runtime/TimeMarks.h"
@@ -26,10 +27,9 @@ class TimeMarksStoreTest : public FerritTest::StoreFixture {
 
 TEST_F(TimeMarksStoreTest, MarkIsStoredAsNumberUnderMarksKey) {
     TimeMarks::writeMark("cleanup", 1234.5);
-    Error error;
-    const MarlLogger::json::JSON stored = ConfigStore::instance().get("marks/cleanup", error);
-    ASSERT_FALSE(error) << error.message();
-    EXPECT_EQ(stored.doubleValue(), 1234.5);
+    const auto stored = ConfigStore::instance().get("marks/cleanup");
+    ASSERT_TRUE(stored.ok()) << stored.error().message();
+    EXPECT_EQ(stored->doubleValue(), 1234.5);
 }
 
 TEST_F(TimeMarksStoreTest, MarkOutlivesReopeningOfStore) {
@@ -49,7 +49,7 @@ TEST_F(TimeMarksStoreTest, StoreThatCannotOpenGivesNowAndLogsFailedWrite) {
     EXPECT_EQ(TimeMarks::readMark("cleanup", 2000), 2000);  // nothing was kept
     const MarlLogger::LogEntry entry = logs->last("writeMark", "Ferrit/Task");
     ASSERT_EQ(entry.event, "writeMark");
-    EXPECT_EQ(entry.errorCode, "9997");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kInitStorageFailed));
     EXPECT_EQ(entry.field("key").stringValue(), "marks/cleanup");
 }
 

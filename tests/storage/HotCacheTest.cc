@@ -14,6 +14,8 @@
 #include "tests/storage/CacheFixture.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using FerritCore::Cache;
@@ -32,8 +34,7 @@ class HotCacheTest : public CacheFixture {
     // A module that stays fresh for an hour.
     CachedResource fresh(const std::string& body) { return resourceOf(body, 0, now() + 3600000); }
     JSON storedList(const std::string& key) {
-        Error error;
-        return ConfigStore::instance().get(key, error)["r"];
+        return ConfigStore::instance().get(key).valueOr(JSON())["r"];
     }
 };
 
@@ -43,12 +44,12 @@ TEST_F(HotCacheTest, ModuleCacheRefusesAnExpiredResourceAndDropsTheOldOne) {
     ASSERT_TRUE(ModuleCache::instance().contains("h/m.js"));
 
     EXPECT_FALSE(ModuleCache::instance().update("h/m.js", resourceOf("v2", 0, now()), error));
-    EXPECT_EQ(error.code(), 3115);
+    EXPECT_EQ(error.code(), Errors::kResourceExpired);
     EXPECT_EQ(error.message().rfind("resource out of date, expires: ", 0), 0u);
     EXPECT_FALSE(ModuleCache::instance().contains("h/m.js"));
     // Its only owner let go: the content is gone too.
     EXPECT_EQ(Cache::instance().read("h/m.js", "", error), nullptr);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
 }
 
 TEST_F(HotCacheTest, UniAppStoresAnExpiredResource) {
@@ -110,7 +111,7 @@ TEST_F(HotCacheTest, ReadMissTakesTheUrlOffTheListAndAHitCounts) {
 
     Cache::instance().removeReference("h/m.js", ModuleCache::kName);
     EXPECT_EQ(ModuleCache::instance().read("h/m.js", error), nullptr);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_FALSE(ModuleCache::instance().contains("h/m.js"));
 }
 

@@ -1,3 +1,4 @@
+#include "base/Errors.h"
 #include "storage/MetaStore.h"
 
 #include <gtest/gtest.h>
@@ -50,8 +51,8 @@ class MetaStoreTest : public FerritTest::StoreFixture {
     }
 
     void put(std::string_view key, const JSON& value) {
-        Error error;
-        ASSERT_TRUE(store_->put(key, value, error)) << error.message();
+        const Error error = store_->put(key, value);
+        ASSERT_FALSE(error) << error.message();
     }
 
     std::unique_ptr<MetaStore> store_;
@@ -60,40 +61,36 @@ class MetaStoreTest : public FerritTest::StoreFixture {
 TEST_F(MetaStoreTest, PutThenGetRoundTripsTheJsonValue) {
     const JSON value(
         JSONObject{{"c", JSON(3)}, {"p", JSON(1.5)}, {"s", JSON("text")}, {"n", JSON()}});
-    Error error(1, "stale");
-    EXPECT_TRUE(store_->put("statistics/a", value, error));
-    EXPECT_FALSE(error);
-    const JSON read = store_->get("statistics/a", error);
-    EXPECT_FALSE(error);
-    EXPECT_EQ(read, value);
+    EXPECT_FALSE(store_->put("statistics/a", value));
+    const ErrorOr<JSON> read = store_->get("statistics/a");
+    ASSERT_TRUE(read.ok()) << read.error().message();
+    EXPECT_EQ(*read, value);
 }
 
 TEST_F(MetaStoreTest, ArbitraryBytesInAStringRoundTripUnescaped) {
     std::string body(3 * 1024 * 1024, '\0');
     for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>((i * 7 + i / 251) & 0xFF);
     put("res/big", JSON(JSONObject{{"b", JSON(body)}}));
-    Error error;
-    const JSON read = store_->get("res/big", error);
-    ASSERT_FALSE(error) << error.message();
-    EXPECT_EQ(read["b"].stringViewValue(), body);
+    const ErrorOr<JSON> read = store_->get("res/big");
+    ASSERT_TRUE(read.ok()) << read.error().message();
+    EXPECT_EQ((*read)["b"].stringViewValue(), body);
 }
 
 TEST_F(MetaStoreTest, GetOfMissingKeyIs1101NamingDirectoryAndKey) {
-    Error error;
-    const JSON read = store_->get("a/b", error);
-    EXPECT_TRUE(read.isNull());
-    EXPECT_EQ(error.code(), 1101);
-    EXPECT_EQ(error.message(), "store \"meta/a/b\" not exists");
+    const ErrorOr<JSON> read = store_->get("a/b");
+    EXPECT_FALSE(read.ok());
+    EXPECT_EQ(read.error().code(), Errors::kFileNotExists);
+    EXPECT_EQ(read.error().message(), "store \"meta/a/b\" not exists");
 }
 
 // A key present with a value that does not parse gives 1102 with the parser's words, and the
 // value stays in the database until somebody removes it.
 TEST_F(MetaStoreTest, UndecodableValueIs1102WithParserWordsAndStaysStored) {
     putRaw("bad", "\xc1\xc1\xc1");
-    Error error;
-    const JSON read = store_->get("bad", error);
-    EXPECT_TRUE(read.isNull());
-    EXPECT_EQ(error.code(), 1102);
+    const ErrorOr<JSON> read = store_->get("bad");
+    EXPECT_FALSE(read.ok());
+    const Error& error = read.error();
+    EXPECT_EQ(error.code(), Errors::kFileRead);
     std::string parserWords;
     JSON::parseBinary("\xc1\xc1\xc1", &parserWords);
     ASSERT_FALSE(parserWords.empty());
@@ -152,8 +149,7 @@ TEST_F(MetaStoreTest, EnumerateCallbackMayReadAndRemoveKeys) {
     for (int i = 0; i < 300; ++i) put("s/" + std::to_string(i), JSON(i));
     int read = 0;
     store_->enumerate("s/", [&](std::string_view key) {
-        Error error;
-        if (!store_->get(key, error).isNull()) ++read;
+        if (store_->get(key).ok()) ++read;
         store_->remove(key);
         return false;
     });
@@ -191,12 +187,11 @@ TEST_F(MetaStoreTest, ClosedStoreAnswers9997WithStatusMinusOne) {
     store_->close();
     EXPECT_FALSE(store_->isOpen());
     EXPECT_EQ(store_->status(), -1);
-    Error error;
-    EXPECT_TRUE(store_->get("k", error).isNull());
-    EXPECT_EQ(error.code(), 9997);
-    EXPECT_EQ(error.message(), "Initialize store \"meta/\" failed: -1 (store is closed)");
-    EXPECT_FALSE(store_->put("k", JSON(2), error));
-    EXPECT_EQ(error.code(), 9997);
+    const ErrorOr<JSON> read = store_->get("k");
+    EXPECT_FALSE(read.ok());
+    EXPECT_EQ(read.error().code(), Errors::kInitStorageFailed);
+    EXPECT_EQ(read.error().message(), "Initialize store \"meta/\" failed: -1 (store is closed)");
+    EXPECT_EQ(store_->put("k", JSON(2)).code(), Errors::kInitStorageFailed);
     EXPECT_FALSE(store_->contains("k"));
     store_->remove("k");
     store_->removeByPrefix("");
@@ -211,8 +206,7 @@ TEST_F(MetaStoreTest, ClosedStoreAnswers9997WithStatusMinusOne) {
 TEST_F(MetaStoreTest, ValuesSurviveReopen) {
     put("k", JSON("v"));
     ASSERT_EQ(store_->open(), 0);
-    Error error;
-    EXPECT_EQ(store_->get("k", error), JSON("v"));
+    EXPECT_EQ(store_->get("k").valueOr(JSON()), JSON("v"));
 }
 
 TEST_F(MetaStoreTest, StoreDoesNotOpenWhileTheRootIsUnset) {
@@ -222,9 +216,7 @@ TEST_F(MetaStoreTest, StoreDoesNotOpenWhileTheRootIsUnset) {
     EXPECT_FALSE(store.isOpen());
     EXPECT_EQ(store.path(), "");
     EXPECT_FALSE(std::filesystem::exists("/nowhere"));
-    Error error;
-    store.get("k", error);
-    EXPECT_EQ(error.code(), 9997);
+    EXPECT_EQ(store.get("k").error().code(), Errors::kInitStorageFailed);
 }
 
 // Readers on several threads while another closes and reopens the store: every read either
@@ -237,13 +229,12 @@ TEST_F(MetaStoreTest, CloseAndReopenWhileOtherThreadsRead) {
     for (int t = 0; t < 3; ++t) {
         readers.emplace_back([&] {
             while (!stop.load()) {
-                Error error;
-                const JSON value = store_->get("k", error);
-                if (!error) {
-                    EXPECT_EQ(value, JSON(42));
+                const ErrorOr<JSON> value = store_->get("k");
+                if (value.ok()) {
+                    EXPECT_EQ(*value, JSON(42));
                     found.fetch_add(1);
                 } else {
-                    EXPECT_EQ(error.code(), 9997);
+                    EXPECT_EQ(value.error().code(), Errors::kInitStorageFailed);
                 }
             }
         });
@@ -295,8 +286,7 @@ TEST_F(ConfigStoreTest, InstanceIsOneObjectAcrossThreads) {
 }
 
 TEST_F(ConfigStoreTest, RestartOpensTheStoreUnderTheRootOfTheNewProcess) {
-    Error error;
-    ASSERT_TRUE(ConfigStore::instance().put("marks/a", JSON(1.0), error));
+    ASSERT_FALSE(ConfigStore::instance().put("marks/a", JSON(1.0)));
     FerritTest::TempDir other;
     restart();
     setRootPath(other.root());

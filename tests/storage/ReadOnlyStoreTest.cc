@@ -157,27 +157,24 @@ TEST_F(ReadOnlyStoreTest, EachCauseHasItsWords) {
 
 TEST_F(ReadOnlyStoreTest, WritesWaitWhileReadOnlyAndSayWhy) {
     ConfigStore& store = ConfigStore::instance();
-    Error error;
-    ASSERT_TRUE(store.put("kept", JSON(1), error));
+    ASSERT_FALSE(store.put("kept", JSON(1)));
     StorageState::enterReadOnly(StorageState::Cause::DiskFull, root());
 
-    EXPECT_FALSE(store.put("late", JSON(2), error));
-    EXPECT_EQ(error.code(), 1104);
+    const Error error = store.put("late", JSON(2));
+    EXPECT_EQ(error.code(), Errors::kFileWrite);
     EXPECT_EQ(error.message(),
               "Storage \"config_v2/late\" write paused: read-only: disk full at "
               "root " +
                   root());
     store.remove("kept");
-    Error packsError;
-    EXPECT_FALSE(PacksStore::instance().put("k", "v", packsError));
-    EXPECT_EQ(packsError.code(), 1104);
+    EXPECT_EQ(PacksStore::instance().put("k", "v").code(), Errors::kFileWrite);
     // Reads go on.
-    EXPECT_EQ(store.get("kept", error), JSON(1));
+    EXPECT_EQ(store.get("kept").valueOr(JSON()), JSON(1));
 
     StorageState::markWritable();
-    store.get("late", error);
-    EXPECT_EQ(error.code(), 1101) << "nothing was written while paused";
-    EXPECT_EQ(store.get("kept", error), JSON(1)) << "nothing was deleted while paused";
+    EXPECT_EQ(store.get("late").error().code(), Errors::kFileNotExists)
+        << "nothing was written while paused";
+    EXPECT_EQ(store.get("kept").valueOr(JSON()), JSON(1)) << "nothing was deleted while paused";
 }
 
 // A damaged database in a folder that cannot be written: before, the store was removed and
@@ -203,8 +200,8 @@ TEST_F(ReadOnlyStoreTest, DamagedStoreIsNotReplacedWhileTheFolderCannotBeWritten
     EXPECT_TRUE(StorageState::writable());
     EXPECT_TRUE(store.isOpen());
     EXPECT_FALSE(store.isReadOnly());
-    Error error;
-    EXPECT_TRUE(store.put("after", JSON(3), error)) << error.message();
+    const Error error = store.put("after", JSON(3));
+    EXPECT_FALSE(error) << error.message();
 }
 
 // A full disk is never a reason to remove a store, even one that does not open.
@@ -238,18 +235,17 @@ TEST_F(ReadOnlyStoreTest, StoreMessagesCarrySqlitesWords) {
         "read store \"config_v2/k\" failed: 10 (disk I/O error)");
     const Error write =
         withStatusText(Errors::storageWrite("packs", "k", SQLITE_FULL), SQLITE_FULL);
-    EXPECT_EQ(write.code(), 1104);
+    EXPECT_EQ(write.code(), Errors::kFileWrite);
     EXPECT_EQ(write.message(), "Storage \"packs/k\" write failed: 13 (database or disk is full)");
     const Error erase =
         withStatusText(Errors::storageDelete("packs", "k", SQLITE_BUSY), SQLITE_BUSY);
-    EXPECT_EQ(erase.code(), 1109);
+    EXPECT_EQ(erase.code(), Errors::kStorageDelete);
     EXPECT_EQ(erase.message(), "Storage \"packs/k\" delete failed: 5 (database is locked)");
     // A read through a real store that is not open says so too.
-    Error error;
-    std::string value;
     PacksStore::instance().close();
-    EXPECT_FALSE(PacksStore::instance().get("config", value, error));
-    EXPECT_EQ(error.message(), "Initialize storage \"packs\" failed: -1 (store is closed)");
+    const ErrorOr<std::string> value = PacksStore::instance().get("config");
+    EXPECT_FALSE(value.ok());
+    EXPECT_EQ(value.error().message(), "Initialize storage \"packs\" failed: -1 (store is closed)");
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include "base/Errors.h"
 #include "storage/SeriesStore.h"
 
 #include <gtest/gtest.h>
@@ -28,8 +29,8 @@ class SeriesStoreTest : public FerritTest::StoreFixture {
     }
 
     void put(std::string_view key, std::string_view value) {
-        Error error;
-        ASSERT_TRUE(store_->put(key, value, error)) << error.message();
+        const Error error = store_->put(key, value);
+        ASSERT_FALSE(error) << error.message();
     }
 
     std::vector<std::string> keys(std::string_view prefix) {
@@ -54,34 +55,28 @@ TEST_F(SeriesStoreTest, NamesTagAndStatisticsEventComeFromTheName) {
 
 TEST_F(SeriesStoreTest, PutThenGetReturnsTheStringExactly) {
     const std::string value("a\0b\xFF", 4);
-    Error error(1, "stale");
-    EXPECT_TRUE(store_->put("app/1/index.html", value, error));
-    EXPECT_FALSE(error);
-    std::string read;
-    EXPECT_TRUE(store_->get("app/1/index.html", read, error));
-    EXPECT_FALSE(error);
-    EXPECT_EQ(read, value);
+    EXPECT_FALSE(store_->put("app/1/index.html", value));
+    const ErrorOr<std::string> read = store_->get("app/1/index.html");
+    ASSERT_TRUE(read.ok());
+    EXPECT_FALSE(read.error());
+    EXPECT_EQ(*read, value);
 }
 
 TEST_F(SeriesStoreTest, GetOfMissingKeyIs1101WithStorageWords) {
-    std::string read = "stale";
-    Error error;
-    EXPECT_FALSE(store_->get("a/b", read, error));
-    EXPECT_TRUE(read.empty());
-    EXPECT_EQ(error.code(), 1101);
-    EXPECT_EQ(error.message(), "Storage \"series/a/b\" not exists");
+    const ErrorOr<std::string> read = store_->get("a/b");
+    EXPECT_FALSE(read.ok());
+    EXPECT_EQ(read.error().code(), Errors::kFileNotExists);
+    EXPECT_EQ(read.error().message(), "Storage \"series/a/b\" not exists");
 }
 
 TEST_F(SeriesStoreTest, ClosedStoreAnswers9997WithStorageWords) {
     put("k", "v");
     store_->close();
-    std::string read;
-    Error error;
-    EXPECT_FALSE(store_->get("k", read, error));
-    EXPECT_EQ(error.code(), 9997);
-    EXPECT_EQ(error.message(), "Initialize storage \"series\" failed: -1 (store is closed)");
-    EXPECT_FALSE(store_->put("k", "w", error));
-    EXPECT_EQ(error.code(), 9997);
+    const ErrorOr<std::string> read = store_->get("k");
+    EXPECT_FALSE(read.ok());
+    EXPECT_EQ(read.error().code(), Errors::kInitStorageFailed);
+    EXPECT_EQ(read.error().message(), "Initialize storage \"series\" failed: -1 (store is closed)");
+    EXPECT_EQ(store_->put("k", "w").code(), Errors::kInitStorageFailed);
     EXPECT_FALSE(store_->contains("k"));
     store_->remove("k");
     store_->removeByPrefix("");
@@ -142,10 +137,7 @@ TEST_F(SeriesStoreTest, ClearEmptiesTheStoreAndLogsClearWithName) {
 TEST_F(SeriesStoreTest, ReopenKeepsTheValues) {
     put("k", "v");
     ASSERT_EQ(store_->reopen(), 0);
-    std::string read;
-    Error error;
-    EXPECT_TRUE(store_->get("k", read, error));
-    EXPECT_EQ(read, "v");
+    EXPECT_EQ(store_->get("k").valueOr(""), "v");
 }
 
 // --- PacksStore -----------------------------------------------------------------------------
@@ -179,49 +171,45 @@ TEST_F(PacksStoreTest, OpensPacksUnderTheRootAndReportsLoad) {
 
 TEST_F(PacksStoreTest, ReadConfigPrefersTheStore) {
     writeLegacy("from file");
-    Error error;
-    ASSERT_TRUE(PacksStore::instance().put("config", "from store", error));
-    EXPECT_EQ(PacksStore::instance().readConfig(error), "from store");
-    EXPECT_FALSE(error);
+    ASSERT_FALSE(PacksStore::instance().put("config", "from store"));
+    const ErrorOr<std::string> text = PacksStore::instance().readConfig();
+    EXPECT_FALSE(text.error());
+    EXPECT_EQ(text.valueOr(""), "from store");
 }
 
 TEST_F(PacksStoreTest, ReadConfigFallsBackToTheOlderFileWhenTheKeyIsMissing) {
     writeLegacy("from file");
-    Error error;
-    EXPECT_EQ(PacksStore::instance().readConfig(error), "from file");
-    EXPECT_FALSE(error) << error.message();
+    const ErrorOr<std::string> text = PacksStore::instance().readConfig();
+    EXPECT_FALSE(text.error()) << text.error().message();
+    EXPECT_EQ(text.valueOr(""), "from file");
 }
 
 TEST_F(PacksStoreTest, ReadConfigWithNeitherIsTheFileError) {
-    Error error;
-    EXPECT_EQ(PacksStore::instance().readConfig(error), "");
-    EXPECT_EQ(error.code(), 1101);
-    EXPECT_NE(error.message().find("config/fconfig.config"), std::string::npos);
+    const ErrorOr<std::string> text = PacksStore::instance().readConfig();
+    EXPECT_FALSE(text.ok());
+    EXPECT_EQ(text.error().code(), Errors::kFileNotExists);
+    EXPECT_NE(text.error().message().find("config/fconfig.config"), std::string::npos);
 }
 
 TEST_F(PacksStoreTest, ReadConfigOfAClosedStoreIs9997WithoutTheFile) {
     writeLegacy("from file");
     PacksStore::instance().close();
-    Error error;
-    EXPECT_EQ(PacksStore::instance().readConfig(error), "");
-    EXPECT_EQ(error.code(), 9997);
+    const ErrorOr<std::string> text = PacksStore::instance().readConfig();
+    EXPECT_FALSE(text.ok());
+    EXPECT_EQ(text.error().code(), Errors::kInitStorageFailed);
 }
 
 TEST_F(PacksStoreTest, WriteConfigStoresTheTextAndDeletesTheOlderFile) {
     writeLegacy("old");
-    Error error;
-    EXPECT_TRUE(PacksStore::instance().writeConfig("new", error));
-    EXPECT_FALSE(error);
+    EXPECT_FALSE(PacksStore::instance().writeConfig("new"));
     EXPECT_FALSE(legacyExists());
-    EXPECT_EQ(PacksStore::instance().readConfig(error), "new");
+    EXPECT_EQ(PacksStore::instance().readConfig().valueOr(""), "new");
 }
 
 TEST_F(PacksStoreTest, FailedWriteConfigKeepsTheOlderFile) {
     writeLegacy("old");
     PacksStore::instance().close();
-    Error error;
-    EXPECT_FALSE(PacksStore::instance().writeConfig("new", error));
-    EXPECT_EQ(error.code(), 9997);
+    EXPECT_EQ(PacksStore::instance().writeConfig("new").code(), Errors::kInitStorageFailed);
     EXPECT_TRUE(legacyExists());
 }
 
@@ -237,10 +225,10 @@ TEST_F(PacksStoreTest, PackedFolderFilesLiveInTheStore) {
     std::vector<std::string> listed;
     for (const Folder& file : Folder::packed("p/").listFiles()) listed.push_back(file.relative());
     EXPECT_EQ(listed, (std::vector<std::string>{"p/1/res/a.js", "p/1/res/ab.js"}));
-    Folder::removeFile(Folder::packed("p/1/res/a"), false);
+    Folder::removeFile(Folder::packed("p/1/res/a"), Removal::kGone);
     EXPECT_FALSE(Folder::packed("p/1/").exists());
     Folder::readFile(Folder::packed("p/1/res/a.js"), error);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_TRUE(std::filesystem::is_directory(temp_.path() / "packs"));
 }
 

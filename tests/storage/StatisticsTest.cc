@@ -26,8 +26,9 @@ class StatisticsTest : public StoreFixture {
         return ConfigStore::instance().contains(std::string(Statistics::kKeyPrefix) + name);
     }
     MarlLogger::json::JSON storedValue(const std::string& name) {
-        FerritCore::Error error;
-        return ConfigStore::instance().get(std::string(Statistics::kKeyPrefix) + name, error);
+        return ConfigStore::instance()
+            .get(std::string(Statistics::kKeyPrefix) + name)
+            .valueOr(MarlLogger::json::JSON());
     }
 };
 
@@ -120,10 +121,10 @@ TEST_F(StatisticsTest, EntriesAreStoredAsAccessAndPrefetch) {
 
 TEST_F(StatisticsTest, LoadingSkipsAnEntryThatDoesNotRead) {
     {
-        FerritCore::Error error;
-        ConfigStore::instance().put("statistics/good",
-                                    MarlLogger::json::JSONObject{{"c", 4.0}, {"p", 1.0}}, error);
-        ConfigStore::instance().put("statistics/bad", MarlLogger::json::JSON("garbage"), error);
+        ASSERT_FALSE(ConfigStore::instance().put(
+            "statistics/good", MarlLogger::json::JSONObject{{"c", 4.0}, {"p", 1.0}}));
+        ASSERT_FALSE(
+            ConfigStore::instance().put("statistics/bad", MarlLogger::json::JSON("garbage")));
     }
     restart();
     EXPECT_DOUBLE_EQ(Statistics::accessValue("good"), 4.0);

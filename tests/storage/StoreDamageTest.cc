@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Errors.h"
 #include "base/LogTags.h"
 #include "storage/ConfigStore.h"
 #include "storage/MetaStore.h"
@@ -41,9 +42,8 @@ class StoreDamageTest : public FerritTest::StoreFixture {
     // in the database file.
     void fillConfigStore(int count) {
         for (int i = 0; i < count; ++i) {
-            Error error;
-            ASSERT_TRUE(ConfigStore::instance().put("k/" + std::to_string(i),
-                                                    JSON(std::string(1000, 'v')), error));
+            ASSERT_FALSE(ConfigStore::instance().put("k/" + std::to_string(i),
+                                                     JSON(std::string(1000, 'v'))));
         }
         ConfigStore::instance().close();
         ASSERT_FALSE(std::filesystem::exists(databaseFile("config_v2") + "-wal"));
@@ -62,7 +62,7 @@ class StoreDamageTest : public FerritTest::StoreFixture {
             sqlite3_errstr(firstStatus) + ")";
         const auto init = proxy_->named("Ferrit.ConfigInit");
         ASSERT_EQ(init.size(), 1u);
-        EXPECT_EQ(init[0].dimensions.at("errorCode"), "9997");
+        EXPECT_EQ(init[0].dimensions.at("errorCode"), std::to_string(Errors::kInitStorageFailed));
         EXPECT_EQ(init[0].dimensions.at("errorMsg"), words);
         const auto storage = proxy_->named("Ferrit.Storage");
         ASSERT_EQ(storage.size(), 1u);
@@ -70,7 +70,7 @@ class StoreDamageTest : public FerritTest::StoreFixture {
         EXPECT_EQ(storage[0].dimensions.at("errorCode"), std::to_string(firstStatus));
         const auto entry = capture->last("init", LogTag::kConfig);
         EXPECT_TRUE(entry.hasError);
-        EXPECT_EQ(entry.errorCode, "9997");
+        EXPECT_EQ(entry.errorCode, std::to_string(Errors::kInitStorageFailed));
         EXPECT_EQ(entry.errorMessage, words);
 
         EXPECT_TRUE(store.isOpen());
@@ -81,10 +81,11 @@ class StoreDamageTest : public FerritTest::StoreFixture {
             return false;
         });
         EXPECT_EQ(keys, 0);
-        Error error;
-        EXPECT_TRUE(store.put("after", JSON(JSONObject{{"c", JSON(1)}}), error)) << error.message();
-        EXPECT_EQ(store.get("after", error)["c"], JSON(1));
-        EXPECT_FALSE(error);
+        const Error error = store.put("after", JSON(JSONObject{{"c", JSON(1)}}));
+        EXPECT_FALSE(error) << error.message();
+        const ErrorOr<JSON> after = store.get("after");
+        ASSERT_TRUE(after.ok()) << after.error().message();
+        EXPECT_EQ((*after)["c"], JSON(1));
     }
 };
 
@@ -134,16 +135,15 @@ TEST_F(StoreDamageTest, DamagedPacksStoreReportsStorageWordsAndWorks) {
         " (file is not a database)";
     const auto records = proxy_->named("FTS_packs");
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].dimensions.at("errorCode"), "9997");
+    EXPECT_EQ(records[0].dimensions.at("errorCode"), std::to_string(Errors::kInitStorageFailed));
     EXPECT_EQ(records[0].dimensions.at("errorMsg"), words);
     ASSERT_EQ(proxy_->named("Ferrit.Storage").size(), 1u);
     const auto load = capture->last("load", "Ferrit/Packs");
     EXPECT_EQ(load.errorMessage, words);
     EXPECT_EQ(load.field("name"), JSON("packs"));
 
-    Error error;
-    EXPECT_TRUE(PacksStore::instance().writeConfig("{}", error));
-    EXPECT_EQ(PacksStore::instance().readConfig(error), "{}");
+    EXPECT_FALSE(PacksStore::instance().writeConfig("{}"));
+    EXPECT_EQ(PacksStore::instance().readConfig().valueOr(""), "{}");
 }
 
 // Two failures in a row: every operation reports 9997, reads give the JSON null, and nothing
@@ -158,16 +158,15 @@ TEST_F(StoreDamageTest, TwoFailuresInARowAnswerEveryOperationWith9997) {
     EXPECT_EQ(store.status(), SQLITE_CANTOPEN);
     const auto init = proxy_->named("Ferrit.ConfigInit");
     ASSERT_EQ(init.size(), 1u);
-    EXPECT_EQ(init[0].dimensions.at("errorCode"), "9997");
+    EXPECT_EQ(init[0].dimensions.at("errorCode"), std::to_string(Errors::kInitStorageFailed));
 
-    Error error;
-    EXPECT_TRUE(store.get("k", error).isNull());
-    EXPECT_EQ(error.code(), 9997);
-    EXPECT_EQ(error.message(),
+    const ErrorOr<JSON> read = store.get("k");
+    EXPECT_FALSE(read.ok());
+    EXPECT_EQ(read.error().code(), Errors::kInitStorageFailed);
+    EXPECT_EQ(read.error().message(),
               "Initialize store \"config_v2/\" failed: " + std::to_string(SQLITE_CANTOPEN) +
                   " (unable to open database file)");
-    EXPECT_FALSE(store.put("k", JSON(1), error));
-    EXPECT_EQ(error.code(), 9997);
+    EXPECT_EQ(store.put("k", JSON(1)).code(), Errors::kInitStorageFailed);
     EXPECT_FALSE(store.contains("k"));
     store.remove("k");
     store.removeByPrefix("k");
@@ -178,16 +177,16 @@ TEST_F(StoreDamageTest, TwoFailuresInARowAnswerEveryOperationWith9997) {
     EXPECT_FALSE(called);
     EXPECT_EQ(store.diskSize(), 0u);
 
-    std::string value;
-    EXPECT_FALSE(PacksStore::instance().get("config", value, error));
-    EXPECT_EQ(error.code(), 9997);
-    EXPECT_EQ(error.message(),
+    const ErrorOr<std::string> value = PacksStore::instance().get("config");
+    EXPECT_FALSE(value.ok());
+    EXPECT_EQ(value.error().code(), Errors::kInitStorageFailed);
+    EXPECT_EQ(value.error().message(),
               "Initialize storage \"packs\" failed: " + std::to_string(SQLITE_CANTOPEN) +
                   " (unable to open database file)");
-    EXPECT_EQ(PacksStore::instance().readConfig(error), "");
-    EXPECT_EQ(error.code(), 9997);
-    EXPECT_FALSE(PacksStore::instance().writeConfig("{}", error));
-    EXPECT_EQ(error.code(), 9997);
+    const ErrorOr<std::string> text = PacksStore::instance().readConfig();
+    EXPECT_FALSE(text.ok());
+    EXPECT_EQ(text.error().code(), Errors::kInitStorageFailed);
+    EXPECT_EQ(PacksStore::instance().writeConfig("{}").code(), Errors::kInitStorageFailed);
 }
 
 // A store locked by another connection beyond the busy timeout is not damaged: it is left as it
@@ -198,8 +197,7 @@ TEST_F(StoreDamageTest, StoreLockedByAnotherConnectionIsNotReplaced) {
     {
         MetaStore store("locked/", "Ferrit/Test", options);
         ASSERT_EQ(store.open(), 0);
-        Error error;
-        ASSERT_TRUE(store.put("kept", JSON(1), error));
+        ASSERT_FALSE(store.put("kept", JSON(1)));
     }
     sqlite3* holder = nullptr;
     ASSERT_EQ(
@@ -213,14 +211,12 @@ TEST_F(StoreDamageTest, StoreLockedByAnotherConnectionIsNotReplaced) {
     const int first = store.open();
     EXPECT_TRUE(KeyValueStore::isTransient(first)) << first;
     EXPECT_FALSE(store.isOpen());
-    Error error;
-    store.get("kept", error);
-    EXPECT_EQ(error.code(), 9997);
+    EXPECT_EQ(store.get("kept").error().code(), Errors::kInitStorageFailed);
 
     sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
     sqlite3_close_v2(holder);
     ASSERT_EQ(store.open(), 0);
-    EXPECT_EQ(store.get("kept", error), JSON(1));
+    EXPECT_EQ(store.get("kept").valueOr(JSON()), JSON(1));
 }
 
 // --- Processes ------------------------------------------------------------------------------
@@ -240,9 +236,7 @@ TEST_F(StoreDamageTest, WritesSurviveAKillOfTheWritingProcess) {
         MetaStore store("victim/", "Ferrit/Test", KeyValueStore::Options::forConfig());
         if (store.open() != 0) childExit(2);
         for (int i = 0; i < kChildWrites; ++i) {
-            Error error;
-            if (!store.put("k/" + std::to_string(i), JSON(JSONObject{{"i", JSON(i)}}), error))
-                childExit(3);
+            if (store.put("k/" + std::to_string(i), JSON(JSONObject{{"i", JSON(i)}}))) childExit(3);
         }
         ::raise(SIGKILL);
         childExit(4);
@@ -257,8 +251,8 @@ TEST_F(StoreDamageTest, WritesSurviveAKillOfTheWritingProcess) {
     MetaStore store("victim/", "Ferrit/Test", KeyValueStore::Options::forConfig());
     ASSERT_EQ(store.open(), 0);
     for (int i = 0; i < kChildWrites; ++i) {
-        Error error;
-        EXPECT_EQ(store.get("k/" + std::to_string(i), error)["i"], JSON(i)) << error.message();
+        const ErrorOr<JSON> value = store.get("k/" + std::to_string(i));
+        EXPECT_EQ(value.valueOr(JSON())["i"], JSON(i)) << value.error().message();
     }
 }
 
@@ -270,8 +264,7 @@ TEST_F(StoreDamageTest, WritesSurviveAnExitWithoutClose) {
         auto* store = new SeriesStore("victim", KeyValueStore::Options::forPacks());
         if (store->open() != 0) childExit(2);
         for (int i = 0; i < kChildWrites; ++i) {
-            Error error;
-            if (!store->put("k/" + std::to_string(i), std::to_string(i), error)) childExit(3);
+            if (store->put("k/" + std::to_string(i), std::to_string(i))) childExit(3);
         }
         childExit(0);
     }
@@ -283,10 +276,9 @@ TEST_F(StoreDamageTest, WritesSurviveAnExitWithoutClose) {
     SeriesStore store("victim", KeyValueStore::Options::forPacks());
     ASSERT_EQ(store.open(), 0);
     for (int i = 0; i < kChildWrites; ++i) {
-        std::string value;
-        Error error;
-        EXPECT_TRUE(store.get("k/" + std::to_string(i), value, error)) << error.message();
-        EXPECT_EQ(value, std::to_string(i));
+        const ErrorOr<std::string> value = store.get("k/" + std::to_string(i));
+        EXPECT_TRUE(value.ok()) << value.error().message();
+        EXPECT_EQ(value.valueOr(""), std::to_string(i));
     }
 }
 
@@ -307,14 +299,13 @@ TEST_F(StoreDamageTest, TwoProcessesWritingOneStoreDoNotCorruptIt) {
         MetaStore mine("shared/", "Ferrit/Test", KeyValueStore::Options::forConfig());
         if (mine.open() != 0) childExit(2);
         for (int i = 0; i < kChildWrites; ++i) {
-            Error error;
             const JSON value(JSONObject{
                 {"who", JSON("child")}, {"i", JSON(i)}, {"pad", JSON(std::string(i, 'c'))}});
-            if (!mine.put("child/" + std::to_string(i), value, error)) childExit(3);
-            if (mine.get("child/" + std::to_string(i), error) != value) childExit(4);
-            const JSON other = mine.get("parent/" + std::to_string(i), error);
-            if (!error && other["who"] != JSON("parent")) childExit(6);
-            if (error && error.code() != 1101) childExit(7);
+            if (mine.put("child/" + std::to_string(i), value)) childExit(3);
+            if (mine.get("child/" + std::to_string(i)).valueOr(JSON()) != value) childExit(4);
+            const ErrorOr<JSON> other = mine.get("parent/" + std::to_string(i));
+            if (other.ok() && (*other)["who"] != JSON("parent")) childExit(6);
+            if (!other.ok() && !Errors::isFileMissing(other.error())) childExit(7);
         }
         childExit(0);
     }
@@ -322,14 +313,14 @@ TEST_F(StoreDamageTest, TwoProcessesWritingOneStoreDoNotCorruptIt) {
     ASSERT_EQ(::write(go[1], "g", 1), 1);
     ::close(go[1]);
     for (int i = 0; i < kChildWrites; ++i) {
-        Error error;
         const JSON value(JSONObject{
             {"who", JSON("parent")}, {"i", JSON(i)}, {"pad", JSON(std::string(i, 'p'))}});
-        ASSERT_TRUE(store.put("parent/" + std::to_string(i), value, error)) << error.message();
-        EXPECT_EQ(store.get("parent/" + std::to_string(i), error), value);
-        const JSON other = store.get("child/" + std::to_string(i), error);
-        if (!error) {
-            EXPECT_EQ(other["who"], JSON("child"));
+        const Error error = store.put("parent/" + std::to_string(i), value);
+        ASSERT_FALSE(error) << error.message();
+        EXPECT_EQ(store.get("parent/" + std::to_string(i)).valueOr(JSON()), value);
+        const ErrorOr<JSON> other = store.get("child/" + std::to_string(i));
+        if (other.ok()) {
+            EXPECT_EQ((*other)["who"], JSON("child"));
         }
     }
     int status = 0;
@@ -338,9 +329,10 @@ TEST_F(StoreDamageTest, TwoProcessesWritingOneStoreDoNotCorruptIt) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
 
     for (int i = 0; i < kChildWrites; ++i) {
-        Error error;
-        EXPECT_EQ(store.get("child/" + std::to_string(i), error)["i"], JSON(i)) << error.message();
-        EXPECT_EQ(store.get("parent/" + std::to_string(i), error)["i"], JSON(i)) << error.message();
+        const ErrorOr<JSON> child = store.get("child/" + std::to_string(i));
+        EXPECT_EQ(child.valueOr(JSON())["i"], JSON(i)) << child.error().message();
+        const ErrorOr<JSON> parent = store.get("parent/" + std::to_string(i));
+        EXPECT_EQ(parent.valueOr(JSON())["i"], JSON(i)) << parent.error().message();
     }
     store.close();
     EXPECT_EQ(FerritTest::rawQuery(databaseFile("shared"), "PRAGMA integrity_check"), "ok");

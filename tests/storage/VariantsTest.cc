@@ -1,3 +1,4 @@
+#include "base/Errors.h"
 #include "storage/Variants.h"
 
 #include <gtest/gtest.h>
@@ -20,12 +21,11 @@ using MarlLogger::json::JSONObject;
 class VariantsTest : public FerritTest::StoreFixture {
   protected:
     static JSON stored(const std::string& key) {
-        Error error;
-        return ConfigStore::instance().get(key, error);
+        return ConfigStore::instance().get(key).valueOr(JSON());
     }
     static void putStored(const std::string& key, const JSON& value) {
-        Error error;
-        ASSERT_TRUE(ConfigStore::instance().put(key, value, error)) << error.message();
+        const Error error = ConfigStore::instance().put(key, value);
+        ASSERT_FALSE(error) << error.message();
     }
     static JSON registration(const std::string& names, const std::string& accept) {
         return JSON(JSONObject{{"n", JSON(names)}, {"a", JSON(accept)}});
@@ -177,7 +177,7 @@ TEST_F(VariantsTest, ClosedStoreLeavesAnEmptySetAndLogsTheFailedWrite) {
     variants().registerAccept("host", "dark", "theme");
     EXPECT_TRUE(variants().list().empty());
     const auto entry = capture->last("register", LogTag::kVariant);
-    EXPECT_EQ(entry.errorCode, "9997");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kInitStorageFailed));
     EXPECT_EQ(entry.field("key"), JSON("host"));
 }
 

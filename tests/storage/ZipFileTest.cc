@@ -1,3 +1,4 @@
+#include "base/Errors.h"
 #include "storage/ZipFile.h"
 
 #include <gtest/gtest.h>
@@ -21,10 +22,13 @@
 #include "tools/pack/ZipWriter.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using FerritCore::Error;
 using FerritCore::Folder;
+using FerritCore::Removal;
 using FerritCore::ZipFile;
 using FerritTools::ZipWriter;
 namespace fs = std::filesystem;
@@ -126,11 +130,11 @@ class ZipFileTest : public ProcessTest {
         bool result = true;
         EXPECT_TRUE(walk(zip, error, &result).empty());
         EXPECT_FALSE(result);
-        EXPECT_EQ(error.code(), 2207);
+        EXPECT_EQ(error.code(), Errors::kUnzipFailed);
         EXPECT_EQ(error.message(), "unzip \"in/pack.zip\" failed: " + reason);
         error.clear();
         EXPECT_EQ(zip.extractTo(target(), error), 0u);
-        EXPECT_EQ(error.code(), 2207);
+        EXPECT_EQ(error.code(), Errors::kUnzipFailed);
         EXPECT_EQ(error.message(), "unzip \"in/pack.zip\" failed: " + reason);
         EXPECT_TRUE(filesInTarget().empty());
         expectNothingOutsideTarget();
@@ -304,7 +308,7 @@ TEST_F(ZipFileTest, ReadEntryComparesNamesWithCase) {
     Error error;
     ZipFile zip = ZipFile::open(source(), archive, error);
     EXPECT_EQ(zip.readEntry("a.txt", error), "");
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_EQ(error.message(),
               "unzip \"in/pack.zip\" failed: Open zip file failed: -100 (UNZ_END_OF_LIST_OF_FILE: "
               "no such entry)");
@@ -314,25 +318,25 @@ TEST_F(ZipFileTest, OpenOfBytesThatAreNoZipGives2207) {
     Error error;
     ZipFile zip = ZipFile::open(source(), "this is no zip archive at all", error);
     EXPECT_FALSE(zip);
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_EQ(error.message(),
               "unzip \"in/pack.zip\" failed: Open zip file failed: -103 (UNZ_BADZIPFILE: not a zip "
               "archive or damaged)");
     EXPECT_FALSE(ZipFile::open(source(), "", error));
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
 }
 
 TEST_F(ZipFileTest, ClosedArchiveFailsEveryOperationWith2207) {
     ZipFile zip;
     Error error;
     EXPECT_EQ(zip.readEntry("a", error), "");
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_TRUE(error.message().ends_with(
         "failed: Open zip file failed: -102 (UNZ_PARAMERROR: the archive is not open)"))
         << error.message();
     error.clear();
     EXPECT_EQ(zip.extractTo(target(), error), 0u);
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
 }
 
 TEST_F(ZipFileTest, MovedArchiveKeepsReading) {
@@ -421,12 +425,12 @@ TEST_F(ZipFileTest, CorruptDeflateStreamGivesReadFailedWithNegativeStatus) {
     bool result = true;
     EXPECT_TRUE(walk(zip, error, &result).empty());
     EXPECT_FALSE(result);
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_EQ(error.message(), "unzip \"in/pack.zip\" failed: Read zip file \"bad.js\" failed: " +
                                    std::to_string(Z_DATA_ERROR) +
                                    " (Z_DATA_ERROR: invalid or damaged deflate data)");
     EXPECT_EQ(zip.readEntry("bad.js", error), "");
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
 }
 
 TEST_F(ZipFileTest, StreamShorterThanItsRecordedSizeGives2207) {
@@ -450,7 +454,7 @@ TEST_F(ZipFileTest, ContentWhoseCrcDiffersFromTheRecordedOneGives2207) {
                                    " (UNZ_CRCERROR: content does not match its CRC-32)");
     error.clear();
     EXPECT_EQ(zip.extractTo(target(), error), 0u);
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_TRUE(filesInTarget().empty());
 }
 
@@ -503,7 +507,7 @@ TEST_F(ZipFileTest, UnpackFileReadsOpensAndExtracts) {
 TEST_F(ZipFileTest, UnpackFileOfAMissingArchiveGivesTheReadError) {
     Error error;
     EXPECT_EQ(ZipFile::unpackFile(source(), target(), error), 0u);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
 }
 
 TEST_F(ZipFileTest, UnpackFileOfAFileThatIsNoZipGives2207) {
@@ -590,7 +594,7 @@ TEST_F(ZipFileTest, NulByteInAnEntryNameIsRefused) {
     ZipFile zip = ZipFile::open(source(), archive, error);
     ASSERT_TRUE(zip);
     EXPECT_TRUE(walk(zip, error).empty());
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_TRUE(error.message().ends_with("holds a NUL byte")) << error.message();
     expectNothingOutsideTarget();
 }
@@ -643,7 +647,7 @@ TEST_F(ZipFileTest, FourGiBDeclaredOverASmallStreamIsRefusedBeforeAllocating) {
     ASSERT_TRUE(zip) << error.message();
     EXPECT_TRUE(walk(zip, error).empty());
     const std::string prefix = "unzip \"in/pack.zip\" failed: ";
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_TRUE(error.message() == prefix + declared + "6" + from ||
                 error.message() == prefix + declared + "5" + from)
         << error.message();
@@ -698,7 +702,7 @@ TEST_F(ZipFileTest, EntryAboveTheInflationRatioIsRefusedBeforeInflating) {
     ASSERT_TRUE(zip);
     uint64_t total = 0;
     EXPECT_FALSE(zip.declaredSize(total, error));
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_NE(error.message().find("Entry \"zeros.bin\" inflates 4194304 bytes from "),
               std::string::npos)
         << error.message();
@@ -707,7 +711,7 @@ TEST_F(ZipFileTest, EntryAboveTheInflationRatioIsRefusedBeforeInflating) {
         << error.message();
     error.clear();
     EXPECT_EQ(zip.extractTo(target(), error), 0u);
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_TRUE(filesInTarget().empty());
     // The limit is a setting.
     FerritCore::Settings::updateRemote({{"maxInflationRatio", "2000"}});
@@ -818,7 +822,7 @@ TEST_F(ZipFileTest, EmptyZipIsAnEmptyArchive) {
     EXPECT_EQ(zip.extractTo(target(), error), 0u);
     EXPECT_FALSE(error) << error.message();
     EXPECT_TRUE(zip.readEntry("app-res.hvc", error).empty());
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     expectNothingOutsideTarget();
 }
 
@@ -829,7 +833,7 @@ TEST_F(ZipFileTest, EndRecordThatCountsEntriesItDoesNotHaveGives2207) {
     archive[8] = 1;
     Error error;
     EXPECT_FALSE(ZipFile::open(source(), archive, error));
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
 }
 
 // With something ahead of it, an archive without entries opens through minizip and walks as
@@ -859,7 +863,7 @@ TEST_F(ZipFileTest, CentralDirectoryCutShortGives2207) {
               "archive or damaged)");
     // Cut anywhere inside the directory, the end record is lost as well.
     EXPECT_FALSE(ZipFile::open(source(), archive.substr(0, directory + 20), error));
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     expectNothingOutsideTarget();
 }
 
@@ -897,16 +901,17 @@ TEST_F(ZipFileTest, DamagedArchivesFailCleanly) {
         Error error;
         ZipFile zip = ZipFile::open(source(), damaged, error);
         if (!zip) {
-            EXPECT_EQ(error.code(), 2207);
+            EXPECT_EQ(error.code(), Errors::kUnzipFailed);
             continue;
         }
         const uint64_t total = zip.extractTo(target(), error);
         if (error) {
             EXPECT_EQ(total, 0u);
-            EXPECT_TRUE(error.code() == 2207 || error.code() == 1104) << error.message();
+            EXPECT_TRUE(error.code() == Errors::kUnzipFailed || error.code() == Errors::kFileWrite)
+                << error.message();
         }
         expectNothingOutsideTarget();
-        Folder::removeFile(Folder::disk("box/"), false);
+        Folder::removeFile(Folder::disk("box/"), Removal::kGone);
     }
 }
 

@@ -73,8 +73,8 @@ class CleanupTest : public InstallFixture {
         std::ofstream(temp_.path() / relative) << content;
     }
     static void putKey(const std::string& key) {
-        Error error;
-        ASSERT_TRUE(PacksStore::instance().put(key, "v", error)) << error.message();
+        const Error error = PacksStore::instance().put(key, "v");
+        ASSERT_FALSE(error) << error.message();
     }
     static bool hasKey(const std::string& key) { return PacksStore::instance().contains(key); }
     static CleanupCandidate candidate(double score, bool eliminated, double updateTime) {

@@ -5,11 +5,14 @@
 
 #include <algorithm>
 
+#include "base/Errors.h"
 #include "base/Url.h"
 #include "tests/update/InstallFixture.h"
 #include "tools/pack/ZipWriter.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using FerritTools::ZipWriter;
@@ -104,23 +107,23 @@ class HostileArchiveTest : public InstallFixture {
 };
 
 TEST_F(HostileArchiveTest, ParentEntryIsRefused) {
-    expectRefused(archive({file("../x", "x")}), 2207,
+    expectRefused(archive({file("../x", "x")}), Errors::kUnzipFailed,
                   unzipFailed("Entry name \"../x\" climbs out of its folder"));
     EXPECT_FALSE(onDisk("temp/x"));
 }
 
 TEST_F(HostileArchiveTest, AbsoluteEntryIsRefused) {
-    expectRefused(archive({file("/etc/x", "x")}), 2207,
+    expectRefused(archive({file("/etc/x", "x")}), Errors::kUnzipFailed,
                   unzipFailed("Entry name \"/etc/x\" is absolute"));
 }
 
 TEST_F(HostileArchiveTest, EntryClimbingThroughASubfolderIsRefused) {
-    expectRefused(archive({file("a/../../x", "x")}), 2207,
+    expectRefused(archive({file("a/../../x", "x")}), Errors::kUnzipFailed,
                   unzipFailed("Entry name \"a/../../x\" climbs out of its folder"));
 }
 
 TEST_F(HostileArchiveTest, BackslashEntryIsRefused) {
-    expectRefused(archive({file("res\\..\\..\\x", "x")}), 2207,
+    expectRefused(archive({file("res\\..\\..\\x", "x")}), Errors::kUnzipFailed,
                   unzipFailed("Entry name \"res\\..\\..\\x\" holds a backslash"));
 }
 
@@ -128,11 +131,12 @@ TEST_F(HostileArchiveTest, SymbolicLinkEntryIsRefused) {
     ZipWriter::Entry link = file("res/link", "/etc/passwd");
     link.deflate = false;
     link.unixMode = 0120777;
-    expectRefused(archive({link}), 2207, unzipFailed("Entry \"res/link\" is a symbolic link"));
+    expectRefused(archive({link}), Errors::kUnzipFailed,
+                  unzipFailed("Entry \"res/link\" is a symbolic link"));
 }
 
 TEST_F(HostileArchiveTest, DuplicateEntryIsRefused) {
-    expectRefused(archive({file("res/index.html", "<p>second copy</p>")}), 2207,
+    expectRefused(archive({file("res/index.html", "<p>second copy</p>")}), Errors::kUnzipFailed,
                   unzipFailed("Duplicate entry \"res/index.html\""));
 }
 
@@ -140,7 +144,7 @@ TEST_F(HostileArchiveTest, FourGiBDeclaredOverASmallStreamIsRefusedWithoutAlloca
     const std::string stream = FerritTools::rawDeflate("hello");
     serveFull("app", 2, archive({rawEntry("res/big.bin", stream, 4ull << 30, 0)}), kAppZipPrefix);
     const Error error = update("app", kTriggerTimer);
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     // The exact size depends on how minizip reads the 64-bit field: 2^32 or 2^32 - 1.
     EXPECT_NE(error.message().find("Entry \"res/big.bin\" declares 429496729"), std::string::npos)
         << error.message();
@@ -153,7 +157,7 @@ TEST_F(HostileArchiveTest, DeflateBombDeclaringItsSizeIsRefused) {
     // About 1 KiB of stream that would inflate to 1 GiB of zeros.
     const std::string stream = FerritTools::rawDeflate(std::string(1 << 20, '\0'));
     ASSERT_LT(stream.size(), 2048u);
-    expectRefused(archive({rawEntry("res/bomb.bin", stream, 1ull << 30, 0)}), 2207,
+    expectRefused(archive({rawEntry("res/bomb.bin", stream, 1ull << 30, 0)}), Errors::kUnzipFailed,
                   unzipFailed("Entry \"res/bomb.bin\" declares 1073741824 bytes from " +
                               std::to_string(stream.size()) + " compressed"));
 }
@@ -180,17 +184,17 @@ TEST_F(HostileArchiveTest, TruncatedCentralDirectoryIsRefused) {
     const size_t directory = zip.find(std::string("PK\x01\x02", 4));
     ASSERT_NE(directory, std::string::npos);
     expectRefused(
-        zip.substr(0, directory + 30), 2207,
+        zip.substr(0, directory + 30), Errors::kUnzipFailed,
         unzipFailed("Open zip file failed: -103 (UNZ_BADZIPFILE: not a zip archive or damaged)"));
 }
 
 TEST_F(HostileArchiveTest, EmptyZipIsRefused) {
-    expectRefused(raw({}), 2207);
+    expectRefused(raw({}), Errors::kUnzipFailed);
 }
 
 TEST_F(HostileArchiveTest, ZipWithoutTheListIsRefused) {
     expectRefused(
-        archive({}, version2(), false), 2207,
+        archive({}, version2(), false), Errors::kUnzipFailed,
         unzipFailed("Open zip file failed: -100 (UNZ_END_OF_LIST_OF_FILE: no such entry)"));
 }
 
@@ -198,7 +202,7 @@ TEST_F(HostileArchiveTest, UnsignedListIsRefused) {
     std::vector<ZipWriter::Entry> entries;
     entries.push_back(file("app-res.hvc", R"({"res/index.html":{"v":"x"}})"));
     entries.push_back(file("res/index.html", "<html>"));
-    expectRefused(raw(entries), 1107,
+    expectRefused(raw(entries), Errors::kFileDeserialization,
                   "file \"app.zip/app-res.hvc\" deserialization failed: Token || not found");
 }
 
@@ -208,7 +212,7 @@ TEST_F(HostileArchiveTest, ListWithAForgedSignatureIsRefused) {
     std::vector<ZipWriter::Entry> entries;
     entries.push_back(file("app-res.hvc", list));
     for (const auto& [path, content] : version2()) entries.push_back(file("res/" + path, content));
-    expectRefused(raw(entries), 1106);
+    expectRefused(raw(entries), Errors::kFileVerify);
 }
 
 // The tampered file has the listed size, so that the MD5 is what refuses it.
@@ -219,14 +223,14 @@ TEST_F(HostileArchiveTest, FileWhoseMd5DiffersFromTheListIsRefused) {
     entries.push_back(file("app-res.hvc", indexOf(version2())));
     for (const auto& [path, content] : version2())
         entries.push_back(file("res/" + path, path == "js/app.js" ? tampered : content));
-    expectRefused(raw(entries), 1106,
+    expectRefused(raw(entries), Errors::kFileVerify,
                   "file \"temp/app_2_0/origin.zip/res/js/app.js\" verify failed: MD5 \"" +
                       FerritCore::Digest::md5Hex(tampered) + "\" different with expectation \"" +
                       FerritCore::Digest::md5Hex(version2().at("js/app.js")) + "\"");
 }
 
 TEST_F(HostileArchiveTest, FileThatTheListDoesNotNameIsRefused) {
-    expectRefused(archive({file("res/extra.js", "sneaky();")}), 2406,
+    expectRefused(archive({file("res/extra.js", "sneaky();")}), Errors::kPreloadNotFound,
                   "temp/app_2_0/origin.zip/res/extra.js not found");
 }
 
@@ -240,7 +244,8 @@ TEST_F(HostileArchiveTest, EmptyEntryWhoseListNamesContentIsRefusedWithNoData) {
     entries.push_back(file("app-res.hvc", indexOf(listed)));
     for (const auto& [path, content] : listed)
         entries.push_back(file("res/" + path, path == "empty.txt" ? "" : content));
-    expectRefused(raw(entries), 1103, "file \"temp/app_2_0/origin.zip/res/empty.txt\" no data");
+    expectRefused(raw(entries), Errors::kNoData,
+                  "file \"temp/app_2_0/origin.zip/res/empty.txt\" no data");
 }
 
 TEST_F(HostileArchiveTest, ListThatNamesAPathOutsideThePackIsRefused) {
@@ -248,7 +253,7 @@ TEST_F(HostileArchiveTest, ListThatNamesAPathOutsideThePackIsRefused) {
         R"({"../../escape.txt":{"v":")" + FerritCore::Digest::md5Hex("x") + R"("}})";
     std::vector<ZipWriter::Entry> entries;
     entries.push_back(file("app-res.hvc", FakeProxy::signIndex(json)));
-    expectRefused(raw(entries), 1107);
+    expectRefused(raw(entries), Errors::kFileDeserialization);
 }
 
 // Random damage to a good pack zip never crashes, never writes outside, and never changes what

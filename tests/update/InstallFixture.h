@@ -47,7 +47,6 @@ class InstallFixture : public ProcessTest {
     static constexpr const char* kZipPrefix = "https://dl.test/";
     static constexpr const char* kAppZipPrefix = "https://app.test/";
     static constexpr const char* kSite = "https://shop.test/app/";
-    static constexpr uint32_t kNetworkUnrestricted = 1;
 
     void SetUp() override {
         ProcessTest::SetUp();
@@ -57,7 +56,7 @@ class InstallFixture : public ProcessTest {
         proxy_ = std::make_shared<FakeProxy>();
         Environment& environment = Environment::instance();
         environment.setProxy(proxy_);
-        environment.setNetworkStatusValue(kNetworkUnrestricted);
+        environment.setNetworkStatusValue(NetworkStatus::kUnrestricted);
         environment.setClientActive(true);
         HostDefaults defaults;
         defaults.configPrefix = kConfigPrefix;
@@ -203,7 +202,7 @@ class InstallFixture : public ProcessTest {
         drive();
     }
     // One update through the queue, driven to its end; the completion's error.
-    Error update(const std::string& name, int trigger) {
+    Error update(const std::string& name, UpdateTrigger trigger) {
         Error result(-1, "never completed");
         UpdateQueue::request(name, trigger, [&](const Error& error) { result = error; });
         drive();

@@ -9,21 +9,24 @@
 #include <filesystem>
 
 #include "access/UpdateRequester.h"
+#include "base/Errors.h"
 #include "base/Url.h"
 #include "storage/ZipFile.h"
 #include "tests/update/InstallFixture.h"
 #include "tools/pack/ZipWriter.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using MarlLogger::json::JSON;
 using MarlLogger::json::JSONObject;
 
-constexpr uint32_t kDamagedPackFile = 3109;
-constexpr uint32_t kNoData = 1103;
-constexpr uint32_t kVerifyFailed = 1106;
-constexpr uint32_t kNotExists = 1101;
+constexpr uint32_t kDamagedPackFile = Errors::kPackFileNotFound;
+constexpr uint32_t kNoData = Errors::kNoData;
+constexpr uint32_t kVerifyFailed = Errors::kFileVerify;
+constexpr uint32_t kNotExists = Errors::kFileNotExists;
 
 class IntegrityTest : public InstallFixture {
   protected:
@@ -156,7 +159,7 @@ TEST_F(IntegrityTest, RevertIncrementThatWouldKeepAnotherVersionsBytesFetchesThe
 TEST_F(IntegrityTest, FileRemovedByTheInstalledVersionAndRestoredFetchesTheFullZip) {
     installShopAt(1, siteA());
     ASSERT_NO_FATAL_FAILURE(updateShopToB());
-    EXPECT_EQ(read("css/app.css").error.code(), 3002);
+    EXPECT_EQ(read("css/app.css").error.code(), Errors::kNotFerritPackResource);
     // Version 3 is B with the style sheet back; its increment from 1 lists only the page.
     PackFiles v3Files = siteB();
     v3Files["css/app.css"] = siteA().at("css/app.css");
@@ -263,7 +266,7 @@ TEST_F(IntegrityTest, SizeThatIsNoCountOfBytesFailsTheList) {
         ASSERT_TRUE(FerritTools::signIndex(json, "ed25519", signer(), list, error)) << error;
         const ResourceIndex index(
             "shop", [&](const std::string&, Error&) { return list; }, false);
-        EXPECT_EQ(index.error().code(), 1107) << size;
+        EXPECT_EQ(index.error().code(), Errors::kFileDeserialization) << size;
         EXPECT_NE(index.error().message().find("is not a count of bytes"), std::string::npos)
             << index.error().message();
     }
@@ -393,9 +396,9 @@ TEST_F(IntegrityTest, EmptyArchiveIsValidAndHoldsNothing) {
 class RefusingStorage : public ConfigStorage {
   public:
     Error writeConfig(const std::string&, Durability) override {
-        return Error(1104, "write storage \"packs/config\" failed: 13");
+        return Error(Errors::kFileWrite, "write storage \"packs/config\" failed: 13");
     }
-    void removeFolder(const Folder& folder) override { Folder::removeFile(folder, false); }
+    void removeFolder(const Folder& folder) override { Folder::removeFile(folder, Removal::kGone); }
     void wipeInstalled() override {}
 };
 

@@ -1,5 +1,6 @@
 // The pack kit against the library's own readers: what it builds opens as a zip, verifies as a
 // resource index, unwraps and parses as a configuration document.
+#include "base/Errors.h"
 #include "tools/pack/PackBuilder.h"
 
 #include <gtest/gtest.h>
@@ -183,7 +184,7 @@ TEST_F(PackBuilderTest, ListSignedWithAnotherKeyIsRefusedByTheIndex) {
     ASSERT_TRUE(FerritTools::buildPack(version1(), other, bytes, message)) << message;
     Error error;
     ZipFile zip = ZipFile::open(Folder::disk("p.zip"), bytes, error);
-    EXPECT_EQ(indexOf(zip, "shop", false).error().code(), 1106);
+    EXPECT_EQ(indexOf(zip, "shop", false).error().code(), Errors::kFileVerify);
 }
 
 TEST_F(PackBuilderTest, ExtractedPackVerifiesItsFilesFromTheFolder) {
@@ -228,7 +229,7 @@ TEST_F(PackBuilderTest, IncrementalIndexHidesRemovedPathsAndDescribesTheNewVersi
     EXPECT_NE(index.find("res/new.js"), nullptr);
     // Read as a full list, the records without "v" fail the whole index.
     const ResourceIndex full = indexOf(zip, "shop", false);
-    EXPECT_EQ(full.error().code(), 1107);
+    EXPECT_EQ(full.error().code(), Errors::kFileDeserialization);
     EXPECT_EQ(full.error().message(),
               "file \"shop.zip/app-res.hvc\" deserialization failed: MD5 for \"res/gone.js\" not "
               "found");
@@ -318,7 +319,7 @@ TEST_F(PackBuilderTest, ConfigurationDocumentVerifiesAndParses) {
     // Signed with another key, the document is refused.
     proxy_->acceptSignatures = false;
     EXPECT_EQ(FConfig::parse(document, "u", error, true), nullptr);
-    EXPECT_EQ(error.code(), 1010);
+    EXPECT_EQ(error.code(), Errors::kRequestVerify);
 }
 
 TEST_F(PackBuilderTest, ConfigurationDocumentNeedsAVersionAndDistinctNames) {

@@ -8,6 +8,7 @@
 
 #include "access/Reader.h"
 #include "access/UpdateRequester.h"
+#include "base/Errors.h"
 #include "base/Url.h"
 #include "storage/Statistics.h"
 #include "storage/ZipFile.h"
@@ -16,6 +17,8 @@
 #include "update/QueueRequester.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using MarlLogger::json::JSON;
@@ -57,10 +60,10 @@ class PackInstallTest : public InstallFixture {
     }
     // The configuration the packs store holds, as a restart would load it.
     static PackPtr stored(const std::string& name) {
+        const ErrorOr<std::string> text = PacksStore::instance().readConfig();
+        if (!text.ok()) return nullptr;
         Error error;
-        const std::string text = PacksStore::instance().readConfig(error);
-        if (error) return nullptr;
-        std::shared_ptr<FConfig> document = FConfig::parse(text, "local", error, false);
+        std::shared_ptr<FConfig> document = FConfig::parse(*text, "local", error, false);
         return document ? document->find(name) : nullptr;
     }
 };
@@ -89,7 +92,7 @@ TEST_F(PackInstallTest, NoPackServerFailsInWordsAndSendsNothing) {
     p->md5 = Digest::md5Hex(zipOf(version1()));
     put({p});
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 1002);
+    EXPECT_EQ(error.code(), Errors::kNoServerAddress);
     EXPECT_EQ(error.message(), "No server address: the host set no pack server (zipPrefixRelease)");
     EXPECT_TRUE(proxy_->requests.empty());
     EXPECT_TRUE(tempLeft().empty());
@@ -125,7 +128,7 @@ TEST_F(PackInstallTest, IncrementalInstallWithTheSameBaseSeqCopiesTheUnchangedFi
     EXPECT_EQ(find("shop")->installedSeq, 2u);
     expectServes(version2());
     // The removed file is gone from the new version.
-    EXPECT_EQ(read("old.txt").error.code(), 3002);
+    EXPECT_EQ(read("old.txt").error.code(), Errors::kNotFerritPackResource);
     const std::vector<std::string> keys = packedKeys("shop/2/");
     EXPECT_NE(std::find(keys.begin(), keys.end(), "shop/2/app-res-incr.hvc"), keys.end());
     EXPECT_NE(std::find(keys.begin(), keys.end(), "shop/2/app-res.hvc"), keys.end());
@@ -176,7 +179,7 @@ TEST_F(PackInstallTest, IncrementalNeedsTheSameBaseSeqElseTheFullZipIsFetchedAnd
     configure("shop", 4, 4, "0123456789abcdef0123456789abcdef");
     serveFull("shop", 4, full);
     error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 1106);
+    EXPECT_EQ(error.code(), Errors::kFileVerify);
     EXPECT_EQ(error.message(), "file \"temp/shop_4_0/origin.zip\" verify failed: MD5 \"" +
                                    Digest::md5Hex(full) +
                                    "\" different with expectation "
@@ -189,7 +192,7 @@ TEST_F(PackInstallTest, IncrementalWithAWrongMd5IsRefused) {
     installShop1();
     configure("shop", 2, 1, "", "0123456789abcdef0123456789abcdef");
     serveIncrement("shop", 2, incrementOf(version1(), version2()));
-    EXPECT_EQ(update("shop", kTriggerTimer).code(), 1106);
+    EXPECT_EQ(update("shop", kTriggerTimer).code(), Errors::kFileVerify);
     EXPECT_EQ(find("shop")->installedSeq, 1u);
     expectServes(version1());
     EXPECT_TRUE(packedKeys("shop/2/").empty());
@@ -203,7 +206,7 @@ TEST_F(PackInstallTest, IncrementalWhoseInstalledFolderIsGoneMarksThePackForRein
     configure("shop", 2, 1, "", Digest::md5Hex(increment));
     serveIncrement("shop", 2, increment);
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 1101);
+    EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(error.message(), "file \"/Packs/shop/1/\" not exists");
     EXPECT_EQ(find("shop")->status, kPackStatusNeedReinstall);
     EXPECT_EQ(find("shop")->installedSeq, 1u);
@@ -257,7 +260,7 @@ TEST_F(PackInstallTest, WrappedInstallWithADamagedImageIs2301) {
     Settings::change([](Settings& s) { s.encryptionTypeRemote = 1; });
     proxy_->serve("https://dl.test/shop/5.png", 200, png);
     const Error result = update("shop", kTriggerTimer);
-    EXPECT_EQ(result.code(), 2301);
+    EXPECT_EQ(result.code(), Errors::kDecryptFailed);
     EXPECT_EQ(
         result.message().rfind("decrypt \"temp/shop_5_0/origin.zip\" using Type-A failed: CRC", 0),
         0u)
@@ -273,7 +276,7 @@ TEST_F(PackInstallTest, ZipDownloadIsNotUnwrapped) {
     p->flags |= uint64_t{kPayloadWrapped} << 16;
     put({p});
     serveFull("shop", 5, png);  // encryption is off: the task asks for ".zip"
-    EXPECT_EQ(update("shop", kTriggerTimer).code(), 2207);
+    EXPECT_EQ(update("shop", kTriggerTimer).code(), Errors::kUnzipFailed);
 }
 
 TEST_F(PackInstallTest, RawInstallUnpacksTheWholeZipUnderRes) {
@@ -312,7 +315,7 @@ TEST_F(PackInstallTest, RawInstallOfAHostileZipLeavesNothing) {
     ASSERT_TRUE(writer.addFile("../escape.txt", "x", error)) << error;
     ASSERT_TRUE(writer.finish(zip, error)) << error;
     proxy_->serve(url, 200, zip);
-    EXPECT_EQ(update(url, kTriggerVisit).code(), 2207);
+    EXPECT_EQ(update(url, kTriggerVisit).code(), Errors::kUnzipFailed);
     EXPECT_EQ(find(Digest::md5Hex(Url::key(url))), nullptr);
     EXPECT_FALSE(onDisk("apps/" + Digest::md5Hex(Url::key(url))));
     EXPECT_FALSE(onDisk("escape.txt"));
@@ -537,11 +540,11 @@ TEST_F(PackInstallTest, FinishedDeletesTempPathsNotifiesTheHostAndReportsEverySt
 TEST_F(PackInstallTest, FailedRunReportsItsErrorAndTellsTheHostNothing) {
     put({record("shop", kPackTypeFerrit, 1, 1, kPriorityAutoInstall)});
     proxy_->serve("https://dl.test/shop/1.zip", 500, "oops");
-    EXPECT_EQ(update("shop", kTriggerTimer).code(), 1004);
+    EXPECT_EQ(update("shop", kTriggerTimer).code(), Errors::kRequestInvalidStatus);
     EXPECT_TRUE(proxy_->updatedPacks.empty());
     const std::vector<FakeProxy::Record> records = proxy_->named("Ferrit.AppUpdate");
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].dimensions.at("errorCode"), "1004");
+    EXPECT_EQ(records[0].dimensions.at("errorCode"), std::to_string(Errors::kRequestInvalidStatus));
 }
 
 // ---- The pack configuration -------------------------------------------------------------------
@@ -586,7 +589,7 @@ TEST_F(PackConfigTest, SignedConfigurationIsMergedAndThenTheZipFetched) {
 
 TEST_F(PackConfigTest, UnsignedConfigurationIsRefused) {
     proxy_->serve("https://cfg.test/packconfig/shop/0", 200, R"({"v":"1","packs":{}})");
-    EXPECT_EQ(update("shop", kTriggerTimer).code(), 1007);
+    EXPECT_EQ(update("shop", kTriggerTimer).code(), Errors::kRequestDeserialization);
     EXPECT_EQ(find("shop")->seq, 0u);
 }
 
@@ -595,7 +598,7 @@ TEST_F(PackConfigTest, ConfigurationWithoutTheNameIsPackNameMismatch) {
     other.name = "other";
     proxy_->serve("https://cfg.test/packconfig/shop/0", 200, document({other}));
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 1201);
+    EXPECT_EQ(error.code(), Errors::kPackNameMismatch);
     EXPECT_EQ(error.message(), "https://cfg.test/packconfig/shop/0 packName mismatch: shop");
     EXPECT_EQ(find("other"), nullptr);
 }
@@ -604,10 +607,11 @@ TEST_F(PackConfigTest, PackDeletedByItsConfigurationIs2102) {
     proxy_->serve("https://cfg.test/packconfig/shop/0", 200,
                   FakeProxy::sign(R"({"v":"77","packs":{"shop":null}})"));
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 2102);
+    EXPECT_EQ(error.code(), Errors::kPackDeleted);
     EXPECT_EQ(error.message(), "shop deleted");
     EXPECT_EQ(find("shop"), nullptr);
-    EXPECT_EQ(logs_->last("configUpdated", "Ferrit/UpdatePack").errorCode, "2102");
+    EXPECT_EQ(logs_->last("configUpdated", "Ferrit/UpdatePack").errorCode,
+              std::to_string(Errors::kPackDeleted));
 }
 
 TEST_F(PackConfigTest, PackConfigurationThatNeverAnswersEndsAtItsDeadline) {
@@ -623,7 +627,7 @@ TEST_F(PackConfigTest, PackConfigurationThatNeverAnswersEndsAtItsDeadline) {
     clock_->advance(Settings::current()->configRequestDeadlineValue());
     drive();
     ASSERT_TRUE(done);
-    EXPECT_EQ(result.code(), 1003);
+    EXPECT_EQ(result.code(), Errors::kRequestFailed);
     EXPECT_NE(result.message().find("no answer within 20 s"), std::string::npos)
         << result.message();
     EXPECT_EQ(UpdateQueue::runningCount(), 0u);
@@ -635,10 +639,11 @@ TEST_F(PackConfigTest, PackConfigurationThatNeverAnswersEndsAtItsDeadline) {
 }
 
 TEST_F(PackConfigTest, NetworkIsCheckedAgainOnceTheConfigurationGaveTheFlags) {
-    Environment::instance().setNetworkStatusValue(2);  // slow cellular; the pack does not allow it
+    Environment::instance().setNetworkStatusValue(
+        NetworkStatus::kSlowMobile);  // slow cellular; the pack does not allow it
     proxy_->serve("https://cfg.test/packconfig/shop/0", 200, document({shop()}));
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 2001);
+    EXPECT_EQ(error.code(), Errors::kNetworkNotSupported);
     EXPECT_EQ(urls(), (std::vector<std::string>{"https://cfg.test/packconfig/shop/0"}));
     EXPECT_EQ(find("shop")->seq, 3u);  // the merged configuration stays: it is right in itself
     EXPECT_EQ(find("shop")->installedSeq, 0u);
@@ -674,14 +679,14 @@ class FailedDownloadTest : public PackInstallTest {
 
 TEST_F(FailedDownloadTest, TruncatedBodyLeavesTheRecordAndTheFolder) {
     serveFull("shop", 2, full_.substr(0, full_.size() / 2));
-    EXPECT_EQ(update("shop", kTriggerTimer).code(), 1106);
+    EXPECT_EQ(update("shop", kTriggerTimer).code(), Errors::kFileVerify);
     expectUntouchedThenInstalled();
 }
 
 TEST_F(FailedDownloadTest, TruncatedBodyWithoutAnMd5FailsAtTheZip) {
     configure("shop", 2, 2);
     serveFull("shop", 2, full_.substr(0, full_.size() / 2));
-    EXPECT_EQ(update("shop", kTriggerTimer).code(), 2207);
+    EXPECT_EQ(update("shop", kTriggerTimer).code(), Errors::kUnzipFailed);
     expectUntouchedThenInstalled();
 }
 
@@ -689,7 +694,7 @@ TEST_F(FailedDownloadTest, ServerErrorLeavesTheRecordAndTheFolder) {
     serveFull("shop", 2, "");
     proxy_->serve("https://dl.test/shop/2.zip", 500, "busy");
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 1004);
+    EXPECT_EQ(error.code(), Errors::kRequestInvalidStatus);
     EXPECT_EQ(
         error.message(),
         "request \"https://dl.test/shop/2.zip\" invalid status code 500 (Internal Server Error)");
@@ -701,7 +706,7 @@ TEST_F(FailedDownloadTest, TransportErrorLeavesTheRecordAndTheFolder) {
     answer.transportError = Error(-7, "connection reset");
     proxy_->serve("https://dl.test/shop/2.zip", answer);
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 1003);
+    EXPECT_EQ(error.code(), Errors::kRequestFailed);
     EXPECT_EQ(error.message(),
               "request \"https://dl.test/shop/2.zip\" failed: -7, connection reset");
     expectUntouchedThenInstalled();
@@ -722,7 +727,7 @@ TEST_F(FailedDownloadTest, DownloadThatNeverAnswersEndsAtItsDeadline) {
     clock_->advance(Settings::current()->packRequestDeadlineValue());
     drive();
     ASSERT_TRUE(done);
-    EXPECT_EQ(result.code(), 1003);
+    EXPECT_EQ(result.code(), Errors::kRequestFailed);
     expectUntouchedThenInstalled();
 }
 
@@ -735,7 +740,7 @@ TEST_F(FailedDownloadTest, ZipThatArrivesAfterTheDeadlineIsIgnored) {
     proxy_->serve("https://dl.test/shop/2.zip", late);
     int calls = 0;
     UpdateQueue::request("shop", kTriggerTimer, [&](const Error& error) {
-        EXPECT_EQ(error.code(), 1003);
+        EXPECT_EQ(error.code(), Errors::kRequestFailed);
         ++calls;
     });
     drive();
@@ -760,7 +765,7 @@ TEST_F(FailedDownloadTest, BombEntryIsRefusedBeforeAnythingIsWritten) {
     configure("shop", 2, 2, Digest::md5Hex(zip));
     serveFull("shop", 2, zip);
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
     EXPECT_NE(error.message().find("\"res/zeros.bin\" inflates 4194304 bytes from"),
               std::string::npos)
         << error.message();
@@ -782,7 +787,7 @@ TEST_F(FailedDownloadTest, ZipLargerThanTheRoomTheBudgetLeavesIsRefused) {
     serveFull("shop", 2, zip);
     Settings::updateRemote({{"ferritSizeLimit", "200000"}});
     const Error error = update("shop", kTriggerTimer);
-    EXPECT_EQ(error.code(), 2103);
+    EXPECT_EQ(error.code(), Errors::kTooManyApps);
     EXPECT_NE(error.message().find("Too many apps installed: \"shop\" inflates to "),
               std::string::npos)
         << error.message();
@@ -821,7 +826,7 @@ TEST_F(FailedDownloadTest, EntryWhoseRecordedSizeDiffersFromTheListIsRefused) {
     configure("shop", 2, 2, Digest::md5Hex(archive));
     serveFull("shop", 2, archive);
     const Error refused = update("shop", kTriggerTimer);
-    EXPECT_EQ(refused.code(), 1106) << refused.message();
+    EXPECT_EQ(refused.code(), Errors::kFileVerify) << refused.message();
     EXPECT_NE(refused.message().find("index.html"), std::string::npos) << refused.message();
     configure("shop", 2, 2, Digest::md5Hex(full_));
     expectUntouchedThenInstalled();
@@ -877,7 +882,7 @@ TEST_F(PackInstallTest, RequestInASubProcessIs2004) {
     Environment::instance().setMainProcess(false);
     Error result;
     UpdateQueue::request("shop", kTriggerVisit, [&](const Error& error) { result = error; });
-    EXPECT_EQ(result.code(), 2004);
+    EXPECT_EQ(result.code(), Errors::kSubProcessDisabled);
     Environment::instance().setMainProcess(true);
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Errors.h"
 #include "storage/Statistics.h"
 #include "storage/Variants.h"
 #include "tests/update/InstallFixture.h"
@@ -80,7 +81,7 @@ TEST_F(PrefetchTest, EvictedPackGivesInvalidWith2101) {
     put({p});
     UpdateQueue::prefetch({"gone"});
     EXPECT_EQ(resultOf("gone")["status"].stringValue(), "Invalid");
-    EXPECT_EQ(resultOf("gone")["errorCode"].int64Value(), 2101);
+    EXPECT_EQ(resultOf("gone")["errorCode"].int64Value(), Errors::kUpdateEliminated);
     EXPECT_FALSE(resultOf("gone")["errorMessage"].stringValue().empty());
     EXPECT_EQ(UpdateQueue::normalCount(), 0u);
 }
@@ -118,7 +119,7 @@ TEST_F(PrefetchTest, InASubProcessEveryItemGetsAnEmptyObjectAnd2004) {
     UpdateQueue::prefetch({"shop", "https://shop.test/a.js"});
     Environment::instance().setMainProcess(true);
     const MarlLogger::LogEntry entry = logs_->last("trigger", "Ferrit/Prefetch");
-    EXPECT_EQ(entry.errorCode, "2004");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kSubProcessDisabled));
     EXPECT_EQ(entry.field("result").toString(), R"({"shop":{},"https://shop.test/a.js":{}})");
     EXPECT_EQ(UpdateQueue::normalCount(), 0u);
 }

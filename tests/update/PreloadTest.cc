@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/AssetProvider.h"
+#include "base/Errors.h"
 #include "storage/ConfigStore.h"
 #include "tests/update/InstallFixture.h"
 #include "tools/pack/ZipWriter.h"
@@ -165,8 +166,11 @@ TEST_F(PreloadTest, DocumentWithABadSignatureInstallsNothingWhileTheKeyKeepsTheA
     EXPECT_FALSE(Preload::instance().install("preload.zip", true));
     proxy_->acceptSignatures = true;
     EXPECT_EQ(find("shop"), nullptr);
-    Error error;
-    EXPECT_EQ(ConfigStore::instance().get("preload/preload.zip", error).stringValue(), "1.0");
+    EXPECT_EQ(ConfigStore::instance()
+                  .get("preload/preload.zip")
+                  .valueOr(MarlLogger::json::JSON())
+                  .stringValue(),
+              "1.0");
     EXPECT_TRUE(logs_->last("finished", "Ferrit/Preload").hasError);
 }
 
@@ -176,7 +180,8 @@ TEST_F(PreloadTest, CorruptZipInstallsNothingAndLogsTheFailure) {
     place("preload.zip", zip);
     EXPECT_FALSE(Preload::instance().install("preload.zip", true));
     EXPECT_EQ(find("shop"), nullptr);
-    EXPECT_EQ(logs_->last("finished", "Ferrit/Preload").errorCode, "2207");
+    EXPECT_EQ(logs_->last("finished", "Ferrit/Preload").errorCode,
+              std::to_string(Errors::kUnzipFailed));
 }
 
 TEST_F(PreloadTest, UnsignedConfigurationInstallsNothing) {
@@ -237,11 +242,13 @@ TEST_F(PreloadTest, EntryOfAnotherSequenceIsLoggedAndSkipped) {
 
 TEST_F(PreloadTest, EmptyFileNameAndSubProcessAreRefused) {
     EXPECT_FALSE(Preload::instance().install("", true));
-    EXPECT_EQ(logs_->last("install", "Ferrit/Preload").errorCode, "1101");
+    EXPECT_EQ(logs_->last("install", "Ferrit/Preload").errorCode,
+              std::to_string(Errors::kFileNotExists));
     Environment::instance().setMainProcess(false);
     EXPECT_FALSE(Preload::instance().install("preload.zip", true));
     Environment::instance().setMainProcess(true);
-    EXPECT_EQ(logs_->last("install", "Ferrit/Preload").errorCode, "2004");
+    EXPECT_EQ(logs_->last("install", "Ferrit/Preload").errorCode,
+              std::to_string(Errors::kSubProcessDisabled));
 }
 
 // An app pack goes to the disk, whose folders a fresh device does not have yet.

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "base/Digest.h"
+#include "base/Errors.h"
 #include "model/KeyTrust.h"
 #include "storage/ConfigStore.h"
 #include "tests/FakeProxy.h"
@@ -16,6 +17,8 @@
 #include "update/UpdateConfig.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using FerritTools::Ed25519Key;
@@ -128,7 +131,7 @@ TEST_F(SignedConfigTest, SuccessorIsAcceptedAndTheRetiredKeyIsRefused) {
     EXPECT_EQ(version(), "4");
     EXPECT_TRUE(KeyTrust::instance().isRetired(id(*a_)));
     const Error refused = fetch(signedBy(*a_, R"({"v":"5","packs":{"evil":{"s":1}}})"));
-    EXPECT_EQ(refused.code(), 1010) << refused.message();
+    EXPECT_EQ(refused.code(), Errors::kRequestVerify) << refused.message();
     EXPECT_EQ(version(), "4");
     EXPECT_EQ(SCache::current()->find("evil"), nullptr);
     EXPECT_EQ(logs_->last("refusedRetired", "Ferrit/Keys").field("key").stringValue(), id(*a_));
@@ -136,7 +139,7 @@ TEST_F(SignedConfigTest, SuccessorIsAcceptedAndTheRetiredKeyIsRefused) {
 
     // The next process: the host opens with A again, and the root remembers.
     restartProcess();
-    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"7"})")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"7"})")).code(), Errors::kRequestVerify);
     EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"8"})")));
     EXPECT_EQ(version(), "8");
 }
@@ -154,13 +157,13 @@ TEST_F(SignedConfigTest, SignedListsFollowTheKeysOfDocuments) {
     Error error;
     EXPECT_TRUE(ResourceIndex::parseSigned(file, listBy(*a_), table, error));
     EXPECT_FALSE(ResourceIndex::parseSigned(file, listBy(*b_), table, error));
-    EXPECT_EQ(error.code(), 1106);
+    EXPECT_EQ(error.code(), Errors::kFileVerify);
 
     ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"1","keys":{"next":")" + rawOf(*b_) + R"("}})")));
     EXPECT_TRUE(ResourceIndex::parseSigned(file, listBy(*b_), table, error)) << error.message();
     ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"2","keys":{"retired":[")" + id(*a_) + R"("]}})")));
     EXPECT_FALSE(ResourceIndex::parseSigned(file, listBy(*a_), table, error));
-    EXPECT_EQ(error.code(), 1106);
+    EXPECT_EQ(error.code(), Errors::kFileVerify);
     EXPECT_TRUE(ResourceIndex::parseSigned(file, listBy(*b_), table, error));
 }
 
@@ -176,11 +179,9 @@ TEST_F(SignedConfigTest, KeyThatAnotherProcessLearntVerifiesItsLists) {
     Error refused;
     EXPECT_FALSE(ResourceIndex::parseSigned(file, signedList, table, refused));
     // What the other process stored.
-    Error stored;
-    ASSERT_TRUE(ConfigStore::instance().put(
+    ASSERT_FALSE(ConfigStore::instance().put(
         KeyTrust::kStoreKey,
-        MarlLogger::json::JSON::parse(R"({"trusted":[")" + rawOf(*b_) + R"("],"retired":[]})"),
-        stored));
+        MarlLogger::json::JSON::parse(R"({"trusted":[")" + rawOf(*b_) + R"("],"retired":[]})")));
     Error taken;
     EXPECT_TRUE(ResourceIndex::parseSigned(file, signedList, table, taken)) << taken.message();
 }
@@ -194,7 +195,7 @@ TEST_F(SignedConfigTest, EndorsedSuccessorVerifiesOnADeviceThatMissedTheChange) 
     EXPECT_EQ(version(), "5");
     EXPECT_TRUE(trusts(id(*b_)));
     EXPECT_TRUE(KeyTrust::instance().isRetired(id(*a_)));
-    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"6"})")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"6"})")).code(), Errors::kRequestVerify);
     // The endorsement by A, now retired, vouches for nothing new; B is trusted on its own.
     ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"7",)" + keys + "}")));
     EXPECT_EQ(version(), "7");
@@ -203,9 +204,9 @@ TEST_F(SignedConfigTest, EndorsedSuccessorVerifiesOnADeviceThatMissedTheChange) 
 // An endorsement counts only from a trusted key, and only for the key that signed.
 TEST_F(SignedConfigTest, EndorsementByAKeyThatIsNotTrustedIsRefused) {
     const std::string byC = R"("keys":{"endorsement":)" + endorsement(*c_, *b_) + "}";
-    EXPECT_EQ(fetch(signedBy(*b_, R"({"v":"5",)" + byC + "}")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*b_, R"({"v":"5",)" + byC + "}")).code(), Errors::kRequestVerify);
     const std::string ofB = R"("keys":{"endorsement":)" + endorsement(*a_, *b_) + "}";
-    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"5",)" + ofB + "}")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"5",)" + ofB + "}")).code(), Errors::kRequestVerify);
     EXPECT_EQ(version(), "0");
     EXPECT_FALSE(trusts(id(*b_)));
     EXPECT_FALSE(trusts(id(*c_)));
@@ -225,7 +226,7 @@ TEST_F(SignedConfigTest, HostThatDoesNotNameItsKeyIsNotAskedOnceAKeyIsRetired) {
     ASSERT_FALSE(fetch(FakeProxy::sign(R"({"v":"1","keys":{"next":")" + rawOf(*b_) + R"("}})")));
     ASSERT_FALSE(fetch(FakeProxy::sign(R"({"v":"2"})")));
     ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"3","keys":{"retired":[")" + id(*c_) + R"("]}})")));
-    EXPECT_EQ(fetch(FakeProxy::sign(R"({"v":"4"})")).code(), 1010);
+    EXPECT_EQ(fetch(FakeProxy::sign(R"({"v":"4"})")).code(), Errors::kRequestVerify);
     EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"5"})")));
     EXPECT_EQ(version(), "5");
 }
@@ -253,12 +254,14 @@ TEST_F(SignedConfigTest, HostThatChecksNothingStoresNoKeyStatements) {
                                 endorsement(*c_, *c_) + R"(,"retired":[")" + id(*a_) + R"("]}})")));
     EXPECT_EQ(version(), "1");
     EXPECT_EQ(KeyTrust::instance().describe().toString(), R"({"trusted":[],"retired":[]})");
-    Error error;
-    EXPECT_TRUE(ConfigStore::instance().get(KeyTrust::kStoreKey, error).isNull());
+    EXPECT_TRUE(ConfigStore::instance()
+                    .get(KeyTrust::kStoreKey)
+                    .valueOr(MarlLogger::json::JSON())
+                    .isNull());
 
     restartProcess();
-    EXPECT_EQ(fetch(signedBy(*b_, R"({"v":"2"})")).code(), 1010);
-    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"3"})")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*b_, R"({"v":"2"})")).code(), Errors::kRequestVerify);
+    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"3"})")).code(), Errors::kRequestVerify);
     EXPECT_FALSE(fetch(signedBy(*a_, R"({"v":"4"})")));
     EXPECT_EQ(version(), "4");
 }
@@ -286,7 +289,7 @@ TEST_F(SignedConfigTest, LeakedKeyCannotRetireItsSuccessor) {
     restartProcess(b_.get());
     EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"7"})")));
     EXPECT_EQ(version(), "7");
-    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"8"})")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"8"})")).code(), Errors::kRequestVerify);
 }
 
 // While A leaked, its holder planted C (named "next"), D (endorsed) and, through C, E. When B
@@ -312,14 +315,14 @@ TEST_F(SignedConfigTest, KeysALeakedKeyIntroducedGoWhenItIsRetired) {
     EXPECT_TRUE(trusts(id(*f)));
     for (const auto* key : {c_.get(), d.get(), e.get()}) {
         EXPECT_FALSE(trusts(id(*key)));
-        EXPECT_EQ(fetch(signedBy(*key, R"({"v":"7"})")).code(), 1010);
+        EXPECT_EQ(fetch(signedBy(*key, R"({"v":"7"})")).code(), Errors::kRequestVerify);
     }
     EXPECT_EQ(logs_->count("dropped", "Ferrit/Keys"), 3u);
     EXPECT_FALSE(fetch(signedBy(*f, R"({"v":"8"})")));
 
     restartProcess();
     for (const auto* key : {a_.get(), c_.get(), d.get(), e.get()})
-        EXPECT_EQ(fetch(signedBy(*key, R"({"v":"9"})")).code(), 1010);
+        EXPECT_EQ(fetch(signedBy(*key, R"({"v":"9"})")).code(), Errors::kRequestVerify);
     EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"10"})")));
     EXPECT_EQ(version(), "10");
 }
@@ -330,14 +333,12 @@ TEST_F(SignedConfigTest, KeysALeakedKeyIntroducedGoWhenItIsRetired) {
 TEST_F(SignedConfigTest, RefusedSignatureKeepsRetirementsLearntInMemory) {
     ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"1","keys":{"next":")" + rawOf(*b_) + R"("}})")));
     ASSERT_FALSE(fetch(signedBy(*b_, R"({"v":"2","keys":{"retired":[")" + id(*a_) + R"("]}})")));
-    Error stored;
-    ASSERT_TRUE(ConfigStore::instance().put(
+    ASSERT_FALSE(ConfigStore::instance().put(
         KeyTrust::kStoreKey,
-        MarlLogger::json::JSON::parse(R"({"trusted":[")" + rawOf(*b_) + R"("],"retired":[]})"),
-        stored));
-    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"3"})")).code(), 1010);
+        MarlLogger::json::JSON::parse(R"({"trusted":[")" + rawOf(*b_) + R"("],"retired":[]})")));
+    EXPECT_EQ(fetch(signedBy(*c_, R"({"v":"3"})")).code(), Errors::kRequestVerify);
     EXPECT_TRUE(KeyTrust::instance().isRetired(id(*a_)));
-    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"4"})")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"4"})")).code(), Errors::kRequestVerify);
     EXPECT_FALSE(fetch(signedBy(*b_, R"({"v":"5"})")));
     EXPECT_EQ(version(), "5");
 }
@@ -376,7 +377,7 @@ TEST_F(SignedConfigTest, ReplayedExpiredDocumentIsIgnored) {
 
     clock_->setWall(kNow + 2 * kDay);
     const Error refused = fetch(fresh);
-    EXPECT_EQ(refused.code(), 1010);
+    EXPECT_EQ(refused.code(), Errors::kRequestVerify);
     EXPECT_NE(refused.message().find("expired at"), std::string::npos) << refused.message();
     EXPECT_EQ(logs_->last("refused", "Ferrit/UpdateConfig").field("reason").stringValue(),
               "expired");
@@ -407,7 +408,7 @@ TEST_F(SignedConfigTest, DocumentSignedAheadOfTheClockIsTakenAndHoldsBackADayAtM
     ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"2","issued":9000000000000000})")));
     EXPECT_EQ(SCache::current()->issued, kNow + kDay);
     EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"3","issued":)" + at(kNow + kDay / 2) + "}")).code(),
-              1010)
+              Errors::kRequestVerify)
         << "within the day, an earlier signature is older";
     EXPECT_EQ(version(), "2");
     clock_->setWall(kNow + kDay);
@@ -434,7 +435,7 @@ TEST_F(SignedConfigTest, StampKeptFromFarAheadHoldsNothingBack) {
 // paths moves no device. A document without the member is the default channel's.
 TEST_F(SignedConfigTest, DocumentOfAnotherChannelIsRefused) {
     const Error refused = fetch(signedBy(*a_, R"({"v":"1","channel":"beta"})"));
-    EXPECT_EQ(refused.code(), 1010);
+    EXPECT_EQ(refused.code(), Errors::kRequestVerify);
     EXPECT_NE(refused.message().find(
                   R"(refused: published for channel "beta", this host reads the default channel)"),
               std::string::npos)
@@ -449,8 +450,9 @@ TEST_F(SignedConfigTest, DocumentOfAnotherChannelIsRefused) {
     defaults.channel = "beta";
     Settings::setDefaults(defaults);
     constexpr const char* kBeta = "https://cfg.test/channels/beta/fconfig/key/1.0/0~0/zh_CN~zh_CN";
-    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"3"})"), kBeta).code(), 1010);
-    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"4","channel":"stable"})"), kBeta).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"3"})"), kBeta).code(), Errors::kRequestVerify);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"4","channel":"stable"})"), kBeta).code(),
+              Errors::kRequestVerify);
     EXPECT_EQ(version(), "2");
     ASSERT_FALSE(fetch(signedBy(*a_, R"({"v":"5","channel":"beta"})"), kBeta));
     EXPECT_EQ(version(), "5");
@@ -466,13 +468,14 @@ TEST_F(SignedConfigTest, OlderDocumentIsIgnored) {
     EXPECT_EQ(SCache::current()->issued, 2000);
     const Error refused =
         fetch(signedBy(*a_, R"({"v":"11","issued":1000,"packs":{"a":{"s":1,"g":1}}})"));
-    EXPECT_EQ(refused.code(), 1010);
+    EXPECT_EQ(refused.code(), Errors::kRequestVerify);
     EXPECT_NE(refused.message().find("before the configuration this device has"), std::string::npos)
         << refused.message();
     EXPECT_EQ(UpdateConfig::instance().lastRefusal()["reason"].stringValue(), "older");
     EXPECT_EQ(version(), "10");
     EXPECT_EQ(SCache::current()->find("a")->seq, 2u);
-    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"12","packs":{"a":{"s":1,"g":1}}})")).code(), 1010);
+    EXPECT_EQ(fetch(signedBy(*a_, R"({"v":"12","packs":{"a":{"s":1,"g":1}}})")).code(),
+              Errors::kRequestVerify);
     EXPECT_EQ(SCache::current()->find("a")->seq, 2u);
 
     // The same signature again is no rollback, and a later one is taken.
@@ -499,8 +502,10 @@ TEST_F(SignedConfigTest, DocumentsWithoutTheFieldsBehaveAsBefore) {
     EXPECT_TRUE(UpdateConfig::instance().lastRefusal().isNull());
     EXPECT_EQ(KeyTrust::instance().describe().toString(), R"({"trusted":[],"retired":[]})");
     EXPECT_EQ(SCache::current()->serialize().find("issued"), std::string::npos);
-    Error error;
-    EXPECT_TRUE(ConfigStore::instance().get(KeyTrust::kStoreKey, error).isNull());
+    EXPECT_TRUE(ConfigStore::instance()
+                    .get(KeyTrust::kStoreKey)
+                    .valueOr(MarlLogger::json::JSON())
+                    .isNull());
 }
 
 // The new members are members an older reader passes over: the same document with them reads as

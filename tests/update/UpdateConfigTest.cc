@@ -2,6 +2,7 @@
 
 #include <fstream>
 
+#include "base/Errors.h"
 #include "marl/Log.h"
 #include "runtime/Network.h"
 #include "storage/PacksStore.h"
@@ -11,6 +12,8 @@
 #include "update/UpdateConfig.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 constexpr double kDay = 86400000.0;
@@ -48,7 +51,8 @@ class UpdateConfigTest : public UpdateFixture {
     }
     static std::string v(double t) { return std::to_string(static_cast<long long>(t)); }
     // Runs one check with `trigger` and `version` and every task it posts.
-    void check(int trigger, const std::string& version, UpdateConfig::Listener listener = {}) {
+    void check(UpdateTrigger trigger, const std::string& version,
+               UpdateConfig::Listener listener = {}) {
         updater().start(trigger, version, std::move(listener), 0);
         TaskRunner::runDue();
     }
@@ -111,11 +115,12 @@ TEST_F(UpdateConfigTest, NoServerAddressFailsInWordsAndSendsNothing) {
     Error heard;
     check(kTriggerStartup, "0", [&heard](const Error& error) { heard = error; });
     EXPECT_TRUE(proxy_->requests.empty());
-    EXPECT_EQ(heard.code(), 1002);
+    EXPECT_EQ(heard.code(), Errors::kNoServerAddress);
     EXPECT_EQ(heard.message(),
               "No server address: the host set no configuration server (configPrefixRelease)");
     EXPECT_EQ(logs->count("finished", "Ferrit/UpdateConfig"), 1u);
-    EXPECT_EQ(logs->last("finished", "Ferrit/UpdateConfig").errorCode, "1002");
+    EXPECT_EQ(logs->last("finished", "Ferrit/UpdateConfig").errorCode,
+              std::to_string(Errors::kNoServerAddress));
     EXPECT_FALSE(updater().busy());
     Environment::instance().setEnvValue(1);
     check(kTriggerDebugTool, "0", [&heard](const Error& error) { heard = error; });
@@ -232,7 +237,8 @@ TEST_F(UpdateConfigTest, SubProcessOnlyLogs2004) {
     check(kTriggerStartup, "", [&](const Error&) { ++calls; });
     EXPECT_EQ(calls, 0);
     EXPECT_TRUE(proxy_->requests.empty());
-    EXPECT_EQ(logs_->last("start", "Ferrit/UpdateConfig").errorCode, "2004");
+    EXPECT_EQ(logs_->last("start", "Ferrit/UpdateConfig").errorCode,
+              std::to_string(Errors::kSubProcessDisabled));
 }
 
 TEST_F(UpdateConfigTest, EmptySignatureAsksTheProxyWhichDecides) {
@@ -240,7 +246,7 @@ TEST_F(UpdateConfigTest, EmptySignatureAsksTheProxyWhichDecides) {
     Error got;
     check(kTriggerStartup, "", [&](const Error& e) { got = e; });
     EXPECT_EQ(proxy_->verified.size(), 1u);
-    EXPECT_EQ(got.code(), 1010);
+    EXPECT_EQ(got.code(), Errors::kRequestVerify);
 }
 
 struct Hostile {
@@ -261,16 +267,16 @@ TEST_F(UpdateConfigTest, HostileResponsesLeaveTheDocumentUntouched) {
     transport.transportError = Error(5, "connection reset");
     std::string huge(50u << 20, 'x');
     const std::vector<Hostile> cases = {
-        {"bad signature", answer(200, R"({"v":"5"}||QUJD)"), 1010},
-        {"missing separator", answer(200, R"({"v":"5"})"), 1007},
-        {"empty object", answer(200, "{}"), 1202},
-        {"empty", answer(200, ""), 1006},
+        {"bad signature", answer(200, R"({"v":"5"}||QUJD)"), Errors::kRequestVerify},
+        {"missing separator", answer(200, R"({"v":"5"})"), Errors::kRequestDeserialization},
+        {"empty object", answer(200, "{}"), Errors::kServerError},
+        {"empty", answer(200, ""), Errors::kRequestNoData},
         // Refused for its size before the signature is even computed.
-        {"50 MiB", answer(200, huge + "||QUJD"), 1007},
-        {"invalid JSON", answer(200, FakeProxy::sign("{\"v\":")), 1007},
-        {"not modified", answer(304, ""), 1004},
-        {"server error", answer(500, "boom"), 1004},
-        {"transport", transport, 1003},
+        {"50 MiB", answer(200, huge + "||QUJD"), Errors::kRequestDeserialization},
+        {"invalid JSON", answer(200, FakeProxy::sign("{\"v\":")), Errors::kRequestDeserialization},
+        {"not modified", answer(304, ""), Errors::kRequestInvalidStatus},
+        {"server error", answer(500, "boom"), Errors::kRequestInvalidStatus},
+        {"transport", transport, Errors::kRequestFailed},
     };
     for (const Hostile& c : cases) {
         SCOPED_TRACE(c.name);
@@ -316,7 +322,7 @@ TEST_F(UpdateConfigTest, ConfigRequestThatNeverAnswersEndsAtItsDeadlineAndTheNex
     clock_->advance(Settings::current()->configRequestDeadlineValue());
     TaskRunner::runDue();
     ASSERT_EQ(calls, 1);
-    EXPECT_EQ(got.code(), 1003);
+    EXPECT_EQ(got.code(), Errors::kRequestFailed);
     EXPECT_NE(got.message().find("no answer within 20 s"), std::string::npos) << got.message();
     EXPECT_FALSE(updater().busy());
     EXPECT_EQ(logs_->last("finished", "Ferrit/UpdateConfig").field("version").stringValue(), "0");
@@ -338,7 +344,7 @@ TEST_F(UpdateConfigTest, AnswerAfterTheDeadlineIsDropped) {
     proxy_->serve(url, late);
     int calls = 0;
     check(kTriggerStartup, "", [&](const Error& e) {
-        EXPECT_EQ(e.code(), 1003);
+        EXPECT_EQ(e.code(), Errors::kRequestFailed);
         ++calls;
     });
     clock_->advance(Settings::current()->configRequestDeadlineValue());
@@ -358,7 +364,7 @@ TEST_F(UpdateConfigTest, DocumentAboveTheSizeLimitIsRefusedAndNothingChanges) {
     proxy_->serve(url, 200, document);
     Error got(-1, "not called");
     check(kTriggerStartup, "", [&](const Error& e) { got = e; });
-    EXPECT_EQ(got.code(), 1007);
+    EXPECT_EQ(got.code(), Errors::kRequestDeserialization);
     EXPECT_NE(got.message().find("above the limit of"), std::string::npos) << got.message();
     EXPECT_EQ(SCache::current()->find("a"), nullptr);
     EXPECT_FALSE(updater().busy());
@@ -419,9 +425,8 @@ class LoadAtStartTest : public UpdateFixture {
 };
 
 TEST_F(LoadAtStartTest, StoredDocumentIsLoaded) {
-    Error error;
-    ASSERT_TRUE(PacksStore::instance().writeConfig(R"({"v":"42","packs":{"a":{"s":1}}})", error))
-        << error.message();
+    const Error error = PacksStore::instance().writeConfig(R"({"v":"42","packs":{"a":{"s":1}}})");
+    ASSERT_FALSE(error) << error.message();
     UpdateConfig::loadAtStart();
     EXPECT_EQ(SCache::current()->version, "42");
     auto entry = logs_->last("fconfig", "Ferrit/Load");
@@ -437,12 +442,11 @@ TEST_F(LoadAtStartTest, OlderFileIsReadWhenTheStoreHasNone) {
 }
 
 TEST_F(LoadAtStartTest, BadCopyLeavesDefaults) {
-    Error error;
-    ASSERT_TRUE(PacksStore::instance().writeConfig("not json", error));
+    ASSERT_FALSE(PacksStore::instance().writeConfig("not json"));
     UpdateConfig::loadAtStart();
     EXPECT_EQ(SCache::current()->version, "0");
     auto entry = logs_->last("fconfig", "Ferrit/Load");
-    EXPECT_EQ(entry.errorCode, "1007");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kRequestDeserialization));
     EXPECT_FALSE(entry.has("version"));
 }
 

@@ -5,19 +5,23 @@
 
 #include <thread>
 
+#include "base/Errors.h"
 #include "storage/Statistics.h"
 #include "storage/Variants.h"
 #include "tests/update/InstallFixture.h"
 #include "update/Cleanup.h"
 
 namespace FerritTest {
+
+namespace Errors = FerritCore::Errors;
 namespace {
 
 using MarlLogger::json::JSON;
 
 class UpdatePackTest : public InstallFixture {
   protected:
-    static UpdatePackPtr task(const std::string& name, int trigger, const JSON& info = JSON()) {
+    static UpdatePackPtr task(const std::string& name, UpdateTrigger trigger,
+                              const JSON& info = JSON()) {
         return UpdatePack::create(name, info, trigger);
     }
     static JSON info(const std::string& text) { return JSON::parse(text); }
@@ -37,7 +41,7 @@ class UpdatePackTest : public InstallFixture {
 // ---- Policies ---------------------------------------------------------------------------------
 
 TEST_F(UpdatePackTest, VisitAndPreviewSkipEveryGateButTheScoreBoost) {
-    for (int trigger : {kTriggerVisit, kTriggerPreview}) {
+    for (UpdateTrigger trigger : {kTriggerVisit, kTriggerPreview}) {
         const UpdatePolicy& policy = UpdatePolicy::forTrigger(trigger);
         EXPECT_TRUE(policy.ignorePriority);
         EXPECT_TRUE(policy.ignoreEliminated);
@@ -61,8 +65,8 @@ TEST_F(UpdatePackTest, PrefetchIgnoresPriorityAndBoostsTheScore) {
 }
 
 TEST_F(UpdatePackTest, OtherTriggersSkipNothing) {
-    for (int trigger : {kTriggerStartup, kTriggerActive, kTriggerTimer, kTriggerPush,
-                        kTriggerVisitUpdate, kTriggerDebugTool, kTriggerChangeEnv}) {
+    for (UpdateTrigger trigger : {kTriggerStartup, kTriggerActive, kTriggerTimer, kTriggerPush,
+                                  kTriggerVisitUpdate, kTriggerDebugTool, kTriggerChangeEnv}) {
         const UpdatePolicy& policy = UpdatePolicy::forTrigger(trigger);
         EXPECT_FALSE(policy.ignorePriority || policy.ignoreEliminated || policy.ignoreNetwork ||
                      policy.ignoreDisabledPeriods || policy.verifyInstalled || policy.fast ||
@@ -83,12 +87,12 @@ TEST_F(UpdatePackTest, StateNamesAreThoseReportsPrint) {
 TEST_F(UpdatePackTest, UnknownNameIsNotFerrit) {
     UpdatePackPtr t = task("nothing", kTriggerTimer);
     EXPECT_EQ(t->state(), UpdateState::Invalid);
-    EXPECT_EQ(t->error().code(), 3201);
+    EXPECT_EQ(t->error().code(), Errors::kNotFerrit);
     EXPECT_EQ(t->error().message(), "nothing not Ferrit");
     // The verdict is final: a listener added now hears it at once.
     Error heard;
     t->addListener([&](const Error& error) { heard = error; });
-    EXPECT_EQ(heard.code(), 3201);
+    EXPECT_EQ(heard.code(), Errors::kNotFerrit);
 }
 
 TEST_F(UpdatePackTest, UrlNameMakesAPrivateFixedUrlAppNamedByTheUrlsMd5) {
@@ -207,17 +211,17 @@ TEST_F(UpdatePackTest, EliminatedPackIsInvalidUnlessAVisitAsks) {
     put({p});
     UpdatePackPtr timer = task("shop", kTriggerTimer);
     EXPECT_EQ(timer->state(), UpdateState::Invalid);
-    EXPECT_EQ(timer->error().code(), 2101);
+    EXPECT_EQ(timer->error().code(), Errors::kUpdateEliminated);
     EXPECT_EQ(timer->error().message(), "shop eliminated");
     EXPECT_EQ(task("shop", kTriggerVisit)->state(), UpdateState::NeedUpdate);
 }
 
 TEST_F(UpdatePackTest, NoNetworkIsInvalidWithTheReason) {
     put({record("shop", kPackTypeFerrit, 1, 1, kPriorityAutoInstall)});
-    Environment::instance().setNetworkStatusValue(0);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kNone);
     UpdatePackPtr t = task("shop", kTriggerTimer);
     EXPECT_EQ(t->state(), UpdateState::Invalid);
-    EXPECT_EQ(t->error().code(), 2001);
+    EXPECT_EQ(t->error().code(), Errors::kNetworkNotSupported);
     EXPECT_EQ(t->error().message(), "shop network not supported: None");
     // A read that needs the pack does not ask the network.
     EXPECT_TRUE(task("shop", kTriggerVisit)->runnable());
@@ -229,11 +233,11 @@ TEST_F(UpdatePackTest, CellularNetworksNeedThePacksFlags) {
     auto fast = record("fast", kPackTypeFerrit, 1, 1, kPriorityAutoInstall);
     fast->flags |= 1u << 15;
     put({slow, fast});
-    Environment::instance().setNetworkStatusValue(2);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kSlowMobile);
     EXPECT_TRUE(task("slow", kTriggerTimer)->runnable());
     EXPECT_EQ(task("fast", kTriggerTimer)->error().message(),
               "fast network not supported: Slow cellular");
-    Environment::instance().setNetworkStatusValue(3);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kFastMobile);
     EXPECT_TRUE(task("fast", kTriggerTimer)->runnable());
     EXPECT_EQ(task("slow", kTriggerTimer)->error().message(),
               "slow network not supported: Fast cellular");
@@ -241,7 +245,7 @@ TEST_F(UpdatePackTest, CellularNetworksNeedThePacksFlags) {
 
 TEST_F(UpdatePackTest, UnknownNetworkStatusStopsWithoutAnError) {
     put({record("shop", kPackTypeFerrit, 1, 1, kPriorityAutoInstall)});
-    Environment::instance().setNetworkStatusValue(7);
+    Environment::instance().setNetworkStatusValue(static_cast<NetworkStatus>(7));
     UpdatePackPtr t = task("shop", kTriggerTimer);
     EXPECT_EQ(t->state(), UpdateState::Invalid);
     EXPECT_FALSE(t->error());
@@ -249,7 +253,7 @@ TEST_F(UpdatePackTest, UnknownNetworkStatusStopsWithoutAnError) {
 
 TEST_F(UpdatePackTest, RecordThatNeedsItsConfigurationPassesTheNetworkCheck) {
     put({record("shop", kPackTypeFerrit, 0, 0, kPriorityAutoInstall)});
-    Environment::instance().setNetworkStatusValue(0);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kNone);
     EXPECT_TRUE(task("shop", kTriggerTimer)->runnable());
 }
 
@@ -259,7 +263,7 @@ TEST_F(UpdatePackTest, InsideADisabledPeriodIsInvalid) {
     disablePeriod(now - 1000, now + 1000, 0);
     UpdatePackPtr t = task("shop", kTriggerTimer);
     EXPECT_EQ(t->state(), UpdateState::Invalid);
-    EXPECT_EQ(t->error().code(), 2002);
+    EXPECT_EQ(t->error().code(), Errors::kPackUpdateDisabled);
     EXPECT_EQ(t->error().message(), "shop update disabled");
     EXPECT_TRUE(task("shop", kTriggerVisit)->runnable());
 }
@@ -277,7 +281,7 @@ TEST_F(UpdatePackTest, DisabledPeriodEndIsStretchedByTheRandomSource) {
     });
     EXPECT_TRUE(task("shop", kTriggerTimer)->runnable());
     draw = 500;
-    EXPECT_EQ(task("shop", kTriggerTimer)->error().code(), 2002);
+    EXPECT_EQ(task("shop", kTriggerTimer)->error().code(), Errors::kPackUpdateDisabled);
     EXPECT_EQ(asked, (std::vector<uint64_t>{1000, 1000}));
 }
 
@@ -479,7 +483,7 @@ TEST_F(UpdatePackTest, BuiltInPackCannotBeDownloaded) {
     asset->installedSeq = 2;
     asset->status = kPackStatusNeedReinstall;
     put({asset});
-    EXPECT_EQ(run(task("kit", kTriggerTimer)).code(), 3202);
+    EXPECT_EQ(run(task("kit", kTriggerTimer)).code(), Errors::kInvalidType);
     EXPECT_TRUE(proxy_->requests.empty());
 }
 
@@ -505,7 +509,7 @@ class CapacityTest : public UpdatePackTest {
 TEST_F(CapacityTest, OverTheLimitIsTooManyApps) {
     UpdatePackPtr t = task("shop", kTriggerTimer);
     const Error error = run(t);
-    EXPECT_EQ(error.code(), 2103);
+    EXPECT_EQ(error.code(), Errors::kTooManyApps);
     EXPECT_EQ(error.message(), "Too many apps installed");
     EXPECT_FALSE(t->runnable());
     EXPECT_TRUE(proxy_->requests.empty());
@@ -526,7 +530,7 @@ TEST_F(CapacityTest, UnknownSizesAreMeasuredAndWrittenBack) {
     put({unknown});
     Error error;
     ASSERT_TRUE(PackedFiles::current()->put("big/1/res/a.js", "12345678901", error));
-    EXPECT_EQ(run(task("shop", kTriggerTimer)).code(), 2103);
+    EXPECT_EQ(run(task("shop", kTriggerTimer)).code(), Errors::kTooManyApps);
     EXPECT_EQ(find("big")->installedSize, 11u);
 }
 

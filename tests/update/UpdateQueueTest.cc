@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Errors.h"
 #include "runtime/Network.h"
 #include "storage/Statistics.h"
 #include "tests/update/InstallFixture.h"
@@ -24,7 +25,8 @@ using MarlLogger::json::JSON;
 // A task whose run the test ends by hand: start() only notes that it began.
 class HeldTask : public UpdatePack {
   public:
-    HeldTask(const std::string& name, const JSON& info, int trigger, std::vector<std::string>* log)
+    HeldTask(const std::string& name, const JSON& info, UpdateTrigger trigger,
+             std::vector<std::string>* log)
         : UpdatePack(name, info, trigger), log_(log) {}
     void start() override { log_->push_back(name()); }
     void finish(Error error = Error()) { endRun(std::move(error)); }
@@ -35,7 +37,8 @@ class HeldTask : public UpdatePack {
 
 class HeldFactory : public UpdatePackFactory {
   public:
-    UpdatePackPtr create(const std::string& name, const JSON& info, int trigger) override {
+    UpdatePackPtr create(const std::string& name, const JSON& info,
+                         UpdateTrigger trigger) override {
         auto task = std::make_shared<HeldTask>(name, info, trigger, &started);
         made.push_back(task);
         return task;
@@ -96,7 +99,7 @@ class UpdateQueueTest : public InstallFixture {
         p->installedBaseSeq = 3;
         put({p});
     }
-    UpdatePackPtr task(const std::string& name, int trigger) {
+    UpdatePackPtr task(const std::string& name, UpdateTrigger trigger) {
         return factory_->create(name, JSON(), trigger);
     }
     // Adds a task; the returned flag tells whether its listener was called, and with what.
@@ -189,7 +192,8 @@ TEST_F(UpdateQueueTest, RunThatEmptiesSendsOneRecordAndTellsTheHost) {
     UpdateQueue::start(kTriggerTimer);
     for (int i = 0; i < 3; ++i) {
         drive();
-        factory_->last(factory_->started.back())->finish(i == 0 ? Error(1004, "failed") : Error());
+        factory_->last(factory_->started.back())
+            ->finish(i == 0 ? Error(Errors::kRequestInvalidStatus, "failed") : Error());
     }
     drive();
     EXPECT_EQ(proxy_->queueFinished, (std::vector<uint32_t>{3}));
@@ -215,7 +219,7 @@ TEST_F(UpdateQueueTest, StartInASubProcessLogs2004AndQueuesNothing) {
     Environment::instance().setMainProcess(true);
     EXPECT_EQ(UpdateQueue::normalCount(), 0u);
     const MarlLogger::LogEntry entry = logs_->last("start", "Ferrit/Queue");
-    EXPECT_EQ(entry.errorCode, "2004");
+    EXPECT_EQ(entry.errorCode, std::to_string(Errors::kSubProcessDisabled));
     EXPECT_EQ(entry.field("trigger").stringValue(), "Timer");
 }
 
@@ -292,9 +296,9 @@ TEST_F(UpdateQueueTest, RequestForARunningPackWaitsForIt) {
     drive();
     EXPECT_EQ(factory_->started, (std::vector<std::string>{"p0"}));
     EXPECT_EQ(UpdateQueue::fastCount(), 0u);
-    factory_->made.front()->finish(Error(1004, "failed"));
-    EXPECT_EQ(first->error.code(), 1004);
-    EXPECT_EQ(second->error.code(), 1004);
+    factory_->made.front()->finish(Error(Errors::kRequestInvalidStatus, "failed"));
+    EXPECT_EQ(first->error.code(), Errors::kRequestInvalidStatus);
+    EXPECT_EQ(second->error.code(), Errors::kRequestInvalidStatus);
 }
 
 TEST_F(UpdateQueueTest, RequestFromAListenerOfTheEndedTaskStartsANewOne) {
@@ -353,8 +357,8 @@ TEST_F(UpdateQueueTest, NewerVersionRequestedWhileAnOlderRunsIsAnsweredByTheNewe
     // Nothing new starts while version 4 runs.
     EXPECT_EQ(factory_->started.size(), 1u);
     EXPECT_EQ(UpdateQueue::fastCount(), 0u);
-    running->finish(Error(1004, "story_4_ is damaged"));
-    EXPECT_EQ(retry->error.code(), 1004);
+    running->finish(Error(Errors::kRequestInvalidStatus, "story_4_ is damaged"));
+    EXPECT_EQ(retry->error.code(), Errors::kRequestInvalidStatus);
     // Version 4's failure is not the answer to a request for 6.
     EXPECT_FALSE(request->called);
     drive();
@@ -385,10 +389,10 @@ TEST_F(UpdateQueueTest, SameVersionRequestedTwiceDownloadsOnce) {
     auto third = add(task("story", kTriggerVisit));
     drive();
     EXPECT_EQ(factory_->started, (std::vector<std::string>{"story"}));
-    running->finish(Error(1004, "failed"));
-    EXPECT_EQ(first->error.code(), 1004);
-    EXPECT_EQ(second->error.code(), 1004);
-    EXPECT_EQ(third->error.code(), 1004);
+    running->finish(Error(Errors::kRequestInvalidStatus, "failed"));
+    EXPECT_EQ(first->error.code(), Errors::kRequestInvalidStatus);
+    EXPECT_EQ(second->error.code(), Errors::kRequestInvalidStatus);
+    EXPECT_EQ(third->error.code(), Errors::kRequestInvalidStatus);
     drive();
     EXPECT_EQ(factory_->started.size(), 1u);
     EXPECT_EQ(UpdateQueue::runningCount(), 0u);
@@ -561,7 +565,7 @@ TEST_F(UpdateQueueTest, APackIsInUseWhileItsTaskRunsOrAReaderHoldsIt) {
 TEST_F(UpdateQueueTest, NetworkStatusNoneIsToldInWordsOncePerTrigger) {
     putStale(3);
     MarlLogger::ScopedCapture logs(MarlLogger::MRLLevelWarning);
-    Environment::instance().setNetworkStatusValue(Network::kStatusNone);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kNone);
     UpdateQueue::start(kTriggerTimer);
     drive();
     ASSERT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 1u);
@@ -578,11 +582,11 @@ TEST_F(UpdateQueueTest, NetworkStatusNoneIsToldInWordsOncePerTrigger) {
     drive();
     EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);
     // A cellular network that the packs do not allow is another matter, told as before.
-    Environment::instance().setNetworkStatusValue(Network::kStatusSlowMobile);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kSlowMobile);
     UpdateQueue::start(kTriggerTimer);
     drive();
     EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);
-    Environment::instance().setNetworkStatusValue(Network::kStatusUnrestricted);
+    Environment::instance().setNetworkStatusValue(NetworkStatus::kUnrestricted);
     UpdateQueue::start(kTriggerTimer);
     drive();
     EXPECT_EQ(logs->count("waitingForNetwork", "Ferrit/Queue"), 2u);

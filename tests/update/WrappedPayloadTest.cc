@@ -1,3 +1,4 @@
+#include "base/Errors.h"
 #include "update/WrappedPayload.h"
 
 #include <gtest/gtest.h>
@@ -121,7 +122,7 @@ TEST_F(WrappedPayloadTest, IendInTheImageDataAheadOfTheRealChunkCounts) {
     UnwrapContext wrap = context(3);
     Error error;
     EXPECT_FALSE(unwrap(wrap, data, error));
-    EXPECT_EQ(error.code(), 2301);
+    EXPECT_EQ(error.code(), Errors::kDecryptFailed);
     // The four bytes ahead of that "IEND" are "ent\0": a length far beyond the file.
     EXPECT_EQ(error.message(), std::string(kFailed) + "Too little data after IEND");
 }
@@ -137,7 +138,7 @@ TEST_F(WrappedPayloadTest, IendDataLengthSixteenGivesAnEmptyZipThatFailsAtTheZip
     EXPECT_EQ(wrap.md5, "d41d8cd98f00b204e9800998ecf8427e");
     ZipFile archive = ZipFile::open(wrap.file, data, error);
     EXPECT_FALSE(archive);
-    EXPECT_EQ(error.code(), 2207);
+    EXPECT_EQ(error.code(), Errors::kUnzipFailed);
 }
 
 TEST_F(WrappedPayloadTest, OrdinaryPngGivesInvalidIendDataLengthZero) {
@@ -145,7 +146,7 @@ TEST_F(WrappedPayloadTest, OrdinaryPngGivesInvalidIendDataLengthZero) {
     UnwrapContext wrap = context(3);
     Error error;
     EXPECT_FALSE(unwrap(wrap, data, error));
-    EXPECT_EQ(error.code(), 2301);
+    EXPECT_EQ(error.code(), Errors::kDecryptFailed);
     EXPECT_EQ(error.message(), std::string(kFailed) + "Invalid IEND data length 0");
 }
 
@@ -235,7 +236,7 @@ TEST_F(WrappedPayloadTest, ContextWithoutAPackFails) {
     wrap.pack = nullptr;
     Error error;
     EXPECT_FALSE(unwrap(wrap, data, error));
-    EXPECT_EQ(error.code(), 2301);
+    EXPECT_EQ(error.code(), Errors::kDecryptFailed);
 }
 
 // Every length of zip goes through the word-wide combining and its byte tail.

@@ -24,11 +24,12 @@ namespace {
 // The members of the state's "keys" and of the documents' "keys".
 constexpr const char* kSigner = "signer";
 constexpr const char* kSignerKey = "signerKey";
-constexpr const char* kNext = "next";
-constexpr const char* kEndorsement = "endorsement";
-constexpr const char* kEndorsedKey = "key";
-constexpr const char* kSignature = "signature";
-constexpr const char* kRetired = "retired";
+using FerritCore::KeyStatements;
+constexpr const char* kNext = KeyStatements::kNext;
+constexpr const char* kEndorsement = KeyStatements::kEndorsement;
+constexpr const char* kEndorsedKey = KeyStatements::kEndorsedKey;
+constexpr const char* kSignature = KeyStatements::kEndorsementSignature;
+constexpr const char* kRetired = KeyStatements::kRetired;
 // The members of a stamped document and of the state.
 constexpr const char* kIssued = "issued";
 constexpr const char* kExpires = "expires";

@@ -9,17 +9,7 @@
 #   check-key-rotate.sh PATH-TO-ferrit
 set -euo pipefail
 tool=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "check-key-rotate: $*" >&2; exit 1; }
-expect() {  # expect TEXT OUTPUT
-  grep -qF -- "$1" <<<"$2" || fail "expected \"$1\" in: $2"
-}
-status() {  # status EXPECTED COMMAND...
-  local want=$1; shift
-  set +e; "$@" >/dev/null 2>&1; local got=$?; set -e
-  [ "$got" -eq "$want" ] || fail "exit status $got, not $want: $*"
-}
+source "$(dirname "$0")/../common/check-lib.sh" check-key-rotate
 # The status report that the host printed last, as JSON.
 report() { grep '^status after startUpdate: ' <<<"$1" | sed 's/^status after startUpdate: //'; }
 # pick PATH: the member at PATH (".a.b[0]") of the JSON on stdin; strings bare, null as "null".

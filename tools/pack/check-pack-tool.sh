@@ -10,17 +10,7 @@ key=$2
 public_key=$3
 tool() { "$ferrit" pack "$@"; }
 tool=tool
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "check-pack-tool: $*" >&2; exit 1; }
-expect() {  # expect TEXT OUTPUT
-  grep -qF -- "$1" <<<"$2" || fail "expected \"$1\" in: $2"
-}
-status() {  # status EXPECTED COMMAND...
-  local want=$1; shift
-  set +e; "$@" >/dev/null 2>&1; local got=$?; set -e
-  [ "$got" -eq "$want" ] || fail "exit status $got, not $want: $*"
-}
+source "$(dirname "$0")/../common/check-lib.sh" check-pack-tool
 
 for command in build diff wrap config preload; do
   page=$("$tool" "$command" --help)

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "model/Pack.h"
+#include "runtime/Settings.h"
 #include "tools/common/ToolClock.h"
 #include "tools/common/ToolFiles.h"
 
@@ -256,12 +257,8 @@ std::string channelFolder(const std::string& channel) {
 }
 
 bool validChannelName(const std::string& channel) {
-    if (channel.empty()) return true;
-    if (channel[0] == '.') return false;
-    return std::all_of(channel.begin(), channel.end(), [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-               c == '.' || c == '_' || c == '-';
-    });
+    // The tree's own documents have no channel; a named one follows the hosts' rule.
+    return channel.empty() || FerritCore::HostDefaults::isPlainChannel(channel);
 }
 
 PackRelease PackRelease::fromJSON(const JSON& value) {
@@ -497,22 +494,46 @@ bool rollout(const std::string& site, const PublishManifest& manifest, const std
     return true;
 }
 
-bool promote(const PublishManifest& manifest, const std::string& out, const std::string& history,
-             const Signer& signer, const std::string& channel, const std::string& from,
-             const std::string& pack, ReleaseResult& result, std::string& error) {
+namespace {
+
+// What a channel's name may hold, said when it holds something else.
+constexpr const char* kChannelNameRule =
+    "a channel's name is plain: letters, digits, \".\", \"_\", \"-\"";
+
+// The opening of promote and rollback: a fresh result for the pack and channel, the history's
+// state, and the pack's release in the channel; false with the reason when the channel's name is
+// not plain or the tree does not publish the pack.
+bool openRelease(const std::string& out, const std::string& history, const std::string& channel,
+                 const std::string& pack, ReleaseResult& result, std::string& historyFolder,
+                 JSON& state, std::string& error) {
     result = ReleaseResult();
     result.pack = pack;
     result.channel = channel;
-    if (!validChannelName(channel) || !validChannelName(from)) {
-        error = "a channel's name is plain: letters, digits, \".\", \"_\", \"-\"";
+    if (!validChannelName(channel)) {
+        error = kChannelNameRule;
         return false;
     }
-    std::string historyFolder;
-    JSON state;
     if (!historyFolderFor(out, history, historyFolder, error) ||
         !readPublishState(historyFolder, state, error) || !packStateOf(state, pack, error))
         return false;
     result.before = releaseOf(state, channel, pack);
+    return true;
+}
+
+}  // namespace
+
+bool promote(const PublishManifest& manifest, const std::string& out, const std::string& history,
+             const Signer& signer, const std::string& channel, const std::string& from,
+             const std::string& pack, ReleaseResult& result, std::string& error) {
+    // A bad argument is named before anything is read, whatever else is missing.
+    if (!validChannelName(from)) {
+        error = kChannelNameRule;
+        return false;
+    }
+    std::string historyFolder;
+    JSON state;
+    if (!openRelease(out, history, channel, pack, result, historyFolder, state, error))
+        return false;
     PackRelease next = result.before;
     uint64_t seq = 0;
     double time = 0;
@@ -570,19 +591,10 @@ bool promote(const PublishManifest& manifest, const std::string& out, const std:
 bool rollback(const PublishManifest& manifest, const std::string& out, const std::string& history,
               const Signer& signer, const std::string& channel, const std::string& pack,
               uint64_t to, ReleaseResult& result, std::string& error) {
-    result = ReleaseResult();
-    result.pack = pack;
-    result.channel = channel;
-    if (!validChannelName(channel)) {
-        error = "a channel's name is plain: letters, digits, \".\", \"_\", \"-\"";
-        return false;
-    }
     std::string historyFolder;
     JSON state;
-    if (!historyFolderFor(out, history, historyFolder, error) ||
-        !readPublishState(historyFolder, state, error) || !packStateOf(state, pack, error))
+    if (!openRelease(out, history, channel, pack, result, historyFolder, state, error))
         return false;
-    result.before = releaseOf(state, channel, pack);
     PackRelease next = result.before;
     if (to == 0 && result.before.graySeq != 0 && result.before.share != 0) {
         // The rollout is taken back: a share of no device, and the released version marked as

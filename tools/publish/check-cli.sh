@@ -14,12 +14,7 @@
 #   check-cli.sh PATH-TO-ferrit
 set -euo pipefail
 tool=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "check-cli: $*" >&2; exit 1; }
-expect() {  # expect TEXT OUTPUT
-  grep -qF -- "$1" <<<"$2" || fail "expected \"$1\" in: $2"
-}
+source "$(dirname "$0")/../common/check-lib.sh" check-cli
 command -v node >/dev/null || fail "node is needed to parse the JSON output"
 
 # json EXPECTED-EXIT ARGUMENTS...: runs ferrit ARGUMENTS... --json; the exit status must be the

@@ -8,17 +8,7 @@
 set -euo pipefail
 tool=$1
 keys=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "check-publish: $*" >&2; exit 1; }
-expect() {  # expect TEXT OUTPUT
-  grep -qF -- "$1" <<<"$2" || fail "expected \"$1\" in: $2"
-}
-status() {  # status EXPECTED COMMAND...
-  local want=$1; shift
-  set +e; "$@" >/dev/null 2>&1; local got=$?; set -e
-  [ "$got" -eq "$want" ] || fail "exit status $got, not $want: $*"
-}
+source "$(dirname "$0")/../common/check-lib.sh" check-publish
 # verify DOCUMENT PUBLIC.pem: the text before "||" signed, over its MD5 text, by the key.
 verify() {
   local text sig

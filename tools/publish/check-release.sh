@@ -10,17 +10,7 @@ tool=$1
 keys=$2
 key=$keys/sample-ed25519.pem
 public=$keys/sample-ed25519.pub.pem
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "check-release: $*" >&2; exit 1; }
-expect() {  # expect TEXT OUTPUT
-  grep -qF -- "$1" <<<"$2" || fail "expected \"$1\" in: $2"
-}
-status() {  # status EXPECTED COMMAND...
-  local want=$1; shift
-  set +e; "$@" >/dev/null 2>&1; local got=$?; set -e
-  [ "$got" -eq "$want" ] || fail "exit status $got, not $want: $*"
-}
+source "$(dirname "$0")/../common/check-lib.sh" check-release
 # json EXPRESSION: evaluates a Python expression over the JSON document on stdin (as `d`).
 json() {
   python3 -c "import json,sys; d=json.load(sys.stdin); print($1)"

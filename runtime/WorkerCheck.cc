@@ -1,0 +1,11 @@
+#include "runtime/WorkerCheck.h"
+
+#include "runtime/TaskRunner.h"
+
+namespace FerritCore {
+
+bool isOnWorker() {
+    return TaskRunner::shared().isWorkerContext();
+}
+
+}  // namespace FerritCore

@@ -1,0 +1,145 @@
+// UpdatePackWork: the blocking work of one pack update, apart from the task that decides what
+// comes next (UpdatePack). It prepares the download's folder and address, verifies the
+// download and unpacks it into the new version's folder, copies what an increment keeps from the
+// installed version, publishes the folder, and writes the configuration transaction that names
+// the new version. Each step takes what it needs as arguments and returns a small result; none
+// decides what runs next or tells a listener, so the order of a run stays in one place, the task.
+// (The published snapshot's own commit, which SCache::mutate posts, is the one task a step makes.)
+//
+// Threading: runs on the worker only, inside the stage of the task that owns it; not thread-safe.
+//
+// Ownership: a work object lives for one install stage; what it wrote and did not publish is
+// deleted with the run's temporary folder, which the task owns.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Folder.h"
+#include "base/Telemetry.h"
+#include "ferritcore/Error.h"
+#include "model/FConfig.h"
+#include "model/Pack.h"
+#include "model/SCache.h"
+#include "storage/ZipFile.h"
+#include "update/PackInstaller.h"
+
+namespace FerritCore {
+
+class ResourceIndex;
+
+// Where a download goes and where it is asked for.
+struct DownloadPlan {
+    Error error;        // set when nothing may be sent; the rest is then empty
+    Folder tempFolder;  // the run's own folder under "temp/", emptied
+    Folder zipFile;     // the download inside it
+    std::string url;    // the zip's address
+    uint32_t payloadKind = 0;
+};
+
+// What verifying and unpacking the download came to.
+struct Unpacked {
+    Error error;
+    // Whether the new version's folder was begun (the zip passed its checks); until then the
+    // fields below say nothing.
+    bool began = false;
+    bool isPacks = false;
+    // Bytes the zip's entries hold, counted as far as the walk went.
+    uint64_t installedSize = 0;
+    // What a run that ends before publishing must delete besides its temporary folder.
+    std::optional<Folder> pendingTarget;
+};
+
+// What copying the files an increment keeps came to.
+struct Kept {
+    Error error;
+    // The installed version cannot vouch for what the increment keeps: nothing was copied, and
+    // the run fetches the full zip instead.
+    Error refused;
+    // Bytes copied, as far as the copy went.
+    uint64_t bytes = 0;
+};
+
+// What became of the commit that publishes a new version; set on the worker when it ran.
+struct CommitOutcome {
+    bool ran = false;
+    Error error;
+};
+
+// What the publishing transaction produced.
+struct Persisted {
+    FConfigPtr published;     // the document that holds the new version
+    bool persistOld = false;  // a hot app's old version stays, under a record of its own
+    std::shared_ptr<CommitOutcome> commit;
+};
+
+class UpdatePackWork {
+  public:
+    // The record and the download of one install.
+    struct Job {
+        PackPtr pack;
+        std::string name;           // the task's name: the record's
+        std::string requestedName;  // the name the task was asked for
+        UpdateTrigger trigger = kTriggerNone;
+        bool incremental = false;
+        uint32_t payloadKind = 0;
+        Folder tempFolder;
+        Folder zipFile;
+    };
+
+    // The run's folder and the zip's address for `pack`; the folder is emptied. Errors: no pack
+    // server configured, a name that is no single folder.
+    static DownloadPlan planDownload(const Pack& pack, const std::string& name, bool incremental);
+    // The folder that the new version of `pack` is written to: "apps/<root>/<seq>/" for an app,
+    // the packed store's "<root>/<seq>/" for the rest.
+    static Folder newVersionFolder(const Pack& pack);
+
+    // `perf` receives the stages "decrypted" and "unzipped" as they are reached.
+    UpdatePackWork(Job job, StagedRecord& perf);
+    ~UpdatePackWork();
+    UpdatePackWork(const UpdatePackWork&) = delete;
+    UpdatePackWork& operator=(const UpdatePackWork&) = delete;
+
+    // Verifies the download (unwrapped, its MD5, the signed list, the room its budget leaves)
+    // and streams every entry into the new version's folder, each checked against the list.
+    Unpacked unpack();
+    // A whole app fetched from its URL: no list, every entry under "res/", then published.
+    Unpacked unpackRaw();
+    // After unpack(), for a full zip: the first file of the list that the zip did not bring.
+    Error missingFile() const;
+    // After unpack(), for an increment: copies into the new version the files that the installed
+    // version at `installed` keeps. A missing installed folder marks the record for a reinstall.
+    Kept copyKept(const Folder& installed);
+    // Makes the written version the folder that the record will name (durable on the disk).
+    Error publish();
+
+    // The durable transaction that names the new version of `job` (installed size and kind
+    // given); a hot app's old version keeps a record of its own.
+    static Persisted persist(const Job& job, uint64_t installedSize, bool isPacks);
+    // The same for a whole app fetched from its URL.
+    static Persisted persistRaw(const Job& job, uint64_t installedSize);
+
+  private:
+    // Reads and unwraps the download and checks its MD5.
+    Error readDownload();
+    // Opens the zip, reads its signed list and checks the room; nothing written yet.
+    Error openZip();
+    // 2103 when what the zip's entries record passes the room its pack's budget leaves.
+    Error roomError();
+    // Streams every entry into the installer; fills `result`.
+    void writeEntries(Unpacked& result);
+    // The files an increment keeps from `installed`, each vouched for by its own list.
+    Error keptFiles(const Folder& installed, std::vector<std::string>& kept) const;
+
+    Job job_;
+    StagedRecord& perf_;
+    std::string data_;  // the unwrapped download; the zip reads from it
+    ZipFile zip_;
+    std::unique_ptr<ResourceIndex> index_;
+    std::optional<PackInstaller> installer_;
+};
+
+}  // namespace FerritCore
