@@ -16,75 +16,83 @@ ReadGroup::ReadGroup(std::vector<std::shared_ptr<ResourcePart>> parts,
     crcs.resize(this->parts.size());
 }
 
+// The aggregate request being filled, and the indices of the parts it carries.
+struct ReadGroup::PendingBatch {
+    std::unique_ptr<AggregateRequest> request;
+    std::vector<int32_t> indices;
+};
+
 void ReadGroup::run(Callback callback) {
     callback_ = std::move(callback);
     std::shared_ptr<ReadGroup> self = shared_from_this();
-    auto completion = [self](std::shared_ptr<ResourcePart> part) {
+    const PartCompletion completion = [self](const std::shared_ptr<ResourcePart>& part) {
         self->partFinished(1, part->error);
     };
-    auto goAsync = [this] {
-        if (type != "async") type = "async";
-    };
-    // Files that no local source holds share aggregate requests when the request has a rule for
-    // them; otherwise each part fetches alone.
-    const ComboRule* rule = context->comboRule;
-    auto newBatch = [&] {
-        return rule != nullptr ? std::make_unique<AggregateRequest>(*rule, context->traceId())
-                               : nullptr;
-    };
-    std::unique_ptr<AggregateRequest> batch = newBatch();
-    std::vector<int32_t> batchIndices;
-
+    PendingBatch batch{newBatch(), {}};
     // Only a part that fails to read ends the loop. A failure that arrives through a completion
     // (a batch whose request failed before send() returned, say) has already answered the group,
     // but the parts after it still go on: their batches are sent, and their answers fill the cache
     // for the next visit.
-    bool failed = false;
-    for (size_t i = 0; i < parts.size() && !failed; ++i) {
-        ResourcePart& part = *parts[i];
-        switch (part.read()) {
-            case ReadStatus::Done: {
-                localCount.fetch_add(1);
-                // -1 means the group has answered, and stays so.
-                int32_t left = remaining.load();
-                while (left > 0 && !remaining.compare_exchange_weak(left, left - 1)) {
-                }
-                break;
-            }
-            case ReadStatus::Failed:
-                partFinished(1, part.error);
-                failed = true;
-                break;
-            case ReadStatus::NeedAsync:
-                localCount.fetch_add(1);
-                goAsync();
-                part.readAsync(completion);
-                break;
-            case ReadStatus::NeedAggregate:
-                remoteCount.fetch_add(1);
-                goAsync();
-                if (batch) {
-                    pendingIndices.push_back(static_cast<int32_t>(i));
-                    batchIndices.push_back(static_cast<int32_t>(i));
-                    if (batch->add(part.url)) {
-                        send(*batch, std::move(batchIndices));
-                        batchIndices.clear();
-                        batch = newBatch();
-                    }
-                } else {
-                    part.readAsync(completion);
-                }
-                break;
-            case ReadStatus::NeedFetch:
-                remoteCount.fetch_add(1);
-                goAsync();
-                part.readAsync(completion);
-                break;
-        }
+    for (size_t i = 0; i < parts.size(); ++i) {
+        if (!start(i, batch, completion)) break;
     }
     // What was gathered goes out even after a failure: the answer fills the cache for next time.
-    if (batch && !batch->empty()) send(*batch, std::move(batchIndices));
+    if (batch.request && !batch.request->empty()) send(*batch.request, std::move(batch.indices));
     checkFinished();
+}
+
+std::unique_ptr<AggregateRequest> ReadGroup::newBatch() const {
+    // Files that no local source holds share aggregate requests when the request has a rule for
+    // them; otherwise each part fetches alone.
+    const ComboRule* rule = context->comboRule;
+    return rule != nullptr ? std::make_unique<AggregateRequest>(*rule, context->traceId())
+                           : nullptr;
+}
+
+bool ReadGroup::start(size_t i, PendingBatch& batch, const PartCompletion& completion) {
+    ResourcePart& part = *parts[i];
+    switch (part.read()) {
+        case ReadStatus::Done: {
+            localCount.fetch_add(1);
+            // -1 means the group has answered, and stays so.
+            int32_t left = remaining.load();
+            while (left > 0 && !remaining.compare_exchange_weak(left, left - 1)) {
+            }
+            return true;
+        }
+        case ReadStatus::Failed:
+            partFinished(1, part.error);
+            return false;
+        case ReadStatus::NeedAsync:
+            localCount.fetch_add(1);
+            goAsync();
+            part.readAsync(completion);
+            return true;
+        case ReadStatus::NeedAggregate:
+            remoteCount.fetch_add(1);
+            goAsync();
+            if (!batch.request) {
+                part.readAsync(completion);
+                return true;
+            }
+            pendingIndices.push_back(static_cast<int32_t>(i));
+            batch.indices.push_back(static_cast<int32_t>(i));
+            if (batch.request->add(part.url)) {
+                send(*batch.request, std::move(batch.indices));
+                batch = PendingBatch{newBatch(), {}};
+            }
+            return true;
+        case ReadStatus::NeedFetch:
+            remoteCount.fetch_add(1);
+            goAsync();
+            part.readAsync(completion);
+            return true;
+    }
+    return true;
+}
+
+void ReadGroup::goAsync() {
+    if (type != "async") type = "async";
 }
 
 void ReadGroup::send(AggregateRequest& batch, std::vector<int32_t> indices) {

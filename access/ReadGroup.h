@@ -49,6 +49,13 @@ class ReadGroup : public std::enable_shared_from_this<ReadGroup> {
     std::string type = "sync";
 
   private:
+    struct PendingBatch;
+    using PartCompletion = std::function<void(std::shared_ptr<ResourcePart>)>;
+
+    std::unique_ptr<AggregateRequest> newBatch() const;
+    // Starts the read of part `i`; false when it failed to read, which ends the loop.
+    bool start(size_t i, PendingBatch& batch, const PartCompletion& completion);
+    void goAsync();
     void partFinished(int32_t n, const Error& error);
     void checkFinished();
     // Sends a batch for the parts at `indices` and hands each its piece of the answer.

@@ -205,7 +205,6 @@ class BinaryReader {
         const size_t at = pos_;
         uint64_t tag = 0;
         if (!take(1, &tag)) return false;
-        uint64_t v = 0;
         if (tag <= 0x7f) {
             *out = JSON(static_cast<int64_t>(tag));
             return true;
@@ -219,6 +218,12 @@ class BinaryReader {
             return openContainer(/*isObject=*/false, tag & 0x0f, at, out, opened);
         if (tag >= 0x80 && tag <= 0x8f)
             return openContainer(/*isObject=*/true, tag & 0x0f, at, out, opened);
+        return readTagged(tag, at, out, opened);
+    }
+
+    // The items whose tag is followed by a length or a value.
+    bool readTagged(uint64_t tag, size_t at, JSON* out, bool* opened) {
+        uint64_t v = 0;
         switch (tag) {
             case 0xc0:
                 *out = JSON();
@@ -238,6 +243,22 @@ class BinaryReader {
             case 0xc6:
             case 0xdb:
                 return take(4, &v) && readString(v, at, out);
+            case 0xdc:
+                return take(2, &v) && openContainer(/*isObject=*/false, v, at, out, opened);
+            case 0xdd:
+                return take(4, &v) && openContainer(/*isObject=*/false, v, at, out, opened);
+            case 0xde:
+                return take(2, &v) && openContainer(/*isObject=*/true, v, at, out, opened);
+            case 0xdf:
+                return take(4, &v) && openContainer(/*isObject=*/true, v, at, out, opened);
+            default:
+                return readNumber(tag, at, out);
+        }
+    }
+
+    bool readNumber(uint64_t tag, size_t at, JSON* out) {
+        uint64_t v = 0;
+        switch (tag) {
             case 0xca: {
                 if (!take(4, &v)) return false;
                 const uint32_t bits = static_cast<uint32_t>(v);
@@ -269,14 +290,6 @@ class BinaryReader {
                 return take(4, &v) && (*out = JSON(int64_t{static_cast<int32_t>(v)}), true);
             case 0xd3:
                 return take(8, &v) && (*out = JSON(static_cast<int64_t>(v)), true);
-            case 0xdc:
-                return take(2, &v) && openContainer(/*isObject=*/false, v, at, out, opened);
-            case 0xdd:
-                return take(4, &v) && openContainer(/*isObject=*/false, v, at, out, opened);
-            case 0xde:
-                return take(2, &v) && openContainer(/*isObject=*/true, v, at, out, opened);
-            case 0xdf:
-                return take(4, &v) && openContainer(/*isObject=*/true, v, at, out, opened);
             default:
                 break;
         }

@@ -58,6 +58,31 @@ bool sameInstall(const Pack& before, const Pack& after) {
            before.installTime == after.installTime;
 }
 
+// Makes `document`, read back from storage, the successor of `previous`: the built-in packs this
+// process loaded stay as they are, and the lists of packs whose install changed are let go.
+// Returns how many changed.
+size_t takeOver(FConfig& document, const FConfig& previous) {
+    std::vector<std::string> builtIn;
+    for (const auto& [name, pack] : document.packs)
+        if (isLoadedBuiltIn(*pack)) builtIn.push_back(name);
+    for (const std::string& name : builtIn) document.packs.erase(name);
+    for (const auto& [name, pack] : previous.packs)
+        if (isLoadedBuiltIn(*pack)) document.packs[name] = pack;
+    document.scacheVersion = previous.scacheVersion;
+    document.rebuildIndexes(&previous);
+    document.dirty = false;
+    document.removed.clear();
+
+    size_t changed = 0;
+    for (const auto& [name, pack] : previous.packs) {
+        const PackPtr now = document.find(name);
+        if (now && sameInstall(*pack, *now)) continue;
+        ResourceIndexPool::remove(name);
+        ++changed;
+    }
+    return changed;
+}
+
 }  // namespace
 
 FConfigPtr SCache::current() {
@@ -150,24 +175,7 @@ bool SCache::refresh() {
     }
 
     const FConfigPtr previous = s.current.load();
-    std::vector<std::string> builtIn;
-    for (const auto& [name, pack] : document->packs)
-        if (isLoadedBuiltIn(*pack)) builtIn.push_back(name);
-    for (const std::string& name : builtIn) document->packs.erase(name);
-    for (const auto& [name, pack] : previous->packs)
-        if (isLoadedBuiltIn(*pack)) document->packs[name] = pack;
-    document->scacheVersion = previous->scacheVersion;
-    document->rebuildIndexes(previous.get());
-    document->dirty = false;
-    document->removed.clear();
-
-    size_t changed = 0;
-    for (const auto& [name, pack] : previous->packs) {
-        const PackPtr now = document->find(name);
-        if (now && sameInstall(*pack, *now)) continue;
-        ResourceIndexPool::remove(name);
-        ++changed;
-    }
+    const size_t changed = takeOver(*document, *previous);
     s.current.store(document);
     s.seenVersion.store(version, std::memory_order_release);
     s.reloads.fetch_add(1, std::memory_order_acq_rel);

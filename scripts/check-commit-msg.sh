@@ -7,7 +7,9 @@
 #       those after the merge base with main, or, on main itself, those that HEAD brought (HEAD~..).
 #       COMMIT_MSG_BASE names another base. Commits older than this check are not held to it.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+# No change of folder: as a hook, git runs this in the repository being committed to and names the
+# message file relative to it (through a symlink under .git/hooks, so the script's own place says
+# nothing).
 export LC_ALL=C.UTF-8  # lengths in characters, not bytes
 max_subject=72
 
@@ -54,7 +56,7 @@ if [ -z "$base" ]; then
   fi
 fi
 # The commit that brought this check: what came before it was written without it.
-introduced=$(git log --format=%H --diff-filter=A -- scripts/check-commit-msg.sh | tail -n 1)
+introduced=$(git log --format=%H --diff-filter=A -- ':(top)scripts/check-commit-msg.sh' | tail -n 1)
 exclude=()
 [ -n "$base" ] && exclude+=("^$base")
 [ -n "$introduced" ] && git rev-parse -q --verify "$introduced~" >/dev/null &&

@@ -176,7 +176,7 @@ void copyAll(ZipFile& zip, Plan& plan, const Preload::Progress& progress, Error&
     if (progress && !zip.declaredSize(totalBytes, sizeError)) totalBytes = 0;
     Error walkError;
     zip.forEachEntry(
-        [&](const std::string& path, std::string content) {
+        [&](const std::string& path, const std::string& content) {
             copy(plan, path, content);
             bytes += content.size();
             if (progress) progress(++files, bytes, totalBytes);

@@ -520,8 +520,9 @@ void UpdatePack::install() {
 bool UpdatePack::completeVersion(UpdatePackWork& work, const Folder& installed) {
     if (!run_.incremental) {
         Error missing = work.missingFile();
-        if (missing) fail(std::move(missing));
-        return !missing;
+        if (!missing) return true;
+        fail(std::move(missing));
+        return false;
     }
     const Kept kept = work.copyKept(installed);
     run_.installedSize += kept.bytes;

@@ -321,8 +321,11 @@ void UpdatePackWork::writeEntries(Unpacked& result) {
     result.installedSize = writer.bytes();
     perf_.stage("unzipped");
     perf_.setMeasure("resSize", static_cast<double>(result.installedSize));
-    if (!walked || error || writer.error())
-        result.error = error ? std::move(error) : writer.error();
+    if (error) {
+        result.error = std::move(error);
+    } else if (!walked || writer.error()) {
+        result.error = writer.error();
+    }
 }
 
 Unpacked UpdatePackWork::unpackRaw() {
@@ -380,7 +383,7 @@ Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string
         [&installed](const std::string& entry, Error& e) {
             return Folder::readFile(installed.childOf(entry), e);
         },
-        false);
+        /*allowMissingMd5=*/false);
     if (full.error()) return full.error();
     kept.emplace_back(kIndexFileName);
     Error refused;

@@ -26,6 +26,15 @@ class AccessTest : public AccessFixture {
         writeFile("apps/app/" + std::to_string(installed) + "/res/app.js", "console.log(1);");
         writeFile("apps/app/" + std::to_string(installed) + "/res/x.css", "a{}");
     }
+    // The page's pack claims requests from "index.html" but knows no file; the prefix pack "app"
+    // serves "app.js" ("A"): a request from the page falls through from referrer to prefix.
+    void installReferrerPackThatMissesAndAppPack() {
+        install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
+                 pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
+        serveIndexes(
+            {{"page", table({})}, {"app", table({{"res/app.js", "https://h.com/app/app.js"}})}});
+        writeFile("apps/app/3/res/app.js", "A");
+    }
 };
 
 TEST_F(AccessTest, EmptyUrlGives3001WithoutMatchEventInSyncForm) {
@@ -261,11 +270,7 @@ TEST_F(AccessTest, ReferrerPackServesUnknownUrlWithKindZero) {
 }
 
 TEST_F(AccessTest, ReferrerMissFallsThroughToPrefixWithReferrerInfo) {
-    install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
-             pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
-    serveIndexes(
-        {{"page", table({})}, {"app", table({{"res/app.js", "https://h.com/app/app.js"}})}});
-    writeFile("apps/app/3/res/app.js", "A");
+    installReferrerPackThatMissesAndAppPack();
     auto response = Access::getResource(
         ResourceRequest("https://h.com/app/app.js", "https://h.com/index.html"));
     ASSERT_FALSE(response->error) << response->error.message();
@@ -549,11 +554,7 @@ TEST_F(AccessTest, MissSendsVisitPerfOnceAndNoAppVisit) {
 // The referrer's pack does not know the URL, so its part is dropped during the match: that part's
 // visit goes out then, and the answering part's with the request.
 TEST_F(AccessTest, PartThatTheMatchDropsSendsItsVisitOnceWhenDropped) {
-    install({pack("page", kPackTypeFerrit, 2, 2, {}, {"https://h.com/index.html"}),
-             pack("app", kPackTypeFerrit, 3, 3, {"https://h.com/app/"})});
-    serveIndexes(
-        {{"page", table({})}, {"app", table({{"res/app.js", "https://h.com/app/app.js"}})}});
-    writeFile("apps/app/3/res/app.js", "A");
+    installReferrerPackThatMissesAndAppPack();
     auto response = Access::getResource(
         ResourceRequest("https://h.com/app/app.js", "https://h.com/index.html"));
     ASSERT_FALSE(response->error) << response->error.message();

@@ -161,7 +161,7 @@ TEST_F(ResponseTest, ExplicitErrorFormKeepsArguments) {
     auto context = std::make_shared<RequestContext>(request_, kTriggerVisit);
     auto resource = std::make_shared<Resource>(context, "", false);
     resource->addPart(std::make_shared<FixedPart>(context, "a"), kMatchNone);
-    ResourceResponse response(resource, Error(Errors::kReadAsyncOnly, "x"), true);
+    ResourceResponse response(resource, Error(Errors::kReadAsyncOnly, "x"), /*is404=*/true);
     EXPECT_TRUE(response.data.empty());
     EXPECT_EQ(response.error.code(), Errors::kReadAsyncOnly);
     EXPECT_TRUE(response.is404);

@@ -16,7 +16,7 @@ ErrorOr<std::string> readName(bool present) {
 }
 
 TEST(ErrorOrTest, HoldsTheValueAndNoError) {
-    ErrorOr<std::string> name = readName(true);
+    ErrorOr<std::string> name = readName(/*present=*/true);
     ASSERT_TRUE(name.ok());
     EXPECT_EQ(*name, "shop");
     EXPECT_EQ(name->size(), 4u);
@@ -25,7 +25,7 @@ TEST(ErrorOrTest, HoldsTheValueAndNoError) {
 }
 
 TEST(ErrorOrTest, HoldsTheFailureWithItsCodeAndWords) {
-    ErrorOr<std::string> name = readName(false);
+    ErrorOr<std::string> name = readName(/*present=*/false);
     EXPECT_FALSE(name.ok());
     EXPECT_TRUE(Errors::isFileMissing(name.error()));
     EXPECT_EQ(name.error().message(), "file \"/Asset/name.txt\" not exists");
@@ -49,10 +49,13 @@ TEST(ErrorOrTest, TakesTheFailureOut) {
 
 TEST(ErrorOrTest, CopiesKeepValueAndFailure) {
     const ErrorOr<int> value(3);
+    // The copies are what is tested.
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     const ErrorOr<int> copy = value;
     EXPECT_TRUE(copy.ok());
     EXPECT_EQ(*copy, 3);
     const ErrorOr<int> failure(Errors::updateDisabled());
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     const ErrorOr<int> failureCopy = failure;
     EXPECT_FALSE(failureCopy.ok());
     EXPECT_TRUE(Errors::isUpdateDisabled(failureCopy.error()));

@@ -118,7 +118,9 @@ TEST_F(FConfigReaderTest, MergingADocumentTakenOverMatchesMergingACopy) {
     const std::string next = R"({"v":"2","i":4294967295,"packs":{"a":{"s":2,"f":80,"b":1},)"
                              R"("b":{"s":1},"c":{"s":5,"g":1},"d":{"s":1}}})";
     SCache::publish(doc(base));
-    SCache::mutate([](FConfig& config) { config.setInstalled("a", kTriggerNone, 1, 1, 10, true); });
+    SCache::mutate([](FConfig& config) {
+        config.setInstalled("a", kTriggerNone, 1, 1, 10, /*isPacks=*/true);
+    });
 
     FConfig copied = SCache::current()->copyForChange();
     auto document = doc(next);

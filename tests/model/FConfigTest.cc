@@ -369,8 +369,9 @@ TEST_F(FConfigTest, ChangeOfEnvironmentWipesAppsEvenWithSamePacks) {
 
 TEST_F(FConfigTest, SetInstalledCreditsFirstInstallAndClearsDamage) {
     seed(R"({"v":"1","packs":{"a":{"s":2,"status":2}}})");
-    SCache::mutate(
-        [](FConfig& config) { config.setInstalled("a", kTriggerVisit, 2, 1, 100, true); });
+    SCache::mutate([](FConfig& config) {
+        config.setInstalled("a", kTriggerVisit, 2, 1, 100, /*isPacks=*/true);
+    });
     auto p = pack("a");
     EXPECT_EQ(p->installedSeq, 2u);
     EXPECT_EQ(p->installedBaseSeq, 1u);
@@ -380,8 +381,9 @@ TEST_F(FConfigTest, SetInstalledCreditsFirstInstallAndClearsDamage) {
     EXPECT_EQ(p->trigger, 6u);
     EXPECT_EQ(p->status, 0u);
     EXPECT_DOUBLE_EQ(Statistics::accessValue("a"), 0.6931471805599453);
-    SCache::mutate(
-        [](FConfig& config) { config.setInstalled("a", kTriggerTimer, 3, 2, 100, true); });
+    SCache::mutate([](FConfig& config) {
+        config.setInstalled("a", kTriggerTimer, 3, 2, 100, /*isPacks=*/true);
+    });
     EXPECT_EQ(pack("a")->trigger, 6u) << "a timer install keeps the trigger";
     EXPECT_DOUBLE_EQ(Statistics::accessValue("a"), 0.6931471805599453) << "credit only once";
 }
@@ -389,9 +391,9 @@ TEST_F(FConfigTest, SetInstalledCreditsFirstInstallAndClearsDamage) {
 TEST_F(FConfigTest, SetInstalledKeepsAppsOutOfThePackedStore) {
     seed(R"({"v":"1","packs":{"app":{"f":64},"asset":{"f":96}}})");
     SCache::mutate([](FConfig& config) {
-        config.setInstalled("app", kTriggerVisit, 1, 0, 1, true);
-        config.setInstalled("asset", kTriggerVisit, 1, 0, 1, true);
-        config.setInstalled("ghost", kTriggerVisit, 1, 0, 1, true);
+        config.setInstalled("app", kTriggerVisit, 1, 0, 1, /*isPacks=*/true);
+        config.setInstalled("asset", kTriggerVisit, 1, 0, 1, /*isPacks=*/true);
+        config.setInstalled("ghost", kTriggerVisit, 1, 0, 1, /*isPacks=*/true);
     });
     EXPECT_FALSE(pack("app")->isPacks);
     EXPECT_FALSE(pack("asset")->isPacks);

@@ -194,7 +194,7 @@ TEST_F(HostileArchiveTest, EmptyZipIsRefused) {
 
 TEST_F(HostileArchiveTest, ZipWithoutTheListIsRefused) {
     expectRefused(
-        archive({}, version2(), false), Errors::kUnzipFailed,
+        archive({}, version2(), /*withList=*/false), Errors::kUnzipFailed,
         unzipFailed("Open zip file failed: -100 (UNZ_END_OF_LIST_OF_FILE: no such entry)"));
 }
 

@@ -63,7 +63,8 @@ class PackInstallTest : public InstallFixture {
         const ErrorOr<std::string> text = PacksStore::instance().readConfig();
         if (!text.ok()) return nullptr;
         Error error;
-        std::shared_ptr<FConfig> document = FConfig::parse(*text, "local", error, false);
+        std::shared_ptr<FConfig> document =
+            FConfig::parse(*text, "local", error, /*checkSignature=*/false);
         return document ? document->find(name) : nullptr;
     }
 };

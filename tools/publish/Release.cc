@@ -520,6 +520,44 @@ bool openRelease(const std::string& out, const std::string& history, const std::
     return true;
 }
 
+struct PromotedVersion {
+    uint64_t seq = 0;
+    double time = 0;
+};
+
+// The version that a promotion to `channel` releases: the one in rollout there, or the one that
+// `from` releases.
+bool promotedVersion(const JSON& state, const PackRelease& before, const std::string& channel,
+                     const std::string& from, const std::string& pack, PromotedVersion& version,
+                     std::string& error) {
+    if (from == channel) {
+        if (before.graySeq == 0 || before.share == 0) {
+            error = "no version of " + pack + " is in rollout in " + describeChannel(channel);
+            return false;
+        }
+        version = {before.graySeq, before.grayTime};
+    } else {
+        const PackRelease source = releaseOf(state, from, pack);
+        if (source.seq == 0) {
+            error = describeChannel(from) + " releases no version of " + pack;
+            return false;
+        }
+        version = {source.seq, source.time};
+        // A device never goes back to a lower number by itself: the ones on the newer version
+        // would keep it while new ones took the older, and the channel would split.
+        const uint64_t newest = std::max(before.seq, before.graySeq);
+        if (version.seq < newest) {
+            error = describeChannel(channel) + " has version " + std::to_string(newest) + " of " +
+                    pack + ", newer than the version " + std::to_string(version.seq) + " that " +
+                    describeChannel(from) + " releases; to give its devices version " +
+                    std::to_string(version.seq) + "'s files, `ferrit rollback --to " +
+                    std::to_string(version.seq) + "` publishes them as a new version";
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 bool promote(const PublishManifest& manifest, const std::string& out, const std::string& history,
@@ -534,36 +572,10 @@ bool promote(const PublishManifest& manifest, const std::string& out, const std:
     JSON state;
     if (!openRelease(out, history, channel, pack, result, historyFolder, state, error))
         return false;
+    PromotedVersion version;
+    if (!promotedVersion(state, result.before, channel, from, pack, version, error)) return false;
+    const uint64_t seq = version.seq;
     PackRelease next = result.before;
-    uint64_t seq = 0;
-    double time = 0;
-    if (from == channel) {
-        if (result.before.graySeq == 0 || result.before.share == 0) {
-            error = "no version of " + pack + " is in rollout in " + describeChannel(channel);
-            return false;
-        }
-        seq = result.before.graySeq;
-        time = result.before.grayTime;
-    } else {
-        const PackRelease source = releaseOf(state, from, pack);
-        if (source.seq == 0) {
-            error = describeChannel(from) + " releases no version of " + pack;
-            return false;
-        }
-        seq = source.seq;
-        time = source.time;
-        // A device never goes back to a lower number by itself: the ones on the newer version
-        // would keep it while new ones took the older, and the channel would split.
-        const uint64_t newest = std::max(result.before.seq, result.before.graySeq);
-        if (seq < newest) {
-            error = describeChannel(channel) + " has version " + std::to_string(newest) + " of " +
-                    pack + ", newer than the version " + std::to_string(seq) + " that " +
-                    describeChannel(from) + " releases; to give its devices version " +
-                    std::to_string(seq) + "'s files, `ferrit rollback --to " + std::to_string(seq) +
-                    "` publishes them as a new version";
-            return false;
-        }
-    }
     // A version whose list a retired key signed is refused by every device.
     const std::string versionKey =
         versionSigner(state["packs"][pack], seq, state["keys"]["signer"].stringValue());
@@ -580,7 +592,7 @@ bool promote(const PublishManifest& manifest, const std::string& out, const std:
     }
     if (next.seq != 0 && next.seq != seq) next.past.push_back(next.seq);
     next.seq = seq;
-    next.time = time;
+    next.time = version.time;
     next.graySeq = 0;
     next.grayTime = 0;
     next.share = 0;
