@@ -18,6 +18,9 @@ namespace {
 // transaction, so a short log keeps gets fast, and the file does not stay large after a burst.
 constexpr int64_t kWalBytes = 4 * 1024 * 1024;
 
+// What "PRAGMA auto_vacuum" answers for a file laid out for incremental vacuum.
+constexpr std::string_view kIncrementalVacuum = "2";
+
 // Keys fetched per round of an enumeration: enough to amortise the lock and the statement, few
 // enough that an early stop wastes little.
 constexpr size_t kEnumerateBatch = 256;
@@ -308,15 +311,22 @@ int KeyValueStore::configure(const Options& options) {
 
     // Page size and incremental vacuum are fixed when the first page is written, which switching
     // to WAL does, so they come first. Incremental vacuum lets compaction give free pages back
-    // without rewriting the whole file.
-    std::string sql =
-        "PRAGMA page_size=" + std::to_string(options.pageSize) + ";PRAGMA auto_vacuum=INCREMENTAL;";
-    int rc = execute(db_, sql.c_str());
+    // without rewriting the whole file. This is also the first statement that reads the file,
+    // so a file that is not a database fails here.
+    std::string vacuum;
+    int rc = queryText(db_, "PRAGMA auto_vacuum", vacuum);
     if (rc != SQLITE_OK) return rc;
+    // Only a file not laid out yet is told: on one that is, the statement rewrites the header
+    // page all the same, a commit with its syncs at every start.
+    if (vacuum != kIncrementalVacuum) {
+        const std::string sql = "PRAGMA page_size=" + std::to_string(options.pageSize) +
+                                ";PRAGMA auto_vacuum=INCREMENTAL;";
+        rc = execute(db_, sql.c_str());
+        if (rc != SQLITE_OK) return rc;
+    }
 
     // WAL: readers never block the writer, a commit is one append, and several processes can
-    // share the store. This is also the first statement that reads the file, so a file that is
-    // not a database fails here.
+    // share the store.
     std::string mode;
     rc = queryText(db_, "PRAGMA journal_mode=WAL", mode);
     if (rc != SQLITE_OK) return rc;
@@ -326,11 +336,11 @@ int KeyValueStore::configure(const Options& options) {
     // and it cannot corrupt the file. FULL would add an fdatasync per commit (milliseconds on
     // flash) for data that the update cycle fetches again anyway.
     const int64_t walPages = kWalBytes / (options.pageSize > 0 ? options.pageSize : 4096);
-    sql = "PRAGMA synchronous=NORMAL;PRAGMA cache_size=-" +
-          std::to_string(options.cacheBytes / 1024) +
-          ";PRAGMA mmap_size=" + std::to_string(options.mmapBytes) +
-          ";PRAGMA wal_autocheckpoint=" + std::to_string(walPages) +
-          ";PRAGMA journal_size_limit=" + std::to_string(kWalBytes) + ";";
+    std::string sql = "PRAGMA synchronous=NORMAL;PRAGMA cache_size=-" +
+                      std::to_string(options.cacheBytes / 1024) +
+                      ";PRAGMA mmap_size=" + std::to_string(options.mmapBytes) +
+                      ";PRAGMA wal_autocheckpoint=" + std::to_string(walPages) +
+                      ";PRAGMA journal_size_limit=" + std::to_string(kWalBytes) + ";";
     rc = execute(db_, sql.c_str());
     if (rc != SQLITE_OK) return rc;
 
