@@ -4,6 +4,8 @@
 #include <dirent.h>
 
 #include <cerrno>
+#include <string>
+#include <vector>
 
 #include "base/AssetProvider.h"
 #include "base/Errors.h"
@@ -371,8 +373,17 @@ void initFolders(std::string_view root) {
     if (path.empty() || path.back() != '/') path.push_back('/');
     setRootPath(normalizePath(path));
     initFolder(Folder::disk("apps/"));
+    // What an earlier run left in "temp/" goes; the folder itself stays, since removing and
+    // making it again cost two writes of the root's directory at every start.
     const Folder temp = Folder::disk("temp/");
-    FileUtil::removeTree(temp.absolute());
+    std::vector<std::string> leftovers;
+    if (FileUtil::listDirectory(temp.absolute(), leftovers) == 0) {
+        for (const std::string& path : leftovers) {
+            if (path.ends_with('/') || FileUtil::remove(path) != 0) FileUtil::removeTree(path);
+        }
+    } else {
+        FileUtil::removeTree(temp.absolute());
+    }
     initFolder(temp);
 }
 

@@ -543,6 +543,22 @@ TEST_F(FolderIOTest, TempContentFromEarlierRunDoesNotSurviveInitFolders) {
     EXPECT_EQ(readDisk("apps/kept/1/res/a.js"), "a");
 }
 
+// A start empties "temp/" in place: making the folder again would write the root's directory
+// twice at every start. Its mode tells the same folder from a new one.
+TEST_F(FolderIOTest, InitFoldersEmptiesTempWithoutMakingItAgain) {
+    writeDisk("temp/run/_7_1/origin.zip", "zip");
+    writeDisk("temp/loose.part", "part");
+    const std::filesystem::path temp = root_.path() / "temp";
+    // Not the mode that a made folder gets.
+    const auto mode = std::filesystem::perms::owner_all | std::filesystem::perms::group_read |
+                      std::filesystem::perms::group_exec;
+    std::filesystem::permissions(temp, mode);
+    initFolders(root_.path().string());
+    ASSERT_TRUE(std::filesystem::is_directory(temp));
+    EXPECT_TRUE(std::filesystem::is_empty(temp));
+    EXPECT_EQ(std::filesystem::status(temp).permissions(), mode);
+}
+
 TEST_F(FolderIOTest, InitFoldersMakesAppsAndTempUnderANewRoot) {
     const std::string root = root_.root() + "fresh//root";
     initFolders(root);
