@@ -374,15 +374,18 @@ void initFolders(std::string_view root) {
     setRootPath(normalizePath(path));
     initFolder(Folder::disk("apps/"));
     // What an earlier run left in "temp/" goes; the folder itself stays, since removing and
-    // making it again cost two writes of the root's directory at every start.
+    // making it again cost two writes of the root's directory at every start. A leftover that
+    // cannot go stays and is reported: the disk refuses writes, and the state says so.
     const Folder temp = Folder::disk("temp/");
     std::vector<std::string> leftovers;
     if (FileUtil::listDirectory(temp.absolute(), leftovers) == 0) {
-        for (const std::string& path : leftovers) {
-            if (path.ends_with('/') || FileUtil::remove(path) != 0) FileUtil::removeTree(path);
+        for (const std::string& entry : leftovers) {
+            // Only a real directory is walked: a link to one is removed as the link it is, or
+            // left, never followed out of the root.
+            const int removed =
+                entry.ends_with('/') ? FileUtil::removeTree(entry) : FileUtil::remove(entry);
+            static_cast<void>(removed);
         }
-    } else {
-        FileUtil::removeTree(temp.absolute());
     }
     initFolder(temp);
 }

@@ -19,7 +19,11 @@ namespace {
 constexpr int64_t kWalBytes = 4 * 1024 * 1024;
 
 // What "PRAGMA auto_vacuum" answers for a file laid out for incremental vacuum.
-constexpr std::string_view kIncrementalVacuum = "2";
+// What `PRAGMA auto_vacuum` and `PRAGMA page_count` answer.
+constexpr std::string_view kFullVacuum = "1";
+constexpr std::string_view kNoPages = "0";
+// SQLite's page size when none is set.
+constexpr int64_t kDefaultPageSize = 4096;
 
 // Keys fetched per round of an enumeration: enough to amortise the lock and the statement, few
 // enough that an early stop wastes little.
@@ -313,15 +317,23 @@ int KeyValueStore::configure(const Options& options) {
     // to WAL does, so they come first. Incremental vacuum lets compaction give free pages back
     // without rewriting the whole file. This is also the first statement that reads the file,
     // so a file that is not a database fails here.
-    std::string vacuum;
-    int rc = queryText(db_, "PRAGMA auto_vacuum", vacuum);
+    std::string pages;
+    int rc = queryText(db_, "PRAGMA page_count", pages);
     if (rc != SQLITE_OK) return rc;
-    // Only a file not laid out yet is told: on one that is, the statement rewrites the header
-    // page all the same, a commit with its syncs at every start.
-    if (vacuum != kIncrementalVacuum) {
+    std::string vacuum;
+    rc = queryText(db_, "PRAGMA auto_vacuum", vacuum);
+    if (rc != SQLITE_OK) return rc;
+    // Only a new file is laid out, and a full vacuum turned incremental, which SQLite does in
+    // place: on a file laid out already the statements rewrite the header page all the same, a
+    // commit with its syncs at every start. A store an older release made without vacuum keeps
+    // its layout, which only a full rewrite could change.
+    if (pages == kNoPages) {
         const std::string sql = "PRAGMA page_size=" + std::to_string(options.pageSize) +
                                 ";PRAGMA auto_vacuum=INCREMENTAL;";
         rc = execute(db_, sql.c_str());
+        if (rc != SQLITE_OK) return rc;
+    } else if (vacuum == kFullVacuum) {
+        rc = execute(db_, "PRAGMA auto_vacuum=INCREMENTAL;");
         if (rc != SQLITE_OK) return rc;
     }
 
@@ -335,7 +347,8 @@ int KeyValueStore::configure(const Options& options) {
     // process that dies keeps every commit; only a power cut can roll back the last commits,
     // and it cannot corrupt the file. FULL would add an fdatasync per commit (milliseconds on
     // flash) for data that the update cycle fetches again anyway.
-    const int64_t walPages = kWalBytes / (options.pageSize > 0 ? options.pageSize : 4096);
+    const int64_t walPages =
+        kWalBytes / (options.pageSize > 0 ? options.pageSize : kDefaultPageSize);
     std::string sql = "PRAGMA synchronous=NORMAL;PRAGMA cache_size=-" +
                       std::to_string(options.cacheBytes / 1024) +
                       ";PRAGMA mmap_size=" + std::to_string(options.mmapBytes) +

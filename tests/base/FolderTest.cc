@@ -559,6 +559,31 @@ TEST_F(FolderIOTest, InitFoldersEmptiesTempWithoutMakingItAgain) {
     EXPECT_EQ(std::filesystem::status(temp).permissions(), mode);
 }
 
+// A link in "temp/" to a folder elsewhere goes as a link, and when it cannot go it stays: what
+// it points to is never emptied.
+TEST_F(FolderIOTest, InitFoldersNeverFollowsALinkOutOfTemp) {
+    writeDisk("outside/kept.txt", "kept");
+    writeDisk("temp/loose.part", "part");
+    const std::filesystem::path temp = root_.path() / "temp";
+    std::filesystem::create_directory_symlink(root_.path() / "outside", temp / "link");
+    struct RefuseLinkRemoval : FileUtil::Calls {
+        int remove(const char* path) override {
+            if (std::string_view(path).ends_with("temp/link")) return errno = EACCES, -1;
+            return Calls::remove(path);
+        }
+    } calls;
+    FileUtil::setCalls(&calls);
+    initFolders(root_.path().string());
+    FileUtil::setCalls(nullptr);
+    EXPECT_EQ(readDisk("outside/kept.txt"), "kept");
+    EXPECT_TRUE(std::filesystem::is_symlink(temp / "link"));
+    EXPECT_FALSE(std::filesystem::exists(temp / "loose.part"));
+
+    initFolders(root_.path().string());
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(temp / "link")));
+    EXPECT_EQ(readDisk("outside/kept.txt"), "kept");
+}
+
 TEST_F(FolderIOTest, InitFoldersMakesAppsAndTempUnderANewRoot) {
     const std::string root = root_.root() + "fresh//root";
     initFolders(root);

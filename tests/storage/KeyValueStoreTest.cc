@@ -309,6 +309,17 @@ TEST_F(KeyValueStoreTest, ReopenOfALaidOutStoreWritesNothing) {
     EXPECT_EQ(rawQuery(file, "PRAGMA page_size"), "16384");
 }
 
+// Full vacuum becomes incremental in place, once: the next open finds nothing to change.
+TEST_F(KeyValueStoreTest, StoreWithFullVacuumTurnsIncrementalOnce) {
+    openStore(KeyValueStore::Options::forPacks(), "packs").reset();
+    const std::string file = folder("packs") + "/" + KeyValueStore::kFileName;
+    static_cast<void>(rawQuery(file, "PRAGMA auto_vacuum=FULL"));
+    ASSERT_EQ(rawQuery(file, "PRAGMA auto_vacuum"), "1");
+    openStore(KeyValueStore::Options::forPacks(), "packs").reset();
+    EXPECT_EQ(rawQuery(file, "PRAGMA auto_vacuum"), "2");
+    EXPECT_EQ(rawQuery(file, "PRAGMA page_size"), "16384");
+}
+
 TEST_F(KeyValueStoreTest, DatabaseIsLaidOutAsTheOptionsSay) {
     openStore(KeyValueStore::Options::forPacks(), "packs").reset();
     openStore(KeyValueStore::Options::forConfig(), "config").reset();
