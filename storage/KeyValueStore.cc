@@ -309,10 +309,7 @@ int KeyValueStore::openOrReplace(const std::string& path, const Options& options
     return first;
 }
 
-int KeyValueStore::configure(const Options& options) {
-    sqlite3_extended_result_codes(db_, 1);
-    sqlite3_busy_timeout(db_, options.busyTimeoutMs);
-
+int KeyValueStore::layOut(const Options& options) {
     // Page size and incremental vacuum are fixed when the first page is written, which switching
     // to WAL does, so they come first. Incremental vacuum lets compaction give free pages back
     // without rewriting the whole file. This is also the first statement that reads the file,
@@ -336,6 +333,15 @@ int KeyValueStore::configure(const Options& options) {
         rc = execute(db_, "PRAGMA auto_vacuum=INCREMENTAL;");
         if (rc != SQLITE_OK) return rc;
     }
+    return SQLITE_OK;
+}
+
+int KeyValueStore::configure(const Options& options) {
+    sqlite3_extended_result_codes(db_, 1);
+    sqlite3_busy_timeout(db_, options.busyTimeoutMs);
+
+    int rc = layOut(options);
+    if (rc != SQLITE_OK) return rc;
 
     // WAL: readers never block the writer, a commit is one append, and several processes can
     // share the store.
