@@ -4,6 +4,8 @@
 #include <dirent.h>
 
 #include <cerrno>
+#include <string>
+#include <vector>
 
 #include "base/AssetProvider.h"
 #include "base/Errors.h"
@@ -371,8 +373,20 @@ void initFolders(std::string_view root) {
     if (path.empty() || path.back() != '/') path.push_back('/');
     setRootPath(normalizePath(path));
     initFolder(Folder::disk("apps/"));
+    // What an earlier run left in "temp/" goes; the folder itself stays, since removing and
+    // making it again cost two writes of the root's directory at every start. A leftover that
+    // cannot go stays and is reported: the disk refuses writes, and the state says so.
     const Folder temp = Folder::disk("temp/");
-    FileUtil::removeTree(temp.absolute());
+    std::vector<std::string> leftovers;
+    if (FileUtil::listDirectory(temp.absolute(), leftovers) == 0) {
+        for (const std::string& entry : leftovers) {
+            // Only a real directory is walked: a link to one is removed as the link it is, or
+            // left, never followed out of the root.
+            const int removed =
+                entry.ends_with('/') ? FileUtil::removeTree(entry) : FileUtil::remove(entry);
+            static_cast<void>(removed);
+        }
+    }
     initFolder(temp);
 }
 

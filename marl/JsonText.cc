@@ -172,14 +172,14 @@ class EventRelay : public rj::BaseReaderHandler<rj::UTF8<>, EventRelay> {
 
 // Runs RapidJSON's reader over the whole text with `handler`; on failure fills `error` with the
 // parser's words (or the handler's reason) and the offset.
-template <typename Handler>
-bool readText(std::string_view text, Handler& handler, std::string* error) {
+// Numbers are taken as text and converted here with correct rounding: that is what full
+// precision asks for, and RapidJSON 1.1.0's own full-precision conversion misreads an all-zero
+// mantissa with a large exponent ("0e52").
+constexpr unsigned kReadFlags = rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag;
+
+template <unsigned kFlags, typename Stream, typename Handler>
+bool readText(std::string_view text, Stream& stream, Handler& handler, std::string* error) {
     rj::Reader reader;
-    rj::MemoryStream stream(text.data(), text.size());
-    // Numbers are taken as text and converted here with correct rounding: that is what full
-    // precision asks for, and RapidJSON 1.1.0's own full-precision conversion misreads an
-    // all-zero mantissa with a large exponent ("0e52").
-    constexpr unsigned kFlags = rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag;
     const rj::ParseResult result = reader.Parse<kFlags>(stream, handler);
     if (result.IsError()) {
         if (error) {
@@ -253,13 +253,19 @@ void internal::writeValue(TextWriter& writer, const JSON& value) {
 
 JSON JSON::parse(std::string_view text, std::string* error) {
     TextBuilder builder;
-    if (!readText(text, builder, error)) return JSON();
+    rj::MemoryStream stream(text.data(), text.size());
+    if (!readText<kReadFlags>(text, stream, builder, error)) return JSON();
     return builder.takeRoot();
 }
 
 bool JSON::parseEvents(std::string_view text, JSONEvents& events, std::string* error) {
     EventRelay relay(events);
-    return readText(text, relay, error);
+    // Read in place from a copy: a string or number then reaches the handler where it lies,
+    // where reading from the text pushed it onto the parser's stack byte by byte, which cost
+    // more than the copy of the whole text.
+    std::string buffer(text);
+    rj::InsituStringStream stream(buffer.data());
+    return readText<kReadFlags | rj::kParseInsituFlag>(text, stream, relay, error);
 }
 
 std::string JSON::toString() const {

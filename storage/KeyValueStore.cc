@@ -18,6 +18,13 @@ namespace {
 // transaction, so a short log keeps gets fast, and the file does not stay large after a burst.
 constexpr int64_t kWalBytes = 4 * 1024 * 1024;
 
+// What "PRAGMA auto_vacuum" answers for a file laid out for incremental vacuum.
+// What `PRAGMA auto_vacuum` and `PRAGMA page_count` answer.
+constexpr std::string_view kFullVacuum = "1";
+constexpr std::string_view kNoPages = "0";
+// SQLite's page size when none is set.
+constexpr int64_t kDefaultPageSize = 4096;
+
 // Keys fetched per round of an enumeration: enough to amortise the lock and the statement, few
 // enough that an early stop wastes little.
 constexpr size_t kEnumerateBatch = 256;
@@ -302,21 +309,42 @@ int KeyValueStore::openOrReplace(const std::string& path, const Options& options
     return first;
 }
 
+int KeyValueStore::layOut(const Options& options) {
+    // Page size and incremental vacuum are fixed when the first page is written, which switching
+    // to WAL does, so they come first. Incremental vacuum lets compaction give free pages back
+    // without rewriting the whole file. This is also the first statement that reads the file,
+    // so a file that is not a database fails here.
+    std::string pages;
+    int rc = queryText(db_, "PRAGMA page_count", pages);
+    if (rc != SQLITE_OK) return rc;
+    std::string vacuum;
+    rc = queryText(db_, "PRAGMA auto_vacuum", vacuum);
+    if (rc != SQLITE_OK) return rc;
+    // Only a new file is laid out, and a full vacuum turned incremental, which SQLite does in
+    // place: on a file laid out already the statements rewrite the header page all the same, a
+    // commit with its syncs at every start. A store an older release made without vacuum keeps
+    // its layout, which only a full rewrite could change.
+    if (pages == kNoPages) {
+        const std::string sql = "PRAGMA page_size=" + std::to_string(options.pageSize) +
+                                ";PRAGMA auto_vacuum=INCREMENTAL;";
+        rc = execute(db_, sql.c_str());
+        if (rc != SQLITE_OK) return rc;
+    } else if (vacuum == kFullVacuum) {
+        rc = execute(db_, "PRAGMA auto_vacuum=INCREMENTAL;");
+        if (rc != SQLITE_OK) return rc;
+    }
+    return SQLITE_OK;
+}
+
 int KeyValueStore::configure(const Options& options) {
     sqlite3_extended_result_codes(db_, 1);
     sqlite3_busy_timeout(db_, options.busyTimeoutMs);
 
-    // Page size and incremental vacuum are fixed when the first page is written, which switching
-    // to WAL does, so they come first. Incremental vacuum lets compaction give free pages back
-    // without rewriting the whole file.
-    std::string sql =
-        "PRAGMA page_size=" + std::to_string(options.pageSize) + ";PRAGMA auto_vacuum=INCREMENTAL;";
-    int rc = execute(db_, sql.c_str());
+    int rc = layOut(options);
     if (rc != SQLITE_OK) return rc;
 
     // WAL: readers never block the writer, a commit is one append, and several processes can
-    // share the store. This is also the first statement that reads the file, so a file that is
-    // not a database fails here.
+    // share the store.
     std::string mode;
     rc = queryText(db_, "PRAGMA journal_mode=WAL", mode);
     if (rc != SQLITE_OK) return rc;
@@ -325,12 +353,13 @@ int KeyValueStore::configure(const Options& options) {
     // process that dies keeps every commit; only a power cut can roll back the last commits,
     // and it cannot corrupt the file. FULL would add an fdatasync per commit (milliseconds on
     // flash) for data that the update cycle fetches again anyway.
-    const int64_t walPages = kWalBytes / (options.pageSize > 0 ? options.pageSize : 4096);
-    sql = "PRAGMA synchronous=NORMAL;PRAGMA cache_size=-" +
-          std::to_string(options.cacheBytes / 1024) +
-          ";PRAGMA mmap_size=" + std::to_string(options.mmapBytes) +
-          ";PRAGMA wal_autocheckpoint=" + std::to_string(walPages) +
-          ";PRAGMA journal_size_limit=" + std::to_string(kWalBytes) + ";";
+    const int64_t walPages =
+        kWalBytes / (options.pageSize > 0 ? options.pageSize : kDefaultPageSize);
+    std::string sql = "PRAGMA synchronous=NORMAL;PRAGMA cache_size=-" +
+                      std::to_string(options.cacheBytes / 1024) +
+                      ";PRAGMA mmap_size=" + std::to_string(options.mmapBytes) +
+                      ";PRAGMA wal_autocheckpoint=" + std::to_string(walPages) +
+                      ";PRAGMA journal_size_limit=" + std::to_string(kWalBytes) + ";";
     rc = execute(db_, sql.c_str());
     if (rc != SQLITE_OK) return rc;
 

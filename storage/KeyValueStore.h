@@ -167,6 +167,8 @@ class KeyValueStore {
     struct Statements;
     KeyValueStore(std::string path, sqlite3* db, bool readOnly);
     int configure(const Options& options);
+    // Page size and vacuum mode, set only on a file that needs them.
+    int layOut(const Options& options);
     int configureReadOnly(const Options& options);
     // Fetches up to `limit` keys of the range that follow `after` (or start at `from` when
     // `after` is null) into `keys`, each as its own string.

@@ -543,6 +543,47 @@ TEST_F(FolderIOTest, TempContentFromEarlierRunDoesNotSurviveInitFolders) {
     EXPECT_EQ(readDisk("apps/kept/1/res/a.js"), "a");
 }
 
+// A start empties "temp/" in place: making the folder again would write the root's directory
+// twice at every start. Its mode tells the same folder from a new one.
+TEST_F(FolderIOTest, InitFoldersEmptiesTempWithoutMakingItAgain) {
+    writeDisk("temp/run/_7_1/origin.zip", "zip");
+    writeDisk("temp/loose.part", "part");
+    const std::filesystem::path temp = root_.path() / "temp";
+    // Not the mode that a made folder gets.
+    const auto mode = std::filesystem::perms::owner_all | std::filesystem::perms::group_read |
+                      std::filesystem::perms::group_exec;
+    std::filesystem::permissions(temp, mode);
+    initFolders(root_.path().string());
+    ASSERT_TRUE(std::filesystem::is_directory(temp));
+    EXPECT_TRUE(std::filesystem::is_empty(temp));
+    EXPECT_EQ(std::filesystem::status(temp).permissions(), mode);
+}
+
+// A link in "temp/" to a folder elsewhere goes as a link, and when it cannot go it stays: what
+// it points to is never emptied.
+TEST_F(FolderIOTest, InitFoldersNeverFollowsALinkOutOfTemp) {
+    writeDisk("outside/kept.txt", "kept");
+    writeDisk("temp/loose.part", "part");
+    const std::filesystem::path temp = root_.path() / "temp";
+    std::filesystem::create_directory_symlink(root_.path() / "outside", temp / "link");
+    struct RefuseLinkRemoval : FileUtil::Calls {
+        int remove(const char* path) override {
+            if (std::string_view(path).ends_with("temp/link")) return errno = EACCES, -1;
+            return Calls::remove(path);
+        }
+    } calls;
+    FileUtil::setCalls(&calls);
+    initFolders(root_.path().string());
+    FileUtil::setCalls(nullptr);
+    EXPECT_EQ(readDisk("outside/kept.txt"), "kept");
+    EXPECT_TRUE(std::filesystem::is_symlink(temp / "link"));
+    EXPECT_FALSE(std::filesystem::exists(temp / "loose.part"));
+
+    initFolders(root_.path().string());
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(temp / "link")));
+    EXPECT_EQ(readDisk("outside/kept.txt"), "kept");
+}
+
 TEST_F(FolderIOTest, InitFoldersMakesAppsAndTempUnderANewRoot) {
     const std::string root = root_.root() + "fresh//root";
     initFolders(root);

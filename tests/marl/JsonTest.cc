@@ -757,7 +757,9 @@ class EchoEvents : public JSONEvents {
 TEST(JsonTest, ParseEventsDeliversTheTokensOfWhatParseReads) {
     for (const char* text :
          {R"({"a":[1,-2,3.5,1e3,18446744073709551615,true,null,"x\u00e9"],"b":{"c":{}}})",
-          R"([[],{},"",0])", "7", R"("only")"}) {
+          R"([[],{},"",0])", "7", R"("only")",
+          // Escapes shrink a string where it lies; what follows must still read whole.
+          R"({"k\"ey\u0041":"a\\b\nc","n":[12,0.5e-3],"t":"\u20ac\ud83d\ude00"})"}) {
         EchoEvents events;
         std::string error;
         ASSERT_TRUE(JSON::parseEvents(text, events, &error)) << text << error;
@@ -768,8 +770,9 @@ TEST(JsonTest, ParseEventsDeliversTheTokensOfWhatParseReads) {
 TEST(JsonTest, ParseEventsFailsWhereParseFails) {
     std::string tooDeep(JSON::kMaxDepth + 1, '[');
     tooDeep.append(JSON::kMaxDepth + 1, ']');
-    for (const std::string& text : {std::string(R"({"a":1)"), std::string(R"({"a":1e999})"),
-                                    std::string("[1] 2"), std::string("[1,]"), tooDeep}) {
+    for (const std::string& text :
+         {std::string(R"({"a":1)"), std::string(R"({"a":1e999})"), std::string("[1] 2"),
+          std::string("[1,]"), tooDeep, std::string("[1]\0[2]", 7)}) {
         EchoEvents events;
         std::string eventsError;
         std::string parseError;

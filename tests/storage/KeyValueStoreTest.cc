@@ -295,6 +295,31 @@ TEST_F(KeyValueStoreTest, ValuesSurviveCloseAndReopen) {
     EXPECT_EQ(valueOf(*store, "k"), "v");
 }
 
+// Every start opens the stores: an open that wrote would pay a commit's syncs each time.
+TEST_F(KeyValueStoreTest, ReopenOfALaidOutStoreWritesNothing) {
+    openStore(KeyValueStore::Options::forPacks(), "packs").reset();
+    const std::string file = folder("packs") + "/" + KeyValueStore::kFileName;
+    auto store = openStore(KeyValueStore::Options::forPacks(), "packs");
+    ASSERT_TRUE(store);
+    std::error_code missing;
+    const uintmax_t logged = std::filesystem::file_size(file + "-wal", missing);
+    EXPECT_TRUE(missing || logged == 0) << logged << " bytes in the log";
+    store.reset();
+    EXPECT_EQ(rawQuery(file, "PRAGMA auto_vacuum"), "2");
+    EXPECT_EQ(rawQuery(file, "PRAGMA page_size"), "16384");
+}
+
+// Full vacuum becomes incremental in place, once: the next open finds nothing to change.
+TEST_F(KeyValueStoreTest, StoreWithFullVacuumTurnsIncrementalOnce) {
+    openStore(KeyValueStore::Options::forPacks(), "packs").reset();
+    const std::string file = folder("packs") + "/" + KeyValueStore::kFileName;
+    static_cast<void>(rawQuery(file, "PRAGMA auto_vacuum=FULL"));
+    ASSERT_EQ(rawQuery(file, "PRAGMA auto_vacuum"), "1");
+    openStore(KeyValueStore::Options::forPacks(), "packs").reset();
+    EXPECT_EQ(rawQuery(file, "PRAGMA auto_vacuum"), "2");
+    EXPECT_EQ(rawQuery(file, "PRAGMA page_size"), "16384");
+}
+
 TEST_F(KeyValueStoreTest, DatabaseIsLaidOutAsTheOptionsSay) {
     openStore(KeyValueStore::Options::forPacks(), "packs").reset();
     openStore(KeyValueStore::Options::forConfig(), "config").reset();
