@@ -38,7 +38,9 @@ TEST(DigestTest, Crc32OfSixteenKilobytesIsZlibs) {
 }
 
 TEST(DigestTest, Crc32RunsOverPieces) {
-    const std::string whole = "static.example.com/a.js" "static.example.com/b.css";
+    const std::string whole =
+        "static.example.com/a.js"
+        "static.example.com/b.css";
     const unsigned first = crc32(0, "static.example.com/a.js");
     EXPECT_EQ(crc32(first, "static.example.com/b.css"), crc32(whole));
     EXPECT_EQ(crc32(0, whole), crc32(whole));

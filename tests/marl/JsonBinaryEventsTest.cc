@@ -21,8 +21,7 @@ std::string bytes(std::initializer_list<int> values) {
 // Writes each event as a line; stops at the event numbered `stopAt` when one is given.
 class Trace : public JSONEvents {
   public:
-    explicit Trace(std::string_view input = {}, int stopAt = -1)
-        : input_(input), stopAt_(stopAt) {}
+    explicit Trace(std::string_view input = {}, int stopAt = -1) : input_(input), stopAt_(stopAt) {}
     bool startObject() override { return note("{"); }
     bool key(std::string_view key) override { return note("k:" + inside(key)); }
     bool endObject() override { return note("}"); }
@@ -38,7 +37,8 @@ class Trace : public JSONEvents {
     std::string inside(std::string_view view) {
         // A view of the input, not of a copy.
         if (!input_.empty() && !view.empty() &&
-            (view.data() < input_.data() || view.data() + view.size() > input_.data() + input_.size()))
+            (view.data() < input_.data() ||
+             view.data() + view.size() > input_.data() + input_.size()))
             viewsInside = false;
         return std::string(view);
     }
