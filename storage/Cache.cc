@@ -572,6 +572,32 @@ std::unique_ptr<CachedResource> Cache::read(std::string_view url, std::string_vi
     return resource;
 }
 
+bool Cache::agreesWithStored(CacheEntry& entry, const CachedResource& resource, Error& error) {
+    entry.lock.assertHeld();
+    CachedResource current;
+    Error ignored;
+    Type md5Type = Type::Null;
+    if (!readBody(entry, current, ignored, &md5Type)) return false;
+    // The stored MD5 counts only when it was stored as text: a number never matches.
+    const std::string_view currentMd5 =
+        md5Type == Type::String ? std::string_view(current.md5) : std::string_view();
+    if (currentMd5 == resource.md5) {
+        // Same MD5, same body: two fetches agree, which validates it.
+        entry.validated = true;
+        entry.date = std::max(entry.date, resource.date);
+        writeMeta(entry);
+        return true;
+    }
+    const std::string difference =
+        compareBodies(current.body, resource.body, currentMd5, resource.md5);
+    if (!difference.empty()) {
+        error = Errors::cacheVerify(entry.url, difference);
+        LogBuilder log(MarlLogger::MRLLevelWarning, tag());
+        if (log.active()) log.event("write").append("url", entry.url).error(error);
+    }
+    return false;
+}
+
 bool Cache::write(std::string_view url, std::string_view owner, const CachedResource& resource,
                   Error& error) {
     error.clear();
@@ -590,32 +616,8 @@ bool Cache::write(std::string_view url, std::string_view owner, const CachedReso
         // The entry's lock is held from here on: the map may change meanwhile, this entry not.
         cacheLock.release();
 
-        CachedResource current;
-        bool haveCurrent = false;
-        // The stored MD5 as text only when it was stored as text: a number never matches.
-        std::string_view currentMd5;
-        if (existed && !resource.forceOverwrite) {
-            Error ignored;
-            Type md5Type = Type::Null;
-            haveCurrent = readBody(*entry, current, ignored, &md5Type);
-            if (md5Type == Type::String) currentMd5 = current.md5;
-            if (haveCurrent && currentMd5 == resource.md5) {
-                // Same MD5, same body: two fetches agree, which validates it.
-                entry->validated = true;
-                entry->date = std::max(entry->date, resource.date);
-                writeMeta(*entry);
-                return true;
-            }
-        }
-        if (haveCurrent) {
-            const std::string difference =
-                compareBodies(current.body, resource.body, currentMd5, resource.md5);
-            if (!difference.empty()) {
-                error = Errors::cacheVerify(std::string(url), difference);
-                LogBuilder log(MarlLogger::MRLLevelWarning, tag());
-                if (log.active()) log.event("write").append("url", url).error(error);
-            }
-        }
+        if (existed && !resource.forceOverwrite && agreesWithStored(*entry, resource, error))
+            return true;
 
         const bool large = resource.body.size() > kLargeThreshold;
         const JSON document = JSONObject{{kBodyContent, JSON(resource.body)},

@@ -160,6 +160,11 @@ class Cache : public MetaStore {
     // when given, receives the type "m" was stored as.
     bool readBody(const CacheEntry& entry, CachedResource& out, Error& error,
                   MarlLogger::json::Type* md5Type = nullptr) const REQUIRES(entry.lock);
+    // Whether `resource` has the MD5 of the stored body: then the entry is validated (its meta
+    // written) and nothing need be stored. Otherwise `error` gets the first difference (1010,
+    // logged) when there is a stored body to compare with.
+    bool agreesWithStored(CacheEntry& entry, const CachedResource& resource, Error& error)
+        REQUIRES(entry.lock);
     // Deletes the metadata, the body and the file of `url`.
     void eraseStored(std::string_view url);
     // Takes out an entry whose body at `version` was bad: its size leaves the total, and it is

@@ -27,7 +27,7 @@ TEST(DigestTest, Crc32OfKnownTexts) {
 
 TEST(DigestTest, Crc32OfSixteenKilobytesIsZlibs) {
     std::mt19937 random(16384);
-    std::string body(16 * 1024, '\0');
+    std::string body(size_t{16} * 1024, '\0');
     for (char& c : body) c = static_cast<char>(random() % 256);
     EXPECT_EQ(crc32(body), zlibCrc(body));
     // Every length up to a few cache lines, where the fast paths hand over to the byte loop.

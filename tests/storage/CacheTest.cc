@@ -404,8 +404,9 @@ TEST_F(CacheTest, BodyDocumentIsReadAsItsValuesWouldBe) {
         {"c", JSON(42)},
         {"r", JSON("not a number")},
         {"m", JSON(7)},
-        {"h", JSON(MarlLogger::json::JSONObject{
-                  {"A", JSON(1)}, {"B", JSON(JSON::parse("[1,{}]"))}, {"C", JSON(true)}})},
+        {"h",
+         JSON(MarlLogger::json::JSONObject{
+             {"A", JSON(1)}, {"B", JSON(JSON::parse("[1,{}]"))}, {"C", JSON(/*value=*/true)}})},
         {"t", JSON("12")},
         {"x", JSON(JSON::parse("{\"c\":1,\"h\":[]}"))}};
     std::string bytes = document.toBinary();
@@ -466,7 +467,7 @@ TEST_F(CacheTest, UndecodableBodyIsAMissInTheDecodersWords) {
 }
 
 TEST_F(CacheTest, BadCrcOfASixteenKilobyteBodyStillDrops) {
-    std::string body(16 * 1024, 'q');
+    std::string body(size_t{16} * 1024, 'q');
     body.replace(8000, 6, "marker");
     mustWrite(kUrl, resourceOf(body));
     flipStoredByte(std::string("res/") + kUrl, "marker");
