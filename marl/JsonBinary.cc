@@ -281,9 +281,9 @@ class BinaryWalker {
             case 0xc0:
                 return scalar(JSON(), at);
             case 0xc2:
-                return scalar(JSON(false), at);
+                return scalar(JSON(/*value=*/false), at);
             case 0xc3:
-                return scalar(JSON(true), at);
+                return scalar(JSON(/*value=*/true), at);
             case 0xc4:
             case 0xd9:
                 return take(1, &v) && string(v, at);
