@@ -476,6 +476,28 @@ int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
     return SQLITE_OK;
 }
 
+int KeyValueStore::visit(std::string_view key, FunctionRef<void(std::string_view value)> reader,
+                         bool& found) {
+    found = false;
+    MutexLock lock(mutex_);
+    sqlite3_stmt* statement = statements_->get;
+    ResetOnExit reset(statement);
+    int rc = bindBlob(statement, 1, key);
+    if (rc != SQLITE_OK) return rc;
+    rc = sqlite3_step(statement);
+    if (rc == SQLITE_DONE) return SQLITE_OK;
+    if (rc != SQLITE_ROW) return rc;
+    // column_blob before column_bytes: the documented order that never converts the value.
+    const void* data = sqlite3_column_blob(statement, 0);
+    const int size = sqlite3_column_bytes(statement, 0);
+    if (data == nullptr && size > 0) return SQLITE_NOMEM;
+    found = true;
+    // The buffer stays valid until the statement is reset, which happens after `reader` returns.
+    reader(size > 0 ? std::string_view(static_cast<const char*>(data), static_cast<size_t>(size))
+                    : std::string_view());
+    return SQLITE_OK;
+}
+
 int KeyValueStore::insert(std::string_view key, std::string_view value, Durability durability) {
     MutexLock lock(mutex_);
     // A durable commit syncs the log as it commits (synchronous=FULL for this one commit), which

@@ -39,6 +39,23 @@ ErrorOr<JSON> MetaStore::get(std::string_view key) const {
     return value;
 }
 
+Error MetaStore::visit(
+    std::string_view key,
+    FunctionRef<bool(std::string_view bytes, std::string& reason)> decode) const {
+    int status = 0;
+    const std::shared_ptr<KeyValueStore> db = handle(&status);
+    if (!db) return withStatusText(Errors::initStoreFailed(directory_, status), status);
+    bool found = false;
+    std::string reason;
+    bool decoded = true;
+    const int rc = db->visit(
+        key, [&](std::string_view bytes) { decoded = decode(bytes, reason); }, found);
+    if (rc != 0) return withStatusText(Errors::storeRead(directory_, key, rc), rc);
+    if (!found) return Errors::storeNotExists(directory_, key);
+    if (!decoded) return Errors::storeDeserialize(directory_, key, reason);
+    return Error();
+}
+
 Error MetaStore::put(std::string_view key, const JSON& value) {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
