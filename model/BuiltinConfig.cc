@@ -89,8 +89,11 @@ Error BuiltinConfig::load(FConfig& config) {
         installed->updateTime = now;
         installed->installedSeq = pack->seq;
         installed->installedBaseSeq = pack->baseSeq;
+        // Its files are read relative to its folder, held open, when the raw files are on disk.
+        const Folder files = installed->installedFolder();
         config.put(std::move(installed));
-        ResourceIndexPool::set(name, std::make_shared<const ResourceIndex>(name, resources[name]));
+        ResourceIndexPool::set(name,
+                               std::make_shared<const ResourceIndex>(name, resources[name], files));
         ++count;
     }
     config.rebuildIndexes();
