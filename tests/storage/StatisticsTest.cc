@@ -341,6 +341,7 @@ TEST_F(StatisticsTest, ManyThreadsCountingWhileWritesAndDecaysRun) {
     constexpr int kRounds = 150;
     std::atomic<int> running{kThreads};
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     const double start = now();
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([i, start, &running] {
