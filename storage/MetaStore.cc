@@ -70,6 +70,30 @@ Error MetaStore::put(std::string_view key, const JSON& value) {
     return Error();
 }
 
+Error MetaStore::putAll(const std::vector<std::pair<std::string, JSON>>& entries) {
+    if (entries.empty()) return Error();
+    int status = 0;
+    const std::shared_ptr<KeyValueStore> db = handle(&status);
+    if (!db) return withStatusText(Errors::initStoreFailed(directory_, status), status);
+    const std::string_view firstKey = entries.front().first;
+    Error paused;
+    if (writesPaused(firstKey, &paused)) return paused;
+    std::vector<std::pair<std::string, std::string>> encoded;
+    encoded.reserve(entries.size());
+    for (const auto& [key, value] : entries) {
+        std::string bytes = value.toBinary();
+        // As in put: a value the binary form cannot express is refused, here with the batch.
+        if (bytes.empty()) {
+            return withStatusText(Errors::storeWrite(directory_, key, SQLITE_TOOBIG),
+                                  SQLITE_TOOBIG);
+        }
+        encoded.emplace_back(key, std::move(bytes));
+    }
+    const int rc = db->insertAll(encoded);
+    if (rc != 0) return withStatusText(Errors::storeWrite(directory_, firstKey, rc), rc);
+    return Error();
+}
+
 void MetaStore::enumerate(std::string_view prefix,
                           const std::function<bool(std::string_view key)>& visit,
                           bool withKey) const {

@@ -12,6 +12,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
@@ -41,6 +43,9 @@ class MetaStore : public Store {
                 FunctionRef<bool(std::string_view bytes, std::string& reason)> decode) const;
     // No error once the value is stored; otherwise 9997 or 1104.
     Error put(std::string_view key, const MarlLogger::json::JSON& value);
+    // Stores every pair in one transaction: all of them or, on failure, none (9997 or 1104,
+    // naming the first key). Many small values written together pay for one commit.
+    Error putAll(const std::vector<std::pair<std::string, MarlLogger::json::JSON>>& entries);
     using Store::enumerate;
     // As Store::enumerate; without `withKey` the key is not handed on (an empty view is passed),
     // for callers that only count.
