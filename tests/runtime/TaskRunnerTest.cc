@@ -266,10 +266,10 @@ TEST_F(TaskRunnerTest, PostOnceTwiceBeforeRunLeavesOneTaskWithDelayOfFirstCall) 
     EXPECT_EQ(order_.get(), (std::vector<std::string>{"first"}));
 }
 
-TEST_F(TaskRunnerTest, PostOnceTakesEffectAgainOnceCallableClearsHolder) {
+TEST_F(TaskRunnerTest, PostOnceTakesEffectAgainWhenTheCallableAlsoClearsItsHolder) {
     std::atomic<TaskId> holder{0};
     auto save = [&] {
-        holder.store(0);  // the owner's duty, at the start of its callable
+        holder.store(0);  // as an owner may still do; the runner has cleared it already
         order_.add("save");
     };
     runner_.postTaskOnce(holder, save, 1000);
