@@ -457,23 +457,9 @@ int KeyValueStore::dataVersion(uint64_t& version) {
 }
 
 int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
-    found = false;
     value.clear();
-    MutexLock lock(mutex_);
-    sqlite3_stmt* statement = statements_->get;
-    ResetOnExit reset(statement);
-    int rc = bindBlob(statement, 1, key);
-    if (rc != SQLITE_OK) return rc;
-    rc = sqlite3_step(statement);
-    if (rc == SQLITE_DONE) return SQLITE_OK;
-    if (rc != SQLITE_ROW) return rc;
-    // column_blob before column_bytes: the documented order that never converts the value.
-    const void* data = sqlite3_column_blob(statement, 0);
-    const int size = sqlite3_column_bytes(statement, 0);
-    if (data == nullptr && size > 0) return SQLITE_NOMEM;
-    value.assign(size > 0 ? static_cast<const char*>(data) : "", static_cast<size_t>(size));
-    found = true;
-    return SQLITE_OK;
+    return visit(
+        key, [&](std::string_view bytes) { value.assign(bytes); }, found);
 }
 
 int KeyValueStore::visit(std::string_view key, FunctionRef<void(std::string_view value)> reader,

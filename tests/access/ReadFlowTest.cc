@@ -131,21 +131,9 @@ TEST_F(ReadFlowTest, DiskPackAndBuiltInPackServeInBothForms) {
 }
 
 TEST_F(ReadFlowTest, BuiltInConfigurationAssetServesItsPack) {
-    JSON kit;
-    kit.set("s", 2);
-    kit.set("f", 96);
-    kit.set("p", JSON(MarlLogger::json::JSONArray{JSON("https://cdn.shop.com/kit/")}));
-    JSON document;
-    document.set("v", "7");
-    document.set("packs", JSON(JSONObject{{"kit", kit}}));
-    document.set(
-        "resources",
-        JSON(JSONObject{
-            {"kit", tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}})}}));
-    writeRaw("Ferrit_Asset.config", document.toString());
     writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
-    Error loadError;
-    SCache::mutate([&](FConfig& config) { loadError = BuiltinConfig::load(config); });
+    const Error loadError =
+        loadBuiltInKit(tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}}));
     ASSERT_FALSE(loadError) << loadError.message();
 
     auto response = Access::getResource(ResourceRequest("https://cdn.shop.com/kit/kit.css", ""));
