@@ -1,7 +1,6 @@
 #include "access/AggregateRequest.h"
 
-#include <zlib.h>
-
+#include "base/Digest.h"
 #include "base/Errors.h"
 #include "base/Http.h"
 #include "base/LogTags.h"
@@ -28,13 +27,10 @@ MarlLogger::json::JSON headerJSON(const HeaderMap& header) {
 }  // namespace
 
 AggregateRequest::AggregateRequest(const ComboRule& rule, std::string parentId)
-    : rule_(rule),
-      parentId_(std::move(parentId)),
-      crc_(static_cast<uint32_t>(::crc32(0L, Z_NULL, 0))) {}
+    : rule_(rule), parentId_(std::move(parentId)), crc_(0) {}
 
 bool AggregateRequest::add(std::string url) {
-    crc_ = static_cast<uint32_t>(
-        ::crc32(crc_, reinterpret_cast<const Bytef*>(url.data()), static_cast<uInt>(url.size())));
+    crc_ = Digest::crc32(crc_, url);
     urls_.push_back(std::move(url));
     return urls_.size() * 2 + kLimitReserve > rule_.limit;
 }

@@ -208,8 +208,13 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
             // An on-demand file is never there before its module is loaded. A file of a folder
             // that the index holds open is checked by opening it, and read from that open.
             const OpenDirectory* directory = match->index->directory();
-            if (directory != nullptr) opened_ = HeldFile(directory->openFile(record->path));
-            if (!isOnDemand() && !opened_.isOpen() && !file().exists()) {
+            // A name that would leave the pack's folder is refused before anything opens it.
+            if (Error refused = OpenDirectory::checkName(record->path)) {
+                error = std::move(refused);
+            } else if (directory != nullptr) {
+                opened_ = HeldFile(directory->openFile(record->path));
+            }
+            if (!error && !isOnDemand() && !opened_.isOpen() && !file().exists()) {
                 error = Errors::packFileNotFound(name, file());
                 postReinstall(*match->pack);
             }

@@ -154,6 +154,10 @@ std::string ProxyAssetProvider::readAsset(const std::string& path, Error& error)
     return ProxyCalls::assetRead(path, error);
 }
 
+std::string ProxyAssetProvider::diskPath() const {
+    return ProxyCalls::assetDiskPath();
+}
+
 void ProxyAssetProvider::loadModule(const std::string& module, LoadCallback callback) {
     ProxyCalls::loadOnDemand(module, std::move(callback));
 }
@@ -179,6 +183,11 @@ std::string readAsset(const std::string& path, Error& error) {
     std::shared_ptr<AssetProvider> provider = AssetProvider::current();
     if (!provider) error = Errors::proxyNotInitialized();
     return callOr(provider, &AssetProvider::readAsset, std::string(), path, error);
+}
+
+std::string diskPath() {
+    std::shared_ptr<AssetProvider> provider = AssetProvider::current();
+    return provider ? provider->diskPath() : std::string();
 }
 
 void loadModule(const std::string& module, AssetProvider::LoadCallback callback) {

@@ -38,6 +38,9 @@ class AssetProvider {
     virtual std::string readAsset(const std::string& path, Error& error) = 0;
     // Makes the on-demand module available, then calls `callback` once, on any thread.
     virtual void loadModule(const std::string& module, LoadCallback callback) = 0;
+    // The folder of the disk (ending in "/") where the raw files lie as plain files, or empty
+    // (the default) when they can only be reached through the operations above.
+    virtual std::string diskPath() const { return {}; }
 
     // The process-wide provider, or null.
     static std::shared_ptr<AssetProvider> current();
@@ -59,6 +62,8 @@ class RawFileProvider : public AssetProvider {
     uint64_t assetSize(const std::string& path) override;
     std::string readAsset(const std::string& path, Error& error) override;
     void loadModule(const std::string& module, LoadCallback callback) override;
+    // The raw-file folder: its files are plain files.
+    std::string diskPath() const override { return folder_; }
 
     const std::string& folder() const { return folder_; }
 
@@ -77,6 +82,8 @@ class ProxyAssetProvider : public AssetProvider {
     uint64_t assetSize(const std::string& path) override;
     std::string readAsset(const std::string& path, Error& error) override;
     void loadModule(const std::string& module, LoadCallback callback) override;
+    // What the host's Proxy::assetDiskPath says.
+    std::string diskPath() const override;
 };
 
 namespace Assets {
@@ -84,6 +91,8 @@ bool hasAsset(const std::string& path);
 std::vector<std::string> listAsset(const std::string& path);
 uint64_t assetSize(const std::string& path);
 std::string readAsset(const std::string& path, Error& error);
+// Empty without a provider.
+std::string diskPath();
 // Without a provider `callback` runs at once, on the calling thread, with 9991.
 void loadModule(const std::string& module, AssetProvider::LoadCallback callback);
 }  // namespace Assets

@@ -1,5 +1,5 @@
 // Digests and encodings shared by every verifier: MD5 as lower-case hexadecimal, base64 decoding
-// and CRC-32. Pure functions over OpenSSL and zlib; any thread.
+// and CRC-32. Pure functions over OpenSSL and libdeflate; any thread.
 #pragma once
 
 #include <memory>
@@ -32,7 +32,10 @@ class Md5 {
 bool base64Decode(std::string_view text, std::string& out);
 // Standard base64 with padding, on one line.
 std::string base64Encode(std::string_view bytes);
-// CRC-32 (zlib's polynomial) of `data`.
+// CRC-32 of `data`: zlib's polynomial and values, seed 0.
 unsigned crc32(std::string_view data);
+// The CRC-32 of what `crc` covered followed by `data`, as zlib's crc32(crc, data) gives it, for a
+// CRC that runs over pieces; crc32(0, data) is crc32(data).
+unsigned crc32(unsigned crc, std::string_view data);
 
 }  // namespace FerritCore::Digest

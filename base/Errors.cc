@@ -256,6 +256,11 @@ Error fileReadInvalidType(const Folder& file, const std::string& type) {
                  type.c_str());
 }
 
+Error nameLeavesFolder(std::string_view name) {
+    return Error(kFileRead, "read file \"%.*s\" refused: the name leaves its folder",
+                 viewLength(name), name.data());
+}
+
 Error storageRead(const std::string& storage, std::string_view key, int status) {
     return Error(kFileRead, "Storage read \"%s/%.*s\" failed: %d", storage.c_str(), viewLength(key),
                  viewData(key), status);

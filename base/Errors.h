@@ -46,17 +46,19 @@ Error requestVerifyMd5(const std::string& url, const std::string& md5,
 // ...", "signed at ..., before the configuration this device has", "issued in the future: ...",
 // "published for channel ..."). A document signed by a retired key does not verify (1010 of
 // requestVerifySignature).
-Error requestRefused(const std::string& url, const std::string& reason);          // 1010
-Error aggregateVerifyCount(int count, int expected);                              // 1010
-Error cacheVerify(const std::string& url, const std::string& reason);             // 1010
-Error fileNotExists(const Folder& file);                                          // 1101
-Error assetNotExists();                                                           // 1101
-Error storageNotExists(const std::string& storage, std::string_view key);         // 1101
-Error storeNotExists(const std::string& prefix, std::string_view key);            // 1101
-Error fileRead(const Folder& file, int errnum);                                   // 1102
-Error fileRead(const Folder& file, int code, const std::string& message);         // 1102
-Error fileReadInvalidType(const Folder& file);                                    // 1102
-Error fileReadInvalidType(const Folder& file, const std::string& type);           // 1102
+Error requestRefused(const std::string& url, const std::string& reason);   // 1010
+Error aggregateVerifyCount(int count, int expected);                       // 1010
+Error cacheVerify(const std::string& url, const std::string& reason);      // 1010
+Error fileNotExists(const Folder& file);                                   // 1101
+Error assetNotExists();                                                    // 1101
+Error storageNotExists(const std::string& storage, std::string_view key);  // 1101
+Error storeNotExists(const std::string& prefix, std::string_view key);     // 1101
+Error fileRead(const Folder& file, int errnum);                            // 1102
+Error fileRead(const Folder& file, int code, const std::string& message);  // 1102
+Error fileReadInvalidType(const Folder& file);                             // 1102
+Error fileReadInvalidType(const Folder& file, const std::string& type);    // 1102
+// A name below a held folder that would reach outside it (absolute, or with a ".." piece).
+Error nameLeavesFolder(std::string_view name);                                    // 1102
 Error storageRead(const std::string& storage, std::string_view key, int status);  // 1102
 Error storeRead(const std::string& prefix, std::string_view key, int status);     // 1102
 Error storeDeserialize(const std::string& prefix, std::string_view key,

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cwchar>
 
+#include "base/Errors.h"
 #include "base/StorageState.h"
 
 namespace FerritCore {
@@ -610,12 +611,23 @@ int OpenDirectory::heldCount() {
     return heldDirectories.load(std::memory_order_acquire);
 }
 
+Error OpenDirectory::checkName(std::string_view relative) {
+    if (relative.empty() || relative.front() == '/' || climbsOut(relative))
+        return Errors::nameLeavesFolder(relative);
+    return Error();
+}
+
 bool OpenDirectory::hasFile(const std::string& relative) const {
+    if (checkName(relative)) return false;
     struct stat info;
     return ::fstatat(fd_, relative.c_str(), &info, 0) == 0 && !S_ISDIR(info.st_mode);
 }
 
 int OpenDirectory::openFile(const std::string& relative) const {
+    if (checkName(relative)) {
+        errno = EACCES;
+        return -1;
+    }
     return retryOnInterrupt([&] { return ::openat(fd_, relative.c_str(), O_RDONLY | O_CLOEXEC); });
 }
 

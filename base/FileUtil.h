@@ -18,6 +18,8 @@
 
 #include <sys/types.h>
 
+#include "ferritcore/Error.h"
+
 namespace FerritCore {
 
 // Retries a system call that a signal interrupted.
@@ -209,11 +211,20 @@ class OpenDirectory {
     OpenDirectory(const OpenDirectory&) = delete;
     OpenDirectory& operator=(const OpenDirectory&) = delete;
 
-    // Whether `relative` names something below the directory that is no directory.
+    // Whether `relative` may be opened below the directory: a name that is empty, begins with "/"
+    // (openat would ignore the directory and go from the file system's root) or has a ".." piece
+    // would reach outside it, and is refused with 1102. Names come from lists and documents that
+    // a publisher wrote; none of them may choose what this process opens.
+    static Error checkName(std::string_view relative);
+
+    // Whether `relative` names something below the directory that is no directory; false for a
+    // name that checkName refuses.
     bool hasFile(const std::string& relative) const;
-    // Opens `relative` below the directory and reads it whole (readDescriptor). 0 or an errno.
+    // Opens `relative` below the directory and reads it whole (readDescriptor). 0 or an errno;
+    // EACCES for a name that checkName refuses.
     int readFile(const std::string& relative, std::string& out) const;
-    // Opens `relative` below the directory for reading: a descriptor, or -1 with errno set.
+    // Opens `relative` below the directory for reading: a descriptor, or -1 with errno set
+    // (EACCES for a name that checkName refuses).
     int openFile(const std::string& relative) const;
 
     // Directories held open by the process now.

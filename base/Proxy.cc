@@ -64,6 +64,10 @@ std::string Proxy::assetRead(const std::string&, Error& error) {
     return {};
 }
 
+std::string Proxy::assetDiskPath() const {
+    return {};
+}
+
 void Proxy::loadOnDemand(const std::string&, std::function<void(const Error&)> completion) {
     if (completion) completion(Error());
 }
@@ -139,6 +143,11 @@ std::string assetRead(const std::string& path, Error& error) {
     std::shared_ptr<Proxy> held = proxy();
     if (!held) error = Errors::proxyNotInitialized();
     return callOr(held, &Proxy::assetRead, std::string(), path, error);
+}
+
+std::string assetDiskPath() {
+    std::shared_ptr<Proxy> held = proxy();
+    return held ? held->assetDiskPath() : std::string();
 }
 
 void loadOnDemand(const std::string& tag, std::function<void(const Error&)> completion) {

@@ -64,6 +64,11 @@ class Proxy {
     // The whole file; on failure empty, with `error` set (1101 when it does not exist).
     // Success clears `error`.
     virtual std::string assetRead(const std::string& path, Error& error);
+    // The folder of the disk (ending in "/") that holds the raw files as plain files, for a host
+    // whose raw files are such files; empty (the default) when they are reached only through the
+    // operations above. Packs built into the app are then read as installed packs are: relative
+    // to their folder, held open, one open per read.
+    virtual std::string assetDiskPath() const;
     // Makes the on-demand module `tag` available, then calls `completion` exactly once, on any
     // thread. The default completes at once with success, as a host without on-demand delivery
     // does: its assets are there already.
@@ -107,6 +112,8 @@ std::vector<std::string> assetList(const std::string& path);
 uint64_t assetSize(const std::string& path);
 // 9991 without a proxy.
 std::string assetRead(const std::string& path, Error& error);
+// Empty without a proxy.
+std::string assetDiskPath();
 // Without a proxy `completion` runs at once, on the calling thread, with 9991. An empty
 // completion is allowed: the module is loaded and nobody is told.
 void loadOnDemand(const std::string& tag, std::function<void(const Error&)> completion);

@@ -234,6 +234,10 @@ uint64_t BridgeProxy::assetSize(const std::string& path) {
     return rawFiles_ == nullptr ? 0 : rawFiles_->assetSize(path);
 }
 
+std::string BridgeProxy::assetDiskPath() const {
+    return rawFiles_ == nullptr ? std::string() : rawFiles_->folder();
+}
+
 std::string BridgeProxy::assetRead(const std::string& path, Error& error) {
     if (rawFiles_ == nullptr) {
         error = Errors::resourceManagerNotFound();

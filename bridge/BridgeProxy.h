@@ -66,6 +66,8 @@ class BridgeProxy : public Proxy {
     std::vector<std::string> assetList(const std::string& path) override;
     uint64_t assetSize(const std::string& path) override;
     std::string assetRead(const std::string& path, Error& error) override;
+    // The raw-file folder the host gave (its files are plain files), or empty without one.
+    std::string assetDiskPath() const override;
 
     // Script thread: takes the record of `id` out of the live set. Null for 0, an unknown id or
     // one already finished. The caller owns the record.

@@ -1,7 +1,10 @@
 #include "bridge/HostValues.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <iterator>
+#include <optional>
 #include <vector>
 
 #include "base/Errors.h"
@@ -38,20 +41,74 @@ std::string readString(napi_env env, napi_value object, const char* key) {
     return NAPI::toString(env, NAPI::getProperty(env, object, key)).value_or(std::string());
 }
 
-// The response object: "data", "md5", "header", "error", "is404", in that order, with the header's
-// names and values following the four fixed values in pairs.
-constexpr const char* kResponseObject = R"((function (data, md5, error, is404) {
+// The response object: "data", "md5", "header", "error", "is404", in that order. The MD5 and the
+// header cross as one text, the MD5 then a name and a value per header, each after a NUL; cut
+// with indexOf, which makes no array of the pieces as split would.
+constexpr const char* kResponseObject = R"((function (data, error, is404, packed) {
   'use strict';
   const header = {};
-  for (let i = 4; i < arguments.length; i += 2) header[arguments[i]] = arguments[i + 1];
+  let at = packed.indexOf('\0');
+  const md5 = at < 0 ? packed : packed.slice(0, at);
+  while (at >= 0) {
+    const value = packed.indexOf('\0', at + 1);
+    const end = packed.indexOf('\0', value + 1);
+    header[packed.slice(at + 1, value)] = end < 0 ? packed.slice(value + 1) : packed.slice(value + 1, end);
+    at = end;
+  }
+  return { data: data, md5: md5, header: header, error: error, is404: is404 };
+}))";
+// The same object for a response whose MD5, names or values hold a NUL of their own, which the
+// one text cannot tell apart from its separators: the MD5, then the names and values in pairs.
+constexpr const char* kResponseObjectPairs = R"((function (data, error, is404, md5) {
+  'use strict';
+  const header = {};
+  for (let i = 4; i + 1 < arguments.length; i += 2) header[arguments[i]] = arguments[i + 1];
   return { data: data, md5: md5, header: header, error: error, is404: is404 };
 }))";
 constexpr size_t kResponseFixedArguments = 4;
 
-// The request object's fields as one array: "url", "traceId", "packName", "packVersion" as they
-// are, then the header's string members (own and inherited, enumerable, as for...in lists them)
-// in name, value pairs. A getter that throws reads as absent, and a header whose names cannot be
-// listed has none, just as reading the fields one by one would make them.
+// The MD5 and the header as the one text the response object's script cuts, or empty when a NUL
+// in one of them would cut it in the wrong place.
+std::optional<std::string> packedHeader(const ResourceResponse& response) {
+    constexpr char kSeparator = '\0';
+    size_t size = response.md5.size();
+    for (const auto& [name, value] : response.header) size += name.size() + value.size() + 2;
+    std::string packed;
+    packed.reserve(size);
+    packed.append(response.md5);
+    for (const auto& [name, value] : response.header)
+        packed.append(1, kSeparator).append(name).append(1, kSeparator).append(value);
+    if (std::count(packed.begin(), packed.end(), kSeparator) !=
+        static_cast<std::ptrdiff_t>(2 * response.header.size()))
+        return std::nullopt;
+    return packed;
+}
+
+// The arguments of the pairs script after the first three: the MD5 and the header's names and
+// values in pairs. False with the engine's error raised when a text could not be made.
+bool unpackedArguments(napi_env env, const ResourceResponse& response,
+                       std::vector<napi_value>& arguments) {
+    arguments.reserve(kResponseFixedArguments + 2 * response.header.size());
+    napi_value md5 = NAPI::toString(env, response.md5);
+    if (md5 == nullptr) return false;
+    arguments.push_back(md5);
+    for (const auto& [name, value] : response.header) {
+        napi_value nameText = NAPI::toString(env, name);
+        napi_value valueText = nameText != nullptr ? NAPI::toString(env, value) : nullptr;
+        if (valueText == nullptr) return false;
+        arguments.push_back(nameText);
+        arguments.push_back(valueText);
+    }
+    return true;
+}
+
+// The request object's fields: "url", "traceId", "packName", "packVersion", then the header's
+// string members (own and inherited, enumerable, as for...in lists them) in name, value pairs. A
+// getter that throws reads as absent, and a header whose names cannot be listed has none, just as
+// reading the fields one by one would make them. They come as one text: "traceId" as a 32-bit
+// number (0 when it is none), then each field after a NUL, empty when it is no string; a field
+// that holds a NUL of its own cannot be told apart that way, and the fields then come as an array
+// of the values as they are.
 constexpr const char* kRequestFields = R"((function (request) {
   'use strict';
   const fields = [undefined, undefined, undefined, undefined];
@@ -72,7 +129,18 @@ constexpr const char* kRequestFields = R"((function (request) {
   try { fields[1] = request.traceId; } catch (e) {}
   try { fields[2] = request.packName; } catch (e) {}
   try { fields[3] = request.packVersion; } catch (e) {}
-  return fields;
+  let text = String(typeof fields[1] === 'number' ? fields[1] | 0 : 0);
+  for (let i = 0; i < fields.length; ++i) {
+    const field = fields[i];
+    if (typeof field !== 'string') {
+      text += '\0';
+    } else if (field.indexOf('\0') >= 0) {
+      return fields;
+    } else {
+      text += '\0' + field;
+    }
+  }
+  return text;
 }))";
 enum RequestField : uint32_t {
     kRequestUrl,
@@ -82,18 +150,66 @@ enum RequestField : uint32_t {
     kRequestFixedFields
 };
 
+// The request from the reader's text: the type, then the fixed fields and the header's names and
+// values, each after a NUL.
+ResourceRequest requestFromText(std::string_view text) {
+    constexpr char kSeparator = '\0';
+    // Whether a separator follows the last piece taken.
+    bool more = true;
+    // The next piece of `text`, which loses it and its separator.
+    const auto next = [&text, &more]() {
+        const size_t end = text.find(kSeparator);
+        const std::string_view piece = text.substr(0, end);
+        more = end != std::string_view::npos;
+        text.remove_prefix(more ? end + 1 : text.size());
+        return piece;
+    };
+    const std::string_view typeText = next();
+    int32_t type = 0;
+    if (std::from_chars(typeText.data(), typeText.data() + typeText.size(), type).ec != std::errc())
+        type = 0;
+    std::string_view field[kRequestFixedFields];
+    for (std::string_view& piece : field) piece = more ? next() : std::string_view();
+    HeaderMap header;
+    while (more) {
+        const std::string_view name = next();
+        if (!more) break;
+        header[std::string(name)] = std::string(next());
+    }
+    ResourceRequest request(std::string(field[kRequestUrl]), header);
+    request.parentId.assign(field[kRequestTraceId]);
+    request.type = type;
+    request.packName.assign(field[kRequestPackName]);
+    request.packVersion.assign(field[kRequestPackVersion]);
+    return request;
+}
+
+// The byte length of an ArrayBuffer, or 0 when it is none.
+size_t byteLength(napi_value value, napi_env env) {
+    void* data = nullptr;
+    size_t length = 0;
+    if (napi_get_arraybuffer_info(env, value, &data, &length) != napi_ok) return 0;
+    return length;
+}
+
 }  // namespace
 
 ResourceRequest decodeRequest(napi_env env, napi_value value) {
     if (!NAPI::isObject(env, value)) return ResourceRequest(std::string(), std::string());
     // One call of a compiled script reads every field, where reading each from here costs the
-    // engine a name lookup and an exception guard apiece.
+    // engine a name lookup and an exception guard apiece; they cross as one text, read in one
+    // call, where an array would cost a call per element and another per text.
     napi_value reader = NAPI::scriptFunction(env, NAPI::Script::RequestFields, kRequestFields);
     napi_value fields = nullptr;
-    uint32_t count = 0;
     if (reader == nullptr ||
-        napi_call_function(env, NAPI::undefined(env), reader, 1, &value, &fields) != napi_ok ||
-        napi_get_array_length(env, fields, &count) != napi_ok || count < kRequestFixedFields) {
+        napi_call_function(env, NAPI::undefined(env), reader, 1, &value, &fields) != napi_ok) {
+        NAPI::clearException(env);
+        return ResourceRequest(std::string(), std::string());
+    }
+    if (std::optional<std::string> text = NAPI::toString(env, fields))
+        return requestFromText(*text);
+    uint32_t count = 0;
+    if (napi_get_array_length(env, fields, &count) != napi_ok || count < kRequestFixedFields) {
         NAPI::clearException(env);
         return ResourceRequest(std::string(), std::string());
     }
@@ -153,8 +269,23 @@ napi_value encodeError(napi_env env, NAPI::Bridge* bridge, const Error& error) {
 }
 
 char* EngineMemory::allocate(size_t size) {
+    // A Buffer's memory is not zero-filled, an ArrayBuffer's is: the read overwrites every byte,
+    // so filling them first would only cost a pass over the whole answer. The Buffer's own
+    // ArrayBuffer is what crosses, when it is exactly the answer's memory.
     void* data = nullptr;
+    napi_value view = nullptr;
     napi_value buffer = nullptr;
+    size_t offset = 0;
+    size_t length = 0;
+    if (napi_create_buffer(env_, size, &data, &view) == napi_ok && data != nullptr &&
+        napi_get_typedarray_info(env_, view, nullptr, &length, nullptr, &buffer, &offset) ==
+            napi_ok &&
+        offset == 0 && length == size && byteLength(buffer, env_) == size) {
+        buffer_ = buffer;
+        return static_cast<char*>(data);
+    }
+    NAPI::clearException(env_);
+    // An engine whose Buffers are slices of a larger block: an ArrayBuffer of its own.
     if (napi_create_arraybuffer(env_, size, &data, &buffer) != napi_ok || data == nullptr) {
         NAPI::clearException(env_);
         return nullptr;
@@ -188,29 +319,28 @@ napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
 
     // One call of a compiled script builds the object and its header: an object literal takes a
     // ready-made shape, where setting the properties one by one from here costs a lookup each.
-    napi_status status = napi_ok;
+    napi_status status = napi_generic_failure;
     napi_value result = nullptr;
-    napi_value factory = NAPI::scriptFunction(env, NAPI::Script::ResponseObject, kResponseObject);
-    napi_value md5 = factory != nullptr ? NAPI::toString(env, raw->md5) : nullptr;
-    napi_value error = md5 != nullptr ? encodeError(env, bridge, raw->error) : nullptr;
+    std::optional<std::string> packed = packedHeader(*raw);
+    napi_value factory =
+        packed ? NAPI::scriptFunction(env, NAPI::Script::ResponseObject, kResponseObject)
+               : NAPI::scriptFunction(env, NAPI::Script::ResponseObjectPairs, kResponseObjectPairs);
+    napi_value error = factory != nullptr ? encodeError(env, bridge, raw->error) : nullptr;
     napi_value is404 = error != nullptr ? NAPI::toBool(env, raw->is404) : nullptr;
     if (is404 != nullptr) {
-        std::vector<napi_value> arguments{data, md5, error, is404};
-        arguments.reserve(kResponseFixedArguments + 2 * raw->header.size());
-        for (const auto& [name, value] : raw->header) {
-            napi_value nameText = NAPI::toString(env, name);
-            napi_value valueText = nameText != nullptr ? NAPI::toString(env, value) : nullptr;
-            if (valueText == nullptr) break;
-            arguments.push_back(nameText);
-            arguments.push_back(valueText);
+        if (packed) {
+            // The usual answer: four arguments, one text made, whatever the header holds.
+            napi_value arguments[kResponseFixedArguments] = {data, error, is404,
+                                                             NAPI::toString(env, *packed)};
+            if (arguments[kResponseFixedArguments - 1] != nullptr)
+                status = napi_call_function(env, NAPI::undefined(env), factory,
+                                            kResponseFixedArguments, arguments, &result);
+        } else {
+            std::vector<napi_value> arguments{data, error, is404};
+            if (unpackedArguments(env, *raw, arguments))
+                status = napi_call_function(env, NAPI::undefined(env), factory, arguments.size(),
+                                            arguments.data(), &result);
         }
-        if (arguments.size() == kResponseFixedArguments + 2 * raw->header.size())
-            status = napi_call_function(env, NAPI::undefined(env), factory, arguments.size(),
-                                        arguments.data(), &result);
-        else
-            status = napi_generic_failure;
-    } else {
-        status = napi_generic_failure;
     }
     if (status != napi_ok) {
         raw->setFinished(Errors::napiFailed(static_cast<int>(status)));

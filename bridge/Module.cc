@@ -379,10 +379,11 @@ napi_value getResourceSyncNative(napi_env env, napi_callback_info info) {
     const std::vector<napi_value> args = NAPI::getArgs(env, info, 1);
     if (args.empty()) return undefinedOf(env);
     const ResourceRequest request = decodeRequest(env, args[0]);
-    std::shared_ptr<NAPI::Bridge> bridge = currentBridge();
     // A hit is read straight into an ArrayBuffer of the engine's.
     EngineMemory memory(env);
     std::unique_ptr<ResourceResponse> response = getResourceInto(request, memory);
+    // Only an error is made by the host's object: a hit takes no lock for it.
+    std::shared_ptr<NAPI::Bridge> bridge = response->error ? currentBridge() : nullptr;
     return encodeResponse(env, bridge.get(), std::move(response), &memory);
 }
 

@@ -66,7 +66,7 @@ std::string takeExceptionText(napi_env env);
 
 // The module's script helpers: small functions that do in one call what would otherwise take the
 // bridge many calls into the engine.
-enum class Script : size_t { ResponseObject, RequestFields, Count };
+enum class Script : size_t { ResponseObject, ResponseObjectPairs, RequestFields, Count };
 // The function compiled from `source` (a parenthesised function expression), once per environment,
 // and kept for the environment's life under `script`. Null with the engine's error raised when it
 // cannot be made. These helpers own the environment's instance data; nothing else may set it.

@@ -1,6 +1,7 @@
 // Stores arbitrary bytes as a value and reads them back through MetaStore, the path every stored
 // JSON value takes. Whatever decodes must survive a put and a get unchanged; whatever does not
-// must read as the JSON null with error 1102 in the decoder's words, and stay stored.
+// must read as the JSON null with error 1102 in the decoder's words, and stay stored. Read in
+// place as events (how the content cache reads), the same bytes give the same error or none.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include "base/Errors.h"
 #include "base/Folder.h"
 #include "marl/Json.h"
+#include "marl/JsonBinaryEvents.h"
 #include "marl/Log.h"
 #include "storage/KeyValueStore.h"
 #include "storage/MetaStore.h"
@@ -57,6 +59,18 @@ World& world() {
     return *w;
 }
 
+// Takes the events and keeps nothing: only the verdict matters here.
+class Ignore : public MarlLogger::json::JSONEvents {
+  public:
+    bool startObject() override { return true; }
+    bool key(std::string_view) override { return true; }
+    bool endObject() override { return true; }
+    bool startArray() override { return true; }
+    bool endArray() override { return true; }
+    bool scalar(const JSON&) override { return true; }
+    bool string(std::string_view) override { return true; }
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -65,6 +79,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(w.raw->insert("value", bytes) == 0);
 
     const ErrorOr<JSON> read = w.store->get("value");
+    Ignore ignore;
+    const Error visited =
+        w.store->visit("value", [&](std::string_view stored, std::string& reason) {
+            return MarlLogger::json::parseBinaryEvents(stored, ignore, &reason);
+        });
+    check(visited.message() == (read.ok() ? std::string() : read.error().message()));
+    check(visited.code() == (read.ok() ? Error().code() : read.error().code()));
     std::string reason;
     const JSON expected = JSON::parseBinary(bytes, &reason);
     if (!reason.empty()) {

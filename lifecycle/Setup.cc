@@ -29,6 +29,7 @@
 #include "storage/Cache.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
+#include "storage/Statistics.h"
 #include "support/Mutex.h"
 #include "update/Cleanup.h"
 #include "update/Push.h"
@@ -257,6 +258,9 @@ void Setup::clientDeactived() {
     const double start = MRLCurrentClock();
     UpdateQueue::setPaused(true);
     Environment::instance().setClientActive(false);
+    // A host in the background may be ended without notice: counts still queued for the worker
+    // are written before it gets there.
+    Statistics::flush();
     compactDatabases();
     MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kEvent)
         .event("clientDeactived", Environment::instance().sessionName())

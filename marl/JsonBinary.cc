@@ -1,8 +1,9 @@
-// The binary form of JSON values: JSON::toBinary and JSON::parseBinary, in the MessagePack
-// layout. It owes nothing to RapidJSON; with the text parser it shares only the container both
-// fill on their own stack. Its reader takes bytes from anywhere, so it checks every length
-// against the input before it allocates.
+// The binary form of JSON values: JSON::toBinary, JSON::parseBinary and parseBinaryEvents, in the
+// MessagePack layout. It owes nothing to RapidJSON; with the text parser it shares only the
+// container both fill on their own stack. Its reader takes bytes from anywhere, so it checks every
+// length against the input before it allocates.
 #include "marl/Json.h"
+#include "marl/JsonBinaryEvents.h"
 
 #include <algorithm>
 #include <cstring>
@@ -122,32 +123,52 @@ bool putValue(std::string& out, const JSON& value) {
     return false;
 }
 
-// Decodes the binary form on an explicit stack. Every declared length is checked against the
-// bytes left before anything is allocated, and reservations are capped, so that memory follows
-// the input actually present rather than what a header claims.
-class BinaryReader {
+// Walks the binary form on an explicit stack and hands each item to `Sink`, which either builds
+// values (parseBinary) or relays events (parseBinaryEvents): one reader, so both accept and refuse
+// the same bytes in the same words. Every declared length is checked against the bytes left
+// before anything is allocated. A Sink has open(isObject, count), close(isObject), key(view),
+// string(view) and scalar(JSON), each returning false to stop the walk.
+template <typename Sink>
+class BinaryWalker {
   public:
-    explicit BinaryReader(std::string_view bytes) : bytes_(bytes) {}
+    BinaryWalker(std::string_view bytes, Sink& sink) : bytes_(bytes), sink_(sink) {}
 
-    JSON read(std::string* error) {
-        JSON result = readAll();
-        if (!error_.empty()) {
-            if (error) *error = std::move(error_);
-            return JSON();
-        }
-        return result;
+    bool walk(std::string* error) {
+        if (walkAll()) return true;
+        if (error) *error = std::move(error_);
+        return false;
     }
 
   private:
-    // Containers larger than this grow as their elements actually arrive.
-    static constexpr size_t kMaxReserve = 1024;
-
-    struct Frame : internal::OpenContainer {
+    struct Frame {
         uint64_t remaining;  // elements, or members, still to read
-        bool haveKey = false;
+        bool isObject;
+        bool haveKey;
     };
+    // Frames held in place before the stack spills to the heap: a record nests a level or two,
+    // and a read that allocates only what it returns must not pay for its own stack.
+    static constexpr size_t kInlineFrames = 8;
 
     size_t left() const { return bytes_.size() - pos_; }
+    size_t depth() const { return inlineDepth_ + spilled_.size(); }
+    Frame& top() { return spilled_.empty() ? inline_[inlineDepth_ - 1] : spilled_.back(); }
+    void push(Frame frame) {
+        if (spilled_.empty() && inlineDepth_ < kInlineFrames) {
+            inline_[inlineDepth_++] = frame;
+        } else {
+            spilled_.push_back(frame);
+        }
+    }
+    void pop() {
+        if (spilled_.empty()) {
+            --inlineDepth_;
+        } else {
+            spilled_.pop_back();
+        }
+    }
+    // Inside a container that stands where a key is due: it is read (its own errors come
+    // first, as when it was built) and then refused, so nothing of it reaches the sink.
+    bool muted() const { return mutedAt_ != 0; }
 
     bool fail(std::string message, size_t at) {
         if (error_.empty()) error_ = std::move(message) + " at offset " + std::to_string(at);
@@ -172,91 +193,120 @@ class BinaryReader {
         return true;
     }
 
-    bool readString(uint64_t length, size_t at, JSON* out) {
-        if (!checkLength(length, 1, at)) return false;
-        *out = JSON(bytes_.substr(pos_, static_cast<size_t>(length)));
-        pos_ += static_cast<size_t>(length);
-        return true;
+    bool stopped(size_t at) { return fail("stopped by the handler", at); }
+
+    // Whether the next item is a member's key.
+    bool keyDue() {
+        if (depth() == 0) return false;
+        const Frame& frame = top();
+        return frame.isObject && !frame.haveKey;
     }
 
-    bool openContainer(bool isObject, uint64_t count, size_t at, JSON* out, bool* opened) {
-        if (!checkLength(count, isObject ? 2 : 1, at)) return false;
-        if (count == 0) {
-            *out = isObject ? JSON(JSONObject()) : JSON(JSONArray());
+    bool string(uint64_t length, size_t at) {
+        if (!checkLength(length, 1, at)) return false;
+        const std::string_view text = bytes_.substr(pos_, static_cast<size_t>(length));
+        pos_ += static_cast<size_t>(length);
+        if (keyDue()) {
+            if (!muted() && !sink_.key(text)) return stopped(at);
+            top().haveKey = true;
             return true;
         }
-        if (frames_.size() >= static_cast<size_t>(JSON::kMaxDepth)) {
+        if (!muted() && !sink_.string(text)) return stopped(at);
+        return placed(at);
+    }
+
+    bool scalar(const JSON& value, size_t at) {
+        if (keyDue()) return fail("map key is not a string", at);
+        if (!muted() && !sink_.scalar(value)) return stopped(at);
+        return placed(at);
+    }
+
+    bool container(bool isObject, uint64_t count, size_t at) {
+        if (!checkLength(count, isObject ? 2 : 1, at)) return false;
+        if (count == 0) {
+            if (keyDue()) return fail("map key is not a string", at);
+            if (!muted() && (!sink_.open(isObject, 0) || !sink_.close(isObject)))
+                return stopped(at);
+            return placed(at);
+        }
+        if (depth() >= static_cast<size_t>(JSON::kMaxDepth)) {
             return fail("nesting deeper than " + std::to_string(JSON::kMaxDepth) + " levels", at);
         }
-        frames_.push_back(Frame{{isObject, {}, {}, {}}, count});
-        const size_t reserve = static_cast<size_t>(std::min<uint64_t>(count, kMaxReserve));
-        if (isObject) {
-            frames_.back().members.reserve(reserve);
-        } else {
-            frames_.back().elements.reserve(reserve);
+        if (!muted()) {
+            if (keyDue()) {
+                mutedAt_ = depth() + 1;
+            } else if (!sink_.open(isObject, count)) {
+                return stopped(at);
+            }
         }
-        *opened = true;
+        push(Frame{count, isObject, false});
         return true;
     }
 
-    // Reads one item: a scalar into `out`, or the header of a non-empty container, which is
-    // pushed as a frame (`opened`).
-    bool readItem(JSON* out, bool* opened) {
+    // A value read at `at` is complete: it counts in its container, and closes every container
+    // it completes.
+    bool placed(size_t at) {
+        while (depth() != 0) {
+            Frame& frame = top();
+            frame.haveKey = false;
+            if (--frame.remaining != 0) return true;
+            const bool isObject = frame.isObject;
+            const bool silent = muted();
+            pop();
+            if (mutedAt_ > depth()) mutedAt_ = 0;
+            if (!silent && !sink_.close(isObject)) return stopped(at);
+            // Only a container read where a key was due gets here with a key due.
+            if (keyDue()) return fail("map key is not a string", at);
+        }
+        done_ = true;
+        return true;
+    }
+
+    bool readItem() {
         const size_t at = pos_;
         uint64_t tag = 0;
         if (!take(1, &tag)) return false;
-        if (tag <= 0x7f) {
-            *out = JSON(static_cast<int64_t>(tag));
-            return true;
-        }
-        if (tag >= 0xe0) {
-            *out = JSON(static_cast<int64_t>(static_cast<int8_t>(tag)));
-            return true;
-        }
-        if (tag >= 0xa0 && tag <= 0xbf) return readString(tag & 0x1f, at, out);
-        if (tag >= 0x90 && tag <= 0x9f)
-            return openContainer(/*isObject=*/false, tag & 0x0f, at, out, opened);
-        if (tag >= 0x80 && tag <= 0x8f)
-            return openContainer(/*isObject=*/true, tag & 0x0f, at, out, opened);
-        return readTagged(tag, at, out, opened);
+        if (tag <= 0x7f) return scalar(JSON(static_cast<int64_t>(tag)), at);
+        if (tag >= 0xe0) return scalar(JSON(static_cast<int64_t>(static_cast<int8_t>(tag))), at);
+        if (tag >= 0xa0 && tag <= 0xbf) return string(tag & 0x1f, at);
+        if (tag >= 0x90 && tag <= 0x9f) return container(/*isObject=*/false, tag & 0x0f, at);
+        if (tag >= 0x80 && tag <= 0x8f) return container(/*isObject=*/true, tag & 0x0f, at);
+        return readTagged(tag, at);
     }
 
     // The items whose tag is followed by a length or a value.
-    bool readTagged(uint64_t tag, size_t at, JSON* out, bool* opened) {
+    bool readTagged(uint64_t tag, size_t at) {
         uint64_t v = 0;
         switch (tag) {
             case 0xc0:
-                *out = JSON();
-                return true;
+                return scalar(JSON(), at);
             case 0xc2:
-                *out = JSON(false);
-                return true;
+                return scalar(JSON(/*value=*/false), at);
             case 0xc3:
-                *out = JSON(true);
-                return true;
+                return scalar(JSON(/*value=*/true), at);
             case 0xc4:
             case 0xd9:
-                return take(1, &v) && readString(v, at, out);
+                return take(1, &v) && string(v, at);
             case 0xc5:
             case 0xda:
-                return take(2, &v) && readString(v, at, out);
+                return take(2, &v) && string(v, at);
             case 0xc6:
             case 0xdb:
-                return take(4, &v) && readString(v, at, out);
+                return take(4, &v) && string(v, at);
             case 0xdc:
-                return take(2, &v) && openContainer(/*isObject=*/false, v, at, out, opened);
+                return take(2, &v) && container(/*isObject=*/false, v, at);
             case 0xdd:
-                return take(4, &v) && openContainer(/*isObject=*/false, v, at, out, opened);
+                return take(4, &v) && container(/*isObject=*/false, v, at);
             case 0xde:
-                return take(2, &v) && openContainer(/*isObject=*/true, v, at, out, opened);
+                return take(2, &v) && container(/*isObject=*/true, v, at);
             case 0xdf:
-                return take(4, &v) && openContainer(/*isObject=*/true, v, at, out, opened);
+                return take(4, &v) && container(/*isObject=*/true, v, at);
             default:
-                return readNumber(tag, at, out);
+                return readNumber(tag, at);
         }
     }
 
-    bool readNumber(uint64_t tag, size_t at, JSON* out) {
+    bool readNumber(uint64_t tag, size_t at) {
         uint64_t v = 0;
         switch (tag) {
             case 0xca: {
@@ -264,32 +314,30 @@ class BinaryReader {
                 const uint32_t bits = static_cast<uint32_t>(v);
                 float f;
                 std::memcpy(&f, &bits, sizeof f);
-                *out = JSON(static_cast<double>(f));
-                return true;
+                return scalar(JSON(static_cast<double>(f)), at);
             }
             case 0xcb: {
                 if (!take(8, &v)) return false;
                 double d;
                 std::memcpy(&d, &v, sizeof d);
-                *out = JSON(d);
-                return true;
+                return scalar(JSON(d), at);
             }
             case 0xcc:
-                return take(1, &v) && (*out = JSON(v), true);
+                return take(1, &v) && scalar(JSON(v), at);
             case 0xcd:
-                return take(2, &v) && (*out = JSON(v), true);
+                return take(2, &v) && scalar(JSON(v), at);
             case 0xce:
-                return take(4, &v) && (*out = JSON(v), true);
+                return take(4, &v) && scalar(JSON(v), at);
             case 0xcf:
-                return take(8, &v) && (*out = JSON(v), true);
+                return take(8, &v) && scalar(JSON(v), at);
             case 0xd0:
-                return take(1, &v) && (*out = JSON(int64_t{static_cast<int8_t>(v)}), true);
+                return take(1, &v) && scalar(JSON(int64_t{static_cast<int8_t>(v)}), at);
             case 0xd1:
-                return take(2, &v) && (*out = JSON(int64_t{static_cast<int16_t>(v)}), true);
+                return take(2, &v) && scalar(JSON(int64_t{static_cast<int16_t>(v)}), at);
             case 0xd2:
-                return take(4, &v) && (*out = JSON(int64_t{static_cast<int32_t>(v)}), true);
+                return take(4, &v) && scalar(JSON(int64_t{static_cast<int32_t>(v)}), at);
             case 0xd3:
-                return take(8, &v) && (*out = JSON(static_cast<int64_t>(v)), true);
+                return take(8, &v) && scalar(JSON(static_cast<int64_t>(v)), at);
             default:
                 break;
         }
@@ -298,59 +346,98 @@ class BinaryReader {
         return fail(std::string("unsupported type ") + name, at);
     }
 
-    JSON readAll() {
-        if (bytes_.empty()) {
-            fail("empty input", 0);
-            return JSON();
-        }
-        JSON root;
-        for (;;) {
-            const size_t at = pos_;
-            JSON value;
-            bool opened = false;
-            if (!readItem(&value, &opened)) return JSON();
-            if (opened) continue;
-            // Place the finished value, closing every container it completes.
-            for (;;) {
-                if (frames_.empty()) {
-                    root = std::move(value);
-                    break;
-                }
-                Frame& frame = frames_.back();
-                if (frame.isObject && !frame.haveKey) {
-                    if (!value.isString()) {
-                        fail("map key is not a string", at);
-                        return JSON();
-                    }
-                    frame.key.assign(value.stringViewValue());
-                    frame.haveKey = true;
-                    break;
-                }
-                frame.add(std::move(value));
-                frame.haveKey = false;
-                if (--frame.remaining != 0) break;
-                value = frame.close();
-                frames_.pop_back();
-            }
-            if (frames_.empty()) break;
-        }
-        if (pos_ != bytes_.size()) {
-            fail(std::to_string(bytes_.size() - pos_) + " trailing bytes", pos_);
-            return JSON();
-        }
-        return root;
+    bool walkAll() {
+        if (bytes_.empty()) return fail("empty input", 0);
+        while (!done_)
+            if (!readItem()) return false;
+        if (pos_ != bytes_.size())
+            return fail(std::to_string(bytes_.size() - pos_) + " trailing bytes", pos_);
+        return true;
     }
 
     std::string_view bytes_;
+    Sink& sink_;
     size_t pos_ = 0;
-    std::vector<Frame> frames_;
+    bool done_ = false;
+    // The depth of the frame of a container read where a key was due; 0 when none is open.
+    size_t mutedAt_ = 0;
+    Frame inline_[kInlineFrames] = {};
+    size_t inlineDepth_ = 0;
+    std::vector<Frame> spilled_;
     std::string error_;
+};
+
+// Builds the values a walk delivers.
+class ValueBuilder {
+  public:
+    // Containers larger than this grow as their elements actually arrive.
+    static constexpr size_t kMaxReserve = 1024;
+
+    bool open(bool isObject, uint64_t count) {
+        open_.push_back(internal::OpenContainer{isObject, {}, {}, {}});
+        const size_t reserve = static_cast<size_t>(std::min<uint64_t>(count, kMaxReserve));
+        if (isObject) {
+            open_.back().members.reserve(reserve);
+        } else {
+            open_.back().elements.reserve(reserve);
+        }
+        return true;
+    }
+    bool close(bool /*isObject*/) {
+        JSON value = open_.back().close();
+        open_.pop_back();
+        return add(std::move(value));
+    }
+    bool key(std::string_view key) {
+        open_.back().key.assign(key);
+        return true;
+    }
+    bool string(std::string_view text) { return add(JSON(text)); }
+    bool scalar(JSON value) { return add(std::move(value)); }
+
+    JSON takeRoot() { return std::move(root_); }
+
+  private:
+    bool add(JSON value) {
+        if (open_.empty()) {
+            root_ = std::move(value);
+        } else {
+            open_.back().add(std::move(value));
+        }
+        return true;
+    }
+
+    std::vector<internal::OpenContainer> open_;
+    JSON root_;
+};
+
+// Hands a walk's items to JSONEvents.
+class EventSink {
+  public:
+    explicit EventSink(JSONEvents& events) : events_(events) {}
+    bool open(bool isObject, uint64_t /*count*/) {
+        return isObject ? events_.startObject() : events_.startArray();
+    }
+    bool close(bool isObject) { return isObject ? events_.endObject() : events_.endArray(); }
+    bool key(std::string_view key) { return events_.key(key); }
+    bool string(std::string_view text) { return events_.string(text); }
+    bool scalar(const JSON& value) { return events_.scalar(value); }
+
+  private:
+    JSONEvents& events_;
 };
 
 }  // namespace
 
 JSON JSON::parseBinary(std::string_view bytes, std::string* error) {
-    return BinaryReader(bytes).read(error);
+    ValueBuilder builder;
+    if (!BinaryWalker<ValueBuilder>(bytes, builder).walk(error)) return JSON();
+    return builder.takeRoot();
+}
+
+bool parseBinaryEvents(std::string_view bytes, JSONEvents& events, std::string* error) {
+    EventSink sink(events);
+    return BinaryWalker<EventSink>(bytes, sink).walk(error);
 }
 
 std::string JSON::toBinary() const {

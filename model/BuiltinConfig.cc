@@ -26,6 +26,19 @@ void logLoad(const Error& error) {
     MarlLogger::LogBuilder(level, LogTag::kSCache).event("load").error(error);
 }
 
+// Puts the built-in `pack` as installed at its own sequence, with `resources` as its list.
+void putInstalled(FConfig& config, const Pack& pack, const JSON& resources, double now) {
+    auto installed = pack.clone();
+    installed->updateTime = now;
+    installed->installedSeq = pack.seq;
+    installed->installedBaseSeq = pack.baseSeq;
+    // Its files are read relative to its folder, held open, when the raw files are on disk.
+    const Folder files = installed->installedFolder();
+    config.put(std::move(installed));
+    ResourceIndexPool::set(pack.name,
+                           std::make_shared<const ResourceIndex>(pack.name, resources, files));
+}
+
 }  // namespace
 
 Error BuiltinConfig::load(FConfig& config) {
@@ -85,12 +98,7 @@ Error BuiltinConfig::load(FConfig& config) {
     for (const auto& [name, pack] : builtin) {
         if (previews.count(name) != 0 || !pack->isSupported() || pack->status == kPackStatusDeleted)
             continue;
-        auto installed = pack->clone();
-        installed->updateTime = now;
-        installed->installedSeq = pack->seq;
-        installed->installedBaseSeq = pack->baseSeq;
-        config.put(std::move(installed));
-        ResourceIndexPool::set(name, std::make_shared<const ResourceIndex>(name, resources[name]));
+        putInstalled(config, *pack, resources[name], now);
         ++count;
     }
     config.rebuildIndexes();

@@ -73,8 +73,11 @@ class ResourceIndex {
     // "v" mark removed paths.
     ResourceIndex(std::string name, const EntryReader& zip, bool allowMissingMd5);
     // From a table already parsed from an embedded configuration: an object from path to
-    // {"url", "v", "header"}. Messages name it "SCacheConfig/<name>/app-res.hvc".
-    ResourceIndex(std::string name, const MarlLogger::json::JSON& table);
+    // {"url", "v", "header"}. Messages name it "SCacheConfig/<name>/app-res.hvc". `files`, when
+    // it is a built-in pack's folder (the Asset kind) and the host's raw files are plain files on
+    // the disk (Assets::diskPath), is held open as an installed pack's folder is.
+    ResourceIndex(std::string name, const MarlLogger::json::JSON& table,
+                  const Folder& files = Folder());
 
     // Verifies and parses one signed index file: "<json>||<token>|<base64 signature>", the
     // signature over the lower-case hexadecimal MD5 of the JSON, by a key KeyTrust takes. A missing
@@ -90,8 +93,9 @@ class ResourceIndex {
     // was not read from a pack folder (embedded, from a zip, or failed before reading).
     const Folder* folder() const { return hasFolder_ ? &folder_ : nullptr; }
     // The pack's folder on the disk held open, through which a record's path is found and read
-    // without walking from the root; null for any other index, or when the process holds as many
-    // directories as it may (callers then use the folder's paths).
+    // without walking from the root (an installed pack's, or a built-in one's whose raw files are
+    // plain files); null for any other index, or when the process holds as many directories as it
+    // may (callers then use the folder's paths).
     const OpenDirectory* directory() const { return directory_.get(); }
     // Trims one leading "/" and looks the rest up, by "//" URL form or by path. Null when absent.
     std::shared_ptr<const ResourceRecord> find(std::string_view url) const;

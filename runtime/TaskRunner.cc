@@ -49,7 +49,7 @@ TaskRunner::TaskRunner(std::string name, Mode mode) : name_(std::move(name)), mo
 
 TaskRunner::~TaskRunner() {
     if (threadStarted_.load(std::memory_order_acquire)) {
-        enqueue(Task{nextId_.fetch_add(1), [this] { stopRequested_ = true; }, 0, nullptr});
+        enqueue(Task{nextId_.fetch_add(1), [this] { stopRequested_ = true; }, 0, nullptr, nullptr});
         lifecycleSignal_.wait();
         pthread_join(thread_, nullptr);
     }
@@ -141,7 +141,7 @@ void TaskRunner::enqueue(Task task) {
 TaskId TaskRunner::postTask(Callable callable, double delayMs) {
     if (!callable) return 0;
     const TaskId id = nextId_.fetch_add(1, std::memory_order_relaxed);
-    enqueue(Task{id, std::move(callable), dueTimeFor(delayMs), nullptr});
+    enqueue(Task{id, std::move(callable), dueTimeFor(delayMs), nullptr, nullptr});
     return id;
 }
 
@@ -150,7 +150,17 @@ void TaskRunner::postTaskOnce(std::atomic<TaskId>& holder, Callable callable, do
     const TaskId id = nextId_.fetch_add(1, std::memory_order_relaxed);
     TaskId expected = 0;
     if (!holder.compare_exchange_strong(expected, id, std::memory_order_acq_rel)) return;
-    enqueue(Task{id, std::move(callable), dueTimeFor(delayMs), nullptr});
+    enqueue(Task{id, std::move(callable), dueTimeFor(delayMs), nullptr, &holder});
+}
+
+void TaskRunner::releaseHolder(const Task& task) {
+    if (task.holder == nullptr) return;
+    TaskId expected = task.id;
+    task.holder->compare_exchange_strong(expected, 0, std::memory_order_acq_rel);
+}
+
+void TaskRunner::releaseHolders(const std::vector<Task>& tasks, size_t from) {
+    for (size_t i = from; i < tasks.size(); ++i) releaseHolder(tasks[i]);
 }
 
 std::shared_ptr<RepeatingTimer> TaskRunner::postRepeatingTask(Callable callable, double intervalMs,
@@ -163,7 +173,7 @@ std::shared_ptr<RepeatingTimer> TaskRunner::postRepeatingTask(Callable callable,
 void TaskRunner::postRepeatingTask(Callable callable, std::shared_ptr<RepeatingTimer> timer) {
     if (!callable || !timer) return;
     const TaskId id = nextId_.fetch_add(1, std::memory_order_relaxed);
-    enqueue(Task{id, std::move(callable), 0, std::move(timer)});
+    enqueue(Task{id, std::move(callable), 0, std::move(timer), nullptr});
 }
 
 // ---- Cancelling
@@ -186,6 +196,7 @@ void TaskRunner::cancelTask(TaskId id) {
         }
     }
     if (removed.id != 0) {
+        releaseHolder(removed);
         retired_.fetch_add(1, std::memory_order_acq_rel);
         return;
     }
@@ -202,6 +213,7 @@ void TaskRunner::removeDelayed(TaskId id) {
     auto it =
         std::find_if(delayed_.begin(), delayed_.end(), [id](const Task& t) { return t.id == id; });
     if (it == delayed_.end()) return;
+    releaseHolder(*it);
     delayed_.erase(it);
     std::make_heap(delayed_.begin(), delayed_.end(), Later());
     retired_.fetch_add(1, std::memory_order_acq_rel);
@@ -245,6 +257,8 @@ void TaskRunner::runTask(Task& task) {
     // A task counts as run, and no longer as pending, from the moment it starts: whoever it
     // signals then sees counts that already include it.
     if (!task.timer) {
+        // Released before the run: what the task does may need to post it again.
+        releaseHolder(task);
         retired_.fetch_add(1, std::memory_order_acq_rel);
         ranCount_.fetch_add(1, std::memory_order_acq_rel);
         task.callable();
@@ -276,7 +290,7 @@ void TaskRunner::runTask(Task& task) {
     // which the heap's order tolerates.
     const TaskId nextId = nextId_.fetch_add(1, std::memory_order_relaxed) + 1;
     const double due = heapDueFor(timer.lastRunTime() + timer.interval());
-    Task next{nextId, std::move(task.callable), due, std::move(task.timer)};
+    Task next{nextId, std::move(task.callable), due, std::move(task.timer), nullptr};
     enqueue(std::move(next));
     retired_.fetch_add(1, std::memory_order_acq_rel);
 }
@@ -366,7 +380,8 @@ size_t TaskRunner::runFence() {
         // due by now, not before it.
         Semaphore reached;
         enqueue(Task{nextId_.fetch_add(1, std::memory_order_relaxed),
-                     [&reached] { reached.signal(); }, heapDueFor(MRLCurrentTime()), nullptr});
+                     [&reached] { reached.signal(); }, heapDueFor(MRLCurrentTime()), nullptr,
+                     nullptr});
         reached.wait();
         const uint64_t ran = ranCount_.load(std::memory_order_acquire) - before - 1;
         total += static_cast<size_t>(ran);
@@ -375,6 +390,7 @@ size_t TaskRunner::runFence() {
 }
 
 void TaskRunner::dropDelayed() {
+    releaseHolders(delayed_);
     retired_.fetch_add(delayed_.size(), std::memory_order_acq_rel);
     delayed_.clear();
 }
@@ -388,6 +404,9 @@ void TaskRunner::dropTasks() {
         retired_.fetch_add(incoming_.size(), std::memory_order_acq_rel);
         discarded.swap(incoming_);
     }
+    // A dropped task never runs to release its holder, which would then keep every later
+    // postTaskOnce on it from posting.
+    releaseHolders(discarded);
     discarded.clear();
     bool nobodyRuns = false;
     {
@@ -401,6 +420,8 @@ void TaskRunner::dropTasks() {
                 retired_.fetch_add(ready_.size() - readyNext_, std::memory_order_acq_rel);
             }
             retired_.fetch_add(delayed_.size(), std::memory_order_acq_rel);
+            releaseHolders(ready_, readyNext_);
+            releaseHolders(delayed_);
             discarded.swap(ready_);
             readyNext_ = 0;
             discarded.insert(discarded.end(), std::make_move_iterator(delayed_.begin()),

@@ -88,8 +88,10 @@ class TaskRunner {
     // delay counts as 0. Returns the task's id, or 0 when the callable is empty (nothing posted).
     TaskId postTask(Callable callable, double delayMs = 0);
     // Posts only when `holder` is 0, and stores the new task's id there with a compare-and-exchange
-    // from 0, so that of many racing callers one posts. The callable must store 0 in the holder
-    // when it begins, or no later postTaskOnce on that holder takes effect.
+    // from 0, so that of many racing callers one posts. The holder goes back to 0 when the task
+    // begins, and when it is cancelled or dropped without running, so that a later postTaskOnce
+    // posts again; a holder that has moved on to another id is left alone. The holder must outlive
+    // the task.
     void postTaskOnce(std::atomic<TaskId>& holder, Callable callable, double delayMs);
     // Cancels the task with this id. A task still waiting to be taken up is removed at once; a
     // delayed one is removed when the worker reaches the cancellation, which it posts. A task that
@@ -171,7 +173,12 @@ class TaskRunner {
         double dueTime = 0;
         // Set for a repeating task.
         std::shared_ptr<RepeatingTimer> timer;
+        // Set for a task of postTaskOnce: put back to 0 when the task begins or goes unrun.
+        std::atomic<TaskId>* holder = nullptr;
     };
+    // Gives the holder of a task of postTaskOnce back, unless it holds another id by now.
+    static void releaseHolder(const Task& task);
+    static void releaseHolders(const std::vector<Task>& tasks, size_t from = 0);
     // Heap order: a comes after b when it is due later, or equally due with a greater id.
     struct Later {
         bool operator()(const Task& a, const Task& b) const {

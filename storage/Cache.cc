@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <unordered_set>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include "base/LogTags.h"
 #include "base/Telemetry.h"
 #include "marl/Clock.h"
+#include "marl/JsonBinaryEvents.h"
 #include "marl/Log.h"
 #include "runtime/Settings.h"
 #include "storage/ModuleCache.h"
@@ -117,6 +120,152 @@ JSON headersJSON(const HeaderMap& headers) {
     for (const auto& [name, value] : headers) object.set(name, JSON(value));
     return JSON(std::move(object));
 }
+
+// Reads a stored body document straight into a CachedResource: the content is copied once, from
+// where the stored bytes lie into `body`, and nothing else is built on the way. It reads what
+// building the document and taking its members would: the last of repeated members counts, "c"
+// must be a string, "r" and "t" read as lenient numbers, "m" and each header as lenient text.
+class BodyReader final : public MarlLogger::json::JSONEvents {
+  public:
+    explicit BodyReader(CachedResource& out) : out_(out) {}
+
+    // The type of the document, and of its "c" (null when absent); valid after a whole parse.
+    Type documentType() const { return documentType_; }
+    Type contentType() const { return contentType_; }
+    Type md5Type() const { return md5Type_; }
+    // What a document that is not an object with a string "c" is refused for: the type of the
+    // document, or of its "c".
+    Type invalidType() const {
+        return documentType_ == Type::Object ? contentType_ : documentType_;
+    }
+
+    bool startObject() override { return open(Type::Object); }
+    bool startArray() override { return open(Type::Array); }
+    bool endObject() override { return close(); }
+    bool endArray() override { return close(); }
+    bool key(std::string_view key) override {
+        if (skipped_ != 0) return true;
+        if (depth_ == 1) member_ = memberOf(key);
+        if (depth_ == 2) header_ = key;
+        return true;
+    }
+    bool scalar(const JSON& value) override {
+        if (skipped_ != 0) return true;
+        if (depth_ == 0) documentType_ = value.type();
+        if (depth_ == 1) {
+            member(
+                value.type(), [&] { return value.uint32Value(); },
+                [&] { return value.stringValue(); });
+        }
+        if (depth_ == 2) out_.headers.insert_or_assign(std::string(header_), value.stringValue());
+        return true;
+    }
+    bool string(std::string_view text) override {
+        if (skipped_ != 0) return true;
+        if (depth_ == 0) documentType_ = Type::String;
+        if (depth_ == 1) {
+            // Content is by far the longest member: the one copy a read makes of it.
+            if (member_ == Member::kContent) out_.body.assign(text);
+            member(
+                Type::String, [&] { return lenientUInt32(text); },
+                [&] { return std::string(text); });
+        }
+        if (depth_ == 2) out_.headers.insert_or_assign(std::string(header_), std::string(text));
+        return true;
+    }
+
+  private:
+    enum class Member { kOther, kContent, kCrc, kMd5, kHeaders, kTrigger };
+
+    static Member memberOf(std::string_view key) {
+        if (key == kBodyContent) return Member::kContent;
+        if (key == kBodyCrc) return Member::kCrc;
+        if (key == kBodyMd5) return Member::kMd5;
+        if (key == kBodyHeaders) return Member::kHeaders;
+        if (key == kBodyTrigger) return Member::kTrigger;
+        return Member::kOther;
+    }
+
+    // A string read as a number, as JSON::uint32Value reads it.
+    static uint32_t lenientUInt32(std::string_view text) {
+        return static_cast<uint32_t>(std::min<uint64_t>(MarlLogger::json::coerceUInt(text),
+                                                        std::numeric_limits<uint32_t>::max()));
+    }
+
+    // A value of the document's member `member_`: `number` and `text` give it as a number and as
+    // text, each called only for the members that keep one.
+    template <typename Number, typename Text>
+    void member(Type type, const Number& number, const Text& text) {
+        switch (member_) {
+            case Member::kContent:
+                contentType_ = type;
+                break;
+            case Member::kCrc:
+                out_.crc = number();
+                break;
+            case Member::kTrigger:
+                out_.trigger = number();
+                break;
+            case Member::kMd5:
+                md5Type_ = type;
+                out_.md5 = text();
+                break;
+            case Member::kHeaders:
+                // A later "h" replaces an earlier one; one that is not an object holds nothing.
+                out_.headers.clear();
+                break;
+            case Member::kOther:
+                break;
+        }
+    }
+
+    bool open(Type type) {
+        if (skipped_ != 0) {
+            ++skipped_;
+        } else if (depth_ == 0) {
+            documentType_ = type;
+            if (type == Type::Object) {
+                depth_ = 1;
+            } else {
+                skipped_ = 1;
+            }
+        } else if (depth_ == 1) {
+            member(
+                type, [] { return uint32_t{0}; }, [] { return std::string(); });
+            if (member_ == Member::kHeaders && type == Type::Object) {
+                depth_ = 2;
+            } else {
+                skipped_ = 1;
+            }
+        } else {
+            // A header whose value is a container reads as empty text.
+            out_.headers.insert_or_assign(std::string(header_), std::string());
+            skipped_ = 1;
+        }
+        return true;
+    }
+
+    bool close() {
+        if (skipped_ != 0) {
+            --skipped_;
+        } else {
+            --depth_;
+        }
+        return true;
+    }
+
+    CachedResource& out_;
+    // 0 before the document, 1 inside it, 2 inside its "h".
+    int depth_ = 0;
+    // Containers open inside a value that is read as a whole (or not at all).
+    int skipped_ = 0;
+    Member member_ = Member::kOther;
+    // Points into the stored bytes, which outlive the parse.
+    std::string_view header_;
+    Type documentType_ = Type::Null;
+    Type contentType_ = Type::Null;
+    Type md5Type_ = Type::Null;
+};
 
 }  // namespace
 
@@ -303,38 +452,42 @@ void Cache::writeMeta(const CacheEntry& entry) {
     if (log.active()) log.event("writeMeta").append("url", entry.url).error(error);
 }
 
-JSON Cache::readBody(const CacheEntry& entry, Error& error) const {
+bool Cache::readBody(const CacheEntry& entry, CachedResource& out, Error& error,
+                     Type* md5Type) const {
     entry.lock.assertHeld();
+    BodyReader reader(out);
     if (entry.large) {
         const Folder file = largeFolder_.childOf(entry.fileName);
         const std::string bytes = Folder::readFile(file, error);
-        if (error) return JSON();
+        if (error) return false;
         std::string reason;
-        JSON document = JSON::parseBinary(bytes, &reason);
-        if (!reason.empty()) {
+        if (!MarlLogger::json::parseBinaryEvents(bytes, reader, &reason)) {
             error = Errors::storeDeserialize(kLargeDirectory, entry.url, reason);
-            return JSON();
+            return false;
         }
-        if (!document.isObject() || !document[kBodyContent].isString()) {
-            const Type type = document.isObject() ? document[kBodyContent].type() : document.type();
-            error = Errors::fileReadInvalidType(file, typeName(type));
-            return JSON();
+        if (reader.documentType() != Type::Object || reader.contentType() != Type::String) {
+            error = Errors::fileReadInvalidType(file, typeName(reader.invalidType()));
+            return false;
         }
-        return document;
+    } else {
+        // Built in a buffer of the thread: a read allocates only what it returns.
+        thread_local std::string key;
+        key.assign(kResourcePrefix).append(entry.url);
+        // Decoded where the database holds the bytes, so that the content is copied only once.
+        Error stored = visit(key, [&](std::string_view bytes, std::string& reason) {
+            return MarlLogger::json::parseBinaryEvents(bytes, reader, &reason);
+        });
+        if (stored) {
+            error = std::move(stored);
+            return false;
+        }
+        if (reader.documentType() != Type::Object || reader.contentType() != Type::String) {
+            error = Errors::storeInvalidType(directory(), key, typeName(reader.invalidType()));
+            return false;
+        }
     }
-    const std::string key = resourceKey(entry.url);
-    ErrorOr<JSON> stored = get(key);
-    if (!stored.ok()) {
-        error = std::move(stored).error();
-        return JSON();
-    }
-    JSON document = std::move(stored).value();
-    if (!document.isObject() || !document[kBodyContent].isString()) {
-        const Type type = document.isObject() ? document[kBodyContent].type() : document.type();
-        error = Errors::storeInvalidType(directory(), key, typeName(type));
-        return JSON();
-    }
-    return document;
+    if (md5Type != nullptr) *md5Type = reader.md5Type();
+    return true;
 }
 
 void Cache::eraseStored(std::string_view url) {
@@ -392,16 +545,9 @@ std::unique_ptr<CachedResource> Cache::read(std::string_view url, std::string_vi
             error = Errors::storeNotExists(directory(), metaKey(url));
             return nullptr;
         }
-        const JSON body = readBody(*entry, error);
-        if (body.isNull()) {
+        if (!readBody(*entry, *resource, error)) {
             bad = true;
         } else {
-            resource->crc = body[kBodyCrc].uint32Value();
-            resource->md5 = body[kBodyMd5].stringValue();
-            resource->trigger = body[kBodyTrigger].uint32Value();
-            resource->body = body[kBodyContent].stringValue();
-            for (const auto& [name, value] : body[kBodyHeaders].objectValue())
-                resource->headers.emplace(name, value.stringValue());
             resource->date = entry->date;
             resource->validated = entry->validated;
             resource->expires = largestExpiry(*entry);
@@ -426,6 +572,32 @@ std::unique_ptr<CachedResource> Cache::read(std::string_view url, std::string_vi
     return resource;
 }
 
+bool Cache::agreesWithStored(CacheEntry& entry, const CachedResource& resource, Error& error) {
+    entry.lock.assertHeld();
+    CachedResource current;
+    Error ignored;
+    Type md5Type = Type::Null;
+    if (!readBody(entry, current, ignored, &md5Type)) return false;
+    // The stored MD5 counts only when it was stored as text: a number never matches.
+    const std::string_view currentMd5 =
+        md5Type == Type::String ? std::string_view(current.md5) : std::string_view();
+    if (currentMd5 == resource.md5) {
+        // Same MD5, same body: two fetches agree, which validates it.
+        entry.validated = true;
+        entry.date = std::max(entry.date, resource.date);
+        writeMeta(entry);
+        return true;
+    }
+    const std::string difference =
+        compareBodies(current.body, resource.body, currentMd5, resource.md5);
+    if (!difference.empty()) {
+        error = Errors::cacheVerify(entry.url, difference);
+        LogBuilder log(MarlLogger::MRLLevelWarning, tag());
+        if (log.active()) log.event("write").append("url", entry.url).error(error);
+    }
+    return false;
+}
+
 bool Cache::write(std::string_view url, std::string_view owner, const CachedResource& resource,
                   Error& error) {
     error.clear();
@@ -444,28 +616,8 @@ bool Cache::write(std::string_view url, std::string_view owner, const CachedReso
         // The entry's lock is held from here on: the map may change meanwhile, this entry not.
         cacheLock.release();
 
-        JSON current;
-        if (existed && !resource.forceOverwrite) {
-            Error ignored;
-            current = readBody(*entry, ignored);
-            if (current.isObject() && current[kBodyMd5].stringViewValue() == resource.md5) {
-                // Same MD5, same body: two fetches agree, which validates it.
-                entry->validated = true;
-                entry->date = std::max(entry->date, resource.date);
-                writeMeta(*entry);
-                return true;
-            }
-        }
-        if (current.isObject()) {
-            const std::string difference =
-                compareBodies(current[kBodyContent].stringViewValue(), resource.body,
-                              current[kBodyMd5].stringViewValue(), resource.md5);
-            if (!difference.empty()) {
-                error = Errors::cacheVerify(std::string(url), difference);
-                LogBuilder log(MarlLogger::MRLLevelWarning, tag());
-                if (log.active()) log.event("write").append("url", url).error(error);
-            }
-        }
+        if (existed && !resource.forceOverwrite && agreesWithStored(*entry, resource, error))
+            return true;
 
         const bool large = resource.body.size() > kLargeThreshold;
         const JSON document = JSONObject{{kBodyContent, JSON(resource.body)},

@@ -155,9 +155,15 @@ class Cache : public MetaStore {
     static double largestExpiry(const CacheEntry& entry) REQUIRES(entry.lock);
     // Puts "meta/" + url; a failure is logged ("writeMeta") and otherwise ignored.
     void writeMeta(const CacheEntry& entry) REQUIRES(entry.lock);
-    // Reads the body document; null (the JSON null) with the error when it does not read or
-    // decode.
-    MarlLogger::json::JSON readBody(const CacheEntry& entry, Error& error) const
+    // Reads the body document into `out` (crc, md5, trigger, body and headers); false with the
+    // error when it does not read or decode, or is not an object with a string "c". `md5Type`,
+    // when given, receives the type "m" was stored as.
+    bool readBody(const CacheEntry& entry, CachedResource& out, Error& error,
+                  MarlLogger::json::Type* md5Type = nullptr) const REQUIRES(entry.lock);
+    // Whether `resource` has the MD5 of the stored body: then the entry is validated (its meta
+    // written) and nothing need be stored. Otherwise `error` gets the first difference (1010,
+    // logged) when there is a stored body to compare with.
+    bool agreesWithStored(CacheEntry& entry, const CachedResource& resource, Error& error)
         REQUIRES(entry.lock);
     // Deletes the metadata, the body and the file of `url`.
     void eraseStored(std::string_view url);

@@ -457,8 +457,14 @@ int KeyValueStore::dataVersion(uint64_t& version) {
 }
 
 int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
-    found = false;
     value.clear();
+    return visit(
+        key, [&](std::string_view bytes) { value.assign(bytes); }, found);
+}
+
+int KeyValueStore::visit(std::string_view key, FunctionRef<void(std::string_view value)> reader,
+                         bool& found) {
+    found = false;
     MutexLock lock(mutex_);
     sqlite3_stmt* statement = statements_->get;
     ResetOnExit reset(statement);
@@ -471,8 +477,10 @@ int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
     const void* data = sqlite3_column_blob(statement, 0);
     const int size = sqlite3_column_bytes(statement, 0);
     if (data == nullptr && size > 0) return SQLITE_NOMEM;
-    value.assign(size > 0 ? static_cast<const char*>(data) : "", static_cast<size_t>(size));
     found = true;
+    // The buffer stays valid until the statement is reset, which happens after `reader` returns.
+    reader(size > 0 ? std::string_view(static_cast<const char*>(data), static_cast<size_t>(size))
+                    : std::string_view());
     return SQLITE_OK;
 }
 

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "base/Durability.h"
+#include "support/FunctionRef.h"
 #include "support/Mutex.h"
 
 namespace FerritCore {
@@ -134,6 +135,11 @@ class KeyValueStore {
     // Copies the value into `value` (reusing its capacity) and sets `found`. A missing key is
     // status 0 with `found` false and `value` emptied.
     int get(std::string_view key, std::string& value, bool& found);
+    // Hands the value to `reader` where it lies in SQLite's buffer, without copying it, and sets
+    // `found`; a missing key is status 0 with `found` false and `reader` not called. The view
+    // lasts for the call only, and `reader` runs under the store's lock: it must not call this
+    // store.
+    int visit(std::string_view key, FunctionRef<void(std::string_view value)> reader, bool& found);
     // Inserts or replaces. A Durable insert is on the disk when it returns, and with it every
     // commit before it; an Ordinary one survives the process but not a power cut.
     int insert(std::string_view key, std::string_view value,

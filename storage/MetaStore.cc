@@ -39,6 +39,23 @@ ErrorOr<JSON> MetaStore::get(std::string_view key) const {
     return value;
 }
 
+Error MetaStore::visit(
+    std::string_view key,
+    FunctionRef<bool(std::string_view bytes, std::string& reason)> decode) const {
+    int status = 0;
+    const std::shared_ptr<KeyValueStore> db = handle(&status);
+    if (!db) return withStatusText(Errors::initStoreFailed(directory_, status), status);
+    bool found = false;
+    std::string reason;
+    bool decoded = true;
+    const int rc = db->visit(
+        key, [&](std::string_view bytes) { decoded = decode(bytes, reason); }, found);
+    if (rc != 0) return withStatusText(Errors::storeRead(directory_, key, rc), rc);
+    if (!found) return Errors::storeNotExists(directory_, key);
+    if (!decoded) return Errors::storeDeserialize(directory_, key, reason);
+    return Error();
+}
+
 Error MetaStore::put(std::string_view key, const JSON& value) {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
@@ -50,6 +67,30 @@ Error MetaStore::put(std::string_view key, const JSON& value) {
     // nothing; storing nothing would later read as a decoding failure, so it is refused now.
     const int rc = bytes.empty() ? SQLITE_TOOBIG : db->insert(key, bytes);
     if (rc != 0) return withStatusText(Errors::storeWrite(directory_, key, rc), rc);
+    return Error();
+}
+
+Error MetaStore::putAll(const std::vector<std::pair<std::string, JSON>>& entries) {
+    if (entries.empty()) return Error();
+    int status = 0;
+    const std::shared_ptr<KeyValueStore> db = handle(&status);
+    if (!db) return withStatusText(Errors::initStoreFailed(directory_, status), status);
+    const std::string_view firstKey = entries.front().first;
+    Error paused;
+    if (writesPaused(firstKey, &paused)) return paused;
+    std::vector<std::pair<std::string, std::string>> encoded;
+    encoded.reserve(entries.size());
+    for (const auto& [key, value] : entries) {
+        std::string bytes = value.toBinary();
+        // As in put: a value the binary form cannot express is refused, here with the batch.
+        if (bytes.empty()) {
+            return withStatusText(Errors::storeWrite(directory_, key, SQLITE_TOOBIG),
+                                  SQLITE_TOOBIG);
+        }
+        encoded.emplace_back(key, std::move(bytes));
+    }
+    const int rc = db->insertAll(encoded);
+    if (rc != 0) return withStatusText(Errors::storeWrite(directory_, firstKey, rc), rc);
     return Error();
 }
 

@@ -12,12 +12,15 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "ferritcore/Error.h"
 #include "marl/Json.h"
 #include "storage/KeyValueStore.h"
 #include "storage/Store.h"
 #include "support/ErrorOr.h"
+#include "support/FunctionRef.h"
 
 namespace FerritCore {
 
@@ -32,8 +35,17 @@ class MetaStore : public Store {
     // (the decoder's words), 1101 when the key is missing. The undecodable value stays stored
     // until somebody removes it.
     ErrorOr<MarlLogger::json::JSON> get(std::string_view key) const;
+    // Hands the stored bytes of `key` to `decode` where they lie in the database's buffer, so
+    // that a reader copies only what it keeps. `decode` returns false with the decoder's words in
+    // `reason` when the bytes do not decode. The errors are get's, in get's words. `decode` runs
+    // under the database's lock: it must not call this store, and the view lasts for the call.
+    Error visit(std::string_view key,
+                FunctionRef<bool(std::string_view bytes, std::string& reason)> decode) const;
     // No error once the value is stored; otherwise 9997 or 1104.
     Error put(std::string_view key, const MarlLogger::json::JSON& value);
+    // Stores every pair in one transaction: all of them or, on failure, none (9997 or 1104,
+    // naming the first key). Many small values written together pay for one commit.
+    Error putAll(const std::vector<std::pair<std::string, MarlLogger::json::JSON>>& entries);
     using Store::enumerate;
     // As Store::enumerate; without `withKey` the key is not handed on (an empty view is passed),
     // for callers that only count.

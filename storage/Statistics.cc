@@ -15,6 +15,8 @@
 #include "base/Telemetry.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
+#include "runtime/TaskRunner.h"
+#include "runtime/WorkerCheck.h"
 #include "storage/ConfigStore.h"
 #include "support/Mutex.h"
 
@@ -25,6 +27,25 @@ struct PackStat {
     std::atomic<double> accessCount{0.0};
     std::atomic<double> prefetchCount{0.0};
     std::atomic<double> lastTime{0.0};  // clock of the last counted access; 0 after loading
+    // Set from a change until the write that carries it; only the thread that sets it queues the
+    // entry, so a burst of changes queues it once.
+    std::atomic<bool> dirty{false};
+};
+
+// An entry waiting to be written. Entries stay where they are until the table is emptied, and
+// the queue is emptied with it.
+struct Pending {
+    std::string name;
+    PackStat* stat;
+};
+
+// What waits for the worker's write. On a cache line of its own: every count reads the table's
+// generation and loaded flag, and queueing must not take that line away from the readers.
+struct alignas(64) WriteQueue {
+    Mutex lock;
+    std::vector<Pending> entries GUARDED_BY(lock);
+    // The one flush task that many counts post (see TaskRunner::postOnce).
+    std::atomic<TaskId> flushTask{0};
 };
 
 struct Table {
@@ -35,6 +56,11 @@ struct Table {
     std::atomic<uint64_t> generation{1};
     // Set once the stored entries are in the map; every lookup waits for it.
     std::atomic<bool> loaded{false};
+    WriteQueue queue;
+    // Serialises every write of the statistics keys, from reading the values to the store's
+    // commit, so that a write of older values never lands after one of newer values. Held across
+    // the store's I/O, which is why it is not the table's lock; no count ever takes it.
+    alignas(64) Mutex writeLock;
 };
 
 constexpr const char* kStoredAccess = "c";
@@ -72,35 +98,104 @@ void load(Table& t, ConfigStore& store) REQUIRES(t.lock) {
         .append("count", static_cast<uint64_t>(count));
 }
 
+void writeAtReset();
+
 void ensureLoaded(Table& t) {
     if (t.loaded.load(std::memory_order_acquire)) return;
     // Opened before the lock is taken: a first open reports through the proxy, which is never
     // called with a lock held.
     ConfigStore& store = ConfigStore::instance();
+    writeAtReset();
     MutexLock guard(t.lock);
     if (t.loaded.load(std::memory_order_relaxed)) return;
     load(t, store);
     t.loaded.store(true, std::memory_order_release);
 }
 
-// Writes the entry; a failure is ignored: memory stays right and the next change writes again.
-void store(const std::string& name, const PackStat& stat) {
-    static_cast<void>(ConfigStore::instance().put(
-        Statistics::kKeyPrefix + name,
-        MarlLogger::json::JSONObject{
-            {kStoredAccess, stat.accessCount.load(std::memory_order_relaxed)},
-            {kStoredPrefetch, stat.prefetchCount.load(std::memory_order_relaxed)}}));
+using WriteHook = void (*)(size_t entries);
+std::atomic<WriteHook> writeHook{nullptr};
+
+MarlLogger::json::JSON storedValue(const PackStat& stat) {
+    return MarlLogger::json::JSONObject{
+        {kStoredAccess, stat.accessCount.load(std::memory_order_relaxed)},
+        {kStoredPrefetch, stat.prefetchCount.load(std::memory_order_relaxed)}};
 }
 
-Table& table() {
+Table& rawTable() {
     static Table* const instance = ProcessState::create<Table>([](Table& t) {
+        {
+            MutexLock guard(t.queue.lock);
+            t.queue.entries.clear();
+        }
+        // The runner drops the task at the same reset; this holder must not wait for that.
+        t.queue.flushTask.store(0, std::memory_order_release);
         MutexLock guard(t.lock);
         t.entries.clear();
         t.generation.fetch_add(1, std::memory_order_acq_rel);
         t.loaded.store(false, std::memory_order_release);
     });
-    ensureLoaded(*instance);
     return *instance;
+}
+
+Table& table() {
+    Table& t = rawTable();
+    ensureLoaded(t);
+    return t;
+}
+
+// Writes every queued entry in one transaction. A failure is ignored: memory stays right and the
+// next change writes again.
+void writeQueued(Table& t) EXCLUDES(t.lock) {
+    MutexLock writing(t.writeLock);
+    std::vector<Pending> taken;
+    {
+        MutexLock guard(t.queue.lock);
+        taken.swap(t.queue.entries);
+    }
+    std::vector<std::pair<std::string, MarlLogger::json::JSON>> values;
+    values.reserve(taken.size());
+    for (const Pending& pending : taken) {
+        // Cleared before the values are read: a change that lands after this queues the entry
+        // again, and the next write carries it. Already clear means a decay wrote it since.
+        if (!pending.stat->dirty.exchange(false, std::memory_order_acq_rel)) continue;
+        values.emplace_back(Statistics::kKeyPrefix + pending.name, storedValue(*pending.stat));
+    }
+    if (values.empty()) return;
+    if (WriteHook hook = writeHook.load(std::memory_order_acquire)) hook(values.size());
+    static_cast<void>(ConfigStore::instance().putAll(values));
+}
+
+// At a reset the configuration store resets too, and before the table does: what waits is
+// written while the store is still open. Registered once, after the store exists, so that it
+// runs before the store's own reset.
+void writeAtReset() {
+    static std::once_flag registered;
+    std::call_once(registered, [] {
+        ProcessState::onReset([] {
+            Table& t = rawTable();
+            if (t.loaded.load(std::memory_order_acquire)) writeQueued(t);
+        });
+    });
+}
+
+// Queues a change of `stat` for the worker's write. A sub-process reads what the main one writes
+// and never writes itself.
+void markChanged(Table& t, const std::string& name, PackStat& stat) {
+    if (!isMainProcess()) return;
+    // Set already: the entry is queued and its write reads the values after this change.
+    if (stat.dirty.exchange(true, std::memory_order_acq_rel)) return;
+    {
+        MutexLock guard(t.queue.lock);
+        t.queue.entries.push_back({name, &stat});
+    }
+    // The store's write, with its syncs, happens on the worker and never on the request's thread.
+    TaskRunner::postOnce(
+        t.queue.flushTask,
+        [] {
+            assertOnWorker();
+            writeQueued(rawTable());
+        },
+        0);
 }
 
 // The entry of `name`, made when there is none. A thread remembers what it found, so that counting
@@ -140,7 +235,8 @@ void addTo(std::atomic<double>& counter, double weight) {
 // the exchange and count nothing. Inside the window nothing is written, so threads that read one
 // pack at once share its entry's cache line without bouncing it.
 bool countOn(const std::string& name, double* accessCount, double weight, double now) {
-    PackStat& stat = entryOf(table(), name);
+    Table& t = table();
+    PackStat& stat = entryOf(t, name);
     double last = stat.lastTime.load(std::memory_order_acquire);
     bool first = false;
     bool counted = false;
@@ -153,7 +249,7 @@ bool countOn(const std::string& name, double* accessCount, double weight, double
             break;
         }
     }
-    if (counted && isMainProcess()) store(name, stat);
+    if (counted) markChanged(t, name, stat);
     if (accessCount != nullptr) *accessCount = stat.accessCount.load(std::memory_order_relaxed);
     return first;
 }
@@ -188,9 +284,19 @@ bool Statistics::addAccess(const std::string& name, double* accessCount, double 
 
 void Statistics::addPrefetch(const std::string& name) {
     const std::string pack = name.substr(0, name.rfind('@'));
-    PackStat& stat = entryOf(table(), pack);
+    Table& t = table();
+    PackStat& stat = entryOf(t, pack);
     addTo(stat.prefetchCount, kAccessWeight);
-    if (isMainProcess()) store(pack, stat);
+    markChanged(t, pack, stat);
+}
+
+void Statistics::setWriteHookForTesting(void (*hook)(size_t entries)) {
+    writeHook.store(hook, std::memory_order_release);
+}
+
+void Statistics::flush() {
+    Table& t = rawTable();
+    if (t.loaded.load(std::memory_order_acquire)) writeQueued(t);
 }
 
 double Statistics::prefetchValue(const std::string& name) {
@@ -237,25 +343,35 @@ void Statistics::decay() {
         double accessCount;
     };
     std::vector<Noted> prefetched;
+    std::vector<std::pair<std::string, MarlLogger::json::JSON>> values;
+    std::vector<std::string> gone;
+    Table& t = table();
+    // Held from the walk to the commit: no queued write can read values before the decay and land
+    // after it.
+    MutexLock writing(t.writeLock);
     {
-        Table& t = table();
         MutexLock guard(t.lock);
-        ConfigStore& configStore = ConfigStore::instance();
         for (const auto& [name, stat] : t.entries) {
             const double prefetch = stat->prefetchCount.load(std::memory_order_relaxed);
             if (prefetch > 0.0)
                 prefetched.push_back(
                     {name, prefetch, stat->accessCount.load(std::memory_order_relaxed)});
+            // This write carries every change so far; one after the clearing queues again.
+            static_cast<void>(stat->dirty.exchange(false, std::memory_order_acq_rel));
             decayCounter(stat->accessCount);
             decayCounter(stat->prefetchCount);
             if (stat->accessCount.load(std::memory_order_relaxed) <= 0.0 &&
                 stat->prefetchCount.load(std::memory_order_relaxed) <= 0.0) {
-                configStore.remove(kKeyPrefix + name);
+                gone.push_back(kKeyPrefix + name);
             } else {
-                store(name, *stat);
+                values.emplace_back(kKeyPrefix + name, storedValue(*stat));
             }
         }
     }
+    ConfigStore& configStore = ConfigStore::instance();
+    // As every write of these keys: a failure leaves memory right and the next change writes.
+    static_cast<void>(configStore.putAll(values));
+    for (const std::string& key : gone) configStore.remove(key);
     // Sent after the walk: the proxy is never called with the lock held.
     for (const Noted& noted : prefetched) {
         PerfRecord record("Ferrit.Prefetch");

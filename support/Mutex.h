@@ -71,11 +71,14 @@ struct NoLockHolder {
 
 using LockHolderFor = std::conditional_t<kContractsChecked, LockHolder, NoLockHolder>;
 
-class CAPABILITY("mutex") Mutex {
+// One body for both locks; `Std` is the standard lock it wraps. A recursive one serves a task that
+// posts from inside a task, or a transaction that runs another, and so takes its lock again.
+template <typename Std>
+class CAPABILITY("mutex") BasicMutex {
   public:
-    Mutex() = default;
-    Mutex(const Mutex&) = delete;
-    Mutex& operator=(const Mutex&) = delete;
+    BasicMutex() = default;
+    BasicMutex(const BasicMutex&) = delete;
+    BasicMutex& operator=(const BasicMutex&) = delete;
 
     void lock() ACQUIRE() {
         mutex_.lock();
@@ -85,43 +88,21 @@ class CAPABILITY("mutex") Mutex {
         holder_.releasing();
         mutex_.unlock();
     }
-    // The calling thread holds this lock (see above); the defaults name the caller.
+    // The calling thread holds this lock, at least once (see above); the defaults name the caller.
     void assertHeld(const char* file = __builtin_FILE(), int line = __builtin_LINE()) const
         ASSERT_CAPABILITY(this) {
         holder_.check(file, line);
     }
 
   private:
+    // Waits give up a plain lock only: a recursive one held twice would stay held.
     friend class CondVar;
-    std::mutex mutex_;
+    Std mutex_;
     [[no_unique_address]] LockHolderFor holder_;
 };
 
-// A task that posts from inside a task, or a transaction that runs another, takes its lock again.
-class CAPABILITY("mutex") RecursiveMutex {
-  public:
-    RecursiveMutex() = default;
-    RecursiveMutex(const RecursiveMutex&) = delete;
-    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
-
-    void lock() ACQUIRE() {
-        mutex_.lock();
-        holder_.took();
-    }
-    void unlock() RELEASE() {
-        holder_.releasing();
-        mutex_.unlock();
-    }
-    // The calling thread holds this lock, at least once (see above).
-    void assertHeld(const char* file = __builtin_FILE(), int line = __builtin_LINE()) const
-        ASSERT_CAPABILITY(this) {
-        holder_.check(file, line);
-    }
-
-  private:
-    std::recursive_mutex mutex_;
-    [[no_unique_address]] LockHolderFor holder_;
-};
+using Mutex = BasicMutex<std::mutex>;
+using RecursiveMutex = BasicMutex<std::recursive_mutex>;
 
 // Holds the lock for its scope.
 template <typename M>

@@ -1,8 +1,10 @@
 // A test-only module, ferritcore_probe.node, that shows what the bridge's decoders make of a
-// script value, so that the Node tests can check conversions the core never reports back (which
-// response headers a configuration request keeps, the two readings of "traceId"). Never shipped.
+// script value, and what its encoder makes of a response, so that the Node tests can check
+// conversions the core never reports back (which response headers a configuration request keeps,
+// the two readings of "traceId", the forms a response's header and bytes cross in). Never shipped.
 #include <node_api.h>
 
+#include <algorithm>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -30,8 +32,12 @@ napi_value newObject(napi_env env) {
 
 napi_value headerObject(napi_env env, const HeaderMap& header) {
     napi_value object = newObject(env);
-    for (const auto& [name, value] : header)
-        set(env, object, name.c_str(), NAPI::toString(env, value));
+    // Names as script strings, so that one with a NUL comes back whole.
+    for (const auto& [name, value] : header) {
+        napi_value key = NAPI::toString(env, name);
+        napi_value text = NAPI::toString(env, value);
+        if (key != nullptr && text != nullptr) napi_set_property(env, object, key, text);
+    }
     return object;
 }
 
@@ -79,6 +85,30 @@ napi_value decodeResourceRequest(napi_env env, napi_callback_info info) {
     set(env, object, "packVersion", NAPI::toString(env, request.packVersion));
     set(env, object, "header", headerObject(env, request.header()));
     return object;
+}
+
+// (md5, header, bytes, inEngineMemory) -> the response object the natives give the host, for a
+// response with that MD5, header (its string members) and bytes (toData). With inEngineMemory the
+// bytes are placed in the engine's memory as a synchronous hit's read places them; without, they
+// are the response's own and the object gets a copy.
+napi_value encodeResourceResponse(napi_env env, napi_callback_info info) {
+    const auto args = NAPI::getArgs(env, info, 4);
+    if (args.size() < 4) return nullptr;
+    std::string bytes = NAPI::toData(env, args[2]).value_or(std::string());
+    const bool inEngineMemory = NAPI::readBool(env, args[3]).value_or(false);
+    EngineMemory memory(env);
+    auto response = std::make_unique<ResourceResponse>(nullptr, std::string());
+    response->md5 = NAPI::toString(env, args[0]).value_or(std::string());
+    response->header = readStringMembers(env, args[1]);
+    if (inEngineMemory && !bytes.empty()) {
+        char* placed = memory.allocate(bytes.size());
+        if (placed == nullptr) return nullptr;
+        std::copy(bytes.begin(), bytes.end(), placed);
+        memory.setFilled(placed, bytes.size());
+    } else {
+        response->data = std::move(bytes);
+    }
+    return encodeResponse(env, nullptr, std::move(response), &memory);
 }
 
 // (descriptor) -> {name, info, traceId, progressId}
@@ -135,6 +165,7 @@ napi_value Init(napi_env env, napi_value exports) {
         NAPI::method("checkProxyStatus", checkStatus),
         NAPI::method("decodeRequest", decodeResourceRequest),
         NAPI::method("decodePackRequest", decodePack),
+        NAPI::method("encodeResponse", encodeResourceResponse),
         NAPI::method("keepPosting", keepPosting),
         NAPI::method("keepLogging", keepLogging),
     };

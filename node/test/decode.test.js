@@ -115,3 +115,87 @@ test('DecodeTest.TextsOfEveryLengthAroundTheShortBufferComeBackWhole', () => {
     }
   }
 });
+
+test('DecodeTest.RequestFieldsThatHoldANulComeWhole', () => {
+  // A NUL in a field cannot cross in the one text the fields usually take: they come another way,
+  // and read the same.
+  const request = probe.decodeRequest({
+    url: 'https://a.example.com/a\0b.js',
+    header: { 'X-N\0ame': 'v\0alue', Referer: 'https://a.example.com/\0', Accept: '' },
+    traceId: 'trace\0id',
+    packName: 'p\0',
+    packVersion: '\0',
+  });
+  assert.equal(request.url, 'https://a.example.com/a\0b.js');
+  assert.deepEqual(request.header, { 'X-N\0ame': 'v\0alue', Referer: 'https://a.example.com/\0', Accept: '' });
+  assert.equal(request.referrer, 'https://a.example.com/\0');
+  assert.equal(request.parentId, 'trace\0id');
+  assert.equal(request.packName, 'p\0');
+  assert.equal(request.packVersion, '\0');
+  // Empty names and values, and characters of every width, cross in the one text.
+  const plain = probe.decodeRequest({ url: 'https://a.example.com/é中😀', header: { '': '', 'X-É': '😀', Empty: '' } });
+  assert.equal(plain.url, 'https://a.example.com/é中😀');
+  assert.deepEqual(plain.header, { '': '', 'X-É': '😀', Empty: '' });
+  assert.equal(plain.packName, '');
+});
+
+test('DecodeTest.TraceIdNumberIsCutTo32Bits', () => {
+  const typeOf = (traceId) => probe.decodeRequest({ url: 'https://a.example.com/', traceId }).type;
+  assert.equal(typeOf(-1), -1);
+  assert.equal(typeOf(2 ** 32 + 5), 5);
+  assert.equal(typeOf(2 ** 31), -(2 ** 31));
+  assert.equal(typeOf(7.9), 7);
+  assert.equal(typeOf(NaN), 0);
+  assert.equal(typeOf(Infinity), 0);
+  assert.equal(typeOf('12'), 0);
+  assert.equal(typeOf(undefined), 0);
+});
+
+test('EncodeTest.ResponseHeaderWithUnusualBytesComesWhole', () => {
+  const header = {
+    'Content-Type': 'text/plain;charset=UTF-8',
+    'X-Wide': 'é中😀',
+    'X-Empty': '',
+    '': 'no name',
+    'X-Spaces': '  a  b  ',
+    'X-Controls': '\t\r\n\x01\x7f',
+  };
+  const response = probe.encodeResponse('0123456789abcdef0123456789abcdef', header, 'body', true);
+  assert.deepEqual(Object.keys(response), ['data', 'md5', 'header', 'error', 'is404']);
+  assert.equal(response.md5, '0123456789abcdef0123456789abcdef');
+  assert.deepEqual(response.header, header);
+  assert.equal(response.error, undefined);
+  assert.equal(response.is404, false);
+  // No header at all, and an empty MD5.
+  const bare = probe.encodeResponse('', {}, 'body', true);
+  assert.equal(bare.md5, '');
+  assert.deepEqual(bare.header, {});
+});
+
+test('EncodeTest.ResponseHeaderWithANulComesWhole', () => {
+  // The MD5 and the header usually cross as one text cut at NULs; one that holds a NUL of its own
+  // takes the other way, and reads the same.
+  const header = { 'X-N\0ame': 'v\0alue', 'X-Plain': 'plain', 'X-End': '\0' };
+  const response = probe.encodeResponse('md\0five', header, 'body', true);
+  assert.equal(response.md5, 'md\0five');
+  assert.deepEqual(response.header, header);
+  const valueOnly = probe.encodeResponse('0123', { A: 'a\0', B: '' }, 'body', false);
+  assert.equal(valueOnly.md5, '0123');
+  assert.deepEqual(valueOnly.header, { A: 'a\0', B: '' });
+});
+
+test('EncodeTest.BytesComeAsAnArrayBufferOfTheirOwnEitherWay', () => {
+  const bytes = Buffer.alloc(16 * 1024 + 3);
+  for (let i = 0; i < bytes.length; ++i) bytes[i] = (i * 7) & 0xff;
+  // Read into the engine's memory (a hit), and copied from the response's own bytes (the rest).
+  for (const inEngineMemory of [true, false]) {
+    const { data } = probe.encodeResponse('m', {}, bytes, inEngineMemory);
+    assert.ok(data instanceof ArrayBuffer, `inEngineMemory ${inEngineMemory}`);
+    assert.equal(data.byteLength, bytes.length);
+    assert.ok(Buffer.from(data).equals(bytes));
+  }
+  // One byte, and none: no bytes is no data at all.
+  assert.equal(probe.encodeResponse('m', {}, Buffer.from([9]), true).data.byteLength, 1);
+  assert.equal(probe.encodeResponse('m', {}, '', true).data, undefined);
+  assert.equal(probe.encodeResponse('m', {}, '', false).data, undefined);
+});

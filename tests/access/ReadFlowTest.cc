@@ -59,6 +59,23 @@ class ReadFlowTest : public AccessFixture {
         ResourceIndexPool::set(name, index);
     }
 
+    // The built-in pack "kit" at 2 below "https://cdn.shop.com/kit/", with `resources` as its
+    // list, loaded from the app's raw files as the host delivers it.
+    Error loadBuiltInKit(const JSON& resources) {
+        JSON kit;
+        kit.set("s", 2);
+        kit.set("f", 96);
+        kit.set("p", JSON(MarlLogger::json::JSONArray{JSON("https://cdn.shop.com/kit/")}));
+        JSON document;
+        document.set("v", "7");
+        document.set("packs", JSON(JSONObject{{"kit", kit}}));
+        document.set("resources", JSON(JSONObject{{"kit", resources}}));
+        writeRaw("Ferrit_Asset.config", document.toString());
+        Error loadError;
+        SCache::mutate([&](FConfig& config) { loadError = BuiltinConfig::load(config); });
+        return loadError;
+    }
+
     // The app pack "app" installed at 3 below "https://h.com/app/" with the given list.
     void installApp(const JSON& list, uint64_t installed = 3, uint64_t seq = 3) {
         install({pack("app", kPackTypeFerrit, installed, seq, {"https://h.com/app/"})});
@@ -114,21 +131,9 @@ TEST_F(ReadFlowTest, DiskPackAndBuiltInPackServeInBothForms) {
 }
 
 TEST_F(ReadFlowTest, BuiltInConfigurationAssetServesItsPack) {
-    JSON kit;
-    kit.set("s", 2);
-    kit.set("f", 96);
-    kit.set("p", JSON(MarlLogger::json::JSONArray{JSON("https://cdn.shop.com/kit/")}));
-    JSON document;
-    document.set("v", "7");
-    document.set("packs", JSON(JSONObject{{"kit", kit}}));
-    document.set(
-        "resources",
-        JSON(JSONObject{
-            {"kit", tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}})}}));
-    writeRaw("Ferrit_Asset.config", document.toString());
     writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
-    Error loadError;
-    SCache::mutate([&](FConfig& config) { loadError = BuiltinConfig::load(config); });
+    const Error loadError =
+        loadBuiltInKit(tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}}));
     ASSERT_FALSE(loadError) << loadError.message();
 
     auto response = Access::getResource(ResourceRequest("https://cdn.shop.com/kit/kit.css", ""));
@@ -570,10 +575,111 @@ TEST_F(ReadFlowTest, AbsolutePathsInTheIndexStayInsideThePack) {
     auto inside = Access::getResource(ResourceRequest("https://h.com/app/abs.js", ""));
     ASSERT_FALSE(inside->error) << inside->error.message();
     EXPECT_EQ(inside->data, "inside");
+    // Opened below the pack's held folder, "//secret.txt" would name the file system's root.
     auto secret = Access::getResource(ResourceRequest("https://h.com/app/secret.txt", ""));
-    EXPECT_EQ(secret->error.code(), Errors::kPackFileNotFound);
-    EXPECT_EQ(secret->error.message(), "F:app@3 file not found: apps/app/3/secret.txt");
+    EXPECT_EQ(secret->error.code(), Errors::kFileRead);
+    EXPECT_EQ(secret->error.message(),
+              "read file \"//secret.txt\" refused: the name leaves its folder");
     EXPECT_TRUE(secret->data.empty());
+}
+
+TEST_F(ReadFlowTest, InstalledPackRefusesAbsoluteNamesBelowItsHeldFolder) {
+    // A file outside the pack, named by its absolute path as a list could name it.
+    writeFile("outside/secret.txt", "root secret");
+    const std::string absolute = FerritCore::rootPath() + "outside/secret.txt";
+    installApp(tableOf({{"res/app.js", "https://h.com/app/app.js", kScript},
+                        {"/" + absolute, "https://h.com/app/abs.txt", "root secret"}}));
+    writeFile("apps/app/3/res/app.js", kScript);
+    ASSERT_NE(ResourceIndexPool::get(*SCache::current()->find("app"))->directory(), nullptr);
+    for (const bool intoMemory : {false, true}) {
+        SCOPED_TRACE(intoMemory ? "into the receiver's memory" : "into the response");
+        FakeMemory memory;
+        const ResourceRequest request("https://h.com/app/abs.txt", "");
+        auto response =
+            intoMemory ? getResourceInto(request, memory) : Access::getResource(request);
+        EXPECT_EQ(response->error.code(), Errors::kFileRead);
+        EXPECT_EQ(response->error.message(),
+                  "read file \"/" + absolute + "\" refused: the name leaves its folder");
+        EXPECT_TRUE(response->data.empty());
+        EXPECT_FALSE(memory.filled());
+        EXPECT_TRUE(memory.sizes.empty()) << "nothing was opened to be read";
+    }
+    auto inside = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    ASSERT_FALSE(inside->error) << inside->error.message();
+    EXPECT_EQ(inside->data, kScript);
+}
+
+TEST_F(ReadFlowTest, BuiltInPackIsReadFromItsHeldFolderIntoTheReceiversMemory) {
+    // The raw files are plain files here: the pack's folder is held open.
+    writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
+    ASSERT_FALSE(
+        loadBuiltInKit(tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}})));
+    const auto pack = SCache::current()->find("kit");
+    ASSERT_NE(pack, nullptr);
+    ASSERT_NE(ResourceIndexPool::get(*pack)->directory(), nullptr);
+
+    FakeMemory memory;
+    auto response =
+        getResourceInto(ResourceRequest("https://cdn.shop.com/kit/kit.css", ""), memory);
+    ASSERT_FALSE(response->error) << response->error.message();
+    ASSERT_TRUE(memory.filled()) << "a built-in hit lands in the receiver's memory";
+    EXPECT_EQ(std::string(memory.filledData(), memory.filledSize()), kCss);
+    EXPECT_TRUE(response->data.empty());
+    EXPECT_EQ(response->header.at("X-Ferrit-Info"), "S:kit@2,0");
+}
+
+TEST_F(ReadFlowTest, BuiltInFolderIsHeldOnlyForRawFilesOnDiskAndANameInsideThem) {
+    writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
+    const JSON list = tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss}});
+    const Folder folder = Folder::asset("Ferrit_Asset_kit/2/");
+    EXPECT_NE(ResourceIndex("kit", list, folder).directory(), nullptr);
+    EXPECT_EQ(ResourceIndex("kit", list).directory(), nullptr) << "no built-in folder was named";
+    EXPECT_EQ(ResourceIndex("kit", list, Folder::asset("Ferrit_Asset_kit/../../")).directory(),
+              nullptr)
+        << "a folder that leaves the raw files is not held";
+    // A host that reads its raw files itself says nothing of plain files: nothing is held, and
+    // the pack is served through the host's operations as before.
+    AssetProvider::set(std::make_shared<ProxyAssetProvider>());
+    EXPECT_TRUE(Assets::diskPath().empty());
+    EXPECT_EQ(ResourceIndex("kit", list, folder).directory(), nullptr);
+}
+
+TEST_F(ReadFlowTest, BuiltInPackRefusesNamesThatLeaveItsHeldFolder) {
+    writeFile("outside/secret.txt", "root secret");
+    const std::string absolute = FerritCore::rootPath() + "outside/secret.txt";
+    writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
+    const JSON list = tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss},
+                               {"/" + absolute, "https://cdn.shop.com/kit/abs.txt", "root secret"},
+                               {"/etc/hostname", "https://cdn.shop.com/kit/etc.txt", "host"}});
+    ASSERT_FALSE(loadBuiltInKit(list));
+    ASSERT_NE(ResourceIndexPool::get(*SCache::current()->find("kit"))->directory(), nullptr);
+
+    FakeMemory memory;
+    auto absolutePath =
+        getResourceInto(ResourceRequest("https://cdn.shop.com/kit/abs.txt", ""), memory);
+    EXPECT_EQ(absolutePath->error.code(), Errors::kFileRead);
+    EXPECT_EQ(absolutePath->error.message(),
+              "read file \"/" + absolute + "\" refused: the name leaves its folder");
+    EXPECT_FALSE(memory.filled());
+    // One leading "/" is the list's own spelling of a name inside the pack: not the system's file.
+    auto etc = Access::getResource(ResourceRequest("https://cdn.shop.com/kit/etc.txt", ""));
+    EXPECT_TRUE(etc->error);
+    EXPECT_TRUE(etc->data.empty());
+    auto kitCss = Access::getResource(ResourceRequest("https://cdn.shop.com/kit/kit.css", ""));
+    ASSERT_FALSE(kitCss->error) << kitCss->error.message();
+    EXPECT_EQ(kitCss->data, kCss);
+}
+
+TEST_F(ReadFlowTest, BuiltInListWithAClimbingNameServesNothing) {
+    writeFile("secret.txt", "root secret");
+    writeRaw("Ferrit_Asset_kit/2/res/kit.css", kCss);
+    const JSON list = tableOf({{"res/kit.css", "https://cdn.shop.com/kit/kit.css", kCss},
+                               {"a/../../../secret.txt", "https://cdn.shop.com/kit/s.txt", "x"}});
+    const auto index =
+        std::make_shared<const ResourceIndex>("kit", list, Folder::asset("Ferrit_Asset_kit/2/"));
+    EXPECT_EQ(index->error().code(), Errors::kFileDeserialization);
+    EXPECT_NE(index->error().message().find("leaves the pack"), std::string::npos);
+    EXPECT_EQ(index->directory(), nullptr) << "a failed list holds no folder";
 }
 
 TEST_F(ReadFlowTest, BackslashesInTheIndexAreSeparatorsInsideThePack) {

@@ -55,6 +55,8 @@ std::vector<CatalogueCase> catalogue() {
          "read file \"/Packs/pack/3/b.css\" failed: 2, No such file or directory"},
         {"fileReadInvalidType", fileReadInvalidType(onDemand), 1102,
          "read file \"/OnDemand(Ferrit_Asset_m)/Ferrit_Asset_m/1/\" failed: invalid type OnDemand"},
+        {"nameLeavesFolder", nameLeavesFolder("//etc/x"), 1102,
+         "read file \"//etc/x\" refused: the name leaves its folder"},
         {"storageRead", storageRead("cache", "k1", 5), 1102, "Storage read \"cache/k1\" failed: 5"},
         {"storeRead", storeRead("pack:", "k1", 5), 1102, "read store \"pack:k1\" failed: 5"},
         {"storeDeserialize", storeDeserialize("pack:", "k1", "truncated"), 1102,
@@ -159,7 +161,7 @@ std::vector<CatalogueCase> catalogue() {
 TEST(ErrorsTest, EveryCatalogueFunctionGivesItsCodeAndExactMessage) {
     const std::vector<CatalogueCase> cases = catalogue();
     // One entry per function and overload of the catalogue.
-    EXPECT_EQ(cases.size(), 80u);
+    EXPECT_EQ(cases.size(), 81u);
     for (const CatalogueCase& c : cases) {
         SCOPED_TRACE(c.function);
         EXPECT_EQ(c.error.code(), c.code);

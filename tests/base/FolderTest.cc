@@ -531,6 +531,40 @@ TEST_F(FolderIOTest, OpenDirectoryHoldsOneDescriptorAndAtMostTheLimit) {
     EXPECT_EQ(OpenDirectory::heldCount(), held);
 }
 
+// A name from a list or document never reaches past the held directory: an absolute one would
+// make openat ignore the directory, a climbing one would walk out of it.
+TEST_F(FolderIOTest, OpenDirectoryRefusesNamesThatLeaveIt) {
+    writeDisk("o/a.js", "inside");
+    writeDisk("secret.txt", "outside");
+    auto directory = OpenDirectory::open(root_.root() + "o");
+    ASSERT_NE(directory, nullptr);
+    const std::string absolute = root_.root() + "secret.txt";
+    ASSERT_EQ(absolute.front(), '/');
+    for (const std::string& name :
+         {"/" + absolute, absolute, std::string("//etc/x.txt"), std::string("/etc/x"),
+          std::string("a/../../x"), std::string("../secret.txt"), std::string(".."),
+          std::string("a\\..\\..\\secret.txt"), std::string()}) {
+        SCOPED_TRACE(name);
+        const Error refused = OpenDirectory::checkName(name);
+        EXPECT_EQ(refused.code(), Errors::kFileRead);
+        EXPECT_EQ(refused.message(),
+                  "read file \"" + name + "\" refused: the name leaves its folder");
+        EXPECT_FALSE(directory->hasFile(name));
+        errno = 0;
+        EXPECT_EQ(directory->openFile(name), -1);
+        EXPECT_EQ(errno, EACCES);
+        std::string out;
+        EXPECT_EQ(directory->readFile(name, out), EACCES);
+        EXPECT_TRUE(out.empty());
+    }
+    // Names inside it, dots that do not climb among them, are taken.
+    for (const std::string name : {"a.js", "./a.js", "..a.js", "a..js"})
+        EXPECT_FALSE(OpenDirectory::checkName(name)) << name;
+    std::string out;
+    EXPECT_EQ(directory->readFile("./a.js", out), 0);
+    EXPECT_EQ(out, "inside");
+}
+
 // --- Layout -----------------------------------------------------------------------------------
 
 TEST_F(FolderIOTest, TempContentFromEarlierRunDoesNotSurviveInitFolders) {

@@ -17,6 +17,7 @@
 #include "storage/Cache.h"
 #include "storage/ConfigStore.h"
 #include "storage/PacksStore.h"
+#include "storage/Statistics.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
 #include "update/Cleanup.h"
@@ -288,6 +289,20 @@ TEST_F(SetupTest, DeactivationTwiceWithinTenMinutesCompactsOnce) {
     Setup::clientDeactived();
     EXPECT_EQ(logs_->count("compactDatabases"), 2u);
     EXPECT_TRUE(logs_->last("clientDeactived", "Ferrit/Event").has("time"));
+}
+
+// The host may end a process in the background without notice: counts the worker has not
+// written yet are written by the deactivation itself, on the host's thread.
+TEST_F(SetupTest, DeactivationWritesQueuedCounts) {
+    Setup::setProxy(proxy_, temp_.root());
+    Statistics::addAccess("shop@2", nullptr, 2.0);
+    const std::string key = std::string(Statistics::kKeyPrefix) + "shop";
+    ASSERT_FALSE(ConfigStore::instance().contains(key));
+    std::thread host([] { Setup::clientDeactived(); });
+    host.join();
+    EXPECT_TRUE(ConfigStore::instance().contains(key));
+    EXPECT_DOUBLE_EQ(ConfigStore::instance().get(key).valueOr(JSON())["c"].doubleValue(), 2.0);
+    EXPECT_TRUE(ConfigStore::instance().contains(key + "@2"));
 }
 
 TEST_F(SetupTest, CompactionCoversTheContentCacheStore) {

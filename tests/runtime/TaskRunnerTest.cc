@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -265,10 +266,10 @@ TEST_F(TaskRunnerTest, PostOnceTwiceBeforeRunLeavesOneTaskWithDelayOfFirstCall) 
     EXPECT_EQ(order_.get(), (std::vector<std::string>{"first"}));
 }
 
-TEST_F(TaskRunnerTest, PostOnceTakesEffectAgainOnceCallableClearsHolder) {
+TEST_F(TaskRunnerTest, PostOnceTakesEffectAgainWhenTheCallableAlsoClearsItsHolder) {
     std::atomic<TaskId> holder{0};
     auto save = [&] {
-        holder.store(0);  // the owner's duty, at the start of its callable
+        holder.store(0);  // as an owner may still do; the runner has cleared it already
         order_.add("save");
     };
     runner_.postTaskOnce(holder, save, 1000);
@@ -280,13 +281,71 @@ TEST_F(TaskRunnerTest, PostOnceTakesEffectAgainOnceCallableClearsHolder) {
     EXPECT_EQ(order_.get(), (std::vector<std::string>{"save", "save"}));
 }
 
-TEST_F(TaskRunnerTest, PostOnceWhoseCallableLeavesHolderSetBlocksLaterPosts) {
+TEST_F(TaskRunnerTest, PostOnceHolderIsReleasedWhenItsTaskBegins) {
     std::atomic<TaskId> holder{0};
-    runner_.postTaskOnce(holder, record("once"), 0);
+    TaskId seen = 1;
+    runner_.postTaskOnce(
+        holder,
+        [&] {
+            seen = holder.load();
+            order_.add("once");
+        },
+        0);
     runner_.runDueTasks();
-    runner_.postTaskOnce(holder, record("ignored"), 0);
+    EXPECT_EQ(seen, 0u) << "released before the callable runs";
+    runner_.postTaskOnce(holder, record("again"), 0);
     runner_.runDueTasks();
-    EXPECT_EQ(order_.get(), (std::vector<std::string>{"once"}));
+    EXPECT_EQ(order_.get(), (std::vector<std::string>{"once", "again"}));
+}
+
+TEST_F(TaskRunnerTest, PostOnceTaskThatPostsItselfAgainRunsTwice) {
+    std::atomic<TaskId> holder{0};
+    int runs = 0;
+    std::function<void()> body = [&] {
+        if (++runs == 1) runner_.postTaskOnce(holder, body, 0);
+    };
+    runner_.postTaskOnce(holder, body, 0);
+    runner_.runDueTasks();
+    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(holder.load(), 0u);
+}
+
+TEST_F(TaskRunnerTest, DroppedPostOnceTasksReleaseTheirHolders) {
+    std::atomic<TaskId> waiting{0};
+    std::atomic<TaskId> delayed{0};
+    runner_.postTaskOnce(delayed, record("delayed"), 1000);
+    runner_.runDueTasks();  // takes the delayed one into the heap
+    runner_.postTaskOnce(waiting, record("waiting"), 0);
+    runner_.dropTasks();
+    EXPECT_EQ(waiting.load(), 0u);
+    EXPECT_EQ(delayed.load(), 0u);
+    runner_.postTaskOnce(waiting, record("after"), 0);
+    runner_.postTaskOnce(delayed, record("later"), 1000);
+    clock_->advance(1000);
+    runner_.runDueTasks();
+    EXPECT_EQ(order_.get(), (std::vector<std::string>{"after", "later"}));
+}
+
+TEST_F(TaskRunnerTest, CancelledPostOnceTaskReleasesItsHolder) {
+    std::atomic<TaskId> holder{0};
+    runner_.postTaskOnce(holder, record("cancelled"), 1000);
+    runner_.runDueTasks();
+    runner_.cancelTask(holder.load());
+    runner_.runDueTasks();  // the removal from the heap
+    EXPECT_EQ(holder.load(), 0u);
+    runner_.postTaskOnce(holder, record("posted"), 0);
+    runner_.runDueTasks();
+    EXPECT_EQ(order_.get(), (std::vector<std::string>{"posted"}));
+}
+
+TEST_F(TaskRunnerTest, HolderThatMovedOnIsLeftAloneByAnOlderTask) {
+    std::atomic<TaskId> holder{0};
+    runner_.postTaskOnce(holder, record("old"), 0);
+    holder.store(0);
+    runner_.postTaskOnce(holder, record("new"), 1000);
+    const TaskId newer = holder.load();
+    runner_.runDueTasks();  // runs "old", whose id the holder no longer has
+    EXPECT_EQ(holder.load(), newer);
 }
 
 TEST_F(TaskRunnerTest, CancelOnceEmptiesHolderAndCancelsTask) {

@@ -371,6 +371,119 @@ TEST_F(CacheTest, BodyDocumentOfTheWrongTypeIsAMiss) {
     EXPECT_EQ(cache().totalSize(), 0);
 }
 
+TEST_F(CacheTest, BodyWithNulBytesReadsWhole) {
+    const std::string body("\0a\0\0b\xff\0", 7);
+    CachedResource resource = resourceOf(body);
+    resource.headers = {{"Content-Type", std::string("x\0y", 3)}, {"ETag", "\"e\""}};
+    mustWrite(kUrl, resource);
+    Error error;
+    auto read = cache().read(kUrl, kOwner, error);
+    ASSERT_NE(read, nullptr) << error.message();
+    EXPECT_EQ(read->body, body);
+    EXPECT_EQ(read->crc, FerritCore::Digest::crc32(body));
+    EXPECT_EQ(read->md5, md5Hex(body));
+    EXPECT_EQ(read->trigger, 6u);
+    EXPECT_EQ(read->headers, resource.headers);
+    EXPECT_FALSE(error);
+}
+
+TEST_F(CacheTest, EmptyBodyReadsAsEmpty) {
+    mustWrite(kUrl, resourceOf(""));
+    Error error;
+    auto read = cache().read(kUrl, kOwner, error);
+    ASSERT_NE(read, nullptr) << error.message();
+    EXPECT_EQ(read->body, "");
+    EXPECT_EQ(read->md5, md5Hex(""));
+    EXPECT_EQ(read->headers.at("Content-Type"), "application/javascript");
+}
+
+TEST_F(CacheTest, BodyDocumentIsReadAsItsValuesWouldBe) {
+    // Written by hand: the last of repeated members counts, numbers and text are read leniently.
+    mustWrite(kUrl, resourceOf("body"));
+    const JSON document = MarlLogger::json::JSONObject{
+        {"c", JSON(42)},
+        {"r", JSON("not a number")},
+        {"m", JSON(7)},
+        {"h",
+         JSON(MarlLogger::json::JSONObject{
+             {"A", JSON(1)}, {"B", JSON(JSON::parse("[1,{}]"))}, {"C", JSON(/*value=*/true)}})},
+        {"t", JSON("12")},
+        {"x", JSON(JSON::parse("{\"c\":1,\"h\":[]}"))}};
+    std::string bytes = document.toBinary();
+    // The document above holds "c" as a number; a second "c", as text, comes after it.
+    bytes[0] = static_cast<char>(static_cast<uint8_t>(bytes[0]) + 1);
+    bytes += JSON("c").toBinary() + JSON(std::string("late\0body", 9)).toBinary();
+    auto raw = rawCache();
+    ASSERT_EQ(raw->insert(std::string("res/") + kUrl, bytes), 0);
+
+    Error error;
+    auto read = cache().read(kUrl, kOwner, error);
+    ASSERT_NE(read, nullptr) << error.message();
+    EXPECT_EQ(read->body, std::string("late\0body", 9));
+    EXPECT_EQ(read->crc, 0u);
+    EXPECT_EQ(read->md5, "7");
+    EXPECT_EQ(read->trigger, 12u);
+    const FerritCore::HeaderMap expected = {{"A", "1"}, {"B", ""}, {"C", "true"}};
+    EXPECT_EQ(read->headers, expected);
+}
+
+TEST_F(CacheTest, BodyDocumentWithoutTextContentIsAMissNamingItsType) {
+    mustWrite(kUrl, resourceOf("body"));
+    const std::string key = std::string("res/") + kUrl;
+    struct Case {
+        JSON document;
+        const char* type;
+    } cases[] = {
+        {JSON(MarlLogger::json::JSONObject{{"r", JSON(1)}}), "null"},
+        {JSON::parse("{\"c\":\"text\",\"c\":[1]}"), "array"},
+        {JSON::parse("{\"c\":{\"c\":\"x\"}}"), "object"},
+        {JSON::parse("[\"c\"]"), "array"},
+        {JSON("just text"), "string"},
+    };
+    for (const Case& c : cases) {
+        mustWrite(kUrl, resourceOf("body"));
+        ASSERT_FALSE(cache().put(key, c.document));
+        Error error;
+        EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr) << c.type;
+        EXPECT_EQ(error.message(), std::string("read store \"cache/res/") + kUrl +
+                                       "\" failed: invalid type " + c.type);
+        EXPECT_FALSE(cache().contains(key));
+    }
+}
+
+TEST_F(CacheTest, UndecodableBodyIsAMissInTheDecodersWords) {
+    mustWrite(kUrl, resourceOf("body"));
+    const std::string key = std::string("res/") + kUrl;
+    auto raw = rawCache();
+    // A map of one member whose key is a number.
+    ASSERT_EQ(raw->insert(key, std::string("\x81\x01\xa1x", 4)), 0);
+    Error error;
+    EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
+    EXPECT_EQ(error.message(), std::string("deserialize store \"cache/res/") + kUrl +
+                                   "\" failed: map key is not a string at offset 1");
+    EXPECT_FALSE(cache().contains(key));
+    EXPECT_EQ(cache().totalSize(), 0);
+}
+
+TEST_F(CacheTest, BadCrcOfASixteenKilobyteBodyStillDrops) {
+    std::string body(size_t{16} * 1024, 'q');
+    body.replace(8000, 6, "marker");
+    mustWrite(kUrl, resourceOf(body));
+    flipStoredByte(std::string("res/") + kUrl, "marker");
+    Error error;
+    EXPECT_EQ(cache().read(kUrl, kOwner, error), nullptr);
+    EXPECT_EQ(error.code(), Errors::kFileRead);
+    // The flip turns "marker" into "marKer"; the message names the CRC of what was read.
+    std::string read = body;
+    read.replace(8000, 6, "marKer");
+    EXPECT_EQ(error.message(), std::string("read cache \"") + kUrl +
+                                   "\" failed: CRC &ul not equal to expected " +
+                                   std::to_string(FerritCore::Digest::crc32(read)) + "l");
+    EXPECT_FALSE(cache().contains(std::string("res/") + kUrl));
+    EXPECT_EQ(cache().totalSize(), 0);
+}
+
 TEST_F(CacheTest, LargeFileDeletedBehindTheCacheIsACleanMiss) {
     mustWrite(kUrl, resourceOf(std::string(Cache::kLargeThreshold + 1, 'd')));
     std::filesystem::remove(path("cache_large/" + md5Hex(kUrl)));

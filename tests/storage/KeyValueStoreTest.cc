@@ -111,6 +111,32 @@ TEST_F(KeyValueStoreTest, GetOfMissingKeySucceedsWithNothingFound) {
     EXPECT_TRUE(value.empty());
 }
 
+TEST_F(KeyValueStoreTest, VisitHandsOverTheStoredBytesOrNothing) {
+    auto store = openStore();
+    const std::string value("v\0\x01\xFE\xFF", 5);
+    ASSERT_EQ(store->insert("k", value), 0);
+    ASSERT_EQ(store->insert("empty", ""), 0);
+    std::string seen = "unset";
+    int calls = 0;
+    bool found = false;
+    auto reader = [&](std::string_view bytes) {
+        seen.assign(bytes);
+        ++calls;
+    };
+    EXPECT_EQ(store->visit("k", reader, found), 0);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(seen, value);
+    EXPECT_EQ(store->visit("empty", reader, found), 0);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(seen, "");
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(store->visit("nope", reader, found), 0);
+    EXPECT_FALSE(found);
+    EXPECT_EQ(calls, 2);
+    // The statement is reset after each visit: the store goes on working.
+    EXPECT_EQ(valueOf(*store, "k"), value);
+}
+
 TEST_F(KeyValueStoreTest, InsertReplacesTheValueOfAnExistingKey) {
     auto store = openStore();
     ASSERT_EQ(store->insert("k", "one"), 0);

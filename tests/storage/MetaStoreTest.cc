@@ -182,6 +182,32 @@ TEST_F(MetaStoreTest, PathIsTheFolderUnderTheRootWithoutTrailingSlash) {
     EXPECT_EQ(store_->tag(), "Ferrit/Meta");
 }
 
+TEST_F(MetaStoreTest, VisitAnswersInTheWordsOfGet) {
+    put("a", JSON("text"));
+    putRaw("bad", "\xc1");
+    std::string seen;
+    auto decode = [&](std::string_view bytes, std::string& reason) {
+        seen.assign(bytes);
+        if (bytes == "\xc1") reason = "refused";
+        return reason.empty();
+    };
+    EXPECT_FALSE(store_->visit("a", decode));
+    EXPECT_EQ(seen, JSON("text").toBinary());
+
+    const Error missing = store_->visit("none", decode);
+    EXPECT_EQ(missing.code(), store_->get("none").error().code());
+    EXPECT_EQ(missing.message(), store_->get("none").error().message());
+
+    const Error bad = store_->visit("bad", decode);
+    EXPECT_EQ(bad.code(), store_->get("bad").error().code());
+    EXPECT_EQ(bad.message(), "deserialize store \"meta/bad\" failed: refused");
+
+    store_->close();
+    const Error closed = store_->visit("a", decode);
+    EXPECT_EQ(closed.code(), store_->get("a").error().code());
+    EXPECT_EQ(closed.message(), store_->get("a").error().message());
+}
+
 TEST_F(MetaStoreTest, ClosedStoreAnswers9997WithStatusMinusOne) {
     put("k", JSON(1));
     store_->close();
