@@ -258,7 +258,7 @@ Error fileReadInvalidType(const Folder& file, const std::string& type) {
 
 Error nameLeavesFolder(std::string_view name) {
     return Error(kFileRead, "read file \"%.*s\" refused: the name leaves its folder",
-                 viewLength(name), name.data());
+                 viewLength(name), viewData(name));
 }
 
 Error storageRead(const std::string& storage, std::string_view key, int status) {

@@ -612,7 +612,9 @@ int OpenDirectory::heldCount() {
 }
 
 Error OpenDirectory::checkName(std::string_view relative) {
-    if (relative.empty() || relative.front() == '/' || climbsOut(relative))
+    // A NUL would end the name early at the system call: "..\0x" would open "..".
+    if (relative.empty() || relative.front() == '/' ||
+        relative.find('\0') != std::string_view::npos || climbsOut(relative))
         return Errors::nameLeavesFolder(relative);
     return Error();
 }

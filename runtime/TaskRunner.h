@@ -90,8 +90,8 @@ class TaskRunner {
     // Posts only when `holder` is 0, and stores the new task's id there with a compare-and-exchange
     // from 0, so that of many racing callers one posts. The holder goes back to 0 when the task
     // begins, and when it is cancelled or dropped without running, so that a later postTaskOnce
-    // posts again; a holder that has moved on to another id is left alone. The holder must outlive
-    // the task.
+    // posts again; one that has moved on to another id is left alone. The callable must not clear
+    // it (a later post's id may be there); it must outlive the task, a cancelled one's included.
     void postTaskOnce(std::atomic<TaskId>& holder, Callable callable, double delayMs);
     // Cancels the task with this id. A task still waiting to be taken up is removed at once; a
     // delayed one is removed when the worker reaches the cancellation, which it posts. A task that

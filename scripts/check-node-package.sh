@@ -25,6 +25,16 @@ mkdir "$work/app"
 (cd "$work/app" && npm init -y >/dev/null &&
   npm install --offline --no-audit --no-fund --silent "$tarball" 2>&1 | { grep -v 'Unknown user config' || true; })
 
+# Every system library the addon needs is named in the README's table, so that a user on a
+# machine without one learns which package to install.
+addon="$work/app/node_modules/ferritcore/ferritcore.node"
+for needed in $(readelf -d "$addon" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+  # The dynamic loader comes with the C library, and its name with the architecture.
+  [[ $needed == ld-linux* ]] && continue
+  grep -q "\`$needed\`" "$readme" ||
+    { echo "check-node-package: the addon needs $needed, which $readme does not name" >&2; exit 1; }
+done
+
 # The example as the README shows it: the first block fenced as ```js.
 awk '/^```js[[:space:]]*$/ { inside = 1; next } inside && /^```/ { exit } inside { print }' \
   "$readme" >"$work/app/host.js"

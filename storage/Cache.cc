@@ -125,6 +125,8 @@ JSON headersJSON(const HeaderMap& headers) {
 // where the stored bytes lie into `body`, and nothing else is built on the way. It reads what
 // building the document and taking its members would: the last of repeated members counts, "c"
 // must be a string, "r" and "t" read as lenient numbers, "m" and each header as lenient text.
+// Fed by parseBinaryEvents only: it keeps a header's name across calls, which that reader's views
+// of the stored bytes allow and the general events contract does not.
 class BodyReader final : public MarlLogger::json::JSONEvents {
   public:
     explicit BodyReader(CachedResource& out) : out_(out) {}

@@ -65,12 +65,7 @@ void HotCache::scheduleSave() {
     // A sub process reads what the main one writes.
     if (!Environment::instance().isMainProcess()) return;
     TaskRunner::postOnce(
-        saveTask_,
-        [this] {
-            saveTask_.store(0, std::memory_order_release);
-            save();
-        },
-        kSaveDelayMs);
+        saveTask_, [this] { save(); }, kSaveDelayMs);
 }
 
 void HotCache::save() {

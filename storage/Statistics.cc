@@ -123,6 +123,8 @@ MarlLogger::json::JSON storedValue(const PackStat& stat) {
 
 Table& rawTable() {
     static Table* const instance = ProcessState::create<Table>([](Table& t) {
+        // A write under way holds pointers to the entries that go here.
+        MutexLock writing(t.writeLock);
         {
             MutexLock guard(t.queue.lock);
             t.queue.entries.clear();
@@ -146,6 +148,8 @@ Table& table() {
 // Writes every queued entry in one transaction. A failure is ignored: memory stays right and the
 // next change writes again.
 void writeQueued(Table& t) EXCLUDES(t.lock) {
+    // Opened before the lock is taken: a first open reports through the proxy.
+    ConfigStore& store = ConfigStore::instance();
     MutexLock writing(t.writeLock);
     std::vector<Pending> taken;
     {
@@ -162,7 +166,7 @@ void writeQueued(Table& t) EXCLUDES(t.lock) {
     }
     if (values.empty()) return;
     if (WriteHook hook = writeHook.load(std::memory_order_acquire)) hook(values.size());
-    static_cast<void>(ConfigStore::instance().putAll(values));
+    static_cast<void>(store.putAll(values));
 }
 
 // At a reset the configuration store resets too, and before the table does: what waits is
@@ -346,33 +350,36 @@ void Statistics::decay() {
     std::vector<std::pair<std::string, MarlLogger::json::JSON>> values;
     std::vector<std::string> gone;
     Table& t = table();
-    // Held from the walk to the commit: no queued write can read values before the decay and land
-    // after it.
-    MutexLock writing(t.writeLock);
+    // Opened before any lock is taken: a first open reports through the proxy.
+    ConfigStore& configStore = ConfigStore::instance();
     {
-        MutexLock guard(t.lock);
-        for (const auto& [name, stat] : t.entries) {
-            const double prefetch = stat->prefetchCount.load(std::memory_order_relaxed);
-            if (prefetch > 0.0)
-                prefetched.push_back(
-                    {name, prefetch, stat->accessCount.load(std::memory_order_relaxed)});
-            // This write carries every change so far; one after the clearing queues again.
-            static_cast<void>(stat->dirty.exchange(false, std::memory_order_acq_rel));
-            decayCounter(stat->accessCount);
-            decayCounter(stat->prefetchCount);
-            if (stat->accessCount.load(std::memory_order_relaxed) <= 0.0 &&
-                stat->prefetchCount.load(std::memory_order_relaxed) <= 0.0) {
-                gone.push_back(kKeyPrefix + name);
-            } else {
-                values.emplace_back(kKeyPrefix + name, storedValue(*stat));
+        // Held from the walk to the commit: no queued write can read values before the decay and
+        // land after it.
+        MutexLock writing(t.writeLock);
+        {
+            MutexLock guard(t.lock);
+            for (const auto& [name, stat] : t.entries) {
+                const double prefetch = stat->prefetchCount.load(std::memory_order_relaxed);
+                if (prefetch > 0.0)
+                    prefetched.push_back(
+                        {name, prefetch, stat->accessCount.load(std::memory_order_relaxed)});
+                // This write carries every change so far; one after the clearing queues again.
+                static_cast<void>(stat->dirty.exchange(false, std::memory_order_acq_rel));
+                decayCounter(stat->accessCount);
+                decayCounter(stat->prefetchCount);
+                if (stat->accessCount.load(std::memory_order_relaxed) <= 0.0 &&
+                    stat->prefetchCount.load(std::memory_order_relaxed) <= 0.0) {
+                    gone.push_back(kKeyPrefix + name);
+                } else {
+                    values.emplace_back(kKeyPrefix + name, storedValue(*stat));
+                }
             }
         }
+        // As every write of these keys: a failure leaves memory right and the next change writes.
+        static_cast<void>(configStore.putAll(values));
+        for (const std::string& key : gone) configStore.remove(key);
     }
-    ConfigStore& configStore = ConfigStore::instance();
-    // As every write of these keys: a failure leaves memory right and the next change writes.
-    static_cast<void>(configStore.putAll(values));
-    for (const std::string& key : gone) configStore.remove(key);
-    // Sent after the walk: the proxy is never called with the lock held.
+    // Sent after the commit: the proxy is never called with a lock held.
     for (const Noted& noted : prefetched) {
         PerfRecord record("Ferrit.Prefetch");
         record.setDimension("packName", noted.name);

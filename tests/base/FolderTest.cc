@@ -565,6 +565,20 @@ TEST_F(FolderIOTest, OpenDirectoryRefusesNamesThatLeaveIt) {
     EXPECT_EQ(out, "inside");
 }
 
+TEST_F(FolderIOTest, OpenDirectoryRefusesNamesWithANulInside) {
+    writeDisk("o/a.js", "inside");
+    auto directory = OpenDirectory::open(root_.root() + "o");
+    ASSERT_NE(directory, nullptr);
+    // Cut at the NUL, these would name the folder above, or a file the list does not name.
+    for (const std::string& name : {std::string("..\0x", 4), std::string("a.js\0.png", 9)}) {
+        EXPECT_EQ(OpenDirectory::checkName(name).code(), Errors::kFileRead);
+        EXPECT_FALSE(directory->hasFile(name));
+        errno = 0;
+        EXPECT_EQ(directory->openFile(name), -1);
+        EXPECT_EQ(errno, EACCES);
+    }
+}
+
 // --- Layout -----------------------------------------------------------------------------------
 
 TEST_F(FolderIOTest, TempContentFromEarlierRunDoesNotSurviveInitFolders) {
