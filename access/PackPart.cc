@@ -207,12 +207,13 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
         if (record) {
             // An on-demand file is never there before its module is loaded. A file of a folder
             // that the index holds open is checked by opening it, and read from that open.
+            // The held folder's open refuses a name that would leave it; the name is checked
+            // here only when nothing opened, before a path is made of it (once on a hit).
             const OpenDirectory* directory = match->index->directory();
-            // A name that would leave the pack's folder is refused before anything opens it.
-            if (Error refused = OpenDirectory::checkName(record->path)) {
-                error = std::move(refused);
-            } else if (directory != nullptr) {
-                opened_ = HeldFile(directory->openFile(record->path));
+            if (directory != nullptr) opened_ = HeldFile(directory->openFile(record->path));
+            if (!opened_.isOpen()) {
+                if (Error refused = OpenDirectory::checkName(record->path))
+                    error = std::move(refused);
             }
             if (!error && !isOnDemand() && !opened_.isOpen() && !file().exists()) {
                 error = Errors::packFileNotFound(name, file());
