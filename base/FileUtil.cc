@@ -523,6 +523,25 @@ int FileUtil::syncDirectory(const std::string& path) {
     return noted(result, path);
 }
 
+FileUtil::FileSystemSync::FileSystemSync(const std::string& directory) {
+    const int opened = withRetry(directory, [&](const std::string& p) {
+        fd_ =
+            retryOnInterrupt([&] { return ::open(p.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+        return fd_ >= 0 ? 0 : lastError();
+    });
+    if (opened != 0) openError_ = noted(opened, directory);
+}
+
+FileUtil::FileSystemSync::~FileSystemSync() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+int FileUtil::FileSystemSync::sync() {
+    if (fd_ < 0) return openError_ != 0 ? openError_ : kNoStream;
+    step();
+    return retryOnInterrupt([&] { return calls->syncFileSystem(fd_); }) == 0 ? 0 : lastError();
+}
+
 FILE* FileUtil::Calls::openForWrite(const char* path, const char* mode) {
     return std::fopen(path, mode);
 }
@@ -561,6 +580,10 @@ int FileUtil::Calls::syncData(int fd) {
 
 int FileUtil::Calls::syncDirectory(int fd) {
     return ::fsync(fd);
+}
+
+int FileUtil::Calls::syncFileSystem(int fd) {
+    return ::syncfs(fd);
 }
 
 void FileUtil::setCalls(Calls* replacement) {
