@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -534,6 +535,27 @@ FileUtil::FileSystemSync::FileSystemSync(const std::string& directory) {
 
 FileUtil::FileSystemSync::~FileSystemSync() {
     if (fd_ >= 0) ::close(fd_);
+}
+
+namespace {
+
+// Whether this kernel's syncfs reports write-back failures (Linux 5.8 and later).
+bool syncfsReportsFailures() {
+    static const bool reports = [] {
+        struct utsname name;
+        if (::uname(&name) != 0) return false;
+        unsigned major = 0, minor = 0;
+        if (std::sscanf(name.release, "%u.%u", &major, &minor) != 2) return false;
+        constexpr unsigned kMajor = 5, kMinor = 8;
+        return major > kMajor || (major == kMajor && minor >= kMinor);
+    }();
+    return reports;
+}
+
+}  // namespace
+
+bool FileUtil::FileSystemSync::usable() const {
+    return fd_ >= 0 && syncfsReportsFailures();
 }
 
 int FileUtil::FileSystemSync::sync() {

@@ -121,10 +121,11 @@ class FileUtil {
 
     // One sync of a whole file system, for a run that writes many files there: every file's data
     // and every entry written on it, by this process or another, outlive a power cut once sync()
-    // returns, as if each file and directory had been synced (Linux's syncfs; one journal commit
-    // where a sync of each file costs one each). The directory is opened at construction, before
-    // the run's writes: syncfs reports the write-back failures met since its descriptor was
-    // opened, so a failure of a file written after that is never missed.
+    // returns, as if each file and directory had been synced (Linux's syncfs; typically one
+    // journal commit where a sync of each file costs one each). The directory is opened at
+    // construction, before the run's writes: syncfs reports the write-back failures met since its
+    // descriptor was opened, so a failure of a file written after that is never missed. It also
+    // reports another process's failures on that file system: a run that fails for one is retried.
     class FileSystemSync {
       public:
         // Opens `directory`, on the file system to sync; a failure is kept for sync().
@@ -132,6 +133,10 @@ class FileUtil {
         ~FileSystemSync();
         FileSystemSync(const FileSystemSync&) = delete;
         FileSystemSync& operator=(const FileSystemSync&) = delete;
+        // Whether sync() can stand for the syncs of each file: the directory is open and the
+        // kernel reports write-back failures through syncfs (Linux 5.8 on; before, syncfs
+        // answered 0 even when a file's pages could not be written).
+        bool usable() const;
         // 0, or the errno of the open or of the sync.
         int sync();
 

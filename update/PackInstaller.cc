@@ -277,7 +277,8 @@ Error PackInstaller::syncStaged(const Folder& directory) {
             }
         }
     }
-    if (files.size() >= kOneSyncFromFiles && fileSystem_) {
+    // A folder not held, or a kernel whose syncfs hides failures, takes the per-file way.
+    if (files.size() >= kOneSyncFromFiles && fileSystem_ && fileSystem_->usable()) {
         const int result = fileSystem_->sync();
         if (result != 0) return Errors::fileWrite(directory, result);
         return Error();

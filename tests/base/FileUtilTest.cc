@@ -413,6 +413,7 @@ TEST_F(FileUtilTest, FileSystemSyncGoesThroughTheInstalledCallsAndGivesErrnoResu
     CountingCalls calls;
     ScopedCalls scoped(&calls);
     FileUtil::FileSystemSync held(path("a/"));
+    EXPECT_TRUE(held.usable());  // the kernels this runs on report failures through syncfs
     EXPECT_EQ(held.sync(), 0);
     EXPECT_EQ(calls.fileSystemSyncs, 1);
     EXPECT_EQ(calls.dataSyncs, 0);
@@ -420,6 +421,7 @@ TEST_F(FileUtilTest, FileSystemSyncGoesThroughTheInstalledCallsAndGivesErrnoResu
     EXPECT_EQ(held.sync(), EIO);
     // A directory that cannot be opened gives its reason at the sync, which reaches no system call.
     FileUtil::FileSystemSync missing(path("missing/"));
+    EXPECT_FALSE(missing.usable());
     EXPECT_EQ(missing.sync(), ENOENT);
     FileUtil::FileSystemSync notADirectory(path("a/b.txt"));
     EXPECT_EQ(notADirectory.sync(), ENOTDIR);
