@@ -19,12 +19,14 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "base/FileUtil.h"
 #include "base/Folder.h"
 #include "ferritcore/Error.h"
 #include "support/ErrorOr.h"
@@ -36,6 +38,11 @@ class PackInstaller {
     // Files of the packed store are written this many at a time, each batch one transaction.
     static constexpr size_t kPackedBatchFiles = 64;
     static constexpr size_t kPackedBatchBytes = 4u << 20;
+    // From this many written files a Disk version is made durable by one sync of the file system
+    // rather than one of each file and directory: each of those is a journal commit of its own
+    // (about 3 ms here, so 2,000 files took 6 s where the one sync takes 20 ms). Below it, the
+    // per-file syncs cost less than one that also waits for whatever else the system has written.
+    static constexpr size_t kOneSyncFromFiles = 16;
 
     // `target` is the new version's folder (a Disk or Packed directory); `work` the run's own Disk
     // directory under "temp/", inside which a Disk version is staged as "new/".
@@ -101,13 +108,16 @@ class PackInstaller {
     // Writes the batched files of the packed store in one transaction; the batch is emptied
     // whether or not it was stored.
     Error flush();
-    // fdatasync of every file below a staged directory that this run wrote (not the links), then
-    // fsync of each directory after those below it, the directory itself last.
+    // Makes durable every file below a staged directory that this run wrote (not the links) and
+    // then each directory, after those below it, the directory itself last: one fdatasync and
+    // fsync each, or one sync of the file system from kOneSyncFromFiles files.
     Error syncStaged(const Folder& directory);
 
     Folder target_;
     Folder work_;
     Folder writeRoot_;
+    // The staging folder's file system, held from begin() (see FileUtil::FileSystemSync).
+    std::unique_ptr<FileUtil::FileSystemSync> fileSystem_;
     std::unordered_set<std::string> written_;
     std::unordered_set<std::string> madeDirectories_;
     // Files of `written_` that are links to the installed version's files.

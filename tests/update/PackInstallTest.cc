@@ -9,11 +9,13 @@
 #include "access/Reader.h"
 #include "access/UpdateRequester.h"
 #include "base/Errors.h"
+#include "base/FileUtil.h"
 #include "base/Url.h"
 #include "storage/Statistics.h"
 #include "storage/ZipFile.h"
 #include "tests/update/InstallFixture.h"
 #include "tools/pack/ZipWriter.h"
+#include "update/PackInstaller.h"
 #include "update/QueueRequester.h"
 
 namespace FerritTest {
@@ -107,6 +109,65 @@ TEST_F(PackInstallTest, FullInstallOfAnAppWritesItsFolder) {
     EXPECT_TRUE(onDisk("apps/app/1/app-res.hvc"));
     EXPECT_FALSE(onDisk("apps/app/1/app-res-incr.hvc"));
     expectServes(version1());
+    EXPECT_TRUE(tempLeft().empty());
+}
+
+// Counts the syncs that reach the system.
+class SyncCountingCalls : public FileUtil::Calls {
+  public:
+    int syncData(int fd) override {
+        ++dataSyncs;
+        return Calls::syncData(fd);
+    }
+    int syncDirectory(int fd) override {
+        ++directorySyncs;
+        return Calls::syncDirectory(fd);
+    }
+    int syncFileSystem(int fd) override {
+        ++fileSystemSyncs;
+        return Calls::syncFileSystem(fd);
+    }
+    int dataSyncs = 0, directorySyncs = 0, fileSystemSyncs = 0;
+};
+
+class ScopedCalls {
+  public:
+    explicit ScopedCalls(FileUtil::Calls* calls) { FileUtil::setCalls(calls); }
+    ~ScopedCalls() { FileUtil::setCalls(nullptr); }
+};
+
+TEST_F(PackInstallTest, AppOfFewFilesIsMadeDurableFileByFile) {
+    ASSERT_LT(version1().size() + 1, PackInstaller::kOneSyncFromFiles);
+    SyncCountingCalls calls;
+    {
+        ScopedCalls scoped(&calls);
+        installApp1();
+    }
+    EXPECT_EQ(calls.fileSystemSyncs, 0);
+    // Every file written (the pages and the signed list), and each directory of the version.
+    EXPECT_GE(calls.dataSyncs, static_cast<int>(version1().size()));
+    EXPECT_GE(calls.directorySyncs, 4);
+    expectServes(version1());
+}
+
+TEST_F(PackInstallTest, AppOfManyFilesIsMadeDurableByOneSyncOfTheFileSystem) {
+    PackFiles files;
+    for (size_t i = 0; i < PackInstaller::kOneSyncFromFiles; ++i)
+        files["js/part" + std::to_string(i) + ".js"] =
+            "export const part = " + std::to_string(i) + ";";
+    put({record("app", kPackTypeACache, 1, 1, kPriorityAutoInstall)});
+    serveFull("app", 1, zipOf(files), kAppZipPrefix);
+    SyncCountingCalls calls;
+    Error error;
+    {
+        ScopedCalls scoped(&calls);
+        error = update("app", kTriggerTimer);
+    }
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(calls.fileSystemSyncs, 1);
+    EXPECT_EQ(calls.dataSyncs, 0);
+    ASSERT_EQ(find("app")->installedSeq, 1u);
+    expectServes(files);
     EXPECT_TRUE(tempLeft().empty());
 }
 
