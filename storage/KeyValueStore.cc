@@ -216,7 +216,9 @@ struct KeyValueStore::Statements {
             {&insert, s ? "INSERT INTO kv(k, v, c) VALUES(?1, ?2, NULL) "
                           "ON CONFLICT(k) DO UPDATE SET v = excluded.v, c = NULL"
                         : "INSERT OR REPLACE INTO kv(k, v) VALUES(?1, ?2)"},
-            {&insertContent, s ? "INSERT OR IGNORE INTO content(h, v) VALUES(?1, ?2)" : nullptr},
+            {&insertContent, s ? "INSERT INTO content(h, v) VALUES(?1, ?2) "
+                                 "ON CONFLICT(h) DO UPDATE SET v = excluded.v"
+                               : nullptr},
             {&insertNaming, s ? "INSERT INTO kv(k, v, c) VALUES(?1, x'', ?2) "
                                 "ON CONFLICT(k) DO UPDATE SET v = x'', c = excluded.c"
                               : nullptr},
@@ -671,8 +673,10 @@ int KeyValueStore::insertChecked(const CheckedValue& entry) {
         return rc == SQLITE_OK ? runToEnd(statement) : rc;
     }
     if (!isContentName(entry.md5)) return SQLITE_MISUSE;
-    // Content that some version holds already under this MD5 is the same bytes: not written
-    // again.
+    // Bytes just checked are written even when the MD5 is there already: they are the same
+    // bytes for every version that names them, and a reinstall thereby rewrites whatever the
+    // store held, as it did when each version had its own. What is shared is never copied:
+    // an increment's unchanged files are not written at all.
     {
         sqlite3_stmt* statement = statements_->insertContent;
         ResetOnExit reset(statement);

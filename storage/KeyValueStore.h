@@ -159,9 +159,10 @@ class KeyValueStore {
         std::string_view value;
         std::string_view md5;
     };
-    // As insertAll. In a store with shared content a value with an MD5 is kept once under it:
-    // the key names it, and bytes already there under that MD5 are not written again (they are
-    // the same bytes: the caller checked them). SQLITE_MISUSE for an MD5 that is not one.
+    // As insertAll. In a store with shared content a value with an MD5 is kept once under it
+    // and the key names it; bytes already there under that MD5 are replaced by these, which
+    // the caller checked, and every key naming them reads them. SQLITE_MISUSE for an MD5 that
+    // is not one.
     int insertAllChecked(const std::vector<CheckedValue>& entries);
     // In one transaction: for every key that starts with `from`, inserts its value under the key
     // with `to` in place of that prefix, unless a value is there already or `skip` holds the rest

@@ -150,15 +150,35 @@ TEST_F(SharedContentTest, ReplacingAValueReleasesItsContent) {
     EXPECT_EQ(orphans(), "0");
 }
 
+// Bytes checked anew replace what the store held under their MD5, for every key that names it:
+// a reinstall mends what went wrong with the stored bytes, as it did when each version had its
+// own.
+TEST_F(SharedContentTest, CheckedBytesReplaceWhatWasStoredUnderTheirMd5) {
+    installFirst();
+    uint64_t bytes = 0;
+    ASSERT_EQ(store_->copyPrefix("p/1/", "p/2/", {}, bytes), 0);
+    store_.reset();
+    static_cast<void>(rawQuery(file(), "UPDATE content SET v = x'00' WHERE h = CAST('" + md5B_ +
+                                           "' AS BLOB) RETURNING 1"));
+    ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &store_), 0);
+    ASSERT_EQ(valueOf("p/1/b.css"), std::string(1, '\0'));
+    ASSERT_EQ(store_->insertAllChecked({{"p/3/b.css", b_, md5B_}}), 0);
+    EXPECT_EQ(valueOf("p/1/b.css"), b_);
+    EXPECT_EQ(valueOf("p/2/b.css"), b_);
+    EXPECT_EQ(contents(), "3");
+}
+
 TEST_F(SharedContentTest, NoRowNamesContentThatIsNotThere) {
     installFirst();
     // Not through the store: the database itself refuses it, whoever writes.
     const std::string missing = Digest::md5Hex("never stored");
-    EXPECT_EQ(rawQuery(file(),
-                       "INSERT INTO kv(k, v, c) VALUES(x'70', x'', '" + missing + "') RETURNING 1"),
+    EXPECT_EQ(rawQuery(file(), "INSERT INTO kv(k, v, c) VALUES(x'70', x'', CAST('" + missing +
+                                   "' AS BLOB)) RETURNING 1"),
               "");
-    EXPECT_EQ(rawQuery(file(), "UPDATE kv SET c = '" + missing + "' RETURNING 1"), "");
-    EXPECT_EQ(rawQuery(file(), "SELECT count(*) FROM kv WHERE c = '" + missing + "'"), "0");
+    EXPECT_EQ(rawQuery(file(), "UPDATE kv SET c = CAST('" + missing + "' AS BLOB) RETURNING 1"),
+              "");
+    EXPECT_EQ(rawQuery(file(), "SELECT count(*) FROM kv WHERE c = CAST('" + missing + "' AS BLOB)"),
+              "0");
     EXPECT_EQ(valueOf("p/1/b.css"), b_);
     // What is not an MD5 is no name for content: nothing of the batch is stored.
     EXPECT_EQ(store_->insertAllChecked({{"p/3/x", "x", Digest::md5Hex("x")}, {"p/3/y", "y", "Y"}}),
