@@ -181,6 +181,7 @@ KeyValueStore& packedFiles(int64_t shared) {
         md5s.push_back(Digest::md5Hex(values.back()));
     }
     std::vector<KeyValueStore::CheckedValue> entries;
+    entries.reserve(kKeys);
     for (int i = 0; i < kKeys; ++i) entries.push_back({keys[i], values[i], md5s[i]});
     if (store->insertAllChecked(entries) != 0 || store->compact() != 0) std::abort();
     stores[shared] = store.release();
@@ -190,6 +191,7 @@ KeyValueStore& packedFiles(int64_t shared) {
 void BM_PackedFileGet(benchmark::State& state) {
     KeyValueStore& store = packedFiles(state.range(0));
     std::vector<std::string> keys;
+    keys.reserve(kKeys);
     for (int i = 0; i < kKeys; ++i) keys.push_back("shop/1/res/js/" + std::to_string(i) + ".js");
     std::string out;
     size_t i = 0;
