@@ -463,10 +463,12 @@ namespace {
 // that keep the two tables consistent whatever statement changes a row: a row cannot name a
 // content that is not there, and a content goes with the last row that names it, in the same
 // transaction. Adding a column rewrites no row: an existing row keeps its bytes and reads as it
-// did.
+// did. The content table keeps its rowid: a WITHOUT ROWID table holds a file's bytes in its key's
+// B-tree, whose small cells spill a 16 KiB value over many more pages (a read took 10 us, 3.5 us
+// in a rowid table).
 constexpr const char* kShareContentSql =
     "ALTER TABLE kv ADD COLUMN c BLOB;"
-    "CREATE TABLE content(h BLOB PRIMARY KEY NOT NULL, v BLOB NOT NULL) WITHOUT ROWID;"
+    "CREATE TABLE content(h BLOB PRIMARY KEY NOT NULL, v BLOB NOT NULL);"
     "CREATE INDEX kv_content ON kv(c) WHERE c IS NOT NULL;"
     "CREATE TRIGGER kv_names BEFORE INSERT ON kv WHEN new.c IS NOT NULL AND NOT EXISTS "
     "(SELECT 1 FROM content WHERE h = new.c) BEGIN SELECT RAISE(ABORT, 'no such content'); END;"
