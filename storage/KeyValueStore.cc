@@ -199,8 +199,17 @@ struct KeyValueStore::Statements {
         }
     }
 
-    int prepare(sqlite3* db, bool sharedContent) {
+    // `previousFormat`: the format a read-only handle reads a store in as it is, 0 for the
+    // store's own.
+    int prepare(sqlite3* db, bool sharedContent, int previousFormat = 0) {
         shared = sharedContent;
+        // A handle reading the previous format keeps reading after another process migrated the
+        // store, where a row naming a content holds no bytes of its own: its get then misses,
+        // as a file that is not there, rather than serve an empty body as the file. The version
+        // is one read of the header the statement already holds.
+        const std::string previousGet =
+            "SELECT v FROM kv WHERE k = ?1 AND (SELECT user_version FROM pragma_user_version) = " +
+            std::to_string(previousFormat);
         // With shared content a row holds its bytes (c NULL) or names a content (v empty); a
         // read is still one statement. The upserts update a row in place rather than replace
         // it, so that the triggers that free a content no row names any more see the change.
@@ -211,7 +220,8 @@ struct KeyValueStore::Statements {
         } all[] = {
             {&get, s ? "SELECT coalesce(content.v, kv.v) FROM kv LEFT JOIN content "
                        "ON content.h = kv.c WHERE kv.k = ?1"
-                     : "SELECT v FROM kv WHERE k = ?1"},
+                   : previousFormat != 0 ? previousGet.c_str()
+                                         : "SELECT v FROM kv WHERE k = ?1"},
             {&contains, "SELECT 1 FROM kv WHERE k = ?1"},
             {&insert, s ? "INSERT INTO kv(k, v, c) VALUES(?1, ?2, NULL) "
                           "ON CONFLICT(k) DO UPDATE SET v = excluded.v, c = NULL"
@@ -523,7 +533,8 @@ int KeyValueStore::configureReadOnly(const Options& options) {
     const bool previous = options.sharedContent && version == std::to_string(options.migratesFrom);
     if (version != std::to_string(options.formatVersion) && !previous) return SQLITE_FORMAT;
     MutexLock lock(mutex_);
-    return statements_->prepare(db_, options.sharedContent && !previous);
+    return statements_->prepare(db_, options.sharedContent && !previous,
+                                previous ? options.migratesFrom : 0);
 }
 
 int KeyValueStore::remove(const std::string& path) {
@@ -652,6 +663,14 @@ bool isContentName(std::string_view md5) {
     return true;
 }
 
+// What a key's shared content is scoped to: the key up to and including its first "/" (a pack's
+// name, not its version), or nothing for a key without one.
+std::string_view scopeOf(std::string_view key) {
+    const size_t slash = key.find('/');
+    return slash == std::string_view::npos || slash == 0 ? std::string_view()
+                                                         : key.substr(0, slash + 1);
+}
+
 // A blob column where the statement holds it; false when SQLite could not give its bytes.
 bool columnBlob(sqlite3_stmt* statement, int column, std::string_view& bytes) {
     // column_blob before column_bytes: the documented order that never converts the value.
@@ -675,14 +694,22 @@ int KeyValueStore::insertChecked(const CheckedValue& entry) {
         return rc == SQLITE_OK ? runToEnd(statement) : rc;
     }
     if (!isContentName(entry.md5)) return SQLITE_MISUSE;
-    // Bytes just checked are written even when the MD5 is there already: they are the same
+    const std::string_view scope = scopeOf(entry.key);
+    if (scope.empty()) return SQLITE_MISUSE;
+    // The content is named by the key's first segment and the MD5, never the MD5 alone: a pack
+    // whose publisher ships an MD5-colliding twin of another pack's file overwrites only what
+    // its own versions read.
+    std::string name;
+    name.reserve(scope.size() + entry.md5.size());
+    name.append(scope).append(entry.md5);
+    // Bytes just checked are written even when the name is there already: they are the same
     // bytes for every version that names them, and a reinstall thereby rewrites whatever the
     // store held, as it did when each version had its own. What is shared is never copied:
     // an increment's unchanged files are not written at all.
     {
         sqlite3_stmt* statement = statements_->insertContent;
         ResetOnExit reset(statement);
-        int rc = bindBlob(statement, 1, entry.md5);
+        int rc = bindBlob(statement, 1, name);
         if (rc == SQLITE_OK) rc = bindBlob(statement, 2, entry.value);
         if (rc == SQLITE_OK) rc = runToEnd(statement);
         if (rc != SQLITE_OK) return rc;
@@ -690,7 +717,7 @@ int KeyValueStore::insertChecked(const CheckedValue& entry) {
     sqlite3_stmt* statement = statements_->insertNaming;
     ResetOnExit reset(statement);
     int rc = bindBlob(statement, 1, entry.key);
-    if (rc == SQLITE_OK) rc = bindBlob(statement, 2, entry.md5);
+    if (rc == SQLITE_OK) rc = bindBlob(statement, 2, name);
     return rc == SQLITE_OK ? runToEnd(statement) : rc;
 }
 
@@ -738,6 +765,9 @@ int KeyValueStore::copyPrefix(std::string_view from, std::string_view to,
         // are. A row that holds its bytes is copied whole. Both are bound where the walk holds
         // them: valid until the walk steps again, and the insert is done by then.
         const bool named = sqlite3_column_type(rows, 2) != SQLITE_NULL;
+        // A copy names the content the row named: only within its scope, so that no key names a
+        // content that another scope's writes can replace.
+        if (named && scopeOf(oldKey) != scopeOf(key)) return SQLITE_MISUSE;
         ResetOnExit resetInsert(insert);
         rc = bindBlob(insert, 1, key);
         if (rc == SQLITE_OK) rc = bindBlob(insert, 2, value);

@@ -74,9 +74,10 @@ class KeyValueStore {
         int64_t mmapBytes = 0;
         // Milliseconds to wait for another process's lock before an operation reports busy.
         int busyTimeoutMs = 5000;
-        // Values given with the MD5 their bytes were checked against are stored once under that
-        // MD5, and every key that has them names them there (see insertAllChecked): what lets
-        // two versions of a pack share their unchanged files. A store of format `migratesFrom`
+        // Values given with the MD5 their bytes were checked against are stored once under the
+        // key's first segment and that MD5, and every key of that segment that has them names
+        // them there (see insertAllChecked): what lets two versions of a pack share their
+        // unchanged files, and no pack reach another's. A store of format `migratesFrom`
         // gains it at open, in one transaction.
         bool sharedContent = false;
         uint16_t migratesFrom = 0;
@@ -159,16 +160,18 @@ class KeyValueStore {
         std::string_view value;
         std::string_view md5;
     };
-    // As insertAll. In a store with shared content a value with an MD5 is kept once under it
-    // and the key names it; bytes already there under that MD5 are replaced by these, which
-    // the caller checked, and every key naming them reads them. SQLITE_MISUSE for an MD5 that
-    // is not one.
+    // As insertAll. In a store with shared content a value with an MD5 is kept once under the
+    // key's scope (its part up to and including the first "/") and the MD5, and the key names
+    // it; bytes already there under that name are replaced by these, which the caller checked,
+    // and every key naming them reads them. SQLITE_MISUSE for an MD5 that is not one, or a key
+    // with no scope.
     int insertAllChecked(const std::vector<CheckedValue>& entries);
     // In one transaction: for every key that starts with `from`, inserts its value under the key
     // with `to` in place of that prefix, unless a value is there already or `skip` holds the rest
     // of the key (what follows the prefix). `bytes` receives the total length of the values
     // copied. The prefixes must not overlap. On failure nothing is copied. A key that names a
-    // shared content is copied as a new name of the same content, not its bytes.
+    // shared content is copied as a new name of the same content, not its bytes, and only to a key
+    // of the same scope (see insertAllChecked): SQLITE_MISUSE otherwise.
     int copyPrefix(std::string_view from, std::string_view to,
                    const std::unordered_set<std::string>& skip, uint64_t& bytes);
     // Deleting a missing key is success.

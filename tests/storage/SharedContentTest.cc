@@ -75,13 +75,13 @@ class SharedContentTest : public FerritTest::StoreFixture {
 
 TEST_F(SharedContentTest, CheckedValuesReadBackAndAreStoredOnce) {
     installFirst();
-    // Another key with the same bytes names the same content.
-    ASSERT_EQ(store_->insertAllChecked({{"q/7/copy.js", a_, md5A_}}), 0);
+    // Another key of the pack with the same bytes names the same content.
+    ASSERT_EQ(store_->insertAllChecked({{"p/7/copy.js", a_, md5A_}}), 0);
     EXPECT_EQ(valueOf("p/1/a.js"), a_);
     EXPECT_EQ(valueOf("p/1/b.css"), b_);
     EXPECT_EQ(valueOf("p/1/c.png"), c_);
     EXPECT_EQ(valueOf("p/1/list"), "the list");
-    EXPECT_EQ(valueOf("q/7/copy.js"), a_);
+    EXPECT_EQ(valueOf("p/7/copy.js"), a_);
     EXPECT_EQ(contents(), "3");
     // The rows themselves hold no bytes of a shared content.
     EXPECT_EQ(rawQuery(file(), "SELECT sum(length(v)) FROM kv WHERE c IS NOT NULL"), "0");
@@ -100,7 +100,8 @@ TEST_F(SharedContentTest, CopyBetweenVersionsNamesTheSameContent) {
     // The sizes of what the new version now has, the shared bytes included.
     EXPECT_EQ(bytes, a_.size() + std::string("the list").size());
     EXPECT_EQ(contents(), "4");
-    EXPECT_EQ(rawQuery(file(), "SELECT c FROM kv WHERE k = CAST('p/2/a.js' AS BLOB)"), md5A_);
+    EXPECT_EQ(rawQuery(file(), "SELECT c FROM kv WHERE k = CAST('p/2/a.js' AS BLOB)"),
+              "p/" + md5A_);
     // 40 KB of shared bytes would take three pages more had they been copied.
     store_.reset();
     EXPECT_EQ(rawQuery(file(), "PRAGMA page_count"), pagesBefore);
@@ -158,7 +159,7 @@ TEST_F(SharedContentTest, CheckedBytesReplaceWhatWasStoredUnderTheirMd5) {
     uint64_t bytes = 0;
     ASSERT_EQ(store_->copyPrefix("p/1/", "p/2/", {}, bytes), 0);
     store_.reset();
-    static_cast<void>(rawQuery(file(), "UPDATE content SET v = x'00' WHERE h = CAST('" + md5B_ +
+    static_cast<void>(rawQuery(file(), "UPDATE content SET v = x'00' WHERE h = CAST('p/" + md5B_ +
                                            "' AS BLOB) RETURNING 1"));
     ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &store_), 0);
     ASSERT_EQ(valueOf("p/1/b.css"), std::string(1, '\0'));
@@ -185,6 +186,35 @@ TEST_F(SharedContentTest, NoRowNamesContentThatIsNotThere) {
               SQLITE_MISUSE);
     EXPECT_EQ(valueOf("p/3/x"), "<missing>");
     EXPECT_EQ(contents(), "3");
+}
+
+// Content is named by its pack and its MD5: a pack whose publisher ships an MD5-colliding twin
+// of another pack's file (here: other bytes given under the same MD5) replaces only what its own
+// versions read.
+TEST_F(SharedContentTest, PacksWithOneMd5EachServeTheirOwnBytes) {
+    installFirst();
+    const std::string twin = "bytes another publisher claims have the MD5 of a.js";
+    ASSERT_EQ(store_->insertAllChecked({{"q/1/a.js", twin, md5A_}}), 0);
+    EXPECT_EQ(valueOf("p/1/a.js"), a_);
+    EXPECT_EQ(valueOf("q/1/a.js"), twin);
+    EXPECT_EQ(contents(), "4");
+    // Either order: the first pack's writes do not reach the second's bytes either.
+    ASSERT_EQ(store_->insertAllChecked({{"p/2/a.js", a_, md5A_}}), 0);
+    EXPECT_EQ(valueOf("q/1/a.js"), twin);
+    // A copy would carry a name of one pack's content into another: refused, nothing copied.
+    uint64_t bytes = 0;
+    EXPECT_EQ(store_->copyPrefix("p/1/", "q/2/", {}, bytes), SQLITE_MISUSE);
+    EXPECT_EQ(valueOf("q/2/a.js"), "<missing>");
+    // A key without a pack has nothing to scope a content to.
+    EXPECT_EQ(store_->insertAllChecked({{"loose", a_, md5A_}}), SQLITE_MISUSE);
+    // Removing one pack leaves the other's bytes.
+    const KeyRange q = prefixRange("q/");
+    ASSERT_EQ(store_->eraseRange(q.begin(), q.end()), 0);
+    EXPECT_EQ(valueOf("q/1/a.js"), "<missing>");
+    EXPECT_EQ(valueOf("p/1/a.js"), a_);
+    EXPECT_EQ(valueOf("p/2/a.js"), a_);
+    EXPECT_EQ(contents(), "3");
+    EXPECT_EQ(orphans(), "0");
 }
 
 // A store written in the earlier format: every value reads back the same after the migration, and
@@ -226,6 +256,53 @@ TEST_F(SharedContentTest, StoreOfThePreviousFormatMigratesAtOpen) {
     std::unique_ptr<KeyValueStore> older;
     store_.reset();
     EXPECT_EQ(KeyValueStore::open(folder(), previousFormat(), &older), SQLITE_FORMAT);
+}
+
+// A handle that opened the store read-only in the previous format keeps its statements when
+// another process migrates the store and installs: a row that now names its bytes elsewhere is a
+// miss for it, never an empty body.
+TEST_F(SharedContentTest, StaleReaderOfThePreviousFormatMissesAfterTheMigration) {
+    store_.reset();
+    ASSERT_TRUE(KeyValueStore::remove(folder()) == 0);
+    {
+        std::unique_ptr<KeyValueStore> old;
+        ASSERT_EQ(KeyValueStore::open(folder(), previousFormat(), &old), 0);
+        ASSERT_EQ(old->insert("p/1/list", "the list"), 0);
+    }
+    std::unique_ptr<KeyValueStore> reader;
+    ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &reader,
+                                  KeyValueStore::Access::ReadOnly),
+              0);
+    std::string value;
+    bool found = false;
+    ASSERT_EQ(reader->get("p/1/list", value, found), 0);
+    ASSERT_TRUE(found);
+    ASSERT_EQ(value, "the list");
+
+    ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &store_), 0);
+    ASSERT_EQ(rawQuery(file(), "PRAGMA user_version"), "3");
+    ASSERT_EQ(store_->insertAllChecked({{"p/2/a.js", a_, md5A_}}), 0);
+    ASSERT_EQ(rawQuery(file(), "SELECT length(v) FROM kv WHERE k = CAST('p/2/a.js' AS BLOB)"), "0");
+
+    value = "stale";
+    found = true;
+    EXPECT_EQ(reader->get("p/2/a.js", value, found), 0);
+    EXPECT_FALSE(found);
+    EXPECT_EQ(value, "");
+    bool visited = false;
+    EXPECT_EQ(reader->visit(
+                  "p/2/a.js", [&](std::string_view) { visited = true; }, found),
+              0);
+    EXPECT_FALSE(found);
+    EXPECT_FALSE(visited);
+    // A new handle reads the migrated store in its own format.
+    std::unique_ptr<KeyValueStore> fresh;
+    ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &fresh,
+                                  KeyValueStore::Access::ReadOnly),
+              0);
+    ASSERT_EQ(fresh->get("p/2/a.js", value, found), 0);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(value, a_);
 }
 
 // ---- A kill at every write of the migration ---------------------------------------------------

@@ -158,7 +158,7 @@ TEST_F(PackInstallTest, IncrementalInstallSharesTheUnchangedFilesBytes) {
     const auto query = [&](const std::string& sql) { return FerritTest::rawQuery(database, sql); };
     const std::string orphans =
         "SELECT count(*) FROM content WHERE NOT EXISTS (SELECT 1 FROM kv WHERE kv.c = content.h)";
-    // Every file of version 1 under its checked MD5; the list holds its bytes itself.
+    // Every file of version 1 under the pack and its checked MD5; the list holds its bytes itself.
     EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version1().size()));
     const std::string increment = incrementOf(version1(), version2());
     configure("shop", 2, 1, "", Digest::md5Hex(increment));
@@ -169,7 +169,8 @@ TEST_F(PackInstallTest, IncrementalInstallSharesTheUnchangedFilesBytes) {
     // Two files more (the changed page and the new script), and the unchanged ones the same rows.
     EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version1().size() + 2));
     EXPECT_EQ(query("SELECT c FROM kv WHERE k = CAST('shop/2/res/js/app.js' AS BLOB)"),
-              Digest::md5Hex(version1().at("js/app.js")));
+              "shop/" + Digest::md5Hex(version1().at("js/app.js")))
+        << "named by the pack and the MD5, so no other pack reaches it";
     EXPECT_EQ(query("SELECT count(*) FROM kv WHERE k >= CAST('shop/2/res/' AS BLOB) AND "
                     "k < CAST('shop/2/res0' AS BLOB) AND c IS NULL"),
               "0")
