@@ -81,13 +81,13 @@ Error PackInstaller::appendFile(std::string_view piece) {
     return Error();
 }
 
-Error PackInstaller::endFile() {
+Error PackInstaller::endFile(std::string_view checkedMd5) {
     if (!streaming_) return Errors::fileWrite(writeRoot_.childOf(streamPath_), EBADF);
     streaming_ = false;
     if (isPacked()) {
         std::string content = std::move(streamBytes_);
         streamBytes_.clear();
-        return writeFile(streamPath_, content);
+        return writeFile(streamPath_, content, checkedMd5);
     }
     FILE* file = streamFile_;
     streamFile_ = nullptr;
@@ -148,10 +148,11 @@ Error PackInstaller::makeDirectory(const std::string& path) {
     return ensureParents(directory.childOf("x"));
 }
 
-Error PackInstaller::writeFile(const std::string& path, std::string_view content) {
+Error PackInstaller::writeFile(const std::string& path, std::string_view content,
+                               std::string_view checkedMd5) {
     const Folder file = writeRoot_.childOf(path);
     if (isPacked()) {
-        batch_.emplace_back(file.relative(), std::string(content));
+        batch_.push_back({file.relative(), std::string(content), std::string(checkedMd5)});
         batchBytes_ += content.size();
         written_.insert(path);
         if (batch_.size() >= kPackedBatchFiles || batchBytes_ >= kPackedBatchBytes) return flush();
@@ -171,7 +172,7 @@ Error PackInstaller::flush() {
     std::shared_ptr<PackedFiles> store = PackedFiles::current();
     if (!store) return Errors::packedStoreNotOpen();
     Error error;
-    static_cast<void>(store->putAll(batch_, error));
+    static_cast<void>(store->putChecked(batch_, error));
     batch_.clear();
     batchBytes_ = 0;
     return error;

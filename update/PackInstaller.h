@@ -28,6 +28,7 @@
 
 #include "base/FileUtil.h"
 #include "base/Folder.h"
+#include "base/PackedFiles.h"
 #include "ferritcore/Error.h"
 #include "support/ErrorOr.h"
 
@@ -67,8 +68,11 @@ class PackInstaller {
     // `path` is relative to the version folder ("res/a/b.js", "res/a/"). A directory is made
     // (Disk) or ignored (Packed); a file is written whole. No error, or 1104 (or the store's
     // error).
+    // `checkedMd5`: the MD5 (lower-case hexadecimal) that the content was checked against, or
+    // empty; with one, the packed store keeps the bytes once for every version that has them.
     Error makeDirectory(const std::string& path);
-    Error writeFile(const std::string& path, std::string_view content);
+    Error writeFile(const std::string& path, std::string_view content,
+                    std::string_view checkedMd5 = {});
     // A file in pieces, so that a large one is never whole in memory: beginFile, appendFile for
     // each piece, endFile. A Disk file is written as the pieces come; a file of the packed store,
     // whose value is one row, is gathered and written at its end. A file given up half way
@@ -76,7 +80,7 @@ class PackInstaller {
     // end with no file begun (or after one failed) is 1104.
     Error beginFile(const std::string& path);
     Error appendFile(std::string_view piece);
-    Error endFile();
+    Error endFile(std::string_view checkedMd5 = {});
     void abandonFile();
     // Whether this run has written `path`.
     bool wrote(const std::string& path) const { return written_.count(path) != 0; }
@@ -122,8 +126,8 @@ class PackInstaller {
     std::unordered_set<std::string> madeDirectories_;
     // Files of `written_` that are links to the installed version's files.
     std::unordered_set<std::string> linked_;
-    // Files of the packed store waiting for their batch: key, content.
-    std::vector<std::pair<std::string, std::string>> batch_;
+    // Files of the packed store waiting for their batch: key, content, checked MD5.
+    std::vector<CheckedFile> batch_;
     size_t batchBytes_ = 0;
     // The file being streamed: its path relative to the version folder, and its open stream
     // (Disk) or the bytes gathered so far (packed store).

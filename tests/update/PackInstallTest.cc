@@ -11,8 +11,10 @@
 #include "base/Errors.h"
 #include "base/FileUtil.h"
 #include "base/Url.h"
+#include "storage/KeyValueStore.h"
 #include "storage/Statistics.h"
 #include "storage/ZipFile.h"
+#include "tests/storage/StoreFixture.h"
 #include "tests/update/InstallFixture.h"
 #include "tools/pack/ZipWriter.h"
 #include "update/PackInstaller.h"
@@ -206,6 +208,41 @@ TEST_F(PackInstallTest, IncrementalInstallWithTheSameBaseSeqCopiesTheUnchangedFi
     settle();
     EXPECT_TRUE(packedKeys("shop/1/").empty());
     EXPECT_TRUE(tempLeft().empty());
+}
+
+// The unchanged files of an increment name the bytes that version 1 stored: none is written
+// again. Once version 1 goes, its files' bytes that version 2 still has stay, the rest go with it;
+// once version 2 goes too, nothing is left.
+TEST_F(PackInstallTest, IncrementalInstallSharesTheUnchangedFilesBytes) {
+    installShop1();
+    const std::string database = temp_.root() + "packs/" + KeyValueStore::kFileName;
+    const auto query = [&](const std::string& sql) { return FerritTest::rawQuery(database, sql); };
+    const std::string orphans =
+        "SELECT count(*) FROM content WHERE NOT EXISTS (SELECT 1 FROM kv WHERE kv.c = content.h)";
+    // Every file of version 1 under the pack and its checked MD5; the list holds its bytes itself.
+    EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version1().size()));
+    const std::string increment = incrementOf(version1(), version2());
+    configure("shop", 2, 1, "", Digest::md5Hex(increment));
+    serveIncrement("shop", 2, increment);
+    const Error error = update("shop", kTriggerTimer);
+    ASSERT_FALSE(error) << error.message();
+    expectServes(version2());
+    // Two files more (the changed page and the new script), and the unchanged ones the same rows.
+    EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version1().size() + 2));
+    EXPECT_EQ(query("SELECT c FROM kv WHERE k = CAST('shop/2/res/js/app.js' AS BLOB)"),
+              "shop/" + Digest::md5Hex(version1().at("js/app.js")))
+        << "named by the pack and the MD5, so no other pack reaches it";
+    EXPECT_EQ(query("SELECT count(*) FROM kv WHERE k >= CAST('shop/2/res/' AS BLOB) AND "
+                    "k < CAST('shop/2/res0' AS BLOB) AND c IS NULL"),
+              "0")
+        << "every file of version 2 names its bytes";
+    settle();
+    ASSERT_TRUE(packedKeys("shop/1/").empty());
+    expectServes(version2());
+    EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version2().size()));
+    EXPECT_EQ(query(orphans), "0");
+    PackedFiles::current()->removeByPrefix("shop/2/");
+    EXPECT_EQ(query("SELECT count(*) FROM content"), "0");
 }
 
 TEST_F(PackInstallTest, IncrementalInstallOnTheDiskLinksTheUnchangedFiles) {
