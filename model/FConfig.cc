@@ -420,7 +420,7 @@ void FConfig::mergePack(PackPtr p) {
     const bool supported = p->status == kPackStatusDeleted ? false : p->isSupported();
     // The slot found here is the one a taken record goes to: one lookup of the name, not two.
     const auto slot = packs.find(p->name);
-    if (slot == packs.end()) {
+    if (slot == packs.end() || !slot->second) {
         if (supported) put(std::move(p));
         return;
     }
