@@ -10,13 +10,6 @@
 // only, and RapidJSON is compiled into a namespace of our own that only this header opens, so
 // that the linker never mixes these copies with ones another file built with the check.
 #define RAPIDJSON_NAMESPACE ferritJsonRapid
-// Every x86-64 processor has SSE2: with it the in-place reader passes over the bytes of a string
-// sixteen at a time instead of one by one, which is most of reading a large configuration. Its
-// aligned loads may reach up to 15 bytes past the terminating NUL, so a text read in place is
-// given that much padding (JSON::parseEvents).
-#if defined(__SSE2__) && !defined(RAPIDJSON_SSE2)
-#define RAPIDJSON_SSE2
-#endif
 #define RAPIDJSON_NAMESPACE_BEGIN namespace ferritJsonRapid {
 #define RAPIDJSON_NAMESPACE_END }
 #if defined(__clang__)

@@ -303,12 +303,7 @@ bool JSON::parseEvents(std::string_view text, JSONEvents& events, std::string* e
     // Read in place from a copy: a string or number then reaches the handler where it lies,
     // where reading from the text pushed it onto the parser's stack byte by byte, which cost
     // more than the copy of the whole text.
-    // The padding of NUL bytes keeps the vector loads of the string scan inside the buffer; the
-    // first NUL ends the text for the reader, as the terminator did.
-    constexpr size_t kScanPadding = 16;
-    std::string buffer;
-    buffer.reserve(text.size() + kScanPadding);
-    buffer.append(text).append(kScanPadding, '\0');
+    std::string buffer(text);
     rj::InsituStringStream stream(buffer.data());
     return readText<kReadFlags | rj::kParseInsituFlag>(text, stream, relay, error);
 }

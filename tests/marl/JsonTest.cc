@@ -783,6 +783,26 @@ TEST(JsonTest, ParseEventsFailsWhereParseFails) {
     }
 }
 
+// A raw control character anywhere in a long string, in a key or a value, fails both readings
+// alike: a reader that passes over strings many bytes at a time must not let one through.
+TEST(JsonTest, ParseEventsRefusesRawControlCharactersAsParseDoes) {
+    for (int c = 1; c < 0x20; ++c) {
+        for (size_t at : {size_t{0}, size_t{17}, size_t{40}}) {
+            std::string body(48, 'x');
+            body[at] = static_cast<char>(c);
+            for (const std::string& text : {"{\"k\":\"" + body + "\"}", "{\"" + body + "\":1}"}) {
+                EchoEvents events;
+                std::string eventsError;
+                std::string parseError;
+                EXPECT_FALSE(JSON::parseEvents(text, events, &eventsError)) << c << " at " << at;
+                JSON::parse(text, &parseError);
+                EXPECT_FALSE(parseError.empty()) << c << " at " << at;
+                EXPECT_EQ(eventsError, parseError) << c << " at " << at;
+            }
+        }
+    }
+}
+
 TEST(JsonTest, ParseEventsStopsWhenAHandlerSaysSo) {
     EchoEvents events;
     events.stopAfter = 2;
