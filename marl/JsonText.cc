@@ -32,15 +32,11 @@ void writeDouble(TextWriter& writer, double d) {
 
 enum class Failure { None, TooDeep, TooBig };
 
-// The parser has checked the grammar of a number; it arrives as text and is held as an Int or
-// UInt when it is an integer that fits, else as a correctly rounded double. False when it is too
-// big for a double.
-bool readNumber(const char* s, rj::SizeType length, JSON& out) {
-    const std::string_view text(s, length);
-    const char* end = s + length;
-    // Most numbers of a document are plain unsigned integers of at most 19 digits, which cannot
-    // overflow, or times written as short decimals: both are read in one pass. The parser has
-    // checked the grammar, so digits, one "." and digits are all such a number holds.
+// Most numbers of a document are plain unsigned integers of at most 19 digits, which cannot
+// overflow, or times written as short decimals: both are read in one pass. The parser has checked
+// the grammar, so digits, one "." and digits are all such a number holds. False leaves the number
+// to readNumber's full reading.
+bool readPlainNumber(const char* s, const char* end, JSON& out) {
     const bool negative = s[0] == '-';
     const char* p = negative ? s + 1 : s;
     uint64_t mantissa = 0;  // wraps past 19 digits, where it is not used
@@ -48,36 +44,42 @@ bool readNumber(const char* s, rj::SizeType length, JSON& out) {
     for (; p != end && *p >= '0' && *p <= '9'; ++p, ++digits)
         mantissa = mantissa * 10 + static_cast<uint64_t>(*p - '0');
     constexpr size_t kSafeIntegerDigits = 19;
-    if (p == end && !negative && digits <= kSafeIntegerDigits) {
+    if (p == end) {
+        if (negative || digits > kSafeIntegerDigits) return false;
         out = JSON(mantissa);
         return true;
     }
-    if (p != end && *p == '.') {
-        const char* fraction = ++p;
-        for (; p != end && *p >= '0' && *p <= '9'; ++p, ++digits)
-            mantissa = mantissa * 10 + static_cast<uint64_t>(*p - '0');
-        if (p == end) {
-            // A mantissa up to 2^53 is exact in a double and so is 10^k up to 10^22: one
-            // division of two exact values rounds correctly, to what the full reader gives.
-            constexpr uint64_t kExactMantissa = uint64_t{1} << 53;
-            static constexpr double kPowersOfTen[] = {
-                1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
-                1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-            const size_t places = static_cast<size_t>(p - fraction);
-            double d = 0;
-            if (digits <= kSafeIntegerDigits && mantissa <= kExactMantissa && places <= 22) {
-                d = static_cast<double>(mantissa) / kPowersOfTen[places];
-                out = JSON(negative ? -d : d);
-                return true;
-            }
-            // Otherwise the conversion the full reader ends in, without its scan for an exponent.
-            const char* unsignedStart = negative ? s + 1 : s;
-            if (std::from_chars(unsignedStart, end, d).ec == std::errc()) {
-                out = JSON(negative ? -d : d);
-                return true;
-            }
-        }
+    if (*p != '.') return false;
+    const char* fraction = ++p;
+    for (; p != end && *p >= '0' && *p <= '9'; ++p, ++digits)
+        mantissa = mantissa * 10 + static_cast<uint64_t>(*p - '0');
+    if (p != end) return false;
+    // A mantissa up to 2^53 is exact in a double and so is 10^k up to 10^22: one division of two
+    // exact values rounds correctly, to what the full reader gives.
+    constexpr uint64_t kExactMantissa = uint64_t{1} << 53;
+    static constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                              1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                              1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+    const size_t places = static_cast<size_t>(p - fraction);
+    double d = 0;
+    if (digits <= kSafeIntegerDigits && mantissa <= kExactMantissa && places <= 22) {
+        d = static_cast<double>(mantissa) / kPowersOfTen[places];
+    } else if (std::from_chars(negative ? s + 1 : s, end, d).ec != std::errc()) {
+        // Otherwise the conversion the full reader ends in, without its scan for an exponent;
+        // a failure is left to the full reader, which says what it makes of the number.
+        return false;
     }
+    out = JSON(negative ? -d : d);
+    return true;
+}
+
+// The parser has checked the grammar of a number; it arrives as text and is held as an Int or
+// UInt when it is an integer that fits, else as a correctly rounded double. False when it is too
+// big for a double.
+bool readNumber(const char* s, rj::SizeType length, JSON& out) {
+    const std::string_view text(s, length);
+    const char* end = s + length;
+    if (readPlainNumber(s, end, out)) return true;
     if (text.find_first_of(".eE") == std::string_view::npos) {
         if (text[0] == '-') {
             int64_t i;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cinttypes>
 #include <cmath>
 #include <cstdint>
@@ -852,7 +853,7 @@ TEST(JsonTest, NumbersReadExactlyAsTheLibraryRoundsThem) {
         }
         if (value.type() != Type::Double) continue;  // a 19- or 20-digit integer that still fits
         const double read = value.doubleValue();
-        ASSERT_EQ(std::memcmp(&read, &expected, sizeof read), 0) << text;
+        ASSERT_EQ(std::bit_cast<uint64_t>(read), std::bit_cast<uint64_t>(expected)) << text;
     }
 }
 
