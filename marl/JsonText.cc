@@ -6,10 +6,14 @@
 #include "marl/Json.h"
 
 #include <charconv>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <cmath>
 #include <string>
 #include <vector>
 
+#include "marl/JsonInPlace.h"
 #include "marl/JsonInternal.h"
 
 namespace MarlLogger::json {
@@ -28,6 +32,27 @@ void writeDouble(TextWriter& writer, double d) {
     } else {
         writer.Null();
     }
+}
+
+// Whether `text` holds a byte from 0x1A to 0x1F, which the vector string scan does not stop at.
+bool hasScanBlindByte(std::string_view text) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const auto* end = p + text.size();
+    unsigned seen = 0;
+#if defined(__SSE2__)
+    // Sixteen bytes at a time: a byte minus 0x1A is at most 5 exactly for those six.
+    const __m128i low = _mm_set1_epi8(0x1A);
+    const __m128i span = _mm_set1_epi8(5);
+    __m128i any = _mm_setzero_si128();
+    for (; end - p >= 16; p += 16) {
+        const __m128i shifted =
+            _mm_sub_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), low);
+        any = _mm_or_si128(any, _mm_cmpeq_epi8(_mm_min_epu8(shifted, span), shifted));
+    }
+    seen = static_cast<unsigned>(_mm_movemask_epi8(any));
+#endif
+    for (; p != end; ++p) seen |= static_cast<unsigned>(static_cast<unsigned char>(*p - 0x1A) <= 5);
+    return seen != 0;
 }
 
 enum class Failure { None, TooDeep, TooBig };
@@ -73,36 +98,6 @@ bool readPlainNumber(const char* s, const char* end, JSON& out) {
     return true;
 }
 
-// The parser has checked the grammar of a number; it arrives as text and is held as an Int or
-// UInt when it is an integer that fits, else as a correctly rounded double. False when it is too
-// big for a double.
-bool readNumber(const char* s, rj::SizeType length, JSON& out) {
-    const std::string_view text(s, length);
-    const char* end = s + length;
-    if (readPlainNumber(s, end, out)) return true;
-    if (text.find_first_of(".eE") == std::string_view::npos) {
-        if (text[0] == '-') {
-            int64_t i;
-            if (std::from_chars(s, end, i).ec == std::errc()) {
-                out = JSON(i);
-                return true;
-            }
-        } else {
-            uint64_t u;
-            if (std::from_chars(s, end, u).ec == std::errc()) {
-                out = JSON(u);
-                return true;
-            }
-        }
-    }
-    // Beyond the integer types, or a fraction or an exponent.
-    double d = 0;
-    internal::readDecimal(text, &d);
-    if (std::isinf(d)) return false;
-    out = JSON(d);
-    return true;
-}
-
 // Builds values from the parser's events on an explicit stack, so that neither the parser nor
 // the conversion recurses, and refuses to open a container beyond JSON::kMaxDepth.
 class TextBuilder : public rj::BaseReaderHandler<rj::UTF8<>, TextBuilder> {
@@ -111,7 +106,7 @@ class TextBuilder : public rj::BaseReaderHandler<rj::UTF8<>, TextBuilder> {
     bool Bool(bool b) { return add(JSON(b)); }
     bool RawNumber(const char* s, rj::SizeType length, bool) {
         JSON number;
-        if (!readNumber(s, length, number)) {
+        if (!internal::readNumber(s, length, number)) {
             failure_ = Failure::TooBig;
             return false;
         }
@@ -172,7 +167,7 @@ class EventRelay : public rj::BaseReaderHandler<rj::UTF8<>, EventRelay> {
     bool Bool(bool b) { return events_.scalar(JSON(b)); }
     bool RawNumber(const char* s, rj::SizeType length, bool) {
         JSON number;
-        if (!readNumber(s, length, number)) {
+        if (!internal::readNumber(s, length, number)) {
             failure_ = Failure::TooBig;
             return false;
         }
@@ -255,6 +250,36 @@ bool readText(std::string_view text, Stream& stream, Handler& handler, std::stri
 
 }  // namespace
 
+// The parser has checked the grammar of a number; it arrives as text and is held as an Int or
+// UInt when it is an integer that fits, else as a correctly rounded double. False when it is too
+// big for a double.
+bool internal::readNumber(const char* s, size_t length, JSON& out) {
+    const std::string_view text(s, length);
+    const char* end = s + length;
+    if (readPlainNumber(s, end, out)) return true;
+    if (text.find_first_of(".eE") == std::string_view::npos) {
+        if (text[0] == '-') {
+            int64_t i;
+            if (std::from_chars(s, end, i).ec == std::errc()) {
+                out = JSON(i);
+                return true;
+            }
+        } else {
+            uint64_t u;
+            if (std::from_chars(s, end, u).ec == std::errc()) {
+                out = JSON(u);
+                return true;
+            }
+        }
+    }
+    // Beyond the integer types, or a fraction or an exponent.
+    double d = 0;
+    internal::readDecimal(text, &d);
+    if (std::isinf(d)) return false;
+    out = JSON(d);
+    return true;
+}
+
 void internal::writeValue(TextWriter& writer, const JSON& value) {
     switch (value.type()) {
         case Type::Null:
@@ -305,7 +330,13 @@ bool JSON::parseEvents(std::string_view text, JSONEvents& events, std::string* e
     // Read in place from a copy: a string or number then reaches the handler where it lies,
     // where reading from the text pushed it onto the parser's stack byte by byte, which cost
     // more than the copy of the whole text.
-    std::string buffer(text);
+    std::string buffer;
+    buffer.reserve(text.size() + internal::kInPlacePadding);
+    buffer.append(text).append(internal::kInPlacePadding, '\0');
+    // RapidJSON's vector string scan takes only bytes up to 0x19 for control characters: a text
+    // with a byte from 0x1A to 0x1F, which it would let through, is read one byte at a time.
+    if (!hasScanBlindByte(text))
+        return internal::parseEventsInPlace(text, buffer.data(), events, error);
     rj::InsituStringStream stream(buffer.data());
     return readText<kReadFlags | rj::kParseInsituFlag>(text, stream, relay, error);
 }
