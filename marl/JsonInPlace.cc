@@ -30,6 +30,12 @@ namespace MarlLogger::json {
 
 namespace rj = ::ferritJsonInPlace;
 
+#if defined(RAPIDJSON_SSE2)
+static_assert(internal::kInPlaceVectorScan, "JsonText.cc must check texts for the scan");
+#else
+static_assert(!internal::kInPlaceVectorScan, "without the scan no text needs checking");
+#endif
+
 namespace {
 
 enum class Failure { None, TooDeep, TooBig };

@@ -18,9 +18,17 @@ bool readNumber(const char* s, size_t length, JSON& out);
 // bytes at a time stays inside the buffer.
 inline constexpr size_t kInPlacePadding = 16;
 
+// Whether JsonInPlace.cc reads strings with the vector scan. Without one (a CPU without SSE2), its
+// reading is the byte-by-byte one and takes every text, so no pass looks for the bytes it misses.
+#if defined(__SSE2__)
+inline constexpr bool kInPlaceVectorScan = true;
+#else
+inline constexpr bool kInPlaceVectorScan = false;
+#endif
+
 // JSON::parseEvents over `buffer`, a copy of `text` followed by kInPlacePadding NUL bytes that
-// holds no byte from 0x1A to 0x1F, read in place with RapidJSON's vector string scan
-// (JsonInPlace.cc). The same events, result and words as the byte-by-byte reading.
+// holds no byte from 0x1A to 0x1F when kInPlaceVectorScan, read in place with RapidJSON's vector
+// string scan (JsonInPlace.cc). The same events, result and words as the byte-by-byte reading.
 bool parseEventsInPlace(std::string_view text, char* buffer, JSONEvents& events,
                         std::string* error);
 

@@ -335,7 +335,9 @@ bool JSON::parseEvents(std::string_view text, JSONEvents& events, std::string* e
     buffer.append(text).append(internal::kInPlacePadding, '\0');
     // RapidJSON's vector string scan takes only bytes up to 0x19 for control characters: a text
     // with a byte from 0x1A to 0x1F, which it would let through, is read one byte at a time.
-    if (!hasScanBlindByte(text))
+    // Where no scan is compiled in, the in-place reading is that one already and the check would
+    // be a pass over the text for nothing.
+    if (!internal::kInPlaceVectorScan || !hasScanBlindByte(text))
         return internal::parseEventsInPlace(text, buffer.data(), events, error);
     rj::InsituStringStream stream(buffer.data());
     return readText<kReadFlags | rj::kParseInsituFlag>(text, stream, relay, error);
