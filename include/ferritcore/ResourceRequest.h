@@ -18,6 +18,13 @@ namespace FerritCore {
 // HeaderMap: a request's or a response's headers, name to value. The names compare exactly, as
 // written; the helpers of the library that look a header up by HTTP's rules ignore their case.
 // The entries keep the order in which they were first set. Not thread-safe.
+// It is one array, not a node-based map, and so unlike std::unordered_map (its type before 11.0):
+// - an insert may move every entry: it invalidates all references and iterators to entries, and
+//   an erase those at and after the erased one (write `it = headers.erase(it)`, never
+//   `headers.erase(it++)`);
+// - an entry's name is not const: renaming one to a name that is there already makes two;
+// - setting a header scans the entries, so n headers cost n*n/2 comparisons to build: meant for
+//   the few dozen headers an HTTP message has.
 class HeaderMap {
   public:
     using key_type = std::string;
