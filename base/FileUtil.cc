@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -523,6 +524,46 @@ int FileUtil::syncDirectory(const std::string& path) {
     return noted(result, path);
 }
 
+FileUtil::FileSystemSync::FileSystemSync(const std::string& directory) {
+    const int opened = withRetry(directory, [&](const std::string& p) {
+        fd_ =
+            retryOnInterrupt([&] { return ::open(p.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+        return fd_ >= 0 ? 0 : lastError();
+    });
+    if (opened != 0) openError_ = noted(opened, directory);
+}
+
+FileUtil::FileSystemSync::~FileSystemSync() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+namespace {
+
+// Whether this kernel's syncfs reports write-back failures (Linux 5.8 and later).
+bool syncfsReportsFailures() {
+    static const bool reports = [] {
+        struct utsname name;
+        if (::uname(&name) != 0) return false;
+        unsigned major = 0, minor = 0;
+        if (std::sscanf(name.release, "%u.%u", &major, &minor) != 2) return false;
+        constexpr unsigned kMajor = 5, kMinor = 8;
+        return major > kMajor || (major == kMajor && minor >= kMinor);
+    }();
+    return reports;
+}
+
+}  // namespace
+
+bool FileUtil::FileSystemSync::usable() const {
+    return fd_ >= 0 && syncfsReportsFailures();
+}
+
+int FileUtil::FileSystemSync::sync() {
+    if (fd_ < 0) return openError_ != 0 ? openError_ : kNoStream;
+    step();
+    return retryOnInterrupt([&] { return calls->syncFileSystem(fd_); }) == 0 ? 0 : lastError();
+}
+
 FILE* FileUtil::Calls::openForWrite(const char* path, const char* mode) {
     return std::fopen(path, mode);
 }
@@ -561,6 +602,10 @@ int FileUtil::Calls::syncData(int fd) {
 
 int FileUtil::Calls::syncDirectory(int fd) {
     return ::fsync(fd);
+}
+
+int FileUtil::Calls::syncFileSystem(int fd) {
+    return ::syncfs(fd);
 }
 
 void FileUtil::setCalls(Calls* replacement) {

@@ -119,6 +119,32 @@ class FileUtil {
     // synced, however well its data was.
     static int syncDirectory(const std::string& path);
 
+    // One sync of a whole file system, for a run that writes many files there: every file's data
+    // and every entry written on it, by this process or another, outlive a power cut once sync()
+    // returns, as if each file and directory had been synced (Linux's syncfs; typically one
+    // journal commit where a sync of each file costs one each). The directory is opened at
+    // construction, before the run's writes: syncfs reports the write-back failures met since its
+    // descriptor was opened, so a failure of a file written after that is never missed. It also
+    // reports another process's failures on that file system: a run that fails for one is retried.
+    class FileSystemSync {
+      public:
+        // Opens `directory`, on the file system to sync; a failure is kept for sync().
+        explicit FileSystemSync(const std::string& directory);
+        ~FileSystemSync();
+        FileSystemSync(const FileSystemSync&) = delete;
+        FileSystemSync& operator=(const FileSystemSync&) = delete;
+        // Whether sync() can stand for the syncs of each file: the directory is open and the
+        // kernel reports write-back failures through syncfs (Linux 5.8 on; before, syncfs
+        // answered 0 even when a file's pages could not be written).
+        bool usable() const;
+        // 0, or the errno of the open or of the sync.
+        int sync();
+
+      private:
+        int fd_ = -1;
+        int openError_ = 0;
+    };
+
     // The system calls beneath every primitive that changes the disk or makes a change durable
     // (create or truncate and write, rename, exchange, link, mkdir, remove, rmdir, and the syncs).
     // The default hands each straight to the system. A test installs its own to watch each change,
@@ -143,6 +169,8 @@ class FileUtil {
         virtual int syncData(int fd);
         // fsync of a descriptor opened on a directory.
         virtual int syncDirectory(int fd);
+        // syncfs: everything written on the descriptor's file system.
+        virtual int syncFileSystem(int fd);
     };
     // Installs `calls` (null: the system's). The caller keeps it alive while installed. Not
     // thread-safe: install before any other thread runs.

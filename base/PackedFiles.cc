@@ -17,6 +17,13 @@ bool PackedFiles::putAll(const std::vector<std::pair<std::string, std::string>>&
     return true;
 }
 
+bool PackedFiles::putChecked(const std::vector<CheckedFile>& files, Error& error) {
+    std::vector<std::pair<std::string, std::string>> entries;
+    entries.reserve(files.size());
+    for (const CheckedFile& file : files) entries.emplace_back(file.key, file.content);
+    return putAll(entries, error);
+}
+
 bool PackedFiles::copyPrefix(std::string_view fromPrefix, std::string_view toPrefix,
                              const std::unordered_set<std::string>& skip, uint64_t& bytes,
                              Error& error) {

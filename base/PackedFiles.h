@@ -20,6 +20,14 @@
 
 namespace FerritCore {
 
+// A file to store: its key, its bytes, and the MD5 (32 lower-case hexadecimal digits) that those
+// bytes were checked against while they were written, or empty when they were not.
+struct CheckedFile {
+    std::string key;
+    std::string content;
+    std::string md5;
+};
+
 class PackedFiles {
   public:
     virtual ~PackedFiles() = default;
@@ -33,6 +41,10 @@ class PackedFiles {
     // one by one, so that a failure there keeps those before it. False with `error` set.
     virtual bool putAll(const std::vector<std::pair<std::string, std::string>>& entries,
                         Error& error);
+    // As putAll, for files that may carry their checked MD5: a store may then keep bytes that
+    // several keys share once, under that MD5. The default stores the bytes under each key
+    // through putAll.
+    virtual bool putChecked(const std::vector<CheckedFile>& files, Error& error);
     // Copies every key below `fromPrefix` to the same rest below `toPrefix`, unless the new key
     // is there already or `skip` names the rest; `bytes` receives the total length copied. The
     // prefixes must not overlap. The default copies through get, contains and put, one by one.

@@ -1,15 +1,61 @@
 #include "base/PrefixTree.h"
 
+#include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "base/Http.h"
 
 namespace FerritCore {
 
+namespace {
+
+// The first block of nodes is small, as most trees are; each next one doubles, up to this.
+constexpr size_t kFirstBlock = 8;
+constexpr size_t kLargestBlock = 1024;
+
+}  // namespace
+
 PrefixNode* PrefixNode::child(char c) const {
     for (const auto& [first, node] : children)
-        if (first == c) return node.get();
+        if (first == c) return node;
     return nullptr;
+}
+
+PrefixTree::PrefixTree() {
+    root_ = makeNode();
+    lastPath_.emplace_back(root_, 0);
+}
+
+PrefixTree::PrefixTree(PrefixTree&& other) noexcept
+    : blocks_(std::move(other.blocks_)),
+      blockSize_(std::exchange(other.blockSize_, 0)),
+      usedInBlock_(std::exchange(other.usedInBlock_, 0)),
+      root_(std::exchange(other.root_, nullptr)),
+      lastPrefix_(std::move(other.lastPrefix_)),
+      lastPath_(std::move(other.lastPath_)),
+      size_(std::exchange(other.size_, 0)) {}
+
+PrefixTree& PrefixTree::operator=(PrefixTree&& other) noexcept {
+    if (this != &other) {
+        blocks_ = std::move(other.blocks_);
+        blockSize_ = std::exchange(other.blockSize_, 0);
+        usedInBlock_ = std::exchange(other.usedInBlock_, 0);
+        root_ = std::exchange(other.root_, nullptr);
+        lastPrefix_ = std::move(other.lastPrefix_);
+        lastPath_ = std::move(other.lastPath_);
+        size_ = std::exchange(other.size_, 0);
+    }
+    return *this;
+}
+
+PrefixNode* PrefixTree::makeNode() {
+    if (usedInBlock_ == blockSize_) {
+        blockSize_ = blockSize_ == 0 ? kFirstBlock : std::min(blockSize_ * 2, kLargestBlock);
+        blocks_.push_back(std::make_unique<PrefixNode[]>(blockSize_));
+        usedInBlock_ = 0;
+    }
+    return &blocks_.back()[usedInBlock_++];
 }
 
 void PrefixTree::add(std::string_view prefix, PrefixValue value) {
@@ -27,19 +73,25 @@ PrefixValue& PrefixTree::value(std::string_view prefix) {
 }
 
 PrefixNode* PrefixTree::nodeFor(std::string_view prefix) {
-    PrefixNode* node = root_.get();
-    size_t pos = 0;
+    // Resume below the deepest node of the last prefix's path whose whole path this one shares;
+    // the root, which ends no character, always stays.
+    size_t shared = 0;
+    const size_t limit = std::min(prefix.size(), lastPrefix_.size());
+    while (shared < limit && prefix[shared] == lastPrefix_[shared]) ++shared;
+    while (lastPath_.back().second > shared) lastPath_.pop_back();
+    PrefixNode* node = lastPath_.back().first;
+    size_t pos = lastPath_.back().second;
     while (pos < prefix.size()) {
         const char first = prefix[pos];
         PrefixNode* next = node->child(first);
         std::string_view rest = prefix.substr(pos + 1);
         if (next == nullptr) {
-            auto leaf = std::make_unique<PrefixNode>();
+            PrefixNode* leaf = makeNode();
             leaf->text.assign(rest);
-            next = leaf.get();
-            node->children.emplace_back(first, std::move(leaf));
-            node = next;
+            node->children.emplace_back(first, leaf);
+            node = leaf;
             pos = prefix.size();
+            lastPath_.emplace_back(node, pos);
             break;
         }
         // Length of the common run of the edge text and the rest of the prefix.
@@ -49,22 +101,23 @@ PrefixNode* PrefixTree::nodeFor(std::string_view prefix) {
             ++common;
         if (common < next->text.size()) {
             // Split the edge: `next` keeps the tail below a new node holding the common run.
-            auto middle = std::make_unique<PrefixNode>();
+            PrefixNode* middle = makeNode();
             middle->text = next->text.substr(0, common);
             const char tailFirst = next->text[common];
+            next->text.erase(0, common + 1);
+            middle->children.emplace_back(tailFirst, next);
             for (auto& entry : node->children) {
                 if (entry.first != first) continue;
-                std::unique_ptr<PrefixNode> tail = std::move(entry.second);
-                tail->text.erase(0, common + 1);
-                middle->children.emplace_back(tailFirst, std::move(tail));
-                entry.second = std::move(middle);
-                next = entry.second.get();
+                entry.second = middle;
                 break;
             }
+            next = middle;
         }
         node = next;
         pos += 1 + common;
+        lastPath_.emplace_back(node, pos);
     }
+    lastPrefix_.assign(prefix);
     return node;
 }
 
@@ -77,7 +130,7 @@ std::string_view PrefixTree::lookup(std::string_view url, std::string_view accep
     const PrefixNode* candidates[kMaxCandidates];
     size_t count = 0;
 
-    const PrefixNode* node = root_.get();
+    const PrefixNode* node = root_;
     size_t pos = 0;
     while (pos < url.size()) {
         const PrefixNode* next = node->child(url[pos]);

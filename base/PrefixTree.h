@@ -18,9 +18,9 @@ struct PrefixValue {
 
 struct PrefixNode {
     std::string text;  // characters this edge holds after its first one
-    // The first character of each child's edge, and the child. Few per node, so a flat vector
-    // searched linearly beats a hash map here.
-    std::vector<std::pair<char, std::unique_ptr<PrefixNode>>> children;
+    // The first character of each child's edge, and the child (owned by the tree). Few per node,
+    // so a flat vector searched linearly beats a hash map here.
+    std::vector<std::pair<char, PrefixNode*>> children;
     std::vector<PrefixValue> values;  // none: a pure branch
 
     PrefixNode* child(char c) const;
@@ -28,9 +28,10 @@ struct PrefixNode {
 
 class PrefixTree {
   public:
-    PrefixTree() : root_(std::make_unique<PrefixNode>()) {}
-    PrefixTree(PrefixTree&&) noexcept = default;
-    PrefixTree& operator=(PrefixTree&&) noexcept = default;
+    PrefixTree();
+    // A tree moved from holds nothing and may only be assigned to or destroyed.
+    PrefixTree(PrefixTree&& other) noexcept;
+    PrefixTree& operator=(PrefixTree&& other) noexcept;
 
     // Adds a value under `prefix` (already in "//" form). Values of one prefix keep their order.
     void add(std::string_view prefix, PrefixValue value);
@@ -49,8 +50,20 @@ class PrefixTree {
   private:
     // The node that ends `prefix`, made (and edges split) as needed.
     PrefixNode* nodeFor(std::string_view prefix);
+    // A new empty node from the current block, starting a larger block when it is full.
+    PrefixNode* makeNode();
 
-    std::unique_ptr<PrefixNode> root_;
+    // Nodes live in blocks that never move: a tree of thousands of prefixes costs a few dozen
+    // allocations for its nodes instead of one each, and moving the tree keeps every pointer.
+    std::vector<std::unique_ptr<PrefixNode[]>> blocks_;
+    size_t blockSize_ = 0;
+    size_t usedInBlock_ = 0;
+    PrefixNode* root_ = nullptr;
+    // While building: the last prefix added and the nodes on its path, each with the length of
+    // the prefix it ends. Prefixes come in runs that share their start (those of one pack), so a
+    // walk resumes from the deepest node the next prefix shares instead of from the root.
+    std::string lastPrefix_;
+    std::vector<std::pair<PrefixNode*, size_t>> lastPath_;
     size_t size_ = 0;
 };
 

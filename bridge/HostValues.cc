@@ -20,6 +20,7 @@ HeaderMap readStringMembers(napi_env env, napi_value object) {
         NAPI::clearException(env);
         return map;
     }
+    map.reserve(count);
     for (uint32_t i = 0; i < count; ++i) {
         napi_value name = nullptr;
         if (napi_get_element(env, names, i, &name) != napi_ok) {

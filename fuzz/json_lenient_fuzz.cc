@@ -1,14 +1,20 @@
 // Parses arbitrary text as JSON. Whatever parses must survive every lenient reader, and its
-// text form must parse back to an equal value.
+// text form must parse back to an equal value. The event reading, which reads most texts in place
+// with a vector string scan, must agree with the tree reading, which goes one byte at a time: the
+// same success, the same words on a failure, the same value on a success.
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "marl/Json.h"
 
 using MarlLogger::json::JSON;
+using MarlLogger::json::JSONArray;
+using MarlLogger::json::JSONEvents;
+using MarlLogger::json::JSONObject;
 
 namespace {
 
@@ -45,6 +51,66 @@ void walk(const JSON& root) {
     }
 }
 
+// Builds the value the events describe, as the tree reading does: a repeated key keeps the last
+// value at the place of the first.
+class Recorder : public JSONEvents {
+  public:
+    bool startObject() override { return open(/*isObject=*/true); }
+    bool key(std::string_view key) override {
+        open_.back().key = std::string(key);
+        return true;
+    }
+    bool endObject() override { return close(); }
+    bool startArray() override { return open(/*isObject=*/false); }
+    bool endArray() override { return close(); }
+    bool scalar(const JSON& value) override { return place(value); }
+    bool string(std::string_view value) override { return place(JSON(std::string(value))); }
+
+    JSON takeRoot() { return std::move(root_); }
+
+  private:
+    struct Container {
+        bool isObject = false;
+        JSONArray array;
+        JSONObject object;
+        std::string key;  // the pending key of an object
+    };
+
+    bool open(bool isObject) {
+        open_.push_back(Container{isObject, {}, {}, {}});
+        return true;
+    }
+    bool close() {
+        check(!open_.empty());
+        Container done = std::move(open_.back());
+        open_.pop_back();
+        return place(done.isObject ? JSON(std::move(done.object)) : JSON(std::move(done.array)));
+    }
+    bool place(JSON value) {
+        if (open_.empty()) {
+            root_ = std::move(value);
+        } else if (open_.back().isObject) {
+            open_.back().object.set(open_.back().key, std::move(value));
+        } else {
+            open_.back().array.push_back(std::move(value));
+        }
+        return true;
+    }
+
+    std::vector<Container> open_;
+    JSON root_;
+};
+
+// The event reading of `text` next to the tree reading's result.
+void compareEvents(std::string_view text, const JSON& value, const std::string& error) {
+    Recorder recorder;
+    std::string eventError;
+    const bool read = JSON::parseEvents(text, recorder, &eventError);
+    check(read == error.empty());
+    check(eventError == error);
+    if (read) check(recorder.takeRoot() == value);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -56,6 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::string error;
     const JSON value = JSON::parse(text, &error);
+    compareEvents(text, value, error);
     if (!error.empty()) {
         check(value.isNull());
         return 0;

@@ -47,12 +47,34 @@ void logRemove(MarlLogger::MRLLevel level, const std::string& name, const char* 
 // Whether no record's prefixes or referrers differ between two maps of records.
 bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b) {
     if (a.size() != b.size()) return false;
+    // The pairs of records first, then their comparison: records that a merge replaced lie all
+    // over the heap, so each step fetches the pair, their lists and their text a few places
+    // ahead, in that order, while this one is compared.
+    std::vector<std::pair<const Pack*, const Pack*>> pairs;
+    pairs.reserve(a.size());
     for (const auto& [name, pack] : a) {
         auto other = b.find(name);
         if (other == b.end()) return false;
-        const Pack& x = *pack;
-        const Pack& y = *other->second;
-        if (&x == &y) continue;
+        if (pack.get() != other->second.get()) pairs.emplace_back(pack.get(), other->second.get());
+    }
+    constexpr size_t kFetchAhead = 4;
+    const size_t count = pairs.size();
+    for (size_t i = 0; i < count; ++i) {
+        if (i + 3 * kFetchAhead < count) {
+            __builtin_prefetch(pairs[i + 3 * kFetchAhead].first);
+            __builtin_prefetch(pairs[i + 3 * kFetchAhead].second);
+        }
+        if (i + 2 * kFetchAhead < count) {
+            for (const Pack* later :
+                 {pairs[i + 2 * kFetchAhead].first, pairs[i + 2 * kFetchAhead].second})
+                __builtin_prefetch(later->prefixes.data());
+        }
+        if (i + kFetchAhead < count) {
+            for (const Pack* soon : {pairs[i + kFetchAhead].first, pairs[i + kFetchAhead].second})
+                for (const std::string& text : soon->prefixes) __builtin_prefetch(text.data());
+        }
+        const Pack& x = *pairs[i].first;
+        const Pack& y = *pairs[i].second;
         if (x.prefixes != y.prefixes || x.referrers != y.referrers ||
             x.packType() != y.packType() || x.subType != y.subType)
             return false;
@@ -396,11 +418,13 @@ void FConfig::mergeFields(const FConfig& document) {
 
 void FConfig::mergePack(PackPtr p) {
     const bool supported = p->status == kPackStatusDeleted ? false : p->isSupported();
-    PackPtr old = find(p->name);
-    if (!old) {
+    // The slot found here is the one a taken record goes to: one lookup of the name, not two.
+    const auto slot = packs.find(p->name);
+    if (slot == packs.end() || !slot->second) {
         if (supported) put(std::move(p));
         return;
     }
+    PackPtr old = slot->second;
     if (!supported) {
         logRemove(MarlLogger::MRLLevelInfo, p->name,
                   p->isSupported() ? "Deleted" : "PackType not supported");
@@ -444,7 +468,8 @@ void FConfig::mergePack(PackPtr p) {
         n->setStatus(old->status);
     n->trigger = old->trigger;
     if (keepPrefixes) n->prefixes = old->prefixes;
-    put(std::move(n));
+    slot->second = std::move(n);
+    dirty = true;
 }
 
 PackPtr FConfig::find(std::string_view name) const {
@@ -509,7 +534,27 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
     };
     std::string keyBuffer;
     std::string accept;
-    for (const auto& [name, pack] : packs) {
+    // A freshly parsed document's records lie all over the heap, and the first touch of each
+    // waited on memory: with the records in a list, each step fetches a record, its lists and
+    // their text a few places ahead, in that order, while this one is read.
+    std::vector<std::pair<std::string_view, const Pack*>> records;
+    records.reserve(packs.size());
+    for (const auto& [name, pack] : packs) records.emplace_back(name, pack.get());
+    constexpr size_t kFetchAhead = 4;
+    const size_t count = records.size();
+    for (size_t i = 0; i < count; ++i) {
+        if (i + 3 * kFetchAhead < count) __builtin_prefetch(records[i + 3 * kFetchAhead].second);
+        if (i + 2 * kFetchAhead < count) {
+            const Pack* later = records[i + 2 * kFetchAhead].second;
+            __builtin_prefetch(later->prefixes.data());
+            __builtin_prefetch(later->referrers.data());
+        }
+        if (i + kFetchAhead < count) {
+            const Pack* soon = records[i + kFetchAhead].second;
+            for (const std::string& text : soon->prefixes) __builtin_prefetch(text.data());
+            for (const std::string& text : soon->referrers) __builtin_prefetch(text.data());
+        }
+        const auto [name, pack] = records[i];
         if (pack->packType() == kPackTypeSCache && pack->subType == kSubTypeFixedSeq) continue;
         for (const auto& prefix : pack->prefixes) {
             // A prefix may name, after a "#", the content type it serves: the fragment never

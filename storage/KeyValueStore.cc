@@ -84,6 +84,29 @@ int queryText(sqlite3* db, const char* sql, std::string& result) {
     return rc;
 }
 
+// One write transaction, rolled back unless committed. IMMEDIATE takes the write lock at the
+// start, so that a busy store fails before anything is done rather than at the commit.
+class WriteTransaction {
+  public:
+    explicit WriteTransaction(sqlite3* db) : db_(db), status_(execute(db, "BEGIN IMMEDIATE")) {}
+    ~WriteTransaction() {
+        if (status_ == SQLITE_OK && !committed_) execute(db_, "ROLLBACK");
+    }
+    WriteTransaction(const WriteTransaction&) = delete;
+    WriteTransaction& operator=(const WriteTransaction&) = delete;
+    int status() const { return status_; }
+    int commit() {
+        const int rc = execute(db_, "COMMIT");
+        committed_ = rc == SQLITE_OK;
+        return rc;
+    }
+
+  private:
+    sqlite3* db_;
+    int status_;
+    bool committed_ = false;
+};
+
 }  // namespace
 
 bool KeyValueStore::isTransient(int status) {
@@ -102,7 +125,11 @@ bool KeyValueStore::isTransient(int status) {
 KeyValueStore::Options KeyValueStore::Options::forPacks() {
     Options options;
     options.cacheBytes = 4194304;
-    options.formatVersion = 2;
+    // 3: a file's bytes live once in a content table under the MD5 they were checked against,
+    // and every version's row names them there; a store of format 2 is migrated at open.
+    options.formatVersion = 3;
+    options.sharedContent = true;
+    options.migratesFrom = 2;
     // Pack files and the configuration document are kilobytes to megabytes. At 4 KiB pages a
     // 2 KiB value already spills to an overflow page and a get costs 15-17 us; 16 KiB pages
     // keep such values inline, halve the get, and make the range delete of a removed pack's
@@ -131,8 +158,13 @@ KeyValueStore::Options KeyValueStore::Options::forConfig() {
 
 KeyValueStore::Options KeyValueStore::Options::forCache() {
     // Resource bodies up to 3 MiB plus their metadata, read per request: the values and the
-    // reads of the packs store, so its layout and tuning.
-    return forPacks();
+    // reads of the packs store, so its layout and tuning. A cached body is written once, under
+    // its URL, and never by two versions: nothing to share.
+    Options options = forPacks();
+    options.formatVersion = 2;
+    options.sharedContent = false;
+    options.migratesFrom = 0;
+    return options;
 }
 
 struct KeyValueStore::Statements {
@@ -152,29 +184,66 @@ struct KeyValueStore::Statements {
     sqlite3_stmt* keysFromToEnd = nullptr;
     sqlite3_stmt* keysAfterToEnd = nullptr;
     sqlite3_stmt* dataVersion = nullptr;
+    // A store with shared content only: a content's bytes under their MD5, and a row that names
+    // a content.
+    sqlite3_stmt* insertContent = nullptr;
+    sqlite3_stmt* insertNaming = nullptr;
+    bool shared = false;
 
     ~Statements() {
         for (sqlite3_stmt* statement :
              {get, contains, insert, remove, removeRange, removeFrom, clear, insertIfAbsent,
-              rowsFrom, keysFrom, keysAfter, keysFromToEnd, keysAfterToEnd, dataVersion}) {
+              rowsFrom, keysFrom, keysAfter, keysFromToEnd, keysAfterToEnd, dataVersion,
+              insertContent, insertNaming}) {
             sqlite3_finalize(statement);
         }
     }
 
-    int prepare(sqlite3* db) {
+    // `previousFormat`: the format a read-only handle reads a store in as it is, 0 for the
+    // store's own.
+    int prepare(sqlite3* db, bool sharedContent, int previousFormat = 0) {
+        shared = sharedContent;
+        // A handle reading the previous format keeps reading after another process migrated the
+        // store, where a row naming a content holds no bytes of its own: its get then misses,
+        // as a file that is not there, rather than serve an empty body as the file. The content
+        // table is what the migration adds; looking it up in the schema costs a get 13%, reading
+        // the version through pragma_user_version 65%.
+        const char* const previousGet =
+            "SELECT v FROM kv WHERE k = ?1 AND NOT EXISTS "
+            "(SELECT 1 FROM sqlite_schema WHERE name = 'content')";
+        // With shared content a row holds its bytes (c NULL) or names a content (v empty); a
+        // read is still one statement. The upserts update a row in place rather than replace
+        // it, so that the triggers that free a content no row names any more see the change.
+        const bool s = sharedContent;
         const struct {
             sqlite3_stmt** target;
             const char* sql;
         } all[] = {
-            {&get, "SELECT v FROM kv WHERE k = ?1"},
+            {&get, s ? "SELECT coalesce(content.v, kv.v) FROM kv LEFT JOIN content "
+                       "ON content.h = kv.c WHERE kv.k = ?1"
+                   : previousFormat != 0 ? previousGet
+                                         : "SELECT v FROM kv WHERE k = ?1"},
             {&contains, "SELECT 1 FROM kv WHERE k = ?1"},
-            {&insert, "INSERT OR REPLACE INTO kv(k, v) VALUES(?1, ?2)"},
+            {&insert, s ? "INSERT INTO kv(k, v, c) VALUES(?1, ?2, NULL) "
+                          "ON CONFLICT(k) DO UPDATE SET v = excluded.v, c = NULL"
+                        : "INSERT OR REPLACE INTO kv(k, v) VALUES(?1, ?2)"},
+            {&insertContent, s ? "INSERT INTO content(h, v) VALUES(?1, ?2) "
+                                 "ON CONFLICT(h) DO UPDATE SET v = excluded.v"
+                               : nullptr},
+            {&insertNaming, s ? "INSERT INTO kv(k, v, c) VALUES(?1, x'', ?2) "
+                                "ON CONFLICT(k) DO UPDATE SET v = x'', c = excluded.c"
+                              : nullptr},
             {&remove, "DELETE FROM kv WHERE k = ?1"},
             {&removeRange, "DELETE FROM kv WHERE k >= ?1 AND k < ?2"},
             {&removeFrom, "DELETE FROM kv WHERE k >= ?1"},
             {&clear, "DELETE FROM kv"},
-            {&insertIfAbsent, "INSERT OR IGNORE INTO kv(k, v) VALUES(?1, ?2)"},
-            {&rowsFrom, "SELECT k, v FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k"},
+            {&insertIfAbsent, s ? "INSERT OR IGNORE INTO kv(k, v, c) VALUES(?1, ?2, ?3)"
+                                : "INSERT OR IGNORE INTO kv(k, v) VALUES(?1, ?2)"},
+            // length() of a blob column reads its size from the record, not its pages.
+            {&rowsFrom, s ? "SELECT kv.k, kv.v, kv.c, length(content.v) FROM kv LEFT JOIN "
+                            "content ON content.h = kv.c WHERE kv.k >= ?1 AND kv.k < ?2 "
+                            "ORDER BY kv.k"
+                          : "SELECT k, v, NULL, NULL FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k"},
             {&keysFrom, "SELECT k FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
             {&keysAfter, "SELECT k FROM kv WHERE k > ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
             {&keysFromToEnd, "SELECT k FROM kv WHERE k >= ?1 ORDER BY k LIMIT ?3"},
@@ -182,6 +251,7 @@ struct KeyValueStore::Statements {
             {&dataVersion, "PRAGMA data_version"},
         };
         for (const auto& one : all) {
+            if (one.sql == nullptr) continue;
             const int rc =
                 sqlite3_prepare_v3(db, one.sql, -1, SQLITE_PREPARE_PERSISTENT, one.target, nullptr);
             if (rc != SQLITE_OK) return rc;
@@ -380,7 +450,12 @@ int KeyValueStore::configure(const Options& options) {
     std::string version;
     rc = queryText(db_, "PRAGMA user_version", version);
     if (rc != SQLITE_OK) return rc;
-    if (version == "0") {
+    const bool migrates = options.sharedContent &&
+                          (version == "0" || version == std::to_string(options.migratesFrom));
+    if (migrates) {
+        rc = shareContent(options);
+        if (rc != SQLITE_OK) return rc;
+    } else if (version == "0") {
         sql = "PRAGMA user_version=" + std::to_string(options.formatVersion);
         rc = execute(db_, sql.c_str());
         if (rc != SQLITE_OK) return rc;
@@ -389,7 +464,52 @@ int KeyValueStore::configure(const Options& options) {
     }
 
     MutexLock lock(mutex_);
-    return statements_->prepare(db_);
+    return statements_->prepare(db_, options.sharedContent);
+}
+
+namespace {
+
+// What a store of the previous format (or a new one) gains to share content: the column that
+// names a content, the content table, the index that finds the rows naming one, and triggers
+// that keep the two tables consistent whatever statement changes a row: a row cannot name a
+// content that is not there, and a content goes with the last row that names it, in the same
+// transaction. Adding a column rewrites no row: an existing row keeps its bytes and reads as it
+// did. The content table keeps its rowid: a WITHOUT ROWID table holds a file's bytes in its key's
+// B-tree, whose small cells spill a 16 KiB value over many more pages (a read took 10 us, 3.5 us
+// in a rowid table).
+constexpr const char* kShareContentSql =
+    "ALTER TABLE kv ADD COLUMN c BLOB;"
+    "CREATE TABLE content(h BLOB PRIMARY KEY NOT NULL, v BLOB NOT NULL);"
+    "CREATE INDEX kv_content ON kv(c) WHERE c IS NOT NULL;"
+    "CREATE TRIGGER kv_names BEFORE INSERT ON kv WHEN new.c IS NOT NULL AND NOT EXISTS "
+    "(SELECT 1 FROM content WHERE h = new.c) BEGIN SELECT RAISE(ABORT, 'no such content'); END;"
+    "CREATE TRIGGER kv_renames BEFORE UPDATE OF c ON kv WHEN new.c IS NOT NULL AND NOT EXISTS "
+    "(SELECT 1 FROM content WHERE h = new.c) BEGIN SELECT RAISE(ABORT, 'no such content'); END;"
+    "CREATE TRIGGER kv_release AFTER DELETE ON kv WHEN old.c IS NOT NULL BEGIN "
+    "DELETE FROM content WHERE h = old.c AND NOT EXISTS (SELECT 1 FROM kv WHERE c = old.c); END;"
+    "CREATE TRIGGER kv_rerelease AFTER UPDATE OF c ON kv WHEN old.c IS NOT NULL AND "
+    "old.c IS NOT new.c BEGIN "
+    "DELETE FROM content WHERE h = old.c AND NOT EXISTS (SELECT 1 FROM kv WHERE c = old.c); END;";
+
+}  // namespace
+
+int KeyValueStore::shareContent(const Options& options) {
+    // One transaction: a power cut or a kill leaves the old format or the new one, never a
+    // part of the schema. IMMEDIATE, and the version read again under the lock, because another
+    // process opening the same store may have migrated it meanwhile.
+    WriteTransaction transaction(db_);
+    if (transaction.status() != SQLITE_OK) return transaction.status();
+    std::string version;
+    int rc = queryText(db_, "PRAGMA user_version", version);
+    if (rc != SQLITE_OK) return rc;
+    const std::string target = std::to_string(options.formatVersion);
+    if (version == target) return SQLITE_OK;
+    if (version != "0" && version != std::to_string(options.migratesFrom)) return SQLITE_FORMAT;
+    rc = execute(db_, kShareContentSql);
+    if (rc != SQLITE_OK) return rc;
+    rc = execute(db_, ("PRAGMA user_version=" + target).c_str());
+    if (rc != SQLITE_OK) return rc;
+    return transaction.commit();
 }
 
 int KeyValueStore::configureReadOnly(const Options& options) {
@@ -410,9 +530,12 @@ int KeyValueStore::configureReadOnly(const Options& options) {
     if (rc != SQLITE_OK) return rc;
     // A database that was never given its version was never written: nothing to read.
     if (version == "0") return SQLITE_CANTOPEN;
-    if (version != std::to_string(options.formatVersion)) return SQLITE_FORMAT;
+    // A store of the previous format, which only a writer migrates, is read as it is.
+    const bool previous = options.sharedContent && version == std::to_string(options.migratesFrom);
+    if (version != std::to_string(options.formatVersion) && !previous) return SQLITE_FORMAT;
     MutexLock lock(mutex_);
-    return statements_->prepare(db_);
+    return statements_->prepare(db_, options.sharedContent && !previous,
+                                previous ? options.migratesFrom : 0);
 }
 
 int KeyValueStore::remove(const std::string& path) {
@@ -514,33 +637,6 @@ int KeyValueStore::insert(std::string_view key, std::string_view value, Durabili
     return rc;
 }
 
-namespace {
-
-// One write transaction, rolled back unless committed. IMMEDIATE takes the write lock at the
-// start, so that a busy store fails before anything is done rather than at the commit.
-class WriteTransaction {
-  public:
-    explicit WriteTransaction(sqlite3* db) : db_(db), status_(execute(db, "BEGIN IMMEDIATE")) {}
-    ~WriteTransaction() {
-        if (status_ == SQLITE_OK && !committed_) execute(db_, "ROLLBACK");
-    }
-    WriteTransaction(const WriteTransaction&) = delete;
-    WriteTransaction& operator=(const WriteTransaction&) = delete;
-    int status() const { return status_; }
-    int commit() {
-        const int rc = execute(db_, "COMMIT");
-        committed_ = rc == SQLITE_OK;
-        return rc;
-    }
-
-  private:
-    sqlite3* db_;
-    int status_;
-    bool committed_ = false;
-};
-
-}  // namespace
-
 int KeyValueStore::insertAll(const std::vector<std::pair<std::string, std::string>>& entries) {
     if (entries.empty()) return SQLITE_OK;
     MutexLock lock(mutex_);
@@ -552,6 +648,87 @@ int KeyValueStore::insertAll(const std::vector<std::pair<std::string, std::strin
         int rc = bindBlob(statement, 1, key);
         if (rc == SQLITE_OK) rc = bindBlob(statement, 2, value);
         if (rc == SQLITE_OK) rc = runToEnd(statement);
+        if (rc != SQLITE_OK) return rc;
+    }
+    return transaction.commit();
+}
+
+namespace {
+
+// Whether `md5` is what a content is stored under: an MD5 as 32 lower-case hexadecimal digits.
+bool isContentName(std::string_view md5) {
+    if (md5.size() != 32) return false;
+    for (const char c : md5) {
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
+    }
+    return true;
+}
+
+// What a key's shared content is scoped to: the key up to and including its first "/" (a pack's
+// name, not its version), or nothing for a key without one.
+std::string_view scopeOf(std::string_view key) {
+    const size_t slash = key.find('/');
+    return slash == std::string_view::npos || slash == 0 ? std::string_view()
+                                                         : key.substr(0, slash + 1);
+}
+
+// A blob column where the statement holds it; false when SQLite could not give its bytes.
+bool columnBlob(sqlite3_stmt* statement, int column, std::string_view& bytes) {
+    // column_blob before column_bytes: the documented order that never converts the value.
+    const void* data = sqlite3_column_blob(statement, column);
+    const int size = sqlite3_column_bytes(statement, column);
+    if (data == nullptr && size > 0) return false;
+    bytes = data != nullptr
+                ? std::string_view(static_cast<const char*>(data), static_cast<size_t>(size))
+                : std::string_view();
+    return true;
+}
+
+}  // namespace
+
+int KeyValueStore::insertChecked(const CheckedValue& entry) {
+    if (!statements_->shared || entry.md5.empty()) {
+        sqlite3_stmt* statement = statements_->insert;
+        ResetOnExit reset(statement);
+        int rc = bindBlob(statement, 1, entry.key);
+        if (rc == SQLITE_OK) rc = bindBlob(statement, 2, entry.value);
+        return rc == SQLITE_OK ? runToEnd(statement) : rc;
+    }
+    if (!isContentName(entry.md5)) return SQLITE_MISUSE;
+    const std::string_view scope = scopeOf(entry.key);
+    if (scope.empty()) return SQLITE_MISUSE;
+    // The content is named by the key's first segment and the MD5, never the MD5 alone: a pack
+    // whose publisher ships an MD5-colliding twin of another pack's file overwrites only what
+    // its own versions read.
+    std::string name;
+    name.reserve(scope.size() + entry.md5.size());
+    name.append(scope).append(entry.md5);
+    // Bytes just checked are written even when the name is there already: they are the same
+    // bytes for every version that names them, and a reinstall thereby rewrites whatever the
+    // store held, as it did when each version had its own. What is shared is never copied:
+    // an increment's unchanged files are not written at all.
+    {
+        sqlite3_stmt* statement = statements_->insertContent;
+        ResetOnExit reset(statement);
+        int rc = bindBlob(statement, 1, name);
+        if (rc == SQLITE_OK) rc = bindBlob(statement, 2, entry.value);
+        if (rc == SQLITE_OK) rc = runToEnd(statement);
+        if (rc != SQLITE_OK) return rc;
+    }
+    sqlite3_stmt* statement = statements_->insertNaming;
+    ResetOnExit reset(statement);
+    int rc = bindBlob(statement, 1, entry.key);
+    if (rc == SQLITE_OK) rc = bindBlob(statement, 2, name);
+    return rc == SQLITE_OK ? runToEnd(statement) : rc;
+}
+
+int KeyValueStore::insertAllChecked(const std::vector<CheckedValue>& entries) {
+    if (entries.empty()) return SQLITE_OK;
+    MutexLock lock(mutex_);
+    WriteTransaction transaction(db_);
+    if (transaction.status() != SQLITE_OK) return transaction.status();
+    for (const CheckedValue& entry : entries) {
+        const int rc = insertChecked(entry);
         if (rc != SQLITE_OK) return rc;
     }
     return transaction.commit();
@@ -576,27 +753,31 @@ int KeyValueStore::copyPrefix(std::string_view from, std::string_view to,
     uint64_t copied = 0;
     std::string key;
     while ((rc = sqlite3_step(rows)) == SQLITE_ROW) {
-        const void* keyData = sqlite3_column_blob(rows, 0);
-        const int keySize = sqlite3_column_bytes(rows, 0);
-        const std::string_view oldKey(keyData != nullptr ? static_cast<const char*>(keyData) : "",
-                                      keyData != nullptr ? static_cast<size_t>(keySize) : 0);
+        std::string_view oldKey;
+        std::string_view value;
+        std::string_view content;
+        if (!columnBlob(rows, 0, oldKey) || !columnBlob(rows, 1, value) ||
+            !columnBlob(rows, 2, content))
+            return SQLITE_NOMEM;
         const std::string rest(oldKey.substr(from.size()));
         if (skip.count(rest) != 0) continue;
         key.assign(to).append(rest);
-        // The value is bound where the walk holds it: valid until the walk steps again, and the
-        // insert is done by then.
-        const void* value = sqlite3_column_blob(rows, 1);
-        const int valueSize = sqlite3_column_bytes(rows, 1);
-        if (value == nullptr && valueSize > 0) return SQLITE_NOMEM;
+        // A row that names a content gets a new row naming the same: its bytes stay where they
+        // are. A row that holds its bytes is copied whole. Both are bound where the walk holds
+        // them: valid until the walk steps again, and the insert is done by then.
+        const bool named = sqlite3_column_type(rows, 2) != SQLITE_NULL;
+        // A copy names the content the row named: only within its scope, so that no key names a
+        // content that another scope's writes can replace.
+        if (named && scopeOf(oldKey) != scopeOf(key)) return SQLITE_MISUSE;
         ResetOnExit resetInsert(insert);
         rc = bindBlob(insert, 1, key);
-        if (rc == SQLITE_OK)
-            rc = bindBlob(insert, 2,
-                          std::string_view(value != nullptr ? static_cast<const char*>(value) : "",
-                                           static_cast<size_t>(valueSize)));
+        if (rc == SQLITE_OK) rc = bindBlob(insert, 2, value);
+        if (rc == SQLITE_OK && statements_->shared)
+            rc = named ? bindBlob(insert, 3, content) : sqlite3_bind_null(insert, 3);
         if (rc == SQLITE_OK) rc = runToEnd(insert);
         if (rc != SQLITE_OK) return rc;
-        if (sqlite3_changes(db_) > 0) copied += static_cast<uint64_t>(valueSize);
+        if (sqlite3_changes(db_) > 0)
+            copied += named ? static_cast<uint64_t>(sqlite3_column_int64(rows, 3)) : value.size();
     }
     if (rc != SQLITE_DONE) return rc;
     rc = transaction.commit();

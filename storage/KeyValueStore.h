@@ -74,6 +74,13 @@ class KeyValueStore {
         int64_t mmapBytes = 0;
         // Milliseconds to wait for another process's lock before an operation reports busy.
         int busyTimeoutMs = 5000;
+        // Values given with the MD5 their bytes were checked against are stored once under the
+        // key's first segment and that MD5, and every key of that segment that has them names
+        // them there (see insertAllChecked): what lets two versions of a pack share their
+        // unchanged files, and no pack reach another's. A store of format `migratesFrom`
+        // gains it at open, in one transaction.
+        bool sharedContent = false;
+        uint16_t migratesFrom = 0;
 
         // The packs store: the global configuration (one document of up to a few MiB) and
         // the files of packs kept in the store, read on the host's request path.
@@ -146,10 +153,25 @@ class KeyValueStore {
                Durability durability = Durability::Ordinary);
     // Inserts or replaces every pair in one transaction: all of them or, on failure, none.
     int insertAll(const std::vector<std::pair<std::string, std::string>>& entries);
+    // A value and the MD5 (32 lower-case hexadecimal digits) its bytes were checked against; an
+    // empty `md5` when none was. Views: the bytes must outlive the call they are passed to.
+    struct CheckedValue {
+        std::string_view key;
+        std::string_view value;
+        std::string_view md5;
+    };
+    // As insertAll. In a store with shared content a value with an MD5 is kept once under the
+    // key's scope (its part up to and including the first "/") and the MD5, and the key names
+    // it; bytes already there under that name are replaced by these, which the caller checked,
+    // and every key naming them reads them. SQLITE_MISUSE for an MD5 that is not one, or a key
+    // with no scope.
+    int insertAllChecked(const std::vector<CheckedValue>& entries);
     // In one transaction: for every key that starts with `from`, inserts its value under the key
     // with `to` in place of that prefix, unless a value is there already or `skip` holds the rest
     // of the key (what follows the prefix). `bytes` receives the total length of the values
-    // copied. The prefixes must not overlap. On failure nothing is copied.
+    // copied. The prefixes must not overlap. On failure nothing is copied. A key that names a
+    // shared content is copied as a new name of the same content, not its bytes, and only to a key
+    // of the same scope (see insertAllChecked): SQLITE_MISUSE otherwise.
     int copyPrefix(std::string_view from, std::string_view to,
                    const std::unordered_set<std::string>& skip, uint64_t& bytes);
     // Deleting a missing key is success.
@@ -176,6 +198,9 @@ class KeyValueStore {
     // Page size and vacuum mode, set only on a file that needs them.
     int layOut(const Options& options);
     int configureReadOnly(const Options& options);
+    // Migrates a store of the previous format (or a new one) to shared content.
+    int shareContent(const Options& options);
+    int insertChecked(const CheckedValue& entry) REQUIRES(mutex_);
     // Fetches up to `limit` keys of the range that follow `after` (or start at `from` when
     // `after` is null) into `keys`, each as its own string.
     int fetchKeys(Key from, Key to, const std::string* after, size_t limit,

@@ -52,6 +52,13 @@ class PacksStoreFiles : public PackedFiles {
         error = PacksStore::instance().putAll(entries);
         return !error;
     }
+    bool putChecked(const std::vector<CheckedFile>& files, Error& error) override {
+        std::vector<KeyValueStore::CheckedValue> entries;
+        entries.reserve(files.size());
+        for (const CheckedFile& file : files) entries.push_back({file.key, file.content, file.md5});
+        error = PacksStore::instance().putChecked(entries);
+        return !error;
+    }
     bool copyPrefix(std::string_view fromPrefix, std::string_view toPrefix,
                     const std::unordered_set<std::string>& skip, uint64_t& bytes,
                     Error& error) override {

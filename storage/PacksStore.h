@@ -1,5 +1,9 @@
 // PacksStore: the process-wide SeriesStore in "packs/". It holds the global configuration under
-// "config" and the files of packs that live in the store under "<name>/<seq>/<path>".
+// "config" and the files of packs that live in the store under "<name>/<seq>/<path>". A file
+// written with the MD5 it was checked against keeps its bytes once, under the pack's name and
+// that MD5, for every version of that pack that has it (see KeyValueStore::Options::sharedContent):
+// an increment names the bytes of its unchanged files rather than copying them, and they go with
+// the last version naming them.
 //
 // Created and opened at first use (see StoreInstance); two first users block until one has finished
 // opening. Any thread (see SeriesStore).

@@ -72,6 +72,18 @@ Error SeriesStore::putAll(const std::vector<std::pair<std::string, std::string>>
     return Error();
 }
 
+Error SeriesStore::putChecked(const std::vector<KeyValueStore::CheckedValue>& entries) {
+    int status = 0;
+    const std::shared_ptr<KeyValueStore> db = handle(&status);
+    if (!db) return withStatusText(Errors::initStorageFailed(name_, status), status);
+    const std::string_view firstKey = entries.empty() ? std::string_view() : entries[0].key;
+    Error paused;
+    if (writesPaused(firstKey, &paused)) return paused;
+    const int rc = db->insertAllChecked(entries);
+    if (rc != 0) return withStatusText(Errors::storageWrite(name_, firstKey, rc), rc);
+    return Error();
+}
+
 ErrorOr<uint64_t> SeriesStore::copyPrefix(std::string_view from, std::string_view to,
                                           const std::unordered_set<std::string>& skip) {
     int status = 0;

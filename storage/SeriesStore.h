@@ -42,6 +42,8 @@ class SeriesStore : public Store {
     // Stores every pair in one transaction: all of them, or none with 9997 or 1104 (about the
     // first key).
     Error putAll(const std::vector<std::pair<std::string, std::string>>& entries);
+    // As putAll, with each value's checked MD5 (see KeyValueStore::insertAllChecked).
+    Error putChecked(const std::vector<KeyValueStore::CheckedValue>& entries);
     // Copies, in one transaction, every key below `from` to the same rest below `to`, unless the
     // new key is there already or `skip` names the rest; the result is the length copied. 9997 or
     // 1104 (about `to`), and then nothing is copied.

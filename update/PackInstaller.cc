@@ -81,13 +81,13 @@ Error PackInstaller::appendFile(std::string_view piece) {
     return Error();
 }
 
-Error PackInstaller::endFile() {
+Error PackInstaller::endFile(std::string_view checkedMd5) {
     if (!streaming_) return Errors::fileWrite(writeRoot_.childOf(streamPath_), EBADF);
     streaming_ = false;
     if (isPacked()) {
         std::string content = std::move(streamBytes_);
         streamBytes_.clear();
-        return writeFile(streamPath_, content);
+        return writeFile(streamPath_, content, checkedMd5);
     }
     FILE* file = streamFile_;
     streamFile_ = nullptr;
@@ -122,7 +122,10 @@ void PackInstaller::begin() {
     // An interrupted run may have left keys of this version; the staging folder is fresh in a
     // fresh work folder, but a retried run in the same one must not keep a file of the last.
     Folder::removeFile(writeRoot_, isPacked() ? Removal::kGone : Removal::kRecreate);
-    if (!isPacked()) madeDirectories_.insert(std::string());
+    if (isPacked()) return;
+    madeDirectories_.insert(std::string());
+    // Held before the first write, so that the sync reports a failure of any of them.
+    fileSystem_ = std::make_unique<FileUtil::FileSystemSync>(work_.absolute());
 }
 
 Error PackInstaller::ensureParents(const Folder& file) {
@@ -145,10 +148,11 @@ Error PackInstaller::makeDirectory(const std::string& path) {
     return ensureParents(directory.childOf("x"));
 }
 
-Error PackInstaller::writeFile(const std::string& path, std::string_view content) {
+Error PackInstaller::writeFile(const std::string& path, std::string_view content,
+                               std::string_view checkedMd5) {
     const Folder file = writeRoot_.childOf(path);
     if (isPacked()) {
-        batch_.emplace_back(file.relative(), std::string(content));
+        batch_.push_back({file.relative(), std::string(content), std::string(checkedMd5)});
         batchBytes_ += content.size();
         written_.insert(path);
         if (batch_.size() >= kPackedBatchFiles || batchBytes_ >= kPackedBatchBytes) return flush();
@@ -168,7 +172,7 @@ Error PackInstaller::flush() {
     std::shared_ptr<PackedFiles> store = PackedFiles::current();
     if (!store) return Errors::packedStoreNotOpen();
     Error error;
-    static_cast<void>(store->putAll(batch_, error));
+    static_cast<void>(store->putChecked(batch_, error));
     batch_.clear();
     batchBytes_ = 0;
     return error;
@@ -273,6 +277,12 @@ Error PackInstaller::syncStaged(const Folder& directory) {
                 files.push_back(child);
             }
         }
+    }
+    // A folder not held, or a kernel whose syncfs hides failures, takes the per-file way.
+    if (files.size() >= kOneSyncFromFiles && fileSystem_ && fileSystem_->usable()) {
+        const int result = fileSystem_->sync();
+        if (result != 0) return Errors::fileWrite(directory, result);
+        return Error();
     }
     // Every file's writes are started before the first wait, so that the flushes overlap: one
     // file at a time made a 2,000-file install several times slower.

@@ -112,14 +112,18 @@ class EntryWriter {
 
     bool end() {
         if (skip_) return true;
+        // The MD5 that the bytes were checked against goes with them: the packed store keeps
+        // content under it, and only ever under one that was checked.
+        std::string checked;
         if (record_) {
-            error_ = record_->checkDigest(inZip_, length_, md5_.finishHex());
+            checked = md5_.finishHex();
+            error_ = record_->checkDigest(inZip_, length_, checked);
             if (error_) {
                 installer_.abandonFile();
                 return false;
             }
         }
-        error_ = installer_.endFile();
+        error_ = installer_.endFile(checked);
         return !error_;
     }
 

@@ -350,6 +350,11 @@ class CountingCalls : public FileUtil::Calls {
         if (refuse) return errno = EIO, -1;
         return Calls::syncDirectory(fd);
     }
+    int syncFileSystem(int fd) override {
+        ++fileSystemSyncs;
+        if (refuse) return errno = EIO, -1;
+        return Calls::syncFileSystem(fd);
+    }
     int rename(const char* from, const char* to) override {
         ++renames;
         if (refuse) return errno = EIO, -1;
@@ -359,7 +364,7 @@ class CountingCalls : public FileUtil::Calls {
         ++writeOpens;
         return Calls::openForWrite(path, mode);
     }
-    int dataSyncs = 0, directorySyncs = 0, renames = 0, writeOpens = 0;
+    int dataSyncs = 0, directorySyncs = 0, fileSystemSyncs = 0, renames = 0, writeOpens = 0;
     bool refuse = false;
 };
 
@@ -401,6 +406,26 @@ TEST_F(FileUtilTest, SyncsGiveErrnoResults) {
     EXPECT_EQ(FileUtil::syncDirectory(temp_.root()), EIO);
     EXPECT_EQ(FileUtil::rename(path("file"), path("other")), EIO);
     EXPECT_EQ(slurp(path("file")), "x");
+}
+
+TEST_F(FileUtilTest, FileSystemSyncGoesThroughTheInstalledCallsAndGivesErrnoResults) {
+    write("a/b.txt", "bytes");
+    CountingCalls calls;
+    ScopedCalls scoped(&calls);
+    FileUtil::FileSystemSync held(path("a/"));
+    EXPECT_TRUE(held.usable());  // the kernels this runs on report failures through syncfs
+    EXPECT_EQ(held.sync(), 0);
+    EXPECT_EQ(calls.fileSystemSyncs, 1);
+    EXPECT_EQ(calls.dataSyncs, 0);
+    calls.refuse = true;
+    EXPECT_EQ(held.sync(), EIO);
+    // A directory that cannot be opened gives its reason at the sync, which reaches no system call.
+    FileUtil::FileSystemSync missing(path("missing/"));
+    EXPECT_FALSE(missing.usable());
+    EXPECT_EQ(missing.sync(), ENOENT);
+    FileUtil::FileSystemSync notADirectory(path("a/b.txt"));
+    EXPECT_EQ(notADirectory.sync(), ENOTDIR);
+    EXPECT_EQ(calls.fileSystemSyncs, 2);
 }
 
 // --- Reading into the caller's memory ----------------------------------------------------------

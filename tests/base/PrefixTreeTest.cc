@@ -1,5 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
 #include "base/PrefixTree.h"
 
 namespace FerritCore {
@@ -108,6 +114,79 @@ TEST(PrefixTreeTest, DeepPrefixChainKeepsLongest) {
         tree.add(prefix, named("p" + std::to_string(i)));
     }
     EXPECT_EQ(tree.lookup(prefix + "file", ""), "p99");
+}
+
+// What the tree must answer for prefixes that carry only a name, worked out the long way: of every
+// prefix that the URL starts with at a "/" boundary (or that is the whole URL), the longest.
+std::string longestByScan(const std::vector<std::string>& prefixes, const std::string& url) {
+    std::string best;
+    std::string name;
+    for (const std::string& prefix : prefixes) {
+        if (url.compare(0, prefix.size(), prefix) != 0) continue;
+        if (prefix.back() != '/' && prefix.size() != url.size()) continue;
+        if (prefix.size() > best.size()) {
+            best = prefix;
+            name = "n" + prefix;
+        }
+    }
+    return name;
+}
+
+// Prefixes over a small alphabet, so that edges split and join in every way, added in runs that
+// share their start (as a pack's prefixes come), in sorted order, in reverse and shuffled: every
+// order builds a tree that answers as the scan does.
+TEST(PrefixTreeTest, AnyOrderOfAddingAnswersAsAScan) {
+    std::mt19937 random(20261125);
+    const std::string alphabet = "/ab.";
+    auto text = [&](size_t length) {
+        std::string out;
+        for (size_t i = 0; i < length; ++i) out += alphabet[random() % alphabet.size()];
+        return out;
+    };
+    for (int round = 0; round < 40; ++round) {
+        std::set<std::string> unique;
+        std::vector<std::string> added;
+        while (added.size() < 60) {
+            // A run: a start and a few continuations of it, the start itself often among them.
+            const std::string start = "//" + text(1 + random() % 6);
+            for (int i = 0, n = 1 + static_cast<int>(random() % 4); i < n; ++i) {
+                const std::string prefix = start + text(random() % 4);
+                if (unique.insert(prefix).second) added.push_back(prefix);
+            }
+        }
+        std::vector<std::string> sorted = added;
+        std::sort(sorted.begin(), sorted.end());
+        std::vector<std::string> reversed(sorted.rbegin(), sorted.rend());
+        std::vector<std::string> shuffled = added;
+        std::shuffle(shuffled.begin(), shuffled.end(), random);
+        std::vector<std::string> urls;
+        for (const std::string& prefix : added) {
+            urls.push_back(prefix);
+            urls.push_back(prefix + text(1 + random() % 5));
+            urls.push_back(prefix.substr(0, prefix.size() - 1));
+        }
+        for (int i = 0; i < 60; ++i) urls.push_back("//" + text(1 + random() % 12));
+        for (const auto* order : {&added, &sorted, &reversed, &shuffled}) {
+            PrefixTree tree;
+            for (const std::string& prefix : *order) tree.value(prefix).packName = "n" + prefix;
+            ASSERT_EQ(tree.size(), added.size());
+            for (const std::string& url : urls)
+                ASSERT_EQ(tree.lookup(url, ""), longestByScan(added, url))
+                    << "round " << round << ", url " << url;
+        }
+    }
+}
+
+// A tree moved into another answers from there; the one moved from may take a tree again.
+TEST(PrefixTreeTest, MovedTreeKeepsItsNodes) {
+    PrefixTree tree;
+    for (int i = 0; i < 100; ++i)
+        tree.add("//h/" + std::to_string(i) + "/", named(std::to_string(i)));
+    PrefixTree moved(std::move(tree));
+    EXPECT_EQ(moved.lookup("//h/42/x", ""), "42");
+    tree = std::move(moved);
+    EXPECT_EQ(tree.lookup("//h/99/x", ""), "99");
+    EXPECT_EQ(tree.size(), 100u);
 }
 
 }  // namespace

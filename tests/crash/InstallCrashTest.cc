@@ -123,6 +123,10 @@ class StepPackedFiles : public PackedFiles {
         step();
         return real_->putAll(entries, error);
     }
+    bool putChecked(const std::vector<CheckedFile>& files, Error& error) override {
+        step();
+        return real_->putChecked(files, error);
+    }
     bool copyPrefix(std::string_view from, std::string_view to,
                     const std::unordered_set<std::string>& skip, uint64_t& bytes,
                     Error& error) override {

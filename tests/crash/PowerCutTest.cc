@@ -9,7 +9,7 @@
 //   drop       file data written since its last fdatasync is gone (a new file is empty, a
 //              rewritten one has its earlier bytes), and so is every directory entry (a file
 //              created, a link, a directory made, a rename or an exchange) whose directory was
-//              not fsynced after it;
+//              not fsynced after it; a sync of the whole file system (syncfs) keeps them all;
 //   truncate   the entries are kept, and the unsynced data is cut to half its length;
 //   zero-fill  the entries are kept, and the unsynced data reads as zeros at its full length.
 // The database's own files go through a VFS shim that keeps the pre-image of each unsynced write
@@ -179,6 +179,12 @@ class Power {
     void dataSynced(int fd) {
         struct stat info;
         if (::fstat(fd, &info) == 0) data_.erase(info.st_ino);
+    }
+    // A sync of the whole file system: nothing written so far can be lost any more.
+    void everythingSynced() {
+        data_.clear();
+        entries_.clear();
+        database_.clear();
     }
     void directorySynced(int fd) {
         struct stat info;
@@ -418,6 +424,12 @@ class PowerCalls : public FileUtil::Calls {
         if (!power.watching()) return 0;
         if (!power.step()) return refuse();
         power.directorySynced(fd);
+        return 0;
+    }
+    int syncFileSystem(int) override {
+        if (!power.watching()) return 0;
+        if (!power.step()) return refuse();
+        power.everythingSynced();
         return 0;
     }
 };

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <cinttypes>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -782,6 +784,26 @@ TEST(JsonTest, ParseEventsFailsWhereParseFails) {
     }
 }
 
+// A raw control character anywhere in a long string, in a key or a value, fails both readings
+// alike: a reader that passes over strings many bytes at a time must not let one through.
+TEST(JsonTest, ParseEventsRefusesRawControlCharactersAsParseDoes) {
+    for (int c = 1; c < 0x20; ++c) {
+        for (size_t at : {size_t{0}, size_t{17}, size_t{40}}) {
+            std::string body(48, 'x');
+            body[at] = static_cast<char>(c);
+            for (const std::string& text : {"{\"k\":\"" + body + "\"}", "{\"" + body + "\":1}"}) {
+                EchoEvents events;
+                std::string eventsError;
+                std::string parseError;
+                EXPECT_FALSE(JSON::parseEvents(text, events, &eventsError)) << c << " at " << at;
+                JSON::parse(text, &parseError);
+                EXPECT_FALSE(parseError.empty()) << c << " at " << at;
+                EXPECT_EQ(eventsError, parseError) << c << " at " << at;
+            }
+        }
+    }
+}
+
 TEST(JsonTest, ParseEventsStopsWhenAHandlerSaysSo) {
     EchoEvents events;
     events.stopAfter = 2;
@@ -789,6 +811,50 @@ TEST(JsonTest, ParseEventsStopsWhenAHandlerSaysSo) {
     EXPECT_FALSE(JSON::parseEvents("[1,2,3]", events, &error));
     EXPECT_FALSE(error.empty());
     EXPECT_EQ(events.text(), "[1,2");
+}
+
+// Numbers of every shape the quick readings take (integers up to and past 19 digits, decimals
+// whose digits do and do not fit a double exactly, signs, many places) and some they leave to the
+// full reader, each compared bit for bit with the C library's correctly rounded reading, and as
+// an integer where one fits.
+TEST(JsonTest, NumbersReadExactlyAsTheLibraryRoundsThem) {
+    std::mt19937_64 random(20261125);
+    auto digitsOf = [&](size_t count, bool leading) {
+        std::string out;
+        for (size_t i = 0; i < count; ++i) {
+            const bool first = i == 0 && leading && count > 1;
+            out += static_cast<char>('0' + (first ? 1 + random() % 9 : random() % 10));
+        }
+        return out;
+    };
+    for (int i = 0; i < 20000; ++i) {
+        const bool negative = random() % 4 == 0;
+        const size_t whole = 1 + random() % 22;
+        std::string text = (negative ? "-" : "") + digitsOf(whole, true);
+        const int shape = static_cast<int>(random() % 3);
+        if (shape >= 1) text += "." + digitsOf(1 + random() % 20, false);
+        if (shape == 2 && random() % 2 == 0) text += "e" + std::to_string(random() % 40);
+        const JSON value = JSON::parse("[" + text + "]")[size_t{0}];
+        ASSERT_TRUE(value.isNumber()) << text;
+        const double expected = std::strtod(text.c_str(), nullptr);
+        if (text.find_first_of(".e") == std::string::npos) {
+            if (negative) {
+                int64_t integer = 0;
+                if (std::sscanf(text.c_str(), "%" SCNd64, &integer) == 1 && whole <= 18) {
+                    ASSERT_EQ(value.type(), Type::Int) << text;
+                    ASSERT_EQ(value.int64Value(), integer) << text;
+                    continue;
+                }
+            } else if (whole <= 19) {
+                ASSERT_TRUE(value.type() == Type::Int || value.type() == Type::UInt) << text;
+                ASSERT_EQ(value.uint64Value(), std::stoull(text)) << text;
+                continue;
+            }
+        }
+        if (value.type() != Type::Double) continue;  // a 19- or 20-digit integer that still fits
+        const double read = value.doubleValue();
+        ASSERT_EQ(std::bit_cast<uint64_t>(read), std::bit_cast<uint64_t>(expected)) << text;
+    }
 }
 
 }  // namespace

@@ -39,6 +39,12 @@ inline std::shared_ptr<FerritCore::FConfig> readThroughTree(std::string_view tex
             config->lastUpdate = value.doubleValue();
         else if (k == "lastFullUpdate")
             config->lastFullUpdate = value.doubleValue();
+        else if (k == "issued")
+            config->issued = value.doubleValue();
+        else if (k == "expires")
+            config->expires = value.doubleValue();
+        else if (k == "channel")
+            config->channel = value.stringValue();
         else if (k == "packs")
             FerritCore::FConfig::readPacks(value, config->packs);
     }

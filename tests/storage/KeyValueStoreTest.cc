@@ -355,7 +355,7 @@ TEST_F(KeyValueStoreTest, DatabaseIsLaidOutAsTheOptionsSay) {
     EXPECT_EQ(rawQuery(config, "PRAGMA page_size"), "4096");
     EXPECT_EQ(rawQuery(packs, "PRAGMA journal_mode"), "wal");
     EXPECT_EQ(rawQuery(packs, "PRAGMA auto_vacuum"), "2");
-    EXPECT_EQ(rawQuery(packs, "PRAGMA user_version"), "2");
+    EXPECT_EQ(rawQuery(packs, "PRAGMA user_version"), "3");
     EXPECT_NE(
         rawQuery(packs, "SELECT sql FROM sqlite_schema WHERE name = 'kv'").find("WITHOUT ROWID"),
         std::string::npos);

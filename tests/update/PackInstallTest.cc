@@ -9,11 +9,15 @@
 #include "access/Reader.h"
 #include "access/UpdateRequester.h"
 #include "base/Errors.h"
+#include "base/FileUtil.h"
 #include "base/Url.h"
+#include "storage/KeyValueStore.h"
 #include "storage/Statistics.h"
 #include "storage/ZipFile.h"
+#include "tests/storage/StoreFixture.h"
 #include "tests/update/InstallFixture.h"
 #include "tools/pack/ZipWriter.h"
+#include "update/PackInstaller.h"
 #include "update/QueueRequester.h"
 
 namespace FerritTest {
@@ -110,6 +114,65 @@ TEST_F(PackInstallTest, FullInstallOfAnAppWritesItsFolder) {
     EXPECT_TRUE(tempLeft().empty());
 }
 
+// Counts the syncs that reach the system.
+class SyncCountingCalls : public FileUtil::Calls {
+  public:
+    int syncData(int fd) override {
+        ++dataSyncs;
+        return Calls::syncData(fd);
+    }
+    int syncDirectory(int fd) override {
+        ++directorySyncs;
+        return Calls::syncDirectory(fd);
+    }
+    int syncFileSystem(int fd) override {
+        ++fileSystemSyncs;
+        return Calls::syncFileSystem(fd);
+    }
+    int dataSyncs = 0, directorySyncs = 0, fileSystemSyncs = 0;
+};
+
+class ScopedCalls {
+  public:
+    explicit ScopedCalls(FileUtil::Calls* calls) { FileUtil::setCalls(calls); }
+    ~ScopedCalls() { FileUtil::setCalls(nullptr); }
+};
+
+TEST_F(PackInstallTest, AppOfFewFilesIsMadeDurableFileByFile) {
+    ASSERT_LT(version1().size() + 1, PackInstaller::kOneSyncFromFiles);
+    SyncCountingCalls calls;
+    {
+        ScopedCalls scoped(&calls);
+        installApp1();
+    }
+    EXPECT_EQ(calls.fileSystemSyncs, 0);
+    // Every file written (the pages and the signed list), and each directory of the version.
+    EXPECT_GE(calls.dataSyncs, static_cast<int>(version1().size()));
+    EXPECT_GE(calls.directorySyncs, 4);
+    expectServes(version1());
+}
+
+TEST_F(PackInstallTest, AppOfManyFilesIsMadeDurableByOneSyncOfTheFileSystem) {
+    PackFiles files;
+    for (size_t i = 0; i < PackInstaller::kOneSyncFromFiles; ++i)
+        files["js/part" + std::to_string(i) + ".js"] =
+            "export const part = " + std::to_string(i) + ";";
+    put({record("app", kPackTypeACache, 1, 1, kPriorityAutoInstall)});
+    serveFull("app", 1, zipOf(files), kAppZipPrefix);
+    SyncCountingCalls calls;
+    Error error;
+    {
+        ScopedCalls scoped(&calls);
+        error = update("app", kTriggerTimer);
+    }
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(calls.fileSystemSyncs, 1);
+    EXPECT_EQ(calls.dataSyncs, 0);
+    ASSERT_EQ(find("app")->installedSeq, 1u);
+    expectServes(files);
+    EXPECT_TRUE(tempLeft().empty());
+}
+
 TEST_F(PackInstallTest, InstalledSizeCountsTheListAndEveryFile) {
     installShop1();
     uint64_t expected = indexOf(version1()).size();
@@ -145,6 +208,41 @@ TEST_F(PackInstallTest, IncrementalInstallWithTheSameBaseSeqCopiesTheUnchangedFi
     settle();
     EXPECT_TRUE(packedKeys("shop/1/").empty());
     EXPECT_TRUE(tempLeft().empty());
+}
+
+// The unchanged files of an increment name the bytes that version 1 stored: none is written
+// again. Once version 1 goes, its files' bytes that version 2 still has stay, the rest go with it;
+// once version 2 goes too, nothing is left.
+TEST_F(PackInstallTest, IncrementalInstallSharesTheUnchangedFilesBytes) {
+    installShop1();
+    const std::string database = temp_.root() + "packs/" + KeyValueStore::kFileName;
+    const auto query = [&](const std::string& sql) { return FerritTest::rawQuery(database, sql); };
+    const std::string orphans =
+        "SELECT count(*) FROM content WHERE NOT EXISTS (SELECT 1 FROM kv WHERE kv.c = content.h)";
+    // Every file of version 1 under the pack and its checked MD5; the list holds its bytes itself.
+    EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version1().size()));
+    const std::string increment = incrementOf(version1(), version2());
+    configure("shop", 2, 1, "", Digest::md5Hex(increment));
+    serveIncrement("shop", 2, increment);
+    const Error error = update("shop", kTriggerTimer);
+    ASSERT_FALSE(error) << error.message();
+    expectServes(version2());
+    // Two files more (the changed page and the new script), and the unchanged ones the same rows.
+    EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version1().size() + 2));
+    EXPECT_EQ(query("SELECT c FROM kv WHERE k = CAST('shop/2/res/js/app.js' AS BLOB)"),
+              "shop/" + Digest::md5Hex(version1().at("js/app.js")))
+        << "named by the pack and the MD5, so no other pack reaches it";
+    EXPECT_EQ(query("SELECT count(*) FROM kv WHERE k >= CAST('shop/2/res/' AS BLOB) AND "
+                    "k < CAST('shop/2/res0' AS BLOB) AND c IS NULL"),
+              "0")
+        << "every file of version 2 names its bytes";
+    settle();
+    ASSERT_TRUE(packedKeys("shop/1/").empty());
+    expectServes(version2());
+    EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version2().size()));
+    EXPECT_EQ(query(orphans), "0");
+    PackedFiles::current()->removeByPrefix("shop/2/");
+    EXPECT_EQ(query("SELECT count(*) FROM content"), "0");
 }
 
 TEST_F(PackInstallTest, IncrementalInstallOnTheDiskLinksTheUnchangedFiles) {

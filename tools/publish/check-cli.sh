@@ -289,8 +289,10 @@ cmp -s "$work/body.bin" "$work/site/lib/logo.png" || fail "the base64 body is no
 json 0 cleanup --root "$root" >/dev/null
 command -v sqlite3 >/dev/null || fail "sqlite3 is needed to damage an installed file"
 # A corrupted installed file: the check fails naming the pack and the file, the other pack passes.
+# The file's row names its bytes in the content table, where they are damaged.
 sqlite3 "$root/packs/store.db" \
-  "UPDATE kv SET v = CAST('<html>tw0</html>' AS BLOB) WHERE CAST(k AS TEXT) = 'shop/2/res/index.html'"
+  "UPDATE content SET v = CAST('<html>tw0</html>' AS BLOB) WHERE h = \
+   (SELECT c FROM kv WHERE CAST(k AS TEXT) = 'shop/2/res/index.html')"
 doc=$(json 1 check --root "$root" --public-key "$work/key.pub.pem")
 expect "shop@2: 1106" "$(field .error <<<"$doc")"
 expect "index.html" "$(field .error <<<"$doc")"
