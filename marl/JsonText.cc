@@ -55,7 +55,7 @@ bool hasScanBlindByte(std::string_view text) {
     return seen != 0;
 }
 
-enum class Failure { None, TooDeep, TooBig };
+#include "marl/JsonReading.inc"
 
 // Most numbers of a document are plain unsigned integers of at most 19 digits, which cannot
 // overflow, or times written as short decimals: both are read in one pass. The parser has checked
@@ -156,97 +156,6 @@ class TextBuilder : public rj::BaseReaderHandler<rj::UTF8<>, TextBuilder> {
     JSON root_;
     Failure failure_ = Failure::None;
 };
-
-// Hands the parser's events on as they come, with the depth limit and number conversion of
-// TextBuilder, so that both forms of parsing accept exactly the same texts.
-class EventRelay : public rj::BaseReaderHandler<rj::UTF8<>, EventRelay> {
-  public:
-    explicit EventRelay(JSONEvents& events) : events_(events) {}
-
-    bool Null() { return events_.scalar(JSON::null()); }
-    bool Bool(bool b) { return events_.scalar(JSON(b)); }
-    bool RawNumber(const char* s, rj::SizeType length, bool) {
-        JSON number;
-        if (!internal::readNumber(s, length, number)) {
-            failure_ = Failure::TooBig;
-            return false;
-        }
-        return events_.scalar(number);
-    }
-    bool String(const char* s, rj::SizeType length, bool) {
-        return events_.string(std::string_view(s, length));
-    }
-    bool Key(const char* s, rj::SizeType length, bool) {
-        return events_.key(std::string_view(s, length));
-    }
-    bool StartObject() { return open() && events_.startObject(); }
-    bool EndObject(rj::SizeType) {
-        --depth_;
-        return events_.endObject();
-    }
-    bool StartArray() { return open() && events_.startArray(); }
-    bool EndArray(rj::SizeType) {
-        --depth_;
-        return events_.endArray();
-    }
-
-    Failure failure() const { return failure_; }
-
-  private:
-    bool open() {
-        if (depth_ >= JSON::kMaxDepth) {
-            failure_ = Failure::TooDeep;
-            return false;
-        }
-        ++depth_;
-        return true;
-    }
-
-    JSONEvents& events_;
-    int depth_ = 0;
-    Failure failure_ = Failure::None;
-};
-
-// Runs RapidJSON's reader over the whole text with `handler`; on failure fills `error` with the
-// parser's words (or the handler's reason) and the offset.
-// Numbers are taken as text and converted here with correct rounding: that is what full
-// precision asks for, and RapidJSON 1.1.0's own full-precision conversion misreads an all-zero
-// mantissa with a large exponent ("0e52").
-constexpr unsigned kReadFlags = rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag;
-
-template <unsigned kFlags, typename Stream, typename Handler>
-bool readText(std::string_view text, Stream& stream, Handler& handler, std::string* error) {
-    rj::Reader reader;
-    const rj::ParseResult result = reader.Parse<kFlags>(stream, handler);
-    if (result.IsError()) {
-        if (error) {
-            std::string words;
-            switch (handler.failure()) {
-                case Failure::TooDeep:
-                    words =
-                        "Nesting is deeper than " + std::to_string(JSON::kMaxDepth) + " levels.";
-                    break;
-                case Failure::TooBig:
-                    words = rj::GetParseError_En(rj::kParseErrorNumberTooBig);
-                    break;
-                case Failure::None:
-                    words = rj::GetParseError_En(result.Code());
-                    break;
-            }
-            *error = words + " at offset " + std::to_string(result.Offset());
-        }
-        return false;
-    }
-    // The stream reads a NUL byte as the end of the text; anything after it is still trailing.
-    if (stream.Tell() != text.size()) {
-        if (error) {
-            *error = std::string(rj::GetParseError_En(rj::kParseErrorDocumentRootNotSingular)) +
-                     " at offset " + std::to_string(stream.Tell());
-        }
-        return false;
-    }
-    return true;
-}
 
 }  // namespace
 
