@@ -41,11 +41,21 @@ class SharedContentTest : public FerritTest::StoreFixture {
     std::string folder() const { return (temp_.path() / "packs").string(); }
     std::string file() const { return folder() + "/" + KeyValueStore::kFileName; }
 
-    std::string valueOf(std::string_view key) {
+    static std::string valueOf(KeyValueStore& store, std::string_view key) {
         std::string value;
         bool found = false;
-        EXPECT_EQ(store_->get(key, value, found), 0);
+        EXPECT_EQ(store.get(key, value, found), 0);
         return found ? value : "<missing>";
+    }
+    std::string valueOf(std::string_view key) { return valueOf(*store_, key); }
+    // A handle on the store that only reads, as a process on a read-only disk has; null (with a
+    // failure recorded) when it cannot be opened.
+    std::unique_ptr<KeyValueStore> openReader() {
+        std::unique_ptr<KeyValueStore> reader;
+        EXPECT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &reader,
+                                      KeyValueStore::Access::ReadOnly),
+                  0);
+        return reader;
     }
     std::string contents() { return rawQuery(file(), "SELECT count(*) FROM content"); }
     // Content that no row names: what a missed release would leave.
@@ -234,15 +244,9 @@ TEST_F(SharedContentTest, StoreOfThePreviousFormatMigratesAtOpen) {
     ASSERT_EQ(rawQuery(file(), "PRAGMA user_version"), "2");
     // A reader that cannot write reads the earlier format as it is.
     {
-        std::unique_ptr<KeyValueStore> reader;
-        ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &reader,
-                                      KeyValueStore::Access::ReadOnly),
-                  0);
-        std::string value;
-        bool found = false;
-        ASSERT_EQ(reader->get("p/1/a.js", value, found), 0);
-        EXPECT_TRUE(found);
-        EXPECT_EQ(value, a_);
+        std::unique_ptr<KeyValueStore> reader = openReader();
+        ASSERT_TRUE(reader);
+        EXPECT_EQ(valueOf(*reader, "p/1/a.js"), a_);
     }
     ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &store_), 0);
     EXPECT_EQ(rawQuery(file(), "PRAGMA user_version"), "3");
@@ -269,23 +273,17 @@ TEST_F(SharedContentTest, StaleReaderOfThePreviousFormatMissesAfterTheMigration)
         ASSERT_EQ(KeyValueStore::open(folder(), previousFormat(), &old), 0);
         ASSERT_EQ(old->insert("p/1/list", "the list"), 0);
     }
-    std::unique_ptr<KeyValueStore> reader;
-    ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &reader,
-                                  KeyValueStore::Access::ReadOnly),
-              0);
-    std::string value;
-    bool found = false;
-    ASSERT_EQ(reader->get("p/1/list", value, found), 0);
-    ASSERT_TRUE(found);
-    ASSERT_EQ(value, "the list");
+    std::unique_ptr<KeyValueStore> reader = openReader();
+    ASSERT_TRUE(reader);
+    ASSERT_EQ(valueOf(*reader, "p/1/list"), "the list");
 
     ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &store_), 0);
     ASSERT_EQ(rawQuery(file(), "PRAGMA user_version"), "3");
     ASSERT_EQ(store_->insertAllChecked({{"p/2/a.js", a_, md5A_}}), 0);
     ASSERT_EQ(rawQuery(file(), "SELECT length(v) FROM kv WHERE k = CAST('p/2/a.js' AS BLOB)"), "0");
 
-    value = "stale";
-    found = true;
+    std::string value = "stale";
+    bool found = true;
     EXPECT_EQ(reader->get("p/2/a.js", value, found), 0);
     EXPECT_FALSE(found);
     EXPECT_EQ(value, "");
@@ -296,13 +294,9 @@ TEST_F(SharedContentTest, StaleReaderOfThePreviousFormatMissesAfterTheMigration)
     EXPECT_FALSE(found);
     EXPECT_FALSE(visited);
     // A new handle reads the migrated store in its own format.
-    std::unique_ptr<KeyValueStore> fresh;
-    ASSERT_EQ(KeyValueStore::open(folder(), KeyValueStore::Options::forPacks(), &fresh,
-                                  KeyValueStore::Access::ReadOnly),
-              0);
-    ASSERT_EQ(fresh->get("p/2/a.js", value, found), 0);
-    EXPECT_TRUE(found);
-    EXPECT_EQ(value, a_);
+    std::unique_ptr<KeyValueStore> fresh = openReader();
+    ASSERT_TRUE(fresh);
+    EXPECT_EQ(valueOf(*fresh, "p/2/a.js"), a_);
 }
 
 // ---- A kill at every write of the migration ---------------------------------------------------

@@ -57,6 +57,12 @@ class PackInstallTest : public InstallFixture {
         p->incrMd5 = incrMd5;
         put({p});
     }
+    // Version 2 of "shop" configured as an increment on version 1, and its zip served.
+    void offerIncrementToVersion2() {
+        const std::string increment = incrementOf(version1(), version2());
+        configure("shop", 2, 1, "", Digest::md5Hex(increment));
+        serveIncrement("shop", 2, increment);
+    }
     std::vector<std::string> urls() const {
         std::vector<std::string> out;
         for (const ProxyRequest& request : proxy_->requests) out.push_back(request.url);
@@ -182,9 +188,7 @@ TEST_F(PackInstallTest, InstalledSizeCountsTheListAndEveryFile) {
 
 TEST_F(PackInstallTest, IncrementalInstallWithTheSameBaseSeqCopiesTheUnchangedFiles) {
     installShop1();
-    const std::string increment = incrementOf(version1(), version2());
-    configure("shop", 2, 1, "", Digest::md5Hex(increment));
-    serveIncrement("shop", 2, increment);
+    offerIncrementToVersion2();
 
     const Error error = update("shop", kTriggerTimer);
     ASSERT_FALSE(error) << error.message();
@@ -221,9 +225,7 @@ TEST_F(PackInstallTest, IncrementalInstallSharesTheUnchangedFilesBytes) {
         "SELECT count(*) FROM content WHERE NOT EXISTS (SELECT 1 FROM kv WHERE kv.c = content.h)";
     // Every file of version 1 under the pack and its checked MD5; the list holds its bytes itself.
     EXPECT_EQ(query("SELECT count(*) FROM content"), std::to_string(version1().size()));
-    const std::string increment = incrementOf(version1(), version2());
-    configure("shop", 2, 1, "", Digest::md5Hex(increment));
-    serveIncrement("shop", 2, increment);
+    offerIncrementToVersion2();
     const Error error = update("shop", kTriggerTimer);
     ASSERT_FALSE(error) << error.message();
     expectServes(version2());
@@ -252,9 +254,7 @@ TEST_F(PackInstallTest, IncrementalInstallOnTheDiskLinksTheUnchangedFiles) {
     p->installedBaseSeq = 1;
     put({p});
     writeVersion(Folder::disk("apps/shop/1/"), version1());
-    const std::string increment = incrementOf(version1(), version2());
-    configure("shop", 2, 1, "", Digest::md5Hex(increment));
-    serveIncrement("shop", 2, increment);
+    offerIncrementToVersion2();
     const Error error = update("shop", kTriggerTimer);
     ASSERT_FALSE(error) << error.message();
     expectServes(version2());
@@ -301,9 +301,7 @@ TEST_F(PackInstallTest, IncrementalWhoseInstalledFolderIsGoneMarksThePackForRein
     installShop1();
     PackedFiles::current()->removeByPrefix("shop/1/");
     ResourceIndexPool::clear();
-    const std::string increment = incrementOf(version1(), version2());
-    configure("shop", 2, 1, "", Digest::md5Hex(increment));
-    serveIncrement("shop", 2, increment);
+    offerIncrementToVersion2();
     const Error error = update("shop", kTriggerTimer);
     EXPECT_EQ(error.code(), Errors::kFileNotExists);
     EXPECT_EQ(error.message(), "file \"/Packs/shop/1/\" not exists");
