@@ -834,7 +834,8 @@ TEST_F(ZipFileTest, DeflateStreamWithTrailingBytesGivesItsContent) {
 
 // A stored entry is checked against its CRC-32 as a deflated one is, read whole or streamed.
 TEST_F(ZipFileTest, StoredEntryWhoseCrcDiffersGives2207) {
-    const std::string archive = zipOf({rawEntry("s.txt", "hello", 5, 0x12345678, false)});
+    const std::string archive =
+        zipOf({rawEntry("s.txt", "hello", 5, 0x12345678, /*deflate=*/false)});
     const std::string crcFailed = "unzip \"in/pack.zip\" failed: Read zip file \"s.txt\" failed: " +
                                   std::to_string(UNZ_CRCERROR) +
                                   " (UNZ_CRCERROR: content does not match its CRC-32)";
