@@ -810,11 +810,13 @@ TEST(JsonTest, ParseEventsInPlaceAgreesWithParseEvents) {
     std::string tooDeep(JSON::kMaxDepth + 1, '[');
     tooDeep.append(JSON::kMaxDepth + 1, ']');
     const std::string longString(70, 'y');
+    std::string escaped = "{\"";
+    escaped.append(longString).append("\":\"").append(longString).append("\\u001b\"}");
+    std::string raw = "{\"k\":\"";
+    raw.append(longString).append("\x1b\"}");
     for (const std::string& text :
-         {std::string(R"({"k\"ey\u0041":"a\\b\nc","n":[12,0.5e-3],"t":"\u20ac"})"),
-          "{\"" + longString + "\":\"" + longString + "\\u001b\"}",
-          "{\"k\":\"" + longString + "\x1b\"}", std::string(R"({"a":1)"), std::string("[1] 2"),
-          std::string("[1]\0[2]", 7), tooDeep}) {
+         {std::string(R"({"k\"ey\u0041":"a\\b\nc","n":[12,0.5e-3],"t":"\u20ac"})"), escaped, raw,
+          std::string(R"({"a":1)"), std::string("[1] 2"), std::string("[1]\0[2]", 7), tooDeep}) {
         EchoEvents expected;
         std::string expectedError;
         const bool parsed = JSON::parseEvents(text, expected, &expectedError);

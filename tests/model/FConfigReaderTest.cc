@@ -78,7 +78,7 @@ TEST_F(FConfigReaderTest, OnlyTheLastRecordOfANameIsJudgedAndReported) {
 // A stored document read in place gives what a copy gives; its refused record is reported from
 // the text read again, since the parse rewrote the one it had.
 TEST_F(FConfigReaderTest, StoredDocumentReadInPlaceReportsRefusedRecordsFromASecondRead) {
-    const std::string text =
+    std::string text =
         R"({"v":"3.1","i":4294967295,"packs":{"a":{"s":2,"p":["https://a/\u0078/"]},)"
         R"("b":{"f":32,"s":3}}})";
     Error error;
@@ -88,7 +88,7 @@ TEST_F(FConfigReaderTest, StoredDocumentReadInPlaceReportsRefusedRecordsFromASec
         return text;
     });
     ASSERT_NE(stored, nullptr) << error.message();
-    auto copied = FConfig::parse(text, "local", error, false);
+    auto copied = FConfig::parse(text, "local", error, /*checkSignature=*/false);
     ASSERT_NE(copied, nullptr);
     EXPECT_EQ(stored->serialize(), copied->serialize());
     EXPECT_EQ(stored->find("a")->prefixes, std::vector<std::string>{"https://a/x/"});
