@@ -196,18 +196,35 @@ std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string
         error = Errors::requestDeserialization(origin, reason);
         return nullptr;
     }
-    if (config->version.empty()) {
-        error = Errors::serverError(origin, static_cast<int>(Environment::instance().flags()));
+    if (!config->finishParse(origin, error)) return nullptr;
+    return config;
+}
+
+std::shared_ptr<FConfig> FConfig::parseStored(std::string text, Error& error,
+                                              const std::function<std::string()>& reread) {
+    static const std::string kOrigin = "local";
+    auto config = std::make_shared<FConfig>();
+    std::string reason;
+    if (!config->readInPlace(text, reason, reread)) {
+        error = Errors::requestDeserialization(kOrigin, reason);
         return nullptr;
     }
-    config->version = normalizeVersion(config->version);
-    if (config->lastUpdate == 0) config->lastUpdate = MRLCurrentTime();
-    if (config->isFull() && config->lastFullUpdate == 0)
-        config->lastFullUpdate = config->lastUpdate;
+    if (!config->finishParse(kOrigin, error)) return nullptr;
+    return config;
+}
+
+bool FConfig::finishParse(const std::string& origin, Error& error) {
+    if (version.empty()) {
+        error = Errors::serverError(origin, static_cast<int>(Environment::instance().flags()));
+        return false;
+    }
+    version = normalizeVersion(version);
+    if (lastUpdate == 0) lastUpdate = MRLCurrentTime();
+    if (isFull() && lastFullUpdate == 0) lastFullUpdate = lastUpdate;
     // The matcher's tables are built when a document is published (SCache::publish or a
     // transaction): a fetched document that is only merged never needs its own.
     error.clear();
-    return config;
+    return true;
 }
 
 std::string FConfig::serialize() const {

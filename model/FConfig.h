@@ -44,6 +44,12 @@ class FConfig {
     // matcher's tables are empty until the document is published or rebuildIndexes() is called.
     static std::shared_ptr<FConfig> parse(std::string_view text, const std::string& origin,
                                           Error& error, bool checkSignature);
+    // Parses a document that this device stored (origin "local", no signature), reading `text`
+    // in place: the megabytes of a large document are not copied once more. Give the text
+    // JSON::kInPlaceSpare bytes of spare capacity. `reread` gives the stored text again, only to
+    // report a refused record as it was stored (rare: this device stores records that validated).
+    static std::shared_ptr<FConfig> parseStored(std::string text, Error& error,
+                                                const std::function<std::string()>& reread);
     // Splits "<json>||<signature>" at the last "||" and checks the signature of the MD5 of the
     // JSON through the proxy. On success `body` holds the JSON alone.
     // `signer`, when given, receives the id of the key that signed (KeyTrust::signerOf), and
@@ -141,9 +147,19 @@ class FConfig {
     // Reads the document's members straight from the parser (FConfigReader.cc); false when
     // `text` is not a JSON object.
     bool read(std::string_view text, std::string& reason);
+    // The same over `text` read in place (JSON::parseEventsInPlace); `reread` gives the text
+    // again for the report of a refused record.
+    bool readInPlace(std::string& text, std::string& reason,
+                     const std::function<std::string()>& reread);
+    // What parse and parseStored do once the document is read: the checks and defaults of its
+    // fields. False with `error` set when it has no version.
+    bool finishParse(const std::string& origin, Error& error);
     // Reports a record that must not be kept, as the server sent it, so that the server side can
     // be fixed.
     static void reportRefused(const std::string& name, const MarlLogger::json::JSON& record);
+    // Reports each record of `text` whose name is in `names`.
+    static void reportRefusedIn(std::string_view text,
+                                const std::unordered_set<std::string>& names);
 
     std::shared_ptr<const MatchTables> tables_;
 };
