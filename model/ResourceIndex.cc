@@ -200,8 +200,8 @@ bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Fo
                          keyBuffer);
         }
         std::shared_ptr<const ResourceRecord> shared = record;
-        if (!keyBuffer.empty()) records_.emplace(keyBuffer, shared);
-        records_.emplace(record->path, std::move(shared));
+        if (!keyBuffer.empty()) records_.tryEmplace(keyBuffer, shared);
+        records_.tryEmplace(record->path, std::move(shared));
     }
     return true;
 }
@@ -209,8 +209,8 @@ bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Fo
 std::shared_ptr<const ResourceRecord> ResourceIndex::find(std::string_view url) const {
     if (url.size() >= 1 && url[0] == '/' && !(url.size() > 1 && url[1] == '/'))
         url.remove_prefix(1);
-    auto it = records_.find(url);
-    return it == records_.end() ? nullptr : it->second;
+    const auto* record = records_.find(url);
+    return record == nullptr ? nullptr : *record;
 }
 
 std::vector<std::string> ResourceIndex::urls() const {
@@ -282,9 +282,71 @@ struct PooledIndex {
     }
 };
 
+using FoundEntry = StringMap<PooledIndex>::value_type;
+
+// Before the names: the entry of `found` last used for a record, by the record's address, in a
+// flat table, so that a request neither hashes the name nor walks a bucket. An entry is taken only
+// for a record of its name and installation: a record freed and another made at its address
+// finds the entry of that other's name, or nothing. Entries point into `found`, whose elements
+// never move, and go whenever it is cleared.
+class FoundByAddress {
+  public:
+    const FoundEntry* find(const Pack* pack) const {
+        if (slots_.empty()) return nullptr;
+        const size_t mask = slots_.size() - 1;
+        for (size_t i = slotOf(pack); slots_[i].first != nullptr; i = (i + 1) & mask)
+            if (slots_[i].first == pack) return slots_[i].second;
+        return nullptr;
+    }
+    // `named` bounds the table: every snapshot's records have new addresses, so addresses of
+    // records no longer in use pile up; past twice the names (and a few) it starts again.
+    void put(const Pack* pack, const FoundEntry* entry, size_t named) {
+        if ((used_ + 1) * 2 > slots_.size()) {
+            if (used_ >= 2 * named + 64) {
+                clear();
+            }
+            if ((used_ + 1) * 2 > slots_.size()) grow();
+        }
+        const size_t mask = slots_.size() - 1;
+        size_t i = slotOf(pack);
+        while (slots_[i].first != nullptr && slots_[i].first != pack) i = (i + 1) & mask;
+        if (slots_[i].first == nullptr) ++used_;
+        slots_[i] = {pack, entry};
+    }
+    void clear() {
+        slots_.clear();
+        used_ = 0;
+    }
+
+  private:
+    // Fibonacci hashing of the address, its low (aligned) bits dropped: the mask keeps bits that
+    // differ between records.
+    size_t slotOf(const Pack* pack) const {
+        const uint64_t mixed =
+            (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(pack)) >> 4) * 0x9E3779B97F4A7C15ull;
+        return static_cast<size_t>(mixed >> 32) & (slots_.size() - 1);
+    }
+    void grow() {
+        std::vector<std::pair<const Pack*, const FoundEntry*>> old = std::move(slots_);
+        slots_.assign(old.empty() ? 64 : old.size() * 2, {nullptr, nullptr});
+        used_ = 0;
+        for (const auto& [pack, entry] : old)
+            if (pack != nullptr) put(pack, entry, SIZE_MAX / 4);
+    }
+
+    std::vector<std::pair<const Pack*, const FoundEntry*>> slots_;
+    size_t used_ = 0;
+};
+
 struct ThreadIndexes {
     uint64_t generation = 0;
     StringMap<PooledIndex> found;
+    FoundByAddress byAddress;
+
+    void clear() {
+        byAddress.clear();
+        found.clear();
+    }
 };
 thread_local ThreadIndexes threadIndexes;
 
@@ -306,7 +368,7 @@ Pool& pool() {
         p.embedded.clear();
         p.loader = nullptr;
         p.changed();
-        threadIndexes.found.clear();  // the resetting thread's, at once
+        threadIndexes.clear();  // the resetting thread's, at once
     });
     return *instance;
 }
@@ -320,14 +382,21 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     ThreadIndexes& mine = threadIndexes;
     const uint64_t generation = p.generation.load(std::memory_order_acquire);
     if (mine.generation == generation) {
+        if (const FoundEntry* seen = mine.byAddress.find(&pack);
+            seen != nullptr && seen->second.describes(pack) && seen->first == pack.name)
+            return seen->second.index;
         auto it = mine.found.find(std::string_view(pack.name));
-        if (it != mine.found.end() && it->second.describes(pack)) return it->second.index;
+        if (it != mine.found.end() && it->second.describes(pack)) {
+            mine.byAddress.put(&pack, &*it, mine.found.size());
+            return it->second.index;
+        }
     } else {
-        mine.found.clear();
+        mine.clear();
         mine.generation = generation;
     }
     ResourceIndexPtr index = getLocked(p, pack);
-    mine.found.insert_or_assign(pack.name, PooledIndex(index, pack));
+    const auto [entry, added] = mine.found.insert_or_assign(pack.name, PooledIndex(index, pack));
+    mine.byAddress.put(&pack, &*entry, mine.found.size());
     return index;
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/FileUtil.h"
+#include "base/FlatStringMap.h"
 #include "base/Folder.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
@@ -129,7 +130,7 @@ class ResourceIndex {
     bool hasFolder_ = false;
     Folder folder_;
     std::unique_ptr<OpenDirectory> directory_;
-    StringMap<std::shared_ptr<const ResourceRecord>> records_;
+    FlatStringMap<std::shared_ptr<const ResourceRecord>> records_;
     std::unordered_set<std::string> removed_;
 };
 
