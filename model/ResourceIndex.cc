@@ -282,36 +282,46 @@ struct PooledIndex {
     }
 };
 
-using FoundEntry = StringMap<PooledIndex>::value_type;
+// Before the names: what this thread found for a shared record, by the record's address, in a flat
+// table, so that a request neither hashes the name nor walks a bucket and a node. A slot holds a
+// weak reference to the record: the same address under another owner is another record, and the
+// memory of a record made with its owner is not given to another while the slot remembers it.
+class FoundByRecord {
+    struct Slot {
+        const Pack* pack = nullptr;
+        std::weak_ptr<const Pack> owner;
+        ResourceIndexPtr index;
+        uint64_t installedSeq = 0;
+        bool isPacks = false;
+    };
 
-// Before the names: the entry of `found` last used for a record, by the record's address, in a
-// flat table, so that a request neither hashes the name nor walks a bucket. An entry is taken only
-// for a record of its name and installation: a record freed and another made at its address
-// finds the entry of that other's name, or nothing. Entries point into `found`, whose elements
-// never move, and go whenever it is cleared.
-class FoundByAddress {
   public:
-    const FoundEntry* find(const Pack* pack) const {
+    const ResourceIndexPtr* find(const PackPtr& pack) const {
         if (slots_.empty()) return nullptr;
         const size_t mask = slots_.size() - 1;
-        for (size_t i = slotOf(pack); slots_[i].first != nullptr; i = (i + 1) & mask)
-            if (slots_[i].first == pack) return slots_[i].second;
+        for (size_t i = slotOf(pack.get()); slots_[i].pack != nullptr; i = (i + 1) & mask) {
+            const Slot& slot = slots_[i];
+            if (slot.pack != pack.get()) continue;
+            const bool same = !slot.owner.owner_before(pack) && !pack.owner_before(slot.owner);
+            return same && slot.installedSeq == pack->installedSeq && slot.isPacks == pack->isPacks
+                       ? &slot.index
+                       : nullptr;
+        }
         return nullptr;
     }
-    // `named` bounds the table: every snapshot's records have new addresses, so addresses of
-    // records no longer in use pile up; past twice the names (and a few) it starts again.
-    void put(const Pack* pack, const FoundEntry* entry, size_t named) {
+    // `named` bounds the table: every snapshot's records have new addresses, so slots of records
+    // no longer in use pile up; past twice the names (and a few) it starts again.
+    void put(const PackPtr& pack, ResourceIndexPtr index, size_t named) {
         if ((used_ + 1) * 2 > slots_.size()) {
-            if (used_ >= 2 * named + 64) {
-                clear();
-            }
+            if (used_ >= 2 * named + 64) clear();
             if ((used_ + 1) * 2 > slots_.size()) grow();
         }
-        const size_t mask = slots_.size() - 1;
-        size_t i = slotOf(pack);
-        while (slots_[i].first != nullptr && slots_[i].first != pack) i = (i + 1) & mask;
-        if (slots_[i].first == nullptr) ++used_;
-        slots_[i] = {pack, entry};
+        Slot& slot = slotFor(pack.get());
+        slot.pack = pack.get();
+        slot.owner = pack;
+        slot.index = std::move(index);
+        slot.installedSeq = pack->installedSeq;
+        slot.isPacks = pack->isPacks;
     }
     void clear() {
         slots_.clear();
@@ -326,25 +336,33 @@ class FoundByAddress {
             (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(pack)) >> 4) * 0x9E3779B97F4A7C15ull;
         return static_cast<size_t>(mixed >> 32) & (slots_.size() - 1);
     }
+    // The slot of `pack`, or the free one where it goes.
+    Slot& slotFor(const Pack* pack) {
+        const size_t mask = slots_.size() - 1;
+        size_t i = slotOf(pack);
+        while (slots_[i].pack != nullptr && slots_[i].pack != pack) i = (i + 1) & mask;
+        if (slots_[i].pack == nullptr) ++used_;
+        return slots_[i];
+    }
     void grow() {
-        std::vector<std::pair<const Pack*, const FoundEntry*>> old = std::move(slots_);
-        slots_.assign(old.empty() ? 64 : old.size() * 2, {nullptr, nullptr});
+        std::vector<Slot> old = std::move(slots_);
+        slots_ = std::vector<Slot>(old.empty() ? 64 : old.size() * 2);
         used_ = 0;
-        for (const auto& [pack, entry] : old)
-            if (pack != nullptr) put(pack, entry, SIZE_MAX / 4);
+        for (Slot& slot : old)
+            if (slot.pack != nullptr) slotFor(slot.pack) = std::move(slot);
     }
 
-    std::vector<std::pair<const Pack*, const FoundEntry*>> slots_;
+    std::vector<Slot> slots_;
     size_t used_ = 0;
 };
 
 struct ThreadIndexes {
     uint64_t generation = 0;
     StringMap<PooledIndex> found;
-    FoundByAddress byAddress;
+    FoundByRecord byRecord;
 
     void clear() {
-        byAddress.clear();
+        byRecord.clear();
         found.clear();
     }
 };
@@ -382,21 +400,25 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
     ThreadIndexes& mine = threadIndexes;
     const uint64_t generation = p.generation.load(std::memory_order_acquire);
     if (mine.generation == generation) {
-        if (const FoundEntry* seen = mine.byAddress.find(&pack);
-            seen != nullptr && seen->second.describes(pack) && seen->first == pack.name)
-            return seen->second.index;
         auto it = mine.found.find(std::string_view(pack.name));
-        if (it != mine.found.end() && it->second.describes(pack)) {
-            mine.byAddress.put(&pack, &*it, mine.found.size());
-            return it->second.index;
-        }
+        if (it != mine.found.end() && it->second.describes(pack)) return it->second.index;
     } else {
         mine.clear();
         mine.generation = generation;
     }
     ResourceIndexPtr index = getLocked(p, pack);
-    const auto [entry, added] = mine.found.insert_or_assign(pack.name, PooledIndex(index, pack));
-    mine.byAddress.put(&pack, &*entry, mine.found.size());
+    mine.found.insert_or_assign(pack.name, PooledIndex(index, pack));
+    return index;
+}
+
+ResourceIndexPtr ResourceIndexPool::get(const PackPtr& pack) {
+    ThreadIndexes& mine = threadIndexes;
+    if (mine.generation == pool().generation.load(std::memory_order_acquire)) {
+        if (const ResourceIndexPtr* seen = mine.byRecord.find(pack)) return *seen;
+    }
+    // Looked up by name, which also lets go of what the thread found before a change of the pool.
+    ResourceIndexPtr index = get(*pack);
+    mine.byRecord.put(pack, index, mine.found.size());
     return index;
 }
 

@@ -398,6 +398,36 @@ TEST_F(ResourceIndexTest, PoolJudgesARecordByItsNameAndInstallationNotItsAddress
     EXPECT_EQ(ResourceIndexPool::get(record), four);
 }
 
+// A shared record is found again by its address; another record, even one made where a freed one
+// lay, and a record whose installation changed are given their own index.
+TEST_F(ResourceIndexTest, PoolFindsASharedRecordAgainOnlyWhileItIsTheSameRecord) {
+    install({pack("app", kPackTypeFerrit, 3, 3), pack("other", kPackTypeFerrit, 3, 3)});
+    auto one = std::make_shared<const ResourceIndex>("app", table({{"res/x.js", ""}}));
+    auto two = std::make_shared<const ResourceIndex>("other", table({{"res/y.js", ""}}));
+    auto three = std::make_shared<const ResourceIndex>("app", table({{"res/z.js", ""}}));
+    int loads = 0;
+    ResourceIndexPool::setLoader([&](const Pack& p) -> ResourceIndexPtr {
+        ++loads;
+        if (p.name == "other") return two;
+        return p.installedSeq == 3 ? one : three;
+    });
+    // Made apart from its owner, so that a freed record's memory may be given to the next one.
+    std::shared_ptr<Pack> record(new Pack(*SCache::current()->find("app")));
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(record)), one);
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(record)), one);
+    EXPECT_EQ(loads, 1);
+    record->installedSeq = 4;
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(record)), three);
+    record.reset();
+    std::shared_ptr<Pack> next(new Pack(*SCache::current()->find("other")));
+    next->installedSeq = 4;  // all that tells it apart, at the same address, is its name
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(next)), two);
+    // After a change of the pool the same record is looked up again.
+    ResourceIndexPool::remove("other");
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(next)), two);
+    EXPECT_EQ(loads, 4);
+}
+
 TEST_F(ResourceIndexTest, PoolStoresAFailedLoad) {
     install({pack("app", kPackTypeFerrit, 3, 3)});
     const PackPtr p = SCache::current()->find("app");
