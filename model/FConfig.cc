@@ -531,42 +531,86 @@ void FConfig::setInstalled(std::string_view name, UpdateTrigger trigger, uint64_
     put(std::move(pack));
 }
 
-void FConfig::rebuildIndexes(const FConfig* previous) {
-    std::vector<const PackPtr*> changed;
-    if (previous != nullptr && previous->tables_ && sameRouting(packs, previous->packs, changed)) {
-        tables_ = previous->tables_;
-        if (changed.empty()) {
-            routed_ = previous->routed_;
-            return;
-        }
-        // The same names route as before: only the records that were replaced move in.
-        auto routed = std::make_shared<std::vector<PackPtr>>(*previous->routed_);
-        for (const PackPtr* pack : changed)
-            if (const uint32_t* place = tables_->places.find((*pack)->name))
-                (*routed)[*place] = *pack;
-        routed_ = std::move(routed);
-        return;
-    }
-    auto tables = std::make_shared<MatchTables>();
-    auto routed = std::make_shared<std::vector<PackPtr>>();
-    tables->urlIndex.reserve(packs.size());
+namespace {
+
+// Where two packs claim the same prefix (for the same type) or the same referrer, the smallest
+// name wins, so that the tables do not depend on the order of the map.
+void claim(std::string& holder, std::string_view name) {
+    if (holder.empty() || name < holder) holder.assign(name);
+}
+
+// The matcher's tables in the making, with the list of routed records that goes with them.
+struct TableBuilder {
+    std::shared_ptr<MatchTables> tables = std::make_shared<MatchTables>();
+    std::shared_ptr<std::vector<PackPtr>> routed = std::make_shared<std::vector<PackPtr>>();
+    std::string keyBuffer;
+    std::string accept;
+
     // The place of a pack, given on its first claim: only packs that route take one.
-    auto placeOf = [&](std::string_view name, const PackPtr& pack) {
+    uint32_t placeOf(std::string_view name, const PackPtr& record) {
         const auto [place, added] =
             tables->places.tryEmplace(name, static_cast<uint32_t>(tables->names.size()));
         if (added) {
             tables->names.emplace_back(name);
-            routed->push_back(pack);
+            routed->push_back(record);
         }
         return *place;
-    };
-    // Where two packs claim the same prefix (for the same type) or the same referrer, the
-    // smallest name wins, so that the tables do not depend on the order of the map.
-    auto claim = [](std::string& holder, std::string_view name) {
-        if (holder.empty() || name < holder) holder.assign(name);
-    };
-    std::string keyBuffer;
-    std::string accept;
+    }
+
+    // Enters the prefixes and referrers of one record.
+    void add(std::string_view name, const PackPtr& record) {
+        const Pack& pack = *record;
+        if (pack.packType() == kPackTypeSCache && pack.subType == kSubTypeFixedSeq) return;
+        for (const auto& prefix : pack.prefixes) {
+            // A prefix may name, after a "#", the content type it serves: the fragment never
+            // reaches a server, so it is free to carry this.
+            const size_t hash = prefix.find('#');
+            Url::keyInto(std::string_view(prefix).substr(0, hash), keyBuffer);
+            if (keyBuffer.empty()) continue;
+            PrefixValue& value = tables->prefixTree.value(keyBuffer);
+            placeOf(name, record);
+            if (hash == std::string::npos || hash + 1 == prefix.size()) {
+                claim(value.packName, name);
+                continue;
+            }
+            accept.assign(prefix, hash + 1);
+            Ascii::lowerInPlace(accept);
+            claim(value.acceptPacks[accept], name);
+        }
+        for (const auto& referrer : pack.referrers) {
+            Url::keyInto(referrer, keyBuffer);
+            if (keyBuffer.empty()) continue;
+            const uint32_t place = placeOf(name, record);
+            const auto [holder, added] = tables->urlIndex.tryEmplace(keyBuffer, place);
+            if (!added && name < tables->names[*holder]) *holder = place;
+        }
+    }
+};
+
+// The routed records of a snapshot that shares its tables with one whose list is `before`: the
+// same names route as before, and only the records that were replaced move in.
+std::shared_ptr<const std::vector<PackPtr>> patchRouted(
+    const MatchTables& tables, const std::shared_ptr<const std::vector<PackPtr>>& before,
+    const std::vector<const PackPtr*>& changed) {
+    if (changed.empty()) return before;
+    auto routed = std::make_shared<std::vector<PackPtr>>(*before);
+    for (const PackPtr* record : changed)
+        if (const uint32_t* place = tables.places.find((*record)->name))
+            (*routed)[*place] = *record;
+    return routed;
+}
+
+}  // namespace
+
+void FConfig::rebuildIndexes(const FConfig* previous) {
+    std::vector<const PackPtr*> changed;
+    if (previous != nullptr && previous->tables_ && sameRouting(packs, previous->packs, changed)) {
+        tables_ = previous->tables_;
+        routed_ = patchRouted(*tables_, previous->routed_, changed);
+        return;
+    }
+    TableBuilder builder;
+    builder.tables->urlIndex.reserve(packs.size());
     // A freshly parsed document's records lie all over the heap, and the first touch of each
     // waited on memory: with the records in a list, each step fetches a record, its lists and
     // their text a few places ahead, in that order, while this one is read.
@@ -588,36 +632,10 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
             for (const std::string& text : soon->prefixes) __builtin_prefetch(text.data());
             for (const std::string& text : soon->referrers) __builtin_prefetch(text.data());
         }
-        const auto [name, record] = records[i];
-        const Pack* pack = record->get();
-        if (pack->packType() == kPackTypeSCache && pack->subType == kSubTypeFixedSeq) continue;
-        for (const auto& prefix : pack->prefixes) {
-            // A prefix may name, after a "#", the content type it serves: the fragment never
-            // reaches a server, so it is free to carry this.
-            const size_t hash = prefix.find('#');
-            Url::keyInto(std::string_view(prefix).substr(0, hash), keyBuffer);
-            if (keyBuffer.empty()) continue;
-            PrefixValue& value = tables->prefixTree.value(keyBuffer);
-            if (hash == std::string::npos || hash + 1 == prefix.size()) {
-                claim(value.packName, name);
-                placeOf(name, *record);
-                continue;
-            }
-            accept.assign(prefix, hash + 1);
-            Ascii::lowerInPlace(accept);
-            claim(value.acceptPacks[accept], name);
-            placeOf(name, *record);
-        }
-        for (const auto& referrer : pack->referrers) {
-            Url::keyInto(referrer, keyBuffer);
-            if (keyBuffer.empty()) continue;
-            const uint32_t place = placeOf(name, *record);
-            const auto [holder, added] = tables->urlIndex.tryEmplace(keyBuffer, place);
-            if (!added && name < tables->names[*holder]) *holder = place;
-        }
+        builder.add(records[i].first, *records[i].second);
     }
-    tables_ = std::move(tables);
-    routed_ = std::move(routed);
+    tables_ = std::move(builder.tables);
+    routed_ = std::move(builder.routed);
 }
 
 }  // namespace FerritCore
