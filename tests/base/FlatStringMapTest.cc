@@ -82,7 +82,7 @@ TEST(FlatStringMapTest, AgreesWithStdMapThroughGrowth) {
 TEST(FlatStringMapTest, ReserveKeepsKeysAndClearEmpties) {
     FlatStringMap<std::shared_ptr<int>> map;
     map.tryEmplace("a", std::make_shared<int>(1));
-    map.reserve(1000, 64 * 1000);
+    map.reserve(1000, 64000);
     map.tryEmplace("b", std::make_shared<int>(2));
     ASSERT_NE(map.find("a"), nullptr);
     EXPECT_EQ(**map.find("a"), 1);
