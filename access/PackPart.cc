@@ -135,7 +135,7 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
         return;
     }
     const bool needsUpdate = p.installedSeq < p.seq;
-    index = ResourceIndexPool::get(p);
+    index = ResourceIndexPool::get(pack);
     if (index->error()) {
         error = index->error();
         followUp_ = FollowUp::kReinstall;

@@ -10,7 +10,9 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
+#include "base/FlatStringMap.h"
 #include "base/PrefixTree.h"
 #include "base/StringMap.h"
 #include "base/Telemetry.h"
@@ -21,10 +23,14 @@
 
 namespace FerritCore {
 
-// The two indexes the matcher reads, derived from the records' referrers and prefixes.
+// The two indexes the matcher reads, derived from the records' referrers and prefixes. They are
+// shared by the snapshots whose routing is the same, so they name a pack by its place in a
+// snapshot's own list of routed records (FConfig::routedPacks), not by the record itself.
 struct MatchTables {
-    StringMap<std::string> urlIndex;  // referrer index: "//" form of a URL -> pack name
-    PrefixTree prefixTree;            // prefix index
+    FlatStringMap<uint32_t> urlIndex;  // referrer index: "//" form of a URL -> place of its pack
+    PrefixTree prefixTree;             // prefix index
+    std::vector<std::string> names;    // the name of the pack at each place
+    FlatStringMap<uint32_t> places;    // pack name -> its place
 };
 
 // "fullMark" of a document that lists every pack.
@@ -101,8 +107,26 @@ class FConfig {
     // Rebuilds the matcher's tables; shares those of `previous` when no record's routing changed,
     // so that a transaction that touches no prefix or referrer costs no index rebuild.
     void rebuildIndexes(const FConfig* previous = nullptr);
-    const StringMap<std::string>& urlIndex() const { return tables_->urlIndex; }
+    const FlatStringMap<uint32_t>& urlIndex() const { return tables_->urlIndex; }
     const PrefixTree& prefixTree() const { return tables_->prefixTree; }
+    // The record of the pack that the referrer index names for URL key `k`, or null: one probe of
+    // the index and no lookup of the name.
+    PackPtr packForUrl(std::string_view k) const {
+        const uint32_t* place = tables_->urlIndex.find(k);
+        return place == nullptr ? nullptr : (*routed_)[*place];
+    }
+    // The record of a pack that the tables name (as the prefix index answers), or null.
+    PackPtr routedPack(std::string_view name) const {
+        const uint32_t* place = tables_->places.find(name);
+        return place == nullptr ? nullptr : (*routed_)[*place];
+    }
+    // The name of the pack that the referrer index names for URL key `k`; empty when none.
+    std::string_view urlPackName(std::string_view k) const {
+        const uint32_t* place = tables_->urlIndex.find(k);
+        return place == nullptr ? std::string_view() : std::string_view(tables_->names[*place]);
+    }
+    // The name of the pack at a place of the tables (a value of urlIndex()).
+    const std::string& routedName(uint32_t place) const { return tables_->names[place]; }
 
     // Document fields.
     std::string version = "0";
@@ -162,6 +186,9 @@ class FConfig {
                                 const std::unordered_set<std::string>& names);
 
     std::shared_ptr<const MatchTables> tables_;
+    // This snapshot's record of each pack the tables name, by place (null when it has none):
+    // what the tables answer is the current record without a lookup of its name.
+    std::shared_ptr<const std::vector<PackPtr>> routed_;
 };
 
 using FConfigPtr = std::shared_ptr<const FConfig>;
