@@ -4,6 +4,7 @@
 
 #include "access/ResponseMemory.h"
 #include "access/UpdateRequester.h"
+#include "access/VisitRecords.h"
 #include "base/Digest.h"
 #include "base/Environment.h"
 #include "base/Errors.h"
@@ -248,7 +249,8 @@ void PackPart::reportVisit() {
     visit.time = MRLCurrentClock() - createTime_;
     visit.readFileTime = readFileTime;
     visit.accessCount = accessCount_;
-    sendAppVisit(*match, visit);
+    // The record's texts are made on the worker: the request hands over the match it holds.
+    queueAppVisit(match, visit);
 }
 
 void sendAppVisit(const PackMatch& match, const AppVisit& visit) {

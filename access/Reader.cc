@@ -2,6 +2,7 @@
 
 #include "access/Matcher.h"
 #include "access/UpdateRequester.h"
+#include "access/VisitRecords.h"
 #include "base/Errors.h"
 #include "base/LogTags.h"
 #include "base/Proxy.h"
@@ -35,7 +36,8 @@ std::shared_ptr<PackMatch> matchByName(const ReaderParams& params) {
 }
 
 // "Ferrit.AppVisit" of a reader: "RCF" on the first visit of the pack in this process, "RC" after.
-void sendVisit(PackMatch& match, double start) {
+void sendVisit(const std::shared_ptr<PackMatch>& matchPtr, double start) {
+    const PackMatch& match = *matchPtr;
     if (match.name.empty()) return;
     const bool versioned = match.pinned && match.pack && match.pack->subType == kSubTypePlain;
     const std::string key =
@@ -48,7 +50,8 @@ void sendVisit(PackMatch& match, double start) {
     visit.error = &match.error;
     visit.time = MRLCurrentClock() - start;
     visit.accessCount = accessCount;
-    sendAppVisit(match, visit);
+    // In the same queue as a request's records, so that a thread's records keep their order.
+    queueAppVisit(matchPtr, visit);
 }
 
 }  // namespace
@@ -58,7 +61,7 @@ void Reader::load(const ReaderParams& params, Callback callback) {
     const std::string id = MRLGenerateID(TracePrefix::kReader);
     const double start = MRLCurrentClock();
     std::shared_ptr<PackMatch> match = matchByName(params);
-    sendVisit(*match, start);
+    sendVisit(match, start);
     if (!match->error) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kReader)
             .event("load", params.parentId)

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <thread>
 
 #include "access/ComboRule.h"
 #include "access/Matcher.h"
@@ -248,6 +249,9 @@ TEST_F(AccessTest, SubProcessPostsNoRepairs) {
     std::filesystem::remove(temp_.path() / "apps/app/3/res/app.js");
     EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/app.js", ""))->error.code(),
               Errors::kPackFileNotFound);
+    // The one task is the worker's sending of the request's records; no repair.
+    EXPECT_EQ(TaskRunner::pendingCount(), 1u);
+    EXPECT_EQ(TaskRunner::runDue(), 1u);
     EXPECT_EQ(TaskRunner::pendingCount(), 0u);
 }
 
@@ -379,6 +383,7 @@ TEST_F(AccessTest, ProxyReceivesVisitRecords) {
         auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
         ASSERT_FALSE(response->error);
     }
+    sendQueuedVisits();
     ASSERT_EQ(proxy->events.size(), 2u);
     EXPECT_EQ(proxy->events[0], "Ferrit.VisitPerf");
     EXPECT_EQ(proxy->records[0].dimensions.at("resourceCount"), "1");
@@ -428,17 +433,20 @@ TEST_F(AccessTest, ProxyThatChangesItsWishIsSentRecordsOnlyWhileItWantsThem) {
         ASSERT_FALSE(response->error);
     };
     hit();
+    sendQueuedVisits();
     EXPECT_TRUE(proxy->events.empty());
     proxy->wants = true;
     Environment::instance().refreshTakesEvents();
     EXPECT_TRUE(Environment::instance().takesEvents());
     hit();
+    sendQueuedVisits();
     const size_t sent = proxy->events.size();
     EXPECT_GT(sent, 0u);
     proxy->wants = false;
     Environment::instance().refreshTakesEvents();
     EXPECT_FALSE(Environment::instance().takesEvents());
     hit();
+    sendQueuedVisits();
     EXPECT_EQ(proxy->events.size(), sent);
     Environment::instance().setProxy(nullptr);
     Environment::instance().refreshTakesEvents();
@@ -449,6 +457,7 @@ TEST_F(AccessTest, NoAppVisitForUnmatchedUrl) {
     auto proxy = std::make_shared<FakeProxy>();
     Environment::instance().setProxy(proxy);
     { Access::getResource(ResourceRequest("https://nowhere.com/x.js", "")); }
+    sendQueuedVisits();
     ASSERT_EQ(proxy->events.size(), 1u);
     EXPECT_EQ(proxy->events[0], "Ferrit.VisitPerf");
 }
@@ -460,6 +469,7 @@ TEST_F(AccessTest, SecondVisitIsNotFirst) {
     Environment::instance().setProxy(proxy);
     { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }
     { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }
+    sendQueuedVisits();
     ASSERT_EQ(proxy->records.size(), 4u);
     EXPECT_EQ(proxy->records[3].dimensions.at("visitType"), "N");
 }
@@ -470,14 +480,14 @@ TEST_F(AccessTest, SyncHitSendsEachRecordOnceWhenTheHostFinishesIt) {
     installAppPack(3, 3);
     auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
     ASSERT_FALSE(response->error) << response->error.message();
-    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
-    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    EXPECT_TRUE(sent("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
     clock_->advance(7);
     response->setFinished(Error());
     response->setFinished(Error());
     response.reset();
-    const auto perf = proxy_->named("Ferrit.VisitPerf");
-    const auto visits = proxy_->named("Ferrit.AppVisit");
+    const auto perf = sent("Ferrit.VisitPerf");
+    const auto visits = sent("Ferrit.AppVisit");
     ASSERT_EQ(perf.size(), 1u);
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_EQ(perf[0].dimensions.at("type"), "sync");
@@ -494,11 +504,11 @@ TEST_F(AccessTest, AsyncHitSendsEachRecordOnceWhenTheResponseIsReleased) {
     ASSERT_NE(response, nullptr);
     ASSERT_FALSE(response->error) << response->error.message();
     EXPECT_EQ(response->data, "console.log(1);");
-    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
-    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    EXPECT_TRUE(sent("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
     response.reset();
-    ASSERT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
-    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    ASSERT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
 }
 
 TEST_F(AccessTest, AggregateRequestSendsOneVisitPerfAndOneAppVisitForEachFile) {
@@ -513,13 +523,13 @@ TEST_F(AccessTest, AggregateRequestSendsOneVisitPerfAndOneAppVisitForEachFile) {
     ASSERT_NE(response, nullptr);
     ASSERT_FALSE(response->error) << response->error.message();
     EXPECT_EQ(response->data, "AB");
-    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
     response->setFinished(Error());
     response.reset();
-    const auto perf = proxy_->named("Ferrit.VisitPerf");
+    const auto perf = sent("Ferrit.VisitPerf");
     ASSERT_EQ(perf.size(), 1u);
     EXPECT_EQ(perf[0].dimensions.at("resourceCount"), "2");
-    const auto visits = proxy_->named("Ferrit.AppVisit");
+    const auto visits = sent("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), 2u);
     EXPECT_EQ(visits[0].dimensions.at("appName"), "mods");
     EXPECT_EQ(visits[1].dimensions.at("appName"), "mods");
@@ -534,12 +544,12 @@ TEST_F(AccessTest, AggregateThatFailsSendsTheVisitOfEachFileItHadMatched) {
     writeFile("apps/mods/3/res/a.js", "A");
     auto response = Access::getResource(ResourceRequest(origin + "/??pk/a.js,lib/n.js", ""));
     EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
-    const auto visits = proxy_->named("Ferrit.AppVisit");
+    const auto visits = sent("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_EQ(visits[0].dimensions.at("appName"), "mods");
     response.reset();
-    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
-    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
+    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
 }
 
 TEST_F(AccessTest, MissSendsVisitPerfOnceAndNoAppVisit) {
@@ -547,8 +557,8 @@ TEST_F(AccessTest, MissSendsVisitPerfOnceAndNoAppVisit) {
     EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
     response->setFinished(Error());
     response.reset();
-    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
-    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
 }
 
 // The referrer's pack does not know the URL, so its part is dropped during the match: that part's
@@ -558,15 +568,15 @@ TEST_F(AccessTest, PartThatTheMatchDropsSendsItsVisitOnceWhenDropped) {
     auto response = Access::getResource(
         ResourceRequest("https://h.com/app/app.js", "https://h.com/index.html"));
     ASSERT_FALSE(response->error) << response->error.message();
-    auto visits = proxy_->named("Ferrit.AppVisit");
+    auto visits = sent("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_EQ(visits[0].dimensions.at("appName"), "page");
     EXPECT_EQ(visits[0].dimensions.at("errorCode"), std::to_string(Errors::kNotFerritPackResource));
     response.reset();
-    visits = proxy_->named("Ferrit.AppVisit");
+    visits = sent("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), 2u);
     EXPECT_EQ(visits[1].dimensions.at("appName"), "app");
-    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
 }
 
 // Destruction is no end of a request: a match that nobody finishes reports nothing, and its part
@@ -582,11 +592,11 @@ TEST_F(AccessTest, DestroyingAnUnfinishedRequestSendsNothing) {
         part = resource->parts.front();
         EXPECT_FALSE(resource->finished());
     }
-    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
-    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    EXPECT_TRUE(sent("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
     part->finish();
     part->finish();
-    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
     part.reset();
     {
         std::shared_ptr<Resource> resource =
@@ -595,8 +605,8 @@ TEST_F(AccessTest, DestroyingAnUnfinishedRequestSendsNothing) {
         part = resource->parts.front();
     }
     part.reset();
-    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
-    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    EXPECT_TRUE(sent("Ferrit.VisitPerf").empty());
+    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
 }
 
 // A read that may outlive the request (an on-demand file's) holds the part: its visit waits for
@@ -609,13 +619,56 @@ TEST_F(AccessTest, PartHeldByAReadSendsItsVisitOnceTheReadLetsGo) {
     ResourcePart& part = *resource->parts.front();
     part.holdForRead();
     resource->finish();
-    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
-    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
+    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
     part.releaseAfterRead();
-    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
     resource->finish();
-    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
-    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
+}
+
+// A hit only notes its records: the worker builds and sends them, each thread's in the order that
+// thread noted them, including those of a thread that has ended by then.
+TEST_F(AccessTest, RecordsAreSentByTheWorkerInEachThreadsOrder) {
+    install({pack("one", kPackTypeFerrit, 3, 3, {"https://h.com/one/"}),
+             pack("two", kPackTypeFerrit, 3, 3, {"https://h.com/two/"})});
+    serveIndexes({{"one", table({{"res/a.js", "https://h.com/one/a.js"}})},
+                  {"two", table({{"res/a.js", "https://h.com/two/a.js"}})}});
+    writeFile("apps/one/3/res/a.js", "1");
+    writeFile("apps/two/3/res/a.js", "2");
+    TaskRunner::runDue();
+    constexpr int kHits = 3;
+    const auto hits = [](const std::string& url) {
+        for (int i = 0; i < kHits; ++i) {
+            auto response = Access::getResource(ResourceRequest(url, ""));
+            EXPECT_FALSE(response->error) << response->error.message();
+        }
+    };
+    std::thread first(hits, "https://h.com/one/a.js");
+    std::thread second(hits, "https://h.com/two/a.js");
+    first.join();
+    second.join();
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty()) << "sent on the request's thread";
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    TaskRunner::runDue();
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 2u * kHits);
+    for (const std::string name : {"one", "two"}) {
+        std::vector<std::string> types;
+        for (const FakeProxy::Record& record : proxy_->named("Ferrit.AppVisit"))
+            if (record.dimensions.at("appName") == name)
+                types.push_back(record.dimensions.at("visitType"));
+        EXPECT_EQ(types, (std::vector<std::string>{"NF", "N", "N"})) << name;
+    }
+    // Each request's VisitPerf comes before its AppVisit, as its thread noted them.
+    std::vector<std::string> events;
+    for (const std::string& event : proxy_->events)
+        if (event == "Ferrit.VisitPerf" || event == "Ferrit.AppVisit") events.push_back(event);
+    ASSERT_EQ(events.size(), 4u * kHits);
+    for (size_t i = 0; i < events.size(); ++i)
+        EXPECT_EQ(events[i], i % 2 == 0 ? "Ferrit.VisitPerf" : "Ferrit.AppVisit") << i;
+    // Sent once: nothing is left for another round.
+    EXPECT_EQ(sendQueuedVisits(), 0u);
 }
 
 // The objects of a request come from recycled blocks: none starts out finished.
@@ -628,8 +681,8 @@ TEST_F(AccessTest, EveryRequestOnRecycledObjectsSendsItsOwnRecords) {
         EXPECT_FALSE(resource->finished());
         resource->finish();
         EXPECT_TRUE(resource->finished());
-        EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), i);
-        EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), i);
+        EXPECT_EQ(sent("Ferrit.VisitPerf").size(), i);
+        EXPECT_EQ(sent("Ferrit.AppVisit").size(), i);
     }
 }
 

@@ -1,0 +1,106 @@
+#include "access/VisitRecords.h"
+
+#include <atomic>
+#include <optional>
+#include <utility>
+
+#include "access/PackPart.h"
+#include "base/ProcessState.h"
+#include "base/Telemetry.h"
+#include "runtime/TaskRunner.h"
+#include "runtime/ThreadQueues.h"
+
+namespace FerritCore {
+namespace {
+
+// One noted record: an AppVisit when `match` is set, a VisitPerf otherwise. Plain values and one
+// counted pointer, so that noting one costs no text and no allocation.
+struct Noted {
+    std::shared_ptr<const PackMatch> match;
+    VisitPerf perf;
+    UpdateTrigger trigger = kTriggerNone;
+    const char* visitType = "";
+    Error error;
+    double time = 0;
+    std::optional<double> readFileTime;
+    double accessCount = 0;
+};
+
+struct State {
+    ThreadQueues<Noted> queues;
+    // The one task that sends what was noted (see TaskRunner::postOnce).
+    std::atomic<TaskId> sendTask{0};
+};
+
+State& state() {
+    static State* const instance = ProcessState::create<State>([](State& s) {
+        // What a test left noted belongs to its proxy, not to the next test's.
+        s.queues.dropAll();
+        s.sendTask.store(0, std::memory_order_release);
+    });
+    return *instance;
+}
+
+void send(Noted&& noted) {
+    if (noted.match) {
+        AppVisit visit;
+        visit.trigger = noted.trigger;
+        visit.visitType = noted.visitType;
+        visit.error = &noted.error;
+        visit.time = noted.time;
+        visit.readFileTime = noted.readFileTime;
+        visit.accessCount = noted.accessCount;
+        sendAppVisit(*noted.match, visit);
+        return;
+    }
+    PerfRecord record("Ferrit.VisitPerf");
+    record.setDimension("resourceCount", std::to_string(noted.perf.resourceCount));
+    record.setDimension("type", std::move(noted.perf.type));
+    record.setMeasure("matchTime", noted.perf.matchTime);
+    record.setMeasure("readTime", noted.perf.readTime);
+    record.setMeasure("time", noted.perf.time);
+    sendEvent(record);
+}
+
+void note(Noted noted) {
+    State& s = state();
+    s.queues.push(std::move(noted));
+    // Orders the entry's store before the look at the task, as the task's start orders its reset
+    // of the holder before its look at the queues: one of the two sees the other, so an entry is
+    // never left without a task to send it.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (s.sendTask.load(std::memory_order_relaxed) != 0) return;
+    TaskRunner::postOnce(
+        s.sendTask,
+        [] {
+            std::atomic_thread_fence(std::memory_order_seq_cst);
+            sendQueuedVisits();
+        },
+        0);
+}
+
+}  // namespace
+
+void queueVisitPerf(VisitPerf perf) {
+    Noted noted;
+    noted.perf = std::move(perf);
+    note(std::move(noted));
+}
+
+void queueAppVisit(std::shared_ptr<const PackMatch> match, const AppVisit& visit) {
+    Noted noted;
+    noted.match = std::move(match);
+    noted.trigger = visit.trigger;
+    noted.visitType = visit.visitType;
+    if (visit.error != nullptr) noted.error = *visit.error;
+    noted.time = visit.time;
+    noted.readFileTime = visit.readFileTime;
+    noted.accessCount = visit.accessCount;
+    note(std::move(noted));
+}
+
+size_t sendQueuedVisits() {
+    return state().queues.drain([](Noted&& noted) { send(std::move(noted)); });
+}
+
+}  // namespace FerritCore
