@@ -91,15 +91,15 @@ const std::string& ResourcePart::traceId() {
     return traceId_;
 }
 
-void ResourcePart::finish() {
+void ResourcePart::finish(double end) {
     if (finished_) return;
     finished_ = true;
-    releaseAfterRead();
+    release(end);
 }
 
-void ResourcePart::releaseAfterRead() {
+void ResourcePart::release(double end) {
     // The last hold to go sees every write of the others: the request's and the reads'.
-    if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1) reportVisit();
+    if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1) reportVisit(end);
 }
 
 // ---- Resource ----
@@ -125,7 +125,8 @@ void Resource::finish() {
         perf.time = lastTime - startTime;
         queueVisitPerf(std::move(perf));
     }
-    for (const auto& part : parts) part->finish();
+    // The parts' visits end with the request: its last clock reading serves them too.
+    for (const auto& part : parts) part->finish(lastTime);
 }
 
 void Resource::addPart(std::shared_ptr<ResourcePart> part, MatchKind kind) {

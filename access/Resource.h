@@ -126,12 +126,14 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
     // (Resource::finish, or the matcher when it drops the part); a second call does nothing. A
     // part that reports its visit does so once the request has ended it and no read holds it any
     // more, on the thread that lets go last. Destroying a part reports nothing. Called by the
-    // part's owner, one thread at a time.
-    void finish();
+    // part's owner, one thread at a time. `end`, when not 0, is the clock at the request's end,
+    // already read: a visit reported now ends there.
+    void finish(double end = 0);
     // Keeps the visit's report back while a read that may finish after the request still writes
-    // the part; every holdForRead() is matched by one releaseAfterRead(), on any thread.
+    // the part; every holdForRead() is matched by one releaseAfterRead(), on any thread. A visit
+    // reported by the read's release ends when it is reported.
     void holdForRead() { holds_.fetch_add(1, std::memory_order_relaxed); }
-    void releaseAfterRead();
+    void releaseAfterRead() { release(0); }
 
     // The clock when a synchronous read of this part began and when it ended, for a reader that
     // times the same span (0 when unknown): each boundary's clock is read once.
@@ -145,10 +147,13 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
 
   protected:
     // Sends what the part reports of its visit; runs once, when the request has ended the part
-    // and no read holds it. Most parts report nothing.
-    virtual void reportVisit() {}
+    // and no read holds it. Most parts report nothing. `end` is the clock at which the visit
+    // ends, or 0 for now.
+    virtual void reportVisit(double /*end*/) {}
 
   private:
+    void release(double end);
+
     std::string traceId_;
     // One hold for the request (let go by finish()) and one per read in progress.
     std::atomic<uint32_t> holds_{1};
