@@ -249,8 +249,8 @@ void PackPart::reportVisit(double end) {
     visit.time = (end > 0 ? end : MRLCurrentClock()) - createTime_;
     visit.readFileTime = readFileTime;
     visit.accessCount = accessCount_;
-    // The record's texts are made on the worker: the request hands over the match it holds.
-    queueAppVisit(match, visit);
+    // The record's texts are made on the worker.
+    queueAppVisit(*match, visit);
 }
 
 void sendAppVisit(const PackMatch& match, const AppVisit& visit) {

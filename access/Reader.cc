@@ -36,8 +36,7 @@ std::shared_ptr<PackMatch> matchByName(const ReaderParams& params) {
 }
 
 // "Ferrit.AppVisit" of a reader: "RCF" on the first visit of the pack in this process, "RC" after.
-void sendVisit(const std::shared_ptr<PackMatch>& matchPtr, double start) {
-    const PackMatch& match = *matchPtr;
+void sendVisit(const PackMatch& match, double start) {
     if (match.name.empty()) return;
     const bool versioned = match.pinned && match.pack && match.pack->subType == kSubTypePlain;
     const std::string key =
@@ -51,7 +50,7 @@ void sendVisit(const std::shared_ptr<PackMatch>& matchPtr, double start) {
     visit.time = MRLCurrentClock() - start;
     visit.accessCount = accessCount;
     // In the same queue as a request's records, so that a thread's records keep their order.
-    queueAppVisit(matchPtr, visit);
+    queueAppVisit(match, visit);
 }
 
 }  // namespace
@@ -61,7 +60,7 @@ void Reader::load(const ReaderParams& params, Callback callback) {
     const std::string id = MRLGenerateID(TracePrefix::kReader);
     const double start = MRLCurrentClock();
     std::shared_ptr<PackMatch> match = matchByName(params);
-    sendVisit(match, start);
+    sendVisit(*match, start);
     if (!match->error) {
         MarlLogger::LogBuilder(MarlLogger::MRLLevelInfo, LogTag::kReader)
             .event("load", params.parentId)

@@ -140,7 +140,8 @@ void Resource::addPart(std::shared_ptr<ResourcePart> part, MatchKind kind) {
 }
 
 void Resource::makeGroup() {
-    group = std::make_shared<ReadGroup>(parts, context);
+    group = std::make_shared<ReadGroup>(
+        std::vector<std::shared_ptr<ResourcePart>>(parts.begin(), parts.end()), context);
 }
 
 std::string Resource::read(ResponseMemory* memory) {

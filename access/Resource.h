@@ -15,6 +15,7 @@
 
 #include "base/Http.h"
 #include "base/LogTags.h"
+#include "base/Recycled.h"
 #include "base/Telemetry.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
@@ -207,7 +208,11 @@ class Resource : public std::enable_shared_from_this<Resource> {
     double matchTime = 0;
     double readTime = 0;
     Error error;
-    std::vector<std::shared_ptr<ResourcePart>> parts;
+    // A request's one part sits in a block its thread recycles: the list of a hit costs no
+    // allocation. A second part grows the list from the heap.
+    using Parts = std::vector<std::shared_ptr<ResourcePart>,
+                              RecycledDetail::Allocator<std::shared_ptr<ResourcePart>>>;
+    Parts parts;
     bool isCombo = false;
     bool is404 = false;
     bool isSCacheHit = false;

@@ -13,10 +13,15 @@
 namespace FerritCore {
 namespace {
 
-// One noted record: an AppVisit when `match` is set, a VisitPerf otherwise. Plain values and one
-// counted pointer, so that noting one costs no text and no allocation.
+// One noted record: an AppVisit when `isAppVisit`, a VisitPerf otherwise. Plain values, the
+// pack's counted pointer and the short texts the match already holds, so that noting one builds
+// no text.
 struct Noted {
-    std::shared_ptr<const PackMatch> match;
+    bool isAppVisit = false;
+    PackPtr pack;
+    std::string name;  // the match's, when there is no pack
+    std::string configVersion;
+    double matchTime = 0;
     VisitPerf perf;
     UpdateTrigger trigger = kTriggerNone;
     const char* visitType = "";
@@ -42,7 +47,11 @@ State& state() {
 }
 
 void send(Noted&& noted) {
-    if (noted.match) {
+    if (noted.isAppVisit) {
+        PackMatch match(std::move(noted.name), Error());
+        match.pack = std::move(noted.pack);
+        match.configVersion = std::move(noted.configVersion);
+        match.matchTime = noted.matchTime;
         AppVisit visit;
         visit.trigger = noted.trigger;
         visit.visitType = noted.visitType;
@@ -50,7 +59,7 @@ void send(Noted&& noted) {
         visit.time = noted.time;
         visit.readFileTime = noted.readFileTime;
         visit.accessCount = noted.accessCount;
-        sendAppVisit(*noted.match, visit);
+        sendAppVisit(match, visit);
         return;
     }
     PerfRecord record("Ferrit.VisitPerf");
@@ -87,9 +96,13 @@ void queueVisitPerf(VisitPerf perf) {
     note(std::move(noted));
 }
 
-void queueAppVisit(std::shared_ptr<const PackMatch> match, const AppVisit& visit) {
+void queueAppVisit(const PackMatch& match, const AppVisit& visit) {
     Noted noted;
-    noted.match = std::move(match);
+    noted.isAppVisit = true;
+    noted.pack = match.pack;
+    if (!match.pack) noted.name = match.name;
+    noted.configVersion = match.configVersion;
+    noted.matchTime = match.matchTime;
     noted.trigger = visit.trigger;
     noted.visitType = visit.visitType;
     if (visit.error != nullptr) noted.error = *visit.error;

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <string>
 
 #include "ferritcore/Error.h"
@@ -26,9 +25,10 @@ struct VisitPerf {
 };
 
 void queueVisitPerf(VisitPerf perf);
-// The record of `visit` (whose error is copied) and of `match`, which the queue holds until the
-// record is built.
-void queueAppVisit(std::shared_ptr<const PackMatch> match, const AppVisit& visit);
+// The record of `visit` (whose error is copied) and of `match`. The queue keeps what the record
+// tells of the match (its pack, name, configuration version and time), not the match itself: a
+// match's block goes back to the thread that made it, for its next request.
+void queueAppVisit(const PackMatch& match, const AppVisit& visit);
 
 // Builds and sends every record noted so far, on the calling thread: what the worker does after
 // records were noted. Returns how many were sent.
