@@ -4,7 +4,6 @@
 
 #include "access/ResponseMemory.h"
 #include "access/UpdateRequester.h"
-#include "access/VisitRecords.h"
 #include "base/Digest.h"
 #include "base/Environment.h"
 #include "base/Errors.h"
@@ -249,8 +248,7 @@ void PackPart::reportVisit(double end) {
     visit.time = (end > 0 ? end : MRLCurrentClock()) - createTime_;
     visit.readFileTime = readFileTime;
     visit.accessCount = accessCount_;
-    // The record's texts are made on the worker.
-    queueAppVisit(*match, visit);
+    sendAppVisit(*match, visit);
 }
 
 void sendAppVisit(const PackMatch& match, const AppVisit& visit) {

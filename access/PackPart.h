@@ -117,8 +117,8 @@ struct AppVisit {
     double accessCount = 0;
 };
 
-// Builds and sends the "Ferrit.AppVisit" record of `match` now, on the calling thread (the worker,
-// for what a request noted: see queueAppVisit). The caller has checked that a proxy takes records.
+// Builds and sends the "Ferrit.AppVisit" record of `match`. The caller has checked that a proxy
+// takes records.
 void sendAppVisit(const PackMatch& match, const AppVisit& visit);
 
 // Posts, on the main process, the task that marks the pack for reinstall: only the version that

@@ -2,7 +2,6 @@
 
 #include "access/Matcher.h"
 #include "access/UpdateRequester.h"
-#include "access/VisitRecords.h"
 #include "base/Errors.h"
 #include "base/LogTags.h"
 #include "base/Proxy.h"
@@ -36,7 +35,7 @@ std::shared_ptr<PackMatch> matchByName(const ReaderParams& params) {
 }
 
 // "Ferrit.AppVisit" of a reader: "RCF" on the first visit of the pack in this process, "RC" after.
-void sendVisit(const PackMatch& match, double start) {
+void sendVisit(PackMatch& match, double start) {
     if (match.name.empty()) return;
     const bool versioned = match.pinned && match.pack && match.pack->subType == kSubTypePlain;
     const std::string key =
@@ -49,8 +48,7 @@ void sendVisit(const PackMatch& match, double start) {
     visit.error = &match.error;
     visit.time = MRLCurrentClock() - start;
     visit.accessCount = accessCount;
-    // In the same queue as a request's records, so that a thread's records keep their order.
-    queueAppVisit(match, visit);
+    sendAppVisit(match, visit);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include "access/ReadGroup.h"
 #include "access/ResponseMemory.h"
-#include "access/VisitRecords.h"
 #include "base/Digest.h"
 #include "base/LogTags.h"
 #include "base/Proxy.h"
@@ -114,16 +113,15 @@ Resource::Resource(std::shared_ptr<RequestContext> context, std::string parentId
 void Resource::finish() {
     if (finished_) return;
     finished_ = true;
-    // Without a proxy that takes records, noting one would only cost the request. With one, the
-    // request notes numbers; the worker builds the record.
+    // Without a proxy that takes records, building one would only cost the request.
     if (ProxyCalls::takesEvents()) {
-        VisitPerf perf;
-        perf.resourceCount = parts.size();
-        perf.type = group ? group->type : std::string("sync");
-        perf.matchTime = matchTime;
-        perf.readTime = readTime;
-        perf.time = lastTime - startTime;
-        queueVisitPerf(std::move(perf));
+        PerfRecord record("Ferrit.VisitPerf");
+        record.setDimension("resourceCount", std::to_string(parts.size()));
+        record.setDimension("type", group ? group->type : std::string("sync"));
+        record.setMeasure("matchTime", matchTime);
+        record.setMeasure("readTime", readTime);
+        record.setMeasure("time", lastTime - startTime);
+        sendEvent(record);
     }
     // The parts' visits end with the request: its last clock reading serves them too.
     for (const auto& part : parts) part->finish(lastTime);

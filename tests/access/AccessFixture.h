@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "access/UpdateRequester.h"
-#include "access/VisitRecords.h"
 #include "base/AssetProvider.h"
 #include "base/Digest.h"
 #include "base/Environment.h"
@@ -98,12 +97,6 @@ class AccessFixture : public ProcessTest {
         p->referrers = std::move(referrers);
         p->updateTime = MRLCurrentTime();
         return p;
-    }
-
-    // The records of `name` the proxy has received once the worker has sent what requests noted.
-    std::vector<FakeProxy::Record> sent(const std::string& name) const {
-        sendQueuedVisits();
-        return proxy_->named(name);
     }
 
     // The asynchronous form, as far as it goes without the worker: the answer, or null when none

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
 
 #include "access/ComboRule.h"
 #include "access/Matcher.h"
@@ -249,9 +248,6 @@ TEST_F(AccessTest, SubProcessPostsNoRepairs) {
     std::filesystem::remove(temp_.path() / "apps/app/3/res/app.js");
     EXPECT_EQ(Access::getResource(ResourceRequest("https://h.com/app/app.js", ""))->error.code(),
               Errors::kPackFileNotFound);
-    // The one task is the worker's sending of the request's records; no repair.
-    EXPECT_EQ(TaskRunner::pendingCount(), 1u);
-    EXPECT_EQ(TaskRunner::runDue(), 1u);
     EXPECT_EQ(TaskRunner::pendingCount(), 0u);
 }
 
@@ -383,7 +379,6 @@ TEST_F(AccessTest, ProxyReceivesVisitRecords) {
         auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
         ASSERT_FALSE(response->error);
     }
-    sendQueuedVisits();
     ASSERT_EQ(proxy->events.size(), 2u);
     EXPECT_EQ(proxy->events[0], "Ferrit.VisitPerf");
     EXPECT_EQ(proxy->records[0].dimensions.at("resourceCount"), "1");
@@ -433,20 +428,17 @@ TEST_F(AccessTest, ProxyThatChangesItsWishIsSentRecordsOnlyWhileItWantsThem) {
         ASSERT_FALSE(response->error);
     };
     hit();
-    sendQueuedVisits();
     EXPECT_TRUE(proxy->events.empty());
     proxy->wants = true;
     Environment::instance().refreshTakesEvents();
     EXPECT_TRUE(Environment::instance().takesEvents());
     hit();
-    sendQueuedVisits();
     const size_t sent = proxy->events.size();
     EXPECT_GT(sent, 0u);
     proxy->wants = false;
     Environment::instance().refreshTakesEvents();
     EXPECT_FALSE(Environment::instance().takesEvents());
     hit();
-    sendQueuedVisits();
     EXPECT_EQ(proxy->events.size(), sent);
     Environment::instance().setProxy(nullptr);
     Environment::instance().refreshTakesEvents();
@@ -457,7 +449,6 @@ TEST_F(AccessTest, NoAppVisitForUnmatchedUrl) {
     auto proxy = std::make_shared<FakeProxy>();
     Environment::instance().setProxy(proxy);
     { Access::getResource(ResourceRequest("https://nowhere.com/x.js", "")); }
-    sendQueuedVisits();
     ASSERT_EQ(proxy->events.size(), 1u);
     EXPECT_EQ(proxy->events[0], "Ferrit.VisitPerf");
 }
@@ -469,7 +460,6 @@ TEST_F(AccessTest, SecondVisitIsNotFirst) {
     Environment::instance().setProxy(proxy);
     { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }
     { Access::getResource(ResourceRequest("https://h.com/app/app.js", "")); }
-    sendQueuedVisits();
     ASSERT_EQ(proxy->records.size(), 4u);
     EXPECT_EQ(proxy->records[3].dimensions.at("visitType"), "N");
 }
@@ -480,14 +470,14 @@ TEST_F(AccessTest, SyncHitSendsEachRecordOnceWhenTheHostFinishesIt) {
     installAppPack(3, 3);
     auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
     ASSERT_FALSE(response->error) << response->error.message();
-    EXPECT_TRUE(sent("Ferrit.VisitPerf").empty());
-    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
     clock_->advance(7);
     response->setFinished(Error());
     response->setFinished(Error());
     response.reset();
-    const auto perf = sent("Ferrit.VisitPerf");
-    const auto visits = sent("Ferrit.AppVisit");
+    const auto perf = proxy_->named("Ferrit.VisitPerf");
+    const auto visits = proxy_->named("Ferrit.AppVisit");
     ASSERT_EQ(perf.size(), 1u);
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_EQ(perf[0].dimensions.at("type"), "sync");
@@ -504,8 +494,8 @@ TEST_F(AccessTest, ReleasedHitEndsItsVisitWhereTheRequestEnded) {
     ASSERT_FALSE(response->error) << response->error.message();
     clock_->advance(5);
     response.reset();
-    const auto perf = sent("Ferrit.VisitPerf");
-    const auto visits = sent("Ferrit.AppVisit");
+    const auto perf = proxy_->named("Ferrit.VisitPerf");
+    const auto visits = proxy_->named("Ferrit.AppVisit");
     ASSERT_EQ(perf.size(), 1u);
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_LT(visits[0].measures.at("time"), 5.0);
@@ -520,11 +510,11 @@ TEST_F(AccessTest, AsyncHitSendsEachRecordOnceWhenTheResponseIsReleased) {
     ASSERT_NE(response, nullptr);
     ASSERT_FALSE(response->error) << response->error.message();
     EXPECT_EQ(response->data, "console.log(1);");
-    EXPECT_TRUE(sent("Ferrit.VisitPerf").empty());
-    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
     response.reset();
-    ASSERT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
-    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
+    ASSERT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
 }
 
 TEST_F(AccessTest, AggregateRequestSendsOneVisitPerfAndOneAppVisitForEachFile) {
@@ -539,13 +529,13 @@ TEST_F(AccessTest, AggregateRequestSendsOneVisitPerfAndOneAppVisitForEachFile) {
     ASSERT_NE(response, nullptr);
     ASSERT_FALSE(response->error) << response->error.message();
     EXPECT_EQ(response->data, "AB");
-    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
     response->setFinished(Error());
     response.reset();
-    const auto perf = sent("Ferrit.VisitPerf");
+    const auto perf = proxy_->named("Ferrit.VisitPerf");
     ASSERT_EQ(perf.size(), 1u);
     EXPECT_EQ(perf[0].dimensions.at("resourceCount"), "2");
-    const auto visits = sent("Ferrit.AppVisit");
+    const auto visits = proxy_->named("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), 2u);
     EXPECT_EQ(visits[0].dimensions.at("appName"), "mods");
     EXPECT_EQ(visits[1].dimensions.at("appName"), "mods");
@@ -560,12 +550,12 @@ TEST_F(AccessTest, AggregateThatFailsSendsTheVisitOfEachFileItHadMatched) {
     writeFile("apps/mods/3/res/a.js", "A");
     auto response = Access::getResource(ResourceRequest(origin + "/??pk/a.js,lib/n.js", ""));
     EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
-    const auto visits = sent("Ferrit.AppVisit");
+    const auto visits = proxy_->named("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_EQ(visits[0].dimensions.at("appName"), "mods");
     response.reset();
-    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
-    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
 }
 
 TEST_F(AccessTest, MissSendsVisitPerfOnceAndNoAppVisit) {
@@ -573,8 +563,8 @@ TEST_F(AccessTest, MissSendsVisitPerfOnceAndNoAppVisit) {
     EXPECT_EQ(response->error.code(), Errors::kNotFerritResource);
     response->setFinished(Error());
     response.reset();
-    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
-    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
 }
 
 // The referrer's pack does not know the URL, so its part is dropped during the match: that part's
@@ -584,15 +574,15 @@ TEST_F(AccessTest, PartThatTheMatchDropsSendsItsVisitOnceWhenDropped) {
     auto response = Access::getResource(
         ResourceRequest("https://h.com/app/app.js", "https://h.com/index.html"));
     ASSERT_FALSE(response->error) << response->error.message();
-    auto visits = sent("Ferrit.AppVisit");
+    auto visits = proxy_->named("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_EQ(visits[0].dimensions.at("appName"), "page");
     EXPECT_EQ(visits[0].dimensions.at("errorCode"), std::to_string(Errors::kNotFerritPackResource));
     response.reset();
-    visits = sent("Ferrit.AppVisit");
+    visits = proxy_->named("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), 2u);
     EXPECT_EQ(visits[1].dimensions.at("appName"), "app");
-    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
 }
 
 // Destruction is no end of a request: a match that nobody finishes reports nothing, and its part
@@ -608,11 +598,11 @@ TEST_F(AccessTest, DestroyingAnUnfinishedRequestSendsNothing) {
         part = resource->parts.front();
         EXPECT_FALSE(resource->finished());
     }
-    EXPECT_TRUE(sent("Ferrit.VisitPerf").empty());
-    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
     part->finish();
     part->finish();
-    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
     part.reset();
     {
         std::shared_ptr<Resource> resource =
@@ -621,8 +611,8 @@ TEST_F(AccessTest, DestroyingAnUnfinishedRequestSendsNothing) {
         part = resource->parts.front();
     }
     part.reset();
-    EXPECT_TRUE(sent("Ferrit.VisitPerf").empty());
-    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
+    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
 }
 
 // A read that may outlive the request (an on-demand file's) holds the part: its visit waits for
@@ -635,56 +625,13 @@ TEST_F(AccessTest, PartHeldByAReadSendsItsVisitOnceTheReadLetsGo) {
     ResourcePart& part = *resource->parts.front();
     part.holdForRead();
     resource->finish();
-    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
-    EXPECT_TRUE(sent("Ferrit.AppVisit").empty());
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty());
     part.releaseAfterRead();
-    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
     resource->finish();
-    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
-    EXPECT_EQ(sent("Ferrit.AppVisit").size(), 1u);
-}
-
-// A hit only notes its records: the worker builds and sends them, each thread's in the order that
-// thread noted them, including those of a thread that has ended by then.
-TEST_F(AccessTest, RecordsAreSentByTheWorkerInEachThreadsOrder) {
-    install({pack("one", kPackTypeFerrit, 3, 3, {"https://h.com/one/"}),
-             pack("two", kPackTypeFerrit, 3, 3, {"https://h.com/two/"})});
-    serveIndexes({{"one", table({{"res/a.js", "https://h.com/one/a.js"}})},
-                  {"two", table({{"res/a.js", "https://h.com/two/a.js"}})}});
-    writeFile("apps/one/3/res/a.js", "1");
-    writeFile("apps/two/3/res/a.js", "2");
-    TaskRunner::runDue();
-    constexpr int kHits = 3;
-    const auto hits = [](const std::string& url) {
-        for (int i = 0; i < kHits; ++i) {
-            auto response = Access::getResource(ResourceRequest(url, ""));
-            EXPECT_FALSE(response->error) << response->error.message();
-        }
-    };
-    std::thread first(hits, "https://h.com/one/a.js");
-    std::thread second(hits, "https://h.com/two/a.js");
-    first.join();
-    second.join();
-    EXPECT_TRUE(proxy_->named("Ferrit.AppVisit").empty()) << "sent on the request's thread";
-    EXPECT_TRUE(proxy_->named("Ferrit.VisitPerf").empty());
-    TaskRunner::runDue();
-    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 2u * kHits);
-    for (const std::string name : {"one", "two"}) {
-        std::vector<std::string> types;
-        for (const FakeProxy::Record& record : proxy_->named("Ferrit.AppVisit"))
-            if (record.dimensions.at("appName") == name)
-                types.push_back(record.dimensions.at("visitType"));
-        EXPECT_EQ(types, (std::vector<std::string>{"NF", "N", "N"})) << name;
-    }
-    // Each request's VisitPerf comes before its AppVisit, as its thread noted them.
-    std::vector<std::string> events;
-    for (const std::string& event : proxy_->events)
-        if (event == "Ferrit.VisitPerf" || event == "Ferrit.AppVisit") events.push_back(event);
-    ASSERT_EQ(events.size(), 4u * kHits);
-    for (size_t i = 0; i < events.size(); ++i)
-        EXPECT_EQ(events[i], i % 2 == 0 ? "Ferrit.VisitPerf" : "Ferrit.AppVisit") << i;
-    // Sent once: nothing is left for another round.
-    EXPECT_EQ(sendQueuedVisits(), 0u);
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
 }
 
 // The objects of a request come from recycled blocks: none starts out finished.
@@ -697,8 +644,8 @@ TEST_F(AccessTest, EveryRequestOnRecycledObjectsSendsItsOwnRecords) {
         EXPECT_FALSE(resource->finished());
         resource->finish();
         EXPECT_TRUE(resource->finished());
-        EXPECT_EQ(sent("Ferrit.VisitPerf").size(), i);
-        EXPECT_EQ(sent("Ferrit.AppVisit").size(), i);
+        EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), i);
+        EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), i);
     }
 }
 

@@ -96,9 +96,6 @@ TEST_F(AllocationTest, SyncHitOfSixteenKiBWithWarmIndexAllocatesLittle) {
         void sendEvent(const PerfRecord&) override {}
     };
     Environment::instance().setProxy(std::make_shared<DroppingProxy>());
-    // The thread's first record makes its queue of records, once per thread.
-    hit(request);
-    TaskRunner::runDue();
     const size_t withProxy = hit(request);
     Environment::instance().setProxy(nullptr);
     const size_t withoutProxy = hit(request);
@@ -109,15 +106,14 @@ TEST_F(AllocationTest, SyncHitOfSixteenKiBWithWarmIndexAllocatesLittle) {
     // What a hit cannot do without: the body (1), the response (1), its MD5 text (1) and its
     // header map, whose five headers sit in one array (1) beside three values too long to sit
     // inside their strings (3); then the URL's key held by the part (1). The list of the
-    // resource's parts sits in a recycled block, and the records a proxy takes are noted in the
-    // thread's queue without an allocation.
+    // resource's parts sits in a block the thread recycles.
     // Sanitizer builds allocate afresh the five per-request blocks (context, resource, pack
     // match, part and the list of parts) that a normal build takes from the thread's recycled
     // blocks.
     constexpr size_t kRecycledObjects = 5;
     constexpr size_t kHitAllocations = 8 + (RecycledDetail::kRecycle ? 0 : kRecycledObjects);
     EXPECT_LE(withoutProxy, kHitAllocations);
-    EXPECT_LE(withProxy, kHitAllocations) << "a proxy costs the hit no allocation";
+    EXPECT_LE(withProxy, kHitAllocations + 1) << "a proxy may cost the record it is sent";
 }
 
 }  // namespace

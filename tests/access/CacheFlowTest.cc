@@ -221,7 +221,7 @@ TEST_F(CacheFlowTest, ModuleThatModuleCacheHoldsIsAnsweredInBothForms) {
     ASSERT_FALSE(async->error) << async->error.message();
     EXPECT_EQ(dataOf(*async), "kept();");
     EXPECT_TRUE(proxy_->requests.empty());
-    EXPECT_EQ(sent("Ferrit.CacheVisit").size(), 2u);
+    EXPECT_EQ(proxy_->named("Ferrit.CacheVisit").size(), 2u);
 }
 
 TEST_F(CacheFlowTest, ModuleCacheStageIsSkippedWhenSwitchedOffOrWithoutARule) {

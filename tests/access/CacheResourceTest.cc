@@ -96,7 +96,7 @@ TEST_F(CacheResourceTest, FreshCopyIsReadAndTheVisitIsReported) {
     EXPECT_EQ(part->size(), 4u);
     EXPECT_EQ(part->md5(), Digest::md5Hex("A();"));
     EXPECT_EQ(part->name, "ModuleCache");
-    const auto visits = sent("Ferrit.CacheVisit");
+    const auto visits = proxy_->named("Ferrit.CacheVisit");
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_EQ(visits[0].dimensions.at("name"), "ModuleCache");
     EXPECT_EQ(visits[0].dimensions.at("trigger"), "Visit");
@@ -111,7 +111,7 @@ TEST_F(CacheResourceTest, VisitRecordCarriesEveryField) {
     storeModule("/m/v.js", "V();", hourFromNow());
     auto part = modulePart("/m/v.js");
     ASSERT_EQ(part->read(), ReadStatus::Done);
-    const auto visits = sent("Ferrit.CacheVisit");
+    const auto visits = proxy_->named("Ferrit.CacheVisit");
     ASSERT_EQ(visits.size(), 1u);
     EXPECT_EQ(FakeProxy::missingFields(visits[0], {"name", "trigger"}, {"matchTime", "readTime"}),
               std::vector<std::string>{});
@@ -122,7 +122,7 @@ TEST_F(CacheResourceTest, MissingCopyNeedsAnAggregateRequest) {
     EXPECT_EQ(part->read(), ReadStatus::NeedAggregate);
     EXPECT_EQ(part->error.code(), Errors::kFileNotExists);
     EXPECT_EQ(part->size(), 0u);
-    EXPECT_EQ(sent("Ferrit.CacheVisit")[0].dimensions.at("errorCode"),
+    EXPECT_EQ(proxy_->named("Ferrit.CacheVisit")[0].dimensions.at("errorCode"),
               std::to_string(Errors::kFileNotExists));
 }
 
@@ -192,7 +192,7 @@ TEST_F(CacheResourceTest, StoredFetchSendsCacheUpdateWithEveryField) {
     proxy_->serve(full("/m/u.js"), answerOf("U();", {{"Cache-Control", "max-age=60"}}));
     proxy_->clearRecords();
     readAsync(*part);
-    const auto records = sent("Ferrit.CacheUpdate");
+    const auto records = proxy_->named("Ferrit.CacheUpdate");
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(
         FakeProxy::missingFields(records[0], {"url", "name", "trigger", "incr"},
@@ -211,7 +211,7 @@ TEST_F(CacheResourceTest, RefusedBodySendsNoCacheUpdate) {
                                                      {"Cache-Control", "max-age=60"}}));
     proxy_->clearRecords();
     readAsync(*part);
-    EXPECT_TRUE(sent("Ferrit.CacheUpdate").empty());
+    EXPECT_TRUE(proxy_->named("Ferrit.CacheUpdate").empty());
 }
 
 TEST_F(CacheResourceTest, DigestThatDiffersRefusesTheBody) {

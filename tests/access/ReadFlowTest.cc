@@ -356,7 +356,7 @@ class GroupFlowTest : public OnDemandTest {
     // How many "Ferrit.AppVisit" records name the pack.
     size_t visitsOf(const std::string& appName) const {
         size_t count = 0;
-        for (const FakeProxy::Record& record : sent("Ferrit.AppVisit"))
+        for (const FakeProxy::Record& record : proxy_->named("Ferrit.AppVisit"))
             if (record.dimensions.at("appName") == appName) ++count;
         return count;
     }
@@ -427,14 +427,14 @@ TEST_F(GroupFlowTest, PartStillReadingWhenTheRequestEndsReportsItsVisitAfterItsR
         EXPECT_EQ(e.code(), Errors::kNoData);
         resource->finish();
     });
-    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
     EXPECT_EQ(visitsOf("app"), 1u);
     EXPECT_EQ(visitsOf("od"), 0u);
     ASSERT_EQ(proxy_->releaseLoads(), 1u);
     EXPECT_EQ(visitsOf("od"), 1u);
     resource->finish();
     EXPECT_EQ(visitsOf("od"), 1u);
-    EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+    EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
 }
 
 // A fetch that fails at once answers the group while its loop still has parts to read: a part
@@ -450,7 +450,7 @@ TEST_F(GroupFlowTest, PartReadAfterTheAnswerReportsItsVisitOnceTheLoopIsDone) {
         ++calls;
         EXPECT_TRUE(e);
         resource->finish();
-        EXPECT_EQ(sent("Ferrit.VisitPerf").size(), 1u);
+        EXPECT_EQ(proxy_->named("Ferrit.VisitPerf").size(), 1u);
         EXPECT_EQ(visitsOf("app"), 0u) << "the loop has not read the part yet";
     });
     EXPECT_EQ(calls, 1);

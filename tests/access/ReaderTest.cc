@@ -154,7 +154,7 @@ TEST_F(ReaderTest, LoadSendsAppVisitFirstRcfThenRc) {
     load("shop");
     load("shop");
     std::vector<std::string> visits;
-    for (const FakeProxy::Record& record : sent("Ferrit.AppVisit"))
+    for (const FakeProxy::Record& record : proxy_->named("Ferrit.AppVisit"))
         visits.push_back(record.dimensions.at("visitType"));
     EXPECT_EQ(visits, (std::vector<std::string>{"RCF", "RC"}));
 }
@@ -270,15 +270,15 @@ TEST_F(ReaderTest, ReadAndExistsEachSendOneAppVisit) {
     installShop();
     auto [reader, error] = load("shop");
     ASSERT_NE(reader, nullptr);
-    const size_t loaded = sent("Ferrit.AppVisit").size();
+    const size_t loaded = proxy_->named("Ferrit.AppVisit").size();
     Error readError;
     EXPECT_EQ(reader->read("//shop.com/a.js", nullptr, readError), "shop-a");
-    EXPECT_EQ(sent("Ferrit.AppVisit").size(), loaded + 1);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), loaded + 1);
     // A path that the pack does not know is a visit too, with its error.
     EXPECT_EQ(reader->read("none.js", nullptr, readError), "");
-    EXPECT_EQ(sent("Ferrit.AppVisit").size(), loaded + 2);
+    EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), loaded + 2);
     EXPECT_TRUE(reader->exists("css/b.css"));
-    const auto visits = sent("Ferrit.AppVisit");
+    const auto visits = proxy_->named("Ferrit.AppVisit");
     ASSERT_EQ(visits.size(), loaded + 3);
     EXPECT_EQ(visits[loaded + 1].dimensions.at("errorCode"),
               std::to_string(Errors::kNotFerritPackResource));

@@ -128,8 +128,6 @@ TEST_F(TelemetryRecordsTest, AppVisitAndVisitPerfAreSentInFull) {
     installShop();
     const Answer answer = read("index.html");
     ASSERT_FALSE(answer.error) << answer.error.message();
-    // The worker builds and sends what the request noted.
-    drive();
     expectSentInFull("Ferrit.AppVisit");
     expectSentInFull("Ferrit.VisitPerf");
 }
