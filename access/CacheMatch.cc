@@ -54,7 +54,7 @@ bool matchCombo(Resource& resource, const ResourceRequest& request, ResourcePoli
     const std::shared_ptr<RequestContext>& context = resource.context;
     const bool uniApp = request.isUniApp() && settings.uniAppEnabledValue();
     const bool moduleOk = context->comboRule != nullptr && settings.moduleCacheEnabledValue();
-    std::vector<std::shared_ptr<ResourcePart>> parts;
+    Resource::Parts parts;
     parts.reserve(urls.size());
     JSONArray infos;
     for (const std::string& url : urls) {

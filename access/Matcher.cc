@@ -14,9 +14,7 @@ namespace FerritCore {
 
 PackPtr packByUrl(const FConfig& config, const Settings& settings, std::string_view k) {
     if (k.empty()) return nullptr;
-    auto entry = config.urlIndex().find(k);
-    if (entry == config.urlIndex().end()) return nullptr;
-    PackPtr pack = config.find(entry->second);
+    PackPtr pack = config.packForUrl(k);
     if (pack && pack->packType() == kPackTypeSCache && !settings.isSCacheEnabled(pack->name))
         return nullptr;
     return pack;
@@ -58,7 +56,7 @@ std::shared_ptr<PackMatch> findByPrefix(std::string_view keyUrl, std::string_vie
     const double start = MRLCurrentClock();
     const SCache::Snapshot config;
     const std::string_view name = config->prefixTree().lookup(keyUrl, accept);
-    PackPtr pack = name.empty() ? nullptr : config->find(name);
+    PackPtr pack = name.empty() ? nullptr : config->routedPack(name);
     if (!pack) return std::make_shared<PackMatch>(std::string(), Errors::notFerritResourceRef());
     auto match = makeRecycled<PackMatch>(*config, std::move(pack), /*pinned=*/false);
     match->requestFollowUp();

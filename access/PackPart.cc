@@ -135,7 +135,7 @@ PackMatch::PackMatch(const FConfig& config, PackPtr packPtr, bool pinnedMatch)
         return;
     }
     const bool needsUpdate = p.installedSeq < p.seq;
-    index = ResourceIndexPool::get(p);
+    index = ResourceIndexPool::get(pack);
     if (index->error()) {
         error = index->error();
         followUp_ = FollowUp::kReinstall;
@@ -239,13 +239,13 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
     }
 }
 
-void PackPart::reportVisit() {
+void PackPart::reportVisit(double end) {
     if (Errors::isNotFerritResource(error) || !ProxyCalls::takesEvents()) return;
     AppVisit visit;
     visit.trigger = context ? context->trigger : kTriggerNone;
     visit.visitType = firstVisit ? "NF" : "N";
     visit.error = &error;
-    visit.time = MRLCurrentClock() - createTime_;
+    visit.time = (end > 0 ? end : MRLCurrentClock()) - createTime_;
     visit.readFileTime = readFileTime;
     visit.accessCount = accessCount_;
     sendAppVisit(*match, visit);

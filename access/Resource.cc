@@ -90,15 +90,15 @@ const std::string& ResourcePart::traceId() {
     return traceId_;
 }
 
-void ResourcePart::finish() {
+void ResourcePart::finish(double end) {
     if (finished_) return;
     finished_ = true;
-    releaseAfterRead();
+    release(end);
 }
 
-void ResourcePart::releaseAfterRead() {
+void ResourcePart::release(double end) {
     // The last hold to go sees every write of the others: the request's and the reads'.
-    if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1) reportVisit();
+    if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1) reportVisit(end);
 }
 
 // ---- Resource ----
@@ -123,7 +123,8 @@ void Resource::finish() {
         record.setMeasure("time", lastTime - startTime);
         sendEvent(record);
     }
-    for (const auto& part : parts) part->finish();
+    // The parts' visits end with the request: its last clock reading serves them too.
+    for (const auto& part : parts) part->finish(lastTime);
 }
 
 void Resource::addPart(std::shared_ptr<ResourcePart> part, MatchKind kind) {
@@ -137,7 +138,8 @@ void Resource::addPart(std::shared_ptr<ResourcePart> part, MatchKind kind) {
 }
 
 void Resource::makeGroup() {
-    group = std::make_shared<ReadGroup>(parts, context);
+    group = std::make_shared<ReadGroup>(
+        std::vector<std::shared_ptr<ResourcePart>>(parts.begin(), parts.end()), context);
 }
 
 std::string Resource::read(ResponseMemory* memory) {

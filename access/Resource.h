@@ -15,6 +15,7 @@
 
 #include "base/Http.h"
 #include "base/LogTags.h"
+#include "base/Recycled.h"
 #include "base/Telemetry.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
@@ -126,12 +127,14 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
     // (Resource::finish, or the matcher when it drops the part); a second call does nothing. A
     // part that reports its visit does so once the request has ended it and no read holds it any
     // more, on the thread that lets go last. Destroying a part reports nothing. Called by the
-    // part's owner, one thread at a time.
-    void finish();
+    // part's owner, one thread at a time. `end`, when not 0, is the clock at the request's end,
+    // already read: a visit reported now ends there.
+    void finish(double end = 0);
     // Keeps the visit's report back while a read that may finish after the request still writes
-    // the part; every holdForRead() is matched by one releaseAfterRead(), on any thread.
+    // the part; every holdForRead() is matched by one releaseAfterRead(), on any thread. A visit
+    // reported by the read's release ends when it is reported.
     void holdForRead() { holds_.fetch_add(1, std::memory_order_relaxed); }
-    void releaseAfterRead();
+    void releaseAfterRead() { release(0); }
 
     // The clock when a synchronous read of this part began and when it ended, for a reader that
     // times the same span (0 when unknown): each boundary's clock is read once.
@@ -145,10 +148,13 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
 
   protected:
     // Sends what the part reports of its visit; runs once, when the request has ended the part
-    // and no read holds it. Most parts report nothing.
-    virtual void reportVisit() {}
+    // and no read holds it. Most parts report nothing. `end` is the clock at which the visit
+    // ends, or 0 for now.
+    virtual void reportVisit(double /*end*/) {}
 
   private:
+    void release(double end);
+
     std::string traceId_;
     // One hold for the request (let go by finish()) and one per read in progress.
     std::atomic<uint32_t> holds_{1};
@@ -202,7 +208,11 @@ class Resource : public std::enable_shared_from_this<Resource> {
     double matchTime = 0;
     double readTime = 0;
     Error error;
-    std::vector<std::shared_ptr<ResourcePart>> parts;
+    // A request's one part sits in a block its thread recycles: the list of a hit costs no
+    // allocation. A second part grows the list from the heap.
+    using Parts = std::vector<std::shared_ptr<ResourcePart>,
+                              RecycledDetail::Allocator<std::shared_ptr<ResourcePart>>>;
+    Parts parts;
     bool isCombo = false;
     bool is404 = false;
     bool isSCacheHit = false;

@@ -104,7 +104,8 @@ void fconfig(const JSON&, Context context) {
 void indexes(const JSON&, Context context) {
     const FConfigPtr current = SCache::current();
     std::map<std::string, JSON> urls;
-    for (const auto& [url, name] : current->urlIndex()) urls[url] = name;
+    for (const auto& [url, place] : current->urlIndex())
+        urls[std::string(url)] = current->routedName(place);
     std::map<std::string, JSON> prefixes;
     for (const auto& [name, pack] : current->packs) {
         for (const std::string& prefix : pack->prefixes) prefixes[prefix] = name;

@@ -84,6 +84,15 @@ class JSON {
     // on any failure, with `error` filled as parse() fills it; tokens already delivered stand.
     static bool parseEvents(std::string_view text, JSONEvents& events,
                             std::string* error = nullptr);
+    // Bytes of spare capacity past the end of a text given to parseEventsInPlace that let it read
+    // the text without copying it.
+    static constexpr size_t kInPlaceSpare = 16;
+    // As parseEvents, reading `text` where it lies rather than from a copy: a text of megabytes
+    // read straight from storage is not copied once more. The parser writes into it, and it
+    // holds unspecified bytes afterwards; without kInPlaceSpare bytes of spare capacity it grows
+    // once.
+    static bool parseEventsInPlace(std::string& text, JSONEvents& events,
+                                   std::string* error = nullptr);
     // Decodes the binary form. On failure returns null and fills `error`; never crashes.
     // Also reads float32 and bin 8/16/32 (as strings); map keys must be strings; trailing bytes
     // are an error.

@@ -252,6 +252,20 @@ bool JSON::parseEvents(std::string_view text, JSONEvents& events, std::string* e
     return readText<kReadFlags | rj::kParseInsituFlag>(text, stream, relay, error);
 }
 
+bool JSON::parseEventsInPlace(std::string& text, JSONEvents& events, std::string* error) {
+    static_assert(kInPlaceSpare == internal::kInPlacePadding);
+    const size_t size = text.size();
+    text.append(internal::kInPlacePadding, '\0');
+    // The parser checks only the length of the text against where it stopped, so the view may
+    // be the very bytes that it rewrites.
+    const std::string_view view(text.data(), size);
+    if (!internal::kInPlaceVectorScan || !hasScanBlindByte(view))
+        return internal::parseEventsInPlace(view, text.data(), events, error);
+    EventRelay relay(events);
+    rj::InsituStringStream stream(text.data());
+    return readText<kReadFlags | rj::kParseInsituFlag>(view, stream, relay, error);
+}
+
 std::string JSON::toString() const {
     rj::StringBuffer buffer;
     TextWriter writer(buffer);

@@ -37,6 +37,12 @@ const std::shared_ptr<const MatchTables>& emptyTables() {
     return *tables;
 }
 
+const std::shared_ptr<const std::vector<PackPtr>>& emptyRouted() {
+    static const auto* routed = new std::shared_ptr<const std::vector<PackPtr>>(
+        std::make_shared<const std::vector<PackPtr>>());
+    return *routed;
+}
+
 void logRemove(MarlLogger::MRLLevel level, const std::string& name, const char* reason) {
     MarlLogger::LogBuilder(level, LogTag::kFConfig)
         .event("remove")
@@ -44,8 +50,10 @@ void logRemove(MarlLogger::MRLLevel level, const std::string& name, const char* 
         .append("reason", reason);
 }
 
-// Whether no record's prefixes or referrers differ between two maps of records.
-bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b) {
+// Whether no record's prefixes or referrers differ between two maps of records. `changed`
+// receives each record of `a` that is not the very record of `b`.
+bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b,
+                 std::vector<const PackPtr*>& changed) {
     if (a.size() != b.size()) return false;
     // The pairs of records first, then their comparison: records that a merge replaced lie all
     // over the heap, so each step fetches the pair, their lists and their text a few places
@@ -55,7 +63,9 @@ bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b) {
     for (const auto& [name, pack] : a) {
         auto other = b.find(name);
         if (other == b.end()) return false;
-        if (pack.get() != other->second.get()) pairs.emplace_back(pack.get(), other->second.get());
+        if (pack.get() == other->second.get()) continue;
+        pairs.emplace_back(pack.get(), other->second.get());
+        changed.push_back(&pack);
     }
     constexpr size_t kFetchAhead = 4;
     const size_t count = pairs.size();
@@ -101,7 +111,7 @@ uint64_t wholeMilliseconds(double ms) {
     return ms > 0 && ms <= kLimit ? static_cast<uint64_t>(ms) : 0;
 }
 
-FConfig::FConfig() : tables_(emptyTables()) {
+FConfig::FConfig() : tables_(emptyTables()), routed_(emptyRouted()) {
     const Environment& environment = Environment::instance();
     env = static_cast<uint32_t>(environment.env());
     clientVersion = environment.appVersion();
@@ -123,6 +133,7 @@ FConfig FConfig::copyForChange() const {
     copy.expires = expires;
     copy.packs = packs;
     copy.tables_ = tables_;
+    copy.routed_ = routed_;
     return copy;
 }
 
@@ -196,18 +207,35 @@ std::shared_ptr<FConfig> FConfig::parse(std::string_view text, const std::string
         error = Errors::requestDeserialization(origin, reason);
         return nullptr;
     }
-    if (config->version.empty()) {
-        error = Errors::serverError(origin, static_cast<int>(Environment::instance().flags()));
+    if (!config->finishParse(origin, error)) return nullptr;
+    return config;
+}
+
+std::shared_ptr<FConfig> FConfig::parseStored(std::string text, Error& error,
+                                              const std::function<std::string()>& reread) {
+    static const std::string kOrigin = "local";
+    auto config = std::make_shared<FConfig>();
+    std::string reason;
+    if (!config->readInPlace(text, reason, reread)) {
+        error = Errors::requestDeserialization(kOrigin, reason);
         return nullptr;
     }
-    config->version = normalizeVersion(config->version);
-    if (config->lastUpdate == 0) config->lastUpdate = MRLCurrentTime();
-    if (config->isFull() && config->lastFullUpdate == 0)
-        config->lastFullUpdate = config->lastUpdate;
+    if (!config->finishParse(kOrigin, error)) return nullptr;
+    return config;
+}
+
+bool FConfig::finishParse(const std::string& origin, Error& error) {
+    if (version.empty()) {
+        error = Errors::serverError(origin, static_cast<int>(Environment::instance().flags()));
+        return false;
+    }
+    version = normalizeVersion(version);
+    if (lastUpdate == 0) lastUpdate = MRLCurrentTime();
+    if (isFull() && lastFullUpdate == 0) lastFullUpdate = lastUpdate;
     // The matcher's tables are built when a document is published (SCache::publish or a
     // transaction): a fetched document that is only merged never needs its own.
     error.clear();
-    return config;
+    return true;
 }
 
 std::string FConfig::serialize() const {
@@ -520,49 +548,44 @@ void FConfig::setInstalled(std::string_view name, UpdateTrigger trigger, uint64_
     put(std::move(pack));
 }
 
-void FConfig::rebuildIndexes(const FConfig* previous) {
-    if (previous != nullptr && previous->tables_ && sameRouting(packs, previous->packs)) {
-        tables_ = previous->tables_;
-        return;
-    }
-    auto tables = std::make_shared<MatchTables>();
-    tables->urlIndex.reserve(packs.size());
-    // Where two packs claim the same prefix (for the same type) or the same referrer, the
-    // smallest name wins, so that the tables do not depend on the order of the map.
-    auto claim = [](std::string& holder, std::string_view name) {
-        if (holder.empty() || name < holder) holder.assign(name);
-    };
+namespace {
+
+// Where two packs claim the same prefix (for the same type) or the same referrer, the smallest
+// name wins, so that the tables do not depend on the order of the map.
+void claim(std::string& holder, std::string_view name) {
+    if (holder.empty() || name < holder) holder.assign(name);
+}
+
+// The matcher's tables in the making, with the list of routed records that goes with them.
+struct TableBuilder {
+    std::shared_ptr<MatchTables> tables = std::make_shared<MatchTables>();
+    std::shared_ptr<std::vector<PackPtr>> routed = std::make_shared<std::vector<PackPtr>>();
     std::string keyBuffer;
     std::string accept;
-    // A freshly parsed document's records lie all over the heap, and the first touch of each
-    // waited on memory: with the records in a list, each step fetches a record, its lists and
-    // their text a few places ahead, in that order, while this one is read.
-    std::vector<std::pair<std::string_view, const Pack*>> records;
-    records.reserve(packs.size());
-    for (const auto& [name, pack] : packs) records.emplace_back(name, pack.get());
-    constexpr size_t kFetchAhead = 4;
-    const size_t count = records.size();
-    for (size_t i = 0; i < count; ++i) {
-        if (i + 3 * kFetchAhead < count) __builtin_prefetch(records[i + 3 * kFetchAhead].second);
-        if (i + 2 * kFetchAhead < count) {
-            const Pack* later = records[i + 2 * kFetchAhead].second;
-            __builtin_prefetch(later->prefixes.data());
-            __builtin_prefetch(later->referrers.data());
+
+    // The place of a pack, given on its first claim: only packs that route take one.
+    uint32_t placeOf(std::string_view name, const PackPtr& record) {
+        const auto [place, added] =
+            tables->places.tryEmplace(name, static_cast<uint32_t>(tables->names.size()));
+        if (added) {
+            tables->names.emplace_back(name);
+            routed->push_back(record);
         }
-        if (i + kFetchAhead < count) {
-            const Pack* soon = records[i + kFetchAhead].second;
-            for (const std::string& text : soon->prefixes) __builtin_prefetch(text.data());
-            for (const std::string& text : soon->referrers) __builtin_prefetch(text.data());
-        }
-        const auto [name, pack] = records[i];
-        if (pack->packType() == kPackTypeSCache && pack->subType == kSubTypeFixedSeq) continue;
-        for (const auto& prefix : pack->prefixes) {
+        return *place;
+    }
+
+    // Enters the prefixes and referrers of one record.
+    void add(std::string_view name, const PackPtr& record) {
+        const Pack& pack = *record;
+        if (pack.packType() == kPackTypeSCache && pack.subType == kSubTypeFixedSeq) return;
+        for (const auto& prefix : pack.prefixes) {
             // A prefix may name, after a "#", the content type it serves: the fragment never
             // reaches a server, so it is free to carry this.
             const size_t hash = prefix.find('#');
             Url::keyInto(std::string_view(prefix).substr(0, hash), keyBuffer);
             if (keyBuffer.empty()) continue;
             PrefixValue& value = tables->prefixTree.value(keyBuffer);
+            placeOf(name, record);
             if (hash == std::string::npos || hash + 1 == prefix.size()) {
                 claim(value.packName, name);
                 continue;
@@ -571,13 +594,65 @@ void FConfig::rebuildIndexes(const FConfig* previous) {
             Ascii::lowerInPlace(accept);
             claim(value.acceptPacks[accept], name);
         }
-        for (const auto& referrer : pack->referrers) {
+        for (const auto& referrer : pack.referrers) {
             Url::keyInto(referrer, keyBuffer);
             if (keyBuffer.empty()) continue;
-            claim(tables->urlIndex[keyBuffer], name);
+            const uint32_t place = placeOf(name, record);
+            const auto [holder, added] = tables->urlIndex.tryEmplace(keyBuffer, place);
+            if (!added && name < tables->names[*holder]) *holder = place;
         }
     }
-    tables_ = std::move(tables);
+};
+
+// The routed records of a snapshot that shares its tables with one whose list is `before`: the
+// same names route as before, and only the records that were replaced move in.
+std::shared_ptr<const std::vector<PackPtr>> patchRouted(
+    const MatchTables& tables, const std::shared_ptr<const std::vector<PackPtr>>& before,
+    const std::vector<const PackPtr*>& changed) {
+    if (changed.empty()) return before;
+    auto routed = std::make_shared<std::vector<PackPtr>>(*before);
+    for (const PackPtr* record : changed)
+        if (const uint32_t* place = tables.places.find((*record)->name))
+            (*routed)[*place] = *record;
+    return routed;
+}
+
+}  // namespace
+
+void FConfig::rebuildIndexes(const FConfig* previous) {
+    std::vector<const PackPtr*> changed;
+    if (previous != nullptr && previous->tables_ && sameRouting(packs, previous->packs, changed)) {
+        tables_ = previous->tables_;
+        routed_ = patchRouted(*tables_, previous->routed_, changed);
+        return;
+    }
+    TableBuilder builder;
+    builder.tables->urlIndex.reserve(packs.size());
+    // A freshly parsed document's records lie all over the heap, and the first touch of each
+    // waited on memory: with the records in a list, each step fetches a record, its lists and
+    // their text a few places ahead, in that order, while this one is read.
+    std::vector<std::pair<std::string_view, const PackPtr*>> records;
+    records.reserve(packs.size());
+    for (const auto& [name, pack] : packs) records.emplace_back(name, &pack);
+    constexpr size_t kFetchAhead = 4;
+    const size_t count = records.size();
+    for (size_t i = 0; i < count; ++i) {
+        if (i + 3 * kFetchAhead < count)
+            __builtin_prefetch(records[i + 3 * kFetchAhead].second->get());
+        if (i + 2 * kFetchAhead < count) {
+            const Pack* later = records[i + 2 * kFetchAhead].second->get();
+            __builtin_prefetch(later->prefixes.data());
+            __builtin_prefetch(later->referrers.data());
+        }
+        if (i + kFetchAhead < count) {
+            const Pack* soon = records[i + kFetchAhead].second->get();
+            for (const std::string& text : soon->prefixes) __builtin_prefetch(text.data());
+            for (const std::string& text : soon->referrers) __builtin_prefetch(text.data());
+        }
+        builder.add(records[i].first, *records[i].second);
+    }
+    tables_ = std::move(builder.tables);
+    routed_ = std::move(builder.routed);
 }
 
 }  // namespace FerritCore

@@ -10,7 +10,9 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
+#include "base/FlatStringMap.h"
 #include "base/PrefixTree.h"
 #include "base/StringMap.h"
 #include "base/Telemetry.h"
@@ -21,10 +23,14 @@
 
 namespace FerritCore {
 
-// The two indexes the matcher reads, derived from the records' referrers and prefixes.
+// The two indexes the matcher reads, derived from the records' referrers and prefixes. They are
+// shared by the snapshots whose routing is the same, so they name a pack by its place in a
+// snapshot's own list of routed records (FConfig::routedPacks), not by the record itself.
 struct MatchTables {
-    StringMap<std::string> urlIndex;  // referrer index: "//" form of a URL -> pack name
-    PrefixTree prefixTree;            // prefix index
+    FlatStringMap<uint32_t> urlIndex;  // referrer index: "//" form of a URL -> place of its pack
+    PrefixTree prefixTree;             // prefix index
+    std::vector<std::string> names;    // the name of the pack at each place
+    FlatStringMap<uint32_t> places;    // pack name -> its place
 };
 
 // "fullMark" of a document that lists every pack.
@@ -44,6 +50,12 @@ class FConfig {
     // matcher's tables are empty until the document is published or rebuildIndexes() is called.
     static std::shared_ptr<FConfig> parse(std::string_view text, const std::string& origin,
                                           Error& error, bool checkSignature);
+    // Parses a document that this device stored (origin "local", no signature), reading `text`
+    // in place: the megabytes of a large document are not copied once more. Give the text
+    // JSON::kInPlaceSpare bytes of spare capacity. `reread` gives the stored text again, only to
+    // report a refused record as it was stored (rare: this device stores records that validated).
+    static std::shared_ptr<FConfig> parseStored(std::string text, Error& error,
+                                                const std::function<std::string()>& reread);
     // Splits "<json>||<signature>" at the last "||" and checks the signature of the MD5 of the
     // JSON through the proxy. On success `body` holds the JSON alone.
     // `signer`, when given, receives the id of the key that signed (KeyTrust::signerOf), and
@@ -95,8 +107,26 @@ class FConfig {
     // Rebuilds the matcher's tables; shares those of `previous` when no record's routing changed,
     // so that a transaction that touches no prefix or referrer costs no index rebuild.
     void rebuildIndexes(const FConfig* previous = nullptr);
-    const StringMap<std::string>& urlIndex() const { return tables_->urlIndex; }
+    const FlatStringMap<uint32_t>& urlIndex() const { return tables_->urlIndex; }
     const PrefixTree& prefixTree() const { return tables_->prefixTree; }
+    // The record of the pack that the referrer index names for URL key `k`, or null: one probe of
+    // the index and no lookup of the name.
+    PackPtr packForUrl(std::string_view k) const {
+        const uint32_t* place = tables_->urlIndex.find(k);
+        return place == nullptr ? nullptr : (*routed_)[*place];
+    }
+    // The record of a pack that the tables name (as the prefix index answers), or null.
+    PackPtr routedPack(std::string_view name) const {
+        const uint32_t* place = tables_->places.find(name);
+        return place == nullptr ? nullptr : (*routed_)[*place];
+    }
+    // The name of the pack that the referrer index names for URL key `k`; empty when none.
+    std::string_view urlPackName(std::string_view k) const {
+        const uint32_t* place = tables_->urlIndex.find(k);
+        return place == nullptr ? std::string_view() : std::string_view(tables_->names[*place]);
+    }
+    // The name of the pack at a place of the tables (a value of urlIndex()).
+    const std::string& routedName(uint32_t place) const { return tables_->names[place]; }
 
     // Document fields.
     std::string version = "0";
@@ -141,11 +171,24 @@ class FConfig {
     // Reads the document's members straight from the parser (FConfigReader.cc); false when
     // `text` is not a JSON object.
     bool read(std::string_view text, std::string& reason);
+    // The same over `text` read in place (JSON::parseEventsInPlace); `reread` gives the text
+    // again for the report of a refused record.
+    bool readInPlace(std::string& text, std::string& reason,
+                     const std::function<std::string()>& reread);
+    // What parse and parseStored do once the document is read: the checks and defaults of its
+    // fields. False with `error` set when it has no version.
+    bool finishParse(const std::string& origin, Error& error);
     // Reports a record that must not be kept, as the server sent it, so that the server side can
     // be fixed.
     static void reportRefused(const std::string& name, const MarlLogger::json::JSON& record);
+    // Reports each record of `text` whose name is in `names`.
+    static void reportRefusedIn(std::string_view text,
+                                const std::unordered_set<std::string>& names);
 
     std::shared_ptr<const MatchTables> tables_;
+    // This snapshot's record of each pack the tables name, by place (null when it has none):
+    // what the tables answer is the current record without a lookup of its name.
+    std::shared_ptr<const std::vector<PackPtr>> routed_;
 };
 
 using FConfigPtr = std::shared_ptr<const FConfig>;

@@ -253,9 +253,11 @@ class DocumentReader final : public MarlLogger::json::JSONEvents {
 
 }  // namespace
 
-bool FConfig::read(std::string_view text, std::string& reason) {
-    DocumentReader reader(*this);
-    if (!JSON::parseEvents(text, reader, &reason)) {
+namespace {
+
+// Whether the parse gave a document; `reason` says why not.
+bool readWhole(bool parsed, const DocumentReader& reader, std::string& reason) {
+    if (!parsed) {
         if (reason.empty()) reason = "unreadable";
         return false;
     }
@@ -263,13 +265,32 @@ bool FConfig::read(std::string_view text, std::string& reason) {
         reason = "not an object";
         return false;
     }
-    if (!reader.refused().empty()) {
-        // A refused record is reported as the server sent it; this is rare enough that reading
-        // the text a second time, as a tree, costs nothing that matters.
-        const JSON document = JSON::parse(text);
-        for (const auto& [name, record] : document["packs"].objectValue())
-            if (reader.refused().count(name) != 0) reportRefused(name, record);
-    }
+    return true;
+}
+
+}  // namespace
+
+void FConfig::reportRefusedIn(std::string_view text, const std::unordered_set<std::string>& names) {
+    // A refused record is reported as the server sent it; this is rare enough that reading the
+    // text a second time, as a tree, costs nothing that matters.
+    const JSON document = JSON::parse(text);
+    for (const auto& [name, record] : document["packs"].objectValue())
+        if (names.count(name) != 0) reportRefused(name, record);
+}
+
+bool FConfig::read(std::string_view text, std::string& reason) {
+    DocumentReader reader(*this);
+    if (!readWhole(JSON::parseEvents(text, reader, &reason), reader, reason)) return false;
+    if (!reader.refused().empty()) reportRefusedIn(text, reader.refused());
+    return true;
+}
+
+bool FConfig::readInPlace(std::string& text, std::string& reason,
+                          const std::function<std::string()>& reread) {
+    DocumentReader reader(*this);
+    if (!readWhole(JSON::parseEventsInPlace(text, reader, &reason), reader, reason)) return false;
+    // The parse rewrote the text: the report reads it again.
+    if (!reader.refused().empty() && reread) reportRefusedIn(reread(), reader.refused());
     return true;
 }
 

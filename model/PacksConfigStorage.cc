@@ -1,5 +1,6 @@
 #include "model/PacksConfigStorage.h"
 
+#include "marl/Json.h"
 #include "runtime/WorkerCheck.h"
 #include "storage/PacksStore.h"
 
@@ -25,7 +26,8 @@ uint64_t PacksConfigStorage::dataVersion() {
 }
 
 std::string PacksConfigStorage::readConfig(Error& error) {
-    ErrorOr<std::string> stored = PacksStore::instance().readConfig();
+    ErrorOr<std::string> stored =
+        PacksStore::instance().readConfig(MarlLogger::json::JSON::kInPlaceSpare);
     error = stored.error();
     return std::move(stored).valueOr(std::string());
 }

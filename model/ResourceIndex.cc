@@ -200,8 +200,8 @@ bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Fo
                          keyBuffer);
         }
         std::shared_ptr<const ResourceRecord> shared = record;
-        if (!keyBuffer.empty()) records_.emplace(keyBuffer, shared);
-        records_.emplace(record->path, std::move(shared));
+        if (!keyBuffer.empty()) records_.tryEmplace(keyBuffer, shared);
+        records_.tryEmplace(record->path, std::move(shared));
     }
     return true;
 }
@@ -209,8 +209,8 @@ bool ResourceIndex::addEntries(const JSON& table, bool allowMissingMd5, const Fo
 std::shared_ptr<const ResourceRecord> ResourceIndex::find(std::string_view url) const {
     if (url.size() >= 1 && url[0] == '/' && !(url.size() > 1 && url[1] == '/'))
         url.remove_prefix(1);
-    auto it = records_.find(url);
-    return it == records_.end() ? nullptr : it->second;
+    const auto* record = records_.find(url);
+    return record == nullptr ? nullptr : *record;
 }
 
 std::vector<std::string> ResourceIndex::urls() const {
@@ -282,9 +282,89 @@ struct PooledIndex {
     }
 };
 
+// Before the names: what this thread found for a shared record, by the record's address, in a flat
+// table, so that a request neither hashes the name nor walks a bucket and a node. A slot holds a
+// weak reference to the record: the same address under another owner is another record, and the
+// memory of a record made with its owner is not given to another while the slot remembers it.
+class FoundByRecord {
+    struct Slot {
+        const Pack* pack = nullptr;
+        std::weak_ptr<const Pack> owner;
+        ResourceIndexPtr index;
+        uint64_t installedSeq = 0;
+        bool isPacks = false;
+    };
+
+  public:
+    const ResourceIndexPtr* find(const PackPtr& pack) const {
+        if (slots_.empty()) return nullptr;
+        const size_t mask = slots_.size() - 1;
+        for (size_t i = slotOf(pack.get()); slots_[i].pack != nullptr; i = (i + 1) & mask) {
+            const Slot& slot = slots_[i];
+            if (slot.pack != pack.get()) continue;
+            const bool same = !slot.owner.owner_before(pack) && !pack.owner_before(slot.owner);
+            return same && slot.installedSeq == pack->installedSeq && slot.isPacks == pack->isPacks
+                       ? &slot.index
+                       : nullptr;
+        }
+        return nullptr;
+    }
+    // `named` bounds the table: every snapshot's records have new addresses, so slots of records
+    // no longer in use pile up; past twice the names (and a few) it starts again.
+    void put(const PackPtr& pack, ResourceIndexPtr index, size_t named) {
+        if ((used_ + 1) * 2 > slots_.size()) {
+            if (used_ >= 2 * named + 64) clear();
+            if ((used_ + 1) * 2 > slots_.size()) grow();
+        }
+        Slot& slot = slotFor(pack.get());
+        slot.pack = pack.get();
+        slot.owner = pack;
+        slot.index = std::move(index);
+        slot.installedSeq = pack->installedSeq;
+        slot.isPacks = pack->isPacks;
+    }
+    void clear() {
+        slots_.clear();
+        used_ = 0;
+    }
+
+  private:
+    // Fibonacci hashing of the address, its low (aligned) bits dropped: the mask keeps bits that
+    // differ between records.
+    size_t slotOf(const Pack* pack) const {
+        const uint64_t mixed =
+            (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(pack)) >> 4) * 0x9E3779B97F4A7C15ull;
+        return static_cast<size_t>(mixed >> 32) & (slots_.size() - 1);
+    }
+    // The slot of `pack`, or the free one where it goes.
+    Slot& slotFor(const Pack* pack) {
+        const size_t mask = slots_.size() - 1;
+        size_t i = slotOf(pack);
+        while (slots_[i].pack != nullptr && slots_[i].pack != pack) i = (i + 1) & mask;
+        if (slots_[i].pack == nullptr) ++used_;
+        return slots_[i];
+    }
+    void grow() {
+        std::vector<Slot> old = std::move(slots_);
+        slots_ = std::vector<Slot>(old.empty() ? 64 : old.size() * 2);
+        used_ = 0;
+        for (Slot& slot : old)
+            if (slot.pack != nullptr) slotFor(slot.pack) = std::move(slot);
+    }
+
+    std::vector<Slot> slots_;
+    size_t used_ = 0;
+};
+
 struct ThreadIndexes {
     uint64_t generation = 0;
     StringMap<PooledIndex> found;
+    FoundByRecord byRecord;
+
+    void clear() {
+        byRecord.clear();
+        found.clear();
+    }
 };
 thread_local ThreadIndexes threadIndexes;
 
@@ -306,7 +386,7 @@ Pool& pool() {
         p.embedded.clear();
         p.loader = nullptr;
         p.changed();
-        threadIndexes.found.clear();  // the resetting thread's, at once
+        threadIndexes.clear();  // the resetting thread's, at once
     });
     return *instance;
 }
@@ -323,11 +403,22 @@ ResourceIndexPtr ResourceIndexPool::get(const Pack& pack) {
         auto it = mine.found.find(std::string_view(pack.name));
         if (it != mine.found.end() && it->second.describes(pack)) return it->second.index;
     } else {
-        mine.found.clear();
+        mine.clear();
         mine.generation = generation;
     }
     ResourceIndexPtr index = getLocked(p, pack);
     mine.found.insert_or_assign(pack.name, PooledIndex(index, pack));
+    return index;
+}
+
+ResourceIndexPtr ResourceIndexPool::get(const PackPtr& pack) {
+    ThreadIndexes& mine = threadIndexes;
+    if (mine.generation == pool().generation.load(std::memory_order_acquire)) {
+        if (const ResourceIndexPtr* seen = mine.byRecord.find(pack)) return *seen;
+    }
+    // Looked up by name, which also lets go of what the thread found before a change of the pool.
+    ResourceIndexPtr index = get(*pack);
+    mine.byRecord.put(pack, index, mine.found.size());
     return index;
 }
 

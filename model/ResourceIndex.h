@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/FileUtil.h"
+#include "base/FlatStringMap.h"
 #include "base/Folder.h"
 #include "ferritcore/Error.h"
 #include "ferritcore/ResourceRequest.h"
@@ -129,7 +130,7 @@ class ResourceIndex {
     bool hasFolder_ = false;
     Folder folder_;
     std::unique_ptr<OpenDirectory> directory_;
-    StringMap<std::shared_ptr<const ResourceRecord>> records_;
+    FlatStringMap<std::shared_ptr<const ResourceRecord>> records_;
     std::unordered_set<std::string> removed_;
 };
 
@@ -144,6 +145,9 @@ class ResourceIndexPool {
     // one gives a failed index with 3112, not stored). Every other pack is looked up in `loaded`
     // and, on a miss, loaded from its installed folder and stored, even when the load failed.
     static ResourceIndexPtr get(const Pack& pack);
+    // The same for a shared record; what this thread found for that very record before comes
+    // back without a lookup of its name.
+    static ResourceIndexPtr get(const PackPtr& pack);
     // Stores an embedded index; nothing for an empty name or a null index.
     static void set(const std::string& name, ResourceIndexPtr index);
     // Drops a pack from `loaded` (after an install).

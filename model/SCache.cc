@@ -160,10 +160,14 @@ bool SCache::refresh() {
     if (version == 0 || version == s.seenVersion.load(std::memory_order_acquire)) return false;
     const double start = MRLCurrentClock();
     Error error;
-    const std::string text = storage->readConfig(error);
+    std::string text = storage->readConfig(error);
     std::shared_ptr<FConfig> document;
-    if (!error && !text.empty())
-        document = FConfig::parse(text, "local", error, /*checkSignature=*/false);
+    if (!error && !text.empty()) {
+        document = FConfig::parseStored(std::move(text), error, [&storage] {
+            Error ignored;
+            return storage->readConfig(ignored);
+        });
+    }
     if (!document) {
         // Taken as seen all the same: a document that does not read would otherwise be read
         // again by every failing request until the next commit replaces it.

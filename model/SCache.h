@@ -37,7 +37,8 @@ class ConfigStorage {
     // them commits (any thread, cheap: no disk read while nothing changed); 0 when this storage
     // cannot tell, and then the document is never reloaded.
     virtual uint64_t dataVersion() { return 0; }
-    // The stored document's text, or empty with `error` set (1101 when nothing is stored).
+    // The stored document's text, or empty with `error` set (1101 when nothing is stored); best
+    // with JSON::kInPlaceSpare bytes of spare capacity, which let the parse read it in place.
     virtual std::string readConfig(Error& error) {
         error.clear();
         return {};

@@ -168,39 +168,54 @@ KeyValueStore::Options KeyValueStore::Options::forCache() {
 }
 
 struct KeyValueStore::Statements {
-    sqlite3_stmt* get = nullptr;
-    sqlite3_stmt* contains = nullptr;
-    sqlite3_stmt* insert = nullptr;
-    sqlite3_stmt* remove = nullptr;
-    sqlite3_stmt* removeRange = nullptr;
-    sqlite3_stmt* removeFrom = nullptr;
-    sqlite3_stmt* clear = nullptr;
-    sqlite3_stmt* insertIfAbsent = nullptr;
-    sqlite3_stmt* rowsFrom = nullptr;
-    // Key enumeration: starting at a bound (inclusive) or after the last key of the previous
-    // batch (exclusive), with an upper bound or running to the end.
-    sqlite3_stmt* keysFrom = nullptr;
-    sqlite3_stmt* keysAfter = nullptr;
-    sqlite3_stmt* keysFromToEnd = nullptr;
-    sqlite3_stmt* keysAfterToEnd = nullptr;
-    sqlite3_stmt* dataVersion = nullptr;
-    // A store with shared content only: a content's bytes under their MD5, and a row that names
-    // a content.
-    sqlite3_stmt* insertContent = nullptr;
-    sqlite3_stmt* insertNaming = nullptr;
+    enum Slot {
+        kGet,
+        kContains,
+        kInsert,
+        kInsertContent,
+        kInsertNaming,
+        kRemove,
+        kRemoveRange,
+        kRemoveFrom,
+        kClear,
+        kInsertIfAbsent,
+        kRowsFrom,
+        // Key enumeration: starting at a bound (inclusive) or after the last key of the previous
+        // batch (exclusive), with an upper bound or running to the end.
+        kKeysFrom,
+        kKeysAfter,
+        kKeysFromToEnd,
+        kKeysAfterToEnd,
+        kDataVersion,
+        kSlots
+    };
+
+    // Each statement's text, null where the layout has none (the content statements of a store
+    // without shared content), and the statement once prepared.
+    const char* sql[kSlots] = {};
+    sqlite3_stmt* prepared[kSlots] = {};
     bool shared = false;
 
     ~Statements() {
-        for (sqlite3_stmt* statement :
-             {get, contains, insert, remove, removeRange, removeFrom, clear, insertIfAbsent,
-              rowsFrom, keysFrom, keysAfter, keysFromToEnd, keysAfterToEnd, dataVersion,
-              insertContent, insertNaming}) {
-            sqlite3_finalize(statement);
-        }
+        for (sqlite3_stmt* statement : prepared) sqlite3_finalize(statement);
+    }
+
+    // The statement of `slot`, prepared at its first use: a start reads one value of a store and
+    // writes none, and preparing every statement at open cost as much as that read (the upserts
+    // compile the content triggers).
+    int use(sqlite3* db, Slot slot, sqlite3_stmt*& statement) {
+        statement = prepared[slot];
+        if (statement != nullptr) return SQLITE_OK;
+        if (sql[slot] == nullptr) return SQLITE_MISUSE;
+        const int rc = sqlite3_prepare_v3(db, sql[slot], -1, SQLITE_PREPARE_PERSISTENT,
+                                          &prepared[slot], nullptr);
+        statement = prepared[slot];
+        return rc;
     }
 
     // `previousFormat`: the format a read-only handle reads a store in as it is, 0 for the
-    // store's own.
+    // store's own. Prepares the get, which reads every table of the layout, so that a database
+    // whose schema does not fit its format fails at open, where it can still be replaced.
     int prepare(sqlite3* db, bool sharedContent, int previousFormat = 0) {
         shared = sharedContent;
         // A handle reading the previous format keeps reading after another process migrated the
@@ -215,48 +230,38 @@ struct KeyValueStore::Statements {
         // read is still one statement. The upserts update a row in place rather than replace
         // it, so that the triggers that free a content no row names any more see the change.
         const bool s = sharedContent;
-        const struct {
-            sqlite3_stmt** target;
-            const char* sql;
-        } all[] = {
-            {&get, s ? "SELECT coalesce(content.v, kv.v) FROM kv LEFT JOIN content "
-                       "ON content.h = kv.c WHERE kv.k = ?1"
-                   : previousFormat != 0 ? previousGet
-                                         : "SELECT v FROM kv WHERE k = ?1"},
-            {&contains, "SELECT 1 FROM kv WHERE k = ?1"},
-            {&insert, s ? "INSERT INTO kv(k, v, c) VALUES(?1, ?2, NULL) "
-                          "ON CONFLICT(k) DO UPDATE SET v = excluded.v, c = NULL"
-                        : "INSERT OR REPLACE INTO kv(k, v) VALUES(?1, ?2)"},
-            {&insertContent, s ? "INSERT INTO content(h, v) VALUES(?1, ?2) "
-                                 "ON CONFLICT(h) DO UPDATE SET v = excluded.v"
-                               : nullptr},
-            {&insertNaming, s ? "INSERT INTO kv(k, v, c) VALUES(?1, x'', ?2) "
-                                "ON CONFLICT(k) DO UPDATE SET v = x'', c = excluded.c"
-                              : nullptr},
-            {&remove, "DELETE FROM kv WHERE k = ?1"},
-            {&removeRange, "DELETE FROM kv WHERE k >= ?1 AND k < ?2"},
-            {&removeFrom, "DELETE FROM kv WHERE k >= ?1"},
-            {&clear, "DELETE FROM kv"},
-            {&insertIfAbsent, s ? "INSERT OR IGNORE INTO kv(k, v, c) VALUES(?1, ?2, ?3)"
-                                : "INSERT OR IGNORE INTO kv(k, v) VALUES(?1, ?2)"},
-            // length() of a blob column reads its size from the record, not its pages.
-            {&rowsFrom, s ? "SELECT kv.k, kv.v, kv.c, length(content.v) FROM kv LEFT JOIN "
-                            "content ON content.h = kv.c WHERE kv.k >= ?1 AND kv.k < ?2 "
-                            "ORDER BY kv.k"
-                          : "SELECT k, v, NULL, NULL FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k"},
-            {&keysFrom, "SELECT k FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
-            {&keysAfter, "SELECT k FROM kv WHERE k > ?1 AND k < ?2 ORDER BY k LIMIT ?3"},
-            {&keysFromToEnd, "SELECT k FROM kv WHERE k >= ?1 ORDER BY k LIMIT ?3"},
-            {&keysAfterToEnd, "SELECT k FROM kv WHERE k > ?1 ORDER BY k LIMIT ?3"},
-            {&dataVersion, "PRAGMA data_version"},
-        };
-        for (const auto& one : all) {
-            if (one.sql == nullptr) continue;
-            const int rc =
-                sqlite3_prepare_v3(db, one.sql, -1, SQLITE_PREPARE_PERSISTENT, one.target, nullptr);
-            if (rc != SQLITE_OK) return rc;
-        }
-        return SQLITE_OK;
+        sql[kGet] = s ? "SELECT coalesce(content.v, kv.v) FROM kv LEFT JOIN content "
+                        "ON content.h = kv.c WHERE kv.k = ?1"
+                    : previousFormat != 0 ? previousGet
+                                          : "SELECT v FROM kv WHERE k = ?1";
+        sql[kContains] = "SELECT 1 FROM kv WHERE k = ?1";
+        sql[kInsert] = s ? "INSERT INTO kv(k, v, c) VALUES(?1, ?2, NULL) "
+                           "ON CONFLICT(k) DO UPDATE SET v = excluded.v, c = NULL"
+                         : "INSERT OR REPLACE INTO kv(k, v) VALUES(?1, ?2)";
+        sql[kInsertContent] = s ? "INSERT INTO content(h, v) VALUES(?1, ?2) "
+                                  "ON CONFLICT(h) DO UPDATE SET v = excluded.v"
+                                : nullptr;
+        sql[kInsertNaming] = s ? "INSERT INTO kv(k, v, c) VALUES(?1, x'', ?2) "
+                                 "ON CONFLICT(k) DO UPDATE SET v = x'', c = excluded.c"
+                               : nullptr;
+        sql[kRemove] = "DELETE FROM kv WHERE k = ?1";
+        sql[kRemoveRange] = "DELETE FROM kv WHERE k >= ?1 AND k < ?2";
+        sql[kRemoveFrom] = "DELETE FROM kv WHERE k >= ?1";
+        sql[kClear] = "DELETE FROM kv";
+        sql[kInsertIfAbsent] = s ? "INSERT OR IGNORE INTO kv(k, v, c) VALUES(?1, ?2, ?3)"
+                                 : "INSERT OR IGNORE INTO kv(k, v) VALUES(?1, ?2)";
+        // length() of a blob column reads its size from the record, not its pages.
+        sql[kRowsFrom] = s ? "SELECT kv.k, kv.v, kv.c, length(content.v) FROM kv LEFT JOIN "
+                             "content ON content.h = kv.c WHERE kv.k >= ?1 AND kv.k < ?2 "
+                             "ORDER BY kv.k"
+                           : "SELECT k, v, NULL, NULL FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k";
+        sql[kKeysFrom] = "SELECT k FROM kv WHERE k >= ?1 AND k < ?2 ORDER BY k LIMIT ?3";
+        sql[kKeysAfter] = "SELECT k FROM kv WHERE k > ?1 AND k < ?2 ORDER BY k LIMIT ?3";
+        sql[kKeysFromToEnd] = "SELECT k FROM kv WHERE k >= ?1 ORDER BY k LIMIT ?3";
+        sql[kKeysAfterToEnd] = "SELECT k FROM kv WHERE k > ?1 ORDER BY k LIMIT ?3";
+        sql[kDataVersion] = "PRAGMA data_version";
+        sqlite3_stmt* get = nullptr;
+        return use(db, kGet, get);
     }
 };
 
@@ -562,7 +567,8 @@ uint64_t KeyValueStore::diskSize(const std::string& path) {
 
 bool KeyValueStore::contains(std::string_view key) {
     MutexLock lock(mutex_);
-    sqlite3_stmt* statement = statements_->contains;
+    sqlite3_stmt* statement = nullptr;
+    if (statements_->use(db_, Statements::kContains, statement) != SQLITE_OK) return false;
     ResetOnExit reset(statement);
     if (bindBlob(statement, 1, key) != SQLITE_OK) return false;
     return sqlite3_step(statement) == SQLITE_ROW;
@@ -571,27 +577,36 @@ bool KeyValueStore::contains(std::string_view key) {
 int KeyValueStore::dataVersion(uint64_t& version) {
     version = 0;
     MutexLock lock(mutex_);
-    sqlite3_stmt* statement = statements_->dataVersion;
+    sqlite3_stmt* statement = nullptr;
+    int rc = statements_->use(db_, Statements::kDataVersion, statement);
+    if (rc != SQLITE_OK) return rc;
     ResetOnExit reset(statement);
-    const int rc = sqlite3_step(statement);
+    rc = sqlite3_step(statement);
     if (rc != SQLITE_ROW) return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
     version = static_cast<uint64_t>(sqlite3_column_int64(statement, 0));
     return SQLITE_OK;
 }
 
-int KeyValueStore::get(std::string_view key, std::string& value, bool& found) {
+int KeyValueStore::get(std::string_view key, std::string& value, bool& found, size_t spare) {
     value.clear();
     return visit(
-        key, [&](std::string_view bytes) { value.assign(bytes); }, found);
+        key,
+        [&](std::string_view bytes) {
+            value.reserve(bytes.size() + spare);
+            value.assign(bytes);
+        },
+        found);
 }
 
 int KeyValueStore::visit(std::string_view key, FunctionRef<void(std::string_view value)> reader,
                          bool& found) {
     found = false;
     MutexLock lock(mutex_);
-    sqlite3_stmt* statement = statements_->get;
+    sqlite3_stmt* statement = nullptr;
+    int rc = statements_->use(db_, Statements::kGet, statement);
+    if (rc != SQLITE_OK) return rc;
     ResetOnExit reset(statement);
-    int rc = bindBlob(statement, 1, key);
+    rc = bindBlob(statement, 1, key);
     if (rc != SQLITE_OK) return rc;
     rc = sqlite3_step(statement);
     if (rc == SQLITE_DONE) return SQLITE_OK;
@@ -621,9 +636,9 @@ int KeyValueStore::insert(std::string_view key, std::string_view value, Durabili
         const int rc = execute(db_, "PRAGMA synchronous=FULL");
         if (rc != SQLITE_OK) return rc;
     }
-    sqlite3_stmt* statement = statements_->insert;
-    int rc;
-    {
+    sqlite3_stmt* statement = nullptr;
+    int rc = statements_->use(db_, Statements::kInsert, statement);
+    if (rc == SQLITE_OK) {
         ResetOnExit reset(statement);
         rc = bindBlob(statement, 1, key);
         if (rc == SQLITE_OK) rc = bindBlob(statement, 2, value);
@@ -642,7 +657,9 @@ int KeyValueStore::insertAll(const std::vector<std::pair<std::string, std::strin
     MutexLock lock(mutex_);
     WriteTransaction transaction(db_);
     if (transaction.status() != SQLITE_OK) return transaction.status();
-    sqlite3_stmt* statement = statements_->insert;
+    sqlite3_stmt* statement = nullptr;
+    const int prepared = statements_->use(db_, Statements::kInsert, statement);
+    if (prepared != SQLITE_OK) return prepared;
     for (const auto& [key, value] : entries) {
         ResetOnExit reset(statement);
         int rc = bindBlob(statement, 1, key);
@@ -688,9 +705,11 @@ bool columnBlob(sqlite3_stmt* statement, int column, std::string_view& bytes) {
 
 int KeyValueStore::insertChecked(const CheckedValue& entry) {
     if (!statements_->shared || entry.md5.empty()) {
-        sqlite3_stmt* statement = statements_->insert;
+        sqlite3_stmt* statement = nullptr;
+        int rc = statements_->use(db_, Statements::kInsert, statement);
+        if (rc != SQLITE_OK) return rc;
         ResetOnExit reset(statement);
-        int rc = bindBlob(statement, 1, entry.key);
+        rc = bindBlob(statement, 1, entry.key);
         if (rc == SQLITE_OK) rc = bindBlob(statement, 2, entry.value);
         return rc == SQLITE_OK ? runToEnd(statement) : rc;
     }
@@ -708,16 +727,20 @@ int KeyValueStore::insertChecked(const CheckedValue& entry) {
     // store held, as it did when each version had its own. What is shared is never copied:
     // an increment's unchanged files are not written at all.
     {
-        sqlite3_stmt* statement = statements_->insertContent;
+        sqlite3_stmt* statement = nullptr;
+        int rc = statements_->use(db_, Statements::kInsertContent, statement);
+        if (rc != SQLITE_OK) return rc;
         ResetOnExit reset(statement);
-        int rc = bindBlob(statement, 1, name);
+        rc = bindBlob(statement, 1, name);
         if (rc == SQLITE_OK) rc = bindBlob(statement, 2, entry.value);
         if (rc == SQLITE_OK) rc = runToEnd(statement);
         if (rc != SQLITE_OK) return rc;
     }
-    sqlite3_stmt* statement = statements_->insertNaming;
+    sqlite3_stmt* statement = nullptr;
+    int rc = statements_->use(db_, Statements::kInsertNaming, statement);
+    if (rc != SQLITE_OK) return rc;
     ResetOnExit reset(statement);
-    int rc = bindBlob(statement, 1, entry.key);
+    rc = bindBlob(statement, 1, entry.key);
     if (rc == SQLITE_OK) rc = bindBlob(statement, 2, name);
     return rc == SQLITE_OK ? runToEnd(statement) : rc;
 }
@@ -744,10 +767,13 @@ int KeyValueStore::copyPrefix(std::string_view from, std::string_view to,
     MutexLock lock(mutex_);
     WriteTransaction transaction(db_);
     if (transaction.status() != SQLITE_OK) return transaction.status();
-    sqlite3_stmt* rows = statements_->rowsFrom;
-    sqlite3_stmt* insert = statements_->insertIfAbsent;
+    sqlite3_stmt* rows = nullptr;
+    sqlite3_stmt* insert = nullptr;
+    int rc = statements_->use(db_, Statements::kRowsFrom, rows);
+    if (rc == SQLITE_OK) rc = statements_->use(db_, Statements::kInsertIfAbsent, insert);
+    if (rc != SQLITE_OK) return rc;
     ResetOnExit resetRows(rows);
-    int rc = bindBlob(rows, 1, range.from);
+    rc = bindBlob(rows, 1, range.from);
     if (rc == SQLITE_OK) rc = bindBlob(rows, 2, range.to);
     if (rc != SQLITE_OK) return rc;
     uint64_t copied = 0;
@@ -787,9 +813,11 @@ int KeyValueStore::copyPrefix(std::string_view from, std::string_view to,
 
 int KeyValueStore::erase(std::string_view key) {
     MutexLock lock(mutex_);
-    sqlite3_stmt* statement = statements_->remove;
+    sqlite3_stmt* statement = nullptr;
+    int rc = statements_->use(db_, Statements::kRemove, statement);
+    if (rc != SQLITE_OK) return rc;
     ResetOnExit reset(statement);
-    const int rc = bindBlob(statement, 1, key);
+    rc = bindBlob(statement, 1, key);
     if (rc != SQLITE_OK) return rc;
     return runToEnd(statement);
 }
@@ -798,9 +826,12 @@ int KeyValueStore::eraseRange(Key from, Key to) {
     if (from.isMax()) return SQLITE_OK;
     if (!to.isMax() && to.data() <= from.data()) return SQLITE_OK;
     MutexLock lock(mutex_);
-    sqlite3_stmt* statement = to.isMax() ? statements_->removeFrom : statements_->removeRange;
+    sqlite3_stmt* statement = nullptr;
+    int rc = statements_->use(db_, to.isMax() ? Statements::kRemoveFrom : Statements::kRemoveRange,
+                              statement);
+    if (rc != SQLITE_OK) return rc;
     ResetOnExit reset(statement);
-    int rc = bindBlob(statement, 1, from.data());
+    rc = bindBlob(statement, 1, from.data());
     if (rc == SQLITE_OK && !to.isMax()) rc = bindBlob(statement, 2, to.data());
     if (rc != SQLITE_OK) return rc;
     return runToEnd(statement);
@@ -808,7 +839,9 @@ int KeyValueStore::eraseRange(Key from, Key to) {
 
 int KeyValueStore::clear() {
     MutexLock lock(mutex_);
-    sqlite3_stmt* statement = statements_->clear;
+    sqlite3_stmt* statement = nullptr;
+    const int rc = statements_->use(db_, Statements::kClear, statement);
+    if (rc != SQLITE_OK) return rc;
     ResetOnExit reset(statement);
     return runToEnd(statement);
 }
@@ -824,11 +857,14 @@ int KeyValueStore::compact() {
 int KeyValueStore::fetchKeys(Key from, Key to, const std::string* after, size_t limit,
                              std::vector<std::string>& keys) {
     MutexLock lock(mutex_);
-    sqlite3_stmt* statement =
-        to.isMax() ? (after ? statements_->keysAfterToEnd : statements_->keysFromToEnd)
-                   : (after ? statements_->keysAfter : statements_->keysFrom);
+    const Statements::Slot slot =
+        to.isMax() ? (after ? Statements::kKeysAfterToEnd : Statements::kKeysFromToEnd)
+                   : (after ? Statements::kKeysAfter : Statements::kKeysFrom);
+    sqlite3_stmt* statement = nullptr;
+    int rc = statements_->use(db_, slot, statement);
+    if (rc != SQLITE_OK) return rc;
     ResetOnExit reset(statement);
-    int rc = bindBlob(statement, 1, after ? std::string_view(*after) : from.data());
+    rc = bindBlob(statement, 1, after ? std::string_view(*after) : from.data());
     if (rc == SQLITE_OK && !to.isMax()) rc = bindBlob(statement, 2, to.data());
     if (rc == SQLITE_OK) rc = sqlite3_bind_int64(statement, 3, static_cast<sqlite3_int64>(limit));
     if (rc != SQLITE_OK) return rc;

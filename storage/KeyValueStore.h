@@ -140,8 +140,9 @@ class KeyValueStore {
     // Whether the key is there; false on any failure.
     bool contains(std::string_view key);
     // Copies the value into `value` (reusing its capacity) and sets `found`. A missing key is
-    // status 0 with `found` false and `value` emptied.
-    int get(std::string_view key, std::string& value, bool& found);
+    // status 0 with `found` false and `value` emptied. `spare` bytes of capacity are left past
+    // the value, for a reader that works in place.
+    int get(std::string_view key, std::string& value, bool& found, size_t spare = 0);
     // Hands the value to `reader` where it lies in SQLite's buffer, without copying it, and sets
     // `found`; a missing key is status 0 with `found` false and `reader` not called. The view
     // lasts for the call only, and `reader` runs under the store's lock: it must not call this

@@ -83,12 +83,14 @@ std::shared_ptr<PackedFiles> PacksStore::files() {
     return std::make_shared<PacksStoreFiles>();
 }
 
-ErrorOr<std::string> PacksStore::readConfig() const {
-    ErrorOr<std::string> stored = get(kConfigKey);
+ErrorOr<std::string> PacksStore::readConfig(size_t spare) const {
+    ErrorOr<std::string> stored = get(kConfigKey, spare);
     if (stored.ok() || !Errors::isFileMissing(stored.error())) return stored;
     Error error;
     std::string text = Folder::readFile(legacyConfigFile(), error);
     if (error) return error;
+    // Read once, at the first start after an upgrade: growing it here costs nothing that counts.
+    text.reserve(text.size() + spare);
     return text;
 }
 

@@ -43,8 +43,8 @@ class PacksStore : public SeriesStore {
 
     // The stored configuration text. When the store has no "config" key (1101), the older file
     // is read instead and its result stands; any other failure of the store is returned as it
-    // is.
-    ErrorOr<std::string> readConfig() const;
+    // is. `spare` bytes of capacity are left past the text, for a parser that reads it in place.
+    ErrorOr<std::string> readConfig(size_t spare = 0) const;
     // Stores the text under "config"; once it is stored, the older file is deleted, so that it
     // is never read again. A failed write keeps the file: nothing is lost. Durable: the document
     // (and every file of the store written before it) is on the disk when this returns. No error

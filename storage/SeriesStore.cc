@@ -37,13 +37,13 @@ Folder SeriesStore::folder() const {
     return folder_;
 }
 
-ErrorOr<std::string> SeriesStore::get(std::string_view key) const {
+ErrorOr<std::string> SeriesStore::get(std::string_view key, size_t spare) const {
     int status = 0;
     const std::shared_ptr<KeyValueStore> db = handle(&status);
     if (!db) return withStatusText(Errors::initStorageFailed(name_, status), status);
     std::string value;
     bool found = false;
-    const int rc = db->get(key, value, found);
+    const int rc = db->get(key, value, found, spare);
     if (rc != 0) return withStatusText(Errors::storageRead(name_, key, rc), rc);
     if (!found) return Errors::storageNotExists(name_, key);
     return value;

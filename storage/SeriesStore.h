@@ -34,7 +34,8 @@ class SeriesStore : public Store {
     int reopen() { return open(); }
 
     // The value, or 9997 when closed, 1102 when the read fails, 1101 when the key is missing.
-    ErrorOr<std::string> get(std::string_view key) const;
+    // `spare` bytes of capacity are left past the value (see KeyValueStore::get).
+    ErrorOr<std::string> get(std::string_view key, size_t spare = 0) const;
     // No error once the value is stored; otherwise 9997 or 1104. Durable: on the disk when it
     // returns, with every put before it.
     Error put(std::string_view key, std::string_view value,

@@ -1,5 +1,6 @@
 #include "storage/ZipFile.h"
 
+#include <libdeflate.h>
 #include <minizip/unzip.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <new>
 #include <unordered_set>
 
+#include "base/Digest.h"
 #include "base/Errors.h"
 #include "base/FileUtil.h"
 #include "runtime/Settings.h"
@@ -298,29 +300,37 @@ void fill(zlib_filefunc64_def_s& table) {
 
 ZipFile::~ZipFile() {
     if (handle_ != nullptr) unzClose(handle_);
+    if (inflater_ != nullptr) libdeflate_free_decompressor(inflater_);
 }
 
 ZipFile::ZipFile(ZipFile&& other) noexcept
     : source_(std::move(other.source_)),
+      archive_(other.archive_),
       handle_(other.handle_),
+      inflater_(other.inflater_),
       empty_(other.empty_),
       archiveSize_(other.archiveSize_),
       maxRatio_(other.maxRatio_),
       declaredTotal_(other.declaredTotal_) {
     other.handle_ = nullptr;
+    other.inflater_ = nullptr;
     other.empty_ = false;
 }
 
 ZipFile& ZipFile::operator=(ZipFile&& other) noexcept {
     if (this != &other) {
         if (handle_ != nullptr) unzClose(handle_);
+        if (inflater_ != nullptr) libdeflate_free_decompressor(inflater_);
         source_ = std::move(other.source_);
+        archive_ = other.archive_;
         handle_ = other.handle_;
+        inflater_ = other.inflater_;
         empty_ = other.empty_;
         archiveSize_ = other.archiveSize_;
         maxRatio_ = other.maxRatio_;
         declaredTotal_ = other.declaredTotal_;
         other.handle_ = nullptr;
+        other.inflater_ = nullptr;
         other.empty_ = false;
     }
     return *this;
@@ -345,6 +355,7 @@ ZipFile ZipFile::open(const Folder& source, std::string_view archive, Error& err
         error = zip.failure("Open zip file failed: " + statusText(UNZ_BADZIPFILE));
         return zip;
     }
+    zip.archive_ = archive;
     zip.archiveSize_ = archive.size();
     zip.maxRatio_ = Settings::current()->maxInflationRatioValue();
     error.clear();
@@ -359,6 +370,37 @@ uint64_t ZipFile::unpackFile(const Folder& archive, const Folder& target, Error&
     return zip.extractTo(target, error);
 }
 
+bool ZipFile::wholeContent(uint64_t size, char* out, std::string_view& content) {
+    const uint64_t at = unzGetCurrentFileZStreamPos64(handle_);
+    if (at > archive_.size() || current_.compressed > archive_.size() - at) return false;
+    const std::string_view input = archive_.substr(at, current_.compressed);
+    if (current_.method == 0) {
+        if (input.size() != size) return false;
+        content = input;  // stored: the archive's own bytes, not copied
+    } else {
+        if (inflater_ == nullptr) inflater_ = libdeflate_alloc_decompressor();
+        if (inflater_ == nullptr) return false;
+        size_t produced = 0;
+        // Bytes after the end of the stream are ignored, as zlib's stream ignores them; a stream
+        // that would go past `size` stops with no room, and is left to zlib.
+        const libdeflate_result result = libdeflate_deflate_decompress(
+            inflater_, input.data(), input.size(), out, size, &produced);
+        if (result != LIBDEFLATE_SUCCESS || produced != size) return false;
+        content = std::string_view(out, size);
+    }
+    return Digest::crc32(content) == current_.crc;
+}
+
+bool ZipFile::reopenForStream(Error& error) {
+    unzCloseCurrentFile(handle_);
+    const int status = unzOpenCurrentFile(handle_);
+    if (status != UNZ_OK) {
+        error = failure("Open zip file failed: " + statusText(status));
+        return false;
+    }
+    return true;
+}
+
 bool ZipFile::readCurrent(const std::string& name, uint64_t size, std::string& content,
                           Error& error) {
     try {
@@ -368,6 +410,14 @@ bool ZipFile::readCurrent(const std::string& name, uint64_t size, std::string& c
         error = failure(formatText("std::bad_alloc, reserve: %llu", ull(size)));
         return false;
     }
+    std::string_view whole;
+    if (wholeContent(size, content.data(), whole)) {
+        if (whole.data() != content.data() && size != 0)
+            std::memcpy(content.data(), whole.data(), size);
+        unzCloseCurrentFile(handle_);
+        return true;
+    }
+    if (!reopenForStream(error)) return false;
     // The read never inflates past the recorded size: minizip stops there whatever the stream
     // holds, and a stream that ends early gives a short count.
     const int read =
@@ -423,7 +473,8 @@ std::string ZipFile::readEntry(const std::string& name, Error& error) {
         return content;
     }
     int status = unzLocateFile(handle_, name.c_str(), 1);
-    if (status == UNZ_OK) status = unzOpenCurrentFile(handle_);
+    // Raw: the content is inflated from the archive's bytes in one call, zlib only when that fails.
+    if (status == UNZ_OK) status = unzOpenCurrentFile2(handle_, nullptr, nullptr, 1);
     if (status != UNZ_OK) {
         error = failure("Open zip file failed: " + statusText(status));
         return content;
@@ -442,6 +493,7 @@ std::string ZipFile::readEntry(const std::string& name, Error& error) {
         error = failure(problem);
         return content;
     }
+    current_ = {info.compression_method, info.compressed_size, static_cast<uint32_t>(info.crc)};
     if (!readCurrent(name, info.uncompressed_size, content, error)) {
         content.clear();
         content.shrink_to_fit();
@@ -520,7 +572,9 @@ bool ZipFile::walkEntries(const EntryVisit& visit, Error& error) {
     unz_file_info64 info;
     std::string name;
     for (;;) {
-        status = unzOpenCurrentFile(handle_);
+        // Raw: the content is inflated from the archive's bytes in one call, zlib only when that
+        // fails.
+        status = unzOpenCurrentFile2(handle_, nullptr, nullptr, 1);
         if (status != UNZ_OK) {
             error = failure("Open zip file failed: " + statusText(status));
             return false;
@@ -534,6 +588,8 @@ bool ZipFile::walkEntries(const EntryVisit& visit, Error& error) {
         if (isSkipped(name)) {
             unzCloseCurrentFile(handle_);
         } else {
+            current_ = {info.compression_method, info.compressed_size,
+                        static_cast<uint32_t>(info.crc)};
             bool go = true;
             if (!visit(name, info.uncompressed_size, go, error)) return false;
             if (!go) return true;
@@ -579,6 +635,31 @@ bool ZipFile::streamCurrent(const std::string& name, uint64_t size, const EntryS
         go = false;
         return true;
     }
+    if (size <= kWholeSize) {
+        // The buffer only grows, and is not cleared: every byte handed on was just inflated.
+        if (wholeCapacity_ < size || whole_ == nullptr) {
+            wholeCapacity_ = size > kChunkSize ? static_cast<size_t>(size) : kChunkSize;
+            whole_.reset(new (std::nothrow) char[wholeCapacity_]);
+            if (whole_ == nullptr) wholeCapacity_ = 0;
+        }
+        std::string_view content;
+        if (whole_ != nullptr && wholeContent(size, whole_.get(), content)) {
+            unzCloseCurrentFile(handle_);
+            // An empty entry gets no piece, as from the stream.
+            if (!content.empty() && !stream.write(content)) {
+                go = false;
+                return true;
+            }
+            go = stream.end();
+            return true;
+        }
+    }
+    if (!reopenForStream(error)) return false;
+    return streamPieces(name, size, stream, go, error);
+}
+
+bool ZipFile::streamPieces(const std::string& name, uint64_t size, const EntryStream& stream,
+                           bool& go, Error& error) {
     if (chunk_.size() != kChunkSize) chunk_.resize(kChunkSize);
     uint64_t inflated = 0;
     for (;;) {

@@ -85,9 +85,10 @@ Error PackInstaller::endFile(std::string_view checkedMd5) {
     if (!streaming_) return Errors::fileWrite(writeRoot_.childOf(streamPath_), EBADF);
     streaming_ = false;
     if (isPacked()) {
+        // The gathered bytes go to the batch as they are: a file is not copied a second time.
         std::string content = std::move(streamBytes_);
         streamBytes_.clear();
-        return writeFile(streamPath_, content, checkedMd5);
+        return batchFile(streamPath_, std::move(content), checkedMd5);
     }
     FILE* file = streamFile_;
     streamFile_ = nullptr;
@@ -148,16 +149,20 @@ Error PackInstaller::makeDirectory(const std::string& path) {
     return ensureParents(directory.childOf("x"));
 }
 
+Error PackInstaller::batchFile(const std::string& path, std::string content,
+                               std::string_view checkedMd5) {
+    batchBytes_ += content.size();
+    batch_.push_back(
+        {writeRoot_.childOf(path).relative(), std::move(content), std::string(checkedMd5)});
+    written_.insert(path);
+    if (batch_.size() >= kPackedBatchFiles || batchBytes_ >= kPackedBatchBytes) return flush();
+    return Error();
+}
+
 Error PackInstaller::writeFile(const std::string& path, std::string_view content,
                                std::string_view checkedMd5) {
+    if (isPacked()) return batchFile(path, std::string(content), checkedMd5);
     const Folder file = writeRoot_.childOf(path);
-    if (isPacked()) {
-        batch_.push_back({file.relative(), std::string(content), std::string(checkedMd5)});
-        batchBytes_ += content.size();
-        written_.insert(path);
-        if (batch_.size() >= kPackedBatchFiles || batchBytes_ >= kPackedBatchBytes) return flush();
-        return Error();
-    }
     if (Error error = ensureParents(file)) return error;
     // Every file reaches the installer vouched for by its list, an empty one included.
     const int result = content.empty() ? FileUtil::writeEmptyFile(file.absolute())

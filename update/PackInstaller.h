@@ -109,6 +109,9 @@ class PackInstaller {
     ErrorOr<bool> linkKept(const Folder& from, const std::string& path);
     // Makes the Disk directories that `file` needs below the staging folder, remembering them.
     Error ensureParents(const Folder& file);
+    // Adds a file of the packed store to the batch, taking its content, and writes the batch out
+    // when it is full.
+    Error batchFile(const std::string& path, std::string content, std::string_view checkedMd5);
     // Writes the batched files of the packed store in one transaction; the batch is emptied
     // whether or not it was stored.
     Error flush();

@@ -330,11 +330,17 @@ void UpdateConfig::loadAtStart() {
     std::shared_ptr<FConfig> document;
     // Taken before the text, so that what another process commits from here on is reloaded.
     const uint64_t loadedAt = SCache::storedVersion();
-    ErrorOr<std::string> stored = PacksStore::instance().readConfig();
+    // Read with room to be parsed in place: the document's megabytes are copied once, out of
+    // the store, and not again for the parser.
+    ErrorOr<std::string> stored =
+        PacksStore::instance().readConfig(MarlLogger::json::JSON::kInPlaceSpare);
     Error error = stored.error();
-    const std::string text = std::move(stored).valueOr(std::string());
-    if (!error && !text.empty())
-        document = FConfig::parse(text, "local", error, /*checkSignature=*/false);
+    std::string text = std::move(stored).valueOr(std::string());
+    if (!error && !text.empty()) {
+        document = FConfig::parseStored(std::move(text), error, [] {
+            return PacksStore::instance().readConfig().valueOr(std::string());
+        });
+    }
     if (!document) document = std::make_shared<FConfig>();
     if (Errors::isFileMissing(error)) error.clear();  // nothing stored yet is not a fault
     // A failed load logs itself; the document then goes on without built-in packs.

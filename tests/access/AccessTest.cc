@@ -486,6 +486,22 @@ TEST_F(AccessTest, SyncHitSendsEachRecordOnceWhenTheHostFinishesIt) {
     EXPECT_EQ(visits[0].measures.at("time"), 7.0);
 }
 
+// A response let go without setFinished ends the request where its read ended: the pack's visit
+// ends at the same clock reading as the request's record, however long the host kept it.
+TEST_F(AccessTest, ReleasedHitEndsItsVisitWhereTheRequestEnded) {
+    installAppPack(3, 3);
+    auto response = Access::getResource(ResourceRequest("https://h.com/app/app.js", ""));
+    ASSERT_FALSE(response->error) << response->error.message();
+    clock_->advance(5);
+    response.reset();
+    const auto perf = proxy_->named("Ferrit.VisitPerf");
+    const auto visits = proxy_->named("Ferrit.AppVisit");
+    ASSERT_EQ(perf.size(), 1u);
+    ASSERT_EQ(visits.size(), 1u);
+    EXPECT_LT(visits[0].measures.at("time"), 5.0);
+    EXPECT_LE(visits[0].measures.at("time"), perf[0].measures.at("time"));
+}
+
 // A host that never calls setFinished ends the request by letting the response go.
 TEST_F(AccessTest, AsyncHitSendsEachRecordOnceWhenTheResponseIsReleased) {
     installAppPack(3, 3);

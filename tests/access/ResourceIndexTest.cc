@@ -369,6 +369,65 @@ TEST_F(ResourceIndexTest, PoolLoadsAPackFromItsFolderOnce) {
     EXPECT_EQ(proxy_->verified.size(), 3u);
 }
 
+// A thread finds what it looked up before by the record's address; a record at the same address
+// that names another pack or another installation is still given its own index.
+TEST_F(ResourceIndexTest, PoolJudgesARecordByItsNameAndInstallationNotItsAddress) {
+    install({pack("app", kPackTypeFerrit, 3, 3), pack("other", kPackTypeFerrit, 3, 3)});
+    auto one = std::make_shared<const ResourceIndex>("app", table({{"res/x.js", ""}}));
+    auto two = std::make_shared<const ResourceIndex>("other", table({{"res/y.js", ""}}));
+    auto three = std::make_shared<const ResourceIndex>("app", table({{"res/z.js", ""}}));
+    ResourceIndexPool::setLoader([&](const Pack& p) -> ResourceIndexPtr {
+        if (p.name == "other") return two;
+        return p.installedSeq == 3 ? one : three;
+    });
+    Pack record = *SCache::current()->find("app");
+    EXPECT_EQ(ResourceIndexPool::get(record), one);
+    EXPECT_EQ(ResourceIndexPool::get(record), one);
+    record.name = "other";
+    EXPECT_EQ(ResourceIndexPool::get(record), two);
+    record.name = "app";
+    EXPECT_EQ(ResourceIndexPool::get(record), one);
+    record.installedSeq = 4;
+    EXPECT_EQ(ResourceIndexPool::get(record), three);
+    record.installedSeq = 3;
+    EXPECT_EQ(ResourceIndexPool::get(record), one);
+    // After a change of the pool the same record is looked up again.
+    auto four = std::make_shared<const ResourceIndex>("app", table({{"res/w.js", ""}}));
+    ResourceIndexPool::setLoader([&](const Pack&) { return four; });
+    ResourceIndexPool::remove("app");
+    EXPECT_EQ(ResourceIndexPool::get(record), four);
+}
+
+// A shared record is found again by its address; another record, even one made where a freed one
+// lay, and a record whose installation changed are given their own index.
+TEST_F(ResourceIndexTest, PoolFindsASharedRecordAgainOnlyWhileItIsTheSameRecord) {
+    install({pack("app", kPackTypeFerrit, 3, 3), pack("other", kPackTypeFerrit, 3, 3)});
+    auto one = std::make_shared<const ResourceIndex>("app", table({{"res/x.js", ""}}));
+    auto two = std::make_shared<const ResourceIndex>("other", table({{"res/y.js", ""}}));
+    auto three = std::make_shared<const ResourceIndex>("app", table({{"res/z.js", ""}}));
+    int loads = 0;
+    ResourceIndexPool::setLoader([&](const Pack& p) -> ResourceIndexPtr {
+        ++loads;
+        if (p.name == "other") return two;
+        return p.installedSeq == 3 ? one : three;
+    });
+    // Made apart from its owner, so that a freed record's memory may be given to the next one.
+    std::shared_ptr<Pack> record(new Pack(*SCache::current()->find("app")));
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(record)), one);
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(record)), one);
+    EXPECT_EQ(loads, 1);
+    record->installedSeq = 4;
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(record)), three);
+    record.reset();
+    std::shared_ptr<Pack> next(new Pack(*SCache::current()->find("other")));
+    next->installedSeq = 4;  // all that tells it apart, at the same address, is its name
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(next)), two);
+    // After a change of the pool the same record is looked up again.
+    ResourceIndexPool::remove("other");
+    EXPECT_EQ(ResourceIndexPool::get(PackPtr(next)), two);
+    EXPECT_EQ(loads, 4);
+}
+
 TEST_F(ResourceIndexTest, PoolStoresAFailedLoad) {
     install({pack("app", kPackTypeFerrit, 3, 3)});
     const PackPtr p = SCache::current()->find("app");

@@ -804,6 +804,35 @@ TEST(JsonTest, ParseEventsRefusesRawControlCharactersAsParseDoes) {
     }
 }
 
+// Read in place, a text gives the same events and the same failures as read from a copy, with
+// and without room past its end, and with a byte that the vector scan would pass over.
+TEST(JsonTest, ParseEventsInPlaceAgreesWithParseEvents) {
+    std::string tooDeep(JSON::kMaxDepth + 1, '[');
+    tooDeep.append(JSON::kMaxDepth + 1, ']');
+    const std::string longString(70, 'y');
+    std::string escaped = "{\"";
+    escaped.append(longString).append("\":\"").append(longString).append("\\u001b\"}");
+    std::string raw = "{\"k\":\"";
+    raw.append(longString).append("\x1b\"}");
+    for (const std::string& text :
+         {std::string(R"({"k\"ey\u0041":"a\\b\nc","n":[12,0.5e-3],"t":"\u20ac"})"), escaped, raw,
+          std::string(R"({"a":1)"), std::string("[1] 2"), std::string("[1]\0[2]", 7), tooDeep}) {
+        EchoEvents expected;
+        std::string expectedError;
+        const bool parsed = JSON::parseEvents(text, expected, &expectedError);
+        for (const size_t spare : {size_t{0}, JSON::kInPlaceSpare}) {
+            std::string buffer;
+            buffer.reserve(text.size() + spare);
+            buffer.assign(text);
+            EchoEvents events;
+            std::string error;
+            EXPECT_EQ(JSON::parseEventsInPlace(buffer, events, &error), parsed) << text;
+            EXPECT_EQ(events.text(), expected.text()) << text;
+            EXPECT_EQ(error, expectedError) << text;
+        }
+    }
+}
+
 TEST(JsonTest, ParseEventsStopsWhenAHandlerSaysSo) {
     EchoEvents events;
     events.stopAfter = 2;

@@ -79,7 +79,7 @@ TEST_F(BuiltinConfigTest, LoadInstallsPacksAtTheirOwnSequence) {
     EXPECT_EQ(kit->installedSize, 300u);
     EXPECT_EQ(kit->updateTime, MRLCurrentTime());
     EXPECT_EQ(config->find("odd"), nullptr) << "unsupported type";
-    EXPECT_EQ(config->urlIndex().at("//h/kit.html"), "kit");
+    EXPECT_EQ(config->urlPackName("//h/kit.html"), "kit");
     auto index = ResourceIndexPool::get(*kit);
     ASSERT_FALSE(index->error()) << index->error().message();
     EXPECT_NE(index->find("//h/kit.html"), nullptr);

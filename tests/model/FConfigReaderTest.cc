@@ -75,6 +75,41 @@ TEST_F(FConfigReaderTest, OnlyTheLastRecordOfANameIsJudgedAndReported) {
     EXPECT_EQ(entry.field("configContent").stringValue(), R"({"f":32,"s":3})");
 }
 
+// A stored document read in place gives what a copy gives; its refused record is reported from
+// the text read again, since the parse rewrote the one it had.
+TEST_F(FConfigReaderTest, StoredDocumentReadInPlaceReportsRefusedRecordsFromASecondRead) {
+    std::string text =
+        R"({"v":"3.1","i":4294967295,"packs":{"a":{"s":2,"p":["https://a/\u0078/"]},)"
+        R"("b":{"f":32,"s":3}}})";
+    Error error;
+    int reads = 0;
+    auto stored = FConfig::parseStored(std::string(text), error, [&] {
+        ++reads;
+        return text;
+    });
+    ASSERT_NE(stored, nullptr) << error.message();
+    auto copied = FConfig::parse(text, "local", error, /*checkSignature=*/false);
+    ASSERT_NE(copied, nullptr);
+    EXPECT_EQ(stored->serialize(), copied->serialize());
+    EXPECT_EQ(stored->find("a")->prefixes, std::vector<std::string>{"https://a/x/"});
+    EXPECT_EQ(reads, 1);
+    auto entry = logs_->last("invalidPack", "Ferrit/FConfig");
+    EXPECT_EQ(entry.field("packName").stringValue(), "b");
+    EXPECT_EQ(entry.field("configContent").stringValue(), R"({"f":32,"s":3})");
+
+    // A document without a refused record is read once.
+    reads = 0;
+    ASSERT_NE(FConfig::parseStored(R"({"v":"4","packs":{"a":{"s":1}}})", error,
+                                   [&] {
+                                       ++reads;
+                                       return std::string();
+                                   }),
+              nullptr);
+    EXPECT_EQ(reads, 0);
+    EXPECT_EQ(FConfig::parseStored(R"({"v":"4",)", error, nullptr), nullptr);
+    EXPECT_TRUE(error);
+}
+
 TEST_F(FConfigReaderTest, RefusedRecordsOfAReplacedPacksMemberAreNotReported) {
     auto config = doc(R"({"v":"1","packs":{"a":{"f":32}},"packs":{"b":{"s":1}}})");
     EXPECT_EQ(config->packs.size(), 1u);

@@ -417,7 +417,7 @@ TEST_F(FConfigTest, FixedSequenceAssetCopiesAreNotIndexed) {
 TEST_F(FConfigTest, SameClaimGoesToSmallestName) {
     seed(
         R"({"v":"1","packs":{"b":{"p":["https://a/"],"r":["https://a/i"]},"a":{"p":["https://a/"],"r":["https://a/i"]}}})");
-    EXPECT_EQ(SCache::current()->urlIndex().at("//a/i"), "a");
+    EXPECT_EQ(SCache::current()->urlPackName("//a/i"), "a");
     EXPECT_EQ(SCache::current()->prefixTree().lookup("//a/x", ""), "a");
 }
 

@@ -738,37 +738,134 @@ TEST_F(ZipFileTest, DeclaredSizeIsTheTotalOfTheEntriesWalked) {
     EXPECT_EQ(total, 12u);
 }
 
-// Entries come in bounded pieces, whatever their size, and the pieces make the content.
-TEST_F(ZipFileTest, StreamedEntryComesInBoundedPieces) {
-    std::mt19937 random(11);
-    std::string content(ZipFile::kChunkSize * 3 + 17, '\0');
-    for (char& c : content) c = static_cast<char>(random() % 16 + 'a');
-    const std::string archive = zipOf(Entries{{"big.txt", content}, {"small.txt", "abc"}});
-    Error error;
-    ZipFile zip = ZipFile::open(source(), archive, error);
+// Streams every entry of `archive`: the content of each, and the largest piece seen.
+struct Streamed {
     std::vector<std::pair<std::string, std::string>> seen;
     size_t largest = 0;
     int ends = 0;
+};
+Streamed streamAll(ZipFile& zip, Error& error, bool& walked) {
+    Streamed out;
     ZipFile::EntryStream stream;
     stream.begin = [&](const std::string& name, uint64_t) {
-        seen.emplace_back(name, std::string());
+        out.seen.emplace_back(name, std::string());
         return true;
     };
     stream.write = [&](std::string_view piece) {
-        largest = std::max(largest, piece.size());
-        seen.back().second.append(piece);
+        out.largest = std::max(out.largest, piece.size());
+        out.seen.back().second.append(piece);
         return true;
     };
     stream.end = [&] {
-        ++ends;
+        ++out.ends;
         return true;
     };
-    EXPECT_TRUE(zip.forEachEntryStreamed(stream, error)) << error.message();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].second, content);
-    EXPECT_EQ(seen[1].second, "abc");
-    EXPECT_EQ(ends, 2);
-    EXPECT_LE(largest, ZipFile::kChunkSize);
+    walked = zip.forEachEntryStreamed(stream, error);
+    return out;
+}
+
+// Entries above the whole size come in bounded pieces, and the pieces make the content.
+TEST_F(ZipFileTest, StreamedEntryAboveTheWholeSizeComesInBoundedPieces) {
+    std::mt19937 random(11);
+    std::string content(ZipFile::kWholeSize + ZipFile::kChunkSize * 3 + 17, '\0');
+    for (char& c : content) c = static_cast<char>(random() % 16 + 'a');
+    ZipWriter::Entry big;
+    big.name = "big.txt";
+    big.content = content;
+    big.level = 1;
+    ZipWriter::Entry small;
+    small.name = "small.txt";
+    small.content = "abc";
+    const std::string archive = zipOf(std::vector<ZipWriter::Entry>{big, small});
+    Error error;
+    ZipFile zip = ZipFile::open(source(), archive, error);
+    bool walked = false;
+    const Streamed streamed = streamAll(zip, error, walked);
+    EXPECT_TRUE(walked) << error.message();
+    ASSERT_EQ(streamed.seen.size(), 2u);
+    EXPECT_EQ(streamed.seen[0].second, content);
+    EXPECT_EQ(streamed.seen[1].second, "abc");
+    EXPECT_EQ(streamed.ends, 2);
+    EXPECT_LE(streamed.largest, ZipFile::kChunkSize);
+}
+
+// Up to the whole size an entry comes in one piece, deflated or stored, and an empty one in none.
+TEST_F(ZipFileTest, StreamedEntryUpToTheWholeSizeComesInOnePiece) {
+    std::mt19937 random(12);
+    std::string content(ZipFile::kChunkSize * 3 + 17, '\0');
+    for (char& c : content) c = static_cast<char>(random() % 16 + 'a');
+    ZipWriter::Entry deflated;
+    deflated.name = "d.txt";
+    deflated.content = content;
+    ZipWriter::Entry stored = deflated;
+    stored.name = "s.txt";
+    stored.deflate = false;
+    ZipWriter::Entry empty;
+    empty.name = "e.txt";
+    const std::string archive = zipOf(std::vector<ZipWriter::Entry>{deflated, stored, empty});
+    Error error;
+    ZipFile zip = ZipFile::open(source(), archive, error);
+    bool walked = false;
+    const Streamed streamed = streamAll(zip, error, walked);
+    EXPECT_TRUE(walked) << error.message();
+    ASSERT_EQ(streamed.seen.size(), 3u);
+    EXPECT_EQ(streamed.seen[0].second, content);
+    EXPECT_EQ(streamed.seen[1].second, content);
+    EXPECT_EQ(streamed.seen[2].second, "");
+    EXPECT_EQ(streamed.ends, 3);
+    EXPECT_EQ(streamed.largest, content.size());
+}
+
+// Bytes after the end of a deflate stream, within its compressed size, are not content.
+TEST_F(ZipFileTest, DeflateStreamWithTrailingBytesGivesItsContent) {
+    const std::string stream = FerritTools::rawDeflate("hello") + "trailing bytes";
+    const std::string archive =
+        zipOf({rawEntry("t.txt", stream, 5, FerritCore::Digest::crc32("hello"))});
+    Error error;
+    ZipFile zip = ZipFile::open(source(), archive, error);
+    EXPECT_EQ(zip.readEntry("t.txt", error), "hello");
+    EXPECT_FALSE(error) << error.message();
+    bool walked = false;
+    const Streamed streamed = streamAll(zip, error, walked);
+    EXPECT_TRUE(walked) << error.message();
+    ASSERT_EQ(streamed.seen.size(), 1u);
+    EXPECT_EQ(streamed.seen[0].second, "hello");
+}
+
+// A stored entry is checked against its CRC-32 as a deflated one is, read whole or streamed.
+TEST_F(ZipFileTest, StoredEntryWhoseCrcDiffersGives2207) {
+    const std::string archive =
+        zipOf({rawEntry("s.txt", "hello", 5, 0x12345678, /*deflate=*/false)});
+    const std::string crcFailed = "unzip \"in/pack.zip\" failed: Read zip file \"s.txt\" failed: " +
+                                  std::to_string(UNZ_CRCERROR) +
+                                  " (UNZ_CRCERROR: content does not match its CRC-32)";
+    Error error;
+    ZipFile zip = ZipFile::open(source(), archive, error);
+    EXPECT_EQ(zip.readEntry("s.txt", error), "");
+    EXPECT_EQ(error.message(), crcFailed);
+    bool walked = true;
+    const Streamed streamed = streamAll(zip, error, walked);
+    EXPECT_FALSE(walked);
+    EXPECT_EQ(streamed.ends, 0);
+    EXPECT_EQ(error.message(), crcFailed);
+}
+
+// A stream whose damage lies past the recorded size: zlib stops at the record and never sees it,
+// and the content is taken when its CRC-32 matches, as it always was.
+TEST_F(ZipFileTest, DamageAfterTheRecordedSizeIsNeverRead) {
+    // A stored block that is not the last, holding "hello world", then the reserved block type.
+    const std::string stream = std::string("\x00\x0b\x00\xf4\xff", 5) + "hello world" + "\xff\xff";
+    const std::string archive =
+        zipOf({rawEntry("x.txt", stream, 5, FerritCore::Digest::crc32("hello"))});
+    Error error;
+    ZipFile zip = ZipFile::open(source(), archive, error);
+    EXPECT_EQ(zip.readEntry("x.txt", error), "hello");
+    EXPECT_FALSE(error) << error.message();
+    bool walked = false;
+    const Streamed streamed = streamAll(zip, error, walked);
+    EXPECT_TRUE(walked) << error.message();
+    ASSERT_EQ(streamed.seen.size(), 1u);
+    EXPECT_EQ(streamed.seen[0].second, "hello");
 }
 
 // A header that records more bytes than the stream holds: the walk ends with the count, and the
