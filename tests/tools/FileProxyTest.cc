@@ -45,10 +45,10 @@ class FileProxyTest : public testing::Test {
         request.url = "https://cdn.test/pack.zip";
         request.tempFilePath = tempFilePath;
         std::pair<int, FerritCore::Error> out{-1, FerritCore::Error()};
-        proxy_->sendRequest(request, [&](FerritCore::ProxyResponse response,
-                                         FerritCore::Error error) {
-            out = {response.statusCode, std::move(error)};
-        });
+        proxy_->sendRequest(
+            request, [&](const FerritCore::ProxyResponse& response, FerritCore::Error error) {
+                out = {response.statusCode, std::move(error)};
+            });
         return out;
     }
 
