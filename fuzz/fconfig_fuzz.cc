@@ -26,7 +26,7 @@ void check(bool ok) {
 // The in-place reading of a stored text against the reading of the same text as "local".
 void compareStored(const std::string& text) {
     Error localError;
-    const auto local = FConfig::parse(text, "local", localError, false);
+    const auto local = FConfig::parse(text, "local", localError, /*checkSignature=*/false);
     std::string stored;
     // The spare bytes let the reader run its wide scan past the end without a copy.
     stored.reserve(text.size() + MarlLogger::json::JSON::kInPlaceSpare);
