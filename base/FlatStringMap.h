@@ -17,12 +17,15 @@ namespace FerritCore {
 // Open addressing with linear probing over slots that hold the key's hash, where its bytes lie in
 // one arena, and the value: a lookup reads one slot and then the key's bytes, instead of a bucket,
 // a node and a key on the heap; the capacity is a power of two, so a hash is masked, not divided.
-template <typename V>
+// There is no erase: without tombstones one would need backward-shift deletion. `Hash` is for
+// tests that force collisions.
+template <typename V, typename Hash = std::hash<std::string_view>>
 class FlatStringMap {
     struct Slot {
         uint64_t hash = 0;  // 0: empty; a stored hash always has its top bit set
-        uint32_t offset = 0;
-        uint32_t length = 0;
+        // Full widths: the arena of a table built from outside input has no bound of ours.
+        size_t offset = 0;
+        size_t length = 0;
         V value{};
     };
 
@@ -67,6 +70,26 @@ class FlatStringMap {
     };
 
     FlatStringMap() = default;
+    FlatStringMap(const FlatStringMap&) = default;
+    FlatStringMap& operator=(const FlatStringMap&) = default;
+    // A moved-from map is empty, its count included.
+    FlatStringMap(FlatStringMap&& other) noexcept
+        : slots_(std::move(other.slots_)),
+          arena_(std::move(other.arena_)),
+          size_(std::exchange(other.size_, 0)) {
+        other.slots_.clear();
+        other.arena_.clear();
+    }
+    FlatStringMap& operator=(FlatStringMap&& other) noexcept {
+        if (this != &other) {
+            slots_ = std::move(other.slots_);
+            arena_ = std::move(other.arena_);
+            size_ = std::exchange(other.size_, 0);
+            other.slots_.clear();
+            other.arena_.clear();
+        }
+        return *this;
+    }
 
     size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
@@ -97,8 +120,8 @@ class FlatStringMap {
         if ((size_ + 1) * 2 > slots_.size()) rehash(capacityFor(size_ + 1));
         Slot& slot = freeSlot(hash);
         slot.hash = hash;
-        slot.offset = static_cast<uint32_t>(arena_.size());
-        slot.length = static_cast<uint32_t>(key.size());
+        slot.offset = arena_.size();
+        slot.length = key.size();
         arena_.append(key);
         slot.value = std::move(value);
         ++size_;
@@ -115,7 +138,7 @@ class FlatStringMap {
     static constexpr uint64_t kStoredBit = uint64_t{1} << 63;
 
     static uint64_t hashOf(std::string_view key) {
-        return static_cast<uint64_t>(std::hash<std::string_view>{}(key)) | kStoredBit;
+        return static_cast<uint64_t>(Hash{}(key)) | kStoredBit;
     }
     // At most half full, so that a miss ends after a few slots.
     static size_t capacityFor(size_t count) {

@@ -1,10 +1,14 @@
 // FConfig::parse on arbitrary text, unsigned and signed: never a crash; the result agrees with
 // reading the text through a value tree; a parsed document must serialise and parse again, its
 // text must then be stable (a deleted record's first reading takes an update time), and it must
-// merge into itself alike whether the merge copies the records or takes them over.
+// merge into itself alike whether the merge copies the records or takes them over. Reading the
+// text as this device's stored copy, in place, gives what reading it as "local" gives. A copy
+// whose tables come from the snapshot before it answers, through them, the records it holds, and
+// answers what tables built afresh answer.
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -12,6 +16,53 @@
 #include "tests/model/TreeConfigReader.h"
 
 using namespace FerritCore;
+
+namespace {
+
+void check(bool ok) {
+    if (!ok) __builtin_trap();
+}
+
+// The in-place reading of a stored text against the reading of the same text as "local".
+void compareStored(const std::string& text) {
+    Error localError;
+    const auto local = FConfig::parse(text, "local", localError, /*checkSignature=*/false);
+    std::string stored;
+    // The spare bytes let the reader run its wide scan past the end without a copy.
+    stored.reserve(text.size() + MarlLogger::json::JSON::kInPlaceSpare);
+    stored.assign(text);
+    Error storedError;
+    const auto fromStore =
+        FConfig::parseStored(std::move(stored), storedError, [&text] { return text; });
+    check((local == nullptr) == (fromStore == nullptr));
+    check(localError.code() == storedError.code());
+    check(localError.message() == storedError.message());
+    if (local) check(local->serialize() == fromStore->serialize());
+}
+
+// Every answer of `copy`'s tables, some shared with an earlier snapshot, is the record `copy`
+// holds under that name, and the tables say what tables built from its records alone say.
+void checkTables(const FConfig& copy) {
+    FConfig fresh = copy.copyForChange();
+    fresh.rebuildIndexes();
+    check(copy.urlIndex().size() == fresh.urlIndex().size());
+    for (const auto& [key, place] : copy.urlIndex()) {
+        const std::string& name = copy.routedName(place);
+        check(copy.urlPackName(key) == name);
+        check(fresh.urlPackName(key) == name);
+        const PackPtr record = copy.find(name);
+        check(record != nullptr);
+        check(copy.packForUrl(key) == record);
+        check(copy.routedPack(name) == record);
+    }
+    for (const auto& [name, record] : copy.packs) {
+        const PackPtr routed = copy.routedPack(name);
+        check((routed != nullptr) == (fresh.routedPack(name) != nullptr));
+        check(routed == nullptr || routed == copy.find(name));
+    }
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool quiet = [] {
@@ -25,6 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Error error;
     auto config = FConfig::parse(text, "fuzz", error, false);
     if (!FerritTest::agreesWithTree(config.get(), text)) __builtin_trap();
+    compareStored(text);
     if (!config) {
         if (!error) __builtin_trap();
         (void)FConfig::parse(text, "fuzz", error, true);
@@ -36,9 +88,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string twice = again->serialize();
     auto third = FConfig::parse(twice, "again", error, false);
     if (!third || third->serialize() != twice) __builtin_trap();
+    // The published snapshot has its tables; a transaction that keeps the routing reuses them.
+    config->rebuildIndexes();
     FConfig copy = config->copyForChange();
     copy.merge(*again);
-    copy.rebuildIndexes();
+    copy.rebuildIndexes(config.get());
+    checkTables(copy);
     FConfig taken = config->copyForChange();
     taken.merge(std::move(*again));
     if (taken.serialize() != copy.serialize()) __builtin_trap();

@@ -1,7 +1,8 @@
 // Parses arbitrary text as JSON. Whatever parses must survive every lenient reader, and its
 // text form must parse back to an equal value. The event reading, which reads most texts in place
 // with a vector string scan, must agree with the tree reading, which goes one byte at a time: the
-// same success, the same words on a failure, the same value on a success.
+// same success, the same words on a failure, the same value on a success. The reading in place,
+// which rewrites the text it reads, must deliver exactly the events of the reading of a copy.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -51,22 +52,53 @@ void walk(const JSON& root) {
     }
 }
 
+// One event as it came: its kind, the text of a key or string, the value of a scalar.
+struct Event {
+    char kind = 0;
+    std::string text;
+    JSON value;
+    bool operator==(const Event& other) const {
+        return kind == other.kind && text == other.text && value == other.value;
+    }
+};
+
 // Builds the value the events describe, as the tree reading does: a repeated key keeps the last
-// value at the place of the first.
+// value at the place of the first. Keeps every event too, copied at once: the in-place reading
+// may rewrite the bytes a view pointed at once the handler returns.
 class Recorder : public JSONEvents {
   public:
-    bool startObject() override { return open(/*isObject=*/true); }
+    bool startObject() override {
+        log('{');
+        return open(/*isObject=*/true);
+    }
     bool key(std::string_view key) override {
+        log('k', key);
         open_.back().key = std::string(key);
         return true;
     }
-    bool endObject() override { return close(); }
-    bool startArray() override { return open(/*isObject=*/false); }
-    bool endArray() override { return close(); }
-    bool scalar(const JSON& value) override { return place(value); }
-    bool string(std::string_view value) override { return place(JSON(std::string(value))); }
+    bool endObject() override {
+        log('}');
+        return close();
+    }
+    bool startArray() override {
+        log('[');
+        return open(/*isObject=*/false);
+    }
+    bool endArray() override {
+        log(']');
+        return close();
+    }
+    bool scalar(const JSON& value) override {
+        events_.push_back(Event{'s', {}, value});
+        return place(value);
+    }
+    bool string(std::string_view value) override {
+        log('"', value);
+        return place(JSON(std::string(value)));
+    }
 
     JSON takeRoot() { return std::move(root_); }
+    const std::vector<Event>& events() const { return events_; }
 
   private:
     struct Container {
@@ -97,8 +129,13 @@ class Recorder : public JSONEvents {
         return true;
     }
 
+    void log(char kind, std::string_view text = {}) {
+        events_.push_back(Event{kind, std::string(text), JSON()});
+    }
+
     std::vector<Container> open_;
     JSON root_;
+    std::vector<Event> events_;
 };
 
 // The event reading of `text` next to the tree reading's result.
@@ -109,6 +146,20 @@ void compareEvents(std::string_view text, const JSON& value, const std::string& 
     check(read == error.empty());
     check(eventError == error);
     if (read) check(recorder.takeRoot() == value);
+
+    // A copy with the spare capacity the in-place reading asks for, so that it reads this very
+    // buffer and does not grow it into a new one.
+    std::string buffer;
+    buffer.reserve(text.size() + JSON::kInPlaceSpare);
+    buffer.assign(text);
+    const char* const before = buffer.data();
+    Recorder inPlace;
+    std::string inPlaceError;
+    const bool readInPlace = JSON::parseEventsInPlace(buffer, inPlace, &inPlaceError);
+    check(buffer.data() == before);
+    check(readInPlace == read);
+    check(inPlaceError == eventError);
+    check(inPlace.events() == recorder.events());
 }
 
 }  // namespace

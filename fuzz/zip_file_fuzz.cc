@@ -2,8 +2,11 @@
 // extract into a private folder on the disk. Nothing may crash; every name the walk delivers must
 // be one that stays inside a folder; and after the extract, nothing may exist in the sandbox but
 // the target folder and its parents, which sit deep enough that any ".." escape would land in the
-// sandbox where it shows.
+// sandbox where it shows. Every entry the walk delivers has the size and the CRC-32 that the
+// archive's directory records for it, as minizip reads that directory on its own.
+#include <minizip/unzip.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +14,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "base/Errors.h"
 #include "base/Folder.h"
@@ -52,6 +56,40 @@ bool leavesItsFolder(const std::string& name) {
     return false;
 }
 
+struct Recorded {
+    uint64_t size = 0;
+    uint32_t crc = 0;
+};
+
+// What the archive's central directory records of each entry, read apart from ZipFile. A walk
+// that delivers anything has checked every entry and refuses a name given twice, so a name
+// stands for one entry; a directory this walk cannot read whole delivers nothing.
+std::unordered_map<std::string, Recorded> recordedEntries(std::string_view bytes) {
+    std::unordered_map<std::string, Recorded> entries;
+    if (bytes.empty()) return entries;
+    zlib_filefunc64_def table;
+    ZipMemoryIo::fill(table);
+    const std::string name =
+        ZipMemoryIo::nameOf(bytes.data(), static_cast<unsigned long>(bytes.size()));
+    unzFile handle = unzOpen2_64(name.c_str(), &table);
+    if (handle == nullptr) return entries;
+    for (int status = unzGoToFirstFile(handle); status == UNZ_OK;
+         status = unzGoToNextFile(handle)) {
+        unz_file_info64 info;
+        if (unzGetCurrentFileInfo64(handle, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK)
+            break;
+        std::string entry(info.size_filename + 1, '\0');
+        if (unzGetCurrentFileInfo64(handle, &info, entry.data(), info.size_filename + 1, nullptr, 0,
+                                    nullptr, 0) != UNZ_OK) {
+            break;
+        }
+        entry.resize(info.size_filename);
+        entries[entry] = Recorded{info.uncompressed_size, static_cast<uint32_t>(info.crc)};
+    }
+    unzClose(handle);
+    return entries;
+}
+
 void expectOnlyTheTarget() {
     std::error_code code;
     for (fs::recursive_directory_iterator it(sandbox(), code), end; !code && it != end;
@@ -81,9 +119,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (error.code() != Errors::kUnzipFailed) std::abort();
         return 0;
     }
+    const auto recorded = recordedEntries(bytes);
     zip.forEachEntry(
-        [](const std::string& name, std::string content) {
+        [&recorded](const std::string& name, std::string content) {
             if (leavesItsFolder(name) || content.size() > ZipFile::kMaxEntrySize) std::abort();
+            const auto entry = recorded.find(name);
+            if (entry == recorded.end() || content.size() != entry->second.size) std::abort();
+            // zlib's own CRC, not the one the library under test computes.
+            const uLong crc =
+                ::crc32_z(::crc32_z(0L, Z_NULL, 0), reinterpret_cast<const Bytef*>(content.data()),
+                          content.size());
+            if (crc != entry->second.crc) std::abort();
             return true;
         },
         error);

@@ -120,12 +120,14 @@ class FConfig {
         const uint32_t* place = tables_->places.find(name);
         return place == nullptr ? nullptr : (*routed_)[*place];
     }
-    // The name of the pack that the referrer index names for URL key `k`; empty when none.
+    // The name of the pack that the referrer index names for URL key `k`; empty when none. A view
+    // into the tables: valid while this snapshot lives.
     std::string_view urlPackName(std::string_view k) const {
         const uint32_t* place = tables_->urlIndex.find(k);
         return place == nullptr ? std::string_view() : std::string_view(tables_->names[*place]);
     }
-    // The name of the pack at a place of the tables (a value of urlIndex()).
+    // The name of the pack at a place of the tables (a value of urlIndex()); valid while this
+    // snapshot lives.
     const std::string& routedName(uint32_t place) const { return tables_->names[place]; }
 
     // Document fields.
@@ -186,7 +188,7 @@ class FConfig {
                                 const std::unordered_set<std::string>& names);
 
     std::shared_ptr<const MatchTables> tables_;
-    // This snapshot's record of each pack the tables name, by place (null when it has none):
+    // This snapshot's record of each pack the tables name, by place (every place has one):
     // what the tables answer is the current record without a lookup of its name.
     std::shared_ptr<const std::vector<PackPtr>> routed_;
 };

@@ -1,5 +1,6 @@
 #include "model/ResourceIndex.h"
 
+#include <algorithm>
 #include <set>
 
 #include <atomic>
@@ -237,12 +238,23 @@ Error ResourceRecord::checkDigest(const Folder& file, uint64_t length,
     return Error();
 }
 
-void ResourceIndex::forEachFile(
-    const std::function<void(const ResourceRecord& record)>& visit) const {
+std::vector<const ResourceRecord*> ResourceIndex::filesInPathOrder() const {
+    std::vector<const ResourceRecord*> files;
+    files.reserve(records_.size() / 2 + 1);
     for (const auto& [key, record] : records_) {
         // Each record is entered twice; its path entry is the one that names a file.
-        if (key == record->path) visit(*record);
+        if (key == record->path) files.push_back(record.get());
     }
+    // The table's own order is its hash's: in path order, the first failure named is the same on
+    // every build.
+    std::sort(files.begin(), files.end(),
+              [](const ResourceRecord* a, const ResourceRecord* b) { return a->path < b->path; });
+    return files;
+}
+
+void ResourceIndex::forEachFile(
+    const std::function<void(const ResourceRecord& record)>& visit) const {
+    for (const ResourceRecord* record : filesInPathOrder()) visit(*record);
 }
 
 bool ResourceIndex::verifyFiles(const Folder& folder, Error& error) const {
@@ -251,8 +263,7 @@ bool ResourceIndex::verifyFiles(const Folder& folder, Error& error) const {
         return false;
     }
     error.clear();
-    for (const auto& [key, record] : records_) {
-        if (key != record->path) continue;
+    for (const ResourceRecord* record : filesInPathOrder()) {
         const Folder file = folder.childOf(record->path);
         std::string content = Folder::readFile(file, error);
         if (Errors::isNoData(error)) error.clear();  // the record says whether empty is right
@@ -282,10 +293,10 @@ struct PooledIndex {
     }
 };
 
-// Before the names: what this thread found for a shared record, by the record's address, in a flat
-// table, so that a request neither hashes the name nor walks a bucket and a node. A slot holds a
-// weak reference to the record: the same address under another owner is another record, and the
-// memory of a record made with its owner is not given to another while the slot remembers it.
+// A per-thread cache in front of the lookup by name, keyed by the record's identity (its address
+// and its owner), so that a request neither hashes the name nor walks a bucket and a node. A slot
+// holds a weak reference to the record: the same address under another owner is another record, and
+// the memory of a record made with its owner is not given to another while the slot remembers it.
 class FoundByRecord {
     struct Slot {
         const Pack* pack = nullptr;

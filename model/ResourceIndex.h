@@ -106,7 +106,8 @@ class ResourceIndex {
     std::vector<std::string> urls() const;
     // Paths that an increment removed.
     const std::unordered_set<std::string>& removed() const { return removed_; }
-    // Calls `visit` once with each record that names a file (each is entered twice for lookups).
+    // Calls `visit` once with each record that names a file (each is entered twice for lookups),
+    // in path order.
     void forEachFile(const std::function<void(const ResourceRecord& record)>& visit) const;
     // Reads every file of the index below `folder` and compares its size and MD5 with the record.
     // A file that reads empty passes only when the list names it empty. The first failure stops:
@@ -115,6 +116,8 @@ class ResourceIndex {
     bool verifyFiles(const Folder& folder, Error& error) const;
 
   private:
+    // The records that name a file, each once, in path order.
+    std::vector<const ResourceRecord*> filesInPathOrder() const;
     // Adds the entries of a parsed table. A record without "v" hides its path when
     // `allowMissingMd5` (an increment), and otherwise fails the whole index with 1107; so does a
     // path with a ".." piece, which could name a file outside the pack, and a "size" that is no

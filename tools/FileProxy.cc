@@ -1,16 +1,43 @@
 #include "FileProxy.h"
 #include "support/Mutex.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 
+#include "base/Errors.h"
+#include "base/Folder.h"
 #include "base/Telemetry.h"
 #include "tools/common/Ed25519Key.h"
 
 namespace FerritTools {
+namespace {
+
+// Writes `bytes` to `path`; 0, or the errno of the first failure (closing included, which is where
+// a full disk may first show).
+int writeWhole(const std::string& path, const std::string& bytes) {
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (file == nullptr) return errno;
+    int failed = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() ? 0 : errno;
+    if (std::fclose(file) != 0 && failed == 0) failed = errno;
+    return failed;
+}
+
+// The library names files relative to its root.
+FerritCore::Folder diskFolderOf(const std::string& path) {
+    const std::string& root = FerritCore::rootPath();
+    std::string_view relative = path;
+    if (!root.empty() && relative.starts_with(root)) {
+        relative.remove_prefix(root.size());
+        while (relative.starts_with("/")) relative.remove_prefix(1);
+    }
+    return FerritCore::Folder::disk(relative);
+}
+
+}  // namespace
 
 std::shared_ptr<FileProxy> FileProxy::open(const std::string& publicKeyPem, std::string& error) {
     std::unique_ptr<Ed25519Key> key = Ed25519Key::loadPublic(publicKeyPem, error);
@@ -91,8 +118,12 @@ void FileProxy::sendRequest(const FerritCore::ProxyRequest& request,
         servedBytes_.fetch_add(content.str().size(), std::memory_order_relaxed);
         if (request.tempFilePath.empty()) {
             response.content = content.str();
-        } else {
-            std::ofstream(request.tempFilePath, std::ios::binary) << content.str();
+        } else if (const int failed = writeWhole(request.tempFilePath, content.str())) {
+            // A host that cannot store the body says so: a short file would only be refused
+            // later as bytes that do not match, hiding that the disk is full.
+            completion(FerritCore::ProxyResponse(),
+                       FerritCore::Errors::fileWrite(diskFolderOf(request.tempFilePath), failed));
+            return;
         }
     }
     completion(std::move(response), FerritCore::Error());

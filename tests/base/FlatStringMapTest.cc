@@ -4,6 +4,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "base/FlatStringMap.h"
 
@@ -104,6 +105,74 @@ TEST(FlatStringMapTest, CopyIsIndependent) {
     EXPECT_EQ(*copy.find("one"), 1);
     EXPECT_EQ(map.find("two"), nullptr);
     EXPECT_EQ(copy.size(), 2u);
+}
+
+TEST(FlatStringMapTest, MovedFromMapIsEmpty) {
+    FlatStringMap<int> map;
+    map["one"] = 1;
+    map["two"] = 2;
+    FlatStringMap<int> moved = std::move(map);
+    EXPECT_EQ(moved.size(), 2u);
+    EXPECT_EQ(*moved.find("two"), 2);
+    // NOLINTNEXTLINE(bugprone-use-after-move): what a moved-from map says is the point
+    EXPECT_EQ(map.size(), 0u);
+    EXPECT_TRUE(map.empty());
+    EXPECT_EQ(map.begin(), map.end());
+    map["three"] = 3;
+    EXPECT_EQ(map.size(), 1u);
+
+    FlatStringMap<int> assigned;
+    assigned["x"] = 9;
+    assigned = std::move(moved);
+    EXPECT_EQ(assigned.size(), 2u);
+    EXPECT_EQ(assigned.find("x"), nullptr);
+    // NOLINTNEXTLINE(bugprone-use-after-move)
+    EXPECT_TRUE(moved.empty());
+}
+
+// Every key the same hash: each lookup walks the one probe chain, compares the keys' bytes, and
+// wraps past the end of the slots; keys that are prefixes of each other and the empty key differ.
+struct SameHash {
+    size_t operator()(std::string_view) const { return 13; }
+};
+
+TEST(FlatStringMapTest, KeysOfOneHashAreToldApartByTheirBytes) {
+    FlatStringMap<int, SameHash> map;
+    const std::vector<std::string> keys = {"",  "a",  "aa", "aaa",
+                                           "b", "ab", "ba", std::string("a\0", 2)};
+    for (size_t i = 0; i < keys.size(); ++i)
+        EXPECT_TRUE(map.tryEmplace(keys[i], static_cast<int>(i)).second) << i;
+    EXPECT_EQ(map.size(), keys.size());
+    for (size_t i = 0; i < keys.size(); ++i) {
+        const int* found = map.find(keys[i]);
+        ASSERT_NE(found, nullptr) << i;
+        EXPECT_EQ(*found, static_cast<int>(i)) << i;
+    }
+    EXPECT_EQ(map.find("aaaa"), nullptr);
+    EXPECT_EQ(map.find("c"), nullptr);
+    EXPECT_FALSE(map.tryEmplace("aa", 99).second);
+    EXPECT_EQ(*map.find("aa"), 2);
+    size_t visited = 0;
+    for (const auto& entry : map) {
+        (void)entry;
+        ++visited;
+    }
+    EXPECT_EQ(visited, keys.size());
+}
+
+// The chain starts at the last slot (13 of 16) and wraps to the first ones.
+TEST(FlatStringMapTest, ProbeChainWrapsPastTheLastSlot) {
+    struct LastSlots {
+        size_t operator()(std::string_view key) const { return 15 - (key.size() % 2); }
+    };
+    FlatStringMap<int, LastSlots> map;
+    for (int i = 0; i < 6; ++i) map[std::string(static_cast<size_t>(i), 'k')] = i;
+    for (int i = 0; i < 6; ++i) {
+        const int* found = map.find(std::string(static_cast<size_t>(i), 'k'));
+        ASSERT_NE(found, nullptr) << i;
+        EXPECT_EQ(*found, i);
+    }
+    EXPECT_EQ(map.find(std::string(6, 'k')), nullptr);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "base/Errors.h"
+#include "base/Url.h"
 #include "tests/model/UpdateFixture.h"
 
 namespace FerritTest {
@@ -86,11 +87,23 @@ TEST_F(SCacheTest, IndexesAreSharedWhenRoutingIsUnchanged) {
         auto p = std::make_shared<Pack>();
         p->name = "a";
         p->prefixes = {"https://a/"};
+        p->referrers = {"https://a/page.html"};
         config.put(p);
     });
     const auto* before = &SCache::current()->prefixTree();
+    const std::string pageKey = Url::key("https://a/page.html");
     SCache::mutate([](FConfig& config) { config.setStatus("a", 2); });
     EXPECT_EQ(&SCache::current()->prefixTree(), before);
+    // The shared tables answer this snapshot's record, not the one they were built with.
+    EXPECT_EQ(SCache::current()->routedPack("a"), SCache::current()->find("a"));
+    EXPECT_EQ(SCache::current()->packForUrl(pageKey), SCache::current()->find("a"));
+    SCache::mutate([](FConfig& config) {
+        config.setInstalled("a", kTriggerVisit, 7, 0, 100, /*isPacks=*/false);
+    });
+    EXPECT_EQ(&SCache::current()->prefixTree(), before);
+    ASSERT_NE(SCache::current()->packForUrl(pageKey), nullptr);
+    EXPECT_EQ(SCache::current()->packForUrl(pageKey)->installedSeq, 7u);
+    EXPECT_EQ(SCache::current()->routedPack("a"), SCache::current()->find("a"));
     SCache::mutate([](FConfig& config) {
         auto p = config.find("a")->clone();
         p->prefixes = {"https://b/"};
