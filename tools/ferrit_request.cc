@@ -402,7 +402,7 @@ int installAll(ToolOutput& out, const FerritTools::FileProxy& proxy) {
 // What one command line asks for.
 struct RequestOptions {
     std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
-        appVersion, preloadFile, configPrefix, zipPrefix;
+        appVersion, preloadFile, configPrefix, zipPrefix, locale;
     HeaderMap header;
     bool async = false, body = false, events = false, checkPacks = false, startup = false;
     // "status" is the status report and then the inspector's size report.
@@ -429,6 +429,7 @@ constexpr ValueOption kValueOptions[] = {
     {"--preload", &RequestOptions::preloadFile},
     {"--config-prefix", &RequestOptions::configPrefix},
     {"--zip-prefix", &RequestOptions::zipPrefix},
+    {"--locale", &RequestOptions::locale},
     {"--header", nullptr},
     {"--log-level", nullptr},
 };
@@ -607,6 +608,8 @@ Outcome loadConfiguration(const RequestOptions& o, const JSON& document, ToolOut
 // The host's order: setup (it will call startUpdate itself), the first configuration on the
 // worker, then startUpdate, then, with somewhere to download from, every pack's install.
 Outcome runStartup(const RequestOptions& o, ToolOutput& out, FerritTools::FileProxy& proxy) {
+    // A tree is published for one locale, and the document's address names it.
+    if (!o.locale.empty()) Setup::setLocale(o.locale);
     Setup::setup(o.appKey, o.appVersion, SetupMode::kHostStartsUpdate);
     printStatus(out, "setup");
     TaskRunner::runDue();
