@@ -394,5 +394,62 @@ TEST_F(StatisticsTest, ConcurrentAccessesInOneWindowCountOnce) {
     EXPECT_DOUBLE_EQ(Statistics::accessValue("busy"), 1.0);
 }
 
+// A pack record counts through its slot on the entry that its name names: the first visit is
+// told once, whether it came through the slot or the name.
+TEST_F(StatisticsTest, SlotCountsOnTheEntryOfTheName) {
+    FerritCore::StatisticsSlot slot;
+    const std::string name = "shop";
+    double count = 0;
+    EXPECT_TRUE(Statistics::addAccess(slot, name, &count, 1.0, now()));
+    EXPECT_DOUBLE_EQ(count, 1.0);
+    clock_->advance(5000);
+    EXPECT_FALSE(Statistics::addAccess(name, nullptr, 1.0));
+    clock_->advance(5000);
+    EXPECT_FALSE(Statistics::addAccess(slot, name, &count, 1.0, now()));
+    EXPECT_DOUBLE_EQ(count, 3.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue(name), 3.0);
+    // A copy of the record is another object; it finds the same entry by name.
+    const FerritCore::StatisticsSlot copy(slot);
+    clock_->advance(5000);
+    EXPECT_FALSE(Statistics::addAccess(copy, name, &count, 1.0, now()));
+    EXPECT_DOUBLE_EQ(count, 4.0);
+}
+
+// A slot filled before a restart points at an entry that the restart let go of: the next count
+// finds the entry of the new process, whose first visit it is, and counts on the stored value.
+TEST_F(StatisticsTest, SlotFromBeforeARestartFindsTheNewEntry) {
+    FerritCore::StatisticsSlot slot;
+    const std::string name = "shop";
+    EXPECT_TRUE(Statistics::addAccess(slot, name, nullptr, 1.0, now()));
+    restart();
+    double count = 0;
+    EXPECT_TRUE(Statistics::addAccess(slot, name, &count, 1.0, now()));
+    EXPECT_DOUBLE_EQ(count, 2.0);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue(name), 2.0);
+    EXPECT_FALSE(Statistics::addAccess(name, nullptr, 1.0));
+}
+
+// Threads counting one record at once, some through its slot and some by name, tell the first
+// visit exactly once and count once within the window.
+TEST_F(StatisticsTest, ConcurrentSlotAndNameAccessesTellTheFirstVisitOnce) {
+    FerritCore::StatisticsSlot slot;
+    const std::string name = "busy";
+    std::atomic<int> firsts{0};
+    std::vector<std::thread> threads;
+    const double at = now();
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < 200; ++n) {
+                const bool first = i % 2 == 0 ? Statistics::addAccess(slot, name, nullptr, 1.0, at)
+                                              : Statistics::addAccess(name, nullptr, 1.0, at);
+                if (first) firsts.fetch_add(1);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(firsts.load(), 1);
+    EXPECT_DOUBLE_EQ(Statistics::accessValue(name), 1.0);
+}
+
 }  // namespace
 }  // namespace FerritTest
