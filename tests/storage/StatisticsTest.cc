@@ -409,7 +409,8 @@ TEST_F(StatisticsTest, SlotCountsOnTheEntryOfTheName) {
     EXPECT_DOUBLE_EQ(count, 3.0);
     EXPECT_DOUBLE_EQ(Statistics::accessValue(name), 3.0);
     // A copy of the record is another object; it finds the same entry by name.
-    const FerritCore::StatisticsSlot copy(slot);
+    FerritCore::StatisticsSlot copy;
+    copy = slot;
     clock_->advance(5000);
     EXPECT_FALSE(Statistics::addAccess(copy, name, &count, 1.0, now()));
     EXPECT_DOUBLE_EQ(count, 4.0);
@@ -436,6 +437,7 @@ TEST_F(StatisticsTest, ConcurrentSlotAndNameAccessesTellTheFirstVisitOnce) {
     const std::string name = "busy";
     std::atomic<int> firsts{0};
     std::vector<std::thread> threads;
+    threads.reserve(4);
     const double at = now();
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&, i] {
