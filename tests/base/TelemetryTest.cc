@@ -107,7 +107,7 @@ TEST_F(TelemetryTest, ReusedRecordHoldsOnlyWhatThisBuildSet) {
         ReusedRecord record(slot, "Ferrit.Long");
         record->copyDimension("appName", "a-pack-with-a-name-longer-than-fifteen");
         record->copyDimension("extra", "only-in-the-first");
-        record->setError(Error(1234, "message"));
+        record->setError(Errors::notInstalled("shop"));
         record->setMeasure("time", 5.0);
     }
     Environment::instance().setSessionName("s2");
@@ -140,10 +140,12 @@ TEST_F(TelemetryTest, NestedReusedRecordLeavesTheOuterAlone) {
 
 // An error's code is written as std::to_string writes it.
 TEST_F(TelemetryTest, ErrorCodeIsTheDecimalNumber) {
+    const Error error = Errors::notInstalled("shop");
+    ASSERT_NE(error.code(), 0);
     PerfRecord record("x");
-    record.setError(Error(-3109, "m"));
-    EXPECT_EQ(record.dimensions().at("errorCode"), std::to_string(-3109));
-    EXPECT_EQ(record.dimensions().at("errorMsg"), "m");
+    record.setError(error);
+    EXPECT_EQ(record.dimensions().at("errorCode"), std::to_string(error.code()));
+    EXPECT_EQ(record.dimensions().at("errorMsg"), error.message());
 }
 
 }  // namespace
