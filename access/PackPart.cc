@@ -230,17 +230,13 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
         }
     }
     if (!match->name.empty()) {
-        const Pack* pack = match->pack.get();
-        if (pack != nullptr && match->pinned && pack->subType == kSubTypePlain) {
-            firstVisit = Statistics::addAccess(Pack::pinnedName(match->name, pack->installedSeq),
-                                               &accessCount_, 1.0, createTime_);
-        } else if (pack != nullptr) {
-            // Counted through the pack record's slot: a hit hashes no name.
-            firstVisit = Statistics::addAccess(pack->statistics, match->name, &accessCount_, 1.0,
-                                               createTime_);
-        } else {
-            firstVisit = Statistics::addAccess(match->name, &accessCount_, 1.0, createTime_);
-        }
+        const bool versioned =
+            match->pinned && match->pack && match->pack->subType == kSubTypePlain;
+        firstVisit =
+            versioned
+                ? Statistics::addAccess(Pack::pinnedName(match->name, match->pack->installedSeq),
+                                        &accessCount_, 1.0, createTime_)
+                : Statistics::addAccess(match->name, &accessCount_, 1.0, createTime_);
     }
 }
 

@@ -12,7 +12,6 @@
 #include "base/Folder.h"
 #include "base/Telemetry.h"
 #include "marl/Json.h"
-#include "storage/Statistics.h"
 
 namespace FerritCore {
 
@@ -92,9 +91,6 @@ struct Pack {
     uint64_t rolloutSeq = 0;
     uint32_t rolloutShare = 0;
     double rolloutTime = 0;
-    // Where this record's hits are counted (Statistics); no part of the document, and empty in a
-    // copy.
-    StatisticsSlot statistics;
 
     // Reads the fields of a record's JSON object by the lenient rule of coercion (a number as it
     // is, true 1 and false 0, "" "0" "false" 0, "1" "true" 1, other text as a decimal number).

@@ -24,9 +24,6 @@ namespace FerritCore {
 namespace {
 
 struct PackStat {
-    explicit PackStat(uint64_t tableGeneration) : generation(tableGeneration) {}
-    // The table's generation when the entry was made: a slot's entry of another one is stale.
-    const uint64_t generation;
     std::atomic<double> accessCount{0.0};
     std::atomic<double> prefetchCount{0.0};
     std::atomic<double> lastTime{0.0};  // clock of the last counted access; 0 after loading
@@ -59,9 +56,6 @@ struct Table {
     std::atomic<uint64_t> generation{1};
     // Set once the stored entries are in the map; every lookup waits for it.
     std::atomic<bool> loaded{false};
-    // Entries the table let go of: a pack record's slot may still point at one, and reads its
-    // generation to learn that it is stale. Grows only when the process state is reset.
-    std::vector<std::unique_ptr<PackStat>> retired GUARDED_BY(lock);
     WriteQueue queue;
     // Serialises every write of the statistics keys, from reading the values to the store's
     // commit, so that a write of older values never lands after one of newer values. Held across
@@ -91,7 +85,7 @@ void load(Table& t, ConfigStore& store) REQUIRES(t.lock) {
         if (key.size() <= prefixLength) continue;
         const MarlLogger::json::JSON value = store.get(key).valueOr(MarlLogger::json::JSON());
         if (!value.isObject()) continue;
-        auto stat = std::make_unique<PackStat>(t.generation.load(std::memory_order_relaxed));
+        auto stat = std::make_unique<PackStat>();
         stat->accessCount.store(value[kStoredAccess].doubleValueOr(0.0), std::memory_order_relaxed);
         stat->prefetchCount.store(value[kStoredPrefetch].doubleValueOr(0.0),
                                   std::memory_order_relaxed);
@@ -138,7 +132,6 @@ Table& rawTable() {
         // The runner drops the task at the same reset; this holder must not wait for that.
         t.queue.flushTask.store(0, std::memory_order_release);
         MutexLock guard(t.lock);
-        for (auto& [name, stat] : t.entries) t.retired.push_back(std::move(stat));
         t.entries.clear();
         t.generation.fetch_add(1, std::memory_order_acq_rel);
         t.loaded.store(false, std::memory_order_release);
@@ -229,8 +222,7 @@ PackStat& entryOf(Table& t, const std::string& name) {
     {
         MutexLock guard(t.lock);
         auto& entry = t.entries[name];
-        if (!entry)
-            entry = std::make_unique<PackStat>(t.generation.load(std::memory_order_relaxed));
+        if (!entry) entry = std::make_unique<PackStat>();
         stat = entry.get();
     }
     mine.entries.emplace(name, stat);
@@ -246,8 +238,9 @@ void addTo(std::atomic<double>& counter, double weight) {
 // Counts on one name. Only the access that moves the window's start counts: racing accesses lose
 // the exchange and count nothing. Inside the window nothing is written, so threads that read one
 // pack at once share its entry's cache line without bouncing it.
-bool countOn(Table& t, PackStat& stat, const std::string& name, double* accessCount, double weight,
-             double now) {
+bool countOn(const std::string& name, double* accessCount, double weight, double now) {
+    Table& t = table();
+    PackStat& stat = entryOf(t, name);
     double last = stat.lastTime.load(std::memory_order_acquire);
     bool first = false;
     bool counted = false;
@@ -263,11 +256,6 @@ bool countOn(Table& t, PackStat& stat, const std::string& name, double* accessCo
     if (counted) markChanged(t, name, stat);
     if (accessCount != nullptr) *accessCount = stat.accessCount.load(std::memory_order_relaxed);
     return first;
-}
-
-bool countOn(const std::string& name, double* accessCount, double weight, double now) {
-    Table& t = table();
-    return countOn(t, entryOf(t, name), name, accessCount, weight, now);
 }
 
 // log(v + 1) of a positive value, nothing below the floor.
@@ -293,21 +281,6 @@ bool Statistics::addAccess(const std::string& name, double* accessCount, double 
 bool Statistics::addAccess(const std::string& name, double* accessCount, double weight,
                            double now) {
     const bool first = countOn(name, accessCount, weight, now);
-    const size_t at = name.rfind('@');
-    if (at != std::string::npos) countOn(name.substr(0, at), nullptr, weight, now);
-    return first;
-}
-
-bool Statistics::addAccess(const StatisticsSlot& slot, const std::string& name, double* accessCount,
-                           double weight, double now) {
-    Table& t = table();
-    // A pointer from before a reset names a retired entry, which its generation gives away.
-    auto* stat = static_cast<PackStat*>(slot.entry_.load(std::memory_order_acquire));
-    if (stat == nullptr || stat->generation != t.generation.load(std::memory_order_acquire)) {
-        stat = &entryOf(t, name);
-        slot.entry_.store(stat, std::memory_order_release);
-    }
-    const bool first = countOn(t, *stat, name, accessCount, weight, now);
     const size_t at = name.rfind('@');
     if (at != std::string::npos) countOn(name.substr(0, at), nullptr, weight, now);
     return first;

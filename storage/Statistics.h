@@ -8,29 +8,12 @@
 // deactivates (flush) or the process state is reset.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <string>
 
 #include "marl/Json.h"
 
 namespace FerritCore {
-
-// Where one pack record keeps the counter that its hits count on, so that a hit reaches it without
-// hashing the pack's name. Found on the record's first count; a copy of the record (another
-// object) finds its own. Any thread.
-class StatisticsSlot {
-  public:
-    StatisticsSlot() = default;
-    StatisticsSlot(const StatisticsSlot& /*other*/) {}
-    StatisticsSlot& operator=(const StatisticsSlot& /*other*/) { return *this; }
-
-  private:
-    friend class Statistics;
-    // The entry, whose own generation says whether it is still the table's; entries that the
-    // table lets go of stay readable, so an old pointer is only ever found stale.
-    mutable std::atomic<void*> entry_{nullptr};
-};
 
 class Statistics {
   public:
@@ -53,10 +36,6 @@ class Statistics {
     static bool addAccess(const std::string& name, double* accessCount, double weight);
     // As above at `now` (MRLCurrentClock), for a caller that has just read the clock.
     static bool addAccess(const std::string& name, double* accessCount, double weight, double now);
-    // As above, for the pack record that owns `slot` and whose name is `name`: counted on the
-    // same entry as by name, reached through the slot once the record has counted.
-    static bool addAccess(const StatisticsSlot& slot, const std::string& name, double* accessCount,
-                          double weight, double now);
     // Counts one prefetch on the pack name of `name` (the part before its last "@"), unthrottled.
     static void addPrefetch(const std::string& name);
     // Writes every change not yet written, now, on the calling thread, in one transaction; what
