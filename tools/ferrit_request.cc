@@ -260,7 +260,7 @@ bool loadStored(std::vector<std::string>& problems) {
 // and in the report. `problems` are faults found before (the stored configuration's).
 int check(ToolOutput& out, const std::string& root, std::vector<std::string> problems) {
     const FConfigPtr config = SCache::current();
-    std::map<std::string, PackPtr> packs(config->packs.begin(), config->packs.end());
+    std::map<std::string, PackPtr> packs(config->packs().begin(), config->packs().end());
     out.set("root", JSON(root));
     out.set("configuration",
             JSON(JSONObject{{"version", JSON(config->version)},
@@ -323,7 +323,7 @@ int installAll(ToolOutput& out, const FerritTools::FileProxy& proxy) {
     const FConfigPtr config = SCache::current();
     std::vector<std::string> names;
     std::map<std::string, uint64_t> wanted;
-    for (const auto& [name, pack] : config->packs) {
+    for (const auto& [name, pack] : config->packs()) {
         if (pack->seq == 0 || pack->installedSeq == pack->seq) continue;
         names.push_back(name);
         wanted[name] = pack->seq;
@@ -620,11 +620,11 @@ Outcome runStartup(const RequestOptions& o, ToolOutput& out, FerritTools::FilePr
     }
     out.set("requested", JSON(std::move(requested)));
     const FConfigPtr fetched = SCache::current();
-    out.text() << "configuration version " << fetched->version << " with " << fetched->packs.size()
-               << " packs\n";
+    out.text() << "configuration version " << fetched->version << " with "
+               << fetched->packs().size() << " packs\n";
     out.set("configuration",
             JSON(JSONObject{{"version", JSON(fetched->version)},
-                            {"packs", JSON(static_cast<uint64_t>(fetched->packs.size()))}}));
+                            {"packs", JSON(static_cast<uint64_t>(fetched->packs().size()))}}));
     printStatus(out, "the first configuration");
     Setup::startUpdate();
     TaskRunner::runDue();
@@ -656,8 +656,8 @@ Outcome runPreload(const RequestOptions& o, ToolOutput& out) {
     TaskRunner::runDue();  // the commit of its transaction
     if (!installed) return out.fail("the preload zip " + o.preloadFile + " was not installed");
     out.text() << "preload " << o.preloadFile << " installed\n";
-    std::map<std::string, PackPtr> packs(SCache::current()->packs.begin(),
-                                         SCache::current()->packs.end());
+    std::map<std::string, PackPtr> packs(SCache::current()->packs().begin(),
+                                         SCache::current()->packs().end());
     JSONArray installedPacks;
     for (const auto& [name, pack] : packs) {
         if (pack->isPacks && pack->isInstalled()) {
