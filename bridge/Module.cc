@@ -8,7 +8,9 @@
 // Symbol.for("ferritcore.inspect") (the inspector, behind the queued lifecycle natives), "hostKey"
 // (the key check of the package's entry point), "whenReady" (a callback once the lifecycle natives
 // queued before it have run), "wantRecords" (performance records to the host object's
-// sendEvent), "logTo" and "logLevel" (the log to a script function, and its level).
+// sendEvent), "logTo" and "logLevel" (the log to a script function, and its level), and
+// "resourceSync" (getResourceSyncNative for the package's entry point, which reads the request and
+// builds the response object in script).
 #include <node_api.h>
 
 #include <charconv>
@@ -387,6 +389,20 @@ napi_value getResourceSyncNative(napi_env env, napi_callback_info info) {
     return encodeResponse(env, bridge.get(), std::move(response), &memory);
 }
 
+// ---- resourceSync(fields, slot): getResourceSyncNative for the package's entry point, which reads
+// the request object with the same reader in script and builds the response object itself, so a
+// hit crosses with this one call and no call back into script (see encodeHit).
+
+napi_value resourceSyncNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 2);
+    if (args.size() < 2 || !NAPI::isObject(env, args[1])) return undefinedOf(env);
+    const ResourceRequest request = decodeRequestFields(env, args[0]);
+    EngineMemory memory(env);
+    std::unique_ptr<ResourceResponse> response = getResourceInto(request, memory);
+    std::shared_ptr<NAPI::Bridge> bridge = response->error ? currentBridge() : nullptr;
+    return encodeHit(env, bridge.get(), std::move(response), memory, args[1]);
+}
+
 napi_value getResourceNative(napi_env env, napi_callback_info info) {
     const std::vector<napi_value> args = NAPI::getArgs(env, info, 2);
     if (args.size() < 2) return undefinedOf(env);
@@ -563,6 +579,7 @@ napi_value Init(napi_env env, napi_value exports) {
     defineSymbolMethod(env, exports, "ferritcore.wantRecords", "wantRecords", wantRecordsNative);
     defineSymbolMethod(env, exports, "ferritcore.logTo", "logTo", logToNative);
     defineSymbolMethod(env, exports, "ferritcore.logLevel", "logLevel", logLevelNative);
+    defineSymbolMethod(env, exports, "ferritcore.resourceSync", "resourceSync", resourceSyncNative);
     return exports;
 }
 
