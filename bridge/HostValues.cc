@@ -210,7 +210,7 @@ napi_value readRequestFields(napi_env env, napi_value value) {
     // One call of a compiled script reads every field, where reading each from here costs the
     // engine a name lookup and an exception guard apiece; they cross as one text, read in one
     // call, where an array would cost a call per element and another per text.
-    napi_value reader = NAPI::scriptFunction(env, NAPI::Script::RequestFields, kRequestFields);
+    napi_value reader = requestFieldsReader(env);
     napi_value fields = nullptr;
     if (reader == nullptr ||
         napi_call_function(env, NAPI::undefined(env), reader, 1, &value, &fields) != napi_ok) {
@@ -221,6 +221,10 @@ napi_value readRequestFields(napi_env env, napi_value value) {
 }
 
 }  // namespace
+
+napi_value requestFieldsReader(napi_env env) {
+    return NAPI::scriptFunction(env, NAPI::Script::RequestFields, kRequestFields);
+}
 
 ResourceRequest decodeRequestFields(napi_env env, napi_value fields) {
     if (fields == nullptr) return ResourceRequest(std::string(), std::string());

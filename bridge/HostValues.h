@@ -39,6 +39,9 @@ struct PackRequest {
 // a NUL) or, when a field holds a NUL of its own, the array of those values. Anything else is a
 // request with an empty URL.
 ResourceRequest decodeRequestFields(napi_env env, napi_value fields);
+// The request reader itself, for the package's script to call: one reader on both sides of the
+// door. Null with the engine's error raised when it cannot be made.
+napi_value requestFieldsReader(napi_env env);
 
 PackRequest decodePackRequest(napi_env env, napi_value value);
 

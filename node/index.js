@@ -23,6 +23,7 @@ const native = require(locateAddon());
 const inspectNative = native[Symbol.for('ferritcore.inspect')];
 const hostKeyNative = native[Symbol.for('ferritcore.hostKey')];
 const resourceSyncNative = native[Symbol.for('ferritcore.resourceSync')];
+const requestFieldsNative = native[Symbol.for('ferritcore.requestFields')];
 
 const { FerritError, keyRefusal } = require('./lib/errors');
 const openCache = require('./lib/cache');
@@ -74,8 +75,8 @@ const exported = {};
 for (const name of Object.getOwnPropertyNames(native)) exported[name] = native[name];
 exported.setProxyNative = setProxyNative;
 // The same native, with the request read and the response built on this side of the boundary.
-if (typeof resourceSyncNative === 'function') {
-  exported.getResourceSyncNative = makeGetResourceSync(resourceSyncNative);
+if (typeof resourceSyncNative === 'function' && typeof requestFieldsNative === 'function') {
+  exported.getResourceSyncNative = makeGetResourceSync(resourceSyncNative, requestFieldsNative);
 }
 exported.inspect = inspect;
 exported.open = openCache.bind(exported, native);

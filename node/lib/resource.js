@@ -5,46 +5,6 @@
 // script twice (once to read the request, once to build the object), and each of those calls
 // from native code costs more than the work it does.
 
-// The request object's fields: "url", "traceId", "packName", "packVersion", then the header's
-// string members (own and inherited, enumerable, as for...in lists them) in name, value pairs. A
-// getter that throws reads as absent, and a header whose names cannot be listed has none. They
-// come as one text: "traceId" as a 32-bit number (0 when it is none), then each field after a NUL,
-// empty when it is no string; a field that holds a NUL of its own cannot be told apart that way,
-// and the fields then come as an array of the values as they are. The native module's own
-// reader is this same function.
-function requestFields(request) {
-  const fields = [undefined, undefined, undefined, undefined];
-  let header;
-  try { fields[0] = request.url; } catch (e) {}
-  try { header = request.header; } catch (e) {}
-  if (typeof header === 'object' && header !== null) {
-    try {
-      for (const name in header) {
-        let value;
-        try { value = header[name]; } catch (e) { continue; }
-        if (typeof value === 'string') fields.push(name, value);
-      }
-    } catch (e) {
-      fields.length = 4;
-    }
-  }
-  try { fields[1] = request.traceId; } catch (e) {}
-  try { fields[2] = request.packName; } catch (e) {}
-  try { fields[3] = request.packVersion; } catch (e) {}
-  let text = String(typeof fields[1] === 'number' ? fields[1] | 0 : 0);
-  for (let i = 0; i < fields.length; ++i) {
-    const field = fields[i];
-    if (typeof field !== 'string') {
-      text += '\0';
-    } else if (field.indexOf('\0') >= 0) {
-      return fields;
-    } else {
-      text += '\0' + field;
-    }
-  }
-  return text;
-}
-
 // What a value that is not an object reads as: a request with an empty URL.
 const EMPTY_REQUEST = '0\0\0\0\0';
 const ZERO = '0'.charCodeAt(0);
@@ -67,7 +27,9 @@ function headerOf(text, at) {
 }
 
 // getResourceSyncNative over the native `resourceSync`: the same arguments, the same object.
-function makeGetResourceSync(resourceSync) {
+// `requestFields` is the native module's own reader of a request's fields, so that both sides of
+// the door read a request alike.
+function makeGetResourceSync(resourceSync, requestFields) {
   // Where the native leaves a hit's bytes; emptied at once so that it holds nothing between calls.
   // The native also remembers on it the last header that it sent in full, which is `lastHeader`.
   const slot = [undefined];
