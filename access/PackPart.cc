@@ -1,5 +1,6 @@
 #include "access/PackPart.h"
 
+#include <charconv>
 #include <cinttypes>
 
 #include "access/ResponseMemory.h"
@@ -239,32 +240,43 @@ PackPart::PackPart(std::shared_ptr<RequestContext> contextPtr, std::string partU
     }
 }
 
-void PackPart::reportVisit(double end) {
+void PackPart::reportVisit(std::optional<double> end) {
     if (Errors::isNotFerritResource(error) || !ProxyCalls::takesEvents()) return;
     AppVisit visit;
     visit.trigger = context ? context->trigger : kTriggerNone;
     visit.visitType = firstVisit ? "NF" : "N";
     visit.error = &error;
-    visit.time = (end > 0 ? end : MRLCurrentClock()) - createTime_;
+    visit.time = (end ? *end : MRLCurrentClock()) - createTime_;
     visit.readFileTime = readFileTime;
     visit.accessCount = accessCount_;
     sendAppVisit(*match, visit);
 }
 
 void sendAppVisit(const PackMatch& match, const AppVisit& visit) {
-    PerfRecord record("Ferrit.AppVisit");
-    record.setDimension("appName", match.pack ? match.pack->appName() : match.name);
-    record.setDimension("packSeq", std::to_string(match.pack ? match.pack->installedSeq : 0));
-    record.setDimension("trigger", triggerName(visit.trigger));
-    record.setDimension("installed", match.pack && match.pack->isInstalled() ? "true" : "false");
-    record.setDimension("visitType", visit.visitType);
-    record.setDimension("configVersion", match.configVersion);
-    if (visit.error != nullptr && *visit.error) record.setError(*visit.error);
-    record.setMeasure("time", visit.time);
-    record.setMeasure("matchTime", match.matchTime);
-    if (visit.readFileTime) record.setMeasure("readFileTime", *visit.readFileTime);
-    record.setMeasure("accessCount", visit.accessCount);
-    sendEvent(record);
+    // Built on every hit that a proxy sees: the thread's record is built again in place, and
+    // each text is copied from where it lies (the pack's name, digits on the stack).
+    thread_local ReusedRecord::Slot slot;
+    ReusedRecord record(slot, "Ferrit.AppVisit");
+    const Pack* pack = match.pack.get();
+    std::string_view appName = match.name;
+    if (pack != nullptr)
+        appName =
+            pack->subType == kSubTypeFixedUrl ? std::string_view(pack->zipURL) : pack->rootView();
+    record->copyDimension("appName", appName);
+    char digits[24];
+    const auto written =
+        std::to_chars(digits, digits + sizeof(digits), pack != nullptr ? pack->installedSeq : 0);
+    record->copyDimension("packSeq", std::string_view(digits, written.ptr));
+    record->copyDimension("trigger", triggerName(visit.trigger));
+    record->copyDimension("installed", pack != nullptr && pack->isInstalled() ? "true" : "false");
+    record->copyDimension("visitType", visit.visitType);
+    record->copyDimension("configVersion", match.configVersion);
+    if (visit.error != nullptr && *visit.error) record->setError(*visit.error);
+    record->setMeasure("time", visit.time);
+    record->setMeasure("matchTime", match.matchTime);
+    if (visit.readFileTime) record->setMeasure("readFileTime", *visit.readFileTime);
+    record->setMeasure("accessCount", visit.accessCount);
+    sendEvent(*record);
 }
 
 bool PackPart::isOnDemand() const {

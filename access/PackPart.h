@@ -86,8 +86,8 @@ class PackPart : public ResourcePart {
     std::string content;
 
   protected:
-    // Sends "Ferrit.AppVisit" unless nothing matched (3001); its time ends at `end` (0: now).
-    void reportVisit(double end) override;
+    // Sends "Ferrit.AppVisit" unless nothing matched (3001); its time ends at `end` (none: now).
+    void reportVisit(std::optional<double> end) override;
 
   private:
     using Callback = std::function<void(std::shared_ptr<ResourcePart>)>;

@@ -127,14 +127,15 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
     // (Resource::finish, or the matcher when it drops the part); a second call does nothing. A
     // part that reports its visit does so once the request has ended it and no read holds it any
     // more, on the thread that lets go last. Destroying a part reports nothing. Called by the
-    // part's owner, one thread at a time. `end`, when not 0, is the clock at the request's end,
-    // already read: a visit reported now ends there.
-    void finish(double end = 0);
+    // part's owner, one thread at a time. `end`, when given, is the clock at the request's end,
+    // already read: a visit reported now ends there. Without it the clock is read when the visit
+    // is reported (any value, 0 included, is a reading: a test's clock may stand at 0).
+    void finish(std::optional<double> end = std::nullopt);
     // Keeps the visit's report back while a read that may finish after the request still writes
     // the part; every holdForRead() is matched by one releaseAfterRead(), on any thread. A visit
     // reported by the read's release ends when it is reported.
     void holdForRead() { holds_.fetch_add(1, std::memory_order_relaxed); }
-    void releaseAfterRead() { release(0); }
+    void releaseAfterRead() { release(std::nullopt); }
 
     // The clock when a synchronous read of this part began and when it ended, for a reader that
     // times the same span (0 when unknown): each boundary's clock is read once.
@@ -149,11 +150,11 @@ class ResourcePart : public std::enable_shared_from_this<ResourcePart> {
   protected:
     // Sends what the part reports of its visit; runs once, when the request has ended the part
     // and no read holds it. Most parts report nothing. `end` is the clock at which the visit
-    // ends, or 0 for now.
-    virtual void reportVisit(double /*end*/) {}
+    // ends, or none for now.
+    virtual void reportVisit(std::optional<double> /*end*/) {}
 
   private:
-    void release(double end);
+    void release(std::optional<double> end);
 
     std::string traceId_;
     // One hold for the request (let go by finish()) and one per read in progress.

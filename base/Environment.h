@@ -117,6 +117,11 @@ class Environment {
 
     // Parent id of start-up events and "sessionID" of every performance record.
     std::string sessionName() const;
+    // The same, read in place for as long as the reader lives: a record built on every request
+    // copies it into a buffer it keeps instead of making a string of it.
+    Published<const std::string>::Reader readSessionName() const {
+        return Published<const std::string>::Reader(sessionName_);
+    }
     void setSessionName(std::string name);
 
   private:

@@ -427,6 +427,10 @@ Error unzipTempPath(const std::string& path) {
     return Error(kUnzipTempPath, "Unzip temp path error: " + path);
 }
 
+Error patchFailed(const std::string& path, const std::string& reason) {
+    return Error(kPatchFailed, "patch \"%s\" failed: %s", path.c_str(), reason.c_str());
+}
+
 Error decryptFailed(const std::string& name, const std::string& reason) {
     return Error(kDecryptFailed, "decrypt \"%s\" using Type-A failed: %s", name.c_str(),
                  reason.c_str());

@@ -102,10 +102,13 @@ Error tooManyApps();                                                            
 Error tooManyApps(const std::string& cause);                                    // 2103
 Error unzipFailed(const std::string& path, const std::string& reason);          // 2207
 Error unzipTempPath(const std::string& path);                                   // 2208
-Error decryptFailed(const std::string& name, const std::string& reason);        // 2301
-Error preloadNotFound(const Folder& file);                                      // 2406
-Error copyFailed(const std::string& what, int errnum);                          // 2504
-Error copyFailed(const std::string& what, const std::string& message);          // 2504
+// A patch that cannot be applied: the file it makes, and why in words (a zstd code's meaning, a
+// limit it passes, a reference it does not fit).
+Error patchFailed(const std::string& path, const std::string& reason);    // 2209
+Error decryptFailed(const std::string& name, const std::string& reason);  // 2301
+Error preloadNotFound(const Folder& file);                                // 2406
+Error copyFailed(const std::string& what, int errnum);                    // 2504
+Error copyFailed(const std::string& what, const std::string& message);    // 2504
 
 // 3xxx: access.
 Error notFerritResource();  // 3001
@@ -191,6 +194,7 @@ enum Code : int32_t {
     kTooManyApps = 2103,
     kUnzipFailed = 2207,
     kUnzipTempPath = 2208,
+    kPatchFailed = 2209,
     kDecryptFailed = 2301,
     kPreloadNotFound = 2406,
     kCopyFailed = 2504,
@@ -313,6 +317,9 @@ inline bool isUnzipFailed(const Error& e) {
 }
 inline bool isUnzipTempPath(const Error& e) {
     return e.code() == kUnzipTempPath;
+}
+inline bool isPatchFailed(const Error& e) {
+    return e.code() == kPatchFailed;
 }
 inline bool isDecryptFailed(const Error& e) {
     return e.code() == kDecryptFailed;

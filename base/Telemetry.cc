@@ -1,5 +1,7 @@
 #include "base/Telemetry.h"
 
+#include <charconv>
+
 #include "base/Environment.h"
 #include "base/Proxy.h"
 #include "marl/Clock.h"
@@ -20,9 +22,38 @@ PerfRecord::PerfRecord(std::string name) : name_(std::move(name)) {
     dimensions_.set("sessionID", Environment::instance().sessionName());
 }
 
+void PerfRecord::restart(std::string_view name) {
+    name_.assign(name);
+    dimensions_.clear();
+    measures_.clear();
+    dimensions_.assign("sessionID", *Environment::instance().readSessionName());
+}
+
+ReusedRecord::ReusedRecord(Slot& slot, std::string_view name) {
+    if (slot.busy) {
+        record_ = &fresh_.emplace(std::string(name));
+        return;
+    }
+    slot.busy = true;
+    slot_ = &slot;
+    if (!slot.record) {
+        record_ = &slot.record.emplace(std::string(name));
+    } else {
+        record_ = &*slot.record;
+        record_->restart(name);
+    }
+}
+
+ReusedRecord::~ReusedRecord() {
+    if (slot_ != nullptr) slot_->busy = false;
+}
+
 void PerfRecord::setError(const Error& error) {
-    dimensions_.set("errorCode", std::to_string(error.code()));
-    dimensions_.set("errorMsg", error.message());
+    // The code as std::to_string writes it, without a string of its own.
+    char digits[24];
+    const auto written = std::to_chars(digits, digits + sizeof(digits), error.code());
+    dimensions_.assign("errorCode", std::string_view(digits, written.ptr));
+    dimensions_.assign("errorMsg", error.message());
 }
 
 StagedRecord::StagedRecord(std::string name)

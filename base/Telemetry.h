@@ -2,6 +2,7 @@
 // helpers that write them to the log. A record belongs to the task that builds it; no locking.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -77,6 +78,29 @@ class RecordFields {
         }
         spilled_.emplace_back(std::string(key), std::move(value));
     }
+    // Sets `key` to a copy of `value`, into the buffers that an entry of a cleared record kept:
+    // a record built again and again allocates only when a text outgrows what it held before.
+    template <typename Text>
+    void assign(std::string_view key, const Text& value) {
+        for (Entry& entry : *this) {
+            if (entry.first == key) {
+                entry.second.assign(value);
+                return;
+            }
+        }
+        if (spilled_.empty() && count_ < Inline) {
+            inline_[count_].first.assign(key);
+            inline_[count_].second.assign(value);
+            ++count_;
+            return;
+        }
+        set(key, V(value));
+    }
+    // Forgets every entry; the entries' texts keep their buffers for the next record.
+    void clear() {
+        count_ = 0;
+        spilled_.clear();
+    }
     // Null when absent.
     const V* find(std::string_view key) const {
         for (const Entry& entry : *this)
@@ -118,14 +142,47 @@ class PerfRecord {
     void setDimension(std::string_view key, std::string value) {
         dimensions_.set(key, std::move(value));
     }
+    // As setDimension, copying `value` into the buffer that a reused record kept.
+    void copyDimension(std::string_view key, std::string_view value) {
+        dimensions_.assign(key, value);
+    }
     void setMeasure(std::string_view key, double value) { measures_.set(key, value); }
     // "errorCode" (the number as text) and "errorMsg".
     void setError(const Error& error);
 
   private:
+    friend class ReusedRecord;
+    // An empty record of `name`, with "sessionID" as the constructor sets it; the texts keep
+    // their buffers.
+    void restart(std::string_view name);
+
     std::string name_;
     Dimensions dimensions_;
     Measures measures_;
+};
+
+// A record that one call site builds on every request: the calling thread keeps one in `slot` and
+// builds it again each time, so that its texts reuse their buffers and a hit's record allocates
+// nothing. While the thread's record is out (a proxy that makes a request from sendEvent), the
+// next one is built afresh.
+class ReusedRecord {
+  public:
+    struct Slot {
+        std::optional<PerfRecord> record;
+        bool busy = false;
+    };
+    ReusedRecord(Slot& slot, std::string_view name);
+    ~ReusedRecord();
+    ReusedRecord(const ReusedRecord&) = delete;
+    ReusedRecord& operator=(const ReusedRecord&) = delete;
+
+    PerfRecord& operator*() { return *record_; }
+    PerfRecord* operator->() { return record_; }
+
+  private:
+    Slot* slot_ = nullptr;  // null when the record is the fresh one
+    std::optional<PerfRecord> fresh_;
+    PerfRecord* record_;
 };
 
 // A record measured in stages: each mark stores the time since the previous mark (or since

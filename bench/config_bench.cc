@@ -55,7 +55,7 @@ void BM_ParseAndMerge(benchmark::State& state) {
         FConfig copy = SCache::current()->copyForChange();
         copy.merge(std::move(*parsed));
         copy.rebuildIndexes(SCache::current().get());
-        benchmark::DoNotOptimize(copy.packs.size());
+        benchmark::DoNotOptimize(copy.packs().size());
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
     state.SetLabel("vs:BM_RapidJsonParseFloor");
@@ -67,7 +67,7 @@ void BM_ParseOnly(benchmark::State& state) {
     const std::string text = document(static_cast<int>(state.range(0)), 1);
     for (auto _ : state) {
         auto parsed = FConfig::parse(text, "bench", error, false);
-        benchmark::DoNotOptimize(parsed->packs.size());
+        benchmark::DoNotOptimize(parsed->packs().size());
     }
     state.SetLabel("vs:BM_RapidJsonParseFloor");
 }
@@ -81,7 +81,7 @@ void BM_MergeOnly(benchmark::State& state) {
     for (auto _ : state) {
         FConfig copy = SCache::current()->copyForChange();
         copy.merge(*parsed);
-        benchmark::DoNotOptimize(copy.packs.size());
+        benchmark::DoNotOptimize(copy.packs().size());
     }
     state.SetLabel("vs:BM_RapidJsonParseFloor");
 }
@@ -107,7 +107,7 @@ void BM_MapCopyFloor(benchmark::State& state) {
     auto config =
         FConfig::parse(document(static_cast<int>(state.range(0)), 0), "base", error, false);
     for (auto _ : state) {
-        StringMap<PackPtr> copy = config->packs;
+        StringMap<PackPtr> copy = config->packs();
         benchmark::DoNotOptimize(copy.size());
     }
 }

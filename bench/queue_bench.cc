@@ -36,7 +36,7 @@ void prepare(int records) {
     }();
     (void)once;
     SCache::mutate([&](FConfig& config) {
-        config.packs.clear();
+        config.clearPacks();
         for (int i = 0; i < records; ++i) {
             auto pack = std::make_shared<Pack>();
             pack->name = "pack" + std::to_string(i);

@@ -110,7 +110,7 @@ World& world() {
                 pack->installedBaseSeq = 6;
                 pack->installTime = MRLCurrentTime();
             }
-            config.packs[name] = std::move(pack);
+            config.store(std::move(pack));
         }
         w->storedDocument = config.serialize();
         const Error error = PacksStore::instance().writeConfig(w->storedDocument);

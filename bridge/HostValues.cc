@@ -68,21 +68,30 @@ constexpr const char* kResponseObjectPairs = R"((function (data, error, is404, m
 }))";
 constexpr size_t kResponseFixedArguments = 4;
 
+constexpr char kSeparator = '\0';
+
+// The header as one text, each name and value after a NUL, or empty when a NUL in one of them
+// would cut it in the wrong place.
+std::optional<std::string> headerText(const HeaderMap& header) {
+    size_t size = 0;
+    for (const auto& [name, value] : header) size += name.size() + value.size() + 2;
+    std::string text;
+    text.reserve(size);
+    for (const auto& [name, value] : header)
+        text.append(1, kSeparator).append(name).append(1, kSeparator).append(value);
+    if (std::count(text.begin(), text.end(), kSeparator) !=
+        static_cast<std::ptrdiff_t>(2 * header.size()))
+        return std::nullopt;
+    return text;
+}
+
 // The MD5 and the header as the one text the response object's script cuts, or empty when a NUL
 // in one of them would cut it in the wrong place.
 std::optional<std::string> packedHeader(const ResourceResponse& response) {
-    constexpr char kSeparator = '\0';
-    size_t size = response.md5.size();
-    for (const auto& [name, value] : response.header) size += name.size() + value.size() + 2;
-    std::string packed;
-    packed.reserve(size);
-    packed.append(response.md5);
-    for (const auto& [name, value] : response.header)
-        packed.append(1, kSeparator).append(name).append(1, kSeparator).append(value);
-    if (std::count(packed.begin(), packed.end(), kSeparator) !=
-        static_cast<std::ptrdiff_t>(2 * response.header.size()))
-        return std::nullopt;
-    return packed;
+    if (response.md5.find(kSeparator) != std::string::npos) return std::nullopt;
+    std::optional<std::string> header = headerText(response.header);
+    if (header) header->insert(0, response.md5);
+    return header;
 }
 
 // The arguments of the pairs script after the first three: the MD5 and the header's names and
@@ -195,18 +204,30 @@ size_t byteLength(napi_value value, napi_env env) {
 
 }  // namespace
 
-ResourceRequest decodeRequest(napi_env env, napi_value value) {
-    if (!NAPI::isObject(env, value)) return ResourceRequest(std::string(), std::string());
+namespace {
+
+napi_value readRequestFields(napi_env env, napi_value value) {
     // One call of a compiled script reads every field, where reading each from here costs the
     // engine a name lookup and an exception guard apiece; they cross as one text, read in one
     // call, where an array would cost a call per element and another per text.
-    napi_value reader = NAPI::scriptFunction(env, NAPI::Script::RequestFields, kRequestFields);
+    napi_value reader = requestFieldsReader(env);
     napi_value fields = nullptr;
     if (reader == nullptr ||
         napi_call_function(env, NAPI::undefined(env), reader, 1, &value, &fields) != napi_ok) {
         NAPI::clearException(env);
-        return ResourceRequest(std::string(), std::string());
+        return nullptr;
     }
+    return fields;
+}
+
+}  // namespace
+
+napi_value requestFieldsReader(napi_env env) {
+    return NAPI::scriptFunction(env, NAPI::Script::RequestFields, kRequestFields);
+}
+
+ResourceRequest decodeRequestFields(napi_env env, napi_value fields) {
+    if (fields == nullptr) return ResourceRequest(std::string(), std::string());
     if (std::optional<std::string> text = NAPI::toString(env, fields))
         return requestFromText(*text);
     uint32_t count = 0;
@@ -237,6 +258,11 @@ ResourceRequest decodeRequest(napi_env env, napi_value value) {
     request.packName = NAPI::toString(env, field[kRequestPackName]).value_or(std::string());
     request.packVersion = NAPI::toString(env, field[kRequestPackVersion]).value_or(std::string());
     return request;
+}
+
+ResourceRequest decodeRequest(napi_env env, napi_value value) {
+    if (!NAPI::isObject(env, value)) return ResourceRequest(std::string(), std::string());
+    return decodeRequestFields(env, readRequestFields(env, value));
 }
 
 PackRequest decodePackRequest(napi_env env, napi_value value) {
@@ -270,12 +296,23 @@ napi_value encodeError(napi_env env, NAPI::Bridge* bridge, const Error& error) {
 }
 
 char* EngineMemory::allocate(size_t size) {
-    // A Buffer's memory is not zero-filled, an ArrayBuffer's is: the read overwrites every byte,
-    // so filling them first would only cost a pass over the whole answer. The Buffer's own
-    // ArrayBuffer is what crosses, when it is exactly the answer's memory.
+    // Up to this size a plain ArrayBuffer, zero-filled, costs less than a Buffer: the fill is
+    // cheaper than the Buffer's view and prototype and the two calls that find its ArrayBuffer.
+    constexpr size_t kZeroFilledUpTo = size_t{32} * 1024;
     void* data = nullptr;
-    napi_value view = nullptr;
     napi_value buffer = nullptr;
+    if (size <= kZeroFilledUpTo) {
+        if (napi_create_arraybuffer(env_, size, &data, &buffer) == napi_ok && data != nullptr) {
+            buffer_ = buffer;
+            return static_cast<char*>(data);
+        }
+        NAPI::clearException(env_);
+        return nullptr;
+    }
+    // Above it, a Buffer: its memory is not zero-filled, an ArrayBuffer's is, and the read
+    // overwrites every byte, so filling them first would only cost a pass over the whole answer.
+    // The Buffer's own ArrayBuffer is what crosses, when it is exactly the answer's memory.
+    napi_value view = nullptr;
     size_t offset = 0;
     size_t length = 0;
     if (napi_create_buffer(env_, size, &data, &view) == napi_ok && data != nullptr &&
@@ -295,28 +332,37 @@ char* EngineMemory::allocate(size_t size) {
     return static_cast<char*>(data);
 }
 
-napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
-                          std::unique_ptr<ResourceResponse> response, const EngineMemory* memory) {
+namespace {
+
+// The response's bytes as an ArrayBuffer, undefined when there are none. Null with the engine's
+// error raised, and the response finished with 9995, when the engine could not give the memory.
+napi_value responseData(napi_env env, ResourceResponse& response, const EngineMemory* memory) {
     // The bytes live in memory that the engine allocated and frees by itself. An external buffer
     // over the response's own bytes would keep the response until the engine ran the buffer's
     // finaliser, which it does only on a later turn of its event loop: a script that makes many
     // calls without yielding would hold every response of the run.
-    ResourceResponse* const raw = response.get();
+    if (memory != nullptr && memory->filled() && memory->buffer() != nullptr)
+        return memory->buffer();
+    if (response.data.empty()) return NAPI::undefined(env);
+    const std::string& bytes = response.data;
+    void* copy = nullptr;
     napi_value data = nullptr;
-    if (memory != nullptr && memory->filled() && memory->buffer() != nullptr) {
-        data = memory->buffer();
-    } else if (!raw->data.empty()) {
-        const std::string& bytes = raw->data;
-        void* copy = nullptr;
-        if (napi_create_arraybuffer(env, bytes.size(), &copy, &data) != napi_ok) {
-            raw->setFinished(Errors::napiFailed(static_cast<int>(napi_generic_failure)));
-            NAPI::throwLastError(env);
-            return nullptr;
-        }
-        std::memcpy(copy, bytes.data(), bytes.size());
-    } else {
-        data = NAPI::undefined(env);
+    if (napi_create_arraybuffer(env, bytes.size(), &copy, &data) != napi_ok) {
+        response.setFinished(Errors::napiFailed(static_cast<int>(napi_generic_failure)));
+        NAPI::throwLastError(env);
+        return nullptr;
     }
+    std::memcpy(copy, bytes.data(), bytes.size());
+    return data;
+}
+
+}  // namespace
+
+napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
+                          std::unique_ptr<ResourceResponse> response, const EngineMemory* memory) {
+    ResourceResponse* const raw = response.get();
+    napi_value data = responseData(env, *raw, memory);
+    if (data == nullptr) return nullptr;
 
     // One call of a compiled script builds the object and its header: an object literal takes a
     // ready-made shape, where setting the properties one by one from here costs a lookup each.
@@ -349,6 +395,77 @@ napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
         return nullptr;
     }
     raw->setFinished(Error());
+    return result;
+}
+
+namespace {
+
+// What the door remembers for one slot of the package's entry point: the header text of the last
+// hit it sent there in full.
+struct HitSlot {
+    // False until a header is sent in full, and after a hit that the script may not have taken.
+    bool known = false;
+    std::string header;
+};
+
+// The slot's memory, made at its first hit and freed with it; null when the engine refuses.
+HitSlot* hitSlot(napi_env env, napi_value slot) {
+    void* data = nullptr;
+    if (napi_unwrap(env, slot, &data) == napi_ok && data != nullptr)
+        return static_cast<HitSlot*>(data);
+    NAPI::clearException(env);
+    auto made = std::make_unique<HitSlot>();
+    const auto free = [](napi_env, void* held, void*) { delete static_cast<HitSlot*>(held); };
+    if (napi_wrap(env, slot, made.get(), free, nullptr, nullptr) != napi_ok) {
+        NAPI::clearException(env);
+        return nullptr;
+    }
+    return made.release();
+}
+
+// The first character of a hit's text: is404 in its low bit, and whether the header is the one
+// last sent in full to the same slot (and left out) in the next.
+char hitLead(bool is404, bool sameHeader) {
+    return static_cast<char>('0' + (is404 ? 1 : 0) + (sameHeader ? 2 : 0));
+}
+
+}  // namespace
+
+napi_value encodeHit(napi_env env, NAPI::Bridge* bridge, std::unique_ptr<ResourceResponse> response,
+                     const EngineMemory& memory, napi_value slot) {
+    // A failure, and a header that the one text cannot carry, take the whole object as before:
+    // neither is the path that a page's loads take.
+    std::optional<std::string> header;
+    if (!response->error && response->md5.find(kSeparator) == std::string::npos)
+        header = headerText(response->header);
+    if (!header) return encodeResponse(env, bridge, std::move(response), &memory);
+    napi_value data = responseData(env, *response, &memory);
+    if (data == nullptr) return nullptr;
+    // Hits in a row mostly carry the same header (it changes with the pack, the type and the
+    // second of "Date"): comparing it here is cheap, where cutting it into an object in script
+    // costs more than the rest of the script's side together.
+    HitSlot* const last = hitSlot(env, slot);
+    const bool same = last != nullptr && last->known && last->header == *header;
+    std::string text(1, hitLead(response->is404, same));
+    text.append(response->md5);
+    if (!same) {
+        text.append(*header);
+        if (last != nullptr) {
+            last->header = std::move(*header);
+            last->known = true;
+        }
+    }
+    napi_value result = NAPI::toString(env, text);
+    const napi_status status =
+        result != nullptr ? napi_set_element(env, slot, 0, data) : napi_generic_failure;
+    if (status != napi_ok) {
+        // The script makes no object of this hit, so it keeps no header to repeat.
+        if (last != nullptr) last->known = false;
+        response->setFinished(Errors::napiFailed(static_cast<int>(status)));
+        NAPI::throwLastError(env);
+        return nullptr;
+    }
+    response->setFinished(Error());
     return result;
 }
 

@@ -34,6 +34,15 @@ struct PackRequest {
 };
 // The descriptor of updatePackNative: "name", "info", "traceId" (strings), "progressId" (0 when
 // not a number). A value that is not an object has empty names.
+// The request from what the request reader made of the host's object: its one text (the type,
+// then "url", "traceId", "packName", "packVersion" and the header's names and values, each after
+// a NUL) or, when a field holds a NUL of its own, the array of those values. Anything else is a
+// request with an empty URL.
+ResourceRequest decodeRequestFields(napi_env env, napi_value fields);
+// The request reader itself, for the package's script to call: one reader on both sides of the
+// door. Null with the engine's error raised when it cannot be made.
+napi_value requestFieldsReader(napi_env env);
+
 PackRequest decodePackRequest(napi_env env, napi_value value);
 
 // The error value for the host: the bridge object's createError(code, message), or, when there is
@@ -63,5 +72,13 @@ class EngineMemory : public ResponseMemory {
 napi_value encodeResponse(napi_env env, NAPI::Bridge* bridge,
                           std::unique_ptr<ResourceResponse> response,
                           const EngineMemory* memory = nullptr);
+
+// A hit for the package's own entry point, which makes the object itself: the bytes go to element
+// 0 of `slot`, and the result is one text, "1" or "0" for is404, then the MD5 and each header's
+// name and value after a NUL. A failure, or a header that holds a NUL, gives the whole object as
+// encodeResponse makes it, and leaves `slot` alone. Frees and finishes the response as
+// encodeResponse does.
+napi_value encodeHit(napi_env env, NAPI::Bridge* bridge, std::unique_ptr<ResourceResponse> response,
+                     const EngineMemory& memory, napi_value slot);
 
 }  // namespace FerritCore

@@ -8,7 +8,9 @@
 // Symbol.for("ferritcore.inspect") (the inspector, behind the queued lifecycle natives), "hostKey"
 // (the key check of the package's entry point), "whenReady" (a callback once the lifecycle natives
 // queued before it have run), "wantRecords" (performance records to the host object's
-// sendEvent), "logTo" and "logLevel" (the log to a script function, and its level).
+// sendEvent), "logTo" and "logLevel" (the log to a script function, and its level), and
+// "resourceSync" (getResourceSyncNative for the package's entry point, which reads the request and
+// builds the response object in script).
 #include <node_api.h>
 
 #include <charconv>
@@ -387,6 +389,20 @@ napi_value getResourceSyncNative(napi_env env, napi_callback_info info) {
     return encodeResponse(env, bridge.get(), std::move(response), &memory);
 }
 
+// ---- resourceSync(fields, slot): getResourceSyncNative for the package's entry point, which reads
+// the request object with the same reader in script and builds the response object itself, so a
+// hit crosses with this one call and no call back into script (see encodeHit).
+
+napi_value resourceSyncNative(napi_env env, napi_callback_info info) {
+    const std::vector<napi_value> args = NAPI::getArgs(env, info, 2);
+    if (args.size() < 2 || !NAPI::isObject(env, args[1])) return undefinedOf(env);
+    const ResourceRequest request = decodeRequestFields(env, args[0]);
+    EngineMemory memory(env);
+    std::unique_ptr<ResourceResponse> response = getResourceInto(request, memory);
+    std::shared_ptr<NAPI::Bridge> bridge = response->error ? currentBridge() : nullptr;
+    return encodeHit(env, bridge.get(), std::move(response), memory, args[1]);
+}
+
 napi_value getResourceNative(napi_env env, napi_callback_info info) {
     const std::vector<napi_value> args = NAPI::getArgs(env, info, 2);
     if (args.size() < 2) return undefinedOf(env);
@@ -505,24 +521,28 @@ napi_value hostKeyNative(napi_env env, napi_callback_info info) {
     return result;
 }
 
-// Defines `callback` on the exports under the registered symbol `key`, so that the module's own
+// Defines `value` on the exports under the registered symbol `key`, so that the module's own
 // names stay the eighteen natives. Failures leave the property out.
-void defineSymbolMethod(napi_env env, napi_value exports, const char* key, const char* name,
-                        napi_callback callback) {
+void defineSymbolValue(napi_env env, napi_value exports, const char* key, napi_value value) {
     napi_value global = nullptr, symbolObject = nullptr, symbolFor = nullptr, symbol = nullptr;
     napi_value keyName = NAPI::toString(env, key);
-    napi_value function = nullptr;
-    if (keyName != nullptr && napi_get_global(env, &global) == napi_ok &&
+    if (value != nullptr && keyName != nullptr && napi_get_global(env, &global) == napi_ok &&
         (symbolObject = NAPI::getProperty(env, global, "Symbol")) != nullptr &&
         (symbolFor = NAPI::getProperty(env, symbolObject, "for")) != nullptr &&
-        napi_call_function(env, symbolObject, symbolFor, 1, &keyName, &symbol) == napi_ok &&
-        napi_create_function(env, name, NAPI_AUTO_LENGTH, callback, nullptr, &function) ==
-            napi_ok) {
-        const napi_property_descriptor property = {nullptr, symbol,   nullptr,      nullptr,
-                                                   nullptr, function, napi_default, nullptr};
+        napi_call_function(env, symbolObject, symbolFor, 1, &keyName, &symbol) == napi_ok) {
+        const napi_property_descriptor property = {nullptr, symbol, nullptr,      nullptr,
+                                                   nullptr, value,  napi_default, nullptr};
         napi_define_properties(env, exports, 1, &property);
     }
     NAPI::clearException(env);
+}
+
+void defineSymbolMethod(napi_env env, napi_value exports, const char* key, const char* name,
+                        napi_callback callback) {
+    napi_value function = nullptr;
+    if (napi_create_function(env, name, NAPI_AUTO_LENGTH, callback, nullptr, &function) != napi_ok)
+        function = nullptr;
+    defineSymbolValue(env, exports, key, function);
 }
 
 napi_value Init(napi_env env, napi_value exports) {
@@ -563,6 +583,9 @@ napi_value Init(napi_env env, napi_value exports) {
     defineSymbolMethod(env, exports, "ferritcore.wantRecords", "wantRecords", wantRecordsNative);
     defineSymbolMethod(env, exports, "ferritcore.logTo", "logTo", logToNative);
     defineSymbolMethod(env, exports, "ferritcore.logLevel", "logLevel", logLevelNative);
+    defineSymbolMethod(env, exports, "ferritcore.resourceSync", "resourceSync", resourceSyncNative);
+    // The package's side of that door reads a request with the reader this side uses.
+    defineSymbolValue(env, exports, "ferritcore.requestFields", requestFieldsReader(env));
     return exports;
 }
 

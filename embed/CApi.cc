@@ -508,7 +508,7 @@ struct UpdateNowRun {
 // says now.
 std::vector<std::string> packsBehind() {
     std::vector<std::string> names;
-    for (const auto& [name, pack] : SCache::current()->packs) {
+    for (const auto& [name, pack] : SCache::current()->packs()) {
         if (pack->seq != pack->installedSeq) names.push_back(name);
     }
     return names;

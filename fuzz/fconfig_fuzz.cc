@@ -4,7 +4,8 @@
 // merge into itself alike whether the merge copies the records or takes them over. Reading the
 // text as this device's stored copy, in place, gives what reading it as "local" gives. A copy
 // whose tables come from the snapshot before it answers, through them, the records it holds, and
-// answers what tables built afresh answer.
+// answers what tables built afresh answer, whether its writers replaced records routing alike
+// or changed a record's prefixes.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -55,7 +56,7 @@ void checkTables(const FConfig& copy) {
         check(copy.packForUrl(key) == record);
         check(copy.routedPack(name) == record);
     }
-    for (const auto& [name, record] : copy.packs) {
+    for (const auto& [name, record] : copy.packs()) {
         const PackPtr routed = copy.routedPack(name);
         check((routed != nullptr) == (fresh.routedPack(name) != nullptr));
         check(routed == nullptr || routed == copy.find(name));
@@ -94,6 +95,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     copy.merge(*again);
     copy.rebuildIndexes(config.get());
     checkTables(copy);
+    // A transaction that only replaces records keeps its tables through the writers' mark; one
+    // that changes a record's prefixes must not.
+    FConfig touched = config->copyForChange();
+    for (const auto& [name, record] : config->packs()) touched.setStatus(name, record->status ^ 2);
+    if (!config->packs().empty()) {
+        auto moved = config->packs().begin()->second->clone();
+        moved->prefixes.push_back("https://moved.test/" + moved->name + "/");
+        touched.put(std::move(moved));
+    }
+    touched.rebuildIndexes(config.get());
+    checkTables(touched);
     FConfig taken = config->copyForChange();
     taken.merge(std::move(*again));
     if (taken.serialize() != copy.serialize()) __builtin_trap();

@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Push::onPackConfigPush(messages);
     if (SCache::current()->version != version) __builtin_trap();
     Push::onConfigPush(messages);
-    for (const auto& [name, pack] : SCache::current()->packs)
+    for (const auto& [name, pack] : SCache::current()->packs())
         if (!pack || pack->name != name) __builtin_trap();
     TaskRunner::clear();
     return 0;

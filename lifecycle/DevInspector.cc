@@ -107,7 +107,7 @@ void indexes(const JSON&, Context context) {
     for (const auto& [url, place] : current->urlIndex())
         urls[std::string(url)] = current->routedName(place);
     std::map<std::string, JSON> prefixes;
-    for (const auto& [name, pack] : current->packs) {
+    for (const auto& [name, pack] : current->packs()) {
         for (const std::string& prefix : pack->prefixes) prefixes[prefix] = name;
     }
     reply(context, /*success=*/true,
@@ -308,7 +308,7 @@ JSON DevInspector::sizeReport() {
     uint64_t ferritCount = 0, ferritSize = 0, scacheCount = 0, scacheSize = 0, appCount = 0,
              appSize = 0;
     const FConfigPtr current = SCache::current();
-    for (const auto& [name, pack] : current->packs) {
+    for (const auto& [name, pack] : current->packs()) {
         // Each pack counts once: applications first, then assets, then every other kind.
         if (pack->packType() == kPackTypeACache) {
             if (pack->isInstalled()) {

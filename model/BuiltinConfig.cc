@@ -78,7 +78,7 @@ Error BuiltinConfig::load(FConfig& config) {
     config.scacheVersion = document["v"].stringValue();
     std::set<std::string> previews;  // in name order, as the log lists them
     std::vector<std::string> replaced, stale;
-    for (const auto& [name, pack] : config.packs) {
+    for (const auto& [name, pack] : config.packs()) {
         if (pack->packType() != kPackTypeSCache) continue;
         if (pack->status == kPackStatusPreview) {
             previews.insert(name);
@@ -90,7 +90,7 @@ Error BuiltinConfig::load(FConfig& config) {
             if (listed == builtin.end() || listed->second->seq != pack->seq) stale.push_back(name);
         }
     }
-    for (const auto& name : replaced) config.packs.erase(name);
+    for (const auto& name : replaced) config.erase(name);
     for (const auto& name : stale) config.remove(name);
 
     const double now = MRLCurrentTime();

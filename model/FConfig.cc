@@ -50,14 +50,44 @@ void logRemove(MarlLogger::MRLLevel level, const std::string& name, const char* 
         .append("reason", reason);
 }
 
+// Whether two records enter the same prefixes and referrers into the tables.
+bool routesAlike(const Pack& x, const Pack& y) {
+    return x.prefixes == y.prefixes && x.referrers == y.referrers && x.packType() == y.packType() &&
+           x.subType == y.subType;
+}
+
+// Whether each pair of records routes alike. The records lie all over the heap, so each step
+// fetches the pair, their lists and their text a few places ahead, in that order, while this
+// one is compared.
+template <typename Pairs>
+bool pairsRouteAlike(const Pairs& pairs) {
+    constexpr size_t kFetchAhead = 4;
+    const size_t count = pairs.size();
+    for (size_t i = 0; i < count; ++i) {
+        if (i + 3 * kFetchAhead < count) {
+            __builtin_prefetch(&*pairs[i + 3 * kFetchAhead].first);
+            __builtin_prefetch(&*pairs[i + 3 * kFetchAhead].second);
+        }
+        if (i + 2 * kFetchAhead < count) {
+            for (const Pack* later :
+                 {&*pairs[i + 2 * kFetchAhead].first, &*pairs[i + 2 * kFetchAhead].second})
+                __builtin_prefetch(later->prefixes.data());
+        }
+        if (i + kFetchAhead < count) {
+            for (const Pack* soon :
+                 {&*pairs[i + kFetchAhead].first, &*pairs[i + kFetchAhead].second})
+                for (const std::string& text : soon->prefixes) __builtin_prefetch(text.data());
+        }
+        if (!routesAlike(*pairs[i].first, *pairs[i].second)) return false;
+    }
+    return true;
+}
+
 // Whether no record's prefixes or referrers differ between two maps of records. `changed`
 // receives each record of `a` that is not the very record of `b`.
 bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b,
                  std::vector<const PackPtr*>& changed) {
     if (a.size() != b.size()) return false;
-    // The pairs of records first, then their comparison: records that a merge replaced lie all
-    // over the heap, so each step fetches the pair, their lists and their text a few places
-    // ahead, in that order, while this one is compared.
     std::vector<std::pair<const Pack*, const Pack*>> pairs;
     pairs.reserve(a.size());
     for (const auto& [name, pack] : a) {
@@ -67,29 +97,7 @@ bool sameRouting(const StringMap<PackPtr>& a, const StringMap<PackPtr>& b,
         pairs.emplace_back(pack.get(), other->second.get());
         changed.push_back(&pack);
     }
-    constexpr size_t kFetchAhead = 4;
-    const size_t count = pairs.size();
-    for (size_t i = 0; i < count; ++i) {
-        if (i + 3 * kFetchAhead < count) {
-            __builtin_prefetch(pairs[i + 3 * kFetchAhead].first);
-            __builtin_prefetch(pairs[i + 3 * kFetchAhead].second);
-        }
-        if (i + 2 * kFetchAhead < count) {
-            for (const Pack* later :
-                 {pairs[i + 2 * kFetchAhead].first, pairs[i + 2 * kFetchAhead].second})
-                __builtin_prefetch(later->prefixes.data());
-        }
-        if (i + kFetchAhead < count) {
-            for (const Pack* soon : {pairs[i + kFetchAhead].first, pairs[i + kFetchAhead].second})
-                for (const std::string& text : soon->prefixes) __builtin_prefetch(text.data());
-        }
-        const Pack& x = *pairs[i].first;
-        const Pack& y = *pairs[i].second;
-        if (x.prefixes != y.prefixes || x.referrers != y.referrers ||
-            x.packType() != y.packType() || x.subType != y.subType)
-            return false;
-    }
-    return true;
+    return pairsRouteAlike(pairs);
 }
 
 }  // namespace
@@ -131,7 +139,9 @@ FConfig FConfig::copyForChange() const {
     copy.lastFullUpdate = lastFullUpdate;
     copy.issued = issued;
     copy.expires = expires;
-    copy.packs = packs;
+    copy.packs_ = packs_;
+    copy.tablesFit_ = tablesFit_;
+    copy.replaced_ = replaced_;
     copy.tables_ = tables_;
     copy.routed_ = routed_;
     return copy;
@@ -254,10 +264,10 @@ std::string FConfig::serialize() const {
     if (lastFullUpdate != 0) out.key("lastFullUpdate").value(lastFullUpdate);
     if (issued != 0) out.key("issued").value(issued);
     if (expires != 0) out.key("expires").value(expires);
-    if (!packs.empty()) {
+    if (!packs_.empty()) {
         std::vector<const Pack*> sorted;
-        sorted.reserve(packs.size());
-        for (const auto& [name, pack] : packs) sorted.push_back(pack.get());
+        sorted.reserve(packs_.size());
+        for (const auto& [name, pack] : packs_) sorted.push_back(pack.get());
         std::sort(sorted.begin(), sorted.end(),
                   [](const Pack* a, const Pack* b) { return a->name < b->name; });
         out.key("packs").object();
@@ -269,27 +279,6 @@ std::string FConfig::serialize() const {
     }
     out.endObject();
     return out.result();
-}
-
-namespace {
-
-// The device's identifier, read from the root only when a record of the document needs it: a
-// document without a rollout touches nothing new.
-std::string installIdFor(const FConfig& document) {
-    for (const auto& [name, pack] : document.packs)
-        if (pack->inRollout()) return Rollout::installId();
-    return std::string();
-}
-
-}  // namespace
-
-void FConfig::merge(const FConfig& document) {
-    merge(document, installIdFor(document));
-}
-
-void FConfig::merge(FConfig&& document) {
-    const std::string installId = installIdFor(document);
-    merge(std::move(document), installId);
 }
 
 namespace {
@@ -320,27 +309,42 @@ bool keepReleasedGray(FConfig& config, const Pack& resolved) {
 
 }  // namespace
 
+void FConfig::mergeResolved(PackPtr pack, std::optional<std::string>& installId) {
+    const bool inRollout = pack && pack->inRollout();
+    // The device's identifier is read from the root only when a record needs it: a document
+    // without a rollout touches nothing new, and its records are not walked a second time.
+    if (inRollout && !installId) installId = Rollout::installId();
+    PackPtr resolved = resolveRollout(std::move(pack), inRollout ? *installId : std::string());
+    if (resolved && !(inRollout && keepReleasedGray(*this, *resolved)))
+        mergePack(std::move(resolved));
+}
+
+void FConfig::merge(const FConfig& document) {
+    mergeFields(document);
+    std::optional<std::string> installId;
+    for (const auto& [name, pack] : document.packs_) mergeResolved(pack, installId);
+}
+
+void FConfig::merge(FConfig&& document) {
+    mergeFields(document);
+    std::optional<std::string> installId;
+    // Each record goes over with the document's reference only, so mergePack edits it in place
+    // instead of copying it.
+    for (auto& [name, pack] : document.packs_) mergeResolved(std::move(pack), installId);
+    document.clearPacks();
+}
+
 void FConfig::merge(const FConfig& document, std::string_view installId) {
     mergeFields(document);
-    for (const auto& [name, pack] : document.packs) {
-        const bool inRollout = pack && pack->inRollout();
-        PackPtr resolved = resolveRollout(pack, installId);
-        if (resolved && !(inRollout && keepReleasedGray(*this, *resolved)))
-            mergePack(std::move(resolved));
-    }
+    std::optional<std::string> given(installId);
+    for (const auto& [name, pack] : document.packs_) mergeResolved(pack, given);
 }
 
 void FConfig::merge(FConfig&& document, std::string_view installId) {
     mergeFields(document);
-    // Each record goes over with the document's reference only, so mergePack edits it in place
-    // instead of copying it.
-    for (auto& [name, pack] : document.packs) {
-        const bool inRollout = pack && pack->inRollout();
-        PackPtr resolved = resolveRollout(std::move(pack), installId);
-        if (resolved && !(inRollout && keepReleasedGray(*this, *resolved)))
-            mergePack(std::move(resolved));
-    }
-    document.packs.clear();
+    std::optional<std::string> given(installId);
+    for (auto& [name, pack] : document.packs_) mergeResolved(std::move(pack), given);
+    document.clearPacks();
 }
 
 PackPtr FConfig::resolveRollout(PackPtr p, std::string_view installId) const {
@@ -379,7 +383,7 @@ void FConfig::mergeFields(const FConfig& document) {
     const Environment& environment = Environment::instance();
     if (env != static_cast<uint32_t>(environment.env())) {
         // Everything installed belongs to another service environment: start again from nothing.
-        packs.clear();
+        clearPacks();
         removed.clear();
         version = "0";
         fullMark = 0;
@@ -428,8 +432,8 @@ void FConfig::mergeFields(const FConfig& document) {
     if (document.isFull()) {
         const double now = MRLCurrentTime();
         std::vector<std::string> gone;
-        for (const auto& [name, pack] : packs) {
-            if (document.packs.count(name) != 0) continue;
+        for (const auto& [name, pack] : packs_) {
+            if (document.packs_.count(name) != 0) continue;
             const uint32_t type = pack->packType();
             if (type == kPackTypeACache || type == kPackTypeSCache ||
                 pack->status == kPackStatusPreview)
@@ -447,8 +451,8 @@ void FConfig::mergeFields(const FConfig& document) {
 void FConfig::mergePack(PackPtr p) {
     const bool supported = p->status == kPackStatusDeleted ? false : p->isSupported();
     // The slot found here is the one a taken record goes to: one lookup of the name, not two.
-    const auto slot = packs.find(p->name);
-    if (slot == packs.end() || !slot->second) {
+    const auto slot = packs_.find(p->name);
+    if (slot == packs_.end() || !slot->second) {
         if (supported) put(std::move(p));
         return;
     }
@@ -496,26 +500,59 @@ void FConfig::mergePack(PackPtr p) {
         n->setStatus(old->status);
     n->trigger = old->trigger;
     if (keepPrefixes) n->prefixes = old->prefixes;
-    slot->second = std::move(n);
+    replaceIn(slot, std::move(n));
     dirty = true;
 }
 
 PackPtr FConfig::find(std::string_view name) const {
-    auto it = packs.find(name);
-    return it == packs.end() ? nullptr : it->second;
+    auto it = packs_.find(name);
+    return it == packs_.end() ? nullptr : it->second;
+}
+
+void FConfig::replaceIn(StringMap<PackPtr>::iterator slot, PackPtr pack) {
+    // The pair is compared at the rebuild, a few records ahead of each other: their texts lie
+    // all over the heap, and comparing here waited on memory for each.
+    if (tablesFit_) {
+        if (slot->second)
+            replaced_.emplace_back(slot->second, pack);
+        else
+            tablesFit_ = false;
+    }
+    slot->second = std::move(pack);
+}
+
+void FConfig::store(PackPtr pack) {
+    if (!pack) return;
+    const auto [slot, added] = packs_.try_emplace(pack->name);
+    if (added) tablesFit_ = false;
+    replaceIn(slot, std::move(pack));
 }
 
 void FConfig::put(PackPtr pack) {
     if (!pack) return;
-    packs[pack->name] = std::move(pack);
+    store(std::move(pack));
     dirty = true;
 }
 
+bool FConfig::erase(std::string_view name) {
+    auto it = packs_.find(name);
+    if (it == packs_.end()) return false;
+    packs_.erase(it);
+    tablesFit_ = false;
+    return true;
+}
+
+void FConfig::clearPacks() {
+    packs_.clear();
+    tablesFit_ = false;
+}
+
 bool FConfig::remove(std::string_view name) {
-    auto it = packs.find(name);
-    if (it == packs.end()) return false;
+    auto it = packs_.find(name);
+    if (it == packs_.end()) return false;
     removed.insert(it->second);
-    packs.erase(it);
+    packs_.erase(it);
+    tablesFit_ = false;
     dirty = true;
     return true;
 }
@@ -604,36 +641,56 @@ struct TableBuilder {
     }
 };
 
+const PackPtr& recordOf(const PackPtr* record) {
+    return *record;
+}
+const PackPtr& recordOf(const std::pair<PackPtr, PackPtr>& change) {
+    return change.second;
+}
+
 // The routed records of a snapshot that shares its tables with one whose list is `before`: the
-// same names route as before, and only the records that were replaced move in.
+// same names route as before, and only the records that were replaced move in, in the order
+// they were stored (the last of a name is the one the map holds).
+template <typename Records>
 std::shared_ptr<const std::vector<PackPtr>> patchRouted(
     const MatchTables& tables, const std::shared_ptr<const std::vector<PackPtr>>& before,
-    const std::vector<const PackPtr*>& changed) {
+    const Records& changed) {
     if (changed.empty()) return before;
     auto routed = std::make_shared<std::vector<PackPtr>>(*before);
-    for (const PackPtr* record : changed)
-        if (const uint32_t* place = tables.places.find((*record)->name))
-            (*routed)[*place] = *record;
+    for (const auto& each : changed) {
+        const PackPtr& record = recordOf(each);
+        if (const uint32_t* place = tables.places.find(record->name)) (*routed)[*place] = record;
+    }
     return routed;
 }
 
 }  // namespace
 
 void FConfig::rebuildIndexes(const FConfig* previous) {
+    // Only the tables of `previous` are taken as they stand: without it, the tables are built.
+    if (previous != nullptr && tablesFit_ && tables_ == previous->tables_ &&
+        pairsRouteAlike(replaced_)) {
+        routed_ = patchRouted(*tables_, routed_, replaced_);
+        replaced_.clear();
+        return;
+    }
+    replaced_.clear();
+    tablesFit_ = true;
     std::vector<const PackPtr*> changed;
-    if (previous != nullptr && previous->tables_ && sameRouting(packs, previous->packs, changed)) {
+    if (previous != nullptr && previous->tables_ &&
+        sameRouting(packs_, previous->packs_, changed)) {
         tables_ = previous->tables_;
         routed_ = patchRouted(*tables_, previous->routed_, changed);
         return;
     }
     TableBuilder builder;
-    builder.tables->urlIndex.reserve(packs.size());
+    builder.tables->urlIndex.reserve(packs_.size());
     // A freshly parsed document's records lie all over the heap, and the first touch of each
     // waited on memory: with the records in a list, each step fetches a record, its lists and
     // their text a few places ahead, in that order, while this one is read.
     std::vector<std::pair<std::string_view, const PackPtr*>> records;
-    records.reserve(packs.size());
-    for (const auto& [name, pack] : packs) records.emplace_back(name, &pack);
+    records.reserve(packs_.size());
+    for (const auto& [name, pack] : packs_) records.emplace_back(name, &pack);
     constexpr size_t kFetchAhead = 4;
     const size_t count = records.size();
     for (size_t i = 0; i < count; ++i) {

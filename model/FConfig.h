@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "base/FlatStringMap.h"
@@ -92,12 +94,20 @@ class FConfig {
     // taken as it is and may be edited.
     void mergePack(PackPtr pack);
 
+    // The records by name. Every change goes through the writers below, so that the document
+    // knows whether its routing still matches the tables it holds.
+    const StringMap<PackPtr>& packs() const { return packs_; }
     // The record, or null.
     PackPtr find(std::string_view name) const;
     // Stores a record under its name and marks the document dirty.
     void put(PackPtr pack);
     // Moves the record to `removed` (its folder goes at commit); false when there is none.
     bool remove(std::string_view name);
+    // For readers that assemble a document: stores a record, takes one out, or takes out all,
+    // leaving `dirty` and `removed` as they are (no folder of theirs is to go).
+    void store(PackPtr pack);
+    bool erase(std::string_view name);
+    void clearPacks();
     // Applies Pack::setStatus to a clone; stores it when the status changed.
     void setStatus(std::string_view name, uint32_t status);
     // Records a finished install of `seq`.
@@ -105,7 +115,9 @@ class FConfig {
                       uint64_t size, bool isPacks);
 
     // Rebuilds the matcher's tables; shares those of `previous` when no record's routing changed,
-    // so that a transaction that touches no prefix or referrer costs no index rebuild.
+    // so that a transaction that touches no prefix or referrer costs no index rebuild. A copy of
+    // `previous` whose writers replaced records only by records that route alike keeps its
+    // tables without comparing the records again.
     void rebuildIndexes(const FConfig* previous = nullptr);
     const FlatStringMap<uint32_t>& urlIndex() const { return tables_->urlIndex; }
     const PrefixTree& prefixTree() const { return tables_->prefixTree; }
@@ -151,7 +163,6 @@ class FConfig {
     // A document signed further ahead is refused, and the stamp a device keeps never passes it,
     // so that one document cannot hold back every later one.
     static constexpr double kIssuedSkewMs = 86400000.0;
-    StringMap<PackPtr> packs;
 
     // Of a document parsed with its signature, never serialised: the id of the key that signed,
     // and what the document says about keys (its member "keys").
@@ -170,6 +181,10 @@ class FConfig {
   private:
     // The document fields and, for a full document, the removal of records it no longer lists.
     void mergeFields(const FConfig& document);
+    // Takes in one record of a document; `installId` is read at the first record in rollout.
+    void mergeResolved(PackPtr pack, std::optional<std::string>& installId);
+    // Puts `pack` in the slot of the record it replaces, noting whether the tables still fit.
+    void replaceIn(StringMap<PackPtr>::iterator slot, PackPtr pack);
     // Reads the document's members straight from the parser (FConfigReader.cc); false when
     // `text` is not a JSON object.
     bool read(std::string_view text, std::string& reason);
@@ -187,6 +202,12 @@ class FConfig {
     static void reportRefusedIn(std::string_view text,
                                 const std::unordered_set<std::string>& names);
 
+    StringMap<PackPtr> packs_;
+    // Whether tables_ route as packs_ did when they were built, and every change since replaced
+    // a record (no name came or went): `replaced_` lists each change, the record before and the
+    // record after, in order. rebuildIndexes keeps the tables when each pair routes alike.
+    bool tablesFit_ = false;
+    std::vector<std::pair<PackPtr, PackPtr>> replaced_;
     std::shared_ptr<const MatchTables> tables_;
     // This snapshot's record of each pack the tables name, by place (every place has one):
     // what the tables answer is the current record without a lookup of its name.

@@ -43,7 +43,7 @@ class DocumentReader final : public MarlLogger::json::JSONEvents {
                 key_.assign(key);
                 if (key == "packs") {
                     // Only the last "packs" of a document counts.
-                    config_.packs.clear();
+                    config_.clearPacks();
                     refused_.clear();
                 }
                 break;
@@ -226,7 +226,7 @@ class DocumentReader final : public MarlLogger::json::JSONEvents {
         if (members_ == 0) {
             pack->status = kPackStatusDeleted;
         } else if (!pack->validate()) {
-            config_.packs.erase(pack->name);
+            config_.erase(pack->name);
             refused_.insert(pack->name);
             return;
         }
@@ -235,8 +235,7 @@ class DocumentReader final : public MarlLogger::json::JSONEvents {
 
     void keep(std::shared_ptr<Pack> pack) {
         if (!refused_.empty()) refused_.erase(pack->name);
-        auto [slot, inserted] = config_.packs.try_emplace(pack->name);
-        slot->second = std::move(pack);
+        config_.store(std::move(pack));
     }
 
     FConfig& config_;

@@ -63,18 +63,18 @@ bool sameInstall(const Pack& before, const Pack& after) {
 // Returns how many changed.
 size_t takeOver(FConfig& document, const FConfig& previous) {
     std::vector<std::string> builtIn;
-    for (const auto& [name, pack] : document.packs)
+    for (const auto& [name, pack] : document.packs())
         if (isLoadedBuiltIn(*pack)) builtIn.push_back(name);
-    for (const std::string& name : builtIn) document.packs.erase(name);
-    for (const auto& [name, pack] : previous.packs)
-        if (isLoadedBuiltIn(*pack)) document.packs[name] = pack;
+    for (const std::string& name : builtIn) document.erase(name);
+    for (const auto& [name, pack] : previous.packs())
+        if (isLoadedBuiltIn(*pack)) document.store(pack);
     document.scacheVersion = previous.scacheVersion;
     document.rebuildIndexes(&previous);
     document.dirty = false;
     document.removed.clear();
 
     size_t changed = 0;
-    for (const auto& [name, pack] : previous.packs) {
+    for (const auto& [name, pack] : previous.packs()) {
         const PackPtr now = document.find(name);
         if (now && sameInstall(*pack, *now)) continue;
         ResourceIndexPool::remove(name);
@@ -187,7 +187,7 @@ bool SCache::refresh() {
         .event("reload")
         .append("version", document->version)
         .append("previousVersion", previous->version)
-        .append("packs", static_cast<uint64_t>(document->packs.size()))
+        .append("packs", static_cast<uint64_t>(document->packs().size()))
         .append("changedPacks", static_cast<uint64_t>(changed))
         .append("time", MRLCurrentClock() - start);
     return true;

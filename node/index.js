@@ -22,9 +22,12 @@ function locateAddon() {
 const native = require(locateAddon());
 const inspectNative = native[Symbol.for('ferritcore.inspect')];
 const hostKeyNative = native[Symbol.for('ferritcore.hostKey')];
+const resourceSyncNative = native[Symbol.for('ferritcore.resourceSync')];
+const requestFieldsNative = native[Symbol.for('ferritcore.requestFields')];
 
 const { FerritError, keyRefusal } = require('./lib/errors');
 const openCache = require('./lib/cache');
+const { makeGetResourceSync } = require('./lib/resource');
 
 // The native with the key check in front: a host object with neither a readable "publicKey" nor
 // "insecureNoSignatureCheck: true" is refused with an Error that says why, before anything opens.
@@ -71,6 +74,10 @@ function inspect(command, params = {}) {
 const exported = {};
 for (const name of Object.getOwnPropertyNames(native)) exported[name] = native[name];
 exported.setProxyNative = setProxyNative;
+// The same native, with the request read and the response built on this side of the boundary.
+if (typeof resourceSyncNative === 'function' && typeof requestFieldsNative === 'function') {
+  exported.getResourceSyncNative = makeGetResourceSync(resourceSyncNative, requestFieldsNative);
+}
 exported.inspect = inspect;
 exported.open = openCache.bind(exported, native);
 exported.FerritError = FerritError;

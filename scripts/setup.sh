@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ clang clang-format clang-tidy libclang-rt-14-dev binutils pkg-config
   zlib1g-dev libminizip-dev zip unzip rapidjson-dev libsqlite3-dev sqlite3 libssl-dev openssl
-  libdeflate-dev
+  libdeflate-dev libzstd-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   nodejs
   # The C example (examples/c-host) carries the library's requests with libcurl, and

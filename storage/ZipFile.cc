@@ -271,6 +271,18 @@ int currentInfo(unzFile handle, unz_file_info64& info, std::string& name) {
     return status;
 }
 
+// Opens the current entry raw and reads its information and name. Raw, because the content is then
+// inflated from the archive's bytes in one call, and through zlib only when that fails. Empty on
+// success, else what failed; nothing is left open after a failure.
+std::string openCurrentRaw(unzFile handle, unz_file_info64& info, std::string& name) {
+    int status = unzOpenCurrentFile2(handle, nullptr, nullptr, 1);
+    if (status != UNZ_OK) return "Open zip file failed: " + statusText(status);
+    status = currentInfo(handle, info, name);
+    if (status == UNZ_OK) return {};
+    unzCloseCurrentFile(handle);
+    return "Read zip file info: " + statusText(status);
+}
+
 }  // namespace
 
 // ---- ZipMemoryIo ------------------------------------------------------------------------------
@@ -472,18 +484,15 @@ std::string ZipFile::readEntry(const std::string& name, Error& error) {
         error = failure("Open zip file failed: " + statusText(UNZ_PARAMERROR));
         return content;
     }
-    int status = unzLocateFile(handle_, name.c_str(), 1);
-    // Raw: the content is inflated from the archive's bytes in one call, zlib only when that fails.
-    if (status == UNZ_OK) status = unzOpenCurrentFile2(handle_, nullptr, nullptr, 1);
+    const int status = unzLocateFile(handle_, name.c_str(), 1);
     if (status != UNZ_OK) {
         error = failure("Open zip file failed: " + statusText(status));
         return content;
     }
     unz_file_info64 info;
-    status = unzGetCurrentFileInfo64(handle_, &info, nullptr, 0, nullptr, 0, nullptr, 0);
-    if (status != UNZ_OK) {
-        unzCloseCurrentFile(handle_);
-        error = failure("Read zip file info: " + statusText(status));
+    std::string located;
+    if (std::string opened = openCurrentRaw(handle_, info, located); !opened.empty()) {
+        error = failure(opened);
         return content;
     }
     std::string problem = typeProblem(info, name);
@@ -572,17 +581,8 @@ bool ZipFile::walkEntries(const EntryVisit& visit, Error& error) {
     unz_file_info64 info;
     std::string name;
     for (;;) {
-        // Raw: the content is inflated from the archive's bytes in one call, zlib only when that
-        // fails.
-        status = unzOpenCurrentFile2(handle_, nullptr, nullptr, 1);
-        if (status != UNZ_OK) {
-            error = failure("Open zip file failed: " + statusText(status));
-            return false;
-        }
-        status = currentInfo(handle_, info, name);
-        if (status != UNZ_OK) {
-            unzCloseCurrentFile(handle_);
-            error = failure("Read zip file info: " + statusText(status));
+        if (std::string opened = openCurrentRaw(handle_, info, name); !opened.empty()) {
+            error = failure(opened);
             return false;
         }
         if (isSkipped(name)) {

@@ -55,6 +55,8 @@ const char* const kRootOptions = R"(
     --config-prefix URL   the host's configuration endpoint, for commands that fetch it.
     --zip-prefix URL      where the host downloads pack zips from (a published tree's URL
                           followed by its zips folder, such as https://cdn.example.com/packs/).
+    --locale L            the locale a published tree's configuration is for (the manifest's
+                          "locale"); startup only.
     --log-level N         log entries at or above level N on stderr (1 most severe).
 )";
 

@@ -32,7 +32,7 @@ const char* const kOverview = R"(NAME
 
 SYNOPSIS
     ferrit pack build  --key PEM --url-prefix URL [OPTIONS] FOLDER OUT.zip
-    ferrit pack diff   --key PEM --url-prefix URL [OPTIONS] OLD NEW OUT.zip
+    ferrit pack diff   --key PEM --url-prefix URL [OPTIONS] [--patches OUT-P.zip] OLD NEW OUT.zip
     ferrit pack wrap   --seq N IN.zip OUT.png
     ferrit pack config --key PEM --version V --pack NAME [PACK OPTIONS]... OUT
     ferrit pack preload --key PEM --version V --pack NAME --seq N --folder DIR --url-prefix URL
@@ -94,7 +94,7 @@ const char* const kDiffHelp = R"(NAME
 
 SYNOPSIS
     ferrit pack diff --key PEM --url-prefix URL [--header PATH=NAME:VALUE]... [--token TEXT]
-                     OLD NEW OUT.zip
+                     [--patches OUT-P.zip] OLD NEW OUT.zip
 
 DESCRIPTION
     OLD and NEW are the folders of two versions, as build takes them. OUT.zip holds the files of
@@ -104,18 +104,27 @@ DESCRIPTION
     version. Prints what changed, was added and was removed, and the zip's MD5, which the pack
     configuration names as "ci".
 
+    With --patches, also writes the patched increment: the same list and entries, except that
+    a changed file whose zstd patch against its bytes in OLD is at least 256 bytes smaller than
+    the file deflated travels as "patch/<MD5 of the OLD bytes>/<path>". A device that has those
+    bytes applies the patch and checks the result against the list. Prints each patched file,
+    the patched zip's MD5 and the bytes it saves against OUT.zip.
+
 OPTIONS
     --key PEM             Ed25519 private key (PEM) that signs the list.
     --url-prefix URL      prefix of every resource URL.
     --header PATH=NAME:VALUE
                           a response header of the file PATH of NEW; repeatable.
     --token TEXT          the text between the list's separators (default "ed25519").
+    --patches OUT-P.zip   also write the patched increment there.
     --json                report as one JSON document on stdout (see `ferrit help`).
     --help                this text.
 
 EXAMPLES
     ferrit pack diff --key keys/pack.pem --url-prefix https://shop.example.com/app/ \
         site-3/ site-4/ shop-i-4.zip
+    ferrit pack diff --key keys/pack.pem --url-prefix https://shop.example.com/app/ \
+        --patches shop-p-4.zip site-3/ site-4/ shop-i-4.zip
 
 EXIT STATUS
     0 on success, 1 when the work failed, 2 on a wrong command line.
@@ -269,15 +278,18 @@ struct PackArguments {
     PackOptions options;
     std::map<std::string, HeaderFields> headers;
     std::vector<std::string> positional;
+    std::string patchesPath;  // diff only: where the patched increment goes
 };
 
 int parsePackArguments(const std::string& command, int argc, char** argv, ToolOutput& out,
                        PackArguments& parsed) {
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "--key" || arg == "--url-prefix" || arg == "--header" || arg == "--token") {
+        if (arg == "--key" || arg == "--url-prefix" || arg == "--header" || arg == "--token" ||
+            (arg == "--patches" && command == "diff")) {
             if (i + 1 >= argc) return out.usage("missing value after " + arg);
             const std::string value = argv[++i];
+            if (arg == "--patches") parsed.patchesPath = value;
             if (arg == "--key") parsed.keyPath = value;
             if (arg == "--url-prefix") parsed.options.urlPrefix = value;
             if (arg == "--token") parsed.options.token = value;
@@ -319,6 +331,28 @@ int build(int argc, char** argv, ToolOutput& out) {
     return out.finish();
 }
 
+// The patched increment beside the plain one, and what it saves against it.
+int writePatched(const PackContent& previous, const PackContent& current,
+                 const PackArguments& arguments, uint64_t plainBytes, ToolOutput& out) {
+    std::string error, zip;
+    FerritTools::PatchSummary summary;
+    if (!buildPatchedIncrement(previous, current, arguments.options, zip, error, &summary))
+        return out.fail(error);
+    if (!writeFileAtomically(arguments.patchesPath, zip))
+        return out.fail("cannot write " + arguments.patchesPath);
+    for (const std::string& path : summary.patched) out.text() << "patched " << path << "\n";
+    const std::string md5 = FerritCore::Digest::md5Hex(zip);
+    const int64_t saved = static_cast<int64_t>(plainBytes) - static_cast<int64_t>(zip.size());
+    out.text() << "wrote " << arguments.patchesPath << " (" << summary.patched.size()
+               << " patched, md5 " << md5 << ", " << saved << " bytes saved)\n";
+    out.set("patched", JSON(summary.patched));
+    out.set("patchedZip", JSON(arguments.patchesPath));
+    out.set("patchedBytes", JSON(static_cast<uint64_t>(zip.size())));
+    out.set("patchedMd5", JSON(md5));
+    out.set("bytesSaved", JSON(saved));
+    return kSuccess;
+}
+
 int diff(int argc, char** argv, ToolOutput& out) {
     PackArguments arguments;
     if (const int status = parsePackArguments("diff", argc, argv, out, arguments)) return status;
@@ -347,6 +381,10 @@ int diff(int argc, char** argv, ToolOutput& out) {
     out.set("zip", JSON(arguments.positional[2]));
     out.set("bytes", JSON(static_cast<uint64_t>(zip.size())));
     out.set("md5", JSON(md5));
+    if (!arguments.patchesPath.empty()) {
+        if (const int status = writePatched(previous, current, arguments, zip.size(), out))
+            return status;
+    }
     return out.finish();
 }
 

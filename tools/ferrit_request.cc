@@ -41,6 +41,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -259,7 +260,7 @@ bool loadStored(std::vector<std::string>& problems) {
 // and in the report. `problems` are faults found before (the stored configuration's).
 int check(ToolOutput& out, const std::string& root, std::vector<std::string> problems) {
     const FConfigPtr config = SCache::current();
-    std::map<std::string, PackPtr> packs(config->packs.begin(), config->packs.end());
+    std::map<std::string, PackPtr> packs(config->packs().begin(), config->packs().end());
     out.set("root", JSON(root));
     out.set("configuration",
             JSON(JSONObject{{"version", JSON(config->version)},
@@ -322,7 +323,7 @@ int installAll(ToolOutput& out, const FerritTools::FileProxy& proxy) {
     const FConfigPtr config = SCache::current();
     std::vector<std::string> names;
     std::map<std::string, uint64_t> wanted;
-    for (const auto& [name, pack] : config->packs) {
+    for (const auto& [name, pack] : config->packs()) {
         if (pack->seq == 0 || pack->installedSeq == pack->seq) continue;
         names.push_back(name);
         wanted[name] = pack->seq;
@@ -398,168 +399,186 @@ int installAll(ToolOutput& out, const FerritTools::FileProxy& proxy) {
     return out.fail("not installed: " + problems.back());
 }
 
-}  // namespace
-
-int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
+// What one command line asks for.
+struct RequestOptions {
     std::string root, assets, publicKey, configFile, configText, referrer, url, served, appKey,
-        appVersion, preloadFile, configPrefix, zipPrefix;
+        appVersion, preloadFile, configPrefix, zipPrefix, locale;
     HeaderMap header;
     bool async = false, body = false, events = false, checkPacks = false, startup = false;
-    std::vector<std::string> positional;
-    MarlLogger::Log::setLevel(1);
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
-        if (arg == "--root" || arg == "--assets" || arg == "--public-key" || arg == "--config" ||
-            arg == "--config-json" || arg == "--referrer" || arg == "--header" ||
-            arg == "--log-level" || arg == "--serve" || arg == "--app-key" ||
-            arg == "--app-version" || arg == "--preload" || arg == "--config-prefix" ||
-            arg == "--zip-prefix") {
-            const char* value = next();
-            if (value == nullptr) return out.usage("missing value after " + arg);
-            if (arg == "--root") root = value;
-            if (arg == "--assets") assets = value;
-            if (arg == "--public-key") publicKey = value;
-            if (arg == "--config") configFile = value;
-            if (arg == "--config-json") configText = value;
-            if (arg == "--referrer") referrer = value;
-            if (arg == "--serve") served = value;
-            if (arg == "--app-key") appKey = value;
-            if (arg == "--app-version") appVersion = value;
-            if (arg == "--preload") preloadFile = value;
-            if (arg == "--config-prefix") configPrefix = value;
-            if (arg == "--zip-prefix") zipPrefix = value;
-            if (arg == "--log-level") MarlLogger::Log::setLevel(std::atoi(value));
-            if (arg == "--header") {
-                const std::string h = value;
-                const size_t colon = h.find(':');
-                if (colon == std::string::npos) return out.usage("a header is NAME:VALUE");
-                size_t start = colon + 1;
-                while (start < h.size() && h[start] == ' ') ++start;
-                header[h.substr(0, colon)] = h.substr(start);
-            }
-        } else if (arg == "--async") {
-            async = true;
-        } else if (arg == "--body") {
-            body = true;
-        } else if (arg == "--events") {
-            events = true;
-        } else if (arg == "--check") {
-            checkPacks = true;
-        } else if (arg == "--startup") {
-            startup = true;
-        } else if (!arg.empty() && arg[0] == '-') {
-            return out.usage("unknown option " + arg);
-        } else {
-            positional.push_back(arg);
-        }
-    }
     // "status" is the status report and then the inspector's size report.
-    const bool status = !positional.empty() && positional[0] == "status";
-    if (status) {
+    bool status = false, inspecting = false;
+    std::vector<std::string> positional;
+};
+
+// The options that take a value, and where each value goes; those without a field are read by
+// takeValue itself.
+struct ValueOption {
+    const char* name;
+    std::string RequestOptions::*field;
+};
+constexpr ValueOption kValueOptions[] = {
+    {"--root", &RequestOptions::root},
+    {"--assets", &RequestOptions::assets},
+    {"--public-key", &RequestOptions::publicKey},
+    {"--config", &RequestOptions::configFile},
+    {"--config-json", &RequestOptions::configText},
+    {"--referrer", &RequestOptions::referrer},
+    {"--serve", &RequestOptions::served},
+    {"--app-key", &RequestOptions::appKey},
+    {"--app-version", &RequestOptions::appVersion},
+    {"--preload", &RequestOptions::preloadFile},
+    {"--config-prefix", &RequestOptions::configPrefix},
+    {"--zip-prefix", &RequestOptions::zipPrefix},
+    {"--locale", &RequestOptions::locale},
+    {"--header", nullptr},
+    {"--log-level", nullptr},
+};
+
+struct FlagOption {
+    const char* name;
+    bool RequestOptions::*field;
+};
+constexpr FlagOption kFlagOptions[] = {
+    {"--async", &RequestOptions::async},     {"--body", &RequestOptions::body},
+    {"--events", &RequestOptions::events},   {"--check", &RequestOptions::checkPacks},
+    {"--startup", &RequestOptions::startup},
+};
+
+// The exit code of a command that has ended; none while it goes on.
+using Outcome = std::optional<int>;
+
+Outcome takeValue(const ValueOption& option, const std::string& value, RequestOptions& o,
+                  ToolOutput& out) {
+    if (option.field != nullptr) {
+        o.*option.field = value;
+    } else if (std::string_view(option.name) == "--log-level") {
+        MarlLogger::Log::setLevel(std::atoi(value.c_str()));
+    } else {
+        const size_t colon = value.find(':');
+        if (colon == std::string::npos) return out.usage("a header is NAME:VALUE");
+        size_t start = colon + 1;
+        while (start < value.size() && value[start] == ' ') ++start;
+        o.header[value.substr(0, colon)] = value.substr(start);
+    }
+    return std::nullopt;
+}
+
+// What the words after the options name: a URL, or an inspector command and its parameters.
+Outcome readPositional(RequestOptions& o, ToolOutput& out) {
+    std::vector<std::string>& positional = o.positional;
+    o.status = !positional.empty() && positional[0] == "status";
+    if (o.status) {
         if (positional.size() != 1) return out.usage("status takes no argument");
         positional.push_back("FerritDev.size");
     }
-    const bool inspecting = !positional.empty() && (positional[0] == "inspect" || status);
-    if (inspecting) {
+    o.inspecting = !positional.empty() && (positional[0] == "inspect" || o.status);
+    if (o.inspecting) {
         if (positional.size() < 2 || positional.size() > 3)
             return out.usage("inspect takes a command and, optionally, its parameters as JSON");
     } else if (positional.size() > 1) {
         return out.usage("one URL at a time");
     } else if (!positional.empty()) {
-        url = positional[0];
+        o.url = positional[0];
     }
-    if (root.empty()) return out.usage("--root is required");
+    if (o.root.empty()) return out.usage("--root is required");
     // Only a host's start makes its root; every other command reports on one that is there.
     std::error_code rootError;
-    if (!startup && !std::filesystem::is_directory(root, rootError))
-        return out.fail("no root folder " + root +
-                        (std::filesystem::exists(root, rootError) ? " (not a folder)" : "") +
+    if (!o.startup && !std::filesystem::is_directory(o.root, rootError))
+        return out.fail("no root folder " + o.root +
+                        (std::filesystem::exists(o.root, rootError) ? " (not a folder)" : "") +
                         ": this command reads a root and makes none");
-    if (!configPrefix.empty() || !zipPrefix.empty()) {
-        // The host's layer, as setDefaultConfigNative gives it.
-        HostDefaults defaults;
-        defaults.configPrefix = configPrefix;
-        defaults.zipPrefix = zipPrefix;
-        Settings::setDefaults(defaults);
-    }
-    if (inspecting) {
-        TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
-        std::shared_ptr<Proxy> proxy = std::make_shared<KeylessProxy>();
-        if (!publicKey.empty()) {
-            std::string reason;
-            std::shared_ptr<FerritTools::FileProxy> fileProxy =
-                FerritTools::FileProxy::open(publicKey, reason);
-            if (!fileProxy) return out.fail(reason);
-            fileProxy->serveFolder(served);
-            fileProxy->setPrintEvents(events);
-            proxy = fileProxy;
-        }
-        return inspect(out, std::move(proxy), root, assets, appKey, appVersion, positional[1],
-                       positional.size() == 3 ? positional[2] : std::string(), status);
-    }
-    if (url.empty() && !checkPacks && !startup && preloadFile.empty()) return out.usage("no URL");
-    if (startup && (served.empty() || publicKey.empty()))
-        return out.usage("startup needs --serve and --public-key");
-    if (!preloadFile.empty() && (startup || assets.empty()))
-        return out.usage("--preload needs --assets, and does not go with startup");
+    return std::nullopt;
+}
 
-    // Background work (visit updates, the configuration's commit) is not run for one request: it
-    // needs none of it, and it would write to the root. Start-up runs on the real worker.
-    if (!startup) TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
-    std::shared_ptr<FerritTools::FileProxy> fileProxy;
-
-    if (!publicKey.empty()) {
-        std::string reason;
-        std::shared_ptr<FerritTools::FileProxy> proxy =
-            FerritTools::FileProxy::open(publicKey, reason);
-        if (!proxy) return out.fail(reason);
-        proxy->setPrintEvents(events);
-        proxy->serveFolder(served);
-        fileProxy = proxy;
-        if (!startup) Environment::instance().setProxy(proxy);
-    } else {
-        out.note("no --public-key: no proxy is set, so no signed list verifies (1106)");
-    }
-    if (startup) printStatus(out, "loading");
-    if (!startup) {
-        // The library's own wiring, as setProxy does it, without the configuration's load: the
-        // records come from --config, or from what a host stored. A check alone only reads: it
-        // leaves the folders as the host has them (a running host's downloads live in "temp/",
-        // which a start empties).
-        if (checkPacks && preloadFile.empty()) {
-            setRootPath(normalizePath(root));
+Outcome readArguments(int argc, char** argv, RequestOptions& o, ToolOutput& out) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const auto valued = std::find_if(std::begin(kValueOptions), std::end(kValueOptions),
+                                         [&](const ValueOption& v) { return arg == v.name; });
+        const auto flag = std::find_if(std::begin(kFlagOptions), std::end(kFlagOptions),
+                                       [&](const FlagOption& f) { return arg == f.name; });
+        if (valued != std::end(kValueOptions)) {
+            if (i + 1 >= argc) return out.usage("missing value after " + arg);
+            if (Outcome ended = takeValue(*valued, argv[++i], o, out)) return ended;
+        } else if (flag != std::end(kFlagOptions)) {
+            o.*flag->field = true;
+        } else if (!arg.empty() && arg[0] == '-') {
+            return out.usage("unknown option " + arg);
         } else {
-            initFolders(root);
+            o.positional.push_back(arg);
         }
-        Services::wire();
-        if (!assets.empty()) Services::attachAssets(assets);
     }
+    return readPositional(o, out);
+}
 
-    if (!configFile.empty()) {
-        std::ifstream in(configFile, std::ios::binary);
-        if (!in) return out.fail("cannot read " + configFile);
+int runInspect(const RequestOptions& o, ToolOutput& out) {
+    TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
+    std::shared_ptr<Proxy> proxy = std::make_shared<KeylessProxy>();
+    if (!o.publicKey.empty()) {
+        std::string reason;
+        std::shared_ptr<FerritTools::FileProxy> fileProxy =
+            FerritTools::FileProxy::open(o.publicKey, reason);
+        if (!fileProxy) return out.fail(reason);
+        fileProxy->serveFolder(o.served);
+        fileProxy->setPrintEvents(o.events);
+        proxy = fileProxy;
+    }
+    return inspect(out, std::move(proxy), o.root, o.assets, o.appKey, o.appVersion, o.positional[1],
+                   o.positional.size() == 3 ? o.positional[2] : std::string(), o.status);
+}
+
+// The tools' proxy, serving --serve and verifying with --public-key; none without a key.
+Outcome openProxy(const RequestOptions& o, ToolOutput& out,
+                  std::shared_ptr<FerritTools::FileProxy>& fileProxy) {
+    if (o.publicKey.empty()) {
+        out.note("no --public-key: no proxy is set, so no signed list verifies (1106)");
+        return std::nullopt;
+    }
+    std::string reason;
+    fileProxy = FerritTools::FileProxy::open(o.publicKey, reason);
+    if (!fileProxy) return out.fail(reason);
+    fileProxy->setPrintEvents(o.events);
+    fileProxy->serveFolder(o.served);
+    if (!o.startup) Environment::instance().setProxy(fileProxy);
+    return std::nullopt;
+}
+
+// The library's own wiring, as setProxy does it, without the configuration's load: the records
+// come from --config, or from what a host stored. A check alone only reads: it leaves the folders
+// as the host has them (a running host's downloads live in "temp/", which a start empties).
+void wireLibrary(const RequestOptions& o) {
+    if (o.checkPacks && o.preloadFile.empty()) {
+        setRootPath(normalizePath(o.root));
+    } else {
+        initFolders(o.root);
+    }
+    Services::wire();
+    if (!o.assets.empty()) Services::attachAssets(o.assets);
+}
+
+// The configuration of --config or --config-json, parsed; null when neither is given.
+Outcome readDocument(RequestOptions& o, ToolOutput& out, JSON& document) {
+    if (!o.configFile.empty()) {
+        std::ifstream in(o.configFile, std::ios::binary);
+        if (!in) return out.fail("cannot read " + o.configFile);
         std::stringstream text;
         text << in.rdbuf();
-        configText = text.str();
+        o.configText = text.str();
     }
-    JSON document;
-    if (!configText.empty()) {
-        std::string parseError;
-        document = JSON::parse(configText, &parseError);
-        if (!parseError.empty()) return out.fail("the configuration is not JSON: " + parseError);
-    }
-    if (startup) {
-        Setup::setProxy(fileProxy, root,
-                        assets);  // folders, then the stored and the built-in configuration
-        printStatus(out, "setProxy");
-    }
-    // Without records of its own, a command reads what a host stored under the root.
-    std::vector<std::string> problems;
-    if (!startup && configText.empty() && !loadStored(problems) && assets.empty())
+    if (o.configText.empty()) return std::nullopt;
+    std::string parseError;
+    document = JSON::parse(o.configText, &parseError);
+    if (!parseError.empty()) return out.fail("the configuration is not JSON: " + parseError);
+    return std::nullopt;
+}
+
+// The records of the given document, or those a host stored, and the built-in configuration.
+// Only a check fails on what it found; the other commands say it and go on.
+Outcome loadConfiguration(const RequestOptions& o, const JSON& document, ToolOutput& out,
+                          std::vector<std::string>& problems) {
+    if (!o.startup && o.configText.empty() && !loadStored(problems) && o.assets.empty())
         problems.push_back("no stored configuration: a host installed nothing under this root");
-    // Only a check fails on what it found; the other commands say it and go on.
-    if (!checkPacks) {
+    if (!o.checkPacks) {
         for (const std::string& problem : problems) out.note(problem);
         problems.clear();
     }
@@ -567,8 +586,8 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
     Error builtinError;
     bool recordsLoaded = true;
     SCache::mutate([&](FConfig& config) {
-        if (!configText.empty()) recordsLoaded = loadRecords(document, config, reason);
-        if (recordsLoaded && !assets.empty() && !startup)
+        if (!o.configText.empty()) recordsLoaded = loadRecords(document, config, reason);
+        if (recordsLoaded && !o.assets.empty() && !o.startup)
             builtinError = BuiltinConfig::load(config);
     });
     if (!recordsLoaded) return out.fail(reason);
@@ -577,95 +596,147 @@ int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
         const std::string problem =
             "the built-in configuration does not read: " + std::to_string(builtinError.code()) +
             " " + builtinError.message();
-        if (checkPacks) {
+        if (o.checkPacks) {
             problems.push_back(problem);
         } else {
             out.note(problem);
         }
     }
+    return std::nullopt;
+}
 
-    if (startup) {
-        // The host's order: setup (it will call startUpdate itself), the first configuration on
-        // the worker, then startUpdate.
-        Setup::setup(appKey, appVersion, SetupMode::kHostStartsUpdate);
-        printStatus(out, "setup");
-        TaskRunner::runDue();
-        JSONArray requested;
-        for (const std::string& asked : fileProxy->requestedUrls()) {
-            out.text() << "requested " << asked << "\n";
-            requested.push_back(JSON(asked));
-        }
-        out.set("requested", JSON(std::move(requested)));
-        const FConfigPtr fetched = SCache::current();
-        out.text() << "configuration version " << fetched->version << " with "
-                   << fetched->packs.size() << " packs\n";
-        out.set("configuration",
-                JSON(JSONObject{{"version", JSON(fetched->version)},
-                                {"packs", JSON(static_cast<uint64_t>(fetched->packs.size()))}}));
-        printStatus(out, "the first configuration");
-        Setup::startUpdate();
-        TaskRunner::runDue();
-        printStatus(out, "startUpdate");
-        // With somewhere to download from, the packs are installed now.
-        if (!zipPrefix.empty()) {
-            // As a host on a network without limits says: downloads wait for one.
-            Setup::setNetworkStatus(NetworkStatus::kUnrestricted);
-            const int installed = installAll(out, *fileProxy);
-            if (installed != kExitSuccess) return installed;
-        }
-        if (url.empty()) {
-            const JSON errors = Setup::statusReport()["error"];
-            if (errors.isNull()) return out.finish();
-            return out.fail("start-up left errors: " + errors.toString());
+// The host's order: setup (it will call startUpdate itself), the first configuration on the
+// worker, then startUpdate, then, with somewhere to download from, every pack's install.
+Outcome runStartup(const RequestOptions& o, ToolOutput& out, FerritTools::FileProxy& proxy) {
+    // A tree is published for one locale, and the document's address names it.
+    if (!o.locale.empty()) Setup::setLocale(o.locale);
+    Setup::setup(o.appKey, o.appVersion, SetupMode::kHostStartsUpdate);
+    printStatus(out, "setup");
+    TaskRunner::runDue();
+    JSONArray requested;
+    for (const std::string& asked : proxy.requestedUrls()) {
+        out.text() << "requested " << asked << "\n";
+        requested.push_back(JSON(asked));
+    }
+    out.set("requested", JSON(std::move(requested)));
+    const FConfigPtr fetched = SCache::current();
+    out.text() << "configuration version " << fetched->version << " with "
+               << fetched->packs().size() << " packs\n";
+    out.set("configuration",
+            JSON(JSONObject{{"version", JSON(fetched->version)},
+                            {"packs", JSON(static_cast<uint64_t>(fetched->packs().size()))}}));
+    printStatus(out, "the first configuration");
+    Setup::startUpdate();
+    TaskRunner::runDue();
+    printStatus(out, "startUpdate");
+    if (!o.zipPrefix.empty()) {
+        // As a host on a network without limits says: downloads wait for one.
+        Setup::setNetworkStatus(NetworkStatus::kUnrestricted);
+        const int installed = installAll(out, proxy);
+        if (installed != kExitSuccess) return installed;
+    }
+    if (!o.url.empty()) return std::nullopt;
+    const JSON errors = Setup::statusReport()["error"];
+    if (errors.isNull()) return out.finish();
+    return out.fail("start-up left errors: " + errors.toString());
+}
+
+Outcome runPreload(const RequestOptions& o, ToolOutput& out) {
+    FerritTools::ToolProgress bar("install");
+    Preload::Progress progress;
+    if (bar.enabled()) {
+        progress = [&bar](uint64_t files, uint64_t bytes, uint64_t totalBytes) {
+            bar.setTotal(0, totalBytes);
+            bar.update(files, bytes);
+        };
+    }
+    const bool installed =
+        Preload::instance().install(o.preloadFile, /*checkInstalled=*/true, progress);
+    bar.done();
+    TaskRunner::runDue();  // the commit of its transaction
+    if (!installed) return out.fail("the preload zip " + o.preloadFile + " was not installed");
+    out.text() << "preload " << o.preloadFile << " installed\n";
+    std::map<std::string, PackPtr> packs(SCache::current()->packs().begin(),
+                                         SCache::current()->packs().end());
+    JSONArray installedPacks;
+    for (const auto& [name, pack] : packs) {
+        if (pack->isPacks && pack->isInstalled()) {
+            out.text() << "  " << name << "@" << pack->installedSeq << " (" << pack->installedSize
+                       << " bytes)\n";
+            installedPacks.push_back(JSON(JSONObject{{"name", JSON(name)},
+                                                     {"seq", JSON(pack->installedSeq)},
+                                                     {"bytes", JSON(pack->installedSize)}}));
         }
     }
+    out.set("preload", JSON(JSONObject{{"zip", JSON(o.preloadFile)},
+                                       {"packs", JSON(std::move(installedPacks))}}));
+    if (o.url.empty() && !o.checkPacks) return out.finish();
+    return std::nullopt;
+}
 
-    if (!preloadFile.empty()) {
-        FerritTools::ToolProgress bar("install");
-        Preload::Progress progress;
-        if (bar.enabled()) {
-            progress = [&bar](uint64_t files, uint64_t bytes, uint64_t totalBytes) {
-                bar.setTotal(0, totalBytes);
-                bar.update(files, bytes);
-            };
-        }
-        const bool installed = Preload::instance().install(preloadFile, true, progress);
-        bar.done();
-        TaskRunner::runDue();  // the commit of its transaction
-        if (!installed) return out.fail("the preload zip " + preloadFile + " was not installed");
-        out.text() << "preload " << preloadFile << " installed\n";
-        std::map<std::string, PackPtr> packs(SCache::current()->packs.begin(),
-                                             SCache::current()->packs.end());
-        JSONArray installedPacks;
-        for (const auto& [name, pack] : packs) {
-            if (pack->isPacks && pack->isInstalled()) {
-                out.text() << "  " << name << "@" << pack->installedSeq << " ("
-                           << pack->installedSize << " bytes)\n";
-                installedPacks.push_back(JSON(JSONObject{{"name", JSON(name)},
-                                                         {"seq", JSON(pack->installedSeq)},
-                                                         {"bytes", JSON(pack->installedSize)}}));
-            }
-        }
-        out.set("preload", JSON(JSONObject{{"zip", JSON(preloadFile)},
-                                           {"packs", JSON(std::move(installedPacks))}}));
-        if (url.empty() && !checkPacks) return out.finish();
-    }
-
-    if (checkPacks) return check(out, root, std::move(problems));
-
-    if (!referrer.empty() && header.find("Referer") == header.end()) header["Referer"] = referrer;
-    ResourceRequest request(url, header);
-    if (async) {
-        std::unique_ptr<ResourceResponse> response;
+int runOneRequest(RequestOptions& o, ToolOutput& out) {
+    if (!o.referrer.empty() && o.header.find("Referer") == o.header.end())
+        o.header["Referer"] = o.referrer;
+    ResourceRequest request(o.url, o.header);
+    std::unique_ptr<ResourceResponse> response;
+    if (o.async) {
         Access::getResource(request,
                             [&](std::unique_ptr<ResourceResponse> r) { response = std::move(r); });
-        if (!response) return out.fail("no answer to " + url);
-        const int code = report(out, url, *response, body);
-        response->setFinished(Error());
-        return code;
+        if (!response) return out.fail("no answer to " + o.url);
+    } else {
+        response = Access::getResource(request);
     }
-    auto response = Access::getResource(request);
-    const int code = report(out, url, *response, body);
+    const int code = report(out, o.url, *response, o.body);
     response->setFinished(Error());
     return code;
+}
+
+// Which commands go together, once the arguments are read.
+Outcome checkCombination(const RequestOptions& o, ToolOutput& out) {
+    if (o.url.empty() && !o.checkPacks && !o.startup && o.preloadFile.empty())
+        return out.usage("no URL");
+    if (o.startup && (o.served.empty() || o.publicKey.empty()))
+        return out.usage("startup needs --serve and --public-key");
+    if (!o.preloadFile.empty() && (o.startup || o.assets.empty()))
+        return out.usage("--preload needs --assets, and does not go with startup");
+    return std::nullopt;
+}
+
+}  // namespace
+
+int FerritTools::runRequestTool(int argc, char** argv, ToolOutput& out) {
+    MarlLogger::Log::setLevel(1);
+    RequestOptions o;
+    if (Outcome ended = readArguments(argc, argv, o, out)) return *ended;
+    if (!o.configPrefix.empty() || !o.zipPrefix.empty()) {
+        // The host's layer, as setDefaultConfigNative gives it.
+        HostDefaults defaults;
+        defaults.configPrefix = o.configPrefix;
+        defaults.zipPrefix = o.zipPrefix;
+        Settings::setDefaults(defaults);
+    }
+    if (o.inspecting) return runInspect(o, out);
+    if (Outcome ended = checkCombination(o, out)) return *ended;
+    // Background work (visit updates, the configuration's commit) is not run for one request: it
+    // needs none of it, and it would write to the root. Start-up runs on the real worker.
+    if (!o.startup) TaskRunner::setSharedMode(TaskRunner::Mode::Manual);
+    std::shared_ptr<FerritTools::FileProxy> fileProxy;
+    if (Outcome ended = openProxy(o, out, fileProxy)) return *ended;
+    if (o.startup) printStatus(out, "loading");
+    if (!o.startup) wireLibrary(o);
+    JSON document;
+    if (Outcome ended = readDocument(o, out, document)) return *ended;
+    if (o.startup) {
+        // Folders, then the stored and the built-in configuration.
+        Setup::setProxy(fileProxy, o.root, o.assets);
+        printStatus(out, "setProxy");
+    }
+    std::vector<std::string> problems;
+    if (Outcome ended = loadConfiguration(o, document, out, problems)) return *ended;
+    if (o.startup)
+        if (Outcome ended = runStartup(o, out, *fileProxy)) return *ended;
+    if (!o.preloadFile.empty())
+        if (Outcome ended = runPreload(o, out)) return *ended;
+    if (o.checkPacks) return check(out, o.root, std::move(problems));
+    return runOneRequest(o, out);
 }

@@ -181,7 +181,7 @@ uint64_t appsSize() {
 std::vector<std::string> recoverWith(const FConfig& config) {
     const double start = MRLCurrentClock();
     std::unordered_set<Folder> owned(kOwnedBuckets);
-    for (const auto& [name, pack] : config.packs)
+    for (const auto& [name, pack] : config.packs())
         if (pack->isInstalled()) owned.insert(pack->installedFolder());
     const std::function<bool(std::string_view)> busy = busyPacks();
     auto isBusy = [&](std::string_view rootName) { return busy && busy(rootName); };
@@ -312,7 +312,7 @@ void Cleanup::regularRun() {
 void Cleanup::fillPackSizes() {
     const FConfigPtr config = SCache::current();
     std::unordered_map<std::string, uint64_t> sizes;
-    for (const auto& [name, pack] : config->packs) {
+    for (const auto& [name, pack] : config->packs()) {
         if (!pack->isInstalled() || pack->installedSize != 0) continue;
         // Fixed-sequence preset copies share their folder with the built-in pack.
         if (pack->packType() == kPackTypeSCache && pack->subType != kSubTypePlain) continue;
@@ -334,8 +334,8 @@ CleanupPlan Cleanup::plan(const FConfig& config, uint64_t ferritLimit, uint64_t 
     CleanupPlan plan;
     std::vector<Candidate> ordinary;
     std::vector<Candidate> acache;
-    ordinary.reserve(config.packs.size());
-    for (const auto& [name, pack] : config.packs) {
+    ordinary.reserve(config.packs().size());
+    for (const auto& [name, pack] : config.packs()) {
         Candidate c;
         c.pack = pack;
         c.access = Statistics::accessValue(pack->name);
@@ -425,7 +425,7 @@ void Cleanup::recoverLeftovers() {
     // Nothing is removed from a root that cannot be written: what is there keeps serving.
     if (!StorageState::writable()) return;
     const FConfigPtr config = SCache::current();
-    if (config->packs.empty()) return;
+    if (config->packs().empty()) return;
     recoverWith(*config);
 }
 
@@ -440,7 +440,7 @@ uint64_t Cleanup::roomFor(const Pack& pack, UpdateTrigger updateTrigger, uint64_
     fillPackSizes();
     uint64_t total = 0;
     const FConfigPtr config = SCache::current();
-    for (const auto& [name, other] : config->packs) {
+    for (const auto& [name, other] : config->packs()) {
         if (name == pack.name) continue;
         if (other->isInstalled() && !isLongTerm(*other) && isACache(*other) == app)
             total += other->installedSize;
@@ -458,7 +458,7 @@ bool Cleanup::mayInstall(const Pack& pack, UpdateTrigger updateTrigger) {
     const uint64_t limit = app ? acacheSizeLimit(*settings) : ferritSizeLimit(*settings);
     uint64_t total = 0;
     const FConfigPtr config = SCache::current();
-    for (const auto& [name, other] : config->packs) {
+    for (const auto& [name, other] : config->packs()) {
         if (other->isInstalled() && !isLongTerm(*other) && isACache(*other) == app)
             total += other->installedSize;
     }

@@ -75,7 +75,7 @@ Plan makePlan(ZipFile& zip, const Folder& work, Error& error) {
         FConfig::parse(text, "preload", error, /*checkSignature=*/true);
     if (!document) return plan;
     const FConfigPtr current = SCache::current();
-    for (const auto& [name, pack] : document->packs) {
+    for (const auto& [name, pack] : document->packs()) {
         if (!pack || !pack->isSupported() || pack->status == kPackStatusDeleted || pack->seq == 0)
             continue;
         const PackPtr held = current->find(name);

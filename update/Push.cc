@@ -33,7 +33,7 @@ void Push::onConfigPush(const std::vector<std::string>& messages) {
         }
     }
     if (!newer) return;
-    if (!newer->packs.empty()) {
+    if (!newer->packs().empty()) {
         SCache::mutate([&](FConfig& config) { config.merge(*newer); });
     }
     UpdateConfig::instance().start(kTriggerPush, newer->version, nullptr, newer->delay);

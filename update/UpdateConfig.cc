@@ -357,7 +357,7 @@ void UpdateConfig::loadAtStart() {
         log.append("version", document->version)
             .append("env", document->env)
             .append("locale", document->locale)
-            .append("packCount", static_cast<uint64_t>(document->packs.size()));
+            .append("packCount", static_cast<uint64_t>(document->packs().size()));
     }
 }
 

@@ -376,9 +376,9 @@ void UpdateQueue::start(UpdateTrigger trigger) {
     const FConfigPtr config = SCache::current();
     const std::shared_ptr<UpdatePackFactory> factory = currentFactory();
     std::vector<UpdatePackPtr> kept;
-    kept.reserve(config->packs.size());
+    kept.reserve(config->packs().size());
     size_t waiting = 0;
-    for (const auto& entry : config->packs) {
+    for (const auto& entry : config->packs()) {
         UpdatePackPtr task = factory->create(entry.first, MarlLogger::json::JSON(), trigger);
         if (task && task->runnable()) {
             kept.push_back(std::move(task));

@@ -634,6 +634,34 @@ TEST_F(AccessTest, PartHeldByAReadSendsItsVisitOnceTheReadLetsGo) {
     EXPECT_EQ(proxy_->named("Ferrit.AppVisit").size(), 1u);
 }
 
+// A clock that stands where the test puts it; 0 is a reading like any other.
+class StandingClock : public MarlLogger::TimeSource {
+  public:
+    explicit StandingClock(double wall) : wall_(wall) { MarlLogger::setTimeSource(this); }
+    ~StandingClock() override { MarlLogger::setTimeSource(nullptr); }
+    double wallMs() override { return wall_; }
+    double clockMs() override { return clock.load(std::memory_order_relaxed); }
+    std::atomic<double> clock{0.0};
+
+  private:
+    double wall_;
+};
+
+// The end that the request gives is where the visit ends, even when the clock read 0 there.
+TEST_F(AccessTest, VisitEndsAtTheGivenEndEvenAtClockZero) {
+    installAppPack(3, 3);
+    StandingClock clock(MRLCurrentTime());
+    std::shared_ptr<Resource> resource =
+        Access::match(ResourceRequest("https://h.com/app/app.js", ""), kPolicySync);
+    ASSERT_FALSE(resource->error) << resource->error.message();
+    ASSERT_EQ(resource->parts.size(), 1u);
+    clock.clock.store(7.0);
+    resource->parts.front()->finish(0.0);
+    const auto visits = proxy_->named("Ferrit.AppVisit");
+    ASSERT_EQ(visits.size(), 1u);
+    EXPECT_EQ(visits[0].measures.at("time"), 0.0);
+}
+
 // The objects of a request come from recycled blocks: none starts out finished.
 TEST_F(AccessTest, EveryRequestOnRecycledObjectsSendsItsOwnRecords) {
     installAppPack(3, 3);

@@ -113,7 +113,8 @@ TEST_F(AllocationTest, SyncHitOfSixteenKiBWithWarmIndexAllocatesLittle) {
     constexpr size_t kRecycledObjects = 5;
     constexpr size_t kHitAllocations = 8 + (RecycledDetail::kRecycle ? 0 : kRecycledObjects);
     EXPECT_LE(withoutProxy, kHitAllocations);
-    EXPECT_LE(withProxy, kHitAllocations + 1) << "a proxy may cost the record it is sent";
+    // The thread builds the hit's records again in place: a proxy costs the hit nothing more.
+    EXPECT_LE(withProxy, kHitAllocations) << "the records of a hit allocate";
 }
 
 }  // namespace

@@ -108,6 +108,7 @@ std::vector<CatalogueCase> catalogue() {
         {"tooManyApps", tooManyApps(), 2103, "Too many apps installed"},
         {"unzipFailed", unzipFailed("p.zip", "crc"), 2207, "unzip \"p.zip\" failed: crc"},
         {"unzipTempPath", unzipTempPath("/tmp/x"), 2208, "Unzip temp path error: /tmp/x"},
+        {"patchFailed", patchFailed("a.js", "truncated"), 2209, "patch \"a.js\" failed: truncated"},
         {"decryptFailed", decryptFailed("a", "short"), 2301,
          "decrypt \"a\" using Type-A failed: short"},
         {"preloadNotFound", preloadNotFound(asset), 2406, "/Asset/res/a.js not found"},
@@ -161,7 +162,7 @@ std::vector<CatalogueCase> catalogue() {
 TEST(ErrorsTest, EveryCatalogueFunctionGivesItsCodeAndExactMessage) {
     const std::vector<CatalogueCase> cases = catalogue();
     // One entry per function and overload of the catalogue.
-    EXPECT_EQ(cases.size(), 81u);
+    EXPECT_EQ(cases.size(), 82u);
     for (const CatalogueCase& c : cases) {
         SCOPED_TRACE(c.function);
         EXPECT_EQ(c.error.code(), c.code);
@@ -209,6 +210,7 @@ std::vector<NamedCode> namedCodes() {
         {"kTooManyApps", kTooManyApps, 2103, isTooManyApps},
         {"kUnzipFailed", kUnzipFailed, 2207, isUnzipFailed},
         {"kUnzipTempPath", kUnzipTempPath, 2208, isUnzipTempPath},
+        {"kPatchFailed", kPatchFailed, 2209, isPatchFailed},
         {"kDecryptFailed", kDecryptFailed, 2301, isDecryptFailed},
         {"kPreloadNotFound", kPreloadNotFound, 2406, isPreloadNotFound},
         {"kCopyFailed", kCopyFailed, 2504, isCopyFailed},
@@ -241,7 +243,7 @@ std::vector<NamedCode> namedCodes() {
 
 TEST(ErrorsTest, CodesKeepTheirNumbers) {
     const std::vector<NamedCode> names = namedCodes();
-    EXPECT_EQ(names.size(), 54u);
+    EXPECT_EQ(names.size(), 55u);
     for (const NamedCode& n : names) {
         SCOPED_TRACE(n.name);
         EXPECT_EQ(static_cast<int32_t>(n.code), n.number);

@@ -90,5 +90,63 @@ TEST_F(TelemetryTest, SendEventWithoutProxyDoesNothing) {
     EXPECT_EQ(proxy->events, std::vector<std::string>{"first"});
 }
 
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+Fields dimensionsOf(const PerfRecord& record) {
+    Fields out;
+    for (const auto& [key, value] : record.dimensions()) out.emplace_back(key, value);
+    return out;
+}
+
+// A record built again in the thread's slot holds what a fresh one would: the session as it is
+// now, and none of the previous build's entries or their tails.
+TEST_F(TelemetryTest, ReusedRecordHoldsOnlyWhatThisBuildSet) {
+    ReusedRecord::Slot slot;
+    Environment::instance().setSessionName("a-rather-long-session-name-of-the-first-run");
+    {
+        ReusedRecord record(slot, "Ferrit.Long");
+        record->copyDimension("appName", "a-pack-with-a-name-longer-than-fifteen");
+        record->copyDimension("extra", "only-in-the-first");
+        record->setError(Errors::notInstalled("shop"));
+        record->setMeasure("time", 5.0);
+    }
+    Environment::instance().setSessionName("s2");
+    ReusedRecord record(slot, "X");
+    record->copyDimension("appName", "p");
+    record->setMeasure("count", 1.0);
+    EXPECT_EQ(record->name(), "X");
+    EXPECT_EQ(dimensionsOf(*record), (Fields{{"sessionID", "s2"}, {"appName", "p"}}));
+    ASSERT_EQ(record->measures().size(), 1u);
+    EXPECT_EQ(record->measures().at("count"), 1.0);
+    PerfRecord fresh("X");
+    fresh.setDimension("appName", "p");
+    EXPECT_EQ(dimensionsOf(*record), dimensionsOf(fresh));
+}
+
+// A record built while the thread's record is out (a proxy that makes a request from inside
+// sendEvent) is one of its own and leaves the outer one as it was.
+TEST_F(TelemetryTest, NestedReusedRecordLeavesTheOuterAlone) {
+    ReusedRecord::Slot slot;
+    ReusedRecord outer(slot, "Outer");
+    outer->copyDimension("k", "outer");
+    {
+        ReusedRecord inner(slot, "Inner");
+        inner->copyDimension("k", "inner");
+        EXPECT_NE(&*inner, &*outer);
+    }
+    EXPECT_EQ(outer->name(), "Outer");
+    EXPECT_EQ(outer->dimensions().at("k"), "outer");
+}
+
+// An error's code is written as std::to_string writes it.
+TEST_F(TelemetryTest, ErrorCodeIsTheDecimalNumber) {
+    const Error error = Errors::notInstalled("shop");
+    ASSERT_NE(error.code(), 0);
+    PerfRecord record("x");
+    record.setError(error);
+    EXPECT_EQ(record.dimensions().at("errorCode"), std::to_string(error.code()));
+    EXPECT_EQ(record.dimensions().at("errorMsg"), error.message());
+}
+
 }  // namespace
 }  // namespace FerritCore

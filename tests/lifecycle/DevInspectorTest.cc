@@ -171,7 +171,7 @@ TEST_F(DevInspectorTest, ClearEmptiesPacksAndRecordsIt) {
     installApp();
     EXPECT_TRUE(send("FerritDev.clear").success);
     TaskRunner::runDue();
-    EXPECT_TRUE(SCache::current()->packs.empty());
+    EXPECT_TRUE(SCache::current()->packs().empty());
     EXPECT_FALSE(std::filesystem::exists(temp_.path() / "apps/app"));
     EXPECT_TRUE(std::filesystem::is_directory(temp_.path() / "apps"));
     EXPECT_EQ(Access::getResource(ResourceRequest(kAppUrl, ""))->error.code(),

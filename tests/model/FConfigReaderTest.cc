@@ -47,8 +47,8 @@ TEST_F(FConfigReaderTest, ContainerWhereAScalarIsWantedReadsAsZero) {
 TEST_F(FConfigReaderTest, RecordThatIsNotANonEmptyObjectMarksThePackDeleted) {
     expectAgrees(R"({"v":"1","packs":{"a":null,"b":{},"c":3,"d":"x","e":[1,{"s":2}],"f":true}})");
     auto config = doc(R"({"v":"1","packs":{"a":null,"b":{},"c":[{"s":1}]}})");
-    ASSERT_EQ(config->packs.size(), 3u);
-    for (const auto& [name, pack] : config->packs) EXPECT_EQ(pack->status, kPackStatusDeleted);
+    ASSERT_EQ(config->packs().size(), 3u);
+    for (const auto& [name, pack] : config->packs()) EXPECT_EQ(pack->status, kPackStatusDeleted);
 }
 
 TEST_F(FConfigReaderTest, DuplicateKeysKeepTheLastValue) {
@@ -112,7 +112,7 @@ TEST_F(FConfigReaderTest, StoredDocumentReadInPlaceReportsRefusedRecordsFromASec
 
 TEST_F(FConfigReaderTest, RefusedRecordsOfAReplacedPacksMemberAreNotReported) {
     auto config = doc(R"({"v":"1","packs":{"a":{"f":32}},"packs":{"b":{"s":1}}})");
-    EXPECT_EQ(config->packs.size(), 1u);
+    EXPECT_EQ(config->packs().size(), 1u);
     EXPECT_TRUE(proxy->events.empty());
 }
 
@@ -160,13 +160,13 @@ TEST_F(FConfigReaderTest, MergingADocumentTakenOverMatchesMergingACopy) {
     FConfig copied = SCache::current()->copyForChange();
     auto document = doc(next);
     copied.merge(*document);
-    EXPECT_EQ(document->packs.size(), 4u) << "a merge of a copy leaves the document whole";
+    EXPECT_EQ(document->packs().size(), 4u) << "a merge of a copy leaves the document whole";
 
     FConfig taken = SCache::current()->copyForChange();
     auto consumed = doc(next);
     const Pack* record = consumed->find("a").get();
     taken.merge(std::move(*consumed));
-    EXPECT_TRUE(consumed->packs.empty());
+    EXPECT_TRUE(consumed->packs().empty());
     EXPECT_EQ(taken.find("a").get(), record) << "the record itself was taken over";
     EXPECT_EQ(taken.find("a")->installedSeq, 1u);
     EXPECT_EQ(taken.find("a")->prefixes, std::vector<std::string>{"https://a/"});

@@ -29,7 +29,7 @@ TEST_F(FConfigTest, EmptyDocumentHasDefaults) {
     EXPECT_EQ(config->env, 2u);
     EXPECT_EQ(config->lastUpdate, MRLCurrentTime()) << "0 on parsing means now";
     EXPECT_EQ(config->lastFullUpdate, 0.0);
-    EXPECT_TRUE(config->packs.empty());
+    EXPECT_TRUE(config->packs().empty());
 }
 
 TEST_F(FConfigTest, VersionWithFractionKeepsIntegerPart) {
@@ -69,7 +69,7 @@ TEST_F(FConfigTest, RoundTripWithEveryKeySet) {
     EXPECT_EQ(second->env, 1u);
     EXPECT_EQ(second->locale, "en");
     EXPECT_EQ(second->delay, 1234.5);
-    ASSERT_EQ(second->packs.size(), 2u);
+    ASSERT_EQ(second->packs().size(), 2u);
     EXPECT_EQ(second->find("a")->installedSize, 1024u);
     EXPECT_EQ(second->find("a")->zipURL, "https://z/a.zip");
     EXPECT_TRUE(second->find("a")->isOnDemand);
@@ -117,7 +117,7 @@ TEST_F(FConfigTest, RefusedRecordsAreReportedAndLeftOut) {
     Environment::instance().setProxy(proxy);
     auto config = doc(R"({"v":"1","packs":{"type":{"f":32},"gray":{"g":3},"status":{"status":5},)"
                       R"("url":{"subType":2},"good":{"s":1}}})");
-    EXPECT_EQ(config->packs.size(), 1u);
+    EXPECT_EQ(config->packs().size(), 1u);
     EXPECT_NE(config->find("good"), nullptr);
     EXPECT_EQ(proxy->events.size(), 4u);
     EXPECT_EQ(proxy->events[0], "Ferrit.ConfigDiskError");
@@ -304,7 +304,7 @@ TEST_F(FConfigTest, UnsupportedTypeRemovesExistingPack) {
     auto unsupported = std::make_shared<Pack>();
     unsupported->name = "a";
     unsupported->flags = 0x30;
-    document->packs["a"] = unsupported;
+    document->store(unsupported);
     SCache::mutate([&](FConfig& config) { config.merge(*document); });
     EXPECT_EQ(pack("a"), nullptr);
     EXPECT_EQ(logs_->last("remove").field("reason").stringValue(), "PackType not supported");

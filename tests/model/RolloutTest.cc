@@ -51,7 +51,7 @@ class RolloutTest : public UpdateFixture {
     void mergeIgnoringRolloutKeys(const std::string& text) {
         auto document = doc(text);
         SCache::mutate([&](FConfig& config) {
-            for (const auto& [name, record] : document->packs) {
+            for (const auto& [name, record] : document->packs()) {
                 auto unaware = record->clone();
                 unaware->rolloutSeq = 0;
                 unaware->rolloutShare = 0;

@@ -43,7 +43,7 @@ class SCacheReloadTest : public ProcessTest {
         pack->installedBaseSeq = installedSeq;
         pack->installTime = 1000.0 * static_cast<double>(installedSeq);
         pack->prefixes = {"https://shop.test/app/"};
-        config->packs[name] = pack;
+        config->store(pack);
         return config;
     }
     // What another process commits.
@@ -157,8 +157,8 @@ TEST_F(SCacheReloadTest, PoolNeverServesTheIndexOfAnotherInstallation) {
         ++loads;
         return std::make_shared<const ResourceIndex>(pack.name, Error());
     });
-    const PackPtr one = document("1", "shop", 1, 1)->packs["shop"];
-    const PackPtr two = document("2", "shop", 2, 2)->packs["shop"];
+    const PackPtr one = document("1", "shop", 1, 1)->find("shop");
+    const PackPtr two = document("2", "shop", 2, 2)->find("shop");
     const ResourceIndexPtr oldIndex = ResourceIndexPool::get(*one);
     const ResourceIndexPtr newIndex = ResourceIndexPool::get(*two);
     EXPECT_NE(oldIndex, newIndex);
@@ -173,14 +173,14 @@ TEST_F(SCacheReloadTest, BuiltInPacksStayAsThisProcessLoadedThem) {
     builtIn->name = "assets";
     builtIn->flags = kPackTypeSCache;
     builtIn->seq = builtIn->installedSeq = 4;
-    loaded->packs["assets"] = builtIn;
+    loaded->store(builtIn);
     loaded->scacheVersion = "7";
     SCache::publish(loaded);
 
     auto stored = document("2", "shop", 2, 2);
     auto othersBuiltIn = builtIn->clone();
     othersBuiltIn->seq = othersBuiltIn->installedSeq = 3;
-    stored->packs["assets"] = othersBuiltIn;
+    stored->store(othersBuiltIn);
     commitElsewhere(*stored);
     ASSERT_TRUE(SCache::refresh());
     EXPECT_EQ(installedSeq("assets"), 4u);

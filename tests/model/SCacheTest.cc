@@ -129,7 +129,7 @@ TEST_F(SCacheTest, TransactionsFromManyThreadsLoseNothing) {
         });
     }
     for (auto& thread : threads) thread.join();
-    EXPECT_EQ(SCache::current()->packs.size(), 200u);
+    EXPECT_EQ(SCache::current()->packs().size(), 200u);
 }
 
 }  // namespace

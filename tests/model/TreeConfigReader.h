@@ -45,8 +45,13 @@ inline std::shared_ptr<FerritCore::FConfig> readThroughTree(std::string_view tex
             config->expires = value.doubleValue();
         else if (k == "channel")
             config->channel = value.stringValue();
-        else if (k == "packs")
-            FerritCore::FConfig::readPacks(value, config->packs);
+        else if (k == "packs") {
+            // A later "packs" replaces an earlier one, as a tree keeps the last of a key.
+            FerritCore::StringMap<FerritCore::PackPtr> records;
+            FerritCore::FConfig::readPacks(value, records);
+            config->clearPacks();
+            for (auto& [name, record] : records) config->store(std::move(record));
+        }
     }
     return config;
 }

@@ -16,6 +16,7 @@
 #include "marl/Json.h"
 #include "model/FConfig.h"
 #include "model/ResourceIndex.h"
+#include "storage/Patch.h"
 #include "storage/ZipFile.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
@@ -212,6 +213,49 @@ TEST_F(PackBuilderTest, IncrementalZipHoldsOnlyChangedAndAddedFiles) {
     ZipFile zip = ZipFile::open(Folder::disk("i.zip"), bytes, error);
     EXPECT_EQ(names(zip),
               (std::vector<std::string>{"app-res.hvc", "res/index.html", "res/new.js"}));
+}
+
+// A large script that a bundler rewrote for a one-line fix travels as a patch against the old
+// bytes; files too small to gain, and new ones, travel whole; the list is the plain increment's.
+TEST_F(PackBuilderTest, PatchedIncrementCarriesALargeChangedFileAsAPatch) {
+    std::string script;
+    for (int i = 0; script.size() < 200000; ++i)
+        script +=
+            "function f" + std::to_string(i) + "(a){return a*" + std::to_string(i % 97) + "}\n";
+    PackContent before = version1(), after = version2();
+    before.files["app.js"] = script;
+    after.files["app.js"] = script;
+    after.files["app.js"].insert(100000, "console.log('fixed');");
+    std::string plain, patched, message;
+    ASSERT_TRUE(FerritTools::buildIncrement(before, after, options(), plain, message)) << message;
+    FerritTools::PatchSummary summary;
+    ASSERT_TRUE(
+        FerritTools::buildPatchedIncrement(before, after, options(), patched, message, &summary))
+        << message;
+    EXPECT_EQ(summary.patched, std::vector<std::string>{"app.js"});
+    EXPECT_LT(summary.patchBytes + FerritTools::kPatchMarginBytes, summary.wholeBytes);
+    EXPECT_LT(patched.size() * 4, plain.size());
+    Error error;
+    ZipFile zip = ZipFile::open(Folder::disk("p.zip"), patched, error);
+    const std::string entry = "patch/" + Digest::md5Hex(script) + "/app.js";
+    // In path order, as in the plain increment: the patch takes its file's place.
+    EXPECT_EQ(names(zip),
+              (std::vector<std::string>{"app-res.hvc", entry, "res/index.html", "res/new.js"}));
+    ZipFile plainZip = ZipFile::open(Folder::disk("i.zip"), plain, error);
+    EXPECT_EQ(zip.readEntry("app-res.hvc", error), plainZip.readEntry("app-res.hvc", error));
+    // The patch makes, from the old bytes, what the signed list names.
+    const ResourceIndex index = indexOf(zip, "shop", /*increment=*/true);
+    ASSERT_FALSE(index.error()) << index.error().message();
+    const auto record = index.find("res/app.js");
+    ASSERT_NE(record, nullptr);
+    std::string made;
+    const Error applied = applyPatch(script, zip.readEntry(entry, error), Folder::disk("app.js"),
+                                     record->size, record->md5, [&made](std::string_view piece) {
+                                         made.append(piece);
+                                         return Error();
+                                     });
+    EXPECT_FALSE(applied) << applied.message();
+    EXPECT_EQ(made, after.files["app.js"]);
 }
 
 TEST_F(PackBuilderTest, IncrementalIndexHidesRemovedPathsAndDescribesTheNewVersion) {

@@ -142,7 +142,7 @@ TEST_F(PushTest, TenThousandPacksMergeInOneTransaction) {
     Push::onPackConfigPush({message});
     EXPECT_NE(find("p0"), nullptr);
     EXPECT_NE(find("p9999"), nullptr);
-    EXPECT_EQ(SCache::current()->packs.size(), 10001u);
+    EXPECT_EQ(SCache::current()->packs().size(), 10001u);
 }
 
 TEST_F(PushTest, ConfigurationTestLooksForAStringV) {

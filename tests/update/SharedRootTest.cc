@@ -38,7 +38,7 @@ class SharedRootTest : public InstallFixture {
         installed->installTime = MRLCurrentTime() + 1;
         ASSERT_NO_FATAL_FAILURE(writeVersion(installed->installedFolder(), files));
         FConfig document = SCache::current()->copyForChange();
-        document.packs["shop"] = installed;
+        document.store(installed);
         ASSERT_EQ(other_->insert(PacksStore::kConfigKey, document.serialize()), 0);
     }
     size_t zipRequests() const {

@@ -8,6 +8,7 @@
 
 #include "base/Digest.h"
 #include "marl/Json.h"
+#include "storage/Patch.h"
 #include "tools/common/Ed25519Key.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/pack/ZipWriter.h"
@@ -259,6 +260,74 @@ bool buildIncrementSince(const std::vector<PackListing>& since, const PackConten
     std::string index;
     if (!signedIndexOf(current, options, found.removed, index, error)) return false;
     if (!writeZip(index, current, paths, options.level, zip, error)) return false;
+    if (summary != nullptr) *summary = std::move(found);
+    return true;
+}
+
+namespace {
+
+// The size deflate gives `content` at `level`: what a zip entry of it weighs.
+uint64_t deflatedSize(const std::string& content, int level) {
+    uLongf size = compressBound(content.size());
+    std::string out(size, '\0');
+    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size,
+                  reinterpret_cast<const Bytef*>(content.data()), content.size(), level) != Z_OK) {
+        return content.size();
+    }
+    return size;
+}
+
+// The entry that carries `path` of `current`: its patch against `previous` when that saves the
+// margin, else the file whole.
+void patchedEntry(const std::string& path, const PackContent& previous, const PackContent& current,
+                  int level, ZipWriter::Entry& entry, PatchSummary& summary) {
+    const std::string& bytes = current.files.at(path);
+    entry.name = std::string(kResourcePrefix) + path;
+    entry.content = bytes;
+    entry.deflate = storesAsDeflated(bytes);
+    const auto old = previous.files.find(path);
+    if (old == previous.files.end()) return;
+    FerritCore::ErrorOr<std::string> patch = FerritCore::makePatch(old->second, bytes);
+    // A file beyond what a device patches travels whole, as it would without patches.
+    if (!patch.ok()) return;
+    const uint64_t whole = deflatedSize(bytes, level);
+    if (patch->size() + kPatchMarginBytes > whole) return;
+    entry.name = std::string(kPatchPrefix) + FerritCore::Digest::md5Hex(old->second) + "/" + path;
+    entry.content = std::move(*patch);
+    entry.deflate = false;  // a zstd frame does not deflate further
+    summary.patched.push_back(path);
+    summary.wholeBytes += whole;
+    summary.patchBytes += entry.content.size();
+}
+
+}  // namespace
+
+bool buildPatchedIncrement(const PackContent& previous, const PackContent& current,
+                           const PackOptions& options, std::string& zip, std::string& error,
+                           PatchSummary* summary) {
+    const PackListing before = listingOf(previous.files);
+    std::vector<std::string> paths, removed;
+    for (const auto& [path, bytes] : current.files) {
+        const auto old = before.find(path);
+        if (old == before.end() || old->second.md5 != FerritCore::Digest::md5Hex(bytes))
+            paths.push_back(path);
+    }
+    for (const auto& [path, unused] : before)
+        if (current.files.count(path) == 0) removed.push_back(path);
+    std::string index;
+    if (!signedIndexOf(current, options, removed, index, error)) return false;
+    ZipWriter writer;
+    ZipWriter::Entry entry;
+    entry.level = options.level;
+    entry.name = std::string(kIndexEntry);
+    entry.content = index;
+    if (!writer.add(entry, error)) return false;
+    PatchSummary found;
+    for (const std::string& path : paths) {
+        patchedEntry(path, previous, current, options.level, entry, found);
+        if (!writer.add(entry, error)) return false;
+    }
+    if (!writer.finish(zip, error)) return false;
     if (summary != nullptr) *summary = std::move(found);
     return true;
 }

@@ -105,6 +105,27 @@ bool buildIncrementSince(const std::vector<PackListing>& since, const PackConten
                          const PackOptions& options, std::string& zip, std::string& error,
                          IncrementSummary* summary = nullptr);
 
+// Where a patched increment puts each patch: "patch/<MD5 of the reference>/<path>", so that a
+// device applies it only to a file whose vouched-for MD5 is that one.
+inline constexpr std::string_view kPatchPrefix = "patch/";
+// A changed file travels as a patch only when the patch is at least this many bytes smaller than
+// the file deflated, as the plain increment carries it: below that the saving does not pay for
+// a device's patching.
+inline constexpr uint64_t kPatchMarginBytes = 256;
+
+// What a patched increment did with the changed files.
+struct PatchSummary {
+    std::vector<std::string> patched;  // paths that travel as patches
+    uint64_t wholeBytes = 0;           // those files deflated, as the plain increment has them
+    uint64_t patchBytes = 0;           // their patches
+};
+// The patched increment from `previous` to `current`: the plain increment's signed list and
+// entries, except that a changed file whose patch against its bytes in `previous` saves at least
+// kPatchMarginBytes is an entry "patch/<MD5 of previous bytes>/<path>" holding the patch, stored.
+bool buildPatchedIncrement(const PackContent& previous, const PackContent& current,
+                           const PackOptions& options, std::string& zip, std::string& error,
+                           PatchSummary* summary = nullptr);
+
 // A valid 1x1 grey PNG image whose IEND chunk carries the zip: its raw MD5, the zip with every
 // byte combined by exclusive-or with the low 8 bits of `seq`, and the chunk's CRC-32. False when
 // the zip is too large for one PNG chunk.

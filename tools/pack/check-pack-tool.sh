@@ -79,6 +79,35 @@ if command -v unzip >/dev/null; then
     "$(unzip -p "$work/i.zip" app-res.hvc)"
 fi
 
+# A one-line change in a large script travels as a patch in the patched increment.
+mkdir -p "$work/p1" "$work/p2"
+seq 1 20000 | sed 's/.*/function f&(a){return a*&}/' > "$work/p1/app.js"
+sed 's/^function f10000(a)/function f10000(a){console.log(a)}/' "$work/p1/app.js" > "$work/p2/app.js"
+printf 'a' > "$work/p1/small.txt"
+printf 'b' > "$work/p2/small.txt"
+out=$("$tool" diff --key "$key" --url-prefix "$prefix" --patches "$work/p.zip" "$work/p1" "$work/p2" \
+  "$work/pi.zip")
+expect "patched app.js" "$out"
+expect "(1 patched, md5 $(md5sum < "$work/p.zip" | cut -d' ' -f1), " "$out"
+[ $(( $(wc -c < "$work/p.zip") * 4 )) -lt "$(wc -c < "$work/pi.zip")" ] || fail "the patch saves little"
+saved=$(( $(wc -c < "$work/pi.zip") - $(wc -c < "$work/p.zip") ))
+expect "$saved bytes saved" "$out"
+if command -v unzip >/dev/null; then
+  entry="patch/$(md5sum < "$work/p1/app.js" | cut -d' ' -f1)/app.js"
+  entries=$(unzip -Z1 "$work/p.zip" | tr '\n' ' ')
+  [ "$entries" = "app-res.hvc $entry res/small.txt " ] || fail "unexpected entries: $entries"
+  cmp -s <(unzip -p "$work/p.zip" app-res.hvc) <(unzip -p "$work/pi.zip" app-res.hvc) ||
+    fail "the patched increment's list differs from the plain one's"
+  # zstd's own tool takes the patch as one of its own.
+  if command -v zstd >/dev/null; then
+    unzip -p "$work/p.zip" "$entry" > "$work/app.patch"
+    zstd -qq -d --patch-from="$work/p1/app.js" "$work/app.patch" -o "$work/app.made"
+    cmp -s "$work/app.made" "$work/p2/app.js" || fail "the patch does not make the new file"
+  fi
+fi
+status 2 "$ferrit" pack build --key "$key" --url-prefix "$prefix" --patches "$work/x.zip" \
+  "$work/p1" "$work/x2.zip"
+
 out=$("$tool" wrap --seq 4 "$work/a.zip" "$work/a.png")
 expect "key byte 4, zip md5 $(md5sum < "$work/a.zip" | cut -d' ' -f1)" "$out"
 printf '\211PNG\r\n\032\n' | cmp -s -n 8 - "$work/a.png" || fail "no PNG signature"

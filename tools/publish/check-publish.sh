@@ -93,6 +93,18 @@ expect '{"path":"/fconfig/*","kind":"configuration","headers":{"Cache-Control":"
 expect '"expires":' "$(cat "$global")"
 expect "valid until" "$out"
 
+# A host's start-up against the tree as served: the document's address names the tree's locale.
+mkdir -p "$work/served" && ln -s "$work/out" "$work/served/127.0.0.1:8080"
+startup() {
+  "$tool" startup --serve "$work/served" --config-prefix http://127.0.0.1:8080/ \
+    --zip-prefix http://127.0.0.1:8080/packs/ --app-key shop --app-version 1.0 \
+    --public-key "$work/key.pub.pem" "$@" http://127.0.0.1:8080/app/index.html 2>&1
+}
+out=$(startup --root "$work/host-en" --locale en) || fail "startup with the tree's locale: $out"
+expect "requested http://127.0.0.1:8080/fconfig/shop/1.0/0~0/en~" "$out"
+expect "body: 16 bytes" "$out"
+status 1 startup --root "$work/host-none"
+
 # Nothing changed: nothing is written.
 before=$(find "$work/out" -type f -newer "$global" | wc -l)
 expect "nothing changed" "$(publish)"
