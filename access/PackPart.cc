@@ -258,11 +258,8 @@ void sendAppVisit(const PackMatch& match, const AppVisit& visit) {
     thread_local ReusedRecord::Slot slot;
     ReusedRecord record(slot, "Ferrit.AppVisit");
     const Pack* pack = match.pack.get();
-    std::string_view appName = match.name;
-    if (pack != nullptr)
-        appName =
-            pack->subType == kSubTypeFixedUrl ? std::string_view(pack->zipURL) : pack->rootView();
-    record->copyDimension("appName", appName);
+    record->copyDimension("appName",
+                          pack != nullptr ? pack->appNameView() : std::string_view(match.name));
     char digits[24];
     const auto written =
         std::to_chars(digits, digits + sizeof(digits), pack != nullptr ? pack->installedSeq : 0);

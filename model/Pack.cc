@@ -215,7 +215,11 @@ std::string Pack::rootName() const {
 }
 
 std::string Pack::appName() const {
-    return subType == kSubTypeFixedUrl ? zipURL : rootName();
+    return std::string(appNameView());
+}
+
+std::string_view Pack::appNameView() const {
+    return subType == kSubTypeFixedUrl ? std::string_view(zipURL) : rootView();
 }
 
 std::string Pack::pinnedName(const std::string& name, uint64_t seq) {

@@ -119,6 +119,7 @@ struct Pack {
     std::string_view rootView() const;
     // `zipURL` for a fixed-URL pack (subType 2), else rootName().
     std::string appName() const;
+    std::string_view appNameView() const;
     // The name of a fixed-sequence copy: `name`, "@", and the sequence in decimal.
     static std::string pinnedName(const std::string& name, uint64_t seq);
 

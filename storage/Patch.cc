@@ -16,6 +16,9 @@ namespace FerritCore {
 
 namespace {
 
+// What a failure to make a patch names in place of a file: the publisher's patch has no path yet.
+constexpr const char* kMakingPatch = "(making)";
+
 // The window's power of two: it must cover the larger file so that the end of the new file can
 // still reach the start of the old; twice that lets zstd keep both in view, within the limit.
 int windowLogFor(uint64_t largest, uint64_t limit) {
@@ -46,10 +49,10 @@ Error setUpCompression(ZSTD_CCtx* context, int level, int windowLog, std::string
     };
     for (const auto& [parameter, value] : parameters) {
         const size_t code = ZSTD_CCtx_setParameter(context, parameter, value);
-        if (ZSTD_isError(code)) return Errors::patchFailed("(making)", zstdWords(code));
+        if (ZSTD_isError(code)) return Errors::patchFailed(kMakingPatch, zstdWords(code));
     }
     const size_t code = ZSTD_CCtx_refPrefix(context, reference.data(), reference.size());
-    if (ZSTD_isError(code)) return Errors::patchFailed("(making)", zstdWords(code));
+    if (ZSTD_isError(code)) return Errors::patchFailed(kMakingPatch, zstdWords(code));
     return Error();
 }
 
@@ -58,18 +61,18 @@ Error setUpCompression(ZSTD_CCtx* context, int level, int windowLog, std::string
 ErrorOr<std::string> makePatch(std::string_view reference, std::string_view target, int level,
                                uint64_t limit) {
     if (reference.size() > limit)
-        return Errors::patchFailed("(making)", sizeWords("a reference", reference.size(), limit));
+        return Errors::patchFailed(kMakingPatch, sizeWords("a reference", reference.size(), limit));
     if (target.size() > limit)
-        return Errors::patchFailed("(making)", sizeWords("a file", target.size(), limit));
+        return Errors::patchFailed(kMakingPatch, sizeWords("a file", target.size(), limit));
     std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> context(ZSTD_createCCtx(), ZSTD_freeCCtx);
-    if (!context) return Errors::patchFailed("(making)", "no memory for zstd");
+    if (!context) return Errors::patchFailed(kMakingPatch, "no memory for zstd");
     const int windowLog = windowLogFor(std::max(reference.size(), target.size()), limit);
     Error error = setUpCompression(context.get(), level, windowLog, reference);
     if (error) return error;
     std::string patch(ZSTD_compressBound(target.size()), '\0');
     const size_t size =
         ZSTD_compress2(context.get(), patch.data(), patch.size(), target.data(), target.size());
-    if (ZSTD_isError(size)) return Errors::patchFailed("(making)", zstdWords(size));
+    if (ZSTD_isError(size)) return Errors::patchFailed(kMakingPatch, zstdWords(size));
     patch.resize(size);
     return patch;
 }

@@ -271,13 +271,15 @@ int currentInfo(unzFile handle, unz_file_info64& info, std::string& name) {
     return status;
 }
 
-// Opens the current entry raw and reads its information and name. Raw, because the content is then
-// inflated from the archive's bytes in one call, and through zlib only when that fails. Empty on
-// success, else what failed; nothing is left open after a failure.
-std::string openCurrentRaw(unzFile handle, unz_file_info64& info, std::string& name) {
+// Opens the current entry raw and reads its information, and its name unless `name` is null. Raw,
+// because the content is then inflated from the archive's bytes in one call, and through zlib only
+// when that fails. Empty on success, else what failed; nothing is left open after a failure.
+std::string openCurrentRaw(unzFile handle, unz_file_info64& info, std::string* name) {
     int status = unzOpenCurrentFile2(handle, nullptr, nullptr, 1);
     if (status != UNZ_OK) return "Open zip file failed: " + statusText(status);
-    status = currentInfo(handle, info, name);
+    status = name != nullptr
+                 ? currentInfo(handle, info, *name)
+                 : unzGetCurrentFileInfo64(handle, &info, nullptr, 0, nullptr, 0, nullptr, 0);
     if (status == UNZ_OK) return {};
     unzCloseCurrentFile(handle);
     return "Read zip file info: " + statusText(status);
@@ -490,8 +492,7 @@ std::string ZipFile::readEntry(const std::string& name, Error& error) {
         return content;
     }
     unz_file_info64 info;
-    std::string located;
-    if (std::string opened = openCurrentRaw(handle_, info, located); !opened.empty()) {
+    if (std::string opened = openCurrentRaw(handle_, info, nullptr); !opened.empty()) {
         error = failure(opened);
         return content;
     }
@@ -581,7 +582,7 @@ bool ZipFile::walkEntries(const EntryVisit& visit, Error& error) {
     unz_file_info64 info;
     std::string name;
     for (;;) {
-        if (std::string opened = openCurrentRaw(handle_, info, name); !opened.empty()) {
+        if (std::string opened = openCurrentRaw(handle_, info, &name); !opened.empty()) {
             error = failure(opened);
             return false;
         }

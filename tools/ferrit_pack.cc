@@ -3,6 +3,7 @@
 // among its raw files. `ferrit pack --help` and `ferrit pack SUBCOMMAND --help` describe them.
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -24,6 +25,15 @@ using MarlLogger::json::JSON;
 using MarlLogger::json::JSONArray;
 
 namespace {
+
+// Whether two paths name one file, whether or not it exists yet ("out.zip" and "./out.zip").
+bool sameFilePath(const std::string& a, const std::string& b) {
+    std::error_code error;
+    const std::filesystem::path left = std::filesystem::weakly_canonical(a, error);
+    if (error) return a == b;
+    const std::filesystem::path right = std::filesystem::weakly_canonical(b, error);
+    return error ? a == b : left == right;
+}
 
 constexpr int kSuccess = kExitSuccess;
 
@@ -106,9 +116,9 @@ DESCRIPTION
 
     With --patches, also writes the patched increment: the same list and entries, except that
     a changed file whose zstd patch against its bytes in OLD is at least 256 bytes smaller than
-    the file deflated travels as "patch/<MD5 of the OLD bytes>/<path>". A device that has those
-    bytes applies the patch and checks the result against the list. Prints each patched file,
-    the patched zip's MD5 and the bytes it saves against OUT.zip.
+    the file deflated travels as "patch/<MD5 of the OLD bytes>/<path>". Prints each patched file,
+    the patched zip's MD5 and the bytes it saves against OUT.zip. Devices of this version do not
+    install a patched increment: publish OUT.zip where the increment goes, never this one.
 
 OPTIONS
     --key PEM             Ed25519 private key (PEM) that signs the list.
@@ -350,6 +360,8 @@ int writePatched(const PackContent& previous, const PackContent& current,
     out.set("patchedBytes", JSON(static_cast<uint64_t>(zip.size())));
     out.set("patchedMd5", JSON(md5));
     out.set("bytesSaved", JSON(saved));
+    out.note("devices of this version do not install a patched increment: publish " +
+             arguments.positional[2] + " as the increment");
     return kSuccess;
 }
 
@@ -357,6 +369,10 @@ int diff(int argc, char** argv, ToolOutput& out) {
     PackArguments arguments;
     if (const int status = parsePackArguments("diff", argc, argv, out, arguments)) return status;
     if (arguments.positional.size() != 3) return out.usage("diff takes OLD, NEW and OUT.zip");
+    // The patched increment is written second, and would replace the plain one unseen.
+    if (!arguments.patchesPath.empty() &&
+        sameFilePath(arguments.patchesPath, arguments.positional[2]))
+        return out.usage("--patches names OUT.zip itself: give the patched increment its own file");
     PackContent previous, current;
     current.headers = arguments.headers;
     std::string error, zip;

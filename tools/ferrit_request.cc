@@ -481,6 +481,7 @@ Outcome readPositional(RequestOptions& o, ToolOutput& out) {
         o.url = positional[0];
     }
     if (o.root.empty()) return out.usage("--root is required");
+    if (!o.locale.empty() && !o.startup) return out.usage("--locale goes with startup only");
     // Only a host's start makes its root; every other command reports on one that is there.
     std::error_code rootError;
     if (!o.startup && !std::filesystem::is_directory(o.root, rootError))

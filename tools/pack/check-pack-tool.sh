@@ -107,6 +107,9 @@ if command -v unzip >/dev/null; then
 fi
 status 2 "$ferrit" pack build --key "$key" --url-prefix "$prefix" --patches "$work/x.zip" \
   "$work/p1" "$work/x2.zip"
+# The patched increment never replaces the plain one it is written beside.
+status 2 "$tool" diff --key "$key" --url-prefix "$prefix" --patches "$work/./pi.zip" "$work/p1" \
+  "$work/p2" "$work/pi.zip"
 
 out=$("$tool" wrap --seq 4 "$work/a.zip" "$work/a.png")
 expect "key byte 4, zip md5 $(md5sum < "$work/a.zip" | cut -d' ' -f1)" "$out"

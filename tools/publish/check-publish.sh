@@ -104,6 +104,8 @@ out=$(startup --root "$work/host-en" --locale en) || fail "startup with the tree
 expect "requested http://127.0.0.1:8080/fconfig/shop/1.0/0~0/en~" "$out"
 expect "body: 16 bytes" "$out"
 status 1 startup --root "$work/host-none"
+# Only a start-up asks for a document: elsewhere a locale would be taken and silently unused.
+status 2 "$tool" get --root "$work/host-en" --locale en http://127.0.0.1:8080/app/index.html
 
 # Nothing changed: nothing is written.
 before=$(find "$work/out" -type f -newer "$global" | wc -l)
