@@ -8,9 +8,10 @@
 // Symbol.for("ferritcore.inspect") (the inspector, behind the queued lifecycle natives), "hostKey"
 // (the key check of the package's entry point), "whenReady" (a callback once the lifecycle natives
 // queued before it have run), "wantRecords" (performance records to the host object's
-// sendEvent), "logTo" and "logLevel" (the log to a script function, and its level), and
+// sendEvent), "logTo" and "logLevel" (the log to a script function, and its level),
 // "resourceSync" (getResourceSyncNative for the package's entry point, which reads the request and
-// builds the response object in script).
+// builds the response object in script), and "requestFields" (the compiled request reader itself,
+// a function value, so that the package reads a request exactly as the addon does).
 #include <node_api.h>
 
 #include <charconv>
