@@ -7,6 +7,7 @@
 #include "base/Digest.h"
 #include "marl/Json.h"
 #include "model/Pack.h"
+#include "storage/ZipFile.h"
 #include "tools/common/ToolClock.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/publish/CacheRules.h"
@@ -200,9 +201,74 @@ std::string incrementZip(const std::string& folder, uint64_t seq) {
     return folder + "i/" + std::to_string(seq) + ".zip";
 }
 
+std::string patchedZip(const std::string& folder, uint64_t seq) {
+    return folder + "p/" + std::to_string(seq) + ".zip";
+}
+
 bool pathExists(const std::string& out, const std::string& relative) {
     std::error_code code;
     return fs::exists(fs::path(out) / relative, code);
+}
+
+// The files `wanted` of a published version, read back from its full zip in the tree; false when
+// the zip is gone or damaged, or holds one of them with bytes other than its list says: a patch
+// against such bytes would fail every device, so the version's paths travel whole.
+bool versionFiles(const std::string& out, const std::string& zipPath, const PackListing& listing,
+                  const std::set<std::string>& wanted, PackFiles& files) {
+    std::string archive;
+    if (!readWholeFile((fs::path(out) / zipPath).string(), archive)) return false;
+    FerritCore::Error error;
+    FerritCore::ZipFile zip =
+        FerritCore::ZipFile::open(FerritCore::Folder::disk(zipPath), archive, error);
+    if (error) return false;
+    const bool read = zip.forEachEntry(
+        [&](const std::string& name, std::string bytes) {
+            if (!name.starts_with(kResourcePrefix)) return true;
+            const std::string path = name.substr(kResourcePrefix.size());
+            if (wanted.count(path) != 0) files[path] = std::move(bytes);
+            return true;
+        },
+        error);
+    if (!read || error) return false;
+    for (const std::string& path : wanted) {
+        const auto listed = listing.find(path);
+        const auto held = files.find(path);
+        if (listed == listing.end()) continue;
+        if (held == files.end() || FerritCore::Digest::md5Hex(held->second) != listed->second.md5)
+            return false;
+    }
+    return true;
+}
+
+// Builds the patched increment from the same base as `increment`, against the files of each
+// version since the base as its full zip holds them, and writes it beside the increment only when
+// it is smaller: a device that knows patches fetches it first, so it must never cost more. `md5`
+// is its MD5 when written, else empty.
+bool writePatchedIncrement(const std::string& out, const std::string& folder,
+                           const std::vector<PackListing>& since, const PackContent& content,
+                           const PackOptions& options, const std::string& increment,
+                           PublishedPack& done, std::string& md5, std::string& error) {
+    // Only a file the base had and that changed can travel as a patch.
+    const std::set<std::string> wanted(done.summary.changed.begin(), done.summary.changed.end());
+    std::vector<PackFiles> files(since.size());
+    ReferenceFiles references(since.size(), nullptr);
+    for (size_t i = 0; i < since.size() && !wanted.empty(); ++i) {
+        if (versionFiles(out, versionZip(folder, done.baseSeq + i), since[i], wanted, files[i]))
+            references[i] = &files[i];
+    }
+    std::string patched;
+    if (!buildIncrementSince(since, content, options, patched, error, nullptr, &references,
+                             &done.patches))
+        return false;
+    done.incrementBytes = increment.size();
+    done.patchedBytes = patched.size();
+    if (patched.size() >= increment.size()) return true;
+    const std::string path = patchedZip(folder, done.seq);
+    if (!writeImmutable(out, path, patched, error)) return false;
+    done.written.push_back(path);
+    done.patched = true;
+    md5 = FerritCore::Digest::md5Hex(patched);
+    return true;
 }
 
 }  // namespace
@@ -326,7 +392,8 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     // new version takes the next path that is free. A tree whose history knows nothing of the
     // pack keeps its refusal below, since there the history, not the tree, is what was lost.
     while (newest != 0 && (pathExists(out, versionZip(folder, done.seq)) ||
-                           pathExists(out, incrementZip(folder, done.seq)))) {
+                           pathExists(out, incrementZip(folder, done.seq)) ||
+                           pathExists(out, patchedZip(folder, done.seq)))) {
         done.skipped.push_back(done.seq);
         ++done.seq;
     }
@@ -342,7 +409,8 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     if (!writeImmutable(out, full, zip, error)) return false;
     done.written.push_back(full);
     const std::string md5 = FerritCore::Digest::md5Hex(zip);
-    std::string incrMd5;
+    done.fullBytes = zip.size();
+    std::string incrMd5, patchMd5;
     // The first version is the base that every later increment builds on; a client on the base or
     // any later version takes the increment to the newest, and copies what it leaves out from the
     // version it has. So the increment is built from the list of every version since the base;
@@ -372,6 +440,9 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
         done.written.push_back(path);
         done.incremental = true;
         incrMd5 = FerritCore::Digest::md5Hex(increment);
+        if (!writePatchedIncrement(out, folder, since, content, options, increment, done, patchMd5,
+                                   error))
+            return false;
     }
     if (!writeListing(history, pack.name, done.seq, listingOf(content.files), error)) return false;
     const double publishTime = static_cast<double>(nowMs());
@@ -386,6 +457,8 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
                           {"t", JSON(publishTime)},
                           {"f", JSON(flags)},
                           {"p", JSON(pack.prefix)}});
+    // Only when there is one: without it the record is the bytes it always was.
+    if (!patchMd5.empty()) build.set("cp", JSON(patchMd5));
     if (!signing.signerId.empty()) build.set(kVersionSigner, JSON(signing.signerId));
     builds.set(std::to_string(done.seq), build);
     record = JSON(JSONObject{});
@@ -393,6 +466,7 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     record.set("base", JSON(done.baseSeq));
     record.set("c", JSON(md5));
     record.set("ci", JSON(incrMd5));
+    if (!patchMd5.empty()) record.set("cp", JSON(patchMd5));
     record.set("t", JSON(publishTime));
     record.set("prefix", JSON(pack.prefix));
     record.set("priority", JSON(pack.priority));

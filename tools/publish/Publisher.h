@@ -2,7 +2,9 @@
 // server or CDN serves as it is: the signed global configuration at every path a client's
 // configuration request asks for, each pack's signed configuration under
 // "packconfig/<name>/<seq>", full zips under "<zips>/<name>/<seq>.zip" and, once a pack has been
-// published before, the incremental zip from its base version under "<zips>/<name>/i/<seq>.zip".
+// published before, the incremental zip from its base version under "<zips>/<name>/i/<seq>.zip"
+// and, when smaller, the patched increment from the same base under "<zips>/<name>/p/<seq>.zip",
+// whose changed files travel as patches against the bytes of the older versions' full zips.
 // What a later run builds on (sequence numbers, and the list of every version of a pack since its
 // base: each path's MD5 and size) is kept in a history folder outside the tree, so that the
 // server never serves it; by default beside the tree, "<OUT>.publish". One publish at a time per
@@ -63,12 +65,19 @@ struct PublishedPack {
     std::string name;
     uint64_t seq = 0;
     uint64_t baseSeq = 0;
-    bool changed = false;              // a new version was written
-    bool incremental = false;          // with an increment
-    bool rebased = false;              // a new base: the history lacked a version since the old one
-    bool newKey = false;               // a new base: another key signed the previous version
-    std::vector<uint64_t> skipped;     // versions whose zips a publish that never finished left
-    IncrementSummary summary;          // what the increment holds
+    bool changed = false;           // a new version was written
+    bool incremental = false;       // with an increment
+    bool rebased = false;           // a new base: the history lacked a version since the old one
+    bool newKey = false;            // a new base: another key signed the previous version
+    std::vector<uint64_t> skipped;  // versions whose zips a publish that never finished left
+    IncrementSummary summary;       // what the increment holds
+    // The patched increment beside the increment: built whenever the increment is, written only
+    // when smaller. Sizes in bytes; `patchedBytes` is that of the one built, written or not.
+    bool patched = false;
+    uint64_t incrementBytes = 0;
+    uint64_t patchedBytes = 0;
+    uint64_t fullBytes = 0;
+    PatchSummary patches;              // what travels as patches in it
     std::vector<std::string> written;  // paths below the tree
 };
 
