@@ -331,6 +331,67 @@ std::string patchedLine(const PublishedPack& pack) {
            std::to_string(permille / 10) + "." + std::to_string(permille % 10) + "% saved)";
 }
 
+// What --json says of one pack of a publish.
+MarlLogger::json::JSON packReport(const PublishedPack& pack) {
+    using MarlLogger::json::JSON;
+    using MarlLogger::json::JSONObject;
+    JSONObject record{{"name", JSON(pack.name)},
+                      {"seq", JSON(pack.seq)},
+                      {"baseSeq", JSON(pack.baseSeq)},
+                      {"changed", JSON(pack.changed)}};
+    if (pack.changed) {
+        record.set("kind", JSON(pack.incremental              ? "increment"
+                                : pack.rebased || pack.newKey ? "new base"
+                                                              : "full"));
+        if (pack.newKey) record.set("newKey", JSON(/*value=*/true));
+        if (!pack.skipped.empty()) {
+            MarlLogger::json::JSONArray skipped;
+            for (uint64_t seq : pack.skipped) skipped.push_back(JSON(seq));
+            record.set("skipped", JSON(std::move(skipped)));
+        }
+        if (pack.incremental) {
+            record.set("increment",
+                       JSON(JSONObject{{"changed", stringsJson(pack.summary.changed)},
+                                       {"added", stringsJson(pack.summary.added)},
+                                       {"removed", stringsJson(pack.summary.removed)}}));
+            record.set("patched",
+                       JSON(JSONObject{{"written", JSON(pack.patched)},
+                                       {"patchedFiles", stringsJson(pack.patches.patched)},
+                                       {"bytes", JSON(pack.patchedBytes)},
+                                       {"incrementBytes", JSON(pack.incrementBytes)},
+                                       {"fullBytes", JSON(pack.fullBytes)}}));
+        }
+        record.set("written", stringsJson(pack.written));
+    }
+    return JSON(std::move(record));
+}
+
+// The lines of one pack of a publish that changed the configuration.
+void printPack(const PublishedPack& pack, std::ostream& text) {
+    text << pack.name << " " << pack.seq;
+    if (!pack.changed) {
+        text << " unchanged\n";
+        return;
+    }
+    if (pack.incremental) {
+        text << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
+             << " changed, " << pack.summary.added.size() << " added, "
+             << pack.summary.removed.size() << " removed)";
+    } else if (pack.newKey) {
+        text << " (full; a new base, signed by the new key)";
+    } else if (pack.rebased) {
+        text << " (full; a new base, as the history lacks a version since the old one)";
+    } else {
+        text << " (full)";
+    }
+    text << "\n";
+    if (pack.incremental) text << "  " << patchedLine(pack) << "\n";
+    for (uint64_t seq : pack.skipped) {
+        text << "  skipped " << seq << ": its zips were left by a publish that did not finish\n";
+    }
+    for (const std::string& path : pack.written) text << "  wrote " << path << "\n";
+}
+
 int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     using MarlLogger::json::JSON;
     using MarlLogger::json::JSONObject;
@@ -411,59 +472,8 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     for (const std::string& name : result.removed)
         out.text() << name << " removed: it left the manifest, and no channel releases it\n";
     for (const PublishedPack& pack : result.packs) {
-        JSONObject record{{"name", JSON(pack.name)},
-                          {"seq", JSON(pack.seq)},
-                          {"baseSeq", JSON(pack.baseSeq)},
-                          {"changed", JSON(pack.changed)}};
-        if (pack.changed) {
-            record.set("kind", JSON(pack.incremental              ? "increment"
-                                    : pack.rebased || pack.newKey ? "new base"
-                                                                  : "full"));
-            if (pack.newKey) record.set("newKey", JSON(true));
-            if (!pack.skipped.empty()) {
-                MarlLogger::json::JSONArray skipped;
-                for (uint64_t seq : pack.skipped) skipped.push_back(JSON(seq));
-                record.set("skipped", JSON(std::move(skipped)));
-            }
-            if (pack.incremental) {
-                record.set("increment",
-                           JSON(JSONObject{{"changed", stringsJson(pack.summary.changed)},
-                                           {"added", stringsJson(pack.summary.added)},
-                                           {"removed", stringsJson(pack.summary.removed)}}));
-                record.set("patched",
-                           JSON(JSONObject{{"written", JSON(pack.patched)},
-                                           {"patchedFiles", stringsJson(pack.patches.patched)},
-                                           {"bytes", JSON(pack.patchedBytes)},
-                                           {"incrementBytes", JSON(pack.incrementBytes)},
-                                           {"fullBytes", JSON(pack.fullBytes)}}));
-            }
-            record.set("written", stringsJson(pack.written));
-        }
-        out.append("packs", JSON(std::move(record)));
-        if (result.version == 0) continue;
-        out.text() << pack.name << " " << pack.seq;
-        if (!pack.changed) {
-            out.text() << " unchanged\n";
-            continue;
-        }
-        if (pack.incremental) {
-            out.text() << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
-                       << " changed, " << pack.summary.added.size() << " added, "
-                       << pack.summary.removed.size() << " removed)";
-        } else if (pack.newKey) {
-            out.text() << " (full; a new base, signed by the new key)";
-        } else if (pack.rebased) {
-            out.text() << " (full; a new base, as the history lacks a version since the old one)";
-        } else {
-            out.text() << " (full)";
-        }
-        out.text() << "\n";
-        if (pack.incremental) out.text() << "  " << patchedLine(pack) << "\n";
-        for (uint64_t seq : pack.skipped) {
-            out.text() << "  skipped " << seq
-                       << ": its zips were left by a publish that did not finish\n";
-        }
-        for (const std::string& path : pack.written) out.text() << "  wrote " << path << "\n";
+        out.append("packs", packReport(pack));
+        if (result.version != 0) printPack(pack, out.text());
     }
     return out.finish();
 }

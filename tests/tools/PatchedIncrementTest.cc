@@ -74,7 +74,7 @@ struct Zip {
         std::vector<std::string> seen;
         FerritCore::Error error;
         EXPECT_TRUE(zip_.forEachEntry(
-            [&](const std::string& name, std::string) {
+            [&](const std::string& name, const std::string& /*content*/) {
                 seen.push_back(name);
                 return true;
             },

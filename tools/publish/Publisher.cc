@@ -271,6 +271,62 @@ bool writePatchedIncrement(const std::string& out, const std::string& folder,
     return true;
 }
 
+// Writes the increment from the versions `since` and the patched increment beside it; their MD5s
+// go to `incrMd5` and `patchMd5` (empty when the patched one was not written).
+bool writeIncrements(const std::string& out, const std::string& folder,
+                     const std::vector<PackListing>& since, const PackContent& content,
+                     const PackOptions& options, PublishedPack& done, std::string& incrMd5,
+                     std::string& patchMd5, std::string& error) {
+    std::string increment;
+    if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
+        return false;
+    const std::string path = incrementZip(folder, done.seq);
+    if (!writeImmutable(out, path, increment, error)) return false;
+    done.written.push_back(path);
+    done.incremental = true;
+    incrMd5 = FerritCore::Digest::md5Hex(increment);
+    return writePatchedIncrement(out, folder, since, content, options, increment, done, patchMd5,
+                                 error);
+}
+
+// The pack's record in the state once `done` is its newest version, with the zips' MD5s.
+JSON newRecord(const PublishPack& pack, const JSON& before, const SigningPlan& signing,
+               const PublishedPack& done, const std::string& md5, const std::string& incrMd5,
+               const std::string& patchMd5) {
+    const double publishTime = static_cast<double>(nowMs());
+    const uint64_t flags = FerritCore::kPackTypeFerrit | pack.priority;
+    // What a pack's own document says of each version, so that any channel can name it later.
+    // The key that signed its list too, so that no key retires while a channel gives a version
+    // it signed to devices.
+    JSON builds = before["builds"].isObject() ? before["builds"] : JSON(JSONObject{});
+    JSON build(JSONObject{{"b", JSON(done.baseSeq)},
+                          {"c", JSON(md5)},
+                          {"ci", JSON(incrMd5)},
+                          {"t", JSON(publishTime)},
+                          {"f", JSON(flags)},
+                          {"p", JSON(pack.prefix)}});
+    // Only when there is one: without it the record is the bytes it always was.
+    if (!patchMd5.empty()) build.set("cp", JSON(patchMd5));
+    if (!signing.signerId.empty()) build.set(kVersionSigner, JSON(signing.signerId));
+    builds.set(std::to_string(done.seq), build);
+    JSON record(JSONObject{});
+    record.set("seq", JSON(done.seq));
+    record.set("base", JSON(done.baseSeq));
+    record.set("c", JSON(md5));
+    record.set("ci", JSON(incrMd5));
+    if (!patchMd5.empty()) record.set("cp", JSON(patchMd5));
+    record.set("t", JSON(publishTime));
+    record.set("prefix", JSON(pack.prefix));
+    record.set("priority", JSON(pack.priority));
+    record.set("builds", builds);
+    // Numbers stepped over stay known, so that no later command takes their zips for a version.
+    JSON skipped = before["skipped"].isArray() ? before["skipped"] : JSON();
+    for (uint64_t seq : done.skipped) skipped.push(JSON(seq));
+    if (skipped.isArray()) record.set("skipped", std::move(skipped));
+    if (!signing.signerId.empty()) record.set(kPackSigner, JSON(signing.signerId));
+    return record;
+}
+
 }  // namespace
 
 std::string defaultHistoryFolder(const std::string& out) {
@@ -432,50 +488,11 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     if (since.empty()) {
         done.baseSeq = done.seq;
     } else {
-        std::string increment;
-        if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
-            return false;
-        const std::string path = incrementZip(folder, done.seq);
-        if (!writeImmutable(out, path, increment, error)) return false;
-        done.written.push_back(path);
-        done.incremental = true;
-        incrMd5 = FerritCore::Digest::md5Hex(increment);
-        if (!writePatchedIncrement(out, folder, since, content, options, increment, done, patchMd5,
-                                   error))
+        if (!writeIncrements(out, folder, since, content, options, done, incrMd5, patchMd5, error))
             return false;
     }
     if (!writeListing(history, pack.name, done.seq, listingOf(content.files), error)) return false;
-    const double publishTime = static_cast<double>(nowMs());
-    const uint64_t flags = FerritCore::kPackTypeFerrit | pack.priority;
-    // What a pack's own document says of each version, so that any channel can name it later.
-    // The key that signed its list too, so that no key retires while a channel gives a version
-    // it signed to devices.
-    JSON builds = before["builds"].isObject() ? before["builds"] : JSON(JSONObject{});
-    JSON build(JSONObject{{"b", JSON(done.baseSeq)},
-                          {"c", JSON(md5)},
-                          {"ci", JSON(incrMd5)},
-                          {"t", JSON(publishTime)},
-                          {"f", JSON(flags)},
-                          {"p", JSON(pack.prefix)}});
-    // Only when there is one: without it the record is the bytes it always was.
-    if (!patchMd5.empty()) build.set("cp", JSON(patchMd5));
-    if (!signing.signerId.empty()) build.set(kVersionSigner, JSON(signing.signerId));
-    builds.set(std::to_string(done.seq), build);
-    record = JSON(JSONObject{});
-    record.set("seq", JSON(done.seq));
-    record.set("base", JSON(done.baseSeq));
-    record.set("c", JSON(md5));
-    record.set("ci", JSON(incrMd5));
-    if (!patchMd5.empty()) record.set("cp", JSON(patchMd5));
-    record.set("t", JSON(publishTime));
-    record.set("prefix", JSON(pack.prefix));
-    record.set("priority", JSON(pack.priority));
-    record.set("builds", builds);
-    // Numbers stepped over stay known, so that no later command takes their zips for a version.
-    JSON skipped = before["skipped"].isArray() ? before["skipped"] : JSON();
-    for (uint64_t seq : done.skipped) skipped.push(JSON(seq));
-    if (skipped.isArray()) record.set("skipped", std::move(skipped));
-    if (!signing.signerId.empty()) record.set(kPackSigner, JSON(signing.signerId));
+    record = newRecord(pack, before, signing, done, md5, incrMd5, patchMd5);
     return true;
 }
 
