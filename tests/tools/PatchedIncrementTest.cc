@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@
 #include "storage/Patch.h"
 #include "storage/ZipFile.h"
 #include "tools/common/ToolFiles.h"
+#include "tools/pack/ZipWriter.h"
 #include "tools/publish/Publisher.h"
 
 namespace FerritTools {
@@ -164,6 +166,46 @@ TEST(PatchedIncrementTest, TwoVersionPatchedIncrementKeepsItsBytes) {
               (std::vector<std::string>{"app-res.hvc",
                                         "patch/" + md5Hex(before.files["app.js"]) + "/app.js",
                                         "res/index.html", "res/new.js"}));
+}
+
+// `size` bytes that deflate cannot shrink, the same on every platform.
+std::string noise(size_t size, uint32_t seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(size, '\0');
+    for (char& byte : bytes) byte = static_cast<char>(generator() & 0xFF);
+    return bytes;
+}
+
+// A file with two older MD5s since the base, each of whose patches alone saves the margin, but
+// which together weigh more than the file whole: the zip would carry both, so it travels whole.
+TEST(PatchedIncrementTest, MarginCountsEveryPatchOfAPath) {
+    const std::string fresh = noise(8000, 7);
+    // Each older version shares a different 40% of the new bytes.
+    const std::string first = fresh.substr(0, 3200) + noise(4800, 11);
+    const std::string second = noise(4800, 13) + fresh.substr(4800);
+    const uint64_t whole = rawDeflate(fresh).size();
+    for (const std::string* old : {&first, &second}) {
+        FerritCore::ErrorOr<std::string> patch = FerritCore::makePatch(*old, fresh);
+        ASSERT_TRUE(patch.ok());
+        ASSERT_LE(patch->size() + kPatchMarginBytes, whole);
+    }
+    const PackFiles v1{{"data.bin", first}}, v2{{"data.bin", second}};
+    PackContent current;
+    current.files = {{"data.bin", fresh}};
+    std::string zip, error;
+    PatchSummary summary;
+    const ReferenceFiles both{&v1, &v2};
+    ASSERT_TRUE(buildIncrementSince({listingOf(v1), listingOf(v2)}, current, testOptions(), zip,
+                                    error, nullptr, &both, &summary))
+        << error;
+    EXPECT_TRUE(summary.patched.empty());
+    EXPECT_EQ(Zip(zip).names(), (std::vector<std::string>{"app-res.hvc", "res/data.bin"}));
+    // With one older MD5 the same patch pays, and the path travels as it.
+    const ReferenceFiles one{&v1};
+    ASSERT_TRUE(buildIncrementSince({listingOf(v1)}, current, testOptions(), zip, error, nullptr,
+                                    &one, &summary))
+        << error;
+    EXPECT_EQ(summary.patched, std::vector<std::string>{"data.bin"});
 }
 
 // The signed list's JSON, parsed: what comes before its separators.

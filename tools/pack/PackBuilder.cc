@@ -244,7 +244,8 @@ uint64_t deflatedSize(const std::string& content, int level) {
 // The entries that carry `path` of a patched increment as patches, one per distinct MD5 it had
 // since the base other than `md5` (its new one), in MD5 order; false when it travels whole: a
 // version lacks it (a device there has nothing to patch), a reference's bytes are not at hand,
-// or a patch fails or does not save the margin.
+// a patch fails, or the patches together do not save the margin against the file whole: the
+// zip carries every one of them, so it is their sum that must pay.
 bool patchEntries(const std::string& path, const std::string& bytes, const std::string& md5,
                   const std::vector<PackListing>& since, const ReferenceFiles& references,
                   int level, std::vector<ZipWriter::Entry>& entries, PatchSummary& summary) {
@@ -268,7 +269,7 @@ bool patchEntries(const std::string& path, const std::string& bytes, const std::
         if (reference == nullptr) return false;
         FerritCore::ErrorOr<std::string> patch = FerritCore::makePatch(*reference, bytes);
         // A file beyond what a device patches travels whole, as it would without patches.
-        if (!patch.ok() || patch->size() + kPatchMarginBytes > whole) return false;
+        if (!patch.ok()) return false;
         ZipWriter::Entry entry;
         entry.name = std::string(kPatchPrefix);
         entry.name.append(oldMd5).append("/").append(path);
@@ -277,7 +278,7 @@ bool patchEntries(const std::string& path, const std::string& bytes, const std::
         patchBytes += entry.content.size();
         made.push_back(std::move(entry));
     }
-    if (made.empty()) return false;
+    if (made.empty() || patchBytes + kPatchMarginBytes > whole) return false;
     entries = std::move(made);
     summary.patched.push_back(path);
     summary.wholeBytes += whole;

@@ -99,9 +99,9 @@ bool buildIncrement(const PackContent& previous, const PackContent& current,
 // Where a patched increment puts each patch: "patch/<MD5 of the reference>/<path>", so that a
 // device applies it only to a file whose vouched-for MD5 is that one.
 inline constexpr std::string_view kPatchPrefix = "patch/";
-// A changed file travels as a patch only when the patch is at least this many bytes smaller than
-// the file deflated, as the plain increment carries it: below that the saving does not pay for
-// a device's patching.
+// A changed file travels as patches only when its patches together are at least this many bytes
+// smaller than the file as the plain increment carries it: below that the saving does not pay
+// for a device's patching.
 inline constexpr uint64_t kPatchMarginBytes = 256;
 
 // What a patched increment did with the changed files.
@@ -122,9 +122,10 @@ using ReferenceFiles = std::vector<const PackFiles*>;
 // `current` has not. False with `error` set when `since` is empty.
 // With `references`, the patched increment instead: the same signed list, and each such file
 // either whole as "res/<path>" or, when every version since the base has the path and each
-// distinct older MD5 (other than the new one) has its bytes in `references` and a patch that saves
-// at least kPatchMarginBytes against the file deflated, as one stored entry
-// "patch/<older MD5>/<path>" per such MD5. `patches`, when set, says what travelled as patches.
+// distinct older MD5 (other than the new one) has its bytes in `references` and a patch, and the
+// patches together save at least kPatchMarginBytes against the file as the plain increment
+// carries it, as one stored entry "patch/<older MD5>/<path>" per such MD5. `patches`, when set,
+// says what travelled as patches.
 bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
                          const PackOptions& options, std::string& zip, std::string& error,
                          IncrementSummary* summary = nullptr,
