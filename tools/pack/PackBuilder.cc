@@ -230,15 +230,10 @@ bool buildIncrement(const PackContent& previous, const PackContent& current,
 
 namespace {
 
-// The size deflate gives `content` at `level`: what a zip entry of it weighs.
-uint64_t deflatedSize(const std::string& content, int level) {
-    uLongf size = compressBound(content.size());
-    std::string out(size, '\0');
-    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size,
-                  reinterpret_cast<const Bytef*>(content.data()), content.size(), level) != Z_OK) {
-        return content.size();
-    }
-    return size;
+// What the plain increment's entry of `content` weighs: stored or deflated by the entry's own
+// rule, and deflated raw at `level` as the zip writer does.
+uint64_t wholeEntrySize(const std::string& content, int level) {
+    return storesAsDeflated(content) ? rawDeflate(content, level).size() : content.size();
 }
 
 // The entries that carry `path` of a patched increment as patches, one per distinct MD5 it had
@@ -262,7 +257,7 @@ bool patchEntries(const std::string& path, const std::string& bytes, const std::
             FerritCore::Digest::md5Hex(held->second) == file->second.md5)
             reference = &held->second;
     }
-    const uint64_t whole = deflatedSize(bytes, level);
+    const uint64_t whole = wholeEntrySize(bytes, level);
     std::vector<ZipWriter::Entry> made;
     uint64_t patchBytes = 0;
     for (const auto& [oldMd5, reference] : olds) {
@@ -286,19 +281,12 @@ bool patchEntries(const std::string& path, const std::string& bytes, const std::
     return true;
 }
 
-}  // namespace
-
-bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
-                         const PackOptions& options, std::string& zip, std::string& error,
-                         IncrementSummary* summary, const ReferenceFiles* references,
-                         PatchSummary* patches) {
-    if (since.empty()) {
-        error = "an increment needs the list of its base version";
-        return false;
-    }
+// What an increment from the versions `since` to `current` holds, and the paths it carries with
+// their new MD5s, in path order.
+IncrementSummary incrementContent(const std::vector<PackListing>& since, const PackContent& current,
+                                  std::vector<std::pair<std::string, std::string>>& paths) {
     const PackListing& base = since.front();
     IncrementSummary found;
-    std::vector<std::pair<std::string, std::string>> paths;  // with the new MD5
     for (const auto& entry : current.files) {
         // A named reference, not a structured binding: the lambda below captures it.
         const std::string& path = entry.first;
@@ -317,18 +305,18 @@ bool buildIncrementSince(const std::vector<PackListing>& since, const PackConten
             if (current.files.count(path) == 0) removed.insert(path);
     }
     found.removed.assign(removed.begin(), removed.end());
+    return found;
+}
 
-    std::string index;
-    if (!signedIndexOf(current, options, found.removed, index, error)) return false;
-    // One loop for both forms: the plain increment is this with no references, entry for entry
-    // what a device that knows no patches has always been given.
-    ZipWriter writer;
+// Adds the entries of the carried `paths` after the list: each file whole, or with `references`
+// as its patches when they pay.
+bool addIncrementEntries(ZipWriter& writer,
+                         const std::vector<std::pair<std::string, std::string>>& paths,
+                         const std::vector<PackListing>& since, const PackContent& current,
+                         const PackOptions& options, const ReferenceFiles* references,
+                         PatchSummary& patched, std::string& error) {
     ZipWriter::Entry entry;
     entry.level = options.level;
-    entry.name = std::string(kIndexEntry);
-    entry.content = index;
-    if (!writer.add(entry, error)) return false;
-    PatchSummary patched;
     std::vector<ZipWriter::Entry> asPatches;
     for (const auto& [path, md5] : paths) {
         const std::string& bytes = current.files.at(path);
@@ -345,7 +333,35 @@ bool buildIncrementSince(const std::vector<PackListing>& since, const PackConten
         entry.deflate = storesAsDeflated(bytes);
         if (!writer.add(entry, error)) return false;
     }
-    if (!writer.finish(zip, error)) return false;
+    return true;
+}
+
+}  // namespace
+
+bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
+                         const PackOptions& options, std::string& zip, std::string& error,
+                         IncrementSummary* summary, const ReferenceFiles* references,
+                         PatchSummary* patches) {
+    if (since.empty()) {
+        error = "an increment needs the list of its base version";
+        return false;
+    }
+    std::vector<std::pair<std::string, std::string>> paths;  // with the new MD5
+    IncrementSummary found = incrementContent(since, current, paths);
+    std::string index;
+    if (!signedIndexOf(current, options, found.removed, index, error)) return false;
+    // One writer for both forms: the plain increment is this with no references, entry for entry
+    // what a device that knows no patches has always been given.
+    ZipWriter writer;
+    ZipWriter::Entry entry;
+    entry.level = options.level;
+    entry.name = std::string(kIndexEntry);
+    entry.content = index;
+    if (!writer.add(entry, error)) return false;
+    PatchSummary patched;
+    if (!addIncrementEntries(writer, paths, since, current, options, references, patched, error) ||
+        !writer.finish(zip, error))
+        return false;
     if (summary != nullptr) *summary = std::move(found);
     if (patches != nullptr) *patches = std::move(patched);
     return true;
