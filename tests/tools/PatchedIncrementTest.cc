@@ -194,14 +194,14 @@ TEST(PatchedIncrementTest, MarginCountsEveryPatchOfAPath) {
     current.files = {{"data.bin", fresh}};
     std::string zip, error;
     PatchSummary summary;
-    const ReferenceFiles both{&v1, &v2};
+    const ReferenceFiles both{{"data.bin", {{md5Hex(first), first}, {md5Hex(second), second}}}};
     ASSERT_TRUE(buildIncrementSince({listingOf(v1), listingOf(v2)}, current, testOptions(), zip,
                                     error, nullptr, &both, &summary))
         << error;
     EXPECT_TRUE(summary.patched.empty());
     EXPECT_EQ(Zip(zip).names(), (std::vector<std::string>{"app-res.hvc", "res/data.bin"}));
     // With one older MD5 the same patch pays, and the path travels as it.
-    const ReferenceFiles one{&v1};
+    const ReferenceFiles one{{"data.bin", {{md5Hex(first), first}}}};
     ASSERT_TRUE(buildIncrementSince({listingOf(v1)}, current, testOptions(), zip, error, nullptr,
                                     &one, &summary))
         << error;
@@ -392,6 +392,50 @@ TEST_F(PublishPatchedTest, DamagedVersionZipGivesNoReferences) {
     EXPECT_FALSE(second.patched);
     EXPECT_TRUE(second.patches.patched.empty());
     EXPECT_FALSE(inTree("packs/shop/p/2.zip"));
+}
+
+// References are read by entry name, one copy per distinct older MD5, from the first version that
+// lists it: a later version with nothing still wanted is not read, and a version whose zip is gone
+// leaves the MD5 to the next version that has it.
+TEST_F(PublishPatchedTest, ReferencesReadOncePerDistinctMd5) {
+    const std::string app = largeScript();
+    const std::string lib = largeScript() + "export const lib = true;\n";
+    const PackFiles v1{{"app.js", app}, {"lib.js", lib}, {"index.html", "<html>one</html>"}};
+    const PackFiles v2{{"app.js", app}, {"lib.js", lib}, {"index.html", "<html>two</html>"}};
+    const PackFiles v3{{"app.js", withLine(app, 3, "export const fix = 3;")},
+                       {"lib.js", withLine(lib, 9, "export const fix = 3;")},
+                       {"index.html", "<html>three</html>"},
+                       {"added.js", "let added = 3;"}};
+    publishVersion(v1);
+    publishVersion(v2);
+    const std::vector<PackListing> since{listingOf(v1), listingOf(v2)};
+    const std::vector<std::string> changed{"app.js", "index.html", "lib.js"};
+    ReferenceFiles references;
+    const ReferenceFiles expected{{"app.js", {{md5Hex(app), app}}},
+                                  {"index.html",
+                                   {{md5Hex("<html>one</html>"), "<html>one</html>"},
+                                    {md5Hex("<html>two</html>"), "<html>two</html>"}}},
+                                  {"lib.js", {{md5Hex(lib), lib}}}};
+    // Every MD5 the first version has: the second is not read.
+    EXPECT_EQ(readPatchReferences(out(), "packs/shop/", 1, since, listingOf(v3),
+                                  {"app.js", "lib.js"}, references),
+              1u);
+    EXPECT_EQ(references,
+              (ReferenceFiles{{"app.js", {{md5Hex(app), app}}}, {"lib.js", {{md5Hex(lib), lib}}}}));
+    // index.html has two older MD5s: the second version's zip is read for its own.
+    references.clear();
+    EXPECT_EQ(
+        readPatchReferences(out(), "packs/shop/", 1, since, listingOf(v3), changed, references),
+        2u);
+    EXPECT_EQ(references, expected);
+    // Without the first zip the second gives every MD5 it shares with it.
+    fs::remove(root_ / "out" / "packs" / "shop" / "1.zip");
+    references.clear();
+    EXPECT_EQ(readPatchReferences(out(), "packs/shop/", 1, since, listingOf(v3),
+                                  {"app.js", "lib.js"}, references),
+              1u);
+    EXPECT_EQ(references,
+              (ReferenceFiles{{"app.js", {{md5Hex(app), app}}}, {"lib.js", {{md5Hex(lib), lib}}}}));
 }
 
 // A patched increment no smaller than the plain one is not written, and no record names it.

@@ -245,17 +245,18 @@ bool patchEntries(const std::string& path, const std::string& bytes, const std::
                   const std::vector<PackListing>& since, const ReferenceFiles& references,
                   int level, std::vector<ZipWriter::Entry>& entries, PatchSummary& summary) {
     std::map<std::string, const std::string*> olds;
-    for (size_t i = 0; i < since.size(); ++i) {
-        const auto file = since[i].find(path);
-        if (file == since[i].end()) return false;
+    const auto held = references.find(path);
+    for (const PackListing& list : since) {
+        const auto file = list.find(path);
+        if (file == list.end()) return false;
         if (file->second.md5 == md5) continue;
         const std::string*& reference = olds[file->second.md5];
-        if (reference != nullptr || i >= references.size() || references[i] == nullptr) continue;
-        const auto held = references[i]->find(path);
+        if (reference != nullptr || held == references.end()) continue;
+        const auto bytes = held->second.find(file->second.md5);
         // Only bytes that are what the list says: a patch against others would fail every device.
-        if (held != references[i]->end() &&
-            FerritCore::Digest::md5Hex(held->second) == file->second.md5)
-            reference = &held->second;
+        if (bytes != held->second.end() &&
+            FerritCore::Digest::md5Hex(bytes->second) == file->second.md5)
+            reference = &bytes->second;
     }
     const uint64_t whole = wholeEntrySize(bytes, level);
     std::vector<ZipWriter::Entry> made;
@@ -370,7 +371,13 @@ bool buildIncrementSince(const std::vector<PackListing>& since, const PackConten
 bool buildPatchedIncrement(const PackContent& previous, const PackContent& current,
                            const PackOptions& options, std::string& zip, std::string& error,
                            PatchSummary* summary) {
-    const ReferenceFiles references{&previous.files};
+    ReferenceFiles references;
+    for (const auto& [path, bytes] : previous.files) {
+        const auto now = current.files.find(path);
+        // Only a file that changed is patched.
+        if (now != current.files.end() && now->second != bytes)
+            references[path][FerritCore::Digest::md5Hex(bytes)] = bytes;
+    }
     PatchSummary found;
     if (!buildIncrementSince({listingOf(previous.files)}, current, options, zip, error, nullptr,
                              &references, &found))

@@ -110,9 +110,10 @@ struct PatchSummary {
     uint64_t wholeBytes = 0;           // those files deflated, as the plain increment has them
     uint64_t patchBytes = 0;           // their patches
 };
-// The files of each version of an increment's `since`, in the same order, for patches against
-// them; a null entry is a version whose bytes are not at hand, whose paths then travel whole.
-using ReferenceFiles = std::vector<const PackFiles*>;
+// The bytes of older versions' files that patches start from: by path, then by the MD5 of the
+// bytes, each held once however many versions had it. An older MD5 without its bytes here makes
+// its path travel whole.
+using ReferenceFiles = std::map<std::string, std::map<std::string, std::string>>;
 
 // The incremental zip that brings a device on any of the versions `since` (the base first, then
 // every version published after it, in order) to `current`: a device copies what the zip leaves

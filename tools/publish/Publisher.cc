@@ -210,35 +210,69 @@ bool pathExists(const std::string& out, const std::string& relative) {
     return fs::exists(fs::path(out) / relative, code);
 }
 
-// The files `wanted` of a published version, read back from its full zip in the tree; false when
-// the zip is gone or damaged, or holds one of them with bytes other than its list says: a patch
-// against such bytes would fail every device, so the version's paths travel whole.
-bool versionFiles(const std::string& out, const std::string& zipPath, const PackListing& listing,
-                  const std::set<std::string>& wanted, PackFiles& files) {
+// The (path, MD5) pairs whose bytes are still to be read.
+using WantedReferences = std::set<std::pair<std::string, std::string>>;
+
+// Takes from one version's full zip, each by its name, the bytes of every wanted pair that the
+// version's list has, and checks them against that MD5: a patch against other bytes would fail
+// every device. A zip that is gone or damaged, or an entry that is, gives nothing; another
+// version with the same MD5 may still give it. False when the zip could not be read at all.
+bool takeReferences(const std::string& zipFile, const PackListing& listing,
+                    WantedReferences& wanted, ReferenceFiles& references) {
+    std::vector<std::pair<std::string, std::string>> here;
+    for (const auto& pair : wanted) {
+        const auto file = listing.find(pair.first);
+        if (file != listing.end() && file->second.md5 == pair.second) here.push_back(pair);
+    }
     std::string archive;
-    if (!readWholeFile((fs::path(out) / zipPath).string(), archive)) return false;
+    if (here.empty() || !readWholeFile(zipFile, archive)) return false;
     FerritCore::Error error;
     FerritCore::ZipFile zip =
-        FerritCore::ZipFile::open(FerritCore::Folder::disk(zipPath), archive, error);
+        FerritCore::ZipFile::open(FerritCore::Folder::disk(zipFile), archive, error);
     if (error) return false;
-    const bool read = zip.forEachEntry(
-        [&](const std::string& name, std::string bytes) {
-            if (!name.starts_with(kResourcePrefix)) return true;
-            const std::string path = name.substr(kResourcePrefix.size());
-            if (wanted.count(path) != 0) files[path] = std::move(bytes);
-            return true;
-        },
-        error);
-    if (!read || error) return false;
-    for (const std::string& path : wanted) {
-        const auto listed = listing.find(path);
-        const auto held = files.find(path);
-        if (listed == listing.end()) continue;
-        if (held == files.end() || FerritCore::Digest::md5Hex(held->second) != listed->second.md5)
-            return false;
+    for (const auto& [path, md5] : here) {
+        std::string bytes = zip.readEntry(std::string(kResourcePrefix) + path, error);
+        if (error || FerritCore::Digest::md5Hex(bytes) != md5) continue;
+        references[path][md5] = std::move(bytes);
+        wanted.erase({path, md5});
     }
     return true;
 }
+
+}  // namespace
+
+size_t readPatchReferences(const std::string& out, const std::string& folder, uint64_t baseSeq,
+                           const std::vector<PackListing>& since, const PackListing& current,
+                           const std::vector<std::string>& changed, ReferenceFiles& references) {
+    WantedReferences wanted;
+    for (const std::string& path : changed) {
+        const auto now = current.find(path);
+        WantedReferences olds;
+        bool everywhere = now != current.end();
+        for (size_t i = 0; everywhere && i < since.size(); ++i) {
+            const auto file = since[i].find(path);
+            everywhere = file != since[i].end();
+            if (everywhere && file->second.md5 != now->second.md5)
+                olds.emplace(path, file->second.md5);
+        }
+        // A path some version lacks travels whole: a device there has nothing to patch.
+        if (everywhere) wanted.insert(olds.begin(), olds.end());
+    }
+    size_t opened = 0;
+    for (size_t i = 0; i < since.size() && !wanted.empty(); ++i) {
+        const bool has = std::any_of(wanted.begin(), wanted.end(), [&](const auto& pair) {
+            const auto file = since[i].find(pair.first);
+            return file != since[i].end() && file->second.md5 == pair.second;
+        });
+        // A version with nothing still wanted is not read at all.
+        if (has && takeReferences((fs::path(out) / versionZip(folder, baseSeq + i)).string(),
+                                  since[i], wanted, references))
+            ++opened;
+    }
+    return opened;
+}
+
+namespace {
 
 // Builds the patched increment from the same base as `increment`, against the files of each
 // version since the base as its full zip holds them, and writes it beside the increment only when
@@ -249,13 +283,9 @@ bool writePatchedIncrement(const std::string& out, const std::string& folder,
                            const PackOptions& options, const std::string& increment,
                            PublishedPack& done, std::string& md5, std::string& error) {
     // Only a file the base had and that changed can travel as a patch.
-    const std::set<std::string> wanted(done.summary.changed.begin(), done.summary.changed.end());
-    std::vector<PackFiles> files(since.size());
-    ReferenceFiles references(since.size(), nullptr);
-    for (size_t i = 0; i < since.size() && !wanted.empty(); ++i) {
-        if (versionFiles(out, versionZip(folder, done.baseSeq + i), since[i], wanted, files[i]))
-            references[i] = &files[i];
-    }
+    ReferenceFiles references;
+    readPatchReferences(out, folder, done.baseSeq, since, listingOf(content.files),
+                        done.summary.changed, references);
     std::string patched;
     if (!buildIncrementSince(since, content, options, patched, error, nullptr, &references,
                              &done.patches))

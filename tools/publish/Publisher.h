@@ -150,6 +150,15 @@ bool writeTreeFile(const std::string& out, const std::string& relative, const st
 // names none. False with `error` set when that key may not sign the tree.
 bool signingPlanOf(const MarlLogger::json::JSON& state, const PublishManifest& manifest,
                    SigningPlan& plan, std::string& error);
+// The bytes a new version's patched increment starts from, read back from the full zips below
+// `folder` in the tree `out` of the versions `since` (the first is `baseSeq`): for each `changed`
+// path that every one of them has, one copy of each distinct older MD5 other than the new one
+// (in `current`), read by entry name from the first version that lists it, checked against that
+// MD5. A version with nothing still wanted is not read, so the walk ends once every MD5 has its
+// bytes. Returns how many full zips it read (a zip that is gone counts for none).
+size_t readPatchReferences(const std::string& out, const std::string& folder, uint64_t baseSeq,
+                           const std::vector<PackListing>& since, const PackListing& current,
+                           const std::vector<std::string>& changed, ReferenceFiles& references);
 // Builds the version after the pack's newest (`before`, its record in the state) from `content`:
 // its full zip, its increment from the base when the history lists every version since, and its
 // list. A version that another key than `signing`'s signer signed before is a new base. `record`
