@@ -319,6 +319,22 @@ bool writeIncrements(const std::string& out, const std::string& folder,
                                  error);
 }
 
+// The lists of the versions from `base` to `newest`, which the increment is built from; empty,
+// with `rebased` set, when the history lacks one of them.
+std::vector<PackListing> listsSinceBase(const std::string& history, const std::string& name,
+                                        uint64_t base, uint64_t newest, bool& rebased) {
+    std::vector<PackListing> since;
+    for (uint64_t seq = base; seq != 0 && seq <= newest; ++seq) {
+        PackListing list;
+        if (!readListing(history, name, seq, list)) {
+            rebased = true;
+            return {};
+        }
+        since.push_back(std::move(list));
+    }
+    return since;
+}
+
 // The pack's record in the state once `done` is its newest version, with the zips' MD5s.
 JSON newRecord(const PublishPack& pack, const JSON& before, const SigningPlan& signing,
                const PublishedPack& done, const std::string& md5, const std::string& incrMd5,
@@ -505,16 +521,9 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     // signs is a new base: no list of the old key stays in use once it retires.
     done.newKey = done.seq > 1 && !signing.signerId.empty() &&
                   packSigner(before, signing.previousSignerId) != signing.signerId;
-    std::vector<PackListing> since;
-    for (uint64_t seq = done.baseSeq; !done.newKey && seq != 0 && seq <= newest; ++seq) {
-        PackListing list;
-        if (!readListing(history, pack.name, seq, list)) {
-            since.clear();
-            done.rebased = true;
-            break;
-        }
-        since.push_back(std::move(list));
-    }
+    const std::vector<PackListing> since =
+        done.newKey ? std::vector<PackListing>()
+                    : listsSinceBase(history, pack.name, done.baseSeq, newest, done.rebased);
     if (since.empty()) {
         done.baseSeq = done.seq;
     } else {
