@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <random>
@@ -133,8 +134,31 @@ struct History {
     }
 };
 
-// The plain increment is the bytes the builder gave before it learned patches: a device that
-// never asks for a patched increment sees no change at all.
+// The zip a builder must give, written entry by entry with the zip writer alone: the signed list
+// of `content` (naming `removed`) first, then "res/<path>" for each of `paths` in that order, an
+// empty file stored and every other one deflated at the default level.
+std::string expectedZip(const PackContent& content, const std::vector<std::string>& removed,
+                        const std::vector<std::string>& paths) {
+    std::string json, index, error, zip;
+    EXPECT_TRUE(indexJson(content, kPrefix, removed, json, error)) << error;
+    EXPECT_TRUE(signIndex(json, "ed25519", fakeSigner(), index, error)) << error;
+    ZipWriter writer;
+    ZipWriter::Entry entry;
+    entry.name = "app-res.hvc";
+    entry.content = index;
+    EXPECT_TRUE(writer.add(entry, error)) << error;
+    for (const std::string& path : paths) {
+        entry.name = "res/" + path;
+        entry.content = content.files.at(path);
+        entry.deflate = !entry.content.empty();
+        EXPECT_TRUE(writer.add(entry, error)) << error;
+    }
+    EXPECT_TRUE(writer.finish(zip, error)) << error;
+    return zip;
+}
+
+// The plain increment is, byte for byte, the list and the carried files alone: a device that never
+// asks for a patched increment sees no change at all.
 TEST(PatchedIncrementTest, PlainIncrementKeepsItsBytes) {
     const History history;
     std::string zip, error;
@@ -142,15 +166,18 @@ TEST(PatchedIncrementTest, PlainIncrementKeepsItsBytes) {
     ASSERT_TRUE(
         buildIncrementSince(history.since(), history.third, testOptions(), zip, error, &summary))
         << error;
-    EXPECT_EQ(md5Hex(zip), "876953a8647a497c51809e28d83f2d9c");
+    EXPECT_EQ(zip, expectedZip(history.third, {"gone.js"},
+                               {"added.js", "back.js", "index.html", "late.js"}));
     EXPECT_EQ(summary.changed, (std::vector<std::string>{"back.js", "index.html"}));
     EXPECT_EQ(summary.added, (std::vector<std::string>{"added.js", "late.js"}));
     EXPECT_EQ(summary.removed, std::vector<std::string>{"gone.js"});
 }
 
-// The two-version patched increment (what `ferrit pack diff --patches` writes) keeps its bytes now
-// that it is the general builder's case of one version since the base.
-TEST(PatchedIncrementTest, TwoVersionPatchedIncrementKeepsItsBytes) {
+// The two-version patched increment (what `ferrit pack diff --patches` writes): the plain
+// increment's list byte for byte, the unpatched files whole, and the changed script as one stored
+// patch that turns the old bytes into the new; the whole file is weighed as the plain increment's
+// entry of it.
+TEST(PatchedIncrementTest, TwoVersionPatchedIncrementCarriesPatchAndList) {
     PackContent before, after;
     before.files = {{"app.js", largeScript()}, {"index.html", "<html>one</html>"}};
     after.files = {{"app.js", withLine(largeScript(), 1000, "export const fixed = true;")},
@@ -159,13 +186,23 @@ TEST(PatchedIncrementTest, TwoVersionPatchedIncrementKeepsItsBytes) {
     std::string zip, error;
     PatchSummary summary;
     ASSERT_TRUE(buildPatchedIncrement(before, after, testOptions(), zip, error, &summary)) << error;
-    EXPECT_EQ(md5Hex(zip), "473d6d4b4d8bb57bc7e613e43cf0e441");
     EXPECT_EQ(summary.patched, std::vector<std::string>{"app.js"});
+    const std::string patchName = "patch/" + md5Hex(before.files["app.js"]) + "/app.js";
     Zip opened(zip);
     EXPECT_EQ(opened.names(),
-              (std::vector<std::string>{"app-res.hvc",
-                                        "patch/" + md5Hex(before.files["app.js"]) + "/app.js",
-                                        "res/index.html", "res/new.js"}));
+              (std::vector<std::string>{"app-res.hvc", patchName, "res/index.html", "res/new.js"}));
+    const std::string plain = expectedZip(after, {}, {"app.js", "index.html", "new.js"});
+    EXPECT_EQ(opened.read("app-res.hvc"), Zip(plain).read("app-res.hvc"));
+    EXPECT_EQ(opened.read("res/index.html"), "<html>two</html>");
+    EXPECT_EQ(opened.read("res/new.js"), "let fresh = 2;");
+    const std::string patch = opened.read(patchName);
+    // Stored: the patch's own bytes stand in the archive as they are.
+    EXPECT_NE(zip.find(patch), std::string::npos);
+    EXPECT_EQ(summary.patchBytes, patch.size());
+    EXPECT_EQ(applied(before.files["app.js"], patch, after.files["app.js"]), after.files["app.js"]);
+    // A zip entry adds its name twice and 76 bytes of headers to its data.
+    const std::string withoutApp = expectedZip(after, {}, {"index.html", "new.js"});
+    EXPECT_EQ(summary.wholeBytes, plain.size() - withoutApp.size() - 76 - 2 * strlen("res/app.js"));
 }
 
 // `size` bytes that deflate cannot shrink, the same on every platform.
@@ -301,14 +338,12 @@ TEST_F(PublishPatchedTest, ThirdVersionPatchesAgainstBothOlderVersions) {
     ASSERT_TRUE(third.patched);
     EXPECT_EQ(third.patches.patched, std::vector<std::string>{"app.js"});
 
-    // What the builder without patches gives for the same versions.
-    PackOptions options = testOptions();
-    std::string full, plain, error;
+    // The full zip and the plain increment, written with the zip writer alone.
     PackContent content;
     content.files = v3;
-    ASSERT_TRUE(buildPack(content, options, full, error)) << error;
-    ASSERT_TRUE(buildIncrementSince({listingOf(v1), listingOf(v2)}, content, options, plain, error))
-        << error;
+    const std::string full =
+        expectedZip(content, {}, {"added.js", "app.css", "app.js", "index.html"});
+    const std::string plain = expectedZip(content, {}, {"added.js", "app.js", "index.html"});
     EXPECT_EQ(treeFile("packs/shop/3.zip"), full);
     EXPECT_EQ(treeFile("packs/shop/i/3.zip"), plain);
 
