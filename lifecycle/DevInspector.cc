@@ -31,6 +31,7 @@
 #include "update/Preload.h"
 #include "update/Preview.h"
 #include "update/UpdateConfig.h"
+#include "update/UpdatePack.h"
 
 namespace FerritCore {
 namespace {
@@ -182,6 +183,21 @@ void clearCommand(const JSON&, Context context) {
     reply(context, /*success=*/true);
 }
 
+// The latest pack updates, oldest first: the form each installed and why a form was given up.
+JSON packUpdates() {
+    JSON packs = JSON(MarlLogger::json::JSONArray());
+    for (const UpdateOutcome& outcome : UpdatePack::recentOutcomes()) {
+        JSON entry = JSONObject{{"name", outcome.name}, {"seq", outcome.seq}};
+        if (!outcome.form.empty()) entry.set("form", outcome.form);
+        if (!outcome.patchRefused.empty()) entry.set("patchRefused", outcome.patchRefused);
+        if (!outcome.incrRefused.empty()) entry.set("incrRefused", outcome.incrRefused);
+        if (!outcome.error.empty()) entry.set("error", outcome.error);
+        packs.push(std::move(entry));
+    }
+    return packs;
+}
+
+// Checks the configuration now; answers with the latest pack updates once the check ends.
 void update(const JSON&, Context context) {
     UpdateConfig::instance().start(
         kTriggerDebugTool, "0",
@@ -189,7 +205,7 @@ void update(const JSON&, Context context) {
             if (error) {
                 replyError(context, error);
             } else {
-                reply(context, /*success=*/true);
+                reply(context, /*success=*/true, JSONObject{{"packs", packUpdates()}});
             }
         },
         0);

@@ -5,7 +5,8 @@
 // a tool sends a command.
 //
 // Handlers run on the thread that delivers the command; "update" and "readDiskFileList" answer
-// later, from their completion. Every handler answers exactly once.
+// later, from their completion ("update" with the latest pack updates: the form each installed and
+// why a form was given up). Every handler answers exactly once.
 #pragma once
 
 #include <memory>

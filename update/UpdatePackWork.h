@@ -31,6 +31,12 @@ namespace FerritCore {
 
 class ResourceIndex;
 
+// The forms of a pack's download, tried in this order: the patched increment, whose changed files
+// may travel as patches against the installed bytes; the plain increment; the full zip.
+enum class UpdateForm : uint32_t { Full = 0, Incremental = 1, Patched = 2 };
+// "full", "incremental", "patched".
+const char* updateFormName(UpdateForm form);
+
 // Where a download goes and where it is asked for.
 struct DownloadPlan {
     Error error;        // set when nothing may be sent; the rest is then empty
@@ -47,7 +53,7 @@ struct Unpacked {
     // fields below say nothing.
     bool began = false;
     bool isPacks = false;
-    // Bytes the zip's entries hold, counted as far as the walk went.
+    // Bytes the zip's entries hold (a patch counts as the file it made), as far as the walk went.
     uint64_t installedSize = 0;
     // What a run that ends before publishing must delete besides its temporary folder.
     std::optional<Folder> pendingTarget;
@@ -88,11 +94,18 @@ class UpdatePackWork {
         uint32_t payloadKind = 0;
         Folder tempFolder;
         Folder zipFile;
+        // The download is the patched increment, whose patches apply to `installed`.
+        bool patched = false;
+        Folder installed;
     };
 
-    // The run's folder and the zip's address for `pack`; the folder is emptied. Errors: no pack
-    // server configured, a name that is no single folder.
-    static DownloadPlan planDownload(const Pack& pack, const std::string& name, bool incremental);
+    // The run's folder and the zip's address for `pack` in `form`; the folder is emptied.
+    // Errors: no pack server configured, a name that is no single folder.
+    static DownloadPlan planDownload(const Pack& pack, const std::string& name, UpdateForm form);
+    // Whether `pack` has a patched increment this device may ask for: its record names one, and
+    // its download is a plain zip from the pack server (no wrapped payload, no zip URL of its
+    // own). Asked only where the plain increment would be.
+    static bool mayPatch(const Pack& pack);
     // The folder that the new version of `pack` is written to: "apps/<root>/<seq>/" for an app,
     // the packed store's "<root>/<seq>/" for the rest.
     static Folder newVersionFolder(const Pack& pack);

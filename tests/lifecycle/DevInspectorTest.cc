@@ -226,6 +226,8 @@ TEST_F(DevInspectorTest, UpdateAnswersWhenTheRunFinishes) {
     TaskRunner::runDue();
     EXPECT_TRUE(reply.answered);
     EXPECT_TRUE(reply.success) << reply.data.toString();
+    // The latest pack updates come with the answer, each with the form it installed.
+    EXPECT_TRUE(reply.data["packs"].isArray()) << reply.data.toString();
 }
 
 TEST_F(DevInspectorTest, CleanupAnswersWithTheCleanedPacks) {
