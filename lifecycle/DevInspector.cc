@@ -205,7 +205,13 @@ void update(const JSON&, Context context) {
             if (error) {
                 replyError(context, error);
             } else {
-                reply(context, /*success=*/true, JSONObject{{"packs", packUpdates()}});
+                JSON packs = packUpdates();
+                // A process that updated no pack answers as it always did.
+                if (packs.arrayValue().empty()) {
+                    reply(context, /*success=*/true);
+                } else {
+                    reply(context, /*success=*/true, JSONObject{{"packs", std::move(packs)}});
+                }
             }
         },
         0);

@@ -458,7 +458,7 @@ void UpdatePack::onZip(uint64_t expectedSize, Error error) {
     if (error) log.error(error);
     log.done();
     if (error && run_.form == UpdateForm::Patched) {
-        refusePatch(std::move(error));
+        refusePatch(error);
         return;
     }
     if (error) {
@@ -586,7 +586,7 @@ void UpdatePack::refuseIncrement(Error why) {
     requestResource();
 }
 
-void UpdatePack::refusePatch(Error why) {
+void UpdatePack::refusePatch(const Error& why) {
     MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kUpdatePack)
         .event("patchRefused", parentId_)
         .id(run_.runId)

@@ -214,7 +214,7 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     void refuseIncrement(Error why);
     // Abandons a patched increment that failed in any way (its download, its MD5, a patch, a
     // reference) and fetches the plain increment in the same run, saying why.
-    void refusePatch(Error why);
+    void refusePatch(const Error& why);
     // Deletes what the form just refused left: its download's folder and its unpublished writes.
     void dropForm();
     // Takes what the publishing transaction produced: the new version is installed.

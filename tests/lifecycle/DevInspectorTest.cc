@@ -20,6 +20,7 @@
 #include "storage/UniApp.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
+#include "update/UpdatePack.h"
 
 namespace FerritTest {
 namespace {
@@ -226,8 +227,35 @@ TEST_F(DevInspectorTest, UpdateAnswersWhenTheRunFinishes) {
     TaskRunner::runDue();
     EXPECT_TRUE(reply.answered);
     EXPECT_TRUE(reply.success) << reply.data.toString();
-    // The latest pack updates come with the answer, each with the form it installed.
-    EXPECT_TRUE(reply.data["packs"].isArray()) << reply.data.toString();
+    // No pack was updated in this process: the answer is as it always was.
+    EXPECT_EQ(reply.data, JSON(JSONObject())) << reply.data.toString();
+}
+
+TEST_F(DevInspectorTest, UpdateReportsTheLatestPackUpdates) {
+    installApp();
+    // A newer version that this process cannot fetch: the run fails, and says so.
+    SCache::mutate([](FConfig& config) {
+        auto pack = config.find("app")->clone();
+        pack->seq = 4;
+        config.put(pack);
+    });
+    TaskRunner::runDue();
+    auto task = UpdatePack::create("app", JSON(), kTriggerDebugTool);
+    TaskRunner::post([task] { task->start(); });
+    while (TaskRunner::runDue() > 0) {
+    }
+    ASSERT_TRUE(task->error());
+    proxy_->serve(kConfigUrl, 200, FakeProxy::sign(R"({"v":"1700000000001"})"));
+    Reply reply = send("FerritDev.update");
+    TaskRunner::runDue();
+    ASSERT_TRUE(reply.success) << reply.data.toString();
+    const JSON& packs = reply.data["packs"];
+    ASSERT_TRUE(packs.isArray()) << reply.data.toString();
+    ASSERT_EQ(packs.size(), 1u) << reply.data.toString();
+    EXPECT_EQ(packs[size_t{0}]["name"].stringValue(), "app");
+    EXPECT_EQ(packs[size_t{0}]["seq"].uint64Value(), 4u);
+    EXPECT_EQ(packs[size_t{0}]["error"].stringValue(), task->error().message());
+    EXPECT_TRUE(packs[size_t{0}]["form"].isNull()) << "nothing was installed";
 }
 
 TEST_F(DevInspectorTest, CleanupAnswersWithTheCleanedPacks) {

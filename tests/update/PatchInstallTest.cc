@@ -19,8 +19,8 @@ namespace {
 
 // A bundler's output from a fixed seed: the same bytes, so the same patches, at every run.
 std::string script(size_t size, uint64_t seed) {
-    static const char* const kWords[] = {"function", "return", "const", "let",  "this", "value",
-                                         "render",   "state",  "props", "=>",   "if",   "else"};
+    static const char* const kWords[] = {"function", "return", "const", "let", "this", "value",
+                                         "render",   "state",  "props", "=>",  "if",   "else"};
     std::mt19937_64 engine(seed);
     std::string text;
     while (text.size() < size) {
@@ -101,8 +101,9 @@ class PatchInstallTest : public InstallFixture, public ::testing::WithParamInter
     }
     // A patched increment to `current` put together by hand: its list, the files that travel
     // whole, and the patch entries as given (name after "patch/", content).
-    static std::string handPatched(const PackFiles& current, const PackFiles& whole,
-                                   const std::vector<std::pair<std::string, std::string>>& patches) {
+    static std::string handPatched(
+        const PackFiles& current, const PackFiles& whole,
+        const std::vector<std::pair<std::string, std::string>>& patches) {
         FerritTools::ZipWriter writer;
         std::string zip, error;
         EXPECT_TRUE(writer.addFile("app-res.hvc", indexOf(current), error)) << error;
@@ -154,6 +155,7 @@ class PatchInstallTest : public InstallFixture, public ::testing::WithParamInter
     }
     static std::vector<std::string> zips(const std::vector<std::string>& forms, uint64_t seq = 2) {
         std::vector<std::string> out;
+        out.reserve(forms.size());
         for (const std::string& form : forms)
             out.push_back(std::string(kZipPrefix) + "shop/" + form + std::to_string(seq) + ".zip");
         return out;
