@@ -343,6 +343,24 @@ TEST_P(PatchInstallTest, PlainIncrementBrokenTooEndsWithTheFullZip) {
     EXPECT_TRUE(tempLeft().empty());
 }
 
+// A device that takes wrapped payloads never asks for the patched increment, a plain zip.
+TEST_P(PatchInstallTest, DeviceOfWrappedPayloadsFetchesTheWrappedIncrement) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string increment = incrementOf(version1(), version2());
+    std::string png, error;
+    ASSERT_TRUE(FerritTools::wrapPayload(increment, 2, png, error)) << error;
+    offerVersion2(patchedOf(version1(), version2()));
+    auto p = find("shop")->clone();
+    p->flags |= uint64_t{kPayloadWrapped} << 16;
+    put({p});
+    Settings::change([](Settings& s) { s.encryptionTypeRemote = 1; });
+    proxy_->serve(std::string(kZipPrefix) + "shop/i/2.png", 200, png);
+    ASSERT_FALSE(update("shop", kTriggerTimer));
+    EXPECT_EQ(urls(), std::vector<std::string>{std::string(kZipPrefix) + "shop/i/2.png"});
+    expectServes(version2());
+    EXPECT_EQ(dimension(runRecord(), "form"), "incremental");
+}
+
 // A device on version 2 (base 1) whose script is already version 3's: the patch from version 1
 // is not for it, and the installed file is kept.
 TEST_P(PatchInstallTest, InstalledFileWithTheNewBytesIsKept) {
