@@ -347,10 +347,30 @@ Error UpdatePackWork::openZip() {
     return roomError();
 }
 
+// What the patches this device will apply make: a patch's entry records its own few bytes, not
+// the file's. Only a file whose installed MD5 differs from the new one can be patched, by the
+// entry named for that MD5.
+uint64_t UpdatePackWork::patchedBytes() {
+    const ResourceIndex installed(job_.name, job_.installed);
+    // Without a list nothing applies: the walk refuses the patches.
+    if (installed.error()) return 0;
+    uint64_t total = 0;
+    index_->forEachFile([&](const ResourceRecord& wanted) {
+        std::shared_ptr<const ResourceRecord> held = installed.find(wanted.path);
+        if (!held || held->path != wanted.path || held->md5 == wanted.md5 || !wanted.hasSize())
+            return;
+        std::string entry(PatchedEntries::kPatchPrefix);
+        entry.append(held->md5).append(wanted.path.substr(wanted.path.find('/')));
+        if (zip_.hasEntry(entry)) total += wanted.size;
+    });
+    return total;
+}
+
 Error UpdatePackWork::roomError() {
     uint64_t declared = 0;
     Error error;
     if (!zip_.declaredSize(declared, error)) return error;
+    if (job_.patched) declared += patchedBytes();
     uint64_t limit = 0;
     const char* limitName = "";
     const uint64_t room = Cleanup::roomFor(*job_.pack, job_.trigger, limit, limitName);

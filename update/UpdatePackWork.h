@@ -140,8 +140,11 @@ class UpdatePackWork {
     Error readDownload();
     // Opens the zip, reads its signed list and checks the room; nothing written yet.
     Error openZip();
-    // 2103 when what the zip's entries record passes the room its pack's budget leaves.
+    // 2103 when what the zip's entries record passes the room its pack's budget leaves; a
+    // patch counts as the file it makes.
     Error roomError();
+    // Bytes of the files that the patched increment's applicable patches make.
+    uint64_t patchedBytes();
     // Streams every entry into the installer; fills `result`.
     void writeEntries(Unpacked& result);
     // The files an increment keeps from `installed`, each vouched for by its own list.

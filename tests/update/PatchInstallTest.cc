@@ -343,6 +343,23 @@ TEST_P(PatchInstallTest, PlainIncrementBrokenTooEndsWithTheFullZip) {
     EXPECT_TRUE(tempLeft().empty());
 }
 
+// The budget's check counts a patch as the file it makes, not as its few bytes in the zip.
+TEST_P(PatchInstallTest, PatchedFileCountsAgainstTheBudgetAtItsFullSize) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string patched = patchedOf(version1(), version2());
+    ASSERT_LT(patched.size(), 50000u);
+    offerVersion2(patched);
+    Settings::updateRemote({{"ferritSizeLimit", "100000"}});
+    const Error error = update("shop", kTriggerTimer);
+    Settings::updateRemote({});
+    EXPECT_EQ(error.code(), Errors::kTooManyApps) << error.message();
+    EXPECT_EQ(urls(), zips({"p/", "i/"}));
+    EXPECT_NE(dimension(runRecord(), "patchRefused").find("inflates to"), std::string::npos)
+        << dimension(runRecord(), "patchRefused");
+    EXPECT_EQ(find("shop")->installedSeq, 1u);
+    expectServes(version1());
+}
+
 // A device that takes wrapped payloads never asks for the patched increment, a plain zip.
 TEST_P(PatchInstallTest, DeviceOfWrappedPayloadsFetchesTheWrappedIncrement) {
     ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
