@@ -16,6 +16,11 @@
 // may be added from any thread; they are called on the worker, or at once on the adding thread
 // when the task has already ended.
 //
+// Forms: a run that may take an increment asks first for the patched increment when the record
+// names one, then the plain increment, then the full zip; each form that fails in a way the next
+// one may not is given up in the same run, saying why ("patchRefused", "incrRefused"), and what it
+// left is deleted at once. The record's "form" names the one installed.
+//
 // Failure: every failure ends the task in finished() with `error` set. The record stays as it
 // was, installed sequence included, so readers go on with the old version; the temporary folder
 // and a half-written new version are deleted. Only two things outlast a failure: status 1 after
