@@ -23,20 +23,16 @@ bool isMd5(std::string_view text) {
 }  // namespace
 
 PatchedEntries::PatchedEntries(PackInstaller& installer, const ResourceIndex& list,
-                               Folder installed, Folder zipFile, std::string name, uint64_t limit)
+                               const ResourceIndex& installedList, Folder installed, Folder zipFile,
+                               uint64_t limit)
     : installer_(installer),
       list_(list),
+      installedList_(installedList),
       installed_(std::move(installed)),
       zipFile_(std::move(zipFile)),
-      name_(std::move(name)),
       limit_(limit) {}
 
 PatchedEntries::~PatchedEntries() = default;
-
-Error PatchedEntries::loadInstalled() {
-    if (!installedList_) installedList_ = std::make_unique<ResourceIndex>(name_, installed_);
-    return installedList_->error();
-}
 
 Error PatchedEntries::begin(const std::string& entry) {
     applier_.reset();
@@ -49,10 +45,10 @@ Error PatchedEntries::begin(const std::string& entry) {
     const std::string path = std::string(kResourcePrefix).append(rest.substr(kMd5Length + 1));
     std::shared_ptr<const ResourceRecord> wanted = list_.find(path);
     if (!wanted || wanted->path != path) return Errors::preloadNotFound(inZip);
-    if (Error error = loadInstalled()) return error;
+    if (Error error = installedList_.error()) return error;
     patched_.insert(path);
     if (resolved_.count(path) != 0) return Error();
-    std::shared_ptr<const ResourceRecord> held = installedList_->find(path);
+    std::shared_ptr<const ResourceRecord> held = installedList_.find(path);
     // Nothing installed under the path: no patch can apply, which unresolved() reports.
     if (!held || held->path != path) return Error();
     // The installed file is the new one already: the kept-file copy takes it.

@@ -19,7 +19,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -38,10 +37,12 @@ class PatchedEntries {
     // Where a patched zip keeps its patches.
     static constexpr std::string_view kPatchPrefix = "patch/";
 
-    // `list` is the new version's list as the zip carries it; `installed` the installed version's
-    // folder; `zipFile` names the download in the words of errors.
-    PatchedEntries(PackInstaller& installer, const ResourceIndex& list, Folder installed,
-                   Folder zipFile, std::string name, uint64_t limit = kPatchLimit);
+    // `list` is the new version's list as the zip carries it; `installedList` the list of the
+    // installed version at `installed` (read once by the caller, whose other steps share it);
+    // `zipFile` names the download in the words of errors.
+    PatchedEntries(PackInstaller& installer, const ResourceIndex& list,
+                   const ResourceIndex& installedList, Folder installed, Folder zipFile,
+                   uint64_t limit = kPatchLimit);
     ~PatchedEntries();
     PatchedEntries(const PatchedEntries&) = delete;
     PatchedEntries& operator=(const PatchedEntries&) = delete;
@@ -62,18 +63,15 @@ class PatchedEntries {
     uint64_t peakMemory() const { return peakMemory_; }
 
   private:
-    // The installed version's list, read once.
-    Error loadInstalled();
     // Reads the installed file of `path` and checks it has `md5`, within the limit.
     Error readReference(const std::string& path, const std::string& md5);
 
     PackInstaller& installer_;
     const ResourceIndex& list_;
+    const ResourceIndex& installedList_;
     const Folder installed_;
     const Folder zipFile_;
-    const std::string name_;
     const uint64_t limit_;
-    std::unique_ptr<ResourceIndex> installedList_;
     // Listed paths ("res/<path>") with patch entries, and those the walk resolved.
     std::set<std::string> patched_;
     std::set<std::string> resolved_;

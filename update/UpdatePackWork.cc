@@ -347,11 +347,17 @@ Error UpdatePackWork::openZip() {
     return roomError();
 }
 
+const ResourceIndex& UpdatePackWork::installedList() {
+    if (!installedList_)
+        installedList_ = std::make_unique<ResourceIndex>(job_.name, job_.installed);
+    return *installedList_;
+}
+
 // What the patches this device will apply make: a patch's entry records its own few bytes, not
 // the file's. Only a file whose installed MD5 differs from the new one can be patched, by the
 // entry named for that MD5.
 uint64_t UpdatePackWork::patchedBytes() {
-    const ResourceIndex installed(job_.name, job_.installed);
+    const ResourceIndex& installed = installedList();
     // Without a list nothing applies: the walk refuses the patches.
     if (installed.error()) return 0;
     uint64_t total = 0;
@@ -400,7 +406,7 @@ Unpacked UpdatePackWork::unpack() {
 void UpdatePackWork::writeEntries(Unpacked& result) {
     std::optional<PatchedEntries> patches;
     if (job_.patched)
-        patches.emplace(*installer_, *index_, job_.installed, job_.zipFile, job_.name);
+        patches.emplace(*installer_, *index_, installedList(), job_.installed, job_.zipFile);
     EntryWriter writer(*installer_, *index_, job_.zipFile, job_.incremental,
                        patches ? &*patches : nullptr);
     ZipFile::EntryStream stream;
@@ -470,10 +476,13 @@ Kept UpdatePackWork::copyKept(const Folder& installed) {
     return result;
 }
 
-Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string>& kept) const {
-    // The installed version as it is served, and the full list that the new version is read with
-    // (the installed folder's, which goes with the kept files).
-    const ResourceIndex current(job_.name, installed);
+Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string>& kept) {
+    // The installed version as it is served (read once for the job: the patches and the budget
+    // read it too), and the full list that the new version is read with (the installed folder's,
+    // which goes with the kept files).
+    std::optional<ResourceIndex> other;
+    if (installed != job_.installed) other.emplace(job_.name, installed);
+    const ResourceIndex& current = other ? *other : installedList();
     if (current.error()) return current.error();
     const ResourceIndex full(
         job_.name,

@@ -148,13 +148,16 @@ class UpdatePackWork {
     // Streams every entry into the installer; fills `result`.
     void writeEntries(Unpacked& result);
     // The files an increment keeps from `installed`, each vouched for by its own list.
-    Error keptFiles(const Folder& installed, std::vector<std::string>& kept) const;
+    Error keptFiles(const Folder& installed, std::vector<std::string>& kept);
+    // The list of the installed version at `job_.installed`, read at the first call.
+    const ResourceIndex& installedList();
 
     Job job_;
     StagedRecord& perf_;
     std::string data_;  // the unwrapped download; the zip reads from it
     ZipFile zip_;
     std::unique_ptr<ResourceIndex> index_;
+    std::unique_ptr<ResourceIndex> installedList_;
     std::optional<PackInstaller> installer_;
 };
 
