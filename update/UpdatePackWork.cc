@@ -24,6 +24,9 @@ constexpr std::string_view kIndexEntry = kIndexFileName;
 constexpr std::string_view kInfoEntry = "app-info.hvc";
 // The download inside the run's temporary folder.
 constexpr std::string_view kDownloadName = "origin.zip";
+// A patch entry names its file without this folder, as the list names it with: the two are
+// matched by adding it.
+constexpr std::string_view kResourcePrefix = "res/";
 // Bits 16 and 17 of the flags, where the payload kind sits.
 constexpr uint64_t kPayloadKindMask = 0x30000;
 
@@ -362,11 +365,14 @@ uint64_t UpdatePackWork::patchedBytes() {
     if (installed.error()) return 0;
     uint64_t total = 0;
     index_->forEachFile([&](const ResourceRecord& wanted) {
+        // Only a resource travels as a patch; a list may name files beside "res/" too.
+        if (!wanted.path.starts_with(kResourcePrefix)) return;
         std::shared_ptr<const ResourceRecord> held = installed.find(wanted.path);
         if (!held || held->path != wanted.path || held->md5 == wanted.md5 || !wanted.hasSize())
             return;
         std::string entry(PatchedEntries::kPatchPrefix);
-        entry.append(held->md5).append(wanted.path.substr(wanted.path.find('/')));
+        entry.append(held->md5).append("/").append(
+            std::string_view(wanted.path).substr(kResourcePrefix.size()));
         if (zip_.hasEntry(entry)) total += wanted.size;
     });
     return total;

@@ -60,16 +60,26 @@ class PatchInstallTest : public InstallFixture, public ::testing::WithParamInter
     }
 
     // "shop" at seq 1 (base 1) holding `files`: installed by a full zip into the packed store, or
-    // written on the disk as an older build left it.
-    void installFirst(const PackFiles& files, uint64_t seq = 1, uint64_t baseSeq = 1) {
+    // written on the disk as an older build left it. `beside` are listed files outside "res/".
+    void installFirst(const PackFiles& files, uint64_t seq = 1, uint64_t baseSeq = 1,
+                      const PackFiles& beside = {}) {
         if (onDiskInstall()) {
             auto p = record("shop", kPackTypeFerrit, seq, baseSeq);
             p->installedSeq = seq;
             p->installedBaseSeq = baseSeq;
             put({p});
-            writeVersion(Folder::disk("apps/shop/" + std::to_string(seq) + "/"), files);
+            const Folder folder = Folder::disk("apps/shop/" + std::to_string(seq) + "/");
+            writeVersion(folder, files);
+            PackFiles written = beside;
+            if (!beside.empty()) written["app-res.hvc"] = listWith(files, beside);
+            for (const auto& [path, content] : written) {
+                Error error;
+                ASSERT_TRUE(Folder::writeFile(folder.childOf(path), content, error))
+                    << error.message();
+            }
         } else {
-            const std::string zip = zipOf(files);
+            const std::string zip =
+                beside.empty() ? zipOf(files) : handZip(listWith(files, beside), files, {}, beside);
             auto p = record("shop", kPackTypeFerrit, seq, baseSeq, kPriorityAutoInstall);
             p->md5 = Digest::md5Hex(zip);
             put({p});
@@ -104,11 +114,20 @@ class PatchInstallTest : public InstallFixture, public ::testing::WithParamInter
     static std::string handPatched(
         const PackFiles& current, const PackFiles& whole,
         const std::vector<std::pair<std::string, std::string>>& patches) {
+        return handZip(indexOf(current), whole, patches);
+    }
+    // A zip of `list`, the resources `whole`, the patch entries `patches` and the files `beside`
+    // outside "res/".
+    static std::string handZip(const std::string& list, const PackFiles& whole,
+                               const std::vector<std::pair<std::string, std::string>>& patches,
+                               const PackFiles& beside = {}) {
         FerritTools::ZipWriter writer;
         std::string zip, error;
-        EXPECT_TRUE(writer.addFile("app-res.hvc", indexOf(current), error)) << error;
+        EXPECT_TRUE(writer.addFile("app-res.hvc", list, error)) << error;
         for (const auto& [path, content] : whole)
             EXPECT_TRUE(writer.addFile("res/" + path, content, error)) << error;
+        for (const auto& [path, content] : beside)
+            EXPECT_TRUE(writer.addFile(path, content, error)) << error;
         for (const auto& [name, content] : patches) {
             FerritTools::ZipWriter::Entry entry;
             entry.name = "patch/" + name;
@@ -118,6 +137,20 @@ class PatchInstallTest : public InstallFixture, public ::testing::WithParamInter
         }
         EXPECT_TRUE(writer.finish(zip, error)) << error;
         return zip;
+    }
+    // The signed list of `files` that also names `beside`, files outside "res/", as a list may.
+    static std::string listWith(const PackFiles& files, const PackFiles& beside) {
+        PackContent content;
+        content.files = files;
+        std::string json, signedIndex, error;
+        EXPECT_TRUE(FerritTools::indexJson(content, kSite, {}, json, error)) << error;
+        EXPECT_EQ(json.front(), '{');
+        for (const auto& [path, text] : beside) {
+            json.insert(1, "\"" + path + "\":{\"v\":\"" + Digest::md5Hex(text) +
+                               "\",\"size\":" + std::to_string(text.size()) + "},");
+        }
+        EXPECT_TRUE(FerritTools::signIndex(json, "ed25519", signer(), signedIndex, error)) << error;
+        return signedIndex;
     }
     // Version 2's patched zip with `patch` as the script's patch entry, named for `reference`.
     static std::string withPatch(const std::string& reference, const std::string& patch) {
@@ -341,6 +374,28 @@ TEST_P(PatchInstallTest, PlainIncrementBrokenTooEndsWithTheFullZip) {
     EXPECT_EQ(logs_->count("incrementRefused"), 1u);
     settle();
     EXPECT_TRUE(tempLeft().empty());
+}
+
+// A list may name a file beside the resources, here changed since the installed version: only a
+// resource can travel as a patch, and the budget's check looks for patches among those alone.
+TEST_P(PatchInstallTest, ListedFileBesideTheResourcesTravelsWhole) {
+    const PackFiles before{{"top.txt", "one"}};
+    const PackFiles after{{"top.txt", "two, longer"}};
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1(), 1, 1, before));
+    const std::string old = version1().at(kBig);
+    ErrorOr<std::string> patch = makePatch(old, version2().at(kBig));
+    ASSERT_TRUE(patch.ok());
+    PackFiles whole = version2();
+    whole.erase(kBig);
+    whole.erase("css/app.css");
+    offerVersion2(handZip(listWith(version2(), after), whole,
+                          {{Digest::md5Hex(old) + "/" + kBig, *patch}}, after));
+    const Error error = update("shop", kTriggerTimer);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(urls(), zips({"p/"}));
+    EXPECT_EQ(find("shop")->installedSeq, 2u);
+    expectServes(version2());
+    EXPECT_EQ(dimension(runRecord(), "form"), "patched");
 }
 
 // The budget's check counts a patch as the file it makes, not as its few bytes in the zip.
