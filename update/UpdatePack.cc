@@ -402,14 +402,16 @@ void UpdatePack::requestResource() {
     assertOnWorker();
     run_.incremental = !run_.fullOnly && pack_->canUpdateIncrementally();
     run_.form = UpdateForm::Full;
+    // Read once: whether a patch may be asked for and the address agree on it.
+    const uint32_t payloadKind = UpdatePackWork::payloadKind(*pack_);
     if (run_.incremental) {
-        const bool patched = !run_.patchRefused && UpdatePackWork::mayPatch(*pack_);
+        const bool patched = !run_.patchRefused && UpdatePackWork::mayPatch(*pack_, payloadKind);
         run_.form = patched ? UpdateForm::Patched : UpdateForm::Incremental;
     }
     perf_.setDimension("newSeq", decimal(pack_->seq));
     perf_.setDimension("incr", run_.incremental ? "true" : "false");
     if (!mayDownload()) return;
-    run_.download = UpdatePackWork::planDownload(*pack_, name_, run_.form);
+    run_.download = UpdatePackWork::planDownload(*pack_, name_, run_.form, payloadKind);
     if (run_.download.error) {
         fail(run_.download.error);
         return;

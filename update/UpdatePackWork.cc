@@ -71,14 +71,11 @@ const char* formFolder(UpdateForm form) {
 }
 
 void addAddress(const Pack& pack, UpdateForm form, DownloadPlan& plan) {
-    const std::shared_ptr<const Settings> settings = Settings::current();
-    plan.payloadKind = payloadKindOf(pack, *settings);
     if (hasOwnZip(pack)) {
         plan.url = pack.zipURL;
-        plan.payloadKind = 0;
         return;
     }
-    plan.url = settings->zipPrefixFor(pack.packType());
+    plan.url = Settings::current()->zipPrefixFor(pack.packType());
     plan.url.append(pack.rootName()).append(formFolder(form));
     plan.url.append(std::to_string(pack.seq));
     plan.url.append(plan.payloadKind == kWrappedPayloadKind ? ".png" : ".zip");
@@ -278,15 +275,19 @@ const char* updateFormName(UpdateForm form) {
     return "full";
 }
 
-bool UpdatePackWork::mayPatch(const Pack& pack) {
-    return !pack.patchMd5.empty() && !hasOwnZip(pack) &&
-           payloadKindOf(pack, *Settings::current()) == 0;
+uint32_t UpdatePackWork::payloadKind(const Pack& pack) {
+    return hasOwnZip(pack) ? 0 : payloadKindOf(pack, *Settings::current());
+}
+
+bool UpdatePackWork::mayPatch(const Pack& pack, uint32_t payloadKind) {
+    return !pack.patchMd5.empty() && !hasOwnZip(pack) && payloadKind == 0;
 }
 
 DownloadPlan UpdatePackWork::planDownload(const Pack& pack, const std::string& name,
-                                          UpdateForm form) {
+                                          UpdateForm form, uint32_t payloadKind) {
     assertOnWorker();
     DownloadPlan plan;
+    plan.payloadKind = payloadKind;
     if ((plan.error = serverError(pack))) return plan;
     // Each form has its folder: a refused form's leftovers never meet the next form's download.
     char folder[64];

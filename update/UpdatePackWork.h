@@ -99,13 +99,18 @@ class UpdatePackWork {
         Folder installed;
     };
 
-    // The run's folder and the zip's address for `pack` in `form`; the folder is emptied.
+    // The payload kind a download of `pack` comes in under the current settings: 0 (a plain zip)
+    // for a zip URL of its own. A run reads it once, so that its forms agree.
+    static uint32_t payloadKind(const Pack& pack);
+    // The run's folder and the zip's address for `pack` in `form`, of payload kind `payloadKind`
+    // (payloadKind()); the folder is emptied.
     // Errors: no pack server configured, a name that is no single folder.
-    static DownloadPlan planDownload(const Pack& pack, const std::string& name, UpdateForm form);
+    static DownloadPlan planDownload(const Pack& pack, const std::string& name, UpdateForm form,
+                                     uint32_t payloadKind);
     // Whether `pack` has a patched increment this device may ask for: its record names one, and
-    // its download is a plain zip from the pack server (no wrapped payload, no zip URL of its
-    // own). Asked only where the plain increment would be.
-    static bool mayPatch(const Pack& pack);
+    // its download is a plain zip (`payloadKind` 0) from the pack server, not a zip URL of its
+    // own. Asked only where the plain increment would be.
+    static bool mayPatch(const Pack& pack, uint32_t payloadKind);
     // The folder that the new version of `pack` is written to: "apps/<root>/<seq>/" for an app,
     // the packed store's "<root>/<seq>/" for the rest.
     static Folder newVersionFolder(const Pack& pack);
