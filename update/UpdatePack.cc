@@ -459,10 +459,7 @@ void UpdatePack::onZip(uint64_t expectedSize, Error error) {
         .append("size", size);
     if (error) log.error(error);
     log.done();
-    if (error && run_.form == UpdateForm::Patched) {
-        refusePatch(error);
-        return;
-    }
+    if (refuseForm(error)) return;
     if (error) {
         fail(std::move(error));
         return;
@@ -521,10 +518,7 @@ void UpdatePack::install() {
     UpdatePackWork work(job(), perf_);
     const Unpacked unpacked = work.unpack();
     takeUnpacked(unpacked);
-    if (unpacked.error && run_.form == UpdateForm::Patched) {
-        refusePatch(unpacked.error);
-        return;
-    }
+    if (refuseForm(unpacked.error)) return;
     if (unpacked.error) {
         fail(unpacked.error);
         return;
@@ -557,10 +551,7 @@ bool UpdatePack::completeVersion(UpdatePackWork& work, const Folder& installed) 
     }
     const Kept kept = work.copyKept(installed);
     run_.installedSize += kept.bytes;
-    if (kept.refused && run_.form == UpdateForm::Patched) {
-        refusePatch(kept.refused);
-        return false;
-    }
+    if (refuseForm(kept.refused)) return false;
     if (kept.refused) {
         refuseIncrement(kept.refused);
         return false;
@@ -586,6 +577,12 @@ void UpdatePack::refuseIncrement(Error why) {
     dropForm();
     run_.fullOnly = true;
     requestResource();
+}
+
+bool UpdatePack::refuseForm(const Error& why) {
+    if (!why || run_.form != UpdateForm::Patched) return false;
+    refusePatch(why);
+    return true;
 }
 
 void UpdatePack::refusePatch(const Error& why) {

@@ -217,6 +217,9 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // Abandons an increment that the installed version cannot complete and fetches the full zip
     // in the same run, saying why in the log and the record.
     void refuseIncrement(Error why);
+    // When `why` is set and the run fetched the patched increment, refuses it (refusePatch) and
+    // returns true; false otherwise, with the run as it was.
+    bool refuseForm(const Error& why);
     // Abandons a patched increment that failed in any way (its download, its MD5, a patch, a
     // reference) and fetches the plain increment in the same run, saying why.
     void refusePatch(const Error& why);
