@@ -57,6 +57,8 @@ class PatchedEntries {
     // After the walk: the first listed path with patch entries that was neither patched nor
     // kept as installed.
     Error unresolved() const;
+    // Listed paths ("res/<path>") that had patch entries, as far as the walk went.
+    const std::set<std::string>& paths() const { return patched_; }
     // Bytes of the files the patches made.
     uint64_t bytes() const { return bytes_; }
     // The most memory one application held: the reference and the applier's own.

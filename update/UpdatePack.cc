@@ -551,7 +551,8 @@ bool UpdatePack::completeVersion(UpdatePackWork& work, const Folder& installed) 
     }
     const Kept kept = work.copyKept(installed);
     run_.installedSize += kept.bytes;
-    if (refuseForm(kept.refused)) return false;
+    // A file the plain increment keeps as well would refuse it too: the full zip is next then.
+    if (kept.incrementBringsIt && refuseForm(kept.refused)) return false;
     if (kept.refused) {
         refuseIncrement(kept.refused);
         return false;

@@ -428,7 +428,10 @@ void UpdatePackWork::writeEntries(Unpacked& result) {
     result.installedSize = writer.bytes() + (patches ? patches->bytes() : 0);
     perf_.stage("unzipped");
     perf_.setMeasure("resSize", static_cast<double>(result.installedSize));
-    if (patches) perf_.setMeasure("patchMemory", static_cast<double>(patches->peakMemory()));
+    if (patches) {
+        perf_.setMeasure("patchMemory", static_cast<double>(patches->peakMemory()));
+        patchedPaths_ = patches->paths();
+    }
     if (error) {
         result.error = std::move(error);
     } else if (!walked || writer.error()) {
@@ -478,12 +481,17 @@ Kept UpdatePackWork::copyKept(const Folder& installed) {
     // Every file that the new list names and the zip did not bring comes from the installed
     // version, and only when that version's own list vouches for the same bytes.
     std::vector<std::string> kept;
-    if ((result.refused = keptFiles(installed, kept))) return result;
+    std::string refusedPath;
+    if ((result.refused = keptFiles(installed, kept, refusedPath))) {
+        result.incrementBringsIt = patchedPaths_.count(refusedPath) != 0;
+        return result;
+    }
     result.error = installer_->copyKept(installed, kept, result.bytes);
     return result;
 }
 
-Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string>& kept) {
+Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string>& kept,
+                                std::string& refusedPath) {
     // The installed version as it is served (read once for the job: the patches and the budget
     // read it too), and the full list that the new version is read with (the installed folder's,
     // which goes with the kept files).
@@ -515,6 +523,7 @@ Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string
         } else {
             kept.push_back(wanted.path);
         }
+        if (refused) refusedPath = wanted.path;
     };
     // The increment's own records first: they override the full list's.
     const ResourceIndex& increment = *index_;

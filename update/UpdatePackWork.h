@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,10 @@ struct Kept {
     Error refused;
     // Bytes copied, as far as the copy went.
     uint64_t bytes = 0;
+    // The refused file had patch entries in the patched increment, which the plain increment
+    // brings whole: refusing the patched form alone may help. Otherwise the plain increment keeps
+    // the same file and would be refused too.
+    bool incrementBringsIt = false;
 };
 
 // What became of the commit that publishes a new version; set on the worker when it ran.
@@ -153,7 +158,9 @@ class UpdatePackWork {
     // Streams every entry into the installer; fills `result`.
     void writeEntries(Unpacked& result);
     // The files an increment keeps from `installed`, each vouched for by its own list.
-    Error keptFiles(const Folder& installed, std::vector<std::string>& kept);
+    // `refusedPath` names the file refused, when one was.
+    Error keptFiles(const Folder& installed, std::vector<std::string>& kept,
+                    std::string& refusedPath);
     // The list of the installed version at `job_.installed`, read at the first call.
     const ResourceIndex& installedList();
 
@@ -163,6 +170,8 @@ class UpdatePackWork {
     ZipFile zip_;
     std::unique_ptr<ResourceIndex> index_;
     std::unique_ptr<ResourceIndex> installedList_;
+    // For a patched increment: the listed paths that had patch entries.
+    std::set<std::string> patchedPaths_;
     std::optional<PackInstaller> installer_;
 };
 

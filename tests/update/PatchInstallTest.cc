@@ -398,6 +398,28 @@ TEST_P(PatchInstallTest, ListedFileBesideTheResourcesTravelsWhole) {
     EXPECT_EQ(dimension(runRecord(), "form"), "patched");
 }
 
+// The patched zip leaves out a changed file that has no patch entry: the plain increment keeps
+// the same file and would be refused as well, so the run goes straight to the full zip.
+TEST_P(PatchInstallTest, KeptFileTheIncrementKeepsTooGoesStraightToTheFullZip) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string old = version1().at(kBig);
+    ErrorOr<std::string> patch = makePatch(old, version2().at(kBig));
+    ASSERT_TRUE(patch.ok());
+    const PackFiles whole{{"js/extra.js", version2().at("js/extra.js")}};
+    offerVersion2(handPatched(version2(), whole, {{Digest::md5Hex(old) + "/" + kBig, *patch}}));
+    ASSERT_FALSE(update("shop", kTriggerTimer));
+    EXPECT_EQ(urls(), zips({"p/", ""}));
+    EXPECT_EQ(find("shop")->installedSeq, 2u);
+    expectServes(version2());
+    const FakeProxy::Record run = runRecord();
+    EXPECT_EQ(dimension(run, "form"), "full");
+    EXPECT_NE(dimension(run, "incrRefused").find("index.html"), std::string::npos)
+        << dimension(run, "incrRefused");
+    EXPECT_EQ(logs_->count("incrementRefused"), 1u);
+    settle();
+    EXPECT_TRUE(tempLeft().empty());
+}
+
 // The budget's check counts a patch as the file it makes, not as its few bytes in the zip.
 TEST_P(PatchInstallTest, PatchedFileCountsAgainstTheBudgetAtItsFullSize) {
     ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
