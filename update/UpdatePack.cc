@@ -538,6 +538,9 @@ void UpdatePack::install() {
     ResourceIndexPool::remove(requestedName_);
     if (name_ != requestedName_) ResourceIndexPool::remove(name_);
     perf_.setDimension("form", updateFormName(run_.form));
+    // Only the form that installed: a refused patched attempt says nothing of what this run held.
+    if (run_.form == UpdateForm::Patched)
+        perf_.setMeasure("patchMemory", static_cast<double>(unpacked.patchMemory));
     perf_.stage("updateFinished");
     finished();
 }

@@ -429,7 +429,7 @@ void UpdatePackWork::writeEntries(Unpacked& result) {
     perf_.stage("unzipped");
     perf_.setMeasure("resSize", static_cast<double>(result.installedSize));
     if (patches) {
-        perf_.setMeasure("patchMemory", static_cast<double>(patches->peakMemory()));
+        result.patchMemory = patches->peakMemory();
         patchedPaths_ = patches->paths();
     }
     if (error) {

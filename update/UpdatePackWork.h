@@ -56,6 +56,8 @@ struct Unpacked {
     bool isPacks = false;
     // Bytes the zip's entries hold (a patch counts as the file it made), as far as the walk went.
     uint64_t installedSize = 0;
+    // The most memory one patch's application held (PatchedEntries::peakMemory()).
+    uint64_t patchMemory = 0;
     // What a run that ends before publishing must delete besides its temporary folder.
     std::optional<Folder> pendingTarget;
 };

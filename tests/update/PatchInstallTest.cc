@@ -215,6 +215,8 @@ class PatchInstallTest : public InstallFixture, public ::testing::WithParamInter
         EXPECT_NE(dimension(run, "patchRefused").find(why), std::string::npos)
             << dimension(run, "patchRefused");
         EXPECT_EQ(dimension(run, "incrRefused"), "(none)");
+        // What the refused attempt held is not the installed form's.
+        EXPECT_EQ(run.measures.count("patchMemory"), 0u);
         ASSERT_EQ(logs_->count("patchRefused"), 1u);
         const MarlLogger::LogEntry entry = logs_->last("patchRefused");
         EXPECT_EQ(entry.level, MarlLogger::MRLLevelWarning);
