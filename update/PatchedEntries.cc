@@ -97,7 +97,10 @@ Error PatchedEntries::write(std::string_view piece) {
 Error PatchedEntries::end() {
     if (!applier_) return Error();
     Error error = applier_->finish();
-    peakMemory_ = std::max(peakMemory_, reference_.capacity() + applier_->peakMemory());
+    // Before endFile hands the gathered bytes on: on the packed store the file made is whole in
+    // memory here, beside the reference and the decoder.
+    peakMemory_ = std::max(peakMemory_,
+                           reference_.capacity() + applier_->peakMemory() + installer_.heldBytes());
     if (!error) {
         error = installer_.endFile(checkedMd5_);
         bytes_ += applier_->written();

@@ -12,8 +12,11 @@
 // size (at the patch's header) and MD5 (at its end). A path with patch entries that gets neither
 // is a failure (unresolved()), as is a reference above kPatchLimit.
 //
-// Memory: one installed file (at most kPatchLimit) and what the applier holds, whatever the size
-// of the file made; peakMemory() reports the most of both at once.
+// Memory: one installed file (at most kPatchLimit), what the applier holds (its window at most
+// kPatchLimit, plus a piece of kPatchChunk) and, when the new version lives in the packed store,
+// the file made, gathered whole until it is stored (at most kPatchLimit, the size the list
+// states): about three times the limit there, two for a version on the disk. peakMemory()
+// reports the sum of the three at one application's end.
 //
 // Not thread-safe: lives inside one install stage on the worker.
 #pragma once
