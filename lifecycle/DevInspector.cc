@@ -183,7 +183,8 @@ void clearCommand(const JSON&, Context context) {
     reply(context, /*success=*/true);
 }
 
-// The latest pack updates, oldest first: the form each installed and why a form was given up.
+// The latest finished pack updates of this process, oldest first, whatever started them: the form
+// each installed and why a form was given up.
 JSON packUpdates() {
     JSON packs = JSON(MarlLogger::json::JSONArray());
     for (const UpdateOutcome& outcome : UpdatePack::recentOutcomes()) {
@@ -197,7 +198,8 @@ JSON packUpdates() {
     return packs;
 }
 
-// Checks the configuration now; answers with the latest pack updates once the check ends.
+// Checks the configuration now; once the check ends, answers with the latest finished pack
+// updates of this process (not those the check queued, which run after it).
 void update(const JSON&, Context context) {
     UpdateConfig::instance().start(
         kTriggerDebugTool, "0",

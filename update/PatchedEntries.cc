@@ -9,7 +9,8 @@ namespace FerritCore {
 
 namespace {
 
-// Where a listed file lies in a version's folder and list.
+// A patch entry names its file without this folder, as the list names it with: the two are
+// matched by adding it.
 constexpr std::string_view kResourcePrefix = "res/";
 // Lower-case hexadecimal digits of an MD5.
 constexpr size_t kMd5Length = 32;
