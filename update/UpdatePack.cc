@@ -9,6 +9,7 @@
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/LogTags.h"
+#include "base/ProcessState.h"
 #include "base/Proxy.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -76,7 +77,11 @@ struct RecentOutcomes {
 };
 
 RecentOutcomes& recentOutcomeList() {
-    static auto* const list = new RecentOutcomes();
+    // A test's reset empties it: each test starts as a process that updated nothing.
+    static RecentOutcomes* const list = ProcessState::create<RecentOutcomes>([](RecentOutcomes& r) {
+        MutexLock lock(r.mutex);
+        r.outcomes.clear();
+    });
     return *list;
 }
 

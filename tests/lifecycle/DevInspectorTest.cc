@@ -6,6 +6,7 @@
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Folder.h"
+#include "base/ProcessState.h"
 #include "ferritcore/Access.h"
 #include "lifecycle/DevInspector.h"
 #include "lifecycle/Setup.h"
@@ -256,6 +257,9 @@ TEST_F(DevInspectorTest, UpdateReportsTheLatestPackUpdates) {
     EXPECT_EQ(packs[size_t{0}]["seq"].uint64Value(), 4u);
     EXPECT_EQ(packs[size_t{0}]["error"].stringValue(), task->error().message());
     EXPECT_TRUE(packs[size_t{0}]["form"].isNull()) << "nothing was installed";
+    // The reset between tests leaves the next one a process that updated nothing.
+    ProcessState::resetForTesting();
+    EXPECT_TRUE(UpdatePack::recentOutcomes().empty());
 }
 
 TEST_F(DevInspectorTest, CleanupAnswersWithTheCleanedPacks) {
