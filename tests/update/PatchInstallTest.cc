@@ -423,6 +423,69 @@ TEST_P(PatchInstallTest, KeptFileTheIncrementKeepsTooGoesStraightToTheFullZip) {
     EXPECT_TRUE(tempLeft().empty());
 }
 
+// A device on version 2 (base 1) gets version 3 with two patches for the script, from version 1's
+// bytes and from version 2's: it skips the first and applies the second.
+TEST_P(PatchInstallTest, IntermediateVersionAppliesTheSecondPatch) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version2(), 2, 1));
+    PackFiles version3 = version2();
+    version3[kBig] = oneLineChanged(version2().at(kBig), "var third = 3;");
+    const std::string one = version1().at(kBig);
+    const std::string two = version2().at(kBig);
+    ErrorOr<std::string> fromOne = makePatch(one, version3.at(kBig));
+    ErrorOr<std::string> fromTwo = makePatch(two, version3.at(kBig));
+    ASSERT_TRUE(fromOne.ok() && fromTwo.ok());
+    PackFiles whole = version3;
+    whole.erase(kBig);
+    const std::string patched = handPatched(version3, whole,
+                                            {{Digest::md5Hex(one) + "/" + kBig, *fromOne},
+                                             {Digest::md5Hex(two) + "/" + kBig, *fromTwo}});
+    offer(3, 1, patched, incrementOf(version1(), version3), zipOf(version3));
+    const Error error = update("shop", kTriggerTimer);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(urls(), zips({"p/"}, 3));
+    EXPECT_EQ(find("shop")->installedSeq, 3u);
+    expectServes(version3);
+    EXPECT_EQ(dimension(runRecord(), "form"), "patched");
+}
+
+// A patch for a file the installed version does not have cannot apply.
+TEST_P(PatchInstallTest, PatchForAPathTheInstalledVersionLacksFallsBack) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string old = version1().at(kBig);
+    ErrorOr<std::string> patch = makePatch(old, version2().at("js/extra.js"));
+    ASSERT_TRUE(patch.ok());
+    PackFiles whole = version2();
+    whole.erase("js/extra.js");
+    whole.erase("css/app.css");
+    offerVersion2(handPatched(version2(), whole, {{Digest::md5Hex(old) + "/js/extra.js", *patch}}));
+    ASSERT_FALSE(update("shop", kTriggerTimer));
+    expectFellBackToTheIncrement("no patch applies to the installed file");
+}
+
+// An entry under "patch/" whose name is no MD5 and path is refused, not guessed at.
+TEST_P(PatchInstallTest, MalformedPatchNameFallsBack) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string old = version1().at(kBig);
+    ErrorOr<std::string> patch = makePatch(old, version2().at(kBig));
+    ASSERT_TRUE(patch.ok());
+    offerVersion2(withPatch("not-an-md5", *patch));
+    ASSERT_FALSE(update("shop", kTriggerTimer));
+    expectFellBackToTheIncrement("not a patch entry's name");
+}
+
+// A patch for a path the new list does not name makes nothing the version has.
+TEST_P(PatchInstallTest, PatchForAPathTheNewListDoesNotNameFallsBack) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string old = version1().at(kBig);
+    ErrorOr<std::string> patch = makePatch(old, version2().at(kBig));
+    ASSERT_TRUE(patch.ok());
+    PackFiles whole = version2();
+    whole.erase("css/app.css");
+    offerVersion2(handPatched(version2(), whole, {{Digest::md5Hex(old) + "/js/gone.js", *patch}}));
+    ASSERT_FALSE(update("shop", kTriggerTimer));
+    expectFellBackToTheIncrement("js/gone.js");
+}
+
 // The budget's check counts a patch as the file it makes, not as its few bytes in the zip.
 TEST_P(PatchInstallTest, PatchedFileCountsAgainstTheBudgetAtItsFullSize) {
     ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
