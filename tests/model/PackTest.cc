@@ -59,7 +59,7 @@ TEST_F(PackTest, DefaultsAreLeftOutWhenWritten) {
 
 TEST_F(PackTest, EveryKeyRoundTripsInOrder) {
     const std::string all =
-        R"({"s":5,"f":65616,"b":4,"t":1700000000000.5,"m":9,"c":"aa","ci":"bb","p":["https://a/x/"],)"
+        R"({"s":5,"f":65616,"b":4,"t":1700000000000.5,"m":9,"c":"aa","ci":"bb","cp":"cc","p":["https://a/x/"],)"
         R"("r":["https://a/i.html"],"g":2,"updateTime":1700000000001.0,"installedSeq":4,"installedBaseSeq":3,)"
         R"("installedSize":1024,"installTime":1700000000002.0,"trigger":6,"subType":2,"zipURL":"https://z/a.zip",)"
         R"("status":1,"isOnDemand":true,"isPacks":true})";
@@ -69,6 +69,14 @@ TEST_F(PackTest, EveryKeyRoundTripsInOrder) {
     EXPECT_EQ(write(p).substr(0, 20), R"({"s":5,"f":65616,"b")");
     EXPECT_EQ(p.payloadKind(), 1u);
     EXPECT_EQ(p.packType(), kPackTypeFerrit);
+    EXPECT_EQ(p.patchMd5, "cc");
+    EXPECT_NE(write(p).find(R"("ci":"bb","cp":"cc","p")"), std::string::npos);
+}
+
+TEST_F(PackTest, RecordWithoutPatchedIncrementWritesNoPatchKey) {
+    Pack p = read("a", R"({"s":5,"b":4,"c":"aa","ci":"bb"})");
+    EXPECT_TRUE(p.patchMd5.empty());
+    EXPECT_EQ(write(p), R"({"s":5,"b":4,"c":"aa","ci":"bb"})");
 }
 
 TEST_F(PackTest, ValidateRefusesUnsupportedTypeGrayAboveTwoAndStatusAboveFour) {
