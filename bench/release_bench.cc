@@ -245,7 +245,7 @@ void install(World& w, const std::string& zip, const fs::path& folder) {
         if (FileUtil::readWhole((w.oldFolder / path).string(), reference) != 0 ||
             Digest::md5Hex(reference) != md5)
             fail("the installed " + path + " is not the patch's reference");
-        Output made(folder, path, w, false);
+        Output made(folder, path, w, /*hashed=*/false);
         const FerritTools::ListedFile& listed = w.listing.at(path);
         const Error applied =
             applyPatch(reference, gathered, Folder::disk(path), static_cast<uint64_t>(listed.size),
