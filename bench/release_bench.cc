@@ -230,15 +230,15 @@ void install(World& w, const std::string& zip, const fs::path& folder) {
     };
     stream.write = [&](std::string_view piece) {
         if (out) out->write(piece);
-        if (name.starts_with(FerritTools::kPatchPrefix)) gathered.append(piece);
+        if (name.starts_with(FerritCore::kPatchEntryPrefix)) gathered.append(piece);
         return true;
     };
     stream.end = [&]() {
         if (out) out->check();
         out.reset();
-        if (!name.starts_with(FerritTools::kPatchPrefix)) return true;
-        const size_t slash = name.find('/', FerritTools::kPatchPrefix.size());
-        const size_t from = FerritTools::kPatchPrefix.size();
+        if (!name.starts_with(FerritCore::kPatchEntryPrefix)) return true;
+        const size_t slash = name.find('/', FerritCore::kPatchEntryPrefix.size());
+        const size_t from = FerritCore::kPatchEntryPrefix.size();
         const std::string md5 = name.substr(from, slash - from);
         const std::string path = name.substr(slash + 1);
         std::string reference;

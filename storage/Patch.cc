@@ -58,6 +58,12 @@ Error setUpCompression(ZSTD_CCtx* context, int level, int windowLog, std::string
 
 }  // namespace
 
+std::string patchEntryName(std::string_view referenceMd5, std::string_view path) {
+    std::string name(kPatchEntryPrefix);
+    name.append(referenceMd5).append("/").append(path);
+    return name;
+}
+
 ErrorOr<std::string> makePatch(std::string_view reference, std::string_view target, int level,
                                uint64_t limit) {
     if (reference.size() > limit)

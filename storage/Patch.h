@@ -38,6 +38,15 @@ inline constexpr size_t kPatchChunk = 64u << 10;
 // Publishing is done once and read by every device: the strongest level pays for itself.
 inline constexpr int kPatchLevel = 19;
 
+// A patched increment names each patch "patch/<MD5 of the reference>/<path>", where <path> is the
+// file's path below the pack's resources. The publisher writes these names and a device reads
+// them, so both sides take them from here; a device applies a patch only to a file whose
+// vouched-for MD5 is the one its name carries.
+inline constexpr std::string_view kPatchEntryPrefix = "patch/";
+// The name of the patch entry that turns the file whose bytes have `referenceMd5` into the new
+// bytes of `path` (below the resources).
+std::string patchEntryName(std::string_view referenceMd5, std::string_view path);
+
 // Makes the patch that turns `reference` into `target`. Fails (2209) when either is above
 // `limit`, as a device would refuse the patch, or when zstd fails.
 ErrorOr<std::string> makePatch(std::string_view reference, std::string_view target,

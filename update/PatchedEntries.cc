@@ -39,7 +39,7 @@ Error PatchedEntries::begin(const std::string& entry) {
     applier_.reset();
     path_.clear();
     const Folder inZip = zipFile_.childOf(entry);
-    const std::string_view rest = std::string_view(entry).substr(kPatchPrefix.size());
+    const std::string_view rest = std::string_view(entry).substr(kPatchEntryPrefix.size());
     const std::string_view md5 = rest.substr(0, std::min(rest.size(), kMd5Length));
     if (!isMd5(md5) || rest.size() <= kMd5Length + 1 || rest[kMd5Length] != '/')
         return Errors::patchFailed(inZip.describe(), "not a patch entry's name");

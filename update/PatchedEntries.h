@@ -37,9 +37,6 @@ namespace FerritCore {
 
 class PatchedEntries {
   public:
-    // Where a patched zip keeps its patches.
-    static constexpr std::string_view kPatchPrefix = "patch/";
-
     // `list` is the new version's list as the zip carries it; `installedList` the list of the
     // installed version at `installed` (read once by the caller, whose other steps share it);
     // `zipFile` names the download in the words of errors.
@@ -50,7 +47,7 @@ class PatchedEntries {
     PatchedEntries(const PatchedEntries&) = delete;
     PatchedEntries& operator=(const PatchedEntries&) = delete;
 
-    static bool isPatch(std::string_view entry) { return entry.starts_with(kPatchPrefix); }
+    static bool isPatch(std::string_view entry) { return entry.starts_with(kPatchEntryPrefix); }
 
     // One patch entry: begin, each piece, end. An error stops the walk.
     Error begin(const std::string& entry);

@@ -371,9 +371,8 @@ uint64_t UpdatePackWork::patchedBytes() {
         std::shared_ptr<const ResourceRecord> held = installed.find(wanted.path);
         if (!held || held->path != wanted.path || held->md5 == wanted.md5 || !wanted.hasSize())
             return;
-        std::string entry(PatchedEntries::kPatchPrefix);
-        entry.append(held->md5).append("/").append(
-            std::string_view(wanted.path).substr(kResourcePrefix.size()));
+        const std::string entry =
+            patchEntryName(held->md5, std::string_view(wanted.path).substr(kResourcePrefix.size()));
         if (zip_.hasEntry(entry)) total += wanted.size;
     });
     return total;

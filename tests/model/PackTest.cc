@@ -244,5 +244,26 @@ TEST_F(PackTest, FoldersOfARecord) {
     EXPECT_EQ(pinned.installedFolder().relative(), "apps/shop/3/");
 }
 
+// A device from before the patched increment read "cp" as this one reads any key it does not
+// know: as if it were absent, and gone when the record is written back. What it fetched followed
+// from the other keys alone, so a document that names a patched increment moves it as before.
+TEST_F(PackTest, AKeyTheReaderDoesNotKnowChangesNothing) {
+    const std::string plain = R"({"s": 3, "f": 80, "b": 1, "c": "0123456789abcdef0123456789abcdef",
+                                  "ci": "fedcba9876543210fedcba9876543210", "p": ["https://a/"]})";
+    std::string later = plain;
+    later.insert(1, R"("zz": "fedcba98765432100123456789abcdef", "zy": {"a": [1]}, )");
+    const Pack without = read("shop", plain);
+    const Pack with = read("shop", later);
+    EXPECT_EQ(write(with), write(without));
+    EXPECT_EQ(with.incrMd5, "fedcba9876543210fedcba9876543210");
+    EXPECT_TRUE(with.patchMd5.empty());
+
+    std::string patched = plain;
+    patched.insert(1, R"("cp": "00112233445566778899aabbccddeeff", )");
+    const Pack known = read("shop", patched);
+    EXPECT_EQ(known.patchMd5, "00112233445566778899aabbccddeeff");
+    EXPECT_NE(write(known), write(without));
+}
+
 }  // namespace
 }  // namespace FerritTest

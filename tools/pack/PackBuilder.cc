@@ -267,8 +267,7 @@ bool patchEntries(const std::string& path, const std::string& bytes, const std::
         // A file beyond what a device patches travels whole, as it would without patches.
         if (!patch.ok()) return false;
         ZipWriter::Entry entry;
-        entry.name = std::string(kPatchPrefix);
-        entry.name.append(oldMd5).append("/").append(path);
+        entry.name = FerritCore::patchEntryName(oldMd5, path);
         entry.content = std::move(*patch);
         entry.deflate = false;  // a zstd frame does not deflate further
         patchBytes += entry.content.size();

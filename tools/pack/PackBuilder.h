@@ -96,9 +96,6 @@ bool buildIncrement(const PackContent& previous, const PackContent& current,
                     const PackOptions& options, std::string& zip, std::string& error,
                     IncrementSummary* summary = nullptr);
 
-// Where a patched increment puts each patch: "patch/<MD5 of the reference>/<path>", so that a
-// device applies it only to a file whose vouched-for MD5 is that one.
-inline constexpr std::string_view kPatchPrefix = "patch/";
 // A changed file travels as patches only when its patches together are at least this many bytes
 // smaller than the file as the plain increment carries it: below that the saving does not pay
 // for a device's patching.
