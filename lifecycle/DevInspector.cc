@@ -31,6 +31,7 @@
 #include "update/Preload.h"
 #include "update/Preview.h"
 #include "update/UpdateConfig.h"
+#include "update/UpdatePack.h"
 
 namespace FerritCore {
 namespace {
@@ -182,6 +183,23 @@ void clearCommand(const JSON&, Context context) {
     reply(context, /*success=*/true);
 }
 
+// The latest finished pack updates of this process, oldest first, whatever started them: the form
+// each installed and why a form was given up.
+JSON packUpdates() {
+    JSON packs = JSON(MarlLogger::json::JSONArray());
+    for (const UpdateOutcome& outcome : UpdatePack::recentOutcomes()) {
+        JSON entry = JSONObject{{"name", outcome.name}, {"seq", outcome.seq}};
+        if (!outcome.form.empty()) entry.set("form", outcome.form);
+        if (!outcome.patchRefused.empty()) entry.set("patchRefused", outcome.patchRefused);
+        if (!outcome.incrRefused.empty()) entry.set("incrRefused", outcome.incrRefused);
+        if (!outcome.error.empty()) entry.set("error", outcome.error);
+        packs.push(std::move(entry));
+    }
+    return packs;
+}
+
+// Checks the configuration now; once the check ends, answers with the latest finished pack
+// updates of this process (not those the check queued, which run after it).
 void update(const JSON&, Context context) {
     UpdateConfig::instance().start(
         kTriggerDebugTool, "0",
@@ -189,7 +207,13 @@ void update(const JSON&, Context context) {
             if (error) {
                 replyError(context, error);
             } else {
-                reply(context, /*success=*/true);
+                JSON packs = packUpdates();
+                // A process that updated no pack answers as it always did.
+                if (packs.arrayValue().empty()) {
+                    reply(context, /*success=*/true);
+                } else {
+                    reply(context, /*success=*/true, JSONObject{{"packs", std::move(packs)}});
+                }
             }
         },
         0);

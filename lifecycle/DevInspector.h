@@ -5,7 +5,10 @@
 // a tool sends a command.
 //
 // Handlers run on the thread that delivers the command; "update" and "readDiskFileList" answer
-// later, from their completion. Every handler answers exactly once.
+// later, from their completion. "update" answers, once the configuration check ends, with the
+// latest finished pack updates of this process, oldest first, whatever started them (the form
+// each installed and why a form was given up); the pack runs the check queued may still be under
+// way then, and show in a later answer. Every handler answers exactly once.
 #pragma once
 
 #include <memory>

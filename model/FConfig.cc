@@ -361,6 +361,7 @@ PackPtr FConfig::resolveRollout(PackPtr p, std::string_view installId) const {
         n->baseSeq = 0;
         n->md5.clear();
         n->incrMd5.clear();
+        n->patchMd5.clear();
         n->gray = (p->gray & ~kGrayStateMask) | kGrayStateGray;
         // A first rollout marks the record deleted for devices that do not know these keys: to
         // them the pack does not exist yet. The version in rollout does.

@@ -73,6 +73,7 @@ std::vector<std::string>* Pack::listField(std::string_view key) {
 std::string* Pack::textField(std::string_view key) {
     if (key == "c") return &md5;
     if (key == "ci") return &incrMd5;
+    if (key == "cp") return &patchMd5;
     if (key == "zipURL") return &zipURL;
     return nullptr;
 }
@@ -134,6 +135,7 @@ void Pack::writeJSON(JSONStringer& out) const {
     if (marker != 0) out.key("m").value(marker);
     if (!md5.empty()) out.key("c").value(md5);
     if (!incrMd5.empty()) out.key("ci").value(incrMd5);
+    if (!patchMd5.empty()) out.key("cp").value(patchMd5);
     if (!prefixes.empty()) {
         out.key("p").array();
         for (const auto& prefix : prefixes) out.value(prefix);

@@ -66,6 +66,10 @@ struct Pack {
     uint64_t marker = 0;
     std::string md5;
     std::string incrMd5;
+    // "cp": the MD5 of the patched increment, whose changed files travel as patches against the
+    // versions since `baseSeq`; empty when none was published. Asked for only where the plain
+    // increment would be.
+    std::string patchMd5;
     std::vector<std::string> prefixes;
     std::vector<std::string> referrers;
     uint64_t gray = 0;
@@ -98,7 +102,7 @@ struct Pack {
     void readJSON(const MarlLogger::json::JSON& object);
     // One member of a record's object, by the same rule; unknown keys are ignored.
     void readField(std::string_view key, const MarlLogger::json::JSON& value);
-    // The field a key names when it holds text ("c", "ci", "zipURL") or a list of text ("p",
+    // The field a key names when it holds text ("c", "ci", "cp", "zipURL") or a list of text ("p",
     // "r"), for readers that fill them straight from the parser; null for other keys.
     std::string* textField(std::string_view key);
     std::vector<std::string>* listField(std::string_view key);

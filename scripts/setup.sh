@@ -34,11 +34,15 @@ install_typecheck() {
 }
 
 # puppeteer-core drives the system's Chromium, pinned by its committed lock file; it never
-# downloads a browser of its own.
+# downloads a browser of its own. The same lock pins the two releases of a web library that the
+# patch benchmark and the story's large script use: a tree installed before they were added lacks
+# them and is installed again.
 install_e2e() {
   local dir
   dir="$(cd "$(dirname "$0")/.." && pwd)/tests/e2e"
-  [ -f "$dir/node_modules/puppeteer-core/package.json" ] && return 0
+  [ -f "$dir/node_modules/puppeteer-core/package.json" ] &&
+    [ -f "$dir/node_modules/release-old/package.json" ] &&
+    [ -f "$dir/node_modules/release-new/package.json" ] && return 0
   (cd "$dir" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --ignore-scripts --no-audit --no-fund >/dev/null)
 }
 

@@ -58,6 +58,12 @@ Error setUpCompression(ZSTD_CCtx* context, int level, int windowLog, std::string
 
 }  // namespace
 
+std::string patchEntryName(std::string_view referenceMd5, std::string_view path) {
+    std::string name(kPatchEntryPrefix);
+    name.append(referenceMd5).append("/").append(path);
+    return name;
+}
+
 ErrorOr<std::string> makePatch(std::string_view reference, std::string_view target, int level,
                                uint64_t limit) {
     if (reference.size() > limit)
@@ -77,9 +83,12 @@ ErrorOr<std::string> makePatch(std::string_view reference, std::string_view targ
     return patch;
 }
 
-PatchApplier::PatchApplier(std::string_view reference, Folder target, uint64_t limit)
+PatchApplier::PatchApplier(std::string_view reference, Folder target, uint64_t expectedSize,
+                           std::string expectedMd5, uint64_t limit)
     : reference_(reference),
       target_(std::move(target)),
+      expectedSize_(expectedSize),
+      expectedMd5_(std::move(expectedMd5)),
       limit_(limit),
       context_(nullptr, ZSTD_freeDCtx) {}
 
@@ -120,6 +129,11 @@ Error PatchApplier::readHeader(std::string_view& piece, std::string& gathered) {
         return fail("the patch declares no content size");
     if (header.frameContentSize > limit_)
         return fail(sizeWords("a content size", header.frameContentSize, limit_));
+    // A patch for another size of file is for another file: refused before it costs a window.
+    if (header.frameContentSize != expectedSize_) {
+        error_ = Errors::fileVerifySize(target_, header.frameContentSize, expectedSize_);
+        return error_;
+    }
     if (header.windowSize > limit_) return fail(sizeWords("a window", header.windowSize, limit_));
     if (reference_.size() > limit_)
         return fail(sizeWords("a reference", reference_.size(), limit_));
@@ -173,16 +187,16 @@ Error PatchApplier::decode(std::string_view piece, Sink sink) {
     return Error();
 }
 
-Error PatchApplier::finish(uint64_t expectedSize, std::string_view expectedMd5) {
+Error PatchApplier::finish() {
     if (error_) return error_;
     if (!ended_) return fail("the patch is truncated");
-    if (written_ != expectedSize) {
-        error_ = Errors::fileVerifySize(target_, written_, expectedSize);
+    if (written_ != expectedSize_) {
+        error_ = Errors::fileVerifySize(target_, written_, expectedSize_);
         return error_;
     }
     const std::string md5 = md5_.finishHex();
-    if (md5 != expectedMd5) {
-        error_ = Errors::fileVerifyMd5(target_, md5, std::string(expectedMd5));
+    if (md5 != expectedMd5_) {
+        error_ = Errors::fileVerifyMd5(target_, md5, expectedMd5_);
         return error_;
     }
     return Error();
@@ -191,12 +205,12 @@ Error PatchApplier::finish(uint64_t expectedSize, std::string_view expectedMd5) 
 Error applyPatch(std::string_view reference, std::string_view patch, const Folder& target,
                  uint64_t expectedSize, std::string_view expectedMd5, PatchApplier::Sink sink,
                  uint64_t limit) {
-    PatchApplier applier(reference, target, limit);
+    PatchApplier applier(reference, target, expectedSize, std::string(expectedMd5), limit);
     // In the pieces a download would bring them, so that one path is the one tested.
     for (size_t at = 0; at < patch.size(); at += kPatchChunk) {
         if (Error error = applier.feed(patch.substr(at, kPatchChunk), sink)) return error;
     }
-    return applier.finish(expectedSize, expectedMd5);
+    return applier.finish();
 }
 
 }  // namespace FerritCore

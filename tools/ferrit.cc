@@ -128,7 +128,15 @@ const std::map<std::string, Command>& commands() {
           "    and, when the pack was published before, the increment from its base (first) "
           "version\n"
           "    at <zips>/<name>/i/<seq>.zip, which brings a device on the base or on any later\n"
-          "    version to the new one. A pack whose files did not change keeps its version; when\n"
+          "    version to the new one. Beside it, at <zips>/<name>/p/<seq>.zip, goes the\n"
+          "    patched increment when it is smaller: the same signed list, with each changed\n"
+          "    file that every version since the base has as zstd patches against those\n"
+          "    versions' bytes (read back from their full zips in OUT; a version whose zip is\n"
+          "    gone sends its paths whole), and its MD5 as \"cp\" in the pack's documents. A\n"
+          "    device that knows patches fetches it first; any other takes the increment or the\n"
+          "    full zip as before. Each pack's line says what the patched and the plain\n"
+          "    increment weigh and the share saved.\n"
+          "    A pack whose files did not change keeps its version; when\n"
           "    none changed nothing is written (unless the configuration is due to be signed "
           "again,\n"
           "    below). What the next run builds on (the sequence "
@@ -310,6 +318,80 @@ MarlLogger::json::JSON stringsJson(const std::vector<std::string>& strings) {
     return MarlLogger::json::JSON(strings);
 }
 
+// What the patched increment weighs against the plain one, and what it saves of it.
+std::string patchedLine(const PublishedPack& pack) {
+    const uint64_t plain = pack.incrementBytes;
+    const uint64_t patched = pack.patchedBytes;
+    std::string line = "patched increment " + std::to_string(patched) + " bytes, increment " +
+                       std::to_string(plain) + " bytes";
+    if (!pack.patched) return line + ": not smaller, not written";
+    // In tenths of a percent, rounded down: a saving is never shown larger than it is.
+    const uint64_t permille = plain == 0 ? 0 : (plain - patched) * 1000 / plain;
+    return line + " (" + std::to_string(pack.patches.patched.size()) + " patched, " +
+           std::to_string(permille / 10) + "." + std::to_string(permille % 10) + "% saved)";
+}
+
+// What --json says of one pack of a publish.
+MarlLogger::json::JSON packReport(const PublishedPack& pack) {
+    using MarlLogger::json::JSON;
+    using MarlLogger::json::JSONObject;
+    JSONObject record{{"name", JSON(pack.name)},
+                      {"seq", JSON(pack.seq)},
+                      {"baseSeq", JSON(pack.baseSeq)},
+                      {"changed", JSON(pack.changed)}};
+    if (pack.changed) {
+        record.set("kind", JSON(pack.incremental              ? "increment"
+                                : pack.rebased || pack.newKey ? "new base"
+                                                              : "full"));
+        if (pack.newKey) record.set("newKey", JSON(/*value=*/true));
+        if (!pack.skipped.empty()) {
+            MarlLogger::json::JSONArray skipped;
+            for (uint64_t seq : pack.skipped) skipped.push_back(JSON(seq));
+            record.set("skipped", JSON(std::move(skipped)));
+        }
+        if (pack.incremental) {
+            record.set("increment",
+                       JSON(JSONObject{{"changed", stringsJson(pack.summary.changed)},
+                                       {"added", stringsJson(pack.summary.added)},
+                                       {"removed", stringsJson(pack.summary.removed)}}));
+            record.set("patched",
+                       JSON(JSONObject{{"written", JSON(pack.patched)},
+                                       {"patchedFiles", stringsJson(pack.patches.patched)},
+                                       {"bytes", JSON(pack.patchedBytes)},
+                                       {"incrementBytes", JSON(pack.incrementBytes)},
+                                       {"fullBytes", JSON(pack.fullBytes)}}));
+        }
+        record.set("written", stringsJson(pack.written));
+    }
+    return JSON(std::move(record));
+}
+
+// The lines of one pack of a publish that changed the configuration.
+void printPack(const PublishedPack& pack, std::ostream& text) {
+    text << pack.name << " " << pack.seq;
+    if (!pack.changed) {
+        text << " unchanged\n";
+        return;
+    }
+    if (pack.incremental) {
+        text << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
+             << " changed, " << pack.summary.added.size() << " added, "
+             << pack.summary.removed.size() << " removed)";
+    } else if (pack.newKey) {
+        text << " (full; a new base, signed by the new key)";
+    } else if (pack.rebased) {
+        text << " (full; a new base, as the history lacks a version since the old one)";
+    } else {
+        text << " (full)";
+    }
+    text << "\n";
+    if (pack.incremental) text << "  " << patchedLine(pack) << "\n";
+    for (uint64_t seq : pack.skipped) {
+        text << "  skipped " << seq << ": its zips were left by a publish that did not finish\n";
+    }
+    for (const std::string& path : pack.written) text << "  wrote " << path << "\n";
+}
+
 int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     using MarlLogger::json::JSON;
     using MarlLogger::json::JSONObject;
@@ -390,52 +472,8 @@ int publishCommand(const std::vector<std::string>& arguments, ToolOutput& out) {
     for (const std::string& name : result.removed)
         out.text() << name << " removed: it left the manifest, and no channel releases it\n";
     for (const PublishedPack& pack : result.packs) {
-        JSONObject record{{"name", JSON(pack.name)},
-                          {"seq", JSON(pack.seq)},
-                          {"baseSeq", JSON(pack.baseSeq)},
-                          {"changed", JSON(pack.changed)}};
-        if (pack.changed) {
-            record.set("kind", JSON(pack.incremental              ? "increment"
-                                    : pack.rebased || pack.newKey ? "new base"
-                                                                  : "full"));
-            if (pack.newKey) record.set("newKey", JSON(true));
-            if (!pack.skipped.empty()) {
-                MarlLogger::json::JSONArray skipped;
-                for (uint64_t seq : pack.skipped) skipped.push_back(JSON(seq));
-                record.set("skipped", JSON(std::move(skipped)));
-            }
-            if (pack.incremental) {
-                record.set("increment",
-                           JSON(JSONObject{{"changed", stringsJson(pack.summary.changed)},
-                                           {"added", stringsJson(pack.summary.added)},
-                                           {"removed", stringsJson(pack.summary.removed)}}));
-            }
-            record.set("written", stringsJson(pack.written));
-        }
-        out.append("packs", JSON(std::move(record)));
-        if (result.version == 0) continue;
-        out.text() << pack.name << " " << pack.seq;
-        if (!pack.changed) {
-            out.text() << " unchanged\n";
-            continue;
-        }
-        if (pack.incremental) {
-            out.text() << " (increment from " << pack.baseSeq << ": " << pack.summary.changed.size()
-                       << " changed, " << pack.summary.added.size() << " added, "
-                       << pack.summary.removed.size() << " removed)";
-        } else if (pack.newKey) {
-            out.text() << " (full; a new base, signed by the new key)";
-        } else if (pack.rebased) {
-            out.text() << " (full; a new base, as the history lacks a version since the old one)";
-        } else {
-            out.text() << " (full)";
-        }
-        out.text() << "\n";
-        for (uint64_t seq : pack.skipped) {
-            out.text() << "  skipped " << seq
-                       << ": its zips were left by a publish that did not finish\n";
-        }
-        for (const std::string& path : pack.written) out.text() << "  wrote " << path << "\n";
+        out.append("packs", packReport(pack));
+        if (result.version != 0) printPack(pack, out.text());
     }
     return out.finish();
 }

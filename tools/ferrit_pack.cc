@@ -117,8 +117,10 @@ DESCRIPTION
     With --patches, also writes the patched increment: the same list and entries, except that
     a changed file whose zstd patch against its bytes in OLD is at least 256 bytes smaller than
     the file deflated travels as "patch/<MD5 of the OLD bytes>/<path>". Prints each patched file,
-    the patched zip's MD5 and the bytes it saves against OUT.zip. Devices of this version do not
-    install a patched increment: publish OUT.zip where the increment goes, never this one.
+    the patched zip's MD5, the bytes it saves against OUT.zip, both sizes and the share saved.
+    OUT.zip stays the increment that every device can take; the patched one goes beside it at
+    <zips>/<name>/p/<seq>.zip, named by "cp" in the configuration (config --patch), and a device
+    that knows patches fetches it first. `ferrit publish` writes both itself.
 
 OPTIONS
     --key PEM             Ed25519 private key (PEM) that signs the list.
@@ -170,16 +172,18 @@ const char* const kConfigHelp = R"(NAME
 
 SYNOPSIS
     ferrit pack config --key PEM --version V --pack NAME [--seq N] [--base-seq N] [--flags N]
-                       [--zip FILE | --md5 HEX] [--incr FILE | --incr-md5 HEX] [--prefix URL]...
+                       [--zip FILE | --md5 HEX] [--incr FILE | --incr-md5 HEX]
+                       [--patch FILE | --patch-md5 HEX] [--prefix URL]...
                        [--publish-time MS] [--pack NAME ...]... OUT
 
 DESCRIPTION
-    Writes {"v": V, "packs": {NAME: {"s", "f", "b", "t", "c", "ci", "p"}}} followed by "||" and
-    the signature, the form in which a configuration endpoint serves documents. The options
-    after each --pack describe that pack; members equal to 0 or empty are left out, and a pack
-    with none is written as {}, which clients read as deleted. "c" is the MD5 of the full zip
-    and "ci" that of the incremental zip; --zip and --incr compute them from the files (give the
-    plain zip, not its wrapped image). Packs appear in the order given.
+    Writes {"v": V, "packs": {NAME: {"s", "f", "b", "t", "c", "ci", "cp", "p"}}} followed by
+    "||" and the signature, the form in which a configuration endpoint serves documents. The
+    options after each --pack describe that pack; members equal to 0 or empty are left out, and
+    a pack with none is written as {}, which clients read as deleted. "c" is the MD5 of the full zip
+    and "ci" that of the incremental zip, "cp" that of the patched increment from the same base
+    (readers that do not know it ignore it); --zip, --incr and --patch compute them from the
+    files (give the plain zip, not its wrapped image). Packs appear in the order given.
 
 OPTIONS
     --key PEM             Ed25519 private key (PEM) that signs the document.
@@ -192,6 +196,8 @@ OPTIONS
     --md5 HEX             "c" as given.
     --incr FILE           "ci" from the MD5 of FILE.
     --incr-md5 HEX        "ci" as given.
+    --patch FILE          "cp" from the MD5 of FILE, the patched increment (pack diff --patches).
+    --patch-md5 HEX       "cp" as given.
     --prefix URL          an entry of "p", a URL prefix the pack serves; repeatable.
     --publish-time MS     "t", milliseconds since the epoch.
     --json                report as one JSON document on stdout (see `ferrit help`).
@@ -355,13 +361,17 @@ int writePatched(const PackContent& previous, const PackContent& current,
     const int64_t saved = static_cast<int64_t>(plainBytes) - static_cast<int64_t>(zip.size());
     out.text() << "wrote " << arguments.patchesPath << " (" << summary.patched.size()
                << " patched, md5 " << md5 << ", " << saved << " bytes saved)\n";
+    // In tenths of a percent, rounded toward zero: a saving is never shown larger than it is.
+    const int64_t permille = plainBytes == 0 ? 0 : saved * 1000 / static_cast<int64_t>(plainBytes);
+    out.text() << "patched increment " << zip.size() << " bytes, increment " << plainBytes
+               << " bytes (" << (permille < 0 ? "-" : "") << std::abs(permille) / 10 << "."
+               << std::abs(permille) % 10 << "% saved)\n";
     out.set("patched", JSON(summary.patched));
     out.set("patchedZip", JSON(arguments.patchesPath));
     out.set("patchedBytes", JSON(static_cast<uint64_t>(zip.size())));
     out.set("patchedMd5", JSON(md5));
     out.set("bytesSaved", JSON(saved));
-    out.note("devices of this version do not install a patched increment: publish " +
-             arguments.positional[2] + " as the increment");
+    out.set("incrementBytes", JSON(plainBytes));
     return kSuccess;
 }
 
@@ -478,6 +488,14 @@ int checkSignedDocumentLine(ToolOutput& out, const std::string& command,
     return kSuccess;
 }
 
+// The MD5 of a configuration's pack that an option names: "c" (--zip, --md5), "ci" (--incr,
+// --incr-md5) or "cp" (--patch, --patch-md5).
+std::string& md5Field(ConfigPack& pack, const std::string& option) {
+    if (option.starts_with("--incr")) return pack.incrMd5;
+    if (option.starts_with("--patch")) return pack.patchMd5;
+    return pack.md5;
+}
+
 int config(int argc, char** argv, ToolOutput& out) {
     SignedDocumentLine line;
     std::vector<ConfigPack> packs;
@@ -498,15 +516,15 @@ int config(int argc, char** argv, ToolOutput& out) {
                 if (arg == "--base-seq") pack.baseSeq = number;
                 if (arg == "--flags") pack.flags = number;
                 if (arg == "--publish-time") pack.publishTime = static_cast<double>(number);
-            } else if (arg == "--zip" || arg == "--incr") {
+            } else if (arg == "--zip" || arg == "--incr" || arg == "--patch") {
                 std::string zip;
                 if (!readWholeFile(value, zip)) return out.fail("cannot read " + value);
-                (arg == "--zip" ? pack.md5 : pack.incrMd5) = FerritCore::Digest::md5Hex(zip);
-            } else if (arg == "--md5" || arg == "--incr-md5") {
+                md5Field(pack, arg) = FerritCore::Digest::md5Hex(zip);
+            } else if (arg == "--md5" || arg == "--incr-md5" || arg == "--patch-md5") {
                 if (value.size() != 32 ||
                     value.find_first_not_of("0123456789abcdef") != std::string::npos)
                     return out.usage(arg + " takes 32 lower-case hexadecimal digits");
-                (arg == "--md5" ? pack.md5 : pack.incrMd5) = value;
+                md5Field(pack, arg) = value;
             } else if (arg == "--prefix") {
                 pack.prefixes.push_back(value);
             } else {

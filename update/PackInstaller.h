@@ -82,6 +82,9 @@ class PackInstaller {
     Error appendFile(std::string_view piece);
     Error endFile(std::string_view checkedMd5 = {});
     void abandonFile();
+    // Bytes the file under way holds in memory: a packed store file's gathered pieces, none for
+    // a Disk file.
+    uint64_t heldBytes() const { return streamBytes_.capacity(); }
     // Whether this run has written `path`.
     bool wrote(const std::string& path) const { return written_.count(path) != 0; }
 

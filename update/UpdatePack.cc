@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <deque>
 #include <new>
 
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/LogTags.h"
+#include "base/ProcessState.h"
 #include "base/Proxy.h"
 #include "marl/Clock.h"
 #include "marl/Log.h"
@@ -66,6 +68,21 @@ void addTempPath(std::vector<Folder>& paths, const Folder& folder) {
     for (const Folder& path : paths)
         if (path == folder) return;
     paths.push_back(folder);
+}
+
+// The latest finished runs, for the inspector: the worker writes, a tool's thread reads.
+struct RecentOutcomes {
+    Mutex mutex;
+    std::deque<UpdateOutcome> outcomes GUARDED_BY(mutex);
+};
+
+RecentOutcomes& recentOutcomeList() {
+    // A test's reset empties it: each test starts as a process that updated nothing.
+    static RecentOutcomes* const list = ProcessState::create<RecentOutcomes>([](RecentOutcomes& r) {
+        MutexLock lock(r.mutex);
+        r.outcomes.clear();
+    });
+    return *list;
 }
 
 void removeTempPath(std::vector<Folder>& paths, const Folder& folder) {
@@ -389,10 +406,17 @@ bool UpdatePack::takeConfig(const std::string& body, Error error) {
 void UpdatePack::requestResource() {
     assertOnWorker();
     run_.incremental = !run_.fullOnly && pack_->canUpdateIncrementally();
+    run_.form = UpdateForm::Full;
+    // Read once: whether a patch may be asked for and the address agree on it.
+    const uint32_t payloadKind = UpdatePackWork::payloadKind(*pack_);
+    if (run_.incremental) {
+        const bool patched = !run_.patchRefused && UpdatePackWork::mayPatch(*pack_, payloadKind);
+        run_.form = patched ? UpdateForm::Patched : UpdateForm::Incremental;
+    }
     perf_.setDimension("newSeq", decimal(pack_->seq));
     perf_.setDimension("incr", run_.incremental ? "true" : "false");
     if (!mayDownload()) return;
-    run_.download = UpdatePackWork::planDownload(*pack_, name_, run_.incremental);
+    run_.download = UpdatePackWork::planDownload(*pack_, name_, run_.form, payloadKind);
     if (run_.download.error) {
         fail(run_.download.error);
         return;
@@ -440,6 +464,7 @@ void UpdatePack::onZip(uint64_t expectedSize, Error error) {
         .append("size", size);
     if (error) log.error(error);
     log.done();
+    if (refuseForm(error)) return;
     if (error) {
         fail(std::move(error));
         return;
@@ -461,7 +486,9 @@ UpdatePackWork::Job UpdatePack::job() const {
                                run_.incremental,
                                run_.download.payloadKind,
                                run_.download.tempFolder,
-                               run_.download.zipFile};
+                               run_.download.zipFile,
+                               run_.form == UpdateForm::Patched,
+                               pack_->installedFolder()};
 }
 
 void UpdatePack::takeUnpacked(const Unpacked& unpacked) {
@@ -485,6 +512,7 @@ void UpdatePack::installRaw() {
     if (run_.oldSeq != 0 && run_.oldSeq != pack_->seq)
         run_.retiredFolder = pack_->installedFolder();
     ResourceIndexPool::remove(name_);
+    perf_.setDimension("form", updateFormName(UpdateForm::Full));
     perf_.stage("updateFinished");
     finished();
 }
@@ -495,6 +523,7 @@ void UpdatePack::install() {
     UpdatePackWork work(job(), perf_);
     const Unpacked unpacked = work.unpack();
     takeUnpacked(unpacked);
+    if (refuseForm(unpacked.error)) return;
     if (unpacked.error) {
         fail(unpacked.error);
         return;
@@ -513,6 +542,10 @@ void UpdatePack::install() {
     // Readers load the new list at their next match.
     ResourceIndexPool::remove(requestedName_);
     if (name_ != requestedName_) ResourceIndexPool::remove(name_);
+    perf_.setDimension("form", updateFormName(run_.form));
+    // Only the form that installed: a refused patched attempt says nothing of what this run held.
+    if (run_.form == UpdateForm::Patched)
+        perf_.setMeasure("patchMemory", static_cast<double>(unpacked.patchMemory));
     perf_.stage("updateFinished");
     finished();
 }
@@ -526,6 +559,8 @@ bool UpdatePack::completeVersion(UpdatePackWork& work, const Folder& installed) 
     }
     const Kept kept = work.copyKept(installed);
     run_.installedSize += kept.bytes;
+    // A file the plain increment keeps as well would refuse it too: the full zip is next then.
+    if (kept.incrementBringsIt && refuseForm(kept.refused)) return false;
     if (kept.refused) {
         refuseIncrement(kept.refused);
         return false;
@@ -547,8 +582,46 @@ void UpdatePack::refuseIncrement(Error why) {
                 "fetching the full zip")
         .error(why);
     perf_.setDimension("incrRefused", why.message());
+    run_.incrRefusedWhy = why.message();
+    dropForm();
     run_.fullOnly = true;
     requestResource();
+}
+
+bool UpdatePack::refuseForm(const Error& why) {
+    if (!why || run_.form != UpdateForm::Patched) return false;
+    refusePatch(why);
+    return true;
+}
+
+void UpdatePack::refusePatch(const Error& why) {
+    MarlLogger::LogBuilder(MarlLogger::MRLLevelWarning, LogTag::kUpdatePack)
+        .event("patchRefused", parentId_)
+        .id(run_.runId)
+        .append("url", run_.url)
+        .append("message",
+                "the patched increment does not make the new version here; "
+                "fetching the plain increment")
+        .error(why);
+    perf_.setDimension("patchRefused", why.message());
+    run_.patchRefusedWhy = why.message();
+    dropForm();
+    run_.patchRefused = true;
+    requestResource();
+}
+
+void UpdatePack::dropForm() {
+    std::vector<Folder> dropped{run_.download.tempFolder};
+    // A version of the packed store is written in place: its keys go too.
+    const Folder target = UpdatePackWork::newVersionFolder(*pack_);
+    if (target.kind() == FolderKind::Packed) dropped.push_back(target);
+    for (const Folder& folder : dropped) {
+        bool held = false;
+        for (const Folder& path : run_.tempPaths) held = held || path == folder;
+        if (!held) continue;
+        Folder::removeFile(folder, Removal::kGone);
+        removeTempPath(run_.tempPaths, folder);
+    }
 }
 
 void UpdatePack::takePublished(Persisted persisted) {
@@ -569,6 +642,7 @@ void UpdatePack::finished() {
     runnable_ = false;
     if (error_) perf_.setError(error_);
     logFinished();
+    noteOutcome();
     for (const Folder& folder : run_.tempPaths) Folder::removeFile(folder, Removal::kGone);
     run_.tempPaths.clear();
     if (run_.retiredFolder && run_.installed) retireReplaced();
@@ -597,6 +671,26 @@ void UpdatePack::logFinished() {
         if (error_) log.error(error_);
     }
     log.done();
+}
+
+void UpdatePack::noteOutcome() const {
+    UpdateOutcome outcome;
+    outcome.name = name_;
+    outcome.seq = pack_ ? pack_->seq : 0;
+    if (run_.installed) outcome.form = updateFormName(run_.form);
+    outcome.patchRefused = run_.patchRefusedWhy;
+    outcome.incrRefused = run_.incrRefusedWhy;
+    if (error_) outcome.error = error_.message();
+    RecentOutcomes& list = recentOutcomeList();
+    MutexLock lock(list.mutex);
+    list.outcomes.push_back(std::move(outcome));
+    if (list.outcomes.size() > kRecentOutcomes) list.outcomes.pop_front();
+}
+
+std::vector<UpdateOutcome> UpdatePack::recentOutcomes() {
+    RecentOutcomes& list = recentOutcomeList();
+    MutexLock lock(list.mutex);
+    return {list.outcomes.begin(), list.outcomes.end()};
 }
 
 void UpdatePack::retireReplaced() {

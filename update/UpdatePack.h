@@ -16,6 +16,11 @@
 // may be added from any thread; they are called on the worker, or at once on the adding thread
 // when the task has already ended.
 //
+// Forms: a run that may take an increment asks first for the patched increment when the record
+// names one, then the plain increment, then the full zip; each form that fails in a way the next
+// one may not is given up in the same run, saying why ("patchRefused", "incrRefused"), and what it
+// left is deleted at once. The record's "form" names the one installed.
+//
 // Failure: every failure ends the task in finished() with `error` set. The record stays as it
 // was, installed sequence included, so readers go on with the old version; the temporary folder
 // and a half-written new version are deleted. Only two things outlast a failure: status 1 after
@@ -70,6 +75,16 @@ struct UpdatePolicy {
     // "Visit" and "Preview": everything but boostScore; "Prefetch": ignorePriority and
     // boostScore; every other trigger: nothing.
     static const UpdatePolicy& forTrigger(UpdateTrigger trigger);
+};
+
+// What one finished run came to, as the inspector's update report shows it.
+struct UpdateOutcome {
+    std::string name;
+    uint64_t seq = 0;          // the version the run was for
+    std::string form;          // "patched", "incremental" or "full" when it installed; else empty
+    std::string patchRefused;  // why the patched increment was given up, or empty
+    std::string incrRefused;   // why the plain increment was given up, or empty
+    std::string error;         // why the run failed, or empty
 };
 
 class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
@@ -147,8 +162,10 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     bool persistOld() const { return run_.persisted.persistOld; }
     bool isPacks() const { return run_.isPacks; }
     uint64_t installedSize() const { return run_.installedSize; }
-    // Whether this run fetched the incremental zip.
+    // Whether this run fetched an increment, patched or plain.
     bool incremental() const { return run_.incremental; }
+    // The form this run fetched last: the one installed, when the run installed.
+    UpdateForm form() const { return run_.form; }
     const StagedRecord& perf() const { return perf_; }
 
     // The pack's queue score: its eviction score (Cleanup::evictionScore) over its access value.
@@ -162,6 +179,11 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     static void setRandomSource(RandomSource source);
     // Task objects waiting in the free list.
     static size_t spareCount();
+
+    // The runs kept for the inspector, the latest last.
+    static constexpr size_t kRecentOutcomes = 16;
+    // The latest finished runs, oldest first; any thread.
+    static std::vector<UpdateOutcome> recentOutcomes();
 
   protected:
     // Ends a run that a subclass drives itself (a task double of the queue's tests): sets the
@@ -195,6 +217,14 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     // Abandons an increment that the installed version cannot complete and fetches the full zip
     // in the same run, saying why in the log and the record.
     void refuseIncrement(Error why);
+    // When `why` is set and the run fetched the patched increment, refuses it (refusePatch) and
+    // returns true; false otherwise, with the run as it was.
+    bool refuseForm(const Error& why);
+    // Abandons a patched increment that failed in any way (its download, its MD5, a patch, a
+    // reference) and fetches the plain increment in the same run, saying why.
+    void refusePatch(const Error& why);
+    // Deletes what the form just refused left: its download's folder and its unpublished writes.
+    void dropForm();
     // Takes what the publishing transaction produced: the new version is installed.
     void takePublished(Persisted persisted);
     // Makes the published swap durable, deletes what the run leaves behind, reports, and tells
@@ -202,6 +232,8 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
     void finished();
     void fail(Error error);
     void logFinished();
+    // Keeps what this run came to among the recent outcomes.
+    void noteOutcome() const;
     // Posts the deletion of the replaced version's folder, after the swap's commit.
     void retireReplaced();
     // Tells the host of the new version and sends the run's record.
@@ -242,9 +274,15 @@ class UpdatePack : public std::enable_shared_from_this<UpdatePack> {
         // The pack configuration's address, then the zip's.
         std::string url;
         Awaiting awaiting = Awaiting::Nothing;
-        // Whether this run fetches the incremental zip; an increment once refused, never again.
+        // Whether this run fetches an increment, and in which form; a form once refused, never
+        // again in this run.
         bool incremental = false;
         bool fullOnly = false;
+        UpdateForm form = UpdateForm::Full;
+        bool patchRefused = false;
+        // Why a form was given up, as the record says it.
+        std::string patchRefusedWhy;
+        std::string incrRefusedWhy;
         // Where the download goes.
         DownloadPlan download;
         // Everything to delete when the run ends, in the order it was added; no duplicates.

@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <optional>
 
 #include "base/Digest.h"
 #include "base/Environment.h"
@@ -10,6 +11,7 @@
 #include "runtime/Settings.h"
 #include "runtime/WorkerCheck.h"
 #include "update/Cleanup.h"
+#include "update/PatchedEntries.h"
 #include "update/UpdatePack.h"
 #include "update/WrappedPayload.h"
 
@@ -22,6 +24,9 @@ constexpr std::string_view kIndexEntry = kIndexFileName;
 constexpr std::string_view kInfoEntry = "app-info.hvc";
 // The download inside the run's temporary folder.
 constexpr std::string_view kDownloadName = "origin.zip";
+// A patch entry names its file without this folder, as the list names it with: the two are
+// matched by adding it.
+constexpr std::string_view kResourcePrefix = "res/";
 // Bits 16 and 17 of the flags, where the payload kind sits.
 constexpr uint64_t kPayloadKindMask = 0x30000;
 
@@ -41,19 +46,37 @@ Error serverError(const Pack& pack) {
     return Errors::noServerAddress("pack server", Settings::zipPrefixKey(pack.packType(), env));
 }
 
-void addAddress(const Pack& pack, bool incremental, DownloadPlan& plan) {
-    const std::shared_ptr<const Settings> settings = Settings::current();
-    plan.payloadKind = 0;
+bool hasOwnZip(const Pack& pack) {
+    return pack.status == kPackStatusPreview || pack.subType == kSubTypeFixedUrl;
+}
+
+// The payload kind a download of `pack` from the pack server comes in.
+uint32_t payloadKindOf(const Pack& pack, const Settings& settings) {
     // "Debug" reads the pre-release configuration, which never asks for wrapped payloads.
-    if (settings->encryptionTypeValue() != 0 && Environment::instance().env() != kEnvDebug)
-        plan.payloadKind = static_cast<uint32_t>(pack.flags & kPayloadKindMask);
-    if (pack.status == kPackStatusPreview || pack.subType == kSubTypeFixedUrl) {
+    if (settings.encryptionTypeValue() == 0 || Environment::instance().env() == kEnvDebug) return 0;
+    return static_cast<uint32_t>(pack.flags & kPayloadKindMask);
+}
+
+// The folder of each form beside the pack's root on the pack server.
+const char* formFolder(UpdateForm form) {
+    switch (form) {
+        case UpdateForm::Patched:
+            return "/p/";
+        case UpdateForm::Incremental:
+            return "/i/";
+        case UpdateForm::Full:
+            break;
+    }
+    return "/";
+}
+
+void addAddress(const Pack& pack, UpdateForm form, DownloadPlan& plan) {
+    if (hasOwnZip(pack)) {
         plan.url = pack.zipURL;
-        plan.payloadKind = 0;
         return;
     }
-    plan.url = settings->zipPrefixFor(pack.packType());
-    plan.url.append(pack.rootName()).append(incremental ? "/i/" : "/");
+    plan.url = Settings::current()->zipPrefixFor(pack.packType());
+    plan.url.append(pack.rootName()).append(formFolder(form));
     plan.url.append(std::to_string(pack.seq));
     plan.url.append(plan.payloadKind == kWrappedPayloadKind ? ".png" : ".zip");
 }
@@ -63,12 +86,18 @@ void addAddress(const Pack& pack, bool incremental, DownloadPlan& plan) {
 // version could be published.
 class EntryWriter {
   public:
+    // `patches`, for a patched increment, takes its "patch/" entries.
     EntryWriter(PackInstaller& installer, const ResourceIndex& index, const Folder& zipFile,
-                bool incremental)
-        : installer_(installer), index_(index), zipFile_(zipFile), incremental_(incremental) {}
+                bool incremental, PatchedEntries* patches)
+        : installer_(installer),
+          index_(index),
+          zipFile_(zipFile),
+          incremental_(incremental),
+          patches_(patches) {}
 
     bool begin(const std::string& entry, uint64_t size) {
         record_.reset();
+        patching_ = false;
         skip_ = entry == kInfoEntry;
         length_ = 0;
         if (entry.ends_with('/')) {
@@ -77,6 +106,11 @@ class EntryWriter {
             return !error_;
         }
         if (skip_) return true;
+        if (patches_ != nullptr && PatchedEntries::isPatch(entry)) {
+            patching_ = true;
+            error_ = patches_->begin(entry);
+            return !error_;
+        }
         bytes_ += size;
         if (entry == kIndexEntry) {
             error_ = installer_.beginFile(
@@ -104,6 +138,10 @@ class EntryWriter {
 
     bool write(std::string_view piece) {
         if (skip_) return true;
+        if (patching_) {
+            error_ = patches_->write(piece);
+            return !error_;
+        }
         length_ += piece.size();
         if (record_) md5_.update(piece);
         error_ = installer_.appendFile(piece);
@@ -112,6 +150,10 @@ class EntryWriter {
 
     bool end() {
         if (skip_) return true;
+        if (patching_) {
+            error_ = patches_->end();
+            return !error_;
+        }
         // The MD5 that the bytes were checked against goes with them: the packed store keeps
         // content under it, and only ever under one that was checked.
         std::string checked;
@@ -136,6 +178,8 @@ class EntryWriter {
     const ResourceIndex& index_;
     const Folder& zipFile_;
     const bool incremental_;
+    PatchedEntries* const patches_;
+    bool patching_ = false;
     Error error_;
     std::shared_ptr<const ResourceRecord> record_;
     Folder inZip_;
@@ -156,6 +200,7 @@ PackPtr takePlace(const Pack& plain, const Pack& pack) {
     clone->marker = pack.marker;
     clone->md5 = pack.md5;
     clone->incrMd5 = pack.incrMd5;
+    clone->patchMd5 = pack.patchMd5;
     // As a merge does: a record that carries no prefixes leaves them unchanged.
     if (!pack.prefixes.empty()) clone->prefixes = pack.prefixes;
     clone->referrers = pack.referrers;
@@ -176,6 +221,7 @@ PackPtr oldVersion(const Pack& found, const std::string& name) {
     old->subType = kSubTypeFixedSeq;
     old->md5.clear();
     old->incrMd5.clear();
+    old->patchMd5.clear();
     return old;
 }
 
@@ -217,13 +263,36 @@ SCache::Committed watch(std::shared_ptr<CommitOutcome>& outcome) {
 
 // ---- Download ---------------------------------------------------------------------------------
 
+const char* updateFormName(UpdateForm form) {
+    switch (form) {
+        case UpdateForm::Patched:
+            return "patched";
+        case UpdateForm::Incremental:
+            return "incremental";
+        case UpdateForm::Full:
+            break;
+    }
+    return "full";
+}
+
+uint32_t UpdatePackWork::payloadKind(const Pack& pack) {
+    return hasOwnZip(pack) ? 0 : payloadKindOf(pack, *Settings::current());
+}
+
+bool UpdatePackWork::mayPatch(const Pack& pack, uint32_t payloadKind) {
+    return !pack.patchMd5.empty() && !hasOwnZip(pack) && payloadKind == 0;
+}
+
 DownloadPlan UpdatePackWork::planDownload(const Pack& pack, const std::string& name,
-                                          bool incremental) {
+                                          UpdateForm form, uint32_t payloadKind) {
     assertOnWorker();
     DownloadPlan plan;
+    plan.payloadKind = payloadKind;
     if ((plan.error = serverError(pack))) return plan;
+    // Each form has its folder: a refused form's leftovers never meet the next form's download.
     char folder[64];
-    std::snprintf(folder, sizeof(folder), "_%" PRIu64 "_%d/", pack.seq, incremental ? 1 : 0);
+    std::snprintf(folder, sizeof(folder), "_%" PRIu64 "_%u/", pack.seq,
+                  static_cast<unsigned>(form));
     const std::string relative = "temp/" + name + folder;
     if (!isFolderSafe(name) || !isFolderSafe(pack.rootName())) {
         plan.error = Errors::unzipTempPath(relative);
@@ -231,7 +300,7 @@ DownloadPlan UpdatePackWork::planDownload(const Pack& pack, const std::string& n
     }
     plan.tempFolder = Folder::disk(relative);
     Folder::removeFile(plan.tempFolder, Removal::kRecreate);
-    addAddress(pack, incremental, plan);
+    addAddress(pack, form, plan);
     plan.zipFile = plan.tempFolder.childOf(kDownloadName);
     return plan;
 }
@@ -259,7 +328,8 @@ Error UpdatePackWork::readDownload() {
     perf_.stage("decrypted");
     // Fixed sequences are taken as they come.
     const Pack& pack = *job_.pack;
-    const std::string& expected = job_.incremental ? pack.incrMd5 : pack.md5;
+    const std::string& expected =
+        job_.patched ? pack.patchMd5 : (job_.incremental ? pack.incrMd5 : pack.md5);
     if (expected.empty()) return Error();
     const std::string md5 = context.md5.empty() ? Digest::md5Hex(data_) : context.md5;
     if (md5 != expected && pack.subType != kSubTypeFixedSeq)
@@ -281,10 +351,38 @@ Error UpdatePackWork::openZip() {
     return roomError();
 }
 
+const ResourceIndex& UpdatePackWork::installedList() {
+    if (!installedList_)
+        installedList_ = std::make_unique<ResourceIndex>(job_.name, job_.installed);
+    return *installedList_;
+}
+
+// What the patches this device will apply make: a patch's entry records its own few bytes, not
+// the file's. Only a file whose installed MD5 differs from the new one can be patched, by the
+// entry named for that MD5.
+uint64_t UpdatePackWork::patchedBytes() {
+    const ResourceIndex& installed = installedList();
+    // Without a list nothing applies: the walk refuses the patches.
+    if (installed.error()) return 0;
+    uint64_t total = 0;
+    index_->forEachFile([&](const ResourceRecord& wanted) {
+        // Only a resource travels as a patch; a list may name files beside "res/" too.
+        if (!wanted.path.starts_with(kResourcePrefix)) return;
+        std::shared_ptr<const ResourceRecord> held = installed.find(wanted.path);
+        if (!held || held->path != wanted.path || held->md5 == wanted.md5 || !wanted.hasSize())
+            return;
+        const std::string entry =
+            patchEntryName(held->md5, std::string_view(wanted.path).substr(kResourcePrefix.size()));
+        if (zip_.hasEntry(entry)) total += wanted.size;
+    });
+    return total;
+}
+
 Error UpdatePackWork::roomError() {
     uint64_t declared = 0;
     Error error;
     if (!zip_.declaredSize(declared, error)) return error;
+    if (job_.patched) declared += patchedBytes();
     uint64_t limit = 0;
     const char* limitName = "";
     const uint64_t room = Cleanup::roomFor(*job_.pack, job_.trigger, limit, limitName);
@@ -312,7 +410,11 @@ Unpacked UpdatePackWork::unpack() {
 }
 
 void UpdatePackWork::writeEntries(Unpacked& result) {
-    EntryWriter writer(*installer_, *index_, job_.zipFile, job_.incremental);
+    std::optional<PatchedEntries> patches;
+    if (job_.patched)
+        patches.emplace(*installer_, *index_, installedList(), job_.installed, job_.zipFile);
+    EntryWriter writer(*installer_, *index_, job_.zipFile, job_.incremental,
+                       patches ? &*patches : nullptr);
     ZipFile::EntryStream stream;
     stream.begin = [&writer](const std::string& entry, uint64_t size) {
         return writer.begin(entry, size);
@@ -322,13 +424,19 @@ void UpdatePackWork::writeEntries(Unpacked& result) {
     Error error;
     const bool walked = zip_.forEachEntryStreamed(stream, error);
     installer_->abandonFile();
-    result.installedSize = writer.bytes();
+    result.installedSize = writer.bytes() + (patches ? patches->bytes() : 0);
     perf_.stage("unzipped");
     perf_.setMeasure("resSize", static_cast<double>(result.installedSize));
+    if (patches) {
+        result.patchMemory = patches->peakMemory();
+        patchedPaths_ = patches->paths();
+    }
     if (error) {
         result.error = std::move(error);
     } else if (!walked || writer.error()) {
         result.error = writer.error();
+    } else if (patches) {
+        result.error = patches->unresolved();
     }
 }
 
@@ -372,15 +480,23 @@ Kept UpdatePackWork::copyKept(const Folder& installed) {
     // Every file that the new list names and the zip did not bring comes from the installed
     // version, and only when that version's own list vouches for the same bytes.
     std::vector<std::string> kept;
-    if ((result.refused = keptFiles(installed, kept))) return result;
+    std::string refusedPath;
+    if ((result.refused = keptFiles(installed, kept, refusedPath))) {
+        result.incrementBringsIt = patchedPaths_.count(refusedPath) != 0;
+        return result;
+    }
     result.error = installer_->copyKept(installed, kept, result.bytes);
     return result;
 }
 
-Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string>& kept) const {
-    // The installed version as it is served, and the full list that the new version is read with
-    // (the installed folder's, which goes with the kept files).
-    const ResourceIndex current(job_.name, installed);
+Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string>& kept,
+                                std::string& refusedPath) {
+    // The installed version as it is served (read once for the job: the patches and the budget
+    // read it too), and the full list that the new version is read with (the installed folder's,
+    // which goes with the kept files).
+    std::optional<ResourceIndex> other;
+    if (installed != job_.installed) other.emplace(job_.name, installed);
+    const ResourceIndex& current = other ? *other : installedList();
     if (current.error()) return current.error();
     const ResourceIndex full(
         job_.name,
@@ -406,6 +522,7 @@ Error UpdatePackWork::keptFiles(const Folder& installed, std::vector<std::string
         } else {
             kept.push_back(wanted.path);
         }
+        if (refused) refusedPath = wanted.path;
     };
     // The increment's own records first: they override the full list's.
     const ResourceIndex& increment = *index_;

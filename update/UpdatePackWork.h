@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,12 @@
 namespace FerritCore {
 
 class ResourceIndex;
+
+// The forms of a pack's download, tried in this order: the patched increment, whose changed files
+// may travel as patches against the installed bytes; the plain increment; the full zip.
+enum class UpdateForm : uint32_t { Full = 0, Incremental = 1, Patched = 2 };
+// "full", "incremental", "patched".
+const char* updateFormName(UpdateForm form);
 
 // Where a download goes and where it is asked for.
 struct DownloadPlan {
@@ -47,8 +54,10 @@ struct Unpacked {
     // fields below say nothing.
     bool began = false;
     bool isPacks = false;
-    // Bytes the zip's entries hold, counted as far as the walk went.
+    // Bytes the zip's entries hold (a patch counts as the file it made), as far as the walk went.
     uint64_t installedSize = 0;
+    // The most memory one patch's application held (PatchedEntries::peakMemory()).
+    uint64_t patchMemory = 0;
     // What a run that ends before publishing must delete besides its temporary folder.
     std::optional<Folder> pendingTarget;
 };
@@ -61,6 +70,10 @@ struct Kept {
     Error refused;
     // Bytes copied, as far as the copy went.
     uint64_t bytes = 0;
+    // The refused file had patch entries in the patched increment, which the plain increment
+    // brings whole: refusing the patched form alone may help. Otherwise the plain increment keeps
+    // the same file and would be refused too.
+    bool incrementBringsIt = false;
 };
 
 // What became of the commit that publishes a new version; set on the worker when it ran.
@@ -88,11 +101,23 @@ class UpdatePackWork {
         uint32_t payloadKind = 0;
         Folder tempFolder;
         Folder zipFile;
+        // The download is the patched increment, whose patches apply to `installed`.
+        bool patched = false;
+        Folder installed;
     };
 
-    // The run's folder and the zip's address for `pack`; the folder is emptied. Errors: no pack
-    // server configured, a name that is no single folder.
-    static DownloadPlan planDownload(const Pack& pack, const std::string& name, bool incremental);
+    // The payload kind a download of `pack` comes in under the current settings: 0 (a plain zip)
+    // for a zip URL of its own. A run reads it once, so that its forms agree.
+    static uint32_t payloadKind(const Pack& pack);
+    // The run's folder and the zip's address for `pack` in `form`, of payload kind `payloadKind`
+    // (payloadKind()); the folder is emptied.
+    // Errors: no pack server configured, a name that is no single folder.
+    static DownloadPlan planDownload(const Pack& pack, const std::string& name, UpdateForm form,
+                                     uint32_t payloadKind);
+    // Whether `pack` has a patched increment this device may ask for: its record names one, and
+    // its download is a plain zip (`payloadKind` 0) from the pack server, not a zip URL of its
+    // own. Asked only where the plain increment would be.
+    static bool mayPatch(const Pack& pack, uint32_t payloadKind);
     // The folder that the new version of `pack` is written to: "apps/<root>/<seq>/" for an app,
     // the packed store's "<root>/<seq>/" for the rest.
     static Folder newVersionFolder(const Pack& pack);
@@ -127,18 +152,28 @@ class UpdatePackWork {
     Error readDownload();
     // Opens the zip, reads its signed list and checks the room; nothing written yet.
     Error openZip();
-    // 2103 when what the zip's entries record passes the room its pack's budget leaves.
+    // 2103 when what the zip's entries record passes the room its pack's budget leaves; a
+    // patch counts as the file it makes.
     Error roomError();
+    // Bytes of the files that the patched increment's applicable patches make.
+    uint64_t patchedBytes();
     // Streams every entry into the installer; fills `result`.
     void writeEntries(Unpacked& result);
     // The files an increment keeps from `installed`, each vouched for by its own list.
-    Error keptFiles(const Folder& installed, std::vector<std::string>& kept) const;
+    // `refusedPath` names the file refused, when one was.
+    Error keptFiles(const Folder& installed, std::vector<std::string>& kept,
+                    std::string& refusedPath);
+    // The list of the installed version at `job_.installed`, read at the first call.
+    const ResourceIndex& installedList();
 
     Job job_;
     StagedRecord& perf_;
     std::string data_;  // the unwrapped download; the zip reads from it
     ZipFile zip_;
     std::unique_ptr<ResourceIndex> index_;
+    std::unique_ptr<ResourceIndex> installedList_;
+    // For a patched increment: the listed paths that had patch entries.
+    std::set<std::string> patchedPaths_;
     std::optional<PackInstaller> installer_;
 };
 

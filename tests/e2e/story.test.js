@@ -4,7 +4,8 @@
 // headless Chromium loads the app offline with every request answered from the cache through the
 // package's servePage. Then a second version with two changed files arrives as an increment,
 // and the network's faults leave the installed version serving; at the end the site goes back to
-// version one, and its increment brings the device back to it. Also: the page's load time from
+// version one, and its increment brings the device back to it; last, one line of the app's 11 MB
+// script (a real release of a charting library) changes and arrives as a patched increment. Also: the page's load time from
 // packs against nginx behind a proxy that adds 100 ms to every request, and the inspector page.
 // One process holds the library, so the steps run in order in one test.
 const assert = require('node:assert/strict');
@@ -51,7 +52,7 @@ function closeTo(actual, expected) {
   return actual.every((v, i) => Math.abs(v - expected[i]) <= 3);
 }
 
-test('the app is published, installed, loaded offline and updated by increment', { timeout: 170000 }, async (t) => {
+test('the app is published, installed, loaded offline and updated by increment', { timeout: 230000 }, async (t) => {
   const dir = s.scratch('story');
   const siteRoot = path.join(dir, 'site');
   const tree = path.join(dir, 'tree');
@@ -143,6 +144,16 @@ test('the app is published, installed, loaded offline and updated by increment',
     return load.ms;
   };
   step(`version one offline in ${(await checkPage('Version one', kBannerOne)).toFixed(0)} ms`);
+  // The chart page, offline: the version its large script reports, every resource from the pack.
+  const checkChart = async () => {
+    const load = await s.loadThroughHost(browser, cache, `${s.kAppOrigin}/app/chart.html`);
+    try {
+      assert.deepEqual(load.served.filter((r) => !r.fromPack), [], 'every resource came from a pack');
+      return await load.page.$eval('#version', (e) => e.textContent);
+    } finally {
+      await load.page.close();
+    }
+  };
 
   await t.test('load time: packs against nginx behind 100 ms of added latency', async () => {
     const fromPacks = [];
@@ -319,6 +330,29 @@ test('the app is published, installed, loaded offline and updated by increment',
     assert.ok(!nginx.requestedPaths().includes('/packs/story/6.zip'), 'not the full zip');
     await nginx.stop();
     step(`version one again offline in ${(await checkPage('Version one', kBannerOne)).toFixed(0)} ms`);
+  });
+
+  await t.test('one line of an 11 MB script changes: the device takes the patched increment', async () => {
+    // The chart page's script is the same in every version so far; the device is on version six.
+    const was = await checkChart();
+    const fixed = `${was}-fixed`;
+    assert.equal(s.changeScriptVersion(siteRoot, fixed), was, 'the page showed the script\'s own version');
+    assert.match(s.publish(siteRoot, manifest, tree), /story 7 \(increment/);
+    await nginx.start();
+    assert.ok(fs.existsSync(path.join(tree, 'packs/story/p/7.zip')), 'the patched increment was published');
+    const asked = requests.length;
+    const patched = await update();
+    assert.deepEqual(patched.map((r) => [r.name, r.error]), [['story', undefined]], `asked for ${requests.slice(asked).join(' ')}`);
+    assert.equal(Number((await packs()).story.installedSeq), 7);
+    const paths = nginx.requestedPaths();
+    assert.ok(paths.includes('/packs/story/p/7.zip'), 'the patched increment was fetched');
+    assert.ok(!paths.includes('/packs/story/i/7.zip'), 'not the plain increment');
+    assert.ok(!paths.includes('/packs/story/7.zip'), 'not the full zip');
+    const bytes = fs.statSync(path.join(tree, 'packs/story/p/7.zip')).size;
+    step(`version seven by a patched increment of ${bytes} bytes`);
+    await nginx.stop();
+    assert.equal(await checkChart(), fixed);
+    step('version seven offline');
   });
 });
 

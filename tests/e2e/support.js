@@ -194,6 +194,19 @@ function png(w, h, [r, g, b]) {
     chunk('IHDR', header), chunk('IDAT', pixels), chunk('IEND', Buffer.alloc(0))]);
 }
 
+// The large real script the app carries: the main script of the newer pinned release (the e2e
+// lock's "release-new", a charting library of about 11 MB), and its version, which its one line
+// `exports.version = "<version>";` sets and the library reports as `Plotly.version`.
+const releaseFolder = path.join(__dirname, 'node_modules', 'release-new');
+function releaseScript() {
+  const release = JSON.parse(fs.readFileSync(path.join(releaseFolder, 'package.json'), 'utf8'));
+  return { bytes: fs.readFileSync(path.join(releaseFolder, release.main)), version: release.version };
+}
+// The line of the large script that sets its version.
+function versionLine(version) {
+  return `exports.version = ${JSON.stringify(version)};`;
+}
+
 // The app: index.html with kResourcesBesides resources (scripts that each add one to a counter,
 // style sheets, the banner's colour and images), all by relative URL. `headline` is the text the
 // page shows; `banner` its colour.
@@ -222,6 +235,19 @@ function writeSite(siteRoot, { headline, banner }) {
   document.getElementById('headline').textContent = ${JSON.stringify(headline)};
   document.getElementById('count').textContent = String(window.parts);
 });\n`);
+  // chart.html loads the large script and shows the version it reports; index.html does not
+  // load it, so the story's page stays as it was.
+  const release = releaseScript();
+  fs.writeFileSync(path.join(app, 'js', 'chart.js'), release.bytes);
+  fs.writeFileSync(path.join(app, 'js', 'chart-show.js'), `document.addEventListener('DOMContentLoaded', () => {
+  document.getElementById('version').textContent = window.Plotly ? window.Plotly.version : 'missing';
+});\n`);
+  fs.writeFileSync(path.join(app, 'chart.html'), `<!doctype html>
+<html><head><meta charset="utf-8"><title>ferritcore chart</title>
+<script src="js/chart.js"></script>
+<script src="js/chart-show.js"></script>
+</head><body><p id="version">loading</p></body></html>
+`);
   fs.writeFileSync(path.join(app, 'index.html'), `<!doctype html>
 <html><head><meta charset="utf-8"><title>ferritcore story</title>
 ${tags.join('\n')}
@@ -231,6 +257,19 @@ ${tags.join('\n')}
 ${imageTags.join('\n')}
 </body></html>
 `);
+}
+
+// Changes one line of the app's large script: its version becomes `version`. Returns the
+// version it had.
+function changeScriptVersion(siteRoot, version) {
+  const file = path.join(siteRoot, 'app', 'js', 'chart.js');
+  const text = fs.readFileSync(file, 'latin1');
+  const { version: was } = releaseScript();
+  const line = versionLine(was);
+  const at = text.indexOf(line);
+  if (at < 0 || text.indexOf(line, at + 1) >= 0) throw new Error(`chart.js does not set its version once: ${line}`);
+  fs.writeFileSync(file, text.slice(0, at) + versionLine(version) + text.slice(at + line.length), 'latin1');
+  return was;
 }
 
 // The publisher's manifest: the story's pack of the app's folder, and each of `more` ({name,
@@ -363,5 +402,5 @@ async function pixelAt(browser, pngBytes, x, y) {
 
 module.exports = {
   repo, build, ferritTool, publicKey, scratch, freePort, Nginx, startDelayProxy, writeSite,
-  writeManifest, writeBundleSite, publish, chromiumPath, launchBrowser, loadThroughHost, pixelAt, kResourcesBesides, kAppOrigin,
+  writeManifest, writeBundleSite, changeScriptVersion, publish, chromiumPath, launchBrowser, loadThroughHost, pixelAt, kResourcesBesides, kAppOrigin,
 };

@@ -6,6 +6,7 @@
 #include "base/Environment.h"
 #include "base/Errors.h"
 #include "base/Folder.h"
+#include "base/ProcessState.h"
 #include "ferritcore/Access.h"
 #include "lifecycle/DevInspector.h"
 #include "lifecycle/Setup.h"
@@ -20,6 +21,7 @@
 #include "storage/UniApp.h"
 #include "tests/FakeProxy.h"
 #include "tests/TestUtil.h"
+#include "update/UpdatePack.h"
 
 namespace FerritTest {
 namespace {
@@ -226,6 +228,38 @@ TEST_F(DevInspectorTest, UpdateAnswersWhenTheRunFinishes) {
     TaskRunner::runDue();
     EXPECT_TRUE(reply.answered);
     EXPECT_TRUE(reply.success) << reply.data.toString();
+    // No pack was updated in this process: the answer is as it always was.
+    EXPECT_EQ(reply.data, JSON(JSONObject())) << reply.data.toString();
+}
+
+TEST_F(DevInspectorTest, UpdateReportsTheLatestPackUpdates) {
+    installApp();
+    // A newer version that this process cannot fetch: the run fails, and says so.
+    SCache::mutate([](FConfig& config) {
+        auto pack = config.find("app")->clone();
+        pack->seq = 4;
+        config.put(pack);
+    });
+    TaskRunner::runDue();
+    auto task = UpdatePack::create("app", JSON(), kTriggerDebugTool);
+    TaskRunner::post([task] { task->start(); });
+    while (TaskRunner::runDue() > 0) {
+    }
+    ASSERT_TRUE(task->error());
+    proxy_->serve(kConfigUrl, 200, FakeProxy::sign(R"({"v":"1700000000001"})"));
+    Reply reply = send("FerritDev.update");
+    TaskRunner::runDue();
+    ASSERT_TRUE(reply.success) << reply.data.toString();
+    const JSON& packs = reply.data["packs"];
+    ASSERT_TRUE(packs.isArray()) << reply.data.toString();
+    ASSERT_EQ(packs.size(), 1u) << reply.data.toString();
+    EXPECT_EQ(packs[size_t{0}]["name"].stringValue(), "app");
+    EXPECT_EQ(packs[size_t{0}]["seq"].uint64Value(), 4u);
+    EXPECT_EQ(packs[size_t{0}]["error"].stringValue(), task->error().message());
+    EXPECT_TRUE(packs[size_t{0}]["form"].isNull()) << "nothing was installed";
+    // The reset between tests leaves the next one a process that updated nothing.
+    ProcessState::resetForTesting();
+    EXPECT_TRUE(UpdatePack::recentOutcomes().empty());
 }
 
 TEST_F(DevInspectorTest, CleanupAnswersWithTheCleanedPacks) {

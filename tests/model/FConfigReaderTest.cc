@@ -31,7 +31,7 @@ class FConfigReaderTest : public UpdateFixture {
 TEST_F(FConfigReaderTest, ReadsEveryFieldAsTheTreeReaderDoes) {
     expectAgrees(R"({"v":"17.5","i":4294967295,"scacheVersion":"9","delay":"30000","env":1,)"
                  R"("clientVersion":"2.1","locale":"fr","lastUpdate":5,"lastFullUpdate":4,)"
-                 R"("packs":{"a":{"s":3,"f":"80","b":2,"t":1.5,"m":true,"c":"x","ci":7,)"
+                 R"("packs":{"a":{"s":3,"f":"80","b":2,"t":1.5,"m":true,"c":"x","ci":7,"cp":"y",)"
                  R"("p":["https://a/x/",5,true,null],"r":["https://a/i.html"],"g":"2",)"
                  R"("updateTime":9,"installedSeq":1,"installedBaseSeq":1,"installedSize":10,)"
                  R"("installTime":8,"trigger":3,"zipURL":"u","status":"1","isOnDemand":1,)"

@@ -57,7 +57,7 @@ TEST_F(FConfigTest, RoundTripWithEveryKeySet) {
     const std::string text =
         R"({"v":"7","i":4294967295,"scacheVersion":"3","delay":1234.5,"env":1,"clientVersion":"2.0",)"
         R"("locale":"en","lastUpdate":1700000000000,"lastFullUpdate":1690000000000,"packs":{)"
-        R"("a":{"s":5,"f":65616,"b":4,"t":1700000000000.5,"m":9,"c":"aa","ci":"bb","p":["https://a/x/"],)"
+        R"("a":{"s":5,"f":65616,"b":4,"t":1700000000000.5,"m":9,"c":"aa","ci":"bb","cp":"cc","p":["https://a/x/"],)"
         R"("r":["https://a/i.html"],"g":2,"updateTime":1700000000001,"installedSeq":4,"installedBaseSeq":3,)"
         R"("installedSize":1024,"installTime":1700000000002,"trigger":6,"subType":2,"zipURL":"https://z/a.zip",)"
         R"("status":1,"isOnDemand":true,"isPacks":true},"b@3":{"s":3,"subType":1}}})";

@@ -59,7 +59,7 @@ TEST_F(PackTest, DefaultsAreLeftOutWhenWritten) {
 
 TEST_F(PackTest, EveryKeyRoundTripsInOrder) {
     const std::string all =
-        R"({"s":5,"f":65616,"b":4,"t":1700000000000.5,"m":9,"c":"aa","ci":"bb","p":["https://a/x/"],)"
+        R"({"s":5,"f":65616,"b":4,"t":1700000000000.5,"m":9,"c":"aa","ci":"bb","cp":"cc","p":["https://a/x/"],)"
         R"("r":["https://a/i.html"],"g":2,"updateTime":1700000000001.0,"installedSeq":4,"installedBaseSeq":3,)"
         R"("installedSize":1024,"installTime":1700000000002.0,"trigger":6,"subType":2,"zipURL":"https://z/a.zip",)"
         R"("status":1,"isOnDemand":true,"isPacks":true})";
@@ -69,6 +69,14 @@ TEST_F(PackTest, EveryKeyRoundTripsInOrder) {
     EXPECT_EQ(write(p).substr(0, 20), R"({"s":5,"f":65616,"b")");
     EXPECT_EQ(p.payloadKind(), 1u);
     EXPECT_EQ(p.packType(), kPackTypeFerrit);
+    EXPECT_EQ(p.patchMd5, "cc");
+    EXPECT_NE(write(p).find(R"("ci":"bb","cp":"cc","p")"), std::string::npos);
+}
+
+TEST_F(PackTest, RecordWithoutPatchedIncrementWritesNoPatchKey) {
+    Pack p = read("a", R"({"s":5,"b":4,"c":"aa","ci":"bb"})");
+    EXPECT_TRUE(p.patchMd5.empty());
+    EXPECT_EQ(write(p), R"({"s":5,"b":4,"c":"aa","ci":"bb"})");
 }
 
 TEST_F(PackTest, ValidateRefusesUnsupportedTypeGrayAboveTwoAndStatusAboveFour) {
@@ -234,6 +242,27 @@ TEST_F(PackTest, FoldersOfARecord) {
     pinned.subType = 1;
     pinned.installedSeq = 3;
     EXPECT_EQ(pinned.installedFolder().relative(), "apps/shop/3/");
+}
+
+// A device from before the patched increment read "cp" as this one reads any key it does not
+// know: as if it were absent, and gone when the record is written back. What it fetched followed
+// from the other keys alone, so a document that names a patched increment moves it as before.
+TEST_F(PackTest, AKeyTheReaderDoesNotKnowChangesNothing) {
+    const std::string plain = R"({"s": 3, "f": 80, "b": 1, "c": "0123456789abcdef0123456789abcdef",
+                                  "ci": "fedcba9876543210fedcba9876543210", "p": ["https://a/"]})";
+    std::string later = plain;
+    later.insert(1, R"("zz": "fedcba98765432100123456789abcdef", "zy": {"a": [1]}, )");
+    const Pack without = read("shop", plain);
+    const Pack with = read("shop", later);
+    EXPECT_EQ(write(with), write(without));
+    EXPECT_EQ(with.incrMd5, "fedcba9876543210fedcba9876543210");
+    EXPECT_TRUE(with.patchMd5.empty());
+
+    std::string patched = plain;
+    patched.insert(1, R"("cp": "00112233445566778899aabbccddeeff", )");
+    const Pack known = read("shop", patched);
+    EXPECT_EQ(known.patchMd5, "00112233445566778899aabbccddeeff");
+    EXPECT_NE(write(known), write(without));
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ class PatchTest : public FerritTest::ProcessTest {
     // Applies `patch` in pieces of `step` bytes and collects the output.
     Error apply(std::string_view reference, std::string_view patch, const std::string& expected,
                 std::string& out, size_t step = kPatchChunk, uint64_t limit = kPatchLimit) {
-        PatchApplier applier(reference, target(), limit);
+        PatchApplier applier(reference, target(), expected.size(), Digest::md5Hex(expected), limit);
         const auto sink = [&](std::string_view piece) {
             EXPECT_LE(piece.size(), kPatchChunk);
             out.append(piece);
@@ -54,10 +54,12 @@ class PatchTest : public FerritTest::ProcessTest {
         for (size_t at = 0; at < patch.size() && !error; at += step)
             error = applier.feed(patch.substr(at, step), sink);
         peak_ = applier.peakMemory();
-        return error ? error : applier.finish(expected.size(), Digest::md5Hex(expected));
+        written_ = applier.written();
+        return error ? error : applier.finish();
     }
 
     uint64_t peak_ = 0;
+    uint64_t written_ = 0;
 };
 
 TEST_F(PatchTest, RoundTripOfAOneLineChangeIsSmall) {
@@ -142,13 +144,29 @@ TEST_F(PatchTest, PatchMakingOtherBytesFailsTheExpectation) {
     Error error = apply(old, *patch, wanted, out);
     EXPECT_TRUE(Errors::isFileVerify(error)) << error.message();
     EXPECT_NE(error.message().find("MD5"), std::string::npos) << error.message();
-    // Another size.
+    // Another size: refused at the frame's header, before the decoder made a byte.
     ErrorOr<std::string> longer = makePatch(old, wanted + "//");
     ASSERT_TRUE(longer.ok());
     out.clear();
     error = apply(old, *longer, wanted, out);
     EXPECT_TRUE(Errors::isFileVerify(error)) << error.message();
     EXPECT_NE(error.message().find("size"), std::string::npos) << error.message();
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(written_, 0u);
+    EXPECT_EQ(peak_, 0u);
+}
+
+// The declared size is judged when the header is whole, however the first bytes arrive.
+TEST_F(PatchTest, DeclaredSizeIsJudgedAtTheHeaderInOneBytePieces) {
+    const std::string old = script(20000, 14);
+    const std::string wanted = oneLineChanged(old);
+    ErrorOr<std::string> shorter = makePatch(old, wanted.substr(0, wanted.size() - 1));
+    ASSERT_TRUE(shorter.ok());
+    std::string out;
+    const Error error = apply(old, *shorter, wanted, out, 1);
+    EXPECT_TRUE(Errors::isFileVerify(error)) << error.message();
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(peak_, 0u);
 }
 
 TEST_F(PatchTest, GarbageIsNotAPatch) {

@@ -228,27 +228,76 @@ bool buildIncrement(const PackContent& previous, const PackContent& current,
     return buildIncrementSince({listingOf(previous.files)}, current, options, zip, error, summary);
 }
 
-bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
-                         const PackOptions& options, std::string& zip, std::string& error,
-                         IncrementSummary* summary) {
-    if (since.empty()) {
-        error = "an increment needs the list of its base version";
-        return false;
+namespace {
+
+// What the plain increment's entry of `content` weighs: stored or deflated by the entry's own
+// rule, and deflated raw at `level` as the zip writer does.
+uint64_t wholeEntrySize(const std::string& content, int level) {
+    return storesAsDeflated(content) ? rawDeflate(content, level).size() : content.size();
+}
+
+// The entries that carry `path` of a patched increment as patches, one per distinct MD5 it had
+// since the base other than `md5` (its new one), in MD5 order; false when it travels whole: a
+// version lacks it (a device there has nothing to patch), a reference's bytes are not at hand,
+// a patch fails, or the patches together do not save the margin against the file whole: the
+// zip carries every one of them, so it is their sum that must pay.
+bool patchEntries(const std::string& path, const std::string& bytes, const std::string& md5,
+                  const std::vector<PackListing>& since, const ReferenceFiles& references,
+                  int level, std::vector<ZipWriter::Entry>& entries, PatchSummary& summary) {
+    std::map<std::string, const std::string*> olds;
+    const auto held = references.find(path);
+    for (const PackListing& list : since) {
+        const auto file = list.find(path);
+        if (file == list.end()) return false;
+        if (file->second.md5 == md5) continue;
+        const std::string*& reference = olds[file->second.md5];
+        if (reference != nullptr || held == references.end()) continue;
+        const auto bytes = held->second.find(file->second.md5);
+        // Only bytes that are what the list says: a patch against others would fail every device.
+        if (bytes != held->second.end() &&
+            FerritCore::Digest::md5Hex(bytes->second) == file->second.md5)
+            reference = &bytes->second;
     }
+    const uint64_t whole = wholeEntrySize(bytes, level);
+    std::vector<ZipWriter::Entry> made;
+    uint64_t patchBytes = 0;
+    for (const auto& [oldMd5, reference] : olds) {
+        if (reference == nullptr) return false;
+        FerritCore::ErrorOr<std::string> patch = FerritCore::makePatch(*reference, bytes);
+        // A file beyond what a device patches travels whole, as it would without patches.
+        if (!patch.ok()) return false;
+        ZipWriter::Entry entry;
+        entry.name = FerritCore::patchEntryName(oldMd5, path);
+        entry.content = std::move(*patch);
+        entry.deflate = false;  // a zstd frame does not deflate further
+        patchBytes += entry.content.size();
+        made.push_back(std::move(entry));
+    }
+    if (made.empty() || patchBytes + kPatchMarginBytes > whole) return false;
+    entries = std::move(made);
+    summary.patched.push_back(path);
+    summary.wholeBytes += whole;
+    summary.patchBytes += patchBytes;
+    return true;
+}
+
+// What an increment from the versions `since` to `current` holds, and the paths it carries with
+// their new MD5s, in path order.
+IncrementSummary incrementContent(const std::vector<PackListing>& since, const PackContent& current,
+                                  std::vector<std::pair<std::string, std::string>>& paths) {
     const PackListing& base = since.front();
     IncrementSummary found;
-    std::vector<std::string> paths;
     for (const auto& entry : current.files) {
         // A named reference, not a structured binding: the lambda below captures it.
         const std::string& path = entry.first;
-        const std::string md5 = FerritCore::Digest::md5Hex(entry.second);
+        std::string md5 = FerritCore::Digest::md5Hex(entry.second);
         const bool sameEverywhere = std::all_of(since.begin(), since.end(), [&](const auto& list) {
             const auto file = list.find(path);
             return file != list.end() && file->second.md5 == md5;
         });
         if (sameEverywhere) continue;
         (base.count(path) != 0 ? found.changed : found.added).push_back(path);
-        paths.push_back(path);
+        paths.emplace_back(path, std::move(md5));
     }
     std::set<std::string> removed;
     for (const PackListing& list : since) {
@@ -256,78 +305,82 @@ bool buildIncrementSince(const std::vector<PackListing>& since, const PackConten
             if (current.files.count(path) == 0) removed.insert(path);
     }
     found.removed.assign(removed.begin(), removed.end());
-
-    std::string index;
-    if (!signedIndexOf(current, options, found.removed, index, error)) return false;
-    if (!writeZip(index, current, paths, options.level, zip, error)) return false;
-    if (summary != nullptr) *summary = std::move(found);
-    return true;
+    return found;
 }
 
-namespace {
-
-// The size deflate gives `content` at `level`: what a zip entry of it weighs.
-uint64_t deflatedSize(const std::string& content, int level) {
-    uLongf size = compressBound(content.size());
-    std::string out(size, '\0');
-    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size,
-                  reinterpret_cast<const Bytef*>(content.data()), content.size(), level) != Z_OK) {
-        return content.size();
+// Adds the entries of the carried `paths` after the list: each file whole, or with `references`
+// as its patches when they pay.
+bool addIncrementEntries(ZipWriter& writer,
+                         const std::vector<std::pair<std::string, std::string>>& paths,
+                         const std::vector<PackListing>& since, const PackContent& current,
+                         const PackOptions& options, const ReferenceFiles* references,
+                         PatchSummary& patched, std::string& error) {
+    ZipWriter::Entry entry;
+    entry.level = options.level;
+    std::vector<ZipWriter::Entry> asPatches;
+    for (const auto& [path, md5] : paths) {
+        const std::string& bytes = current.files.at(path);
+        if (references != nullptr &&
+            patchEntries(path, bytes, md5, since, *references, options.level, asPatches, patched)) {
+            for (ZipWriter::Entry& patch : asPatches) {
+                patch.level = options.level;
+                if (!writer.add(patch, error)) return false;
+            }
+            continue;
+        }
+        entry.name = std::string(kResourcePrefix) + path;
+        entry.content = bytes;
+        entry.deflate = storesAsDeflated(bytes);
+        if (!writer.add(entry, error)) return false;
     }
-    return size;
-}
-
-// The entry that carries `path` of `current`: its patch against `previous` when that saves the
-// margin, else the file whole.
-void patchedEntry(const std::string& path, const PackContent& previous, const PackContent& current,
-                  int level, ZipWriter::Entry& entry, PatchSummary& summary) {
-    const std::string& bytes = current.files.at(path);
-    entry.name = std::string(kResourcePrefix) + path;
-    entry.content = bytes;
-    entry.deflate = storesAsDeflated(bytes);
-    const auto old = previous.files.find(path);
-    if (old == previous.files.end()) return;
-    FerritCore::ErrorOr<std::string> patch = FerritCore::makePatch(old->second, bytes);
-    // A file beyond what a device patches travels whole, as it would without patches.
-    if (!patch.ok()) return;
-    const uint64_t whole = deflatedSize(bytes, level);
-    if (patch->size() + kPatchMarginBytes > whole) return;
-    entry.name = std::string(kPatchPrefix) + FerritCore::Digest::md5Hex(old->second) + "/" + path;
-    entry.content = std::move(*patch);
-    entry.deflate = false;  // a zstd frame does not deflate further
-    summary.patched.push_back(path);
-    summary.wholeBytes += whole;
-    summary.patchBytes += entry.content.size();
+    return true;
 }
 
 }  // namespace
 
-bool buildPatchedIncrement(const PackContent& previous, const PackContent& current,
-                           const PackOptions& options, std::string& zip, std::string& error,
-                           PatchSummary* summary) {
-    const PackListing before = listingOf(previous.files);
-    std::vector<std::string> paths, removed;
-    for (const auto& [path, bytes] : current.files) {
-        const auto old = before.find(path);
-        if (old == before.end() || old->second.md5 != FerritCore::Digest::md5Hex(bytes))
-            paths.push_back(path);
+bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
+                         const PackOptions& options, std::string& zip, std::string& error,
+                         IncrementSummary* summary, const ReferenceFiles* references,
+                         PatchSummary* patches) {
+    if (since.empty()) {
+        error = "an increment needs the list of its base version";
+        return false;
     }
-    for (const auto& [path, unused] : before)
-        if (current.files.count(path) == 0) removed.push_back(path);
+    std::vector<std::pair<std::string, std::string>> paths;  // with the new MD5
+    IncrementSummary found = incrementContent(since, current, paths);
     std::string index;
-    if (!signedIndexOf(current, options, removed, index, error)) return false;
+    if (!signedIndexOf(current, options, found.removed, index, error)) return false;
+    // One writer for both forms: the plain increment is this with no references, entry for entry
+    // what a device that knows no patches has always been given.
     ZipWriter writer;
     ZipWriter::Entry entry;
     entry.level = options.level;
     entry.name = std::string(kIndexEntry);
     entry.content = index;
     if (!writer.add(entry, error)) return false;
-    PatchSummary found;
-    for (const std::string& path : paths) {
-        patchedEntry(path, previous, current, options.level, entry, found);
-        if (!writer.add(entry, error)) return false;
+    PatchSummary patched;
+    if (!addIncrementEntries(writer, paths, since, current, options, references, patched, error) ||
+        !writer.finish(zip, error))
+        return false;
+    if (summary != nullptr) *summary = std::move(found);
+    if (patches != nullptr) *patches = std::move(patched);
+    return true;
+}
+
+bool buildPatchedIncrement(const PackContent& previous, const PackContent& current,
+                           const PackOptions& options, std::string& zip, std::string& error,
+                           PatchSummary* summary) {
+    ReferenceFiles references;
+    for (const auto& [path, bytes] : previous.files) {
+        const auto now = current.files.find(path);
+        // Only a file that changed is patched.
+        if (now != current.files.end() && now->second != bytes)
+            references[path][FerritCore::Digest::md5Hex(bytes)] = bytes;
     }
-    if (!writer.finish(zip, error)) return false;
+    PatchSummary found;
+    if (!buildIncrementSince({listingOf(previous.files)}, current, options, zip, error, nullptr,
+                             &references, &found))
+        return false;
     if (summary != nullptr) *summary = std::move(found);
     return true;
 }
@@ -414,6 +467,7 @@ bool buildConfig(const std::string& version, const std::vector<ConfigPack>& pack
         if (pack.publishTime != 0) record.set("t", JSON(pack.publishTime));
         if (!pack.md5.empty()) record.set("c", JSON(pack.md5));
         if (!pack.incrMd5.empty()) record.set("ci", JSON(pack.incrMd5));
+        if (!pack.patchMd5.empty()) record.set("cp", JSON(pack.patchMd5));
         if (!pack.prefixes.empty()) record.set("p", JSON(pack.prefixes));
         if (pack.gray != 0) record.set("g", JSON(pack.gray));
         // A rollout names its version even at a share of 0 (taken back), so that a device that

@@ -95,22 +95,10 @@ bool buildPack(const PackContent& content, const PackOptions& options, std::stri
 bool buildIncrement(const PackContent& previous, const PackContent& current,
                     const PackOptions& options, std::string& zip, std::string& error,
                     IncrementSummary* summary = nullptr);
-// The incremental zip that brings a device on any of the versions `since` (the base first, then
-// every version published after it, in order) to `current`: a device copies what the zip leaves
-// out from the version it has, so the zip carries every file of `current` that is not the same in
-// all of them (a file changed and changed back, or removed and restored, differs on the device of
-// the version between), and its list names as removed every path that any of them had and
-// `current` has not. False with `error` set when `since` is empty.
-bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
-                         const PackOptions& options, std::string& zip, std::string& error,
-                         IncrementSummary* summary = nullptr);
 
-// Where a patched increment puts each patch: "patch/<MD5 of the reference>/<path>", so that a
-// device applies it only to a file whose vouched-for MD5 is that one.
-inline constexpr std::string_view kPatchPrefix = "patch/";
-// A changed file travels as a patch only when the patch is at least this many bytes smaller than
-// the file deflated, as the plain increment carries it: below that the saving does not pay for
-// a device's patching.
+// A changed file travels as patches only when its patches together are at least this many bytes
+// smaller than the file as the plain increment carries it: below that the saving does not pay
+// for a device's patching.
 inline constexpr uint64_t kPatchMarginBytes = 256;
 
 // What a patched increment did with the changed files.
@@ -119,9 +107,30 @@ struct PatchSummary {
     uint64_t wholeBytes = 0;           // those files deflated, as the plain increment has them
     uint64_t patchBytes = 0;           // their patches
 };
-// The patched increment from `previous` to `current`: the plain increment's signed list and
-// entries, except that a changed file whose patch against its bytes in `previous` saves at least
-// kPatchMarginBytes is an entry "patch/<MD5 of previous bytes>/<path>" holding the patch, stored.
+// The bytes of older versions' files that patches start from: by path, then by the MD5 of the
+// bytes, each held once however many versions had it. An older MD5 without its bytes here makes
+// its path travel whole.
+using ReferenceFiles = std::map<std::string, std::map<std::string, std::string>>;
+
+// The incremental zip that brings a device on any of the versions `since` (the base first, then
+// every version published after it, in order) to `current`: a device copies what the zip leaves
+// out from the version it has, so the zip carries every file of `current` that is not the same in
+// all of them (a file changed and changed back, or removed and restored, differs on the device of
+// the version between), and its list names as removed every path that any of them had and
+// `current` has not. False with `error` set when `since` is empty.
+// With `references`, the patched increment instead: the same signed list, and each such file
+// either whole as "res/<path>" or, when every version since the base has the path and each
+// distinct older MD5 (other than the new one) has its bytes in `references` and a patch, and the
+// patches together save at least kPatchMarginBytes against the file as the plain increment
+// carries it, as one stored entry "patch/<older MD5>/<path>" per such MD5. `patches`, when set,
+// says what travelled as patches.
+bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
+                         const PackOptions& options, std::string& zip, std::string& error,
+                         IncrementSummary* summary = nullptr,
+                         const ReferenceFiles* references = nullptr,
+                         PatchSummary* patches = nullptr);
+// The patched increment from `previous` to `current`: buildIncrementSince with `previous` as the
+// one version since the base, and its files as the references.
 bool buildPatchedIncrement(const PackContent& previous, const PackContent& current,
                            const PackOptions& options, std::string& zip, std::string& error,
                            PatchSummary* summary = nullptr);
@@ -142,6 +151,7 @@ struct ConfigPack {
     double publishTime = 0;             // "t", milliseconds since the epoch
     std::string md5;                    // "c": MD5 of the full zip
     std::string incrMd5;                // "ci": MD5 of the incremental zip
+    std::string patchMd5;               // "cp": MD5 of the patched increment, from the same base
     std::vector<std::string> prefixes;  // "p"
     uint64_t gray = 0;                  // "g": 1 released after a gray version, 2 gray
     uint64_t rolloutSeq = 0;            // "rs": the version in rollout beside this one

@@ -92,6 +92,8 @@ expect "(1 patched, md5 $(md5sum < "$work/p.zip" | cut -d' ' -f1), " "$out"
 [ $(( $(wc -c < "$work/p.zip") * 4 )) -lt "$(wc -c < "$work/pi.zip")" ] || fail "the patch saves little"
 saved=$(( $(wc -c < "$work/pi.zip") - $(wc -c < "$work/p.zip") ))
 expect "$saved bytes saved" "$out"
+expect "patched increment $(wc -c < "$work/p.zip") bytes, increment $(wc -c < "$work/pi.zip") bytes (" "$out"
+expect "% saved)" "$out"
 if command -v unzip >/dev/null; then
   entry="patch/$(md5sum < "$work/p1/app.js" | cut -d' ' -f1)/app.js"
   entries=$(unzip -Z1 "$work/p.zip" | tr '\n' ' ')
@@ -120,6 +122,16 @@ printf '\211PNG\r\n\032\n' | cmp -s -n 8 - "$work/a.png" || fail "no PNG signatu
   --flags 80 --zip "$work/a.zip" --incr "$work/i.zip" --prefix "$prefix" "$work/config" >/dev/null
 document=$(cat "$work/config")
 expect "{\"v\":\"1700000000000\",\"packs\":{\"shop\":{\"s\":2,\"f\":80,\"b\":1,\"c\":\"$(md5sum < "$work/a.zip" | cut -d' ' -f1)\",\"ci\":\"$(md5sum < "$work/i.zip" | cut -d' ' -f1)\",\"p\":[\"$prefix\"]}}}||" "$document"
+
+# "cp" names the patched increment, from the file or as given, after "ci".
+"$tool" config --key "$key" --version 1700000000000 --pack shop --seq 2 --base-seq 1 \
+  --incr "$work/pi.zip" --patch "$work/p.zip" "$work/config" >/dev/null
+expect "\"ci\":\"$(md5sum < "$work/pi.zip" | cut -d' ' -f1)\",\"cp\":\"$(md5sum < "$work/p.zip" | cut -d' ' -f1)\"}" \
+  "$(cat "$work/config")"
+"$tool" config --key "$key" --version 1700000000000 --pack shop --seq 2 \
+  --patch-md5 0123456789abcdef0123456789abcdef "$work/config" >/dev/null
+expect '"cp":"0123456789abcdef0123456789abcdef"' "$(cat "$work/config")"
+status 2 "$tool" config --key "$key" --version 1 --pack shop --patch-md5 XYZ "$work/c"
 
 # A preload zip of two packs from two sites, installed by the library from the app's raw files and
 # read back through it.

@@ -7,6 +7,7 @@
 #include "base/Digest.h"
 #include "marl/Json.h"
 #include "model/Pack.h"
+#include "storage/ZipFile.h"
 #include "tools/common/ToolClock.h"
 #include "tools/common/ToolFiles.h"
 #include "tools/publish/CacheRules.h"
@@ -200,9 +201,176 @@ std::string incrementZip(const std::string& folder, uint64_t seq) {
     return folder + "i/" + std::to_string(seq) + ".zip";
 }
 
+std::string patchedZip(const std::string& folder, uint64_t seq) {
+    return folder + "p/" + std::to_string(seq) + ".zip";
+}
+
 bool pathExists(const std::string& out, const std::string& relative) {
     std::error_code code;
     return fs::exists(fs::path(out) / relative, code);
+}
+
+// The (path, MD5) pairs whose bytes are still to be read.
+using WantedReferences = std::set<std::pair<std::string, std::string>>;
+
+// Takes from one version's full zip, each by its name, the bytes of every wanted pair that the
+// version's list has, and checks them against that MD5: a patch against other bytes would fail
+// every device. A zip that is gone or damaged, or an entry that is, gives nothing; another
+// version with the same MD5 may still give it. False when the zip could not be read at all.
+bool takeReferences(const std::string& zipFile, const PackListing& listing,
+                    WantedReferences& wanted, ReferenceFiles& references) {
+    std::vector<std::pair<std::string, std::string>> here;
+    for (const auto& pair : wanted) {
+        const auto file = listing.find(pair.first);
+        if (file != listing.end() && file->second.md5 == pair.second) here.push_back(pair);
+    }
+    std::string archive;
+    if (here.empty() || !readWholeFile(zipFile, archive)) return false;
+    FerritCore::Error error;
+    FerritCore::ZipFile zip =
+        FerritCore::ZipFile::open(FerritCore::Folder::disk(zipFile), archive, error);
+    if (error) return false;
+    for (const auto& [path, md5] : here) {
+        std::string bytes = zip.readEntry(std::string(kResourcePrefix) + path, error);
+        if (error || FerritCore::Digest::md5Hex(bytes) != md5) continue;
+        references[path][md5] = std::move(bytes);
+        wanted.erase({path, md5});
+    }
+    return true;
+}
+
+}  // namespace
+
+size_t readPatchReferences(const std::string& out, const std::string& folder, uint64_t baseSeq,
+                           const std::vector<PackListing>& since, const PackListing& current,
+                           const std::vector<std::string>& changed, ReferenceFiles& references) {
+    WantedReferences wanted;
+    for (const std::string& path : changed) {
+        const auto now = current.find(path);
+        WantedReferences olds;
+        bool everywhere = now != current.end();
+        for (size_t i = 0; everywhere && i < since.size(); ++i) {
+            const auto file = since[i].find(path);
+            everywhere = file != since[i].end();
+            if (everywhere && file->second.md5 != now->second.md5)
+                olds.emplace(path, file->second.md5);
+        }
+        // A path some version lacks travels whole: a device there has nothing to patch.
+        if (everywhere) wanted.insert(olds.begin(), olds.end());
+    }
+    size_t opened = 0;
+    for (size_t i = 0; i < since.size() && !wanted.empty(); ++i) {
+        const bool has = std::any_of(wanted.begin(), wanted.end(), [&](const auto& pair) {
+            const auto file = since[i].find(pair.first);
+            return file != since[i].end() && file->second.md5 == pair.second;
+        });
+        // A version with nothing still wanted is not read at all.
+        if (has && takeReferences((fs::path(out) / versionZip(folder, baseSeq + i)).string(),
+                                  since[i], wanted, references))
+            ++opened;
+    }
+    return opened;
+}
+
+namespace {
+
+// Builds the patched increment from the same base as `increment`, against the files of each
+// version since the base as its full zip holds them, and writes it beside the increment only when
+// it is smaller: a device that knows patches fetches it first, so it must never cost more. `md5`
+// is its MD5 when written, else empty.
+bool writePatchedIncrement(const std::string& out, const std::string& folder,
+                           const std::vector<PackListing>& since, const PackContent& content,
+                           const PackOptions& options, const std::string& increment,
+                           PublishedPack& done, std::string& md5, std::string& error) {
+    // Only a file the base had and that changed can travel as a patch.
+    ReferenceFiles references;
+    readPatchReferences(out, folder, done.baseSeq, since, listingOf(content.files),
+                        done.summary.changed, references);
+    std::string patched;
+    if (!buildIncrementSince(since, content, options, patched, error, nullptr, &references,
+                             &done.patches))
+        return false;
+    done.incrementBytes = increment.size();
+    done.patchedBytes = patched.size();
+    if (patched.size() >= increment.size()) return true;
+    const std::string path = patchedZip(folder, done.seq);
+    if (!writeImmutable(out, path, patched, error)) return false;
+    done.written.push_back(path);
+    done.patched = true;
+    md5 = FerritCore::Digest::md5Hex(patched);
+    return true;
+}
+
+// Writes the increment from the versions `since` and the patched increment beside it; their MD5s
+// go to `incrMd5` and `patchMd5` (empty when the patched one was not written).
+bool writeIncrements(const std::string& out, const std::string& folder,
+                     const std::vector<PackListing>& since, const PackContent& content,
+                     const PackOptions& options, PublishedPack& done, std::string& incrMd5,
+                     std::string& patchMd5, std::string& error) {
+    std::string increment;
+    if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
+        return false;
+    const std::string path = incrementZip(folder, done.seq);
+    if (!writeImmutable(out, path, increment, error)) return false;
+    done.written.push_back(path);
+    done.incremental = true;
+    incrMd5 = FerritCore::Digest::md5Hex(increment);
+    return writePatchedIncrement(out, folder, since, content, options, increment, done, patchMd5,
+                                 error);
+}
+
+// The lists of the versions from `base` to `newest`, which the increment is built from; empty,
+// with `rebased` set, when the history lacks one of them.
+std::vector<PackListing> listsSinceBase(const std::string& history, const std::string& name,
+                                        uint64_t base, uint64_t newest, bool& rebased) {
+    std::vector<PackListing> since;
+    for (uint64_t seq = base; seq != 0 && seq <= newest; ++seq) {
+        PackListing list;
+        if (!readListing(history, name, seq, list)) {
+            rebased = true;
+            return {};
+        }
+        since.push_back(std::move(list));
+    }
+    return since;
+}
+
+// The pack's record in the state once `done` is its newest version, with the zips' MD5s.
+JSON newRecord(const PublishPack& pack, const JSON& before, const SigningPlan& signing,
+               const PublishedPack& done, const std::string& md5, const std::string& incrMd5,
+               const std::string& patchMd5) {
+    const double publishTime = static_cast<double>(nowMs());
+    const uint64_t flags = FerritCore::kPackTypeFerrit | pack.priority;
+    // What a pack's own document says of each version, so that any channel can name it later.
+    // The key that signed its list too, so that no key retires while a channel gives a version
+    // it signed to devices.
+    JSON builds = before["builds"].isObject() ? before["builds"] : JSON(JSONObject{});
+    JSON build(JSONObject{{"b", JSON(done.baseSeq)},
+                          {"c", JSON(md5)},
+                          {"ci", JSON(incrMd5)},
+                          {"t", JSON(publishTime)},
+                          {"f", JSON(flags)},
+                          {"p", JSON(pack.prefix)}});
+    // Only when there is one: without it the record is the bytes it always was.
+    if (!patchMd5.empty()) build.set("cp", JSON(patchMd5));
+    if (!signing.signerId.empty()) build.set(kVersionSigner, JSON(signing.signerId));
+    builds.set(std::to_string(done.seq), build);
+    JSON record(JSONObject{});
+    record.set("seq", JSON(done.seq));
+    record.set("base", JSON(done.baseSeq));
+    record.set("c", JSON(md5));
+    record.set("ci", JSON(incrMd5));
+    if (!patchMd5.empty()) record.set("cp", JSON(patchMd5));
+    record.set("t", JSON(publishTime));
+    record.set("prefix", JSON(pack.prefix));
+    record.set("priority", JSON(pack.priority));
+    record.set("builds", builds);
+    // Numbers stepped over stay known, so that no later command takes their zips for a version.
+    JSON skipped = before["skipped"].isArray() ? before["skipped"] : JSON();
+    for (uint64_t seq : done.skipped) skipped.push(JSON(seq));
+    if (skipped.isArray()) record.set("skipped", std::move(skipped));
+    if (!signing.signerId.empty()) record.set(kPackSigner, JSON(signing.signerId));
+    return record;
 }
 
 }  // namespace
@@ -326,7 +494,8 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     // new version takes the next path that is free. A tree whose history knows nothing of the
     // pack keeps its refusal below, since there the history, not the tree, is what was lost.
     while (newest != 0 && (pathExists(out, versionZip(folder, done.seq)) ||
-                           pathExists(out, incrementZip(folder, done.seq)))) {
+                           pathExists(out, incrementZip(folder, done.seq)) ||
+                           pathExists(out, patchedZip(folder, done.seq)))) {
         done.skipped.push_back(done.seq);
         ++done.seq;
     }
@@ -342,7 +511,8 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     if (!writeImmutable(out, full, zip, error)) return false;
     done.written.push_back(full);
     const std::string md5 = FerritCore::Digest::md5Hex(zip);
-    std::string incrMd5;
+    done.fullBytes = zip.size();
+    std::string incrMd5, patchMd5;
     // The first version is the base that every later increment builds on; a client on the base or
     // any later version takes the increment to the newest, and copies what it leaves out from the
     // version it has. So the increment is built from the list of every version since the base;
@@ -351,57 +521,17 @@ bool buildVersion(const PublishPack& pack, const PackContent& content, const std
     // signs is a new base: no list of the old key stays in use once it retires.
     done.newKey = done.seq > 1 && !signing.signerId.empty() &&
                   packSigner(before, signing.previousSignerId) != signing.signerId;
-    std::vector<PackListing> since;
-    for (uint64_t seq = done.baseSeq; !done.newKey && seq != 0 && seq <= newest; ++seq) {
-        PackListing list;
-        if (!readListing(history, pack.name, seq, list)) {
-            since.clear();
-            done.rebased = true;
-            break;
-        }
-        since.push_back(std::move(list));
-    }
+    const std::vector<PackListing> since =
+        done.newKey ? std::vector<PackListing>()
+                    : listsSinceBase(history, pack.name, done.baseSeq, newest, done.rebased);
     if (since.empty()) {
         done.baseSeq = done.seq;
     } else {
-        std::string increment;
-        if (!buildIncrementSince(since, content, options, increment, error, &done.summary))
+        if (!writeIncrements(out, folder, since, content, options, done, incrMd5, patchMd5, error))
             return false;
-        const std::string path = incrementZip(folder, done.seq);
-        if (!writeImmutable(out, path, increment, error)) return false;
-        done.written.push_back(path);
-        done.incremental = true;
-        incrMd5 = FerritCore::Digest::md5Hex(increment);
     }
     if (!writeListing(history, pack.name, done.seq, listingOf(content.files), error)) return false;
-    const double publishTime = static_cast<double>(nowMs());
-    const uint64_t flags = FerritCore::kPackTypeFerrit | pack.priority;
-    // What a pack's own document says of each version, so that any channel can name it later.
-    // The key that signed its list too, so that no key retires while a channel gives a version
-    // it signed to devices.
-    JSON builds = before["builds"].isObject() ? before["builds"] : JSON(JSONObject{});
-    JSON build(JSONObject{{"b", JSON(done.baseSeq)},
-                          {"c", JSON(md5)},
-                          {"ci", JSON(incrMd5)},
-                          {"t", JSON(publishTime)},
-                          {"f", JSON(flags)},
-                          {"p", JSON(pack.prefix)}});
-    if (!signing.signerId.empty()) build.set(kVersionSigner, JSON(signing.signerId));
-    builds.set(std::to_string(done.seq), build);
-    record = JSON(JSONObject{});
-    record.set("seq", JSON(done.seq));
-    record.set("base", JSON(done.baseSeq));
-    record.set("c", JSON(md5));
-    record.set("ci", JSON(incrMd5));
-    record.set("t", JSON(publishTime));
-    record.set("prefix", JSON(pack.prefix));
-    record.set("priority", JSON(pack.priority));
-    record.set("builds", builds);
-    // Numbers stepped over stay known, so that no later command takes their zips for a version.
-    JSON skipped = before["skipped"].isArray() ? before["skipped"] : JSON();
-    for (uint64_t seq : done.skipped) skipped.push(JSON(seq));
-    if (skipped.isArray()) record.set("skipped", std::move(skipped));
-    if (!signing.signerId.empty()) record.set(kPackSigner, JSON(signing.signerId));
+    record = newRecord(pack, before, signing, done, md5, incrMd5, patchMd5);
     return true;
 }
 

@@ -2,7 +2,9 @@
 // server or CDN serves as it is: the signed global configuration at every path a client's
 // configuration request asks for, each pack's signed configuration under
 // "packconfig/<name>/<seq>", full zips under "<zips>/<name>/<seq>.zip" and, once a pack has been
-// published before, the incremental zip from its base version under "<zips>/<name>/i/<seq>.zip".
+// published before, the incremental zip from its base version under "<zips>/<name>/i/<seq>.zip"
+// and, when smaller, the patched increment from the same base under "<zips>/<name>/p/<seq>.zip",
+// whose changed files travel as patches against the bytes of the older versions' full zips.
 // What a later run builds on (sequence numbers, and the list of every version of a pack since its
 // base: each path's MD5 and size) is kept in a history folder outside the tree, so that the
 // server never serves it; by default beside the tree, "<OUT>.publish". One publish at a time per
@@ -63,12 +65,19 @@ struct PublishedPack {
     std::string name;
     uint64_t seq = 0;
     uint64_t baseSeq = 0;
-    bool changed = false;              // a new version was written
-    bool incremental = false;          // with an increment
-    bool rebased = false;              // a new base: the history lacked a version since the old one
-    bool newKey = false;               // a new base: another key signed the previous version
-    std::vector<uint64_t> skipped;     // versions whose zips a publish that never finished left
-    IncrementSummary summary;          // what the increment holds
+    bool changed = false;           // a new version was written
+    bool incremental = false;       // with an increment
+    bool rebased = false;           // a new base: the history lacked a version since the old one
+    bool newKey = false;            // a new base: another key signed the previous version
+    std::vector<uint64_t> skipped;  // versions whose zips a publish that never finished left
+    IncrementSummary summary;       // what the increment holds
+    // The patched increment beside the increment: built whenever the increment is, written only
+    // when smaller. Sizes in bytes; `patchedBytes` is that of the one built, written or not.
+    bool patched = false;
+    uint64_t incrementBytes = 0;
+    uint64_t patchedBytes = 0;
+    uint64_t fullBytes = 0;
+    PatchSummary patches;              // what travels as patches in it
     std::vector<std::string> written;  // paths below the tree
 };
 
@@ -141,6 +150,15 @@ bool writeTreeFile(const std::string& out, const std::string& relative, const st
 // names none. False with `error` set when that key may not sign the tree.
 bool signingPlanOf(const MarlLogger::json::JSON& state, const PublishManifest& manifest,
                    SigningPlan& plan, std::string& error);
+// The bytes a new version's patched increment starts from, read back from the full zips below
+// `folder` in the tree `out` of the versions `since` (the first is `baseSeq`): for each `changed`
+// path that every one of them has, one copy of each distinct older MD5 other than the new one
+// (in `current`), read by entry name from the first version that lists it, checked against that
+// MD5. A version with nothing still wanted is not read, so the walk ends once every MD5 has its
+// bytes. Returns how many full zips it read (a zip that is gone counts for none).
+size_t readPatchReferences(const std::string& out, const std::string& folder, uint64_t baseSeq,
+                           const std::vector<PackListing>& since, const PackListing& current,
+                           const std::vector<std::string>& changed, ReferenceFiles& references);
 // Builds the version after the pack's newest (`before`, its record in the state) from `content`:
 // its full zip, its increment from the base when the history lists every version since, and its
 // list. A version that another key than `signing`'s signer signed before is a new base. `record`

@@ -74,6 +74,7 @@ bool versionRecord(const JSON& packState, const std::string& name, uint64_t seq,
         out.baseSeq = build["b"].uint64Value();
         out.md5 = build["c"].stringValue();
         out.incrMd5 = build["ci"].stringValue();
+        out.patchMd5 = build["cp"].stringValue();
         out.publishTime = build["t"].doubleValue();
         out.flags = build["f"].uint64Value();
         out.prefixes.push_back(build["p"].stringValue());
@@ -84,6 +85,7 @@ bool versionRecord(const JSON& packState, const std::string& name, uint64_t seq,
         out.baseSeq = packState["base"].uint64Value();
         out.md5 = packState["c"].stringValue();
         out.incrMd5 = packState["ci"].stringValue();
+        out.patchMd5 = packState["cp"].stringValue();
         out.publishTime = packState["t"].doubleValue();
         out.flags = FerritCore::kPackTypeFerrit | packState["priority"].uint64Value();
         out.prefixes.push_back(packState["prefix"].stringValue());

@@ -3,7 +3,8 @@
 # nothing changed, and a second version with two changed files, whose documents are verified
 # with openssl against the key's public half and whose zips are opened with unzip; then a revert,
 # a file removed and restored beside an empty file, where the history lives, and a tree whose
-# history an earlier release kept inside it.
+# history an earlier release kept inside it; then the patched increment of a large script that
+# changes one line in each of three versions.
 #   check-publish.sh PATH-TO-ferrit KEYS-FOLDER
 set -euo pipefail
 tool=$1
@@ -274,4 +275,46 @@ expect "lib 1 unchanged" "$out"
   [ -s "$work/old.publish/shop/2.json" ] || fail "the moved history is incomplete"
 entries=$(unzip -Z1 "$work/old/packs/shop/i/2.zip" | tr '\n' ' ')
 [ "$entries" = "app-res.hvc res/index.html " ] || fail "the moved history's increment: $entries"
+# A small change gains nothing from patches: no patched increment, and no "cp" names one.
+expect "patched increment" "$(grep -A1 'shop 2 (increment' <<<"$out")"
+expect "not smaller, not written" "$out"
+[ ! -e "$work/old/packs/shop/p/2.zip" ] || fail "a patched increment no smaller was written"
+case "$(cat "$work/old/packconfig/shop/2")" in *'"cp"'*) fail "\"cp\" names no zip" ;; esac
+
+# Three versions where a large script changes one line each time: the patched increment to the
+# third carries a patch against each older version's script, stored, beside the plain increment.
+mkdir -p "$work/big/app"
+seq 1 20000 | sed 's/.*/export function f&(a){return a*&}/' > "$work/big/app/app.js"
+printf '<html>one</html>' > "$work/big/app/index.html"
+sed 's/"folder": "lib"/"folder": "app"/' "$work/manifest.json" > "$work/big.json"
+publishBig() { "$tool" publish --key "$work/key.pem" --manifest "$work/big.json" "$work/big" "$work/bigout"; }
+publishBig >/dev/null
+sed -i 's/^export function f5000(a)/export function f5000(a){console.log(a)}/' "$work/big/app/app.js"
+md5a=$(unzip -p "$work/bigout/packs/shop/1.zip" res/app.js | md5sum | cut -c1-32)
+publishBig >/dev/null
+md5b=$(md5sum < "$work/big/app/app.js" | cut -c1-32)
+sed -i 's/^export function f15000(a)/export function f15000(a){console.log(a)}/' "$work/big/app/app.js"
+out=$(publishBig)
+expect "shop 3 (increment from 1: 1 changed, 0 added, 0 removed)" "$out"
+plain=$(wc -c < "$work/bigout/packs/shop/i/3.zip")
+patched=$(wc -c < "$work/bigout/packs/shop/p/3.zip")
+expect "patched increment $patched bytes, increment $plain bytes (1 patched, " "$out"
+expect "  wrote packs/shop/p/3.zip" "$out"
+[ $(( patched * 4 )) -lt "$plain" ] || fail "the patched increment saves little: $patched of $plain"
+entries=$(unzip -Z1 "$work/bigout/packs/shop/p/3.zip" | tr '\n' ' ')
+expected=$(printf 'patch/%s/app.js\n' "$md5a" "$md5b" | sort | tr '\n' ' ')
+[ "$entries" = "app-res.hvc $expected" ] || fail "patched increment entries: $entries"
+expect " stor " "$(zipinfo "$work/bigout/packs/shop/p/3.zip" "patch/$md5a/app.js")"
+cmp -s <(unzip -p "$work/bigout/packs/shop/p/3.zip" app-res.hvc) \
+  <(unzip -p "$work/bigout/packs/shop/i/3.zip" app-res.hvc) || fail "the two increments' lists differ"
+config3=$(cat "$work/bigout/packconfig/shop/3")
+expect "\"ci\":\"$(md5sum < "$work/bigout/packs/shop/i/3.zip" | cut -c1-32)\"" "$config3"
+expect "\"cp\":\"$(md5sum < "$work/bigout/packs/shop/p/3.zip" | cut -c1-32)\"" "$config3"
+verify "$work/bigout/packconfig/shop/3" "$work/key.pub.pem"
+if command -v zstd >/dev/null; then
+  unzip -p "$work/bigout/packs/shop/1.zip" res/app.js > "$work/app1.js"
+  unzip -p "$work/bigout/packs/shop/p/3.zip" "patch/$md5a/app.js" > "$work/app.patch"
+  zstd -qq -d --patch-from="$work/app1.js" "$work/app.patch" -o "$work/app3.js"
+  cmp -s "$work/app3.js" "$work/big/app/app.js" || fail "the patch does not make the new script"
+fi
 echo "check-publish: ok"
