@@ -5,8 +5,9 @@
 // package's servePage. Then a second version with two changed files arrives as an increment,
 // and the network's faults leave the installed version serving; at the end the site goes back to
 // version one, and its increment brings the device back to it; last, one line of the app's 11 MB
-// script (a real release of a charting library) changes and arrives as a patched increment. Also: the page's load time from
-// packs against nginx behind a proxy that adds 100 ms to every request, and the inspector page.
+// script (a real release of a charting library) changes and arrives as a patched increment.
+// Also: the page's load time from packs against nginx behind a proxy that adds 100 ms to every
+// request, and the inspector page.
 // One process holds the library, so the steps run in order in one test.
 const assert = require('node:assert/strict');
 const fs = require('fs');
