@@ -64,6 +64,12 @@ struct World {
     int folders = 0;
 };
 
+// The temp root of this run, if one was made: fail() removes it on its way out too.
+fs::path& tempRoot() {
+    static fs::path root;
+    return root;
+}
+
 fs::path releasesFolder() {
     if (const char* set = std::getenv("FERRIT_RELEASES"); set != nullptr && *set != '\0')
         return set;
@@ -72,6 +78,8 @@ fs::path releasesFolder() {
 
 void fail(const std::string& what) {
     std::fprintf(stderr, "release_bench: %s\n", what.c_str());
+    std::error_code ignored;
+    if (!tempRoot().empty()) fs::remove_all(tempRoot(), ignored);
     std::exit(1);
 }
 
@@ -126,15 +134,20 @@ World& world() {
                                                 &w->summary))
             fail(error);
         changeOneLine(*w);
-        w->root = fs::temp_directory_path() / ("ferrit-release-bench-" + std::to_string(getpid()));
-        fs::remove_all(w->root);
-        // The device's installed version: the old release's files on disk.
-        w->oldFolder = w->root / "installed";
-        fs::create_directories(w->root);
-        fs::copy(oldRelease, w->oldFolder, fs::copy_options::recursive);
         return w;
     }();
     return *instance;
+}
+
+// The device's installed version, the old release's files on disk, under a temp root that the
+// timed installs write their folders into; only the benchmarks need it, not --check.
+void makeInstalled(World& w) {
+    w.root = fs::temp_directory_path() / ("ferrit-release-bench-" + std::to_string(getpid()));
+    fs::remove_all(w.root);
+    fs::create_directories(w.root);
+    tempRoot() = w.root;
+    w.oldFolder = w.root / "installed";
+    fs::copy(w.releases / "release-old", w.oldFolder, fs::copy_options::recursive);
 }
 
 void printFigures(const World& w) {
@@ -262,14 +275,13 @@ void install(World& w, const std::string& zip, const fs::path& folder) {
 void installBench(benchmark::State& state, const std::string World::*zip, const char* kind) {
     if (skipWithoutReleases(state)) return;
     World& w = world();
-    fs::path last;
     for (auto _ : state) {
         state.PauseTiming();
-        // The previous iteration's folder goes while the clock is stopped.
-        if (!last.empty()) fs::remove_all(last);
-        last = freshFolder(w, kind);
+        // Every iteration's folder stays until the run ends: removing one just before a timed
+        // write would leave the disk busy freeing it while the clock runs.
+        const fs::path folder = freshFolder(w, kind);
         state.ResumeTiming();
-        install(w, w.*zip, last);
+        install(w, w.*zip, folder);
     }
     counters(state);
 }
@@ -321,7 +333,6 @@ void BM_OneLinePatchApply(benchmark::State& state) {
 // The sizes against the goals, without timing anything.
 int check() {
     const World& w = world();
-    if (!w.root.empty()) fs::remove_all(w.root);
     if (!w.found) {
         std::printf("release_bench: no releases under %s (npm ci in tests/e2e installs them)\n",
                     w.releases.c_str());
@@ -358,7 +369,10 @@ int main(int argc, char** argv) {
     if (argc == 2 && std::strcmp(argv[1], "--check") == 0) return check();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    if (world().found) printFigures(world());
+    if (world().found) {
+        printFigures(world());
+        makeInstalled(world());
+    }
     FerritBench::FloorReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
