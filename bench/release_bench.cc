@@ -6,7 +6,9 @@
 //   counters     fullBytes, plainBytes, patchedBytes: the full zip of the new release, the plain
 //                increment and the patched increment from the old one; patchedToPlain their
 //                ratio (goal <= 0.25); oneLineScriptBytes and oneLinePatchBytes: the largest
-//                script and the patch of a one-line change to it (goal < 2 KB)
+//                script (at least 7 MB) and the patch of a one-line change to it (goal < 2 KB);
+//                oneLineIncrementBytes the patched increment carrying that change, which adds
+//                under the goal to the signed list every form carries
 //   BM_PlainIncrementInstall    the floor: every entry of the plain increment inflated, written
 //                               to a new folder and its MD5 checked against the new list
 //   BM_PatchedIncrementInstall  the patched increment the same way, each patch applied to the
@@ -28,6 +30,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "FloorReporter.h"
 #include "base/Digest.h"
@@ -61,6 +64,10 @@ struct World {
     FerritTools::PatchSummary summary;
     std::string scriptPath;
     std::string script, changed, deflated, oneLinePatch, changedMd5;
+    // The download that carries the one-line change: the patched increment to the changed
+    // release, and an increment that changes nothing, which carries only the signed list.
+    std::string oneLineIncrement, listOnly;
+    FerritTools::PatchSummary oneLineSummary;
     int folders = 0;
 };
 
@@ -109,6 +116,18 @@ void changeOneLine(World& w) {
     w.oneLinePatch = std::move(*patch);
 }
 
+// The patched increment from the new release to the one with the changed line, as a publish
+// makes it; what it carries beyond the list is the patch and its zip entry.
+void buildOneLineIncrement(World& w, const FerritTools::PackOptions& options) {
+    FerritTools::PackContent fixed = w.after;
+    fixed.files[w.scriptPath] = w.changed;
+    std::string error;
+    if (!FerritTools::buildPatchedIncrement(w.after, fixed, options, w.oneLineIncrement, error,
+                                            &w.oneLineSummary) ||
+        !FerritTools::buildIncrement(fixed, fixed, options, w.listOnly, error))
+        fail(error);
+}
+
 World& world() {
     static World* const instance = [] {
         auto* w = new World();
@@ -134,6 +153,7 @@ World& world() {
                                                 &w->summary))
             fail(error);
         changeOneLine(*w);
+        buildOneLineIncrement(*w, options);
         return w;
     }();
     return *instance;
@@ -163,6 +183,15 @@ void printFigures(const World& w) {
                 w.scriptPath.c_str(), w.oneLinePatch.size(),
                 static_cast<unsigned long long>(kMaxOneLinePatch), w.deflated.size(),
                 w.script.size() < kLargeScript ? " (the largest script is under 7 MB)" : "");
+    std::printf("its patched increment %zu B, of which the signed list alone %zu B\n",
+                w.oneLineIncrement.size(), w.listOnly.size());
+}
+
+// What the one-line download carries beyond the list every form carries.
+uint64_t oneLineExtra(const World& w) {
+    return w.oneLineIncrement.size() > w.listOnly.size()
+               ? w.oneLineIncrement.size() - w.listOnly.size()
+               : 0;
 }
 
 void counters(benchmark::State& state) {
@@ -174,6 +203,7 @@ void counters(benchmark::State& state) {
         static_cast<double>(w.patched.size()) / static_cast<double>(w.plain.size());
     state.counters["oneLineScriptBytes"] = static_cast<double>(w.script.size());
     state.counters["oneLinePatchBytes"] = static_cast<double>(w.oneLinePatch.size());
+    state.counters["oneLineIncrementBytes"] = static_cast<double>(w.oneLineIncrement.size());
 }
 
 bool skipWithoutReleases(benchmark::State& state) {
@@ -346,8 +376,25 @@ int check() {
         std::printf("FAIL: the patched increment is %.4f of the plain one\n", ratio);
         met = false;
     }
+    // The goal names a large script: a small one would meet it without saying anything.
+    if (w.script.size() < kLargeScript) {
+        std::printf("FAIL: the largest script is %zu bytes, under 7 MB\n", w.script.size());
+        met = false;
+    }
     if (w.oneLinePatch.size() >= kMaxOneLinePatch) {
         std::printf("FAIL: the one-line patch is %zu bytes\n", w.oneLinePatch.size());
+        met = false;
+    }
+    // And the download that carries it: the script as its one patch, adding under the goal to
+    // the list.
+    if (w.oneLineSummary.patched != std::vector<std::string>{w.scriptPath}) {
+        std::printf("FAIL: the one-line patched increment does not carry %s as a patch\n",
+                    w.scriptPath.c_str());
+        met = false;
+    }
+    if (oneLineExtra(w) >= kMaxOneLinePatch) {
+        std::printf("FAIL: the one-line patched increment adds %llu bytes to the list\n",
+                    static_cast<unsigned long long>(oneLineExtra(w)));
         met = false;
     }
     // A patched increment that patched nothing would meet the ratio only by accident.
