@@ -13,6 +13,8 @@
 //                               to a new folder and its MD5 checked against the new list
 //   BM_PatchedIncrementInstall  the patched increment the same way, each patch applied to the
 //                               old release's file on disk (whose MD5 is checked first)
+//   Both are this file's own loop over the zip, an apply-only comparison: neither runs the
+//   library's install (no download, signature check, kept-file copies, staging or commit).
 //   BM_OneLineInflateMd5 / BM_OneLinePatchApply   the changed script inflated whole and checked,
 //                               against the patch applied to the script
 //
