@@ -2,7 +2,9 @@
 // installed version holds. Each case runs with the installed version in the packed store and on
 // the disk (a version an older build installed there). The happy path fetches only "/p/"; every
 // way the patched form can fail falls back, in the same task, to the plain increment and then to
-// the full zip, and the device always ends serving the new version's bytes.
+// the full zip, and the device always ends serving the new version's bytes. Only a plain pack
+// takes increments, so the new version always lands in the packed store; an application staged
+// on the disk, a record with its own zip and a preview never ask for the patched form.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -561,6 +563,83 @@ TEST_P(PatchInstallTest, PatchOfALargeFileStaysWithinTheLimit) {
     const uint64_t window = std::bit_ceil(second[kBig].size());
     EXPECT_GE(held, static_cast<double>(2 * file + window));
     EXPECT_LE(held, static_cast<double>(2 * file + window + kPatchChunk + (1u << 20))) << held;
+}
+
+// An application staged on the disk under "apps/" is replaced whole: it never takes an
+// increment, so a record of that type that names a patched increment still fetches the full zip.
+TEST_P(PatchInstallTest, AppStagedOnTheDiskFetchesTheFullZipDespiteAPatch) {
+    // The installed version is on the disk in both cases: one run says it all.
+    if (onDiskInstall()) GTEST_SKIP() << "the same run as the packed case";
+    const std::string first = zipOf(version1());
+    auto p = record("shop", kPackTypeACache, 1, 1, kPriorityAutoInstall);
+    p->md5 = Digest::md5Hex(first);
+    put({p});
+    serveFull("shop", 1, first, kAppZipPrefix);
+    const Error installed = update("shop", kTriggerTimer);
+    ASSERT_FALSE(installed) << installed.message();
+    ASSERT_TRUE(onDisk("apps/shop/1"));
+    proxy_->requests.clear();
+    proxy_->clearRecords();
+    const std::string patched = patchedOf(version1(), version2());
+    offerVersion2(patched);
+    ASSERT_FALSE(find("shop")->patchMd5.empty());
+    // Each form is served where an app's zips live: only the full one may be asked for.
+    const std::string at = std::string(kAppZipPrefix) + "shop/";
+    proxy_->serve(at + "p/2.zip", 200, patched);
+    proxy_->serve(at + "i/2.zip", 200, incrementOf(version1(), version2()));
+    serveFull("shop", 2, zipOf(version2()), kAppZipPrefix);
+    const Error error = update("shop", kTriggerTimer);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(urls(), std::vector<std::string>{at + "2.zip"});
+    EXPECT_EQ(find("shop")->installedSeq, 2u);
+    EXPECT_TRUE(onDisk("apps/shop/2"));
+    expectServes(version2());
+    EXPECT_EQ(dimension(runRecord(), "form"), "full");
+    EXPECT_EQ(dimension(runRecord(), "patchRefused"), "(none)");
+    settle();
+    EXPECT_TRUE(tempLeft().empty());
+}
+
+// A record that names its own zip is fetched from there alone, whatever "cp" says: the patched
+// increment lives only on the pack server.
+TEST_P(PatchInstallTest, RecordWithItsOwnZipNeverAsksForThePatchedIncrement) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string full = zipOf(version2());
+    offerVersion2(patchedOf(version1(), version2()));
+    auto p = find("shop")->clone();
+    p->subType = kSubTypeFixedUrl;
+    p->zipURL = "https://cdn.test/shop-2.zip";
+    p->incrMd5 = Digest::md5Hex(full);
+    put({p});
+    ASSERT_FALSE(find("shop")->patchMd5.empty());
+    proxy_->serve(p->zipURL, 200, full);
+    const Error error = update("shop", kTriggerTimer);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(urls(), std::vector<std::string>{p->zipURL});
+    EXPECT_EQ(find("shop")->installedSeq, 2u);
+    expectServes(version2());
+    EXPECT_NE(dimension(runRecord(), "form"), "patched");
+    EXPECT_EQ(logs_->count("patchRefused"), 0u);
+}
+
+// A preview record carries its zip's address too: the preview is fetched from there alone.
+TEST_P(PatchInstallTest, PreviewRecordNeverAsksForThePatchedIncrement) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string full = zipOf(version2());
+    offerVersion2(patchedOf(version1(), version2()));
+    auto p = find("shop")->clone();
+    p->status = kPackStatusPreview;
+    p->zipURL = "https://preview.test/shop-2.zip";
+    put({p});
+    ASSERT_FALSE(find("shop")->patchMd5.empty());
+    proxy_->serve(p->zipURL, 200, full);
+    const Error error = update("shop", kTriggerPreview);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(urls(), std::vector<std::string>{p->zipURL});
+    EXPECT_EQ(find("shop")->installedSeq, 2u);
+    expectServes(version2());
+    EXPECT_EQ(dimension(runRecord(), "form"), "full");
+    EXPECT_EQ(logs_->count("patchRefused"), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Installed, PatchInstallTest, ::testing::Bool(),
