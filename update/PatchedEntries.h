@@ -47,7 +47,15 @@ class PatchedEntries {
     PatchedEntries(const PatchedEntries&) = delete;
     PatchedEntries& operator=(const PatchedEntries&) = delete;
 
+    // The folder the list names resources under; a patch entry names its file without it.
+    static constexpr std::string_view kResourcePrefix = "res/";
+
     static bool isPatch(std::string_view entry) { return entry.starts_with(kPatchEntryPrefix); }
+    // The one patch entry that can make `wanted` on a device whose installed list names `held`
+    // for the same path: the patch from the installed bytes. Empty when nothing is installed
+    // under the path, the installed file is the new one already (it is kept), or `wanted` is
+    // not a resource. The walk and the budget's check both decide by it.
+    static std::string applicableEntry(const ResourceRecord* held, const ResourceRecord& wanted);
 
     // One patch entry: begin, each piece, end. An error stops the walk.
     Error begin(const std::string& entry);
