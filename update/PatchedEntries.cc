@@ -66,9 +66,12 @@ Error PatchedEntries::begin(const std::string& entry) {
     if (applicableEntry(held.get(), *wanted) != entry) return Error();
     if (!wanted->hasSize())
         return Errors::patchFailed(inZip.describe(), "the list states no size for the file made");
+    // Judged before anything is read or reserved: the applier would refuse it at the header.
+    if (wanted->size > limit_)
+        return Errors::patchFailed(inZip.describe(), "the file made is above the patch limit");
     if (Error error = readReference(path, std::string(md5))) return error;
     applier_.emplace(reference_, inZip, wanted->size, wanted->md5, limit_);
-    if (Error error = installer_.beginFile(path)) {
+    if (Error error = installer_.beginFile(path, wanted->size)) {
         applier_.reset();
         return error;
     }

@@ -13,10 +13,10 @@
 // is a failure (unresolved()), as is a reference above kPatchLimit.
 //
 // Memory: one installed file (at most kPatchLimit), what the applier holds (its window at most
-// kPatchLimit, plus a piece of kPatchChunk) and, when the new version lives in the packed store,
-// the file made, gathered whole until it is stored (at most kPatchLimit, the size the list
-// states): about three times the limit there, two for a version on the disk. peakMemory()
-// reports the sum of the three at one application's end.
+// kPatchLimit, plus a piece of kPatchChunk) and the file made, gathered whole until it is stored
+// in the packed store, where every version that takes increments lives (reserved at once at the
+// size the list states, which is refused above kPatchLimit): about three times the limit.
+// peakMemory() reports the sum of the three at one application's end.
 //
 // Not thread-safe: lives inside one install stage on the worker.
 #pragma once
