@@ -380,6 +380,28 @@ TEST_P(PatchInstallTest, PlainIncrementBrokenTooEndsWithTheFullZip) {
     EXPECT_TRUE(tempLeft().empty());
 }
 
+// A broken connection on the patched increment is refused like any failure of it: the plain
+// increment is asked for next. When that fails the same way the run ends there, the full zip
+// untried, with the version installed before.
+TEST_P(PatchInstallTest, TransportFailureOnBothIncrementsEndsTheRun) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    offerVersion2(patchedOf(version1(), version2()));
+    FakeProxy::Answer broken;
+    broken.transportError = Error(-1, "connection reset");
+    proxy_->serve(zips({"p/"})[0], broken);
+    proxy_->serve(zips({"i/"})[0], broken);
+    const Error error = update("shop", kTriggerTimer);
+    EXPECT_TRUE(error);
+    EXPECT_EQ(urls(), zips({"p/", "i/"}));
+    EXPECT_EQ(find("shop")->installedSeq, 1u);
+    expectServes(version1());
+    EXPECT_NE(dimension(runRecord(), "patchRefused").find("connection reset"), std::string::npos)
+        << dimension(runRecord(), "patchRefused");
+    EXPECT_EQ(logs_->count("patchRefused"), 1u);
+    settle();
+    EXPECT_TRUE(tempLeft().empty());
+}
+
 // A list may name a file beside the resources, here changed since the installed version: only a
 // resource can travel as a patch, and the budget's check looks for patches among those alone.
 TEST_P(PatchInstallTest, ListedFileBesideTheResourcesTravelsWhole) {
