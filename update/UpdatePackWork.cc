@@ -99,6 +99,8 @@ class EntryWriter {
         length_ = 0;
         if (entry.ends_with('/')) {
             skip_ = true;
+            // The patches' folders name no folder of the version.
+            if (PatchedEntries::isPatch(entry)) return true;
             error_ = installer_.makeDirectory(entry);
             return !error_;
         }
