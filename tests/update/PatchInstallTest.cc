@@ -622,6 +622,32 @@ TEST_P(PatchInstallTest, AppStagedOnTheDiskFetchesTheFullZipDespiteAPatch) {
     EXPECT_TRUE(tempLeft().empty());
 }
 
+// A folder entry under "patch/" names no folder of the version: an application staged on the
+// disk, where folders are made, gets none.
+TEST_P(PatchInstallTest, FolderEntryUnderPatchMakesNoFolder) {
+    if (onDiskInstall()) GTEST_SKIP() << "the same run as the packed case";
+    FerritTools::ZipWriter writer;
+    std::string zip, error;
+    ASSERT_TRUE(writer.addFile("app-res.hvc", indexOf(version1()), error)) << error;
+    FerritTools::ZipWriter::Entry folder;
+    folder.name = "patch/0123456789abcdef0123456789abcdef/";
+    folder.deflate = false;
+    folder.unixMode = 040755;
+    ASSERT_TRUE(writer.add(folder, error)) << error;
+    for (const auto& [path, content] : version1())
+        ASSERT_TRUE(writer.addFile("res/" + path, content, error)) << error;
+    ASSERT_TRUE(writer.finish(zip, error)) << error;
+    auto p = record("shop", kPackTypeACache, 1, 1, kPriorityAutoInstall);
+    p->md5 = Digest::md5Hex(zip);
+    put({p});
+    serveFull("shop", 1, zip, kAppZipPrefix);
+    const Error installed = update("shop", kTriggerTimer);
+    ASSERT_FALSE(installed) << installed.message();
+    ASSERT_TRUE(onDisk("apps/shop/1/res"));
+    EXPECT_FALSE(onDisk("apps/shop/1/patch"));
+    expectServes(version1());
+}
+
 // A record that names its own zip is fetched from there alone, whatever "cp" says: the patched
 // increment lives only on the pack server.
 TEST_P(PatchInstallTest, RecordWithItsOwnZipNeverAsksForThePatchedIncrement) {
