@@ -19,22 +19,6 @@
 namespace FerritTest {
 namespace {
 
-// A bundler's output from a fixed seed: the same bytes, so the same patches, at every run.
-std::string script(size_t size, uint64_t seed) {
-    static const char* const kWords[] = {"function", "return", "const", "let", "this", "value",
-                                         "render",   "state",  "props", "=>",  "if",   "else"};
-    std::mt19937_64 engine(seed);
-    std::string text;
-    while (text.size() < size) {
-        text += kWords[engine() % std::size(kWords)];
-        text += engine() % 7 == 0 ? ";\n" : " ";
-        text += std::to_string(engine() % 100000);
-        text += ' ';
-    }
-    text.resize(size);
-    return text;
-}
-
 // The same script with one line changed in the middle.
 std::string oneLineChanged(std::string text, const std::string& line = "console.log(\"fixed\");") {
     text.insert(text.find('\n', text.size() / 2), " " + line);
@@ -49,7 +33,7 @@ class PatchInstallTest : public InstallFixture, public ::testing::WithParamInter
 
     static PackFiles version1() {
         return {{"index.html", "<!doctype html><title>v1</title>"},
-                {kBig, script(200000, 29)},
+                {kBig, scriptText(200000, 29)},
                 {"css/app.css", "body{color:red}"}};
     }
     // The script changes by one line, the page whole, and a file is added.
@@ -563,7 +547,7 @@ TEST_P(PatchInstallTest, InstalledFileWithTheNewBytesIsKept) {
 // decoder's window and the file made, bounded by the limit and not by the patch or the zip.
 TEST_P(PatchInstallTest, PatchOfALargeFileStaysWithinTheLimit) {
     PackFiles first = version1();
-    first[kBig] = script(5u << 20, 31);
+    first[kBig] = scriptText(5u << 20, 31);
     ASSERT_NO_FATAL_FAILURE(installFirst(first));
     PackFiles second = first;
     second[kBig] = oneLineChanged(first[kBig]);
