@@ -6,11 +6,15 @@
 //   counters     fullBytes, plainBytes, patchedBytes: the full zip of the new release, the plain
 //                increment and the patched increment from the old one; patchedToPlain their
 //                ratio (goal <= 0.25); oneLineScriptBytes and oneLinePatchBytes: the largest
-//                script and the patch of a one-line change to it (goal < 2 KB)
+//                script (at least 7 MB) and the patch of a one-line change to it (goal < 2 KB);
+//                oneLineIncrementBytes the patched increment carrying that change, which adds
+//                under the goal to the signed list every form carries
 //   BM_PlainIncrementInstall    the floor: every entry of the plain increment inflated, written
 //                               to a new folder and its MD5 checked against the new list
 //   BM_PatchedIncrementInstall  the patched increment the same way, each patch applied to the
 //                               old release's file on disk (whose MD5 is checked first)
+//   Both are this file's own loop over the zip, an apply-only comparison: neither runs the
+//   library's install (no download, signature check, kept-file copies, staging or commit).
 //   BM_OneLineInflateMd5 / BM_OneLinePatchApply   the changed script inflated whole and checked,
 //                               against the patch applied to the script
 //
@@ -28,6 +32,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "FloorReporter.h"
 #include "base/Digest.h"
@@ -61,8 +66,18 @@ struct World {
     FerritTools::PatchSummary summary;
     std::string scriptPath;
     std::string script, changed, deflated, oneLinePatch, changedMd5;
+    // The download that carries the one-line change: the patched increment to the changed
+    // release, and an increment that changes nothing, which carries only the signed list.
+    std::string oneLineIncrement, listOnly;
+    FerritTools::PatchSummary oneLineSummary;
     int folders = 0;
 };
+
+// The temp root of this run, if one was made: fail() removes it on its way out too.
+fs::path& tempRoot() {
+    static fs::path root;
+    return root;
+}
 
 fs::path releasesFolder() {
     if (const char* set = std::getenv("FERRIT_RELEASES"); set != nullptr && *set != '\0')
@@ -72,6 +87,8 @@ fs::path releasesFolder() {
 
 void fail(const std::string& what) {
     std::fprintf(stderr, "release_bench: %s\n", what.c_str());
+    std::error_code ignored;
+    if (!tempRoot().empty()) fs::remove_all(tempRoot(), ignored);
     std::exit(1);
 }
 
@@ -101,6 +118,18 @@ void changeOneLine(World& w) {
     w.oneLinePatch = std::move(*patch);
 }
 
+// The patched increment from the new release to the one with the changed line, as a publish
+// makes it; what it carries beyond the list is the patch and its zip entry.
+void buildOneLineIncrement(World& w, const FerritTools::PackOptions& options) {
+    FerritTools::PackContent fixed = w.after;
+    fixed.files[w.scriptPath] = w.changed;
+    std::string error;
+    if (!FerritTools::buildPatchedIncrement(w.after, fixed, options, w.oneLineIncrement, error,
+                                            &w.oneLineSummary) ||
+        !FerritTools::buildIncrement(fixed, fixed, options, w.listOnly, error))
+        fail(error);
+}
+
 World& world() {
     static World* const instance = [] {
         auto* w = new World();
@@ -126,15 +155,21 @@ World& world() {
                                                 &w->summary))
             fail(error);
         changeOneLine(*w);
-        w->root = fs::temp_directory_path() / ("ferrit-release-bench-" + std::to_string(getpid()));
-        fs::remove_all(w->root);
-        // The device's installed version: the old release's files on disk.
-        w->oldFolder = w->root / "installed";
-        fs::create_directories(w->root);
-        fs::copy(oldRelease, w->oldFolder, fs::copy_options::recursive);
+        buildOneLineIncrement(*w, options);
         return w;
     }();
     return *instance;
+}
+
+// The device's installed version, the old release's files on disk, under a temp root that the
+// timed installs write their folders into; only the benchmarks need it, not --check.
+void makeInstalled(World& w) {
+    w.root = fs::temp_directory_path() / ("ferrit-release-bench-" + std::to_string(getpid()));
+    fs::remove_all(w.root);
+    fs::create_directories(w.root);
+    tempRoot() = w.root;
+    w.oldFolder = w.root / "installed";
+    fs::copy(w.releases / "release-old", w.oldFolder, fs::copy_options::recursive);
 }
 
 void printFigures(const World& w) {
@@ -150,6 +185,15 @@ void printFigures(const World& w) {
                 w.scriptPath.c_str(), w.oneLinePatch.size(),
                 static_cast<unsigned long long>(kMaxOneLinePatch), w.deflated.size(),
                 w.script.size() < kLargeScript ? " (the largest script is under 7 MB)" : "");
+    std::printf("its patched increment %zu B, of which the signed list alone %zu B\n",
+                w.oneLineIncrement.size(), w.listOnly.size());
+}
+
+// What the one-line download carries beyond the list every form carries.
+uint64_t oneLineExtra(const World& w) {
+    return w.oneLineIncrement.size() > w.listOnly.size()
+               ? w.oneLineIncrement.size() - w.listOnly.size()
+               : 0;
 }
 
 void counters(benchmark::State& state) {
@@ -161,6 +205,7 @@ void counters(benchmark::State& state) {
         static_cast<double>(w.patched.size()) / static_cast<double>(w.plain.size());
     state.counters["oneLineScriptBytes"] = static_cast<double>(w.script.size());
     state.counters["oneLinePatchBytes"] = static_cast<double>(w.oneLinePatch.size());
+    state.counters["oneLineIncrementBytes"] = static_cast<double>(w.oneLineIncrement.size());
 }
 
 bool skipWithoutReleases(benchmark::State& state) {
@@ -262,14 +307,13 @@ void install(World& w, const std::string& zip, const fs::path& folder) {
 void installBench(benchmark::State& state, const std::string World::*zip, const char* kind) {
     if (skipWithoutReleases(state)) return;
     World& w = world();
-    fs::path last;
     for (auto _ : state) {
         state.PauseTiming();
-        // The previous iteration's folder goes while the clock is stopped.
-        if (!last.empty()) fs::remove_all(last);
-        last = freshFolder(w, kind);
+        // Every iteration's folder stays until the run ends: removing one just before a timed
+        // write would leave the disk busy freeing it while the clock runs.
+        const fs::path folder = freshFolder(w, kind);
         state.ResumeTiming();
-        install(w, w.*zip, last);
+        install(w, w.*zip, folder);
     }
     counters(state);
 }
@@ -321,7 +365,6 @@ void BM_OneLinePatchApply(benchmark::State& state) {
 // The sizes against the goals, without timing anything.
 int check() {
     const World& w = world();
-    if (!w.root.empty()) fs::remove_all(w.root);
     if (!w.found) {
         std::printf("release_bench: no releases under %s (npm ci in tests/e2e installs them)\n",
                     w.releases.c_str());
@@ -335,8 +378,25 @@ int check() {
         std::printf("FAIL: the patched increment is %.4f of the plain one\n", ratio);
         met = false;
     }
+    // The goal names a large script: a small one would meet it without saying anything.
+    if (w.script.size() < kLargeScript) {
+        std::printf("FAIL: the largest script is %zu bytes, under 7 MB\n", w.script.size());
+        met = false;
+    }
     if (w.oneLinePatch.size() >= kMaxOneLinePatch) {
         std::printf("FAIL: the one-line patch is %zu bytes\n", w.oneLinePatch.size());
+        met = false;
+    }
+    // And the download that carries it: the script as its one patch, adding under the goal to
+    // the list.
+    if (w.oneLineSummary.patched != std::vector<std::string>{w.scriptPath}) {
+        std::printf("FAIL: the one-line patched increment does not carry %s as a patch\n",
+                    w.scriptPath.c_str());
+        met = false;
+    }
+    if (oneLineExtra(w) >= kMaxOneLinePatch) {
+        std::printf("FAIL: the one-line patched increment adds %llu bytes to the list\n",
+                    static_cast<unsigned long long>(oneLineExtra(w)));
         met = false;
     }
     // A patched increment that patched nothing would meet the ratio only by accident.
@@ -358,7 +418,10 @@ int main(int argc, char** argv) {
     if (argc == 2 && std::strcmp(argv[1], "--check") == 0) return check();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    if (world().found) printFigures(world());
+    if (world().found) {
+        printFigures(world());
+        makeInstalled(world());
+    }
     FerritBench::FloorReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();

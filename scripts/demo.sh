@@ -4,8 +4,10 @@
 # library and installs the packs, nginx stops, and headless Chromium loads the app with every
 # request answered from the packs through the package's servePage; then a second version arrives
 # as an increment, and the network's faults (a server gone mid-download, a damaged zip, a bad
-# signature, a slow server) leave the installed version serving. Prints one line per step with
-# the page load times, then how soon two pages are ready from packs against nginx.
+# signature, a slow server) leave the installed version serving; the site goes back to version
+# one by an increment, and last one line of the app's 11 MB script changes and arrives as a
+# patched increment. Prints one line per step with the page load times, then how soon two pages
+# are ready from packs against nginx.
 # The sample app through the command-line tool alone: scripts/demo-sample.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."

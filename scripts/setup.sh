@@ -35,14 +35,26 @@ install_typecheck() {
 
 # puppeteer-core drives the system's Chromium, pinned by its committed lock file; it never
 # downloads a browser of its own. The same lock pins the two releases of a web library that the
-# patch benchmark and the story's large script use: a tree installed before they were added lacks
-# them and is installed again.
+# patch benchmark and the story's large script use. A tree installed from another lock (before
+# the releases were added, or at other versions) is installed again: npm's record of what it
+# installed, node_modules/.package-lock.json, must hold every package the lock names at the
+# lock's version (an optional one, for another platform, may be absent).
+e2e_matches_lock() {
+  local dir=$1
+  [ -f "$dir/node_modules/.package-lock.json" ] || return 1
+  node -e '
+    const [lock, installed] = process.argv.slice(1).map((file) => require(file).packages || {});
+    for (const [name, entry] of Object.entries(lock)) {
+      if (name === "") continue;
+      const have = installed[name];
+      if (have ? have.version !== entry.version : !entry.optional) process.exit(1);
+    }' "$dir/package-lock.json" "$dir/node_modules/.package-lock.json"
+}
+
 install_e2e() {
   local dir
   dir="$(cd "$(dirname "$0")/.." && pwd)/tests/e2e"
-  [ -f "$dir/node_modules/puppeteer-core/package.json" ] &&
-    [ -f "$dir/node_modules/release-old/package.json" ] &&
-    [ -f "$dir/node_modules/release-new/package.json" ] && return 0
+  e2e_matches_lock "$dir" && return 0
   (cd "$dir" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --ignore-scripts --no-audit --no-fund >/dev/null)
 }
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -46,6 +47,23 @@ inline std::function<uint64_t(uint64_t)> seededDraws(uint64_t seed) {
     return [engine](uint64_t maxInclusive) {
         return std::uniform_int_distribution<uint64_t>(0, maxInclusive)(*engine);
     };
+}
+
+// A bundler's output: lines of script-like text from a fixed seed, so that the patches made of
+// it, and the sizes tests check, are the same at every run.
+inline std::string scriptText(size_t size, uint64_t seed) {
+    static const char* const kWords[] = {"function", "return", "const", "let", "this", "value",
+                                         "render",   "state",  "props", "=>",  "if",   "else"};
+    std::mt19937_64 engine(seed);
+    std::string text;
+    while (text.size() < size) {
+        text += kWords[engine() % std::size(kWords)];
+        text += engine() % 7 == 0 ? ";\n" : " ";
+        text += std::to_string(engine() % 100000);
+        text += ' ';
+    }
+    text.resize(size);
+    return text;
 }
 
 // Each test begins and ends with the process-wide state of a fresh process (one reset puts back

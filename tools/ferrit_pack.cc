@@ -116,7 +116,9 @@ DESCRIPTION
 
     With --patches, also writes the patched increment: the same list and entries, except that
     a changed file whose zstd patch against its bytes in OLD is at least 256 bytes smaller than
-    the file deflated travels as "patch/<MD5 of the OLD bytes>/<path>". Prints each patched file,
+    the file as OUT.zip carries it (deflated or stored, by the zip's own rule) travels as
+    "patch/<MD5 of the OLD bytes>/<path>"; `ferrit publish`, which patches against every version
+    since the base, judges all of a path's patches together. Prints each patched file,
     the patched zip's MD5, the bytes it saves against OUT.zip, both sizes and the share saved.
     OUT.zip stays the increment that every device can take; the patched one goes beside it at
     <zips>/<name>/p/<seq>.zip, named by "cp" in the configuration (config --patch), and a device

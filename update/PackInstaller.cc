@@ -44,12 +44,15 @@ PackInstaller::~PackInstaller() {
     abandonFile();
 }
 
-Error PackInstaller::beginFile(const std::string& path) {
+Error PackInstaller::beginFile(const std::string& path, uint64_t expectedSize) {
     abandonFile();
     streamPath_ = path;
     streaming_ = true;
     streamBytes_.clear();
-    if (isPacked()) return Error();
+    if (isPacked()) {
+        streamBytes_.reserve(expectedSize);
+        return Error();
+    }
     const Folder file = writeRoot_.childOf(path);
     if (Error error = ensureParents(file)) {
         streaming_ = false;

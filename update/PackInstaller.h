@@ -77,8 +77,10 @@ class PackInstaller {
     // each piece, endFile. A Disk file is written as the pieces come; a file of the packed store,
     // whose value is one row, is gathered and written at its end. A file given up half way
     // (abandonFile, or the installer's end) is removed. Same errors as writeFile; a piece or an
-    // end with no file begun (or after one failed) is 1104.
-    Error beginFile(const std::string& path);
+    // end with no file begun (or after one failed) is 1104. `expectedSize`, when the caller
+    // knows the file's size already (and has bounded it), is reserved at once for a file of the
+    // packed store: gathered by growing, it would hold up to twice the file.
+    Error beginFile(const std::string& path, uint64_t expectedSize = 0);
     Error appendFile(std::string_view piece);
     Error endFile(std::string_view checkedMd5 = {});
     void abandonFile();

@@ -9,9 +9,6 @@ namespace FerritCore {
 
 namespace {
 
-// A patch entry names its file without this folder, as the list names it with: the two are
-// matched by adding it.
-constexpr std::string_view kResourcePrefix = "res/";
 // Lower-case hexadecimal digits of an MD5.
 constexpr size_t kMd5Length = 32;
 
@@ -35,6 +32,15 @@ PatchedEntries::PatchedEntries(PackInstaller& installer, const ResourceIndex& li
 
 PatchedEntries::~PatchedEntries() = default;
 
+std::string PatchedEntries::applicableEntry(const ResourceRecord* held,
+                                            const ResourceRecord& wanted) {
+    // Only a resource travels as a patch; a list may name files beside "res/" too.
+    if (!wanted.path.starts_with(kResourcePrefix)) return std::string();
+    if (held == nullptr || held->path != wanted.path || held->sameFileAs(wanted))
+        return std::string();
+    return patchEntryName(held->md5, std::string_view(wanted.path).substr(kResourcePrefix.size()));
+}
+
 Error PatchedEntries::begin(const std::string& entry) {
     applier_.reset();
     path_.clear();
@@ -50,20 +56,22 @@ Error PatchedEntries::begin(const std::string& entry) {
     patched_.insert(path);
     if (resolved_.count(path) != 0) return Error();
     std::shared_ptr<const ResourceRecord> held = installedList_.find(path);
-    // Nothing installed under the path: no patch can apply, which unresolved() reports.
-    if (!held || held->path != path) return Error();
     // The installed file is the new one already: the kept-file copy takes it.
-    if (held->sameFileAs(*wanted)) {
+    if (held && held->path == path && held->sameFileAs(*wanted)) {
         resolved_.insert(path);
         return Error();
     }
-    // A patch against another version's bytes.
-    if (held->md5 != md5) return Error();
+    // A patch against another version's bytes, or nothing installed under the path: no patch
+    // applies, which unresolved() reports if no other entry does.
+    if (applicableEntry(held.get(), *wanted) != entry) return Error();
     if (!wanted->hasSize())
         return Errors::patchFailed(inZip.describe(), "the list states no size for the file made");
+    // Judged before anything is read or reserved: the applier would refuse it at the header.
+    if (wanted->size > limit_)
+        return Errors::patchFailed(inZip.describe(), "the file made is above the patch limit");
     if (Error error = readReference(path, std::string(md5))) return error;
     applier_.emplace(reference_, inZip, wanted->size, wanted->md5, limit_);
-    if (Error error = installer_.beginFile(path)) {
+    if (Error error = installer_.beginFile(path, wanted->size)) {
         applier_.reset();
         return error;
     }

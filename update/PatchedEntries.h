@@ -13,10 +13,10 @@
 // is a failure (unresolved()), as is a reference above kPatchLimit.
 //
 // Memory: one installed file (at most kPatchLimit), what the applier holds (its window at most
-// kPatchLimit, plus a piece of kPatchChunk) and, when the new version lives in the packed store,
-// the file made, gathered whole until it is stored (at most kPatchLimit, the size the list
-// states): about three times the limit there, two for a version on the disk. peakMemory()
-// reports the sum of the three at one application's end.
+// kPatchLimit, plus a piece of kPatchChunk) and the file made, gathered whole until it is stored
+// in the packed store, where every version that takes increments lives (reserved at once at the
+// size the list states, which is refused above kPatchLimit): about three times the limit.
+// peakMemory() reports the sum of the three at one application's end.
 //
 // Not thread-safe: lives inside one install stage on the worker.
 #pragma once
@@ -47,7 +47,15 @@ class PatchedEntries {
     PatchedEntries(const PatchedEntries&) = delete;
     PatchedEntries& operator=(const PatchedEntries&) = delete;
 
+    // The folder the list names resources under; a patch entry names its file without it.
+    static constexpr std::string_view kResourcePrefix = "res/";
+
     static bool isPatch(std::string_view entry) { return entry.starts_with(kPatchEntryPrefix); }
+    // The one patch entry that can make `wanted` on a device whose installed list names `held`
+    // for the same path: the patch from the installed bytes. Empty when nothing is installed
+    // under the path, the installed file is the new one already (it is kept), or `wanted` is
+    // not a resource. The walk and the budget's check both decide by it.
+    static std::string applicableEntry(const ResourceRecord* held, const ResourceRecord& wanted);
 
     // One patch entry: begin, each piece, end. An error stops the walk.
     Error begin(const std::string& entry);

@@ -19,7 +19,12 @@
 // Forms: a run that may take an increment asks first for the patched increment when the record
 // names one, then the plain increment, then the full zip; each form that fails in a way the next
 // one may not is given up in the same run, saying why ("patchRefused", "incrRefused"), and what it
-// left is deleted at once. The record's "form" names the one installed.
+// left is deleted at once. The record's "form" names the one installed. A failed download of
+// the patched increment is refused like any other failure of it, a deadline or a broken
+// connection included: the p/ folder alone may be what the server lacks or serves badly, and the
+// plain increment is worth asking for. The price is that a server that hangs costs two
+// deadlines, one per increment, before the run fails (a failed download of the plain increment
+// ends the run; the full zip is fetched only when the increment cannot complete a version).
 //
 // Failure: every failure ends the task in finished() with `error` set. The record stays as it
 // was, installed sequence included, so readers go on with the old version; the temporary folder

@@ -24,9 +24,6 @@ constexpr std::string_view kIndexEntry = kIndexFileName;
 constexpr std::string_view kInfoEntry = "app-info.hvc";
 // The download inside the run's temporary folder.
 constexpr std::string_view kDownloadName = "origin.zip";
-// A patch entry names its file without this folder, as the list names it with: the two are
-// matched by adding it.
-constexpr std::string_view kResourcePrefix = "res/";
 // Bits 16 and 17 of the flags, where the payload kind sits.
 constexpr uint64_t kPayloadKindMask = 0x30000;
 
@@ -102,6 +99,8 @@ class EntryWriter {
         length_ = 0;
         if (entry.ends_with('/')) {
             skip_ = true;
+            // The patches' folders name no folder of the version.
+            if (PatchedEntries::isPatch(entry)) return true;
             error_ = installer_.makeDirectory(entry);
             return !error_;
         }
@@ -358,22 +357,18 @@ const ResourceIndex& UpdatePackWork::installedList() {
 }
 
 // What the patches this device will apply make: a patch's entry records its own few bytes, not
-// the file's. Only a file whose installed MD5 differs from the new one can be patched, by the
-// entry named for that MD5.
+// the file's.
 uint64_t UpdatePackWork::patchedBytes() {
     const ResourceIndex& installed = installedList();
     // Without a list nothing applies: the walk refuses the patches.
     if (installed.error()) return 0;
     uint64_t total = 0;
     index_->forEachFile([&](const ResourceRecord& wanted) {
-        // Only a resource travels as a patch; a list may name files beside "res/" too.
-        if (!wanted.path.starts_with(kResourcePrefix)) return;
+        if (!wanted.hasSize()) return;
         std::shared_ptr<const ResourceRecord> held = installed.find(wanted.path);
-        if (!held || held->path != wanted.path || held->md5 == wanted.md5 || !wanted.hasSize())
-            return;
-        const std::string entry =
-            patchEntryName(held->md5, std::string_view(wanted.path).substr(kResourcePrefix.size()));
-        if (zip_.hasEntry(entry)) total += wanted.size;
+        // The walk applies the same entry, by the same rule.
+        const std::string entry = PatchedEntries::applicableEntry(held.get(), wanted);
+        if (!entry.empty() && zip_.hasEntry(entry)) total += wanted.size;
     });
     return total;
 }

@@ -5,8 +5,9 @@
 // package's servePage. Then a second version with two changed files arrives as an increment,
 // and the network's faults leave the installed version serving; at the end the site goes back to
 // version one, and its increment brings the device back to it; last, one line of the app's 11 MB
-// script (a real release of a charting library) changes and arrives as a patched increment. Also: the page's load time from
-// packs against nginx behind a proxy that adds 100 ms to every request, and the inspector page.
+// script (a real release of a charting library) changes and arrives as a patched increment.
+// Also: the page's load time from packs against nginx behind a proxy that adds 100 ms to every
+// request, and the inspector page.
 // One process holds the library, so the steps run in order in one test.
 const assert = require('node:assert/strict');
 const fs = require('fs');
@@ -348,6 +349,14 @@ test('the app is published, installed, loaded offline and updated by increment',
     assert.ok(paths.includes('/packs/story/p/7.zip'), 'the patched increment was fetched');
     assert.ok(!paths.includes('/packs/story/i/7.zip'), 'not the plain increment');
     assert.ok(!paths.includes('/packs/story/7.zip'), 'not the full zip');
+    // The inspector tells the form each update took: the patched one, none given up. Its check
+    // of the configuration needs the server, so it asks before nginx stops.
+    const reported = (await cache.inspect('FerritDev.update')).packs ?? [];
+    const story = reported.filter((entry) => entry.name === 'story').at(-1);
+    assert.ok(story, `the inspector reported the update: ${JSON.stringify(reported)}`);
+    assert.equal(Number(story.seq), 7);
+    assert.equal(story.form, 'patched');
+    assert.equal(story.patchRefused, undefined, `the patched form was given up: ${story.patchRefused}`);
     const bytes = fs.statSync(path.join(tree, 'packs/story/p/7.zip')).size;
     step(`version seven by a patched increment of ${bytes} bytes`);
     await nginx.stop();

@@ -199,7 +199,10 @@ function png(w, h, [r, g, b]) {
 // `exports.version = "<version>";` sets and the library reports as `Plotly.version`.
 const releaseFolder = path.join(__dirname, 'node_modules', 'release-new');
 function releaseScript() {
-  const release = JSON.parse(fs.readFileSync(path.join(releaseFolder, 'package.json'), 'utf8'));
+  const described = path.join(releaseFolder, 'package.json');
+  // A tree installed before the lock pinned the releases lacks them: say what installs them.
+  if (!fs.existsSync(described)) throw new Error(`${releaseFolder} is missing (scripts/setup.sh installs it)`);
+  const release = JSON.parse(fs.readFileSync(described, 'utf8'));
   return { bytes: fs.readFileSync(path.join(releaseFolder, release.main)), version: release.version };
 }
 // The line of the large script that sets its version.

@@ -10,25 +10,9 @@
 #include "tests/TestUtil.h"
 
 using namespace FerritCore;
+using FerritTest::scriptText;
 
 namespace {
-
-// A bundler's output: lines of script-like text from a fixed seed, so that the patch sizes the
-// tests check are the same at every run.
-std::string script(size_t size, uint64_t seed) {
-    static const char* const kWords[] = {"function", "return", "const", "let", "this", "value",
-                                         "render",   "state",  "props", "=>",  "if",   "else"};
-    std::mt19937_64 engine(seed);
-    std::string text;
-    while (text.size() < size) {
-        text += kWords[engine() % std::size(kWords)];
-        text += engine() % 7 == 0 ? ";\n" : " ";
-        text += std::to_string(engine() % 100000);
-        text += ' ';
-    }
-    text.resize(size);
-    return text;
-}
 
 // The same script with one line changed in the middle.
 std::string oneLineChanged(std::string text) {
@@ -63,7 +47,7 @@ class PatchTest : public FerritTest::ProcessTest {
 };
 
 TEST_F(PatchTest, RoundTripOfAOneLineChangeIsSmall) {
-    const std::string old = script(1 << 20, 1);
+    const std::string old = scriptText(1 << 20, 1);
     const std::string changed = oneLineChanged(old);
     ErrorOr<std::string> patch = makePatch(old, changed);
     ASSERT_TRUE(patch.ok()) << patch.error().message();
@@ -74,8 +58,8 @@ TEST_F(PatchTest, RoundTripOfAOneLineChangeIsSmall) {
 }
 
 TEST_F(PatchTest, RoundTripInOneBytePieces) {
-    const std::string old = script(20000, 2);
-    const std::string changed = oneLineChanged(old) + script(3000, 3);
+    const std::string old = scriptText(20000, 2);
+    const std::string changed = oneLineChanged(old) + scriptText(3000, 3);
     ErrorOr<std::string> patch = makePatch(old, changed);
     ASSERT_TRUE(patch.ok());
     std::string out;
@@ -84,7 +68,7 @@ TEST_F(PatchTest, RoundTripInOneBytePieces) {
 }
 
 TEST_F(PatchTest, EmptyFilesOnEitherSide) {
-    const std::string text = script(5000, 4);
+    const std::string text = scriptText(5000, 4);
     for (const auto& [from, to] : {std::pair<std::string, std::string>{"", text}, {text, ""}}) {
         ErrorOr<std::string> patch = makePatch(from, to);
         ASSERT_TRUE(patch.ok());
@@ -95,7 +79,7 @@ TEST_F(PatchTest, EmptyFilesOnEitherSide) {
 }
 
 TEST_F(PatchTest, WrongReferenceFails) {
-    const std::string old = script(200000, 5);
+    const std::string old = scriptText(200000, 5);
     const std::string changed = oneLineChanged(old);
     ErrorOr<std::string> patch = makePatch(old, changed);
     ASSERT_TRUE(patch.ok());
@@ -106,12 +90,12 @@ TEST_F(PatchTest, WrongReferenceFails) {
     EXPECT_TRUE(Errors::isPatchFailed(error) || Errors::isFileVerify(error)) << error.message();
     // Another version of the file altogether.
     out.clear();
-    error = apply(script(200000, 6), *patch, changed, out);
+    error = apply(scriptText(200000, 6), *patch, changed, out);
     EXPECT_TRUE(Errors::isPatchFailed(error) || Errors::isFileVerify(error)) << error.message();
 }
 
 TEST_F(PatchTest, TruncatedPatchFails) {
-    const std::string old = script(100000, 7);
+    const std::string old = scriptText(100000, 7);
     const std::string changed = oneLineChanged(old);
     ErrorOr<std::string> patch = makePatch(old, changed);
     ASSERT_TRUE(patch.ok());
@@ -123,7 +107,7 @@ TEST_F(PatchTest, TruncatedPatchFails) {
 }
 
 TEST_F(PatchTest, BytesAfterThePatchFail) {
-    const std::string old = script(10000, 8);
+    const std::string old = scriptText(10000, 8);
     ErrorOr<std::string> patch = makePatch(old, oneLineChanged(old));
     ASSERT_TRUE(patch.ok());
     std::string out;
@@ -134,7 +118,7 @@ TEST_F(PatchTest, BytesAfterThePatchFail) {
 // A patch that is sound in itself but makes other bytes than the list names: the caller's
 // expectation is what catches it.
 TEST_F(PatchTest, PatchMakingOtherBytesFailsTheExpectation) {
-    const std::string old = script(50000, 9);
+    const std::string old = scriptText(50000, 9);
     const std::string wanted = oneLineChanged(old);
     std::string other = wanted;
     other[10] = other[10] == 'a' ? 'b' : 'a';
@@ -158,7 +142,7 @@ TEST_F(PatchTest, PatchMakingOtherBytesFailsTheExpectation) {
 
 // The declared size is judged when the header is whole, however the first bytes arrive.
 TEST_F(PatchTest, DeclaredSizeIsJudgedAtTheHeaderInOneBytePieces) {
-    const std::string old = script(20000, 14);
+    const std::string old = scriptText(20000, 14);
     const std::string wanted = oneLineChanged(old);
     ErrorOr<std::string> shorter = makePatch(old, wanted.substr(0, wanted.size() - 1));
     ASSERT_TRUE(shorter.ok());
@@ -177,7 +161,7 @@ TEST_F(PatchTest, GarbageIsNotAPatch) {
 }
 
 TEST_F(PatchTest, SinkErrorStopsTheApplication) {
-    const std::string old = script(300000, 10);
+    const std::string old = scriptText(300000, 10);
     const std::string changed = oneLineChanged(old);
     ErrorOr<std::string> patch = makePatch(old, changed);
     ASSERT_TRUE(patch.ok());
@@ -196,7 +180,7 @@ TEST_F(PatchTest, SinkErrorStopsTheApplication) {
 // output, whatever the file's size.
 TEST_F(PatchTest, MemoryStaysWithinTheLimit) {
     constexpr uint64_t kLimit = 1 << 20;
-    const std::string old = script(900000, 11);
+    const std::string old = scriptText(900000, 11);
     const std::string changed = oneLineChanged(old);
     ErrorOr<std::string> patch = makePatch(old, changed, kPatchLevel, kLimit);
     ASSERT_TRUE(patch.ok());
@@ -206,7 +190,7 @@ TEST_F(PatchTest, MemoryStaysWithinTheLimit) {
     EXPECT_GT(peak_, 0u);
     EXPECT_LE(peak_, kLimit + (512u << 10)) << peak_;
 
-    const std::string big = script(4 << 20, 12);
+    const std::string big = scriptText(4 << 20, 12);
     const std::string bigChanged = oneLineChanged(big);
     ErrorOr<std::string> bigPatch = makePatch(big, bigChanged, 3);
     ASSERT_TRUE(bigPatch.ok());
@@ -225,7 +209,7 @@ TEST_F(PatchTest, MemoryStaysWithinTheLimit) {
 }
 
 TEST_F(PatchTest, MakingRefusesFilesAboveTheLimit) {
-    const std::string big = script(5000, 13);
+    const std::string big = scriptText(5000, 13);
     EXPECT_TRUE(Errors::isPatchFailed(makePatch(big, "x", 3, 4096).error()));
     EXPECT_TRUE(Errors::isPatchFailed(makePatch("x", big, 3, 4096).error()));
 }

@@ -2,10 +2,11 @@
 // installed version holds. Each case runs with the installed version in the packed store and on
 // the disk (a version an older build installed there). The happy path fetches only "/p/"; every
 // way the patched form can fail falls back, in the same task, to the plain increment and then to
-// the full zip, and the device always ends serving the new version's bytes.
+// the full zip, and the device always ends serving the new version's bytes. Only a plain pack
+// takes increments, so the new version always lands in the packed store; an application staged
+// on the disk, a record with its own zip and a preview never ask for the patched form.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <random>
 #include <string>
 #include <vector>
@@ -17,22 +18,6 @@
 
 namespace FerritTest {
 namespace {
-
-// A bundler's output from a fixed seed: the same bytes, so the same patches, at every run.
-std::string script(size_t size, uint64_t seed) {
-    static const char* const kWords[] = {"function", "return", "const", "let", "this", "value",
-                                         "render",   "state",  "props", "=>",  "if",   "else"};
-    std::mt19937_64 engine(seed);
-    std::string text;
-    while (text.size() < size) {
-        text += kWords[engine() % std::size(kWords)];
-        text += engine() % 7 == 0 ? ";\n" : " ";
-        text += std::to_string(engine() % 100000);
-        text += ' ';
-    }
-    text.resize(size);
-    return text;
-}
 
 // The same script with one line changed in the middle.
 std::string oneLineChanged(std::string text, const std::string& line = "console.log(\"fixed\");") {
@@ -48,7 +33,7 @@ class PatchInstallTest : public InstallFixture, public ::testing::WithParamInter
 
     static PackFiles version1() {
         return {{"index.html", "<!doctype html><title>v1</title>"},
-                {kBig, script(200000, 29)},
+                {kBig, scriptText(200000, 29)},
                 {"css/app.css", "body{color:red}"}};
     }
     // The script changes by one line, the page whole, and a file is added.
@@ -379,6 +364,28 @@ TEST_P(PatchInstallTest, PlainIncrementBrokenTooEndsWithTheFullZip) {
     EXPECT_TRUE(tempLeft().empty());
 }
 
+// A broken connection on the patched increment is refused like any failure of it: the plain
+// increment is asked for next. When that fails the same way the run ends there, the full zip
+// untried, with the version installed before.
+TEST_P(PatchInstallTest, TransportFailureOnBothIncrementsEndsTheRun) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    offerVersion2(patchedOf(version1(), version2()));
+    FakeProxy::Answer broken;
+    broken.transportError = Error(-1, "connection reset");
+    proxy_->serve(zips({"p/"})[0], broken);
+    proxy_->serve(zips({"i/"})[0], broken);
+    const Error error = update("shop", kTriggerTimer);
+    EXPECT_TRUE(error);
+    EXPECT_EQ(urls(), zips({"p/", "i/"}));
+    EXPECT_EQ(find("shop")->installedSeq, 1u);
+    expectServes(version1());
+    EXPECT_NE(dimension(runRecord(), "patchRefused").find("connection reset"), std::string::npos)
+        << dimension(runRecord(), "patchRefused");
+    EXPECT_EQ(logs_->count("patchRefused"), 1u);
+    settle();
+    EXPECT_TRUE(tempLeft().empty());
+}
+
 // A list may name a file beside the resources, here changed since the installed version: only a
 // resource can travel as a patch, and the budget's check looks for patches among those alone.
 TEST_P(PatchInstallTest, ListedFileBesideTheResourcesTravelsWhole) {
@@ -536,11 +543,11 @@ TEST_P(PatchInstallTest, InstalledFileWithTheNewBytesIsKept) {
     EXPECT_EQ(dimension(runRecord(), "form"), "patched");
 }
 
-// A file of a few megabytes: what the device holds to patch it is the installed file and the
-// decoder's window, bounded by the limit and not by the patch or the zip.
+// A file of a few megabytes: what the device holds to patch it is the installed file, the
+// decoder's window and the file made, bounded by the limit and not by the patch or the zip.
 TEST_P(PatchInstallTest, PatchOfALargeFileStaysWithinTheLimit) {
     PackFiles first = version1();
-    first[kBig] = script(5u << 20, 31);
+    first[kBig] = scriptText(5u << 20, 31);
     ASSERT_NO_FATAL_FAILURE(installFirst(first));
     PackFiles second = first;
     second[kBig] = oneLineChanged(first[kBig]);
@@ -554,13 +561,117 @@ TEST_P(PatchInstallTest, PatchOfALargeFileStaysWithinTheLimit) {
     EXPECT_EQ(dimension(run, "form"), "patched");
     ASSERT_EQ(run.measures.count("patchMemory"), 1u);
     const double held = run.measures.at("patchMemory");
-    // The reference and, as the new version lives in the packed store, the file made, gathered
-    // whole; beside them the decoder's window (the file's size to the next power of two), a
-    // piece, and a megabyte for the decoder's own state.
-    const uint64_t file = first[kBig].size();
-    const uint64_t window = std::bit_ceil(second[kBig].size());
-    EXPECT_GE(held, static_cast<double>(2 * file + window));
-    EXPECT_LE(held, static_cast<double>(2 * file + window + kPatchChunk + (1u << 20))) << held;
+    // The reference; the decoder, whose window holds the file made (a frame that states its
+    // size needs no more); the file made, gathered whole as the new version lives in the packed
+    // store, in a buffer of exactly its size; beside them a piece and a megabyte for the
+    // decoder's own state. A buffer grown piece by piece would pass the bound by megabytes.
+    const uint64_t reference = first[kBig].size();
+    const uint64_t made = second[kBig].size();
+    EXPECT_GE(held, static_cast<double>(reference + 2 * made));
+    EXPECT_LE(held, static_cast<double>(reference + 2 * made + kPatchChunk + (1u << 20))) << held;
+}
+
+// An application staged on the disk under "apps/" is replaced whole: it never takes an
+// increment, so a record of that type that names a patched increment still fetches the full zip.
+TEST_P(PatchInstallTest, AppStagedOnTheDiskFetchesTheFullZipDespiteAPatch) {
+    // The installed version is on the disk in both cases: one run says it all.
+    if (onDiskInstall()) GTEST_SKIP() << "the same run as the packed case";
+    const std::string first = zipOf(version1());
+    auto p = record("shop", kPackTypeACache, 1, 1, kPriorityAutoInstall);
+    p->md5 = Digest::md5Hex(first);
+    put({p});
+    serveFull("shop", 1, first, kAppZipPrefix);
+    const Error installed = update("shop", kTriggerTimer);
+    ASSERT_FALSE(installed) << installed.message();
+    ASSERT_TRUE(onDisk("apps/shop/1"));
+    proxy_->requests.clear();
+    proxy_->clearRecords();
+    const std::string patched = patchedOf(version1(), version2());
+    offerVersion2(patched);
+    ASSERT_FALSE(find("shop")->patchMd5.empty());
+    // Each form is served where an app's zips live: only the full one may be asked for.
+    const std::string at = std::string(kAppZipPrefix) + "shop/";
+    proxy_->serve(at + "p/2.zip", 200, patched);
+    proxy_->serve(at + "i/2.zip", 200, incrementOf(version1(), version2()));
+    serveFull("shop", 2, zipOf(version2()), kAppZipPrefix);
+    const Error error = update("shop", kTriggerTimer);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(urls(), std::vector<std::string>{at + "2.zip"});
+    EXPECT_EQ(find("shop")->installedSeq, 2u);
+    EXPECT_TRUE(onDisk("apps/shop/2"));
+    expectServes(version2());
+    EXPECT_EQ(dimension(runRecord(), "form"), "full");
+    EXPECT_EQ(dimension(runRecord(), "patchRefused"), "(none)");
+    settle();
+    EXPECT_TRUE(tempLeft().empty());
+}
+
+// A folder entry under "patch/" names no folder of the version: an application staged on the
+// disk, where folders are made, gets none.
+TEST_P(PatchInstallTest, FolderEntryUnderPatchMakesNoFolder) {
+    if (onDiskInstall()) GTEST_SKIP() << "the same run as the packed case";
+    FerritTools::ZipWriter writer;
+    std::string zip, error;
+    ASSERT_TRUE(writer.addFile("app-res.hvc", indexOf(version1()), error)) << error;
+    FerritTools::ZipWriter::Entry folder;
+    folder.name = "patch/0123456789abcdef0123456789abcdef/";
+    folder.deflate = false;
+    folder.unixMode = 040755;
+    ASSERT_TRUE(writer.add(folder, error)) << error;
+    for (const auto& [path, content] : version1())
+        ASSERT_TRUE(writer.addFile("res/" + path, content, error)) << error;
+    ASSERT_TRUE(writer.finish(zip, error)) << error;
+    auto p = record("shop", kPackTypeACache, 1, 1, kPriorityAutoInstall);
+    p->md5 = Digest::md5Hex(zip);
+    put({p});
+    serveFull("shop", 1, zip, kAppZipPrefix);
+    const Error installed = update("shop", kTriggerTimer);
+    ASSERT_FALSE(installed) << installed.message();
+    ASSERT_TRUE(onDisk("apps/shop/1/res"));
+    EXPECT_FALSE(onDisk("apps/shop/1/patch"));
+    expectServes(version1());
+}
+
+// A record that names its own zip is fetched from there alone, whatever "cp" says: the patched
+// increment lives only on the pack server.
+TEST_P(PatchInstallTest, RecordWithItsOwnZipNeverAsksForThePatchedIncrement) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string full = zipOf(version2());
+    offerVersion2(patchedOf(version1(), version2()));
+    auto p = find("shop")->clone();
+    p->subType = kSubTypeFixedUrl;
+    p->zipURL = "https://cdn.test/shop-2.zip";
+    p->incrMd5 = Digest::md5Hex(full);
+    put({p});
+    ASSERT_FALSE(find("shop")->patchMd5.empty());
+    proxy_->serve(p->zipURL, 200, full);
+    const Error error = update("shop", kTriggerTimer);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(urls(), std::vector<std::string>{p->zipURL});
+    EXPECT_EQ(find("shop")->installedSeq, 2u);
+    expectServes(version2());
+    EXPECT_NE(dimension(runRecord(), "form"), "patched");
+    EXPECT_EQ(logs_->count("patchRefused"), 0u);
+}
+
+// A preview record carries its zip's address too: the preview is fetched from there alone.
+TEST_P(PatchInstallTest, PreviewRecordNeverAsksForThePatchedIncrement) {
+    ASSERT_NO_FATAL_FAILURE(installFirst(version1()));
+    const std::string full = zipOf(version2());
+    offerVersion2(patchedOf(version1(), version2()));
+    auto p = find("shop")->clone();
+    p->status = kPackStatusPreview;
+    p->zipURL = "https://preview.test/shop-2.zip";
+    put({p});
+    ASSERT_FALSE(find("shop")->patchMd5.empty());
+    proxy_->serve(p->zipURL, 200, full);
+    const Error error = update("shop", kTriggerPreview);
+    ASSERT_FALSE(error) << error.message();
+    EXPECT_EQ(urls(), std::vector<std::string>{p->zipURL});
+    EXPECT_EQ(find("shop")->installedSeq, 2u);
+    expectServes(version2());
+    EXPECT_EQ(dimension(runRecord(), "form"), "full");
+    EXPECT_EQ(logs_->count("patchRefused"), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Installed, PatchInstallTest, ::testing::Bool(),

@@ -237,32 +237,35 @@ uint64_t wholeEntrySize(const std::string& content, int level) {
 }
 
 // The entries that carry `path` of a patched increment as patches, one per distinct MD5 it had
-// since the base other than `md5` (its new one), in MD5 order; false when it travels whole: a
-// version lacks it (a device there has nothing to patch), a reference's bytes are not at hand,
-// a patch fails, or the patches together do not save the margin against the file whole: the
-// zip carries every one of them, so it is their sum that must pay.
+// since the base other than `md5` (its new one), newest version first; false when it travels
+// whole: a version lacks it (a device there has nothing to patch), a reference's bytes are not at
+// hand, a patch fails, or the patches together do not save the margin against the file whole:
+// the zip carries every one of them, so it is their sum that must pay.
 bool patchEntries(const std::string& path, const std::string& bytes, const std::string& md5,
                   const std::vector<PackListing>& since, const ReferenceFiles& references,
                   int level, std::vector<ZipWriter::Entry>& entries, PatchSummary& summary) {
-    std::map<std::string, const std::string*> olds;
     const auto held = references.find(path);
-    for (const PackListing& list : since) {
-        const auto file = list.find(path);
-        if (file == list.end()) return false;
-        if (file->second.md5 == md5) continue;
-        const std::string*& reference = olds[file->second.md5];
-        if (reference != nullptr || held == references.end()) continue;
-        const auto bytes = held->second.find(file->second.md5);
+    std::vector<std::pair<std::string, const std::string*>> olds;
+    // Newest first: the devices most likely to update are the most recent ones, and the patches
+    // stop at the first that breaks the margin, so the likeliest are judged before the rest.
+    for (auto list = since.rbegin(); list != since.rend(); ++list) {
+        const auto file = list->find(path);
+        if (file == list->end()) return false;
+        const std::string& oldMd5 = file->second.md5;
+        if (oldMd5 == md5 || std::any_of(olds.begin(), olds.end(),
+                                         [&](const auto& old) { return old.first == oldMd5; }))
+            continue;
+        if (held == references.end()) return false;
+        const auto stored = held->second.find(oldMd5);
         // Only bytes that are what the list says: a patch against others would fail every device.
-        if (bytes != held->second.end() &&
-            FerritCore::Digest::md5Hex(bytes->second) == file->second.md5)
-            reference = &bytes->second;
+        if (stored == held->second.end() || FerritCore::Digest::md5Hex(stored->second) != oldMd5)
+            return false;
+        olds.emplace_back(oldMd5, &stored->second);
     }
     const uint64_t whole = wholeEntrySize(bytes, level);
     std::vector<ZipWriter::Entry> made;
     uint64_t patchBytes = 0;
     for (const auto& [oldMd5, reference] : olds) {
-        if (reference == nullptr) return false;
         FerritCore::ErrorOr<std::string> patch = FerritCore::makePatch(*reference, bytes);
         // A file beyond what a device patches travels whole, as it would without patches.
         if (!patch.ok()) return false;
@@ -271,9 +274,12 @@ bool patchEntries(const std::string& path, const std::string& bytes, const std::
         entry.content = std::move(*patch);
         entry.deflate = false;  // a zstd frame does not deflate further
         patchBytes += entry.content.size();
+        // The sum only grows: once past the margin no further patch can bring it back, and each
+        // costs a slow high-level compression.
+        if (patchBytes + kPatchMarginBytes > whole) return false;
         made.push_back(std::move(entry));
     }
-    if (made.empty() || patchBytes + kPatchMarginBytes > whole) return false;
+    if (made.empty()) return false;
     entries = std::move(made);
     summary.patched.push_back(path);
     summary.wholeBytes += whole;

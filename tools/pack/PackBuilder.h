@@ -122,8 +122,8 @@ using ReferenceFiles = std::map<std::string, std::map<std::string, std::string>>
 // either whole as "res/<path>" or, when every version since the base has the path and each
 // distinct older MD5 (other than the new one) has its bytes in `references` and a patch, and the
 // patches together save at least kPatchMarginBytes against the file as the plain increment
-// carries it, as one stored entry "patch/<older MD5>/<path>" per such MD5. `patches`, when set,
-// says what travelled as patches.
+// carries it, as one stored entry "patch/<older MD5>/<path>" per such MD5, the newest version's
+// first. `patches`, when set, says what travelled as patches.
 bool buildIncrementSince(const std::vector<PackListing>& since, const PackContent& current,
                          const PackOptions& options, std::string& zip, std::string& error,
                          IncrementSummary* summary = nullptr,

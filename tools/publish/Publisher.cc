@@ -286,11 +286,17 @@ bool writePatchedIncrement(const std::string& out, const std::string& folder,
     ReferenceFiles references;
     readPatchReferences(out, folder, done.baseSeq, since, listingOf(content.files),
                         done.summary.changed, references);
+    done.incrementBytes = increment.size();
+    // Without a reference no path can travel as a patch: the build would only remake the plain
+    // increment byte for byte, which is never written, so its size stands for it.
+    if (references.empty()) {
+        done.patchedBytes = increment.size();
+        return true;
+    }
     std::string patched;
     if (!buildIncrementSince(since, content, options, patched, error, nullptr, &references,
                              &done.patches))
         return false;
-    done.incrementBytes = increment.size();
     done.patchedBytes = patched.size();
     if (patched.size() >= increment.size()) return true;
     const std::string path = patchedZip(folder, done.seq);
